@@ -1,0 +1,29 @@
+# What every target of this project has in common, and the options of the whole build.
+
+option(ORVX_WERROR "Treat warnings as errors" ${ORVX_TOP_LEVEL})
+set(ORVX_SANITIZE "" CACHE STRING "Sanitizers for everything, e.g. address,undefined or thread")
+option(ORVX_COVERAGE "Instrument for line coverage" OFF)
+
+function(orvx_target name)
+  target_compile_features(${name} PUBLIC cxx_std_17)
+  set_target_properties(${name} PROPERTIES
+    CXX_EXTENSIONS OFF
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_compile_options(${name} PRIVATE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<BOOL:${ORVX_WERROR}>:-Werror>
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+  if(ORVX_SANITIZE)
+    target_compile_options(${name} PRIVATE -fsanitize=${ORVX_SANITIZE} -fno-omit-frame-pointer
+      -fno-sanitize-recover=all
+      # Takes a free file descriptor itself, and reports a wrong pointer when tests leave none.
+      -fno-sanitize=vptr)
+    target_link_options(${name} PUBLIC -fsanitize=${ORVX_SANITIZE})
+  endif()
+  if(ORVX_COVERAGE)
+    target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic)
+    target_link_options(${name} PUBLIC --coverage)
+  endif()
+endfunction()

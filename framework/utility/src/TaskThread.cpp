@@ -1,0 +1,144 @@
+// The loop behind the executor and the timer.
+// Entered by any thread; work() is what the worker runs. `mutex_` guards the tasks and the three
+// flags and is held while the worker is made, so that nothing runs on it before start() is through.
+// No task, error handler or destructor of a task runs under it.
+
+#include "TaskThread.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <tuple>
+#include <utility>
+
+namespace orvx::utility {
+
+TaskThread::TaskThread(WhileStopped whileStopped, ErrorHandler errorHandler)
+    : whileStopped_(whileStopped), errorHandler_(std::move(errorHandler)) {}
+
+void TaskThread::start(const std::string& name) {
+    MutexLock lock(mutex_);
+    if (!working_) {
+        worker_.start(name, [self = shared_from_this()] { self->work(); });
+        working_ = true;
+    }
+    running_ = true;
+}
+
+void TaskThread::add(Clock::time_point due, Task task) {
+    // A task that is not taken is destroyed by the caller, after the lock was let go.
+    MutexLock lock(mutex_);
+    if (ended_ || (!running_ && whileStopped_ == WhileStopped::DropTasks)) {
+        return;
+    }
+    const auto number = added_++;
+    entries_.push_back({due, number, std::move(task)});
+    std::push_heap(entries_.begin(), entries_.end(), isLater);
+    if (entries_.front().number == number) {
+        changed_.notify_one();
+    }
+}
+
+bool TaskThread::isRunning() const {
+    MutexLock lock(mutex_);
+    return running_;
+}
+
+void TaskThread::stop() {
+    halt(false);
+}
+
+void TaskThread::end(const std::shared_ptr<TaskThread>& self) {
+    if (self->worker_.isLeftBehind()) {
+        static std::atomic<TaskThread*> newest;
+        self->self_ = self;
+        self->older_ = newest.exchange(self.get());
+    } else {
+        self->halt(true);
+    }
+}
+
+void TaskThread::halt(bool forEver) {
+    if (worker_.isLeftBehind()) {
+        return;
+    }
+    std::vector<Entry> dropped;
+    {
+        MutexLock lock(mutex_);
+        if (running_ || forEver) {
+            dropped.swap(entries_);
+        }
+        running_ = false;
+        ended_ = ended_ || forEver;
+        changed_.notify_one();
+    }
+    dropped.clear();
+    if (!worker_.isCurrent()) {
+        worker_.end();
+    }
+}
+
+void TaskThread::work() {
+    MutexLock lock(mutex_);
+    while (running_) {
+        if (!isOneDue()) {
+            wait(lock);
+            continue;
+        }
+        Task task = takeFirst();
+        lock.unlock();
+        run(task);
+        lock.lock();
+    }
+    working_ = false;
+}
+
+bool TaskThread::isLater(const Entry& one, const Entry& other) {
+    return std::tie(one.due, one.number) > std::tie(other.due, other.number);
+}
+
+bool TaskThread::isOneDue() const {
+    return !entries_.empty() && entries_.front().due <= Clock::now();
+}
+
+void TaskThread::wait(MutexLock& lock) {
+    if (entries_.empty()) {
+        changed_.wait(lock.native());
+        return;
+    }
+    // The farthest due times are beyond what some systems can wait for. A copy: while it is waited
+    // for, the entry may move.
+    const Clock::time_point until =
+        std::min(entries_.front().due, Clock::now() + std::chrono::hours(24));
+    changed_.wait_until(lock.native(), until);
+}
+
+TaskThread::Task TaskThread::takeFirst() {
+    std::pop_heap(entries_.begin(), entries_.end(), isLater);
+    Task task = std::move(entries_.back().task);
+    entries_.pop_back();
+    return task;
+}
+
+void TaskThread::run(Task& task) const {
+    try {
+        task();
+    } catch (const std::exception& error) {
+        report(error.what());
+    } catch (...) {
+        report("unknown exception");
+    }
+    task = nullptr;
+}
+
+void TaskThread::report(const char* error) const {
+    try {
+        if (errorHandler_) {
+            errorHandler_(error);
+        }
+    } catch (...) {
+        // Nobody is left to tell.
+    }
+}
+
+}  // namespace orvx::utility

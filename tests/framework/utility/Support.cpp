@@ -1,0 +1,42 @@
+// What the system knows about the threads of this process.
+
+#include "Support.h"
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+namespace orvx::utility::test {
+
+namespace {
+
+/// Not SIGKILL and SIGSTOP, and not the two real-time signals that the C library keeps to itself.
+bool canBeBlocked(int signal) {
+    return signal != SIGKILL && signal != SIGSTOP && (signal < 32 || signal >= SIGRTMIN);
+}
+
+}  // namespace
+
+std::size_t threadsNamed(const std::string& name) {
+    std::size_t count = 0;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string shown;
+        std::getline(std::ifstream(thread.path() / "comm"), shown);
+        count += shown == name ? 1 : 0;
+    }
+    return count;
+}
+
+bool isEverySignalBlocked() {
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+        if (canBeBlocked(signal) && sigismember(&blocked, signal) != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace orvx::utility::test
