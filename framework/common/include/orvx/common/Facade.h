@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+#include <utility>
+
+namespace orvx::common {
+
+/// Leads to an object that somebody keeps.
+template <typename T>
+class IReference {
+  public:
+    virtual ~IReference() = default;
+    virtual T& get() = 0;
+    virtual const T& get() const = 0;
+};
+
+/// The reference that keeps the object itself.
+template <typename T>
+class ReferenceOwner : public IReference<T> {
+  public:
+    /// `object` must not be null.
+    explicit ReferenceOwner(std::unique_ptr<T> object) : object_(std::move(object)) {}
+
+    T& get() override { return *object_; }
+    const T& get() const override { return *object_; }
+
+  private:
+    std::unique_ptr<T> object_;
+};
+
+/// A handle over a shared object. Copies of a facade lead to the same object; what derives from it
+/// may make copying mean something else and says so.
+template <typename T>
+class Facade {
+  public:
+    explicit Facade(std::shared_ptr<IReference<T>> reference) : reference_(std::move(reference)) {}
+
+  protected:
+    ~Facade() = default;
+    Facade(const Facade&) = default;
+    Facade& operator=(const Facade&) = default;
+
+    T& object() { return reference_->get(); }
+    const T& object() const { return std::as_const(*reference_).get(); }
+
+  private:
+    std::shared_ptr<IReference<T>> reference_;
+};
+
+}  // namespace orvx::common

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <orvx/utility/Export.h>
+
+#include <string>
+#include <utility>
+
+namespace orvx::common {
+
+/// The version of a service, a text such as "1.4.2"; empty by default, which means "not said".
+class ORVX_EXPORT ServiceVersion {
+  public:
+    ServiceVersion() = default;
+    explicit ServiceVersion(std::string version) : version_(std::move(version)) {}
+
+    bool isEmpty() const { return version_.empty(); }
+    std::string asString() const { return version_; }
+
+  private:
+    std::string version_;
+};
+
+}  // namespace orvx::common
