@@ -1,0 +1,64 @@
+#pragma once
+
+#include <orvx/communication/CommunicationStatus.h>
+#include <orvx/communication/HttpMessage.h>
+
+namespace orvx::communication {
+
+/// The outcome of a request: an HTTP answer, or what went wrong instead.
+///
+/// A value: copies are independent. Not synchronised; reading it from several threads is safe.
+class ORVX_EXPORT HttpResponse : public HttpMessage {
+  public:
+    /// The HTTP numbers; any of them may occur, named here or not.
+    enum class StatusCode : std::int32_t {
+        None = 0,
+        Ok = 200,
+        Created = 201,
+        Accepted = 202,
+        NoContent = 204,
+        BadRequest = 400,
+        Unauthorized = 401,
+        Forbidden = 403,
+        NotFound = 404,
+        RequestTimeout = 408,
+        Conflict = 409,
+        TooManyRequests = 429,
+        InternalServerError = 500,
+        NotImplemented = 501,
+        BadGateway = 502,
+        ServiceUnavailable = 503,
+        GatewayTimeout = 504,
+    };
+
+    /// No answer: status code None, no headers, no body. `status` is not Ok.
+    explicit HttpResponse(CommunicationStatus status);
+    /// An answer. `headerLines` are its header lines as received, each ending in CR LF or LF,
+    /// without the status line.
+    HttpResponse(StatusCode statusCode, std::string headerLines, std::string body);
+    ~HttpResponse() override;
+    HttpResponse(const HttpResponse&) = default;
+    HttpResponse(HttpResponse&&) = default;
+    HttpResponse& operator=(const HttpResponse&) = default;
+    HttpResponse& operator=(HttpResponse&&) = default;
+
+    CommunicationStatus getCommunicationStatus() const { return communicationStatus_; }
+    StatusCode getStatusCode() const { return statusCode_; }
+    /// The Location header: absent, or a text, which may be empty.
+    std::optional<std::string> getLocation() const { return getHeader("Location"); }
+
+    std::vector<Header> getHeaders() const override;
+    std::optional<std::string> getHeader(const std::string& name) const override;
+    bool hasHeader(const std::string& name) const override;
+    std::optional<std::string> getContentType() const override;
+    std::uint64_t getContentLength() const override;
+    const std::string& getBody() const override;
+
+  private:
+    CommunicationStatus communicationStatus_;
+    StatusCode statusCode_;
+    std::string headerLines_;
+    std::string body_;
+};
+
+}  // namespace orvx::communication

@@ -1,0 +1,87 @@
+// A session: makes requests and leaves them for the I/O thread, those too that it refuses.
+// Entered by any thread; it has no state of its own that changes, and no lock.
+
+#include "CurlSession.h"
+
+#include "RequestTarget.h"
+
+#include <algorithm>
+#include <limits>
+#include <new>
+
+namespace orvx::communication {
+
+namespace {
+
+/// What libcurl can wait for, and the clock can add, without an overflow: 24 days.
+constexpr std::chrono::milliseconds kLongestTimeout(std::numeric_limits<int>::max());
+
+bool canBeSent(const Request& request) {
+    constexpr auto kLongest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    return !hasControlCharacter(request.contentType) && !hasControlCharacter(request.accept) &&
+           request.length <= kLongest && (request.content != nullptr || request.length == 0);
+}
+
+}  // namespace
+
+CurlSession::CurlSession(std::shared_ptr<RequestInbox> inbox,
+                         std::shared_ptr<const EndpointSettings> settings,
+                         CommunicationStatus refusal)
+    : inbox_(std::move(inbox)), settings_(std::move(settings)), refusal_(refusal) {}
+
+CurlSession::~CurlSession() {
+    try {
+        inbox_->push(make(Request::Kind::Retire));
+    } catch (const std::bad_alloc&) {
+        // Its handles stay until the engine stops.
+    }
+}
+
+void CurlSession::sendPutRequest(std::string path, std::string contentType, std::string accept,
+                                 const char* content, std::uint64_t length,
+                                 ResponseHandler handler) {
+    auto request = make(Request::Kind::Put);
+    request->contentType = std::move(contentType);
+    request->accept = std::move(accept);
+    request->content = content;
+    request->length = length;
+    send(std::move(request), path, std::move(handler));
+}
+
+void CurlSession::sendHeadRequest(std::string uri, ResponseHandler handler) {
+    send(make(Request::Kind::Head), uri, std::move(handler));
+}
+
+void CurlSession::sendDeleteRequest(std::string uri, std::string contentType,
+                                    ResponseHandler handler) {
+    auto request = make(Request::Kind::Delete);
+    request->contentType = std::move(contentType);
+    send(std::move(request), uri, std::move(handler));
+}
+
+void CurlSession::abandon() {
+    inbox_->push(make(Request::Kind::Abandon));
+}
+
+std::unique_ptr<Request> CurlSession::make(Request::Kind kind) const {
+    auto request = std::make_unique<Request>();
+    request->kind = kind;
+    request->settings = settings_;
+    request->status = refusal_;
+    return request;
+}
+
+void CurlSession::send(std::unique_ptr<Request> request, const std::string& path,
+                       ResponseHandler handler) {
+    request->target = requestTarget(path);
+    if (request->status == CommunicationStatus::Ok && !canBeSent(*request)) {
+        request->status = CommunicationStatus::InvalidRequest;
+    }
+    request->handler = std::move(handler);
+    request->submitted = Clock::now();
+    request->deadline =
+        request->submitted + std::min(settings_->config.requestTimeout, kLongestTimeout);
+    inbox_->push(std::move(request));
+}
+
+}  // namespace orvx::communication

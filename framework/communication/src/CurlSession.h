@@ -1,0 +1,37 @@
+#pragma once
+
+#include "Request.h"
+#include "RequestInbox.h"
+
+#include <memory>
+#include <string>
+
+namespace orvx::communication {
+
+/// Turns calls into requests in the inbox.
+class CurlSession : public IClientHttpSession {
+  public:
+    /// `refusal` is what every request is answered with, if anything.
+    CurlSession(std::shared_ptr<RequestInbox> inbox,
+                std::shared_ptr<const EndpointSettings> settings,
+                CommunicationStatus refusal = CommunicationStatus::Ok);
+    ~CurlSession() override;
+
+    void sendPutRequest(std::string path, std::string contentType, std::string accept,
+                        const char* content, std::uint64_t length,
+                        ResponseHandler handler) override;
+    void sendHeadRequest(std::string uri, ResponseHandler handler) override;
+    void sendDeleteRequest(std::string uri, std::string contentType,
+                           ResponseHandler handler) override;
+    void abandon() override;
+
+  private:
+    std::unique_ptr<Request> make(Request::Kind kind) const;
+    void send(std::unique_ptr<Request> request, const std::string& path, ResponseHandler handler);
+
+    const std::shared_ptr<RequestInbox> inbox_;
+    const std::shared_ptr<const EndpointSettings> settings_;
+    const CommunicationStatus refusal_;
+};
+
+}  // namespace orvx::communication

@@ -1,0 +1,90 @@
+// What may stand in a request line and in a URL (RFC 3986, sections 2 and 3).
+// Pure functions, entered by any thread; there is no lock. None depends on the process's locale.
+
+#include "RequestTarget.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+
+namespace orvx::communication {
+
+namespace {
+
+bool isAlphanumeric(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool mayStandInTarget(char c) {
+    constexpr std::string_view kMarks = "-._~!$&'()*+,;=:@/?%";
+    return isAlphanumeric(c) || kMarks.find(c) != std::string_view::npos;
+}
+
+void appendEncoded(std::string& target, char c) {
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(c);
+    target += '%';
+    target += kDigits[byte >> 4U];
+    target += kDigits[byte & 0xFU];
+}
+
+bool isName(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return isAlphanumeric(c) || c == '-' || c == '.' || c == '_';
+    });
+}
+
+std::string_view withoutBrackets(std::string_view host) {
+    const bool bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
+    return bracketed ? host.substr(1, host.size() - 2) : host;
+}
+
+bool isIpv6(const std::string& address) {
+    in6_addr ignored;
+    return address.find('\0') == std::string::npos &&
+           ::inet_pton(AF_INET6, address.c_str(), &ignored) == 1;
+}
+
+/// Empty when it is none. A zone's "%" is written as URLs want it.
+std::string bracketedIpv6(std::string_view host) {
+    const auto percent = host.find('%');
+    const std::string address(host.substr(0, percent));
+    if (!isIpv6(address)) {
+        return {};
+    }
+    if (percent == std::string_view::npos) {
+        return '[' + address + ']';
+    }
+    const std::string zone(host.substr(percent + 1));
+    return isName(zone) ? '[' + address + "%25" + zone + ']' : std::string();
+}
+
+}  // namespace
+
+std::string requestTarget(const std::string& path) {
+    std::string target;
+    target.reserve(path.size() + 1);
+    if (path.empty() || path.front() != '/') {
+        target += '/';
+    }
+    for (const char c : path) {
+        if (mayStandInTarget(c)) {
+            target += c;
+        } else {
+            appendEncoded(target, c);
+        }
+    }
+    return target;
+}
+
+std::string authority(const std::string& host, std::uint32_t port) {
+    const std::string usable = isName(host) ? host : bracketedIpv6(withoutBrackets(host));
+    return usable.empty() ? usable : usable + ':' + std::to_string(port);
+}
+
+bool hasControlCharacter(std::string_view text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return (c >= '\0' && c < ' ') || c == '\x7F'; });
+}
+
+}  // namespace orvx::communication

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace orvx::communication {
+
+/// The path as it goes into the request line: beginning with "/", and with the bytes that may not
+/// stand there percent-encoded. "%" goes as given.
+std::string requestTarget(const std::string& path);
+
+/// Host and port as they go into a URL; empty when the host is none. It is no host when it is not a
+/// name, an IPv4 address, or an IPv6 address with or without brackets, or when a byte of it could
+/// mean anything else in a URL.
+std::string authority(const std::string& host, std::uint32_t port);
+
+/// Whether a control character is in it, one that could end a header line for instance.
+bool hasControlCharacter(std::string_view text);
+
+}  // namespace orvx::communication

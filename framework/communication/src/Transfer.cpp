@@ -1,0 +1,209 @@
+// One easy handle: the options, the callbacks, and what a result means.
+// Entered by the I/O thread only, directly or through libcurl's callbacks; there is no lock. No
+// exception passes through libcurl's frames.
+
+#include "Transfer.h"
+
+#include "CurlErrors.h"
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <string_view>
+
+namespace orvx::communication {
+
+namespace {
+
+/// As libcurl takes durations; what is longer is as good as never (24 days).
+long milliseconds(std::chrono::milliseconds duration) {
+    constexpr std::chrono::milliseconds kLongest(std::numeric_limits<int>::max());
+    return static_cast<long>(std::clamp(duration, std::chrono::milliseconds(1), kLongest).count());
+}
+
+curl_off_t offset(std::uint64_t value) {
+    constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max());
+    return static_cast<curl_off_t>(std::min(value, kMost));
+}
+
+const char* orNull(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
+}  // namespace
+
+Transfer::Transfer(TransferContext& context, const EndpointSettings& settings)
+    : context_(context), easy_(curl_easy_init()) {
+    if (!easy_) {
+        throw CurlFailure{CURLE_OUT_OF_MEMORY};
+    }
+    setUp(settings);
+}
+
+Transfer::~Transfer() {
+    giveUp();
+}
+
+Transfer& Transfer::of(CURL* easy) {
+    char* self = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_PRIVATE, &self);
+    return *reinterpret_cast<Transfer*>(self);
+}
+
+void Transfer::setUp(const EndpointSettings& settings) {
+    set(CURLOPT_PRIVATE, this);
+    set(CURLOPT_URL, settings.url.c_str());
+    set(CURLOPT_PROTOCOLS_STR, settings.config.tls.enabled ? "https" : "http");
+    set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+    set(CURLOPT_PROXY, "");
+    set(CURLOPT_NOPROXY, "*");
+    set(CURLOPT_NOSIGNAL, 1L);
+    // Without it, taking away a handle waits for the resolver's answer.
+    set(CURLOPT_QUICK_EXIT, 1L);
+    set(CURLOPT_CONNECTTIMEOUT_MS, milliseconds(settings.config.connectTimeout));
+    set(CURLOPT_USERAGENT, orNull(settings.config.userAgent));
+    set(CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_PREREQFUNCTION, &Transfer::onConnected);
+    set(CURLOPT_PREREQDATA, this);
+    set(CURLOPT_ERRORBUFFER, error_);
+    if (settings.config.tls.enabled) {
+        setUpTls(settings.config.tls);
+    }
+}
+
+void Transfer::setUpTls(const TlsConfig& tls) {
+    const bool is13 = tls.lowestVersion == TlsConfig::Version::Tls13;
+    set(CURLOPT_SSLVERSION, long{is13 ? CURL_SSLVERSION_TLSv1_3 : CURL_SSLVERSION_TLSv1_2});
+    if (!tls.authorityFile.empty() || !tls.authorityFolder.empty()) {
+        // Both, or else the system's authorities would be trusted besides.
+        set(CURLOPT_CAINFO, orNull(tls.authorityFile));
+        set(CURLOPT_CAPATH, orNull(tls.authorityFolder));
+    }
+    set(CURLOPT_SSLCERT, orNull(tls.clientCertificateFile));
+    set(CURLOPT_SSLKEY, orNull(tls.clientKeyFile));
+    if (tls.disableServerVerification) {
+        set(CURLOPT_SSL_VERIFYPEER, 0L);
+        set(CURLOPT_SSL_VERIFYHOST, 0L);
+    }
+}
+
+void Transfer::setMethod(const Request& request) {
+    if (method_ != request.kind) {
+        method_.reset();
+        const bool isHead = request.kind == Request::Kind::Head;
+        set(CURLOPT_HTTPGET, 1L);
+        set(CURLOPT_NOBODY, isHead ? 1L : 0L);
+        set(CURLOPT_CUSTOMREQUEST, request.kind == Request::Kind::Put      ? "PUT"
+                                   : request.kind == Request::Kind::Delete ? "DELETE"
+                                                                           : nullptr);
+        // A HEAD's Content-Length is that of a body which does not come.
+        const std::uint64_t cap = isHead ? 0 : request.settings->config.maxBodyBytes;
+        set(CURLOPT_MAXFILESIZE_LARGE, offset(cap));
+        method_ = request.kind;
+    }
+    if (request.kind == Request::Kind::Put) {
+        set(CURLOPT_POSTFIELDSIZE_LARGE, offset(request.length));
+        set(CURLOPT_POSTFIELDS, request.length == 0 ? "" : request.content);
+    }
+}
+
+void Transfer::start(std::unique_ptr<Request>& request, HeaderLists::List headers,
+                     Clock::time_point now) {
+    using std::chrono::ceil;
+    setMethod(*request);
+    set(CURLOPT_REQUEST_TARGET, request->target.c_str());
+    set(CURLOPT_HTTPHEADER, headers.get());
+    headers_ = std::move(headers);
+    set(CURLOPT_TIMEOUT_MS, milliseconds(ceil<std::chrono::milliseconds>(request->deadline - now)));
+    answer_.begin(*request);
+    isOnStaleConnection_ = false;
+    if (curl_multi_add_handle(context_.multi, easy_.get()) != CURLM_OK) {
+        throw CurlFailure{CURLE_OUT_OF_MEMORY};
+    }
+    request_ = std::move(request);
+}
+
+std::unique_ptr<Request> Transfer::finish(CURLcode code) {
+    request_->status = outcome(code);
+    if (isOnNewConnection_ && request_->status == CommunicationStatus::Ok) {
+        context_.connections.remember(easy_.get());
+    }
+    curl_multi_remove_handle(context_.multi, easy_.get());
+    if (std::exchange(isOnStaleConnection_, false) &&
+        curl_multi_add_handle(context_.multi, easy_.get()) == CURLM_OK) {
+        return nullptr;
+    }
+    return std::move(request_);
+}
+
+std::unique_ptr<Request> Transfer::giveUp() {
+    if (request_) {
+        curl_multi_remove_handle(context_.multi, easy_.get());
+    }
+    return std::move(request_);
+}
+
+CommunicationStatus Transfer::outcome(CURLcode code) const {
+    if (answer_.refusal()) {
+        return *answer_.refusal();
+    }
+    switch (code) {
+        case CURLE_OK:
+            return answer_.hasAllHeaders() ? CommunicationStatus::Ok
+                                           : CommunicationStatus::CutShort;
+        case CURLE_RECV_ERROR:
+        case CURLE_GOT_NOTHING:
+            return answer_.hasBegun() ? outcomeOfBrokenReceive() : statusOf(code);
+        case CURLE_OUT_OF_MEMORY: {
+            // libcurl's word for a header line of more than 100 KiB, too.
+            long requestBytes = 0;
+            curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &requestBytes);
+            const bool isReceivingHeaders = requestBytes > 0 && !answer_.hasAllHeaders();
+            return isReceivingHeaders ? CommunicationStatus::TooLarge : statusOf(code);
+        }
+        default:
+            return statusOf(code);
+    }
+}
+
+// libcurl has one result for a connection that breaks and for chunks that make no sense: only its
+// words tell them apart.
+CommunicationStatus Transfer::outcomeOfBrokenReceive() const {
+    const bool areChunksBad = std::string_view(error_).find("chunk") != std::string_view::npos;
+    return areChunksBad ? CommunicationStatus::Malformed : CommunicationStatus::CutShort;
+}
+
+std::size_t Transfer::onHeader(char* line, std::size_t, std::size_t size, void* self) noexcept {
+    AnswerReader& answer = static_cast<Transfer*>(self)->answer_;
+    try {
+        return answer.takeHeaderLine({line, size}) ? size : 0;
+    } catch (const std::exception&) {
+        answer.refuse(CommunicationStatus::OutOfMemory);
+        return 0;
+    }
+}
+
+std::size_t Transfer::onBody(char* bytes, std::size_t, std::size_t size, void* self) noexcept {
+    AnswerReader& answer = static_cast<Transfer*>(self)->answer_;
+    try {
+        return answer.takeBody({bytes, size}) ? size : 0;
+    } catch (const std::exception&) {
+        answer.refuse(CommunicationStatus::OutOfMemory);
+        return 0;
+    }
+}
+
+int Transfer::onConnected(void* self, char*, char*, int, int localPort) noexcept {
+    Transfer& transfer = *static_cast<Transfer*>(self);
+    long newConnections = 0;
+    curl_easy_getinfo(transfer.easy_.get(), CURLINFO_NUM_CONNECTS, &newConnections);
+    transfer.isOnNewConnection_ = newConnections > 0;
+    transfer.isOnStaleConnection_ =
+        !transfer.isOnNewConnection_ && transfer.context_.connections.isStale(localPort);
+    return transfer.isOnStaleConnection_ ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+}  // namespace orvx::communication

@@ -1,0 +1,158 @@
+// What is beside the requests: logging, counting, scarce descriptors, forked children.
+
+#include "BusyIoThread.h"
+#include "HttpTest.h"
+
+#include <orvx/utility/OrvFoundationException.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <optional>
+#include <stdexcept>
+
+#include "Descriptors.h"
+#include "Loopback.h"
+#include "RecordingLogger.h"
+
+namespace orvx::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
+
+class TheEngine : public HttpTest {
+  protected:
+    TheEngine() {
+        server_.onRequest([](const Request&) { return response(200); });
+    }
+    void restartWith(utility::ILogger::LogLevel level) {
+        context_.deinit();
+        context_.setLoggerFactory(loggers_);
+        context_.setLogLevel(level);
+        context_.init();
+    }
+    static void sendWithThrowingHandlers(const SessionPointer& session) {
+        session->sendHeadRequest("/", [](const HttpResponse&) { throw std::runtime_error("no"); });
+        session->sendHeadRequest("/", [](const HttpResponse&) { throw 1; });
+        put(session);
+    }
+
+    const std::shared_ptr<RecordingLoggerFactory> loggers_ =
+        std::make_shared<RecordingLoggerFactory>();
+};
+
+TEST_F(TheEngine, SurvivesHandlersThatThrowAndSaysSo) {
+    restartWith(utility::ILogger::LogLevel::Warning);
+    sendWithThrowingHandlers(session(oneConnection()));
+    EXPECT_THAT(loggers_->names(), ElementsAre(Pair("OrvxCommunication", "HttpEngine")));
+    EXPECT_THAT(loggers_->takeLines(),
+                ElementsAre(warning("A response handler failed: no"),
+                            warning("A response handler failed: unknown exception")));
+}
+
+TEST_F(TheEngine, LogsNothingThatMattersLessThanItsLevel) {
+    restartWith(utility::ILogger::LogLevel::Error);
+    sendWithThrowingHandlers(session(oneConnection()));
+    EXPECT_THAT(loggers_->takeLines(), ElementsAre());
+}
+
+TEST_F(TheEngine, CountsWhatItHasDone) {
+    const RefusedPort refused;
+    const SessionPointer answered = session(oneConnection());
+    put(answered);
+    put(session(refused.port()));
+    put(context_.getUnavailableSession());
+    answered->sendHeadRequest("/", nullptr);
+    head(answered);
+    const auto counted = context_.getClientStatistics()->snapshot();
+    EXPECT_EQ(counted.completed, 5U);
+    EXPECT_THAT(counted.byStatus, UnorderedElementsAre(Pair(CommunicationStatus::Ok, 3),
+                                                       Pair(CommunicationStatus::ConnectFailed, 1),
+                                                       Pair(CommunicationStatus::NoSession, 1)));
+    EXPECT_GT(counted.longestLatency.count(), 0);
+}
+
+TEST_F(TheEngine, DoesNotCountWhatIsDropped) {
+    server_.onRequest([](const Request&) { return Script().silence(); });
+    Outcome outcome;
+    session()->sendHeadRequest("/", outcome.handler());
+    context_.deinit();
+    EXPECT_EQ(context_.getClientStatistics()->snapshot().completed, 0U);
+    EXPECT_TRUE(context_.getHealthCheck()->isHealthy());
+}
+
+TEST_F(TheEngine, KnowsWhetherServersAnswer) {
+    const RefusedPort refused;
+    const auto health = context_.getHealthCheck();
+    put(session(refused.port()));
+    put(session(refused.port()));
+    EXPECT_EQ(health->consecutiveFailures(), 2U);
+    put(context_.getUnavailableSession());
+    remove(session(), "/");
+    EXPECT_TRUE(health->isHealthy());
+}
+
+TEST_F(TheEngine, DoesNotBlameServersForRequestsThatWereNotSentOrGivenUp) {
+    const SessionPointer blameless = session();
+    Outcome invalid;
+    Outcome abandoned;
+    {
+        const BusyIoThread busy(context_);
+        blameless->sendDeleteRequest("/", "\n", invalid.handler());
+        blameless->sendHeadRequest("/", abandoned.handler());
+        blameless->abandon();
+    }
+    EXPECT_EQ(invalid.status(), CommunicationStatus::InvalidRequest);
+    EXPECT_EQ(abandoned.status(), CommunicationStatus::Abandoned);
+    EXPECT_TRUE(context_.getHealthCheck()->isHealthy());
+    EXPECT_EQ(context_.getClientStatistics()->snapshot().completed, 3U);
+}
+
+TEST_F(TheEngine, FailsToConnectWithoutAFreeDescriptorAndWorksOnWithOne) {
+    const SessionPointer starved = session();
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(put(starved).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+    }
+    EXPECT_EQ(codeOf(put(starved)), 200);
+}
+
+TEST_F(TheEngine, CannotBeStartedWithoutAFreeDescriptor) {
+    context_.deinit();
+    // The sanitizer for undefined behaviour opens a pipe when it meets a class for the first time.
+    static_cast<void>(utility::OrvFoundationException("", 0));
+    {
+        const NoDescriptors none;
+        EXPECT_THROW(context_.init(), utility::OrvFoundationException);
+    }
+    context_.init();
+    EXPECT_EQ(codeOf(put(session())), 200);
+}
+
+TEST_F(TheEngine, LeavesTheParentsConnectionsAloneInAForkedChild) {
+    std::optional<OrvClientCommunicationContext> context;
+    context.emplace();
+    context->init();
+    SessionPointer kept = context->getClientHttpFactory().createSession(
+        "127.0.0.1", server_.port(), {}, context->getHealthCheck(), context->getClientStatistics());
+    put(kept);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(10);
+        context->deinit();
+        kept->sendHeadRequest("/", nullptr);
+        kept.reset();
+        context.reset();
+        ::_exit(0);
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(codeOf(put(kept)), 200);
+    EXPECT_EQ(server_.counters().connections, 1U);
+    EXPECT_EQ(server_.counters().requests, 2U);
+}
+
+}  // namespace
+}  // namespace orvx::testing

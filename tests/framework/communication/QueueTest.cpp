@@ -1,0 +1,331 @@
+// How requests wait for connections, share them, and run out of time.
+
+#include "BusyIoThread.h"
+#include "HttpTest.h"
+
+#include <future>
+#include <vector>
+
+#include "DeadResolver.h"
+#include "Loopback.h"
+
+namespace orvx::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::Ge;
+using ::testing::Lt;
+
+class TheQueue : public HttpTest {
+  protected:
+    static HttpConfig withTimeout(std::chrono::milliseconds timeout) {
+        HttpConfig config = oneConnection();
+        config.requestTimeout = timeout;
+        return config;
+    }
+    std::vector<std::string> targets() const {
+        std::vector<std::string> targets;
+        for (const Request& request : server_.requests()) {
+            targets.push_back(request.target);
+        }
+        return targets;
+    }
+};
+
+TEST_F(TheQueue, SendsInOrderButHeadsFirst) {
+    const SessionPointer connection = session(oneConnection());
+    server_.nextRequest(Script().waitForRelease("first").send(response(200)));
+    server_.onRequest([](const Request&) { return response(200); });
+    std::vector<Outcome> outcomes(6);
+    connection->sendPutRequestJson("/first", "", 0, outcomes[0].handler());
+    ASSERT_TRUE(server_.waitForRequests(1));
+    connection->sendPutRequestJson("/a", "", 0, outcomes[1].handler());
+    connection->sendHeadRequest("/b", outcomes[2].handler());
+    connection->sendDeleteRequest("/c", "", outcomes[3].handler());
+    connection->sendHeadRequest("/d", outcomes[4].handler());
+    connection->sendPutRequestJson("/e", "", 0, outcomes[5].handler());
+    server_.release("first");
+    for (const Outcome& outcome : outcomes) {
+        EXPECT_EQ(outcome.statusCode(), 200);
+    }
+    EXPECT_THAT(targets(), ElementsAre("/first", "/b", "/d", "/a", "/c", "/e"));
+}
+
+TEST_F(TheQueue, BoundsTheConnectionsAndKeepsThem) {
+    HttpConfig config;
+    config.connectionsPerEndpoint = 4;
+    server_.onRequest([](const Request&) { return response(200); });
+    const SessionPointer bounded = session(config);
+    std::vector<Outcome> outcomes(500);
+    for (Outcome& outcome : outcomes) {
+        bounded->sendPutRequestJson("/", "x", 1, outcome.handler());
+    }
+    for (const Outcome& outcome : outcomes) {
+        EXPECT_EQ(outcome.statusCode(), 200);
+        EXPECT_EQ(outcome.calls(), 1);
+    }
+    EXPECT_LE(server_.counters().connections, 4U);
+}
+
+TEST_F(TheQueue, KeepsIdleConnectionsAfterABurst) {
+    const SessionPointer kept = session();
+    for (int burst = 0; burst < 2; ++burst) {
+        const std::string gate = "all" + std::to_string(burst);
+        server_.onRequest(
+            [gate](const Request&) { return Script().waitForRelease(gate).send(response(200)); });
+        std::vector<Outcome> outcomes(16);
+        for (Outcome& outcome : outcomes) {
+            kept->sendHeadRequest("/", outcome.handler());
+        }
+        ASSERT_TRUE(server_.waitForRequests(burst == 0 ? 16 : 18));
+        server_.release(gate);
+        for (const Outcome& outcome : outcomes) {
+            EXPECT_EQ(outcome.statusCode(), 200);
+        }
+        server_.onRequest([](const Request&) { return response(200); });
+        put(kept);
+        put(kept);
+    }
+    EXPECT_EQ(server_.counters().connections, 16U);
+}
+
+TEST_F(TheQueue, TakesRequestsFromSeveralThreads) {
+    server_.onRequest([](const Request&) { return response(200); });
+    const SessionPointer shared = session();
+    std::vector<std::future<int>> answered;
+    for (int thread = 0; thread < 4; ++thread) {
+        answered.push_back(std::async(std::launch::async, [&shared] {
+            int count = 0;
+            for (int i = 0; i < 50; ++i) {
+                shared->abandon();
+                count += codeOf(put(shared, "/", "content")) == 200 ? 1 : 0;
+            }
+            return count;
+        }));
+    }
+    for (auto& count : answered) {
+        EXPECT_EQ(count.get(), 50);
+    }
+}
+
+TEST_F(TheQueue, RepeatsARequestOnANewConnectionIfAnIdleOneIsClosed) {
+    const SessionPointer connection = session(oneConnection());
+    server_.nextRequest(response(200));
+    server_.nextRequest(Script().reset());
+    server_.nextRequest(response(201));
+    put(connection, "/", "one");
+    EXPECT_EQ(codeOf(put(connection, "/", "two")), 201);
+    EXPECT_EQ(server_.requests().at(2).body, "two");
+    EXPECT_EQ(server_.counters().connections, 2U);
+}
+
+TEST_F(TheQueue, GivesUpIfTheNewConnectionIsClosedToo) {
+    const SessionPointer connection = session(oneConnection());
+    server_.nextRequest(response(200));
+    server_.onRequest([](const Request&) { return Script().close(); });
+    put(connection);
+    EXPECT_EQ(put(connection).getCommunicationStatus(), CommunicationStatus::ReceiveFailed);
+    EXPECT_EQ(server_.counters().requests, 3U);
+}
+
+TEST_F(TheQueue, DoesNotUseAConnectionThatWasClosedMeanwhile) {
+    const SessionPointer connection = session(oneConnection());
+    server_.nextRequest(Script().send(response(200)).close());
+    server_.nextRequest(response(201));
+    put(connection);
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    EXPECT_EQ(codeOf(put(connection)), 201);
+    EXPECT_EQ(server_.counters().requests, 2U);
+}
+
+TEST_F(TheQueue, CountsTheTimeOfWaitingAndSendsNothingTooLate) {
+    server_.onRequest([](const Request&) { return Script().silence(); });
+    const SessionPointer connection = session(withTimeout(300ms));
+    Outcome sent;
+    Outcome waiting;
+    {
+        const BusyIoThread busy(context_);
+        connection->sendPutRequestJson("/", "", 0, sent.handler());
+        connection->sendPutRequestJson("/", "", 0, waiting.handler());
+    }
+    EXPECT_EQ(sent.status(), CommunicationStatus::TimedOut);
+    EXPECT_EQ(waiting.status(), CommunicationStatus::TimedOut);
+    EXPECT_LE(server_.counters().requests, 1U);
+}
+
+TEST_F(TheQueue, LeavesARequestTheTimeThatWaitingHasNotTaken) {
+    server_.nextRequest(Script().pause(500ms).send(response(200)));
+    server_.onRequest([](const Request&) { return Script().silence(); });
+    const SessionPointer connection = session(withTimeout(1s));
+    Outcome sent;
+    Outcome waiting;
+    const auto start = std::chrono::steady_clock::now();
+    connection->sendPutRequestJson("/", "", 0, sent.handler());
+    connection->sendPutRequestJson("/", "", 0, waiting.handler());
+    EXPECT_EQ(sent.statusCode(), 200);
+    EXPECT_EQ(waiting.status(), CommunicationStatus::TimedOut);
+    EXPECT_THAT(std::chrono::steady_clock::now() - start, AllOf(Ge(1s), Lt(1400ms)));
+}
+
+TEST_F(TheQueue, LetsNeitherSilenceNorADripExceedTheTotalTimeout) {
+    const SessionPointer connection = session(withTimeout(200ms));
+    for (const Script& script :
+         {Script().silence(), Script()
+                                  .send("HTTP/1.1 200 OK\r\n")
+                                  .sendEndlessly("A: b\r\n", Script::kUncapped, 20ms)}) {
+        server_.nextRequest(script);
+        EXPECT_EQ(put(connection).getCommunicationStatus(), CommunicationStatus::TimedOut);
+    }
+}
+
+TEST_F(TheQueue, EndsARequestWhoseContentIsNotTakenAndOnlyThenDestroysItsHandler) {
+    server_.everyConnection(Script().stall());
+    const auto content = std::make_shared<std::string>(64 * 1024 * 1024, 'x');
+    Outcome outcome;
+    session(withTimeout(200ms))
+        ->sendPutRequestJson("/", content->data(), content->size(),
+                             [content, handler = outcome.handler()](HttpResponse response) {
+                                 handler(std::move(response));
+                             });
+    EXPECT_EQ(outcome.status(), CommunicationStatus::TimedOut);
+    EXPECT_TRUE(outcome.waitUntilDestroyed());
+}
+
+TEST_F(TheQueue, LimitsTheTimeToConnect) {
+    const BlackHole blackHole;
+    HttpConfig config;
+    config.connectTimeout = 100ms;
+    EXPECT_EQ(put(session(blackHole.port(), config)).getCommunicationStatus(),
+              CommunicationStatus::TimedOut);
+}
+
+TEST_F(TheQueue, LimitsTheTimeToResolveAName) {
+    const DeadResolver resolver;
+    HttpConfig config;
+    config.connectTimeout = 100ms;
+    EXPECT_EQ(put(session(80, config, "a.silent.test")).getCommunicationStatus(),
+              CommunicationStatus::TimedOut);
+    EXPECT_EQ(put(session(80, withTimeout(100ms), "b.silent.test")).getCommunicationStatus(),
+              CommunicationStatus::TimedOut);
+}
+
+TEST_F(TheQueue, TakesTheLongestTimeoutsAndTheLargestBounds) {
+    HttpConfig config;
+    config.connectTimeout = std::chrono::milliseconds::max();
+    config.requestTimeout = std::chrono::milliseconds::max();
+    config.connectionsPerEndpoint = ~std::size_t{0};
+    config.maxHeaderBytes = ~std::size_t{0};
+    config.maxBodyBytes = ~std::size_t{0};
+    server_.onRequest([](const Request&) { return response(200, {}, "body"); });
+    const SessionPointer unbounded = session(config);
+    std::vector<Outcome> outcomes(20);
+    for (Outcome& outcome : outcomes) {
+        unbounded->sendPutRequestJson("/", "", 0, outcome.handler());
+    }
+    for (const Outcome& outcome : outcomes) {
+        EXPECT_EQ(outcome.response().getBody(), "body");
+    }
+}
+
+TEST_F(TheQueue, SaysWhyThereIsNoConnection) {
+    const RefusedPort refused;
+    EXPECT_EQ(put(session(refused.port())).getCommunicationStatus(),
+              CommunicationStatus::ConnectFailed);
+    EXPECT_EQ(put(session(80, {}, "a.unknown.test")).getCommunicationStatus(),
+              CommunicationStatus::ResolveFailed);
+}
+
+TEST_F(TheQueue, GivesUpTheOldestHeadThatIsUnderWay) {
+    server_.onRequest(
+        [](const Request&) { return Script().waitForRelease("answer").send(response(200)); });
+    const SessionPointer heads = session();
+    Outcome put;
+    Outcome first;
+    Outcome second;
+    heads->sendPutRequestJson("/", "", 0, put.handler());
+    heads->sendHeadRequest("/", first.handler());
+    heads->sendHeadRequest("/", second.handler());
+    ASSERT_TRUE(server_.waitForRequests(3));
+    heads->abandon();
+    EXPECT_EQ(first.status(), CommunicationStatus::Abandoned);
+    server_.release("answer");
+    EXPECT_EQ(put.statusCode(), 200);
+    EXPECT_EQ(second.statusCode(), 200);
+    EXPECT_EQ(first.callingThread(), "ORVX_HttpIO");
+}
+
+TEST_F(TheQueue, GivesUpAHeadThatStillWaits) {
+    server_.onRequest(
+        [](const Request&) { return Script().waitForRelease("answer").send(response(200)); });
+    const SessionPointer connection = session(oneConnection());
+    Outcome put;
+    Outcome first;
+    Outcome second;
+    connection->sendPutRequestJson("/put", "", 0, put.handler());
+    connection->sendHeadRequest("/first", first.handler());
+    connection->sendHeadRequest("/second", second.handler());
+    ASSERT_TRUE(server_.waitForRequests(1));
+    connection->abandon();
+    EXPECT_EQ(first.status(), CommunicationStatus::Abandoned);
+    server_.release("answer");
+    EXPECT_EQ(put.statusCode(), 200);
+    EXPECT_EQ(second.statusCode(), 200);
+}
+
+TEST_F(TheQueue, GivesUpHeadsOnlyAndNoneOfAnotherSession) {
+    server_.onRequest(
+        [](const Request&) { return Script().waitForRelease("answer").send(response(200)); });
+    const SessionPointer without = session();
+    const SessionPointer other = session();
+    Outcome put;
+    Outcome del;
+    Outcome head;
+    without->sendPutRequestJson("/", "", 0, put.handler());
+    without->sendDeleteRequest("/", "", del.handler());
+    other->sendHeadRequest("/", head.handler());
+    without->abandon();
+    ASSERT_TRUE(server_.waitForRequests(3));
+    without->abandon();
+    server_.release("answer");
+    EXPECT_EQ(put.statusCode(), 200);
+    EXPECT_EQ(del.statusCode(), 200);
+    EXPECT_EQ(head.statusCode(), 200);
+}
+
+TEST_F(TheQueue, GivesUpAHeadThatWasSentBeforeAndNoneThatIsSentAfter) {
+    server_.onRequest([](const Request&) { return response(200); });
+    const SessionPointer connection = session();
+    Outcome before;
+    Outcome after;
+    {
+        const BusyIoThread busy(context_);
+        connection->abandon();
+        connection->sendHeadRequest("/", before.handler());
+        connection->abandon();
+        connection->abandon();
+        connection->sendHeadRequest("/", after.handler());
+    }
+    EXPECT_EQ(before.status(), CommunicationStatus::Abandoned);
+    EXPECT_EQ(after.statusCode(), 200);
+}
+
+TEST_F(TheQueue, LetsAnAnswerThatHasComeWinOverGivingUp) {
+    const SessionPointer connection = session();
+    server_.nextRequest(Script().waitForRelease("answer").send(response(200)).close());
+    Outcome answered;
+    connection->sendHeadRequest("/", answered.handler());
+    ASSERT_TRUE(server_.waitForRequests(1));
+    {
+        const BusyIoThread busy(context_);
+        server_.release("answer");
+        ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+        connection->abandon();
+    }
+    EXPECT_EQ(answered.statusCode(), 200);
+    EXPECT_EQ(answered.calls(), 1);
+}
+
+}  // namespace
+}  // namespace orvx::testing

@@ -1,0 +1,130 @@
+// A getaddrinfo of the test executable's own, in front of the C library's: silent for some names,
+// unknowing for others, and passing on the rest.
+//
+// Threads: any thread may look up a name, and the threads of other libraries do. The state is under
+// its mutex and never destroyed, for such a thread may outlive main().
+
+#include "DeadResolver.h"
+
+#include <dlfcn.h>
+#include <netdb.h>
+#include <orvx/utility/Mutex.h>
+
+#include <condition_variable>
+#include <string_view>
+
+namespace orvx::testing {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using utility::Mutex;
+using utility::MutexLock;
+
+struct State {
+    Mutex mutex;
+    std::condition_variable changed;
+    bool silent ORVX_GUARDED_BY(mutex) = false;
+    std::chrono::seconds atMost ORVX_GUARDED_BY(mutex){0};
+    std::vector<std::string> lookups ORVX_GUARDED_BY(mutex);
+    std::size_t waiting ORVX_GUARDED_BY(mutex) = 0;
+};
+
+State& state() {
+    static State* const state = new State;
+    return *state;
+}
+
+bool endsWith(std::string_view text, std::string_view ending) {
+    return text.size() >= ending.size() && text.substr(text.size() - ending.size()) == ending;
+}
+
+int lookUpUnknown(std::string_view name) {
+    State& s = state();
+    MutexLock lock(s.mutex);
+    s.lookups.emplace_back(name);
+    s.changed.notify_all();
+    return EAI_NONAME;
+}
+
+int lookUpSilent(std::string_view name) {
+    State& s = state();
+    MutexLock lock(s.mutex);
+    s.lookups.emplace_back(name);
+    ++s.waiting;
+    s.changed.notify_all();
+    const auto deadline = Clock::now() + s.atMost;
+    while (s.silent && Clock::now() < deadline) {
+        s.changed.wait_until(lock.native(), deadline);
+    }
+    --s.waiting;
+    s.changed.notify_all();
+    return EAI_AGAIN;
+}
+
+}  // namespace
+
+DeadResolver::DeadResolver(std::chrono::seconds atMost) {
+    State& s = state();
+    MutexLock lock(s.mutex);
+    s.silent = true;
+    s.atMost = atMost;
+    s.lookups.clear();
+}
+
+DeadResolver::~DeadResolver() {
+    release();
+}
+
+void DeadResolver::release() {
+    State& s = state();
+    MutexLock lock(s.mutex);
+    s.silent = false;
+    s.changed.notify_all();
+    while (s.waiting != 0) {
+        s.changed.wait(lock.native());
+    }
+}
+
+std::vector<std::string> DeadResolver::lookups() const {
+    State& s = state();
+    MutexLock lock(s.mutex);
+    return s.lookups;
+}
+
+std::size_t DeadResolver::waiting() const {
+    State& s = state();
+    MutexLock lock(s.mutex);
+    return s.waiting;
+}
+
+bool DeadResolver::waitForLookups(std::size_t count, std::chrono::milliseconds timeout) const {
+    State& s = state();
+    const auto deadline = Clock::now() + timeout;
+    MutexLock lock(s.mutex);
+    while (s.lookups.size() < count) {
+        if (s.changed.wait_until(lock.native(), deadline) == std::cv_status::timeout) {
+            return s.lookups.size() >= count;
+        }
+    }
+    return true;
+}
+
+}  // namespace orvx::testing
+
+// Exported, or else other libraries would keep using the C library's.
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node,
+                                                                  const char* service,
+                                                                  const addrinfo* hints,
+                                                                  addrinfo** result) {
+    using namespace orvx::testing;
+    const std::string_view name = node == nullptr ? "" : node;
+    if (endsWith(name, ".silent.test")) {
+        return lookUpSilent(name);
+    }
+    if (endsWith(name, ".unknown.test")) {
+        return lookUpUnknown(name);
+    }
+    static const auto next =
+        reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+    return next(node, service, hints, result);
+}

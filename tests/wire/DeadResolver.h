@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace orvx::testing {
+
+/// Decides about the look-ups (getaddrinfo) of this process for names with certain endings, and
+/// leaves those of other names alone:
+/// - ".silent.test": no answer until release() or for `atMost`, then EAI_AGAIN
+/// - ".unknown.test": EAI_NONAME at once
+///
+/// Silence needs an object; without one silent names fail at once. One object at a time. Works for
+/// libraries too: an executable's getaddrinfo comes before that of the C library. Thread-safe.
+class DeadResolver {
+  public:
+    explicit DeadResolver(std::chrono::seconds atMost = std::chrono::seconds(30));
+    /// Releases.
+    ~DeadResolver();
+    DeadResolver(const DeadResolver&) = delete;
+    DeadResolver& operator=(const DeadResolver&) = delete;
+
+    /// Ends the silence for good: the waiting look-ups have failed when it returns, later ones fail
+    /// at once.
+    void release();
+
+    /// The names with these endings that were looked up since construction, in order, including
+    /// those still waiting.
+    std::vector<std::string> lookups() const;
+    /// How many look-ups wait for an answer now.
+    std::size_t waiting() const;
+    /// Waits until there are at least `count` lookups(), and returns false if there are not in
+    /// time.
+    bool waitForLookups(std::size_t count,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+};
+
+}  // namespace orvx::testing

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace orvx::testing {
+
+/// Which loopback address: 127.0.0.1 or ::1.
+enum class Loopback { V4, V6 };
+
+/// Owns a file descriptor. Not thread-safe.
+class Socket {
+  public:
+    Socket() = default;
+    explicit Socket(int fd) : fd_(fd) {}
+    Socket(Socket&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Socket& operator=(Socket&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~Socket();
+
+    /// -1 without a descriptor.
+    int fd() const { return fd_; }
+
+  private:
+    int fd_ = -1;
+};
+
+/// A non-blocking TCP socket bound to `port`, zero for any free one; it does not listen. Several
+/// may share a port as long as none of them listens yet. Throws std::system_error.
+Socket bindLoopback(Loopback loopback = Loopback::V4, std::uint16_t port = 0);
+
+/// Makes a bound socket listen. Throws std::system_error.
+void listenOn(const Socket& socket, int backlog);
+
+/// A non-blocking TCP socket whose connect to `port` has begun, not necessarily ended; a refusal
+/// shows later as its SO_ERROR. Throws std::system_error.
+Socket connectLoopback(std::uint16_t port, Loopback loopback = Loopback::V4);
+
+/// The port a socket is bound to.
+std::uint16_t portOf(const Socket& socket);
+
+/// Waits until the socket shows one of poll()'s `events` or has failed; false after the timeout.
+bool waitForEvents(const Socket& socket, short events, int timeoutMilliseconds);
+
+/// Whether this machine has ::1 at all.
+bool hasIpv6Loopback();
+
+/// A port where every connect is refused, and that nobody else gets as long as the object lives.
+class RefusedPort {
+  public:
+    /// Throws std::system_error.
+    RefusedPort() : socket_(bindLoopback()), port_(portOf(socket_)) {}
+
+    std::uint16_t port() const { return port_; }
+
+  private:
+    Socket socket_;
+    std::uint16_t port_;
+};
+
+/// A port where a connect is neither accepted nor refused: no answer comes at all. It listens, and
+/// its queue of connections nobody accepts is full, so that the kernel drops every further SYN.
+class BlackHole {
+  public:
+    /// Throws std::system_error, std::runtime_error if the queue does not fill.
+    BlackHole();
+
+    std::uint16_t port() const { return port_; }
+
+  private:
+    Socket listener_;
+    std::uint16_t port_;
+    Socket filler_;
+};
+
+}  // namespace orvx::testing

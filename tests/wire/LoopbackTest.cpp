@@ -1,0 +1,39 @@
+// Ports that refuse, and ports that do not answer.
+//
+// Threads: the test's only.
+
+#include "Loopback.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace orvx::testing {
+namespace {
+
+int connectError(const Socket& socket) {
+    EXPECT_TRUE(waitForEvents(socket, POLLOUT, 10000));
+    int error = 0;
+    socklen_t size = sizeof error;
+    ::getsockopt(socket.fd(), SOL_SOCKET, SO_ERROR, &error, &size);
+    return error;
+}
+
+TEST(ARefusedPort, RefusesEveryConnect) {
+    const RefusedPort refused;
+    EXPECT_EQ(connectError(connectLoopback(refused.port())), ECONNREFUSED);
+    EXPECT_EQ(connectError(connectLoopback(refused.port())), ECONNREFUSED);
+}
+
+TEST(ABlackHole, LeavesConnectsWithoutAnAnswer) {
+    const BlackHole hole;
+    const Socket first = connectLoopback(hole.port());
+    const Socket second = connectLoopback(hole.port());
+    EXPECT_FALSE(waitForEvents(first, POLLOUT, 300));
+    EXPECT_FALSE(waitForEvents(second, POLLOUT, 0));
+}
+
+}  // namespace
+}  // namespace orvx::testing
