@@ -1,0 +1,123 @@
+// Requests from being sent to their outcome. An outcome is a task of the network's I/O thread.
+// Entered by the test's thread only; there is no lock. Handlers run and are destroyed while nothing
+// here is half done: they may send, abandon, stop the network and destroy its owner.
+
+#include "Network.h"
+
+namespace orvx::simulation {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+using communication::ResponseHandler;
+
+void Network::close() {
+    const auto self = shared_from_this();
+    stop();
+    while (!outstanding.empty()) {
+        const auto request = outstanding.begin()->second;
+        const auto session = request->session;
+        session->drop(*request);
+    }
+}
+
+Session::Session(std::shared_ptr<Network> network, std::string host, std::uint16_t port,
+                 std::shared_ptr<communication::HealthCheck> healthCheck,
+                 std::shared_ptr<communication::ClientStatistics> statistics,
+                 CommunicationStatus refusal)
+    : network_(std::move(network)),
+      host_(std::move(host)),
+      port_(port),
+      healthCheck_(std::move(healthCheck)),
+      statistics_(std::move(statistics)),
+      refusal_(refusal) {}
+
+void Session::sendPutRequest(std::string path, std::string contentType, std::string accept,
+                             const char* content, std::uint64_t length, ResponseHandler handler) {
+    send({"PUT", std::move(path), std::move(contentType), std::move(accept),
+          std::string(content, length)},
+         std::move(handler));
+}
+
+void Session::sendHeadRequest(std::string uri, ResponseHandler handler) {
+    send({"HEAD", std::move(uri), "", "", ""}, std::move(handler));
+}
+
+void Session::sendDeleteRequest(std::string uri, std::string contentType, ResponseHandler handler) {
+    send({"DELETE", std::move(uri), std::move(contentType), "", ""}, std::move(handler));
+}
+
+void Session::send(Request::Data request, ResponseHandler handler) {
+    if (!network_->isRunning()) {
+        return;
+    }
+    if (request.path.empty() || request.path.front() != '/') {
+        request.path.insert(0, 1, '/');
+    }
+    request.host = host_;
+    request.port = port_;
+    request.number = ++network_->world().lastNumber;
+    request.sentAt = network_->world().now;
+    request.handler = std::make_shared<ResponseHandler>(std::move(handler));
+    if (refusal_ == CommunicationStatus::Ok) {
+        keep(std::move(request));
+    } else {
+        network_->add(std::chrono::milliseconds(0), outcome(request, HttpResponse(refusal_)));
+    }
+}
+
+void Session::keep(Request::Data request) {
+    request.session = shared_from_this();
+    const bool isHead = request.method == "HEAD";
+    // Whatever can fail comes before the first merge.
+    Requests sent{{request.number, std::make_shared<Request::Data>(std::move(request))}};
+    Requests toTake = sent;
+    Requests heads = isHead ? sent : Requests();
+    network_->outstanding.merge(sent);
+    network_->world().requestsToTake.merge(toTake);
+    heads_.merge(heads);
+    ++network_->world().outstandingRequests;
+}
+
+void Session::abandon() {
+    if (!network_->isRunning() || heads_.empty()) {
+        return;
+    }
+    const auto head = heads_.begin()->second;
+    network_->add(std::chrono::milliseconds(0),
+                  outcome(*head, HttpResponse(CommunicationStatus::Abandoned)));
+    drop(*head);
+}
+
+void Session::answer(Request::Data& request, const HttpResponse& response) {
+    auto task = outcome(request, response);
+    drop(request);
+    network_->run(std::move(task));
+}
+
+void Session::drop(Request::Data& request) {
+    network_->outstanding.erase(request.number);
+    heads_.erase(request.number);
+    --network_->world().outstandingRequests;
+    request.session.reset();
+    request.handler.reset();
+}
+
+SimulatedThread::Task Session::outcome(const Request::Data& request, HttpResponse response) {
+    return [self = shared_from_this(), sentAt = request.sentAt, handler = request.handler,
+            response = std::move(response)] {
+        self->record(response.getCommunicationStatus(), self->network_->world().now - sentAt);
+        (*handler)(response);
+    };
+}
+
+void Session::record(CommunicationStatus status, std::chrono::milliseconds latency) const {
+    statistics_->record(status, latency);
+    const bool saysNothingOfTheServer = status == CommunicationStatus::Abandoned ||
+                                        status == CommunicationStatus::InvalidRequest ||
+                                        status == CommunicationStatus::NoSession;
+    if (!saysNothingOfTheServer) {
+        healthCheck_->record(status == CommunicationStatus::Ok);
+    }
+}
+
+}  // namespace orvx::simulation
