@@ -1,0 +1,101 @@
+// The store on its own.
+// Everything runs on the test's thread.
+// There is no lock.
+
+#include "EntryStore.h"
+
+#include <gmock/gmock.h>
+
+#include <set>
+#include <string>
+
+namespace orvx::registry {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::MatchesRegex;
+
+TEST(TheEntryStore, NamesAnEntryByARandomUuidInLowerCase) {
+    EntryStore store;
+    std::set<std::string> uuids;
+    for (int i = 0; i < 100; ++i) {
+        const std::string& uuid = store.put("/" + std::to_string(i), {}).entry.uuid;
+        EXPECT_THAT(uuid, MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-"
+                                       "[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
+        uuids.insert(uuid);
+    }
+    EXPECT_EQ(uuids.size(), 100U);
+}
+
+TEST(TheEntryStore, FindsAnEntryByItsUuid) {
+    EntryStore store;
+    const std::string uuid = store.put("/a", {{"name", "a"}}).entry.uuid;
+    store.put("/b", {{"name", "b"}});
+    const Entry* entry = store.find(uuid);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->path, "/a");
+    EXPECT_EQ(entry->service, nlohmann::json({{"name", "a"}}));
+}
+
+TEST(TheEntryStore, FindsNothingUnderAPathOrAnUnknownUuid) {
+    EntryStore store;
+    store.put("/a", {});
+    EXPECT_EQ(store.find("/a"), nullptr);
+    EXPECT_EQ(store.find(""), nullptr);
+}
+
+TEST(TheEntryStore, KeepsTheUuidOfAPathThatIsPutAgain) {
+    EntryStore store;
+    const auto first = store.put("/a", {{"port", 1}});
+    const auto second = store.put("/a", {{"port", 2}});
+    EXPECT_TRUE(first.created);
+    EXPECT_FALSE(second.created);
+    EXPECT_EQ(&second.entry, &first.entry);
+    EXPECT_EQ(second.entry.service, nlohmann::json({{"port", 2}}));
+    EXPECT_EQ(store.entries().size(), 1U);
+}
+
+TEST(TheEntryStore, CountsTheChecksOfAnEntryAlsoWhenItsPathIsPutAgain) {
+    EntryStore store;
+    const Entry& entry = store.put("/a", {}).entry;
+    EXPECT_TRUE(store.check(entry.uuid));
+    store.put("/a", {});
+    EXPECT_TRUE(store.check(entry.uuid));
+    EXPECT_EQ(entry.checks, 2U);
+    EXPECT_FALSE(store.check("/a"));
+}
+
+TEST(TheEntryStore, ListsEntriesInTheOrderOfTheirCreation) {
+    EntryStore store;
+    store.put("/c", {});
+    store.put("/a", {});
+    store.put("/b", {});
+    store.put("/c", {});
+    EXPECT_THAT(store.entries(), ElementsAre(Field(&Entry::path, "/c"), Field(&Entry::path, "/a"),
+                                             Field(&Entry::path, "/b")));
+}
+
+TEST(TheEntryStore, HandsOverAnEntryThatIsRemovedAndForgetsIt) {
+    EntryStore store;
+    const std::string uuid = store.put("/a", {{"name", "a"}}).entry.uuid;
+    const auto removed = store.remove(uuid);
+    ASSERT_TRUE(removed);
+    EXPECT_EQ(removed->uuid, uuid);
+    EXPECT_EQ(removed->path, "/a");
+    EXPECT_EQ(store.find(uuid), nullptr);
+    EXPECT_FALSE(store.remove(uuid));
+    EXPECT_TRUE(store.entries().empty());
+}
+
+TEST(TheEntryStore, MakesANewEntryOfAPathWhoseEntryWasRemoved) {
+    EntryStore store;
+    const std::string uuid = store.put("/a", {}).entry.uuid;
+    store.remove(uuid);
+    const auto again = store.put("/a", {});
+    EXPECT_TRUE(again.created);
+    EXPECT_NE(again.entry.uuid, uuid);
+}
+
+}  // namespace
+}  // namespace orvx::registry

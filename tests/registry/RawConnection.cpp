@@ -1,0 +1,128 @@
+// A plain socket for tests that must decide about every byte, with Beast's parser for the answers.
+// Entered by the one thread that owns the connection.
+// There is no lock.
+
+#include "RawConnection.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+
+namespace {
+
+void check(bool good, const char* what) {
+    if (!good) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+}  // namespace
+
+RawConnection::RawConnection(std::uint16_t port, int receiveBuffer)
+    : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    check(socket_ >= 0, "socket");
+    if (receiveBuffer > 0) {
+        ::setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    check(::connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
+          "connect");
+}
+
+RawConnection::RawConnection(RawConnection&& other) noexcept
+    : socket_(std::exchange(other.socket_, -1)), unread_(std::move(other.unread_)) {}
+
+RawConnection::~RawConnection() {
+    if (socket_ >= 0) {
+        ::close(socket_);
+    }
+}
+
+void RawConnection::send(const std::string& bytes) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
+        await(POLLOUT);
+        const auto size =
+            ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        check(size > 0, "send");
+        sent += static_cast<std::size_t>(size);
+    }
+}
+
+void RawConnection::endSending() {
+    check(::shutdown(socket_, SHUT_WR) == 0, "shutdown");
+}
+
+RawConnection::Response RawConnection::receive(bool toHead) {
+    http::response_parser<http::string_body> parser;
+    parser.eager(true);
+    parser.skip(toHead);
+    parser.body_limit(64'000'000);
+    while (!parser.is_done()) {
+        boost::system::error_code error;
+        unread_.erase(0, parser.put(boost::asio::buffer(unread_), error));
+        if (error && error != http::error::need_more) {
+            throw std::runtime_error("bad answer: " + error.message());
+        }
+        if (!parser.is_done() && !readMore()) {
+            throw std::runtime_error("the connection ended within an answer");
+        }
+    }
+    return parser.release();
+}
+
+RawConnection::Response RawConnection::ask(const std::string& request) {
+    send(request);
+    return receive(request.rfind("HEAD ", 0) == 0);
+}
+
+bool RawConnection::isClosedByPeer() {
+    return unread_.empty() && !readMore();
+}
+
+void RawConnection::awaitReset() {
+    await(0);
+}
+
+void RawConnection::await(short events) {
+    pollfd polled{socket_, events, 0};
+    if (::poll(&polled, 1, 10'000) != 1) {
+        throw std::runtime_error("nothing happened on a connection for ten seconds");
+    }
+}
+
+bool RawConnection::readMore() {
+    await(POLLIN);
+    std::array<char, 16'384> bytes;
+    const auto size = ::recv(socket_, bytes.data(), bytes.size(), 0);
+    check(size >= 0, "recv");
+    unread_.append(bytes.data(), static_cast<std::size_t>(size));
+    return size > 0;
+}
+
+std::string makeRequest(const std::string& method, const std::string& target,
+                        const std::string& body) {
+    std::string request = method + " " + target + " HTTP/1.1\r\nHost: localhost\r\n";
+    if (!body.empty()) {
+        request += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    return request + "\r\n" + body;
+}
+
+}  // namespace orvx::registry

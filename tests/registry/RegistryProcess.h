@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ChildProcess.h"
+
+namespace orvx::registry {
+
+/// The program orvx-registry as a child process.
+///
+/// Thread-safety: none.
+class RegistryProcess : public ChildProcess {
+  public:
+    explicit RegistryProcess(std::vector<std::string> arguments)
+        : ChildProcess(ORVX_REGISTRY_PROGRAM, std::move(arguments)) {}
+
+    /// The port in its first line, when that is there.
+    std::uint16_t port() {
+        const std::string& line = awaitOutput("\n");
+        return static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+    }
+};
+
+}  // namespace orvx::registry

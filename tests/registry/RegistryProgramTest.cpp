@@ -1,0 +1,124 @@
+// The program as it is started, asked and ended from outside.
+// Everything runs on the test's thread; the program is a process of its own.
+// There is no lock.
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <boost/beast/http/status.hpp>
+#include <csignal>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "RawConnection.h"
+#include "RegistryProcess.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+
+bool exitedWith(const RegistryProcess::Result& result, int code) {
+    return WIFEXITED(result.status) && WEXITSTATUS(result.status) == code;
+}
+
+void expectCleanEndAfter(int signal) {
+    RegistryProcess program({"--port", "0"});
+    RawConnection open(program.port());
+    EXPECT_EQ(open.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    program.signal(signal);
+    const auto result = program.wait();
+    EXPECT_TRUE(exitedWith(result, 0)) << result.status;
+    EXPECT_TRUE(open.isClosedByPeer());
+    EXPECT_THAT(result.output,
+                MatchesRegex("orvx-registry listening on http://127\\.0\\.0\\.1:[0-9]+\n"));
+    EXPECT_THAT(result.errors, IsEmpty());
+}
+
+TEST(TheRegistryProgram, SaysWhereItListensAndEndsCleanlyOnSigterm) {
+    expectCleanEndAfter(SIGTERM);
+}
+
+TEST(TheRegistryProgram, EndsCleanlyOnSigint) {
+    expectCleanEndAfter(SIGINT);
+}
+
+TEST(TheRegistryProgram, PutsBracketsAroundAnAddressWithColons) {
+    if (std::ifstream("/proc/net/if_inet6").peek() == std::ifstream::traits_type::eof()) {
+        GTEST_SKIP() << "this machine has no IPv6";
+    }
+    RegistryProcess program({"--host", "::1", "--port", "0"});
+    program.port();
+    program.signal(SIGTERM);
+    EXPECT_THAT(program.wait().output, HasSubstr(" http://[::1]:"));
+}
+
+TEST(TheRegistryProgram, LimitsBodiesAsItIsTold) {
+    RegistryProcess program({"--port", "0", "--max-body", "5"});
+    RawConnection connection(program.port());
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/", "{   }")).result(), http::status::created);
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/", "{    }")).result(),
+              http::status::payload_too_large);
+}
+
+TEST(TheRegistryProgram, SaysInOneLineWhyItCannotListen) {
+    RegistryProcess first({"--port", "0"});
+    const std::string port = std::to_string(first.port());
+    RegistryProcess second({"--port", port});
+    const auto result = second.wait();
+    EXPECT_TRUE(exitedWith(result, 1)) << result.status;
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors,
+                MatchesRegex("orvx-registry: cannot listen at 127\\.0\\.0\\.1 port " + port +
+                             ": bind: Address already in use\n"));
+}
+
+TEST(TheRegistryProgram, RefusesOptionsItDoesNotKnowOrCannotRead) {
+    using Arguments = std::vector<std::string>;
+    for (const Arguments& arguments :
+         {Arguments{"--unknown"}, Arguments{"--port", "65536"}, Arguments{"--port", "x"},
+          Arguments{"--max-body", "-1"}, Arguments{"extra"}}) {
+        const auto result = RegistryProcess(arguments).wait();
+        EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) > 1) << arguments.back();
+        EXPECT_FALSE(result.errors.empty());
+    }
+}
+
+TEST(TheRegistryProgram, ExplainsItsOptions) {
+    const auto result = RegistryProcess({"--help"}).wait();
+    EXPECT_TRUE(exitedWith(result, 0));
+    for (const char* option : {"--host", "--port", "--max-body", "127.0.0.1", "8500", "1048576"}) {
+        EXPECT_THAT(result.output, HasSubstr(option));
+    }
+}
+
+std::vector<RawConnection> connect(std::size_t count, std::uint16_t port) {
+    std::vector<RawConnection> connections;
+    connections.reserve(count);
+    while (connections.size() < count) {
+        connections.emplace_back(port);
+    }
+    return connections;
+}
+
+TEST(TheRegistryProgram, SurvivesAShortageOfFileDescriptors) {
+    RegistryProcess program({"--port", "0"});
+    const auto port = program.port();
+    const rlimit few{32, 32};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    auto served = connect(20, port);
+    auto waiting = connect(20, port);  // most of them for a descriptor
+    EXPECT_EQ(served.back().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    served.clear();
+    for (RawConnection& connection : waiting) {
+        EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    }
+}
+
+}  // namespace
+}  // namespace orvx::registry

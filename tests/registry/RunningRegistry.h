@@ -1,0 +1,40 @@
+#pragma once
+
+#include <thread>
+
+#include "RawConnection.h"
+#include "RegistryServer.h"
+
+namespace orvx::registry {
+
+/// A registry at any free port that runs on a thread of its own as long as this object lives.
+class RunningRegistry {
+  public:
+    explicit RunningRegistry(RegistryOptions options = {})
+        : server_(atAnyPort(std::move(options))), thread_([this] { server_.run(); }) {}
+    ~RunningRegistry() { stop(); }
+    RunningRegistry(const RunningRegistry&) = delete;
+    RunningRegistry& operator=(const RunningRegistry&) = delete;
+
+    std::uint16_t port() const { return server_.port(); }
+    RawConnection connect() const { return RawConnection(port()); }
+
+    /// Returns when run() has.
+    void stop() {
+        server_.stop();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+  private:
+    static RegistryOptions atAnyPort(RegistryOptions options) {
+        options.port = 0;
+        return options;
+    }
+
+    RegistryServer server_;
+    std::thread thread_;
+};
+
+}  // namespace orvx::registry

@@ -1,0 +1,147 @@
+// The life of one connection, as a chain of asynchronous steps: first bytes, header, body, answer.
+// A step that fails and is not followed by another one ends the connection.
+// Entered only by the thread that runs the server's io_context.
+// There is no lock.
+
+#include "Connection.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+#include <string_view>
+#include <utility>
+
+namespace orvx::registry {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+
+namespace {
+
+constexpr std::size_t kFirstRead = 2'048;
+constexpr std::size_t kMaxBuffer = 16'384;
+constexpr std::uint32_t kMaxHeader = 8'192;
+constexpr std::chrono::seconds kFarewell{2};
+constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+}  // namespace
+
+Connection::Connection(asio::ip::tcp::socket socket, Shared& shared)
+    : shared_(shared), stream_(std::move(socket)), buffer_(kMaxBuffer) {
+    shared_.connections.insert(this);
+}
+
+Connection::~Connection() {
+    shared_.connections.erase(this);
+}
+
+void Connection::close() {
+    stream_.close();
+}
+
+void Connection::awaitRequest() {
+    response_ = {};
+    parser_.emplace();
+    parser_->header_limit(kMaxHeader);
+    parser_->body_limit(shared_.options.maxBody);
+    if (buffer_.size() > 0) {
+        return readHeader();  // sent along with the request before
+    }
+    stream_.expires_after(shared_.options.idleTimeout);
+    stream_.async_read_some(
+        buffer_.prepare(kFirstRead),
+        beast::bind_front_handler(&Connection::onFirstBytes, shared_from_this()));
+}
+
+void Connection::onFirstBytes(Error error, std::size_t size) {
+    if (!error) {
+        buffer_.commit(size);
+        readHeader();
+    }
+}
+
+void Connection::readHeader() {
+    stream_.expires_after(shared_.options.requestTimeout);  // for the body too
+    http::async_read_header(stream_, buffer_, *parser_,
+                            beast::bind_front_handler(&Connection::onHeader, shared_from_this()));
+}
+
+void Connection::onHeader(Error error, std::size_t) {
+    if (error) {
+        return refuse(error);
+    }
+    const auto& header = parser_->get();
+    if (header.version() >= 11 && beast::iequals(header[http::field::expect], "100-continue")) {
+        return asio::async_write(
+            stream_, asio::buffer(kContinue),
+            beast::bind_front_handler(&Connection::readBody, shared_from_this()));
+    }
+    readBody({}, 0);
+}
+
+void Connection::readBody(Error error, std::size_t) {
+    if (!error) {
+        http::async_read(stream_, buffer_, *parser_,
+                         beast::bind_front_handler(&Connection::onRequest, shared_from_this()));
+    }
+}
+
+void Connection::onRequest(Error error, std::size_t) {
+    if (error) {
+        return refuse(error);
+    }
+    respond(answer(shared_.store, parser_->get()));
+}
+
+void Connection::refuse(Error error) {
+    static const auto& httpErrors = make_error_code(http::error::bad_method).category();
+    if (error.category() != httpErrors || error == http::error::end_of_stream) {
+        return;  // gone, too slow, or closed by us
+    }
+    auto status = http::status::bad_request;
+    if (error == http::error::body_limit) {
+        status = http::status::payload_too_large;
+    } else if (error == http::error::header_limit) {
+        status = http::status::request_header_fields_too_large;
+    }
+    Response response = failure(status, error.message());
+    response.keep_alive(false);
+    respond(std::move(response));
+}
+
+void Connection::respond(Response response) {
+    parser_.reset();
+    response_ = std::move(response);
+    stream_.expires_after(shared_.options.writeTimeout);
+    http::async_write(stream_, response_,
+                      beast::bind_front_handler(&Connection::onAnswered, shared_from_this()));
+}
+
+void Connection::onAnswered(Error error, std::size_t) {
+    if (error) {
+        return;
+    }
+    if (response_.keep_alive()) {
+        return awaitRequest();
+    }
+    stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, error);
+    stream_.expires_after(kFarewell);
+    discardInput(error, 0);
+}
+
+// Closing while the client still sends would reset the connection, and take the answer with it.
+void Connection::discardInput(Error error, std::size_t) {
+    if (!error) {
+        buffer_.clear();
+        stream_.async_read_some(
+            buffer_.prepare(kFirstRead),
+            beast::bind_front_handler(&Connection::discardInput, shared_from_this()));
+    }
+}
+
+}  // namespace orvx::registry

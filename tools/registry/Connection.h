@@ -1,0 +1,60 @@
+#pragma once
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/error.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <unordered_set>
+
+#include "EntryStore.h"
+#include "RegistryServer.h"
+#include "RequestHandler.h"
+
+namespace orvx::registry {
+
+/// One accepted connection: reads a request, answers it, and again. It lives as long as something
+/// is under way, and needs memory for one request and its answer only.
+///
+/// Thread-safety: the thread that runs the socket's io_context only.
+class Connection : public std::enable_shared_from_this<Connection> {
+  public:
+    /// What all connections of a server work on. Outlives them.
+    struct Shared {
+        const RegistryOptions options;
+        EntryStore store;
+        std::unordered_set<Connection*> connections;  ///< those that live
+    };
+
+    Connection(boost::asio::ip::tcp::socket socket, Shared& shared);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    void awaitRequest();
+    void close();
+
+  private:
+    using Error = boost::beast::error_code;
+
+    void onFirstBytes(Error error, std::size_t size);
+    void readHeader();
+    void onHeader(Error error, std::size_t);
+    void readBody(Error error, std::size_t);
+    void onRequest(Error error, std::size_t);
+    void refuse(Error error);
+    void respond(Response response);
+    void onAnswered(Error error, std::size_t);
+    void discardInput(Error error, std::size_t);
+
+    Shared& shared_;
+    boost::beast::tcp_stream stream_;
+    boost::beast::flat_buffer buffer_;
+    std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+    Response response_;
+};
+
+}  // namespace orvx::registry

@@ -1,0 +1,103 @@
+// Listens, makes a Connection of what is accepted, and closes everything when stopped.
+// Everything runs on the thread that calls run(); stop() only leaves a message for it, and port()
+// and url() read what never changes.
+// There is no lock: the io_context is what the threads share.
+
+#include "RegistryServer.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <sstream>
+#include <utility>
+
+#include "Connection.h"
+
+namespace orvx::registry {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+class RegistryServer::Impl {
+  public:
+    explicit Impl(const RegistryOptions& options)
+        : shared_{options, {}, {}},
+          acceptor_(context_, resolve(options)),
+          endpoint_(acceptor_.local_endpoint()),
+          retry_(context_) {
+        accept();
+    }
+
+    const tcp::endpoint& endpoint() const { return endpoint_; }
+    void run() { context_.run(); }
+    void stop() {
+        asio::post(context_, [this] { close(); });
+    }
+
+  private:
+    tcp::endpoint resolve(const RegistryOptions& options) {
+        return *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
+    }
+
+    void accept() {
+        acceptor_.async_accept([this](error_code error, tcp::socket socket) {
+            if (!acceptor_.is_open()) {
+                return;
+            }
+            if (error) {
+                return acceptLater();
+            }
+            socket.set_option(tcp::no_delay(true), error);
+            std::make_shared<Connection>(std::move(socket), shared_)->awaitRequest();
+            accept();
+        });
+    }
+
+    // Without a free file descriptor the next try would fail at once, and again.
+    void acceptLater() {
+        retry_.expires_after(std::chrono::milliseconds(100));
+        retry_.async_wait([this](error_code) { accept(); });
+    }
+
+    void close() {
+        acceptor_.close();
+        retry_.cancel();
+        for (Connection* connection : shared_.connections) {
+            connection->close();
+        }
+    }
+
+    // Connections end no later than the context does, and need this until then.
+    Connection::Shared shared_;
+    asio::io_context context_;
+    tcp::acceptor acceptor_;
+    const tcp::endpoint endpoint_;
+    asio::steady_timer retry_;
+};
+
+RegistryServer::RegistryServer(const RegistryOptions& options)
+    : impl_(std::make_unique<Impl>(options)) {}
+
+RegistryServer::~RegistryServer() = default;
+
+std::uint16_t RegistryServer::port() const {
+    return impl_->endpoint().port();
+}
+
+std::string RegistryServer::url() const {
+    std::ostringstream text;
+    text << "http://" << impl_->endpoint();
+    return text.str();
+}
+
+void RegistryServer::run() {
+    impl_->run();
+}
+
+void RegistryServer::stop() {
+    impl_->stop();
+}
+
+}  // namespace orvx::registry

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace orvx::registry {
+
+/// Where a registry listens and what it allows.
+struct RegistryOptions {
+    std::string host = "127.0.0.1";                    ///< address or name
+    std::uint16_t port = 8500;                         ///< 0: any free one
+    std::uint64_t maxBody = 1'048'576;                 ///< largest body of a request, in bytes
+    std::chrono::milliseconds idleTimeout{60'000};     ///< from an answer to the next request
+    std::chrono::milliseconds requestTimeout{10'000};  ///< from its first byte to its last
+    std::chrono::milliseconds writeTimeout{10'000};    ///< for an answer to be taken
+};
+
+/// A registry over HTTP. It listens from construction on, and answers while run() runs, all
+/// connections on that one thread. Its entries live as long as it does.
+///
+/// Thread-safety: run() by one thread, once; everything else by any thread. Destroy it only when
+/// run() has returned or was never called.
+class RegistryServer {
+  public:
+    /// Throws a std::runtime_error that says why when it cannot listen.
+    explicit RegistryServer(const RegistryOptions& options);
+    ~RegistryServer();
+    RegistryServer(const RegistryServer&) = delete;
+    RegistryServer& operator=(const RegistryServer&) = delete;
+
+    /// The port it listens at, also when any free one was asked for.
+    std::uint16_t port() const;
+
+    /// Where it listens, as `http://127.0.0.1:8500` or `http://[::1]:8500`.
+    std::string url() const;
+
+    /// Answers requests until stop(). When it returns, the port and all connections are closed.
+    void run();
+
+    /// Makes run() return soon, or at once if it is still to be called. Does not wait for it.
+    /// Stopped is for good. Calling it again does nothing.
+    void stop();
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace orvx::registry

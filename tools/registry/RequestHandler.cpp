@@ -1,0 +1,142 @@
+// What the registry does: turns a request into changes of the store and an answer. Knows HTTP's
+// words, but neither sockets nor time.
+// Entered by whichever thread owns the store, one at a time: the server's own, or a test's.
+// There is no lock and no state.
+
+#include "RequestHandler.h"
+
+#include <boost/beast/http/verb.hpp>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+
+namespace {
+
+// Descriptions are flat. Writing JSON recurses, so what is stored must not nest without limit.
+constexpr int kMaxDepth = 64;
+
+json parseObject(const std::string& text) {
+    const auto limitDepth = [](int depth, json::parse_event_t event, const json&) {
+        const bool opens =
+            event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
+        if (opens && depth == kMaxDepth) {
+            throw std::invalid_argument("the body nests too deeply");
+        }
+        return true;
+    };
+    json value = json::parse(text, limitDepth, false);
+    // The parser takes a NUL for the end of the text.
+    if (value.is_discarded() || text.find('\0') != std::string::npos) {
+        throw std::invalid_argument("the body is not valid JSON in UTF-8");
+    }
+    if (!value.is_object()) {
+        throw std::invalid_argument("the body is not a JSON object");
+    }
+    return value;
+}
+
+json toJson(const Entry& entry) {
+    return {{"uuid", entry.uuid},
+            {"path", entry.path},
+            {"service", entry.service},
+            {"checks", entry.checks}};
+}
+
+Response makeResponse(http::status status, const json& body) {
+    Response response(status, 11);
+    response.set(http::field::content_type, "application/json");
+    // A request target may hold bytes that are no UTF-8; they must not make dump() throw.
+    response.body() = body.dump(-1, ' ', false, json::error_handler_t::replace);
+    response.prepare_payload();
+    return response;
+}
+
+Response noSuchEntry() {
+    return failure(http::status::not_found, "there is no such entry");
+}
+
+std::string uuidOf(const Request& request) {
+    const auto target = request.target();
+    return target.starts_with('/') ? std::string(target.substr(1)) : std::string();
+}
+
+Response put(EntryStore& store, const Request& request) {
+    try {
+        json service = parseObject(request.body());
+        const auto [entry, created] = store.put(std::string(request.target()), std::move(service));
+        Response response =
+            makeResponse(created ? http::status::created : http::status::ok, toJson(entry));
+        response.set(http::field::location, "/" + entry.uuid);
+        return response;
+    } catch (const std::invalid_argument& error) {
+        return failure(http::status::bad_request, error.what());
+    }
+}
+
+Response get(const EntryStore& store, const Request& request) {
+    if (request.target() == "/") {
+        json list = json::array();
+        for (const Entry& entry : store.entries()) {
+            list.push_back(toJson(entry));
+        }
+        return makeResponse(http::status::ok, {{"entries", std::move(list)}});
+    }
+    const Entry* entry = store.find(uuidOf(request));
+    return entry ? makeResponse(http::status::ok, toJson(*entry)) : noSuchEntry();
+}
+
+// Without a Content-Length: to know it, the body would have to be written.
+Response head(EntryStore& store, const Request& request) {
+    const bool isThere = request.target() == "/" || store.check(uuidOf(request));
+    Response response(isThere ? http::status::ok : http::status::not_found, 11);
+    response.set(http::field::content_type, "application/json");
+    return response;
+}
+
+Response remove(EntryStore& store, const Request& request) {
+    const auto entry = store.remove(uuidOf(request));
+    return entry ? makeResponse(http::status::ok, toJson(*entry)) : noSuchEntry();
+}
+
+Response methodNotAllowed() {
+    Response response =
+        failure(http::status::method_not_allowed, "the methods are GET, HEAD, PUT and DELETE");
+    response.set(http::field::allow, "GET, HEAD, PUT, DELETE");
+    return response;
+}
+
+Response dispatch(EntryStore& store, const Request& request) {
+    switch (request.method()) {
+        case http::verb::put:
+            return put(store, request);
+        case http::verb::get:
+            return get(store, request);
+        case http::verb::head:
+            return head(store, request);
+        case http::verb::delete_:
+            return remove(store, request);
+        default:
+            return methodNotAllowed();
+    }
+}
+
+}  // namespace
+
+Response answer(EntryStore& store, const Request& request) {
+    Response response = dispatch(store, request);
+    response.version(request.version());
+    response.keep_alive(request.keep_alive());
+    return response;
+}
+
+Response failure(http::status status, std::string_view why) {
+    return makeResponse(status, {{"error", why}});
+}
+
+}  // namespace orvx::registry
