@@ -1,0 +1,24 @@
+#pragma once
+
+#include <serviceregistryclient/IOrvServiceRegistryClient.h>
+
+#include <orvx/utility/ILoggerFactory.h>
+
+#include <memory>
+
+namespace orvx::serviceregistryclient {
+
+/// Makes the client of a context. Implement it to put a client of your own in its place, usually
+/// one derived from or wrapped around the library's. Called by OrvServiceRegistryContext::init(),
+/// on the thread that calls that.
+class ORVX_EXPORT IOrvServiceRegistryClientFactory {
+  public:
+    virtual ~IOrvServiceRegistryClientFactory();
+
+    /// A new client, ready to use, owned by the caller. `registerWithPrefix` is the context's
+    /// option of that name. What it throws leaves the context's init().
+    virtual std::unique_ptr<IOrvServiceRegistryClient> createOrvServiceRegistryClient(
+        std::shared_ptr<utility::ILoggerFactory> loggerFactory, bool registerWithPrefix) = 0;
+};
+
+}  // namespace orvx::serviceregistryclient

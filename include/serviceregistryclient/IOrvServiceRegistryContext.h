@@ -1,0 +1,81 @@
+#pragma once
+
+#include <orvx/communication/HttpResponse.h>
+#include <orvx/utility/Export.h>
+
+#include <chrono>
+#include <cstdint>
+#include <set>
+
+namespace orvx::serviceregistryclient {
+
+class IOrvServiceRegistryClient;
+
+/// The options of a registry client, and its beginning and end.
+///
+/// Options are set before init(); after it every setter throws utility::OrvFoundationException with
+/// a message of its own and error code 0, and changes nothing; after deinit() they may be set
+/// again. Getters answer at any time.
+///
+/// Thread-safety: none; configured, initialised and de-initialised by one thread at a time. The
+/// client that it hands out is thread-safe.
+/// The order of the virtual operations is part of the binary interface.
+class ORVX_EXPORT IOrvServiceRegistryContext {
+  public:
+    /// Ends the client, if there is one, as deinit() does.
+    virtual ~IOrvServiceRegistryContext();
+
+    /// Makes the client and starts its threads. Throws utility::OrvFoundationException when it is
+    /// initialised already or the HTTP configuration makes no sense, and std::system_error when a
+    /// thread cannot be made (a callback thread that cannot be made ends the process instead).
+    virtual void init() = 0;
+
+    /// Ends the client: outstanding requests are given up, queued callbacks and timers are dropped,
+    /// nothing is withdrawn at the registry. When it returns no callback runs any more; it takes at
+    /// most a second beside the callback that is running. From inside a callback it does not wait
+    /// for that callback. Does nothing before init(), and in a forked child, which leaks the
+    /// client.
+    virtual void deinit() = 0;
+
+    virtual bool isInitiated() = 0;
+
+    /// The client, owned by the context and valid until deinit().
+    /// Throws utility::OrvFoundationException before init().
+    virtual IOrvServiceRegistryClient* getServiceRegistryClient() = 0;
+
+    /// Whether a registration that got no answer is tried again. Default: true.
+    virtual void enableRetry(bool enable) = 0;
+    virtual bool isRetryEnabled() const = 0;
+
+    /// Whether, besides, a registration answered with one of the status codes below is tried again.
+    /// Default: false.
+    virtual void enableRetryOnHttpStatus(bool enable) = 0;
+    virtual bool isRetryOnHttpStatusEnabled() const = 0;
+
+    /// Default: 500, 503 and 504. The set is copied; an empty one is allowed.
+    virtual void setHttpStatusCodesForRetry(
+        const std::set<communication::HttpResponse::StatusCode>& statusCodes) = 0;
+    virtual const std::set<communication::HttpResponse::StatusCode>& getHttpStatusCodesForRetry()
+        const = 0;
+
+    /// Whether the entry of each registered service is checked periodically and made again when the
+    /// registry has lost it. Default: true.
+    virtual void enableCheck(bool enable) = 0;
+    virtual bool isCheckEnabled() const = 0;
+
+    /// From an answer to the next check; also the delay between attempts to register a lost service
+    /// again. Zero and less mean at once. Default: 10 s.
+    virtual void setCheckInterval(std::chrono::seconds interval) = 0;
+    virtual std::chrono::seconds getCheckInterval() const = 0;
+
+    /// The delay before each retry where retries are limited, and the step of the back-off (doubled
+    /// up to four times) where they are not. Zero and less mean at once. Default: 500 ms.
+    virtual void setRetryInterval(std::chrono::milliseconds interval) = 0;
+    virtual std::chrono::milliseconds getRetryInterval() const = 0;
+
+    /// How often a registration is tried again; 0 means without limit. Default: 0.
+    virtual void setInitialMaxRetryCount(std::uint16_t count) = 0;
+    virtual std::uint16_t maxRetryCount() const = 0;
+};
+
+}  // namespace orvx::serviceregistryclient

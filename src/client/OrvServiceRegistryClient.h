@@ -1,0 +1,244 @@
+#pragma once
+
+#include <serviceregistryclient/IOrvServiceRegistryClient.h>
+
+#include <orvx/communication/IClientHttpSession.h>
+#include <orvx/communication/OrvClientCommunicationContext.h>
+#include <orvx/utility/Mutex.h>
+#include <orvx/utility/QueuedTimer.h>
+#include <orvx/utility/SingleThreadAsyncTaskExecutor.h>
+#include <orvx/utility/StreamingLogger.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace orvx::serviceregistryclient {
+
+class OrvServiceRegistryContext;
+
+/// The library's client. Users see it as IOrvServiceRegistryClient; it is exported for factories
+/// that build on it.
+///
+/// Where to find what, in the order of the declarations below:
+///   Lifecycle.cpp            construction, start, stop
+///   Sessions.cpp             one HTTP session for each registry endpoint
+///   Description.cpp          descriptions built from an endpoint
+///   Registration.cpp         the PUT
+///   RegistrationAnswer.cpp   its answer when it is a success
+///   RegistrationFailure.cpp  its answer when it is not: retry, or give up
+///   StatusCheck.cpp          the periodic HEAD, its time-out, re-registration, the listener
+///   Unregistration.cpp       the DELETE and its answer
+///   CallbackDispatch.cpp     how outcomes reach user code
+///   Synchronous.cpp          one service, blocking
+///   ServiceCollection.cpp    many services, in both forms
+///   UnregisterAll.cpp        withdrawing everything, in both forms
+///   Records.h                what is kept for a request and for a registration
+///   RegistrationTable.h      the table of registrations and its index
+///
+/// Threads: the user's (public operations), "ORVX_SRCBExec" (user code, nothing else),
+/// "ORVX_SRRExec" (retries, checks, time-outs), and the communication library's I/O thread
+/// (`handle...Response`).
+///
+/// The lock rule: `mutex` is the only lock. What it guards is read and changed under it; user code
+/// is neither called, copied nor destroyed under it: callbacks and listeners are moved or shared
+/// there, and released after unlocking. A log line may be written under it.
+class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
+  public:
+    struct RequestContainer;
+    struct CallbackList;
+    struct RegistrationData;
+    class RegistrationTable;
+
+    // Lifecycle.cpp
+
+    /// Starts the client; throws what init() throws.
+    OrvServiceRegistryClient(std::shared_ptr<utility::ILoggerFactory> loggerFactory,
+                             bool registerWithPrefix, OrvServiceRegistryContext& context);
+    ~OrvServiceRegistryClient() override;
+
+    /// Starts the client; does nothing while it runs. Not while another thread uses the client.
+    void init();
+    /// Stops the client; what it manages stays for the next init(). Does nothing when stopped.
+    void deinit();
+
+    // Description.cpp
+    common::ServiceCreate getServiceCreate(const common::ServiceInfo& serviceInfo) override;
+    std::shared_ptr<common::ServiceCreate> getSharedServiceCreate(
+        const common::ServiceInfo& serviceInfo) override;
+
+    // Registration.cpp
+    UnregisterHandle registerServiceAtRegistry(
+        const common::ServiceInfo& serviceInfo,
+        const std::shared_ptr<common::ServiceCreate>& service, ResponseCallback callback) override;
+
+    // StatusCheck.cpp
+    std::function<void()> addServiceRegisterStatusListener(StatusListener listener) override;
+
+    // Synchronous.cpp
+    SyncOrvRegistrationResponse registerServiceAtRegistry(
+        const common::ServiceInfo& serviceInfo,
+        const std::shared_ptr<common::ServiceCreate>& service) override;
+
+    // ServiceCollection.cpp
+    std::map<std::shared_ptr<common::ServiceModel>, UnregisterHandle> registerServicesAtRegistry(
+        const common::ServiceInfo& serviceInfo, const ServiceSet& services,
+        ServiceCallback callback) override;
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse>>
+    registerServicesAtRegistry(const common::ServiceInfo& serviceInfo,
+                               const ServiceSet& services) override;
+
+    // UnregisterAll.cpp
+    void unregisterAllServicesFromRegistry(ServiceCallback callback) override;
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, OrvRegistrationResponse>>
+    unregisterAllServicesFromRegistry() override;
+
+  private:
+    friend class ClientTestAccess;
+
+    using Response = std::shared_ptr<OrvRegistrationResponse>;
+    using Callbacks = std::vector<ResponseCallback>;
+    using Promise = std::shared_ptr<std::promise<OrvRegistrationResponse>>;
+
+    /// The states of a registration. 4 is never set; what looks for UNREGISTERING accepts it too.
+    enum RegistrationState : std::uint32_t {
+        REGISTERING = 0,
+        REREGISTERING = 1,
+        REGISTERED = 2,
+        UNREGISTERING = 3,
+        CREATED = 5,
+    };
+    /// The state of the status check: one for all registrations, on purpose.
+    enum HeadState : std::uint32_t {
+        IDLE = 0,
+        TIMEOUT = 1,
+        RESPONDED = 2,
+        PENDING = 3,
+    };
+
+    // Lifecycle.cpp
+    void deinitImpl() ORVX_EXCLUDES(mutex);
+    void startExecutorOrTerminate() noexcept;
+
+    // Sessions.cpp
+    std::shared_ptr<communication::IClientHttpSession> createOrGetRegistryClientSession(
+        const common::ServiceInfo& serviceInfo) ORVX_REQUIRES(mutex);
+    std::shared_ptr<communication::IClientHttpSession> usableSessionLocked(
+        const common::ServiceInfo& serviceInfo) ORVX_REQUIRES(mutex);
+
+    // Registration.cpp
+    UnregisterHandle internal_registerAtRegistry(
+        const common::ServiceInfo& serviceInfo,
+        const std::shared_ptr<common::ServiceCreate>& service, const ResponseCallback& callback)
+        ORVX_EXCLUDES(mutex);
+    std::uint64_t storeRegistration(const std::shared_ptr<RequestContainer>& request,
+                                    ResponseCallback callback) ORVX_EXCLUDES(mutex);
+    void sendPutRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& request)
+        ORVX_EXCLUDES(mutex);
+    UnregisterHandle handleOfRefusedService(const std::string& name);
+    UnregisterHandle handleOfUnnamedService();
+
+    // RegistrationAnswer.cpp
+    void handlePutResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
+                           communication::HttpResponse response) ORVX_EXCLUDES(mutex);
+    Callbacks recordEntryLocked(RegistrationData& record, RequestContainer& request,
+                                const std::string& uuid, const std::string& location)
+        ORVX_REQUIRES(mutex);
+    void scheduleCheck(std::uint64_t id, const std::shared_ptr<RequestContainer>& request);
+
+    // RegistrationFailure.cpp
+    void handlePutResponseError(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
+                                communication::HttpResponse response) ORVX_EXCLUDES(mutex);
+    bool retryLocked(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
+                     RegistrationData& record, const communication::HttpResponse& response)
+        ORVX_REQUIRES(mutex);
+    bool isRetryable(const communication::HttpResponse& response) const;
+    void schedulePut(std::chrono::milliseconds delay, std::uint64_t id,
+                     const std::shared_ptr<RequestContainer>& request);
+
+    // StatusCheck.cpp
+    void sendHeadRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& container)
+        ORVX_EXCLUDES(mutex);
+    void handleHeadTimeout(communication::IClientHttpSession& session) ORVX_EXCLUDES(mutex);
+    void handleHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
+                            const communication::HttpResponse& response) ORVX_EXCLUDES(mutex);
+    bool markLostLocked(std::uint64_t id, RequestContainer& container) ORVX_REQUIRES(mutex);
+    std::chrono::milliseconds checkDelay() const;
+
+    // Unregistration.cpp
+    void internal_unregisterFromRegistry(const std::uint64_t& id, const ResponseCallback& callback)
+        ORVX_EXCLUDES(mutex);
+    void sendDeleteRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& container)
+        ORVX_EXCLUDES(mutex);
+    void handleDeleteResponse(std::uint64_t id, communication::HttpResponse response)
+        ORVX_EXCLUDES(mutex);
+    void deleteRegistryEntriesAndNotifyListener(std::uint64_t id, Callbacks& callbacks)
+        ORVX_EXCLUDES(mutex);
+    static bool isUnregistering(std::uint32_t state);
+
+    // CallbackDispatch.cpp
+    void callCallback(ResponseCallback callback, const Response& response);
+    void callCallbacks(Callbacks callbacks, const Response& response);
+    void notifyListener(StatusListener listener,
+                        std::shared_ptr<const common::ServiceModel> service, bool registered);
+
+    // Synchronous.cpp
+    static OrvRegistrationResponse makeSynchronizedCallRegistrationResponse(
+        const std::function<void(Promise)>& call, std::chrono::milliseconds timeout);
+    static ResponseCallback fulfil(Promise promise);
+    static std::function<OrvRegistrationResponse()> synchronousUnregister(
+        UnregisterHandle handle, std::chrono::milliseconds timeout);
+
+    // ServiceCollection.cpp
+    static std::pair<bool,
+                     std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse>>
+    executeSynchronousServiceCollectionRegistryCall(
+        const ServiceSet& services,
+        const std::function<void(std::shared_ptr<common::ServiceCreate>, ServiceCallback)>&
+            registerOne);
+
+    // UnregisterAll.cpp
+    std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> snapshot() ORVX_EXCLUDES(mutex);
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, OrvRegistrationResponse>>
+    executeSynchronousServiceCollectionUnregistration(
+        const std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>& registrations,
+        const std::function<void(std::uint64_t, std::shared_ptr<common::ServiceCreate>,
+                                 ServiceCallback)>& unregisterOne);
+
+    // The order matters: members are destroyed from the last to the first. What answers and tasks
+    // use stands above what runs them, or they are stopped by the destructor before.
+
+    // Constant after construction, or safe by themselves.
+    std::shared_ptr<utility::StreamingLogger> logger;
+    std::shared_ptr<utility::ILoggerFactory> loggerFactory;
+    OrvServiceRegistryContext& context;
+    communication::OrvClientCommunicationContext communicationContext;
+    std::atomic<bool> initiated{false};
+
+    utility::Mutex mutex;
+
+    std::uint64_t lastRequestId ORVX_GUARDED_BY(mutex) = 0;
+
+    // Constant after construction, or safe by themselves. The status codes are the client's own
+    // copy: its context drops its set while answers may still come in.
+    const bool registerWithPrefix;
+    const std::chrono::milliseconds syncCallUnregisterTimeout;
+    const std::set<communication::HttpResponse::StatusCode> statusCodesForRetry;
+    utility::SingleThreadAsyncTaskExecutor callbackExecutor;
+    utility::QueuedTimer timer;
+
+    // Guarded.
+    std::map<std::string, std::shared_ptr<communication::IClientHttpSession>> sessions
+        ORVX_GUARDED_BY(mutex);
+    const std::unique_ptr<RegistrationTable> mapRegistryCallback ORVX_PT_GUARDED_BY(mutex);
+    StatusListener statusListener ORVX_GUARDED_BY(mutex);
+    HeadState checkState ORVX_GUARDED_BY(mutex) = IDLE;
+};
+
+}  // namespace orvx::serviceregistryclient

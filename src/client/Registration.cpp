@@ -1,0 +1,145 @@
+// The registration request: completing a copy of the description, storing it, sending the PUT.
+// Entered by the user's threads, and by the timer's and the I/O thread when a PUT is sent again.
+// The lock is held to store and to look up, not while the request is handed to the session.
+#include "RegistrationTable.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+#include <sstream>
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using common::ServiceCreate;
+
+namespace {
+
+/// Fills in what is missing. An id is never sent: the registry gives it.
+void complete(ServiceCreate& service) {
+    service.getGenericObject().removeValue("id");
+    if (!service.hasUri()) {
+        service.setUri("/" + service.getName());
+    }
+    if (!service.hasDescription()) {
+        service.setDescription(service.getName());
+    }
+    if (!service.hasPrivileges()) {
+        service.setPrivileges({});
+    }
+    if (!service.hasServiceCategories()) {
+        service.setServiceCategories({});
+    }
+    if (!service.hasVersions()) {
+        service.setVersions({});
+    }
+}
+
+std::string toJson(const ServiceCreate& service) {
+    std::ostringstream stream;
+    service.getGenericObject().toJSONStream(stream, false);
+    return stream.str();
+}
+
+}  // namespace
+
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::registerServiceAtRegistry(
+    const common::ServiceInfo& serviceInfo, const std::shared_ptr<ServiceCreate>& service,
+    ResponseCallback callback) {
+    return internal_registerAtRegistry(serviceInfo, service, callback);
+}
+
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_registerAtRegistry(
+    const common::ServiceInfo& serviceInfo, const std::shared_ptr<ServiceCreate>& service,
+    const ResponseCallback& callback) {
+    const auto refuse = [&](OrvRegistrationResponse::ErrorCode reason) {
+        callCallback(callback, std::make_shared<OrvRegistrationResponse>(
+                                   OrvRegistrationResponse::ERROR, reason));
+    };
+    if (!initiated) {
+        refuse(OrvRegistrationResponse::DELEGATOR_NOT_INITIATED);
+        return handleOfRefusedService(service ? service->getName() : "");
+    }
+    const auto completed = service ? std::make_shared<ServiceCreate>(*service) : nullptr;
+    if (!completed || completed->getName().empty()) {
+        logger->logError(false) << "Service is missing name";
+        refuse(OrvRegistrationResponse::SERVICE_NAME_MISSING);
+        return handleOfUnnamedService();
+    }
+
+    complete(*completed);
+    std::string body;
+    try {
+        body = toJson(*completed);
+    } catch (...) {
+        logger->logError(false) << "could not create content to send to registry";
+        refuse(OrvRegistrationResponse::OTHER);
+        return handleOfRefusedService(completed->getName());
+    }
+
+    const auto request = std::make_shared<RequestContainer>(
+        RequestContainer{std::make_shared<common::ServiceInfo>(serviceInfo), completed,
+                         std::make_shared<std::string>(completed->getUri()),
+                         std::make_shared<std::string>(std::move(body))});
+    const std::uint64_t id = storeRegistration(request, callback);
+    sendPutRequest(id, request);
+    return [this, id](const ResponseCallback& done) { internal_unregisterFromRegistry(id, done); };
+}
+
+std::uint64_t OrvServiceRegistryClient::storeRegistration(
+    const std::shared_ptr<RequestContainer>& request, ResponseCallback callback) {
+    const auto retryInterval =
+        std::max<std::chrono::milliseconds::rep>(context.getRetryInterval().count(), 0);
+    auto record = std::make_shared<RegistrationData>();
+    record->requestContainer = request;
+    record->backoffSequence = std::make_unique<communication::QunaConnectionBackoffSequence>(
+        4, static_cast<std::uint64_t>(retryInterval));
+    record->registerCallbacks = std::make_unique<CallbackList>();
+    record->registerCallbacks->callbacks.push_back(std::move(callback));
+    record->state = REGISTERING;
+
+    const utility::MutexLock lock(mutex);
+    const std::uint64_t id = ++lastRequestId;
+    mapRegistryCallback->insert(id, std::move(record));
+    return id;
+}
+
+void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
+                                              const std::shared_ptr<RequestContainer>& request) {
+    std::shared_ptr<communication::IClientHttpSession> session;
+    {
+        const utility::MutexLock lock(mutex);
+        if (!initiated) {
+            return;
+        }
+        if (!mapRegistryCallback->find(id)) {
+            logger->logWarning(false)
+                << "sendPutRequest called but id not found in mapRegistryCallback. id=" << id;
+            return;
+        }
+        session = usableSessionLocked(*request->serviceInfo);
+    }
+    session->sendPutRequestJson(*request->uri, request->body->data(), request->body->size(),
+                                [this, id, request](communication::HttpResponse response) {
+                                    handlePutResponse(id, request, std::move(response));
+                                });
+}
+
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOfRefusedService(
+    const std::string& name) {
+    return [this, name](const ResponseCallback& done) {
+        logger->logWarning(false) << "Service '" << name << "' to unregister is not registered.";
+        callCallback(done, std::make_shared<OrvRegistrationResponse>(
+                               OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
+    };
+}
+
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOfUnnamedService() {
+    return [this](const ResponseCallback& done) {
+        logger->logWarning(false) << "Unnamed service is not registered. Cannot be unregistered.";
+        callCallback(done, std::make_shared<OrvRegistrationResponse>(
+                               OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
+    };
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,103 @@
+// The answer to a PUT that is no success: retry a first registration, try a lost service again
+// after the check interval, or give up. Entered by the I/O thread. The lock is held for the
+// decision; callbacks are dispatched after it is let go.
+#include "RegistrationTable.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+
+void OrvServiceRegistryClient::handlePutResponseError(
+    std::uint64_t id, const std::shared_ptr<RequestContainer>& request, HttpResponse response) {
+    Callbacks callbacks;
+    bool gaveUp = false;
+    {
+        std::shared_ptr<RegistrationData> record;
+        const utility::MutexLock lock(mutex);
+        record = mapRegistryCallback->find(id);
+        if (!record) {
+            logger->logError(false)
+                << "handlePutResponseError called but id not found in mapRegistryCallback. id="
+                << id;
+            return;
+        }
+        if (!record->wasRegistered) {
+            if (retryLocked(id, request, *record, response)) {
+                return;
+            }
+            if (!response.getBody().empty()) {
+                logger->logWarning(false)
+                    << "error message from service registry=" << response.getBody();
+            }
+            callbacks = RegistrationData::take(record->registerCallbacks);
+            mapRegistryCallback->erase(id);
+            gaveUp = true;
+        } else if (!isUnregistering(record->state)) {
+            if (logger->isInfoEnabled()) {
+                logger->logInfo(false) << "re-register request: " << *request->uri;
+            }
+            schedulePut(checkDelay(), id, request);
+            return;
+        }
+    }
+    if (!gaveUp) {  // withdrawn while the registry had lost it: there is nothing left to withdraw
+        deleteRegistryEntriesAndNotifyListener(id, callbacks);
+    }
+    const auto outcome = gaveUp ? std::make_shared<OrvRegistrationResponse>(
+                                      OrvRegistrationResponse::ERROR,
+                                      OrvRegistrationResponse::SERVICE_REGISTRY_ERROR)
+                                : std::make_shared<OrvRegistrationResponse>(
+                                      OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE);
+    outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response));
+    callCallbacks(std::move(callbacks), outcome);
+}
+
+/// True when the request will be sent again. A limited number of retries is spaced evenly, an
+/// unlimited one follows the back-off.
+bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
+                                           const std::shared_ptr<RequestContainer>& request,
+                                           RegistrationData& record, const HttpResponse& response) {
+    if (!isRetryable(response) || !context.isRetryEnabled()) {
+        return false;
+    }
+    const std::uint16_t max = context.maxRetryCount();
+    std::uint16_t& retryCount = record.registerCallbacks->retryCount;
+    if (max != 0 && retryCount >= max) {
+        return false;
+    }
+    ++retryCount;
+    if (logger->isInfoEnabled()) {
+        logger->logInfo(false) << "retry (" << retryCount << ".) request: " << *request->uri;
+    }
+    schedulePut(max == 0 ? record.backoffSequence->nextDelay() : context.getRetryInterval(), id,
+                request);
+    return true;
+}
+
+/// Says in the log why it is, or is not.
+bool OrvServiceRegistryClient::isRetryable(const HttpResponse& response) const {
+    const CommunicationStatus communicationStatus = response.getCommunicationStatus();
+    const auto status = static_cast<std::int32_t>(response.getStatusCode());
+    if (communicationStatus == CommunicationStatus::Ok &&
+        (!context.isRetryOnHttpStatusEnabled() ||
+         statusCodesForRetry.count(response.getStatusCode()) == 0)) {
+        logger->logWarning(false) << "response put request was not ok, status=" << status;
+        return false;
+    }
+    logger->logWarning(false) << "response put request was not ok, communication status="
+                              << communicationStatusToString(communicationStatus)
+                              << ", status=" << status;
+    return true;
+}
+
+void OrvServiceRegistryClient::schedulePut(std::chrono::milliseconds delay, std::uint64_t id,
+                                           const std::shared_ptr<RequestContainer>& request) {
+    timer.addTask(delay, [this, id, request] { sendPutRequest(id, request); });
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "Records.h"
+
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+/// The registrations by request id, and an index by the registry id in their descriptions, so that
+/// neither finding the registration of an entry nor removing one costs more the more there are.
+///
+/// Several request ids may lead to one record. The index speaks of the descriptions that the
+/// records hold: that of a request whose id was led to another record is in it only as long as
+/// another id leads to its own.
+/// Guarded by the client's lock. Records are handed out, never destroyed here under that lock: what
+/// erases returns the last share.
+class OrvServiceRegistryClient::RegistrationTable {
+  public:
+    using Record = std::shared_ptr<RegistrationData>;
+    using Map = std::map<std::uint64_t, Record>;
+
+    /// Null when there is none.
+    Record find(std::uint64_t id) const;
+    /// The record with the lowest request id among those whose description has this registry id, be
+    /// it empty; null when there is none.
+    Record findByRegistryId(const std::string& registryId) const;
+    Map::const_iterator begin() const { return records_.begin(); }
+    Map::const_iterator end() const { return records_.end(); }
+
+    /// `id` must be new.
+    void insert(std::uint64_t id, Record record);
+    /// Makes `id`, which must be there, lead to `target`; returns the record it led to.
+    Record lead(std::uint64_t id, const Record& target);
+    /// Removes one id, which must be there; returns its record.
+    Record erase(std::uint64_t id);
+    /// Removes every id that leads to the record.
+    void eraseAll(RegistrationData& record);
+
+    /// Writes what the registry holds into the request's description.
+    void describe(RequestContainer& request, const std::string& registryId, const std::string& uri);
+
+  private:
+    void index(RegistrationData& record);
+    void unindex(RegistrationData& record);
+
+    Map records_;
+    /// Registry id and lowest request id of each record whose description has a registry id.
+    std::set<std::pair<std::string, std::uint64_t>> byRegistryId_;
+};
+
+}  // namespace orvx::serviceregistryclient

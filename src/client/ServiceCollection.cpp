@@ -1,0 +1,65 @@
+// Registering a set of services, in both forms: thin layers over the registration of one, called
+// through the interface so that an override counts. Entered by the user's threads; answers are
+// gathered on the callback thread. The client's lock is not taken.
+#include "ServiceCollectionData.h"
+
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using common::ServiceCreate;
+using common::ServiceModel;
+
+std::map<std::shared_ptr<ServiceModel>, IOrvServiceRegistryClient::UnregisterHandle>
+OrvServiceRegistryClient::registerServicesAtRegistry(const common::ServiceInfo& serviceInfo,
+                                                     const ServiceSet& services,
+                                                     ServiceCallback callback) {
+    std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handles;
+    for (const std::shared_ptr<ServiceCreate>& service : services) {
+        handles.insert_or_assign(
+            service,
+            registerServiceAtRegistry(serviceInfo, service,
+                                      [callback, service](OrvRegistrationResponse response) {
+                                          callback(service, std::move(response));
+                                      }));
+    }
+    return handles;
+}
+
+std::pair<bool, std::map<std::shared_ptr<ServiceModel>, SyncOrvRegistrationResponse>>
+OrvServiceRegistryClient::executeSynchronousServiceCollectionRegistryCall(
+    const ServiceSet& services,
+    const std::function<void(std::shared_ptr<ServiceCreate>, ServiceCallback)>& registerOne) {
+    const ServiceCollectionCall<ServiceCollectionSyncRegistryData> call;
+    const OrvRegistrationResponse waited = makeSynchronizedCallRegistrationResponse(
+        [&](const Promise& promise) {
+            const ServiceCallback collect = call.collector(promise, services.size());
+            for (const std::shared_ptr<ServiceCreate>& service : services) {
+                registerOne(service, collect);
+            }
+        },
+        std::chrono::milliseconds::zero());
+    return call.take(waited);
+}
+
+std::pair<bool, std::map<std::shared_ptr<ServiceModel>, SyncOrvRegistrationResponse>>
+OrvServiceRegistryClient::registerServicesAtRegistry(const common::ServiceInfo& serviceInfo,
+                                                     const ServiceSet& services) {
+    const std::chrono::milliseconds unregisterTimeout = syncCallUnregisterTimeout;
+    std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handleTable;
+    auto result = executeSynchronousServiceCollectionRegistryCall(
+        services, [&](const std::shared_ptr<ServiceCreate>& service, ServiceCallback collect) {
+            handleTable.insert_or_assign(
+                service, registerServiceAtRegistry(serviceInfo, service,
+                                                   [collect = std::move(collect),
+                                                    service](OrvRegistrationResponse response) {
+                                                       collect(service, std::move(response));
+                                                   }));
+        });
+    for (auto& [service, outcome] : result.second) {
+        outcome.unregister = synchronousUnregister(handleTable[service], unregisterTimeout);
+    }
+    return result;
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,35 @@
+// One HTTP session for each registry endpoint, made on first use and kept. Entered by the threads
+// that send: the user's, the timer's, the I/O thread. The caller holds the lock.
+#include "OrvServiceRegistryClient.h"
+
+namespace orvx::serviceregistryclient {
+
+// The key is stored before the session is made, so that a failure is remembered: an endpoint for
+// which no session could be made is not tried again.
+std::shared_ptr<communication::IClientHttpSession>
+OrvServiceRegistryClient::createOrGetRegistryClientSession(const common::ServiceInfo& serviceInfo) {
+    const auto [entry, isNew] = sessions.try_emplace(serviceInfo.getKey());
+    if (isNew) {
+        entry->second = communicationContext.getClientHttpFactory().createSession(
+            serviceInfo.getHost(), serviceInfo.getPort(), communicationContext.getHttpConfig(),
+            communicationContext.getHealthCheck(), communicationContext.getClientStatistics());
+    }
+    return entry->second;
+}
+
+// What has no session is answered like a request that could not be sent, by the I/O thread.
+std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::usableSessionLocked(
+    const common::ServiceInfo& serviceInfo) {
+    try {
+        if (auto session = createOrGetRegistryClientSession(serviceInfo)) {
+            return session;
+        }
+    } catch (...) {
+        // Kept as an empty session; said once, here.
+        logger->logError(false) << "no session can be made for service registry "
+                                << serviceInfo.getKey();
+    }
+    return communicationContext.getUnavailableSession();
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,130 @@
+// The periodic check of a registered service, its time-out, what follows from a lost entry, and the
+// status listener. Entered by the timer's thread (HEAD, time-out), the I/O thread (answers) and the
+// user's (listener). Everything happens under the lock, the HEAD's submission too: submitting never
+// waits and never calls a handler. Only the PUT of a re-registration is sent after it is let go.
+#include "RegistrationTable.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+
+void OrvServiceRegistryClient::sendHeadRequest(std::uint64_t id,
+                                               const std::shared_ptr<RequestContainer>& container) {
+    const utility::MutexLock lock(mutex);
+    if (!initiated) {
+        return;
+    }
+    const auto record = mapRegistryCallback->find(id);
+    if (!record) {
+        logger->logWarning(false)
+            << "sendHeadRequest called but id not found in mapRegistryCallback. id=" << id;
+        return;
+    }
+    if (record->state != REGISTERED) {
+        logger->logWarning(false) << "sendHeadRequest called but service is not REGISTERED. id="
+                                  << id;
+        return;
+    }
+    const auto session = usableSessionLocked(*container->serviceInfo);
+    session->sendHeadRequest("/" + container->serviceCreate->getId(),
+                             [this, id, container](const HttpResponse& response) {
+                                 handleHeadResponse(id, container, response);
+                             });
+    checkState = PENDING;
+    timer.addTask(context.getHeadTimeout(), [this, session] { handleHeadTimeout(*session); });
+}
+
+// A time-out ends the check: it is not scheduled again, and the late answer is ignored.
+void OrvServiceRegistryClient::handleHeadTimeout(communication::IClientHttpSession& session) {
+    const utility::MutexLock lock(mutex);
+    if (checkState == RESPONDED) {
+        checkState = IDLE;
+        return;
+    }
+    checkState = TIMEOUT;
+    logger->log("callback: Head State TIMEOUT", 0);
+    session.abandon();
+}
+
+void OrvServiceRegistryClient::handleHeadResponse(
+    std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
+    const HttpResponse& response) {
+    {
+        const utility::MutexLock lock(mutex);
+        if (checkState == TIMEOUT) {
+            logger->log("TIMEOUT on head request, ignore response.", 0);
+            checkState = IDLE;
+            return;
+        }
+        checkState = RESPONDED;
+        const bool isLost = response.getCommunicationStatus() == CommunicationStatus::Ok &&
+                            response.getStatusCode() == HttpResponse::StatusCode::NotFound;
+        if (!isLost) {
+            if (mapRegistryCallback->find(id)) {
+                scheduleCheck(id, container);
+            }
+            return;
+        }
+        if (!markLostLocked(id, *container)) {
+            return;
+        }
+    }
+    sendPutRequest(id, container);
+}
+
+/// False when there is nothing to register again.
+bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer& container) {
+    const auto record = mapRegistryCallback->find(id);
+    if (!record || isUnregistering(record->state)) {
+        return false;
+    }
+    record->state = REREGISTERING;
+    mapRegistryCallback->describe(container, "", "");
+    notifyListener(statusListener, container.serviceCreate, false);
+    if (logger->isInfoEnabled()) {
+        logger->logInfo(false) << "automatic re-register with request: " << *container.uri;
+    }
+    return true;
+}
+
+/// The check interval in milliseconds; one that does not fit is the largest that does.
+std::chrono::milliseconds OrvServiceRegistryClient::checkDelay() const {
+    using std::chrono::milliseconds;
+    using std::chrono::seconds;
+    const seconds interval = context.getCheckInterval();
+    if (interval > std::chrono::duration_cast<seconds>(milliseconds::max())) {
+        return milliseconds::max();
+    }
+    if (interval < std::chrono::duration_cast<seconds>(milliseconds::min())) {
+        return milliseconds::min();
+    }
+    return interval;
+}
+
+std::function<void()> OrvServiceRegistryClient::addServiceRegisterStatusListener(
+    StatusListener listener) {
+    // Shared, so that handing it out under the lock copies a pointer and no user code.
+    StatusListener shared;
+    if (listener) {
+        shared = [owned = std::make_shared<const StatusListener>(std::move(listener))](
+                     std::shared_ptr<const common::ServiceModel> service, bool registered) {
+            (*owned)(std::move(service), registered);
+        };
+    }
+    {
+        const utility::MutexLock lock(mutex);
+        statusListener.swap(shared);
+    }
+    return [this] {
+        StatusListener removed;
+        const utility::MutexLock lock(mutex);
+        statusListener.swap(removed);
+    };
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,59 @@
+// Blocking forms, made of the asynchronous ones and a promise. Entered by the user's threads, which
+// wait here; the callback thread fulfils the promises. No lock. After a wait nothing of the client
+// is touched: it may be gone.
+#include "OrvServiceRegistryClient.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+namespace {
+
+/// Longer waits overflow the standard library's clocks and would end at once.
+constexpr std::chrono::milliseconds longestWait = std::chrono::hours(24 * 365 * 10);
+
+}  // namespace
+
+// The promise is shared: an answer that comes after the wait has ended is absorbed by it.
+OrvRegistrationResponse OrvServiceRegistryClient::makeSynchronizedCallRegistrationResponse(
+    const std::function<void(Promise)>& call, std::chrono::milliseconds timeout) {
+    const auto promise = std::make_shared<std::promise<OrvRegistrationResponse>>();
+    call(promise);
+    std::future<OrvRegistrationResponse> future = promise->get_future();
+    if (timeout == std::chrono::milliseconds::zero() ||
+        future.wait_for(std::min(timeout, longestWait)) == std::future_status::ready) {
+        return future.get();
+    }
+    return {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::TIMEOUT};
+}
+
+IOrvServiceRegistryClient::ResponseCallback OrvServiceRegistryClient::fulfil(Promise promise) {
+    return [promise = std::move(promise)](OrvRegistrationResponse response) {
+        promise->set_value(std::move(response));
+    };
+}
+
+std::function<OrvRegistrationResponse()> OrvServiceRegistryClient::synchronousUnregister(
+    UnregisterHandle handle, std::chrono::milliseconds timeout) {
+    return [handle = std::move(handle), timeout] {
+        return makeSynchronizedCallRegistrationResponse(
+            [&handle](Promise promise) { handle(fulfil(std::move(promise))); }, timeout);
+    };
+}
+
+SyncOrvRegistrationResponse OrvServiceRegistryClient::registerServiceAtRegistry(
+    const common::ServiceInfo& serviceInfo, const std::shared_ptr<common::ServiceCreate>& service) {
+    const std::chrono::milliseconds unregisterTimeout = syncCallUnregisterTimeout;
+    UnregisterHandle handle;
+    SyncOrvRegistrationResponse result;
+    result.response = makeSynchronizedCallRegistrationResponse(
+        [&](Promise promise) {
+            handle = registerServiceAtRegistry(serviceInfo, service, fulfil(std::move(promise)));
+        },
+        std::chrono::milliseconds::zero());
+    result.unregister = synchronousUnregister(std::move(handle), unregisterTimeout);
+    return result;
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,136 @@
+// Withdrawal: the DELETE, its answer, and what leaves the table. Entered by the user's threads and
+// the I/O thread. The lock is held to look up and to change the record, not while the DELETE is
+// handed to the session. Callbacks come in as copies made before it is taken.
+#include "RegistrationTable.h"
+
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using communication::HttpResponse;
+
+void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64_t& id,
+                                                               const ResponseCallback& callback) {
+    const auto answer = [](OrvRegistrationResponse::Status status,
+                           OrvRegistrationResponse::ErrorCode reason) {
+        return std::make_shared<OrvRegistrationResponse>(status, reason);
+    };
+    if (!initiated) {
+        callCallback(callback, answer(OrvRegistrationResponse::ERROR,
+                                      OrvRegistrationResponse::DELEGATOR_NOT_INITIATED));
+        return;
+    }
+    if (id == 0) {
+        logger->logWarning(false) << "could not unregister service";
+        callCallback(callback, answer(OrvRegistrationResponse::ERROR,
+                                      OrvRegistrationResponse::SERVICE_NOT_FOUND));
+        return;
+    }
+    ResponseCallback waiting = callback;
+    std::shared_ptr<RequestContainer> container;
+    {
+        const utility::MutexLock lock(mutex);
+        const auto record = mapRegistryCallback->find(id);
+        if (!record) {
+            logger->logWarning(false)
+                << "Trying to unregister a service that is not registered (anymore). Ignore. id="
+                << id;
+            callCallback(std::move(waiting),
+                         answer(OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
+            return;
+        }
+        if (record->requestContainer->serviceCreate->getId().empty()) {
+            logger->logWarning(false)
+                << "Trying to unregister a service that is not registered yet. Ignore. id=" << id;
+            callCallback(std::move(waiting), answer(OrvRegistrationResponse::ERROR,
+                                                    OrvRegistrationResponse::SERVICE_NOT_FOUND));
+            return;
+        }
+        if (!record->unregisterCallbacks) {
+            record->unregisterCallbacks = std::make_unique<CallbackList>();
+        }
+        record->unregisterCallbacks->callbacks.push_back(std::move(waiting));
+        if (isUnregistering(record->state)) {
+            return;  // the DELETE that is out answers this callback too
+        }
+        record->state = UNREGISTERING;
+        container = record->requestContainer;
+    }
+    sendDeleteRequest(id, container);
+}
+
+void OrvServiceRegistryClient::sendDeleteRequest(
+    std::uint64_t id, const std::shared_ptr<RequestContainer>& container) {
+    std::shared_ptr<communication::IClientHttpSession> session;
+    {
+        const utility::MutexLock lock(mutex);
+        if (!initiated) {
+            return;
+        }
+        if (!mapRegistryCallback->find(id)) {
+            logger->logWarning(false)
+                << "sendDeleteRequest called but id not found in mapRegistryCallback. id=" << id;
+            return;
+        }
+        session = usableSessionLocked(*container->serviceInfo);
+    }
+    session->sendDeleteRequest("/" + container->serviceCreate->getId(), "application/json",
+                               [this, id, container](HttpResponse response) {
+                                   handleDeleteResponse(id, std::move(response));
+                               });
+}
+
+void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpResponse response) {
+    const auto outcome = std::make_shared<OrvRegistrationResponse>(OrvRegistrationResponse::OK,
+                                                                   OrvRegistrationResponse::NONE);
+    Callbacks callbacks;
+    if (response.getStatusCode() == HttpResponse::StatusCode::Ok) {
+        deleteRegistryEntriesAndNotifyListener(id, callbacks);
+    } else {
+        logger->logWarning(false) << "response to delete request was not ok, status="
+                                  << static_cast<std::int32_t>(response.getStatusCode());
+        if (!response.getBody().empty()) {
+            logger->logWarning(false)
+                << "error message from service registry=" << response.getBody();
+        }
+        const utility::MutexLock lock(mutex);
+        const auto record = mapRegistryCallback->find(id);
+        if (!record) {
+            logger->logError(false)
+                << "handleDeleteResponse called but id not found in mapRegistryCallback. id=" << id;
+            return;
+        }
+        callbacks = RegistrationData::take(record->unregisterCallbacks);
+        record->state = REGISTERED;
+        outcome->status = OrvRegistrationResponse::ERROR;
+        outcome->errorCode = OrvRegistrationResponse::SERVICE_REGISTRY_ERROR;
+    }
+    outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response));
+    callCallbacks(std::move(callbacks), outcome);
+}
+
+// An id that is gone already was removed with another id of its registration, which told everybody.
+void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint64_t id,
+                                                                      Callbacks& callbacks) {
+    std::shared_ptr<RegistrationData> record;
+    Callbacks waiting;
+    StatusListener listener;
+    {
+        const utility::MutexLock lock(mutex);
+        record = mapRegistryCallback->find(id);
+        if (!record) {
+            return;
+        }
+        waiting = RegistrationData::take(record->unregisterCallbacks);
+        mapRegistryCallback->eraseAll(*record);
+        listener = statusListener;
+    }
+    callbacks = std::move(waiting);
+    notifyListener(std::move(listener), record->requestContainer->serviceCreate, false);
+}
+
+bool OrvServiceRegistryClient::isUnregistering(std::uint32_t state) {
+    return state == UNREGISTERING || state == 4;
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,24 @@
+// Makes the library's own client: the one place outside src/client/ that knows its class.
+// Entered by the thread that initialises a context; no lock.
+#include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
+
+#include "../client/OrvServiceRegistryClient.h"
+
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+IOrvServiceRegistryClientFactory::~IOrvServiceRegistryClientFactory() = default;
+IOrvServiceRegistryClient::~IOrvServiceRegistryClient() = default;
+
+OrvServiceRegistryClientFactory::OrvServiceRegistryClientFactory(OrvServiceRegistryContext& context)
+    : context_(context) {}
+
+std::unique_ptr<IOrvServiceRegistryClient>
+OrvServiceRegistryClientFactory::createOrvServiceRegistryClient(
+    std::shared_ptr<utility::ILoggerFactory> loggerFactory, bool registerWithPrefix) {
+    return std::make_unique<OrvServiceRegistryClient>(std::move(loggerFactory), registerWithPrefix,
+                                                      context_);
+}
+
+}  // namespace orvx::serviceregistryclient

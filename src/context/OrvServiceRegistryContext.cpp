@@ -1,0 +1,257 @@
+// The options, and the life of the one client. Entered by one user thread at a time; the client's
+// threads only call the getters, after init(), when nothing changes any more. No lock.
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
+
+#include <orvx/utility/ForkMark.h>
+#include <orvx/utility/OrvFoundationException.h>
+#include <orvx/utility/TimedConsoleLoggerFactory.h>
+
+#include <atomic>
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using communication::HttpConfig;
+using communication::HttpResponse;
+using utility::ILogger;
+using utility::ILoggerFactory;
+using utility::OrvFoundationException;
+
+// The client is destroyed after the factories and the status codes that stand behind it here: it
+// keeps a share, or a copy, of what it needs of them. What it reads of its context until its end
+// must be trivially destructible.
+struct OrvServiceRegistryContext::Data {
+    bool retryEnabled = true;
+    bool checkEnabled = true;
+    std::uint16_t maxRetryCount = 0;
+    std::chrono::seconds checkInterval{10};
+    std::chrono::milliseconds retryInterval{500};
+    std::unique_ptr<IOrvServiceRegistryClient> client;
+    std::shared_ptr<ILoggerFactory> loggerFactory;
+    std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
+    bool initiated = false;
+    bool registerWithPrefix = false;
+    std::chrono::milliseconds syncCallRegistryTimeout{30000};
+    std::chrono::milliseconds syncCallUnregisterTimeout{30000};
+    std::chrono::milliseconds headTimeout{3000};
+    ILogger::LogLevel logLevel = utility::Logger::DEFAULT_LOG_LEVEL;
+    bool retryOnHttpStatusEnabled = false;
+    std::set<HttpResponse::StatusCode> httpStatusCodesForRetry{
+        HttpResponse::StatusCode::InternalServerError,
+        HttpResponse::StatusCode::ServiceUnavailable,
+        HttpResponse::StatusCode::GatewayTimeout,
+    };
+    HttpConfig httpConfig;
+    utility::ForkMark mark;
+    /// In a list of what forked children leaked, for leak checkers to find.
+    Data* older = nullptr;
+
+    /// In a forked child the client has no threads, and whatever lock they held is held for ever.
+    bool isLeftBehind() const { return initiated && mark.isLeftBehind(); }
+
+    void refuseAfterInit(const char* message) const {
+        if (initiated) {
+            throw OrvFoundationException(message, 0);
+        }
+    }
+
+    void refuseBeforeInit(const char* message) const {
+        if (!initiated) {
+            throw OrvFoundationException(message, 0);
+        }
+    }
+};
+
+IOrvServiceRegistryContext::~IOrvServiceRegistryContext() = default;
+
+OrvServiceRegistryContext::OrvServiceRegistryContext() : data_(new Data) {}
+
+OrvServiceRegistryContext::~OrvServiceRegistryContext() {
+    if (data_->isLeftBehind()) {
+        static std::atomic<Data*> newest;
+        data_->older = newest.exchange(data_);
+        return;
+    }
+    delete data_;
+}
+
+void OrvServiceRegistryContext::init() {
+    data_->refuseAfterInit("OrvServiceRegistryContext already initiated");
+    if (!data_->loggerFactory) {
+        data_->loggerFactory =
+            std::make_shared<utility::TimedConsoleLoggerFactory>(data_->logLevel);
+    }
+    data_->loggerFactory->setLogLevel(data_->logLevel);
+    if (!data_->clientFactory) {
+        data_->clientFactory = std::make_shared<OrvServiceRegistryClientFactory>(*this);
+    }
+    data_->client = data_->clientFactory->createOrvServiceRegistryClient(data_->loggerFactory,
+                                                                         data_->registerWithPrefix);
+    data_->mark.set();
+    data_->initiated = true;
+}
+
+void OrvServiceRegistryContext::deinit() {
+    if (!data_->initiated || data_->isLeftBehind()) {
+        return;
+    }
+    data_->client.reset();
+    data_->initiated = false;
+}
+
+bool OrvServiceRegistryContext::isInitiated() {
+    return data_->initiated;
+}
+
+IOrvServiceRegistryClient* OrvServiceRegistryContext::getServiceRegistryClient() {
+    data_->refuseBeforeInit("Cannot get ServiceRegistryDelegator before init");
+    return data_->client.get();
+}
+
+void OrvServiceRegistryContext::enableRetry(bool enable) {
+    data_->refuseAfterInit("enabling retry after init is not allowed");
+    data_->retryEnabled = enable;
+}
+
+bool OrvServiceRegistryContext::isRetryEnabled() const {
+    return data_->retryEnabled;
+}
+
+void OrvServiceRegistryContext::enableRetryOnHttpStatus(bool enable) {
+    data_->refuseAfterInit("enabling retryAfterHttpStatus after init is not allowed");
+    data_->retryOnHttpStatusEnabled = enable;
+}
+
+bool OrvServiceRegistryContext::isRetryOnHttpStatusEnabled() const {
+    return data_->retryOnHttpStatusEnabled;
+}
+
+void OrvServiceRegistryContext::setHttpStatusCodesForRetry(
+    const std::set<HttpResponse::StatusCode>& statusCodes) {
+    data_->refuseAfterInit("setting status codes after init is not allowed");
+    data_->httpStatusCodesForRetry = statusCodes;
+}
+
+const std::set<HttpResponse::StatusCode>& OrvServiceRegistryContext::getHttpStatusCodesForRetry()
+    const {
+    return data_->httpStatusCodesForRetry;
+}
+
+void OrvServiceRegistryContext::enableCheck(bool enable) {
+    data_->refuseAfterInit("enabling registration status check after init is not allowed");
+    data_->checkEnabled = enable;
+}
+
+bool OrvServiceRegistryContext::isCheckEnabled() const {
+    return data_->checkEnabled;
+}
+
+void OrvServiceRegistryContext::setCheckInterval(std::chrono::seconds interval) {
+    data_->refuseAfterInit("setting check interval after init is not allowed");
+    data_->checkInterval = interval;
+}
+
+std::chrono::seconds OrvServiceRegistryContext::getCheckInterval() const {
+    return data_->checkInterval;
+}
+
+void OrvServiceRegistryContext::setRetryInterval(std::chrono::milliseconds interval) {
+    data_->refuseAfterInit("setting retry interval after init is not allowed");
+    data_->retryInterval = interval;
+}
+
+std::chrono::milliseconds OrvServiceRegistryContext::getRetryInterval() const {
+    return data_->retryInterval;
+}
+
+void OrvServiceRegistryContext::setInitialMaxRetryCount(std::uint16_t count) {
+    data_->refuseAfterInit("setting max retry count after init is not allowed");
+    data_->maxRetryCount = count;
+}
+
+std::uint16_t OrvServiceRegistryContext::maxRetryCount() const {
+    return data_->maxRetryCount;
+}
+
+ILoggerFactory* OrvServiceRegistryContext::getLoggerFactory() const {
+    data_->refuseBeforeInit("Cannot get LoggerFactory before init");
+    return data_->loggerFactory.get();
+}
+
+void OrvServiceRegistryContext::setLoggerFactory(std::shared_ptr<ILoggerFactory> loggerFactory) {
+    data_->refuseAfterInit(
+        "setting logger factory for serviceregistry context after init is not allowed");
+    data_->loggerFactory = std::move(loggerFactory);
+}
+
+std::shared_ptr<IOrvServiceRegistryClientFactory>
+OrvServiceRegistryContext::getOrvServiceRegistryClientFactory() const {
+    data_->refuseBeforeInit(
+        "failed to get RegistryClient factory because context is not initialized");
+    return data_->clientFactory;
+}
+
+void OrvServiceRegistryContext::setOrvServiceRegistryClientFactory(
+    std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory) {
+    data_->refuseAfterInit("setting RegistryClient factory after init is not allowed");
+    data_->clientFactory = std::move(clientFactory);
+}
+
+bool OrvServiceRegistryContext::getRegisterWithPrefix() const {
+    return data_->registerWithPrefix;
+}
+
+void OrvServiceRegistryContext::setRegisterWithPrefix(bool registerWithPrefix) {
+    data_->refuseAfterInit(
+        "setting prefix usage for serviceregistry context after init is not allowed");
+    data_->registerWithPrefix = registerWithPrefix;
+}
+
+std::chrono::milliseconds OrvServiceRegistryContext::getSyncCallRegistryTimeout() const {
+    return data_->syncCallRegistryTimeout;
+}
+
+void OrvServiceRegistryContext::setSyncCallRegistryTimeout(std::chrono::milliseconds timeout) {
+    data_->refuseAfterInit("setting registry timeout after init is not allowed");
+    data_->syncCallRegistryTimeout = timeout;
+}
+
+std::chrono::milliseconds OrvServiceRegistryContext::getSyncCallUnregisterTimeout() const {
+    return data_->syncCallUnregisterTimeout;
+}
+
+void OrvServiceRegistryContext::setSyncCallUnregisterTimeout(std::chrono::milliseconds timeout) {
+    data_->refuseAfterInit("setting registry sync unregister timeout after init is not allowed");
+    data_->syncCallUnregisterTimeout = timeout;
+}
+
+ILogger::LogLevel OrvServiceRegistryContext::getLogLevel() const {
+    return data_->logLevel;
+}
+
+void OrvServiceRegistryContext::setLogLevel(ILogger::LogLevel level) {
+    data_->refuseAfterInit("setting log level after init is not allowed");
+    data_->logLevel = level;
+}
+
+std::chrono::milliseconds OrvServiceRegistryContext::getHeadTimeout() const {
+    return data_->headTimeout;
+}
+
+void OrvServiceRegistryContext::setHeadTimeout(std::chrono::milliseconds timeout) {
+    data_->refuseAfterInit("setting headTimeout after init is not allowed");
+    data_->headTimeout = timeout;
+}
+
+const HttpConfig& OrvServiceRegistryContext::getHttpConfig() const {
+    return data_->httpConfig;
+}
+
+void OrvServiceRegistryContext::setHttpConfig(HttpConfig config) {
+    data_->refuseAfterInit("setting http config after init is not allowed");
+    data_->httpConfig = std::move(config);
+}
+
+}  // namespace orvx::serviceregistryclient

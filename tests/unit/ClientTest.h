@@ -1,0 +1,152 @@
+#pragma once
+
+#include "ClientTestAccess.h"
+#include "RecordingLogger.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <orvx/common/XObject.h>
+#include <orvx/simulation/World.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orvx::serviceregistryclient {
+
+/// What a callback was told. `http` is the status code of the attached answer, -1 without one.
+struct Outcome {
+    std::string label;
+    std::string status;
+    std::string code;
+    int http;
+
+    bool operator==(const Outcome& other) const {
+        return label == other.label && status == other.status && code == other.code &&
+               http == other.http;
+    }
+    friend std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
+        return stream << outcome.label << ' ' << outcome.status << '/' << outcome.code << ' '
+                      << outcome.http;
+    }
+};
+
+/// What the status listener was told.
+struct Notification {
+    std::string name;
+    std::string id;
+    bool registered;
+
+    bool operator==(const Notification& other) const {
+        return name == other.name && id == other.id && registered == other.registered;
+    }
+    friend std::ostream& operator<<(std::ostream& stream, const Notification& notification) {
+        return stream << notification.name << " id '" << notification.id << "' "
+                      << (notification.registered ? "registered" : "gone");
+    }
+};
+
+/// A client in simulated time and network. Options are set on `context` before start().
+class ClientTest : public ::testing::Test {
+  protected:
+    using Milliseconds = std::chrono::milliseconds;
+    using Seconds = std::chrono::seconds;
+    using Handle = IOrvServiceRegistryClient::UnregisterHandle;
+
+    ClientTest() { context.setLoggerFactory(log); }
+
+    void start() { context.init(); }
+    OrvServiceRegistryClient& client() {
+        return dynamic_cast<OrvServiceRegistryClient&>(*context.getServiceRegistryClient());
+    }
+    ClientTestAccess access() { return ClientTestAccess(client()); }
+
+    static std::shared_ptr<common::ServiceCreate> service(const std::string& name,
+                                                          const std::string& uri = "") {
+        return std::make_shared<common::ServiceCreate>(
+            std::make_unique<common::XObject>("", name, uri));
+    }
+
+    /// A callback that adds what it is told to `outcomes`.
+    IOrvServiceRegistryClient::ResponseCallback record(const std::string& label) {
+        return [this, label](const OrvRegistrationResponse& response) {
+            EXPECT_EQ(world.currentThread(), "ORVX_SRCBExec");
+            outcomes.push_back(outcome(label, response));
+        };
+    }
+    static Outcome outcome(const std::string& label, const OrvRegistrationResponse& response) {
+        return {
+            label, OrvRegistrationResponse::statusString(response.status),
+            OrvRegistrationResponse::errorCodeString(response.errorCode),
+            response.httpResponse ? static_cast<int>(response.httpResponse->getStatusCode()) : -1};
+    }
+    /// A listener that adds what it is told to `notifications`.
+    IOrvServiceRegistryClient::StatusListener listen() {
+        return [this](const std::shared_ptr<const common::ServiceModel>& model, bool registered) {
+            EXPECT_EQ(world.currentThread(), "ORVX_SRCBExec");
+            notifications.push_back({model->getName(), model->getId(), registered});
+        };
+    }
+
+    /// Registers `name`; its callback records under the name.
+    Handle registerService(const std::string& name) {
+        return client().registerServiceAtRegistry(registry, service(name), record(name));
+    }
+    /// Registers `name` and has the registry answer 201 with this uuid; all callbacks have run.
+    Handle registered(const std::string& name, const std::string& uuid) {
+        Handle handle = registerService(name);
+        next("PUT").answer(201, location("/" + uuid));
+        world.settle();
+        return handle;
+    }
+    static std::string location(const std::string& value) { return "Location: " + value + "\r\n"; }
+    /// What the registry is sent of a description.
+    static std::string json(const common::ServiceModel& model) {
+        std::ostringstream stream;
+        model.getGenericObject().toJSONStream(stream, false);
+        return stream.str();
+    }
+    static communication::HttpResponse answer(int status, const std::string& headerLines = "",
+                                              const std::string& body = "") {
+        return {static_cast<communication::HttpResponse::StatusCode>(status), headerLines, body};
+    }
+
+    /// The one registered service is found lost by its next check: a PUT is on the wire again.
+    void loseEntry() {
+        world.advance(context.getCheckInterval());
+        next("HEAD").answer(404);
+    }
+
+    /// The next request on the wire, which must be of this method.
+    simulation::Request next(const std::string& method) {
+        const std::optional<simulation::Request> request = world.takeRequest();
+        if (!request) {
+            throw std::runtime_error("no request on the wire, expected " + method);
+        }
+        EXPECT_EQ(request->method(), method);
+        return *request;
+    }
+
+    /// Since the last call.
+    std::vector<Outcome> takeOutcomes() { return std::exchange(outcomes, {}); }
+    std::vector<Notification> takeNotifications() { return std::exchange(notifications, {}); }
+
+    simulation::World world;
+    std::vector<Outcome> outcomes;
+    std::vector<Notification> notifications;
+    const std::shared_ptr<testing::RecordingLoggerFactory> log =
+        std::make_shared<testing::RecordingLoggerFactory>();
+    const common::ServiceInfo registry{"registry", "127.0.0.1", 8500};
+    OrvServiceRegistryContext context;
+};
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,130 @@
+// User code is neither called, copied nor destroyed while the client's lock is held. The probes
+// fail the test when they are.
+#include "ClientTest.h"
+#include "LockProbe.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+class LockRule : public ClientTest {
+  protected:
+    /// A callback and a listener that look at the lock whenever they are touched.
+    LockProbe probe() { return LockProbe(client(), count); }
+    Handle registerProbed(const std::string& name) {
+        return client().registerServiceAtRegistry(registry, service(name), probe());
+    }
+    /// All probes have been destroyed, and so many calls were made.
+    void expectCalls(int calls) {
+        world.settle();
+        EXPECT_EQ(count->called, calls);
+        EXPECT_EQ(count.use_count(), 1);
+    }
+
+    const std::shared_ptr<LockProbe::Count> count = std::make_shared<LockProbe::Count>();
+};
+
+TEST_F(LockRule, HoldsForARegistrationThatSucceeds) {
+    start();
+    registerProbed("echo");
+    next("PUT").answer(201, location("/abc"));
+    expectCalls(1);
+}
+
+TEST_F(LockRule, HoldsForARegistrationThatFails) {
+    start();
+    registerProbed("echo");
+    next("PUT").answer(400);
+    expectCalls(1);
+}
+
+TEST_F(LockRule, HoldsForARegistrationThatIsRefused) {
+    start();
+    registerProbed("");
+    const auto unwritable = service("echo");
+    unwritable->setDescription("\xff");
+    client().registerServiceAtRegistry(registry, unwritable, probe())(probe());
+    client().registerServiceAtRegistry(registry, service(""), probe())(probe());
+    expectCalls(5);
+}
+
+TEST_F(LockRule, HoldsForAStoppedClient) {
+    start();
+    const Handle handle = registered("echo", "abc");
+    client().deinit();
+    registerProbed("other")(probe());
+    handle(probe());
+    client().init();
+    expectCalls(3);
+}
+
+TEST_F(LockRule, HoldsForARegistrationWithAnEntryThatIsThereAlready) {
+    start();
+    registered("first", "abc");
+    registerProbed("second");
+    next("PUT").answer(201, location("/abc"));
+    expectCalls(1);
+}
+
+TEST_F(LockRule, HoldsForARecordThatIsReplacedWithWithdrawalsWaiting) {
+    start();
+    registered("first", "abc");
+    const Handle handle = registered("second", "def");
+    handle(probe());
+    const auto request = access().record(2)->requestContainer;
+    access().handlePut(2, request, answer(201, location("/abc")));
+    EXPECT_EQ(access().record(2), access().record(1));
+    world.settle();
+    EXPECT_EQ(count.use_count(), 1);
+}
+
+TEST_F(LockRule, HoldsForEveryWayToWithdraw) {
+    start();
+    const Handle handle = registerService("echo");
+    handle(probe());
+    next("PUT").answer(201, location("/abc"));
+    handle(probe());
+    handle(probe());
+    next("DELETE").answer(500);
+    handle(probe());
+    next("DELETE").answer(200);
+    handle(probe());
+    access().unregister(0, probe());
+    expectCalls(6);
+}
+
+TEST_F(LockRule, HoldsForAWithdrawalThatEndsWithAFailedRegistration) {
+    start();
+    const Handle handle = registered("echo", "abc");
+    handle(probe());
+    access().handlePutError(1, access().record(1)->requestContainer, answer(500));
+    expectCalls(1);
+}
+
+TEST_F(LockRule, HoldsForCallbacksThatAStopDrops) {
+    start();
+    registerProbed("");
+    registerProbed("waiting");
+    client().deinit();
+    EXPECT_EQ(count->called, 0);
+    EXPECT_EQ(count.use_count(), 2) << "the waiting registration's";
+    next("PUT");
+    access().handlePutError(1, access().record(1)->requestContainer, answer(400));
+    client().init();
+    expectCalls(1);
+}
+
+TEST_F(LockRule, HoldsForTheListener) {
+    start();
+    client().addServiceRegisterStatusListener(probe());
+    const auto remove = client().addServiceRegisterStatusListener(probe());
+    const Handle handle = registered("echo", "abc");
+    loseEntry();
+    next("PUT").answer(201, location("/def"));
+    handle({});
+    next("DELETE").answer(200);
+    remove();
+    expectCalls(4);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

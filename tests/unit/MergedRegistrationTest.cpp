@@ -1,0 +1,227 @@
+// Two request ids that lead to one record, since the registry gave both the same entry: their
+// withdrawal, their checks, and what follows when the entry is lost.
+#include "ClientTest.h"
+#include "States.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::info;
+using ::testing::IsEmpty;
+using testing::warning;
+
+class MergedRegistration : public ClientTest {
+  protected:
+    /// Registers "first" (id 1) and "second" (id 2) with the same uuid, and forgets how.
+    void merge() {
+        start();
+        client().addServiceRegisterStatusListener(listen());
+        withdrawFirst = registered("first", "abc");
+        world.advance(Seconds(1));
+        withdrawSecond = registered("second", "abc");
+        forgetThePast();
+    }
+    /// The check of the second one finds nothing; returns the PUT that follows.
+    simulation::Request loseSecond() {
+        world.advance(Seconds(10));
+        next("HEAD").answer(200);  // the first one's
+        next("HEAD").answer(404);
+        return next("PUT");
+    }
+    void forgetThePast() {
+        world.settle();
+        takeOutcomes();
+        takeNotifications();
+        world.takeAddedDelays();
+        log->takeLines();
+    }
+
+    Handle withdrawFirst;
+    Handle withdrawSecond;
+};
+
+TEST_F(MergedRegistration, IsWithdrawnThroughEither) {
+    for (const bool useFirst : {true, false}) {
+        context.deinit();
+        merge();
+        (useFirst ? withdrawFirst : withdrawSecond)(record("withdrawal"));
+        simulation::Request request = next("DELETE");
+        EXPECT_EQ(request.path(), "/abc");
+        request.answer(200);
+        EXPECT_THAT(access().ids(), IsEmpty());
+        world.settle();
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
+        EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", false}))
+            << "one record, one notice";
+    }
+}
+
+TEST_F(MergedRegistration, IsWithdrawnAlreadyForTheOtherOne) {
+    merge();
+    withdrawFirst({});
+    next("DELETE").answer(200);
+    forgetThePast();
+    withdrawSecond(record("second"));
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", -1}));
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(warning("Trying to unregister a service that is not registered "
+                                    "(anymore). Ignore. id=2")));
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_THAT(notifications, IsEmpty());
+}
+
+TEST_F(MergedRegistration, IsWithdrawnOnceForBoth) {
+    merge();
+    withdrawSecond(record("second"));
+    withdrawFirst(record("first"));
+    simulation::Request request = next("DELETE");
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    request.answer(200);
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 200},
+                                            Outcome{"first", "OK", "NONE", 200}));
+}
+
+TEST_F(MergedRegistration, OfThreeIsWithdrawnWithOne) {
+    merge();
+    registered("third", "abc");
+    registered("other", "def");
+    EXPECT_THAT(access().ids(), ElementsAre(1, 2, 3, 4));
+    withdrawSecond({});
+    next("DELETE").answer(200);
+    EXPECT_THAT(access().ids(), ElementsAre(4));
+}
+
+TEST_F(MergedRegistration, StaysForBothWhenItsWithdrawalIsRefused) {
+    merge();
+    withdrawSecond(record("second"));
+    withdrawFirst(record("first"));
+    next("DELETE").answer(409);
+    world.settle();
+    EXPECT_THAT(takeOutcomes(),
+                ElementsAre(Outcome{"second", "ERROR", "SERVICE_REGISTRY_ERROR", 409},
+                            Outcome{"first", "ERROR", "SERVICE_REGISTRY_ERROR", 409}));
+    EXPECT_EQ(access().record(1), access().record(2));
+    EXPECT_EQ(access().state(2), state::registered);
+}
+
+TEST_F(MergedRegistration, JoinsARecordThatIsBeingWithdrawn) {
+    start();
+    client().addServiceRegisterStatusListener(listen());
+    withdrawFirst = registered("first", "abc");
+    withdrawFirst(record("withdrawal"));
+    simulation::Request request = next("DELETE");
+    forgetThePast();
+    withdrawSecond = registered("second", "abc");
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 201}));
+    withdrawSecond(record("joined"));
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    request.answer(200);
+    world.settle();
+    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200},
+                                            Outcome{"joined", "OK", "NONE", 200}));
+    world.advance(Seconds(10));
+    EXPECT_THAT(log->takeLines(), ElementsAre(warning("sendHeadRequest called but id not found in "
+                                                      "mapRegistryCallback. id=1"),
+                                              warning("sendHeadRequest called but id not found in "
+                                                      "mapRegistryCallback. id=2")));
+}
+
+TEST_F(MergedRegistration, IsCheckedForEachByTheIdOfItsOwnDescription) {
+    merge();
+    world.advance(Seconds(10));
+    EXPECT_EQ(next("HEAD").path(), "/abc");
+    EXPECT_EQ(next("HEAD").path(), "/") << "the second one's was never given an id";
+    EXPECT_EQ(world.requestsToTake(), 0U);
+}
+
+TEST_F(MergedRegistration, IsRegisteredAgainWithTheRequestOfTheOneThatIsLost) {
+    merge();
+    simulation::Request put = loseSecond();
+    EXPECT_EQ(put.path(), "/second");
+    EXPECT_EQ(access().state(1), state::reregistering) << "they share it";
+    world.settle();
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"second", "", false}));
+    EXPECT_THAT(log->takeLines(), ElementsAre(info("automatic re-register with request: /second")));
+    EXPECT_EQ(access().service(2)->getId(), "abc") << "the record keeps its own description";
+
+    put.answer(201, location("/def"));
+    world.settle();
+    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"second", "def", true}));
+    EXPECT_THAT(outcomes, IsEmpty());
+    world.advance(Seconds(10));
+    EXPECT_EQ(next("HEAD").path(), "/abc");
+    EXPECT_EQ(next("HEAD").path(), "/def");
+    withdrawSecond({});
+    EXPECT_EQ(next("DELETE").path(), "/abc");
+}
+
+TEST_F(MergedRegistration, EndsTheChecksOfTheOtherOneThatAreDueDuringANewRegistration) {
+    merge();
+    loseSecond();
+    world.advance(Seconds(5));
+    forgetThePast();  // time-outs of the two checks among it
+    world.advance(Seconds(5));
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(warning("sendHeadRequest called but service is not REGISTERED. id=1")));
+}
+
+TEST_F(MergedRegistration, IsWithdrawnThroughTheOtherOneDuringANewRegistration) {
+    merge();
+    simulation::Request put = loseSecond();
+    forgetThePast();
+    withdrawFirst(record("withdrawal"));
+    EXPECT_EQ(access().state(1), state::unregistering);
+    simulation::Request request = next("DELETE");
+    EXPECT_EQ(request.path(), "/abc");
+
+    put.answer(201, location("/def"));
+    world.settle();
+    EXPECT_EQ(access().state(1), state::unregistering) << "the answer asks for the withdrawal too";
+    EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 2U);
+    EXPECT_EQ(world.requestsToTake(), 0U) << "which is out already";
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_THAT(outcomes, IsEmpty());
+
+    request.answer(200);
+    world.settle();
+    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", false}));
+}
+
+TEST_F(MergedRegistration, IsGoneForBothWhenANewRegistrationFailsDuringItsWithdrawal) {
+    merge();
+    simulation::Request put = loseSecond();
+    withdrawFirst(record("withdrawal"));
+    simulation::Request request = next("DELETE");
+    forgetThePast();
+    put.answer(500);
+    EXPECT_THAT(access().ids(), IsEmpty());
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 500}));
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", false}));
+
+    request.answer(200);
+    world.settle();
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+}
+
+TEST_F(MergedRegistration, IsForgottenWithItsEntry) {
+    merge();
+    withdrawFirst({});
+    next("DELETE").answer(200);
+    forgetThePast();
+    registered("third", "abc");
+    EXPECT_THAT(access().ids(), ElementsAre(3));
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"third", "abc", true}));
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

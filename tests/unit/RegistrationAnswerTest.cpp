@@ -1,0 +1,259 @@
+// The answer to a PUT that is a success: which answers are, what they change, whom they tell.
+#include "ClientTest.h"
+#include "States.h"
+
+#include <limits>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::error;
+using ::testing::IsEmpty;
+using testing::warning;
+
+class RegistrationAnswer : public ClientTest {
+  protected:
+    /// Registers "echo" and answers its PUT so; all callbacks have run.
+    void answerPut(int status, const std::string& headerLines) {
+        registerService("echo");
+        next("PUT").answer(status, headerLines);
+        world.settle();
+    }
+    void expectGivenUp(int status) {
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", status}));
+        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+    }
+};
+
+TEST_F(RegistrationAnswer, IsASuccessWithOkOrCreated) {
+    start();
+    for (const int status : {200, 201}) {
+        answerPut(status, location("/abc" + std::to_string(status)));
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", status}));
+    }
+    EXPECT_THAT(access().ids(), ElementsAre(1, 2));
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+}
+
+TEST_F(RegistrationAnswer, IsAFailureWithAnyOtherStatusEvenWithALocation) {
+    start();
+    for (const int status : {202, 204, 199, 301, 400, 0}) {
+        answerPut(status, location("/abc"));
+        EXPECT_THAT(log->takeLines(),
+                    ElementsAre(warning("response put request was not ok, status=" +
+                                        std::to_string(status))));
+        expectGivenUp(status);
+    }
+}
+
+TEST_F(RegistrationAnswer, IsAFailureWithoutLocation) {
+    start();
+    answerPut(201, "");
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(warning("HTTP response is missing location field"),
+                            warning("response put request was not ok, status=201")));
+    expectGivenUp(201);
+}
+
+TEST_F(RegistrationAnswer, IsAFailureWithALocationWithoutSlash) {
+    start();
+    for (const std::string value : {"abc", ""}) {
+        answerPut(200, location(value));
+        EXPECT_THAT(log->takeLines(),
+                    ElementsAre(warning("Cannot parse service uuid from HTTP location: " + value),
+                                warning("response put request was not ok, status=200")));
+        expectGivenUp(200);
+    }
+}
+
+TEST_F(RegistrationAnswer, GivesTheUuidAfterTheLastSlashOfTheLocation) {
+    const std::pair<std::string, std::string> uuids[] = {
+        {"/entries/abc", "abc"},
+        {"/x", "x"},
+        {"http://host:80/e/def", "def"},
+        {"relative/ghi", "ghi"},
+        {"/entries/jkl?q=1#f", "jkl?q=1#f"},
+        {"/entries/", ""},
+    };
+    start();
+    std::uint64_t id = 0;
+    for (const auto& [value, uuid] : uuids) {
+        answerPut(201, location(value));
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
+        EXPECT_TRUE(access().service(++id)->hasId());
+        EXPECT_EQ(access().service(id)->getId(), uuid);
+        EXPECT_EQ(access().service(id)->getUri(), value);
+    }
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+}
+
+TEST_F(RegistrationAnswer, EndsTheFirstRegistrationForGood) {
+    start();
+    const Handle handle = registered("echo", "abc");
+    const auto record = access().record(1);
+    EXPECT_EQ(record->state, state::registered);
+    EXPECT_TRUE(record->wasRegistered);
+    EXPECT_EQ(record->backoffSequence, nullptr);
+    EXPECT_EQ(record->registerCallbacks, nullptr);
+    EXPECT_EQ(*record->requestContainer->uri, "/echo");
+}
+
+TEST_F(RegistrationAnswer, TellsTheListenerFirstAndThenTheCallbacksInTheirOrder) {
+    start();
+    std::vector<std::string> told;
+    client().addServiceRegisterStatusListener([&](const auto& model, bool registered) {
+        EXPECT_TRUE(registered);
+        told.push_back(model->getId());
+    });
+    client().registerServiceAtRegistry(registry, service("echo"),
+                                       [&](const auto&) { told.push_back("first"); });
+    access().record(1)->registerCallbacks->callbacks.push_back(
+        [&](const auto&) { told.push_back("second"); });
+    next("PUT").answer(201, location("/abc"));
+    EXPECT_THAT(told, IsEmpty());
+    world.settle();
+    EXPECT_THAT(told, ElementsAre("abc", "first", "second"));
+}
+
+TEST_F(RegistrationAnswer, IsSharedByTheCallbacksAsACopyOfWhatCame) {
+    start();
+    std::vector<std::shared_ptr<communication::HttpResponse>> answers;
+    const auto keep = [&](const OrvRegistrationResponse& response) {
+        answers.push_back(response.httpResponse);
+    };
+    client().registerServiceAtRegistry(registry, service("echo"), keep);
+    access().record(1)->registerCallbacks->callbacks.push_back(keep);
+    next("PUT").answer(201, location("/abc"), "body");
+    world.settle();
+    ASSERT_EQ(answers.size(), 2U);
+    EXPECT_EQ(answers[0], answers[1]);
+    EXPECT_EQ(answers[0]->getBody(), "body");
+    EXPECT_EQ(answers[0]->getLocation(), "/abc");
+}
+
+TEST_F(RegistrationAnswer, OfALostServiceTellsTheListenerButNoCallback) {
+    start();
+    client().addServiceRegisterStatusListener(listen());
+    registered("echo", "abc");
+    loseEntry();
+    world.settle();
+    takeNotifications();
+    takeOutcomes();
+    next("PUT").answer(201, location("/entries/def"));
+    world.settle();
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "def", true}));
+    EXPECT_THAT(takeOutcomes(), IsEmpty());
+    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(access().service(1)->getUri(), "/entries/def");
+}
+
+TEST_F(RegistrationAnswer, StartsTheCheckAfterItsInterval) {
+    context.setCheckInterval(Seconds(30));
+    start();
+    answerPut(201, location("/abc"));
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(30000)));
+    world.advance(Milliseconds(29999));
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    world.advance(Milliseconds(1));
+    EXPECT_EQ(next("HEAD").path(), "/abc");
+}
+
+TEST_F(RegistrationAnswer, StartsTheCheckAfterASecondSuccessToo) {
+    start();
+    registered("echo", "abc");
+    loseEntry();
+    world.takeAddedDelays();
+    next("PUT").answer(200, location("/def"));
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
+}
+
+TEST_F(RegistrationAnswer, StartsNoCheckWhenChecksAreDisabled) {
+    context.enableCheck(false);
+    start();
+    answerPut(201, location("/abc"));
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+}
+
+TEST_F(RegistrationAnswer, HandsAnyCheckIntervalToTheTimerWithoutOverflow) {
+    const auto largest = std::chrono::duration_cast<Seconds>(Milliseconds::max());
+    const std::pair<Seconds, Milliseconds> delays[] = {
+        {Seconds(0), Milliseconds(0)},
+        {Seconds(-5), Milliseconds(-5000)},
+        {largest, largest},
+        {largest + Seconds(1), Milliseconds::max()},
+        {Seconds::max(), Milliseconds::max()},
+        {-largest, -largest},
+        {-largest - Seconds(1), Milliseconds::min()},
+        {Seconds::min(), Milliseconds::min()},
+    };
+    for (const auto& [interval, delay] : delays) {
+        context.setCheckInterval(interval);
+        start();
+        answerPut(201, location("/abc"));
+        EXPECT_THAT(world.takeAddedDelays(), ElementsAre(delay));
+        context.deinit();
+    }
+}
+
+TEST_F(RegistrationAnswer, ForAnIdThatIsGoneIsOnlyLogged) {
+    start();
+    client().addServiceRegisterStatusListener(listen());
+    registerService("echo");
+    simulation::Request put = next("PUT");
+    const auto request = access().record(1)->requestContainer;
+    ClientTestAccess::Callbacks dropped;
+    access().deleteEntries(1, dropped);
+    world.settle();
+    takeNotifications();
+    put.answer(201, location("/abc"));
+    world.settle();
+    EXPECT_THAT(
+        log->takeLines(),
+        ElementsAre(error("PUT response received but id not found in mapRegistryCallback. id=1")));
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+    EXPECT_FALSE(request->serviceCreate->hasId());
+}
+
+TEST_F(RegistrationAnswer, ToAServiceBeingWithdrawnWithdrawsItAndTellsNobody) {
+    for (const std::uint32_t withdrawing : {state::unregistering, state::alsoUnregistering}) {
+        start();
+        client().addServiceRegisterStatusListener(listen());
+        registerService("echo");
+        access().setState(1, withdrawing);
+        next("PUT").answer(201, location("/abc"));
+        world.settle();
+        EXPECT_THAT(log->takeLines(),
+                    ElementsAre(warning("Trying to unregister a service that is not registered "
+                                        "yet. Ignore. id=1")));
+        EXPECT_THAT(outcomes, IsEmpty());
+        EXPECT_THAT(notifications, IsEmpty());
+        EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+        EXPECT_EQ(access().state(1), withdrawing);
+        EXPECT_FALSE(access().record(1)->wasRegistered);
+        EXPECT_EQ(access().record(1)->registerCallbacks->callbacks.size(), 1U);
+        context.deinit();
+    }
+}
+
+TEST_F(RegistrationAnswer, ToAServiceWhoseDeleteIsOutWaitsForThatDelete) {
+    start();
+    const Handle handle = registered("echo", "abc");
+    handle(record("withdrawal"));
+    access().handlePut(1, access().record(1)->requestContainer, answer(201, location("/def")));
+    EXPECT_EQ(access().service(1)->getId(), "abc");
+    EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 2U);
+    takeOutcomes();
+    next("DELETE").answer(200);
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_THAT(access().ids(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,121 @@
+// Registrations that are refused at once: what is told, and what their handles do.
+#include "ClientTest.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::error;
+using ::testing::IsEmpty;
+using testing::LogLine;
+using testing::warning;
+
+class RegistrationRefusal : public ClientTest {
+  protected:
+    /// Registers; must be refused with this code, and leave nothing behind but its handle.
+    Handle refused(const std::shared_ptr<common::ServiceCreate>& description,
+                   const std::string& code) {
+        Handle handle = client().registerServiceAtRegistry(registry, description, record("echo"));
+        EXPECT_THAT(outcomes, IsEmpty()) << "never on the caller's thread";
+        deliver();
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "ERROR", code, -1}));
+        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_EQ(access().lastRequestId(), 0U);
+        EXPECT_EQ(world.requestsToTake(), 0U);
+        return handle;
+    }
+    /// What the handle logs. It must answer that there is nothing to withdraw.
+    std::vector<LogLine> logOfCalling(const Handle& handle) {
+        log->takeLines();
+        handle(record("withdrawal"));
+        EXPECT_THAT(outcomes, IsEmpty()) << "never on the caller's thread";
+        deliver();
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", -1}));
+        EXPECT_EQ(world.requestsToTake(), 0U);
+        return log->takeLines();
+    }
+    /// Answers of a client that is not initialised wait for its next init().
+    void deliver() {
+        world.settle();
+        if (world.queuedTasks() > 0) {
+            client().init();
+            world.settle();
+            client().deinit();
+        }
+    }
+};
+
+TEST_F(RegistrationRefusal, MeetsADescriptionWithoutName) {
+    start();
+    const Handle handle = refused(service(""), "SERVICE_NAME_MISSING");
+    EXPECT_THAT(log->takeLines(), ElementsAre(error("Service is missing name")));
+    EXPECT_THAT(logOfCalling(handle),
+                ElementsAre(warning("Unnamed service is not registered. Cannot be unregistered.")));
+}
+
+TEST_F(RegistrationRefusal, MeetsAnEmptyNameAndOneThatIsNoText) {
+    start();
+    const auto description = service("echo");
+    for (const common::GenericObjectValue& name :
+         {common::GenericObjectValue(""), common::GenericObjectValue(7)}) {
+        description->getGenericObject().setValue("name", name);
+        const Handle handle = refused(description, "SERVICE_NAME_MISSING");
+        EXPECT_THAT(log->takeLines(), ElementsAre(error("Service is missing name")));
+        EXPECT_THAT(
+            logOfCalling(handle),
+            ElementsAre(warning("Unnamed service is not registered. Cannot be unregistered.")));
+    }
+}
+
+TEST_F(RegistrationRefusal, MeetsANullDescriptionAsOneWithoutName) {
+    start();
+    const Handle handle = refused(nullptr, "SERVICE_NAME_MISSING");
+    EXPECT_THAT(log->takeLines(), ElementsAre(error("Service is missing name")));
+    EXPECT_THAT(logOfCalling(handle),
+                ElementsAre(warning("Unnamed service is not registered. Cannot be unregistered.")));
+}
+
+TEST_F(RegistrationRefusal, MeetsWhatCannotBeWrittenAsJson) {
+    start();
+    const auto description = service("echo");
+    description->setDescription("\xff");
+    const Handle handle = refused(description, "OTHER");
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(error("could not create content to send to registry")));
+    EXPECT_THAT(logOfCalling(handle),
+                ElementsAre(warning("Service 'echo' to unregister is not registered.")));
+}
+
+TEST_F(RegistrationRefusal, MeetsEveryDescriptionWhileTheClientIsNotInitialised) {
+    start();
+    client().deinit();
+    const std::pair<std::shared_ptr<common::ServiceCreate>, std::string> names[] = {
+        {service("echo"), "echo"}, {service(""), ""}, {nullptr, ""}};
+    for (const auto& [description, name] : names) {
+        const Handle handle = refused(description, "DELEGATOR_NOT_INITIATED");
+        EXPECT_THAT(log->takeLines(), IsEmpty());
+        EXPECT_THAT(
+            logOfCalling(handle),
+            ElementsAre(warning("Service '" + name + "' to unregister is not registered.")));
+    }
+}
+
+TEST_F(RegistrationRefusal, StaysSoWhateverHappensToTheNameLater) {
+    start();
+    const auto description = service("echo");
+    description->setDescription("\xff");
+    const Handle handle = refused(description, "OTHER");
+    description->getGenericObject().setValue("name", "other");
+    EXPECT_THAT(logOfCalling(handle),
+                ElementsAre(warning("Service 'echo' to unregister is not registered.")));
+}
+
+TEST_F(RegistrationRefusal, DoesNotUseUpAnId) {
+    start();
+    refused(service(""), "SERVICE_NAME_MISSING");
+    registerService("echo");
+    EXPECT_THAT(access().ids(), ElementsAre(1));
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,145 @@
+// The table of registrations against a naive model that walks it.
+#include "RegistrationTable.h"
+
+#include <orvx/common/XObject.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using Client = OrvServiceRegistryClient;
+using Record = Client::RegistrationTable::Record;
+using Request = std::shared_ptr<Client::RequestContainer>;
+
+Record newRecord() {
+    auto record = std::make_shared<Client::RegistrationData>();
+    record->requestContainer = std::make_shared<Client::RequestContainer>();
+    record->requestContainer->serviceCreate =
+        std::make_shared<common::ServiceCreate>(std::make_unique<common::XObject>("", "echo", ""));
+    return record;
+}
+
+/// The same operations on the table and on a model, in random order; after each one both must say
+/// the same.
+class RegistrationTable : public ::testing::TestWithParam<unsigned> {
+  protected:
+    void change() {
+        switch (number(10)) {
+            case 0:
+            case 1:
+            case 2:
+                return insert();
+            case 3:
+            case 4:
+                return lead();
+            case 5:
+                return erase();
+            case 6:
+                return number(4) == 0 ? eraseAll() : describe();
+            default:
+                return describe();
+        }
+    }
+
+    void expectSame() {
+        EXPECT_TRUE(std::equal(model_.begin(), model_.end(), table_.begin(), table_.end()));
+        const std::uint64_t id = number(lastId_ + 2);
+        const auto found = model_.find(id);
+        EXPECT_EQ(table_.find(id), found == model_.end() ? nullptr : found->second) << id;
+        for (const std::string& registryId : registryIds_) {
+            EXPECT_EQ(table_.findByRegistryId(registryId), walk(registryId)) << registryId;
+        }
+    }
+
+  private:
+    /// The lowest id whose description has this registry id.
+    Record walk(const std::string& registryId) const {
+        for (const auto& [id, record] : model_) {
+            const common::ServiceCreate& service = *record->requestContainer->serviceCreate;
+            if (service.hasId() && service.getId() == registryId) {
+                return record;
+            }
+        }
+        return nullptr;
+    }
+
+    void insert() {
+        if (model_.size() == 12) {
+            return;
+        }
+        const Record record = newRecord();
+        requests_.push_back({++lastId_, record->requestContainer});
+        model_.emplace(lastId_, record);
+        table_.insert(lastId_, record);
+    }
+    /// To the record of an entry, as an answer does it, or to any.
+    void lead() {
+        if (model_.empty()) {
+            return;
+        }
+        const std::uint64_t id = anyId();
+        Record target = table_.findByRegistryId(anyRegistryId());
+        if (!target) {
+            target = model_.at(anyId());
+        }
+        const Record before = std::exchange(model_.at(id), target);
+        EXPECT_EQ(table_.lead(id, target), before);
+    }
+    void erase() {
+        if (!model_.empty()) {
+            const std::uint64_t id = anyId();
+            EXPECT_EQ(table_.erase(id), model_.extract(id).mapped());
+        }
+    }
+    void eraseAll() {
+        if (model_.empty()) {
+            return;
+        }
+        const Record record = model_.at(anyId());
+        for (auto entry = model_.begin(); entry != model_.end();) {
+            entry = entry->second == record ? model_.erase(entry) : std::next(entry);
+        }
+        table_.eraseAll(*record);
+    }
+    /// Through a request id that is there: its own request may be another record's by now.
+    void describe() {
+        if (requests_.empty()) {
+            return;
+        }
+        const auto& [id, request] = requests_[number(requests_.size())];
+        if (model_.count(id) != 0) {
+            table_.describe(*request, anyRegistryId(), "/uri");
+        }
+    }
+
+    std::uint64_t anyId() {
+        return std::next(model_.begin(), static_cast<std::ptrdiff_t>(number(model_.size())))->first;
+    }
+    std::string anyRegistryId() { return registryIds_[number(registryIds_.size())]; }
+    std::size_t number(std::size_t bound) { return random_() % bound; }
+
+    std::mt19937 random_{GetParam()};
+    const std::vector<std::string> registryIds_{"", "a", "b", "ab"};
+    Client::RegistrationTable table_;
+    std::map<std::uint64_t, Record> model_;
+    std::vector<std::pair<std::uint64_t, Request>> requests_;
+    std::uint64_t lastId_ = 0;
+};
+
+TEST_P(RegistrationTable, SaysWhatAWalkOverItWouldSay) {
+    for (int step = 0; step < 2000 && !HasFailure(); ++step) {
+        SCOPED_TRACE(step);
+        change();
+        expectSame();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RegistrationTable, ::testing::Range(1U, 11U));
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,208 @@
+// Registering a service: what is sent, what is stored, and the private copy of the description.
+#include "ClientTest.h"
+#include "States.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using common::GenericObjectValue;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using testing::warning;
+
+class Registration : public ClientTest {
+  protected:
+    /// A description without gaps, and with values that the client knows nothing of.
+    static std::shared_ptr<common::ServiceCreate> fullService() {
+        auto full = service("echo", "/own/path");
+        full->setId("mine");
+        full->setDescription("Echoes.");
+        full->setPort(80);
+        full->setVersions({"1", "2"});
+        full->setPrivileges({"read"});
+        full->setServiceCategories({"tools"});
+        full->getGenericObject().setValue(
+            "nested", GenericObjectValue::Object{{"list", GenericObjectValue::List{1, "two"}}});
+        return full;
+    }
+    void registerDescription(const std::shared_ptr<common::ServiceCreate>& description) {
+        client().registerServiceAtRegistry(registry, description, record("echo"));
+    }
+};
+
+TEST_F(Registration, SendsThePutAndReportsTheEntry) {
+    start();
+    registerService("echo");
+    simulation::Request put = next("PUT");
+    EXPECT_EQ(put.path(), "/echo");
+    EXPECT_EQ(put.host(), "127.0.0.1");
+    EXPECT_EQ(put.port(), 8500);
+    EXPECT_EQ(put.contentType(), "application/json");
+    EXPECT_EQ(put.accept(), "application/json");
+    EXPECT_EQ(put.body(),
+              R"({"description":"echo","name":"echo","privileges":[],"serviceCategories":[],)"
+              R"("uri":"/echo","versions":[]})");
+    put.answer(201, location("/entries/abc"));
+    EXPECT_THAT(outcomes, IsEmpty()) << "never on the thread that brings the answer";
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
+    EXPECT_EQ(access().service(1)->getId(), "abc");
+    EXPECT_EQ(access().service(1)->getUri(), "/entries/abc");
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+}
+
+TEST_F(Registration, LeavesARecordThatWaitsForTheFirstAnswer) {
+    start();
+    registerDescription(fullService());
+    const auto record = access().record(1);
+    EXPECT_EQ(record->state, state::registering);
+    EXPECT_FALSE(record->wasRegistered);
+    EXPECT_EQ(record->registerCallbacks->callbacks.size(), 1U);
+    EXPECT_EQ(record->registerCallbacks->retryCount, 0);
+    EXPECT_EQ(record->unregisterCallbacks, nullptr);
+    EXPECT_EQ(record->registryEntry, nullptr);
+    EXPECT_NE(record->backoffSequence, nullptr);
+    EXPECT_EQ(record->requestContainer->serviceInfo->getKey(), registry.getKey());
+    EXPECT_EQ(*record->requestContainer->uri, "/own/path");
+    EXPECT_EQ(*record->requestContainer->body, next("PUT").body());
+}
+
+TEST_F(Registration, OfTheSameDescriptionTwiceMakesTwoEntries) {
+    start();
+    const auto description = service("echo");
+    EXPECT_EQ(access().lastRequestId(), 0U);
+    registerDescription(description);
+    registerDescription(description);
+    EXPECT_THAT(access().ids(), ElementsAre(1, 2));
+    EXPECT_NE(access().record(1), access().record(2));
+    EXPECT_NE(access().service(1), access().service(2));
+    EXPECT_EQ(next("PUT").body(), next("PUT").body());
+}
+
+TEST_F(Registration, SendsTheWholeDescriptionButNoId) {
+    start();
+    registerDescription(fullService());
+    const simulation::Request put = next("PUT");
+    EXPECT_EQ(put.path(), "/own/path");
+    EXPECT_EQ(put.body(),
+              R"({"description":"Echoes.","name":"echo","nested":{"list":[1,"two"]},"port":80,)"
+              R"("privileges":["read"],"serviceCategories":["tools"],"uri":"/own/path",)"
+              R"("versions":["1","2"]})");
+}
+
+TEST_F(Registration, CompletesOnlyTheValueThatIsMissing) {
+    const std::pair<std::string, GenericObjectValue> defaults[] = {
+        {"uri", "/echo"},
+        {"description", "echo"},
+        {"privileges", GenericObjectValue::List{}},
+        {"serviceCategories", GenericObjectValue::List{}},
+        {"versions", GenericObjectValue::List{}},
+    };
+    start();
+    for (const auto& [key, value] : defaults) {
+        const auto description = fullService();
+        description->getGenericObject().removeValue(key);
+        registerDescription(description);
+        description->getGenericObject().setValue(key, value);
+        description->getGenericObject().removeValue("id");
+        EXPECT_EQ(next("PUT").body(), json(*description));
+    }
+}
+
+TEST_F(Registration, LeavesValuesThatAreSetToNothingAsTheyAre) {
+    start();
+    const auto description = service("echo");
+    description->setUri("");
+    description->setDescription("");
+    registerDescription(description);
+    const simulation::Request put = next("PUT");
+    EXPECT_EQ(put.path(), "/");
+    EXPECT_EQ(put.body(),
+              R"({"description":"","name":"echo","privileges":[],"serviceCategories":[],)"
+              R"("uri":"","versions":[]})");
+}
+
+TEST_F(Registration, NeverChangesTheCallersDescription) {
+    start();
+    const auto description = service("echo");
+    description->setId("mine");
+    const std::string before = json(*description);
+    registerDescription(description);
+    EXPECT_EQ(json(*description), before);
+    next("PUT").answer(201, location("/abc"));
+    world.settle();
+    EXPECT_EQ(json(*description), before);
+    loseEntry();
+    EXPECT_EQ(json(*description), before);
+    next("PUT").answer(201, location("/def"));
+    world.settle();
+    EXPECT_EQ(json(*description), before);
+    EXPECT_EQ(access().service(1)->getId(), "def");
+}
+
+TEST_F(Registration, IsNotTouchedByWhatTheCallerDoesWithTheDescriptionLater) {
+    start();
+    auto description = fullService();
+    registerDescription(description);
+    simulation::Request put = next("PUT");
+    put.answer(201, location("/abc"));
+    description->setDescription("changed");
+    description->getGenericObject().setValue("nested", "changed");
+    EXPECT_EQ(access().service(1)->getDescription(), "Echoes.");
+    description.reset();
+    loseEntry();
+    const simulation::Request again = next("PUT");
+    EXPECT_EQ(again.path(), put.path());
+    EXPECT_EQ(again.body(), put.body());
+}
+
+TEST_F(Registration, KeepsItsOwnCopyOfTheRegistrysEndpoint) {
+    start();
+    auto endpoint = std::make_unique<common::ServiceInfo>("registry", "127.0.0.9", 9999);
+    client().registerServiceAtRegistry(*endpoint, service("echo"), record("echo"));
+    endpoint.reset();
+    EXPECT_EQ(next("PUT").host(), "127.0.0.9");
+    access().sendPut(1, access().record(1)->requestContainer);
+    EXPECT_EQ(next("PUT").port(), 9999);
+}
+
+TEST_F(Registration, GivesAHandleThatWithdrawsTheService) {
+    start();
+    registered("first", "abc");
+    const Handle handle = registered("second", "def");
+    takeOutcomes();
+    handle(record("withdrawal"));
+    simulation::Request withdrawal = next("DELETE");
+    EXPECT_EQ(withdrawal.path(), "/def");
+    withdrawal.answer(200);
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
+    EXPECT_THAT(access().ids(), ElementsAre(1));
+}
+
+TEST_F(Registration, DoesNotSendAgainWhatHasLeftTheTable) {
+    start();
+    registered("echo", "abc");
+    const auto request = access().record(1)->requestContainer;
+    access().sendPut(7, request);
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(warning(
+                    "sendPutRequest called but id not found in mapRegistryCallback. id=7")));
+    EXPECT_EQ(world.requestsToTake(), 0U);
+}
+
+TEST_F(Registration, DoesNotSendAgainAfterDeinit) {
+    start();
+    registered("echo", "abc");
+    takeOutcomes();
+    client().deinit();
+    access().sendPut(1, access().record(1)->requestContainer);
+    access().sendPut(7, access().record(1)->requestContainer);
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_EQ(world.queuedTasks(), 0U);
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+    EXPECT_EQ(access().state(1), state::registered);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

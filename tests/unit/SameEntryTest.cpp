@@ -1,0 +1,237 @@
+// Answers with a uuid that another registration has already: both then lead to one record. It is
+// found by a walk over the table in ascending id order.
+#include "ClientTest.h"
+#include "States.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using testing::warning;
+
+class SameEntry : public ClientTest {
+  protected:
+    ClientTestAccess::Request request(std::uint64_t id) {
+        return access().record(id)->requestContainer;
+    }
+    void answerPut(std::uint64_t id, const ClientTestAccess::Request& to, const std::string& uuid) {
+        access().handlePut(id, to, answer(201, location("/" + uuid)));
+    }
+    /// The check of this request finds that the registry has lost the entry.
+    void lose(std::uint64_t id, const ClientTestAccess::Request& of) {
+        access().handleHead(id, of, answer(404));
+    }
+    void forgetThePast() {
+        world.settle();
+        takeOutcomes();
+        takeNotifications();
+        world.takeAddedDelays();
+        log->takeLines();
+    }
+};
+
+TEST_F(SameEntry, AnswersTheSecondServiceAndLeadsItToTheFirst) {
+    start();
+    registered("first", "abc");
+    client().addServiceRegisterStatusListener(listen());
+    registerService("second");
+    access().record(2)->registerCallbacks->callbacks.push_back(record("another"));
+    const std::weak_ptr<OrvServiceRegistryClient::RegistrationData> ownRecord = access().record(2);
+    const auto own = request(2);
+    forgetThePast();
+    next("PUT").answer(201, location("/entries/abc"));
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 201},
+                                            Outcome{"another", "OK", "NONE", 201}));
+    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_TRUE(ownRecord.expired());
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(access().service(1)->getUri(), "/abc");
+    EXPECT_FALSE(own->serviceCreate->hasId());
+    EXPECT_EQ(own->serviceCreate->getUri(), "/second");
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+}
+
+TEST_F(SameEntry, StartsNoCheckWhenChecksAreDisabled) {
+    context.enableCheck(false);
+    start();
+    registered("first", "abc");
+    registered("second", "abc");
+    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+}
+
+TEST_F(SameEntry, AsOneThatIsBeingWithdrawnGoesWithIt) {
+    start();
+    const Handle handle = registered("first", "abc");
+    handle(record("withdrawal"));
+    simulation::Request withdrawal = next("DELETE");
+    takeOutcomes();
+    registered("second", "abc");
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 201}));
+    withdrawal.answer(200);
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
+    EXPECT_THAT(access().ids(), IsEmpty());
+}
+
+TEST_F(SameEntry, AsBeforeItsLossIsNoneForALostService) {
+    start();
+    registered("first", "abc");
+    client().addServiceRegisterStatusListener(listen());
+    loseEntry();
+    world.settle();
+    takeNotifications();
+    next("PUT").answer(201, location("/abc"));
+    world.settle();
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", true}));
+    EXPECT_EQ(access().state(1), state::registered);
+}
+
+TEST_F(SameEntry, EndsARegistrationAgainWithoutTellingAnybody) {
+    start();
+    registered("first", "abc");
+    registered("second", "def");
+    client().addServiceRegisterStatusListener(listen());
+    const auto own = request(2);
+    lose(2, own);
+    forgetThePast();
+    next("PUT").answer(201, location("/abc"));
+    world.settle();
+    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_EQ(own->serviceCreate->getId(), "");
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
+}
+
+TEST_F(SameEntry, TwiceChangesNothing) {
+    start();
+    registered("first", "abc");
+    registerService("second");
+    const auto own = request(2);
+    next("PUT").answer(201, location("/abc"));
+    forgetThePast();
+    answerPut(2, own, "abc");
+    world.settle();
+    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
+}
+
+TEST_F(SameEntry, IsTriedAgainLikeALostServiceWhenItsPutFails) {
+    start();
+    registered("first", "abc");
+    registerService("second");
+    const auto own = request(2);
+    next("PUT").answer(201, location("/abc"));
+    forgetThePast();
+    access().handlePutError(2, own, answer(500));
+    world.settle();
+    EXPECT_THAT(log->takeLines(), ElementsAre(testing::info("re-register request: /second")));
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(access().ids(), ElementsAre(1, 2));
+}
+
+TEST_F(SameEntry, IsNotFoundByAnEmptyUuidWhereNoIdWasEverSet) {
+    start();
+    registerService("first");
+    simulation::Request first = next("PUT");
+    registered("second", "");
+    EXPECT_NE(access().record(2), access().record(1));
+    EXPECT_EQ(access().state(2), state::registered);
+    EXPECT_TRUE(access().service(2)->hasId());
+    first.answer(201, location("/"));
+    EXPECT_EQ(access().record(1), access().record(2));
+}
+
+TEST_F(SameEntry, IsFoundByAnEmptyUuidWhereTheIdWasCleared) {
+    start();
+    registered("first", "abc");
+    registered("second", "def");
+    lose(1, request(1));
+    forgetThePast();
+    next("PUT");
+    registered("third", "");
+    EXPECT_EQ(access().record(3), access().record(1));
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"third", "OK", "NONE", 201}));
+}
+
+TEST_F(SameEntry, OfALostServiceWithAnEmptyUuidIsItsOwn) {
+    start();
+    registered("first", "abc");
+    client().addServiceRegisterStatusListener(listen());
+    loseEntry();
+    forgetThePast();
+    next("PUT").answer(201, location("/"));
+    world.settle();
+    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
+    world.advance(Seconds(10));
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(warning("sendHeadRequest called but service is not REGISTERED. id=1")));
+}
+
+TEST_F(SameEntry, IsTheOneWithTheLowestIdWhateverBecameItFirst) {
+    start();
+    registered("first", "abc");
+    registered("second", "def");
+    lose(2, request(2));
+    lose(1, request(1));
+    next("PUT");
+    next("PUT");
+    registered("third", "");
+    EXPECT_EQ(access().record(3), access().record(1));
+    ClientTestAccess::Callbacks dropped;
+    access().deleteEntries(1, dropped);
+    EXPECT_THAT(access().ids(), ElementsAre(2));
+    registered("fourth", "");
+    EXPECT_EQ(access().record(4), access().record(2));
+}
+
+TEST_F(SameEntry, IsNotFoundByTheDescriptionOfARequestThatWasLedElsewhere) {
+    start();
+    registered("first", "abc");
+    registerService("second");
+    const auto own = request(2);
+    next("PUT").answer(201, location("/abc"));
+    lose(2, own);
+    next("PUT");
+    EXPECT_EQ(own->serviceCreate->getId(), "");
+    registered("third", "");
+    EXPECT_NE(access().record(3), access().record(1));
+    answerPut(2, own, "def");
+    EXPECT_EQ(own->serviceCreate->getId(), "def");
+    EXPECT_EQ(access().service(2)->getId(), "abc");
+    registered("fourth", "def");
+    EXPECT_NE(access().record(4), access().record(1));
+    EXPECT_EQ(access().state(4), state::registered);
+}
+
+// The description of a request that was led elsewhere is still the one of its record as long as
+// another id leads there. Changed through the first id, it must be found through the other.
+TEST_F(SameEntry, IsFoundByItsDescriptionThoughTheIdOfItsRequestWasLedElsewhere) {
+    start();
+    registered("first", "abc");
+    registered("second", "def");
+    registered("third", "def");
+    const auto own = request(2);
+    lose(2, own);
+    next("PUT").answer(201, location("/abc"));
+    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_EQ(request(3), own);
+    answerPut(2, own, "ghi");
+    EXPECT_EQ(access().service(3)->getId(), "ghi");
+    registered("fourth", "ghi");
+    EXPECT_EQ(access().record(4), access().record(3));
+    registered("fifth", "");
+    EXPECT_NE(access().record(5), access().record(3));
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,156 @@
+// One HTTP session for each registry endpoint, and what happens where none can be made.
+#include "ClientTest.h"
+#include "States.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using communication::CommunicationStatus;
+using simulation::World;
+using ::testing::ElementsAre;
+using testing::error;
+using testing::info;
+using ::testing::IsEmpty;
+using testing::warning;
+using namespace std::chrono_literals;
+
+class Sessions : public ClientTest {
+  protected:
+    void registerAt(const common::ServiceInfo& endpoint) {
+        client().registerServiceAtRegistry(endpoint, service("echo"), record("echo"));
+    }
+    /// From here on no session can be made; counts the attempts.
+    void refuseSessions() {
+        world.setHook([this](World::Step step) {
+            if (step == World::Step::MakeSession) {
+                ++attempts;
+                throw std::runtime_error("no session");
+            }
+        });
+    }
+    static testing::LogLine noSessionLine() {
+        return error("no session can be made for service registry 127.0.0.1:8500");
+    }
+    static testing::LogLine unsentLine() {
+        return warning(
+            "response put request was not ok, communication status=NO_SESSION, "
+            "status=0");
+    }
+
+    int attempts = 0;
+};
+
+TEST_F(Sessions, AreSharedByAllRequestsToAnEndpoint) {
+    start();
+    const Handle handle = registered("first", "abc");
+    registerService("second");
+    next("PUT");
+    loseEntry();
+    next("PUT").answer(201, location("/def"));
+    handle({});
+    next("DELETE");
+    EXPECT_EQ(world.sessions().size(), 1U);
+    EXPECT_THAT(access().sessionKeys(), ElementsAre("127.0.0.1:8500"));
+    EXPECT_EQ(access().session(registry), access().session(registry));
+    EXPECT_EQ(world.sessions().size(), 1U);
+}
+
+TEST_F(Sessions, AreSharedByEndpointsWithOneKeyAndTheFirstOneMakesThem) {
+    start();
+    registerAt({"first", "Registry", 8500});
+    registerAt({"second", "rEGISTRY", 8500, "prefix", common::ServiceVersion("2")});
+    EXPECT_EQ(next("PUT").host(), "Registry");
+    EXPECT_EQ(next("PUT").host(), "Registry");
+    EXPECT_EQ(world.sessions().size(), 1U);
+    EXPECT_THAT(access().sessionKeys(), ElementsAre("registry:8500"));
+}
+
+TEST_F(Sessions, AreMadeOncePerEndpoint) {
+    start();
+    registerAt({"registry", "north", 8500});
+    registerAt({"registry", "north", 65535});
+    registerAt({"registry", "south", 8500});
+    ASSERT_EQ(world.sessions().size(), 3U);
+    for (const simulation::World::Session& session : world.sessions()) {
+        const simulation::Request put = next("PUT");
+        EXPECT_EQ(put.host(), session.host);
+        EXPECT_EQ(put.port(), session.port);
+    }
+    EXPECT_EQ(world.sessions()[1].port, 65535);
+    EXPECT_NE(access().session({"", "north", 8500}), access().session({"", "south", 8500}));
+}
+
+TEST_F(Sessions, ReportToTheHealthCheckAndTheStatisticsOfTheClient) {
+    start();
+    registerService("echo");
+    simulation::Request put = next("PUT");
+    put.answer(communication::HttpResponse(CommunicationStatus::TimedOut));
+    EXPECT_EQ(access().healthCheck()->consecutiveFailures(), 1U);
+    EXPECT_EQ(access().statistics()->snapshot().completed, 1U);
+}
+
+TEST_F(Sessions, AreKeptAcrossDeinitAndInit) {
+    start();
+    registered("echo", "abc");
+    const auto session = access().session(registry);
+    client().deinit();
+    client().init();
+    EXPECT_EQ(access().session(registry), session);
+    registerService("other");
+    EXPECT_EQ(next("PUT").path(), "/other");
+}
+
+TEST_F(Sessions, ThatCannotBeMadeAreKeptAsEmptyAndNotTriedAgain) {
+    start();
+    refuseSessions();
+    EXPECT_THROW(access().session(registry), std::runtime_error);
+    EXPECT_THAT(access().sessionKeys(), ElementsAre("127.0.0.1:8500"));
+    EXPECT_EQ(access().session(registry), nullptr);
+    world.setHook({});
+    EXPECT_EQ(access().session({"other", "127.0.0.1", 8500}), nullptr);
+    EXPECT_EQ(attempts, 1);
+    EXPECT_NE(access().session({"registry", "127.0.0.1", 8501}), nullptr);
+}
+
+TEST_F(Sessions, ThatCannotBeMadeFailThePutOnTheThreadThatBringsAnswers) {
+    context.setInitialMaxRetryCount(1);
+    start();
+    refuseSessions();
+    registerService("echo");
+    EXPECT_THAT(log->takeLines(), ElementsAre(noSessionLine()));
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty()) << "not on the caller's thread";
+    world.runIo();
+    EXPECT_THAT(log->takeLines(), ElementsAre(unsentLine(), info("retry (1.) request: /echo")));
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(500ms));
+    world.setHook({});
+    world.advance(500ms);
+    EXPECT_THAT(log->takeLines(), IsEmpty()) << "said once";
+    world.settle();
+    EXPECT_THAT(log->takeLines(), ElementsAre(unsentLine()));
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+    EXPECT_EQ(attempts, 1);
+    EXPECT_EQ(world.requestsToTake(), 0U);
+}
+
+TEST_F(Sessions, ThatCannotBeMadeFailThePutOfALostServiceLikeAnyOther) {
+    start();
+    refuseSessions();
+    registerService("echo");
+    world.runIo();
+    const auto request = access().record(1)->requestContainer;
+    access().handlePut(1, request, answer(201, location("/abc")));
+    world.settle();
+    world.takeAddedDelays();
+    log->takeLines();
+    access().handleHead(1, request, answer(404));
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty()) << "not while that answer is handled";
+    world.runIo();
+    EXPECT_THAT(log->takeLines(), ElementsAre(info("automatic re-register with request: /echo"),
+                                              info("re-register request: /echo")));
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(10000ms));
+    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_EQ(attempts, 1);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

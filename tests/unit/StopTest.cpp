@@ -1,0 +1,207 @@
+// A stop in each phase of a registration, and the start after it: what is pending is dropped for
+// good, what is registered is kept as it stands.
+#include "ClientTest.h"
+#include "States.h"
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class Stop : public ClientTest {
+  protected:
+    void SetUp() override {
+        start();
+        client().addServiceRegisterStatusListener(listen());
+    }
+    void forgetThePast() {
+        takeOutcomes();
+        takeNotifications();
+        log->takeLines();
+    }
+    /// Nothing that was pending happens at or after the stop.
+    void stopAndStartAgain() {
+        forgetThePast();
+        const std::vector<std::uint64_t> ids = access().ids();
+        const std::uint32_t checkState = access().checkState();
+        client().deinit();
+        EXPECT_EQ(world.outstandingRequests(), 0U);
+        EXPECT_THAT(world.pendingDelays(), IsEmpty());
+        EXPECT_EQ(world.queuedTasks(), 0U);
+        client().init();
+        world.settle();
+        world.advance(std::chrono::hours(1));
+        world.settle();
+        EXPECT_EQ(world.requestsToTake(), 0U);
+        EXPECT_THAT(outcomes, IsEmpty());
+        EXPECT_THAT(notifications, IsEmpty());
+        EXPECT_THAT(log->takeLines(), IsEmpty());
+        EXPECT_EQ(access().ids(), ids);
+        EXPECT_EQ(access().checkState(), checkState);
+    }
+    void expectNotFound(const Handle& withdraw) {
+        withdraw(record("withdrawal"));
+        world.settle();
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"withdrawal", "ERROR", "SERVICE_NOT_FOUND", -1}));
+    }
+    void expectWithdrawn(const Handle& withdraw) {
+        withdraw(record("withdrawal"));
+        next("DELETE").answer(200);
+        world.settle();
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
+        EXPECT_THAT(access().ids(), IsEmpty());
+    }
+    simulation::Request dueHead() {
+        world.advance(Seconds(10));
+        return next("HEAD");
+    }
+};
+
+TEST_F(Stop, LeavesAServiceRegisteringWhoseFirstPutWasOut) {
+    const Handle withdraw = registerService("echo");
+    simulation::Request put = next("PUT");
+    stopAndStartAgain();
+    put.answer(201, location("/abc"));
+    world.settle();
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_EQ(access().state(1), state::registering);
+    expectNotFound(withdraw);
+}
+
+TEST_F(Stop, LeavesAServiceRegisteringWhoseRetryWasPending) {
+    const Handle withdraw = registerService("echo");
+    next("PUT").answer(HttpResponse(CommunicationStatus::ConnectFailed));
+    stopAndStartAgain();
+    EXPECT_EQ(access().state(1), state::registering);
+    expectNotFound(withdraw);
+}
+
+TEST_F(Stop, LeavesAServiceRegisteredAndEndsItsCheck) {
+    const Handle withdraw = registered("echo", "abc");
+    stopAndStartAgain();
+    EXPECT_EQ(access().state(1), state::registered);
+    expectWithdrawn(withdraw);
+}
+
+TEST_F(Stop, LeavesAServiceRegisteredWhoseHeadWasOut) {
+    const Handle withdraw = registered("echo", "abc");
+    simulation::Request head = dueHead();
+    stopAndStartAgain();
+    EXPECT_EQ(access().checkState(), check::pending);
+    head.answer(404);
+    EXPECT_EQ(access().state(1), state::registered);
+    expectWithdrawn(withdraw);
+}
+
+TEST_F(Stop, BetweenATimeOutAndItsLateAnswerHarmsNoLaterCheck) {
+    registered("echo", "abc");
+    dueHead();
+    world.advance(Seconds(3));
+    stopAndStartAgain();
+    EXPECT_EQ(access().checkState(), check::timeout);
+    registered("time", "def");
+    forgetThePast();
+    dueHead().answer(404);
+    EXPECT_EQ(next("PUT").path(), "/time");
+}
+
+TEST_F(Stop, LeavesALostServiceLostWhosePutWasOut) {
+    const Handle withdraw = registered("echo", "abc");
+    dueHead().answer(404);
+    simulation::Request put = next("PUT");
+    world.settle();
+    stopAndStartAgain();
+    put.answer(201, location("/def"));
+    EXPECT_EQ(access().state(1), state::reregistering);
+    expectNotFound(withdraw);
+}
+
+TEST_F(Stop, LeavesALostServiceLostWhoseNextTryWasPending) {
+    const Handle withdraw = registered("echo", "abc");
+    dueHead().answer(404);
+    next("PUT").answer(500);
+    world.settle();
+    stopAndStartAgain();
+    EXPECT_EQ(access().state(1), state::reregistering);
+    expectNotFound(withdraw);
+}
+
+TEST_F(Stop, LeavesAServiceBeingWithdrawnWhoseDeleteWasOut) {
+    const Handle withdraw = registered("echo", "abc");
+    withdraw(record("first"));
+    simulation::Request request = next("DELETE");
+    stopAndStartAgain();
+    request.answer(200);
+    EXPECT_EQ(access().state(1), state::unregistering);
+    withdraw(record("second"));
+    world.settle();
+    EXPECT_THAT(outcomes, IsEmpty()) << "it only waits";
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 2U);
+}
+
+TEST_F(Stop, DropsTheOutcomeOfAWithdrawalThatIsQueued) {
+    const Handle withdraw = registered("echo", "abc");
+    withdraw(record("withdrawal"));
+    next("DELETE").answer(200);
+    stopAndStartAgain();
+    EXPECT_THAT(access().ids(), IsEmpty());
+}
+
+TEST_F(Stop, FromInsideTheListenerDropsWhatIsQueuedBehindIt) {
+    client().addServiceRegisterStatusListener([this](const auto&, bool) { client().deinit(); });
+    registerService("echo");
+    next("PUT").answer(201, location("/abc"));
+    world.settle();
+    EXPECT_THAT(outcomes, IsEmpty());
+    client().init();
+    world.settle();
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_EQ(access().state(1), state::registered);
+}
+
+TEST_F(Stop, KeepsTheListener) {
+    stopAndStartAgain();
+    registered("echo", "abc");
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "abc", true}));
+}
+
+TEST_F(Stop, AllowsTheListenerToBeSetAndRemoved) {
+    client().deinit();
+    const auto remove = client().addServiceRegisterStatusListener(listen());
+    client().init();
+    registered("echo", "abc");
+    EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "abc", true}));
+    client().deinit();
+    remove();
+    client().init();
+    registered("time", "def");
+    EXPECT_THAT(notifications, IsEmpty());
+}
+
+TEST_F(Stop, MakesWhatItsThreadsWouldSendBeDroppedInSilence) {
+    registered("echo", "abc");
+    const auto request = access().record(1)->requestContainer;
+    forgetThePast();
+    world.takeAddedDelays();
+    client().deinit();
+    access().sendPut(1, request);
+    access().sendHead(1, request);
+    access().sendDelete(1, request);
+    access().sendPut(7, request);
+    access().sendHead(7, request);
+    access().sendDelete(7, request);
+    client().init();
+    world.settle();
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+    EXPECT_THAT(log->takeLines(), IsEmpty());
+    EXPECT_EQ(access().checkState(), check::idle);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
