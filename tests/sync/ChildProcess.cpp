@@ -1,0 +1,78 @@
+// A child process and what is seen of it: a byte when it reports, another when its call returns,
+// the end of the pipe when it ends. Everything here is the test's own thread's.
+#include "ChildProcess.h"
+
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <exception>
+
+namespace orvx::testing {
+
+namespace {
+
+constexpr int patienceMilliseconds = 10000;
+/// For how long the child is watched after its report.
+constexpr int watchMilliseconds = 300;
+constexpr char reported = 'w';
+constexpr char returned = 'r';
+
+void say(int pipe, char what) {
+    if (write(pipe, &what, 1) != 1) {
+        _exit(1);
+    }
+}
+
+[[noreturn]] void runChild(const std::function<void(const Report&)>& call, int pipe) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    try {
+        call([pipe] { say(pipe, reported); });
+        say(pipe, returned);
+    } catch (const std::exception&) {
+    }
+    _exit(0);
+}
+
+/// What comes through the pipe within the time: a byte, 0 at its end, -1 when nothing does.
+int readWithin(int pipe, int milliseconds) {
+    pollfd wanted{pipe, POLLIN, 0};
+    if (poll(&wanted, 1, milliseconds) != 1) {
+        return -1;
+    }
+    char byte = 0;
+    return read(pipe, &byte, 1) == 1 ? byte : 0;
+}
+
+}  // namespace
+
+::testing::AssertionResult neverReturns(const std::function<void(const Report&)>& call) {
+    std::array<int, 2> pipes{};
+    if (pipe(pipes.data()) != 0) {
+        return ::testing::AssertionFailure() << "no pipe";
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        close(pipes[0]);
+        runChild(call, pipes[1]);
+    }
+    close(pipes[1]);
+    const int first = child > 0 ? readWithin(pipes[0], patienceMilliseconds) : 0;
+    const int second = first == reported ? readWithin(pipes[0], watchMilliseconds) : 0;
+    close(pipes[0]);
+    if (child > 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    if (first != reported) {
+        return ::testing::AssertionFailure() << "the child did not get as far as it was to";
+    }
+    return second == -1 ? ::testing::AssertionSuccess()
+                        : ::testing::AssertionFailure()
+                              << (second == returned ? "the call returned" : "the child ended");
+}
+
+}  // namespace orvx::testing

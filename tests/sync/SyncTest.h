@@ -1,0 +1,76 @@
+#pragma once
+
+#include "ChildProcess.h"
+#include "ClientTestAccess.h"
+#include "FunctionFactory.h"
+#include "RecordingLogger.h"
+#include "ScriptedClient.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <orvx/common/XObject.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace orvx::serviceregistryclient {
+
+using Model = std::shared_ptr<common::ServiceModel>;
+using Service = std::shared_ptr<common::ServiceCreate>;
+using Response = OrvRegistrationResponse;
+using ResponseCallback = IOrvServiceRegistryClient::ResponseCallback;
+using ServiceCallback = IOrvServiceRegistryClient::ServiceCallback;
+using ServiceSet = IOrvServiceRegistryClient::ServiceSet;
+using Handle = IOrvServiceRegistryClient::UnregisterHandle;
+
+/// A service without a name is refused by the client itself, on its callback thread.
+inline Service service(const std::string& name = "") {
+    return std::make_shared<common::ServiceCreate>(std::make_unique<common::XObject>("", name, ""));
+}
+inline ServiceSet makeServices(int count) {
+    ServiceSet services;
+    while (count-- > 0) {
+        services.insert(service());
+    }
+    return services;
+}
+
+/// A real client whose registrations are the library's unless a test scripts them. Options are set
+/// on `context` before start().
+class SyncTest : public ::testing::Test {
+  protected:
+    SyncTest() {
+        context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+        context.setOrvServiceRegistryClientFactory(
+            std::make_shared<FunctionFactory>([this](auto loggers, bool withPrefix) {
+                auto made =
+                    std::make_unique<ScriptedClient>(std::move(loggers), withPrefix, context);
+                made->onRegister = [scripted = made.get()](const auto& info, const auto& one,
+                                                           ResponseCallback callback) {
+                    return scripted->registerForReal(info, one, std::move(callback));
+                };
+                return made;
+            }));
+    }
+
+    void start() { context.init(); }
+    ScriptedClient& client() {
+        return dynamic_cast<ScriptedClient&>(*context.getServiceRegistryClient());
+    }
+    ClientTestAccess access() { return ClientTestAccess(client()); }
+    /// Runs the task on the client's callback thread.
+    void onCallbackThread(std::function<void()> task) {
+        access().dispatch([task = std::move(task)](const Response&) { task(); },
+                          std::make_shared<Response>(Response::OK, Response::NONE));
+    }
+
+    OrvServiceRegistryContext context;
+    const common::ServiceInfo registry{"registry", "127.0.0.1", 0};
+};
+
+}  // namespace orvx::serviceregistryclient
