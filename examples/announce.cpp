@@ -1,0 +1,39 @@
+// Announces the service "echo" and keeps it announced until standard input ends or has a line.
+// Usage: announce REGISTRY_HOST REGISTRY_PORT
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <future>
+#include <iostream>
+
+using namespace orvx::serviceregistryclient;
+using orvx::common::ServiceInfo;
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::cerr << "usage: announce REGISTRY_HOST REGISTRY_PORT\n";
+        return 2;
+    }
+    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    OrvServiceRegistryContext context;
+    context.setCheckInterval(std::chrono::seconds(1));
+    context.init();
+    IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
+    client.addServiceRegisterStatusListener([](const auto& service, bool registered) {
+        std::cout << service->getName() << (registered ? " is registered" : " is not registered")
+                  << std::endl;
+    });
+    const auto withdraw = client.registerServiceAtRegistry(
+        registry, client.getSharedServiceCreate(ServiceInfo("echo", "127.0.0.1", 8080)),
+        [](const OrvRegistrationResponse& outcome) {
+            std::cout << "announced: " << OrvRegistrationResponse::statusString(outcome.status)
+                      << std::endl;
+        });
+
+    std::cin.get();
+    std::promise<OrvRegistrationResponse> withdrawn;
+    withdraw([&](const OrvRegistrationResponse& outcome) { withdrawn.set_value(outcome); });
+    const OrvRegistrationResponse outcome = withdrawn.get_future().get();
+    std::cout << "withdrawn: " << OrvRegistrationResponse::statusString(outcome.status)
+              << std::endl;
+    return outcome.status;
+}

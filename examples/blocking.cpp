@@ -1,0 +1,29 @@
+// Announces a service in one blocking call, and withdraws it in another.
+// Usage: blocking REGISTRY_HOST REGISTRY_PORT
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <iostream>
+
+using namespace orvx::serviceregistryclient;
+using orvx::common::ServiceInfo;
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        return 2;
+    }
+    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const ServiceInfo self("echo", "127.0.0.1", 8080);
+    OrvServiceRegistryContext context;
+    context.init();
+    IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
+
+    const auto echo =
+        client.registerServiceAtRegistry(registry, client.getSharedServiceCreate(self));
+    std::cout << OrvRegistrationResponse::statusString(echo.response.status) << std::endl;
+
+    // ... serve; the library keeps the entry valid ...
+
+    const OrvRegistrationResponse outcome = echo.unregister();
+    std::cout << OrvRegistrationResponse::statusString(outcome.status) << std::endl;
+    return outcome.status;
+}

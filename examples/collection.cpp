@@ -1,0 +1,33 @@
+// Announces a set of services in one blocking call, and withdraws everything in another.
+// Usage: collection REGISTRY_HOST REGISTRY_PORT
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <iostream>
+
+using namespace orvx::serviceregistryclient;
+using orvx::common::ServiceInfo;
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::cerr << "usage: collection REGISTRY_HOST REGISTRY_PORT\n";
+        return 2;
+    }
+    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    OrvServiceRegistryContext context;
+    context.init();
+    IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
+
+    IOrvServiceRegistryClient::ServiceSet services;
+    for (const char* name : {"echo", "time", "quote"}) {
+        services.insert(client.getSharedServiceCreate(ServiceInfo(name, "127.0.0.1", 8080)));
+    }
+    const auto [allAnnounced, outcomes] = client.registerServicesAtRegistry(registry, services);
+    for (const auto& [service, outcome] : outcomes) {
+        std::cout << service->getName() << ": "
+                  << OrvRegistrationResponse::statusString(outcome.response.status) << std::endl;
+    }
+
+    const bool allWithdrawn = client.unregisterAllServicesFromRegistry().first;
+    std::cout << "withdrawn: " << (allWithdrawn ? "all" : "not all") << '\n';
+    return allAnnounced && allWithdrawn ? 0 : 1;
+}

@@ -1,0 +1,173 @@
+// The example programs as a user runs them: what they print, how they end, and what the registry
+// holds meanwhile.
+// Threads: the test's, the registry's, and that of the server in front of it; they share sockets
+// only. Each example is a process of its own.
+#include "ChildProcess.h"
+#include "RoadTest.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using registry::ChildProcess;
+using std::chrono::steady_clock;
+using testing::HostileServer;
+using ::testing::IsEmpty;
+using testing::Request;
+using testing::Script;
+using ::testing::UnorderedElementsAre;
+
+/// With what waits inside it, and some room: it goes on trying for four seconds, and an attempt
+/// takes one.
+constexpr auto kShutdownBound = 7s;
+
+class Example : public ChildProcess {
+  public:
+    Example(const std::string& name, std::vector<std::string> arguments)
+        : ChildProcess(std::string(ORVX_EXAMPLE_PROGRAMS) + "/" + name, std::move(arguments)) {}
+    Example(const std::string& name, std::uint16_t port)
+        : Example(name, std::vector<std::string>{"127.0.0.1", std::to_string(port)}) {}
+
+    /// What it printed, when it has ended with this exit code.
+    std::string printed(int exitCode = 0) {
+        const Result result = wait();
+        EXPECT_TRUE(WIFEXITED(result.status)) << result.status;
+        EXPECT_EQ(WEXITSTATUS(result.status), exitCode) << result.errors;
+        return result.output;
+    }
+};
+
+class TheExamples : public ::testing::Test {
+  protected:
+    json entries() const { return entriesAt(registry.port()); }
+
+    registry::RunningRegistry registry;
+    HostileServer front;
+};
+
+using TheAnnounceExample = TheExamples;
+using TheBlockingExample = TheExamples;
+using TheCollectionExample = TheExamples;
+using TheShutdownExample = TheExamples;
+
+TEST_F(TheAnnounceExample, AnnouncesUntilItsInputEnds) {
+    Example announce("announce", registry.port());
+    announce.awaitOutput("announced: OK\n");
+    EXPECT_EQ(entries().at(0).at("service").at("name"), "echo");
+    EXPECT_EQ(entries().at(0).at("service").at("port"), 8080);
+    announce.endInput();
+    EXPECT_EQ(announce.printed(),
+              "echo is registered\nannounced: OK\necho is not registered\nwithdrawn: OK\n");
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheAnnounceExample, AnnouncesAgainWhatTheRegistryLost) {
+    Example announce("announce", registry.port());
+    announce.awaitOutput("announced: OK\n");
+    const std::string target = "/" + entries().at(0).at("uuid").get<std::string>();
+    registry.connect().ask(registry::makeRequest("DELETE", target));
+    announce.awaitOutput("echo is not registered\necho is registered\n");
+    EXPECT_EQ(entries().size(), 1U);
+    announce.endInput();
+    announce.printed();
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheAnnounceExample, SaysThatNothingWasWithdrawnFromADeadRegistry) {
+    const testing::RefusedPort refused;
+    Example announce("announce", refused.port());
+    announce.endInput();
+    EXPECT_EQ(announce.printed(1), "withdrawn: ERROR\n");
+}
+
+TEST_F(TheBlockingExample, RegistersAndWithdraws) {
+    EXPECT_EQ(Example("blocking", registry.port()).printed(), "OK\nOK\n");
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheCollectionExample, RegistersAndWithdrawsAllOfIt) {
+    std::istringstream printed(Example("collection", registry.port()).printed());
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(printed, line);) {
+        lines.push_back(line);
+    }
+    EXPECT_THAT(lines, UnorderedElementsAre("echo: OK", "time: OK", "quote: OK", "withdrawn: all"));
+    EXPECT_EQ(lines.back(), "withdrawn: all");
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheShutdownExample, WithdrawsEverythingWhenItIsTerminated) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        Example shutdown("shutdown", registry.port());
+        shutdown.awaitOutput("announced\n");
+        EXPECT_EQ(entries().size(), 1U);
+        shutdown.signal(signal);
+        EXPECT_EQ(shutdown.printed(), "announced\nwithdrawn\n");
+        EXPECT_TRUE(entries().empty());
+    }
+}
+
+TEST_F(TheShutdownExample, CopesWithATerminationWhileItsFirstRequestIsOut) {
+    front.onRequest([this](const Request& request) {
+        const std::string answer = passOn(request, registry.port());
+        return request.method == "PUT" ? Script().waitForRelease("PUT").send(answer)
+                                       : Script(answer);
+    });
+    Example shutdown("shutdown", front.port());
+    ASSERT_TRUE(front.waitForRequests(1));
+    shutdown.signal(SIGTERM);
+    shutdown.awaitErrors("not registered yet");
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    front.release("PUT");
+    EXPECT_EQ(shutdown.printed(), "announced\nwithdrawn\n");
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheShutdownExample, LeavesWithinItsBoundWhenTheRegistryIsDeadOrSilent) {
+    const testing::RefusedPort refused;
+    front.onRequest([this](const Request& request) {
+        return request.method == "DELETE" ? Script().silence()
+                                          : Script(passOn(request, registry.port()));
+    });
+    Example withDead("shutdown", refused.port());
+    Example withSilent("shutdown", front.port());
+    withDead.awaitErrors("CONNECT_FAILED");
+    withSilent.awaitOutput("announced\n");
+    const auto begin = steady_clock::now();
+    withDead.signal(SIGTERM);
+    withSilent.signal(SIGTERM);
+    EXPECT_EQ(withDead.printed(), "not withdrawn in time\n");
+    EXPECT_EQ(withSilent.printed(), "announced\nnot withdrawn in time\n");
+    EXPECT_LT(steady_clock::now() - begin, kShutdownBound);
+}
+
+TEST_F(TheExamples, EndWithAUsageErrorWithoutTheirArguments) {
+    for (const char* name : {"announce", "blocking", "collection", "shutdown"}) {
+        EXPECT_THAT(Example(name, std::vector<std::string>{}).printed(2), IsEmpty()) << name;
+    }
+}
+
+TEST_F(TheExamples, FitOnOneScreenEach) {
+    int count = 0;
+    for (const auto& file : std::filesystem::directory_iterator(ORVX_EXAMPLE_SOURCES)) {
+        if (file.path().extension() == ".cpp") {
+            std::ifstream stream(file.path());
+            EXPECT_LE(std::count(std::istreambuf_iterator<char>(stream), {}, '\n'), 40) << file;
+            ++count;
+        }
+    }
+    EXPECT_EQ(count, 4);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
