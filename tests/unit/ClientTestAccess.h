@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,11 +35,12 @@ class ClientTestAccess {
         const utility::MutexLock lock(client_.mutex);
         return client_.mapRegistryCallback->find(id);
     }
+    /// These throw std::out_of_range when there is no such registration.
     std::shared_ptr<common::ServiceCreate> service(std::uint64_t id) const {
-        return record(id)->requestContainer->serviceCreate;
+        return existing(id)->requestContainer->serviceCreate;
     }
-    std::uint32_t state(std::uint64_t id) const { return record(id)->state; }
-    void setState(std::uint64_t id, std::uint32_t state) { record(id)->state = state; }
+    std::uint32_t state(std::uint64_t id) const { return existing(id)->state; }
+    void setState(std::uint64_t id, std::uint32_t state) { existing(id)->state = state; }
     std::uint64_t lastRequestId() const {
         const utility::MutexLock lock(client_.mutex);
         return client_.lastRequestId;
@@ -136,6 +138,11 @@ class ClientTestAccess {
     }
 
   private:
+    std::shared_ptr<Client::RegistrationData> existing(std::uint64_t id) const {
+        const auto found = record(id);
+        return found ? found : throw std::out_of_range("no registration " + std::to_string(id));
+    }
+
     Client& client_;
 };
 

@@ -122,6 +122,7 @@ TEST_F(LockRule, HoldsForTheListener) {
     next("PUT").answer(201, location("/def"));
     handle({});
     next("DELETE").answer(200);
+    world.settle();  // what is queued has a share in the listener
     remove();
     expectCalls(4);
 }

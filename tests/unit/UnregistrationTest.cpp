@@ -13,11 +13,11 @@ using testing::warning;
 
 class Unregistration : public ClientTest {
   protected:
-    /// Registers "echo" with uuid "abc" as the first service of a client, and forgets how.
+    /// Registers "echo" at "/entries/abc" as the first service of a client, and forgets how.
     Handle registeredEcho() {
         start();
         client().addServiceRegisterStatusListener(listen());
-        Handle handle = registered("echo", "abc");
+        Handle handle = registered("echo", "entries/abc");
         takeOutcomes();
         takeNotifications();
         return handle;
