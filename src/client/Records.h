@@ -4,6 +4,8 @@
 
 #include <orvx/communication/QunaConnectionBackoffSequence.h>
 
+#include <utility>
+
 namespace orvx::serviceregistryclient {
 
 /// What a registration sends, to which registry. Immutable once built, but for the description's id

@@ -2,8 +2,6 @@
 #include "ClientTest.h"
 #include "States.h"
 
-#include <limits>
-
 namespace orvx::serviceregistryclient {
 namespace {
 

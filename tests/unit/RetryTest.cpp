@@ -9,7 +9,6 @@ namespace {
 using communication::CommunicationStatus;
 using communication::HttpResponse;
 using ::testing::ElementsAre;
-using testing::error;
 using testing::info;
 using ::testing::IsEmpty;
 using testing::warning;

@@ -71,10 +71,14 @@ class Journal {
         notes_.push_back(std::move(note));
         changed_.notify_all();
     }
-    /// The notes, as soon as there are that many; what there is when the bound is reached.
+    /// The notes, as soon as there are that many; what there is when none came within the bound.
     std::vector<Note> await(std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, bound, [&] { return notes_.size() >= count; });
+        bool progress = true;
+        while (progress && notes_.size() < count) {
+            progress = changed_.wait_for(
+                lock, bound, [this, seen = notes_.size()] { return notes_.size() > seen; });
+        }
         return notes_;
     }
     std::vector<Note> notes() { return await(0); }
