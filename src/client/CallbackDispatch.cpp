@@ -1,13 +1,16 @@
 // How outcomes reach user code: as tasks of the callback executor, in the order in which they were
 // queued. Entered by every thread, with or without the lock; only queues. A task holds no reference
 // to the client.
+#include "Memory.h"
 #include "OrvServiceRegistryClient.h"
 
 #include <utility>
 
 namespace orvx::serviceregistryclient {
 
-// Taken by value: a caller that holds the lock moves, so that no user code is copied under it.
+using communication::HttpResponse;
+
+// For the user's threads: they are told by an exception when memory runs out.
 void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Response& response) {
     if (!callback) {
         return;
@@ -15,20 +18,35 @@ void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Res
     callbackExecutor.add([callback = std::move(callback), response] { callback(*response); });
 }
 
-void OrvServiceRegistryClient::callCallbacks(Callbacks callbacks, const Response& response) {
+// For the library's threads. What makes a task allocates first and moves the callback then.
+void OrvServiceRegistryClient::callCallbacks(Callbacks callbacks,
+                                             OrvRegistrationResponse::Status status,
+                                             OrvRegistrationResponse::ErrorCode reason,
+                                             HttpResponse response) {
+    Response outcome;
+    whenThereIsMemory([&] { outcome = std::make_shared<OrvRegistrationResponse>(status, reason); });
+    whenThereIsMemory(
+        [&] { outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response)); });
     for (ResponseCallback& callback : callbacks) {
-        callCallback(std::move(callback), response);
+        if (callback) {
+            auto call = [callback = std::move(callback), outcome] { callback(*outcome); };
+            Tasks task;
+            whenThereIsMemory([&] { task.emplace_back(std::move(call)); });
+            callbackExecutor.add(std::move(task));
+        }
     }
 }
 
-void OrvServiceRegistryClient::notifyListener(StatusListener listener,
-                                              std::shared_ptr<const common::ServiceModel> service,
-                                              bool registered) {
-    if (!listener) {
-        return;
+/// What tells the listener, to be queued in the moment in which it becomes true.
+OrvServiceRegistryClient::Tasks OrvServiceRegistryClient::notificationLocked(
+    std::shared_ptr<const common::ServiceModel> service, bool registered) const {
+    Tasks tasks;
+    if (statusListener) {
+        tasks.emplace_back([listener = statusListener, service = std::move(service), registered] {
+            listener(service, registered);
+        });
     }
-    callbackExecutor.add([listener = std::move(listener), service = std::move(service),
-                          registered] { listener(service, registered); });
+    return tasks;
 }
 
 }  // namespace orvx::serviceregistryclient

@@ -43,7 +43,12 @@ void OrvServiceRegistryClient::init() {
     communicationContext.setHttpConfig(context.getHttpConfig());
     communicationContext.init();
     startExecutorOrTerminate();
-    timer.start(threadNamePrefix + "SRRExec");
+    try {
+        timer.start(threadNamePrefix + "SRRExec");
+    } catch (...) {
+        stopParts();
+        throw;
+    }
     initiated = true;
 }
 
@@ -64,6 +69,10 @@ void OrvServiceRegistryClient::deinitImpl() {
         }
         initiated = false;
     }
+    stopParts();
+}
+
+void OrvServiceRegistryClient::stopParts() {
     communicationContext.deinit();
     callbackExecutor.stopAndClear();
     if (timer.isRunning()) {

@@ -35,7 +35,7 @@ class OrvServiceRegistryContext;
 ///   RegistrationFailure.cpp  its answer when it is not: retry, or give up
 ///   StatusCheck.cpp          the periodic HEAD, its time-out, re-registration, the listener
 ///   Unregistration.cpp       the DELETE and its answer
-///   CallbackDispatch.cpp     how outcomes reach user code
+///   CallbackDispatch.cpp     how outcomes reach user code, and what happens without memory
 ///   Synchronous.cpp          one service, blocking
 ///   ServiceCollection.cpp    many services, in both forms
 ///   UnregisterAll.cpp        withdrawing everything, in both forms
@@ -49,6 +49,9 @@ class OrvServiceRegistryContext;
 /// The lock rule: `mutex` is the only lock. What it guards is read and changed under it; user code
 /// is neither called, copied nor destroyed under it: callbacks and listeners are moved or shared
 /// there, and released after unlocking. A log line may be written under it.
+///
+/// Where memory runs out: what the library's threads do under the lock changes nothing before all
+/// that it needs is there, or can be done once more from the beginning; see whenThereIsMemory().
 class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
   public:
     struct RequestContainer;
@@ -105,6 +108,7 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     using Response = std::shared_ptr<OrvRegistrationResponse>;
     using Callbacks = std::vector<ResponseCallback>;
     using Promise = std::shared_ptr<std::promise<OrvRegistrationResponse>>;
+    using Tasks = utility::SingleThreadAsyncTaskExecutor::Tasks;
 
     /// The states of a registration. 4 is never set; what looks for UNREGISTERING accepts it too.
     enum RegistrationState : std::uint32_t {
@@ -124,6 +128,7 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
 
     // Lifecycle.cpp
     void deinitImpl() ORVX_EXCLUDES(mutex);
+    void stopParts() ORVX_EXCLUDES(mutex);
     void startExecutorOrTerminate() noexcept;
 
     // Sessions.cpp
@@ -147,6 +152,10 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     // RegistrationAnswer.cpp
     void handlePutResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                            communication::HttpResponse response) ORVX_EXCLUDES(mutex);
+    /// What a success leads to, once the lock is let go.
+    enum class Success { Known, Unknown, Withdrawn };
+    Success recordSuccess(std::uint64_t id, RequestContainer& request, const std::string& location,
+                          Callbacks& callbacks) ORVX_EXCLUDES(mutex);
     Callbacks recordEntryLocked(RegistrationData& record, RequestContainer& request,
                                 const std::string& uuid, const std::string& location)
         ORVX_REQUIRES(mutex);
@@ -155,6 +164,11 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     // RegistrationFailure.cpp
     void handlePutResponseError(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                                 communication::HttpResponse response) ORVX_EXCLUDES(mutex);
+    /// What a failure leads to, once the lock is let go.
+    enum class Failure { Retried, GivenUp, Withdrawn };
+    Failure recordFailure(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
+                          const communication::HttpResponse& response, Callbacks& callbacks)
+        ORVX_EXCLUDES(mutex);
     bool retryLocked(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                      RegistrationData& record, const communication::HttpResponse& response)
         ORVX_REQUIRES(mutex);
@@ -165,8 +179,12 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     // StatusCheck.cpp
     void sendHeadRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& container)
         ORVX_EXCLUDES(mutex);
+    void sendHeadRequestOnce(std::uint64_t id, const std::shared_ptr<RequestContainer>& container)
+        ORVX_EXCLUDES(mutex);
     void handleHeadTimeout(communication::IClientHttpSession& session) ORVX_EXCLUDES(mutex);
     void handleHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
+                            const communication::HttpResponse& response) ORVX_EXCLUDES(mutex);
+    bool recordHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
                             const communication::HttpResponse& response) ORVX_EXCLUDES(mutex);
     bool markLostLocked(std::uint64_t id, RequestContainer& container) ORVX_REQUIRES(mutex);
     std::chrono::milliseconds checkDelay() const;
@@ -184,9 +202,13 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
 
     // CallbackDispatch.cpp
     void callCallback(ResponseCallback callback, const Response& response);
-    void callCallbacks(Callbacks callbacks, const Response& response);
-    void notifyListener(StatusListener listener,
-                        std::shared_ptr<const common::ServiceModel> service, bool registered);
+    void callCallbacks(Callbacks callbacks, OrvRegistrationResponse::Status status,
+                       OrvRegistrationResponse::ErrorCode reason,
+                       communication::HttpResponse response);
+    Tasks notificationLocked(std::shared_ptr<const common::ServiceModel> service,
+                             bool registered) const ORVX_REQUIRES(mutex);
+    template <typename Step>
+    void whenThereIsMemory(const Step& step) const;
 
     // Synchronous.cpp
     static OrvRegistrationResponse makeSynchronizedCallRegistrationResponse(

@@ -4,9 +4,13 @@
 
 #include <orvx/communication/QunaConnectionBackoffSequence.h>
 
+#include <optional>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
+
+/// Registry id and lowest request id of each record whose description has a registry id.
+using RegistryIdIndex = std::set<std::pair<std::string, std::uint64_t>>;
 
 /// What a registration sends, to which registry. Immutable once built, but for the description's id
 /// and uri, which follow what the registry holds, and the way back to its record.
@@ -36,8 +40,9 @@ struct OrvServiceRegistryClient::RegistrationData {
     std::unique_ptr<CallbackList> unregisterCallbacks;
     std::uint32_t state = CREATED;
     bool wasRegistered = false;
-    /// The request ids that lead here; kept by the table.
+    /// The request ids that lead here, and its place in the index; kept by the table.
     std::set<std::uint64_t> ids;
+    std::optional<RegistryIdIndex::iterator> place;
 
     /// Leaves the list, if there is one, empty.
     static Callbacks take(const std::unique_ptr<CallbackList>& list) {

@@ -6,12 +6,15 @@
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <algorithm>
+#include <new>
 #include <sstream>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
 
 using common::ServiceCreate;
+using communication::CommunicationStatus;
+using communication::HttpResponse;
 
 namespace {
 
@@ -104,25 +107,30 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
     return id;
 }
 
+// A request that cannot be made for lack of memory has failed like one on the way.
 void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
                                               const std::shared_ptr<RequestContainer>& request) {
-    std::shared_ptr<communication::IClientHttpSession> session;
-    {
-        const utility::MutexLock lock(mutex);
-        if (!initiated) {
-            return;
+    try {
+        std::shared_ptr<communication::IClientHttpSession> session;
+        {
+            const utility::MutexLock lock(mutex);
+            if (!initiated) {
+                return;
+            }
+            if (!mapRegistryCallback->find(id)) {
+                logger->logWarning(false)
+                    << "sendPutRequest called but id not found in mapRegistryCallback. id=" << id;
+                return;
+            }
+            session = usableSessionLocked(*request->serviceInfo);
         }
-        if (!mapRegistryCallback->find(id)) {
-            logger->logWarning(false)
-                << "sendPutRequest called but id not found in mapRegistryCallback. id=" << id;
-            return;
-        }
-        session = usableSessionLocked(*request->serviceInfo);
+        session->sendPutRequestJson(*request->uri, request->body->data(), request->body->size(),
+                                    [this, id, request](HttpResponse response) {
+                                        handlePutResponse(id, request, std::move(response));
+                                    });
+    } catch (const std::bad_alloc&) {
+        handlePutResponseError(id, request, HttpResponse(CommunicationStatus::OutOfMemory));
     }
-    session->sendPutRequestJson(*request->uri, request->body->data(), request->body->size(),
-                                [this, id, request](communication::HttpResponse response) {
-                                    handlePutResponse(id, request, std::move(response));
-                                });
 }
 
 IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOfRefusedService(

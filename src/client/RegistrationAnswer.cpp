@@ -2,6 +2,7 @@
 // telling the callbacks and the listener, starting the check. Entered by the I/O thread. The lock
 // is held from looking up the registration until its record is written; callbacks are dispatched
 // after.
+#include "Memory.h"
 #include "RegistrationTable.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
@@ -20,59 +21,63 @@ void OrvServiceRegistryClient::handlePutResponse(std::uint64_t id,
         handlePutResponseError(id, request, std::move(response));
         return;
     }
-    const std::optional<std::string> location = response.getLocation();
+    std::optional<std::string> location;
+    whenThereIsMemory([&] { location = response.getLocation(); });
     if (!location) {
         logger->logWarning(false) << "HTTP response is missing location field";
         handlePutResponseError(id, request, std::move(response));
         return;
     }
-    const std::size_t slash = location->rfind('/');
-    if (slash == std::string::npos) {
+    if (location->find('/') == std::string::npos) {
         logger->logWarning(false) << "Cannot parse service uuid from HTTP location: " << *location;
         handlePutResponseError(id, request, std::move(response));
         return;
     }
-    const std::string uuid = location->substr(slash + 1);
-
     Callbacks callbacks;
-    bool isWithdrawn = false;
-    {
-        std::shared_ptr<RegistrationData> record;
-        std::shared_ptr<RegistrationData> released;
-        const utility::MutexLock lock(mutex);
-        record = mapRegistryCallback->find(id);
-        if (!record) {
-            logger->logError(false)
-                << "PUT response received but id not found in mapRegistryCallback. id=" << id;
-            return;
-        }
-        if (const auto sameEntry = mapRegistryCallback->findByRegistryId(uuid)) {
-            // Whatever the other registration's state: this id follows it from now on.
-            callbacks = RegistrationData::take(record->registerCallbacks);
-            released = mapRegistryCallback->lead(id, sameEntry);
-        } else if (isUnregistering(record->state)) {
-            isWithdrawn = true;
-        } else {
-            callbacks = recordEntryLocked(*record, *request, uuid, *location);
-        }
-    }
-    if (isWithdrawn) {
+    Success success{};
+    whenThereIsMemory([&] { success = recordSuccess(id, *request, *location, callbacks); });
+    if (success == Success::Withdrawn) {
         internal_unregisterFromRegistry(id, {});
-        return;
+    } else if (success == Success::Known) {
+        callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
+                      OrvRegistrationResponse::NONE, std::move(response));
+        if (context.isCheckEnabled()) {
+            whenThereIsMemory([&] { scheduleCheck(id, request); });
+        }
     }
-    const auto outcome = std::make_shared<OrvRegistrationResponse>(OrvRegistrationResponse::OK,
-                                                                   OrvRegistrationResponse::NONE);
-    outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response));
-    callCallbacks(std::move(callbacks), outcome);
-    if (context.isCheckEnabled()) {
-        scheduleCheck(id, request);
+}
+
+/// Leaves the callbacks that are to be told in `callbacks`.
+OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
+    std::uint64_t id, RequestContainer& request, const std::string& location,
+    Callbacks& callbacks) {
+    const std::string uuid = location.substr(location.rfind('/') + 1);
+    std::shared_ptr<RegistrationData> record;
+    std::shared_ptr<RegistrationData> released;
+    const utility::MutexLock lock(mutex);
+    record = mapRegistryCallback->find(id);
+    if (!record) {
+        logger->logError(false)
+            << "PUT response received but id not found in mapRegistryCallback. id=" << id;
+        return Success::Unknown;
     }
+    if (const auto sameEntry = mapRegistryCallback->findByRegistryId(uuid)) {
+        // Whatever the other registration's state: this id follows it from now on.
+        released = mapRegistryCallback->lead(id, sameEntry);
+        callbacks = RegistrationData::take(record->registerCallbacks);
+    } else if (isUnregistering(record->state)) {
+        return Success::Withdrawn;
+    } else {
+        callbacks = recordEntryLocked(*record, request, uuid, location);
+    }
+    return Success::Known;
 }
 
 // The registration's callbacks are told of its first success only; the listener of every one.
 OrvServiceRegistryClient::Callbacks OrvServiceRegistryClient::recordEntryLocked(
     RegistrationData& record, RequestContainer& request, const std::string& uuid,
     const std::string& location) {
+    Tasks notification = notificationLocked(request.serviceCreate, true);
     mapRegistryCallback->describe(request, uuid, location);
     record.state = REGISTERED;
     Callbacks callbacks;
@@ -82,7 +87,7 @@ OrvServiceRegistryClient::Callbacks OrvServiceRegistryClient::recordEntryLocked(
         callbacks = RegistrationData::take(record.registerCallbacks);
         record.registerCallbacks.reset();
     }
-    notifyListener(statusListener, request.serviceCreate, true);
+    callbackExecutor.add(std::move(notification));
     return callbacks;
 }
 

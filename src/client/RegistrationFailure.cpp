@@ -1,6 +1,7 @@
 // The answer to a PUT that is no success: retry a first registration, try a lost service again
 // after the check interval, or give up. Entered by the I/O thread. The lock is held for the
 // decision; callbacks are dispatched after it is let go.
+#include "Memory.h"
 #include "RegistrationTable.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
@@ -15,46 +16,51 @@ using communication::HttpResponse;
 void OrvServiceRegistryClient::handlePutResponseError(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& request, HttpResponse response) {
     Callbacks callbacks;
-    bool gaveUp = false;
-    {
-        std::shared_ptr<RegistrationData> record;
-        const utility::MutexLock lock(mutex);
-        record = mapRegistryCallback->find(id);
-        if (!record) {
-            logger->logError(false)
-                << "handlePutResponseError called but id not found in mapRegistryCallback. id="
-                << id;
-            return;
-        }
-        if (!record->wasRegistered) {
-            if (retryLocked(id, request, *record, response)) {
-                return;
-            }
-            if (!response.getBody().empty()) {
-                logger->logWarning(false)
-                    << "error message from service registry=" << response.getBody();
-            }
-            callbacks = RegistrationData::take(record->registerCallbacks);
-            mapRegistryCallback->erase(id);
-            gaveUp = true;
-        } else if (!isUnregistering(record->state)) {
-            if (logger->isInfoEnabled()) {
-                logger->logInfo(false) << "re-register request: " << *request->uri;
-            }
-            schedulePut(checkDelay(), id, request);
-            return;
-        }
+    Failure failure{};
+    whenThereIsMemory([&] { failure = recordFailure(id, request, response, callbacks); });
+    if (failure == Failure::GivenUp) {
+        callCallbacks(std::move(callbacks), OrvRegistrationResponse::ERROR,
+                      OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, std::move(response));
+    } else if (failure == Failure::Withdrawn) {
+        // While the registry had lost it: there is nothing left to withdraw.
+        whenThereIsMemory([&] { deleteRegistryEntriesAndNotifyListener(id, callbacks); });
+        callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
+                      OrvRegistrationResponse::NONE, std::move(response));
     }
-    if (!gaveUp) {  // withdrawn while the registry had lost it: there is nothing left to withdraw
-        deleteRegistryEntriesAndNotifyListener(id, callbacks);
+}
+
+/// Leaves the callbacks of a registration that is given up in `callbacks`.
+OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
+    std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
+    const HttpResponse& response, Callbacks& callbacks) {
+    std::shared_ptr<RegistrationData> record;
+    const utility::MutexLock lock(mutex);
+    record = mapRegistryCallback->find(id);
+    if (!record) {
+        logger->logError(false)
+            << "handlePutResponseError called but id not found in mapRegistryCallback. id=" << id;
+        return Failure::Retried;
     }
-    const auto outcome = gaveUp ? std::make_shared<OrvRegistrationResponse>(
-                                      OrvRegistrationResponse::ERROR,
-                                      OrvRegistrationResponse::SERVICE_REGISTRY_ERROR)
-                                : std::make_shared<OrvRegistrationResponse>(
-                                      OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE);
-    outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response));
-    callCallbacks(std::move(callbacks), outcome);
+    if (!record->wasRegistered) {
+        if (retryLocked(id, request, *record, response)) {
+            return Failure::Retried;
+        }
+        if (!response.getBody().empty()) {
+            logger->logWarning(false)
+                << "error message from service registry=" << response.getBody();
+        }
+        callbacks = RegistrationData::take(record->registerCallbacks);
+        mapRegistryCallback->erase(id);
+        return Failure::GivenUp;
+    }
+    if (isUnregistering(record->state)) {
+        return Failure::Withdrawn;
+    }
+    if (logger->isInfoEnabled()) {
+        logger->logInfo(false) << "re-register request: " << *request->uri;
+    }
+    schedulePut(checkDelay(), id, request);
+    return Failure::Retried;
 }
 
 /// True when the request will be sent again. A limited number of retries is spaced evenly, an
@@ -70,12 +76,12 @@ bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
     if (max != 0 && retryCount >= max) {
         return false;
     }
+    schedulePut(max == 0 ? record.backoffSequence->nextDelay() : context.getRetryInterval(), id,
+                request);
     ++retryCount;
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "retry (" << retryCount << ".) request: " << *request->uri;
     }
-    schedulePut(max == 0 ? record.backoffSequence->nextDelay() : context.getRetryInterval(), id,
-                request);
     return true;
 }
 

@@ -1,6 +1,7 @@
 // The table of registrations and its index. Entered by every thread that enters the client, under
 // the client's lock. A record stands in the index under its lowest request id, so whatever changes
-// its ids or its registry id takes it out of the index before and puts it back after.
+// its ids or its registry id takes its entry out before and puts it back after, which needs no
+// memory.
 #include "RegistrationTable.h"
 
 namespace orvx::serviceregistryclient {
@@ -19,32 +20,40 @@ OrvServiceRegistryClient::RegistrationTable::findByRegistryId(const std::string&
 }
 
 void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, Record record) {
-    record->ids.insert(id);
-    index(*record);
+    RegistrationData& added = *record;
+    added.ids.insert(id);
+    const common::ServiceCreate& service = *added.requestContainer->serviceCreate;
+    Entry entry = service.hasId() ? makeEntry(added, service.getId()) : Entry();
     records_.emplace(id, std::move(record));
+    index(added, std::move(entry));
 }
 
 OrvServiceRegistryClient::RegistrationTable::Record
 OrvServiceRegistryClient::RegistrationTable::lead(std::uint64_t id, const Record& target) {
-    Record previous = erase(id);
-    unindex(*target);
-    insert(id, target);
+    target->ids.insert(id);
+    Record previous = std::exchange(records_.find(id)->second, target);
+    if (previous != target) {
+        Entry entry = takeEntry(*previous);
+        previous->ids.erase(id);
+        index(*previous, std::move(entry));
+    }
+    index(*target, takeEntry(*target));
     return previous;
 }
 
 OrvServiceRegistryClient::RegistrationTable::Record
-OrvServiceRegistryClient::RegistrationTable::erase(std::uint64_t id) {
+OrvServiceRegistryClient::RegistrationTable::erase(std::uint64_t id) noexcept {
     const auto found = records_.find(id);
     Record record = std::move(found->second);
     records_.erase(found);
-    unindex(*record);
+    Entry entry = takeEntry(*record);
     record->ids.erase(id);
-    index(*record);
+    index(*record, std::move(entry));
     return record;
 }
 
-void OrvServiceRegistryClient::RegistrationTable::eraseAll(RegistrationData& record) {
-    unindex(record);
+void OrvServiceRegistryClient::RegistrationTable::eraseAll(RegistrationData& record) noexcept {
+    takeEntry(record);
     for (const std::uint64_t id : record.ids) {
         records_.erase(id);
     }
@@ -56,33 +65,41 @@ void OrvServiceRegistryClient::RegistrationTable::describe(RequestContainer& req
                                                            const std::string& registryId,
                                                            const std::string& uri) {
     RegistrationData* const record = request.record;
-    if (record != nullptr) {
-        unindex(*record);
-    }
+    Entry entry = record != nullptr ? makeEntry(*record, registryId) : Entry();
     request.serviceCreate->setId(registryId);
     request.serviceCreate->setUri(uri);
     if (record != nullptr) {
-        index(*record);
+        takeEntry(*record);
+        index(*record, std::move(entry));
     }
 }
 
-void OrvServiceRegistryClient::RegistrationTable::index(RegistrationData& record) {
+OrvServiceRegistryClient::RegistrationTable::Entry
+OrvServiceRegistryClient::RegistrationTable::makeEntry(const RegistrationData& record,
+                                                       const std::string& registryId) {
+    RegistryIdIndex made{{registryId, *record.ids.begin()}};
+    return made.extract(made.begin());
+}
+
+/// Of a record that is not in the index: empty.
+OrvServiceRegistryClient::RegistrationTable::Entry
+OrvServiceRegistryClient::RegistrationTable::takeEntry(RegistrationData& record) noexcept {
+    record.requestContainer->record = nullptr;
+    const auto place = std::exchange(record.place, std::nullopt);
+    return place ? byRegistryId_.extract(*place) : Entry();
+}
+
+/// Under the lowest id that leads to the record by now; a record without one has left.
+void OrvServiceRegistryClient::RegistrationTable::index(RegistrationData& record,
+                                                        Entry entry) noexcept {
     if (record.ids.empty()) {
         return;
     }
     record.requestContainer->record = &record;
-    const common::ServiceCreate& service = *record.requestContainer->serviceCreate;
-    if (service.hasId()) {
-        byRegistryId_.emplace(service.getId(), *record.ids.begin());
+    if (entry) {
+        entry.value().second = *record.ids.begin();
+        record.place = byRegistryId_.insert(std::move(entry)).position;
     }
-}
-
-void OrvServiceRegistryClient::RegistrationTable::unindex(RegistrationData& record) {
-    if (record.ids.empty()) {
-        return;
-    }
-    record.requestContainer->record = nullptr;
-    byRegistryId_.erase({record.requestContainer->serviceCreate->getId(), *record.ids.begin()});
 }
 
 }  // namespace orvx::serviceregistryclient

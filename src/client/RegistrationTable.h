@@ -12,6 +12,7 @@ namespace orvx::serviceregistryclient {
 /// Several request ids may lead to one record. The index speaks of the descriptions that the
 /// records hold: that of a request whose id was led to another record is in it only as long as
 /// another id leads to its own.
+/// What throws std::bad_alloc has changed nothing, but for describe(), which can be called again.
 /// Guarded by the client's lock. Records are handed out, never destroyed here under that lock: what
 /// erases returns the last share.
 class OrvServiceRegistryClient::RegistrationTable {
@@ -32,20 +33,22 @@ class OrvServiceRegistryClient::RegistrationTable {
     /// Makes `id`, which must be there, lead to `target`; returns the record it led to.
     Record lead(std::uint64_t id, const Record& target);
     /// Removes one id, which must be there; returns its record.
-    Record erase(std::uint64_t id);
+    Record erase(std::uint64_t id) noexcept;
     /// Removes every id that leads to the record.
-    void eraseAll(RegistrationData& record);
+    void eraseAll(RegistrationData& record) noexcept;
 
     /// Writes what the registry holds into the request's description.
     void describe(RequestContainer& request, const std::string& registryId, const std::string& uri);
 
   private:
-    void index(RegistrationData& record);
-    void unindex(RegistrationData& record);
+    using Entry = RegistryIdIndex::node_type;
+
+    static Entry makeEntry(const RegistrationData& record, const std::string& registryId);
+    Entry takeEntry(RegistrationData& record) noexcept;
+    void index(RegistrationData& record, Entry entry) noexcept;
 
     Map records_;
-    /// Registry id and lowest request id of each record whose description has a registry id.
-    std::set<std::pair<std::string, std::uint64_t>> byRegistryId_;
+    RegistryIdIndex byRegistryId_;
 };
 
 }  // namespace orvx::serviceregistryclient

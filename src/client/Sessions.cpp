@@ -2,6 +2,8 @@
 // that send: the user's, the timer's, the I/O thread. The caller holds the lock.
 #include "OrvServiceRegistryClient.h"
 
+#include <new>
+
 namespace orvx::serviceregistryclient {
 
 // The key is stored before the session is made, so that a failure is remembered: an endpoint for
@@ -9,12 +11,18 @@ namespace orvx::serviceregistryclient {
 std::shared_ptr<communication::IClientHttpSession>
 OrvServiceRegistryClient::createOrGetRegistryClientSession(const common::ServiceInfo& serviceInfo) {
     const auto [entry, isNew] = sessions.try_emplace(serviceInfo.getKey());
-    if (isNew) {
+    if (!isNew) {
+        return entry->second;
+    }
+    try {
         entry->second = communicationContext.getClientHttpFactory().createSession(
             serviceInfo.getHost(), serviceInfo.getPort(), communicationContext.getHttpConfig(),
             communicationContext.getHealthCheck(), communicationContext.getClientStatistics());
+        return entry->second;
+    } catch (const std::bad_alloc&) {
+        sessions.erase(entry);  // it says nothing of the endpoint
+        throw;
     }
-    return entry->second;
 }
 
 // What has no session is answered like a request that could not be sent, by the I/O thread.
@@ -24,6 +32,8 @@ std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::usa
         if (auto session = createOrGetRegistryClientSession(serviceInfo)) {
             return session;
         }
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (...) {
         // Kept as an empty session; said once, here.
         logger->logError(false) << "no session can be made for service registry "

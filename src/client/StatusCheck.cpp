@@ -2,10 +2,12 @@
 // status listener. Entered by the timer's thread (HEAD, time-out), the I/O thread (answers) and the
 // user's (listener). Everything happens under the lock, the HEAD's submission too: submitting never
 // waits and never calls a handler. Only the PUT of a re-registration is sent after it is let go.
+#include "Memory.h"
 #include "RegistrationTable.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <new>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -15,6 +17,11 @@ using communication::HttpResponse;
 
 void OrvServiceRegistryClient::sendHeadRequest(std::uint64_t id,
                                                const std::shared_ptr<RequestContainer>& container) {
+    whenThereIsMemory([&] { sendHeadRequestOnce(id, container); });
+}
+
+void OrvServiceRegistryClient::sendHeadRequestOnce(
+    std::uint64_t id, const std::shared_ptr<RequestContainer>& container) {
     const utility::MutexLock lock(mutex);
     if (!initiated) {
         return;
@@ -36,7 +43,11 @@ void OrvServiceRegistryClient::sendHeadRequest(std::uint64_t id,
                                  handleHeadResponse(id, container, response);
                              });
     checkState = PENDING;
-    timer.addTask(context.getHeadTimeout(), [this, session] { handleHeadTimeout(*session); });
+    try {
+        timer.addTask(context.getHeadTimeout(), [this, session] { handleHeadTimeout(*session); });
+    } catch (const std::bad_alloc&) {
+        // This check ends with the request time-out.
+    }
 }
 
 // A time-out ends the check: it is not scheduled again, and the late answer is ignored.
@@ -48,33 +59,42 @@ void OrvServiceRegistryClient::handleHeadTimeout(communication::IClientHttpSessi
     }
     checkState = TIMEOUT;
     logger->log("callback: Head State TIMEOUT", 0);
-    session.abandon();
+    try {
+        session.abandon();
+    } catch (const std::bad_alloc&) {
+        // It goes on until its request time-out, and its answer is ignored all the same.
+    }
 }
 
 void OrvServiceRegistryClient::handleHeadResponse(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
     const HttpResponse& response) {
-    {
-        const utility::MutexLock lock(mutex);
-        if (checkState == TIMEOUT) {
-            logger->log("TIMEOUT on head request, ignore response.", 0);
-            checkState = IDLE;
-            return;
-        }
-        checkState = RESPONDED;
-        const bool isLost = response.getCommunicationStatus() == CommunicationStatus::Ok &&
-                            response.getStatusCode() == HttpResponse::StatusCode::NotFound;
-        if (!isLost) {
-            if (mapRegistryCallback->find(id)) {
-                scheduleCheck(id, container);
-            }
-            return;
-        }
-        if (!markLostLocked(id, *container)) {
-            return;
-        }
+    bool isToRegisterAgain = false;
+    whenThereIsMemory([&] { isToRegisterAgain = recordHeadResponse(id, container, response); });
+    if (isToRegisterAgain) {
+        sendPutRequest(id, container);
     }
-    sendPutRequest(id, container);
+}
+
+bool OrvServiceRegistryClient::recordHeadResponse(
+    std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
+    const HttpResponse& response) {
+    const utility::MutexLock lock(mutex);
+    if (checkState == TIMEOUT) {
+        logger->log("TIMEOUT on head request, ignore response.", 0);
+        checkState = IDLE;
+        return false;
+    }
+    checkState = RESPONDED;
+    const bool isLost = response.getCommunicationStatus() == CommunicationStatus::Ok &&
+                        response.getStatusCode() == HttpResponse::StatusCode::NotFound;
+    if (isLost) {
+        return markLostLocked(id, *container);
+    }
+    if (mapRegistryCallback->find(id)) {
+        scheduleCheck(id, container);
+    }
+    return false;
 }
 
 /// False when there is nothing to register again.
@@ -83,9 +103,10 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
     if (!record || isUnregistering(record->state)) {
         return false;
     }
-    record->state = REREGISTERING;
+    Tasks notification = notificationLocked(container.serviceCreate, false);
     mapRegistryCallback->describe(container, "", "");
-    notifyListener(statusListener, container.serviceCreate, false);
+    record->state = REREGISTERING;
+    callbackExecutor.add(std::move(notification));
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "automatic re-register with request: " << *container.uri;
     }

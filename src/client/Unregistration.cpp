@@ -1,12 +1,15 @@
 // Withdrawal: the DELETE, its answer, and what leaves the table. Entered by the user's threads and
 // the I/O thread. The lock is held to look up and to change the record, not while the DELETE is
 // handed to the session. Callbacks come in as copies made before it is taken.
+#include "Memory.h"
 #include "RegistrationTable.h"
 
+#include <new>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
 
+using communication::CommunicationStatus;
 using communication::HttpResponse;
 
 void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64_t& id,
@@ -61,38 +64,44 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
 
 void OrvServiceRegistryClient::sendDeleteRequest(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container) {
-    std::shared_ptr<communication::IClientHttpSession> session;
-    {
-        const utility::MutexLock lock(mutex);
-        if (!initiated) {
-            return;
+    try {
+        std::shared_ptr<communication::IClientHttpSession> session;
+        {
+            const utility::MutexLock lock(mutex);
+            if (!initiated) {
+                return;
+            }
+            if (!mapRegistryCallback->find(id)) {
+                logger->logWarning(false)
+                    << "sendDeleteRequest called but id not found in mapRegistryCallback. id="
+                    << id;
+                return;
+            }
+            session = usableSessionLocked(*container->serviceInfo);
         }
-        if (!mapRegistryCallback->find(id)) {
-            logger->logWarning(false)
-                << "sendDeleteRequest called but id not found in mapRegistryCallback. id=" << id;
-            return;
-        }
-        session = usableSessionLocked(*container->serviceInfo);
+        session->sendDeleteRequest("/" + container->serviceCreate->getId(), "application/json",
+                                   [this, id, container](HttpResponse response) {
+                                       handleDeleteResponse(id, std::move(response));
+                                   });
+    } catch (const std::bad_alloc&) {
+        handleDeleteResponse(id, HttpResponse(CommunicationStatus::OutOfMemory));
     }
-    session->sendDeleteRequest("/" + container->serviceCreate->getId(), "application/json",
-                               [this, id, container](HttpResponse response) {
-                                   handleDeleteResponse(id, std::move(response));
-                               });
 }
 
 void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpResponse response) {
-    const auto outcome = std::make_shared<OrvRegistrationResponse>(OrvRegistrationResponse::OK,
-                                                                   OrvRegistrationResponse::NONE);
     Callbacks callbacks;
     if (response.getStatusCode() == HttpResponse::StatusCode::Ok) {
-        deleteRegistryEntriesAndNotifyListener(id, callbacks);
-    } else {
-        logger->logWarning(false) << "response to delete request was not ok, status="
-                                  << static_cast<std::int32_t>(response.getStatusCode());
-        if (!response.getBody().empty()) {
-            logger->logWarning(false)
-                << "error message from service registry=" << response.getBody();
-        }
+        whenThereIsMemory([&] { deleteRegistryEntriesAndNotifyListener(id, callbacks); });
+        callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
+                      OrvRegistrationResponse::NONE, std::move(response));
+        return;
+    }
+    logger->logWarning(false) << "response to delete request was not ok, status="
+                              << static_cast<std::int32_t>(response.getStatusCode());
+    if (!response.getBody().empty()) {
+        logger->logWarning(false) << "error message from service registry=" << response.getBody();
+    }
+    {
         const utility::MutexLock lock(mutex);
         const auto record = mapRegistryCallback->find(id);
         if (!record) {
@@ -102,31 +111,27 @@ void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpRespon
         }
         callbacks = RegistrationData::take(record->unregisterCallbacks);
         record->state = REGISTERED;
-        outcome->status = OrvRegistrationResponse::ERROR;
-        outcome->errorCode = OrvRegistrationResponse::SERVICE_REGISTRY_ERROR;
     }
-    outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response));
-    callCallbacks(std::move(callbacks), outcome);
+    callCallbacks(std::move(callbacks), OrvRegistrationResponse::ERROR,
+                  OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, std::move(response));
 }
 
 // An id that is gone already was removed with another id of its registration, which told everybody.
 void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint64_t id,
                                                                       Callbacks& callbacks) {
     std::shared_ptr<RegistrationData> record;
-    Callbacks waiting;
-    StatusListener listener;
+    Tasks notification;
     {
         const utility::MutexLock lock(mutex);
         record = mapRegistryCallback->find(id);
         if (!record) {
             return;
         }
-        waiting = RegistrationData::take(record->unregisterCallbacks);
+        notification = notificationLocked(record->requestContainer->serviceCreate, false);
+        callbacks = RegistrationData::take(record->unregisterCallbacks);
         mapRegistryCallback->eraseAll(*record);
-        listener = statusListener;
     }
-    callbacks = std::move(waiting);
-    notifyListener(std::move(listener), record->requestContainer->serviceCreate, false);
+    callbackExecutor.add(std::move(notification));
 }
 
 bool OrvServiceRegistryClient::isUnregistering(std::uint32_t state) {

@@ -341,13 +341,18 @@ Options optionsOf(std::uint64_t seed) {
 }
 
 History historyOf(std::uint64_t seed, std::size_t events) {
+    constexpr unsigned kNoAnswer = 15;
     // Letters as often as they are to happen.
     static const std::string letters = "rrrwwullaaaaaaaaaaaaaagttttttsssssssxyyyyyy";
     Random random(~seed);
+    const bool isRegistryAway = random.below(8) == 0;
     History history;
     while (history.size() < events) {
         const char what = letters[random.below(static_cast<unsigned>(letters.size()))];
-        history.push_back({what, random.below(256), random.below(256)});
+        const unsigned one = random.below(256);
+        const unsigned other = random.below(256);
+        const bool isAnswered = !isRegistryAway || random.below(8) == 0;
+        history.push_back({what, one, isAnswered ? other : kNoAnswer});
     }
     return history;
 }

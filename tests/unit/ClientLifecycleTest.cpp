@@ -182,6 +182,8 @@ TEST_F(ClientLifecycle, StaysStoppedWhenItCannotBeginAgain) {
     EXPECT_THROW(client().init(), std::runtime_error);
     registerService("echo");
     EXPECT_EQ(world.requestsToTake(), 0U);
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), IsEmpty()) << "the callback thread was left running";
     world.setHook({});
     client().init();
     world.settle();

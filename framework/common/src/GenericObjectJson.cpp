@@ -8,16 +8,71 @@
 
 namespace orvx::common {
 
-/// Found by the JSON library, which takes lists and objects apart by itself.
-static void to_json(nlohmann::json& json, const GenericObjectValue& value) {
-    std::visit([&json](const auto& content) { json = content; }, value.data());
-}
+namespace {
+
+/// Writes lists and objects by itself and leaves their leaves to the JSON library: the library's
+/// own lists and objects need memory when they are destroyed, and end the process where there is
+/// none.
+class JsonWriter {
+  public:
+    explicit JsonWriter(bool pretty) : pretty_(pretty) {}
+
+    /// Throws a std::exception for a text that is not valid UTF-8.
+    void write(const GenericObjectValue& value) {
+        std::visit([this](const auto& content) { write(content); }, value.data());
+    }
+    void write(const GenericObjectValue::Object& object) {
+        writeAll('{', object, '}', [this](const auto& member) {
+            write(member.first);
+            text_ += pretty_ ? ": " : ":";
+            write(member.second);
+        });
+    }
+    const std::string& text() const { return text_; }
+
+  private:
+    void write(const GenericObjectValue::List& list) {
+        writeAll('[', list, ']', [this](const auto& value) { write(value); });
+    }
+    template <typename Leaf>
+    void write(const Leaf& leaf) {
+        text_ += nlohmann::json(leaf).dump();
+    }
+    template <typename Items, typename WriteItem>
+    void writeAll(char open, const Items& items, char close, const WriteItem& writeItem) {
+        text_ += open;
+        ++depth_;
+        const char* separator = "";
+        for (const auto& item : items) {
+            text_ += std::exchange(separator, ",");
+            beginLine();
+            writeItem(item);
+        }
+        --depth_;
+        if (!items.empty()) {
+            beginLine();
+        }
+        text_ += close;
+    }
+    void beginLine() {
+        if (pretty_) {
+            text_ += '\n';
+            text_.append(4 * depth_, ' ');
+        }
+    }
+
+    const bool pretty_;
+    std::size_t depth_ = 0;
+    std::string text_;
+};
+
+}  // namespace
 
 void GenericObject::toJSONStream(std::ostream& stream, bool pretty) const {
-    const nlohmann::json json = copyOfValues();
-    const std::string text = json.dump(pretty ? 4 : -1);  // throws on invalid UTF-8
+    JsonWriter writer(pretty);
+    writer.write(copyOfValues());
     // Unformatted: the stream's width, flags and locale must not change the text.
-    stream.write(text.data(), static_cast<std::streamsize>(text.size()));
+    stream.write(writer.text().data(), static_cast<std::streamsize>(writer.text().size()));
 }
 
 }  // namespace orvx::common

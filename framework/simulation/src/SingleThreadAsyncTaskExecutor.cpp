@@ -32,6 +32,12 @@ void SingleThreadAsyncTaskExecutor::add(Task task) {
     state_->add(std::chrono::milliseconds(0), std::move(task));
 }
 
+void SingleThreadAsyncTaskExecutor::add(Tasks&& tasks) noexcept {
+    for (Task& task : tasks) {
+        add(std::move(task));
+    }
+}
+
 void SingleThreadAsyncTaskExecutor::stopAndClear() {
     state_->stop();
 }

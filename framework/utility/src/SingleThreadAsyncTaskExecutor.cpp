@@ -1,5 +1,4 @@
-// The executor: a task thread on which every task is due at once, so that they run in the order in
-// which they were added.
+// The executor: a task thread that is given no due times.
 // Entered by any thread; the lock is the task thread's.
 
 #include <orvx/utility/SingleThreadAsyncTaskExecutor.h>
@@ -31,7 +30,13 @@ void SingleThreadAsyncTaskExecutor::start() {
 }
 
 void SingleThreadAsyncTaskExecutor::add(Task task) {
-    state_->add(TaskThread::Clock::time_point::min(), std::move(task));
+    Tasks tasks;
+    tasks.push_back(std::move(task));
+    add(std::move(tasks));
+}
+
+void SingleThreadAsyncTaskExecutor::add(Tasks&& tasks) noexcept {
+    state_->add(std::move(tasks));
 }
 
 void SingleThreadAsyncTaskExecutor::stopAndClear() {

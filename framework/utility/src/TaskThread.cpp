@@ -28,7 +28,7 @@ void TaskThread::start(const std::string& name) {
 void TaskThread::add(Clock::time_point due, Task task) {
     // A task that is not taken is destroyed by the caller, after the lock was let go.
     MutexLock lock(mutex_);
-    if (ended_ || (!running_ && whileStopped_ == WhileStopped::DropTasks)) {
+    if (!takesTasks()) {
         return;
     }
     const auto number = added_++;
@@ -37,6 +37,22 @@ void TaskThread::add(Clock::time_point due, Task task) {
     if (entries_.front().number == number) {
         changed_.notify_one();
     }
+}
+
+void TaskThread::add(Tasks&& tasks) noexcept {
+    // What is not taken stays the caller's.
+    MutexLock lock(mutex_);
+    if (takesTasks()) {
+        const bool wasEmpty = queue_.empty();
+        queue_.splice(queue_.end(), tasks);
+        if (wasEmpty) {
+            changed_.notify_one();
+        }
+    }
+}
+
+bool TaskThread::takesTasks() const {
+    return !ended_ && (running_ || whileStopped_ == WhileStopped::KeepTasks);
 }
 
 bool TaskThread::isRunning() const {
@@ -63,16 +79,19 @@ void TaskThread::halt(bool forEver) {
         return;
     }
     std::vector<Entry> dropped;
+    Tasks droppedQueue;
     {
         MutexLock lock(mutex_);
         if (running_ || forEver) {
             dropped.swap(entries_);
+            droppedQueue.swap(queue_);
         }
         running_ = false;
         ended_ = ended_ || forEver;
         changed_.notify_one();
     }
     dropped.clear();
+    droppedQueue.clear();
     if (!worker_.isCurrent()) {
         worker_.end();
     }
@@ -98,7 +117,7 @@ bool TaskThread::isLater(const Entry& one, const Entry& other) {
 }
 
 bool TaskThread::isOneDue() const {
-    return !entries_.empty() && entries_.front().due <= Clock::now();
+    return !queue_.empty() || (!entries_.empty() && entries_.front().due <= Clock::now());
 }
 
 void TaskThread::wait(MutexLock& lock) {
@@ -114,6 +133,11 @@ void TaskThread::wait(MutexLock& lock) {
 }
 
 TaskThread::Task TaskThread::takeFirst() {
+    if (!queue_.empty()) {
+        Task first = std::move(queue_.front());
+        queue_.pop_front();
+        return first;
+    }
     std::pop_heap(entries_.begin(), entries_.end(), isLater);
     Task task = std::move(entries_.back().task);
     entries_.pop_back();

@@ -7,15 +7,16 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace orvx::utility {
 
-/// A thread that runs tasks one after another, in the order of their due times, and those with
-/// equal due times in the order in which they were added. With delays it is a timer; where
-/// everything is due at once, a queue.
+/// A thread that runs tasks one after another: first those without a due time, in the order in which
+/// they were added, then those that are due, in the order of their due times, and those with equal
+/// due times in the order in which they were added. With due times it is a timer, without a queue.
 ///
 /// Always owned by a shared pointer: the thread keeps the object alive, so that a task may end it.
 /// Thread-safety: every operation may be called from any thread and from inside a task; start(),
@@ -23,6 +24,7 @@ namespace orvx::utility {
 class TaskThread : public std::enable_shared_from_this<TaskThread> {
   public:
     using Task = std::function<void()>;
+    using Tasks = std::list<Task>;
     using ErrorHandler = std::function<void(const std::string&)>;
     using Clock = std::chrono::steady_clock;
     /// What becomes of tasks that are added while the thread is stopped.
@@ -34,6 +36,8 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     /// Does nothing while the thread runs. Throws std::system_error.
     void start(const std::string& name) ORVX_EXCLUDES(mutex_);
     void add(Clock::time_point due, Task task) ORVX_EXCLUDES(mutex_);
+    /// Tasks without a due time.
+    void add(Tasks&& tasks) noexcept ORVX_EXCLUDES(mutex_);
     bool isRunning() const ORVX_EXCLUDES(mutex_);
     /// Drops the tasks and waits for the one that is running, unless called from inside it.
     /// Does nothing when stopped, and in a forked child.
@@ -52,6 +56,7 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     static bool isLater(const Entry& one, const Entry& other);
     void halt(bool forEver) ORVX_EXCLUDES(mutex_);
     void work() ORVX_EXCLUDES(mutex_);
+    bool takesTasks() const ORVX_REQUIRES(mutex_);
     bool isOneDue() const ORVX_REQUIRES(mutex_);
     void wait(MutexLock& lock) ORVX_REQUIRES(mutex_);
     Task takeFirst() ORVX_REQUIRES(mutex_);
@@ -63,6 +68,7 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     mutable Mutex mutex_;
     /// Notified when another task is the first to fall due, and when there is nothing to wait for.
     std::condition_variable changed_;
+    Tasks queue_ ORVX_GUARDED_BY(mutex_);
     /// A heap; its front falls due first.
     std::vector<Entry> entries_ ORVX_GUARDED_BY(mutex_);
     std::uint64_t added_ ORVX_GUARDED_BY(mutex_) = 0;

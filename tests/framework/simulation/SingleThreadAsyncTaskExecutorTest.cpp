@@ -48,6 +48,14 @@ TEST_F(TheSimulatedExecutor, RunsTasksInTheOrderInWhichTheyWereAdded) {
     EXPECT_THAT(ran, ElementsAre("a", "b", "c"));
 }
 
+TEST_F(TheSimulatedExecutor, RunsAListInItsOrder) {
+    executor->start();
+    SingleThreadAsyncTaskExecutor::Tasks tasks{note("a"), note("b")};
+    executor->add(std::move(tasks));
+    world.settle();
+    EXPECT_THAT(ran, ElementsAre("a", "b"));
+}
+
 TEST_F(TheSimulatedExecutor, KeepsTasksThatWereAddedBeforeItStarted) {
     executor->add(note("a"));
     world.settle();

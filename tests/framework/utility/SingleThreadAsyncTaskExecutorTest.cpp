@@ -34,6 +34,19 @@ TEST(TheExecutor, RunsTasksInTheOrderInWhichTheyWereAdded) {
     EXPECT_EQ(journal.await(1000), countedTo(1000));
 }
 
+TEST(TheExecutor, RunsAListBehindWhatWasAddedBeforeAndAheadOfWhatComesAfter) {
+    Journal<int> journal;
+    SingleThreadAsyncTaskExecutor executor("ORVX_List", nullptr);
+    executor.add([&] { journal.write(0); });
+    SingleThreadAsyncTaskExecutor::Tasks tasks;
+    tasks.emplace_back([&] { journal.write(1); });
+    tasks.emplace_back([&] { journal.write(2); });
+    executor.add(std::move(tasks));
+    executor.add([&] { journal.write(3); });
+    executor.start();
+    EXPECT_EQ(journal.await(4), countedTo(4));
+}
+
 TEST(TheExecutor, KeepsTheOrderOfAHundredThousandQueuedTasks) {
     std::vector<int> order;
     Journal<std::size_t> thousands;

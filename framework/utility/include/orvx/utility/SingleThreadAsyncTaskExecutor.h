@@ -3,6 +3,7 @@
 #include <orvx/utility/Export.h>
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 
@@ -24,6 +25,7 @@ namespace orvx::utility {
 class ORVX_EXPORT SingleThreadAsyncTaskExecutor {
   public:
     using Task = std::function<void()>;
+    using Tasks = std::list<Task>;
     using ErrorHandler = std::function<void(const std::string&)>;
 
     /// `threadName` is shown by the system, cut to 15 bytes. The error handler may be empty.
@@ -39,6 +41,9 @@ class ORVX_EXPORT SingleThreadAsyncTaskExecutor {
 
     /// Queues a task; never runs it before it returns, never waits. Throws std::bad_alloc only.
     void add(Task task);
+    /// Queues these, in their order and with nothing in between. Needs no memory: who must not fail
+    /// half-way makes the list first.
+    void add(Tasks&& tasks) noexcept;
 
     /// Drops the queued tasks, waits for the one that is running, ends the worker. Called from
     /// inside a task it does not wait: that task is the last one. Does nothing when stopped.

@@ -1,0 +1,96 @@
+// The program's operator new, and libcurl's allocator. Entered by every thread; atomics only.
+#include "Memory.h"
+
+#include <curl/curl.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace orvx::testing {
+
+namespace {
+
+std::atomic<long> left{-1};    // how many more succeed or fail; below zero all succeed
+std::atomic<long> failing{0};  // the last so many of them fail
+std::atomic<std::size_t> failed{0};
+thread_local int countedIn = 0;
+thread_local int exempt = 0;
+
+bool isOfTheLibrary() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return std::strncmp(name, "ORVX_", 5) == 0;
+}
+
+bool mustFail() {
+    if (left < 0 || exempt > 0 || (countedIn == 0 && !isOfTheLibrary())) {
+        return false;
+    }
+    const bool fails = left.fetch_sub(1) <= failing && left >= -1;
+    failed += fails ? 1 : 0;
+    return fails;
+}
+
+void* curlMalloc(std::size_t size) {
+    return mustFail() ? nullptr : std::malloc(size);
+}
+void* curlRealloc(void* block, std::size_t size) {
+    return mustFail() ? nullptr : std::realloc(block, size);
+}
+void* curlCalloc(std::size_t count, std::size_t size) {
+    return mustFail() ? nullptr : std::calloc(count, size);
+}
+char* curlStrdup(const char* text) {
+    return mustFail() ? nullptr : ::strdup(text);
+}
+
+// Before the library sets libcurl up: the first one decides.
+const bool isSetUp = curl_global_init_mem(CURL_GLOBAL_DEFAULT, curlMalloc, std::free, curlRealloc,
+                                          curlStrdup, curlCalloc) == CURLE_OK;
+
+}  // namespace
+
+void Memory::failAfter(std::size_t successes, std::size_t count) {
+    failed = 0;
+    failing = static_cast<long>(count);
+    left = isSetUp ? static_cast<long>(successes + count) : -1;
+}
+
+std::size_t Memory::recover() {
+    left = -1;
+    return failed;
+}
+
+Memory::CountedIn::CountedIn() {
+    ++countedIn;
+}
+Memory::CountedIn::~CountedIn() {
+    --countedIn;
+}
+Memory::Exempt::Exempt() {
+    ++exempt;
+}
+Memory::Exempt::~Exempt() {
+    --exempt;
+}
+
+}  // namespace orvx::testing
+
+void* operator new(std::size_t size) {
+    void* const block = orvx::testing::mustFail() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}

@@ -1,0 +1,111 @@
+// Threads that cannot be made: in a child process of a user of its own, whose threads are limited.
+// It takes root to become that user.
+#include "HostileServer.h"
+#include "Recorder.h"
+#include "RecordingLogger.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <orvx/common/XObject.h>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <memory>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using testing::HostileServer;
+using testing::Recorder;
+using testing::response;
+
+std::size_t threads() {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+/// From here on only so many more threads than now.
+void allow(std::size_t more) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NPROC, &limit);
+    limit.rlim_cur = threads() + more;
+    ::setrlimit(RLIMIT_NPROC, &limit);
+}
+
+/// The wait status of a child that becomes a user without other processes and does this: 0 when it
+/// returns true.
+int inProcessOfItsOwn(const std::function<bool()>& act) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const uid_t user = 100'000 + static_cast<uid_t>(::getpid());
+        ::_exit(::setresuid(user, user, user) == 0 && act() ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+/// A registry, and a context of which the threads are to fail.
+struct Client {
+    Client() {
+        registry.onRequest([](const auto&) { return response(201, {{"Location", "/1"}}); });
+        context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+        context.enableCheck(false);
+    }
+    bool works() {
+        context.getServiceRegistryClient()->registerServiceAtRegistry(
+            common::ServiceInfo("registry", "127.0.0.1", registry.port()),
+            std::make_shared<common::ServiceCreate>(
+                std::make_unique<common::XObject>("", "lamp", "")),
+            [this](const OrvRegistrationResponse& outcome) {
+                told.add(OrvRegistrationResponse::statusString(outcome.status));
+            });
+        return told.next() == "OK";
+    }
+    /// That init() throws with so many threads, and leaves none; and that it works with more.
+    bool failsAndRecovers(std::size_t more) {
+        const std::size_t before = threads();
+        allow(more);
+        try {
+            context.init();
+            return false;
+        } catch (const std::exception&) {
+        }
+        const bool isClean = threads() == before && !context.isInitiated();
+        allow(100);
+        context.init();
+        return isClean && works();
+    }
+
+    HostileServer registry;
+    Recorder told;
+    OrvServiceRegistryContext context;
+};
+
+TEST(AProcessOutOfThreads, GetsAnExceptionWhenTheRequestsHaveNoneAndLaterAClient) {
+    EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(0); }), 0);
+}
+
+TEST(AProcessOutOfThreads, EndsWhenTheCallbacksHaveNone) {
+    const int status = inProcessOfItsOwn([] {
+        Client client;
+        allow(1);
+        client.context.init();
+        return true;
+    });
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+}
+
+TEST(AProcessOutOfThreads, GetsAnExceptionWhenTheTimerHasNoneAndLaterAClient) {
+    EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(2); }), 0);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
