@@ -23,7 +23,7 @@ TEST_F(AWithdrawal, SucceedsWithOneAnswerOnly) {
     const Handle handle = registered("lamp");
     for (const int status : {201, 202, 204, 301, 400, 401, 403, 404, 410, 500, 503, 600, 999}) {
         const std::string code = std::to_string(status);
-        server.nextRequest(response(status, {{"Location", "/x"}}));
+        server.nextRequest(response(status, {{"Location", "/x"}, {"Retry-After", "3600"}}));
         EXPECT_EQ(outcomeOfWithdrawal(handle), refused(code));
         expectLogged("response to delete request was not ok, status=" + code);
     }
@@ -56,6 +56,15 @@ TEST_F(AWithdrawal, ThatFailsOnTheWayLeavesTheServiceRegistered) {
     server.listenAgain();
     EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
     expectItWorks();
+}
+
+TEST_F(AWithdrawal, MakesAConnectionWhenTheRegistryHasClosedTheIdleOne) {
+    start();
+    server.nextRequest(Script(created("/lamp")).close());
+    const Handle handle = registered("lamp");
+    EXPECT_TRUE(server.waitFor([](const auto& now) { return now.open == 0; }));
+    EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
+    EXPECT_THAT(requestLines(), ElementsAre("PUT /lamp", "DELETE /lamp"));
 }
 
 TEST_F(AWithdrawal, IsAnsweredOnceToEachWhoAskedForIt) {
@@ -126,7 +135,7 @@ class ACheck : public WireTest {
 TEST_F(ACheck, FollowsAnyAnswerButALoss) {
     std::vector<Script> answers;
     for (const int status : {200, 202, 204, 301, 400, 401, 403, 410, 429, 500, 503, 600, 999}) {
-        answers.emplace_back(response(status, {{"Location", "/x"}}));
+        answers.emplace_back(response(status, {{"Location", "/x"}, {"Retry-After", "3600"}}));
     }
     checkWith(answers);
     EXPECT_EQ(requestsAllOfThemChecks(), answers.size() + 2);
@@ -244,6 +253,26 @@ TEST_F(ACheck, BringsEveryServiceBackToARegistryThatHasForgottenThemAll) {
               2 * kServices);
     EXPECT_LE(server.counters().maxOpen, 16U);
     EXPECT_THAT(notifications->take(3 * kServices), SizeIs(3 * kServices));
+}
+
+TEST_F(ACheck, OfARegistryThatRefusesConnectionsIsRepeatedUntilItIsBack) {
+    server.nextRequest(created("/uuid"));
+    server.nextRequest(Script().waitForRelease("refused").close());
+    server.nextRequest(response(404));
+    server.nextRequest(created("/again"));
+    server.nextRequest(Script().silence());
+    start();
+    registered("lamp");
+    ASSERT_TRUE(server.waitForRequests(2));
+    server.stopListening();
+    server.release("refused");
+    EXPECT_TRUE(server.waitFor([](const auto& now) { return now.open == 0; }));
+    expectNotifications({"lamp is there"});
+    server.listenAgain();
+    ASSERT_TRUE(server.waitForRequests(5));
+    EXPECT_THAT(requestLines(),
+                ElementsAre("PUT /lamp", "HEAD /uuid", "HEAD /uuid", "PUT /lamp", "HEAD /again"));
+    expectNotifications({"lamp is gone", "lamp is there"});
 }
 
 TEST_F(ACheck, WaitsForTheInterval) {

@@ -2,12 +2,13 @@
 //
 // Threads: the test's, the client's and the server's.
 
-#include "WireTest.h"
+#include "WireKind.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
 
 using ::testing::AnyOf;
+using ::testing::Contains;
 using ::testing::Each;
 using ::testing::EndsWith;
 
@@ -24,13 +25,19 @@ Script reset(const std::string& bytes) {
     return Script(bytes).reset();
 }
 
-class AnAnswer : public WireTest {
+Script split(const std::string& whole, std::size_t size) {
+    return Script(whole.substr(0, size)).pause(milliseconds(1)).send(whole.substr(size));
+}
+
+using End = std::function<Script(const std::string&)>;
+
+class AnAnswer : public KindTest {
   protected:
     static auto isNoAnswer() {
         return AnyOf(refused("CUT_SHORT"), refused("RECEIVE_FAILED"), refused("MALFORMED"));
     }
     /// `end` ends the connection behind what it is given.
-    void expectSuccessOnlyWhenWhole(const std::function<Script(const std::string&)>& end) {
+    void expectSuccessOnlyWhenWhole(const End& end) {
         const std::string whole = answerTo("/cut");
         start();
         for (std::size_t size = 1; size < whole.size(); ++size) {
@@ -42,6 +49,42 @@ class AnAnswer : public WireTest {
         expectItWorks();
         EXPECT_EQ(server.counters().requests, whole.size() + 2);
         EXPECT_THAT(notifications->take(3), Each(EndsWith(" is there")));
+    }
+    /// Each of them leaves the service registered.
+    void expectWithdrawalOnlyWhenWhole(const End& end) {
+        const std::string whole = response(200, {}, "ok");
+        server.nextRequest(last(201, {{"Location", "/lamp"}}));
+        start();
+        const Handle handle = registered("lamp");
+        for (std::size_t size = 1; size < whole.size(); ++size) {
+            SCOPED_TRACE(whole.substr(0, size));
+            server.nextRequest(end(whole.substr(0, size)));
+            EXPECT_THAT(outcomeOfWithdrawal(handle), isNoAnswer());
+        }
+        expectLogged("response to delete request was not ok, status=0");
+        server.nextRequest(end(whole));
+        EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
+        EXPECT_EQ(server.counters().requests, whole.size() + 1);
+        expectNotifications({"lamp is there", "lamp is gone"});
+        expectItWorks();
+    }
+    /// Each of them is followed by the next check.
+    void expectLossOnlyWhenWhole(const End& end) {
+        const std::string lost = response(404);
+        checkAtOnce();
+        server.nextRequest(last(201, {{"Location", "/lamp"}}));
+        std::vector<std::string> requests{"PUT /lamp"};
+        for (std::size_t size = 1; size <= lost.size(); ++size) {
+            server.nextRequest(end(lost.substr(0, size)));
+            requests.emplace_back("HEAD /lamp");
+        }
+        answer({created("/again"), Script().silence()});
+        requests.insert(requests.end(), {"PUT /lamp", "HEAD /again"});
+        start();
+        registered("lamp");
+        ASSERT_TRUE(server.waitForRequests(requests.size()));
+        EXPECT_EQ(requestLines(), requests);
+        expectNotifications({"lamp is there", "lamp is gone", "lamp is there"});
     }
 };
 
@@ -73,10 +116,7 @@ TEST_F(AnAnswer, MayBeSplitAnywhere) {
     for (std::size_t size = 1; size < answerTo("/split").size(); ++size) {
         const std::string whole = answerTo("/split-" + std::to_string(size));
         SCOPED_TRACE(whole.substr(0, size));
-        EXPECT_EQ(
-            outcomeOf(
-                Script(whole.substr(0, size)).pause(milliseconds(1)).send(whole.substr(size))),
-            kRegistered);
+        EXPECT_EQ(outcomeOf(split(whole, size)), kRegistered);
     }
     EXPECT_EQ(server.counters().connections, 1U);
     expectItWorks();
@@ -92,53 +132,56 @@ TEST_F(AnAnswer, MayComeByteByByte) {
     expectItWorks();
 }
 
-TEST_F(AnAnswer, ToAWithdrawalThatIsNotWholeLeavesTheServiceRegistered) {
-    const std::string whole = response(200, {}, "ok");
-    start();
-    const Handle handle = registered("lamp");
-    // Less than a line over a kept connection would be given a second chance: that one comes last.
-    for (std::size_t size = whole.size() - 1; size > 0; --size) {
-        SCOPED_TRACE(whole.substr(0, size));
-        server.nextRequest(size % 2 == 0 ? closed(whole.substr(0, size))
-                                         : reset(whole.substr(0, size)));
-        EXPECT_THAT(outcomeOfWithdrawal(handle), isNoAnswer());
-    }
-    expectLogged("response to delete request was not ok, status=0");
-    server.nextRequest(closed(whole));
-    EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
-    EXPECT_EQ(notifications->next(), "lamp is there");
-    EXPECT_EQ(notifications->next(), "lamp is gone");
-    expectItWorks();
+TEST_F(AnAnswer, ToAWithdrawalThatIsCutShortLeavesTheServiceRegistered) {
+    expectWithdrawalOnlyWhenWhole(closed);
 }
 
-TEST_F(AnAnswer, ToACheckThatIsNotWholeIsNeverALoss) {
-    const std::string lost = response(404);
-    context->enableCheck(true);
-    context->setCheckInterval(seconds(0));
-    server.nextRequest(created("/lamp"));
-    for (std::size_t size = 1; size < lost.size(); ++size) {
-        server.nextRequest(size % 2 == 0 ? closed(lost.substr(0, size))
-                                         : reset(lost.substr(0, size)));
+TEST_F(AnAnswer, ToAWithdrawalThatIsBrokenOffLeavesTheServiceRegistered) {
+    expectWithdrawalOnlyWhenWhole(reset);
+}
+
+TEST_F(AnAnswer, ToAWithdrawalMayBeSplitAnywhere) {
+    const std::string whole = response(200, {}, "ok");
+    start();
+    for (std::size_t size = 1; size < whole.size(); ++size) {
+        SCOPED_TRACE(whole.substr(0, size));
+        const Handle handle = registered("lamp");
+        server.nextRequest(split(whole, size));
+        EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
     }
-    server.nextRequest(lost);
-    server.nextRequest(created("/lamp-again"));
+    EXPECT_EQ(server.counters().connections, 1U);
+}
+
+TEST_F(AnAnswer, ToACheckThatIsCutShortIsNeverALoss) {
+    expectLossOnlyWhenWhole(closed);
+}
+
+TEST_F(AnAnswer, ToACheckThatIsBrokenOffIsNeverALoss) {
+    expectLossOnlyWhenWhole(reset);
+}
+
+TEST_F(AnAnswer, ToACheckMayBeSplitAnywhere) {
+    const std::string lost = response(404);
+    checkAtOnce();
+    server.nextRequest(created("/lamp"));
+    std::vector<std::string> requests{"PUT /lamp"};
+    for (std::size_t size = 1; size < lost.size(); ++size) {
+        answer({split(lost, size), created("/lamp")});
+        requests.insert(requests.end(), {"HEAD /lamp", "PUT /lamp"});
+    }
     server.nextRequest(Script().silence());
+    requests.emplace_back("HEAD /lamp");
     start();
     registered("lamp");
-    expectNotifications({"lamp is there", "lamp is gone", "lamp is there"});
-    ASSERT_TRUE(server.waitForRequests(lost.size() + 3));
-    auto lines = requestLines();
-    EXPECT_EQ(lines.at(0), "PUT /lamp");
-    EXPECT_EQ(lines.at(lost.size() + 1), "PUT /lamp");
-    EXPECT_EQ(lines.at(lost.size() + 2), "HEAD /lamp-again");
-    lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(lost.size()) + 1, lines.end());
-    lines.erase(lines.begin());
-    EXPECT_THAT(lines, Each("HEAD /lamp"));
+    ASSERT_TRUE(server.waitForRequests(requests.size()));
+    EXPECT_EQ(requestLines(), requests);
+    EXPECT_EQ(server.counters().connections, 1U);
+    EXPECT_THAT(notifications->take(requests.size() - 1),
+                Contains("lamp is gone").Times(lost.size() - 1));
 }
 
 TEST_F(AnAnswer, ToACheckMayComeByteByByte) {
-    context->enableCheck(true);
-    context->setCheckInterval(seconds(0));
+    checkAtOnce();
     server.nextRequest(created("/lamp"));
     server.nextRequest(Script().drip(response(200), milliseconds(1)));
     server.nextRequest(Script().drip(response(404), milliseconds(1)));

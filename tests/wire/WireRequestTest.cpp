@@ -84,6 +84,16 @@ TEST_F(ARequest, BringsTheConfiguredHeadersAndName) {
     EXPECT_EQ(request.header("User-Agent"), "agent/1");
 }
 
+TEST_F(ARequest, BringsNothingBackThatTheRegistryWouldHaveKept) {
+    start();
+    server.nextRequest(response(201, {{"Location", "/a"},
+                                      {"Set-Cookie", "session=1; Path=/"},
+                                      {"ETag", "\"1\""},
+                                      {"WWW-Authenticate", "Basic realm=\"r\""}}));
+    const std::size_t headers = put(service("lamp")).headerLines.size();
+    EXPECT_EQ(put(service("lamp")).headerLines.size(), headers);
+}
+
 TEST_F(ARequest, NeverWaitsForPermissionToSendItsBody) {
     start();
     const auto big = service("big");

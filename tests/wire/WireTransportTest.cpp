@@ -29,6 +29,16 @@ class AConnection : public WireTest {
         big->setDescription(std::string(mebibytes << 20, 'x'));
         return big;
     }
+    /// Leaves so many connections open that were used.
+    void keepConnections(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            server.nextRequest(Script().waitForRelease("all").send(created("/kept")));
+            registerService("kept");
+        }
+        ASSERT_TRUE(server.waitForRequests(count));
+        server.release("all");
+        EXPECT_THAT(outcomes->take(count), Each(kRegistered));
+    }
 };
 
 TEST_F(AConnection, ThatIsRefusedIsAFailure) {
@@ -124,6 +134,29 @@ TEST_F(AConnection, ThatEndsAtOnceIsAFailure) {
     EXPECT_EQ(server.counters().requests, 2U);
 }
 
+TEST_F(AConnection, ThatBringsTheAnswerBeforeItIsAskedStillHasOneOutcome) {
+    server.nextConnection(Script().send(created("/early")).readRequest());
+    start();
+    registered("lamp");
+    expectItWorks();
+    EXPECT_EQ(server.counters().requests, 2U);
+}
+
+TEST_F(AConnection, ThatBringsTheAnswerBeforeTheRequestIsSentStillHasOneOutcome) {
+    start();
+    for (const Script& ending :
+         {Script().readBytes(1000).send(response(413)).close(),
+          Script().readBytes(1000).send(response(413)).reset(),
+          Script().readBytes(1000).send(response(413)).shutdownWrite().silence()}) {
+        restart();
+        server.nextConnection(ending);
+        client().registerServiceAtRegistry(registry(), big(6), record());
+        EXPECT_THAT(outcomes->next(), AnyOf(refused("413"), refused("SEND_FAILED"),
+                                            refused("RECEIVE_FAILED"), refused("CUT_SHORT")));
+        expectItWorks();
+    }
+}
+
 TEST_F(AConnection, ThatEndsWithoutAnAnswerIsAFailure) {
     start();
     for (const Script& ending : {Script().close(), Script().reset()}) {
@@ -149,6 +182,18 @@ TEST_F(AConnection, ThatWasKeptAndEndsWithoutAnAnswerLeadsToOneOutcomeOverANewOn
     }
 }
 
+// libcurl counts what it sends again over the life of a handle, and gives up at the sixth.
+TEST_F(AConnection, ThatWasKeptMayEndWithoutAnAnswerAnyNumberOfTimes) {
+    http.connectionsPerEndpoint = 1;
+    start();
+    for (int i = 0; i < 20; ++i) {
+        SCOPED_TRACE(i);
+        expectItWorks();
+        EXPECT_EQ(outcomeOf(Script().close()), kRegistered);
+    }
+    EXPECT_EQ(server.counters().requests, 3U * 20U);
+}
+
 TEST_F(AConnection, ThatEndsEachTimeWithoutAnAnswerIsTriedTwiceAtMost) {
     start();
     expectItWorks();
@@ -156,6 +201,36 @@ TEST_F(AConnection, ThatEndsEachTimeWithoutAnAnswerIsTriedTwiceAtMost) {
     server.nextRequest(Script().close());
     EXPECT_EQ(outcome(), refused("RECEIVE_FAILED"));
     EXPECT_EQ(server.counters().requests, 3U);
+    expectItWorks();
+}
+
+TEST_F(AConnection, ThatWasKeptAndEndsWithoutAnAnswerDoesNotSpoilAWithdrawal) {
+    start();
+    const Handle handle = registered("lamp");
+    server.nextRequest(Script().close());
+    EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
+    EXPECT_THAT(requestLines(), ElementsAre("PUT /lamp", "DELETE /uuid-lamp", "DELETE /uuid-lamp"));
+}
+
+TEST_F(AConnection, ThatEndsLikeAllOthersThatWereKeptLeadsToOneOutcomeOverANewOne) {
+    start();
+    keepConnections(3);
+    for (int i = 0; i < 3; ++i) {
+        server.nextRequest(Script().close());
+    }
+    EXPECT_EQ(outcome(), kRegistered);
+    EXPECT_EQ(server.counters().requests, 3U + 4U);
+    EXPECT_EQ(server.counters().connections, 4U);
+}
+
+TEST_F(AConnection, ThatEndsLikeAllOthersThatWereKeptIsTriedSixTimesAtMost) {
+    start();
+    keepConnections(8);
+    for (int i = 0; i < 6; ++i) {
+        server.nextRequest(Script().close());
+    }
+    EXPECT_EQ(outcome(), refused("SEND_FAILED"));
+    EXPECT_EQ(server.counters().requests, 8U + 6U);
     expectItWorks();
 }
 
@@ -232,6 +307,18 @@ TEST_F(AConnection, WithoutAFreeDescriptorIsAFailureUntilThereIsOne) {
         EXPECT_EQ(outcome(), refused("CONNECT_FAILED"));
     }
     expectItWorks();
+}
+
+TEST_F(AConnection, ForAWithdrawalWithoutAFreeDescriptorIsAFailureUntilThereIsOne) {
+    server.nextRequest(response(201, {{"Location", "/uuid"}, {"Connection", "close"}}));
+    start();
+    const Handle handle = registered("lamp");
+    EXPECT_TRUE(server.waitForClosed(1));
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(outcomeOfWithdrawal(handle), refused("CONNECT_FAILED"));
+    }
+    EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
 }
 
 TEST_F(AConnection, NeedsAClientWhichCannotBeMadeWithoutADescriptor) {

@@ -45,9 +45,13 @@ std::string_view contentLengthIn(std::string_view line) {
     return line.substr(0, line.find_last_not_of(kSpace) + 1);
 }
 
-/// What libcurl takes for the end of the headers.
-bool isBlank(std::string_view line) {
+/// What libcurl takes for the end of the headers, whatever follows on the line.
+bool endsHeaders(std::string_view line) {
     return line.front() == '\r' || line.front() == '\n';
+}
+
+bool isBlank(std::string_view line) {
+    return line == "\r\n" || line == "\n";
 }
 
 }  // namespace
@@ -57,6 +61,7 @@ void AnswerReader::begin(Request& request) {
     expected_ = Expected::StatusLine;
     headerBytes_ = 0;
     length_.clear();
+    isLengthLast_ = false;
     refusal_.reset();
 }
 
@@ -68,7 +73,10 @@ bool AnswerReader::takeHeaderLine(std::string_view line) {
     if (expected_ == Expected::StatusLine) {
         return takeStatusLine(line);
     }
-    if (isBlank(line)) {
+    if (endsHeaders(line)) {
+        if (!isBlank(line)) {
+            return refuse(CommunicationStatus::Malformed);
+        }
         expected_ = isInterim() ? Expected::StatusLine : Expected::Body;
     } else if (expected_ == Expected::Header && !isInterim()) {
         return takeHeader(line);
@@ -78,8 +86,13 @@ bool AnswerReader::takeHeaderLine(std::string_view line) {
 
 bool AnswerReader::takeHeader(std::string_view line) {
     request_->headerLines.append(line);
+    const bool isFolded = line.front() == ' ' || line.front() == '\t';
+    if (isFolded) {
+        return !isLengthLast_ || refuse(CommunicationStatus::Malformed);
+    }
     const std::string_view length = contentLengthIn(line);
-    if (length.data() == nullptr) {
+    isLengthLast_ = length.data() != nullptr;
+    if (!isLengthLast_) {
         return true;
     }
     const bool isNumber = !length.empty() && std::all_of(length.begin(), length.end(), isDigit);

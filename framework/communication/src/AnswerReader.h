@@ -38,7 +38,8 @@ class AnswerReader {
     Request* request_ = nullptr;
     Expected expected_ = Expected::StatusLine;
     std::size_t headerBytes_ = 0;
-    std::string length_;  // What the answer says of its body; empty if nothing.
+    std::string length_;         // What the answer says of its body; empty if nothing.
+    bool isLengthLast_ = false;  // So that a folded line would go on with it.
     std::optional<CommunicationStatus> refusal_;
 };
 

@@ -103,7 +103,7 @@ void HttpEndpoint::start(std::unique_ptr<Request>& request, Clock::time_point no
         transfers_.reserve(transfers_.size() + 1);
         // Room for all of them, so that none is lost for lack of memory when it becomes free.
         free_.reserve(transfers_.size() + 1);
-        transfers_.push_back(std::make_unique<Transfer>(context_, *settings_));
+        transfers_.push_back(std::make_unique<Transfer>(context_));
         free(*transfers_.back());
     }
     auto headers = headerLists_.get(settings_->config, request->contentType, request->accept);

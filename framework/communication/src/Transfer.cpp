@@ -1,4 +1,4 @@
-// One easy handle: the options, the callbacks, and what a result means.
+// One request through libcurl: the options, the callbacks, and what a result means.
 // Entered by the I/O thread only, directly or through libcurl's callbacks; there is no lock. No
 // exception passes through libcurl's frames.
 
@@ -32,14 +32,6 @@ const char* orNull(const std::string& text) {
 
 }  // namespace
 
-Transfer::Transfer(TransferContext& context, const EndpointSettings& settings)
-    : context_(context), easy_(curl_easy_init()) {
-    if (!easy_) {
-        throw CurlFailure{CURLE_OUT_OF_MEMORY};
-    }
-    setUp(settings);
-}
-
 Transfer::~Transfer() {
     giveUp();
 }
@@ -48,6 +40,16 @@ Transfer& Transfer::of(CURL* easy) {
     char* self = nullptr;
     curl_easy_getinfo(easy, CURLINFO_PRIVATE, &self);
     return *reinterpret_cast<Transfer*>(self);
+}
+
+// One for each request: up to 8.0 libcurl appends a folded line that begins the headers of an
+// answer to the last header of the handle's answer before, which it has freed. Connections are not
+// the handle's.
+void Transfer::makeHandle() {
+    easy_.reset(curl_easy_init());
+    if (!easy_) {
+        throw CurlFailure{CURLE_OUT_OF_MEMORY};
+    }
 }
 
 void Transfer::setUp(const EndpointSettings& settings) {
@@ -91,19 +93,14 @@ void Transfer::setUpTls(const TlsConfig& tls) {
 }
 
 void Transfer::setMethod(const Request& request) {
-    if (method_ != request.kind) {
-        method_.reset();
-        const bool isHead = request.kind == Request::Kind::Head;
-        set(CURLOPT_HTTPGET, 1L);
-        set(CURLOPT_NOBODY, isHead ? 1L : 0L);
-        set(CURLOPT_CUSTOMREQUEST, request.kind == Request::Kind::Put      ? "PUT"
-                                   : request.kind == Request::Kind::Delete ? "DELETE"
-                                                                           : nullptr);
-        // A HEAD's Content-Length is that of a body which does not come.
-        const std::uint64_t cap = isHead ? 0 : request.settings->config.maxBodyBytes;
-        set(CURLOPT_MAXFILESIZE_LARGE, offset(cap));
-        method_ = request.kind;
-    }
+    const bool isHead = request.kind == Request::Kind::Head;
+    set(CURLOPT_NOBODY, isHead ? 1L : 0L);
+    set(CURLOPT_CUSTOMREQUEST, request.kind == Request::Kind::Put      ? "PUT"
+                               : request.kind == Request::Kind::Delete ? "DELETE"
+                                                                       : nullptr);
+    // A HEAD's Content-Length is that of a body which does not come.
+    const std::uint64_t cap = isHead ? 0 : request.settings->config.maxBodyBytes;
+    set(CURLOPT_MAXFILESIZE_LARGE, offset(cap));
     if (request.kind == Request::Kind::Put) {
         set(CURLOPT_POSTFIELDSIZE_LARGE, offset(request.length));
         set(CURLOPT_POSTFIELDS, request.length == 0 ? "" : request.content);
@@ -113,6 +110,8 @@ void Transfer::setMethod(const Request& request) {
 void Transfer::start(std::unique_ptr<Request>& request, HeaderLists::List headers,
                      Clock::time_point now) {
     using std::chrono::ceil;
+    makeHandle();
+    setUp(*request->settings);
     setMethod(*request);
     set(CURLOPT_REQUEST_TARGET, request->target.c_str());
     set(CURLOPT_HTTPHEADER, headers.get());
@@ -164,6 +163,9 @@ CommunicationStatus Transfer::outcome(CURLcode code) const {
             const bool isReceivingHeaders = requestBytes > 0 && !answer_.hasAllHeaders();
             return isReceivingHeaders ? CommunicationStatus::TooLarge : statusOf(code);
         }
+        case CURLE_BAD_FUNCTION_ARGUMENT:
+            // libcurl's word for a header line with a carriage return inside its name, too.
+            return answer_.hasBegun() ? CommunicationStatus::Malformed : statusOf(code);
         default:
             return statusOf(code);
     }

@@ -8,7 +8,6 @@
 #include <curl/curl.h>
 
 #include <memory>
-#include <optional>
 
 namespace orvx::communication {
 
@@ -23,12 +22,11 @@ struct TransferContext {
     ConnectionTable connections;
 };
 
-/// One of libcurl's easy handles, used for one request after another of the same endpoint. What
-/// does not change stays set on it. For the I/O thread only.
+/// A place for one request after another of the same endpoint. For the I/O thread only.
 class Transfer {
   public:
-    /// Both must outlive it. Throws CurlFailure.
-    Transfer(TransferContext& context, const EndpointSettings& settings);
+    /// Must outlive it.
+    explicit Transfer(TransferContext& context) : context_(context) {}
     /// Ends what is under way.
     ~Transfer();
     Transfer(const Transfer&) = delete;
@@ -47,6 +45,7 @@ class Transfer {
     const Request* request() const { return request_.get(); }
 
   private:
+    void makeHandle();
     void setUp(const EndpointSettings& settings);
     void setUpTls(const TlsConfig& tls);
     void setMethod(const Request& request);
@@ -74,8 +73,7 @@ class Transfer {
     char error_[CURL_ERROR_SIZE] = "";
     HeaderLists::List headers_;
     std::unique_ptr<Request> request_;
-    const std::unique_ptr<CURL, EasyDeleter> easy_;
-    std::optional<Request::Kind> method_;
+    std::unique_ptr<CURL, EasyDeleter> easy_;
     AnswerReader answer_;
     bool isOnNewConnection_ = false;
     bool isOnStaleConnection_ = false;
