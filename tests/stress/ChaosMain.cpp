@@ -1,0 +1,69 @@
+// Runs chaos and prints what became of each promise; 1 when one was broken. A short run comes
+// first, so that what a process makes once and keeps does not count as lost.
+//
+// Threads: main() only.
+
+#include <malloc.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <random>
+
+#include "Chaos.h"
+#include "Descriptors.h"
+#include "Process.h"
+
+namespace {
+
+using namespace orvx;
+using stress::Chaos;
+using stress::ChaosOptions;
+
+struct Means {
+    std::size_t descriptors = testing::openDescriptors();
+    std::size_t threads = testing::threadNames().size();
+    std::size_t memory = ::mallinfo2().uordblks;
+};
+
+bool play(const ChaosOptions& options, std::ostream& out) {
+    Chaos chaos(options);
+    chaos.run();
+    return chaos.judge(out);
+}
+
+// Sanitizers have an allocator of their own: memory is theirs to watch. What the C library keeps of
+// its caches and of exited threads' arenas is no loss.
+bool judgeMeans(const Means& before, const Means& after, std::ostream& out) {
+    constexpr std::size_t kCaches = 512 * 1024;
+    const bool isGood = after.descriptors == before.descriptors &&
+                        after.threads == before.threads && after.memory <= before.memory + kCaches;
+    out << "p5 nothing is left behind: " << (isGood ? "kept" : "BROKEN") << "; descriptors "
+        << before.descriptors << " then " << after.descriptors << ", threads " << before.threads
+        << " then " << after.threads << ", bytes in use " << before.memory << " then "
+        << after.memory << std::endl;
+    return isGood;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ChaosOptions options;
+    options.seed = std::random_device()();
+    long seconds = options.duration.count();
+    CLI::App app("Clients under chaos: a registry behind a network that fails");
+    app.add_option("--seed", options.seed, "Of all decisions; drawn when absent");
+    app.add_option("--seconds", seconds, "How long, beside the judgement")
+        ->check(CLI::Range(1, 86400));
+    app.add_option("--services", options.services, "In one context")->check(CLI::Range(4, 10000));
+    app.add_option("--threads", options.threads, "Of users")->check(CLI::Range(1, 64));
+    CLI11_PARSE(app, argc, argv);
+    std::cout << "seed " << options.seed << std::endl;
+
+    options.duration = std::chrono::seconds(2);
+    bool isGood = play(options, std::cout);
+    const Means before;
+    options.duration = std::chrono::seconds(seconds);
+    isGood = play(options, std::cout) && isGood;
+    isGood = judgeMeans(before, Means(), std::cout) && isGood;
+    return isGood ? 0 : 1;
+}

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "Descriptors.h"
+#include "Ledger.h"
+#include "Pace.h"
+#include "WireTest.h"
+
+#include <future>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace orvx::stress {
+
+using serviceregistryclient::created;
+using serviceregistryclient::eventually;
+using serviceregistryclient::obey;
+using serviceregistryclient::OrvServiceRegistryClient;
+using testing::HostileServer;
+using testing::Request;
+using testing::response;
+using testing::Script;
+
+/// A client at a registry that does what a test tells it, users' threads, and a ledger of what they
+/// were told. The services of the users obey; those of the test have names of their own. Options
+/// are set on `context` and `http` before start().
+class Scene {
+  public:
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    static constexpr milliseconds kStopBound{5000};
+#else
+    static constexpr milliseconds kStopBound{1500};
+#endif
+
+    static std::shared_ptr<common::ServiceCreate> service(const std::string& name);
+
+    explicit Scene(std::uint64_t seed);
+    ~Scene();
+    Scene(const Scene&) = delete;
+    Scene& operator=(const Scene&) = delete;
+
+    /// May be repeated after stopContext().
+    void start();
+    /// What start() made, to be used inside callbacks while the context is being stopped, too.
+    OrvServiceRegistryClient& client() {
+        return *client_;
+    }
+
+    /// What is told goes into the ledger, and then to `then`.
+    IOrvServiceRegistryClient::ResponseCallback record(std::function<void()> then = {});
+    IOrvServiceRegistryClient::UnregisterHandle registerService(const std::string& name);
+    IOrvServiceRegistryClient::UnregisterHandle registerAt(
+        const std::string& host, std::uint16_t port,
+        const std::shared_ptr<common::ServiceCreate>& what);
+    /// `then` runs inside the callback.
+    void registerAndThen(const std::string& name, std::function<void()> then);
+    /// Registers and waits for the outcome, which must be a success.
+    IOrvServiceRegistryClient::UnregisterHandle registered(const std::string& name);
+
+    /// Users work from here on until endUsers().
+    void startUsers();
+    void endUsers();
+    /// Some time up to three milliseconds. For the test's thread.
+    void passAMoment();
+
+    /// Within the bound; afterwards nobody is called.
+    void stopClient();
+    void stopContext();
+    void endContext();
+    /// From now on calls are right again.
+    void startAgain() {
+        *mark = false;
+    }
+
+    HostileServer server;
+    std::optional<testing::DeadResolver> resolver;
+    communication::HttpConfig http;
+    Ledger ledger;
+    const StopMark mark = std::make_shared<std::atomic<bool>>(false);
+    std::unique_ptr<serviceregistryclient::OrvServiceRegistryContext> context =
+        std::make_unique<serviceregistryclient::OrvServiceRegistryContext>();
+
+  private:
+    void use(std::uint64_t seed);
+    void expectQuick(const std::function<void()>& stop);
+
+    OrvServiceRegistryClient* client_ = nullptr;
+    Random random_;
+    Pace pace_;
+    std::vector<std::thread> users_;
+    std::atomic<int> services_{0};
+};
+
+}  // namespace orvx::stress

@@ -1,0 +1,249 @@
+// Reads the requests off the taps of a proxy, checks their shape and counts them by target and
+// second.
+//
+// Threads: taps live on the proxy's; everything else is any thread's. The counts are under mutex_,
+// which is a leaf lock.
+
+#include "Traffic.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
+
+namespace orvx::stress {
+
+using testing::Request;
+using utility::MutexLock;
+
+namespace {
+
+std::int64_t secondOf(Traffic::Time time) {
+    return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+bool isEntry(const std::string& target) {
+    return target.size() == 37 && target[0] == '/' &&
+           target.find_first_not_of("0123456789abcdef-", 1) == std::string::npos;
+}
+
+/// The description belongs to the path that this program's users give it.
+bool describes(const std::string& body, const std::string& target) {
+    const auto json = nlohmann::json::parse(body, nullptr, false);
+    return json.is_object() && !json.contains("id") && '/' + json.value("name", "") == target &&
+           json.value("uri", "") == target && json.contains("versions");
+}
+
+bool isPrintable(const std::string& line) {
+    return std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+bool isWellFormed(const Request& request) {
+    const auto& lines = request.headerLines;
+    if (request.version != "HTTP/1.1" || !request.header("Host") ||
+        !std::all_of(lines.begin(), lines.end(), isPrintable)) {
+        return false;
+    }
+    const bool isJson = request.header("Content-Type") == "application/json";
+    if (request.method == "PUT") {
+        return isJson && describes(request.body, request.target);
+    }
+    return request.body.empty() && isEntry(request.target) &&
+           (request.method == "HEAD" || (request.method == "DELETE" && isJson));
+}
+
+/// Whether these bytes may be the beginning of a request.
+bool mayBecomeRequest(const std::string& bytes) {
+    const auto begins = [&bytes](const std::string& text) {
+        return bytes.compare(0, text.size(), text, 0, bytes.size()) == 0;
+    };
+    return begins("PUT /") || begins("HEAD /") || begins("DELETE /");
+}
+
+}  // namespace
+
+/// One connection: requests and answers take turns on it.
+class Traffic::Tap final : public ITap {
+  public:
+    explicit Tap(Traffic& traffic) : traffic_(traffic) {}
+
+    // A kept connection that ends, perhaps without an answer: an HTTP client may send its last
+    // request once more, over another one. The first request of a connection is never repeated.
+    ~Tap() override {
+        if (requests_ > 1) {
+            traffic_.allowResend(method_, target_);
+        }
+        if (!mayBecomeRequest(input_)) {
+            traffic_.noteMalformed(input_);
+        }
+    }
+
+    void sentByClient(std::string_view bytes) override {
+        input_ += bytes;
+        while (const std::optional<Request> request = testing::firstRequest(input_)) {
+            input_.erase(0, request->raw.size());
+            ++requests_;
+            method_ = request->method;
+            target_ = request->target;
+            status_.clear();
+            traffic_.note(*request);
+        }
+    }
+
+    void sentByServer(std::string_view bytes) override {
+        constexpr std::string_view kMissing = "HTTP/1.1 404";
+        if (status_.size() < kMissing.size()) {
+            status_ += bytes.substr(0, kMissing.size() - status_.size());
+            if (status_ == kMissing) {
+                traffic_.noteMissing(method_, target_);
+            }
+        }
+    }
+
+  private:
+    Traffic& traffic_;
+    std::string input_;
+    std::size_t requests_ = 0;
+    std::string method_;
+    std::string target_;
+    std::string status_;
+};
+
+FaultProxy::TapMaker Traffic::tapMaker() {
+    return [this] { return std::make_unique<Tap>(*this); };
+}
+
+void Traffic::expectPuts(const std::string& path) {
+    const MutexLock lock(mutex_);
+    ++methods_["PUT"][path].seconds[secondOf(Clock::now())].registrations;
+}
+
+void Traffic::note(const Request& request) {
+    if (!isWellFormed(request)) {
+        noteMalformed(request.raw);
+    }
+    const Time now = Clock::now();
+    const MutexLock lock(mutex_);
+    Target& target = methods_[request.method][request.target];
+    target.requests.push_back(now);
+    ++target.seconds[secondOf(now)].requests;
+}
+
+void Traffic::noteMalformed(std::string what) {
+    const MutexLock lock(mutex_);
+    malformed_.push_back(std::move(what));
+}
+
+void Traffic::noteMissing(const std::string& method, const std::string& target) {
+    const MutexLock lock(mutex_);
+    methods_[method][target].missing.push_back(Clock::now());
+}
+
+void Traffic::allowResend(const std::string& method, const std::string& target) {
+    const MutexLock lock(mutex_);
+    ++methods_[method][target].seconds[secondOf(Clock::now())].resends;
+}
+
+std::size_t Traffic::requests() const {
+    const MutexLock lock(mutex_);
+    std::size_t sum = 0;
+    for (const auto& [method, targets] : methods_) {
+        for (const auto& [name, target] : targets) {
+            sum += target.requests.size();
+        }
+    }
+    return sum;
+}
+
+std::vector<std::string> Traffic::malformed() const {
+    const MutexLock lock(mutex_);
+    return malformed_;
+}
+
+std::size_t Traffic::checksSince(const std::string& uuid, Time begin) const {
+    const MutexLock lock(mutex_);
+    const auto heads = methods_.find("HEAD");
+    if (heads == methods_.end() || heads->second.count('/' + uuid) == 0) {
+        return 0;
+    }
+    const auto& times = heads->second.at('/' + uuid).requests;
+    return static_cast<std::size_t>(times.end() -
+                                    std::lower_bound(times.begin(), times.end(), begin));
+}
+
+bool Traffic::wasMissing(const std::string& uuid, Time begin, Time end) const {
+    const MutexLock lock(mutex_);
+    const auto heads = methods_.find("HEAD");
+    if (heads == methods_.end() || heads->second.count('/' + uuid) == 0) {
+        return false;
+    }
+    const auto& times = heads->second.at('/' + uuid).missing;
+    const auto first = std::lower_bound(times.begin(), times.end(), begin);
+    return first != times.end() && *first <= end;
+}
+
+template <typename Allowed>
+Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) const {
+    const MutexLock lock(mutex_);
+    Load load;
+    const auto found = methods_.find(method);
+    if (found == methods_.end()) {
+        return load;
+    }
+    for (const auto& [name, target] : found->second) {
+        for (const auto& [second, counts] : target.seconds) {
+            Second around;  // what this second's requests may come from
+            for (auto near = target.seconds.lower_bound(second - 1);
+                 near != target.seconds.end() && near->first <= second + 1; ++near) {
+                around.resends += near->second.resends;
+                around.registrations += near->second.registrations;
+            }
+            load.most = std::max(load.most, counts.requests);
+            load.tooMany += counts.requests > allowed(around) ? 1 : 0;
+        }
+    }
+    return load;
+}
+
+// One registration at a time has this path. With a retry interval of 20 ms its attempts are apart
+// by at least 10, 20, 40, 80 and then 160 ms: at most 10 in a second, the limited ones, which are
+// 20 ms apart, end after 4. A registration that took its place in that second has as many again.
+Traffic::Load Traffic::puts() const {
+    return load("PUT", [](const Second& around) {
+        return 10 * (1 + around.registrations) + around.resends;
+    });
+}
+
+// The next check begins one interval, 1 s, after the answer to the one before: one in a second, and
+// a second one where their way here took differently long.
+Traffic::Load Traffic::checks() const {
+    return load("HEAD", [](const Second& around) { return 2 + around.resends; });
+}
+
+std::size_t Traffic::deletes() const {
+    const MutexLock lock(mutex_);
+    std::size_t sum = 0;
+    const auto found = methods_.find("DELETE");
+    if (found != methods_.end()) {
+        for (const auto& [name, target] : found->second) {
+            sum += target.requests.size();
+        }
+    }
+    return sum;
+}
+
+std::size_t Traffic::resends(const std::string& method) const {
+    const MutexLock lock(mutex_);
+    std::size_t sum = 0;
+    const auto found = methods_.find(method);
+    if (found != methods_.end()) {
+        for (const auto& [name, target] : found->second) {
+            for (const auto& [second, counts] : target.seconds) {
+                sum += counts.resends;
+            }
+        }
+    }
+    return sum;
+}
+
+}  // namespace orvx::stress

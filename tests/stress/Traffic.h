@@ -1,0 +1,74 @@
+#pragma once
+
+#include <orvx/utility/Mutex.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "FaultProxy.h"
+#include "Http.h"
+
+namespace orvx::stress {
+
+/// What clients asked and a registry answered, as a proxy's taps saw it. Thread-safe. Outlives its
+/// taps.
+class Traffic {
+  public:
+    using Clock = std::chrono::steady_clock;
+    using Time = Clock::time_point;
+
+    FaultProxy::TapMaker tapMaker();
+
+    /// A user has asked for a registration at this path.
+    void expectPuts(const std::string& path) ORVX_EXCLUDES(mutex_);
+
+    std::size_t requests() const ORVX_EXCLUDES(mutex_);
+    /// Requests that this client never makes, and why.
+    std::vector<std::string> malformed() const ORVX_EXCLUDES(mutex_);
+    std::size_t checksSince(const std::string& uuid, Time begin) const ORVX_EXCLUDES(mutex_);
+    /// Whether the registry answered a check with 404 in that time.
+    bool wasMissing(const std::string& uuid, Time begin, Time end) const ORVX_EXCLUDES(mutex_);
+
+    /// The most requests for one target in one second, and in how many seconds there were more than
+    /// the rules allow.
+    struct Load {
+        std::size_t most = 0;
+        std::size_t tooMany = 0;
+    };
+    Load puts() const ORVX_EXCLUDES(mutex_);
+    Load checks() const ORVX_EXCLUDES(mutex_);
+    std::size_t deletes() const ORVX_EXCLUDES(mutex_);
+    /// How many requests of that method an HTTP client may have sent once more.
+    std::size_t resends(const std::string& method) const ORVX_EXCLUDES(mutex_);
+
+  private:
+    class Tap;
+
+    struct Second {
+        std::size_t requests = 0;
+        std::size_t resends = 0;
+        std::size_t registrations = 0;
+    };
+    struct Target {
+        std::map<std::int64_t, Second> seconds;
+        std::vector<Time> requests;
+        std::vector<Time> missing;
+    };
+
+    void note(const testing::Request& request) ORVX_EXCLUDES(mutex_);
+    void noteMalformed(std::string what) ORVX_EXCLUDES(mutex_);
+    void noteMissing(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
+    void allowResend(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
+    template <typename Allowed>
+    Load load(const std::string& method, const Allowed& allowed) const ORVX_EXCLUDES(mutex_);
+
+    mutable utility::Mutex mutex_;
+    std::map<std::string, std::map<std::string, Target>> methods_ ORVX_GUARDED_BY(mutex_);
+    std::vector<std::string> malformed_ ORVX_GUARDED_BY(mutex_);
+};
+
+}  // namespace orvx::stress
