@@ -69,6 +69,12 @@ void RawConnection::endSending() {
     check(::shutdown(socket_, SHUT_WR) == 0, "shutdown");
 }
 
+void RawConnection::reset() {
+    const linger atOnce{1, 0};
+    ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    ::close(std::exchange(socket_, -1));
+}
+
 RawConnection::Response RawConnection::receive(bool toHead) {
     http::response_parser<http::string_body> parser;
     parser.eager(true);
@@ -98,6 +104,11 @@ bool RawConnection::isClosedByPeer() {
 
 void RawConnection::awaitReset() {
     await(0);
+}
+
+bool RawConnection::endsWithin(std::chrono::milliseconds longest) const {
+    pollfd polled{socket_, POLLRDHUP, 0};
+    return ::poll(&polled, 1, static_cast<int>(longest.count())) == 1;
 }
 
 void RawConnection::await(short events) {

@@ -2,6 +2,7 @@
 
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -23,6 +24,8 @@ class RawConnection {
     void send(const std::string& bytes);
     /// No more will be sent, but answers are still read.
     void endSending();
+    /// Gives the connection up; what is on its way is lost. Nothing may follow.
+    void reset();
 
     /// The next answer. One to HEAD has no body, whatever its header says.
     Response receive(bool toHead = false);
@@ -32,6 +35,8 @@ class RawConnection {
     bool isClosedByPeer();
     /// Waits until the other side gives the connection up, reading nothing.
     void awaitReset();
+    /// Whether the other side ends or gives up the connection within that time; reads nothing.
+    bool endsWithin(std::chrono::milliseconds longest) const;
 
   private:
     void await(short events);

@@ -113,7 +113,7 @@ TEST(TheRegistryProgram, SurvivesAShortageOfFileDescriptors) {
     ASSERT_EQ(::prlimit(program.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
     auto served = connect(20, port);
     auto waiting = connect(20, port);  // most of them for a descriptor
-    EXPECT_EQ(served.back().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    EXPECT_EQ(waiting.back().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
     served.clear();
     for (RawConnection& connection : waiting) {
         EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);

@@ -26,22 +26,31 @@ namespace {
 constexpr std::size_t kFirstRead = 2'048;
 constexpr std::size_t kMaxBuffer = 16'384;
 constexpr std::uint32_t kMaxHeader = 8'192;
-constexpr std::chrono::seconds kFarewell{2};
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 }  // namespace
 
 Connection::Connection(asio::ip::tcp::socket socket, Shared& shared)
-    : shared_(shared), stream_(std::move(socket)), buffer_(kMaxBuffer) {
-    shared_.connections.insert(this);
-}
+    : shared_(shared),
+      position_(shared_.connections.insert(shared_.connections.end(), this)),
+      stream_(std::move(socket)),
+      buffer_(kMaxBuffer) {}
 
 Connection::~Connection() {
-    shared_.connections.erase(this);
+    close();
 }
 
 void Connection::close() {
-    stream_.close();
+    if (position_ != shared_.connections.end()) {
+        shared_.connections.erase(std::exchange(position_, shared_.connections.end()));
+        stream_.close();
+    }
+}
+
+void Connection::Shared::closeOldest() {
+    if (!connections.empty()) {
+        connections.front()->close();
+    }
 }
 
 void Connection::awaitRequest() {
@@ -126,17 +135,25 @@ void Connection::onAnswered(Error error, std::size_t) {
     if (error) {
         return;
     }
+    auto& connections = shared_.connections;
+    if (position_ == connections.end()) {
+        return;
+    }
+    connections.splice(connections.end(), connections, position_);
     if (response_.keep_alive()) {
         return awaitRequest();
     }
     stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, error);
-    stream_.expires_after(kFarewell);
+    farewell_ = std::chrono::steady_clock::now() + shared_.options.farewellTimeout;
+    stream_.expires_at(farewell_);
     discardInput(error, 0);
 }
 
-// Closing while the client still sends would reset the connection, and take the answer with it.
+// Closing while the client still sends would reset the connection, and take the answer with it. The
+// stream's time-out alone is for a client that is silent: it never comes between reads that
+// succeed.
 void Connection::discardInput(Error error, std::size_t) {
-    if (!error) {
+    if (!error && std::chrono::steady_clock::now() < farewell_) {
         buffer_.clear();
         stream_.async_read_some(
             buffer_.prepare(kFirstRead),

@@ -5,10 +5,11 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
+#include <chrono>
 #include <cstddef>
+#include <list>
 #include <memory>
 #include <optional>
-#include <unordered_set>
 
 #include "EntryStore.h"
 #include "RegistryServer.h"
@@ -26,7 +27,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     struct Shared {
         const RegistryOptions options;
         EntryStore store;
-        std::unordered_set<Connection*> connections;  ///< those that live
+        /// Those that are open, the one that was accepted or answered longest ago first.
+        std::list<Connection*> connections;
+
+        /// Does nothing when none is open.
+        void closeOldest();
     };
 
     Connection(boost::asio::ip::tcp::socket socket, Shared& shared);
@@ -51,10 +56,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void discardInput(Error error, std::size_t);
 
     Shared& shared_;
+    std::list<Connection*>::iterator position_;
     boost::beast::tcp_stream stream_;
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     Response response_;
+    std::chrono::steady_clock::time_point farewell_;
 };
 
 }  // namespace orvx::registry

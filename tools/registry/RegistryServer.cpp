@@ -47,7 +47,10 @@ class RegistryServer::Impl {
                 return;
             }
             if (error) {
-                return acceptLater();
+                return acceptWithoutDescriptor();
+            }
+            if (shared_.connections.size() >= shared_.options.maxConnections) {
+                shared_.closeOldest();
             }
             socket.set_option(tcp::no_delay(true), error);
             std::make_shared<Connection>(std::move(socket), shared_)->awaitRequest();
@@ -55,7 +58,21 @@ class RegistryServer::Impl {
         });
     }
 
-    // Without a free file descriptor the next try would fail at once, and again.
+    // Without a free file descriptor accepting fails whether somebody waits or not. Another
+    // connection ends for one that waits; if there is none, the next try could fail at once.
+    void acceptWithoutDescriptor() {
+        acceptor_.async_wait(tcp::acceptor::wait_read, [this](error_code error) {
+            if (error) {
+                return;
+            }
+            if (shared_.connections.empty()) {
+                return acceptLater();
+            }
+            shared_.closeOldest();
+            accept();
+        });
+    }
+
     void acceptLater() {
         retry_.expires_after(std::chrono::milliseconds(100));
         retry_.async_wait([this](error_code) { accept(); });
@@ -64,8 +81,8 @@ class RegistryServer::Impl {
     void close() {
         acceptor_.close();
         retry_.cancel();
-        for (Connection* connection : shared_.connections) {
-            connection->close();
+        while (!shared_.connections.empty()) {
+            shared_.closeOldest();
         }
     }
 

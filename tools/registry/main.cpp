@@ -47,6 +47,10 @@ int main(int argc, char** argv) {
     app.add_option("--max-body", options.maxBody, "Largest body of a request, in bytes")
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 30))
         ->capture_default_str();
+    app.add_option("--max-connections", options.maxConnections,
+                   "Most connections at once; a further one ends another")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 20))
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     try {
         serve(options);
