@@ -3,6 +3,7 @@
 option(ORVX_WERROR "Treat warnings as errors" ${ORVX_TOP_LEVEL})
 set(ORVX_SANITIZE "" CACHE STRING "Sanitizers for everything, e.g. address,undefined or thread")
 option(ORVX_COVERAGE "Instrument for line coverage" OFF)
+set(ORVX_EXPORTS "${CMAKE_CURRENT_LIST_DIR}/Exports.map")
 
 function(orvx_target name)
   target_compile_features(${name} PUBLIC cxx_std_17)
@@ -15,6 +16,16 @@ function(orvx_target name)
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${ORVX_WERROR}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+  get_target_property(type ${name} TYPE)
+  if(NOT type STREQUAL "EXECUTABLE")
+    # A symbol that is unique in the process keeps the object that defines it loaded for ever, and
+    # with it a plug-in that this library is linked into. Only GCC makes them.
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+  endif()
+  if(type STREQUAL "SHARED_LIBRARY")
+    target_link_options(${name} PRIVATE "LINKER:--version-script=${ORVX_EXPORTS}")
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS "${ORVX_EXPORTS}")
+  endif()
   if(ORVX_SANITIZE)
     target_compile_options(${name} PRIVATE -fsanitize=${ORVX_SANITIZE} -fno-omit-frame-pointer
       -fno-sanitize-recover=all

@@ -2,36 +2,21 @@
 // the process, and its parent does not notice. A child that hangs is ended by an alarm.
 // Threads: the test's, the client's three, the registry's and that of the server in front, which
 // sees whether a connection ended; in the child the test's alone.
+#include "Child.h"
 #include "RoadTest.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
-namespace {
-
-bool isChild = false;
-
-}  // namespace
-
-/// Asked by the leak checker of a sanitizer, where there is one: in a child it would report what
-/// only the stacks of the missing threads led to.
-extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() {
-    return isChild ? 1 : 0;
-}
-
 namespace orvx::serviceregistryclient {
 namespace {
 
 using testing::HostileServer;
 using testing::Request;
+using testing::statusOfChild;
 
 /// Calls a function with each line, on the thread that logs it.
 class CallingLoggerFactory : public testing::RecordingLoggerFactory {
@@ -88,21 +73,6 @@ class AForkedChild : public RoadTest {
     HostileServer front;
     SyncOrvRegistrationResponse lamp;
 };
-
-/// Runs `work` in a forked child, which then leaves through exit(); its wait status.
-int statusOfChild(const std::function<void()>& work) {
-    std::fflush(nullptr);
-    const auto child = fork();
-    if (child == 0) {
-        isChild = true;
-        alarm(10);
-        work();
-        std::exit(0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
-}
 
 TEST_F(AForkedChild, MayDestroyAContextThatIsAtWorkInItsParent) {
     auto parent = std::make_unique<OrvServiceRegistryContext>();

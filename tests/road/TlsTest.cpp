@@ -130,6 +130,30 @@ TEST_F(Tls, EndsAtARegistryOfNoAuthorityOfTheSystem) {
     EXPECT_EQ(outcomeWith(enabled(), registry), "TLS_FAILED");
 }
 
+TEST_F(Tls, EndsAtARegistryThatOnlyTheEnvironmentTrusts) {
+    const TlsRegistry registry;
+    for (const char* const name : {"SSL_CERT_FILE", "CURL_CA_BUNDLE"}) {
+        ::setenv(name, registry.file("authority.pem").c_str(), 1);
+    }
+    EXPECT_EQ(outcomeWith(enabled(), registry), "TLS_FAILED");
+    for (const char* const name : {"SSL_CERT_FILE", "CURL_CA_BUNDLE"}) {
+        ::unsetenv(name);
+    }
+}
+
+TEST_F(Tls, IgnoresTheProxyOfTheEnvironment) {
+    const TlsRegistry registry;
+    const testing::RefusedPort proxy;
+    const std::string url = "http://127.0.0.1:" + std::to_string(proxy.port());
+    for (const char* const name : {"https_proxy", "HTTPS_PROXY"}) {
+        ::setenv(name, url.c_str(), 1);
+    }
+    EXPECT_EQ(outcomeWith(trusting(registry), registry), "OK");
+    for (const char* const name : {"https_proxy", "HTTPS_PROXY"}) {
+        ::unsetenv(name);
+    }
+}
+
 TEST_F(Tls, EndsWithoutTheFileOfAuthorities) {
     const TlsRegistry registry;
     communication::TlsConfig tls = enabled();

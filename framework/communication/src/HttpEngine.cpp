@@ -8,6 +8,8 @@
 
 #include <orvx/utility/OrvFoundationException.h>
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <climits>
 #include <exception>
@@ -18,6 +20,15 @@ namespace orvx::communication {
 
 namespace {
 
+// A look-up that was given up ends in a thread of libcurl's own, maybe when a plug-in that brought
+// libcurl along is gone already: libcurl's code has to stay.
+void keepLibcurlLoaded() {
+    Dl_info where{};
+    if (dladdr(reinterpret_cast<void*>(&curl_multi_init), &where) != 0) {
+        dlopen(where.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+}
+
 // Never undone: somebody else in this process may use libcurl, too.
 void setUpLibcurl() {
     static std::once_flag once;
@@ -25,6 +36,7 @@ void setUpLibcurl() {
         if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
             throw utility::OrvFoundationException("libcurl cannot be set up.", 0);
         }
+        keepLibcurlLoaded();
     });
 }
 

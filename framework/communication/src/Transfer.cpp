@@ -6,6 +6,8 @@
 
 #include "CurlErrors.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <exception>
 #include <limits>
@@ -24,6 +26,12 @@ long milliseconds(std::chrono::milliseconds duration) {
 curl_off_t offset(std::uint64_t value) {
     constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<curl_off_t>::max());
     return static_cast<curl_off_t>(std::min(value, kMost));
+}
+
+// libcurl's own sockets stay open in the programs that the process starts, and with them the
+// connections, whoever ends them here.
+curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+    return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 const char* orNull(const std::string& text) {
@@ -60,6 +68,7 @@ void Transfer::setUp(const EndpointSettings& settings) {
     set(CURLOPT_PROXY, "");
     set(CURLOPT_NOPROXY, "*");
     set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_OPENSOCKETFUNCTION, &openSocket);
     // Without it, taking away a handle waits for the resolver's answer.
     set(CURLOPT_QUICK_EXIT, 1L);
     set(CURLOPT_CONNECTTIMEOUT_MS, milliseconds(settings.config.connectTimeout));

@@ -1,0 +1,63 @@
+// What the shared form of the library shows to the process that loads it, and what it takes from
+// it. One thread; no lock.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace orvx::testing {
+namespace {
+
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+
+std::string outputOf(const std::string& command) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(::popen(command.c_str(), "r"),
+                                                               ::pclose);
+    std::string output;
+    for (int c = std::fgetc(pipe.get()); c != EOF; c = std::fgetc(pipe.get())) {
+        output += static_cast<char>(c);
+    }
+    return output;
+}
+
+/// What the pattern's group matches in the output, once for each time.
+std::vector<std::string> all(const std::string& pattern, const std::string& command) {
+    const std::string output = outputOf(command);
+    const std::regex regex(pattern);
+    std::vector<std::string> found;
+    for (std::sregex_iterator it(output.begin(), output.end(), regex), end; it != end; ++it) {
+        found.push_back((*it)[1]);
+    }
+    return found;
+}
+
+TEST(TheSharedLibrary, ShowsOnlyNamesOfItsOwn) {
+    const auto names =
+        all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " -C -D --defined-only " ORVX_SHARED_LIBRARY);
+    EXPECT_THAT(names, Contains("orvx::serviceregistryclient::OrvServiceRegistryContext::init()"));
+    EXPECT_THAT(names, Each(MatchesRegex("((vtable|typeinfo|typeinfo name|VTT|(non-)?virtual thunk)"
+                                         " (for|to) )?orvx::.*")));
+}
+
+// libfmt is what the console logger writes its lines with; a sanitizer brings a library of its own.
+TEST(TheSharedLibrary, NeedsOnlyTheSystemLibcurlAndLibfmt) {
+    const auto needed = all("Shared library: \\[lib([^\n]*)\\.so[^\n]*\\]\n",
+                            ORVX_READELF " -d " ORVX_SHARED_LIBRARY);
+    EXPECT_THAT(needed, Contains("curl"));
+    EXPECT_THAT(needed, Each(MatchesRegex("c|m|stdc\\+\\+|gcc_s|curl|fmt|[a-z]+san")));
+}
+
+TEST(ThePlugin, HasNoSymbolThatKeepsItLoaded) {
+    EXPECT_THAT(all("[0-9a-f]+ u ([^\n]+)\n", ORVX_NM " -C -D " ORVX_PLUGIN), IsEmpty());
+}
+
+}  // namespace
+}  // namespace orvx::testing

@@ -1,0 +1,194 @@
+// The signals of the process are the user's: none is handled, kept away, taken or raised by the
+// library, and none disturbs it.
+// Threads: the test's, a user's in a blocking call, the client's three, the registry's.
+
+#include "BlockingCall.h"
+#include "DeadResolver.h"
+#include "RoadTest.h"
+
+#include <sys/prctl.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <tuple>
+#include <vector>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using testing::BlockingCall;
+using testing::DeadResolver;
+using ::testing::Each;
+using testing::HostileServer;
+using testing::Script;
+using ::testing::SizeIs;
+
+std::atomic<int> arrived{0};
+std::atomic<int> arrivedInside{0};
+
+void count(int /*signal*/) {
+    char name[16] = "";
+    ::prctl(PR_GET_NAME, name);
+    ++(std::strncmp(name, "ORVX_", 5) == 0 ? arrivedInside : arrived);
+}
+
+/// Counts a signal as long as it lives; blocking calls of the system end early by it.
+class Counted {
+  public:
+    explicit Counted(int signal) : signal_(signal) {
+        arrived = arrivedInside = 0;
+        struct sigaction action {};
+        action.sa_handler = count;
+        ::sigaction(signal_, &action, &before_);
+    }
+    ~Counted() { ::sigaction(signal_, &before_, nullptr); }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+  private:
+    const int signal_;
+    struct sigaction before_ {};
+};
+
+using Action = std::tuple<void*, int, std::vector<int>>;
+
+std::vector<int> membersOf(const sigset_t& set) {
+    std::vector<int> members;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (::sigismember(&set, signal) == 1) {
+            members.push_back(signal);
+        }
+    }
+    return members;
+}
+
+/// What the process does about each signal.
+std::vector<Action> actions() {
+    std::vector<Action> table;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        ::sigaction(signal, nullptr, &action);
+        table.emplace_back(reinterpret_cast<void*>(action.sa_handler), action.sa_flags,
+                           membersOf(action.sa_mask));
+    }
+    return table;
+}
+
+std::string lineOf(const std::filesystem::path& status, const std::string& name) {
+    std::ifstream file(status);
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind(name, 0) == 0) {
+            return line.substr(name.size());
+        }
+    }
+    return "";
+}
+
+/// The signals that the threads block which bear a name of the library's, as the system shows them;
+/// a thread of a look-up bears that of the one that made it.
+std::vector<std::string> blockedInside() {
+    std::vector<std::string> masks;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (lineOf(thread.path() / "status", "Name:\t").rfind("ORVX_", 0) == 0) {
+            masks.push_back(lineOf(thread.path() / "status", "SigBlk:\t"));
+        }
+    }
+    return masks;
+}
+
+class TheSignals : public RoadTest {};
+
+TEST_F(TheSignals, KeepTheirActions) {
+    const auto before = actions();
+    context.setCheckInterval(0s);
+    start();
+    const auto withdraw = registered("lamp", registry.port());
+    EXPECT_TRUE(eventually([&] { return entries().at(0).at("checks") > 1; }));
+    EXPECT_EQ(actions(), before);
+    EXPECT_EQ(outcomeOf(withdraw), "OK/NONE");
+    context.deinit();
+    EXPECT_EQ(actions(), before);
+}
+
+// All but SIGKILL, SIGSTOP and the two that the C library keeps for itself.
+TEST_F(TheSignals, AreBlockedInEachThreadOfTheLibraryAndOfALookUp) {
+    DeadResolver resolver;
+    start();
+    client().registerServiceAtRegistry({"registry", "registry.silent.test", 80}, service("lamp"),
+                                       nullptr);
+    ASSERT_TRUE(resolver.waitForLookups(1));
+    EXPECT_TRUE(eventually([] { return blockedInside().size() == 4; }));
+    EXPECT_THAT(blockedInside(), Each("fffffffe7ffbfeff"));
+}
+
+TEST_F(TheSignals, ArriveAllOfThemAtThreadsOfTheUser) {
+    constexpr int many = 1000;
+    const Counted counted(SIGRTMIN);
+    context.enableCheck(false);
+    start();
+    for (int i = 0; i < many; ++i) {
+        client().registerServiceAtRegistry(at(registry.port()), service("bell"), record());
+        while (::sigqueue(::getpid(), SIGRTMIN, {}) != 0 && errno == EAGAIN) {
+        }
+    }
+    EXPECT_TRUE(eventually([] { return arrived == many; })) << arrived << ' ' << arrivedInside;
+    EXPECT_THAT(outcomes.await(many), SizeIs(many));
+    EXPECT_THAT(outcomes.notes(), Each("OK/NONE"));
+}
+
+TEST_F(TheSignals, DoNotEndABlockingCallEarly) {
+    const Counted counted(SIGUSR1);
+    HostileServer slow;
+    slow.nextRequest(
+        Script().waitForRelease("put").send(testing::response(201, {{"Location", "/lamp"}})));
+    slow.nextRequest(Script().waitForRelease("delete").send(testing::response(200)));
+    context.enableCheck(false);
+    start();
+    std::atomic<pthread_t> user{};
+    const auto interrupt = [&](BlockingCall<std::string>& call, const char* gate) {
+        EXPECT_TRUE(call.isWaiting());
+        for (arrived = 0; arrived < 20;) {
+            const int sofar = arrived;
+            ::pthread_kill(user, SIGUSR1);
+            EXPECT_TRUE(eventually([&] { return arrived > sofar; }));
+        }
+        slow.release(gate);
+        EXPECT_EQ(call.get(), "OK/NONE");
+    };
+    SyncOrvRegistrationResponse lamp;
+    BlockingCall<std::string> registration([&] {
+        user = ::pthread_self();
+        lamp = client().registerServiceAtRegistry(at(slow.port()), service("lamp"));
+        return text(lamp.response);
+    });
+    interrupt(registration, "put");
+    BlockingCall<std::string> withdrawal([&] {
+        user = ::pthread_self();
+        return text(lamp.unregister());
+    });
+    interrupt(withdrawal, "delete");
+}
+
+// As big as no buffer of the system's, so that more is to be sent when the connection is gone.
+TEST_F(TheSignals, AreNotRaisedByARegistryThatEndsTheConnectionBeforeItsTime) {
+    const Counted counted(SIGPIPE);
+    HostileServer rude;
+    rude.everyConnection(Script().readBytes(1000).reset());
+    context.enableRetry(false);
+    start();
+    const auto lamp = service("lamp");
+    lamp->setDescription(std::string(16U << 20U, 'x'));
+    for (int i = 0; i < 2; ++i) {
+        client().registerServiceAtRegistry(at(rude.port()), lamp, record());
+    }
+    EXPECT_THAT(outcomes.await(2), Each("ERROR/SERVICE_REGISTRY_ERROR"));
+    EXPECT_EQ(arrived + arrivedInside, 0);
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
