@@ -10,7 +10,7 @@ namespace orvx::serviceregistryclient {
 
 using communication::HttpResponse;
 
-// For the user's threads: they are told by an exception when memory runs out.
+// Told by an exception when memory runs out: for answers that are found at once.
 void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Response& response) {
     if (!callback) {
         return;
@@ -18,11 +18,15 @@ void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Res
     callbackExecutor.add([callback = std::move(callback), response] { callback(*response); });
 }
 
-// For the library's threads. What makes a task allocates first and moves the callback then.
+// For outcomes that nobody else could tell. What makes a task allocates first and moves the
+// callback then.
 void OrvServiceRegistryClient::callCallbacks(Callbacks callbacks,
                                              OrvRegistrationResponse::Status status,
                                              OrvRegistrationResponse::ErrorCode reason,
                                              HttpResponse response) {
+    if (callbacks.empty()) {
+        return;
+    }
     Response outcome;
     whenThereIsMemory([&] { outcome = std::make_shared<OrvRegistrationResponse>(status, reason); });
     whenThereIsMemory(
@@ -37,7 +41,7 @@ void OrvServiceRegistryClient::callCallbacks(Callbacks callbacks,
     }
 }
 
-/// What tells the listener, to be queued in the moment in which it becomes true.
+/// What tells the listener, to be queued when it has become true.
 OrvServiceRegistryClient::Tasks OrvServiceRegistryClient::notificationLocked(
     std::shared_ptr<const common::ServiceModel> service, bool registered) const {
     Tasks tasks;

@@ -35,7 +35,8 @@ class OrvServiceRegistryContext;
 ///   RegistrationFailure.cpp  its answer when it is not: retry, or give up
 ///   StatusCheck.cpp          the periodic HEAD, its time-out, re-registration, the listener
 ///   Unregistration.cpp       the DELETE and its answer
-///   CallbackDispatch.cpp     how outcomes reach user code, and what happens without memory
+///   CallbackDispatch.cpp     how outcomes reach user code
+///   Memory.h                 what the library's threads do when memory runs out
 ///   Synchronous.cpp          one service, blocking
 ///   ServiceCollection.cpp    many services, in both forms
 ///   UnregisterAll.cpp        withdrawing everything, in both forms
@@ -185,7 +186,8 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     void handleHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
                             const communication::HttpResponse& response) ORVX_EXCLUDES(mutex);
     bool recordHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
-                            const communication::HttpResponse& response) ORVX_EXCLUDES(mutex);
+                            const communication::HttpResponse& response, bool& isInTime)
+        ORVX_EXCLUDES(mutex);
     bool markLostLocked(std::uint64_t id, RequestContainer& container) ORVX_REQUIRES(mutex);
     std::chrono::milliseconds checkDelay() const;
 
@@ -207,6 +209,8 @@ class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
                        communication::HttpResponse response);
     Tasks notificationLocked(std::shared_ptr<const common::ServiceModel> service,
                              bool registered) const ORVX_REQUIRES(mutex);
+
+    // Memory.h
     template <typename Step>
     void whenThereIsMemory(const Step& step) const;
 

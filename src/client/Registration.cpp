@@ -103,7 +103,7 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
 
     const utility::MutexLock lock(mutex);
     const std::uint64_t id = ++lastRequestId;
-    mapRegistryCallback->insert(id, std::move(record));
+    mapRegistryCallback->insert(id, record);
     return id;
 }
 

@@ -37,7 +37,7 @@ void OrvServiceRegistryClient::handlePutResponse(std::uint64_t id,
     Success success{};
     whenThereIsMemory([&] { success = recordSuccess(id, *request, *location, callbacks); });
     if (success == Success::Withdrawn) {
-        internal_unregisterFromRegistry(id, {});
+        whenThereIsMemory([&] { internal_unregisterFromRegistry(id, {}); });
     } else if (success == Success::Known) {
         callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
                       OrvRegistrationResponse::NONE, std::move(response));

@@ -1,5 +1,6 @@
 // The answer to a PUT that is no success: retry a first registration, try a lost service again
-// after the check interval, or give up. Entered by the I/O thread. The lock is held for the
+// after the check interval, or give up. Entered by the I/O thread, and by those that could not make
+// the PUT. The lock is held for the
 // decision; callbacks are dispatched after it is let go.
 #include "Memory.h"
 #include "RegistrationTable.h"
@@ -56,10 +57,10 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
     if (isUnregistering(record->state)) {
         return Failure::Withdrawn;
     }
+    schedulePut(checkDelay(), id, request);
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "re-register request: " << *request->uri;
     }
-    schedulePut(checkDelay(), id, request);
     return Failure::Retried;
 }
 
@@ -76,8 +77,9 @@ bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
     if (max != 0 && retryCount >= max) {
         return false;
     }
-    schedulePut(max == 0 ? record.backoffSequence->nextDelay() : context.getRetryInterval(), id,
-                request);
+    auto backoff = *record.backoffSequence;
+    schedulePut(max == 0 ? backoff.nextDelay() : context.getRetryInterval(), id, request);
+    *record.backoffSequence = backoff;
     ++retryCount;
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "retry (" << retryCount << ".) request: " << *request->uri;

@@ -19,12 +19,12 @@ OrvServiceRegistryClient::RegistrationTable::findByRegistryId(const std::string&
                                                                       : find(found->second);
 }
 
-void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, Record record) {
+void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, const Record& record) {
     RegistrationData& added = *record;
     added.ids.insert(id);
     const common::ServiceCreate& service = *added.requestContainer->serviceCreate;
     Entry entry = service.hasId() ? makeEntry(added, service.getId()) : Entry();
-    records_.emplace(id, std::move(record));
+    records_.emplace(id, record);
     index(added, std::move(entry));
 }
 
@@ -41,15 +41,13 @@ OrvServiceRegistryClient::RegistrationTable::lead(std::uint64_t id, const Record
     return previous;
 }
 
-OrvServiceRegistryClient::RegistrationTable::Record
-OrvServiceRegistryClient::RegistrationTable::erase(std::uint64_t id) noexcept {
+void OrvServiceRegistryClient::RegistrationTable::erase(std::uint64_t id) noexcept {
     const auto found = records_.find(id);
-    Record record = std::move(found->second);
+    RegistrationData& record = *found->second;
+    Entry entry = takeEntry(record);
+    record.ids.erase(id);
+    index(record, std::move(entry));
     records_.erase(found);
-    Entry entry = takeEntry(*record);
-    record->ids.erase(id);
-    index(*record, std::move(entry));
-    return record;
 }
 
 void OrvServiceRegistryClient::RegistrationTable::eraseAll(RegistrationData& record) noexcept {
@@ -66,8 +64,8 @@ void OrvServiceRegistryClient::RegistrationTable::describe(RequestContainer& req
                                                            const std::string& uri) {
     RegistrationData* const record = request.record;
     Entry entry = record != nullptr ? makeEntry(*record, registryId) : Entry();
-    request.serviceCreate->setId(registryId);
     request.serviceCreate->setUri(uri);
+    request.serviceCreate->setId(registryId);  // last: it is by its id that it counts
     if (record != nullptr) {
         takeEntry(*record);
         index(*record, std::move(entry));

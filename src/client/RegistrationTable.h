@@ -12,9 +12,9 @@ namespace orvx::serviceregistryclient {
 /// Several request ids may lead to one record. The index speaks of the descriptions that the
 /// records hold: that of a request whose id was led to another record is in it only as long as
 /// another id leads to its own.
-/// What throws std::bad_alloc has changed nothing, but for describe(), which can be called again.
-/// Guarded by the client's lock. Records are handed out, never destroyed here under that lock: what
-/// erases returns the last share.
+/// What throws std::bad_alloc has changed nothing that counts, and can be called again.
+/// Guarded by the client's lock. Records are never destroyed here under that lock: who erases one
+/// holds a share.
 class OrvServiceRegistryClient::RegistrationTable {
   public:
     using Record = std::shared_ptr<RegistrationData>;
@@ -29,11 +29,11 @@ class OrvServiceRegistryClient::RegistrationTable {
     Map::const_iterator end() const { return records_.end(); }
 
     /// `id` must be new.
-    void insert(std::uint64_t id, Record record);
+    void insert(std::uint64_t id, const Record& record);
     /// Makes `id`, which must be there, lead to `target`; returns the record it led to.
     Record lead(std::uint64_t id, const Record& target);
-    /// Removes one id, which must be there; returns its record.
-    Record erase(std::uint64_t id) noexcept;
+    /// Removes one id, which must be there.
+    void erase(std::uint64_t id) noexcept;
     /// Removes every id that leads to the record.
     void eraseAll(RegistrationData& record) noexcept;
 

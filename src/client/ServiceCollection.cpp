@@ -16,12 +16,11 @@ OrvServiceRegistryClient::registerServicesAtRegistry(const common::ServiceInfo& 
                                                      ServiceCallback callback) {
     std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handles;
     for (const std::shared_ptr<ServiceCreate>& service : services) {
-        handles.insert_or_assign(
-            service,
-            registerServiceAtRegistry(serviceInfo, service,
-                                      [callback, service](OrvRegistrationResponse response) {
-                                          callback(service, std::move(response));
-                                      }));
+        UnregisterHandle& handle = handles[service];  // first: what is registered has one
+        handle = registerServiceAtRegistry(serviceInfo, service,
+                                           [callback, service](OrvRegistrationResponse response) {
+                                               callback(service, std::move(response));
+                                           });
     }
     return handles;
 }
@@ -49,12 +48,12 @@ OrvServiceRegistryClient::registerServicesAtRegistry(const common::ServiceInfo& 
     std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handleTable;
     auto result = executeSynchronousServiceCollectionRegistryCall(
         services, [&](const std::shared_ptr<ServiceCreate>& service, ServiceCallback collect) {
-            handleTable.insert_or_assign(
-                service, registerServiceAtRegistry(serviceInfo, service,
-                                                   [collect = std::move(collect),
-                                                    service](OrvRegistrationResponse response) {
-                                                       collect(service, std::move(response));
-                                                   }));
+            UnregisterHandle& handle = handleTable[service];
+            handle = registerServiceAtRegistry(
+                serviceInfo, service,
+                [collect = std::move(collect), service](OrvRegistrationResponse response) {
+                    collect(service, std::move(response));
+                });
         });
     for (auto& [service, outcome] : result.second) {
         outcome.unregister = synchronousUnregister(handleTable[service], unregisterTimeout);

@@ -3,6 +3,7 @@
 #include "OrvServiceRegistryClient.h"
 
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -53,7 +54,12 @@ class ServiceCollectionCall {
                 return;
             }
             data->allSucceeded &= response.status == OrvRegistrationResponse::OK;
-            data->responses.insert_or_assign(std::move(service), Data::entry(std::move(response)));
+            try {
+                data->responses.insert_or_assign(std::move(service),
+                                                 Data::entry(std::move(response)));
+            } catch (const std::bad_alloc&) {
+                data->allSucceeded = false;  // it is missing, but counts: somebody waits
+            }
             if (++data->answeredCount == count) {
                 promise->set_value({OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE});
             }

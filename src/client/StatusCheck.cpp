@@ -69,23 +69,28 @@ void OrvServiceRegistryClient::handleHeadTimeout(communication::IClientHttpSessi
 void OrvServiceRegistryClient::handleHeadResponse(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
     const HttpResponse& response) {
+    bool isInTime = false;
     bool isToRegisterAgain = false;
-    whenThereIsMemory([&] { isToRegisterAgain = recordHeadResponse(id, container, response); });
+    whenThereIsMemory(
+        [&] { isToRegisterAgain = recordHeadResponse(id, container, response, isInTime); });
     if (isToRegisterAgain) {
         sendPutRequest(id, container);
     }
 }
 
+/// What is `isInTime` once stays so when the rest is done again.
 bool OrvServiceRegistryClient::recordHeadResponse(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
-    const HttpResponse& response) {
+    const HttpResponse& response, bool& isInTime) {
     const utility::MutexLock lock(mutex);
-    if (checkState == TIMEOUT) {
+    if (!isInTime && checkState == TIMEOUT) {
         logger->log("TIMEOUT on head request, ignore response.", 0);
         checkState = IDLE;
         return false;
     }
-    checkState = RESPONDED;
+    if (!std::exchange(isInTime, true)) {
+        checkState = RESPONDED;
+    }
     const bool isLost = response.getCommunicationStatus() == CommunicationStatus::Ok &&
                         response.getStatusCode() == HttpResponse::StatusCode::NotFound;
     if (isLost) {

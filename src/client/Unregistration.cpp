@@ -29,7 +29,12 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
                                       OrvRegistrationResponse::SERVICE_NOT_FOUND));
         return;
     }
-    ResponseCallback waiting = callback;
+    // Shared, so that under the lock a pointer is copied and destroyed, and no user code.
+    ResponseCallback waiting;
+    if (callback) {
+        waiting = [owned = std::make_shared<const ResponseCallback>(callback)](
+                      OrvRegistrationResponse response) { (*owned)(std::move(response)); };
+    }
     std::shared_ptr<RequestContainer> container;
     {
         const utility::MutexLock lock(mutex);
@@ -38,21 +43,21 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
             logger->logWarning(false)
                 << "Trying to unregister a service that is not registered (anymore). Ignore. id="
                 << id;
-            callCallback(std::move(waiting),
+            callCallback(waiting,
                          answer(OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
             return;
         }
         if (record->requestContainer->serviceCreate->getId().empty()) {
             logger->logWarning(false)
                 << "Trying to unregister a service that is not registered yet. Ignore. id=" << id;
-            callCallback(std::move(waiting), answer(OrvRegistrationResponse::ERROR,
-                                                    OrvRegistrationResponse::SERVICE_NOT_FOUND));
+            callCallback(waiting, answer(OrvRegistrationResponse::ERROR,
+                                         OrvRegistrationResponse::SERVICE_NOT_FOUND));
             return;
         }
         if (!record->unregisterCallbacks) {
             record->unregisterCallbacks = std::make_unique<CallbackList>();
         }
-        record->unregisterCallbacks->callbacks.push_back(std::move(waiting));
+        record->unregisterCallbacks->callbacks.push_back(waiting);
         if (isUnregistering(record->state)) {
             return;  // the DELETE that is out answers this callback too
         }

@@ -13,7 +13,7 @@ namespace orvx::testing {
 
 namespace {
 
-std::atomic<long> left{-1};    // how many more succeed or fail; below zero all succeed
+std::atomic<long> left{0};     // how many more succeed or fail; at zero all succeed
 std::atomic<long> failing{0};  // the last so many of them fail
 std::atomic<std::size_t> failed{0};
 thread_local int countedIn = 0;
@@ -26,10 +26,11 @@ bool isOfTheLibrary() {
 }
 
 bool mustFail() {
-    if (left < 0 || exempt > 0 || (countedIn == 0 && !isOfTheLibrary())) {
+    if (left <= 0 || exempt > 0 || (countedIn == 0 && !isOfTheLibrary())) {
         return false;
     }
-    const bool fails = left.fetch_sub(1) <= failing && left >= -1;
+    const long before = left.fetch_sub(1);
+    const bool fails = before > 0 && before <= failing;
     failed += fails ? 1 : 0;
     return fails;
 }
@@ -56,11 +57,11 @@ const bool isSetUp = curl_global_init_mem(CURL_GLOBAL_DEFAULT, curlMalloc, std::
 void Memory::failAfter(std::size_t successes, std::size_t count) {
     failed = 0;
     failing = static_cast<long>(count);
-    left = isSetUp ? static_cast<long>(successes + count) : -1;
+    left = isSetUp ? static_cast<long>(successes + count) : 0;
 }
 
 std::size_t Memory::recover() {
-    left = -1;
+    left = 0;
     return failed;
 }
 

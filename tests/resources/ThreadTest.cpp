@@ -89,11 +89,20 @@ struct Client {
     OrvServiceRegistryContext context;
 };
 
-TEST(AProcessOutOfThreads, GetsAnExceptionWhenTheRequestsHaveNoneAndLaterAClient) {
+class AProcessOutOfThreads : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root can become another user";
+        }
+    }
+};
+
+TEST_F(AProcessOutOfThreads, GetsAnExceptionWhenTheRequestsHaveNoneAndLaterAClient) {
     EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(0); }), 0);
 }
 
-TEST(AProcessOutOfThreads, EndsWhenTheCallbacksHaveNone) {
+TEST_F(AProcessOutOfThreads, EndsWhenTheCallbacksHaveNone) {
     const int status = inProcessOfItsOwn([] {
         Client client;
         allow(1);
@@ -103,7 +112,7 @@ TEST(AProcessOutOfThreads, EndsWhenTheCallbacksHaveNone) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
 }
 
-TEST(AProcessOutOfThreads, GetsAnExceptionWhenTheTimerHasNoneAndLaterAClient) {
+TEST_F(AProcessOutOfThreads, GetsAnExceptionWhenTheTimerHasNoneAndLaterAClient) {
     EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(2); }), 0);
 }
 

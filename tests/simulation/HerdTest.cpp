@@ -1,6 +1,6 @@
 // Two thousand processes at one registry that goes away, comes back, and has forgotten everything:
 // how soon all are back, and how hard they press it meanwhile. In simulated time, so that the
-// figures are those of the design and the same on every machine.
+// figures are those of the design on every machine; retries alone are drawn at random.
 #include "RecordingLogger.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>

@@ -24,7 +24,7 @@ namespace {
 constexpr milliseconds kStopBound{5000};
 constexpr milliseconds kAllowance{20'000};
 #else
-constexpr milliseconds kStopBound{1000};
+constexpr milliseconds kStopBound{1500};
 constexpr milliseconds kAllowance{3000};
 #endif
 /// Nothing is left to be waited for after this in any case.

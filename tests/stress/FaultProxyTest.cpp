@@ -5,8 +5,10 @@
 #include "FaultProxy.h"
 
 #include <gmock/gmock.h>
+
 #include <poll.h>
 #include <sys/socket.h>
+#include <thread>
 
 #include <cerrno>
 #include <string>
@@ -180,6 +182,7 @@ TEST_F(AFaultProxy, SwallowsEverythingAsABlackHole) {
     const auto deadline = Clock::now() + 10s;
     while (proxy.counters().swallowed == 0) {
         ASSERT_LT(Clock::now(), deadline);
+        std::this_thread::yield();
     }
     EXPECT_EQ(server.counters().requests, 0U);
     EXPECT_EQ(proxy.counters().open, 1U);
@@ -209,6 +212,7 @@ TEST_F(AFaultProxy, GoesOnWithoutFaultsWhereTheyCeaseInTheMiddle) {
     const auto deadline = Clock::now() + 10s;
     while (proxy.counters().delayed == 0) {
         ASSERT_LT(Clock::now(), deadline);
+        std::this_thread::yield();
     }
     proxy.cease();
     EXPECT_EQ(receive(socket, kAnswer.size()).bytes, kAnswer);

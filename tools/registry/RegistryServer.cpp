@@ -46,8 +46,12 @@ class RegistryServer::Impl {
             if (!acceptor_.is_open()) {
                 return;
             }
-            if (error) {
+            if (error == asio::error::no_descriptors ||
+                error == boost::system::errc::too_many_files_open_in_system) {
                 return acceptWithoutDescriptor();
+            }
+            if (error) {
+                return acceptLater();
             }
             if (shared_.connections.size() >= shared_.options.maxConnections) {
                 shared_.closeOldest();

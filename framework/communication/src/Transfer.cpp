@@ -140,9 +140,11 @@ std::unique_ptr<Request> Transfer::finish(CURLcode code) {
         context_.connections.remember(easy_.get());
     }
     curl_multi_remove_handle(context_.multi, easy_.get());
-    if (std::exchange(isOnStaleConnection_, false) &&
-        curl_multi_add_handle(context_.multi, easy_.get()) == CURLM_OK) {
-        return nullptr;
+    if (std::exchange(isOnStaleConnection_, false)) {
+        if (curl_multi_add_handle(context_.multi, easy_.get()) == CURLM_OK) {
+            return nullptr;
+        }
+        request_->status = CommunicationStatus::OutOfMemory;
     }
     return std::move(request_);
 }

@@ -32,6 +32,7 @@ void SingleThreadAsyncTaskExecutor::add(Task task) {
     state_->add(std::chrono::milliseconds(0), std::move(task));
 }
 
+// It does need memory here: a test without any is one with real threads.
 void SingleThreadAsyncTaskExecutor::add(Tasks&& tasks) noexcept {
     for (Task& task : tasks) {
         add(std::move(task));
