@@ -52,6 +52,7 @@ class JsonWriter {
             writeLeaf(text);
         }
     }
+    void write(std::int64_t number) { text_ += std::to_string(number); }
     template <typename Leaf>
     void write(const Leaf& leaf) {
         writeLeaf(leaf);

@@ -15,6 +15,8 @@
 #include <exception>
 #include <mutex>
 #include <new>
+#include <thread>
+#include <utility>
 
 namespace orvx::communication {
 
@@ -105,6 +107,7 @@ void HttpEngine::stop() {
 }
 
 void HttpEngine::run() {
+    bool hasYielded = false;
     while (isRunning()) {
         int ignored = 0;
         curl_multi_perform(context_.multi, &ignored);
@@ -113,8 +116,14 @@ void HttpEngine::run() {
         const auto now = Clock::now();
         const bool hasStarted = startRequests(now);
         callHandlers(now);
-        if (!hasStarted && inbox_->mayWait(context_.multi)) {
+        if (hasStarted) {
+            hasYielded = false;
+        } else if (!std::exchange(hasYielded, true)) {
+            // Others run first: what they leave before this thread sleeps costs them no wake-up.
+            std::this_thread::yield();
+        } else if (inbox_->mayWait(context_.multi)) {
             wait();
+            hasYielded = false;
         }
     }
     cleanUp();

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -27,27 +28,34 @@ void TaskThread::start(const std::string& name) {
 
 void TaskThread::add(Clock::time_point due, Task task) {
     // A task that is not taken is destroyed by the caller, after the lock was let go.
-    MutexLock lock(mutex_);
-    if (!takesTasks()) {
-        return;
+    bool isToWake = false;
+    {
+        MutexLock lock(mutex_);
+        if (!takesTasks()) {
+            return;
+        }
+        const auto number = added_++;
+        entries_.push_back({due, number, std::move(task)});
+        std::push_heap(entries_.begin(), entries_.end(), isLater);
+        isToWake = sleeping_ && entries_.front().number == number;
     }
-    const auto number = added_++;
-    entries_.push_back({due, number, std::move(task)});
-    std::push_heap(entries_.begin(), entries_.end(), isLater);
-    if (entries_.front().number == number) {
+    if (isToWake) {
         changed_.notify_one();
     }
 }
 
 void TaskThread::add(Tasks&& tasks) noexcept {
     // What is not taken stays the caller's.
-    MutexLock lock(mutex_);
-    if (takesTasks()) {
-        const bool wasEmpty = queue_.empty();
-        queue_.splice(queue_.end(), tasks);
-        if (wasEmpty) {
-            changed_.notify_one();
+    bool isToWake = false;
+    {
+        MutexLock lock(mutex_);
+        if (takesTasks()) {
+            isToWake = sleeping_ && queue_.empty();
+            queue_.splice(queue_.end(), tasks);
         }
+    }
+    if (isToWake) {
+        changed_.notify_one();
     }
 }
 
@@ -99,9 +107,17 @@ void TaskThread::halt(bool forEver) {
 
 void TaskThread::work() {
     MutexLock lock(mutex_);
+    bool hasYielded = false;
     while (running_) {
         if (!isOneDue()) {
-            wait(lock);
+            // Others run first: what they add before this thread sleeps costs them no wake-up.
+            if (std::exchange(hasYielded, !hasYielded)) {
+                wait(lock);
+            } else {
+                lock.unlock();
+                std::this_thread::yield();
+                lock.lock();
+            }
             continue;
         }
         Task task = takeFirst();
@@ -121,15 +137,18 @@ bool TaskThread::isOneDue() const {
 }
 
 void TaskThread::wait(MutexLock& lock) {
+    sleeping_ = true;
     if (entries_.empty()) {
         changed_.wait(lock.native());
+        sleeping_ = false;
         return;
     }
-    // The farthest due times are beyond what some systems can wait for. A copy: while it is waited
-    // for, the entry may move.
+    // The farthest due times are beyond what some systems can wait for. Woken at whole milliseconds
+    // only, the thread finds together what falls due one by one.
     const Clock::time_point until =
         std::min(entries_.front().due, Clock::now() + std::chrono::hours(24));
-    changed_.wait_until(lock.native(), until);
+    changed_.wait_until(lock.native(), std::chrono::ceil<std::chrono::milliseconds>(until));
+    sleeping_ = false;
 }
 
 TaskThread::Task TaskThread::takeFirst() {

@@ -14,9 +14,9 @@
 
 namespace orvx::utility {
 
-/// A thread that runs tasks one after another: first those without a due time, in the order in which
-/// they were added, then those that are due, in the order of their due times, and those with equal
-/// due times in the order in which they were added. With due times it is a timer, without a queue.
+/// A thread that runs tasks one after another: those without a due time (an executor's) in the
+/// order in which they were added, those with one (a timer's) in the order of their due times,
+/// equal ones as they were added.
 ///
 /// Always owned by a shared pointer: the thread keeps the object alive, so that a task may end it.
 /// Thread-safety: every operation may be called from any thread and from inside a task; start(),
@@ -73,6 +73,8 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     std::vector<Entry> entries_ ORVX_GUARDED_BY(mutex_);
     std::uint64_t added_ ORVX_GUARDED_BY(mutex_) = 0;
     bool running_ ORVX_GUARDED_BY(mutex_) = false;
+    /// The worker waits for a notification.
+    bool sleeping_ ORVX_GUARDED_BY(mutex_) = false;
     /// The worker has not left its loop. After a stop from inside a task it is still in there, and
     /// a start lets it go on.
     bool working_ ORVX_GUARDED_BY(mutex_) = false;

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -46,8 +47,9 @@ std::vector<std::string> timelessLinesOf(const std::function<void()>& work) {
 }
 
 /// The local time to the second.
+/// By the clock of the logger: std::time()'s begins its seconds a little later.
 std::string timeNow() {
-    const auto now = std::time(nullptr);
+    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::tm local{};
     localtime_r(&now, &local);
     std::array<char, 32> text{};

@@ -35,7 +35,8 @@ class ORVX_EXPORT QueuedTimer {
     /// runs. Throws std::system_error when the thread cannot be made.
     void start(const std::string& name);
 
-    /// Runs `task` once, `delay` from now. A negative delay means now; the largest one means never
+    /// Runs `task` once, `delay` from now or up to a millisecond later, so that tasks which fall
+    /// due close together need one wake-up. A negative delay means now; the largest one means never
     /// in practice. Dropped while the timer is stopped. Throws std::bad_alloc only.
     void addTask(std::chrono::milliseconds delay, Task task);
 

@@ -1,0 +1,87 @@
+// The whole library, from the call to the user's callback, with the listener set: registrations,
+// checks and withdrawals beside the same requests through libcurl alone.
+// The main thread asks and waits; callbacks run on the client's callback thread and only count.
+// Usage: orvx_bench_client [ROUNDS [SERVICES]]
+
+#include "ClientLoad.h"
+#include "Measure.h"
+#include "RunningContext.h"
+#include "ServerProcess.h"
+#include "Yardsticks.h"
+
+#include <array>
+#include <chrono>
+#include <optional>
+
+namespace orvx::benchmarks {
+
+namespace {
+
+/// Ratios of one round: registration, check, withdrawal.
+using Round = std::array<double, 3>;
+
+class ClientBenchmark {
+  public:
+    explicit ClientBenchmark(std::size_t services) : requests_(services) {
+        context_.client().addServiceRegisterStatusListener(
+            [this](const auto&, bool) { ++notifications_; });
+    }
+
+    /// Empty when the machine was so busy that the first check began too early or the second one
+    /// before the end: then other work is in the figures.
+    std::optional<Round> measure() {
+        ClientLoad load(context_.client(), server_.port());
+        const double put = yardsticks_.curl(Method::Put);
+        const double head = yardsticks_.curl(Method::Head);
+        const std::uint64_t heads = server_.heads() + requests_.size();
+        const double registration = cost([&] { load.registerAll(requests_.services); });
+        const double registered = registration / ((put + yardsticks_.curl(Method::Put)) / 2);
+        const double deletion = yardsticks_.curl(Method::Delete);
+        const bool isQuiet = server_.heads() + requests_.size() == heads;
+        const double check = cost([&] { server_.waitForHeads(heads); });
+        const double withdrawal = cost([&] { load.withdrawAll(); });
+        const bool isWhole = server_.heads() == heads;
+        const double checked = check / ((head + yardsticks_.curl(Method::Head)) / 2);
+        const double withdrawn = withdrawal / ((deletion + yardsticks_.curl(Method::Delete)) / 2);
+        return isQuiet && isWhole ? std::optional(Round{registered, checked, withdrawn})
+                                  : std::nullopt;
+    }
+
+  private:
+    double cost(const std::function<void()>& work) const {
+        return cpuPer(requests_.size(), [&work] {
+            work();
+            settleHeap();
+        });
+    }
+
+    ServerProcess server_;
+    const Requests requests_;
+    const Yardsticks yardsticks_{server_.port(), kConnections, requests_};
+    std::size_t notifications_ = 0;
+    RunningContext context_{std::chrono::seconds(1)};
+};
+
+}  // namespace
+
+}  // namespace orvx::benchmarks
+
+int main(int argc, char** argv) {
+    using namespace orvx::benchmarks;
+    const std::size_t rounds = argument(argc, argv, 1, 11);
+    useFirstProcessor();
+    ClientBenchmark benchmark(argument(argc, argv, 2, 1000));
+    benchmark.measure();  // Opens connections.
+    std::array<std::vector<double>, 3> ratios;
+    for (std::size_t tries = 0; ratios[0].size() < rounds; ++tries) {
+        require(tries < 3 * rounds + 10, "the machine is too busy");
+        if (const auto round = benchmark.measure()) {
+            for (std::size_t i = 0; i < ratios.size(); ++i) {
+                ratios[i].push_back((*round)[i]);
+            }
+        }
+    }
+    Line("registration").add("ratio", ratios[0]).print();
+    Line("check").add("ratio", ratios[1]).print();
+    Line("withdrawal").add("ratio", ratios[2]).print();
+}

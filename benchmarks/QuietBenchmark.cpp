@@ -1,0 +1,59 @@
+// Whether a process with 1,000 registered services sleeps between checks: how often a thread of the
+// library's stops running, which it can do only when it has been running, while nothing is due.
+// The main thread only sleeps.
+// Usage: orvx_bench_quiet [ROUNDS]
+
+#include "ClientLoad.h"
+#include "Measure.h"
+#include "Process.h"
+#include "RunningContext.h"
+#include "ServerProcess.h"
+
+#include <thread>
+
+namespace orvx::benchmarks {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr std::size_t kServices = 1000;
+constexpr seconds kCheckInterval(4);
+constexpr milliseconds kRest(500);
+constexpr seconds kWindow(2);
+
+/// From some time after a burst on.
+double wakeUps() {
+    std::this_thread::sleep_for(kRest);
+    const std::uint64_t before = switchesOfOtherThreads();
+    std::this_thread::sleep_for(kWindow);
+    return static_cast<double>(switchesOfOtherThreads() - before);
+}
+
+std::vector<double> measure(std::size_t rounds) {
+    std::vector<double> windows;
+    ServerProcess server;
+    RunningContext context(kCheckInterval);
+    ClientLoad load(context.client(), server.port());
+    load.registerAll(Requests(kServices).services);
+    windows.push_back(wakeUps());
+    for (std::size_t round = 1; round < rounds; ++round) {
+        server.waitForHeads(round * kServices);
+        windows.push_back(wakeUps());
+        require(server.heads() == round * kServices, "a check came into the window");
+    }
+    return windows;
+}
+
+}  // namespace
+
+}  // namespace orvx::benchmarks
+
+int main(int argc, char** argv) {
+    using namespace orvx::benchmarks;
+    Line("wake-ups in 2 s without a check")
+        .add("count", measure(argument(argc, argv, 1, 4)))
+        .print();
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "Connection.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace orvx::benchmarks {
+
+/// A registry that costs next to nothing and remembers nothing: PUT is answered with 201 and a
+/// location made of the last segment of its path, DELETE with 200, HEAD with 200, or with 404 while
+/// it acts as if it had lost everything.
+///
+/// Its orders: GET /lose and GET /found; GET /heads/N, which is answered when it has got N HEADs;
+/// GET /counts, which is answered with the numbers of PUTs, HEADs and DELETEs.
+class Server {
+  public:
+    /// Listens at a free port of 127.0.0.1.
+    Server();
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    /// Until standard input is at its end.
+    void run();
+
+  private:
+    void watch(int descriptor) const;
+    void accept();
+    void serve(int socket);
+    void answer(const Connection& connection, std::string_view request);
+    void answerPut(const Connection& connection, std::string_view path);
+    void answerHead(const Connection& connection);
+    void answerOrder(const Connection& connection, std::string_view path);
+    void answerText(const Connection& connection, const std::string& text) const;
+
+    int listener_;
+    int epoll_;
+    std::uint16_t port_ = 0;
+    std::unordered_map<int, Connection> connections_;
+    std::string answer_;
+    bool hasLost_ = false;
+    std::uint64_t puts_ = 0;
+    std::uint64_t heads_ = 0;
+    std::uint64_t deletes_ = 0;
+    const Connection* waiting_ = nullptr;
+    std::uint64_t awaitedHeads_ = 0;
+};
+
+}  // namespace orvx::benchmarks

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <orvx/common/ServiceInfo.h>
+
+#include <chrono>
+#include <cstdint>
+
+namespace orvx::benchmarks {
+
+/// Connections of everything that is not said to have another number.
+inline constexpr std::size_t kConnections = 16;
+
+common::ServiceInfo registryAt(std::uint16_t port);
+
+/// A context in use. It logs errors only, and its time-outs are longer than any benchmark: the
+/// check state is one for all services, so that a single passed head time-out would end checks.
+class RunningContext {
+  public:
+    explicit RunningContext(std::chrono::seconds checkInterval);
+
+    serviceregistryclient::IOrvServiceRegistryClient& client() {
+        return *context_.getServiceRegistryClient();
+    }
+
+  private:
+    serviceregistryclient::OrvServiceRegistryContext context_;
+};
+
+}  // namespace orvx::benchmarks

@@ -1,0 +1,87 @@
+// Starts the benchmark server, which lies beside the program that runs, and gives it orders over a
+// connection of its own.
+// One thread, no lock.
+
+#include "ServerProcess.h"
+
+#include "Measure.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+
+namespace orvx::benchmarks {
+
+namespace {
+
+[[noreturn]] void becomeServer(const std::string& program, int input, int output) {
+    useLastProcessor();
+    ::dup2(input, STDIN_FILENO);
+    ::dup2(output, STDOUT_FILENO);
+    ::execl(program.c_str(), program.c_str(), nullptr);
+    ::_exit(127);
+}
+
+int connectTo(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    require(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
+            "the benchmark server cannot be reached");
+    return socket;
+}
+
+}  // namespace
+
+ServerProcess::ServerProcess() {
+    const auto program =
+        std::filesystem::read_symlink("/proc/self/exe").replace_filename("orvx_bench_server");
+    std::array<int, 2> input{};
+    std::array<int, 2> output{};
+    require(::pipe2(input.data(), O_CLOEXEC) == 0 && ::pipe2(output.data(), O_CLOEXEC) == 0,
+            "no pipe");
+    process_ = ::fork();
+    if (process_ == 0) {
+        becomeServer(program, input[0], output[1]);
+    }
+    ::close(input[0]);
+    ::close(output[1]);
+    end_ = input[1];
+    std::array<char, 16> line{};
+    require(::read(output[0], line.data(), line.size() - 1) > 0, "the server does not start");
+    ::close(output[0]);
+    port_ = static_cast<std::uint16_t>(std::stoul(line.data()));
+    socket_ = connectTo(port_);
+}
+
+ServerProcess::~ServerProcess() {
+    ::close(socket_);
+    ::close(end_);
+    ::waitpid(process_, nullptr, 0);
+}
+
+std::uint64_t ServerProcess::heads() {
+    const std::string counts = ask("/counts");
+    return std::stoull(counts.substr(counts.find(' ')));
+}
+
+/// The answer's body; an answer comes in one piece.
+std::string ServerProcess::ask(const std::string& path) const {
+    const std::string request = "GET " + path + " HTTP/1.1\r\n\r\n";
+    std::array<char, 512> answer{};
+    require(::send(socket_, request.data(), request.size(), 0) > 0, "no order can be given");
+    const auto size = ::recv(socket_, answer.data(), answer.size(), 0);
+    require(size > 0, "the server has gone");
+    const std::string text(answer.data(), static_cast<std::size_t>(size));
+    return text.substr(text.find("\r\n\r\n") + 4);
+}
+
+}  // namespace orvx::benchmarks

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+namespace orvx::benchmarks {
+
+/// The benchmark server, on a processor of its own, as long as this object lives.
+class ServerProcess {
+  public:
+    ServerProcess();
+    ~ServerProcess();
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+
+    std::uint16_t port() const { return port_; }
+
+    /// From here on, or up to here, it acts as if it had lost every entry.
+    void lose() { ask("/lose"); }
+    void find() { ask("/found"); }
+    /// HEADs so far.
+    std::uint64_t heads();
+    /// Blocks until it has got so many HEADs in all. Needs no processor time.
+    void waitForHeads(std::uint64_t count) { ask("/heads/" + std::to_string(count)); }
+
+  private:
+    std::string ask(const std::string& path) const;
+
+    pid_t process_ = 0;
+    int end_ = -1;
+    int socket_ = -1;
+    std::uint16_t port_ = 0;
+};
+
+}  // namespace orvx::benchmarks
