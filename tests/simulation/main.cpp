@@ -10,14 +10,14 @@ using namespace orvx::simulation;
 namespace {
 
 /// Says what differs, and how to see it again; true when nothing does.
-bool check(std::uint64_t seed, const History& history) {
+bool check(const std::string& program, std::uint64_t seed, const History& history) {
     const Options options = optionsOf(seed);
     if (play(options, history).empty()) {
         return true;
     }
     const History shorter = shortened(options, history);
-    std::cerr << "seed " << seed << ": " << play(options, shorter) << "\nreplay with: --first "
-              << seed << " --replay '" << textOf(shorter) << "'\n";
+    std::cerr << "seed " << seed << ": " << play(options, shorter) << "\nagain with: " << program
+              << " --first " << seed << " --replay '" << textOf(shorter) << "'\n";
     return false;
 }
 
@@ -36,10 +36,10 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     if (!replay.empty()) {
-        return check(first, historyFrom(replay)) ? 0 : 1;
+        return check(argv[0], first, historyFrom(replay)) ? 0 : 1;
     }
     for (std::uint64_t seed = first; seed < first + seeds; ++seed) {
-        if (!check(seed, historyOf(seed, events))) {
+        if (!check(argv[0], seed, historyOf(seed, events))) {
             return 1;
         }
     }
