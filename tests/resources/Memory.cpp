@@ -88,6 +88,10 @@ void* operator new(std::size_t size) {
     return block;
 }
 
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return orvx::testing::mustFail() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
 void operator delete(void* block) noexcept {
     std::free(block);
 }
