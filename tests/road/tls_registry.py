@@ -9,6 +9,7 @@ over TLS or in plain text, is printed: "saw PUT /lamp."
 """
 
 import os
+import select
 import signal
 import socket
 import ssl
@@ -188,6 +189,12 @@ def ask_to_turn(to):
         turn_if_asked()
 
 
+def await_connection():
+    """A signal that comes just before is not slept over: it has made something readable."""
+    while listener not in select.select([listener, awoken], [], [])[0]:
+        awoken.recv(4096)
+
+
 def turn_if_asked():
     global wanted
     if wanted:
@@ -217,10 +224,14 @@ current, entries, turns, held, cut = fault, set(), [], [], 0
 wanted, busy = None, False
 signal.signal(signal.SIGUSR1, lambda *_: ask_to_turn("None"))
 signal.signal(signal.SIGUSR2, lambda *_: ask_to_turn(fault))
+awoken, awake = socket.socketpair()
+awake.setblocking(False)
+signal.set_wakeup_fd(awake.fileno())
 threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
 listener = socket.create_server(("127.0.0.1", 0))
 print(f"port {listener.getsockname()[1]}.", flush=True)
 while True:
+    await_connection()
     with listener.accept()[0] as accepted:
         busy = True
         try:
