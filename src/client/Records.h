@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace orvx::serviceregistryclient {
 
@@ -40,8 +41,9 @@ struct OrvServiceRegistryClient::RegistrationData {
     std::unique_ptr<CallbackList> unregisterCallbacks;
     std::uint32_t state = CREATED;
     bool wasRegistered = false;
-    /// The request ids that lead here, and its place in the index; kept by the table.
-    std::set<std::uint64_t> ids;
+    /// The request ids that lead here, in ascending order, and its place in the index; kept by the
+    /// table.
+    std::vector<std::uint64_t> ids;
     std::optional<RegistryIdIndex::iterator> place;
 
     /// Leaves the list, if there is one, empty.

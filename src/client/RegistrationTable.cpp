@@ -4,7 +4,22 @@
 // memory.
 #include "RegistrationTable.h"
 
+#include <algorithm>
+
 namespace orvx::serviceregistryclient {
+
+void OrvServiceRegistryClient::RegistrationTable::addId(RegistrationData& record,
+                                                        std::uint64_t id) {
+    const auto place = std::lower_bound(record.ids.begin(), record.ids.end(), id);
+    if (place == record.ids.end() || *place != id) {
+        record.ids.insert(place, id);
+    }
+}
+
+void OrvServiceRegistryClient::RegistrationTable::removeId(RegistrationData& record,
+                                                           std::uint64_t id) noexcept {
+    record.ids.erase(std::lower_bound(record.ids.begin(), record.ids.end(), id));
+}
 
 OrvServiceRegistryClient::RegistrationTable::Record
 OrvServiceRegistryClient::RegistrationTable::find(std::uint64_t id) const {
@@ -21,7 +36,7 @@ OrvServiceRegistryClient::RegistrationTable::findByRegistryId(const std::string&
 
 void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, const Record& record) {
     RegistrationData& added = *record;
-    added.ids.insert(id);
+    addId(added, id);
     const common::ServiceCreate& service = *added.requestContainer->serviceCreate;
     Entry entry = service.hasId() ? makeEntry(added, service.getId()) : Entry();
     records_.emplace(id, record);
@@ -30,11 +45,11 @@ void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, const
 
 OrvServiceRegistryClient::RegistrationTable::Record
 OrvServiceRegistryClient::RegistrationTable::lead(std::uint64_t id, const Record& target) {
-    target->ids.insert(id);
+    addId(*target, id);
     Record previous = std::exchange(records_.find(id)->second, target);
     if (previous != target) {
         Entry entry = takeEntry(*previous);
-        previous->ids.erase(id);
+        removeId(*previous, id);
         index(*previous, std::move(entry));
     }
     index(*target, takeEntry(*target));
@@ -45,7 +60,7 @@ void OrvServiceRegistryClient::RegistrationTable::erase(std::uint64_t id) noexce
     const auto found = records_.find(id);
     RegistrationData& record = *found->second;
     Entry entry = takeEntry(record);
-    record.ids.erase(id);
+    removeId(record, id);
     index(record, std::move(entry));
     records_.erase(found);
 }
@@ -75,7 +90,7 @@ void OrvServiceRegistryClient::RegistrationTable::describe(RequestContainer& req
 OrvServiceRegistryClient::RegistrationTable::Entry
 OrvServiceRegistryClient::RegistrationTable::makeEntry(const RegistrationData& record,
                                                        const std::string& registryId) {
-    RegistryIdIndex made{{registryId, *record.ids.begin()}};
+    RegistryIdIndex made{{registryId, record.ids.front()}};
     return made.extract(made.begin());
 }
 
@@ -95,7 +110,7 @@ void OrvServiceRegistryClient::RegistrationTable::index(RegistrationData& record
     }
     record.requestContainer->record = &record;
     if (entry) {
-        entry.value().second = *record.ids.begin();
+        entry.value().second = record.ids.front();
         record.place = byRegistryId_.insert(std::move(entry)).position;
     }
 }

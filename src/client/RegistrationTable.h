@@ -43,6 +43,8 @@ class OrvServiceRegistryClient::RegistrationTable {
   private:
     using Entry = RegistryIdIndex::node_type;
 
+    static void addId(RegistrationData& record, std::uint64_t id);
+    static void removeId(RegistrationData& record, std::uint64_t id) noexcept;
     static Entry makeEntry(const RegistrationData& record, const std::string& registryId);
     Entry takeEntry(RegistrationData& record) noexcept;
     void index(RegistrationData& record, Entry entry) noexcept;

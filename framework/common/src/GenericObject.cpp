@@ -5,6 +5,8 @@
 
 #include <orvx/common/GenericObject.h>
 
+#include <algorithm>
+
 namespace orvx::common {
 
 using utility::MutexLock;
@@ -13,12 +15,74 @@ namespace {
 
 /// The value under `key` if it is a T, else null.
 template <typename T>
-const T* findAs(const GenericObjectValue::Object& values, const std::string& key) {
-    const auto found = values.find(key);
-    return found == values.end() ? nullptr : std::get_if<T>(&found->second.data());
+const T* findAs(const GenericObjectMembers& values, const std::string& key) {
+    const GenericObjectValue* const found = values.find(key);
+    return found == nullptr ? nullptr : std::get_if<T>(&found->data());
 }
 
 }  // namespace
+
+GenericObjectMembers::GenericObjectMembers(std::initializer_list<Member> members) {
+    for (const auto& [key, value] : members) {
+        (*this)[key] = value;
+    }
+}
+
+GenericObjectValue& GenericObjectMembers::operator[](const std::string& key) {
+    const std::size_t place = placeOf(key);
+    if (!isAt(place, key)) {
+        Member added(key, GenericObjectValue());
+        if (members_.size() == members_.capacity()) {
+            // A vector that doubles would leave half of the memory unused.
+            members_.reserve(members_.size() + std::max<std::size_t>(4, members_.size() / 4));
+        }
+        members_.insert(members_.begin() + static_cast<std::ptrdiff_t>(place), std::move(added));
+    }
+    return members_[place].second;
+}
+
+const GenericObjectValue* GenericObjectMembers::find(const std::string& key) const {
+    const std::size_t place = placeOf(key);
+    return isAt(place, key) ? &members_[place].second : nullptr;
+}
+
+GenericObjectValue GenericObjectMembers::extract(const std::string& key) {
+    const std::size_t place = placeOf(key);
+    if (!isAt(place, key)) {
+        return {};
+    }
+    GenericObjectValue extracted = std::move(members_[place].second);
+    members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(place));
+    return extracted;
+}
+
+bool GenericObjectMembers::empty() const {
+    return members_.empty();
+}
+
+const GenericObjectMembers::Member* GenericObjectMembers::begin() const {
+    return members_.data();
+}
+
+const GenericObjectMembers::Member* GenericObjectMembers::end() const {
+    return members_.data() + members_.size();
+}
+
+bool GenericObjectMembers::operator==(const GenericObjectMembers& other) const {
+    return members_ == other.members_;
+}
+
+/// Where `key` is or belongs.
+std::size_t GenericObjectMembers::placeOf(const std::string& key) const {
+    const auto found = std::lower_bound(
+        members_.begin(), members_.end(), key,
+        [](const Member& member, const std::string& wanted) { return member.first < wanted; });
+    return static_cast<std::size_t>(found - members_.begin());
+}
+
+bool GenericObjectMembers::isAt(std::size_t place, const std::string& key) const {
+    return place < members_.size() && members_[place].first == key;
+}
 
 GenericObjectValue::GenericObjectValue(const std::vector<std::string>& texts)
     : data_(List(texts.begin(), texts.end())) {}
@@ -29,9 +93,9 @@ GenericObject::GenericObject(const GenericObject& other) : values_(other.copyOfV
 
 GenericObject& GenericObject::operator=(const GenericObject& other) {
     // One lock after the other: two objects that are assigned to each other never hold both.
-    GenericObjectValue::Object values = other.copyOfValues();
+    GenericObjectMembers values = other.copyOfValues();
     MutexLock lock(mutex_);
-    values_.swap(values);
+    std::swap(values_, values);
     return *this;
 }
 
@@ -39,13 +103,13 @@ GenericObject::~GenericObject() = default;
 
 bool GenericObject::hasValue(const std::string& key) const {
     MutexLock lock(mutex_);
-    return values_.count(key) != 0;
+    return values_.find(key) != nullptr;
 }
 
 std::optional<GenericObjectValue> GenericObject::getValue(const std::string& key) const {
     MutexLock lock(mutex_);
-    const auto found = values_.find(key);
-    return found == values_.end() ? std::nullopt : std::make_optional(found->second);
+    const GenericObjectValue* const found = values_.find(key);
+    return found == nullptr ? std::nullopt : std::make_optional(*found);
 }
 
 std::string GenericObject::getText(const std::string& key) const {
@@ -73,12 +137,12 @@ void GenericObject::setValue(const std::string& key, GenericObjectValue value) {
 }
 
 void GenericObject::removeValue(const std::string& key) {
-    GenericObjectValue::Object::node_type removed;
+    GenericObjectValue removed;
     MutexLock lock(mutex_);
     removed = values_.extract(key);
 }
 
-GenericObjectValue::Object GenericObject::copyOfValues() const {
+GenericObjectMembers GenericObject::copyOfValues() const {
     MutexLock lock(mutex_);
     return values_;
 }

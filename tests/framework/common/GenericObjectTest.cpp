@@ -25,7 +25,8 @@ TEST(TheGenericObjectValue, KeepsTheTypeItWasMadeFrom) {
     EXPECT_EQ(std::get<std::string>(Value("literal").data()), "literal");
     EXPECT_EQ(std::get<std::string>(Value(std::string("text")).data()), "text");
     EXPECT_EQ(std::get<Value::List>(Value(Value::List{1, "two"}).data()).size(), 2U);
-    EXPECT_EQ(std::get<Value::Object>(Value(Value::Object{{"key", 1}}).data()).count("key"), 1U);
+    const Value object(Value::Object{{"key", 1}});
+    EXPECT_EQ(*std::get<Value::Object>(object.data()).find("key"), Value(1));
 }
 
 TEST(TheGenericObjectValue, MakesAListOfTexts) {
@@ -49,6 +50,52 @@ TEST(TheGenericObjectValue, IsCopiedWithAllThatIsInIt) {
     const Value copy(original);
     original = Value(Value::List{});
     EXPECT_EQ(copy, Value(Value::List{Value::Object{{"key", "before"}}}));
+}
+
+/// The keys as they are met.
+Texts keysOf(const GenericObjectMembers& members) {
+    Texts keys;
+    for (const auto& member : members) {
+        keys.push_back(member.first);
+    }
+    return keys;
+}
+
+TEST(TheMembersOfAGenericObject, AreInTheOrderOfTheirKeysHoweverTheyWereAdded) {
+    GenericObjectMembers members{{"d", 1}, {"b", 2}};
+    for (const char* const key : {"e", "a", "c", "", "b"}) {
+        members[key] = key;
+    }
+    EXPECT_EQ(keysOf(members), (Texts{"", "a", "b", "c", "d", "e"}));
+    EXPECT_EQ(*members.find("b"), Value("b"));
+    EXPECT_EQ(*members.find("d"), Value(1));
+}
+
+TEST(TheMembersOfAGenericObject, AreThereOnce) {
+    const GenericObjectMembers members{{"a", 1}, {"b", 2}, {"a", 3}};
+    EXPECT_EQ(keysOf(members), (Texts{"a", "b"}));
+    EXPECT_EQ(*members.find("a"), Value(3)) << "the last one counts";
+}
+
+TEST(TheMembersOfAGenericObject, AreGivenBackWhenTheyAreTakenOut) {
+    GenericObjectMembers members{{"a", 1}, {"b", 2}};
+    EXPECT_EQ(members.extract("a"), Value(1));
+    EXPECT_EQ(members.extract("a"), Value());
+    EXPECT_EQ(members.extract("c"), Value());
+    EXPECT_EQ(members.find("a"), nullptr);
+    EXPECT_FALSE(members.empty());
+    EXPECT_EQ(members.extract("b"), Value(2));
+    EXPECT_TRUE(members.empty());
+}
+
+TEST(TheMembersOfAGenericObject, MayBeMany) {
+    GenericObjectMembers members;
+    for (int i = 999; i >= 0; --i) {
+        members[std::to_string(i)] = i;
+    }
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(*members.find(std::to_string(i)), Value(i));
+    }
 }
 
 TEST(TheGenericObject, HasNoValuesAtFirst) {

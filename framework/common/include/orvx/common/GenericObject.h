@@ -5,21 +5,54 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <iosfwd>
-#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
 namespace orvx::common {
+
+class GenericObjectValue;
+
+/// Values by key, in ascending order of the keys, in one block of memory: for the few that an
+/// object has that is small and fast. A value type; no thread-safety of its own.
+class ORVX_EXPORT GenericObjectMembers {
+  public:
+    using Member = std::pair<std::string, GenericObjectValue>;
+
+    GenericObjectMembers() = default;
+    /// Of several with one key the last one counts.
+    GenericObjectMembers(std::initializer_list<Member> members);
+
+    /// The value under `key`, added as null when there is none.
+    GenericObjectValue& operator[](const std::string& key);
+    /// Null when there is none; valid until the next change.
+    const GenericObjectValue* find(const std::string& key) const;
+    /// Takes the value out; null when there is none.
+    GenericObjectValue extract(const std::string& key);
+
+    bool empty() const;
+    const Member* begin() const;
+    const Member* end() const;
+
+    bool operator==(const GenericObjectMembers& other) const;
+
+  private:
+    std::size_t placeOf(const std::string& key) const;
+    bool isAt(std::size_t place, const std::string& key) const;
+
+    std::vector<Member> members_;
+};
 
 /// A value of one of the JSON types. A value type: copies are deep. Copying, comparing and writing
 /// recurse: keep the nesting below a thousand levels.
 class ORVX_EXPORT GenericObjectValue {
   public:
     using List = std::vector<GenericObjectValue>;
-    using Object = std::map<std::string, GenericObjectValue>;
+    using Object = GenericObjectMembers;
     using Data =
         std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, List, Object>;
 
@@ -73,10 +106,10 @@ class ORVX_EXPORT GenericObject {
     void toJSONStream(std::ostream& stream, bool pretty) const;
 
   private:
-    GenericObjectValue::Object copyOfValues() const;
+    GenericObjectMembers copyOfValues() const;
 
     mutable utility::Mutex mutex_;
-    GenericObjectValue::Object values_ ORVX_GUARDED_BY(mutex_);
+    GenericObjectMembers values_ ORVX_GUARDED_BY(mutex_);
 };
 
 }  // namespace orvx::common
