@@ -23,8 +23,10 @@ bool isPlain(const std::string& text) {
 /// own lists and objects need memory when they are destroyed, and end the process where there is
 /// none.
 class JsonWriter {
+    static constexpr std::size_t kUsualSize = 512;
+
   public:
-    explicit JsonWriter(bool pretty) : pretty_(pretty) {}
+    explicit JsonWriter(bool pretty) : pretty_(pretty) { text_.reserve(kUsualSize); }
 
     /// Throws a std::exception for a text that is not valid UTF-8.
     void write(const GenericObjectValue& value) {
