@@ -56,6 +56,7 @@ class ORVX_EXPORT IOrvServiceRegistryClient {
     /// stopped being registered (false). The description is the live one: read it, at any time and
     /// from any thread, but do not change it.
     using StatusListener = std::function<void(std::shared_ptr<const common::ServiceModel>, bool)>;
+    /// Descriptions to be registered together; the same object counts once.
     using ServiceSet = std::unordered_set<std::shared_ptr<common::ServiceCreate>>;
 
     virtual ~IOrvServiceRegistryClient();

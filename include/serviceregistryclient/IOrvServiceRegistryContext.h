@@ -37,6 +37,7 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     /// client.
     virtual void deinit() = 0;
 
+    /// Whether there is a client: after init(), before deinit().
     virtual bool isInitiated() = 0;
 
     /// The client, owned by the context and valid until deinit().
@@ -45,36 +46,44 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
 
     /// Whether a registration that got no answer is tried again. Default: true.
     virtual void enableRetry(bool enable) = 0;
+    /// What enableRetry() set.
     virtual bool isRetryEnabled() const = 0;
 
     /// Whether, besides, a registration answered with one of the status codes below is tried again.
     /// Default: false.
     virtual void enableRetryOnHttpStatus(bool enable) = 0;
+    /// What enableRetryOnHttpStatus() set.
     virtual bool isRetryOnHttpStatusEnabled() const = 0;
 
     /// Default: 500, 503 and 504. The set is copied; an empty one is allowed.
     virtual void setHttpStatusCodesForRetry(
         const std::set<communication::HttpResponse::StatusCode>& statusCodes) = 0;
+    /// What setHttpStatusCodesForRetry() set; valid until it is called again or the context
+    /// ends.
     virtual const std::set<communication::HttpResponse::StatusCode>& getHttpStatusCodesForRetry()
         const = 0;
 
     /// Whether the entry of each registered service is checked periodically and made again when the
     /// registry has lost it. Default: true.
     virtual void enableCheck(bool enable) = 0;
+    /// What enableCheck() set.
     virtual bool isCheckEnabled() const = 0;
 
     /// From an answer to the next check; also the delay between attempts to register a lost service
     /// again. Zero and less mean at once. Default: 10 s.
     virtual void setCheckInterval(std::chrono::seconds interval) = 0;
+    /// What setCheckInterval() set.
     virtual std::chrono::seconds getCheckInterval() const = 0;
 
     /// The delay before each retry where retries are limited, and the step of the back-off (doubled
     /// up to four times) where they are not. Zero and less mean at once. Default: 500 ms.
     virtual void setRetryInterval(std::chrono::milliseconds interval) = 0;
+    /// What setRetryInterval() set.
     virtual std::chrono::milliseconds getRetryInterval() const = 0;
 
     /// How often a registration is tried again; 0 means without limit. Default: 0.
     virtual void setInitialMaxRetryCount(std::uint16_t count) = 0;
+    /// What setInitialMaxRetryCount() set.
     virtual std::uint16_t maxRetryCount() const = 0;
 };
 

@@ -6,6 +6,8 @@
 #include "ChildProcess.h"
 #include "RoadTest.h"
 
+#include <orvx/utility/OrvFoundationException.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -154,11 +156,40 @@ TEST_F(Tls, IgnoresTheProxyOfTheEnvironment) {
     }
 }
 
-TEST_F(Tls, EndsWithoutTheFileOfAuthorities) {
-    const TlsRegistry registry;
+TEST_F(Tls, IsNotBegunWithoutTheFileOfAuthorities) {
     communication::TlsConfig tls = enabled();
-    tls.authorityFile = registry.file("missing.pem");
-    EXPECT_EQ(outcomeWith(tls, registry), "TLS_FAILED");
+    tls.authorityFile = "/missing/authority.pem";
+    try {
+        start(tls);
+        FAIL() << "nobody noticed";
+    } catch (const utility::OrvFoundationException& mistake) {
+        EXPECT_STREQ(mistake.what(),
+                     "HttpConfig::tls.authorityFile: /missing/authority.pem cannot be read: "
+                     "No such file or directory.");
+    }
+}
+
+TEST_F(Tls, EndsWhileTheFileOfAuthoritiesIsMissing) {
+    const TlsRegistry registry;
+    const std::string file = registry.file("authority.pem");
+    start(trusting(registry));
+    std::filesystem::rename(file, file + ".away");
+    EXPECT_EQ(outcomeOfPut(registry.address(), "lamp"), "TLS_FAILED");
+    std::filesystem::rename(file + ".away", file);
+    EXPECT_EQ(outcomeOfPut(registry.address(), "lamp"), "OK");
+}
+
+TEST_F(Tls, AsksNobodyForThePasswordOfAKeyThatGotOne) {
+    const TlsRegistry registry;
+    start(identifiedTo(registry));
+    const std::string key = registry.file("client.key");
+    const auto made =
+        registry::ChildProcess("/usr/bin/openssl", {"pkcs8", "-topk8", "-in", key, "-out",
+                                                    key + ".new", "-passout", "pass:secret"})
+            .wait();
+    ASSERT_EQ(made.status, 0) << made.errors;
+    std::filesystem::rename(key + ".new", key);
+    EXPECT_EQ(outcomeOfPut(registry.address(), "lamp"), "TLS_FAILED");
 }
 
 TEST_F(Tls, EndsWithoutTheClientsOwnCertificate) {

@@ -1,27 +1,79 @@
-// Counts requests by the way they ended, and how long the answered ones took.
+// Counts requests by their methods and the way they ended, and how long the answered ones took.
 // Entered by any thread. `mutex_` is a leaf lock: nothing is called under it.
 
 #include <orvx/communication/ClientStatistics.h>
 
 #include <algorithm>
+#include <new>
 
 namespace orvx::communication {
 
 using utility::MutexLock;
 
-ClientStatistics::Snapshot ClientStatistics::snapshot() const {
-    MutexLock lock(mutex_);
-    return counted_;
+namespace {
+
+bool isGood(const ClientStatistics::Outcome& outcome) {
+    return outcome.status == CommunicationStatus::Ok && outcome.httpStatus / 100 == 2;
 }
 
-void ClientStatistics::record(CommunicationStatus status, std::chrono::nanoseconds latency) {
-    MutexLock lock(mutex_);
-    ++counted_.byStatus[status];
-    ++counted_.completed;
-    if (status == CommunicationStatus::Ok) {
-        counted_.totalLatency += latency;
-        counted_.longestLatency = std::max(counted_.longestLatency, latency);
+// What may throw comes first.
+void count(ClientStatistics::OfMethod& method, const ClientStatistics::Outcome& outcome,
+           std::chrono::system_clock::time_point now) {
+    std::uint64_t& ofStatus = method.byStatus[outcome.status];
+    if (outcome.httpStatus != 0) {
+        ++method.byHttpStatus[outcome.httpStatus];
     }
+    ++ofStatus;
+    ++method.completed;
+    method.repeated += outcome.repeated;
+    method.last = {outcome.status, outcome.httpStatus, now};
+    if (isGood(outcome)) {
+        method.lastGood = now;
+    }
+}
+
+}  // namespace
+
+ClientStatistics::Snapshot ClientStatistics::snapshot() const {
+    Snapshot snapshot;
+    {
+        MutexLock lock(mutex_);
+        snapshot = counted_;
+    }
+    for (const auto& [method, counted] : snapshot.byMethod) {
+        snapshot.completed += counted.completed;
+        for (const auto& [status, count] : counted.byStatus) {
+            snapshot.byStatus[status] += count;
+        }
+    }
+    return snapshot;
+}
+
+void ClientStatistics::record(const Outcome& outcome) noexcept {
+    const auto now = std::chrono::system_clock::now();
+    MutexLock lock(mutex_);
+    try {
+        count(counted_.byMethod.at(outcome.method), outcome, now);
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+    if (outcome.status == CommunicationStatus::Ok) {
+        counted_.totalLatency += outcome.latency;
+        counted_.longestLatency = std::max(counted_.longestLatency, outcome.latency);
+    }
+}
+
+const char* methodToString(ClientStatistics::Method method) noexcept {
+    // Without a default: the compiler names a method that is missing here.
+    switch (method) {
+        case ClientStatistics::Method::Put:
+            return "PUT";
+        case ClientStatistics::Method::Head:
+            return "HEAD";
+        case ClientStatistics::Method::Delete:
+            return "DELETE";
+    }
+    return "";
 }
 
 }  // namespace orvx::communication

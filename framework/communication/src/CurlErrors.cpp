@@ -12,6 +12,7 @@ CommunicationStatus statusOf(CURLcode code) noexcept {
         case CURLE_URL_MALFORMAT:
             return CommunicationStatus::InvalidRequest;
         case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
             return CommunicationStatus::ResolveFailed;
         case CURLE_COULDNT_CONNECT:
             return CommunicationStatus::ConnectFailed;

@@ -3,10 +3,10 @@
 
 #include "EndpointCheck.h"
 
-#include "RequestTarget.h"
+#include "Require.h"
 
 #include <curl/curl.h>
-#include <orvx/utility/OrvFoundationException.h>
+#include <sys/un.h>
 
 #include <algorithm>
 #include <array>
@@ -15,18 +15,8 @@ namespace orvx::communication {
 
 namespace {
 
-void require(bool isFine, const std::string& otherwise) {
-    if (!isFine) {
-        throw utility::OrvFoundationException(otherwise.c_str(), 0);
-    }
-}
-
 void requirePositive(bool isPositive, const char* option) {
     require(isPositive, std::string("HttpConfig::") + option + " must be greater than zero.");
-}
-
-void requireText(const std::string& text, const std::string& option) {
-    require(!hasControlCharacter(text), option + " must not contain control characters.");
 }
 
 bool isToken(const std::string& text) {
@@ -55,13 +45,68 @@ void checkHeader(const HttpConfig::Header& header) {
     requireText(value, "HttpConfig::headers: the value of " + name);
 }
 
+bool hasHeader(const HttpConfig& config, const char* name) {
+    return std::any_of(config.headers.begin(), config.headers.end(), [name](const auto& header) {
+        return curl_strequal(header.first.c_str(), name) != 0;
+    });
+}
+
+void checkCredentials(const HttpConfig& config) {
+    require(!config.credentials || !hasHeader(config, "Authorization"),
+            "HttpConfig::headers must not contain Authorization beside HttpConfig::credentials.");
+    require(!config.proxyCredentials || !hasHeader(config, "Proxy-Authorization"),
+            "HttpConfig::headers must not contain Proxy-Authorization beside "
+            "HttpConfig::proxyCredentials.");
+    require(!config.proxyCredentials || !config.proxy.empty(),
+            "HttpConfig::proxyCredentials needs a proxy.");
+}
+
+/// The decimal number, or 0 when it is none of up to five digits.
+std::uint32_t portIn(std::string_view text) {
+    const bool isNumber =
+        !text.empty() && text.size() <= 5 &&
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return isNumber ? static_cast<std::uint32_t>(std::stoul(std::string(text))) : 0;
+}
+
+bool isProxyUrl(std::string_view url) {
+    constexpr std::string_view kScheme = "http://";
+    const auto colon = url.rfind(':');
+    if (url.substr(0, kScheme.size()) != kScheme || colon < kScheme.size()) {
+        return false;
+    }
+    const std::string host(url.substr(kScheme.size(), colon - kScheme.size()));
+    const std::uint32_t port = portIn(url.substr(colon + 1));
+    const bool isBracketed = host.find(':') == std::string::npos || host.front() == '[';
+    return port >= 1 && port <= 65535 && isBracketed && !authority(host, port).empty();
+}
+
+// What the proxy's text says stays out of the message: it may contain a password.
+void checkWay(const HttpConfig& config) {
+    require(config.proxy.empty() || isProxyUrl(config.proxy),
+            "HttpConfig::proxy must be of the form http://host:port, without a user or a path.");
+    requireText(config.unixSocketPath, "HttpConfig::unixSocketPath");
+    constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
+    require(config.unixSocketPath.size() <= kLongest,
+            "HttpConfig::unixSocketPath must not be longer than " + std::to_string(kLongest) +
+                " bytes.");
+    require(config.proxy.empty() || config.unixSocketPath.empty(),
+            "HttpConfig::proxy and HttpConfig::unixSocketPath cannot be used together.");
+}
+
+void checkTlsPath(const TlsConfig& tls, const std::string& path, const std::string& option) {
+    requireText(path, "HttpConfig::tls." + option);
+    require(tls.enabled || path.empty(),
+            "HttpConfig::tls." + option + " is set, and HttpConfig::tls.enabled is not.");
+}
+
 void checkTls(const TlsConfig& tls) {
-    requireText(tls.authorityFile, "TlsConfig::authorityFile");
-    requireText(tls.authorityFolder, "TlsConfig::authorityFolder");
-    requireText(tls.clientCertificateFile, "TlsConfig::clientCertificateFile");
-    requireText(tls.clientKeyFile, "TlsConfig::clientKeyFile");
+    checkTlsPath(tls, tls.authorityFile, "authorityFile");
+    checkTlsPath(tls, tls.authorityFolder, "authorityFolder");
+    checkTlsPath(tls, tls.clientCertificateFile, "clientCertificateFile");
+    checkTlsPath(tls, tls.clientKeyFile, "clientKeyFile");
     require(tls.clientKeyFile.empty() || !tls.clientCertificateFile.empty(),
-            "TlsConfig::clientKeyFile needs a clientCertificateFile.");
+            "HttpConfig::tls.clientKeyFile needs a clientCertificateFile.");
 }
 
 }  // namespace
@@ -74,6 +119,8 @@ void checkConfig(const HttpConfig& config) {
     requirePositive(config.maxBodyBytes > 0, "maxBodyBytes");
     requireText(config.userAgent, "HttpConfig::userAgent");
     std::for_each(config.headers.begin(), config.headers.end(), checkHeader);
+    checkCredentials(config);
+    checkWay(config);
     checkTls(config.tls);
 }
 

@@ -30,10 +30,21 @@ void append(HeaderLists::List& list, const std::string& line) {
     }
 }
 
-HeaderLists::List build(const HttpConfig& config, const std::string& contentType,
-                        const std::string& accept) {
+void appendCredentials(HeaderLists::List& list, const std::string& name, const std::string& value) {
+    if (!value.empty()) {
+        append(list, name + ": " + value);
+    }
+}
+
+std::string valueOf(const std::shared_ptr<HttpCredentials>& credentials) {
+    return credentials ? credentials->headerValue() : std::string();
+}
+
+HeaderLists::List build(const HttpConfig& config, const std::string& authorization,
+                        const std::string& contentType, const std::string& accept) {
     HeaderLists::List list;
     append(list, "Expect:");
+    appendCredentials(list, "Authorization", authorization);
     append(list, ownLineOf("Content-Type", contentType));
     append(list, ownLineOf("Accept", accept));
     for (const auto& [name, value] : config.headers) {
@@ -47,6 +58,11 @@ HeaderLists::List build(const HttpConfig& config, const std::string& contentType
 HeaderLists::List HeaderLists::get(const HttpConfig& config, const std::string& contentType,
                                    const std::string& accept) {
     constexpr std::size_t kMost = 8;
+    std::string authorization = valueOf(config.credentials);
+    if (authorization != authorization_) {
+        entries_.clear();
+        authorization_ = std::move(authorization);
+    }
     for (const Entry& entry : entries_) {
         if (entry.contentType == contentType && entry.accept == accept) {
             return entry.list;
@@ -55,8 +71,14 @@ HeaderLists::List HeaderLists::get(const HttpConfig& config, const std::string& 
     if (entries_.size() == kMost) {
         entries_.clear();
     }
-    entries_.push_back({contentType, accept, build(config, contentType, accept)});
+    entries_.push_back({contentType, accept, build(config, authorization_, contentType, accept)});
     return entries_.back().list;
+}
+
+HeaderLists::List HeaderLists::forProxy(const HttpConfig& config) {
+    List list;
+    appendCredentials(list, "Proxy-Authorization", valueOf(config.proxyCredentials));
+    return list;
 }
 
 }  // namespace orvx::communication

@@ -17,8 +17,10 @@ class HeaderLists {
     using List = std::shared_ptr<curl_slist>;
 
     /// The list for requests with these values, of which either may be empty: then there is no such
-    /// header. Throws std::bad_alloc.
+    /// header. With the credentials of this moment. Throws std::bad_alloc.
     List get(const HttpConfig& config, const std::string& contentType, const std::string& accept);
+    /// What is said to the proxy besides; null if nothing. Throws std::bad_alloc.
+    static List forProxy(const HttpConfig& config);
 
   private:
     struct Entry {
@@ -26,6 +28,7 @@ class HeaderLists {
         std::string accept;
         List list;
     };
+    std::string authorization_;  // Of all of them.
     std::vector<Entry> entries_;
 };
 

@@ -42,19 +42,26 @@ void setUpLibcurl() {
     });
 }
 
+ClientStatistics::Method methodOf(const Request& request) {
+    using Method = ClientStatistics::Method;
+    return request.kind == Request::Kind::Put    ? Method::Put
+           : request.kind == Request::Kind::Head ? Method::Head
+                                                 : Method::Delete;
+}
+
 void count(const Request& request, Clock::time_point now) noexcept {
-    try {
-        request.settings->statistics->record(request.status, now - request.submitted);
-    } catch (const std::bad_alloc&) {
-        // It is not counted.
-    }
+    const bool isAnswered = request.status == CommunicationStatus::Ok;
+    const std::uint64_t repeated = request.attempts > 1 ? request.attempts - 1 : 0;
+    request.settings->statistics->record({methodOf(request), request.status,
+                                          isAnswered ? request.statusCode : 0,
+                                          now - request.submitted, repeated});
     switch (request.status) {
         case CommunicationStatus::Abandoned:
         case CommunicationStatus::InvalidRequest:
         case CommunicationStatus::NoSession:
             break;
         default:
-            request.settings->healthCheck->record(request.status == CommunicationStatus::Ok);
+            request.settings->healthCheck->record(isAnswered);
     }
 }
 

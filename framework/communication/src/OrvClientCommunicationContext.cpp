@@ -24,6 +24,7 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
         const std::string& host, std::uint32_t port, HttpConfig sessionConfig,
         std::shared_ptr<HealthCheck> sessionHealthCheck,
         std::shared_ptr<ClientStatistics> sessionStatistics) override {
+        // Not its files: one that is being replaced at this moment must not refuse the session.
         checkConfig(sessionConfig);
         EndpointSettings settings{endpointUrl(host, port, sessionConfig.tls),
                                   std::move(sessionConfig), std::move(sessionHealthCheck),
@@ -78,6 +79,7 @@ void OrvClientCommunicationContext::init() {
         return;
     }
     checkConfig(state_->nextConfig);
+    checkFiles(state_->nextConfig.tls);
     HttpConfig config = state_->nextConfig;
     auto engine = std::make_shared<HttpEngine>(state_->inbox, state_->makeLogger());
     state_->engines.reserve(state_->engines.size() + 1);
@@ -120,7 +122,8 @@ std::shared_ptr<HealthCheck> OrvClientCommunicationContext::getHealthCheck() con
 }
 
 std::shared_ptr<ClientStatistics> OrvClientCommunicationContext::getClientStatistics() const {
-    return state_->statistics;
+    MutexLock lock(state_->mutex);
+    return state_->config.statistics ? state_->config.statistics : state_->statistics;
 }
 
 }  // namespace orvx::communication

@@ -49,6 +49,7 @@ struct Request {
     std::uint64_t number = 0;  ///< Counts the requests of its endpoint.
     CommunicationStatus status = CommunicationStatus::Ok;
     int statusCode = 0;
+    std::uint64_t attempts = 0;  ///< Connections that it has had.
     std::string headerLines;
     std::string body;
 

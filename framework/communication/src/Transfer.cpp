@@ -65,8 +65,6 @@ void Transfer::setUp(const EndpointSettings& settings) {
     set(CURLOPT_URL, settings.url.c_str());
     set(CURLOPT_PROTOCOLS_STR, settings.config.tls.enabled ? "https" : "http");
     set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
-    set(CURLOPT_PROXY, "");
-    set(CURLOPT_NOPROXY, "*");
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_OPENSOCKETFUNCTION, &openSocket);
     // Without it, taking away a handle waits for the resolver's answer.
@@ -80,8 +78,28 @@ void Transfer::setUp(const EndpointSettings& settings) {
     set(CURLOPT_PREREQFUNCTION, &Transfer::onConnected);
     set(CURLOPT_PREREQDATA, this);
     set(CURLOPT_ERRORBUFFER, error_);
+    setUpWay(settings.config);
     if (settings.config.tls.enabled) {
         setUpTls(settings.config.tls);
+    }
+}
+
+// Nothing of it is left to the environment.
+void Transfer::setUpWay(const HttpConfig& config) {
+    const bool hasProxy = !config.proxy.empty();
+    set(CURLOPT_PROXY, config.proxy.c_str());
+    set(CURLOPT_NOPROXY, hasProxy ? "" : "*");
+    if (hasProxy) {
+        proxyHeaders_ = HeaderLists::forProxy(config);
+        set(CURLOPT_HEADEROPT, long{CURLHEADER_SEPARATE});
+        set(CURLOPT_PROXYHEADER, proxyHeaders_.get());
+        // The answer to a CONNECT is not the one that is waited for.
+        set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    }
+    if (!config.unixSocketPath.empty()) {
+        set(CURLOPT_UNIX_SOCKET_PATH, config.unixSocketPath.c_str());
+        // Kept ones cannot be told apart when a request is about to be sent over one of them.
+        set(CURLOPT_FORBID_REUSE, 1L);
     }
 }
 
@@ -93,12 +111,25 @@ void Transfer::setUpTls(const TlsConfig& tls) {
         set(CURLOPT_CAINFO, orNull(tls.authorityFile));
         set(CURLOPT_CAPATH, orNull(tls.authorityFolder));
     }
+    // Else authorities that were replaced on disk are trusted for another day.
+    set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
     set(CURLOPT_SSLCERT, orNull(tls.clientCertificateFile));
     set(CURLOPT_SSLKEY, orNull(tls.clientKeyFile));
+    // Else the terminal is asked for the password of a key that has one.
+    set(CURLOPT_KEYPASSWD, "");
     if (tls.disableServerVerification) {
         set(CURLOPT_SSL_VERIFYPEER, 0L);
         set(CURLOPT_SSL_VERIFYHOST, 0L);
     }
+}
+
+// A proxy that reads the request wants to know where it goes.
+void Transfer::setTarget(const Request& request) {
+    const HttpConfig& config = request.settings->config;
+    const bool isForProxy = !config.proxy.empty() && !config.tls.enabled;
+    const std::string absolute =
+        isForProxy ? request.settings->url + request.target.substr(1) : std::string();
+    set(CURLOPT_REQUEST_TARGET, (isForProxy ? absolute : request.target).c_str());
 }
 
 void Transfer::setMethod(const Request& request) {
@@ -122,7 +153,7 @@ void Transfer::start(std::unique_ptr<Request>& request, HeaderLists::List header
     makeHandle();
     setUp(*request->settings);
     setMethod(*request);
-    set(CURLOPT_REQUEST_TARGET, request->target.c_str());
+    setTarget(*request);
     set(CURLOPT_HTTPHEADER, headers.get());
     headers_ = std::move(headers);
     set(CURLOPT_TIMEOUT_MS, milliseconds(ceil<std::chrono::milliseconds>(request->deadline - now)));
@@ -166,6 +197,9 @@ CommunicationStatus Transfer::outcome(CURLcode code) const {
                                            : CommunicationStatus::CutShort;
         case CURLE_RECV_ERROR:
         case CURLE_GOT_NOTHING:
+            if (request_->attempts == 0) {
+                return CommunicationStatus::ConnectFailed;  // The proxy said no.
+            }
             return answer_.hasBegun() ? outcomeOfBrokenReceive() : statusOf(code);
         case CURLE_OUT_OF_MEMORY: {
             // libcurl's word for a header line of more than 100 KiB, too.
@@ -211,6 +245,7 @@ std::size_t Transfer::onBody(char* bytes, std::size_t, std::size_t size, void* s
 
 int Transfer::onConnected(void* self, char*, char*, int, int localPort) noexcept {
     Transfer& transfer = *static_cast<Transfer*>(self);
+    ++transfer.request_->attempts;
     long newConnections = 0;
     curl_easy_getinfo(transfer.easy_.get(), CURLINFO_NUM_CONNECTS, &newConnections);
     transfer.isOnNewConnection_ = newConnections > 0;

@@ -47,7 +47,9 @@ class Transfer {
   private:
     void makeHandle();
     void setUp(const EndpointSettings& settings);
+    void setUpWay(const HttpConfig& config);
     void setUpTls(const TlsConfig& tls);
+    void setTarget(const Request& request);
     void setMethod(const Request& request);
     CommunicationStatus outcome(CURLcode code) const;
     CommunicationStatus outcomeOfBrokenReceive() const;
@@ -72,6 +74,7 @@ class Transfer {
     // Before the handle, which refers to them.
     char error_[CURL_ERROR_SIZE] = "";
     HeaderLists::List headers_;
+    HeaderLists::List proxyHeaders_;
     std::unique_ptr<Request> request_;
     std::unique_ptr<CURL, EasyDeleter> easy_;
     AnswerReader answer_;

@@ -6,9 +6,21 @@
 
 namespace orvx::simulation {
 
+using communication::ClientStatistics;
 using communication::CommunicationStatus;
 using communication::HttpResponse;
 using communication::ResponseHandler;
+
+namespace {
+
+ClientStatistics::Method methodOf(const Request::Data& request) {
+    using Method = ClientStatistics::Method;
+    return request.method == "PUT"    ? Method::Put
+           : request.method == "HEAD" ? Method::Head
+                                      : Method::Delete;
+}
+
+}  // namespace
 
 void Network::close() {
     const auto self = shared_from_this();
@@ -103,15 +115,17 @@ void Session::drop(Request::Data& request) {
 }
 
 SimulatedThread::Task Session::outcome(const Request::Data& request, HttpResponse response) {
-    return [self = shared_from_this(), sentAt = request.sentAt, handler = request.handler,
-            response = std::move(response)] {
-        self->record(response.getCommunicationStatus(), self->network_->world().now - sentAt);
+    return [self = shared_from_this(), method = methodOf(request), sentAt = request.sentAt,
+            handler = request.handler, response = std::move(response)] {
+        self->record(method, response, self->network_->world().now - sentAt);
         (*handler)(response);
     };
 }
 
-void Session::record(CommunicationStatus status, std::chrono::milliseconds latency) const {
-    statistics_->record(status, latency);
+void Session::record(ClientStatistics::Method method, const HttpResponse& response,
+                     std::chrono::milliseconds latency) const {
+    const CommunicationStatus status = response.getCommunicationStatus();
+    statistics_->record({method, status, static_cast<int>(response.getStatusCode()), latency});
     const bool saysNothingOfTheServer = status == CommunicationStatus::Abandoned ||
                                         status == CommunicationStatus::InvalidRequest ||
                                         status == CommunicationStatus::NoSession;

@@ -65,7 +65,9 @@ class Session : public communication::IClientHttpSession,
     /// What the I/O thread does with the outcome of a request.
     SimulatedThread::Task outcome(const Request::Data& request,
                                   communication::HttpResponse response);
-    void record(communication::CommunicationStatus status, std::chrono::milliseconds latency) const;
+    void record(communication::ClientStatistics::Method method,
+                const communication::HttpResponse& response,
+                std::chrono::milliseconds latency) const;
 
     const std::shared_ptr<Network> network_;
     const std::string host_;

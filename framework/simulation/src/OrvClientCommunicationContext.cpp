@@ -74,7 +74,7 @@ IClientHttpFactory& OrvClientCommunicationContext::getClientHttpFactory() const 
 
 std::shared_ptr<IClientHttpSession> OrvClientCommunicationContext::getUnavailableSession() const {
     return std::make_shared<simulation::Session>(state_->network, "", std::uint16_t{0},
-                                                 state_->healthCheck, state_->statistics,
+                                                 state_->healthCheck, getClientStatistics(),
                                                  CommunicationStatus::NoSession);
 }
 
@@ -83,7 +83,7 @@ std::shared_ptr<HealthCheck> OrvClientCommunicationContext::getHealthCheck() con
 }
 
 std::shared_ptr<ClientStatistics> OrvClientCommunicationContext::getClientStatistics() const {
-    return state_->statistics;
+    return state_->config.statistics ? state_->config.statistics : state_->statistics;
 }
 
 }  // namespace orvx::communication

@@ -75,6 +75,11 @@ void World::advance(milliseconds duration) {
     state_->now = std::max(end, state_->now);
 }
 
+std::optional<milliseconds> World::nextDelay() const {
+    const Schedule& timers = state_->timers;
+    return timers.empty() ? std::nullopt : std::optional(timers.begin()->first.first - state_->now);
+}
+
 std::vector<milliseconds> World::pendingDelays() const {
     std::vector<milliseconds> delays;
     for (const auto& task : state_->timers) {

@@ -17,9 +17,12 @@
 namespace orvx::testing {
 namespace {
 
+using communication::ClientStatistics;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
+using Method = ClientStatistics::Method;
 
 class TheEngine : public HttpTest {
   protected:
@@ -71,6 +74,63 @@ TEST_F(TheEngine, CountsWhatItHasDone) {
                                                        Pair(CommunicationStatus::ConnectFailed, 1),
                                                        Pair(CommunicationStatus::NoSession, 1)));
     EXPECT_GT(counted.longestLatency.count(), 0);
+}
+
+TEST_F(TheEngine, CountsByMethodWhatWasAnswered) {
+    server_.onRequest(
+        [](const Request& request) { return response(request.method == "HEAD" ? 404 : 200); });
+    const SessionPointer counted = session();
+    put(counted);
+    head(counted);
+    remove(counted);
+    remove(counted);
+    counted->sendHeadRequest("/", nullptr);
+    put(counted);
+    const auto byMethod = context_.getClientStatistics()->snapshot().byMethod;
+    EXPECT_THAT(byMethod.at(Method::Put).byHttpStatus, ElementsAre(Pair(200, 2)));
+    EXPECT_THAT(byMethod.at(Method::Head).byHttpStatus, ElementsAre(Pair(404, 2)));
+    EXPECT_THAT(byMethod.at(Method::Delete).byHttpStatus, ElementsAre(Pair(200, 2)));
+}
+
+TEST_F(TheEngine, CountsNoStatusCodeOfAnAnswerThatIsNotWhole) {
+    server_.onRequest([](const Request&) {
+        return Script("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n").close();
+    });
+    put(session());
+    const auto byMethod = context_.getClientStatistics()->snapshot().byMethod;
+    EXPECT_THAT(byMethod.at(Method::Put).byHttpStatus, IsEmpty());
+    EXPECT_EQ(byMethod.at(Method::Put).last->status, CommunicationStatus::CutShort);
+    EXPECT_EQ(byMethod.at(Method::Put).last->httpStatus, 0);
+}
+
+TEST_F(TheEngine, CountsWhatItRepeatsOnAnotherConnection) {
+    server_.nextRequest(response(200));
+    server_.nextRequest(Script().close());
+    server_.onRequest([](const Request&) { return response(200); });
+    const SessionPointer repeated = session(oneConnection());
+    put(repeated);
+    EXPECT_EQ(codeOf(put(repeated)), 200);
+    const auto byMethod = context_.getClientStatistics()->snapshot().byMethod;
+    EXPECT_EQ(byMethod.at(Method::Put).completed, 2U);
+    EXPECT_EQ(byMethod.at(Method::Put).repeated, 1U);
+}
+
+TEST_F(TheEngine, CountsWhereTheConfigurationSaysAndStopsThereWithTheNextOne) {
+    const auto statistics = std::make_shared<ClientStatistics>();
+    HttpConfig config;
+    config.statistics = statistics;
+    context_.deinit();
+    context_.setHttpConfig(config);
+    context_.init();
+    EXPECT_EQ(context_.getClientStatistics(), statistics);
+    put(session());
+    put(context_.getUnavailableSession());
+    context_.deinit();
+    context_.setHttpConfig({});
+    context_.init();
+    put(session());
+    EXPECT_EQ(statistics->snapshot().completed, 2U);
+    EXPECT_EQ(context_.getClientStatistics()->snapshot().completed, 1U);
 }
 
 TEST_F(TheEngine, DoesNotCountWhatIsDropped) {

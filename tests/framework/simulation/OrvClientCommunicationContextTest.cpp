@@ -47,6 +47,23 @@ TEST_F(TheSimulatedContext, HandsOutTheConfigurationThatItWasInitialisedWith) {
     EXPECT_EQ(context->getHttpConfig().userAgent, "tester");
 }
 
+TEST_F(TheSimulatedContext, CountsWhereTheConfigurationSays) {
+    HttpConfig config;
+    config.statistics = std::make_shared<communication::ClientStatistics>();
+    context->deinit();
+    context->setHttpConfig(config);
+    context->init();
+    makeSession(9000)->sendHeadRequest("/", nullptr);
+    take().answer(404);
+    context->getUnavailableSession()->sendDeleteRequest("/", "", nullptr);
+    world.runIo();
+    using Method = communication::ClientStatistics::Method;
+    const auto byMethod = config.statistics->snapshot().byMethod;
+    EXPECT_EQ(byMethod.at(Method::Head).byHttpStatus, (std::map<int, std::uint64_t>{{404, 1}}));
+    EXPECT_EQ(byMethod.at(Method::Delete).last->status, CommunicationStatus::NoSession);
+    EXPECT_EQ(byMethod.at(Method::Put).completed, 0U);
+}
+
 TEST_F(TheSimulatedContext, DropsWhatIsSentBeforeItIsInitialised) {
     OrvClientCommunicationContext fresh;
     const auto early = fresh.getClientHttpFactory().createSession(

@@ -10,7 +10,9 @@ template <typename T>
 class IReference {
   public:
     virtual ~IReference() = default;
+    /// The object; valid as long as this reference.
     virtual T& get() = 0;
+    /// As above, to be read only.
     virtual const T& get() const = 0;
 };
 
@@ -33,6 +35,7 @@ class ReferenceOwner : public IReference<T> {
 template <typename T>
 class Facade {
   public:
+    /// `reference` must not be null.
     explicit Facade(std::shared_ptr<IReference<T>> reference) : reference_(std::move(reference)) {}
 
   protected:
@@ -40,7 +43,9 @@ class Facade {
     Facade(const Facade&) = default;
     Facade& operator=(const Facade&) = default;
 
+    /// The shared object; valid as long as a copy of this facade.
     T& object() { return reference_->get(); }
+    /// As above, to be read only.
     const T& object() const { return std::as_const(*reference_).get(); }
 
   private:

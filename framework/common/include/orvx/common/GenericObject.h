@@ -21,6 +21,7 @@ class GenericObjectValue;
 /// object has that is small and fast. A value type; no thread-safety of its own.
 class ORVX_EXPORT GenericObjectMembers {
   public:
+    /// A key and the value under it.
     using Member = std::pair<std::string, GenericObjectValue>;
 
     GenericObjectMembers() = default;
@@ -34,10 +35,14 @@ class ORVX_EXPORT GenericObjectMembers {
     /// Takes the value out; null when there is none.
     GenericObjectValue extract(const std::string& key);
 
+    /// Whether there is no value at all.
     bool empty() const;
+    /// The first member, in the order of the keys; valid until the next change.
     const Member* begin() const;
+    /// Behind the last member.
     const Member* end() const;
 
+    /// Whether the keys and their values are the same.
     bool operator==(const GenericObjectMembers& other) const;
 
   private:
@@ -51,26 +56,42 @@ class ORVX_EXPORT GenericObjectMembers {
 /// recurse: keep the nesting below a thousand levels.
 class ORVX_EXPORT GenericObjectValue {
   public:
+    /// A JSON array.
     using List = std::vector<GenericObjectValue>;
+    /// A JSON object.
     using Object = GenericObjectMembers;
+    /// One alternative for each JSON type; whole and other numbers are told apart.
     using Data =
         std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, List, Object>;
 
     GenericObjectValue() = default;
+    /// Null, which is also what the default constructor makes.
     GenericObjectValue(std::nullptr_t) {}
+    /// True or false.
     GenericObjectValue(bool value) : data_(value) {}
+    /// A whole number.
     GenericObjectValue(int value) : data_(std::int64_t{value}) {}
+    /// A whole number.
     GenericObjectValue(std::int64_t value) : data_(value) {}
+    /// A number; what JSON cannot hold is written as null: see GenericObject::toJSONStream().
     GenericObjectValue(double value) : data_(value) {}
+    /// A text in UTF-8, copied; must not be null.
     GenericObjectValue(const char* value) : data_(std::string(value)) {}
+    /// A text in UTF-8; anything else is stored, and refused when it is written.
     GenericObjectValue(std::string value) : data_(std::move(value)) {}
+    /// An array of values.
     GenericObjectValue(List value) : data_(std::move(value)) {}
+    /// An object of values by key.
     GenericObjectValue(Object value) : data_(std::move(value)) {}
+    /// An array of texts.
     GenericObjectValue(const std::vector<std::string>& texts);
 
+    /// The value itself, for std::visit() and std::get_if().
     const Data& data() const { return data_; }
 
+    /// Whether type and value are the same: 1 and 1.0 are not.
     bool operator==(const GenericObjectValue& other) const { return data_ == other.data_; }
+    /// The opposite of `==`.
     bool operator!=(const GenericObjectValue& other) const { return !(*this == other); }
 
   private:
@@ -84,10 +105,13 @@ class ORVX_EXPORT GenericObjectValue {
 class ORVX_EXPORT GenericObject {
   public:
     GenericObject();
+    /// A copy of the values at this moment; what becomes of one does not touch the other.
     GenericObject(const GenericObject& other);
+    /// Replaces all values by a copy of the other's.
     GenericObject& operator=(const GenericObject& other);
     virtual ~GenericObject();
 
+    /// Whether there is a value under `key`, be it null or empty.
     bool hasValue(const std::string& key) const;
     /// Empty when there is no such key.
     std::optional<GenericObjectValue> getValue(const std::string& key) const;

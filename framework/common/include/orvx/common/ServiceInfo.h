@@ -21,10 +21,15 @@ class ORVX_EXPORT ServiceInfo {
     ServiceInfo(std::string name, std::string host, std::uint16_t port, std::string prefix = "",
                 ServiceVersion version = {});
 
+    /// The name of the service.
     const std::string& getName() const { return name_; }
+    /// The host as it was given.
     const std::string& getHost() const { return host_; }
+    /// The TCP port.
     std::uint16_t getPort() const { return port_; }
+    /// What uris of built descriptions begin with; empty by default.
     const std::string& getPrefix() const { return prefix_; }
+    /// The version of the service; empty by default.
     const ServiceVersion& getVersion() const { return version_; }
 
     /// What identifies the endpoint: the host in lower case, ":" and the port.

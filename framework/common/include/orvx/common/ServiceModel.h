@@ -22,25 +22,42 @@ class ORVX_EXPORT ServiceModel : public Facade<XObject> {
   public:
     /// `object` must not be null.
     explicit ServiceModel(std::unique_ptr<XObject> object);
+    /// An independent copy of the values at this moment.
     ServiceModel(const ServiceModel& other);
+    /// Replaces all values by a copy of the other's.
     ServiceModel& operator=(const ServiceModel& other);
     virtual ~ServiceModel();
 
-    /// The id that the registry gave; empty while it holds no entry.
+    /// Whether there is an id.
     bool hasId() const;
+    /// The id that the registry gave; empty while it holds no entry.
     std::string getId() const;
+    /// Whether there is a name.
     bool hasName() const;
+    /// The name, by which people and registries know the service.
     std::string getName() const;
+    /// Whether there is a uri.
     bool hasUri() const;
+    /// The path that it is to be registered at; once it is, the location that the registry gave;
+    /// empty while the registry has lost it.
     std::string getUri() const;
+    /// Whether there is a description.
     bool hasDescription() const;
+    /// A text for people.
     std::string getDescription() const;
+    /// Where the service listens.
     std::int64_t getPort() const;
+    /// Whether there is a list of versions.
     bool hasVersions() const;
+    /// The versions that the service offers.
     std::vector<std::string> getVersions() const;
+    /// Whether there is a list of privileges.
     bool hasPrivileges() const;
+    /// What is needed to use the service.
     std::vector<std::string> getPrivileges() const;
+    /// Whether there is a list of categories.
     bool hasServiceCategories() const;
+    /// What kind of service it is.
     std::vector<std::string> getServiceCategories() const;
 
     /// Takes over name, host and prefix, each if it is not empty, under the keys of these names.
@@ -48,6 +65,7 @@ class ORVX_EXPORT ServiceModel : public Facade<XObject> {
 
     /// All values, for keys that have no operation here.
     GenericObject& getGenericObject();
+    /// As above, to be read only.
     const GenericObject& getGenericObject() const;
 };
 

@@ -11,9 +11,12 @@ namespace orvx::common {
 class ORVX_EXPORT ServiceVersion {
   public:
     ServiceVersion() = default;
+    /// Any text; it is not looked into.
     explicit ServiceVersion(std::string version) : version_(std::move(version)) {}
 
+    /// Whether no version was said.
     bool isEmpty() const { return version_.empty(); }
+    /// The text as it was given.
     std::string asString() const { return version_; }
 
   private:

@@ -42,7 +42,9 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
     HttpResponse& operator=(const HttpResponse&) = default;
     HttpResponse& operator=(HttpResponse&&) = default;
 
+    /// Ok for an answer, whatever its status code; otherwise what went wrong.
     CommunicationStatus getCommunicationStatus() const { return communicationStatus_; }
+    /// The number of the answer; None where there is none.
     StatusCode getStatusCode() const { return statusCode_; }
     /// The Location header: absent, or a text, which may be empty.
     std::optional<std::string> getLocation() const { return getHeader("Location"); }

@@ -47,6 +47,8 @@ class ORVX_EXPORT OrvClientCommunicationContext {
     std::shared_ptr<IClientHttpSession> getUnavailableSession() const;
     /// For new sessions to report to. Never null.
     std::shared_ptr<HealthCheck> getHealthCheck() const;
+    /// As getHealthCheck(). They are those of the HTTP configuration, or, without, the context's
+    /// own.
     std::shared_ptr<ClientStatistics> getClientStatistics() const;
 
   private:

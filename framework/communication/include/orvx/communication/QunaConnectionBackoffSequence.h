@@ -22,6 +22,7 @@ class ORVX_EXPORT QunaConnectionBackoffSequence {
     QunaConnectionBackoffSequence(std::uint64_t maxDoublings, std::uint64_t interval);
     virtual ~QunaConnectionBackoffSequence();
 
+    /// The next delay of the sequence; it never ends.
     virtual std::chrono::milliseconds nextDelay();
 
   private:

@@ -22,6 +22,7 @@ class ORVX_EXPORT ILoggerFactory {
     /// Returns when the lines written so far are where they belong.
     virtual void flush() = 0;
 
+    /// The level that all loggers of this factory have.
     virtual ILogger::LogLevel getLogLevel() const = 0;
 
     /// Takes effect at once, for loggers already made too.

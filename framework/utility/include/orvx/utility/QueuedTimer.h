@@ -23,6 +23,7 @@ namespace orvx::utility {
 /// - In a forked child there is no thread: stopping and destroying do nothing there, and leak.
 class ORVX_EXPORT QueuedTimer {
   public:
+    /// What is to be done; may be called once.
     using Task = std::function<void()>;
 
     QueuedTimer();
@@ -40,6 +41,7 @@ class ORVX_EXPORT QueuedTimer {
     /// in practice. Dropped while the timer is stopped. Throws std::bad_alloc only.
     void addTask(std::chrono::milliseconds delay, Task task);
 
+    /// Whether there is a thread: after start(), before stop().
     bool isRunning() const;
 
     /// Drops the pending tasks, waits for the one that is running, ends the thread. Called from

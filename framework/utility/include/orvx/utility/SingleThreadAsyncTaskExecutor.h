@@ -24,8 +24,11 @@ namespace orvx::utility {
 /// - In a forked child there is no worker: stopping and destroying do nothing there, and leak.
 class ORVX_EXPORT SingleThreadAsyncTaskExecutor {
   public:
+    /// What is to be done; called once, on the worker.
     using Task = std::function<void()>;
+    /// Tasks in the order in which they are to run.
     using Tasks = std::list<Task>;
+    /// Takes the text of an exception that left a task.
     using ErrorHandler = std::function<void(const std::string&)>;
 
     /// `threadName` is shown by the system, cut to 15 bytes. The error handler may be empty.

@@ -22,11 +22,14 @@ class ORVX_EXPORT StreamingLogger {
     /// disabled, or memory ran out) nothing is written.
     class ORVX_EXPORT LogEntry {
       public:
+        /// Takes the line over: the other one writes nothing.
         LogEntry(LogEntry&& other) noexcept;
         LogEntry& operator=(LogEntry&&) = delete;
         ~LogEntry();
 
+        /// Appends the text as it is. Without memory the whole line is given up.
         LogEntry& operator<<(std::string_view text) noexcept;
+        /// Appends a whole number in decimal digits.
         template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer> &&
                                                                 !std::is_same_v<Integer, bool> &&
                                                                 !std::is_same_v<Integer, char>>>
@@ -49,15 +52,17 @@ class ORVX_EXPORT StreamingLogger {
     /// A null logger is allowed: nothing is written then.
     explicit StreamingLogger(std::shared_ptr<ILogger> logger) noexcept;
 
-    /// `evenIfDisabled` hands the line to the logger without asking it first whether the level is
-    /// enabled; the logger may still drop it.
+    /// A line at that level, to be filled with `<<`. `evenIfDisabled` hands it to the logger
+    /// without asking it first whether the level is enabled; the logger may still drop it.
     LogEntry logInfo(bool evenIfDisabled) const noexcept;
+    /// As logInfo(), for what is odd and went on.
     LogEntry logWarning(bool evenIfDisabled) const noexcept;
+    /// As logInfo(), for what failed.
     LogEntry logError(bool evenIfDisabled) const noexcept;
 
-    /// ILogger::log and ILogger::isInfoEnabled, directly; what they throw is dropped (and info
-    /// output counts as disabled).
+    /// ILogger::log(), directly; what it throws is dropped.
     void log(const char* message, int level) const noexcept;
+    /// ILogger::isInfoEnabled(), directly; false when that throws.
     bool isInfoEnabled() const noexcept;
 
   private:

@@ -14,6 +14,7 @@ namespace orvx::utility {
 /// A line that cannot be written is dropped in silence.
 class ORVX_EXPORT TimedConsoleLoggerFactory : public ILoggerFactory {
   public:
+    /// Lines of `level` and of what matters more are written.
     explicit TimedConsoleLoggerFactory(ILogger::LogLevel level);
     ~TimedConsoleLoggerFactory() override;
     TimedConsoleLoggerFactory(const TimedConsoleLoggerFactory&) = delete;

@@ -1,0 +1,126 @@
+// The way to the server: through a proxy, or over a Unix domain socket.
+
+#include "HttpTest.h"
+
+#include <cstdlib>
+#include <string>
+
+#include "Loopback.h"
+
+namespace orvx::testing {
+namespace {
+
+using communication::HttpCredentials;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+/// `server_` is the proxy; nobody else is ever asked.
+class TheWayThroughAProxy : public HttpTest {
+  protected:
+    TheWayThroughAProxy() {
+        config.proxy = "http://127.0.0.1:" + std::to_string(server_.port());
+        server_.onRequest([](const Request&) { return response(200); });
+    }
+    void useTls() { config.tls.enabled = true; }
+    std::shared_ptr<HttpCredentials> token(const std::string& text) const {
+        auto credentials = std::make_shared<HttpCredentials>();
+        credentials->setBearerToken(text);
+        return credentials;
+    }
+    SessionPointer elsewhere() { return session(8500, config, "registry.invalid"); }
+    std::string seen() const { return server_.requests().back().raw; }
+    CommunicationStatus statusOfTunnel(const Script& answer) {
+        useTls();
+        server_.nextRequest(answer);
+        return put(elsewhere()).getCommunicationStatus();
+    }
+
+    HttpConfig config;
+};
+
+TEST_F(TheWayThroughAProxy, TellsItThePlainRequestsWholeAddress) {
+    EXPECT_EQ(codeOf(put(elsewhere(), "/v1/lamp?x=%41", "{}")), 200);
+    EXPECT_THAT(seen(), StartsWith("PUT http://registry.invalid:8500/v1/lamp?x=%41 HTTP/1.1\r\n"));
+    EXPECT_THAT(seen(), HasSubstr("Host: registry.invalid:8500\r\n"));
+    EXPECT_EQ(codeOf(head(elsewhere(), "lamp")), 200);
+    EXPECT_THAT(seen(), StartsWith("HEAD http://registry.invalid:8500/lamp HTTP/1.1\r\n"));
+}
+
+TEST_F(TheWayThroughAProxy, KeepsTheConnection) {
+    const SessionPointer session = elsewhere();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(codeOf(put(session)), 200);
+    }
+    EXPECT_EQ(server_.counters().connections, 1U);
+}
+
+TEST_F(TheWayThroughAProxy, IsTakenWhateverTheEnvironmentSays) {
+    ::setenv("no_proxy", "*", 1);
+    EXPECT_EQ(codeOf(put(elsewhere())), 200);
+    ::unsetenv("no_proxy");
+}
+
+TEST_F(TheWayThroughAProxy, ShowsCredentialsToTheOneTheyAreFor) {
+    config.credentials = token("for-registry");
+    config.proxyCredentials = token("for-proxy");
+    put(elsewhere());
+    EXPECT_THAT(seen(), HasSubstr("\r\nAuthorization: Bearer for-registry\r\n"));
+    EXPECT_THAT(seen(), HasSubstr("\r\nProxy-Authorization: Bearer for-proxy\r\n"));
+    config.headers = {{"X-Team", "lighting"}};
+    statusOfTunnel(response(403));
+    EXPECT_THAT(seen(), StartsWith("CONNECT registry.invalid:8500 HTTP/1.1\r\n"));
+    EXPECT_THAT(seen(), HasSubstr("\r\nProxy-Authorization: Bearer for-proxy\r\n"));
+    EXPECT_THAT(seen(), Not(HasSubstr("for-registry")));
+    EXPECT_THAT(seen(), Not(HasSubstr("X-Team")));
+}
+
+TEST_F(TheWayThroughAProxy, ShowsItTheCredentialsOfTheMoment) {
+    config.proxyCredentials = token("old");
+    const SessionPointer session = elsewhere();
+    put(session);
+    config.proxyCredentials->setBasic("a", "b");
+    put(session);
+    EXPECT_THAT(seen(), HasSubstr("Proxy-Authorization: Basic YTpi\r\n"));
+    config.proxyCredentials->clear();
+    put(session);
+    EXPECT_THAT(seen(), Not(HasSubstr("Proxy-Authorization")));
+}
+
+TEST_F(TheWayThroughAProxy, IsNoConnectionWhenItRefusesTheTunnel) {
+    for (const int code : {302, 403, 404, 407, 502}) {
+        EXPECT_EQ(statusOfTunnel(response(code, {}, "not you")), CommunicationStatus::ConnectFailed)
+            << code;
+    }
+    EXPECT_EQ(statusOfTunnel(Script().close()), CommunicationStatus::ConnectFailed);
+    config.connectTimeout = std::chrono::milliseconds(200);
+    EXPECT_EQ(statusOfTunnel("HTTP/1.1 407 "), CommunicationStatus::TimedOut) << "of connecting";
+}
+
+TEST_F(TheWayThroughAProxy, IsNoTlsWhenTheTunnelLeadsToNone) {
+    EXPECT_EQ(statusOfTunnel(Script("HTTP/1.1 200 OK\r\n\r\n").close()),
+              CommunicationStatus::TlsFailed);
+}
+
+TEST_F(TheWayThroughAProxy, IsNoConnectionWhenNobodyIsThere) {
+    const RefusedPort refused;
+    config.proxy = "http://127.0.0.1:" + std::to_string(refused.port());
+    EXPECT_EQ(put(elsewhere()).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+}
+
+TEST_F(TheWayThroughAProxy, IsOneWithAName) {
+    config.proxy = "http://localhost:" + std::to_string(server_.port());
+    EXPECT_EQ(codeOf(put(elsewhere())), 200);
+}
+
+using TheWayOverAUnixSocket = HttpTest;
+
+TEST_F(TheWayOverAUnixSocket, IsNoConnectionWhenNobodyIsThere) {
+    HttpConfig config;
+    config.unixSocketPath = ::testing::TempDir() + "orvx-nobody.socket";
+    EXPECT_EQ(put(session(config)).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+    EXPECT_EQ(server_.counters().connections, 0U);
+}
+
+}  // namespace
+}  // namespace orvx::testing
