@@ -1,8 +1,9 @@
-// Any requests to the registry's handler, made from parts or read from raw bytes, beside the
-// simplest registry that could be: a list. One thread; there is no lock.
+// Any requests to the registry, made from parts or read from raw bytes, beside the simplest
+// registry that could be: a list. Where faults are set, which the list does not know, what is
+// answered must be well-formed, and the list is made anew. One thread; there is no lock.
 
+#include "Dispatcher.h"
 #include "Input.h"
-#include "RequestHandler.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http/parser.hpp>
@@ -18,7 +19,10 @@ using orvx::fuzz::Input;
 using orvx::fuzz::isUtf8;
 using orvx::fuzz::require;
 using orvx::fuzz::requireSame;
+using orvx::registry::Dispatcher;
+using orvx::registry::Entry;
 using orvx::registry::EntryStore;
+using orvx::registry::Reaction;
 using orvx::registry::Request;
 using orvx::registry::Response;
 
@@ -57,10 +61,19 @@ bool isAcceptable(const std::string& body) {
 class Registry {
   public:
     void ask(const Request& request) {
-        const Response response = answer(store_, request);
-        requireWellFormed(request, response);
-        requireSame(response.result(), expected(request, response), "the status");
-        requireSame(store_.entries().size(), known_.size(), "the number of entries");
+        isKnown_ = !isForTool(request) && (isKnown_ || !hasFaults());
+        const Reaction reaction = dispatcher_.react(request);
+        if (!reaction.response) {
+            require(!isKnown_, "a connection is reset by a fault only");
+            return adopt();
+        }
+        requireWellFormed(request, *reaction.response);
+        if (!isKnown_) {
+            return adopt();
+        }
+        requireSame(reaction.response->result(), expected(request, *reaction.response),
+                    "the status");
+        requireSame(dispatcher_.store().entries().size(), known_.size(), "the number of entries");
     }
 
     /// The target of an entry, or of none.
@@ -69,7 +82,8 @@ class Registry {
     }
 
     void requireAllListed() {
-        const json listed = json::parse(answer(store_, {http::verb::get, "/", 11}).body());
+        dispatcher_.react({http::verb::delete_, "/-/faults", 11});
+        const json listed = json::parse(get("/").body());
         std::size_t at = 0;
         for (const json& entry : listed.at("entries")) {
             requireSame(entry.at("uuid"), known_.at(at).uuid, "the uuid in the list");
@@ -83,16 +97,39 @@ class Registry {
   private:
     using Position = std::vector<KnownEntry>::iterator;
 
+    /// One whose answer says nothing about the entries.
+    static bool isForTool(const Request& request) {
+        return request.target().starts_with("/-/") ||
+               request[http::field::accept].find("text/html") != boost::string_view::npos;
+    }
+
     static void requireWellFormed(const Request& request, const Response& response) {
-        requireSame(response[http::field::content_type], "application/json", "the content type");
         requireSame(response.keep_alive(), request.keep_alive(), "keeping alive");
+        if (!isForTool(request)) {
+            requireSame(response[http::field::content_type], "application/json",
+                        "the content type");
+        }
         if (request.method() == http::verb::head) {
             require(response.body().empty(), "an answer to HEAD has no body");
             return;
         }
-        require(json::accept(response.body()), "the body is JSON");
+        require(isForTool(request) || json::accept(response.body()), "the body is JSON");
         requireSame(response[http::field::content_length], std::to_string(response.body().size()),
                     "the length");
+    }
+
+    Response get(const char* target) {
+        return dispatcher_.react({http::verb::get, target, 11}).response.value();
+    }
+
+    bool hasFaults() { return get("/-/faults").body() != R"({"faults":[]})"; }
+
+    void adopt() {
+        known_.clear();
+        for (const Entry& entry : dispatcher_.store().entries()) {
+            known_.push_back(
+                {entry.uuid, entry.path, entry.service, static_cast<int>(entry.checks)});
+        }
     }
 
     Position byTarget(const Request& request) {
@@ -153,8 +190,9 @@ class Registry {
         return http::status::ok;
     }
 
-    EntryStore store_;
+    Dispatcher dispatcher_{{{}, 100'000, "", [] { return EntryStore::Time(); }}, true};
     std::vector<KnownEntry> known_;
+    bool isKnown_ = true;  // whether the list knows what the answer must be
 };
 
 std::string targetFrom(Input& input, const Registry& registry) {

@@ -217,6 +217,26 @@ TEST(AHostileClient, IsRefusedJsonThatNestsWithoutEnd) {
     EXPECT_EQ(connection.ask(makeRequest("PUT", "/a", "{}")).result(), http::status::created);
 }
 
+TEST(AHostileClient, IsRefusedFaultsThatAreNone) {
+    RegistryOptions options;
+    options.admin = true;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    std::string many;
+    for (int i = 0; i < 10'000; ++i) {
+        many += "{\"fault\":\"reset\"}\n";
+    }
+    const std::string lists = std::string(200'000, '[') + std::string(200'000, ']');
+    for (const std::string& body :
+         {many, "{\"fault\":" + lists + "}", "{\"fault\":\"reset\",\"x\":" + lists + "}",
+          std::string(500'000, '\n') + "x", "{\"" + std::string(500'000, 'x') + "\":1}",
+          std::string("{\"fault\":\"forget\",\"uuid\":\"\xff\"}"), std::string("\0", 1)}) {
+        EXPECT_EQ(connection.ask(makeRequest("PUT", "/-/faults", body)).result(),
+                  http::status::bad_request);
+    }
+    EXPECT_EQ(connection.ask(makeRequest("GET", "/-/faults")).body(), R"({"faults":[]})");
+}
+
 TEST(AHostileClient, GetsARefusalForGarbage) {
     const RunningRegistry registry;
     std::minstd_rand random(1);

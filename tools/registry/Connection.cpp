@@ -6,12 +6,14 @@
 #include "Connection.h"
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/socket_base.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/bind_handler.hpp>
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -34,16 +36,21 @@ Connection::Connection(asio::ip::tcp::socket socket, Shared& shared)
     : shared_(shared),
       position_(shared_.connections.insert(shared_.connections.end(), this)),
       stream_(std::move(socket)),
-      buffer_(kMaxBuffer) {}
+      buffer_(kMaxBuffer),
+      delay_(stream_.get_executor()) {
+    Error error;
+    address_ = stream_.socket().remote_endpoint(error).address().to_string();
+}
 
 Connection::~Connection() {
     close();
 }
 
 void Connection::close() {
-    if (position_ != shared_.connections.end()) {
+    if (isOpen()) {
         shared_.connections.erase(std::exchange(position_, shared_.connections.end()));
         stream_.close();
+        delay_.cancel();
     }
 }
 
@@ -104,7 +111,44 @@ void Connection::onRequest(Error error, std::size_t) {
     if (error) {
         return refuse(error);
     }
-    respond(answer(shared_.store, parser_->get()));
+    Reaction reaction = shared_.dispatcher.react(parser_->get());
+    record(parser_->get(), reaction.response);
+    parser_.reset();
+    if (reaction.delay.count() == 0) {
+        return reaction.response ? respond(std::move(*reaction.response)) : reset();
+    }
+    stream_.expires_never();
+    delay_.expires_after(reaction.delay);
+    delay_.async_wait(
+        [self = shared_from_this(), response = std::move(reaction.response)](Error) mutable {
+            if (self->isOpen()) {
+                response ? self->respond(std::move(*response)) : self->reset();
+            }
+        });
+}
+
+bool Connection::isOpen() const {
+    return position_ != shared_.connections.end();
+}
+
+void Connection::reset() {
+    Error error;
+    stream_.socket().set_option(asio::socket_base::linger(true, 0), error);
+    close();
+}
+
+void Connection::record(const Request& request, const std::optional<Response>& response) const {
+    if (!shared_.log) {
+        return;
+    }
+    std::string line;
+    if (!request.target().empty()) {
+        line = std::string(request.method_string()) + ' ' + std::string(request.target()) +
+               " HTTP/" + std::to_string(request.version() / 10) + '.' +
+               std::to_string(request.version() % 10);
+    }
+    shared_.log->write(address_, line, response ? response->result_int() : 0,
+                       response ? response->body().size() : 0);
 }
 
 void Connection::refuse(Error error) {
@@ -120,11 +164,11 @@ void Connection::refuse(Error error) {
     }
     Response response = failure(status, error.message());
     response.keep_alive(false);
+    record({}, response);
     respond(std::move(response));
 }
 
 void Connection::respond(Response response) {
-    parser_.reset();
     response_ = std::move(response);
     stream_.expires_after(shared_.options.writeTimeout);
     http::async_write(stream_, response_,
@@ -135,10 +179,10 @@ void Connection::onAnswered(Error error, std::size_t) {
     if (error) {
         return;
     }
-    auto& connections = shared_.connections;
-    if (position_ == connections.end()) {
+    if (!isOpen()) {
         return;
     }
+    auto& connections = shared_.connections;
     connections.splice(connections.end(), connections, position_);
     if (response_.keep_alive()) {
         return awaitRequest();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
@@ -10,10 +11,13 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 
-#include "EntryStore.h"
+#include "Dispatcher.h"
 #include "RegistryServer.h"
 #include "RequestHandler.h"
+#include "RequestLog.h"
 
 namespace orvx::registry {
 
@@ -26,7 +30,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     /// What all connections of a server work on. Outlives them.
     struct Shared {
         const RegistryOptions options;
-        EntryStore store;
+        Dispatcher dispatcher;
+        std::optional<RequestLog> log;
         /// Those that are open, the one that was accepted or answered longest ago first.
         std::list<Connection*> connections;
 
@@ -45,13 +50,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
   private:
     using Error = boost::beast::error_code;
 
+    bool isOpen() const;
     void onFirstBytes(Error error, std::size_t size);
     void readHeader();
     void onHeader(Error error, std::size_t);
     void readBody(Error error, std::size_t);
     void onRequest(Error error, std::size_t);
     void refuse(Error error);
+    void reset();
     void respond(Response response);
+    void record(const Request& request, const std::optional<Response>& response) const;
     void onAnswered(Error error, std::size_t);
     void discardInput(Error error, std::size_t);
 
@@ -61,6 +69,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     Response response_;
+    boost::asio::steady_timer delay_;
+    std::string address_;
     std::chrono::steady_clock::time_point farewell_;
 };
 

@@ -1,6 +1,6 @@
-// The entries in a list, in the order of their creation, with an index for each way to find one.
-// Entered by whichever thread its owner uses, one at a time: the server's own, or a test's.
-// There is no lock.
+// The entries in a list, in the order of their creation, with an index for each way to find one,
+// and their names in the order of their renewal. Entered by whichever thread its owner uses, one at
+// a time: the server's own, or a test's. There is no lock.
 
 #include "EntryStore.h"
 
@@ -8,25 +8,65 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <utility>
 
+#include "EntryFile.h"
+
 namespace orvx::registry {
+
+EntryStore::EntryStore(StoreOptions options) : options_(std::move(options)) {
+    if (options_.file.empty()) {
+        return;
+    }
+    file_ = std::make_unique<EntryFile>(options_.file);
+    for (Entry& entry : file_->load()) {
+        add(std::move(entry));
+    }
+}
+
+EntryStore::~EntryStore() = default;
 
 EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) {
     if (const auto known = byPath_.find(path); known != byPath_.end()) {
-        Entry& entry = *known->second;
+        Entry& entry = *known->second.entry;
+        if (file_) {
+            file_->replace(entry.uuid, service);
+        }
         entry.service = std::move(service);
+        renew(known->second);
         return {entry, false};
     }
-    std::string uuid = to_string(boost::uuids::random_generator()());
-    entries_.push_back({std::move(uuid), std::move(path), std::move(service), 0});
+    if (entries_.size() >= options_.maxEntries) {
+        throw StoreFull("the registry is full: it holds " + std::to_string(entries_.size()) +
+                        " entries");
+    }
+    Entry entry;
+    entry.uuid = to_string(boost::uuids::random_generator()());
+    entry.path = std::move(path);
+    entry.service = std::move(service);
+    entry.created = std::chrono::system_clock::now();
+    if (file_) {
+        file_->add(entry);
+    }
+    return {add(std::move(entry)), true};
+}
+
+const Entry& EntryStore::add(Entry entry) {
+    entries_.push_back(std::move(entry));
     const auto added = std::prev(entries_.end());
-    byUuid_.emplace(added->uuid, added);
-    byPath_.emplace(added->path, added);
-    return {*added, true};
+    added->renewed = now();
+    const Known known{added, renewals_.insert(renewals_.end(), added->uuid)};
+    byUuid_.emplace(added->uuid, known);
+    byPath_.emplace(added->path, known);
+    return *added;
+}
+
+void EntryStore::renew(const Known& known) {
+    known.entry->renewed = now();
+    renewals_.splice(renewals_.end(), renewals_, known.renewal);
 }
 
 const Entry* EntryStore::find(std::string_view uuid) const {
     const auto found = byUuid_.find(uuid);
-    return found == byUuid_.end() ? nullptr : &*found->second;
+    return found == byUuid_.end() ? nullptr : &*found->second.entry;
 }
 
 bool EntryStore::check(std::string_view uuid) {
@@ -34,7 +74,10 @@ bool EntryStore::check(std::string_view uuid) {
     if (found == byUuid_.end()) {
         return false;
     }
-    ++found->second->checks;
+    renew(found->second);
+    Entry& entry = *found->second.entry;
+    entry.checked = entry.renewed;
+    ++entry.checks;
     return true;
 }
 
@@ -43,12 +86,50 @@ std::optional<Entry> EntryStore::remove(std::string_view uuid) {
     if (found == byUuid_.end()) {
         return std::nullopt;
     }
-    const auto position = found->second;
-    byUuid_.erase(found);
+    if (file_) {
+        file_->remove({std::string(uuid)});
+    }
+    return take(found);
+}
+
+Entry EntryStore::take(std::unordered_map<std::string_view, Known>::iterator known) {
+    const auto [position, renewal] = known->second;
+    byUuid_.erase(known);
     byPath_.erase(position->path);
-    Entry removed = std::move(*position);
+    renewals_.erase(renewal);
+    Entry taken = std::move(*position);
     entries_.erase(position);
-    return removed;
+    return taken;
+}
+
+void EntryStore::clear() {
+    if (file_) {
+        file_->clear();
+    }
+    byUuid_.clear();
+    byPath_.clear();
+    renewals_.clear();
+    entries_.clear();
+}
+
+void EntryStore::expire() {
+    if (options_.ttl.count() == 0) {
+        return;
+    }
+    const Time oldest = now() - options_.ttl;
+    std::vector<std::string> expired;
+    for (const std::string_view uuid : renewals_) {
+        if (byUuid_.at(uuid).entry->renewed > oldest) {
+            break;
+        }
+        expired.emplace_back(uuid);
+    }
+    if (file_ && !expired.empty()) {
+        file_->remove(expired);
+    }
+    for (const std::string& uuid : expired) {
+        take(byUuid_.find(uuid));
+    }
 }
 
 }  // namespace orvx::registry

@@ -9,10 +9,13 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 #include "Connection.h"
+#include "FileError.h"
 
 namespace orvx::registry {
 
@@ -23,10 +26,16 @@ using boost::system::error_code;
 class RegistryServer::Impl {
   public:
     explicit Impl(const RegistryOptions& options)
-        : shared_{options, {}, {}},
+        : shared_{options, {storeOptions(options), options.admin}, {}, {}},
           acceptor_(context_, resolve(options)),
           endpoint_(acceptor_.local_endpoint()),
           retry_(context_) {
+        if (!options.log.empty()) {
+            shared_.log.emplace(options.log);
+        }
+        if (!options.script.empty()) {
+            runScript(options.script);
+        }
         accept();
     }
 
@@ -37,6 +46,28 @@ class RegistryServer::Impl {
     }
 
   private:
+    static StoreOptions storeOptions(const RegistryOptions& options) {
+        StoreOptions store;
+        store.ttl = options.ttl;
+        store.maxEntries = options.maxEntries;
+        store.file = options.store;
+        return store;
+    }
+
+    void runScript(const std::string& path) {
+        std::ifstream file(path);
+        std::ostringstream text;
+        text << file.rdbuf();
+        if (!file || text.fail()) {
+            throw FileError("script " + path + ": it cannot be read");
+        }
+        try {
+            shared_.dispatcher.setFaults(text.str());
+        } catch (const std::invalid_argument& error) {
+            throw FileError("script " + path + ": " + error.what());
+        }
+    }
+
     tcp::endpoint resolve(const RegistryOptions& options) {
         return *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
     }

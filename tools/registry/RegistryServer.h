@@ -10,25 +10,33 @@ namespace orvx::registry {
 
 /// Where a registry listens and what it allows.
 struct RegistryOptions {
-    std::string host = "127.0.0.1";                    ///< address or name
-    std::uint16_t port = 8500;                         ///< 0: any free one
-    std::uint64_t maxBody = 1'048'576;                 ///< largest body of a request, in bytes
-    std::size_t maxConnections = 1'000;                ///< a further one ends another
-    std::chrono::milliseconds idleTimeout{60'000};     ///< from an answer to the next request
+    std::string host = "127.0.0.1";                 ///< address or name
+    std::uint16_t port = 8500;                      ///< 0: any free one
+    std::uint64_t maxBody = 1'048'576;              ///< largest body of a request, in bytes
+    std::size_t maxConnections = 1'000;             ///< a further one ends another
+    std::size_t maxEntries = 100'000;               ///< a further one is refused
+    std::chrono::milliseconds ttl{0};               ///< of an entry since its renewal; 0: for ever
+    std::string store;                              ///< file for the entries; empty: only memory
+    std::string log;                                ///< file for requests; `-`: stdout; empty: none
+    std::string script;                             ///< file with faults; empty: none
+    bool admin = false;                             ///< whether /-/faults is served
+    std::chrono::milliseconds idleTimeout{60'000};  ///< from an answer to the next request
     std::chrono::milliseconds requestTimeout{10'000};  ///< from its first byte to its last
     std::chrono::milliseconds writeTimeout{10'000};    ///< for an answer to be taken
     std::chrono::milliseconds farewellTimeout{2'000};  ///< for the other side to end, after ours
 };
 
 /// A registry over HTTP. It listens from construction on, and answers while run() runs, all
-/// connections on that one thread. Its entries live as long as it does. When there are too many
+/// connections on that one thread. Its entries live as long as it does, or in the
+/// store. When there are too many
 /// connections, or too few file descriptors, the connection that had no answer for longest ends.
 ///
 /// Thread-safety: run() by one thread, once; everything else by any thread. Destroy it only when
 /// run() has returned or was never called.
 class RegistryServer {
   public:
-    /// Throws a std::runtime_error that says why when it cannot listen.
+    /// Throws a FileError when a file among the options cannot be used, and a std::runtime_error
+    /// that says why when it cannot listen.
     explicit RegistryServer(const RegistryOptions& options);
     ~RegistryServer();
     RegistryServer(const RegistryServer&) = delete;

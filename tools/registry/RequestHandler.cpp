@@ -6,10 +6,13 @@
 #include "RequestHandler.h"
 
 #include <boost/beast/http/verb.hpp>
+#include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <utility>
+
+#include "FileError.h"
 
 namespace orvx::registry {
 
@@ -46,15 +49,6 @@ json toJson(const Entry& entry) {
             {"path", entry.path},
             {"service", entry.service},
             {"checks", entry.checks}};
-}
-
-Response makeResponse(http::status status, const json& body) {
-    Response response(status, 11);
-    response.set(http::field::content_type, "application/json");
-    // A request target may hold bytes that are no UTF-8; they must not make dump() throw.
-    response.body() = body.dump(-1, ' ', false, json::error_handler_t::replace);
-    response.prepare_payload();
-    return response;
 }
 
 Response noSuchEntry() {
@@ -104,13 +98,6 @@ Response remove(EntryStore& store, const Request& request) {
     return entry ? makeResponse(http::status::ok, toJson(*entry)) : noSuchEntry();
 }
 
-Response methodNotAllowed() {
-    Response response =
-        failure(http::status::method_not_allowed, "the methods are GET, HEAD, PUT and DELETE");
-    response.set(http::field::allow, "GET, HEAD, PUT, DELETE");
-    return response;
-}
-
 Response dispatch(EntryStore& store, const Request& request) {
     switch (request.method()) {
         case http::verb::put:
@@ -126,17 +113,44 @@ Response dispatch(EntryStore& store, const Request& request) {
     }
 }
 
+Response tryToDispatch(EntryStore& store, const Request& request) {
+    try {
+        return dispatch(store, request);
+    } catch (const StoreFull& full) {
+        return failure(http::status::insufficient_storage, full.what());
+    } catch (const FileError& error) {
+        std::cerr << "orvx-registry: " << error.what() << std::endl;
+        return failure(http::status::internal_server_error, error.what());
+    }
+}
+
 }  // namespace
 
 Response answer(EntryStore& store, const Request& request) {
-    Response response = dispatch(store, request);
+    Response response = tryToDispatch(store, request);
     response.version(request.version());
     response.keep_alive(request.keep_alive());
     return response;
 }
 
+Response makeResponse(http::status status, const json& body) {
+    Response response(status, 11);
+    response.set(http::field::content_type, "application/json");
+    // A request target may hold bytes that are no UTF-8; they must not make dump() throw.
+    response.body() = body.dump(-1, ' ', false, json::error_handler_t::replace);
+    response.prepare_payload();
+    return response;
+}
+
 Response failure(http::status status, std::string_view why) {
     return makeResponse(status, {{"error", why}});
+}
+
+Response methodNotAllowed() {
+    Response response =
+        failure(http::status::method_not_allowed, "the methods are GET, HEAD, PUT and DELETE");
+    response.set(http::field::allow, "GET, HEAD, PUT, DELETE");
+    return response;
 }
 
 }  // namespace orvx::registry

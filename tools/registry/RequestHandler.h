@@ -12,12 +12,19 @@ using Request = boost::beast::http::request<boost::beast::http::string_body>;
 using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
 /// What the registry answers to a request that arrived whole, ready to be sent. Every answer is
-/// JSON; one to HEAD has neither a body nor its length.
+/// JSON; one to HEAD has neither a body nor its length. Reports on stderr when the store's file
+/// fails.
 ///
 /// Thread-safety: that of `store`. No sockets are involved.
 Response answer(EntryStore& store, const Request& request);
 
+/// An answer with that text in JSON.
+Response makeResponse(boost::beast::http::status status, const nlohmann::json& body);
+
 /// An answer `{"error": why}`.
 Response failure(boost::beast::http::status status, std::string_view why);
+
+/// The answer to a method other than the four.
+Response methodNotAllowed();
 
 }  // namespace orvx::registry

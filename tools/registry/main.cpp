@@ -9,14 +9,17 @@
 #include <iostream>
 #include <thread>
 
+#include "FileError.h"
 #include "RegistryServer.h"
 
 namespace {
 
+using orvx::registry::FileError;
 using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
 
-sigset_t blockStopSignals() {
+sigset_t prepareSignals() {
+    std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -26,21 +29,17 @@ sigset_t blockStopSignals() {
 }
 
 void serve(const RegistryOptions& options) {
-    const sigset_t stopSignals = blockStopSignals();
+    const sigset_t stopSignals = prepareSignals();
     RegistryServer server(options);
-    std::thread thread([&server] { server.run(); });
     std::cout << "orvx-registry listening on " << server.url() << std::endl;
+    std::thread thread([&server] { server.run(); });
     int signal = 0;
     sigwait(&stopSignals, &signal);
     server.stop();
     thread.join();
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    RegistryOptions options;
-    CLI::App app("A small HTTP registry to develop and test against.", "orvx-registry");
+void addOptions(CLI::App& app, RegistryOptions& options) {
     app.add_option("--host", options.host, "Address or name to listen at")->capture_default_str();
     app.add_option("--port", options.port, "Port to listen at, 0 for any free one")
         ->capture_default_str();
@@ -51,9 +50,33 @@ int main(int argc, char** argv) {
                    "Most connections at once; a further one ends another")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 20))
         ->capture_default_str();
+    app.add_option("--max-entries", options.maxEntries, "Most entries; a further one is refused")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 24))
+        ->capture_default_str();
+    app.add_option_function<std::uint32_t>(
+        "--ttl", [&options](std::uint32_t ttl) { options.ttl = std::chrono::seconds(ttl); },
+        "Seconds after which an entry that is neither put nor checked expires, 0 for never");
+    app.add_option("--store", options.store, "File that keeps the entries over a restart");
+    app.add_option("--script", options.script, "File with faults, one JSON object a line");
+    app.add_flag("--admin", options.admin, "Take faults at /-/faults while it runs");
+    app.add_option("--log", options.log,
+                   "One line for each request, to stdout or appended to that file")
+        ->expected(0, 1)
+        ->default_str("-");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    RegistryOptions options;
+    CLI::App app("A small HTTP registry to develop and test against.", "orvx-registry");
+    addOptions(app, options);
     CLI11_PARSE(app, argc, argv);
     try {
         serve(options);
+    } catch (const FileError& error) {
+        std::cerr << "orvx-registry: " << error.what() << std::endl;
+        return 2;
     } catch (const std::exception& error) {
         std::cerr << "orvx-registry: cannot listen at " << options.host << " port " << options.port
                   << ": " << error.what() << std::endl;

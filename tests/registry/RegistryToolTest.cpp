@@ -1,0 +1,249 @@
+// What the program does for those who develop with it: faults over real connections, the log, the
+// store over a kill, entries that expire; and which files it refuses.
+// Everything runs on the test's thread; the program is a process of its own.
+// There is no lock.
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "RegistryProcess.h"
+#include "RunningRegistry.h"
+#include "TemporaryFolder.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using Clock = std::chrono::steady_clock;
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class TheTool : public ::testing::Test {
+  protected:
+    std::string write(const char* name, const std::string& text) const {
+        std::ofstream(folder_ / name) << text;
+        return folder_ / name;
+    }
+
+    static void expectRefusedAtStart(std::vector<std::string> arguments, const std::string& why) {
+        arguments.insert(arguments.end(), {"--port", "0"});
+        const auto result = RegistryProcess(arguments).wait();
+        EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 2);
+        EXPECT_EQ(result.output, "");
+        EXPECT_THAT(result.errors, MatchesRegex("orvx-registry: .*\n"));
+        EXPECT_THAT(result.errors, HasSubstr(why));
+    }
+
+    const TemporaryFolder folder_;
+};
+
+RegistryOptions withAdmin() {
+    RegistryOptions options;
+    options.admin = true;
+    return options;
+}
+
+void setFaults(RawConnection& connection, const std::string& text) {
+    ASSERT_EQ(connection.ask(makeRequest("PUT", "/-/faults", text)).result(), http::status::ok);
+}
+
+TEST(AFaultOnAConnection, ResetsIt) {
+    const RunningRegistry registry(withAdmin());
+    RawConnection connection = registry.connect();
+    setFaults(connection, R"({"fault":"reset","method":"PUT","requests":1})");
+    EXPECT_THROW(connection.ask(makeRequest("PUT", "/a", "{}")), std::system_error);
+    EXPECT_EQ(registry.connect().ask(makeRequest("GET", "/")).body(), R"({"entries":[]})");
+    EXPECT_EQ(registry.connect().ask(makeRequest("PUT", "/a", "{}")).result(),
+              http::status::created);
+}
+
+TEST(AFaultOnAConnection, DelaysItsAnswerAndNoOther) {
+    const RunningRegistry registry(withAdmin());
+    RawConnection slow = registry.connect();
+    setFaults(slow, R"({"fault":"delay","milliseconds":300,"requests":1})");
+    const auto begin = Clock::now();
+    slow.send(makeRequest("PUT", "/a", "{}") + makeRequest("GET", "/"));
+    RawConnection other = registry.connect();
+    while (other.ask(makeRequest("GET", "/")).body() == R"({"entries":[]})") {
+    }
+    EXPECT_EQ(other.ask(makeRequest("PUT", "/b", "{}")).result(), http::status::created);
+    EXPECT_EQ(slow.receive().result(), http::status::created);
+    EXPECT_GE(Clock::now() - begin, 300ms);
+    EXPECT_EQ(slow.receive().result(), http::status::ok);
+}
+
+TEST(AFaultOnAConnection, DoesNotDelayTheEndOfTheRegistry) {
+    RunningRegistry registry(withAdmin());
+    RawConnection connection = registry.connect();
+    setFaults(connection, R"({"fault":"delay","milliseconds":600000})");
+    connection.send(makeRequest("PUT", "/a", "{}"));
+    RawConnection other = registry.connect();
+    while (other.ask(makeRequest("GET", "/")).body() == R"({"entries":[]})") {
+    }
+    registry.stop();
+    EXPECT_TRUE(connection.isClosedByPeer());
+}
+
+TEST(AFaultOnAConnection, CannotKeepOthersOut) {
+    RegistryOptions options = withAdmin();
+    options.maxConnections = 2;
+    const RunningRegistry registry(options);
+    RawConnection delayed = registry.connect();
+    setFaults(delayed, R"({"fault":"delay","milliseconds":600000,"method":"PUT"})");
+    delayed.send(makeRequest("PUT", "/a", "{}"));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(registry.connect().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    }
+}
+
+TEST_F(TheTool, PlaysAScriptOfFaults) {
+    const std::string script = write("script", R"(# the second check finds nothing
+{"fault":"forget","method":"HEAD","skip":1}
+{"fault":"status","status":503,"method":"PUT","requests":1}
+)");
+    RegistryProcess program({"--port", "0", "--script", script});
+    RawConnection connection(program.port());
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/a", "{}")).result(),
+              http::status::service_unavailable);
+    const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
+    const std::string location(response[http::field::location]);
+    EXPECT_EQ(connection.ask(makeRequest("HEAD", location)).result(), http::status::ok);
+    EXPECT_EQ(connection.ask(makeRequest("HEAD", location)).result(), http::status::not_found);
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/a", "{}")).result(), http::status::created);
+}
+
+TEST_F(TheTool, RefusesAScriptThatIsNotThereOrHasAMistake) {
+    expectRefusedAtStart({"--script", folder_ / "none"}, "/none: it cannot be read");
+    expectRefusedAtStart({"--script", write("script", "\n{\"fault\":\"delay\"}\n")},
+                         "/script: line 2: \"milliseconds\" is missing");
+}
+
+TEST_F(TheTool, WritesALineForEachRequest) {
+    RegistryProcess program({"--port", "0", "--log"});
+    const auto port = program.port();
+    RawConnection connection(port);
+    connection.ask(makeRequest("PUT", "/a\"\\\xff", "{}"));
+    connection.ask(makeRequest("HEAD", "/unknown"));
+    RawConnection(port).ask("\x16\r\n\r\n");
+    program.signal(SIGTERM);
+    EXPECT_THAT(program.wait().output,
+                MatchesRegex("orvx-registry listening on [^\n]*\n"
+                             "127\\.0\\.0\\.1 - - \\[[0-9]+/[A-Z][a-z]+/[0-9:]+ [+-][0-9]+\\] "
+                             "\"PUT /a\\\\x22\\\\x5c\\\\xff HTTP/1\\.1\" 201 [0-9]+\n"
+                             "127\\.0\\.0\\.1 - - [^\n]* \"HEAD /unknown HTTP/1\\.1\" 404 -\n"
+                             "127\\.0\\.0\\.1 - - [^\n]* \"-\" 400 [0-9]+\n"));
+}
+
+TEST_F(TheTool, AppendsItsLogToAFile) {
+    const std::string log = write("log", "before\n");
+    RegistryProcess program({"--log", log, "--port", "0"});
+    RawConnection(program.port()).ask(makeRequest("HEAD", "/"));
+    program.signal(SIGTERM);
+    EXPECT_THAT(program.wait().output, MatchesRegex("[^\n]*\n"));
+    EXPECT_THAT(contentOf(log), MatchesRegex("before\n127[^\n]* \"HEAD / HTTP/1\\.1\" 200 -\n"));
+    expectRefusedAtStart({"--log", folder_ / "none/log"}, "No such file or directory");
+}
+
+TEST_F(TheTool, HasItsEntriesAgainAfterItWasKilledAmongThousandsOfRequests) {
+    const std::string store = folder_ / "store";
+    std::vector<std::string> answered;
+    {
+        RegistryProcess program({"--port", "0", "--store", store});
+        RawConnection connection(program.port());
+        std::string requests;
+        for (int i = 0; i < 2'000; ++i) {
+            requests += makeRequest("PUT", "/" + std::to_string(i), R"({"name":"a"})");
+        }
+        connection.send(requests);
+        for (int i = 0; i < 300; ++i) {
+            answered.emplace_back(connection.receive()[http::field::location]);
+        }
+        program.signal(SIGKILL);
+        program.wait();
+    }
+    RegistryProcess program({"--port", "0", "--store", store});
+    RawConnection connection(program.port());
+    for (const std::string& location : answered) {
+        ASSERT_EQ(connection.ask(makeRequest("HEAD", location)).result(), http::status::ok);
+    }
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/0", "{}"))[http::field::location], answered[0]);
+}
+
+TEST_F(TheTool, SaysWhenItsStoreCannotBeWrittenAndChangesNothingThen) {
+    RegistryProcess program({"--port", "0", "--store", folder_ / "store"});
+    RawConnection connection(program.port());
+    connection.ask(makeRequest("PUT", "/a", "{}"));
+    const rlimit noGrowth{0, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &noGrowth, nullptr), 0);
+    const auto refused = connection.ask(makeRequest("PUT", "/b", "{}"));
+    EXPECT_EQ(refused.result(), http::status::internal_server_error);
+    EXPECT_THAT(refused.body(), HasSubstr("/store: "));
+    program.awaitErrors("/store: ");
+    const auto list = json::parse(connection.ask(makeRequest("GET", "/")).body());
+    EXPECT_EQ(list.at("entries").size(), 1U);
+    const rlimit growth{RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &growth, nullptr), 0);
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(), http::status::created);
+}
+
+TEST_F(TheTool, RefusesAStoreThatIsNone) {
+    expectRefusedAtStart({"--store", write("store", std::string(200, 'x'))}, "not a database");
+}
+
+TEST_F(TheTool, LetsEntriesExpireThatAreNotChecked) {
+    RegistryProcess program({"--port", "0", "--ttl", "1"});
+    RawConnection connection(program.port());
+    const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
+    const auto begin = Clock::now();
+    const std::string look = makeRequest("GET", std::string(response[http::field::location]));
+    while (connection.ask(look).result() == http::status::ok) {
+        ASSERT_LT(Clock::now() - begin, 10s);
+    }
+    EXPECT_GE(Clock::now() - begin, 900ms);
+}
+
+TEST_F(TheTool, HoldsAsManyEntriesAsItIsTold) {
+    RegistryProcess program({"--port", "0", "--max-entries", "1"});
+    RawConnection connection(program.port());
+    connection.ask(makeRequest("PUT", "/a", "{}"));
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(),
+              http::status::insufficient_storage);
+}
+
+TEST(TheDocumentationOfTheTool, NamesEveryOption) {
+    const std::string help = RegistryProcess({"--help"}).wait().output;
+    const std::string manual = contentOf(ORVX_REGISTRY_SOURCES "/orvx-registry.1");
+    const std::string page = contentOf(ORVX_REGISTRY_SOURCES "/../../docs/registry-tool.md");
+    const std::regex option("  (--[a-z-]+) ");
+    int count = 0;
+    for (std::sregex_iterator at(help.begin(), help.end(), option); at != std::sregex_iterator();
+         ++at, ++count) {
+        const std::string name = (*at)[1];
+        EXPECT_THAT(manual, HasSubstr("\n.It Fl " + name.substr(1)));
+        EXPECT_THAT(page, HasSubstr("| `" + name + "` |"));
+    }
+    EXPECT_EQ(count, 10);
+}
+
+}  // namespace
+}  // namespace orvx::registry

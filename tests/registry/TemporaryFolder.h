@@ -1,0 +1,30 @@
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+namespace orvx::registry {
+
+/// A folder of its own that is gone with this object.
+class TemporaryFolder {
+  public:
+    TemporaryFolder() {
+        std::string name = std::filesystem::temp_directory_path() / "orvx-registry.XXXXXX";
+        path_ = ::mkdtemp(name.data());
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    std::string operator/(const char* file) const { return path_ / file; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+}  // namespace orvx::registry

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+#include "EntryStore.h"
+#include "Faults.h"
+#include "RequestHandler.h"
+
+namespace orvx::registry {
+
+/// What is done about a request.
+struct Reaction {
+    std::optional<Response> response;  ///< empty: the connection is reset
+    std::chrono::milliseconds delay{0};
+};
+
+/// Gives each request to what answers it: the entries, the page, the faults and their control.
+///
+/// Thread-safety: none; one thread at a time.
+class Dispatcher {
+  public:
+    /// `admin`: whether /-/faults is there. Throws a FileError.
+    Dispatcher(StoreOptions options, bool admin) : store_(std::move(options)), admin_(admin) {}
+
+    /// In place of all others; counted from now. Throws as parseFaults().
+    void setFaults(std::string_view text) { faults_.set(parseFaults(text, store_.now())); }
+
+    Reaction react(const Request& request);
+
+    const EntryStore& store() const { return store_; }
+
+  private:
+    Reaction decide(const Request& request);
+    Response control(const Request& request);
+
+    EntryStore store_;
+    Faults faults_;
+    const bool admin_;
+};
+
+}  // namespace orvx::registry

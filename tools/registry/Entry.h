@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace orvx::registry {
+
+/// One registered service.
+struct Entry {
+    std::string uuid;          ///< random (version 4), lower case; the name of the entry
+    std::string path;          ///< the request target it was put at, byte by byte
+    nlohmann::json service;    ///< the object that was put there last
+    std::uint64_t checks = 0;  ///< how often it was asked whether it is there, in this process
+    std::chrono::system_clock::time_point created{};
+    std::chrono::steady_clock::time_point renewed{};  ///< put, checked or loaded last
+    std::optional<std::chrono::steady_clock::time_point> checked{};
+};
+
+}  // namespace orvx::registry

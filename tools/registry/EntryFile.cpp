@@ -1,0 +1,121 @@
+// One table of one SQLite database. Its write-ahead log makes a change one append to a file, and
+// keeps it when the process is killed; a machine that loses power may forget the last changes.
+// Entered by whichever thread owns the entries, one at a time.
+// There is no lock but SQLite's on the file, which keeps other processes out.
+
+#include "EntryFile.h"
+
+#include <utility>
+
+namespace orvx::registry {
+
+namespace {
+
+constexpr std::int64_t kApplication = 0x4F525652;
+
+/// What SQLite reports becomes an error that names the file.
+template <typename Action>
+auto naming(const std::string& path, Action&& action) {
+    try {
+        return action();
+    } catch (const sqlite::Error& error) {
+        throw FileError("store " + path + ": " + error.what());
+    } catch (const nlohmann::json::exception& error) {
+        throw FileError("store " + path + ": an entry is damaged: " + error.what());
+    }
+}
+
+std::int64_t numberOf(sqlite::Database& database, const char* sql) {
+    sqlite::Statement statement = database.prepare(sql);
+    return statement.step() ? statement.number(0) : 0;
+}
+
+std::int64_t seconds(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+}  // namespace
+
+EntryFile::EntryFile(const std::string& path)
+    : path_(path), database_(naming(path, [&] { return sqlite::Database(path); })) {
+    naming(path_, [this] {
+        database_.run("PRAGMA locking_mode = EXCLUSIVE");
+        requireOurs();
+        database_.run("PRAGMA journal_mode = WAL");
+        database_.run("PRAGMA synchronous = NORMAL");
+        sqlite::Transaction creation(database_);  // takes the lock for as long as the file is open
+        database_.run("PRAGMA application_id = " + std::to_string(kApplication));
+        database_.run(
+            "CREATE TABLE IF NOT EXISTS entries (position INTEGER PRIMARY KEY, uuid TEXT NOT NULL "
+            "UNIQUE, path BLOB NOT NULL UNIQUE, service TEXT NOT NULL, created INTEGER NOT NULL)");
+        creation.commit();
+    });
+}
+
+void EntryFile::requireOurs() {
+    const std::int64_t application = numberOf(database_, "PRAGMA application_id");
+    const bool isEmpty = numberOf(database_, "SELECT count(*) FROM sqlite_master") == 0;
+    if (application != kApplication && !(application == 0 && isEmpty)) {
+        throw sqlite::Error("it is a database of another program");
+    }
+    sqlite::Statement check = database_.prepare("PRAGMA quick_check(1)");
+    if (check.step() && check.text(0) != "ok") {
+        throw sqlite::Error("it is damaged");
+    }
+}
+
+std::vector<Entry> EntryFile::load() {
+    return naming(path_, [this] {
+        std::vector<Entry> entries;
+        sqlite::Statement rows =
+            database_.prepare("SELECT uuid, path, service, created FROM entries ORDER BY position");
+        while (rows.step()) {
+            Entry entry;
+            entry.uuid = rows.text(0);
+            entry.path = rows.text(1);
+            entry.service = nlohmann::json::parse(rows.text(2));
+            entry.created =
+                std::chrono::system_clock::time_point(std::chrono::seconds(rows.number(3)));
+            entries.push_back(std::move(entry));
+        }
+        return entries;
+    });
+}
+
+void EntryFile::add(const Entry& entry) {
+    naming(path_, [&] {
+        const std::string service = entry.service.dump();
+        database_.prepare("INSERT INTO entries (uuid, path, service, created) VALUES (?, ?, ?, ?)")
+            .bind(1, entry.uuid)
+            .bindBytes(2, entry.path)
+            .bind(3, service)
+            .bind(4, seconds(entry.created))
+            .step();
+    });
+}
+
+void EntryFile::replace(const std::string& uuid, const nlohmann::json& service) {
+    naming(path_, [&] {
+        const std::string text = service.dump();
+        database_.prepare("UPDATE entries SET service = ? WHERE uuid = ?")
+            .bind(1, text)
+            .bind(2, uuid)
+            .step();
+    });
+}
+
+void EntryFile::remove(const std::vector<std::string>& uuids) {
+    naming(path_, [&] {
+        sqlite::Transaction transaction(database_);
+        for (const std::string& uuid : uuids) {
+            database_.prepare("DELETE FROM entries WHERE uuid = ?").bind(1, uuid).step();
+        }
+        transaction.commit();
+    });
+}
+
+void EntryFile::clear() {
+    naming(path_, [this] { database_.run("DELETE FROM entries"); });
+}
+
+}  // namespace orvx::registry

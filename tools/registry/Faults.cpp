@@ -1,0 +1,116 @@
+// Decides what goes wrong with a request: every fault that takes it is counted down; delays add up,
+// a reset goes before a status, and the last status counts.
+// Entered by whichever thread owns the store, one at a time.
+// There is no lock.
+
+#include "Faults.h"
+
+#include <algorithm>
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+
+namespace {
+
+bool takes(const Fault& fault, std::optional<http::verb> method) {
+    if (!method) {
+        return fault.kind == Fault::Kind::FORGET && !fault.method && fault.skip == 0;
+    }
+    return fault.method ? fault.method == method : method != http::verb::get;
+}
+
+/// Whether the fault meets a request that it takes.
+bool countDown(Fault& fault) {
+    if (fault.skip > 0) {
+        --fault.skip;
+        return false;
+    }
+    if (fault.requests) {
+        --*fault.requests;
+    }
+    return true;
+}
+
+void apply(const Fault& fault, Fate& fate, EntryStore& store) {
+    switch (fault.kind) {
+        case Fault::Kind::DELAY:
+            fate.delay += fault.delay;
+            break;
+        case Fault::Kind::RESET:
+            fate.reset = true;
+            break;
+        case Fault::Kind::STATUS:
+            fate.status = fault.status;
+            break;
+        case Fault::Kind::FORGET:
+            fault.uuid.empty() ? store.clear() : static_cast<void>(store.remove(fault.uuid));
+            break;
+    }
+}
+
+json toJson(const Fault& fault, EntryStore::Time now) {
+    static constexpr const char* kKinds[] = {"delay", "reset", "status", "forget"};
+    const auto until = [now](EntryStore::Time time) {
+        return std::max(0.0, std::chrono::duration<double>(time - now).count());
+    };
+    json object{{"fault", kKinds[static_cast<int>(fault.kind)]}, {"skip", fault.skip}};
+    if (fault.kind == Fault::Kind::DELAY) {
+        object["milliseconds"] = fault.delay.count();
+    }
+    if (fault.kind == Fault::Kind::STATUS) {
+        object["status"] = fault.status;
+    }
+    if (!fault.uuid.empty()) {
+        object["uuid"] = fault.uuid;
+    }
+    if (fault.method) {
+        object["method"] = std::string(http::to_string(*fault.method));
+    }
+    if (fault.requests) {
+        object["requests"] = *fault.requests;
+    }
+    object["after"] = until(fault.begin);
+    if (fault.end) {
+        object["seconds"] = until(*fault.end) - until(fault.begin);
+    }
+    return object;
+}
+
+}  // namespace
+
+Fate Faults::meet(std::optional<http::verb> method, EntryStore& store) {
+    const auto now = store.now();
+    dropSpent(now);
+    Fate fate;
+    for (Fault& fault : faults_) {
+        if (now >= fault.begin && takes(fault, method) && countDown(fault)) {
+            apply(fault, fate, store);
+        }
+    }
+    return fate;
+}
+
+json Faults::list(EntryStore::Time now) {
+    dropSpent(now);
+    json faults = json::array();
+    for (const Fault& fault : faults_) {
+        faults.push_back(toJson(fault, now));
+    }
+    return {{"faults", std::move(faults)}};
+}
+
+std::size_t Faults::count(EntryStore::Time now) {
+    dropSpent(now);
+    return faults_.size();
+}
+
+void Faults::dropSpent(EntryStore::Time now) {
+    const auto isSpent = [now](const Fault& fault) {
+        return fault.requests == std::uint64_t{0} || (fault.end && now >= *fault.end);
+    };
+    faults_.erase(std::remove_if(faults_.begin(), faults_.end(), isSpent), faults_.end());
+}
+
+}  // namespace orvx::registry

@@ -1,0 +1,68 @@
+// Makes a line of a request and writes it at once, so that it can be followed.
+// Entered by the thread that runs the server.
+// There is no lock.
+
+#include "RequestLog.h"
+
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <iostream>
+#include <system_error>
+
+#include "FileError.h"
+
+namespace orvx::registry {
+
+namespace {
+
+std::string now() {
+    const std::time_t time = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&time, &local);
+    std::array<char, 40> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%d/%b/%Y:%H:%M:%S %z", &local)};
+}
+
+/// Nothing in it can end the field, or the line, or steer a terminal.
+std::string escaped(std::string_view text) {
+    static constexpr std::string_view kDigits = "0123456789abcdef";
+    std::string safe;
+    for (const char letter : text) {
+        if (letter >= ' ' && letter < '\x7f' && letter != '"' && letter != '\\') {
+            safe += letter;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(letter);
+        safe += {'\\', 'x', kDigits[byte / 16U], kDigits[byte % 16U]};
+    }
+    return safe;
+}
+
+}  // namespace
+
+RequestLog::RequestLog(const std::string& path) : out_(path == "-" ? std::cout : file_) {
+    if (path == "-") {
+        return;
+    }
+    file_.open(path, std::ios::app);
+    if (!file_) {
+        throw FileError("log " + path + ": " + std::generic_category().message(errno));
+    }
+}
+
+void RequestLog::write(std::string_view address, std::string_view request, unsigned status,
+                       std::size_t size) {
+    std::string line(address);
+    line += " - - [" + now() + "] \"" + (request.empty() ? "-" : escaped(request)) + "\" ";
+    line += status == 0 ? "-" : std::to_string(status);
+    line += size == 0 ? " -\n" : ' ' + std::to_string(size) + '\n';
+    out_.clear();
+    out_ << line << std::flush;
+    if (!out_ && !hasFailed_) {
+        std::cerr << "orvx-registry: the log cannot be written" << std::endl;
+    }
+    hasFailed_ = !out_;
+}
+
+}  // namespace orvx::registry
