@@ -1,0 +1,74 @@
+# What is installed, in three parts: the shared library (runtime), what a build against the library
+# needs (development, with the test kit), and the tools, which install themselves. A shared build can
+# be packed as Debian packages, one for each part.
+
+include(CMakePackageConfigHelpers)
+
+set(name OrvxServiceRegistryClient)
+set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/${name}")
+
+install(TARGETS OrvxServiceRegistryClient EXPORT ${name}
+  LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+  ARCHIVE COMPONENT development
+  FILE_SET HEADERS COMPONENT development)
+install(TARGETS orvx_test_kit OrvxServiceRegistryClientTestKit EXPORT ${name}TestKit
+  ARCHIVE COMPONENT development
+  FILE_SET HEADERS COMPONENT development)
+foreach(export ${name} ${name}TestKit)
+  install(EXPORT ${export} FILE ${export}Targets.cmake NAMESPACE Orvx::
+    DESTINATION "${package_folder}" COMPONENT development)
+endforeach()
+
+# The library's path is found from the file's own, so that the installed tree can be moved.
+file(RELATIVE_PATH ORVX_UP_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+# A static library says what it is linked with, the shared libraries themselves: as requirements they
+# would bring along, for a link of everything static, more than their development packages install.
+if(NOT BUILD_SHARED_LIBS)
+  set(ORVX_PRIVATE_LIBS "-lcurl -lfmt -pthread -l${CMAKE_DL_LIBS}")
+endif()
+configure_package_config_file(cmake/${name}Config.cmake.in ${name}Config.cmake
+  INSTALL_DESTINATION "${package_folder}"
+  NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${name}ConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
+install(FILES
+  "${PROJECT_BINARY_DIR}/${name}Config.cmake"
+  "${PROJECT_BINARY_DIR}/${name}ConfigVersion.cmake"
+  DESTINATION "${package_folder}" COMPONENT development)
+install(FILES "${PROJECT_BINARY_DIR}/${name}.pc"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+
+if(NOT BUILD_SHARED_LIBS)
+  return()
+endif()
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "Orvx")
+set(CPACK_PACKAGE_CONTACT "Orvx <orvx@localhost>")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_COMPONENTS_ALL runtime development)
+if(ORVX_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/src")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+
+set(runtime_package liborvxserviceregistryclient0)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Client of a service registry: the shared library")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liborvxserviceregistryclient-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS libspdlog-dev)  # the test kit is linked with it
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+  "Client of a service registry: headers, CMake package, pkg-config file and test kit")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orvx-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Service registry to develop and test against, and its tools")
+include(CPack)

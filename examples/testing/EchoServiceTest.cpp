@@ -1,0 +1,40 @@
+// What a service does when the registry forgets it: in simulated time, so at once and exactly.
+#include "EchoService.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <orvx/simulation/Registry.h>
+
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using orvx::communication::HttpResponse;
+
+class TheEchoService : public ::testing::Test {
+  protected:
+    TheEchoService() {
+        context.setCheckInterval(10s);
+        context.init();
+        service.emplace(*context.getServiceRegistryClient(),
+                        orvx::common::ServiceInfo("registry", "registry.test", 8500));
+        registry.settle();
+    }
+
+    orvx::simulation::World world;  // first: the client lives in it
+    orvx::simulation::Registry registry{world};
+    orvx::serviceregistryclient::OrvServiceRegistryContext context;
+    std::optional<EchoService> service;
+};
+
+TEST_F(TheEchoService, CannotBeFoundUntilTheRegistryThatForgotItTakesItAgain) {
+    EXPECT_TRUE(service->canBeFound());
+    registry.forgetAll();
+    registry.fails(HttpResponse(HttpResponse::StatusCode::ServiceUnavailable, "", ""), "PUT");
+    registry.advance(9999ms);
+    EXPECT_TRUE(service->canBeFound()) << "nobody has looked yet";
+    registry.advance(1ms);
+    EXPECT_FALSE(service->canBeFound()) << "now the check has";
+    registry.works();
+    registry.advance(10s);
+    EXPECT_TRUE(service->canBeFound()) << "it was announced again";
+}
