@@ -1,0 +1,75 @@
+// Means to run orvx-announce with a registry and a service.
+// Entered by the test's thread; what the server in front passes on, by that server's. No lock.
+#include "AnnounceTest.h"
+
+#include <sys/wait.h>
+
+namespace orvx::announce {
+
+Words operator+(Words left, const Words& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Words command(const Words& arguments) {
+    return Words{"--", "python3", ORVX_ANNOUNCE_TESTS "/command.py"} + arguments;
+}
+
+Words shell(const std::string& script) {
+    return {"--", "/bin/sh", "-c", script};
+}
+
+std::string urlOf(std::uint16_t port) {
+    return "http://127.0.0.1:" + std::to_string(port);
+}
+
+int exitCode(const ChildProcess::Result& result) {
+    return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
+}
+
+AnnounceTest::AnnounceTest() {
+    for (const int number : {SIGINT, SIGQUIT, SIGHUP}) {
+        ::signal(number, SIG_DFL);
+    }
+}
+
+void AnnounceTest::loseTheEntry() const {
+    const std::string target = "/" + entries().at(0).at("uuid").get<std::string>();
+    registry.connect().ask(registry::makeRequest("DELETE", target));
+}
+
+void AnnounceTest::passOnInFront() {
+    front.onRequest([this](const Request& request) { return passOn(request, registry.port()); });
+}
+
+void AnnounceTest::holdBack(const std::string& method) {
+    front.onRequest([this, method](const Request& request) {
+        const std::string answer = passOn(request, registry.port());
+        return request.method == method ? Script().waitForRelease(method).send(answer)
+                                        : Script(answer);
+    });
+}
+
+void AnnounceTest::answerInFront(const std::string& method, const std::string& answer) {
+    front.onRequest([this, method, answer](const Request& request) {
+        return request.method == method ? answer : passOn(request, registry.port());
+    });
+}
+
+Words AnnounceTest::echo(std::uint16_t registryPort) const {
+    return {"--registry", urlOf(registryPort),           "--name", "echo",
+            "--port",     std::to_string(service.port())};
+}
+
+ChildProcess::Result Announce::stopped(int code, int number) {
+    signal(number);
+    return ended(code);
+}
+
+ChildProcess::Result Announce::ended(int code) {
+    const Result result = wait();
+    EXPECT_EQ(exitCode(result), code) << result.status << '\n' << result.errors << result.output;
+    return result;
+}
+
+}  // namespace orvx::announce

@@ -1,0 +1,106 @@
+// A command that is run beside its announcement: how it starts, what it finds, and how it ends.
+// Entered by the test's thread; orvx-announce and its command are processes. No lock.
+#include "AnnounceTest.h"
+
+#include <sys/wait.h>
+
+namespace orvx::announce {
+namespace {
+
+class TheCommand : public AnnounceTest {
+  protected:
+    /// The exit code of the program with this shell script as its command.
+    int codeOf(const std::string& script) const {
+        return exitCode(Announce(echo() + Words{"--ready", "none"} + shell(script)).wait());
+    }
+};
+
+TEST_F(TheCommand, IsAnnouncedWhileItRunsAndWithdrawnWhenItEnds) {
+    Announce announce(echo() + shell("read line; exit 5"));
+    announce.awaitErrors(" announced ");
+    const json entry = entries().at(0);
+    EXPECT_EQ(entry.at("path"), "/echo");
+    EXPECT_EQ(entry.at("service").at("port"), service.port());
+    announce.endInput();
+    announce.ended(5);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheCommand, GivesItsExitStatusToTheProgram) {
+    EXPECT_EQ(codeOf("exit 0"), 0);
+    EXPECT_EQ(codeOf("exit 1"), 1);
+    EXPECT_EQ(codeOf("exit 255"), 255);
+    EXPECT_EQ(codeOf("kill -KILL $$"), 128 + SIGKILL);
+    EXPECT_EQ(codeOf("kill -SEGV $$"), 128 + SIGSEGV);
+}
+
+TEST_F(TheCommand, ThatDiesBeforeItIsReadyIsNeverAnnounced) {
+    service.stopListening();
+    const auto result = Announce(echo(front.port()) + shell("exit 9")).ended(9);
+    EXPECT_THAT(result.errors, Not(HasSubstr("announcing")));
+    EXPECT_EQ(front.counters().requests, 0U);
+}
+
+TEST_F(TheCommand, ThatDoesNotExistIsOneHundredTwentySeven) {
+    const auto result = Announce(echo() + Words{"--", "/there/is/none"}).ended(127);
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("/there/is/none"), HasSubstr("No such file")));
+    Announce(echo() + Words{"--", "there-is-none-in-the-path"}).ended(127);
+}
+
+TEST_F(TheCommand, ThatCannotBeExecutedIsOneHundredTwentySix) {
+    const Folder folder;
+    const auto file = folder.file("plain", "text");
+    const auto result = Announce(echo() + Words{"--", file}).ended(126);
+    EXPECT_THAT(result.errors, HasSubstr("Permission denied"));
+}
+
+TEST_F(TheCommand, GetsItsArgumentsAsTheyAre) {
+    const auto result = Announce(echo() + Words{"--ready", "none", "--", "printf", "<%s>", "--name",
+                                                "", "a b", "--", "*"})
+                            .ended(0);
+    EXPECT_EQ(result.output, "<--name><><a b><--><*>");
+}
+
+TEST_F(TheCommand, HasTheStandardStreamsForItself) {
+    Announce announce(echo() + shell("echo out; echo err >&2; cat"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    const auto result = announce.ended(0);
+    EXPECT_EQ(result.output, "out\n");
+    EXPECT_THAT(result.errors, HasSubstr("err\n"));
+}
+
+TEST_F(TheCommand, InheritsNoDescriptorOfTheProgram) {
+    const auto alone = ChildProcess("/bin/ls", {"/proc/self/fd"}).wait();
+    const auto beside = Announce(echo() + Words{"--", "/bin/ls", "/proc/self/fd"}).ended(0);
+    EXPECT_EQ(beside.output, alone.output);
+}
+
+TEST_F(TheCommand, HasTheSignalsAsTheStarterHadThem) {
+    const auto signals = Words{"-E", "^Sig(Blk|Ign|Cgt)", "/proc/self/status"};
+    const auto alone = ChildProcess("/bin/grep", signals).wait();
+    const auto beside = Announce(echo() + Words{"--", "/bin/grep"} + signals).ended(0);
+    EXPECT_EQ(beside.output, alone.output);
+}
+
+TEST_F(TheCommand, IsWaitedForAndSoAreOrphansThatComeToTheProgram) {
+    const std::string becomeReaper =
+        "import ctypes, os, sys; ctypes.CDLL(None).prctl(36, 1, 0, 0, 0); "
+        "os.execv(sys.argv[1], sys.argv[1:])";
+    ChildProcess announce("/usr/bin/env",
+                          Words{"python3", "-c", becomeReaper, ORVX_ANNOUNCE_PROGRAM} + echo() +
+                              shell("(/bin/true & echo $! >&2); echo started; read line"));
+    announce.awaitOutput("started");
+    announce.awaitErrors(" announced ");
+    const std::string pid = std::to_string(announce.pid());
+    const std::string children = "/proc/" + pid + "/task/" + pid + "/children";
+    EXPECT_TRUE(eventually([&] {
+        std::istringstream list(contentOf(children));
+        return std::distance(std::istream_iterator<int>(list), {}) == 1;
+    })) << contentOf(children);
+    announce.endInput();
+    EXPECT_EQ(exitCode(announce.wait()), 1);  // of read, at the end of its input
+}
+
+}  // namespace
+}  // namespace orvx::announce

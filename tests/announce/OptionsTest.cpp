@@ -1,0 +1,121 @@
+// The command line and the file with descriptions.
+// Entered by the test's thread; the programs are processes. No lock.
+#include "AnnounceTest.h"
+
+#include <unistd.h>
+
+#include <array>
+
+namespace orvx::announce {
+namespace {
+
+class TheOptions : public AnnounceTest {
+  protected:
+    /// What the program says when it refuses these arguments.
+    static std::string refusal(const Words& arguments) {
+        return Announce(arguments).ended(125).errors;
+    }
+    std::string refusalOfSet(const std::string& content) const {
+        return refusal({"--registry", "http://127.0.0.1", "--from", folder.file("set", content)});
+    }
+
+    const Folder folder;
+};
+
+TEST_F(TheOptions, DescribeTheServiceAsTheRegistryShowsIt) {
+    Announce announce(echo() + Words{"--version", "1.2", "--category", "a b", "--category", "c",
+                                     "--privilege", "read", "--description", "Küche", "--uri",
+                                     "/v1/echo", "--host", "10.0.0.7"});
+    announce.awaitOutput(" announced ");
+    EXPECT_EQ(entries().at(0).at("path"), "/v1/echo");
+    EXPECT_EQ(entries().at(0).at("service"), json({{"name", "echo"},
+                                                   {"uri", "/v1/echo"},
+                                                   {"description", "Küche"},
+                                                   {"port", service.port()},
+                                                   {"versions", {"1.2"}},
+                                                   {"privileges", {"read"}},
+                                                   {"serviceCategories", {"a b", "c"}},
+                                                   {"host", "10.0.0.7"}}));
+}
+
+TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
+    const json lamp{{"name", "lamp"},
+                    {"port", 1},
+                    {"uri", "/l"},
+                    {"description", "x"},
+                    {"privileges", json::array()},
+                    {"serviceCategories", {"a"}},
+                    {"versions", {"1", "2"}},
+                    {"host", "h"},
+                    {"weight", 1.5},
+                    {"tags", {{"deep", {nullptr, true, -7}}}}};
+    const json set{lamp, {{"name", "bell"}, {"port", 2}}};
+    Announce announce({"--registry", urlOf(registry.port()), "--from",
+                       folder.file("set", set.dump()), "--host", "other"});
+    EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
+    std::map<std::string, json> services;
+    for (const json& entry : entries()) {
+        services[entry.at("path")] = entry.at("service");
+    }
+    EXPECT_EQ(services.at("/l"), lamp);
+    EXPECT_EQ(services.at("/bell").at("host"), "other");
+}
+
+TEST_F(TheOptions, TakeTheHostFromTheMachineUnlessTheRegistryIsThere) {
+    Announce announce(echo());
+    announce.awaitOutput(" announced ");
+    EXPECT_EQ(entries().at(0).at("service").at("host"), "127.0.0.1");
+    std::array<char, 256> name{};
+    ASSERT_EQ(::gethostname(name.data(), name.size() - 1), 0);
+    passOnInFront();
+    Announce elsewhere({"--registry", "http://registry.invalid", "--proxy", urlOf(front.port()),
+                        "--name", "bell", "--port", "1"});
+    ASSERT_TRUE(front.waitForRequests(1));
+    EXPECT_EQ(json::parse(front.requests().at(0).body).at("host"), name.data());
+}
+
+TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
+    const Words good{"--registry", "http://127.0.0.1", "--name", "a", "--port", "1"};
+    EXPECT_THAT(refusal({}), HasSubstr("--registry is required"));
+    EXPECT_THAT(refusal({"--registry", "http://h"}), HasSubstr("--name or --from"));
+    EXPECT_THAT(refusal({"--registry", "http://h", "--name", "a"}), HasSubstr("no port"));
+    EXPECT_THAT(refusal(good + Words{"--"}), HasSubstr("no command"));
+    EXPECT_THAT(refusal(good + Words{"true"}), HasSubstr("true"));
+    EXPECT_THAT(refusal(good + Words{"--unknown"}), HasSubstr("--unknown"));
+    EXPECT_THAT(refusal(good + Words{"--ready-http", "health"}), HasSubstr("begin with /"));
+    EXPECT_THAT(refusal(good + Words{"--ready", "soon"}), HasSubstr("soon"));
+    EXPECT_THAT(refusal(good + Words{"--ca-file", "/there/is/none"}), HasSubstr("/there/is/none"));
+    EXPECT_THAT(refusal(good + Words{"--ca-file", "/dev/null"}), HasSubstr("https"));
+    EXPECT_THAT(refusal(good + Words{"--stop-timeout", "-1"}), HasSubstr("--stop-timeout"));
+    EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
+}
+
+TEST_F(TheOptions, TakeTheRegistryAsSchemeHostAndPortOnly) {
+    for (const char* url : {"", "host:1", "ftp://h", "http://", "http://h:0", "http://h:65536",
+                            "http://h:1/path", "http://user@h", "http://h?q", "http://::1"}) {
+        EXPECT_THAT(refusal({"--registry", url, "--name", "a", "--port", "1"}),
+                    HasSubstr("--registry"))
+            << url;
+    }
+}
+
+TEST_F(TheOptions, RefuseAFileThatDescribesNoServices) {
+    EXPECT_THAT(refusal({"--registry", "http://h", "--from", "/there/is/none"}),
+                HasSubstr("/there/is/none"));
+    for (const char* content :
+         {"", "{}", "[]", "[1]", R"([{"port":1}])", R"([{"name":"a"}])",
+          R"([{"name":"a","port":70000}])", R"([{"name":"a","port":"1"}])",
+          R"([{"name":"","port":1}])", R"([{"name":"a","port":1,"uri":2}])"}) {
+        EXPECT_THAT(refusalOfSet(content), HasSubstr("orvx-announce: ")) << content;
+    }
+}
+
+TEST_F(TheOptions, RefuseTwoServicesThatWouldBeOneEntry) {
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"a","port":2}])"),
+                HasSubstr("the uri of another one"));
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"b","port":2,"uri":"/a"}])"),
+                HasSubstr("the uri of another one"));
+}
+
+}  // namespace
+}  // namespace orvx::announce

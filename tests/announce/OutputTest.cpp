@@ -1,0 +1,163 @@
+// What the program says of itself: lines, JSON, colours, the status on request and in a file.
+// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+#include "AnnounceTest.h"
+#include "Terminal.h"
+
+#include <sstream>
+
+namespace orvx::announce {
+namespace {
+
+using TheOutput = AnnounceTest;
+
+class TheStatusFile : public AnnounceTest {
+  protected:
+    /// The program's own service in the status file, once that is as wanted.
+    json serviceWhen(const std::function<bool(const json&)>& condition) const {
+        json found;
+        EXPECT_TRUE(eventually([&] {
+            const json status = json::parse(contentOf(file), nullptr, false);
+            found = status.is_object() ? status.at("services").at(0) : json::object();
+            return condition(found);
+        })) << contentOf(file);
+        return found;
+    }
+    static auto isIn(const std::string& state) {
+        return [state](const json& found) { return found.value("state", "") == state; };
+    }
+
+    const Folder folder;
+    const std::string file = folder.file("status.json");
+};
+
+std::vector<json> linesOf(const std::string& output) {
+    std::vector<json> lines;
+    std::istringstream stream(output);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(json::parse(line));
+    }
+    return lines;
+}
+
+std::string eventsOf(const std::vector<json>& lines) {
+    std::string events;
+    for (const json& line : lines) {
+        events += line.at("event").get<std::string>() + " ";
+    }
+    return events;
+}
+
+TEST_F(TheOutput, IsALineForEachEvent) {
+    Announce announce(echo());
+    announce.awaitOutput(" announced ");
+    EXPECT_THAT(announce.stopped(0).output,
+                ::testing::MatchesRegex(
+                    "([-0-9]+T[:0-9]+Z orvx-announce: "
+                    "(announcing|announced|stopping|withdrawing|withdrawn) [^\n\x1b]*\n){5}"));
+}
+
+TEST_F(TheOutput, GoesToStandardErrorBesideACommand) {
+    Announce announce(echo() + shell("read line; exit 2"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    EXPECT_THAT(announce.ended(2).output, IsEmpty());
+}
+
+TEST_F(TheOutput, MayBeJson) {
+    Announce announce(echo() + Words{"--json"} + shell("read line; exit 2"));
+    announce.awaitErrors("\"announced\"");
+    const json uuid = entries().at(0).at("uuid");
+    announce.endInput();
+    const auto lines = linesOf(announce.ended(2).errors);
+    EXPECT_EQ(eventsOf(lines), "started ready announcing announced ended withdrawing withdrawn ");
+    EXPECT_EQ(lines.at(3).at("uuid"), uuid);
+    EXPECT_EQ(lines.at(3).at("service"), "echo");
+    EXPECT_EQ(lines.at(4).at("exitCode"), 2);
+}
+
+TEST_F(TheOutput, IsColouredOnATerminalUnlessThatIsNotWanted) {
+    for (const bool isWanted : {true, false}) {
+        Terminal terminal(Words{"/usr/bin/env", isWanted ? "NO_COLOR=" : "NO_COLOR=1", "TERM=xterm",
+                                ORVX_ANNOUNCE_PROGRAM} +
+                          echo());
+        terminal.await("uuid=");
+        terminal.type("\x03");
+        EXPECT_EQ(terminal.wait(), 0);
+        EXPECT_THAT(terminal.text(), HasSubstr(isWanted ? "\x1b[32mannounced\x1b[0m "
+                                                        : " orvx-announce: announced "));
+    }
+}
+
+TEST_F(TheOutput, TellsTheStatusWhenItIsAskedFor) {
+    Announce announce(echo() + Words{"--json"});
+    announce.awaitOutput("\"announced\"");
+    announce.signal(SIGUSR1);
+    announce.awaitOutput("\"timesAnnounced\":1,");
+    const auto lines = linesOf(announce.stopped(0).output);
+    EXPECT_EQ(eventsOf(lines),
+              "announcing announced status status stopping withdrawing withdrawn ");
+    EXPECT_EQ(lines.at(2).at("summary"), "1 of 1 announced");
+    const json& shown = lines.at(3);
+    EXPECT_EQ(shown.at("service"), "echo");
+    EXPECT_EQ(shown.at("state"), "announced");
+    EXPECT_EQ(shown.at("retries"), 0);
+    EXPECT_EQ(shown.at("uuid"), lines.at(1).at("uuid"));
+    EXPECT_EQ(shown.at("since"), lines.at(1).at("time"));
+    EXPECT_EQ(shown.at("lastAnswer").at("httpStatus"), 201);
+}
+
+TEST_F(TheStatusFile, FollowsTheServiceFromItsStartToItsEnd) {
+    passOnInFront();
+    front.stopListening();
+    Announce announce(echo(front.port()) + Words{"--status-file", file, "--check-interval", "1",
+                                                 "--retry-interval", "0.01"});
+    const json trying =
+        serviceWhen([](const json& found) { return found.value("retries", 0) > 0; });
+    EXPECT_EQ(trying.at("state"), "announcing");
+    EXPECT_EQ(trying.at("lastAnswer").at("outcome"), "CONNECT_FAILED");
+    front.listenAgain();
+    const json announced = serviceWhen(isIn("announced"));
+    EXPECT_EQ(announced.at("uuid"), entries().at(0).at("uuid"));
+    const json checked =
+        serviceWhen([](const json& found) { return found.value("checks", 0) > 0; });
+    EXPECT_GT(checked.at("lastConfirmed"), announced.at("announcedSince"));
+    EXPECT_EQ(checked.at("since"), announced.at("since"));
+    EXPECT_EQ(checked.at("lastAnswer").at("method"), "HEAD");
+    announce.stopped(0);
+    EXPECT_EQ(serviceWhen(isIn("withdrawn")).count("uuid"), 1U);
+}
+
+TEST_F(TheStatusFile, SaysWhatTheRegistrySaid) {
+    answerInFront("PUT", testing::response(409, {}, "this name is taken"));
+    Announce(echo(front.port()) + Words{"--status-file", file}).ended(1);
+    EXPECT_EQ(serviceWhen(isIn("refused")).at("registrySaid"), "HTTP 409: this name is taken");
+}
+
+TEST_F(TheStatusFile, IsWholeWheneverItIsRead) {
+    std::vector<std::unique_ptr<Announce>> announcements;
+    json set = json::array();
+    for (int i = 0; i < 50; ++i) {
+        set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000}});
+    }
+    Announce announce({"--registry", urlOf(registry.port()), "--status-file", file, "--from",
+                       folder.file("set.json", set.dump())});
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(file); }));
+    std::string summary;
+    while (summary != "50 of 50 announced") {
+        summary = json::parse(contentOf(file)).at("summary");
+    }
+    announce.stopped(0);
+    EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+}
+
+TEST_F(TheStatusFile, ThatCannotBeWrittenIsReportedOnceAndHarmsNothing) {
+    Announce announce(echo() + Words{"--status-file", folder.file("none/status.json")});
+    announce.awaitOutput(" announced ");
+    const std::string output = announce.stopped(0).output;
+    const auto first = output.find(" no-status-file ");
+    EXPECT_NE(first, std::string::npos);
+    EXPECT_EQ(output.find(" no-status-file ", first + 1), std::string::npos);
+}
+
+}  // namespace
+}  // namespace orvx::announce

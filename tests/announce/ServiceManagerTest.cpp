@@ -1,0 +1,137 @@
+// What the program tells a service manager, and the unit file for one.
+// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+#include "AnnounceTest.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+
+namespace orvx::announce {
+namespace {
+
+/// The socket that a service manager listens at.
+class Notifications {
+  public:
+    explicit Notifications(const std::string& name)
+        : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, name.data(), name.size());
+        if (name[0] == '@') {
+            address.sun_path[0] = '\0';
+        }
+        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+        if (::bind(socket_.fd(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {
+            throw std::runtime_error("bind");
+        }
+    }
+
+    std::string next() const {
+        pollfd polled{socket_.fd(), POLLIN, 0};
+        if (::poll(&polled, 1, 10'000) != 1) {
+            throw std::runtime_error("nothing was told for ten seconds");
+        }
+        std::array<char, 4096> bytes{};
+        const auto size = ::recv(socket_.fd(), bytes.data(), bytes.size(), 0);
+        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+    }
+    void await(const std::string& wanted) const {
+        while (next() != wanted) {
+        }
+    }
+
+  private:
+    testing::Socket socket_;
+};
+
+class TheServiceManager : public AnnounceTest {
+  protected:
+    /// The program as a service manager starts it.
+    static Words started(const Words& variables, const Words& rest) {
+        return variables + Words{ORVX_ANNOUNCE_PROGRAM} + rest;
+    }
+
+    const Folder folder;
+};
+
+TEST_F(TheServiceManager, HearsOfReadinessStateAndEnd) {
+    for (const std::string& name :
+         {folder.file("notify"), "@orvx-announce-test-" + std::to_string(::getpid())}) {
+        const Notifications told(name);
+        service.stopListening();
+        ChildProcess announce("/usr/bin/env",
+                              started({"NOTIFY_SOCKET=" + name}, echo() + command({"3"})));
+        EXPECT_EQ(told.next(), "STATUS=0 of 1 announced");
+        announce.awaitOutput("up\n");
+        service.listenAgain();
+        EXPECT_EQ(told.next(), "READY=1");
+        EXPECT_EQ(told.next(), "STATUS=1 of 1 announced");
+        announce.signal(SIGTERM);
+        EXPECT_EQ(told.next(), "STOPPING=1");
+        told.await("STATUS=0 of 1 announced");
+        EXPECT_EQ(exitCode(announce.wait()), 3);
+    }
+}
+
+TEST_F(TheServiceManager, NeedNotWaitForTheRegistry) {
+    const Notifications told(folder.file("notify"));
+    const testing::RefusedPort refused;
+    ChildProcess announce(
+        "/usr/bin/env", started({"NOTIFY_SOCKET=" + folder.file("notify")}, echo(refused.port())));
+    told.await("READY=1");
+}
+
+TEST_F(TheServiceManager, IsToldAgainAndAgainThatTheProgramIsAliveIfItWantsTo) {
+    const Notifications told(folder.file("notify"));
+    const Words variables{"NOTIFY_SOCKET=" + folder.file("notify"), "WATCHDOG_USEC=20000"};
+    ChildProcess announce("/usr/bin/env", started(variables, echo()));
+    for (int i = 0; i < 5; ++i) {
+        told.await("WATCHDOG=1");
+    }
+    announce.signal(SIGSTOP);
+    announce.signal(SIGCONT);
+    told.await("WATCHDOG=1");
+}
+
+TEST_F(TheServiceManager, IsNotToldThatAnotherProcessIsAlive) {
+    const Notifications told(folder.file("notify"));
+    const Words variables{"NOTIFY_SOCKET=" + folder.file("notify"), "WATCHDOG_USEC=20000",
+                          "WATCHDOG_PID=1"};
+    ChildProcess announce("/usr/bin/env", started(variables, echo()));
+    std::string heard;
+    for (std::string one; one != "STATUS=1 of 1 announced"; heard += one) {
+        one = told.next();
+    }
+    EXPECT_THAT(heard, Not(HasSubstr("WATCHDOG")));
+}
+
+TEST_F(TheServiceManager, IsNotForTheCommand) {
+    const Words variables{"NOTIFY_SOCKET=/none", "WATCHDOG_USEC=1", "WATCHDOG_PID=1", "MINE=yes"};
+    const auto result =
+        ChildProcess("/usr/bin/env", started(variables, echo() + Words{"--", "/usr/bin/env"}))
+            .wait();
+    EXPECT_THAT(result.output, AllOf(HasSubstr("MINE=yes\n"), Not(HasSubstr("NOTIFY_SOCKET")),
+                                     Not(HasSubstr("WATCHDOG"))));
+}
+
+TEST_F(TheServiceManager, UnderstandsTheUnitFile) {
+    std::string unit = contentOf(ORVX_ANNOUNCE_SOURCES "/orvx-announce-example.service");
+    for (const auto& [installed, built] :
+         {std::pair<std::string, std::string>{"/usr/bin/orvx-announce", ORVX_ANNOUNCE_PROGRAM},
+          {"/usr/local/bin/echo-server", "/bin/true"}}) {
+        ASSERT_NE(unit.find(installed), std::string::npos);
+        unit.replace(unit.find(installed), installed.size(), built);
+    }
+    const auto file = folder.file("orvx-announce-example.service", unit);
+    const auto result =
+        ChildProcess("/usr/bin/env", {"systemd-analyze", "verify", "--man=no", file}).wait();
+    EXPECT_EQ(exitCode(result), 0) << result.errors;
+    EXPECT_THAT(result.errors, Not(HasSubstr("orvx-announce-example")));
+}
+
+}  // namespace
+}  // namespace orvx::announce

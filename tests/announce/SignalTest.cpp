@@ -1,0 +1,116 @@
+// Signals to the program, and what its command gets of them, and when.
+// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+#include "AnnounceTest.h"
+#include "Terminal.h"
+
+namespace orvx::announce {
+namespace {
+
+class ASignal : public AnnounceTest {
+  protected:
+    /// The program with a command that ends with 3, announced.
+    std::unique_ptr<Announce> announced(const Words& options = {},
+                                        const Words& rest = {"3"}) const {
+        auto announce = std::make_unique<Announce>(echo() + options + command(rest));
+        announce->awaitErrors(" announced ");
+        announce->awaitOutput("up\n");
+        return announce;
+    }
+};
+
+TEST_F(ASignal, ToTerminateReachesTheCommandWhenItIsWithdrawn) {
+    const auto announce = announced({}, {"3", urlOf(registry.port())});
+    EXPECT_EQ(entries().size(), 1U);
+    EXPECT_EQ(announce->stopped(3).output, "up\ngot SIGTERM, entries: 0\n");
+}
+
+TEST_F(ASignal, ToInterruptOrQuitReachesTheCommandWhenItIsWithdrawn) {
+    for (const auto& [number, name] : {std::pair{SIGINT, "SIGINT"}, {SIGQUIT, "SIGQUIT"}}) {
+        const auto announce = announced({}, {"3", urlOf(registry.port())});
+        announce->signal(number);
+        announce->awaitOutput(std::string("got ") + name + ", entries: 0\n");
+        announce->stopped(3);
+    }
+}
+
+TEST_F(ASignal, ToReloadReachesTheCommandAndWithdrawsNothing) {
+    const auto announce = announced({}, {"3", urlOf(registry.port())});
+    announce->signal(SIGHUP);
+    announce->awaitOutput("got SIGHUP, entries: 1\n");
+    announce->signal(SIGUSR2);
+    announce->awaitOutput("got SIGUSR2, entries: 1\n");
+    announce->stopped(3);
+}
+
+TEST_F(ASignal, ThatAsksForTheStatusIsNotForTheCommand) {
+    const auto announce = announced();
+    announce->signal(SIGUSR1);
+    announce->awaitErrors(" status ");
+    EXPECT_EQ(announce->stopped(3).output, "up\ngot SIGTERM\n");
+}
+
+TEST_F(ASignal, ThatIsRepeatedEndsTheWaitingForTheRegistry) {
+    holdBack("DELETE");
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "3600"} + command({"3"}));
+    announce.awaitErrors(" announced ");
+    announce.awaitOutput("up\n");
+    announce.signal(SIGTERM);
+    ASSERT_TRUE(front.waitFor([](const auto& counters) { return counters.requests >= 2; }));
+    announce.awaitErrors(" withdrawing ");
+    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" left "));
+}
+
+TEST_F(ASignal, ThatTheCommandOutlivesIsFollowedByItsEnd) {
+    const auto announce = announced({"--stop-timeout", "0.2"}, {"never"});
+    const auto result = announce->stopped(128 + SIGKILL);
+    EXPECT_EQ(result.output, "up\ngot SIGTERM\n");
+    EXPECT_THAT(result.errors, HasSubstr(" killing "));
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(ASignal, ThatFollowsTheFirstOneReachesACommandThatIsEnding) {
+    const auto announce = announced({"--stop-timeout", "3600"}, {"never"});
+    announce->signal(SIGTERM);
+    announce->awaitOutput("got SIGTERM\n");
+    announce->signal(SIGTERM);
+    announce->awaitOutput("got SIGTERM\ngot SIGTERM\n");
+    announce->signal(SIGUSR2);
+    announce->awaitOutput("got SIGUSR2\n");
+}
+
+TEST_F(ASignal, FromTheTerminalReachesTheCommandOnceAndWithdrawsIt) {
+    Terminal terminal(Words{ORVX_ANNOUNCE_PROGRAM, "--stop-timeout", "0.2"} + echo() +
+                      command({"never"}));
+    terminal.await("announced\x1b[0m service=echo");
+    terminal.await("up");
+    terminal.type("\x03");
+    terminal.await("killing");
+    EXPECT_EQ(terminal.wait(), 128 + SIGKILL);
+    const std::string text = terminal.text();
+    const auto first = text.find("got SIGINT");
+    EXPECT_NE(first, std::string::npos);
+    EXPECT_EQ(text.find("got SIGINT", first + 1), std::string::npos);
+    EXPECT_THAT(text, Not(HasSubstr("got SIGTERM")));
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(ASignal, ThatTheStarterIgnoresIsIgnored) {
+    ChildProcess announce(
+        "/bin/sh", Words{"-c", "trap '' HUP; exec \"$0\" \"$@\"", ORVX_ANNOUNCE_PROGRAM} + echo() +
+                       shell("kill -HUP $$ $PPID; read line; exit 8"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    EXPECT_EQ(exitCode(announce.wait()), 8);
+}
+
+TEST_F(ASignal, WithoutACommandEndsTheAnnouncement) {
+    for (const int number : {SIGTERM, SIGINT, SIGQUIT}) {
+        Announce announce(echo());
+        announce.awaitOutput(" announced ");
+        EXPECT_THAT(announce.stopped(0, number).output, HasSubstr(" withdrawn "));
+        EXPECT_TRUE(entries().empty());
+    }
+}
+
+}  // namespace
+}  // namespace orvx::announce

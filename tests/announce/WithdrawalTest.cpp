@@ -1,0 +1,120 @@
+// The end of an announcement, whatever the registry does meanwhile.
+// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+#include "AnnounceTest.h"
+
+#include <sys/wait.h>
+
+namespace orvx::announce {
+namespace {
+
+using AWithdrawal = AnnounceTest;
+
+/// Far above every bound that the tests set, far below those that they do not.
+constexpr auto kSoon = 4s;
+
+TEST_F(AWithdrawal, WaitsForTheFirstPutThatIsOut) {
+    holdBack("PUT");
+    Announce announce(echo(front.port()) + command({"3", urlOf(registry.port())}));
+    ASSERT_TRUE(front.waitForRequests(1));
+    announce.awaitOutput("up\n");
+    announce.signal(SIGTERM);
+    announce.awaitErrors("is not registered yet");
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    front.release("PUT");
+    EXPECT_EQ(announce.ended(3).output, "up\ngot SIGTERM, entries: 0\n");
+}
+
+TEST_F(AWithdrawal, OfAPutThatIsNeverAnsweredEndsWithinItsBound) {
+    front.onRequest([](const Request&) { return Script().silence(); });
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"} + command({"3"}));
+    ASSERT_TRUE(front.waitForRequests(1));
+    announce.awaitOutput("up\n");
+    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" left reason=SERVICE_NOT_FOUND "));
+}
+
+TEST_F(AWithdrawal, ThatIsNeverAnsweredEndsWithinItsBound) {
+    holdBack("DELETE");
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"});
+    announce.awaitOutput(" announced ");
+    EXPECT_THAT(announce.stopped(1).output, HasSubstr(" left "));
+}
+
+TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedIsShort) {
+    const testing::RefusedPort refused;
+    Announce announce(echo(refused.port()) + Words{"--withdraw-timeout", "3600"} + command({"3"}));
+    announce.awaitErrors("CONNECT_FAILED");
+    announce.awaitOutput("up\n");
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" withdrawn "));
+    EXPECT_LT(steady_clock::now() - begin, kSoon);
+}
+
+TEST_F(AWithdrawal, FromARegistryThatHasDiedEndsWithinItsBound) {
+    passOnInFront();
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.3"} + command({"3"}));
+    announce.awaitErrors(" announced ");
+    announce.awaitOutput("up\n");
+    front.onRequest([](const Request&) { return Script().reset(); });
+    front.stopListening();
+    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" left "));
+}
+
+TEST_F(AWithdrawal, IsRepeatedWhenItIsRefused) {
+    passOnInFront();
+    Announce announce(echo(front.port()));
+    announce.awaitOutput(" announced ");
+    front.nextRequest(testing::response(503));
+    front.nextRequest(testing::response(500));
+    announce.stopped(0);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(AWithdrawal, OfAnEntryThatIsGoneIsDone) {
+    passOnInFront();
+    for (const int status : {204, 404}) {
+        Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "3600"});
+        announce.awaitOutput(" announced ");
+        front.nextRequest(testing::response(status));
+        EXPECT_THAT(announce.stopped(0).output, HasSubstr(" withdrawn "));
+    }
+}
+
+TEST_F(AWithdrawal, TakesPlaceWhenTheCommandDies) {
+    passOnInFront();
+    holdBack("DELETE");
+    Announce announce(echo(front.port()) + shell("read line; kill -ABRT $$"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    announce.awaitErrors(" withdrawing ");
+    EXPECT_TRUE(eventually([this] { return entries().empty(); }));
+    front.release("DELETE");
+    EXPECT_THAT(announce.ended(128 + SIGABRT).errors, HasSubstr(" withdrawn "));
+}
+
+TEST_F(AWithdrawal, ThatIsNotAnsweredDoesNotHoldUpWhoseCommandDied) {
+    holdBack("DELETE");
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"} +
+                      shell("read line; exit 8"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    EXPECT_THAT(announce.ended(8).errors, HasSubstr(" left "));
+}
+
+TEST_F(AWithdrawal, IsNotHeldUpByOutputThatNobodyReads) {
+    const std::string fillStandardError =
+        "import os, signal\n"
+        "end = os.open('/proc/self/fd/2', os.O_WRONLY | os.O_NONBLOCK)\n"
+        "try:\n"
+        "    while True: os.write(end, b'x')\n"
+        "except BlockingIOError: print('full', flush=True)\n"
+        "signal.pause()\n";
+    Announce announce(echo() + Words{"--", "python3", "-c", fillStandardError});
+    announce.awaitOutput("full\n");
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    announce.signal(SIGTERM);
+    EXPECT_TRUE(eventually([this] { return entries().empty(); }));
+    EXPECT_TRUE(eventually([&] { return ::waitpid(announce.pid(), nullptr, WNOHANG) != 0; }));
+}
+
+}  // namespace
+}  // namespace orvx::announce

@@ -1,0 +1,101 @@
+// One poll() for everything that the program waits for.
+// Entered by the main thread; post() by any thread, which needs the lock for the list of tasks and
+// nothing else. No task runs under it.
+
+#include "EventLoop.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+
+namespace orvx::announce {
+
+using std::chrono::milliseconds;
+
+EventLoop::EventLoop() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeUp_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    watch(wakeUp_, [this] { runPosted(); });
+}
+
+EventLoop::~EventLoop() {
+    ::close(wakeUp_);
+}
+
+void EventLoop::watch(int descriptor, Task task) {
+    polled_.push_back({descriptor, POLLIN, 0});
+    readable_.push_back(std::move(task));
+}
+
+EventLoop::Timer EventLoop::after(milliseconds delay, Task task) {
+    timers_.emplace(std::pair(Clock::now() + delay, ++lastTimer_), std::move(task));
+    return lastTimer_;
+}
+
+void EventLoop::cancel(Timer timer) {
+    const auto found = std::find_if(timers_.begin(), timers_.end(), [timer](const auto& entry) {
+        return entry.first.second == timer;
+    });
+    if (found != timers_.end()) {
+        timers_.erase(found);
+    }
+}
+
+void EventLoop::post(Task task) {
+    {
+        const utility::MutexLock lock(mutex_);
+        posted_.push_back(std::move(task));
+    }
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wakeUp_, &one, sizeof one);
+}
+
+void EventLoop::run() {
+    while (!stopped_) {
+        ::poll(polled_.data(), polled_.size(), timeout());
+        for (std::size_t i = 0; i < polled_.size() && !stopped_; ++i) {
+            if (std::exchange(polled_[i].revents, short{0}) != 0) {
+                readable_[i]();
+            }
+        }
+        runTimers();
+    }
+}
+
+int EventLoop::timeout() const {
+    if (timers_.empty()) {
+        return -1;
+    }
+    const auto left = timers_.begin()->first.first - Clock::now();
+    const auto rounded = std::chrono::ceil<milliseconds>(left).count();
+    return static_cast<int>(std::clamp<decltype(rounded)>(rounded, 0, 60'000));
+}
+
+void EventLoop::runPosted() {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto size = ::read(wakeUp_, &count, sizeof count);
+    std::vector<Task> tasks;
+    {
+        const utility::MutexLock lock(mutex_);
+        tasks.swap(posted_);
+    }
+    for (const Task& task : tasks) {
+        task();
+    }
+}
+
+void EventLoop::runTimers() {
+    const auto now = Clock::now();
+    while (!stopped_ && !timers_.empty() && timers_.begin()->first.first <= now) {
+        const Task task = std::move(timers_.begin()->second);
+        timers_.erase(timers_.begin());
+        task();
+    }
+}
+
+}  // namespace orvx::announce

@@ -1,0 +1,154 @@
+// The command line: what stands before "--" are options, everything behind it is the command.
+// Everything happens on the main thread, before anything else; there is no lock.
+
+#include "Options.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <map>
+
+#include "ExitCodes.h"
+#include "RegistryUrl.h"
+#include "ServiceDescriptions.h"
+
+namespace orvx::announce {
+
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+
+void addDuration(CLI::App& app, const std::string& name, milliseconds& target,
+                 const std::string& description) {
+    app.add_option_function<double>(
+           name,
+           [&target](double seconds) {
+               target = milliseconds(static_cast<milliseconds::rep>(seconds * 1000));
+           },
+           description)
+        ->check(CLI::Range(0.001, 86400.0))
+        ->type_name("SECONDS")
+        ->default_str(json(inSeconds(target)).dump());
+}
+
+void addRegistry(CLI::App& app, RegistryOptions& registry) {
+    app.add_option("--registry", registry.url, "Where the registry is, http(s)://host[:port]")
+        ->required();
+    app.add_option_function<unsigned>(
+           "--check-interval",
+           [&](unsigned seconds) { registry.checkInterval = std::chrono::seconds(seconds); },
+           "From one check of the entry to the next")
+        ->check(CLI::Range(1U, 86400U))
+        ->type_name("SECONDS")
+        ->default_str("10");
+    addDuration(app, "--check-timeout", registry.checkTimeout,
+                "How long a check waits for its answer");
+    addDuration(app, "--retry-interval", registry.retryInterval,
+                "Step of the back-off while the registry does not answer");
+    app.add_option("--ca-file", registry.authorityFile, "Authorities to trust, PEM")
+        ->check(CLI::ExistingPath);
+    auto* certificate = app.add_option("--client-cert", registry.clientCertificateFile,
+                                       "What to show of oneself, PEM")
+                            ->check(CLI::ExistingPath);
+    app.add_option("--client-key", registry.clientKeyFile, "The key to it, PEM")
+        ->check(CLI::ExistingPath)
+        ->needs(certificate);
+    app.add_option("--token-file", registry.tokenFile,
+                   "Holds the token to show; SIGHUP: read again")
+        ->check(CLI::ExistingPath);
+    auto* proxy = app.add_option("--proxy", registry.proxy, "HTTP proxy, http://host:port");
+    app.add_option("--unix-socket", registry.unixSocket, "Socket of the registry")->excludes(proxy);
+}
+
+void addServices(CLI::App& app, ServiceOptions& service) {
+    auto* from = app.add_option("--from", service.file, "JSON file with a list of descriptions");
+    auto* name = app.add_option("--name", service.name, "Name of the service")->excludes(from);
+    const auto add = [&](const char* option, auto& target, const char* text) {
+        return app.add_option(option, target, text)->excludes(from)->needs(name);
+    };
+    add("--port", service.port, "Its port")->check(CLI::Range(1U, 65535U));
+    app.add_option("--host", service.host,
+                   "Where others reach it (default: this machine's name, or 127.0.0.1 when the "
+                   "registry is there)");
+    add("--version", service.version, "Its version");
+    add("--category", service.categories, "A category; may be repeated")->take_all();
+    add("--privilege", service.privileges, "A privilege; may be repeated")->take_all();
+    add("--description", service.description, "What it is, for people");
+    add("--uri", service.uri, "Path of its entry at the registry (default: / and the name)");
+}
+
+void addReady(CLI::App& app, ReadyOptions& ready, bool hasCommand) {
+    ready.kind = hasCommand ? ReadyOptions::Kind::Tcp : ReadyOptions::Kind::None;
+    using Kind = ReadyOptions::Kind;
+    auto* plain =
+        app.add_option("--ready", ready.kind, "tcp: its port takes connections; none: at once")
+            ->transform(CLI::CheckedTransformer(
+                std::map<std::string, Kind>{{"tcp", Kind::Tcp}, {"none", Kind::None}}))
+            ->type_name("KIND")
+            ->default_str("tcp with a command, otherwise none");
+    auto* http = app.add_option("--ready-http", ready.path,
+                                "Ready when this path is answered with 200 to 399")
+                     ->excludes(plain)
+                     ->each([&](const std::string&) { ready.kind = Kind::Http; });
+    app.add_option("--ready-command", ready.command, "Ready when this shell command succeeds")
+        ->excludes(plain)
+        ->excludes(http)
+        ->each([&](const std::string&) { ready.kind = Kind::Command; });
+    app.add_option("--ready-host", ready.host, "Where to connect to for that (default: --host)");
+    addDuration(app, "--ready-timeout", ready.timeout, "How long to wait for that");
+}
+
+void complete(Options& options, const ServiceOptions& service) {
+    readRegistryUrl(options.registry);
+    const auto& registry = options.registry;
+    if (!registry.secure && !(registry.authorityFile + registry.clientCertificateFile).empty()) {
+        throw UsageError("--ca-file and --client-cert need a registry with https");
+    }
+    options.services = describe(service, options.registry);
+    if (options.ready.kind == ReadyOptions::Kind::Http && options.ready.path.rfind('/', 0) != 0) {
+        throw UsageError("--ready-http: the path must begin with /");
+    }
+}
+
+}  // namespace
+
+Options parseOptions(int argc, char** argv) {
+    char** const end = argv + argc;
+    char** const dashes =
+        std::find_if(argv, end, [](const char* text) { return std::string_view(text) == "--"; });
+    Options options;
+    if (dashes != end) {
+        options.command.assign(dashes + 1, end);
+    }
+    ServiceOptions service;
+    CLI::App app("Announces services at a registry while a command runs, or until it is stopped.\n",
+                 "orvx-announce");
+    app.footer("Behind -- stands the command, with its arguments. man orvx-announce says more.");
+    addServices(app, service);
+    addRegistry(app, options.registry);
+    addReady(app, options.ready, !options.command.empty());
+    addDuration(app, "--withdraw-timeout", options.withdrawTimeout,
+                "How long withdrawing may take before the command is stopped all the same");
+    addDuration(app, "--stop-timeout", options.stopTimeout,
+                "How long the command may take to end before it is killed");
+    app.add_flag("--json", options.json, "Each line is a JSON object");
+    app.add_option("--status-file", options.statusFile, "Keep the state in this JSON file");
+    try {
+        app.parse(static_cast<int>(dashes - argv), argv);
+        if (dashes != end && options.command.empty()) {
+            throw UsageError("there is no command behind --");
+        }
+        complete(options, service);
+    } catch (const CLI::ParseError& error) {
+        throw Answered{app.exit(error) == 0 ? 0 : kOwnFailure};
+    } catch (const UsageError& error) {
+        std::cerr << "orvx-announce: " << error.what() << '\n';
+        throw Answered{kOwnFailure};
+    }
+    return options;
+}
+
+}  // namespace orvx::announce

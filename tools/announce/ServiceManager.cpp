@@ -1,0 +1,68 @@
+// Readiness, state and watchdog, told to the service manager.
+// Everything happens on the main thread; there is no lock.
+
+#include "ServiceManager.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+namespace orvx::announce {
+
+namespace {
+
+std::string environment(const char* name) {
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets one
+    return value == nullptr ? "" : value;
+}
+
+std::chrono::milliseconds halfOfWatchdog() {
+    const std::string whose = environment("WATCHDOG_PID");
+    const bool isOurs = whose.empty() || whose == std::to_string(::getpid());
+    const long long microseconds =
+        isOurs ? std::strtoll(environment("WATCHDOG_USEC").c_str(), nullptr, 10) : 0;
+    return std::chrono::milliseconds(microseconds > 0 ? microseconds / 2000 + 1 : 0);
+}
+
+}  // namespace
+
+ServiceManager::ServiceManager()
+    : address_(environment("NOTIFY_SOCKET")), watchdogInterval_(halfOfWatchdog()) {
+    if (!address_.empty()) {
+        socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    }
+}
+
+ServiceManager::~ServiceManager() {
+    if (socket_ >= 0) {
+        ::close(socket_);
+    }
+}
+
+void ServiceManager::tell(const std::string& state) const {
+    sockaddr_un to{};
+    if (socket_ < 0 || address_.size() >= sizeof to.sun_path) {
+        return;
+    }
+    to.sun_family = AF_UNIX;
+    std::memcpy(to.sun_path, address_.data(), address_.size());
+    if (address_[0] == '@') {
+        to.sun_path[0] = '\0';
+    }
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
+    ::sendto(socket_, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr*>(&to), size);
+}
+
+void ServiceManager::tellStatus(const std::string& text) {
+    if (text != status_) {
+        tell("STATUS=" + text);
+        status_ = text;
+    }
+}
+
+}  // namespace orvx::announce

@@ -1,0 +1,285 @@
+// What follows what, from the start of the command to the exit code.
+// Everything happens on the main thread, in tasks of the loop; there is no lock.
+
+#include "Supervisor.h"
+
+#include <unistd.h>
+#include <csignal>
+
+#include <algorithm>
+#include <system_error>
+
+#include "ExitCodes.h"
+#include "Settings.h"
+
+namespace orvx::announce {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using Mood = Report::Mood;
+
+namespace {
+
+constexpr auto kTick = 1s;
+
+}  // namespace
+
+Supervisor::Supervisor(const Options& options)
+    : options_(options),
+      token_(options.registry.tokenFile),
+      settings_(settingsFrom(options.registry, token_.credentials())),
+      report_(options.command.empty() ? STDOUT_FILENO : STDERR_FILENO, options.json),
+      statusFile_(options.statusFile),
+      signals_(loop_, [this](int number, bool fromTerminal) { onSignal(number, fromTerminal); }),
+      children_(signals_.originalMask()),
+      command_(children_),
+      readyCheck_(loop_, children_, options) {
+    for (const json& description : options.services) {
+        announcements_.push_back(std::make_unique<Announcement>(
+            loop_, settings_, description,
+            [this](const std::string& event, const json& details) { onChange(event, details); }));
+    }
+}
+
+int Supervisor::run() {
+    loop_.post([this] { startCommand(); });
+    loop_.run();
+    keepStatus();
+    return exitCode_;
+}
+
+void Supervisor::startCommand() {
+    if (!options_.command.empty()) {
+        try {
+            command_.start(options_.command, [this] { onCommandEnded(); });
+        } catch (const std::system_error& error) {
+            report_.event("cannot-start", Mood::Bad, {{"reason", error.what()}});
+            exitCode_ = error.code() == std::errc::no_such_file_or_directory ? kNotFound
+                                                                             : kCannotBeExecuted;
+            leave();
+            return;
+        }
+        report_.event("started", Mood::Plain,
+                      {{"command", options_.command}, {"pid", command_.pid()}});
+    }
+    tick();
+    feedWatchdog();
+    bound_ = loop_.after(options_.ready.timeout, [this] { onNotReady(); });
+    readyCheck_.start([this] { onReady(); });
+}
+
+void Supervisor::onReady() {
+    loop_.cancel(bound_);
+    phase_ = Phase::Serving;
+    if (!options_.command.empty()) {
+        report_.event("ready", Mood::Plain);
+    }
+    serviceManager_.tell("READY=1");
+    for (const auto& announcement : announcements_) {
+        announcement->start();
+    }
+}
+
+void Supervisor::onNotReady() {
+    report_.event("not-ready", Mood::Bad, {{"seconds", inSeconds(options_.ready.timeout)}});
+    exitCode_ = kNotReadyInTime;
+    signalToPassOn_ = SIGTERM;
+    stopCommand();
+}
+
+void Supervisor::onCommandEnded() {
+    report_.event("ended", command_.exitCode() == 0 ? Mood::Plain : Mood::Bad,
+                  {{"exitCode", command_.exitCode()}});
+    if (phase_ == Phase::Serving) {
+        withdraw();
+    } else if (phase_ != Phase::Withdrawing) {
+        leave();
+    }
+}
+
+void Supervisor::onSignal(int number, bool fromTerminal) {
+    switch (number) {
+        case SIGCHLD:
+            children_.reap();
+            break;
+        case SIGUSR1:
+            showStatus();
+            break;
+        case SIGUSR2:
+            command_.signal(number);
+            break;
+        case SIGHUP:
+            onHangup(fromTerminal);
+            break;
+        default:
+            stop(number, fromTerminal);
+    }
+}
+
+void Supervisor::onHangup(bool fromTerminal) {
+    if (fromTerminal) {
+        if (!command_.isRunning()) {
+            stop(SIGHUP, true);
+        }
+        return;
+    }
+    command_.signal(SIGHUP);
+    readTokenAgain();
+    if (phase_ == Phase::Serving) {
+        for (const auto& announcement : announcements_) {
+            announcement->startAgainIfRefused();
+        }
+    }
+}
+
+void Supervisor::readTokenAgain() {
+    try {
+        token_.read();
+    } catch (const std::exception& error) {
+        report_.event("no-token", Mood::Bad, {{"reason", error.what()}});
+    }
+}
+
+/// From a terminal the command has got it already.
+void Supervisor::stop(int number, bool fromTerminal) {
+    report_.event("stopping", Mood::Plain, {{"signal", ::sigabbrev_np(number)}});
+    signalToPassOn_ = fromTerminal ? 0 : number;
+    if (phase_ == Phase::Serving) {
+        withdraw();
+    } else if (phase_ == Phase::Stopping) {
+        command_.signal(signalToPassOn_);
+    } else {
+        stopCommand();
+    }
+}
+
+void Supervisor::withdraw() {
+    phase_ = Phase::Withdrawing;
+    serviceManager_.tell("STOPPING=1");
+    bound_ = loop_.after(options_.withdrawTimeout, [this] { stopCommand(); });
+    for (const auto& announcement : announcements_) {
+        announcement->withdraw();
+    }
+    goOn();
+}
+
+void Supervisor::onChange(const std::string& event, const json& details) {
+    const bool isBad = event == "lost" || event == "refused" || event == "left";
+    report_.event(event,
+                  isBad                  ? Mood::Bad
+                  : event == "announced" ? Mood::Good
+                                         : Mood::Plain,
+                  details);
+    loop_.post([this] {
+        keepStatus();
+        goOn();
+    });
+}
+
+/// Whether nothing is left to wait for.
+void Supervisor::goOn() {
+    const bool areAllOver =
+        std::all_of(announcements_.begin(), announcements_.end(),
+                    [](const auto& announcement) { return announcement->isOver(); });
+    const bool isOnlyThere = phase_ == Phase::Serving && options_.command.empty();
+    if (areAllOver && (phase_ == Phase::Withdrawing || isOnlyThere)) {
+        stopCommand();
+    }
+}
+
+void Supervisor::stopCommand() {
+    phase_ = Phase::Stopping;
+    loop_.cancel(bound_);
+    readyCheck_.stop();
+    for (const auto& announcement : announcements_) {
+        announcement->giveUp();
+    }
+    if (!command_.isRunning()) {
+        leave();
+        return;
+    }
+    command_.signal(signalToPassOn_);
+    bound_ = loop_.after(options_.stopTimeout, [this] {
+        report_.event("killing", Mood::Bad, {{"pid", command_.pid()}});
+        command_.signal(SIGKILL);
+    });
+}
+
+void Supervisor::leave() {
+    if (exitCode_ == 0) {
+        exitCode_ = options_.command.empty() ? exitCodeAlone() : command_.exitCode();
+    }
+    readyCheck_.stop();
+    loop_.stop();
+}
+
+int Supervisor::exitCodeAlone() const {
+    using State = Announcement::State;
+    const bool isAllWell =
+        std::none_of(announcements_.begin(), announcements_.end(), [](const auto& announcement) {
+            return announcement->state() == State::Left || announcement->state() == State::Refused;
+        });
+    return isAllWell ? kWithdrawn : kNotWithdrawn;
+}
+
+void Supervisor::tick() {
+    if (phase_ == Phase::Serving) {
+        for (const auto& announcement : announcements_) {
+            announcement->keepChecked();
+        }
+    }
+    keepStatus();
+    loop_.after(kTick, [this] { tick(); });
+}
+
+void Supervisor::feedWatchdog() {
+    if (serviceManager_.watchdogInterval() > 0ms) {
+        serviceManager_.tell("WATCHDOG=1");
+        loop_.after(serviceManager_.watchdogInterval(), [this] { feedWatchdog(); });
+    }
+}
+
+void Supervisor::showStatus() {
+    json state = status();
+    const json services = state["services"];
+    state.erase("services");
+    report_.event("status", Mood::Plain, state);
+    for (const json& service : services) {
+        report_.event("status", Mood::Plain, service);
+    }
+}
+
+void Supervisor::keepStatus() {
+    const json state = status();
+    serviceManager_.tellStatus(state["summary"]);
+    try {
+        statusFile_.write(state);
+    } catch (const std::system_error& error) {
+        report_.event("no-status-file", Mood::Bad, {{"reason", error.what()}});
+    }
+}
+
+json Supervisor::status() const {
+    static constexpr const char* phases[] = {"starting", "serving", "withdrawing", "stopping"};
+    json services = json::array();
+    for (const auto& announcement : announcements_) {
+        services.push_back(announcement->status());
+    }
+    const auto announced =
+        std::count_if(announcements_.begin(), announcements_.end(), [](const auto& announcement) {
+            return announcement->state() == Announcement::State::Announced;
+        });
+    json state{{"pid", ::getpid()},
+               {"phase", phases[static_cast<std::size_t>(phase_)]},
+               {"startedAt", startedAt_},
+               {"registry", options_.registry.url},
+               {"summary", std::to_string(announced) + " of " +
+                               std::to_string(announcements_.size()) + " announced"},
+               {"services", services}};
+    if (command_.isRunning()) {
+        state["commandPid"] = command_.pid();
+    }
+    return state;
+}
+
+}  // namespace orvx::announce
