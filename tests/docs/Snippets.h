@@ -6,6 +6,8 @@
 
 #include <orvx/common/XObject.h>
 
+#include <chrono>
+#include <future>
 #include <iostream>
 #include <tuple>
 #include <vector>
