@@ -182,6 +182,22 @@ TEST_F(TheSite, IsReachedThroughATunnelOfTheProxy) {
     proxy.awaitRequest("CONNECT 127.0.0.1:" + std::to_string(nginx.port()));
 }
 
+TEST_F(TheSite, CannotBeConnectedToOnceTheProxyRefusesTheNextTunnel) {
+    Nginx nginx(folder, registry.port(), {true, "", ""});
+    const Proxy proxy(folder, "user", "secret");
+    useTls();
+    http.proxy = proxy.url();
+    http.proxyCredentials = std::make_shared<HttpCredentials>();
+    http.proxyCredentials->setBasic("user", "secret");
+    context.enableCheck(false);
+    start();
+    EXPECT_EQ(registered("lamp", nginx.port()), "OK");
+    http.proxyCredentials->setBasic("user", "wrong");
+    EXPECT_EQ(registered("clock", nginx.port()), "OK") << "the tunnel that stands goes on";
+    nginx.reload({true, "", ""});
+    EXPECT_EQ(registered("late", nginx.port()), "CONNECT_FAILED");
+}
+
 TEST_F(TheSite, IsReachedInPlainTextThroughTheProxy) {
     const Nginx nginx(folder, registry.port(), {});
     Proxy proxy(folder, "user", "secret");

@@ -57,6 +57,10 @@ void checkCredentials(const HttpConfig& config) {
     require(!config.proxyCredentials || !hasHeader(config, "Proxy-Authorization"),
             "HttpConfig::headers must not contain Proxy-Authorization beside "
             "HttpConfig::proxyCredentials.");
+    const bool doesProxyReadHeaders = !config.proxy.empty() && !config.tls.enabled;
+    require(doesProxyReadHeaders || !hasHeader(config, "Proxy-Authorization"),
+            "HttpConfig::headers must not contain Proxy-Authorization, which the registry would be "
+            "sent: use HttpConfig::proxyCredentials.");
     require(!config.proxyCredentials || !config.proxy.empty(),
             "HttpConfig::proxyCredentials needs a proxy.");
 }
@@ -94,10 +98,14 @@ void checkWay(const HttpConfig& config) {
             "HttpConfig::proxy and HttpConfig::unixSocketPath cannot be used together.");
 }
 
+void checkNeedsTls(const TlsConfig& tls, bool isSet, const std::string& option) {
+    require(tls.enabled || !isSet,
+            "HttpConfig::tls." + option + " is set, and HttpConfig::tls.enabled is not.");
+}
+
 void checkTlsPath(const TlsConfig& tls, const std::string& path, const std::string& option) {
     requireText(path, "HttpConfig::tls." + option);
-    require(tls.enabled || path.empty(),
-            "HttpConfig::tls." + option + " is set, and HttpConfig::tls.enabled is not.");
+    checkNeedsTls(tls, !path.empty(), option);
 }
 
 void checkTls(const TlsConfig& tls) {
@@ -105,6 +113,8 @@ void checkTls(const TlsConfig& tls) {
     checkTlsPath(tls, tls.authorityFolder, "authorityFolder");
     checkTlsPath(tls, tls.clientCertificateFile, "clientCertificateFile");
     checkTlsPath(tls, tls.clientKeyFile, "clientKeyFile");
+    checkNeedsTls(tls, tls.lowestVersion != TlsConfig::Version::Tls12, "lowestVersion");
+    checkNeedsTls(tls, tls.disableServerVerification, "disableServerVerification");
     require(tls.clientKeyFile.empty() || !tls.clientCertificateFile.empty(),
             "HttpConfig::tls.clientKeyFile needs a clientCertificateFile.");
 }

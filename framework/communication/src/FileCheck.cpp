@@ -27,12 +27,16 @@ bool has(const std::string& pem, const char* what) {
 }
 
 std::string contentOf(const std::string& option, const std::string& path) {
+    std::error_code ignored;
+    const auto status = std::filesystem::status(path, ignored);
+    // First: to open a pipe is to wait for who writes there.
+    require(!std::filesystem::exists(status) || std::filesystem::is_regular_file(status),
+            named(option, path) + " is no file.");
     errno = 0;
     std::ifstream file(path);
     const int error = errno;
     require(file.is_open(), named(option, path) +
                                 " cannot be read: " + std::generic_category().message(error) + ".");
-    require(std::filesystem::is_regular_file(path), named(option, path) + " is no file.");
     return {std::istreambuf_iterator<char>(file), {}};
 }
 

@@ -158,6 +158,7 @@ void Transfer::start(std::unique_ptr<Request>& request, HeaderLists::List header
     headers_ = std::move(headers);
     set(CURLOPT_TIMEOUT_MS, milliseconds(ceil<std::chrono::milliseconds>(request->deadline - now)));
     answer_.begin(*request);
+    newConnections_ = 0;
     isOnStaleConnection_ = false;
     if (curl_multi_add_handle(context_.multi, easy_.get()) != CURLM_OK) {
         throw CurlFailure{CURLE_OUT_OF_MEMORY};
@@ -167,7 +168,7 @@ void Transfer::start(std::unique_ptr<Request>& request, HeaderLists::List header
 
 std::unique_ptr<Request> Transfer::finish(CURLcode code) {
     request_->status = outcome(code);
-    if (isOnNewConnection_ && request_->status == CommunicationStatus::Ok) {
+    if (newConnections_ > 0 && request_->status == CommunicationStatus::Ok) {
         context_.connections.remember(easy_.get());
     }
     curl_multi_remove_handle(context_.multi, easy_.get());
@@ -197,7 +198,7 @@ CommunicationStatus Transfer::outcome(CURLcode code) const {
                                            : CommunicationStatus::CutShort;
         case CURLE_RECV_ERROR:
         case CURLE_GOT_NOTHING:
-            if (request_->attempts == 0) {
+            if (!hasConnection()) {
                 return CommunicationStatus::ConnectFailed;  // The proxy said no.
             }
             return answer_.hasBegun() ? outcomeOfBrokenReceive() : statusOf(code);
@@ -205,7 +206,8 @@ CommunicationStatus Transfer::outcome(CURLcode code) const {
             // libcurl's word for a header line of more than 100 KiB, too.
             long requestBytes = 0;
             curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &requestBytes);
-            const bool isReceivingHeaders = requestBytes > 0 && !answer_.hasAllHeaders();
+            const bool isReceivingHeaders =
+                requestBytes > 0 && hasConnection() && !answer_.hasAllHeaders();
             return isReceivingHeaders ? CommunicationStatus::TooLarge : statusOf(code);
         }
         case CURLE_BAD_FUNCTION_ARGUMENT:
@@ -214,6 +216,14 @@ CommunicationStatus Transfer::outcome(CURLcode code) const {
         default:
             return statusOf(code);
     }
+}
+
+// libcurl counts one when it begins to ask the proxy and to speak TLS, and may do so again when a
+// kept one has ended.
+bool Transfer::hasConnection() const {
+    long begun = 0;
+    curl_easy_getinfo(easy_.get(), CURLINFO_NUM_CONNECTS, &begun);
+    return begun == newConnections_;
 }
 
 // libcurl has one result for a connection that breaks and for chunks that make no sense: only its
@@ -246,11 +256,9 @@ std::size_t Transfer::onBody(char* bytes, std::size_t, std::size_t size, void* s
 int Transfer::onConnected(void* self, char*, char*, int, int localPort) noexcept {
     Transfer& transfer = *static_cast<Transfer*>(self);
     ++transfer.request_->attempts;
-    long newConnections = 0;
-    curl_easy_getinfo(transfer.easy_.get(), CURLINFO_NUM_CONNECTS, &newConnections);
-    transfer.isOnNewConnection_ = newConnections > 0;
+    curl_easy_getinfo(transfer.easy_.get(), CURLINFO_NUM_CONNECTS, &transfer.newConnections_);
     transfer.isOnStaleConnection_ =
-        !transfer.isOnNewConnection_ && transfer.context_.connections.isStale(localPort);
+        transfer.newConnections_ == 0 && transfer.context_.connections.isStale(localPort);
     return transfer.isOnStaleConnection_ ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
 }
 

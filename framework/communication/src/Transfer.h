@@ -53,6 +53,7 @@ class Transfer {
     void setMethod(const Request& request);
     CommunicationStatus outcome(CURLcode code) const;
     CommunicationStatus outcomeOfBrokenReceive() const;
+    bool hasConnection() const;
 
     template <typename Value>
     void set(CURLoption option, Value value) {
@@ -78,7 +79,7 @@ class Transfer {
     std::unique_ptr<Request> request_;
     std::unique_ptr<CURL, EasyDeleter> easy_;
     AnswerReader answer_;
-    bool isOnNewConnection_ = false;
+    long newConnections_ = 0;  // Those made for the request when the last one stood.
     bool isOnStaleConnection_ = false;
 };
 

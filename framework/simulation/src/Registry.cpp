@@ -22,7 +22,8 @@ constexpr int kMostTurnsAtOneTime = 1000;
 Registry::Registry(World& world) : world_(world) {}
 
 void Registry::advance(milliseconds duration) {
-    const milliseconds end = world_.now() + std::max(duration, milliseconds(0));
+    const milliseconds end =
+        world_.now() + std::clamp(duration, milliseconds(0), milliseconds::max() - world_.now());
     int turns = 0;
     answerAll();
     for (auto next = world_.nextDelay(); next && *next <= end - world_.now();

@@ -3,6 +3,7 @@
 #include "HttpTest.h"
 
 #include <orvx/utility/OrvFoundationException.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -79,6 +80,12 @@ TEST_F(TheFilesOfTls, AreFilesAndFolders) {
     tls.authorityFolder = certificate();
     EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFolder: " + certificate() +
                              " cannot be read: Not a directory.");
+}
+
+TEST_F(TheFilesOfTls, AreNoPipesThatAreWaitedFor) {
+    tls.authorityFile = folder + "/pipe";
+    ASSERT_EQ(::mkfifo(tls.authorityFile.c_str(), S_IRUSR | S_IWUSR), 0);
+    EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFile: " + tls.authorityFile + " is no file.");
 }
 
 TEST_F(TheFilesOfTls, HoldWhatTheirNamesSay) {

@@ -132,6 +132,19 @@ TEST_F(AConfiguration, DoesNotHaveFilesForTlsWithoutTls) {
     }
 }
 
+TEST_F(AConfiguration, DoesNotAskForTlsAndLeaveItOff) {
+    const std::string rest = " is set, and HttpConfig::tls.enabled is not.";
+    HttpConfig config;
+    config.tls.lowestVersion = TlsConfig::Version::Tls13;
+    EXPECT_EQ(refusalOf(config), "HttpConfig::tls.lowestVersion" + rest);
+    config = {};
+    config.tls.disableServerVerification = true;
+    EXPECT_EQ(refusalOf(config), "HttpConfig::tls.disableServerVerification" + rest);
+    config.tls.enabled = true;
+    config.tls.lowestVersion = TlsConfig::Version::Tls13;
+    EXPECT_EQ(refusalOf(config), "");
+}
+
 TEST_F(AConfiguration, DoesNotHaveCredentialsTwice) {
     HttpConfig config = withHeader("authorization");
     EXPECT_EQ(refusalOf(config), "");
@@ -145,6 +158,18 @@ TEST_F(AConfiguration, DoesNotHaveCredentialsTwice) {
     EXPECT_EQ(refusalOf(config),
               "HttpConfig::headers must not contain Proxy-Authorization beside "
               "HttpConfig::proxyCredentials.");
+}
+
+TEST_F(AConfiguration, DoesNotShowTheRegistryWhatIsForTheProxy) {
+    const std::string refusal =
+        "HttpConfig::headers must not contain Proxy-Authorization, which the registry would be "
+        "sent: use HttpConfig::proxyCredentials.";
+    HttpConfig config = withHeader("proxy-authorization");
+    EXPECT_EQ(refusalOf(config), refusal) << "there is no proxy";
+    config.proxy = "http://localhost:3128";
+    EXPECT_EQ(refusalOf(config), "") << "the proxy reads the headers";
+    config.tls.enabled = true;
+    EXPECT_EQ(refusalOf(config), refusal) << "they go through the proxy unread";
 }
 
 TEST_F(AConfiguration, HasNoCredentialsForAProxyWithoutOne) {

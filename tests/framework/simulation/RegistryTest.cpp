@@ -129,6 +129,13 @@ TEST_F(TheRegistry, DoesNotTurnAClockThatStandsStillForEver) {
     timer.stop();
 }
 
+TEST_F(TheRegistry, TurnsTheClockToTheEndOfTime) {
+    constexpr auto kEnd = std::chrono::milliseconds::max();
+    registry.advance(1ms);
+    registry.advance(kEnd);
+    EXPECT_EQ(world.now(), kEnd);
+}
+
 TEST_F(TheRegistry, TurnsTheClockNotBackwards) {
     registry.advance(-1ms);
     EXPECT_EQ(world.now(), 0ms);

@@ -73,7 +73,8 @@ struct HttpConfig {
     /// whatever the environment says. TLS passes through it (CONNECT); plain requests are read by
     /// it, and its own answers are taken for the server's.
     std::string proxy;
-    /// Shown to the proxy. Null: none.
+    /// Shown to the proxy: with each plain request, and once for each connection that TLS passes
+    /// through, which then stands whatever is set later. Null: none.
     std::shared_ptr<HttpCredentials> proxyCredentials;
     /// The Unix domain socket where every server is reached; empty: over TCP. The endpoint's host
     /// and port are what the server and its certificate are called then. It is connected to anew
