@@ -76,6 +76,19 @@ TEST_F(TheCommand, InheritsNoDescriptorOfTheProgram) {
     EXPECT_EQ(beside.output, alone.output);
 }
 
+TEST_F(TheCommand, MayBeStartedWithoutStandardStreams) {
+    ChildProcess announce(
+        "/bin/sh", Words{"-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", ORVX_ANNOUNCE_PROGRAM} + echo() +
+                       Words{"--", "sleep", "3600"});
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    const std::string descriptors = "/proc/" + std::to_string(announce.pid()) + "/fd/";
+    for (const char* stream : {"0", "1", "2"}) {
+        EXPECT_EQ(std::filesystem::read_symlink(descriptors + stream), "/dev/null");
+    }
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 128 + SIGTERM);
+}
+
 TEST_F(TheCommand, HasTheSignalsAsTheStarterHadThem) {
     const auto signals = Words{"-E", "^Sig(Blk|Ign|Cgt)", "/proc/self/status"};
     const auto alone = ChildProcess("/bin/grep", signals).wait();

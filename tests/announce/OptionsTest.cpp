@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <limits>
 
 namespace orvx::announce {
 namespace {
@@ -48,6 +49,7 @@ TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
                     {"versions", {"1", "2"}},
                     {"host", "h"},
                     {"weight", 1.5},
+                    {"most", std::numeric_limits<std::uint64_t>::max()},
                     {"tags", {{"deep", {nullptr, true, -7}}}}};
     const json set{lamp, {{"name", "bell"}, {"port", 2}}};
     Announce announce({"--registry", urlOf(registry.port()), "--from",
@@ -81,6 +83,9 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal({"--registry", "http://h", "--name", "a"}), HasSubstr("no port"));
     EXPECT_THAT(refusal(good + Words{"--"}), HasSubstr("no command"));
     EXPECT_THAT(refusal(good + Words{"true"}), HasSubstr("true"));
+    EXPECT_THAT(refusal(good + Words{"--category", "a", "true"}), HasSubstr("true"));
+    EXPECT_THAT(refusal(good + Words{"--version", "\xff"}), HasSubstr("UTF-8"));
+    EXPECT_THAT(refusal(good + Words{"--stop-timeout", "nan"}), HasSubstr("--stop-timeout"));
     EXPECT_THAT(refusal(good + Words{"--unknown"}), HasSubstr("--unknown"));
     EXPECT_THAT(refusal(good + Words{"--ready-http", "health"}), HasSubstr("begin with /"));
     EXPECT_THAT(refusal(good + Words{"--ready", "soon"}), HasSubstr("soon"));
@@ -114,6 +119,8 @@ TEST_F(TheOptions, RefuseTwoServicesThatWouldBeOneEntry) {
     EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"a","port":2}])"),
                 HasSubstr("the uri of another one"));
     EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"b","port":2,"uri":"/a"}])"),
+                HasSubstr("the uri of another one"));
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"b","port":2,"uri":"a"}])"),
                 HasSubstr("the uri of another one"));
 }
 

@@ -150,6 +150,13 @@ TEST_F(TheStatusFile, IsWholeWheneverItIsRead) {
     EXPECT_FALSE(std::filesystem::exists(file + ".new"));
 }
 
+TEST_F(TheStatusFile, ReplacesNothingThatIsNoPlainFile) {
+    std::filesystem::create_symlink("/dev/null", file);
+    const auto result = Announce(echo() + Words{"--status-file", file}).ended(125);
+    EXPECT_THAT(result.errors, HasSubstr("--status-file"));
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+}
+
 TEST_F(TheStatusFile, ThatCannotBeWrittenIsReportedOnceAndHarmsNothing) {
     Announce announce(echo() + Words{"--status-file", folder.file("none/status.json")});
     announce.awaitOutput(" announced ");

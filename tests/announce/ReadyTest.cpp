@@ -72,6 +72,18 @@ TEST_F(Readiness, MayBeSeenAtAnotherAddress) {
     end(announce);
 }
 
+TEST_F(Readiness, AsksAnIpv6AddressInBrackets) {
+    service.nextRequest(testing::response(204));
+    service.listenAgain();
+    Announce announce(echo() + Words{"--ready-http", "/", "--ready-host", "::ffff:127.0.0.1"} +
+                      kWaiting);
+    ASSERT_TRUE(service.waitForRequests(1));
+    EXPECT_EQ(service.requests().at(0).header("Host"),
+              "[::ffff:127.0.0.1]:" + std::to_string(service.port()));
+    announce.awaitErrors(" announced ");
+    end(announce);
+}
+
 TEST_F(Readiness, ThatDoesNotComeInTimeEndsTheCommand) {
     Announce announce(echo(front.port()) + Words{"--ready-timeout", "1"} +
                       shell("trap 'echo got TERM; exit 4' TERM; read line"));

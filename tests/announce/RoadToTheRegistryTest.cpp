@@ -45,7 +45,8 @@ TEST_F(TheRoadToTheRegistry, ShowsATokenThatMayBeReplaced) {
     });
     const auto file = folder.file("token", "first\n");
     Announce announce(at(urlOf(front.port())) + Words{"--token-file", file} +
-                      shell("trap : HUP; read line; read line"));
+                      shell("trap : HUP; echo up; read line; read line"));
+    announce.awaitOutput("up\n");
     announce.awaitErrors(" refused ");
     EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer first");
     folder.file("token", "second\n");

@@ -100,6 +100,38 @@ TEST_F(AWithdrawal, ThatIsNotAnsweredDoesNotHoldUpWhoseCommandDied) {
     EXPECT_THAT(announce.ended(8).errors, HasSubstr(" left "));
 }
 
+TEST_F(AWithdrawal, BehindTheEndOfTheCommandIsNotGivenUpForTheFirstSignal) {
+    holdBack("DELETE");
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "3600"} +
+                      shell("read line; exit 8"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    announce.awaitErrors(" withdrawing ");
+    EXPECT_TRUE(eventually([this] { return entries().empty(); }));
+    announce.signal(SIGTERM);
+    announce.awaitErrors(" stopping ");
+    front.release("DELETE");
+    EXPECT_THAT(announce.ended(8).errors,
+                AllOf(HasSubstr(" withdrawn "), Not(HasSubstr(" left "))));
+}
+
+TEST_F(AWithdrawal, ThatWasGivenUpIsMadeUpForWhileTheCommandEnds) {
+    holdBack("PUT");
+    Announce announce(echo(front.port()) +
+                      Words{"--withdraw-timeout", "0.2", "--stop-timeout", "3600"} +
+                      shell("trap '' TERM; echo up; read line; exit 3"));
+    ASSERT_TRUE(front.waitForRequests(1));
+    announce.awaitOutput("up\n");
+    announce.signal(SIGTERM);
+    announce.awaitErrors(" left ");
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    front.release("PUT");
+    announce.awaitErrors(" withdrawn ");
+    EXPECT_TRUE(entries().empty());
+    announce.endInput();
+    EXPECT_THAT(announce.ended(3).errors, Not(HasSubstr(" announced ")));
+}
+
 TEST_F(AWithdrawal, IsNotHeldUpByOutputThatNobodyReads) {
     const std::string fillStandardError =
         "import os, signal\n"

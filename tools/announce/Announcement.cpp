@@ -20,6 +20,7 @@ using nlohmann::json;
 namespace {
 
 constexpr auto kPauseBeforeAskingAgain = 50ms;
+constexpr auto kPauseOfTheLeft = 500ms;
 /// An attempt that is under way may be the first one that reaches the registry.
 constexpr auto kGraceOfTheUnreached = 500ms;
 
@@ -126,7 +127,7 @@ void Announcement::notified(const Model& service, bool isRegistered) {
     }
     uuid_ = service->getId();
     ++timesAnnounced_;
-    if (state_ != State::Withdrawing) {
+    if (!isToBeWithdrawn()) {
         announcedSince_ = timestamp();
         enter(State::Announced, {{"uuid", uuid_}});
     }
@@ -142,13 +143,13 @@ void Announcement::withdraw() {
 }
 
 void Announcement::askForWithdrawal() {
-    if (state_ == State::Withdrawing) {
+    if (isToBeWithdrawn()) {
         unregister_(onLoop(&Announcement::withdrawalAnswered));
     }
 }
 
 void Announcement::withdrawalAnswered(const Outcome& outcome) {
-    if (isOver()) {
+    if (!isToBeWithdrawn()) {
         return;
     }
     const bool isWithdrawn = outcome.status == Outcome::OK || isGone(outcome.httpResponse);
@@ -157,7 +158,8 @@ void Announcement::withdrawalAnswered(const Outcome& outcome) {
         return;
     }
     registrySaid_ = toText(outcome);
-    loop_.after(kPauseBeforeAskingAgain, [this] { askForWithdrawal(); });
+    loop_.after(state_ == State::Left ? kPauseOfTheLeft : kPauseBeforeAskingAgain,
+                [this] { askForWithdrawal(); });
 }
 
 bool Announcement::wasNeverReached() const {

@@ -58,7 +58,8 @@ class Announcement {
     void keepChecked();
     /// Asks again as long as it is refused; isOver() tells when it is done.
     void withdraw();
-    /// Nothing is asked for any more: what is not withdrawn is left behind.
+    /// What is not withdrawn is not waited for any more: it is left behind, unless the registry
+    /// takes the withdrawal after all.
     void giveUp();
 
     State state() const { return state_; }
@@ -81,6 +82,8 @@ class Announcement {
     void askForWithdrawal();
     void withdrawalAnswered(const Outcome& outcome);
     bool wasNeverReached() const;
+    /// What was given up too, for as long as there is time.
+    bool isToBeWithdrawn() const { return state_ == State::Withdrawing || state_ == State::Left; }
     void enter(State state, const nlohmann::json& details = nlohmann::json::object());
     void report(const std::string& event, nlohmann::json details);
 

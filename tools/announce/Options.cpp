@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
+#include <filesystem>
 #include <iostream>
 #include <map>
 
@@ -25,7 +27,10 @@ void addDuration(CLI::App& app, const std::string& name, milliseconds& target,
                  const std::string& description) {
     app.add_option_function<double>(
            name,
-           [&target](double seconds) {
+           [&target, name](double seconds) {
+               if (std::isnan(seconds)) {
+                   throw UsageError(name + ": not a number");
+               }
                target = milliseconds(static_cast<milliseconds::rep>(seconds * 1000));
            },
            description)
@@ -74,8 +79,8 @@ void addServices(CLI::App& app, ServiceOptions& service) {
                    "Where others reach it (default: this machine's name, or 127.0.0.1 when the "
                    "registry is there)");
     add("--version", service.version, "Its version");
-    add("--category", service.categories, "A category; may be repeated")->take_all();
-    add("--privilege", service.privileges, "A privilege; may be repeated")->take_all();
+    add("--category", service.categories, "A category; may be repeated")->allow_extra_args(false);
+    add("--privilege", service.privileges, "A privilege; may be repeated")->allow_extra_args(false);
     add("--description", service.description, "What it is, for people");
     add("--uri", service.uri, "Path of its entry at the registry (default: / and the name)");
 }
@@ -101,7 +106,17 @@ void addReady(CLI::App& app, ReadyOptions& ready, bool hasCommand) {
     addDuration(app, "--ready-timeout", ready.timeout, "How long to wait for that");
 }
 
+/// Replacing what stands for a device would take it from everybody.
+void checkStatusFile(const std::string& name) {
+    std::error_code ignored;
+    const auto status = std::filesystem::symlink_status(name, ignored);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+        throw UsageError("--status-file: not a plain file: " + name);
+    }
+}
+
 void complete(Options& options, const ServiceOptions& service) {
+    checkStatusFile(options.statusFile);
     readRegistryUrl(options.registry);
     const auto& registry = options.registry;
     if (!registry.secure && !(registry.authorityFile + registry.clientCertificateFile).empty()) {

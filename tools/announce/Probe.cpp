@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstring>
 #include <memory>
 #include <regex>
 
@@ -21,6 +22,22 @@ std::string withoutBrackets(const std::string& host) {
     return host.front() == '[' ? host.substr(1, host.size() - 2) : host;
 }
 
+std::string inBrackets(const std::string& host) {
+    const bool isBare = host.front() != '[' && host.find(':') != std::string::npos;
+    return isBare ? "[" + host + "]" : host;
+}
+
+/// A port that nobody listens at may be picked for the connection to it, which then meets itself.
+bool isToItself(int connection) {
+    sockaddr_storage here{};
+    sockaddr_storage there{};
+    socklen_t size = sizeof here;
+    ::getsockname(connection, reinterpret_cast<sockaddr*>(&here), &size);
+    size = sizeof there;
+    ::getpeername(connection, reinterpret_cast<sockaddr*>(&there), &size);
+    return std::memcmp(&here, &there, sizeof here) == 0;
+}
+
 /// A connected socket, or -1.
 int connectTo(const std::string& host, const std::string& port) {
     addrinfo hints{};
@@ -32,7 +49,8 @@ int connectTo(const std::string& host, const std::string& port) {
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, ::freeaddrinfo);
     for (; list != nullptr; list = list->ai_next) {
         const int connection = ::socket(list->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (connection >= 0 && ::connect(connection, list->ai_addr, list->ai_addrlen) == 0) {
+        if (connection >= 0 && ::connect(connection, list->ai_addr, list->ai_addrlen) == 0 &&
+            !isToItself(connection)) {
             return connection;
         }
         ::close(connection);
@@ -63,7 +81,8 @@ bool answer(const std::string& host, const std::string& port, const std::string&
     if (connection < 0) {
         return false;
     }
-    const bool isReady = path.empty() || answersWell(connection, host + ":" + port, path);
+    const bool isReady =
+        path.empty() || answersWell(connection, inBrackets(host) + ":" + port, path);
     ::close(connection);
     return isReady;
 }

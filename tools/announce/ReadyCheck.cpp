@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <system_error>
 
 #include "Probe.h"
 
@@ -52,6 +53,14 @@ void ReadyCheck::stop() {
 }
 
 void ReadyCheck::probe() {
+    try {
+        startProbe();
+    } catch (const std::system_error&) {  // too many processes, for now
+        ended(-1);
+    }
+}
+
+void ReadyCheck::startProbe() {
     const auto onEnd = [this](int status) { ended(status); };
     if (options_.kind == ReadyOptions::Kind::Command) {
         probe_ = children_.spawnProbe({"/bin/sh", "-c", options_.command}, onEnd);

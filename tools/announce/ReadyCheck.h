@@ -26,6 +26,7 @@ class ReadyCheck {
 
   private:
     void probe();
+    void startProbe();
     void ended(int status);
     std::vector<std::pair<std::string, std::string>> addresses(const Options& options) const;
 

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <fstream>
+#include <limits>
 #include <set>
 
 #include "RegistryUrl.h"
@@ -62,7 +63,18 @@ bool isText(const json& service, const char* key) {
            !found->get_ref<const std::string&>().empty();
 }
 
+bool isUtf8(const json& service) {
+    try {
+        return !service.dump().empty();
+    } catch (const json::exception&) {
+        return false;
+    }
+}
+
 void check(const json& service) {
+    if (!isUtf8(service)) {
+        refuse(service, "is not in UTF-8");
+    }
     if (!service.is_object() || !isText(service, "name")) {
         refuse(service, "has no name");
     }
@@ -87,8 +99,12 @@ GenericObjectValue toValue(const json& value) {
     switch (value.type()) {
         case json::value_t::boolean:
             return value.get<bool>();
-        case json::value_t::number_integer:
         case json::value_t::number_unsigned:
+            if (value > std::numeric_limits<std::int64_t>::max()) {
+                return value.get<double>();
+            }
+            [[fallthrough]];
+        case json::value_t::number_integer:
             return value.get<std::int64_t>();
         case json::value_t::number_float:
             return value.get<double>();
@@ -127,9 +143,8 @@ std::vector<json> describe(const ServiceOptions& options, const RegistryOptions&
         if (!service.contains("host")) {
             service["host"] = options.host.empty() ? thisHost(registry) : options.host;
         }
-        if (!service.contains("uri")) {
-            service["uri"] = "/" + service["name"].get<std::string>();
-        }
+        std::string uri = service.value("uri", service["name"].get<std::string>());
+        service["uri"] = uri.front() == '/' && service.contains("uri") ? uri : "/" + uri;
         if (!uris.insert(service["uri"]).second) {
             refuse(service, "has the uri of another one");
         }

@@ -26,6 +26,7 @@ bool replace(const std::string& name, const std::string& content) {
     if (file < 0) {
         return false;
     }
+    errno = EIO;  // a short write says nothing
     const auto size = ::write(file, content.data(), content.size());
     const bool isWhole = ::close(file) == 0 && size == static_cast<ssize_t>(content.size());
     return isWhole && std::rename(fresh.c_str(), name.c_str()) == 0;
@@ -39,7 +40,6 @@ void StatusFile::write(const json& state) {
     }
     json content = state;
     content["updated"] = timestamp();
-    errno = EIO;
     if (replace(name_, content.dump(2, ' ', false, json::error_handler_t::replace) + "\n")) {
         written_ = state;
         failed_ = false;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <system_error>
+#include <utility>
 
 #include "ExitCodes.h"
 #include "Settings.h"
@@ -144,8 +145,11 @@ void Supervisor::readTokenAgain() {
 void Supervisor::stop(int number, bool fromTerminal) {
     report_.event("stopping", Mood::Plain, {{"signal", ::sigabbrev_np(number)}});
     signalToPassOn_ = fromTerminal ? 0 : number;
+    const bool isFirst = !std::exchange(isToldToStop_, true);
     if (phase_ == Phase::Serving) {
         withdraw();
+    } else if (phase_ == Phase::Withdrawing && isFirst) {
+        return;  // the command has ended by itself, and this is under way
     } else if (phase_ == Phase::Stopping) {
         command_.signal(signalToPassOn_);
     } else {

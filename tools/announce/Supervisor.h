@@ -68,6 +68,7 @@ class Supervisor {
     Phase phase_ = Phase::Starting;
     const std::string startedAt_ = timestamp();
     EventLoop::Timer bound_ = 0;
+    bool isToldToStop_ = false;
     /// What the command is told when everything is withdrawn; 0: nothing.
     int signalToPassOn_ = 0;
     /// What leave() shall not find out by itself.

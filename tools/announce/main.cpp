@@ -2,14 +2,32 @@
 // The main thread does everything; the library has threads of its own, from the first announcement
 // on. There is no lock.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <exception>
 #include <iostream>
 
 #include "ExitCodes.h"
 #include "Supervisor.h"
 
+namespace {
+
+/// Those that the starter has closed would become others, which lines would then go to. They stay
+/// closed for the command.
+void occupyStandardStreams() {
+    int file = 0;
+    do {
+        file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (file >= 0 && file <= STDERR_FILENO);
+    ::close(file);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace orvx::announce;
+    occupyStandardStreams();
     try {
         const Options options = parseOptions(argc, argv);
         return Supervisor(options).run();
