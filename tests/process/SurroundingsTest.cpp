@@ -135,7 +135,8 @@ TEST_F(TheSurroundings, ReadNothingButTheLinesOfTheConsoleLogger) {
     for (std::string line; std::getline(lines, line); ++count) {
         EXPECT_TRUE(std::regex_match(line, format)) << line;
     }
-    EXPECT_GT(count, 5);
+    EXPECT_GE(count, 5) << "lost, refused twice, retried, 500; a check that is due between the "
+                           "withdrawal and the end may add one";
 }
 
 TEST_F(TheSurroundings, ReadNothingWhenTheUserHasALoggerOfItsOwn) {
