@@ -49,6 +49,16 @@ bool isControl(std::string_view character) {
     return first < 0x20 || first == 0x7F || (first == 0xC2 && byteAt(character, 1) < 0xA0);
 }
 
+/// Whether it steers the direction in which the characters around it are shown, so that a line
+/// reads as another one.
+bool isDirectionControl(std::string_view character) {
+    const auto isBetween = [character](std::string_view first, std::string_view last) {
+        return character.size() == first.size() && character >= first && character <= last;
+    };
+    return character == "\u061c" || isBetween("\u200e", "\u200f") ||
+           isBetween("\u202a", "\u202e") || isBetween("\u2066", "\u2069");
+}
+
 void appendHex(std::string& out, std::string_view bytes) {
     static constexpr char digits[] = "0123456789ABCDEF";
     for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -62,7 +72,7 @@ void appendCharacter(std::string& out, std::string_view character, bool valid) {
         out += "\\n";
     } else if (character == "\\") {
         out += "\\\\";
-    } else if (!valid || isControl(character)) {
+    } else if (!valid || isControl(character) || isDirectionControl(character)) {
         appendHex(out, character);
     } else {
         out += character;

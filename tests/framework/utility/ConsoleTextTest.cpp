@@ -41,6 +41,16 @@ TEST(TheConsole, EscapesTheControlCharactersBeyondAscii) {
     EXPECT_EQ(shownOnConsole("\xC2\xA0"), "\xC2\xA0");
 }
 
+TEST(TheConsole, EscapesTheControlsOfTheWritingDirection) {
+    EXPECT_EQ(shownOnConsole("a\u202eb"), R"(a\xE2\x80\xAEb)");
+    EXPECT_EQ(shownOnConsole("\u061c \u200e \u200f"), R"(\xD8\x9C \xE2\x80\x8E \xE2\x80\x8F)");
+    EXPECT_EQ(shownOnConsole("\u202a \u2066 \u2069"), R"(\xE2\x80\xAA \xE2\x81\xA6 \xE2\x81\xA9)");
+    for (const char* const text : {"\u061b", "\u061d", "\u200d", "\u2010", "\u2029", "\u202f",
+                                   "\u2065", "\u206a", "\u05d0"}) {
+        EXPECT_EQ(shownOnConsole(text), text);
+    }
+}
+
 TEST(TheConsole, KeepsTheCharactersOfEveryLength) {
     for (const auto* const text :
          {"\xC3\xA9", "\xDF\xBF", "\xE0\xA0\x80", "\xE2\x82\xAC", "\xED\x9F\xBF", "\xEE\x80\x80",

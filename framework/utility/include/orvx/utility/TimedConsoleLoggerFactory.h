@@ -8,9 +8,9 @@ namespace orvx::utility {
 /// "2026-01-31 12:00:00.123 WARNING OrvxServiceRegistryClient.OrvServiceRegistryClient: text".
 ///
 /// What a terminal could mistake for a command or for a second line is escaped here, and here only:
-/// a byte below 0x20, 0x7F, a C1 control character and a byte that is not UTF-8 appear as "\xHH", a
-/// line feed as "\n", a backslash as "\\". A text of more than 4096 bytes is cut and ends in
-/// "... (N bytes more)".
+/// a byte below 0x20, 0x7F, a C1 control character, a control of the writing direction (such as
+/// U+202E) and a byte that is not UTF-8 appear as "\xHH", a line feed as "\n", a backslash as "\\".
+/// A text of more than 4096 bytes is cut and ends in "... (N bytes more)".
 /// A line that cannot be written is dropped in silence.
 class ORVX_EXPORT TimedConsoleLoggerFactory : public ILoggerFactory {
   public:
