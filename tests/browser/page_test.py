@@ -163,6 +163,27 @@ class ThePage(unittest.TestCase):
             "return [window.harmed ?? null, document.querySelectorAll('main img, main script, main a').length]"),
             [None, 0])
 
+    def test_keeps_the_writing_direction_of_a_service_within_its_own_text(self):
+        registry = self.open()
+        name = "lamp\u202egnirts\u2067"
+        registry.put(name)
+        self.wait(lambda: self.row(name))
+        self.assertEqual(self.browser.execute_script("""
+            return [...document.querySelectorAll('.name, .address, .uuid')].map(node =>
+              [node.dir, getComputedStyle(node).unicodeBidi])"""), [["auto", "isolate"]] * 3)
+
+    def test_shows_that_two_instances_put_one_path(self):
+        registry = self.open()
+        registry.put("lamp", host="10.0.0.1")
+        self.wait(lambda: self.row("lamp"))
+        self.assertFalse(self.is_shown(".moved"))
+        registry.put("lamp", host="10.0.0.2")
+        self.wait(lambda: self.is_shown(".moved"))
+        self.assertRegex(self.text(".moved"), r"^was 10\.0\.0\.1:8080 until \d+ s ago$")
+        self.assertIn("two instances", self.browser.execute_script(
+            "return document.querySelector('.moved').title"))
+        self.screenshot("moved")
+
     def test_says_when_the_registry_is_gone_and_when_it_is_back(self):
         registry = self.open()
         registry.put("lamp")

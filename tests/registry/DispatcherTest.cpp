@@ -97,6 +97,15 @@ TEST_F(TheDispatcher, ListsForThePageTheNewestEntryFirstWithItsTimes) {
     EXPECT_FALSE(rows[1].contains("secret"));
 }
 
+TEST_F(TheDispatcher, TellsThePageWhenAPathWasPutForAnotherAddress) {
+    ask(verb::put, "/a", R"({"host":"10.0.0.1","port":80})");
+    EXPECT_EQ(pageRows().at(0).count("movedFrom"), 0U);
+    ask(verb::put, "/a", R"({"host":"10.0.0.2","port":80})");
+    now_ += 2s;
+    EXPECT_EQ(pageRows().at(0).at("movedFrom"), "10.0.0.1:80");
+    EXPECT_EQ(pageRows().at(0).at("moved"), 2'000);
+}
+
 TEST_F(TheDispatcher, ShortensForThePageWhatALongServiceSays) {
     std::string name(299, 'x');
     name += "€" + std::string(10'000, 'x');

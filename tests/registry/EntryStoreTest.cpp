@@ -56,6 +56,23 @@ TEST(TheEntryStore, KeepsTheUuidOfAPathThatIsPutAgain) {
     EXPECT_EQ(store.entries().size(), 1U);
 }
 
+TEST(TheEntryStore, NoticesThatALivingPathIsPutForAnotherHostOrPort) {
+    EntryStore store;
+    const auto put = [&](nlohmann::json service) {
+        return store.put("/a", std::move(service)).movedFrom;
+    };
+    EXPECT_EQ(put({{"host", "x"}, {"port", 1}}), "");
+    EXPECT_EQ(put({{"host", "x"}, {"port", 1}, {"name", "other"}}), "");
+    EXPECT_EQ(put({{"host", "y"}, {"port", 1}}), "x:1");
+    EXPECT_EQ(put({{"host", "y"}, {"port", 2}}), "y:1");
+    EXPECT_EQ(put({{"port", 2}}), "y:2");
+    EXPECT_EQ(put({{"host", true}, {"port", "2"}}), "?:2");
+    EXPECT_EQ(put({}), "");  // neither host nor port before
+    EXPECT_EQ(store.entries().front().moved->from, "?:2");
+    store.clear();
+    EXPECT_EQ(put({{"host", "x"}, {"port", 1}}), "");
+}
+
 TEST(TheEntryStore, CountsTheChecksOfAnEntryAlsoWhenItsPathIsPutAgain) {
     EntryStore store;
     const Entry& entry = store.put("/a", {}).entry;

@@ -154,6 +154,23 @@ TEST_F(TheTool, WritesALineForEachRequest) {
                              "127\\.0\\.0\\.1 - - [^\n]* \"-\" 400 [0-9]+\n"));
 }
 
+TEST_F(TheTool, LogsThatALivingPathWasPutForAnotherAddress) {
+    RegistryProcess program({"--port", "0", "--log"});
+    RawConnection connection(program.port());
+    for (const char* host : {"10.0.0.1", "10.0.0.2", "10.0.0.2", "\u202e\""}) {
+        const json body{{"host", host}, {"port", 8080}};
+        connection.ask(makeRequest("PUT", "/echo", body.dump()));
+    }
+    program.signal(SIGTERM);
+    EXPECT_THAT(program.wait().output,
+                MatchesRegex("[^\n]*\n"
+                             "[^\n]* 201 [0-9]+\n"
+                             "[^\n]* 200 [0-9]+ \"moved from 10.0.0.1:8080 to 10.0.0.2:8080\"\n"
+                             "[^\n]* 200 [0-9]+\n"
+                             "[^\n]* 200 [0-9]+ \"moved from 10.0.0.2:8080 to "
+                             "\\\\xe2\\\\x80\\\\xae\\\\x22:8080\"\n"));
+}
+
 TEST_F(TheTool, AppendsItsLogToAFile) {
     const std::string log = write("log", "before\n");
     RegistryProcess program({"--log", log, "--port", "0"});
@@ -204,6 +221,44 @@ TEST_F(TheTool, SaysWhenItsStoreCannotBeWrittenAndChangesNothingThen) {
     const rlimit growth{RLIM_INFINITY, RLIM_INFINITY};
     ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &growth, nullptr), 0);
     EXPECT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(), http::status::created);
+}
+
+/// The program where no file can grow, as on a full disk.
+ChildProcess startedOnAFullDisk(const std::string& store) {
+    return ChildProcess("/bin/sh", {"-c", "ulimit -f 0; exec \"$@\"", "sh", ORVX_REGISTRY_PROGRAM,
+                                    "--port", "0", "--store", store});
+}
+
+TEST_F(TheTool, ServesTheEntriesOfItsStoreOnAFullDisk) {
+    const std::string store = folder_ / "store";
+    std::string location;
+    for (const int end : {SIGTERM, SIGKILL}) {  // SIGKILL leaves changes in a second file
+        {
+            RegistryProcess program({"--port", "0", "--store", store});
+            const auto answer = RawConnection(program.port()).ask(makeRequest("PUT", "/a", "{}"));
+            location = std::string(answer[http::field::location]);
+            program.signal(end);
+            program.wait();
+        }
+        auto program = startedOnAFullDisk(store);
+        const std::string line = program.awaitOutput("\n");
+        const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+        RawConnection connection(port);
+        EXPECT_EQ(connection.ask(makeRequest("HEAD", location)).result(), http::status::ok);
+        EXPECT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(),
+                  http::status::internal_server_error);
+    }
+    RegistryProcess program({"--port", "0", "--store", store});
+    RawConnection connection(program.port());
+    EXPECT_EQ(connection.ask(makeRequest("HEAD", location)).result(), http::status::ok);
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(), http::status::created);
+}
+
+TEST_F(TheTool, RefusesAFullDiskForANewStore) {
+    auto program = startedOnAFullDisk(folder_ / "store");
+    const auto result = program.wait();
+    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 2) << result.status;
+    EXPECT_THAT(result.errors, HasSubstr("/store: "));
 }
 
 TEST_F(TheTool, RefusesAStoreThatIsNone) {

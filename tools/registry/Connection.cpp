@@ -112,7 +112,7 @@ void Connection::onRequest(Error error, std::size_t) {
         return refuse(error);
     }
     Reaction reaction = shared_.dispatcher.react(parser_->get());
-    record(parser_->get(), reaction.response);
+    record(parser_->get(), reaction.response, reaction.remark);
     parser_.reset();
     if (reaction.delay.count() == 0) {
         return reaction.response ? respond(std::move(*reaction.response)) : reset();
@@ -137,7 +137,8 @@ void Connection::reset() {
     close();
 }
 
-void Connection::record(const Request& request, const std::optional<Response>& response) const {
+void Connection::record(const Request& request, const std::optional<Response>& response,
+                        std::string_view remark) const {
     if (!shared_.log) {
         return;
     }
@@ -148,7 +149,7 @@ void Connection::record(const Request& request, const std::optional<Response>& r
                std::to_string(request.version() % 10);
     }
     shared_.log->write(address_, line, response ? response->result_int() : 0,
-                       response ? response->body().size() : 0);
+                       response ? response->body().size() : 0, remark);
 }
 
 void Connection::refuse(Error error) {
@@ -164,7 +165,7 @@ void Connection::refuse(Error error) {
     }
     Response response = failure(status, error.message());
     response.keep_alive(false);
-    record({}, response);
+    record({}, response, {});
     respond(std::move(response));
 }
 

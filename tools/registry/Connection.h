@@ -59,7 +59,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void refuse(Error error);
     void reset();
     void respond(Response response);
-    void record(const Request& request, const std::optional<Response>& response) const;
+    void record(const Request& request, const std::optional<Response>& response,
+                std::string_view remark) const;
     void onAnswered(Error error, std::size_t);
     void discardInput(Error error, std::size_t);
 

@@ -64,7 +64,7 @@ Reaction Dispatcher::decide(const Request& request) {
     if (fate.status != 0) {
         reaction.response = failure(static_cast<http::status>(fate.status), "a fault on demand");
     } else {
-        reaction.response = answer(store_, request);
+        reaction.response = answer(store_, request, &reaction.remark);
     }
     return reaction;
 }

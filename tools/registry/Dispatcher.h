@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 
 #include "EntryStore.h"
 #include "Faults.h"
@@ -13,6 +14,7 @@ namespace orvx::registry {
 struct Reaction {
     std::optional<Response> response;  ///< empty: the connection is reset
     std::chrono::milliseconds delay{0};
+    std::string remark{};  ///< what the log is to say of the request
 };
 
 /// Gives each request to what answers it: the entries, the page, the faults and their control.

@@ -10,6 +10,12 @@ namespace orvx::registry {
 
 /// One registered service.
 struct Entry {
+    /// A put of a service with another host or port than the one before.
+    struct Move {
+        std::string from;  ///< the address before, as "host:port"
+        std::chrono::steady_clock::time_point when;
+    };
+
     std::string uuid;          ///< random (version 4), lower case; the name of the entry
     std::string path;          ///< the request target it was put at, byte by byte
     nlohmann::json service;    ///< the object that was put there last
@@ -17,6 +23,11 @@ struct Entry {
     std::chrono::system_clock::time_point created{};
     std::chrono::steady_clock::time_point renewed{};  ///< put, checked or loaded last
     std::optional<std::chrono::steady_clock::time_point> checked{};
+    std::optional<Move> moved{};  ///< the last one, in this process
 };
+
+/// Where the service is reached, as "host:port". "?" stands for a host or a port that it does not
+/// name.
+std::string addressOf(const nlohmann::json& service);
 
 }  // namespace orvx::registry

@@ -30,6 +30,10 @@ std::int64_t numberOf(sqlite::Database& database, const char* sql) {
     return statement.step() ? statement.number(0) : 0;
 }
 
+bool isEmpty(sqlite::Database& database) {
+    return numberOf(database, "SELECT count(*) FROM sqlite_master") == 0;
+}
+
 std::int64_t seconds(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
@@ -44,18 +48,19 @@ EntryFile::EntryFile(const std::string& path)
         database_.run("PRAGMA journal_mode = WAL");
         database_.run("PRAGMA synchronous = NORMAL");
         sqlite::Transaction creation(database_);  // takes the lock for as long as the file is open
-        database_.run("PRAGMA application_id = " + std::to_string(kApplication));
-        database_.run(
-            "CREATE TABLE IF NOT EXISTS entries (position INTEGER PRIMARY KEY, uuid TEXT NOT NULL "
-            "UNIQUE, path BLOB NOT NULL UNIQUE, service TEXT NOT NULL, created INTEGER NOT NULL)");
+        if (isEmpty(database_)) {  // otherwise nothing is written: the disk may be full
+            database_.run("PRAGMA application_id = " + std::to_string(kApplication));
+            database_.run(
+                "CREATE TABLE entries (position INTEGER PRIMARY KEY, uuid TEXT NOT NULL UNIQUE, "
+                "path BLOB NOT NULL UNIQUE, service TEXT NOT NULL, created INTEGER NOT NULL)");
+        }
         creation.commit();
     });
 }
 
 void EntryFile::requireOurs() {
     const std::int64_t application = numberOf(database_, "PRAGMA application_id");
-    const bool isEmpty = numberOf(database_, "SELECT count(*) FROM sqlite_master") == 0;
-    if (application != kApplication && !(application == 0 && isEmpty)) {
+    if (application != kApplication && !(application == 0 && isEmpty(database_))) {
         throw sqlite::Error("it is a database of another program");
     }
     sqlite::Statement check = database_.prepare("PRAGMA quick_check(1)");

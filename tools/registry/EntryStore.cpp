@@ -12,6 +12,19 @@
 
 namespace orvx::registry {
 
+namespace {
+
+constexpr const char* kNoAddress = "?:?";
+
+}  // namespace
+
+std::string addressOf(const nlohmann::json& service) {
+    const auto host = service.find("host");
+    const auto port = service.find("port");
+    return (host != service.end() && host->is_string() ? host->get<std::string>() : "?") + ':' +
+           (port != service.end() && port->is_number() ? port->dump() : "?");
+}
+
 EntryStore::EntryStore(StoreOptions options) : options_(std::move(options)) {
     if (options_.file.empty()) {
         return;
@@ -30,9 +43,14 @@ EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) 
         if (file_) {
             file_->replace(entry.uuid, service);
         }
+        std::string before = addressOf(entry.service);
         entry.service = std::move(service);
         renew(known->second);
-        return {entry, false};
+        if (before == kNoAddress || before == addressOf(entry.service)) {
+            return {entry, false, {}};
+        }
+        entry.moved = {before, entry.renewed};
+        return {entry, false, std::move(before)};
     }
     if (entries_.size() >= options_.maxEntries) {
         throw StoreFull("the registry is full: it holds " + std::to_string(entries_.size()) +
@@ -46,7 +64,7 @@ EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) 
     if (file_) {
         file_->add(entry);
     }
-    return {add(std::move(entry)), true};
+    return {add(std::move(entry)), true, {}};
 }
 
 const Entry& EntryStore::add(Entry entry) {

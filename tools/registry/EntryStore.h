@@ -42,6 +42,7 @@ class EntryStore {
     struct PutResult {
         const Entry& entry;
         bool created;  ///< false: the entry of this path lived, and its service was replaced
+        std::string movedFrom;  ///< the address that was replaced by another one; empty: none
     };
 
     /// Throws a FileError when the file cannot be opened, or is none of this program's.

@@ -87,6 +87,10 @@ json row(const Entry& entry, const EntryStore& store) {
     if (entry.checked) {
         object["checked"] = milliseconds(now - *entry.checked);
     }
+    if (entry.moved) {
+        object["movedFrom"] = shortened(entry.moved->from);
+        object["moved"] = milliseconds(now - entry.moved->when);
+    }
     if (store.options().ttl.count() > 0) {
         object["expires"] = milliseconds(entry.renewed + store.options().ttl - now);
     }

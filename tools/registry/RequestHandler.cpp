@@ -60,10 +60,14 @@ std::string uuidOf(const Request& request) {
     return target.starts_with('/') ? std::string(target.substr(1)) : std::string();
 }
 
-Response put(EntryStore& store, const Request& request) {
+Response put(EntryStore& store, const Request& request, std::string* remark) {
     try {
         json service = parseObject(request.body());
-        const auto [entry, created] = store.put(std::string(request.target()), std::move(service));
+        const auto [entry, created, movedFrom] =
+            store.put(std::string(request.target()), std::move(service));
+        if (remark != nullptr && !movedFrom.empty()) {
+            *remark = "moved from " + movedFrom + " to " + addressOf(entry.service);
+        }
         Response response =
             makeResponse(created ? http::status::created : http::status::ok, toJson(entry));
         response.set(http::field::location, "/" + entry.uuid);
@@ -98,10 +102,10 @@ Response remove(EntryStore& store, const Request& request) {
     return entry ? makeResponse(http::status::ok, toJson(*entry)) : noSuchEntry();
 }
 
-Response dispatch(EntryStore& store, const Request& request) {
+Response dispatch(EntryStore& store, const Request& request, std::string* remark) {
     switch (request.method()) {
         case http::verb::put:
-            return put(store, request);
+            return put(store, request, remark);
         case http::verb::get:
             return get(store, request);
         case http::verb::head:
@@ -113,9 +117,9 @@ Response dispatch(EntryStore& store, const Request& request) {
     }
 }
 
-Response tryToDispatch(EntryStore& store, const Request& request) {
+Response tryToDispatch(EntryStore& store, const Request& request, std::string* remark) {
     try {
-        return dispatch(store, request);
+        return dispatch(store, request, remark);
     } catch (const StoreFull& full) {
         return failure(http::status::insufficient_storage, full.what());
     } catch (const FileError& error) {
@@ -126,8 +130,8 @@ Response tryToDispatch(EntryStore& store, const Request& request) {
 
 }  // namespace
 
-Response answer(EntryStore& store, const Request& request) {
-    Response response = tryToDispatch(store, request);
+Response answer(EntryStore& store, const Request& request, std::string* remark) {
+    Response response = tryToDispatch(store, request, remark);
     response.version(request.version());
     response.keep_alive(request.keep_alive());
     return response;

@@ -2,6 +2,7 @@
 
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <string>
 #include <string_view>
 
 #include "EntryStore.h"
@@ -13,10 +14,10 @@ using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
 /// What the registry answers to a request that arrived whole, ready to be sent. Every answer is
 /// JSON; one to HEAD has neither a body nor its length. Reports on stderr when the store's file
-/// fails.
+/// fails. `remark`: set to what the log is to say of the request; may be null.
 ///
 /// Thread-safety: that of `store`. No sockets are involved.
-Response answer(EntryStore& store, const Request& request);
+Response answer(EntryStore& store, const Request& request, std::string* remark = nullptr);
 
 /// An answer with that text in JSON.
 Response makeResponse(boost::beast::http::status status, const nlohmann::json& body);

@@ -16,6 +16,8 @@ namespace orvx::registry {
 
 namespace {
 
+constexpr std::size_t kLongestRemark = 1'000;
+
 std::string now() {
     const std::time_t time = std::time(nullptr);
     std::tm local{};
@@ -52,11 +54,12 @@ RequestLog::RequestLog(const std::string& path) : out_(path == "-" ? std::cout :
 }
 
 void RequestLog::write(std::string_view address, std::string_view request, unsigned status,
-                       std::size_t size) {
+                       std::size_t size, std::string_view remark) {
     std::string line(address);
     line += " - - [" + now() + "] \"" + (request.empty() ? "-" : escaped(request)) + "\" ";
     line += status == 0 ? "-" : std::to_string(status);
-    line += size == 0 ? " -\n" : ' ' + std::to_string(size) + '\n';
+    line += size == 0 ? " -" : ' ' + std::to_string(size);
+    line += remark.empty() ? "\n" : " \"" + escaped(remark.substr(0, kLongestRemark)) + "\"\n";
     out_.clear();
     out_ << line << std::flush;
     if (!out_ && !hasFailed_) {

@@ -8,7 +8,7 @@
 
 namespace orvx::registry {
 
-/// One line for each request, in the common log format.
+/// One line for each request, in the common log format. A remark is one more field, in quotes.
 ///
 /// Thread-safety: one thread at a time.
 class RequestLog {
@@ -21,7 +21,7 @@ class RequestLog {
     /// `request`: its first line, with any bytes; empty: there was none. `status` 0: no answer.
     /// Says on stderr when the file cannot be written any more.
     void write(std::string_view address, std::string_view request, unsigned status,
-               std::size_t size);
+               std::size_t size, std::string_view remark);
 
   private:
     std::ofstream file_;

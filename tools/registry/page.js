@@ -1,5 +1,6 @@
 // Asks for the list every second and changes the rows that differ. Text reaches the page only as
-// textContent. A row belongs to a path: a service that is registered again returns to its row.
+// textContent, in elements that keep its writing direction to themselves. A row belongs to a path: a
+// service that is registered again returns to its row.
 'use strict';
 
 const POLL = 1000;
@@ -41,16 +42,19 @@ function makeCell(row, className, label) {
 function add(parent, className) {
   const node = document.createElement('span');
   node.className = className;
+  node.dir = 'auto';
   return parent.appendChild(node);
 }
 
 function makeRow(path) {
   const row = document.createElement('tr');
   const service = makeCell(row, 'service');
+  const uri = makeCell(row, 'uri');
   const cells = {
     name: add(service, 'name'),
     uuid: add(service, 'uuid'),
-    uri: add(makeCell(row, 'uri'), 'address'),
+    uri: add(uri, 'address'),
+    moved: add(uri, 'moved'),
     port: makeCell(row, 'number port', 'port'),
     age: makeCell(row, 'number age', 'age'),
   };
@@ -70,6 +74,19 @@ function mark(known, className) {
   }
 }
 
+function setMove(node, entry) {
+  node.hidden = !('movedFrom' in entry);
+  if (node.hidden) return node.replaceChildren();
+  if (!node.firstChild) {
+    node.title = 'Another host or port was put at this path: do two instances share it?';
+    node.append('was ');
+    add(node, 'from');
+    add(node, 'until');
+  }
+  setText(node.children[0], entry.movedFrom);
+  setText(node.children[1], ` until ${duration(entry.moved)} ago`);
+}
+
 function show(entry) {
   const known = rows.get(entry.path) ?? makeRow(entry.path);
   const {cells} = known;
@@ -79,6 +96,7 @@ function show(entry) {
   setLongText(cells.name, entry.name ?? entry.path);
   setText(cells.uuid, entry.uuid);
   setLongText(cells.uri, entry.uri ?? entry.path);
+  setMove(cells.moved, entry);
   setText(cells.port, entry.port === null ? '–' : String(entry.port));
   setText(cells.age, duration(entry.age));
   setText(cells.checked, entry.checked === null ? 'not yet' : `${duration(entry.checked)} ago`);
