@@ -19,7 +19,7 @@ TEST_F(TheCommand, IsAnnouncedWhileItRunsAndWithdrawnWhenItEnds) {
     Announce announce(echo() + shell("read line; exit 5"));
     announce.awaitErrors(" announced ");
     const json entry = entries().at(0);
-    EXPECT_EQ(entry.at("path"), "/echo");
+    EXPECT_EQ(entry.at("path"), "/echo/127.0.0.1:" + std::to_string(service.port()));
     EXPECT_EQ(entry.at("service").at("port"), service.port());
     announce.endInput();
     announce.ended(5);

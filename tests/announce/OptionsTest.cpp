@@ -6,6 +6,8 @@
 
 #include <array>
 #include <limits>
+#include <map>
+#include <set>
 
 namespace orvx::announce {
 namespace {
@@ -60,7 +62,36 @@ TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
         services[entry.at("path")] = entry.at("service");
     }
     EXPECT_EQ(services.at("/l"), lamp);
-    EXPECT_EQ(services.at("/bell").at("host"), "other");
+    EXPECT_EQ(services.at("/bell/other:2").at("host"), "other");
+}
+
+TEST_F(TheOptions, GiveEachInstanceOfAServiceAnEntryOfItsOwn) {
+    Announce first(echo() + Words{"--host", "10.0.0.1"});
+    first.awaitOutput(" announced ");
+    Announce second(echo() + Words{"--host", "10.0.0.2"});
+    second.awaitOutput(" announced ");
+    EXPECT_EQ(entries().size(), 2U);
+    first.stopped(0);
+    ASSERT_EQ(entries().size(), 1U);
+    EXPECT_EQ(entries().at(0).at("path"), "/echo/10.0.0.2:" + std::to_string(service.port()));
+}
+
+TEST_F(TheOptions, EscapeNameAndHostInTheDefaultUri) {
+    const json set{{{"name", "a b/ü?"}, {"port", 1}, {"host", "10.0.0.1"}},
+                   {{"name", "-._~A9"}, {"port", 2}, {"host", "h%st"}},
+                   {{"name", "v6"}, {"port", 3}, {"host", "2001:db8::1"}},
+                   {{"name", "v6"}, {"port", 4}, {"host", "[2001:db8::1]"}},
+                   {{"name", "as it is"}, {"port", 5}, {"uri", "a%20b"}}};
+    Announce announce(
+        {"--registry", urlOf(registry.port()), "--from", folder.file("set", set.dump())});
+    EXPECT_TRUE(eventually([&] { return entries().size() == set.size(); }));
+    std::set<std::string> paths;
+    for (const json& entry : entries()) {
+        paths.insert(entry.at("path"));
+    }
+    EXPECT_THAT(
+        paths, ::testing::ElementsAre("/-._~A9/h%25st:2", "/a%20b", "/a%20b%2F%C3%BC%3F/10.0.0.1:1",
+                                      "/v6/2001:db8::1:3", "/v6/2001:db8::1:4"));
 }
 
 TEST_F(TheOptions, TakeTheHostFromTheMachineUnlessTheRegistryIsThere) {
@@ -116,12 +147,14 @@ TEST_F(TheOptions, RefuseAFileThatDescribesNoServices) {
 }
 
 TEST_F(TheOptions, RefuseTwoServicesThatWouldBeOneEntry) {
-    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"a","port":2}])"),
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"a","port":1}])"),
                 HasSubstr("the uri of another one"));
-    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"b","port":2,"uri":"/a"}])"),
-                HasSubstr("the uri of another one"));
-    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1},{"name":"b","port":2,"uri":"a"}])"),
-                HasSubstr("the uri of another one"));
+    EXPECT_THAT(
+        refusalOfSet(R"([{"name":"a","port":1,"uri":"/a"},{"name":"b","port":2,"uri":"/a"}])"),
+        HasSubstr("the uri of another one"));
+    EXPECT_THAT(
+        refusalOfSet(R"([{"name":"a","port":1,"host":"h"},{"name":"b","port":2,"uri":"a/h:1"}])"),
+        HasSubstr("the uri of another one"));
 }
 
 }  // namespace

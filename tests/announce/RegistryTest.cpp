@@ -117,8 +117,8 @@ TEST_F(AnAnnouncement, OfASetIsWithdrawnAsAWhole) {
 
 TEST_F(AnAnnouncement, OfASetIsNotHeldUpByOneServiceThatIsNeverAnswered) {
     front.onRequest([this](const Request& request) {
-        return request.target == "/bad" ? Script().silence()
-                                        : Script(passOn(request, registry.port()));
+        return request.target == "/bad/127.0.0.1:1" ? Script().silence()
+                                                    : Script(passOn(request, registry.port()));
     });
     const Folder folder;
     const auto file =

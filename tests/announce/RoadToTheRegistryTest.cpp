@@ -7,9 +7,10 @@ namespace {
 
 class TheRoadToTheRegistry : public AnnounceTest {
   protected:
-    /// The options of the service "echo" at that registry.
+    /// The options of the service "echo", whose uri is /echo, at that registry.
     Words at(const std::string& url) const {
-        return {"--registry", url, "--name", "echo", "--port", std::to_string(service.port())};
+        const std::string port = std::to_string(service.port());
+        return {"--registry", url, "--name", "echo", "--port", port, "--uri", "/echo"};
     }
 
     const Folder folder;

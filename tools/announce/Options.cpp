@@ -82,7 +82,7 @@ void addServices(CLI::App& app, ServiceOptions& service) {
     add("--category", service.categories, "A category; may be repeated")->allow_extra_args(false);
     add("--privilege", service.privileges, "A privilege; may be repeated")->allow_extra_args(false);
     add("--description", service.description, "What it is, for people");
-    add("--uri", service.uri, "Path of its entry at the registry (default: / and the name)");
+    add("--uri", service.uri, "Path of its entry at the registry (default: /<name>/<host>:<port>)");
 }
 
 void addReady(CLI::App& app, ReadyOptions& ready, bool hasCommand) {

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cctype>
 #include <fstream>
 #include <limits>
 #include <set>
+#include <string_view>
 
 #include "RegistryUrl.h"
 
@@ -95,6 +97,32 @@ std::string thisHost(const RegistryOptions& registry) {
     return isKnown && !isLoopback(registry.host) ? name.data() : "127.0.0.1";
 }
 
+/// All but RFC 3986's unreserved characters and the colon.
+std::string percentEncoded(const std::string& text) {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    static constexpr std::string_view marks = "-._~:";
+    std::string encoded;
+    for (const char letter : text) {
+        const auto byte = static_cast<unsigned char>(letter);
+        if ((byte < 0x80 && std::isalnum(byte) != 0) || marks.find(letter) != marks.npos) {
+            encoded += letter;
+        } else {
+            encoded += {'%', digits[byte / 16], digits[byte % 16]};
+        }
+    }
+    return encoded;
+}
+
+/// Another one for each instance of a service. The port follows the last colon.
+std::string defaultUri(const json& service) {
+    std::string host = service["host"];
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    return "/" + percentEncoded(service["name"]) + "/" + percentEncoded(host) + ":" +
+           service["port"].dump();
+}
+
 GenericObjectValue toValue(const json& value) {
     switch (value.type()) {
         case json::value_t::boolean:
@@ -143,8 +171,8 @@ std::vector<json> describe(const ServiceOptions& options, const RegistryOptions&
         if (!service.contains("host")) {
             service["host"] = options.host.empty() ? thisHost(registry) : options.host;
         }
-        std::string uri = service.value("uri", service["name"].get<std::string>());
-        service["uri"] = uri.front() == '/' && service.contains("uri") ? uri : "/" + uri;
+        const std::string uri = service.value("uri", defaultUri(service));
+        service["uri"] = uri.front() == '/' ? uri : "/" + uri;
         if (!uris.insert(service["uri"]).second) {
             refuse(service, "has the uri of another one");
         }
