@@ -1,52 +1,12 @@
 // What the program tells a service manager, and the unit file for one.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Notifications.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-
-#include <array>
-#include <cstring>
 
 namespace orvx::announce {
 namespace {
-
-/// The socket that a service manager listens at.
-class Notifications {
-  public:
-    explicit Notifications(const std::string& name)
-        : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, name.data(), name.size());
-        if (name[0] == '@') {
-            address.sun_path[0] = '\0';
-        }
-        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-        if (::bind(socket_.fd(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {
-            throw std::runtime_error("bind");
-        }
-    }
-
-    std::string next() const {
-        pollfd polled{socket_.fd(), POLLIN, 0};
-        if (::poll(&polled, 1, 10'000) != 1) {
-            throw std::runtime_error("nothing was told for ten seconds");
-        }
-        std::array<char, 4096> bytes{};
-        const auto size = ::recv(socket_.fd(), bytes.data(), bytes.size(), 0);
-        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
-    }
-    void await(const std::string& wanted) const {
-        while (next() != wanted) {
-        }
-    }
-
-  private:
-    testing::Socket socket_;
-};
 
 class TheServiceManager : public AnnounceTest {
   protected:

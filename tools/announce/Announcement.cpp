@@ -4,6 +4,7 @@
 
 #include "Announcement.h"
 
+#include <algorithm>
 #include <exception>
 
 #include "Answers.h"
@@ -19,10 +20,10 @@ using nlohmann::json;
 
 namespace {
 
-constexpr auto kPauseBeforeAskingAgain = 50ms;
-constexpr auto kPauseOfTheLeft = 500ms;
+constexpr std::chrono::milliseconds kFirstPause = 50ms;
+constexpr std::chrono::milliseconds kLongestPause = 500ms;
 /// An attempt that is under way may be the first one that reaches the registry.
-constexpr auto kGraceOfTheUnreached = 500ms;
+constexpr std::chrono::milliseconds kGraceOfTheUnreached = 500ms;
 
 bool isGone(const std::shared_ptr<HttpResponse>& response) {
     const auto code = response ? response->getStatusCode() : HttpResponse::StatusCode::None;
@@ -39,13 +40,16 @@ const char* toString(Announcement::State state) {
 }
 
 Announcement::Announcement(EventLoop& loop, const AnnouncementSettings& settings,
-                           const json& description, Changed changed)
+                           const json& description, StateCounts& counts, Changed changed)
     : loop_(loop),
       settings_(settings),
       service_(toService(description)),
+      counts_(counts),
       changed_(std::move(changed)),
       statistics_(std::make_shared<communication::ClientStatistics>()),
-      since_(timestamp()) {}
+      since_(timestamp()) {
+    ++counts_[state_];
+}
 
 Announcement::~Announcement() = default;
 
@@ -137,7 +141,12 @@ void Announcement::withdraw() {
     if (isOver()) {
         return;
     }
+    if (state_ == State::Waiting) {
+        enter(State::Withdrawn);
+        return;
+    }
     withdrawalBegin_ = EventLoop::Clock::now();
+    withdrawalPause_ = kFirstPause;
     enter(State::Withdrawing);
     askForWithdrawal();
 }
@@ -153,18 +162,16 @@ void Announcement::withdrawalAnswered(const Outcome& outcome) {
         return;
     }
     const bool isWithdrawn = outcome.status == Outcome::OK || isGone(outcome.httpResponse);
-    if (isWithdrawn || wasNeverReached()) {
+    const bool wasNeverReached = nothingWasSent(statistics_->snapshot());
+    const bool isGraceOver = EventLoop::Clock::now() - withdrawalBegin_ >= kGraceOfTheUnreached;
+    if (isWithdrawn || (wasNeverReached && isGraceOver)) {
         enter(State::Withdrawn);
         return;
     }
     registrySaid_ = toText(outcome);
-    loop_.after(state_ == State::Left ? kPauseOfTheLeft : kPauseBeforeAskingAgain,
+    loop_.after(wasNeverReached ? kGraceOfTheUnreached : withdrawalPause_,
                 [this] { askForWithdrawal(); });
-}
-
-bool Announcement::wasNeverReached() const {
-    return EventLoop::Clock::now() - withdrawalBegin_ > kGraceOfTheUnreached &&
-           nothingWasSent(statistics_->snapshot());
+    withdrawalPause_ = std::min(2 * withdrawalPause_, kLongestPause);
 }
 
 void Announcement::giveUp() {
@@ -195,6 +202,8 @@ json Announcement::status() const {
 }
 
 void Announcement::enter(State state, const json& details) {
+    --counts_[state_];
+    ++counts_[state];
     state_ = state;
     since_ = timestamp();
     report(toString(state), details);

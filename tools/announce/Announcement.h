@@ -5,7 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -39,13 +41,15 @@ class Announcement {
         Withdrawn,    ///< the registry has no entry
         Left,         ///< it was given up; an entry may be left
     };
-    /// Called on the loop's thread behind each change with "event", which is the state in most
+    /// How many services are in each state; shared by all announcements.
+    using StateCounts = std::map<State, std::size_t>;
+    /// Called on the loop's thread after each change with "event", which is the state in most
     /// cases, and what belongs to it.
     using Changed = std::function<void(const std::string& event, const nlohmann::json& details)>;
 
-    /// `settings` must outlive it.
+    /// `settings` and `counts` must outlive it.
     Announcement(EventLoop& loop, const AnnouncementSettings& settings,
-                 const nlohmann::json& description, Changed changed);
+                 const nlohmann::json& description, StateCounts& counts, Changed changed);
     ~Announcement();
     Announcement(const Announcement&) = delete;
     Announcement& operator=(const Announcement&) = delete;
@@ -81,7 +85,6 @@ class Announcement {
     void notified(const Model& service, bool isRegistered);
     void askForWithdrawal();
     void withdrawalAnswered(const Outcome& outcome);
-    bool wasNeverReached() const;
     /// What was given up too, for as long as there is time.
     bool isToBeWithdrawn() const { return state_ == State::Withdrawing || state_ == State::Left; }
     void enter(State state, const nlohmann::json& details = nlohmann::json::object());
@@ -90,6 +93,7 @@ class Announcement {
     EventLoop& loop_;
     const AnnouncementSettings& settings_;
     const std::shared_ptr<common::ServiceCreate> service_;
+    StateCounts& counts_;
     const Changed changed_;
     const std::shared_ptr<communication::ClientStatistics> statistics_;
 
@@ -102,6 +106,8 @@ class Announcement {
     /// When the number of checks was last seen to change, and the number.
     std::pair<EventLoop::Clock::time_point, std::uint64_t> lastCheck_;
     EventLoop::Clock::time_point withdrawalBegin_;
+    /// Before the next request for the withdrawal; doubled by each.
+    std::chrono::milliseconds withdrawalPause_{0};
     unsigned long start_ = 0;
     serviceregistryclient::IOrvServiceRegistryClient::UnregisterHandle unregister_;
     std::unique_ptr<serviceregistryclient::OrvServiceRegistryContext> context_;

@@ -10,17 +10,24 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <system_error>
 
 namespace orvx::announce {
 
 using std::chrono::milliseconds;
 
+namespace {
+
+constexpr milliseconds kTurn{10};
+
+}  // namespace
+
 EventLoop::EventLoop() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wakeUp_ < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    watch(wakeUp_, [this] { runPosted(); });
+    watch(wakeUp_, [this] { takePosted(); });
 }
 
 EventLoop::~EventLoop() {
@@ -64,10 +71,14 @@ void EventLoop::run() {
             }
         }
         runTimers();
+        runPosted();
     }
 }
 
 int EventLoop::timeout() const {
+    if (!taken_.empty()) {
+        return 0;
+    }
     if (timers_.empty()) {
         return -1;
     }
@@ -76,15 +87,19 @@ int EventLoop::timeout() const {
     return static_cast<int>(std::clamp<decltype(rounded)>(rounded, 0, 60'000));
 }
 
-void EventLoop::runPosted() {
+void EventLoop::takePosted() {
     std::uint64_t count = 0;
     [[maybe_unused]] const auto size = ::read(wakeUp_, &count, sizeof count);
-    std::vector<Task> tasks;
-    {
-        const utility::MutexLock lock(mutex_);
-        tasks.swap(posted_);
-    }
-    for (const Task& task : tasks) {
+    const utility::MutexLock lock(mutex_);
+    std::move(posted_.begin(), posted_.end(), std::back_inserter(taken_));
+    posted_.clear();
+}
+
+void EventLoop::runPosted() {
+    const auto end = Clock::now() + kTurn;
+    while (!stopped_ && !taken_.empty() && Clock::now() < end) {
+        const Task task = std::move(taken_.front());
+        taken_.pop_front();
         task();
     }
 }

@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <utility>
@@ -13,7 +14,8 @@
 namespace orvx::announce {
 
 /// Runs tasks on one thread, the one that calls run(): when a descriptor is readable, when a time
-/// has come, or when another thread posts one.
+/// has come, or when one was posted. However many are posted, descriptors and timers get their turn
+/// every few milliseconds.
 /// Thread-safety: post() may be called from any thread, everything else from the loop's.
 class EventLoop {
   public:
@@ -34,18 +36,20 @@ class EventLoop {
     void cancel(Timer timer);
     void post(Task task) ORVX_EXCLUDES(mutex_);
 
-    /// Returns behind the task that calls stop().
+    /// Returns after the task that calls stop().
     void run();
     void stop() { stopped_ = true; }
 
   private:
     int timeout() const;
-    void runPosted() ORVX_EXCLUDES(mutex_);
+    void takePosted() ORVX_EXCLUDES(mutex_);
+    void runPosted();
     void runTimers();
 
     std::vector<pollfd> polled_;
     std::vector<Task> readable_;
     std::map<std::pair<Clock::time_point, Timer>, Task> timers_;
+    std::deque<Task> taken_;
     Timer lastTimer_ = 0;
     bool stopped_ = false;
     int wakeUp_;

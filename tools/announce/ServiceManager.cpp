@@ -20,18 +20,18 @@ std::string environment(const char* name) {
     return value == nullptr ? "" : value;
 }
 
-std::chrono::milliseconds halfOfWatchdog() {
+std::chrono::milliseconds thirdOfWatchdog() {
     const std::string whose = environment("WATCHDOG_PID");
     const bool isOurs = whose.empty() || whose == std::to_string(::getpid());
     const long long microseconds =
         isOurs ? std::strtoll(environment("WATCHDOG_USEC").c_str(), nullptr, 10) : 0;
-    return std::chrono::milliseconds(microseconds > 0 ? microseconds / 2000 + 1 : 0);
+    return std::chrono::milliseconds(microseconds > 0 ? microseconds / 3000 + 1 : 0);
 }
 
 }  // namespace
 
 ServiceManager::ServiceManager()
-    : address_(environment("NOTIFY_SOCKET")), watchdogInterval_(halfOfWatchdog()) {
+    : address_(environment("NOTIFY_SOCKET")), watchdogInterval_(thirdOfWatchdog()) {
     if (!address_.empty()) {
         socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     }

@@ -20,7 +20,8 @@ class ServiceManager {
     void tell(const std::string& state) const;
     /// What the service manager shows for people. Told when it is another one than before.
     void tellStatus(const std::string& text);
-    /// How often "WATCHDOG=1" is to be told, half of what is asked for; zero: not at all.
+    /// How often "WATCHDOG=1" is to be told: a third of the time after which the service manager
+    /// kills, so that a delay does not make a gap of half that time. Zero: not at all.
     std::chrono::milliseconds watchdogInterval() const { return watchdogInterval_; }
 
   private:

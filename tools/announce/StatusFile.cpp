@@ -35,7 +35,7 @@ bool replace(const std::string& name, const std::string& content) {
 }  // namespace
 
 void StatusFile::write(const json& state) {
-    if (name_.empty() || state == written_) {
+    if (state == written_) {
         return;
     }
     json content = state;

@@ -11,7 +11,6 @@ namespace orvx::announce {
 /// Thread-safety: none.
 class StatusFile {
   public:
-    /// With an empty name nothing is ever written.
     explicit StatusFile(std::string name) : name_(std::move(name)) {}
 
     /// Throws std::system_error, once for as long as writing fails.

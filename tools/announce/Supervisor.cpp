@@ -1,13 +1,16 @@
 // What follows what, from the start of the command to the exit code.
-// Everything happens on the main thread, in tasks of the loop; there is no lock.
+// Everything happens on the main thread, in tasks of the loop, but for the closing of the contexts
+// at the end; there is no lock.
 
 #include "Supervisor.h"
 
 #include <unistd.h>
 #include <csignal>
 
-#include <algorithm>
+#include <atomic>
+#include <cstddef>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "ExitCodes.h"
@@ -22,6 +25,30 @@ using Mood = Report::Mood;
 namespace {
 
 constexpr auto kTick = 1s;
+/// So many times as long as a status takes passes until the next one.
+constexpr int kStatusShare = 20;
+constexpr std::size_t kServicesPerCloser = 30;
+
+/// Closing a context waits for its threads to end: so many are closed at the same time.
+void close(std::vector<std::unique_ptr<Announcement>>& announcements) {
+    std::atomic<std::size_t> next{0};
+    const auto closeSome = [&] {
+        for (std::size_t i = next++; i < announcements.size(); i = next++) {
+            announcements[i].reset();
+        }
+    };
+    std::vector<std::thread> closers;
+    try {
+        while (closers.size() < announcements.size() / kServicesPerCloser) {
+            closers.emplace_back(closeSome);
+        }
+    } catch (const std::system_error&) {  // too many threads: those that there are do it
+    }
+    closeSome();
+    for (std::thread& closer : closers) {
+        closer.join();
+    }
+}
 
 }  // namespace
 
@@ -37,7 +64,7 @@ Supervisor::Supervisor(const Options& options)
       readyCheck_(loop_, children_, options) {
     for (const json& description : options.services) {
         announcements_.push_back(std::make_unique<Announcement>(
-            loop_, settings_, description,
+            loop_, settings_, description, counts_,
             [this](const std::string& event, const json& details) { onChange(event, details); }));
     }
 }
@@ -46,6 +73,7 @@ int Supervisor::run() {
     loop_.post([this] { startCommand(); });
     loop_.run();
     keepStatus();
+    close(announcements_);
     return exitCode_;
 }
 
@@ -63,6 +91,7 @@ void Supervisor::startCommand() {
         report_.event("started", Mood::Plain,
                       {{"command", options_.command}, {"pid", command_.pid()}});
     }
+    keepStatus();
     tick();
     feedWatchdog();
     bound_ = loop_.after(options_.ready.timeout, [this] { onNotReady(); });
@@ -76,8 +105,17 @@ void Supervisor::onReady() {
         report_.event("ready", Mood::Plain);
     }
     serviceManager_.tell("READY=1");
+    callEachWhileServing(&Announcement::start);
+}
+
+/// Each in a task of its own, so that other tasks get their turn: opening a context starts threads.
+void Supervisor::callEachWhileServing(void (Announcement::*operation)()) {
     for (const auto& announcement : announcements_) {
-        announcement->start();
+        loop_.post([this, operation, one = announcement.get()] {
+            if (phase_ == Phase::Serving) {
+                (one->*operation)();
+            }
+        });
     }
 }
 
@@ -126,11 +164,7 @@ void Supervisor::onHangup(bool fromTerminal) {
     }
     command_.signal(SIGHUP);
     readTokenAgain();
-    if (phase_ == Phase::Serving) {
-        for (const auto& announcement : announcements_) {
-            announcement->startAgainIfRefused();
-        }
-    }
+    callEachWhileServing(&Announcement::startAgainIfRefused);
 }
 
 void Supervisor::readTokenAgain() {
@@ -174,17 +208,17 @@ void Supervisor::onChange(const std::string& event, const json& details) {
                   : event == "announced" ? Mood::Good
                                          : Mood::Plain,
                   details);
-    loop_.post([this] {
-        keepStatus();
-        goOn();
-    });
+    if (event != "log") {
+        keepStatusSoon();
+        loop_.post([this] { goOn(); });
+    }
 }
 
 /// Whether nothing is left to wait for.
 void Supervisor::goOn() {
-    const bool areAllOver =
-        std::all_of(announcements_.begin(), announcements_.end(),
-                    [](const auto& announcement) { return announcement->isOver(); });
+    using State = Announcement::State;
+    const bool areAllOver = count(State::Refused) + count(State::Withdrawn) + count(State::Left) ==
+                            announcements_.size();
     const bool isOnlyThere = phase_ == Phase::Serving && options_.command.empty();
     if (areAllOver && (phase_ == Phase::Withdrawing || isOnlyThere)) {
         stopCommand();
@@ -219,20 +253,12 @@ void Supervisor::leave() {
 
 int Supervisor::exitCodeAlone() const {
     using State = Announcement::State;
-    const bool isAllWell =
-        std::none_of(announcements_.begin(), announcements_.end(), [](const auto& announcement) {
-            return announcement->state() == State::Left || announcement->state() == State::Refused;
-        });
-    return isAllWell ? kWithdrawn : kNotWithdrawn;
+    return count(State::Left) + count(State::Refused) == 0 ? kWithdrawn : kNotWithdrawn;
 }
 
 void Supervisor::tick() {
-    if (phase_ == Phase::Serving) {
-        for (const auto& announcement : announcements_) {
-            announcement->keepChecked();
-        }
-    }
-    keepStatus();
+    callEachWhileServing(&Announcement::keepChecked);
+    keepStatusSoon();
     loop_.after(kTick, [this] { tick(); });
 }
 
@@ -253,14 +279,37 @@ void Supervisor::showStatus() {
     }
 }
 
+void Supervisor::keepStatusSoon() {
+    if (nextStatus_ == 0) {
+        nextStatus_ = loop_.after(statusPause_, [this] {
+            nextStatus_ = 0;
+            keepStatus();
+        });
+    }
+}
+
 void Supervisor::keepStatus() {
-    const json state = status();
-    serviceManager_.tellStatus(state["summary"]);
+    const auto begin = EventLoop::Clock::now();
+    serviceManager_.tellStatus(summary());
     try {
-        statusFile_.write(state);
+        if (!options_.statusFile.empty()) {
+            statusFile_.write(status());
+        }
     } catch (const std::system_error& error) {
         report_.event("no-status-file", Mood::Bad, {{"reason", error.what()}});
     }
+    statusPause_ = std::chrono::ceil<std::chrono::milliseconds>(kStatusShare *
+                                                                (EventLoop::Clock::now() - begin));
+}
+
+std::size_t Supervisor::count(Announcement::State state) const {
+    const auto found = counts_.find(state);
+    return found == counts_.end() ? 0 : found->second;
+}
+
+std::string Supervisor::summary() const {
+    return std::to_string(count(Announcement::State::Announced)) + " of " +
+           std::to_string(announcements_.size()) + " announced";
 }
 
 json Supervisor::status() const {
@@ -269,17 +318,9 @@ json Supervisor::status() const {
     for (const auto& announcement : announcements_) {
         services.push_back(announcement->status());
     }
-    const auto announced =
-        std::count_if(announcements_.begin(), announcements_.end(), [](const auto& announcement) {
-            return announcement->state() == Announcement::State::Announced;
-        });
-    json state{{"pid", ::getpid()},
-               {"phase", phases[static_cast<std::size_t>(phase_)]},
-               {"startedAt", startedAt_},
-               {"registry", options_.registry.url},
-               {"summary", std::to_string(announced) + " of " +
-                               std::to_string(announcements_.size()) + " announced"},
-               {"services", services}};
+    json state{{"pid", ::getpid()},       {"phase", phases[static_cast<std::size_t>(phase_)]},
+               {"startedAt", startedAt_}, {"registry", options_.registry.url},
+               {"summary", summary()},    {"services", services}};
     if (command_.isRunning()) {
         state["commandPid"] = command_.pid();
     }

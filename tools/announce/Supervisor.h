@@ -38,6 +38,7 @@ class Supervisor {
     void onSignal(int number, bool fromTerminal);
     void onHangup(bool fromTerminal);
     void onChange(const std::string& event, const nlohmann::json& details);
+    void callEachWhileServing(void (Announcement::*operation)());
 
     void readTokenAgain();
     void stop(int number, bool fromTerminal);
@@ -50,7 +51,10 @@ class Supervisor {
     void tick();
     void feedWatchdog();
     void showStatus();
+    void keepStatusSoon();
     void keepStatus();
+    std::size_t count(Announcement::State state) const;
+    std::string summary() const;
     nlohmann::json status() const;
 
     const Options& options_;
@@ -68,11 +72,15 @@ class Supervisor {
     Phase phase_ = Phase::Starting;
     const std::string startedAt_ = timestamp();
     EventLoop::Timer bound_ = 0;
+    EventLoop::Timer nextStatus_ = 0;
+    /// From one status to the next, which both look at all services.
+    std::chrono::milliseconds statusPause_{0};
     bool isToldToStop_ = false;
     /// What the command is told when everything is withdrawn; 0: nothing.
     int signalToPassOn_ = 0;
     /// What leave() shall not find out by itself.
     int exitCode_ = 0;
+    Announcement::StateCounts counts_;
     /// Last: their contexts' threads post to the loop.
     std::vector<std::unique_ptr<Announcement>> announcements_;
 };
