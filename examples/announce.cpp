@@ -15,16 +15,17 @@ int main(int argc, char** argv) {
     }
     const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
     OrvServiceRegistryContext context;
-    context.setCheckInterval(std::chrono::seconds(1));
+    context.setCheckInterval(std::chrono::seconds(4));  // longer than the head time-out, 3 s
     context.init();
     IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
     client.addServiceRegisterStatusListener([](const auto& service, bool registered) {
         std::cout << service->getName() << (registered ? " is registered" : " is not registered")
                   << std::endl;
     });
+    const auto echo = client.getSharedServiceCreate(ServiceInfo("echo", "127.0.0.1", 8080));
+    echo->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
     const auto withdraw = client.registerServiceAtRegistry(
-        registry, client.getSharedServiceCreate(ServiceInfo("echo", "127.0.0.1", 8080)),
-        [](const OrvRegistrationResponse& outcome) {
+        registry, echo, [](const OrvRegistrationResponse& outcome) {
             std::cout << "announced: " << OrvRegistrationResponse::statusString(outcome.status)
                       << std::endl;
         });

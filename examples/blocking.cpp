@@ -17,8 +17,9 @@ int main(int argc, char** argv) {
     context.init();
     IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
 
-    const auto echo =
-        client.registerServiceAtRegistry(registry, client.getSharedServiceCreate(self));
+    const auto service = client.getSharedServiceCreate(self);
+    service->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
+    const auto echo = client.registerServiceAtRegistry(registry, service);
     std::cout << OrvRegistrationResponse::statusString(echo.response.status) << std::endl;
 
     // ... serve; the library keeps the entry valid ...

@@ -14,9 +14,7 @@ using Client = IOrvServiceRegistryClient;
 bool all(std::size_t count, const std::function<void(Client::ServiceCallback)>& ask) {
     const auto done = std::make_shared<std::promise<void>>();
     ask([done, left = std::make_shared<std::size_t>(count)](const auto&, const auto& outcome) {
-        if (outcome.status == OrvRegistrationResponse::OK && --*left == 0) {
-            done->set_value();
-        }
+        outcome.status == OrvRegistrationResponse::OK && --*left == 0 ? done->set_value() : void();
     });
     return done->get_future().wait_for(std::chrono::seconds(30)) == std::future_status::ready;
 }
@@ -34,16 +32,18 @@ int main(int argc, char** argv) {
     OrvServiceRegistryContext fleet, canary;
     fleet.enableCheck(false);
     fleet.init();
-    canary.setCheckInterval(std::chrono::seconds(1));
+    canary.setCheckInterval(std::chrono::seconds(4));  // longer than the head time-out, 3 s
+    canary.setRegisterWithPrefix(true);
     canary.init();
-    Client& bird = *canary.getServiceRegistryClient();
-    bird.addServiceRegisterStatusListener([self = pthread_self()](const auto&, bool registered) {
+    Client& own = *canary.getServiceRegistryClient();
+    own.addServiceRegisterStatusListener([self = pthread_self()](const auto&, bool registered) {
         registered ? pthread_kill(self, SIGHUP) : 0;
     });
-    bird.registerServiceAtRegistry(registry, bird.getSharedServiceCreate({"canary", "", 0}), {});
+    const std::string me = "/10.0.0.7:8080/";  // another instance has other paths
+    own.registerServiceAtRegistry(registry, own.getSharedServiceCreate({"canary", "", 0, me}), {});
     Client::ServiceSet services;
     for (int i = 0; i < std::stoi(argv[3]); ++i) {
-        services.insert(bird.getSharedServiceCreate({"echo-" + std::to_string(i), "", 8080}));
+        services.insert(own.getSharedServiceCreate({"echo-" + std::to_string(i), "", 8080, me}));
     }
     for (int signal = 0; sigwait(&signals, &signal) == 0 && signal == SIGHUP;) {
         fleet.deinit();  // forgets what was announced before, and withdraws nothing
@@ -56,5 +56,5 @@ int main(int argc, char** argv) {
     const bool withdrawn = all(services.size(), [&](const Client::ServiceCallback& done) {
         fleet.getServiceRegistryClient()->unregisterAllServicesFromRegistry(done);
     });
-    return withdrawn && bird.unregisterAllServicesFromRegistry().first ? 0 : 1;
+    return withdrawn && own.unregisterAllServicesFromRegistry().first ? 0 : 1;
 }

@@ -1,18 +1,19 @@
-// Serves until SIGTERM or SIGINT, then withdraws everything within a bound, whatever is under way.
-// Usage: shutdown REGISTRY_HOST REGISTRY_PORT
+// Serves until SIGTERM or SIGINT, or until the registry refuses it, then withdraws within a bound.
+// Ends with 0 when it was announced and withdrawn. Usage: shutdown REGISTRY_HOST REGISTRY_PORT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <unistd.h>
+
+#include <atomic>
 #include <csignal>
 #include <iostream>
 #include <thread>
 
 using namespace orvx::serviceregistryclient;
 using namespace std::chrono_literals;
-using orvx::common::ServiceInfo;
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        std::cerr << "usage: shutdown REGISTRY_HOST REGISTRY_PORT\n";
         return 2;
     }
     sigset_t signals;  // blocked before the first thread is made: only sigwait() takes them
@@ -20,21 +21,28 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    std::atomic<bool> isAnnounced{false}, isRefused{false};  // before the context, which uses them
     OrvServiceRegistryContext context;
     context.setSyncCallUnregisterTimeout(1s);
     context.init();
-    IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
-    client.registerServiceAtRegistry(
-        registry, client.getSharedServiceCreate(ServiceInfo("echo", "127.0.0.1", 8080)),
-        [](const auto&) { std::cout << "announced" << std::endl; });
+    auto& client = *context.getServiceRegistryClient();
+    const auto echo = client.getSharedServiceCreate({"echo", "127.0.0.1", 8080});
+    echo->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
+    const auto port = static_cast<std::uint16_t>(std::stoi(argv[2]));
+    client.registerServiceAtRegistry({"registry", argv[1], port}, echo, [&](const auto& outcome) {
+        (outcome.status == OrvRegistrationResponse::OK ? isAnnounced : isRefused) = true;
+        std::cout << (isAnnounced ? "announced" : "refused") << std::endl;
+        isRefused ? kill(getpid(), SIGTERM) : 0;
+    });
     int signal = 0;
     sigwait(&signals, &signal);
-    const auto deadline = std::chrono::steady_clock::now() + 4s;
-    bool withdrawn = client.unregisterAllServicesFromRegistry().first;
-    while (!withdrawn && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(100ms);  // e.g. its first PUT is still out: SERVICE_NOT_FOUND
-        withdrawn = client.unregisterAllServicesFromRegistry().first;
+    for (auto pause = 100ms; pause < 1s && !isRefused; pause *= 2) {
+        if (isAnnounced && client.unregisterAllServicesFromRegistry().first) {
+            std::cout << "withdrawn\n";
+            return 0;
+        }
+        std::this_thread::sleep_for(pause);  // the first answer is still out, or a DELETE failed
     }
-    std::cout << (withdrawn ? "withdrawn" : "not withdrawn in time") << '\n';
+    std::cout << (isRefused ? "" : "not withdrawn\n");
+    return 1;
 }

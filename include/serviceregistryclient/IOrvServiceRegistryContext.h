@@ -70,7 +70,8 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     virtual bool isCheckEnabled() const = 0;
 
     /// From an answer to the next check; also the delay between attempts to register a lost service
-    /// again. Zero and less mean at once. Default: 10 s.
+    /// again. Keep it above the head time-out (OrvServiceRegistryContext::setHeadTimeout() says
+    /// why). Zero and less mean at once. Default: 10 s.
     virtual void setCheckInterval(std::chrono::seconds interval) = 0;
     /// What setCheckInterval() set.
     virtual std::chrono::seconds getCheckInterval() const = 0;

@@ -80,8 +80,10 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     void setLogLevel(utility::ILogger::LogLevel level);
 
     /// How long a check waits for its answer. A check that has to wait longer is the service's last
-    /// one: keep it well above what the registry needs. Zero and less leave no time at all.
-    /// Default: 3 s.
+    /// one: keep it well above what the registry needs. Keep it below the check interval, too: the
+    /// time-out of a check runs on after the answer, and when it passes while a later check waits,
+    /// that check is given up and becomes the service's last one. Zero and less leave no time at
+    /// all. Default: 3 s.
     std::chrono::milliseconds getHeadTimeout() const;
     /// See getHeadTimeout().
     void setHeadTimeout(std::chrono::milliseconds timeout);

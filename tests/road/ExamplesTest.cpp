@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -30,8 +31,7 @@ using testing::Request;
 using testing::Script;
 using ::testing::UnorderedElementsAre;
 
-/// With what waits inside it, and some room: it goes on trying for four seconds, and an attempt
-/// takes one.
+/// With what waits inside it, and some room: four attempts of one second, and 1.5 s between them.
 constexpr auto kShutdownBound = 7s;
 
 class Example : public ChildProcess {
@@ -178,37 +178,49 @@ TEST_F(TheShutdownExample, WithdrawsEverythingWhenItIsTerminated) {
     }
 }
 
-TEST_F(TheShutdownExample, CopesWithATerminationWhileItsFirstRequestIsOut) {
+TEST_F(TheShutdownExample, WithdrawsARegistrationThatIsAnsweredAfterTheTermination) {
     front.onRequest([this](const Request& request) {
         const std::string answer = passOn(request, registry.port());
         return request.method == "PUT" ? Script().waitForRelease("PUT").send(answer)
                                        : Script(answer);
     });
     Example shutdown("shutdown", front.port());
-    ASSERT_TRUE(front.waitForRequests(1));
-    shutdown.signal(SIGTERM);
-    shutdown.awaitErrors("not registered yet");
     EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    shutdown.signal(SIGTERM);
     front.release("PUT");
     EXPECT_EQ(shutdown.printed(), "announced\nwithdrawn\n");
     EXPECT_TRUE(entries().empty());
 }
 
-TEST_F(TheShutdownExample, LeavesWithinItsBoundWhenTheRegistryIsDeadOrSilent) {
+TEST_F(TheShutdownExample, EndsWithAFailureWhenItIsRefused) {
+    front.onRequest([](const Request&) { return testing::response(403); });
+    EXPECT_EQ(Example("shutdown", front.port()).printed(1), "refused\n");
+    EXPECT_EQ(front.requests().size(), 1U);
+}
+
+TEST_F(TheShutdownExample, HasNothingToWithdrawFromARegistryThatWasNeverReached) {
     const testing::RefusedPort refused;
+    Example shutdown("shutdown", refused.port());
+    shutdown.awaitErrors("CONNECT_FAILED");
+    const auto begin = steady_clock::now();
+    shutdown.signal(SIGTERM);
+    EXPECT_EQ(shutdown.printed(1), "not withdrawn\n");
+    EXPECT_LT(steady_clock::now() - begin, kShutdownBound / 2);
+}
+
+TEST_F(TheShutdownExample, LeavesWithinItsBoundAndWithFewLinesWhenTheRegistryIsSilent) {
     front.onRequest([this](const Request& request) {
         return request.method == "DELETE" ? Script().silence()
                                           : Script(passOn(request, registry.port()));
     });
-    Example withDead("shutdown", refused.port());
-    Example withSilent("shutdown", front.port());
-    withDead.awaitErrors("CONNECT_FAILED");
-    withSilent.awaitOutput("announced\n");
+    Example shutdown("shutdown", front.port());
+    shutdown.awaitOutput("announced\n");
     const auto begin = steady_clock::now();
-    withDead.signal(SIGTERM);
-    withSilent.signal(SIGTERM);
-    EXPECT_EQ(withDead.printed(), "not withdrawn in time\n");
-    EXPECT_EQ(withSilent.printed(), "announced\nnot withdrawn in time\n");
+    shutdown.signal(SIGTERM);
+    const auto result = shutdown.wait();
+    EXPECT_EQ(result.output, "announced\nnot withdrawn\n");
+    EXPECT_EQ(WEXITSTATUS(result.status), 1);
+    EXPECT_LE(std::count(result.errors.begin(), result.errors.end(), '\n'), 10) << result.errors;
     EXPECT_LT(steady_clock::now() - begin, kShutdownBound);
 }
 
@@ -216,6 +228,33 @@ TEST_F(TheExamples, EndWithAUsageErrorWithoutTheirArguments) {
     for (const char* name : {"announce", "blocking", "collection", "many", "metrics", "shutdown"}) {
         EXPECT_THAT(Example(name, std::vector<std::string>{}).printed(2), IsEmpty()) << name;
     }
+}
+
+/// The argument of that setter in a program; empty when it is not called.
+std::optional<std::chrono::milliseconds> timeSetBy(const std::string& setter,
+                                                   const std::string& program) {
+    const std::regex call(setter + R"(\((?:std::chrono::)?(?:seconds\()?(\d+)(ms|s|\)))");
+    std::smatch match;
+    if (!std::regex_search(program, match, call)) {
+        return std::nullopt;
+    }
+    return std::chrono::milliseconds(std::stoi(match[1]) * (match[2] == "ms" ? 1 : 1000));
+}
+
+// A check that is out when the time-out of the one before it passes would be given up for good.
+TEST_F(TheExamples, KeepTheHeadTimeoutBelowTheCheckInterval) {
+    int count = 0;
+    for (const auto& file : std::filesystem::recursive_directory_iterator(ORVX_EXAMPLE_SOURCES)) {
+        if (file.path().extension() == ".cpp") {
+            std::ifstream stream(file.path());
+            const std::string program{std::istreambuf_iterator<char>(stream), {}};
+            const auto interval = timeSetBy("setCheckInterval", program);
+            count += interval ? 1 : 0;
+            EXPECT_LT(timeSetBy("setHeadTimeout", program).value_or(3s), interval.value_or(10s))
+                << file;
+        }
+    }
+    EXPECT_GE(count, 3);
 }
 
 TEST_F(TheExamples, FitOnOneScreenEach) {
