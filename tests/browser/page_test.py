@@ -1,4 +1,4 @@
-#!/usr/bin/python3
+#!/usr/bin/python3 -B
 """The registry's page in a real browser: page_test.py ORVX_REGISTRY [FOLDER_FOR_SCREENSHOTS].
 
 Services are put, lost, put again and withdrawn while the page is open; every step waits, for ten
@@ -14,9 +14,7 @@ import time
 import unittest
 import urllib.request
 
-from selenium import webdriver
-from selenium.webdriver.chrome.options import Options
-from selenium.webdriver.chrome.service import Service
+from browser import show, start_browser
 
 PROGRAM = sys.argv.pop(1)
 SCREENSHOTS = sys.argv.pop(1) if len(sys.argv) > 1 else None
@@ -56,17 +54,6 @@ class Registry:
         self.process.stdout.close()
 
 
-def start_browser():
-    options = Options()
-    options.binary_location = "/usr/bin/chromium"
-    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                     "--disable-background-networking", "--disable-component-update", "--no-first-run",
-                     "--hide-scrollbars", "--window-size=1280,800"):
-        options.add_argument(argument)
-    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-
-
 class ThePage(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -87,10 +74,7 @@ class ThePage(unittest.TestCase):
         self.assertEqual(errors, [])
 
     def show(self, width, height, scheme):
-        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600})
-        self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
-            "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+        show(self.browser, width, height, scheme)
 
     def open(self, *arguments):
         registry = Registry(*arguments)
