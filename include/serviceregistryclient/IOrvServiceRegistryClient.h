@@ -68,10 +68,10 @@ class ORVX_EXPORT IOrvServiceRegistryClient {
     /// set; an id is not sent.
     ///
     /// The callback is called once: OK / NONE when the registry holds the entry; ERROR with
-    /// SERVICE_NAME_MISSING, OTHER (a text is not valid UTF-8), DELEGATOR_NOT_INITIATED, or
-    /// SERVICE_REGISTRY_ERROR when the registry refused or the retries are used up. With retries
-    /// unlimited (the default) an unreachable registry is no error: the callback waits until it can
-    /// be reached.
+    /// SERVICE_NAME_MISSING, OTHER (a text is not valid UTF-8), SERVICE_REGISTRY_ERROR when the
+    /// registry refused or the retries are used up, or DELEGATOR_NOT_INITIATED while the context's
+    /// deinit() runs. With retries unlimited (the default) an unreachable registry is no error: the
+    /// callback waits until it can be reached.
     virtual UnregisterHandle registerServiceAtRegistry(
         const common::ServiceInfo& registry, const std::shared_ptr<common::ServiceCreate>& service,
         ResponseCallback callback) = 0;

@@ -9,8 +9,9 @@
 namespace orvx::serviceregistryclient {
 
 /// Makes the client of a context. Implement it to put a client of your own in its place, usually
-/// one derived from or wrapped around the library's. Called by OrvServiceRegistryContext::init(),
-/// on the thread that calls that.
+/// one that holds the library's client, made by an OrvServiceRegistryClientFactory, and passes the
+/// operations on to it. The class of the library's client is internal: it cannot be derived from.
+/// Called by OrvServiceRegistryContext::init(), on the thread that calls init().
 class ORVX_EXPORT IOrvServiceRegistryClientFactory {
   public:
     virtual ~IOrvServiceRegistryClientFactory();

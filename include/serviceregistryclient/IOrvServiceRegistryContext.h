@@ -25,9 +25,13 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     /// Ends the client, if there is one, as deinit() does.
     virtual ~IOrvServiceRegistryContext();
 
-    /// Makes the client and starts its threads. Throws utility::OrvFoundationException when it is
-    /// initialised already or the HTTP configuration makes no sense, and std::system_error when a
-    /// thread cannot be made (a callback thread that cannot be made ends the process instead).
+    /// Makes the client and starts its threads. Throws utility::OrvFoundationException when the
+    /// context is initialised already, when the HTTP configuration cannot work (a file of TLS that
+    /// cannot be read is named), and when there are no file descriptors left; std::system_error
+    /// when a thread cannot be made; std::bad_alloc; and what a logger factory or a client factory
+    /// of the user's throws. After an exception the context is not initialised, nothing is left
+    /// running, and init() may be called again. A callback thread that cannot be made ends the
+    /// process.
     virtual void init() = 0;
 
     /// Ends the client: outstanding requests are given up, queued callbacks and timers are dropped,
@@ -49,8 +53,8 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     /// What enableRetry() set.
     virtual bool isRetryEnabled() const = 0;
 
-    /// Whether, besides, a registration answered with one of the status codes below is tried again.
-    /// Default: false.
+    /// Whether a registration that is answered with one of the status codes below is tried again,
+    /// too. Default: false.
     virtual void enableRetryOnHttpStatus(bool enable) = 0;
     /// What enableRetryOnHttpStatus() set.
     virtual bool isRetryOnHttpStatusEnabled() const = 0;

@@ -25,7 +25,10 @@ struct ORVX_EXPORT OrvRegistrationResponse {
         NONE = 0,
         /// The description has no name.
         SERVICE_NAME_MISSING = 1,
-        /// The client is not initialised (any more).
+        /// The client is ending, or gone. SyncOrvRegistrationResponse::unregister() answers it
+        /// then.
+        /// An asynchronous operation answers it while the context's deinit() runs, which drops most
+        /// callbacks, so that it is hardly ever seen; after deinit() no callback is called.
         DELEGATOR_NOT_INITIATED = 2,
         /// The service to withdraw has no entry at the registry (yet).
         SERVICE_NOT_FOUND = 3,

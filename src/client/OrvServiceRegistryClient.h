@@ -23,8 +23,7 @@ namespace orvx::serviceregistryclient {
 
 class OrvServiceRegistryContext;
 
-/// The library's client. Users see it as IOrvServiceRegistryClient; it is exported for factories
-/// that build on it.
+/// The library's client. Users see it as IOrvServiceRegistryClient; a client of their own wraps it.
 ///
 /// Where to find what, in the order of the declarations below:
 ///   Lifecycle.cpp            construction, start, stop
@@ -53,7 +52,7 @@ class OrvServiceRegistryContext;
 ///
 /// Where memory runs out: what the library's threads do under the lock changes nothing before all
 /// that it needs is there, or can be done once more from the beginning; see whenThereIsMemory().
-class ORVX_EXPORT OrvServiceRegistryClient : public IOrvServiceRegistryClient {
+class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
   public:
     struct RequestContainer;
     struct CallbackList;

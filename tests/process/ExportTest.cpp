@@ -15,8 +15,10 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::Each;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 
 std::string outputOf(const std::string& command) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(::popen(command.c_str(), "r"),
@@ -44,6 +46,8 @@ TEST(TheSharedLibrary, ShowsOnlyNamesOfItsOwn) {
         all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " -D --defined-only " ORVX_SHARED_LIBRARY);
     EXPECT_THAT(names,
                 Contains("_ZN4orvx21serviceregistryclient25OrvServiceRegistryContext4initEv"));
+    EXPECT_THAT(names, Not(Contains(HasSubstr("24OrvServiceRegistryClient"))))
+        << "no installed header declares that class";
     EXPECT_THAT(names, Each(MatchesRegex("_Z(T[VTIS]|T[hv][n0-9_]+)?NK?4orvx.*")));
 }
 

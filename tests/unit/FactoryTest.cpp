@@ -73,28 +73,73 @@ TEST_F(Factory, OfTheUsersIsCalledByInitWithTheContextsOwn) {
     }
 }
 
-TEST_F(Factory, OfTheUsersMakesTheClientThatTheContextHandsOutAndOwns) {
-    class Client : public OrvServiceRegistryClient {
-      public:
-        Client(std::shared_ptr<utility::ILoggerFactory> loggers, OrvServiceRegistryContext& owner,
-               std::vector<Client*>& alive)
-            : OrvServiceRegistryClient(std::move(loggers), false, owner), alive_(alive) {
-            alive_.push_back(this);
-        }
-        ~Client() override { alive_.clear(); }
+// Of the installed headers only: the class of the library's client is not for users.
+class WrappedClient : public IOrvServiceRegistryClient {
+  public:
+    WrappedClient(std::unique_ptr<IOrvServiceRegistryClient> wrapped, std::vector<std::string>& log)
+        : wrapped_(std::move(wrapped)), log_(log) {}
+    ~WrappedClient() override { log_.emplace_back("destroyed"); }
 
-      private:
-        std::vector<Client*>& alive_;
-    };
-    std::vector<Client*> alive;
+    UnregisterHandle registerServiceAtRegistry(
+        const common::ServiceInfo& endpoint, const std::shared_ptr<common::ServiceCreate>& service,
+        ResponseCallback callback) override {
+        log_.push_back("registers " + service->getName());
+        return wrapped_->registerServiceAtRegistry(endpoint, service, std::move(callback));
+    }
+    std::map<std::shared_ptr<common::ServiceModel>, UnregisterHandle> registerServicesAtRegistry(
+        const common::ServiceInfo& endpoint, const ServiceSet& services,
+        ServiceCallback callback) override {
+        return wrapped_->registerServicesAtRegistry(endpoint, services, std::move(callback));
+    }
+    SyncOrvRegistrationResponse registerServiceAtRegistry(
+        const common::ServiceInfo& endpoint,
+        const std::shared_ptr<common::ServiceCreate>& service) override {
+        return wrapped_->registerServiceAtRegistry(endpoint, service);
+    }
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse>>
+    registerServicesAtRegistry(const common::ServiceInfo& endpoint,
+                               const ServiceSet& services) override {
+        return wrapped_->registerServicesAtRegistry(endpoint, services);
+    }
+    void unregisterAllServicesFromRegistry(ServiceCallback callback) override {
+        wrapped_->unregisterAllServicesFromRegistry(std::move(callback));
+    }
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, OrvRegistrationResponse>>
+    unregisterAllServicesFromRegistry() override {
+        return wrapped_->unregisterAllServicesFromRegistry();
+    }
+    common::ServiceCreate getServiceCreate(const common::ServiceInfo& own) override {
+        return wrapped_->getServiceCreate(own);
+    }
+    std::shared_ptr<common::ServiceCreate> getSharedServiceCreate(
+        const common::ServiceInfo& own) override {
+        return wrapped_->getSharedServiceCreate(own);
+    }
+    std::function<void()> addServiceRegisterStatusListener(StatusListener listener) override {
+        return wrapped_->addServiceRegisterStatusListener(std::move(listener));
+    }
+
+  private:
+    std::unique_ptr<IOrvServiceRegistryClient> wrapped_;
+    std::vector<std::string>& log_;
+};
+
+TEST_F(Factory, OfTheUsersWrapsTheLibrarysClientAndTheContextOwnsTheWrapper) {
+    std::vector<std::string> calls;
     context.setOrvServiceRegistryClientFactory(
-        std::make_shared<FunctionFactory>([&](const auto& loggerFactory, bool) {
-            return std::make_unique<Client>(loggerFactory, context, alive);
+        std::make_shared<FunctionFactory>([&](const auto& loggerFactory, bool withPrefix) {
+            OrvServiceRegistryClientFactory library(context);
+            return std::make_unique<WrappedClient>(
+                library.createOrvServiceRegistryClient(loggerFactory, withPrefix), calls);
         }));
     start();
-    EXPECT_THAT(alive, ElementsAre(context.getServiceRegistryClient()));
+    context.getServiceRegistryClient()->registerServiceAtRegistry(registry, service("echo"),
+                                                                  record("echo"));
+    next("PUT").answer(201, location("/abc"));
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
     context.deinit();
-    EXPECT_THAT(alive, IsEmpty());
+    EXPECT_THAT(calls, ElementsAre("registers echo", "destroyed"));
 }
 
 }  // namespace

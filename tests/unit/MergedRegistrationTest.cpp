@@ -29,6 +29,15 @@ class MergedRegistration : public ClientTest {
         next("HEAD").answer(404);
         return next("PUT");
     }
+    /// Registers "echo" at this port, answered with the uuid "abc"; returns what was sent.
+    std::string registeredBody(long port) {
+        const auto echo = service("echo");
+        echo->setPort(port);
+        client().registerServiceAtRegistry(registry, echo, {});
+        simulation::Request put = next("PUT");
+        put.answer(201, location("/abc"));
+        return put.body();
+    }
     void forgetThePast() {
         world.settle();
         takeOutcomes();
@@ -158,6 +167,32 @@ TEST_F(MergedRegistration, IsRegisteredAgainWithTheRequestOfTheOneThatIsLost) {
     EXPECT_EQ(next("HEAD").path(), "/def");
     withdrawSecond({});
     EXPECT_EQ(next("DELETE").path(), "/abc");
+}
+
+TEST_F(MergedRegistration, BringsTheFirstDescriptionBackWhenTheRegistryStartsEmpty) {
+    start();
+    const std::string first = registeredBody(8080);
+    const std::string changed = registeredBody(8081);
+    EXPECT_NE(first, changed);
+    world.advance(Seconds(10));
+    next("HEAD").answer(404);  // that of the entry
+    next("HEAD").answer(200);  // that of "/"
+    simulation::Request put = next("PUT");
+    EXPECT_EQ(put.path(), "/echo");
+    EXPECT_EQ(put.body(), first);
+    put.answer(201, location("/def"));
+    world.advance(Seconds(10));
+    EXPECT_EQ(world.requestsToTake(), 2U) << "two checks: nobody sends the changed one again";
+}
+
+TEST_F(MergedRegistration, LeavesTheOtherEntryWhenItIsWithdrawnAfterANewRegistration) {
+    merge();
+    loseSecond().answer(201, location("/def"));
+    withdrawSecond(record("second"));
+    next("DELETE").answer(200);
+    world.settle();
+    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_EQ(world.requestsToTake(), 0U) << "nobody withdraws /def";
 }
 
 TEST_F(MergedRegistration, EndsTheChecksOfTheOtherOneThatAreDueDuringANewRegistration) {

@@ -149,6 +149,20 @@ TEST_F(StatusCheckTimeout, OfTheSecondOfTwoAnsweredChecksHitsWhateverIsOutThen) 
     EXPECT_THAT(log->takeLines(), ElementsAre(timeoutLine));
 }
 
+TEST_F(StatusCheckTimeout, ThatIsLoggedWithoutAnIgnoredAnswerEndedNoCheck) {
+    start();
+    registered("echo", "abc");
+    registered("time", "def");
+    world.advance(Seconds(3));
+    for (int i = 0; i < 3; ++i) {
+        world.advance(Seconds(7));
+        next("HEAD").answer(200);
+        next("HEAD").answer(200);
+        world.advance(Seconds(3));
+        EXPECT_THAT(log->takeLines(), ElementsAre(timeoutLine)) << "of a check that was answered";
+    }
+}
+
 TEST_F(StatusCheckTimeout, AfterAHeadItIsPendingWhateverItWas) {
     start();
     registered("echo", "abc");
