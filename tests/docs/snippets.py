@@ -1,32 +1,44 @@
-"""Turns the C++ in Markdown files into functions that a test compiles and runs.
+"""Turns the C++ of a Markdown page into programs that a test compiles and runs, as a reader pastes it.
 
-usage: snippets.py OUTPUT EXAMPLES_FOLDER NAMES FILE...
+usage: snippets.py OUTPUT EXAMPLES_FOLDER PAGE
 
-A block with an #include is a whole program and must be the text of one of the examples, which are
-built and run by tests of their own. Every other block becomes a function with what a reader has at
-hand at that place: the comma-separated names, for what Reader::has() gives.
+A block that is the text of an example is left to the tests of the examples. The first other one is the
+page's program. Each further block is pasted into it: where it says "// <options>" when it has to do with
+the context, which takes options before init() only, and where it says "// <operations>" otherwise. So
+the compiler sees nothing but what the page shows. One thing is replaced: the port at which a registry
+listens by default, by that of the registry of the test.
 """
 
 import pathlib
 import re
 import sys
 
-output, examples, names_at_hand, *files = sys.argv[1:]
-programs = {path.read_text() for path in pathlib.Path(examples).rglob("*.cpp")}
-bodies = []
-for file in files:
-    for number, block in enumerate(re.findall(r"```cpp\n(.*?)```", pathlib.Path(file).read_text(), re.S)):
-        if "#include" in block:
-            if block not in programs:
-                sys.exit(f"{file}: program {number + 1} is none of the examples")
-            continue
-        bodies.append(f"// {pathlib.Path(file).name}, block {number + 1}\n{block}")
+OPTIONS, OPERATIONS = "    // <options>\n", "    // <operations>\n"
+MAIN = re.compile(r"^(int main\(\)|TEST\(\w+, \w+\)) \{$", re.M)
 
-text = ['#include "Snippets.h"', "// NOLINTBEGIN", "namespace orvx::docs {"]
-for index, body in enumerate(bodies):
-    text += [f"static void snippet{index}([[maybe_unused]] Reader& reader) {{",
-             f"    [[maybe_unused]] const auto& [{names_at_hand}] = reader.has();",
-             "    {", body, "    }", "}"]
-names = ", ".join(f"snippet{index}" for index in range(len(bodies)))
-text += [f"const std::vector<void (*)(Reader&)> snippets{{{names}}};", "}  // namespace orvx::docs", ""]
-pathlib.Path(output).write_text("\n".join(text))
+output, examples, page = (pathlib.Path(argument) for argument in sys.argv[1:])
+programs_elsewhere = {path.read_text() for path in examples.rglob("*.cpp")}
+frame, *snippets = (block for block in re.findall(r"```cpp\n(.*?)```", page.read_text(), re.S)
+                    if block not in programs_elsewhere)
+if not MAIN.search(frame):
+    sys.exit(f"{page}: the first program has no main() and is none of the examples")
+
+
+def pasted(snippet):
+    place = OPTIONS if OPTIONS in frame and re.search(r"\bcontext\b", snippet) else OPERATIONS
+    if place not in frame:
+        sys.exit(f"{page}: the first program has no place for\n{snippet}")
+    return frame.replace(place, snippet)
+
+
+programs = [pasted(snippet) for snippet in snippets] or [frame]
+includes = re.match(r"(#include.*\n|\n)*", frame)[0]
+text = [includes, "extern unsigned short portOfTheRegistry;", "// NOLINTBEGIN"]
+for number, program in enumerate(programs):
+    body = program[len(includes):].replace("8500", "portOfTheRegistry")
+    text += [f"namespace program{number} {{", MAIN.sub("static void run() {", body), "}"]
+# After the programs, which see nothing of it.
+name = page.stem.replace("-", "_")
+runs = ", ".join(f"program{number}::run" for number in range(len(programs)))
+text += ['#include "Programs.h"', f"const Programs {name}{{{runs}}};", ""]
+output.write_text("\n".join(text))

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <vector>
+
+/// The programs of a page of the documentation, each as a function.
+using Programs = std::vector<void (*)()>;
+
+extern const Programs guide;
+extern const Programs howto_many_services;
+extern const Programs howto_shutdown;
+extern const Programs howto_testing;
+extern const Programs howto_tls;
+
+/// What stands in the programs in place of the port that a registry listens at by default.
+extern unsigned short portOfTheRegistry;
