@@ -42,8 +42,11 @@ if(NOT BUILD_SHARED_LIBS)
   return()
 endif()
 set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")  # not the folder that cpack is called in
 set(CPACK_PACKAGE_VENDOR "Orvx")
-set(CPACK_PACKAGE_CONTACT "Orvx <orvx@localhost>")
+set(CPACK_PACKAGE_CONTACT "Orvx maintainers <maintainers@orvx.example>" CACHE STRING
+  "Who maintains the packages")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # the first line of each package's own description
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -60,15 +63,23 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(runtime_package liborvxserviceregistryclient0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Client of a service registry: the shared library")
+# dpkg-shlibdeps knows since when libcurl has a function, but not an option of one, such as
+# CURLOPT_QUICK_EXIT. It adds all other dependencies.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libcurl4 (>= 7.87)")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Client of a service registry (shared library)
+Announces the services of a process at a central registry over HTTP, checks the
+entries while the process runs, and withdraws them again.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liborvxserviceregistryclient-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS libspdlog-dev)  # the test kit is linked with it
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "Client of a service registry: headers, CMake package, pkg-config file and test kit")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Client of a service registry (development files)
+Headers, a CMake package and a pkg-config file for programs that use the shared
+library, and a test kit that runs the client in simulated time and network.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orvx-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Service registry to develop and test against, and its tools")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Service registry to develop and test against
+orvx-registry is a small service registry with a page for browsers and faults on
+demand. orvx-announce announces any command at a registry while it runs.")
 include(CPack)
