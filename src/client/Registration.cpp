@@ -64,7 +64,7 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
         return handleOfRefusedService(service ? service->getName() : "");
     }
     const auto completed = service ? std::make_shared<ServiceCreate>(*service) : nullptr;
-    if (!completed || completed->getName().empty()) {
+    if (!completed || !completed->hasName()) {
         logger->logError(false) << "Service is missing name";
         refuse(OrvRegistrationResponse::SERVICE_NAME_MISSING);
         return handleOfUnnamedService();

@@ -55,6 +55,7 @@ class JsonWriter {
         }
     }
     void write(std::int64_t number) { text_ += std::to_string(number); }
+    void write(std::uint64_t number) { text_ += std::to_string(number); }
     template <typename Leaf>
     void write(const Leaf& leaf) {
         writeLeaf(leaf);

@@ -4,6 +4,7 @@
 #include <orvx/common/ServiceInfo.h>
 
 #include <algorithm>
+#include <tuple>
 
 namespace orvx::common {
 
@@ -29,6 +30,13 @@ std::string ServiceInfo::getKey() const {
     std::string key = bareIpv6 ? '[' + host_ + ']' : host_;
     std::transform(key.begin(), key.end(), key.begin(), toLower);
     return key + ':' + std::to_string(port_);
+}
+
+bool ServiceInfo::operator==(const ServiceInfo& other) const {
+    const auto values = [](const ServiceInfo& info) {
+        return std::tie(info.name_, info.host_, info.port_, info.prefix_, info.version_);
+    };
+    return values(*this) == values(other);
 }
 
 }  // namespace orvx::common

@@ -30,7 +30,7 @@ std::string ServiceModel::getId() const {
 }
 
 bool ServiceModel::hasName() const {
-    return object().hasValue(key::name);
+    return !getName().empty();
 }
 
 std::string ServiceModel::getName() const {

@@ -103,6 +103,7 @@ TEST(TheJsonOfAnObject, IsIndentedByFourWhenItIsToBePretty) {
 TEST(TheJsonOfAnObject, HoldsTheLargestIntegersExactly) {
     EXPECT_EQ(toText(Value(std::numeric_limits<std::int64_t>::max())), "9223372036854775807");
     EXPECT_EQ(toText(Value(std::numeric_limits<std::int64_t>::min())), "-9223372036854775808");
+    EXPECT_EQ(toText(Value(std::numeric_limits<std::uint64_t>::max())), "18446744073709551615");
 }
 
 TEST(TheJsonOfAnObject, TellsANumberWithAFractionFromAnInteger) {

@@ -5,6 +5,7 @@
 #include <orvx/common/XObject.h>
 
 #include <limits>
+#include <memory>
 
 namespace orvx::common {
 namespace {
@@ -27,6 +28,49 @@ TEST(TheGenericObjectValue, KeepsTheTypeItWasMadeFrom) {
     EXPECT_EQ(std::get<Value::List>(Value(Value::List{1, "two"}).data()).size(), 2U);
     const Value object(Value::Object{{"key", 1}});
     EXPECT_EQ(*std::get<Value::Object>(object.data()).find("key"), Value(1));
+}
+
+template <typename T>
+constexpr bool isTaken = std::is_constructible_v<Value, T>;
+
+TEST(TheGenericObjectValue, IsNotMadeFromACharacterOrAPointer) {
+    static_assert(!isTaken<char> && !isTaken<wchar_t> && !isTaken<char16_t> && !isTaken<char32_t>);
+    static_assert(!isTaken<void*> && !isTaken<const int*> && !isTaken<std::string*>);
+    static_assert(!isTaken<volatile char*> && !isTaken<void (*)()> && !isTaken<int Value::*>);
+    static_assert(!isTaken<const unsigned char*> && !isTaken<std::shared_ptr<int>>);
+    static_assert(isTaken<const char*> && isTaken<char*> && isTaken<const char(&)[3]>);
+    static_assert(isTaken<std::nullptr_t> && isTaken<bool>);
+}
+
+template <typename T>
+class EachIntegerType : public ::testing::Test {};
+using IntegerTypes = ::testing::Types<signed char, unsigned char, short, unsigned short, int,
+                                      unsigned, long, unsigned long, long long, unsigned long long>;
+TYPED_TEST_SUITE(EachIntegerType, IntegerTypes, );  // clang wants the comma
+
+TYPED_TEST(EachIntegerType, MakesAGenericObjectValueOfTheSameNumber) {
+    const auto lowest = std::numeric_limits<TypeParam>::min();
+    EXPECT_EQ(std::get<std::int64_t>(Value(lowest).data()), static_cast<std::int64_t>(lowest));
+    EXPECT_EQ(Value(TypeParam{7}), Value(std::int64_t{7}));
+    const auto highest = std::numeric_limits<TypeParam>::max();
+    const Value value(highest);
+    if (const auto* number = std::get_if<std::uint64_t>(&value.data())) {
+        EXPECT_EQ(*number, std::numeric_limits<std::uint64_t>::max());
+    } else {
+        EXPECT_EQ(std::get<std::int64_t>(value.data()), static_cast<std::int64_t>(highest));
+    }
+}
+
+TEST(TheGenericObjectValue, IsUnsignedOnlyWhenTheNumberIsTooLargeForASignedOne) {
+    const std::uint64_t largest = std::numeric_limits<std::int64_t>::max();
+    EXPECT_EQ(Value(largest), Value(std::numeric_limits<std::int64_t>::max()));
+    EXPECT_EQ(std::get<std::uint64_t>(Value(largest + 1).data()), largest + 1);
+    EXPECT_NE(Value(largest + 1), Value(std::numeric_limits<std::int64_t>::min()));
+}
+
+TEST(TheGenericObjectValue, IsMadeFromAFloatAndFromAViewOfAText) {
+    EXPECT_EQ(Value(1.5F), Value(1.5));
+    EXPECT_EQ(Value(std::string_view("a\0b", 3)), Value(std::string("a\0b", 3)));
 }
 
 TEST(TheGenericObjectValue, MakesAListOfTexts) {

@@ -21,6 +21,13 @@ TEST(TheServiceVersion, IsTheTextItWasMadeFrom) {
     EXPECT_EQ(version.asString(), "1.4.2");
 }
 
+TEST(TheServiceVersion, IsEqualToOneOfTheSameText) {
+    EXPECT_TRUE(ServiceVersion("1.0") == ServiceVersion("1.0"));
+    EXPECT_TRUE(ServiceVersion() == ServiceVersion(""));
+    EXPECT_TRUE(ServiceVersion("1.0") != ServiceVersion("1.0.0"));
+    EXPECT_FALSE(ServiceVersion("1.0") != ServiceVersion("1.0"));
+}
+
 TEST(TheServiceInfo, HoldsWhatItWasMadeFrom) {
     const ServiceInfo info("echo", "Host", 65535, "/api/", ServiceVersion("2"));
     EXPECT_EQ(info.getName(), "echo");
@@ -44,6 +51,20 @@ TEST(TheServiceInfo, IsIndependentOfItsCopy) {
     EXPECT_EQ(copy.getKey(), "host:80");
     EXPECT_EQ(copy.getPrefix(), "/a/");
     EXPECT_EQ(info.getKey(), "elsewhere:81");
+}
+
+TEST(TheServiceInfo, IsEqualToOneOfTheSameFiveValues) {
+    const ServiceInfo info("echo", "host", 80, "/a/", ServiceVersion("1"));
+    EXPECT_TRUE(info == ServiceInfo(info));
+    EXPECT_FALSE(info != ServiceInfo(info));
+    for (const ServiceInfo& other : {ServiceInfo("time", "host", 80, "/a/", ServiceVersion("1")),
+                                     ServiceInfo("echo", "Host", 80, "/a/", ServiceVersion("1")),
+                                     ServiceInfo("echo", "host", 81, "/a/", ServiceVersion("1")),
+                                     ServiceInfo("echo", "host", 80, "/b/", ServiceVersion("1")),
+                                     ServiceInfo("echo", "host", 80, "/a/", ServiceVersion("2"))}) {
+        EXPECT_TRUE(info != other);
+        EXPECT_FALSE(info == other);
+    }
 }
 
 TEST(TheKeyOfAServiceInfo, IsTheHostAndThePort) {

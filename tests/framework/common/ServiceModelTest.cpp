@@ -59,10 +59,18 @@ TEST(TheServiceModel, ReturnsEmptyValuesForWhatIsOfAnotherType) {
     for (const char* key : {"name", "versions", "port"}) {
         model.getGenericObject().setValue(key, 1.5);
     }
-    EXPECT_TRUE(model.hasName());
     EXPECT_EQ(model.getName(), "");
     EXPECT_EQ(model.getVersions(), Texts{});
     EXPECT_EQ(model.getPort(), 0);
+}
+
+TEST(TheServiceModel, HasNoNameThatIsEmptyOrNoText) {
+    ServiceModel model(std::make_unique<XObject>("", "echo", ""));
+    for (const GenericObjectValue& name : {GenericObjectValue(""), GenericObjectValue(7),
+                                           GenericObjectValue(), GenericObjectValue(true)}) {
+        model.getGenericObject().setValue("name", name);
+        EXPECT_FALSE(model.hasName());
+    }
 }
 
 TEST(TheServiceCreate, ReturnsWhatWasSet) {

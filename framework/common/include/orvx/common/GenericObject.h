@@ -7,8 +7,11 @@
 #include <cstdint>
 #include <initializer_list>
 #include <iosfwd>
+#include <limits>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -55,30 +58,35 @@ class ORVX_EXPORT GenericObjectMembers {
 /// A value of one of the JSON types. A value type: copies are deep. Copying, comparing and writing
 /// recurse: keep the nesting below a thousand levels.
 class ORVX_EXPORT GenericObjectValue {
+    // Not the one-byte integers std::int8_t and std::uint8_t: they are types of their own.
+    template <typename T>
+    static constexpr bool isCharacter = std::is_same_v<T, char> || std::is_same_v<T, wchar_t> ||
+                                        std::is_same_v<T, char16_t> || std::is_same_v<T, char32_t>;
+
   public:
     /// A JSON array.
     using List = std::vector<GenericObjectValue>;
     /// A JSON object.
     using Object = GenericObjectMembers;
-    /// One alternative for each JSON type; whole and other numbers are told apart.
-    using Data =
-        std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, List, Object>;
+    /// One alternative for each JSON type; whole and other numbers are told apart. A whole number
+    /// is a std::int64_t; only one that is too large for it is a std::uint64_t.
+    using Data = std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, List, Object,
+                              std::uint64_t>;
 
     GenericObjectValue() = default;
     /// Null, which is also what the default constructor makes.
     GenericObjectValue(std::nullptr_t) {}
-    /// True or false.
-    GenericObjectValue(bool value) : data_(value) {}
-    /// A whole number.
-    GenericObjectValue(int value) : data_(std::int64_t{value}) {}
-    /// A whole number.
-    GenericObjectValue(std::int64_t value) : data_(value) {}
-    /// A number; what JSON cannot hold is written as null: see GenericObject::toJSONStream().
-    GenericObjectValue(double value) : data_(value) {}
+    /// True or false, or a number of any integer or floating-point type; a character type such as
+    /// `char` does not compile. What JSON cannot hold is written as null: see
+    /// GenericObject::toJSONStream().
+    template <typename T, std::enable_if_t<std::is_arithmetic_v<T> && !isCharacter<T>, int> = 0>
+    GenericObjectValue(T value) : data_(toData(value)) {}
     /// A text in UTF-8, copied; must not be null.
     GenericObjectValue(const char* value) : data_(std::string(value)) {}
     /// A text in UTF-8; anything else is stored, and refused when it is written.
     GenericObjectValue(std::string value) : data_(std::move(value)) {}
+    /// A text in UTF-8, copied; as above.
+    GenericObjectValue(std::string_view value) : data_(std::string(value)) {}
     /// An array of values.
     GenericObjectValue(List value) : data_(std::move(value)) {}
     /// An object of values by key.
@@ -95,6 +103,21 @@ class ORVX_EXPORT GenericObjectValue {
     bool operator!=(const GenericObjectValue& other) const { return !(*this == other); }
 
   private:
+    template <typename T>
+    static Data toData(T value) {
+        if constexpr (std::is_same_v<T, bool>) {
+            return value;
+        } else if constexpr (std::is_floating_point_v<T>) {
+            return static_cast<double>(value);
+        } else if constexpr (std::is_signed_v<T> || sizeof(T) < sizeof(std::int64_t)) {
+            return std::int64_t{value};
+        } else {
+            constexpr std::uint64_t largest = std::numeric_limits<std::int64_t>::max();
+            return value <= largest ? Data(static_cast<std::int64_t>(value))
+                                    : Data(std::uint64_t{value});
+        }
+    }
+
     Data data_;
 };
 

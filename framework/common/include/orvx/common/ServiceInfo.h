@@ -35,6 +35,12 @@ class ORVX_EXPORT ServiceInfo {
     /// What identifies the endpoint: the host in lower case, ":" and the port.
     std::string getKey() const;
 
+    /// Whether all five values are the same, as they were given: getKey() tells whether two
+    /// endpoints are.
+    bool operator==(const ServiceInfo& other) const;
+    /// The opposite of `==`.
+    bool operator!=(const ServiceInfo& other) const { return !(*this == other); }
+
   private:
     std::string name_;
     std::string host_;

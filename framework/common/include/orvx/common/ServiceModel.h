@@ -16,8 +16,9 @@ namespace orvx::common {
 /// operation is atomic by itself, but for updateServiceInfo(), which sets its values one by one.
 /// Getters return copies.
 /// Copying a description copies the values: the copy and the original are independent.
-/// `has...` tells whether the value was set, be it to an empty text or list. Getters of values that
-/// were not set return an empty text, an empty list or 0.
+/// `has...` tells whether the value was set, be it to an empty text or list; hasName() also wants a
+/// text that is not empty. Getters of values that were not set, or to another type, return an empty
+/// text, an empty list or 0.
 class ORVX_EXPORT ServiceModel : public Facade<XObject> {
   public:
     /// `object` must not be null.
@@ -32,7 +33,7 @@ class ORVX_EXPORT ServiceModel : public Facade<XObject> {
     bool hasId() const;
     /// The id that the registry gave; empty while it holds no entry.
     std::string getId() const;
-    /// Whether there is a name.
+    /// Whether the name is a text that is not empty: nothing is registered without one.
     bool hasName() const;
     /// The name, by which people and registries know the service.
     std::string getName() const;

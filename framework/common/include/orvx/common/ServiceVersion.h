@@ -19,6 +19,11 @@ class ORVX_EXPORT ServiceVersion {
     /// The text as it was given.
     std::string asString() const { return version_; }
 
+    /// Whether the texts are the same: "1.0" and "1.0.0" are not.
+    bool operator==(const ServiceVersion& other) const { return version_ == other.version_; }
+    /// The opposite of `==`.
+    bool operator!=(const ServiceVersion& other) const { return !(*this == other); }
+
   private:
     std::string version_;
 };
