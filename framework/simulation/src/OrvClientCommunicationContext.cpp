@@ -3,6 +3,7 @@
 
 #include <orvx/communication/OrvClientCommunicationContext.h>
 
+#include "../../communication/src/RequestTarget.h"
 #include "Network.h"
 
 #include <orvx/utility/OrvFoundationException.h>
@@ -20,7 +21,8 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
         std::shared_ptr<ClientStatistics> sessionStatistics) override {
         simulation::WorldState& world = network->world();
         world.reach(World::Step::MakeSession);
-        if (host.empty() || port == 0 || port > std::numeric_limits<std::uint16_t>::max()) {
+        if (authority(host, port).empty() || port == 0 ||
+            port > std::numeric_limits<std::uint16_t>::max()) {
             throw utility::OrvFoundationException("The host or the port cannot be used.", 0);
         }
         const auto narrowPort = static_cast<std::uint16_t>(port);

@@ -56,6 +56,9 @@ HttpResponse Registry::answerTo(const Request& request) {
     if (request.method() == "PUT") {
         return put(request);
     }
+    if (request.method() == "HEAD" && request.path() == "/") {
+        return {HttpResponse::StatusCode::Ok, "", ""};
+    }
     const auto entry = std::find_if(entries_.begin(), entries_.end(), [&](const auto& one) {
         return one.second.location == request.path();
     });

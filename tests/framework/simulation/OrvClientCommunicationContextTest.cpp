@@ -30,9 +30,13 @@ TEST_F(TheSimulatedContext, RecordsTheSessionsThatItMakes) {
 TEST_F(TheSimulatedContext, RefusesEndpointsThatCannotBe) {
     EXPECT_THROW(makeSession(0), utility::OrvFoundationException);
     EXPECT_THROW(makeSession(65536), utility::OrvFoundationException);
-    EXPECT_THROW(context->getClientHttpFactory().createSession("", 1, {}, context->getHealthCheck(),
-                                                               context->getClientStatistics()),
-                 utility::OrvFoundationException);
+    for (const char* host :
+         {"", "https://registry", "registry/path", "registry:80", "[registry]"}) {
+        EXPECT_THROW(context->getClientHttpFactory().createSession(
+                         host, 1, {}, context->getHealthCheck(), context->getClientStatistics()),
+                     utility::OrvFoundationException)
+            << host;
+    }
     EXPECT_EQ(world.sessions().size(), 1U) << "the fixture's";
 }
 

@@ -49,6 +49,18 @@ TEST_F(TheRegistry, HoldsWhatIsPutUntilItIsDeleted) {
     EXPECT_EQ(registry.description("/echo"), "");
 }
 
+TEST_F(TheRegistry, AnswersAHeadOfItsRoot) {
+    head("/");
+    registry.fails(HttpResponse(CommunicationStatus::ConnectFailed));
+    registry.settle();
+    registry.works();
+    head("/");
+    head("/unknown");
+    remove("/");
+    registry.settle();
+    EXPECT_THAT(outcomes, ElementsAre("HEAD CONNECT_FAILED", "HEAD 200", "HEAD 404", "DELETE 404"));
+}
+
 TEST_F(TheRegistry, MakesARepeatedPutOneEntry) {
     announce("/echo");
     const std::string first = location;

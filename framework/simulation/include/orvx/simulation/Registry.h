@@ -19,7 +19,8 @@ namespace orvx::simulation {
 /// port.
 ///
 /// A PUT makes or replaces the entry of its path and is answered 201 with a Location; a HEAD of an
-/// entry is answered 200, a DELETE 200, and both 404 when the entry is unknown.
+/// entry is answered 200, a DELETE 200, and both 404 when the entry is unknown. A HEAD of "/" is
+/// answered 200.
 ///
 /// Thread-safety: none. It is used on the test's thread, not from callbacks; the world must outlive
 /// it.
