@@ -81,7 +81,8 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     virtual std::chrono::seconds getCheckInterval() const = 0;
 
     /// The delay before each retry where retries are limited, and the step of the back-off (doubled
-    /// up to four times) where they are not. Zero and less mean at once. Default: 500 ms.
+    /// up to four times) where they are not. Zero and less mean at once; where retries are not
+    /// limited, no delay is below 10 ms. Default: 500 ms.
     virtual void setRetryInterval(std::chrono::milliseconds interval) = 0;
     /// What setRetryInterval() set.
     virtual std::chrono::milliseconds getRetryInterval() const = 0;

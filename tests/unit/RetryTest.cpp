@@ -123,11 +123,11 @@ TEST_F(Retry, HandsAnyIntervalToTheTimerAsItIs) {
     }
 }
 
-TEST_F(Retry, WithoutLimitTakesAnyIntervalAsItsStep) {
+TEST_F(Retry, WithoutLimitTakesAnyIntervalAsItsStepButPausesTenMillisecondsAtLeast) {
     const std::pair<Milliseconds, std::pair<Milliseconds, Milliseconds>> bounds[] = {
-        {0ms, {0ms, 0ms}},
-        {-5ms, {0ms, 0ms}},
-        {Milliseconds::min(), {0ms, 0ms}},
+        {0ms, {10ms, 10ms}},
+        {-5ms, {10ms, 10ms}},
+        {Milliseconds::min(), {10ms, 10ms}},
         {Milliseconds::max(), {Milliseconds::max() / 2, Milliseconds::max()}},
     };
     for (const auto& [interval, bound] : bounds) {

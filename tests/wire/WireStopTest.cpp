@@ -120,6 +120,7 @@ TEST_F(AStop, BetweenTheRetries) {
 TEST_F(AStop, AmidRetriesWithoutAPause) {
     context->enableRetry(true);
     context->setRetryInterval(milliseconds(0));
+    context->setInitialMaxRetryCount(65535);
     server.onRequest([](const Request&) { return Script("HTTP/1.1 201").close(); });
     start();
     registerService("lamp");

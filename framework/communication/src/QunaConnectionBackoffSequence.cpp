@@ -1,4 +1,5 @@
-// The delays between attempts, each drawn from the upper half of a step that doubles.
+// The delays between attempts, each drawn from the upper half of a step that doubles, and at least
+// 10 ms.
 // A sequence is used by one thread at a time and has no lock; sequences may be made by any thread:
 // what they share is one atomic number.
 
@@ -16,6 +17,7 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr std::uint64_t largestStep = milliseconds::max().count();
+constexpr milliseconds leastDelay{10};
 
 // The generator is splitmix64 (G. Steele, D. Lea, C. Flood, "Fast Splittable Pseudorandom Number
 // Generators", 2014): a counter with a stride, and a one-to-one mixing of what it shows.
@@ -61,7 +63,7 @@ milliseconds QunaConnectionBackoffSequence::nextDelay() {
         --doublingsLeft_;
         step_ = step_ > largestStep / 2 ? largestStep : step_ * 2;
     }
-    return milliseconds(static_cast<milliseconds::rep>(delay));
+    return std::max(milliseconds(static_cast<milliseconds::rep>(delay)), leastDelay);
 }
 
 }  // namespace orvx::communication

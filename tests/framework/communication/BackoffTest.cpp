@@ -46,18 +46,22 @@ TEST(TheBackoffSequence, DoesNotGrowWithoutDoublings) {
     expectSteps(sequence, std::vector<std::int64_t>(1000, 1000));
 }
 
-TEST(TheBackoffSequence, PausesForEvenTheSmallestInterval) {
-    for (int i = 0; i < 100; ++i) {
-        Sequence sequence(2, 1);
-        EXPECT_EQ(sequence.nextDelay(), milliseconds(1));
-        expectSteps(sequence, {2, 4, 4});
+TEST(TheBackoffSequence, PausesTenMillisecondsAtLeast) {
+    for (const std::uint64_t interval : {0U, 1U, 10U}) {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(Sequence(4, interval).nextDelay(), milliseconds(10));
+        }
     }
+    Sequence sequence(4, 0);
+    expectSteps(sequence, {10, 10, 10, 10, 10, 10});
 }
 
-TEST(TheBackoffSequence, HasNoDelaysWithoutAnInterval) {
-    Sequence sequence(4, 0);
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(sequence.nextDelay(), milliseconds(0));
+TEST(TheBackoffSequence, GrowsBeyondTheLeastPauseAsItsStepsDo) {
+    for (int i = 0; i < 100; ++i) {
+        Sequence sequence(4, 5);
+        EXPECT_EQ(sequence.nextDelay(), milliseconds(10));
+        EXPECT_EQ(sequence.nextDelay(), milliseconds(10));
+        expectSteps(sequence, {20, 40, 80, 80});
     }
 }
 
@@ -78,7 +82,7 @@ TEST(TheBackoffSequence, DoublesAsOftenAsASmallIntervalAllows) {
     Sequence sequence(largestCount, 1);
     std::vector<std::int64_t> steps;
     for (int n = 0; n < 63; ++n) {
-        steps.push_back(std::int64_t{1} << n);
+        steps.push_back(std::max(std::int64_t{1} << n, std::int64_t{10}));
     }
     steps.insert(steps.end(), 100, milliseconds::max().count());
     expectSteps(sequence, steps);
@@ -145,15 +149,16 @@ TEST(TheBackoffSequence, SpreadsTheFirstDelaysOfManySequencesEvenly) {
     expectEvenSpread(tenthsOf([] { return Sequence(4, 1999).nextDelay().count(); }));
 }
 
-// A false alarm: 10,000 draws out of four delays leave one out, 4 (3/4)^10000 < 1e-1000.
+// A false alarm: 10,000 draws out of eleven delays leave one out, 11 (10/11)^10000 < 1e-400.
 TEST(TheBackoffSequence, ReachesBothEndsOfAStep) {
-    Sequence sequence(0, 6);
+    Sequence sequence(0, 20);
     std::set<milliseconds> delays;
     for (int i = 0; i < 10000; ++i) {
         delays.insert(sequence.nextDelay());
     }
-    EXPECT_EQ(delays, (std::set<milliseconds>{milliseconds(3), milliseconds(4), milliseconds(5),
-                                              milliseconds(6)}));
+    EXPECT_EQ(delays.size(), 11U);
+    EXPECT_EQ(*delays.begin(), milliseconds(10));
+    EXPECT_EQ(*delays.rbegin(), milliseconds(20));
 }
 
 }  // namespace
