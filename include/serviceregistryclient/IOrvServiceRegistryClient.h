@@ -71,7 +71,8 @@ class ORVX_EXPORT IOrvServiceRegistryClient {
     /// SERVICE_NAME_MISSING, OTHER (a text is not valid UTF-8), SERVICE_REGISTRY_ERROR when the
     /// registry refused or the retries are used up, or DELEGATOR_NOT_INITIATED while the context's
     /// deinit() runs. With retries unlimited (the default) an unreachable registry is no error: the
-    /// callback waits until it can be reached.
+    /// callback waits until it can be reached. An endpoint to which no request can ever be sent
+    /// (port 0, or a host that is no host name or address) is an error at once.
     virtual UnregisterHandle registerServiceAtRegistry(
         const common::ServiceInfo& registry, const std::shared_ptr<common::ServiceCreate>& service,
         ResponseCallback callback) = 0;

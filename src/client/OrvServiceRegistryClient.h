@@ -140,6 +140,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     // Registration.cpp
     UnregisterHandle internal_registerAtRegistry(
         const common::ServiceInfo& serviceInfo,
+    bool isWithoutSessionLocked(const common::ServiceInfo& serviceInfo) const ORVX_REQUIRES(mutex);
         const std::shared_ptr<common::ServiceCreate>& service, const ResponseCallback& callback)
         ORVX_EXCLUDES(mutex);
     std::uint64_t storeRegistration(const std::shared_ptr<RequestContainer>& request,

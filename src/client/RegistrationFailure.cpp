@@ -69,7 +69,8 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
 bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
                                            const std::shared_ptr<RequestContainer>& request,
                                            RegistrationData& record, const HttpResponse& response) {
-    if (!isRetryable(response) || !context.isRetryEnabled()) {
+    if (!isRetryable(response) || !context.isRetryEnabled() ||
+        isWithoutSessionLocked(*request->serviceInfo)) {
         return false;
     }
     const std::uint16_t max = context.maxRetryCount();

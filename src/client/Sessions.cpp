@@ -42,4 +42,11 @@ std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::usa
     return communicationContext.getUnavailableSession();
 }
 
+// An empty entry stays empty: a request to this endpoint can never be sent.
+bool OrvServiceRegistryClient::isWithoutSessionLocked(
+    const common::ServiceInfo& serviceInfo) const {
+    const auto entry = sessions.find(serviceInfo.getKey());
+    return entry != sessions.end() && !entry->second;
+}
+
 }  // namespace orvx::serviceregistryclient

@@ -112,31 +112,68 @@ TEST_F(Sessions, ThatCannotBeMadeAreKeptAsEmptyAndNotTriedAgain) {
     EXPECT_NE(access().session({"registry", "127.0.0.1", 8501}), nullptr);
 }
 
-TEST_F(Sessions, ThatCannotBeMadeFailThePutOnTheThreadThatBringsAnswers) {
-    context.setInitialMaxRetryCount(1);
+TEST_F(Sessions, ThatCannotBeMadeAnswerARegistrationWithTheErrorAtOnce) {
+    for (const auto retries : {std::uint16_t{0}, std::uint16_t{1}}) {
+        context.setInitialMaxRetryCount(retries);
+        start();
+        refuseSessions();
+        registerService("echo");
+        EXPECT_THAT(log->takeLines(), ElementsAre(noSessionLine()));
+        world.runIo();
+        EXPECT_THAT(log->takeLines(), ElementsAre(unsentLine()));
+        EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+        world.settle();
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+        EXPECT_THAT(access().ids(), IsEmpty());
+        context.deinit();
+    }
+}
+
+TEST_F(Sessions, ThatCannotBeMadeAnswerEveryRegistrationAndAreSaidOnce) {
     start();
     refuseSessions();
-    registerService("echo");
-    EXPECT_THAT(log->takeLines(), ElementsAre(noSessionLine()));
-    EXPECT_THAT(world.takeAddedDelays(), IsEmpty()) << "not on the caller's thread";
-    world.runIo();
-    EXPECT_THAT(log->takeLines(), ElementsAre(unsentLine(), info("retry (1.) request: /echo")));
-    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(500ms));
+    const Handle handle = registerService("first");
+    world.settle();
     world.setHook({});
-    world.advance(500ms);
-    EXPECT_THAT(log->takeLines(), IsEmpty()) << "said once";
+    log->takeLines();
+    registerService("second");
     world.settle();
     EXPECT_THAT(log->takeLines(), ElementsAre(unsentLine()));
-    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+    handle(record("withdrawal"));
+    world.settle();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"first", "ERROR", "SERVICE_REGISTRY_ERROR", 0},
+                                            Outcome{"second", "ERROR", "SERVICE_REGISTRY_ERROR", 0},
+                                            Outcome{"withdrawal", "OK", "NONE", -1}));
     EXPECT_EQ(attempts, 1);
-    EXPECT_EQ(world.requestsToTake(), 0U);
+}
+
+TEST_F(Sessions, AreNotMadeForEndpointsThatCannotBe) {
+    start();
+    for (const auto& [host, port] :
+         {std::pair("registry", 0), std::pair("https://registry", 443)}) {
+        registerAt({"registry", host, static_cast<std::uint16_t>(port)});
+        world.settle();
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+    }
+    EXPECT_THAT(access().sessionKeys(), ElementsAre("[https://registry]:443", "registry:0"));
+    EXPECT_THAT(world.pendingDelays(), IsEmpty());
+}
+
+// A transport that says NO_SESSION by itself has failed like any other.
+TEST_F(Sessions, ThatWereMadeLeaveEachFailureToBeRetried) {
+    start();
+    registerService("echo");
+    next("PUT").answer(communication::HttpResponse(CommunicationStatus::NoSession));
+    EXPECT_THAT(world.takeAddedDelays(), ElementsAre(::testing::Le(500ms)));
+    EXPECT_THAT(access().ids(), ElementsAre(1));
 }
 
 TEST_F(Sessions, ThatCannotBeMadeFailThePutOfALostServiceLikeAnyOther) {
     start();
     refuseSessions();
     registerService("echo");
-    world.runIo();
     const auto request = access().record(1)->requestContainer;
     access().handlePut(1, request, answer(201, location("/abc")));
     world.settle();
