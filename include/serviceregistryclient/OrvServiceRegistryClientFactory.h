@@ -13,9 +13,10 @@ class ORVX_EXPORT OrvServiceRegistryClientFactory : public IOrvServiceRegistryCl
     /// The context's options are read by the clients that are made: it must outlive them.
     explicit OrvServiceRegistryClientFactory(OrvServiceRegistryContext& context);
 
-    /// Throws what starting the client throws: utility::OrvFoundationException for an HTTP
-    /// configuration that makes no sense, std::system_error when a thread cannot be made (a
-    /// callback thread that cannot be made ends the process instead).
+    /// Throws utility::OrvFoundationException when `loggerFactory` is null, and what starting the
+    /// client throws: utility::OrvFoundationException for an HTTP configuration that makes no
+    /// sense, std::system_error when a thread cannot be made (a callback thread that cannot be made
+    /// ends the process instead).
     std::unique_ptr<IOrvServiceRegistryClient> createOrvServiceRegistryClient(
         std::shared_ptr<utility::ILoggerFactory> loggerFactory, bool registerWithPrefix) override;
 

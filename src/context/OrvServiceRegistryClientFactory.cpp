@@ -4,6 +4,8 @@
 
 #include "../client/OrvServiceRegistryClient.h"
 
+#include <orvx/utility/OrvFoundationException.h>
+
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -17,6 +19,10 @@ OrvServiceRegistryClientFactory::OrvServiceRegistryClientFactory(OrvServiceRegis
 std::unique_ptr<IOrvServiceRegistryClient>
 OrvServiceRegistryClientFactory::createOrvServiceRegistryClient(
     std::shared_ptr<utility::ILoggerFactory> loggerFactory, bool registerWithPrefix) {
+    if (!loggerFactory) {
+        throw utility::OrvFoundationException(
+            "A client needs a logger factory, not a null pointer.", 0);
+    }
     return std::make_unique<OrvServiceRegistryClient>(std::move(loggerFactory), registerWithPrefix,
                                                       context_);
 }

@@ -4,6 +4,8 @@
 
 #include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
 
+#include <orvx/utility/OrvFoundationException.h>
+
 namespace orvx::serviceregistryclient {
 namespace {
 
@@ -47,6 +49,17 @@ TEST_F(Factory, LetsThroughWhatMakingTheClientThrows) {
     OrvServiceRegistryClientFactory factory(context);
     world.setHook([](simulation::World::Step) { throw std::runtime_error("no network"); });
     EXPECT_THROW(factory.createOrvServiceRegistryClient(log, false), std::runtime_error);
+}
+
+TEST_F(Factory, RefusesToMakeAClientWithoutALoggerFactory) {
+    OrvServiceRegistryClientFactory factory(context);
+    try {
+        factory.createOrvServiceRegistryClient(nullptr, false);
+        FAIL() << "it made one";
+    } catch (const utility::OrvFoundationException& exception) {
+        EXPECT_STREQ(exception.what(), "A client needs a logger factory, not a null pointer.");
+        EXPECT_EQ(exception.errorCode(), 0);
+    }
 }
 
 TEST_F(Factory, GivesTheClientItsLoggerUnderFixedNames) {
