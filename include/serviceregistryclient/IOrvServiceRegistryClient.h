@@ -49,8 +49,9 @@ class ORVX_EXPORT IOrvServiceRegistryClient {
     /// where the registration was refused at once or the service is withdrawn already, ERROR /
     /// SERVICE_NOT_FOUND while the registry holds no entry yet (the first answer, or the one to an
     /// automatic re-registration, is still out), ERROR / SERVICE_REGISTRY_ERROR when the registry
-    /// answers anything but 200, ERROR / DELEGATOR_NOT_INITIATED after deinit(). It must not be
-    /// called when the client is gone.
+    /// answers anything but 200. It may be called at any time, from any thread: when the context
+    /// was de-initialised or destroyed it does nothing and the callback is never called. The end of
+    /// the client waits for calls that are under way.
     using UnregisterHandle = std::function<void(ResponseCallback)>;
     /// Takes a description and whether the service has just become registered (true) or has just
     /// stopped being registered (false). The description is the live one: read it, at any time and
@@ -118,7 +119,8 @@ class ORVX_EXPORT IOrvServiceRegistryClient {
         const common::ServiceInfo& serviceInfo) = 0;
 
     /// Sets the one status listener; the one before is dropped. Returns a remover: it removes
-    /// whatever listener is set when it is called. It must not be called when the client is gone.
+    /// whatever listener is set when it is called, and does nothing when the client is gone; as
+    /// with an UnregisterHandle, the end of the client waits for calls that are under way.
     /// Notifications queued before still reach the listener of their time.
     virtual std::function<void()> addServiceRegisterStatusListener(StatusListener listener) = 0;
 };

@@ -12,9 +12,10 @@ struct SyncOrvRegistrationResponse {
     OrvRegistrationResponse response{OrvRegistrationResponse::ERROR,
                                      OrvRegistrationResponse::OTHER};
     /// Withdraws the service and blocks until the answer or the unregister time-out, which gives
-    /// ERROR / TIMEOUT. Empty in a default-built record and for a registration that did not answer;
-    /// calling it then throws std::bad_function_call.
-    /// Valid while the client exists; not to be called from a callback or listener.
+    /// ERROR / TIMEOUT. When the client is gone it answers ERROR / DELEGATOR_NOT_INITIATED at once;
+    /// a call that waits when the client ends waits until its time-out. Empty in a default-built
+    /// record and for a registration that did not answer; calling it then throws
+    /// std::bad_function_call. Not to be called from a callback or listener.
     std::function<OrvRegistrationResponse()> unregister;
 };
 

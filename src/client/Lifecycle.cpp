@@ -31,6 +31,7 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
 }
 
 OrvServiceRegistryClient::~OrvServiceRegistryClient() {
+    reference->clear();
     deinitImpl();
 }
 

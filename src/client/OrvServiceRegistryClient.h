@@ -2,6 +2,8 @@
 
 #include <serviceregistryclient/IOrvServiceRegistryClient.h>
 
+#include "ClientReference.h"
+
 #include <orvx/communication/IClientHttpSession.h>
 #include <orvx/communication/OrvClientCommunicationContext.h>
 #include <orvx/utility/Mutex.h>
@@ -41,14 +43,16 @@ class OrvServiceRegistryContext;
 ///   UnregisterAll.cpp        withdrawing everything, in both forms
 ///   Records.h                what is kept for a request and for a registration
 ///   RegistrationTable.h      the table of registrations and its index
+///   ClientReference.h        how handles and removers outlive the client
 ///
 /// Threads: the user's (public operations), "ORVX_SRCBExec" (user code, nothing else),
 /// "ORVX_SRRExec" (retries, checks, time-outs), and the communication library's I/O thread
 /// (`handle...Response`).
 ///
-/// The lock rule: `mutex` is the only lock. What it guards is read and changed under it; user code
-/// is neither called, copied nor destroyed under it: callbacks and listeners are moved or shared
-/// there, and released after unlocking. A log line may be written under it.
+/// The lock rule: `mutex` is the only lock of the client's state, and ClientReference has a lock of
+/// its own, never held together with it. What `mutex` guards is read and changed under it; user
+/// code is neither called, copied nor destroyed under it: callbacks and listeners are moved or
+/// shared there, and released after unlocking. A log line may be written under it.
 ///
 /// Where memory runs out: what the library's threads do under the lock changes nothing before all
 /// that it needs is there, or can be done once more from the beginning; see whenThereIsMemory().
@@ -136,19 +140,22 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         const common::ServiceInfo& serviceInfo) ORVX_REQUIRES(mutex);
     std::shared_ptr<communication::IClientHttpSession> usableSessionLocked(
         const common::ServiceInfo& serviceInfo) ORVX_REQUIRES(mutex);
+    bool isWithoutSessionLocked(const common::ServiceInfo& serviceInfo) const ORVX_REQUIRES(mutex);
 
     // Registration.cpp
     UnregisterHandle internal_registerAtRegistry(
         const common::ServiceInfo& serviceInfo,
-    bool isWithoutSessionLocked(const common::ServiceInfo& serviceInfo) const ORVX_REQUIRES(mutex);
         const std::shared_ptr<common::ServiceCreate>& service, const ResponseCallback& callback)
         ORVX_EXCLUDES(mutex);
     std::uint64_t storeRegistration(const std::shared_ptr<RequestContainer>& request,
-                                    ResponseCallback callback) ORVX_EXCLUDES(mutex);
+                                    ResponseCallback callback, UnregisterHandle& handle)
+        ORVX_EXCLUDES(mutex);
     void sendPutRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& request)
         ORVX_EXCLUDES(mutex);
-    UnregisterHandle handleOfRefusedService(const std::string& name);
-    UnregisterHandle handleOfUnnamedService();
+    template <typename Withdraw>
+    UnregisterHandle makeHandle(Withdraw withdraw) const;
+    UnregisterHandle handleOfRefusedService(const std::string& name) const;
+    UnregisterHandle handleOfUnnamedService() const;
 
     // RegistrationAnswer.cpp
     void handlePutResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
@@ -217,7 +224,11 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     // Synchronous.cpp
     static OrvRegistrationResponse makeSynchronizedCallRegistrationResponse(
         const std::function<void(Promise)>& call, std::chrono::milliseconds timeout);
-    static ResponseCallback fulfil(Promise promise);
+    /// The callback that a blocked caller waits for.
+    struct Fulfil {
+        Promise promise;
+        void operator()(OrvRegistrationResponse response) const;
+    };
     static std::function<OrvRegistrationResponse()> synchronousUnregister(
         UnregisterHandle handle, std::chrono::milliseconds timeout);
 
@@ -265,6 +276,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     const std::unique_ptr<RegistrationTable> mapRegistryCallback ORVX_PT_GUARDED_BY(mutex);
     StatusListener statusListener ORVX_GUARDED_BY(mutex);
     HeadState checkState ORVX_GUARDED_BY(mutex) = IDLE;
+
+    // Safe by itself. Cleared by the destructor before anything is stopped.
+    const std::shared_ptr<ClientReference> reference = std::make_shared<ClientReference>(*this);
 };
 
 }  // namespace orvx::serviceregistryclient

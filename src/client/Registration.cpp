@@ -84,13 +84,30 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
         RequestContainer{std::make_shared<common::ServiceInfo>(serviceInfo), completed,
                          std::make_shared<std::string>(completed->getUri()),
                          std::make_shared<std::string>(std::move(body))});
-    const std::uint64_t id = storeRegistration(request, callback);
+    UnregisterHandle handle;
+    const std::uint64_t id = storeRegistration(request, callback, handle);
     sendPutRequest(id, request);
-    return [this, id](const ResponseCallback& done) { internal_unregisterFromRegistry(id, done); };
+    return handle;
 }
 
+// A handle whose client is gone answers a blocked caller only: nothing else would end that wait.
+template <typename Withdraw>
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::makeHandle(
+    Withdraw withdraw) const {
+    return [reference = reference, withdraw = std::move(withdraw)](const ResponseCallback& done) {
+        const bool isCalled =
+            reference->call([&](OrvServiceRegistryClient& client) { withdraw(client, done); });
+        if (const auto* waiting = done.target<Fulfil>(); waiting != nullptr && !isCalled) {
+            (*waiting)(
+                {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::DELEGATOR_NOT_INITIATED});
+        }
+    };
+}
+
+// The handle is made first: what is registered has one, even where memory runs out.
 std::uint64_t OrvServiceRegistryClient::storeRegistration(
-    const std::shared_ptr<RequestContainer>& request, ResponseCallback callback) {
+    const std::shared_ptr<RequestContainer>& request, ResponseCallback callback,
+    UnregisterHandle& handle) {
     const auto retryInterval =
         std::max<std::chrono::milliseconds::rep>(context.getRetryInterval().count(), 0);
     auto record = std::make_shared<RegistrationData>();
@@ -103,6 +120,9 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
 
     const utility::MutexLock lock(mutex);
     const std::uint64_t id = ++lastRequestId;
+    handle = makeHandle([id](OrvServiceRegistryClient& client, const ResponseCallback& done) {
+        client.internal_unregisterFromRegistry(id, done);
+    });
     mapRegistryCallback->insert(id, record);
     return id;
 }
@@ -134,20 +154,23 @@ void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
 }
 
 IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOfRefusedService(
-    const std::string& name) {
-    return [this, name](const ResponseCallback& done) {
-        logger->logWarning(false) << "Service '" << name << "' to unregister is not registered.";
-        callCallback(done, std::make_shared<OrvRegistrationResponse>(
-                               OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
-    };
+    const std::string& name) const {
+    return makeHandle([name](OrvServiceRegistryClient& client, const ResponseCallback& done) {
+        client.logger->logWarning(false)
+            << "Service '" << name << "' to unregister is not registered.";
+        client.callCallback(done, std::make_shared<OrvRegistrationResponse>(
+                                      OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
+    });
 }
 
-IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOfUnnamedService() {
-    return [this](const ResponseCallback& done) {
-        logger->logWarning(false) << "Unnamed service is not registered. Cannot be unregistered.";
-        callCallback(done, std::make_shared<OrvRegistrationResponse>(
-                               OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
-    };
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOfUnnamedService()
+    const {
+    return makeHandle([](OrvServiceRegistryClient& client, const ResponseCallback& done) {
+        client.logger->logWarning(false)
+            << "Unnamed service is not registered. Cannot be unregistered.";
+        client.callCallback(done, std::make_shared<OrvRegistrationResponse>(
+                                      OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
+    });
 }
 
 }  // namespace orvx::serviceregistryclient

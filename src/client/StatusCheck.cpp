@@ -142,15 +142,19 @@ std::function<void()> OrvServiceRegistryClient::addServiceRegisterStatusListener
             (*owned)(std::move(service), registered);
         };
     }
+    // Made first: a listener that is set has a remover, even where memory runs out.
+    std::function<void()> remover = [reference = reference] {
+        StatusListener removed;  // user code: destroyed when the call has ended
+        reference->call([&removed](OrvServiceRegistryClient& client) {
+            const utility::MutexLock lock(client.mutex);
+            client.statusListener.swap(removed);
+        });
+    };
     {
         const utility::MutexLock lock(mutex);
         statusListener.swap(shared);
     }
-    return [this] {
-        StatusListener removed;
-        const utility::MutexLock lock(mutex);
-        statusListener.swap(removed);
-    };
+    return remover;
 }
 
 }  // namespace orvx::serviceregistryclient

@@ -28,17 +28,15 @@ OrvRegistrationResponse OrvServiceRegistryClient::makeSynchronizedCallRegistrati
     return {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::TIMEOUT};
 }
 
-IOrvServiceRegistryClient::ResponseCallback OrvServiceRegistryClient::fulfil(Promise promise) {
-    return [promise = std::move(promise)](OrvRegistrationResponse response) {
-        promise->set_value(std::move(response));
-    };
+void OrvServiceRegistryClient::Fulfil::operator()(OrvRegistrationResponse response) const {
+    promise->set_value(std::move(response));
 }
 
 std::function<OrvRegistrationResponse()> OrvServiceRegistryClient::synchronousUnregister(
     UnregisterHandle handle, std::chrono::milliseconds timeout) {
     return [handle = std::move(handle), timeout] {
         return makeSynchronizedCallRegistrationResponse(
-            [&handle](Promise promise) { handle(fulfil(std::move(promise))); }, timeout);
+            [&handle](Promise promise) { handle(Fulfil{std::move(promise)}); }, timeout);
     };
 }
 
@@ -49,7 +47,7 @@ SyncOrvRegistrationResponse OrvServiceRegistryClient::registerServiceAtRegistry(
     SyncOrvRegistrationResponse result;
     result.response = makeSynchronizedCallRegistrationResponse(
         [&](Promise promise) {
-            handle = registerServiceAtRegistry(serviceInfo, service, fulfil(std::move(promise)));
+            handle = registerServiceAtRegistry(serviceInfo, service, Fulfil{std::move(promise)});
         },
         std::chrono::milliseconds::zero());
     result.unregister = synchronousUnregister(std::move(handle), unregisterTimeout);

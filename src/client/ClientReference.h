@@ -1,0 +1,65 @@
+#pragma once
+
+#include <orvx/utility/Mutex.h>
+
+#include <condition_variable>
+#include <cstddef>
+
+namespace orvx::serviceregistryclient {
+
+class OrvServiceRegistryClient;
+
+/// Gives handles and removers access to their client as long as the client exists. The client, its
+/// handles and its removers share it. Any thread may use it.
+class ClientReference {
+  public:
+    explicit ClientReference(OrvServiceRegistryClient& client) : client_(&client) {}
+
+    /// Calls the function with the client, which exists until it returns; false when it was not
+    /// called because the client is gone. No lock is held meanwhile, so the function may come back
+    /// here; it must not end the client, which would wait for it.
+    template <typename Function>
+    bool call(const Function& function) {
+        OrvServiceRegistryClient* const client = enter();
+        if (client == nullptr) {
+            return false;
+        }
+        const Call leaving{*this};
+        function(*client);
+        return true;
+    }
+
+    /// Later calls find the client gone. Waits for those that run.
+    void clear() {
+        utility::MutexLock lock(mutex_);
+        client_ = nullptr;
+        while (calls_ != 0) {
+            lastCallEnded_.wait(lock.native());
+        }
+    }
+
+  private:
+    struct Call {
+        ClientReference& reference;
+        ~Call() { reference.leave(); }
+    };
+
+    OrvServiceRegistryClient* enter() {
+        const utility::MutexLock lock(mutex_);
+        calls_ += client_ != nullptr ? 1 : 0;
+        return client_;
+    }
+    void leave() {
+        const utility::MutexLock lock(mutex_);
+        if (--calls_ == 0) {
+            lastCallEnded_.notify_all();
+        }
+    }
+
+    utility::Mutex mutex_;
+    OrvServiceRegistryClient* client_ ORVX_GUARDED_BY(mutex_);
+    std::size_t calls_ ORVX_GUARDED_BY(mutex_) = 0;
+    std::condition_variable lastCallEnded_;
+};
+
+}  // namespace orvx::serviceregistryclient
