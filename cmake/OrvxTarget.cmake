@@ -16,6 +16,12 @@ function(orvx_target name)
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${ORVX_WERROR}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+  # In what ships, an object that is initialised before main() could be used before that: by a user's
+  # static object that makes a client.
+  file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
+  if(NOT folder MATCHES "^(tests|examples|benchmarks)")
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:Clang>:-Wglobal-constructors>)
+  endif()
   get_target_property(type ${name} TYPE)
   if(NOT type STREQUAL "EXECUTABLE")
     # A symbol that is unique in the process keeps the object that defines it loaded for ever, and

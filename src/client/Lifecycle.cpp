@@ -5,13 +5,15 @@
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <exception>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
 
 namespace {
 
-const std::string threadNamePrefix = "ORVX_";
+constexpr const char* callbackThread = "ORVX_SRCBExec";
+constexpr const char* timerThread = "ORVX_SRRExec";
 
 }  // namespace
 
@@ -22,7 +24,7 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
       registerWithPrefix(withPrefix),
       syncCallUnregisterTimeout(owner.getSyncCallUnregisterTimeout()),
       statusCodesForRetry(owner.getHttpStatusCodesForRetry()),
-      callbackExecutor(threadNamePrefix + "SRCBExec", {}),
+      callbackExecutor(callbackThread, {}),
       mapRegistryCallback(std::make_unique<RegistrationTable>()) {
     loggerFactory = std::move(factory);
     logger = std::make_shared<utility::StreamingLogger>(
@@ -45,7 +47,7 @@ void OrvServiceRegistryClient::init() {
     communicationContext.init();
     startExecutorOrTerminate();
     try {
-        timer.start(threadNamePrefix + "SRRExec");
+        timer.start(timerThread);
     } catch (...) {
         stopParts();
         throw;
@@ -55,7 +57,15 @@ void OrvServiceRegistryClient::init() {
 
 // Without the callback thread no outcome could ever be told: the process ends instead.
 void OrvServiceRegistryClient::startExecutorOrTerminate() noexcept {
-    callbackExecutor.start();
+    try {
+        callbackExecutor.start();
+    } catch (const std::exception& error) {
+        logger->logError(false) << "OrvxServiceRegistryClient ends the process: its callback "
+                                   "thread cannot be started: "
+                                << error.what();
+        loggerFactory->flush();
+        std::terminate();
+    }
 }
 
 void OrvServiceRegistryClient::deinit() {

@@ -18,6 +18,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <string>
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -102,14 +103,21 @@ TEST_F(AProcessOutOfThreads, GetsAnExceptionWhenTheRequestsHaveNoneAndLaterAClie
     EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(0); }), 0);
 }
 
-TEST_F(AProcessOutOfThreads, EndsWhenTheCallbacksHaveNone) {
+TEST_F(AProcessOutOfThreads, EndsWithALineWhenTheCallbacksHaveNone) {
+    ::testing::internal::CaptureStderr();
     const int status = inProcessOfItsOwn([] {
         Client client;
+        client.context.setLoggerFactory(nullptr);
         allow(1);
         client.context.init();
         return true;
     });
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    const std::string output = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(output.find("OrvxServiceRegistryClient ends the process: its callback thread cannot "
+                          "be started: "),
+              std::string::npos)
+        << output;
 }
 
 TEST_F(AProcessOutOfThreads, GetsAnExceptionWhenTheTimerHasNoneAndLaterAClient) {

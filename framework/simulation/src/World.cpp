@@ -16,12 +16,15 @@ using std::chrono::milliseconds;
 namespace {
 
 /// The world in existence; its state may live longer.
-std::weak_ptr<WorldState> existing;
+std::weak_ptr<WorldState>& existing() {
+    static std::weak_ptr<WorldState> state;
+    return state;
+}
 
 }  // namespace
 
 std::shared_ptr<WorldState> WorldState::current() {
-    auto state = existing.lock();
+    auto state = existing().lock();
     if (!state) {
         throw std::logic_error(
             "this program simulates time, threads and network: "
@@ -54,14 +57,14 @@ bool WorldState::runFirst(const Schedule& schedule, milliseconds latest) {
 }
 
 World::World() : state_(std::make_shared<WorldState>()) {
-    if (!existing.expired()) {
+    if (!existing().expired()) {
         throw std::logic_error("there is an orvx::simulation::World already");
     }
-    existing = state_;
+    existing() = state_;
 }
 
 World::~World() {
-    existing.reset();
+    existing().reset();
 }
 
 milliseconds World::now() const {
