@@ -32,6 +32,11 @@ namespace orvx::serviceregistryclient {
 /// ended there and harms nothing. An empty callback means that the outcome is not wanted. After the
 /// context's deinit() none is called any more.
 ///
+/// The callback thread blocks all signals but those of a crash. A child made there with fork() gets
+/// the mask of the thread that called init(); a program started with posix_spawn(), vfork(),
+/// system() or popen() inherits the blocked signals, SIGTERM among them, unless the callback calls
+/// pthread_sigmask() before.
+///
 /// Ownership: descriptions given to a registration are copied; the caller's object is never
 /// changed. Callbacks are copied and destroyed when they were called or dropped.
 ///

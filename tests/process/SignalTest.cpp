@@ -6,8 +6,12 @@
 #include "DeadResolver.h"
 #include "RoadTest.h"
 
+#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -101,7 +105,43 @@ std::vector<std::string> blockedInside() {
     return masks;
 }
 
-class TheSignals : public RoadTest {};
+bool isOnCallbackThread() {
+    char name[16] = "";
+    ::prctl(PR_GET_NAME, name);
+    return std::strcmp(name, "ORVX_SRCBExec") == 0;
+}
+
+constexpr std::size_t forbiddenBytes = 1;
+void* forbidden = nullptr;
+std::atomic<bool> isCrashHandled{false};
+
+/// Permits what crashed, which then goes on.
+void handleCrash(int /*signal*/) {
+    isCrashHandled = isOnCallbackThread();
+    ::mprotect(forbidden, forbiddenBytes, PROT_READ | PROT_WRITE);
+}
+
+/// The wait status of a program that would end by itself after ten seconds, and gets a SIGTERM.
+int statusOfStopped(pid_t program) {
+    int status = -1;
+    ::kill(program, SIGTERM);
+    ::waitpid(program, &status, 0);
+    return status;
+}
+
+class TheSignals : public RoadTest {
+  protected:
+    void runInCallback(const std::function<void()>& act) {
+        context.enableCheck(false);
+        start();
+        client().registerServiceAtRegistry(at(registry.port()), service("lamp"),
+                                           [&](const auto& outcome) {
+                                               act();
+                                               outcomes.write(text(outcome));
+                                           });
+        EXPECT_THAT(outcomes.await(1), Each("OK/NONE"));
+    }
+};
 
 TEST_F(TheSignals, KeepTheirActions) {
     const auto before = actions();
@@ -115,7 +155,7 @@ TEST_F(TheSignals, KeepTheirActions) {
     EXPECT_EQ(actions(), before);
 }
 
-// All but SIGKILL, SIGSTOP and the two that the C library keeps for itself.
+// All but SIGKILL, SIGSTOP, the two that the C library keeps for itself, and the seven of a crash.
 TEST_F(TheSignals, AreBlockedInEachThreadOfTheLibraryAndOfALookUp) {
     DeadResolver resolver;
     start();
@@ -123,7 +163,56 @@ TEST_F(TheSignals, AreBlockedInEachThreadOfTheLibraryAndOfALookUp) {
                                        nullptr);
     ASSERT_TRUE(resolver.waitForLookups(1));
     EXPECT_TRUE(eventually([] { return blockedInside().size() == 4; }));
-    EXPECT_THAT(blockedInside(), Each("fffffffe7ffbfeff"));
+    EXPECT_THAT(blockedInside(), Each("fffffffe3ffbfa07"));
+}
+
+// They were blocked: the system ended the process, and its handler did not run.
+TEST_F(TheSignals, OfACrashInACallbackReachTheHandlerOfTheProcess) {
+    forbidden = ::mmap(nullptr, forbiddenBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = handleCrash;
+    ::sigaction(SIGSEGV, &action, &before);
+    runInCallback([] { *static_cast<volatile char*>(forbidden) = 1; });
+    ::sigaction(SIGSEGV, &before, nullptr);
+    EXPECT_TRUE(isCrashHandled);
+    ::munmap(forbidden, forbiddenBytes);
+}
+
+// It inherited the mask of the callback thread and ran on.
+TEST_F(TheSignals, StopAProgramThatACallbackForks) {
+    int status = -1;
+    runInCallback([&] {
+        const pid_t program = ::fork();
+        if (program == 0) {
+            ::execl("/bin/sleep", "sleep", "10", nullptr);
+            ::_exit(1);
+        }
+        status = statusOfStopped(program);
+    });
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+}
+
+// As docs/threading.md says: a program that is spawned inherits the mask as it is.
+TEST_F(TheSignals, StopAProgramThatACallbackSpawnsWithoutItsMask) {
+    int status = -1;
+    runInCallback([&] {
+        sigset_t none;
+        ::sigemptyset(&none);
+        posix_spawnattr_t attributes;
+        ::posix_spawnattr_init(&attributes);
+        ::posix_spawnattr_setsigmask(&attributes, &none);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+        char name[] = "sleep";
+        char seconds[] = "10";
+        char* const arguments[] = {name, seconds, nullptr};
+        pid_t program = 0;
+        EXPECT_EQ(::posix_spawn(&program, "/bin/sleep", nullptr, &attributes, arguments, environ),
+                  0);
+        ::posix_spawnattr_destroy(&attributes);
+        status = statusOfStopped(program);
+    });
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
 }
 
 TEST_F(TheSignals, ArriveAllOfThemAtThreadsOfTheUser) {

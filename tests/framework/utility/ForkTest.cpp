@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -142,6 +143,43 @@ TEST(AForkedChild, LeavesTheThreadsOfItsParentRunning) {
               }),
               0);
     awaitWorker([&](auto task) { executor.add(task); });
+}
+
+/// Whether a child that a worker thread forks blocks SIGTERM.
+bool doesChildOfWorkerBlockSigterm(const std::function<void()>& beforeFork) {
+    int status = -1;
+    WorkerThread worker;
+    worker.start("ORVX_Fork", [&] {
+        beforeFork();
+        status = statusOfChild([]() -> bool {
+            sigset_t blocked;
+            pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+            _exit(sigismember(&blocked, SIGTERM));
+        });
+    });
+    worker.end();
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    return WEXITSTATUS(status) == 1;
+}
+
+// It had the mask of the worker, and so did the program that it became.
+TEST(AForkedChild, OfAWorkerHasTheSignalMaskOfTheThreadThatMadeTheWorker) {
+    sigset_t terminate;
+    sigset_t before;
+    sigemptyset(&terminate);
+    sigaddset(&terminate, SIGTERM);
+    EXPECT_FALSE(doesChildOfWorkerBlockSigterm(test::nothing));
+    pthread_sigmask(SIG_BLOCK, &terminate, &before);
+    EXPECT_TRUE(doesChildOfWorkerBlockSigterm(test::nothing));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(AForkedChild, OfAWorkerKeepsAMaskThatWasSetThere) {
+    EXPECT_TRUE(doesChildOfWorkerBlockSigterm([] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    }));
 }
 
 TEST(AForkedChild, FindsAWorkerThreadLeftBehind) {

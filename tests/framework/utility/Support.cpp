@@ -28,15 +28,16 @@ std::size_t threadsNamed(const std::string& name) {
     return count;
 }
 
-bool isEverySignalBlocked() {
+std::vector<int> openSignals() {
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    std::vector<int> open;
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         if (canBeBlocked(signal) && sigismember(&blocked, signal) != 1) {
-            return false;
+            open.push_back(signal);
         }
     }
-    return true;
+    return open;
 }
 
 }  // namespace orvx::utility::test

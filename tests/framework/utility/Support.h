@@ -124,7 +124,7 @@ class ThreadsCannotBeMade {
 /// How many threads of this process the system shows under `name`.
 std::size_t threadsNamed(const std::string& name);
 
-/// Whether the calling thread blocks every signal that can be blocked.
-bool isEverySignalBlocked();
+/// The signals that the calling thread could block and does not, in order.
+std::vector<int> openSignals();
 
 }  // namespace orvx::utility::test

@@ -36,12 +36,38 @@ TEST(AWorkerThread, IsShownUnderTheFirstFifteenBytesOfALongName) {
     gate.open();
 }
 
-TEST(AWorkerThread, BlocksAllSignals) {
-    bool blocked = false;
+TEST(AWorkerThread, HasItsNameWhenStartReturns) {
+    int misnamed = 0;
+    for (int i = 0; i < 500; ++i) {
+        Gate gate;
+        WorkerThread worker;
+        worker.start("ORVX_Name", gate.task());
+        misnamed += test::threadsNamed("ORVX_Name") == 1 ? 0 : 1;
+        gate.open();
+    }
+    EXPECT_EQ(misnamed, 0);
+}
+
+TEST(AWorkerThread, BlocksAllSignalsButThoseOfACrash) {
+    std::vector<int> open;
     WorkerThread worker;
-    worker.start("ORVX_Signals", [&] { blocked = test::isEverySignalBlocked(); });
+    worker.start("ORVX_Signals", [&] { open = test::openSignals(); });
     worker.end();
-    EXPECT_TRUE(blocked);
+    EXPECT_EQ(open, (std::vector<int>{SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}));
+}
+
+TEST(AWorkerThread, LeavesASignalOfACrashBlockedWhereItWas) {
+    sigset_t crash;
+    sigset_t before;
+    sigemptyset(&crash);
+    sigaddset(&crash, SIGABRT);
+    std::vector<int> open;
+    WorkerThread worker;
+    pthread_sigmask(SIG_BLOCK, &crash, &before);
+    worker.start("ORVX_Signals", [&] { open = test::openSignals(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    worker.end();
+    EXPECT_EQ(open, (std::vector<int>{SIGILL, SIGTRAP, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}));
 }
 
 TEST(AWorkerThread, LeavesTheSignalsOfTheThreadThatMakesItAlone) {

@@ -9,8 +9,13 @@
 
 namespace orvx::utility {
 
-/// One thread of the framework's own: named, with all signals blocked, so that the process's
-/// signals go to threads that expect them, and safe to leave behind in a forked child.
+/// One thread of the framework's own: named, with signals blocked, so that the process's signals go
+/// to threads that expect them, and safe to leave behind in a forked child.
+///
+/// The signals of a crash (SEGV, BUS, FPE, ILL, TRAP, SYS, ABRT) stay as they are on the thread
+/// that makes it. A child that the thread forks gets the signal mask of the thread that made it,
+/// unless the mask was changed in between; one made with vfork() or posix_spawn() inherits the mask
+/// as it is.
 ///
 /// Thread-safety: start(), end() and the destructor are called by one thread at a time; the thread
 /// itself may call end() and the destructor once start() has returned. isCurrent() may be called
@@ -25,7 +30,7 @@ class ORVX_EXPORT WorkerThread {
 
     /// Runs `function` on a new thread, which destroys it when it has returned; a thread that was
     /// started before is ended first. An exception that leaves `function` ends the process.
-    /// `name` is shown by the system, cut to 15 bytes.
+    /// `name` is shown by the system, cut to 15 bytes, when this returns.
     /// Throws std::system_error when the thread cannot be made; `function` is dropped then.
     void start(const std::string& name, std::function<void()> function);
 
