@@ -1,51 +1,20 @@
-// Loggers that write to standard error through one spdlog logger, which adds the time.
-// Entered by any thread; the one lock is that of spdlog's console sink, a leaf. The level is an
-// atomic that the loggers share, and they keep the console alive without the factory.
+// Loggers that share a level and a writer.
+// Entered by any thread; the one lock is the writer's, a leaf. The level is an atomic that the
+// loggers share, and they keep the console alive without the factory.
 
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
 #include "ConsoleText.h"
-
-#include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include "ConsoleWriter.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <ctime>
 #include <utility>
 
 namespace orvx::utility {
 
 namespace {
-
-/// Keeps the signal away that ends a process when it writes to a pipe whose reader is gone.
-class PipeSignalHeldBack {
-  public:
-    PipeSignalHeldBack() {
-        sigset_t pending;
-        sigpending(&pending);
-        wasPending_ = sigismember(&pending, SIGPIPE) == 1;
-        sigemptyset(&signal_);
-        sigaddset(&signal_, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &signal_, &before_);
-    }
-    ~PipeSignalHeldBack() {
-        const timespec atOnce{};
-        while (!wasPending_ && sigtimedwait(&signal_, nullptr, &atOnce) < 0 && errno == EINTR) {
-        }
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    PipeSignalHeldBack(const PipeSignalHeldBack&) = delete;
-    PipeSignalHeldBack& operator=(const PipeSignalHeldBack&) = delete;
-
-  private:
-    sigset_t signal_;
-    sigset_t before_;
-    bool wasPending_;
-};
 
 const char* levelName(int level) {
     static constexpr std::array<const char*, 4> names{"ERROR", "WARNING", "INFO", "DEBUG"};
@@ -58,14 +27,43 @@ struct TimedConsoleLoggerFactory::Console {
     class Logger;
 
     explicit Console(ILogger::LogLevel level)
-        : highest(level), output("", std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
-        output.set_pattern("%Y-%m-%d %H:%M:%S.%e %v");
-        output.set_error_handler([](const std::string&) {});
+        : highest(level), writer_(std::make_unique<ConsoleWriter>().release()) {}
+    ~Console() {
+        if (ConsoleWriter* const last = writer_; last->isLeftBehind()) {
+            leak(last);
+        } else {
+            delete last;
+        }
+    }
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    /// In a forked child a new one: the lock of the parent's may be held for ever.
+    ConsoleWriter& writer() {
+        ConsoleWriter* known = writer_;
+        if (!known->isLeftBehind()) {
+            return *known;
+        }
+        auto fresh = std::make_unique<ConsoleWriter>();
+        if (!writer_.compare_exchange_strong(known, fresh.get())) {
+            return *known;
+        }
+        leak(known);
+        return *fresh.release();
     }
 
     /// What matters less is not written.
     std::atomic<ILogger::LogLevel> highest;
-    spdlog::logger output;
+
+  private:
+    /// Held for ever, in a list so that leak checkers find it.
+    static void leak(ConsoleWriter* writer) {
+        static std::atomic<ConsoleWriter*> newest;
+        writer->leftBehind = newest.exchange(writer);
+    }
+
+    /// Owned; never null.
+    std::atomic<ConsoleWriter*> writer_;
 };
 
 class TimedConsoleLoggerFactory::Console::Logger : public ILogger {
@@ -80,9 +78,8 @@ class TimedConsoleLoggerFactory::Console::Logger : public ILogger {
             return;
         }
         try {
-            const auto line = levelName(known) + (" " + name_) + ": " + toConsoleText(message);
-            const PipeSignalHeldBack heldBack;
-            console_->output.log(spdlog::level::info, line);
+            console_->writer().write(levelName(known) + (" " + name_) + ": " +
+                                     toConsoleText(message));
         } catch (...) {
             // The line is lost.
         }
@@ -108,7 +105,7 @@ std::shared_ptr<ILogger> TimedConsoleLoggerFactory::createLogger(const std::stri
 }
 
 void TimedConsoleLoggerFactory::flush() {
-    console_->output.flush();
+    console_->writer().flush();
 }
 
 ILogger::LogLevel TimedConsoleLoggerFactory::getLogLevel() const {
