@@ -1,6 +1,6 @@
 # What every target of this project has in common, and the options of the whole build.
 
-option(ORVX_WERROR "Treat warnings as errors" ${ORVX_TOP_LEVEL})
+option(ORVX_WERROR "Treat warnings as errors" OFF)
 set(ORVX_SANITIZE "" CACHE STRING "Sanitizers for everything, e.g. address,undefined or thread")
 option(ORVX_COVERAGE "Instrument for line coverage" OFF)
 set(ORVX_EXPORTS "${CMAKE_CURRENT_LIST_DIR}/Exports.map")

@@ -153,8 +153,8 @@ void Connection::record(const Request& request, const std::optional<Response>& r
 }
 
 void Connection::refuse(Error error) {
-    static const auto& httpErrors = make_error_code(http::error::bad_method).category();
-    if (error.category() != httpErrors || error == http::error::end_of_stream) {
+    static const Error kHttpError = http::error::bad_method;
+    if (error.category() != kHttpError.category() || error == http::error::end_of_stream) {
         return;  // gone, too slow, or closed by us
     }
     auto status = http::status::bad_request;
