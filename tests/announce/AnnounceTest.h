@@ -5,6 +5,7 @@
 #include "Road.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <csignal>

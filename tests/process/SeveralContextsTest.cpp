@@ -5,6 +5,8 @@
 #include "Process.h"
 #include "RoadTest.h"
 
+#include <nlohmann/json.hpp>
+
 #include <thread>
 #include <vector>
 

@@ -8,6 +8,7 @@
 
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
 

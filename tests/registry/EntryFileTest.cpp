@@ -5,6 +5,7 @@
 #include "EntryFile.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <fstream>
 #include <iterator>

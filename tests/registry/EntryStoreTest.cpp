@@ -5,6 +5,7 @@
 #include "EntryStore.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <set>
 #include <string>

@@ -5,6 +5,7 @@
 #include "Faults.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <stdexcept>
 #include <string>

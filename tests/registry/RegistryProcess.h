@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -14,8 +13,10 @@ namespace orvx::registry {
 /// Thread-safety: none.
 class RegistryProcess : public ChildProcess {
   public:
-    explicit RegistryProcess(std::vector<std::string> arguments)
-        : ChildProcess(ORVX_REGISTRY_PROGRAM, std::move(arguments)) {}
+    explicit RegistryProcess(std::vector<std::string> arguments);
+
+    /// Where the program lies.
+    static std::string path();
 
     /// The port in its first line, when that is there.
     std::uint16_t port() {

@@ -225,7 +225,7 @@ TEST_F(TheTool, SaysWhenItsStoreCannotBeWrittenAndChangesNothingThen) {
 
 /// The program where no file can grow, as on a full disk.
 ChildProcess startedOnAFullDisk(const std::string& store) {
-    return ChildProcess("/bin/sh", {"-c", "ulimit -f 0; exec \"$@\"", "sh", ORVX_REGISTRY_PROGRAM,
+    return ChildProcess("/bin/sh", {"-c", "ulimit -f 0; exec \"$@\"", "sh", RegistryProcess::path(),
                                     "--port", "0", "--store", store});
 }
 

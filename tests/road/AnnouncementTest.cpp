@@ -2,6 +2,8 @@
 // Threads: the test's, the client's three and the registry's; they share sockets and journals.
 #include "RoadTest.h"
 
+#include <nlohmann/json.hpp>
+
 namespace orvx::serviceregistryclient {
 namespace {
 

@@ -3,6 +3,8 @@
 #include "RegistryProcess.h"
 #include "RoadTest.h"
 
+#include <nlohmann/json.hpp>
+
 #include <csignal>
 #include <filesystem>
 #include <iterator>

@@ -4,6 +4,8 @@
 
 #include <orvx/common/XObject.h>
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <future>
 #include <stdexcept>

@@ -5,7 +5,7 @@
 
 #include <serviceregistryclient/IOrvServiceRegistryClient.h>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <cstdint>
 #include <functional>

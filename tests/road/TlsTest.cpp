@@ -8,6 +8,8 @@
 
 #include <orvx/utility/OrvFoundationException.h>
 
+#include <nlohmann/json.hpp>
+
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>

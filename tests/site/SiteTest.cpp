@@ -6,6 +6,8 @@
 #include "RoadTest.h"
 #include "Site.h"
 
+#include <nlohmann/json.hpp>
+
 #include <filesystem>
 #include <set>
 

@@ -12,7 +12,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-const Response ok(Response::OK, Response::NONE);
 const Response failed(Response::ERROR, Response::SERVICE_REGISTRY_ERROR);
 
 /// Runs what it is given on threads of its own, a share on each; ends with them.

@@ -8,8 +8,6 @@ using std::chrono::milliseconds;
 using testing::neverReturns;
 using testing::Report;
 
-const Response ok(Response::OK, Response::NONE);
-
 /// Calls `report` with the last of `count` calls of the function that it returns.
 std::function<void()> countdown(int count, Report report) {
     return [count, report = std::move(report)]() mutable {

@@ -28,6 +28,8 @@ using ServiceCallback = IOrvServiceRegistryClient::ServiceCallback;
 using ServiceSet = IOrvServiceRegistryClient::ServiceSet;
 using Handle = IOrvServiceRegistryClient::UnregisterHandle;
 
+inline const Response ok(Response::OK, Response::NONE);
+
 /// A service without a name is refused by the client itself, on its callback thread.
 inline Service service(const std::string& name = "") {
     return std::make_shared<common::ServiceCreate>(std::make_unique<common::XObject>("", name, ""));

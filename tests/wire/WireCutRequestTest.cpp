@@ -11,16 +11,16 @@ namespace {
 using ::testing::AnyOf;
 using ::testing::Values;
 
-struct End {
+struct Disconnect {
     std::string name;
     Script& (Script::*step)();
 };
 
-void PrintTo(const End& end, std::ostream* stream) {
-    *stream << end.name;
+void PrintTo(const Disconnect& disconnect, std::ostream* stream) {
+    *stream << disconnect.name;
 }
 
-class ARequestOnItsWay : public KindTest, public ::testing::WithParamInterface<End> {
+class ARequestOnItsWay : public KindTest, public ::testing::WithParamInterface<Disconnect> {
   protected:
     static auto isBroken() {
         return AnyOf(refused("CONNECT_FAILED"), refused("SEND_FAILED"), refused("RECEIVE_FAILED"));
@@ -34,7 +34,8 @@ class ARequestOnItsWay : public KindTest, public ::testing::WithParamInterface<E
 };
 
 INSTANTIATE_TEST_SUITE_P(EachByte, ARequestOnItsWay,
-                         Values(End{"Closed", &Script::close}, End{"Reset", &Script::reset}),
+                         Values(Disconnect{"Closed", &Script::close},
+                                Disconnect{"Reset", &Script::reset}),
                          [](const auto& test) { return test.param.name; });
 
 TEST_P(ARequestOnItsWay, ForARegistrationFailsOnce) {

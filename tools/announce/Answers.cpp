@@ -3,6 +3,8 @@
 
 #include "Answers.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 
 #include "Report.h"

@@ -4,7 +4,7 @@
 
 #include <orvx/communication/ClientStatistics.h>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <string>
 

@@ -3,7 +3,7 @@
 #include <boost/beast/http/verb.hpp>
 #include <chrono>
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>

@@ -1,0 +1,14 @@
+# Compiles through ccache where it is installed, so that a clone in another folder of this machine finds
+# the objects of the first one: paths below the sources count from there.
+find_program(ORVX_CCACHE ccache)
+mark_as_advanced(ORVX_CCACHE)
+if(ORVX_TOP_LEVEL AND ORVX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER env
+    CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}
+    CCACHE_NOHASHDIR=true
+    CCACHE_SLOPPINESS=pch_defines,time_macros
+    ${ORVX_CCACHE})
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_LAUNCHER)
+  add_compile_options("SHELL:-Xclang -fno-pch-timestamp")  # a cached precompiled header is newer
+endif()

@@ -1,0 +1,2 @@
+// The program that the precompiled header of all test programs belongs to.
+int main() {}
