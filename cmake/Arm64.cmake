@@ -1,0 +1,12 @@
+# Cross-compiles for arm64 against the Debian root ORVX_ARM64_ROOT, a cache variable, and runs programs of
+# the build with qemu. See tests/platforms/arm64.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ORVX_ARM64_ROOT)
+set(CMAKE_SYSROOT "${ORVX_ARM64_ROOT}")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static -L "${ORVX_ARM64_ROOT}")
