@@ -10,7 +10,7 @@ namespace {
 using ACollection = RoadTest;
 using Locations = std::map<std::string, std::string>;
 
-constexpr int kCount = 200;
+constexpr int kLamps = 200;
 
 /// The location of each entry, by the name of its service.
 Locations locationsIn(const json& entries) {
@@ -23,7 +23,7 @@ Locations locationsIn(const json& entries) {
 
 TEST_F(ACollection, IsRegisteredAndWithdrawnInOneCallEach) {
     start();
-    const auto lamps = services("lamp", kCount);
+    const auto lamps = services("lamp", kLamps);
     const auto [allRegistered, results] =
         client().registerServicesAtRegistry(at(registry.port()), lamps);
     EXPECT_TRUE(allRegistered);
@@ -33,7 +33,7 @@ TEST_F(ACollection, IsRegisteredAndWithdrawnInOneCallEach) {
         EXPECT_EQ(lamps.count(std::static_pointer_cast<common::ServiceCreate>(lamp)), 1U);
         told[lamp->getName()] = result.response.httpResponse->getLocation().value_or("none");
     }
-    EXPECT_EQ(told.size(), std::size_t{kCount});
+    EXPECT_EQ(told.size(), std::size_t{kLamps});
     EXPECT_EQ(told, locationsIn(entries()));
 
     const auto [allWithdrawn, withdrawals] = client().unregisterAllServicesFromRegistry();

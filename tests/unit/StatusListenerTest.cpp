@@ -7,13 +7,13 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using Model = std::shared_ptr<const common::ServiceModel>;
+using ConstModel = std::shared_ptr<const common::ServiceModel>;
 
 class TheStatusListener : public ClientTest {
   protected:
     /// A listener that adds its own name to `told`.
     IOrvServiceRegistryClient::StatusListener named(const std::string& name) {
-        return [this, name](const Model&, bool) { told.push_back(name); };
+        return [this, name](const ConstModel&, bool) { told.push_back(name); };
     }
     simulation::Request dueHead() {
         world.advance(context.getCheckInterval());
@@ -68,11 +68,11 @@ TEST_F(TheStatusListener, IsToldBeforeTheCallbacks) {
 
 TEST_F(TheStatusListener, GetsTheLiveDescription) {
     start();
-    std::vector<Model> models;
+    std::vector<ConstModel> models;
     client().addServiceRegisterStatusListener(
-        [&models](const Model& model, bool) { models.push_back(model); });
+        [&models](const ConstModel& model, bool) { models.push_back(model); });
     const Handle withdraw = registered("echo", "abc");
-    const Model live = access().service(1);
+    const ConstModel live = access().service(1);
     dueHead().answer(404);
     world.settle();
     EXPECT_EQ(models.at(0)->getId(), "");
@@ -89,7 +89,7 @@ TEST_F(TheStatusListener, IsDroppedWhenAnotherIsSet) {
     auto owned = std::make_shared<int>();
     const std::weak_ptr<int> watched = owned;
     client().addServiceRegisterStatusListener(
-        [this, owned = std::move(owned)](const Model&, bool) { told.emplace_back("first"); });
+        [this, owned = std::move(owned)](const ConstModel&, bool) { told.emplace_back("first"); });
     client().addServiceRegisterStatusListener(named("second"));
     EXPECT_TRUE(watched.expired());
     registered("echo", "abc");
@@ -101,7 +101,9 @@ TEST_F(TheStatusListener, IsRemovedByItsRemover) {
     auto owned = std::make_shared<int>();
     const std::weak_ptr<int> watched = owned;
     const auto remove = client().addServiceRegisterStatusListener(
-        [this, owned = std::move(owned)](const Model&, bool) { told.emplace_back("removed"); });
+        [this, owned = std::move(owned)](const ConstModel&, bool) {
+            told.emplace_back("removed");
+        });
     remove();
     EXPECT_TRUE(watched.expired());
     remove();
@@ -160,9 +162,9 @@ TEST_F(TheStatusListener, OfTheTimeOfANotificationGetsIt) {
 TEST_F(TheStatusListener, MayReplaceAndRemoveItselfWhileItIsTold) {
     start();
     std::function<void()> remove;
-    remove = client().addServiceRegisterStatusListener([&](const Model&, bool) {
+    remove = client().addServiceRegisterStatusListener([&](const ConstModel&, bool) {
         told.emplace_back("first");
-        client().addServiceRegisterStatusListener([&](const Model&, bool) {
+        client().addServiceRegisterStatusListener([&](const ConstModel&, bool) {
             told.emplace_back("second");
             remove();
         });
