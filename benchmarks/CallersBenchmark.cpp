@@ -58,6 +58,7 @@ std::vector<double> withManyOutstanding(const Requests& requests) {
 
 int main(int argc, char** argv) {
     using namespace orvx::benchmarks;
+    useFirstProcessor();
     const std::size_t rounds = argument(argc, argv, 1, 5);
     const Requests requests(kCalls);
     std::vector<double> medians;

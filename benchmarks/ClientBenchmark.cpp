@@ -1,7 +1,7 @@
 // The whole library, from the call to the user's callback, with the listener set: registrations,
 // checks and withdrawals beside the same requests through libcurl alone.
 // The main thread asks and waits; callbacks run on the client's callback thread and only count.
-// Usage: orvx_bench_client [ROUNDS [SERVICES]]
+// Usage: orvx_bench_client [ROUNDS [SERVICES [tls]]]
 
 #include "ClientLoad.h"
 #include "Measure.h"
@@ -12,6 +12,7 @@
 #include <array>
 #include <chrono>
 #include <optional>
+#include <string_view>
 
 namespace orvx::benchmarks {
 
@@ -22,7 +23,8 @@ using Round = std::array<double, 3>;
 
 class ClientBenchmark {
   public:
-    explicit ClientBenchmark(std::size_t services) : requests_(services) {
+    ClientBenchmark(std::size_t services, Transport transport)
+        : transport_(transport), requests_(services) {
         context_.client().addServiceRegisterStatusListener(
             [this](const auto&, bool) { ++notifications_; });
     }
@@ -30,7 +32,7 @@ class ClientBenchmark {
     /// Empty when the machine was so busy that the first check began too early or the second one
     /// before the end: then other work is in the figures.
     std::optional<Round> measure() {
-        ClientLoad load(context_.client(), server_.port());
+        ClientLoad load(context_.client(), server_.address(transport_).port);
         const double put = yardsticks_.curl(Method::Put);
         const double head = yardsticks_.curl(Method::Head);
         const std::uint64_t heads = server_.heads() + requests_.size();
@@ -55,11 +57,12 @@ class ClientBenchmark {
         });
     }
 
+    const Transport transport_;
     ServerProcess server_;
     const Requests requests_;
-    const Yardsticks yardsticks_{server_.port(), kConnections, requests_};
+    const Yardsticks yardsticks_{server_.address(transport_), kConnections, requests_};
     std::size_t notifications_ = 0;
-    RunningContext context_{std::chrono::seconds(1)};
+    RunningContext context_{std::chrono::seconds(1), transport_};
 };
 
 }  // namespace
@@ -70,7 +73,9 @@ int main(int argc, char** argv) {
     using namespace orvx::benchmarks;
     const std::size_t rounds = argument(argc, argv, 1, 11);
     useFirstProcessor();
-    ClientBenchmark benchmark(argument(argc, argv, 2, 1000));
+    const bool isTls = argc > 3 && argv[3] == std::string_view("tls");
+    ClientBenchmark benchmark(argument(argc, argv, 2, 1000),
+                              isTls ? Transport::Tls : Transport::Plain);
     benchmark.measure();  // Opens connections.
     std::array<std::vector<double>, 3> ratios;
     for (std::size_t tries = 0; ratios[0].size() < rounds; ++tries) {

@@ -1,15 +1,20 @@
-// The communication library alone, from submitting a request to its handler, beside libcurl alone
-// and the kernel alone, at several numbers of connections. The main thread submits and waits;
-// handlers run on the library's I/O thread and only count. Usage: orvx_bench_communication [ROUNDS
-// [REQUESTS]]
+// The communication library alone, from submitting a request to its handler, against libcurl alone:
+// at several numbers of connections, and over TLS; and the same requests in other ways, against the
+// same yardstick. The main thread submits and waits; handlers run on the library's I/O thread and
+// only count. Usage: orvx_bench_communication [ROUNDS [REQUESTS]]
 
 #include "Measure.h"
+#include "RunningContext.h"
 #include "ServerProcess.h"
 #include "Yardsticks.h"
 
 #include <orvx/communication/OrvClientCommunicationContext.h>
 
+#include <array>
 #include <atomic>
+#include <functional>
+#include <string>
+#include <utility>
 
 namespace orvx::benchmarks {
 
@@ -20,13 +25,13 @@ using communication::HttpResponse;
 /// The library, in the way that the yardsticks are used.
 class LibraryLoop {
   public:
-    LibraryLoop(std::uint16_t port, std::size_t connections) {
-        communication::HttpConfig config;
-        config.connectionsPerEndpoint = connections;
+    LibraryLoop(const Address& server, std::size_t connections) {
+        const auto config = httpConfig(connections, server.transport);
         context_.setHttpConfig(config);
         context_.init();
-        session_ = context_.getClientHttpFactory().createSession(
-            "127.0.0.1", port, config, context_.getHealthCheck(), context_.getClientStatistics());
+        session_ = context_.getClientHttpFactory().createSession("127.0.0.1", server.port, config,
+                                                                 context_.getHealthCheck(),
+                                                                 context_.getClientStatistics());
     }
 
     void run(Method method, const Requests& requests) {
@@ -72,38 +77,86 @@ class LibraryLoop {
     std::shared_ptr<communication::IClientHttpSession> session_;
 };
 
-const char* nameOf(Method method) {
+std::string nameOf(Method method) {
     return method == Method::Put ? "PUT" : method == Method::Head ? "HEAD" : "DELETE";
 }
 
-void measure(Method method, std::uint16_t port, std::size_t connections, std::size_t rounds,
-             const Requests& requests) {
-    const Yardsticks yardsticks(port, connections, requests);
-    LibraryLoop library(port, connections);
-    std::vector<double> ratios;
-    std::vector<double> floorRatios;
-    std::vector<double> costs;
-    std::vector<double> curlCosts;
-    for (std::size_t round = 0; round <= rounds; ++round) {
-        // What is measured stands between two measurements of the yardstick.
+/// The cost of what is measured, and of the yardstick right before and right after it.
+class Ratio {
+  public:
+    explicit Ratio(std::string name) : name_(std::move(name)) {}
+
+    void measure(const Yardsticks& yardsticks, Method method, const std::function<double()>& cost) {
         const double before = yardsticks.curl(method);
-        const double own = cpuPer(requests.size(), [&] { library.run(method, requests); });
-        const double kernel = yardsticks.floor(method);
+        const double own = cost();
         const double yardstick = (before + yardsticks.curl(method)) / 2;
-        if (round > 0) {  // The first one opens connections.
-            ratios.push_back(own / yardstick);
-            floorRatios.push_back(kernel / yardstick);
-            costs.push_back(own);
-            curlCosts.push_back(yardstick);
+        ratios_.push_back(own / yardstick);
+        costs_.push_back(own);
+        yardsticks_.push_back(yardstick);
+    }
+    void print() const {
+        Line(name_)
+            .add("ratio", ratios_)
+            .add("microseconds", costs_)
+            .add("yardstick", yardsticks_)
+            .print();
+    }
+
+  private:
+    const std::string name_;
+    std::vector<double> ratios_;
+    std::vector<double> costs_;
+    std::vector<double> yardsticks_;
+};
+
+class CommunicationBenchmark {
+  public:
+    CommunicationBenchmark(std::size_t rounds, std::size_t requests)
+        : rounds_(rounds), requests_(requests) {}
+
+    void measureLibrary(Transport transport, std::size_t connections) const {
+        const Address address = server_.address(transport);
+        const Yardsticks yardsticks(address, connections, requests_);
+        LibraryLoop library(address, connections);
+        for (const Method method : kMethods) {
+            library.run(method, requests_);  // Opens the connections.
+            Ratio ratio(nameOf(method) + (", " + std::to_string(connections) + " connections") +
+                        (transport == Transport::Tls ? ", TLS" : ""));
+            for (std::size_t round = 0; round < rounds_; ++round) {
+                ratio.measure(yardsticks, method, [&] {
+                    return cpuPer(requests_.size(), [&] { library.run(method, requests_); });
+                });
+            }
+            ratio.print();
         }
     }
-    Line(std::string(nameOf(method)) + ", " + std::to_string(connections) + " connections")
-        .add("ratio", ratios)
-        .add("floor", floorRatios)
-        .add("microseconds", costs)
-        .add("yardstick", curlCosts)
-        .print();
-}
+
+    void measureOthers() const {
+        using Kind = Yardsticks::Kind;
+        const Yardsticks yardsticks(server_.address(), kConnections, requests_);
+        for (const auto& [kind, name] : {std::pair(Kind::Kernel, "kernel"),
+                                         {Kind::Httplib, "cpp-httplib"},
+                                         {Kind::Easy, "libcurl easy"},
+                                         {Kind::Threads, "one thread a connection"}}) {
+            for (const Method method : kMethods) {
+                yardsticks.cost(kind, method);  // Opens the connections.
+                Ratio ratio(nameOf(method) + std::string(", ") + name);
+                for (std::size_t round = 0; round < rounds_; ++round) {
+                    ratio.measure(yardsticks, method,
+                                  [&, kind = kind] { return yardsticks.cost(kind, method); });
+                }
+                ratio.print();
+            }
+        }
+    }
+
+  private:
+    static constexpr std::array kMethods{Method::Put, Method::Head, Method::Delete};
+
+    const std::size_t rounds_;
+    const ServerProcess server_;
+    const Requests requests_;
+};
 
 }  // namespace
 
@@ -111,13 +164,12 @@ void measure(Method method, std::uint16_t port, std::size_t connections, std::si
 
 int main(int argc, char** argv) {
     using namespace orvx::benchmarks;
-    const std::size_t rounds = argument(argc, argv, 1, 11);
-    const Requests requests(argument(argc, argv, 2, 2000));
     useFirstProcessor();
-    const ServerProcess server;
+    const CommunicationBenchmark benchmark(argument(argc, argv, 1, 11),
+                                           argument(argc, argv, 2, 2000));
     for (const std::size_t connections : {4U, 16U, 64U}) {
-        for (const Method method : {Method::Put, Method::Head, Method::Delete}) {
-            measure(method, server.port(), connections, rounds, requests);
-        }
+        benchmark.measureLibrary(Transport::Plain, connections);
     }
+    benchmark.measureLibrary(Transport::Tls, kConnections);
+    benchmark.measureOthers();
 }

@@ -108,7 +108,7 @@ class ServicesBenchmark {
     std::atomic<std::size_t> lost_{0};
     Countdown recovered_;
     ServerProcess server_;
-    const Yardsticks yardsticks_{server_.port(), kConnections, sample_};
+    const Yardsticks yardsticks_{server_.address(), kConnections, sample_};
     std::uint64_t heads_ = server_.heads();
     RunningContext context_;
     ClientLoad load_{context_.client(), server_.port()};

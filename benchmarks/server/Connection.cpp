@@ -3,6 +3,7 @@
 
 #include "Connection.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,11 +24,23 @@ std::size_t bodyLength(std::string_view head) {
 
 }  // namespace
 
+Connection::Connection(int socket, SSL_CTX* tls)
+    : socket_(socket), ssl_(tls != nullptr ? SSL_new(tls) : nullptr) {
+    if (ssl_) {
+        ::fcntl(socket, F_SETFL, O_NONBLOCK);
+        SSL_set_fd(ssl_.get(), socket);
+        SSL_set_accept_state(ssl_.get());
+    }
+}
+
 Connection::~Connection() {
     ::close(socket_);
 }
 
 bool Connection::receive() {
+    if (ssl_) {
+        return receiveDecrypted();
+    }
     const auto got =
         ::recv(socket_, bytes_.data() + filled_, bytes_.size() - filled_, MSG_DONTWAIT);
     if (got < 0) {
@@ -35,6 +48,18 @@ bool Connection::receive() {
     }
     filled_ += static_cast<std::size_t>(got);
     return got > 0;
+}
+
+bool Connection::receiveDecrypted() {
+    for (;;) {
+        std::size_t got = 0;
+        const int result =
+            SSL_read_ex(ssl_.get(), bytes_.data() + filled_, bytes_.size() - filled_, &got);
+        if (result != 1) {
+            return SSL_get_error(ssl_.get(), result) == SSL_ERROR_WANT_READ;
+        }
+        filled_ += got;
+    }
 }
 
 std::string_view Connection::request() const {
@@ -50,6 +75,11 @@ std::string_view Connection::request() const {
 }
 
 void Connection::send(std::string_view answer) const {
+    if (ssl_) {
+        std::size_t sent = 0;
+        SSL_write_ex(ssl_.get(), answer.data(), answer.size(), &sent);
+        return;
+    }
     [[maybe_unused]] const auto sent =
         ::send(socket_, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <openssl/ssl.h>
+
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <string_view>
 
 namespace orvx::benchmarks {
@@ -9,7 +12,8 @@ namespace orvx::benchmarks {
 /// The bytes of one connection that no request has been made of yet. Requests come one at a time.
 class Connection {
   public:
-    explicit Connection(int socket) : socket_(socket) {}
+    /// `tls` is null without TLS.
+    Connection(int socket, SSL_CTX* tls);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -23,7 +27,14 @@ class Connection {
     void send(std::string_view answer) const;
 
   private:
+    struct SslDeleter {
+        void operator()(SSL* ssl) const { SSL_free(ssl); }
+    };
+
+    bool receiveDecrypted();
+
     const int socket_;
+    const std::unique_ptr<SSL, SslDeleter> ssl_;
     std::size_t filled_ = 0;
     std::array<char, 8192> bytes_{};
 };

@@ -29,24 +29,36 @@ std::string_view pathOf(std::string_view request) {
 
 }  // namespace
 
-Server::Server() : listener_(::socket(AF_INET, SOCK_STREAM, 0)), epoll_(::epoll_create1(0)) {
+Server::Listener::Listener() : socket(::socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto* const any = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener_, any, size) != 0 || ::listen(listener_, 1024) != 0 ||
-        ::getsockname(listener_, any, &size) != 0) {
+    if (::bind(socket, any, size) != 0 || ::listen(socket, 1024) != 0 ||
+        ::getsockname(socket, any, &size) != 0) {
         throw std::runtime_error("cannot listen");
     }
-    port_ = ntohs(address.sin_port);
-    watch(listener_);
+    port = ntohs(address.sin_port);
+}
+
+Server::Listener::~Listener() {
+    ::close(socket);
+}
+
+Server::Server(const char* certificateFile, const char* keyFile)
+    : tls_(SSL_CTX_new(TLS_server_method())), epoll_(::epoll_create1(0)) {
+    if (SSL_CTX_use_certificate_file(tls_.get(), certificateFile, SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_PrivateKey_file(tls_.get(), keyFile, SSL_FILETYPE_PEM) != 1) {
+        throw std::runtime_error("no certificate");
+    }
+    watch(plain_.socket);
+    watch(secure_.socket);
     watch(STDIN_FILENO);
 }
 
 Server::~Server() {
     ::close(epoll_);
-    ::close(listener_);
 }
 
 void Server::run() {
@@ -58,8 +70,8 @@ void Server::run() {
             if (descriptor == STDIN_FILENO) {
                 return;
             }
-            if (descriptor == listener_) {
-                accept();
+            if (descriptor == plain_.socket || descriptor == secure_.socket) {
+                accept(descriptor);
             } else {
                 serve(descriptor);
             }
@@ -74,12 +86,12 @@ void Server::watch(int descriptor) const {
     ::epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event);
 }
 
-void Server::accept() {
-    const int socket = ::accept(listener_, nullptr, nullptr);
+void Server::accept(int listener) {
+    const int socket = ::accept(listener, nullptr, nullptr);
     if (socket >= 0) {
         const int on = 1;
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        connections_.try_emplace(socket, socket);
+        connections_.try_emplace(socket, socket, listener == secure_.socket ? tls_.get() : nullptr);
         watch(socket);
     }
 }

@@ -9,27 +9,41 @@
 
 namespace orvx::benchmarks {
 
-/// A registry that costs next to nothing and remembers nothing: PUT is answered with 201 and a
-/// location made of the last segment of its path, DELETE with 200, HEAD with 200, or with 404 while
-/// it acts as if it had lost everything.
+/// A registry, with and without TLS, that costs next to nothing and remembers nothing: PUT is
+/// answered with 201 and a location made of the last segment of its path, DELETE with 200, HEAD
+/// with 200, or with 404 while it acts as if it had lost everything.
 ///
 /// Its orders: GET /lose and GET /found; GET /heads/N, which is answered when it has got N HEADs;
 /// GET /counts, which is answered with the numbers of PUTs, HEADs and DELETEs.
 class Server {
   public:
-    /// Listens at a free port of 127.0.0.1.
-    Server();
+    /// Listens at two free ports of 127.0.0.1. The files are in PEM.
+    Server(const char* certificateFile, const char* keyFile);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const { return plain_.port; }
+    std::uint16_t tlsPort() const { return secure_.port; }
     /// Until standard input is at its end.
     void run();
 
   private:
+    struct Listener {
+        Listener();
+        ~Listener();
+        Listener(const Listener&) = delete;
+        Listener& operator=(const Listener&) = delete;
+
+        const int socket;
+        std::uint16_t port = 0;
+    };
+    struct TlsDeleter {
+        void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+    };
+
     void watch(int descriptor) const;
-    void accept();
+    void accept(int listener);
     void serve(int socket);
     void answer(const Connection& connection, std::string_view request);
     void answerPut(const Connection& connection, std::string_view path);
@@ -37,9 +51,10 @@ class Server {
     void answerOrder(const Connection& connection, std::string_view path);
     void answerText(const Connection& connection, const std::string& text) const;
 
-    int listener_;
-    int epoll_;
-    std::uint16_t port_ = 0;
+    const std::unique_ptr<SSL_CTX, TlsDeleter> tls_;
+    Listener plain_;
+    Listener secure_;
+    const int epoll_;
     std::unordered_map<int, Connection> connections_;
     std::string answer_;
     bool hasLost_ = false;

@@ -1,16 +1,20 @@
-// The benchmark server as a program: prints its port in a line and serves until its standard input
-// ends.
+// The benchmark server as a program: prints its ports, without and with TLS, in a line and serves
+// until its standard input ends. Usage: orvx_bench_server CERTIFICATE KEY
 // One thread.
 
 #include "Server.h"
 
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 
-int main() {
+int main(int argc, char** argv) {
     try {
-        orvx::benchmarks::Server server;
-        std::cout << server.port() << std::endl;
+        if (argc != 3) {
+            throw std::invalid_argument("usage: orvx_bench_server CERTIFICATE KEY");
+        }
+        orvx::benchmarks::Server server(argv[1], argv[2]);
+        std::cout << server.port() << ' ' << server.tlsPort() << std::endl;
         server.run();
         return 0;
     } catch (const std::exception& error) {

@@ -29,18 +29,40 @@ double each(std::size_t count, duration<double, std::micro> all) {
     return all.count() / static_cast<double>(count);
 }
 
-void useProcessor(bool first) {
+cpu_set_t processorsOf(pid_t process) {
     cpu_set_t allowed;
-    ::sched_getaffinity(0, sizeof allowed, &allowed);
-    int chosen = -1;
+    require(::sched_getaffinity(process, sizeof allowed, &allowed) == 0, "no such process");
+    return allowed;
+}
+
+struct Processors {
+    int first = -1;
+    int last = -1;
+};
+
+Processors readProcessors() {
+    const cpu_set_t allowed = processorsOf(0);
+    Processors read;
     for (int i = 0; i < CPU_SETSIZE; ++i) {
-        if (CPU_ISSET(i, &allowed) && (chosen < 0 || !first)) {
-            chosen = i;
+        if (CPU_ISSET(i, &allowed)) {
+            read.first = read.first < 0 ? i : read.first;
+            read.last = i;
         }
     }
+    return read;
+}
+
+/// Read once, before anything narrows what this process may use: a child inherits the narrow mask.
+const Processors& processors() {
+    static const Processors atTheBeginning = readProcessors();
+    return atTheBeginning;
+}
+
+void useProcessor(int processor) {
+    cpu_set_t allowed;
     CPU_ZERO(&allowed);
-    CPU_SET(chosen, &allowed);
-    ::sched_setaffinity(0, sizeof allowed, &allowed);
+    CPU_SET(processor, &allowed);
+    require(::sched_setaffinity(0, sizeof allowed, &allowed) == 0, "a processor cannot be used");
 }
 
 }  // namespace
@@ -70,11 +92,21 @@ double wallPer(std::size_t count, const std::function<void()>& work) {
 }
 
 void useFirstProcessor() {
-    useProcessor(true);
+    require(processors().first != processors().last,
+            "client and server need a processor each, and there is only one");
+    useProcessor(processors().first);
 }
 
 void useLastProcessor() {
-    useProcessor(false);
+    useProcessor(processors().last);
+}
+
+bool shareProcessor(pid_t one, pid_t other) {
+    const cpu_set_t ofOne = processorsOf(one);
+    const cpu_set_t ofOther = processorsOf(other);
+    cpu_set_t ofBoth;
+    CPU_AND(&ofBoth, &ofOne, &ofOther);
+    return CPU_COUNT(&ofBoth) != 0;
 }
 
 double median(std::vector<double> samples) {

@@ -2,6 +2,8 @@
 
 #include <orvx/utility/Mutex.h>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -21,10 +23,12 @@ void settleHeap();
 /// What `work` took on the clock, in microseconds for each of `count`.
 double wallPer(std::size_t count, const std::function<void()>& work);
 
-/// Keeps this process, the threads that it will make included, on the first processor it may use,
-/// so that the server, on the last one, is not in its way.
+/// Keeps this process and the threads that it makes later on the first of the processors that it
+/// might use when it began. Throws when that was only one: the server has the last one.
 void useFirstProcessor();
 void useLastProcessor();
+/// Whether the two processes, 0 being this one, may run on the same processor.
+bool shareProcessor(pid_t one, pid_t other);
 
 double median(std::vector<double> samples);
 /// Of a sorted sample, `share` from 0 to 1.

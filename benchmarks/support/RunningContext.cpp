@@ -9,11 +9,19 @@ common::ServiceInfo registryAt(std::uint16_t port) {
     return {"registry", "127.0.0.1", port};
 }
 
-RunningContext::RunningContext(std::chrono::seconds checkInterval) {
+communication::HttpConfig httpConfig(std::size_t connections, Transport transport) {
     communication::HttpConfig http;
-    http.connectionsPerEndpoint = kConnections;
+    http.connectionsPerEndpoint = connections;
     http.requestTimeout = std::chrono::hours(1);
-    context_.setHttpConfig(http);
+    if (transport == Transport::Tls) {
+        http.tls.enabled = true;
+        http.tls.authorityFile = certificateFile();
+    }
+    return http;
+}
+
+RunningContext::RunningContext(std::chrono::seconds checkInterval, Transport transport) {
+    context_.setHttpConfig(httpConfig(kConnections, transport));
     context_.setCheckInterval(checkInterval);
     context_.setHeadTimeout(std::chrono::hours(1));
     context_.setLogLevel(utility::ILogger::LogLevel::Error);

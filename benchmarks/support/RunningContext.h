@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Transport.h"
+
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <orvx/common/ServiceInfo.h>
@@ -13,12 +15,15 @@ namespace orvx::benchmarks {
 inline constexpr std::size_t kConnections = 16;
 
 common::ServiceInfo registryAt(std::uint16_t port);
+/// With so many connections, over this transport; requests do not time out.
+communication::HttpConfig httpConfig(std::size_t connections, Transport transport);
 
 /// A context in use. It logs errors only, and its time-outs are longer than any benchmark: the
 /// check state is one for all services, so that a single passed head time-out would end checks.
 class RunningContext {
   public:
-    explicit RunningContext(std::chrono::seconds checkInterval);
+    explicit RunningContext(std::chrono::seconds checkInterval,
+                            Transport transport = Transport::Plain);
 
     serviceregistryclient::IOrvServiceRegistryClient& client() {
         return *context_.getServiceRegistryClient();

@@ -1,5 +1,5 @@
 // Starts the benchmark server, which lies beside the program that runs, and gives it orders over a
-// connection of its own.
+// connection of its own, always without TLS.
 // One thread, no lock.
 
 #include "ServerProcess.h"
@@ -13,8 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <filesystem>
+#include <string>
 
 namespace orvx::benchmarks {
 
@@ -24,7 +23,9 @@ namespace {
     useLastProcessor();
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
-    ::execl(program.c_str(), program.c_str(), nullptr);
+    const std::string certificate = certificateFile();
+    const std::string key = fileBesideProgram("key.pem");
+    ::execl(program.c_str(), program.c_str(), certificate.c_str(), key.c_str(), nullptr);
     ::_exit(127);
 }
 
@@ -42,8 +43,7 @@ int connectTo(std::uint16_t port) {
 }  // namespace
 
 ServerProcess::ServerProcess() {
-    const auto program =
-        std::filesystem::read_symlink("/proc/self/exe").replace_filename("orvx_bench_server");
+    const std::string program = fileBesideProgram("orvx_bench_server");
     std::array<int, 2> input{};
     std::array<int, 2> output{};
     require(::pipe2(input.data(), O_CLOEXEC) == 0 && ::pipe2(output.data(), O_CLOEXEC) == 0,
@@ -58,8 +58,11 @@ ServerProcess::ServerProcess() {
     std::array<char, 16> line{};
     require(::read(output[0], line.data(), line.size() - 1) > 0, "the server does not start");
     ::close(output[0]);
-    port_ = static_cast<std::uint16_t>(std::stoul(line.data()));
-    socket_ = connectTo(port_);
+    require(!shareProcessor(0, process_), "client and server must not share a processor");
+    std::size_t end = 0;
+    ports_[0] = static_cast<std::uint16_t>(std::stoul(line.data(), &end));
+    ports_[1] = static_cast<std::uint16_t>(std::stoul(line.data() + end));
+    socket_ = connectTo(ports_[0]);
 }
 
 ServerProcess::~ServerProcess() {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "Transport.h"
+
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -10,12 +13,16 @@ namespace orvx::benchmarks {
 /// The benchmark server, on a processor of its own, as long as this object lives.
 class ServerProcess {
   public:
+    /// Throws when this process may run on the server's processor: see useFirstProcessor().
     ServerProcess();
     ~ServerProcess();
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const { return ports_[0]; }
+    Address address(Transport transport = Transport::Plain) const {
+        return {ports_[static_cast<std::size_t>(transport)], transport};
+    }
 
     /// From here on, or up to here, it acts as if it had lost every entry.
     void lose() { ask("/lose"); }
@@ -31,7 +38,7 @@ class ServerProcess {
     pid_t process_ = 0;
     int end_ = -1;
     int socket_ = -1;
-    std::uint16_t port_ = 0;
+    std::array<std::uint16_t, 2> ports_{};
 };
 
 }  // namespace orvx::benchmarks

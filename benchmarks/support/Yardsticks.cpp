@@ -1,11 +1,12 @@
 // Forks a process that runs the yardsticks on demand and says what they cost.
-// One thread on either side, no lock.
+// One thread in this process; the other one has more only during a run of ThreadsPeer. No lock.
 
 #include "Yardsticks.h"
 
 #include "CurlLoop.h"
 #include "EpollLoop.h"
 #include "Measure.h"
+#include "Peers.h"
 
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,22 +16,66 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <optional>
 
 namespace orvx::benchmarks {
 
-Yardsticks::Yardsticks(std::uint16_t port, std::size_t connections, const Requests& requests) {
+namespace {
+
+/// Each is made when it is first used: an unused one opens no connection.
+class AllYardsticks {
+  public:
+    AllYardsticks(const Address& server, std::size_t connections, const Requests& requests)
+        : server_(server), connections_(connections), requests_(requests) {}
+
+    void run(Yardsticks::Kind kind, Method method) {
+        switch (kind) {
+            case Yardsticks::Kind::CurlLoop:
+                return run(curl_, method, server_, connections_);
+            case Yardsticks::Kind::Kernel:
+                return run(kernel_, method, server_.port, connections_);
+            case Yardsticks::Kind::Httplib:
+                return run(httplib_, method, server_);
+            case Yardsticks::Kind::Easy:
+                return run(easy_, method, server_);
+            case Yardsticks::Kind::Threads:
+                return run(threads_, method, server_, connections_);
+        }
+    }
+
+  private:
+    template <typename Yardstick, typename... Arguments>
+    void run(std::optional<Yardstick>& yardstick, Method method, const Arguments&... arguments) {
+        if (!yardstick) {
+            yardstick.emplace(arguments...);
+        }
+        yardstick->run(method, requests_);
+    }
+
+    const Address server_;
+    const std::size_t connections_;
+    const Requests& requests_;
+    std::optional<CurlLoop> curl_;
+    std::optional<EpollLoop> kernel_;
+    std::optional<HttplibPeer> httplib_;
+    std::optional<EasyPeer> easy_;
+    std::optional<ThreadsPeer> threads_;
+};
+
+}  // namespace
+
+Yardsticks::Yardsticks(const Address& server, std::size_t connections, const Requests& requests) {
     std::array<int, 2> sockets{};
     require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) == 0, "no pipe");
     process_ = ::fork();
     require(process_ >= 0, "no process");
     if (process_ == 0) {
         ::close(sockets[0]);
-        serve(sockets[1], port, connections, requests);
+        serve(sockets[1], server, connections, requests);
     }
     ::close(sockets[1]);
     socket_ = sockets[0];
     curl(Method::Head);  // Opens the connections.
-    floor(Method::Head);
 }
 
 Yardsticks::~Yardsticks() {
@@ -38,7 +83,8 @@ Yardsticks::~Yardsticks() {
     ::waitpid(process_, nullptr, 0);
 }
 
-double Yardsticks::ask(Order order) const {
+double Yardsticks::cost(Kind kind, Method method) const {
+    const Order order{kind, method};
     double cost = 0;
     require(::send(socket_, &order, sizeof order, MSG_NOSIGNAL) == sizeof order &&
                 ::recv(socket_, &cost, sizeof cost, MSG_WAITALL) == sizeof cost,
@@ -46,16 +92,13 @@ double Yardsticks::ask(Order order) const {
     return cost;
 }
 
-void Yardsticks::serve(int socket, std::uint16_t port, std::size_t connections,
+void Yardsticks::serve(int socket, const Address& server, std::size_t connections,
                        const Requests& requests) {
     try {
-        CurlLoop curl(port, connections);
-        EpollLoop floor(port, connections);
+        AllYardsticks yardsticks(server, connections, requests);
         for (Order order{}; ::recv(socket, &order, sizeof order, MSG_WAITALL) > 0;) {
-            const double cost = cpuPer(requests.size(), [&] {
-                order.isForCurl ? curl.run(order.method, requests)
-                                : floor.run(order.method, requests);
-            });
+            const double cost =
+                cpuPer(requests.size(), [&] { yardsticks.run(order.kind, order.method); });
             ::send(socket, &cost, sizeof cost, MSG_NOSIGNAL);
         }
         std::_Exit(0);

@@ -1,35 +1,44 @@
 #pragma once
 
 #include "Requests.h"
+#include "Transport.h"
 
 #include <sys/types.h>
 
-#include <cstdint>
+#include <cstddef>
 
 namespace orvx::benchmarks {
 
-/// libcurl alone and the kernel alone, in a process of their own: the heap of the one that they are
-/// compared with must not change what they cost.
+/// Other ways to send the same requests, in a process of their own: the heap of the library that
+/// they are compared with must not change their cost.
 class Yardsticks {
   public:
-    /// To be made while the process has one thread. What they send is `requests`.
-    Yardsticks(std::uint16_t port, std::size_t connections, const Requests& requests);
+    enum class Kind {
+        CurlLoop,  // libcurl's multi interface alone: the yardstick.
+        Kernel,    // One send and one recv a request: the floor. Without TLS.
+        Httplib,   // cpp-httplib, blocking, one connection. Without TLS.
+        Easy,      // libcurl's easy interface, blocking, one handle.
+        Threads,   // A thread for each connection, each with a handle as above.
+    };
+
+    /// Must be made while the process has one thread. Sends `requests`.
+    Yardsticks(const Address& server, std::size_t connections, const Requests& requests);
     ~Yardsticks();
     Yardsticks(const Yardsticks&) = delete;
     Yardsticks& operator=(const Yardsticks&) = delete;
 
-    /// Sends all requests; processor time of one, in microseconds.
-    double curl(Method method) const { return ask({true, method}); }
-    double floor(Method method) const { return ask({false, method}); }
+    /// Sends all requests; processor time of one, in microseconds. The first time includes opening
+    /// the connections.
+    double cost(Kind kind, Method method) const;
+    double curl(Method method) const { return cost(Kind::CurlLoop, method); }
 
   private:
     struct Order {
-        bool isForCurl;
+        Kind kind;
         Method method;
     };
 
-    double ask(Order order) const;
-    [[noreturn]] static void serve(int socket, std::uint16_t port, std::size_t connections,
+    [[noreturn]] static void serve(int socket, const Address& server, std::size_t connections,
                                    const Requests& requests);
 
     pid_t process_ = 0;

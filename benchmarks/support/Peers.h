@@ -1,0 +1,53 @@
+#pragma once
+
+#include "CurlRequest.h"
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace httplib {
+class Client;
+}
+
+namespace orvx::benchmarks {
+
+/// cpp-httplib as programs use it: one client, one connection, blocking. Without TLS.
+class HttplibPeer {
+  public:
+    explicit HttplibPeer(const Address& server);
+    ~HttplibPeer();
+
+    /// Sends the requests one after another. Throws unless each answer is right.
+    void run(Method method, const Requests& requests);
+
+  private:
+    const std::unique_ptr<httplib::Client> client_;
+};
+
+/// libcurl's easy interface as programs use it: one handle, one connection, blocking.
+class EasyPeer {
+  public:
+    explicit EasyPeer(const Address& server) : request_(server) {}
+
+    /// Sends every `step`-th request from `first` on, one after another. Throws unless each answer
+    /// is right.
+    void run(Method method, const Requests& requests, std::size_t first = 0, std::size_t step = 1);
+
+  private:
+    CurlRequest request_;
+};
+
+/// A thread for each connection, and a blocking handle of libcurl's for each thread.
+class ThreadsPeer {
+  public:
+    ThreadsPeer(const Address& server, std::size_t connections);
+
+    /// Shares the requests among the threads. Throws unless each answer is right.
+    void run(Method method, const Requests& requests);
+
+  private:
+    std::vector<std::unique_ptr<EasyPeer>> peers_;
+};
+
+}  // namespace orvx::benchmarks
