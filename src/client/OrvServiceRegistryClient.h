@@ -147,7 +147,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         const common::ServiceInfo& serviceInfo,
         const std::shared_ptr<common::ServiceCreate>& service, const ResponseCallback& callback)
         ORVX_EXCLUDES(mutex);
-    std::uint64_t storeRegistration(const std::shared_ptr<RequestContainer>& request,
+    std::uint64_t storeRegistration(const common::ServiceInfo& serviceInfo,
+                                    const std::shared_ptr<RequestContainer>& request,
                                     ResponseCallback callback, UnregisterHandle& handle)
         ORVX_EXCLUDES(mutex);
     void sendPutRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& request)

@@ -4,14 +4,52 @@
 
 #include <orvx/communication/QunaConnectionBackoffSequence.h>
 
-#include <optional>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
 namespace orvx::serviceregistryclient {
 
-/// Registry id and lowest request id of each record whose description has a registry id.
-using RegistryIdIndex = std::set<std::pair<std::string, std::uint64_t>>;
+/// Registry id and lowest request id of a record.
+using RegistryIdKey = std::pair<std::string, std::uint64_t>;
+
+/// Orders them with one comparison of texts each; a bare registry id stands before all its keys.
+struct RegistryIdOrder {
+    using is_transparent = void;
+
+    bool operator()(const RegistryIdKey& one, const RegistryIdKey& other) const {
+        const int order = one.first.compare(other.first);
+        return order < 0 || (order == 0 && one.second < other.second);
+    }
+    bool operator()(const RegistryIdKey& one, const std::string& registryId) const {
+        return one.first < registryId;
+    }
+};
+
+/// The records whose description has a registry id.
+using RegistryIdIndex = std::set<RegistryIdKey, RegistryIdOrder>;
+
+/// The request ids that lead to a record, in ascending order. One takes no memory of its own.
+class RequestIds {
+  public:
+    bool empty() const { return first_ == 0; }
+    std::uint64_t front() const { return first_; }
+    std::uint64_t back() const { return hasOthers() ? others_->back() : first_; }
+
+    /// Does nothing when it is there. What throws has changed nothing.
+    void insert(std::uint64_t id);
+    /// It must be there.
+    void erase(std::uint64_t id) noexcept;
+
+  private:
+    bool hasOthers() const { return others_ && !others_->empty(); }
+
+    std::uint64_t first_ = 0;  // 0 is no id.
+    std::unique_ptr<std::vector<std::uint64_t>> others_;
+};
 
 /// What a registration sends, to which registry. Immutable once built, but for the description's id
 /// and uri, which follow what the registry holds, and the way back to its record.
@@ -41,10 +79,10 @@ struct OrvServiceRegistryClient::RegistrationData {
     std::unique_ptr<CallbackList> unregisterCallbacks;
     std::uint32_t state = CREATED;
     bool wasRegistered = false;
-    /// The request ids that lead here, in ascending order, and its place in the index; kept by the
-    /// table.
-    std::vector<std::uint64_t> ids;
-    std::optional<RegistryIdIndex::iterator> place;
+    /// Whether it has a place in the index, and the request ids that lead here; kept by the table.
+    bool isIndexed = false;
+    RequestIds ids;
+    RegistryIdIndex::iterator place;
 
     /// Leaves the list, if there is one, empty.
     static Callbacks take(const std::unique_ptr<CallbackList>& list) {

@@ -7,7 +7,8 @@
 
 #include <algorithm>
 #include <new>
-#include <sstream>
+#include <ostream>
+#include <streambuf>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -38,11 +39,42 @@ void complete(ServiceCreate& service) {
     }
 }
 
+/// Appends what is written to a stream to a text.
+class TextBuffer : public std::streambuf {
+  public:
+    explicit TextBuffer(std::string& text) : text_(text) {}
+
+  private:
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override {
+        text_.append(bytes, static_cast<std::size_t>(count));
+        return count;
+    }
+    int_type overflow(int_type character) override {
+        text_ += traits_type::to_char_type(character);
+        return character;
+    }
+
+    std::string& text_;
+};
+
+// A string stream would cost five times as much.
 std::string toJson(const ServiceCreate& service) {
-    std::ostringstream stream;
+    std::string json;
+    TextBuffer buffer(json);
+    std::ostream stream(&buffer);
+    stream.exceptions(std::ios::badbit);  // What the buffer throws is for the caller.
     service.getGenericObject().toJSONStream(stream, false);
-    return stream.str();
+    return json;
 }
+
+/// What a request owns, in one block of memory.
+struct RequestContent {
+    explicit RequestContent(const ServiceCreate& original) : service(original) {}
+
+    ServiceCreate service;
+    std::string uri;
+    std::string body;
+};
 
 }  // namespace
 
@@ -63,7 +95,8 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
         refuse(OrvRegistrationResponse::DELEGATOR_NOT_INITIATED);
         return handleOfRefusedService(service ? service->getName() : "");
     }
-    const auto completed = service ? std::make_shared<ServiceCreate>(*service) : nullptr;
+    const auto content = service ? std::make_shared<RequestContent>(*service) : nullptr;
+    const std::shared_ptr<ServiceCreate> completed(content, content ? &content->service : nullptr);
     if (!completed || !completed->hasName()) {
         logger->logError(false) << "Service is missing name";
         refuse(OrvRegistrationResponse::SERVICE_NAME_MISSING);
@@ -71,21 +104,20 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
     }
 
     complete(*completed);
-    std::string body;
     try {
-        body = toJson(*completed);
+        content->body = toJson(*completed);
     } catch (...) {
         logger->logError(false) << "could not create content to send to registry";
         refuse(OrvRegistrationResponse::OTHER);
         return handleOfRefusedService(completed->getName());
     }
 
-    const auto request = std::make_shared<RequestContainer>(
-        RequestContainer{std::make_shared<common::ServiceInfo>(serviceInfo), completed,
-                         std::make_shared<std::string>(completed->getUri()),
-                         std::make_shared<std::string>(std::move(body))});
+    content->uri = completed->getUri();
+    const auto request = std::make_shared<RequestContainer>(RequestContainer{
+        nullptr, completed, std::shared_ptr<const std::string>(content, &content->uri),
+        std::shared_ptr<const std::string>(content, &content->body)});
     UnregisterHandle handle;
-    const std::uint64_t id = storeRegistration(request, callback, handle);
+    const std::uint64_t id = storeRegistration(serviceInfo, request, callback, handle);
     sendPutRequest(id, request);
     return handle;
 }
@@ -106,8 +138,8 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::makeHandle
 
 // The handle is made first: what is registered has one, even where memory runs out.
 std::uint64_t OrvServiceRegistryClient::storeRegistration(
-    const std::shared_ptr<RequestContainer>& request, ResponseCallback callback,
-    UnregisterHandle& handle) {
+    const common::ServiceInfo& serviceInfo, const std::shared_ptr<RequestContainer>& request,
+    ResponseCallback callback, UnregisterHandle& handle) {
     const auto retryInterval =
         std::max<std::chrono::milliseconds::rep>(context.getRetryInterval().count(), 0);
     auto record = std::make_shared<RegistrationData>();
@@ -119,6 +151,7 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
     record->state = REGISTERING;
 
     const utility::MutexLock lock(mutex);
+    request->serviceInfo = mapRegistryCallback->share(serviceInfo);
     const std::uint64_t id = ++lastRequestId;
     handle = makeHandle([id](OrvServiceRegistryClient& client, const ResponseCallback& done) {
         client.internal_unregisterFromRegistry(id, done);

@@ -8,17 +8,31 @@
 
 namespace orvx::serviceregistryclient {
 
-void OrvServiceRegistryClient::RegistrationTable::addId(RegistrationData& record,
-                                                        std::uint64_t id) {
-    const auto place = std::lower_bound(record.ids.begin(), record.ids.end(), id);
-    if (place == record.ids.end() || *place != id) {
-        record.ids.insert(place, id);
+void RequestIds::insert(std::uint64_t id) {
+    if (first_ == 0 || first_ == id) {
+        first_ = id;
+        return;
     }
+    if (!others_) {
+        others_ = std::make_unique<std::vector<std::uint64_t>>();
+    }
+    const auto [first, other] = std::minmax(first_, id);
+    const auto place = std::lower_bound(others_->begin(), others_->end(), other);
+    if (place == others_->end() || *place != other) {
+        others_->insert(place, other);
+    }
+    first_ = first;
 }
 
-void OrvServiceRegistryClient::RegistrationTable::removeId(RegistrationData& record,
-                                                           std::uint64_t id) noexcept {
-    record.ids.erase(std::lower_bound(record.ids.begin(), record.ids.end(), id));
+void RequestIds::erase(std::uint64_t id) noexcept {
+    if (id != first_) {
+        others_->erase(std::lower_bound(others_->begin(), others_->end(), id));
+    } else if (hasOthers()) {
+        first_ = others_->front();
+        others_->erase(others_->begin());
+    } else {
+        first_ = 0;
+    }
 }
 
 OrvServiceRegistryClient::RegistrationTable::Record
@@ -29,27 +43,27 @@ OrvServiceRegistryClient::RegistrationTable::find(std::uint64_t id) const {
 
 OrvServiceRegistryClient::RegistrationTable::Record
 OrvServiceRegistryClient::RegistrationTable::findByRegistryId(const std::string& registryId) const {
-    const auto found = byRegistryId_.lower_bound({registryId, 0});
+    const auto found = byRegistryId_.lower_bound(registryId);
     return found == byRegistryId_.end() || found->first != registryId ? nullptr
                                                                       : find(found->second);
 }
 
 void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, const Record& record) {
     RegistrationData& added = *record;
-    addId(added, id);
+    added.ids.insert(id);
     const common::ServiceCreate& service = *added.requestContainer->serviceCreate;
     Entry entry = service.hasId() ? makeEntry(added, service.getId()) : Entry();
-    records_.emplace(id, record);
+    records_.emplace_hint(records_.end(), id, record);
     index(added, std::move(entry));
 }
 
 OrvServiceRegistryClient::RegistrationTable::Record
 OrvServiceRegistryClient::RegistrationTable::lead(std::uint64_t id, const Record& target) {
-    addId(*target, id);
+    target->ids.insert(id);
     Record previous = std::exchange(records_.find(id)->second, target);
     if (previous != target) {
         Entry entry = takeEntry(*previous);
-        removeId(*previous, id);
+        previous->ids.erase(id);
         index(*previous, std::move(entry));
     }
     index(*target, takeEntry(*target));
@@ -60,17 +74,26 @@ void OrvServiceRegistryClient::RegistrationTable::erase(std::uint64_t id) noexce
     const auto found = records_.find(id);
     RegistrationData& record = *found->second;
     Entry entry = takeEntry(record);
-    removeId(record, id);
+    record.ids.erase(id);
     index(record, std::move(entry));
     records_.erase(found);
 }
 
 void OrvServiceRegistryClient::RegistrationTable::eraseAll(RegistrationData& record) noexcept {
     takeEntry(record);
-    for (const std::uint64_t id : record.ids) {
+    while (!record.ids.empty()) {
+        const std::uint64_t id = record.ids.back();
         records_.erase(id);
+        record.ids.erase(id);
     }
-    record.ids.clear();
+}
+
+std::shared_ptr<const common::ServiceInfo> OrvServiceRegistryClient::RegistrationTable::share(
+    const common::ServiceInfo& registry) {
+    if (!registry_ || *registry_ != registry) {
+        registry_ = std::make_shared<const common::ServiceInfo>(registry);
+    }
+    return registry_;
 }
 
 // The request's id may lead to another record by now, which does not matter here.
@@ -90,7 +113,8 @@ void OrvServiceRegistryClient::RegistrationTable::describe(RequestContainer& req
 OrvServiceRegistryClient::RegistrationTable::Entry
 OrvServiceRegistryClient::RegistrationTable::makeEntry(const RegistrationData& record,
                                                        const std::string& registryId) {
-    RegistryIdIndex made{{registryId, record.ids.front()}};
+    RegistryIdIndex made;
+    made.emplace(registryId, record.ids.front());
     return made.extract(made.begin());
 }
 
@@ -98,8 +122,8 @@ OrvServiceRegistryClient::RegistrationTable::makeEntry(const RegistrationData& r
 OrvServiceRegistryClient::RegistrationTable::Entry
 OrvServiceRegistryClient::RegistrationTable::takeEntry(RegistrationData& record) noexcept {
     record.requestContainer->record = nullptr;
-    const auto place = std::exchange(record.place, std::nullopt);
-    return place ? byRegistryId_.extract(*place) : Entry();
+    const bool wasIndexed = std::exchange(record.isIndexed, false);
+    return wasIndexed ? byRegistryId_.extract(record.place) : Entry();
 }
 
 /// Under the lowest id that leads to the record by now; a record without one has left.
@@ -112,6 +136,7 @@ void OrvServiceRegistryClient::RegistrationTable::index(RegistrationData& record
     if (entry) {
         entry.value().second = record.ids.front();
         record.place = byRegistryId_.insert(std::move(entry)).position;
+        record.isIndexed = true;
     }
 }
 

@@ -37,20 +37,22 @@ class OrvServiceRegistryClient::RegistrationTable {
     /// Removes every id that leads to the record.
     void eraseAll(RegistrationData& record) noexcept;
 
+    /// A copy of the endpoint, the same one for all registrations in a row at one endpoint.
+    std::shared_ptr<const common::ServiceInfo> share(const common::ServiceInfo& registry);
+
     /// Writes what the registry holds into the request's description.
     void describe(RequestContainer& request, const std::string& registryId, const std::string& uri);
 
   private:
     using Entry = RegistryIdIndex::node_type;
 
-    static void addId(RegistrationData& record, std::uint64_t id);
-    static void removeId(RegistrationData& record, std::uint64_t id) noexcept;
     static Entry makeEntry(const RegistrationData& record, const std::string& registryId);
     Entry takeEntry(RegistrationData& record) noexcept;
     void index(RegistrationData& record, Entry entry) noexcept;
 
     Map records_;
     RegistryIdIndex byRegistryId_;
+    std::shared_ptr<const common::ServiceInfo> registry_;
 };
 
 }  // namespace orvx::serviceregistryclient

@@ -140,6 +140,33 @@ TEST_P(RegistrationTable, SaysWhatAWalkOverItWouldSay) {
     }
 }
 
+TEST(TheRegistrationTable, KeepsOneCopyOfAnEndpointForRegistrationsInARow) {
+    Client::RegistrationTable table;
+    const common::ServiceInfo one("registry", "a", 80);
+    const auto shared = table.share(one);
+    EXPECT_EQ(*shared, one);
+    EXPECT_NE(shared.get(), &one);
+    EXPECT_EQ(table.share(common::ServiceInfo("registry", "a", 80)), shared);
+    const common::ServiceInfo other("registry", "a", 81);
+    EXPECT_EQ(*table.share(other), other);
+    EXPECT_EQ(*shared, one);
+}
+
+TEST(RequestIds, AreInAscendingOrderHoweverTheyWereAdded) {
+    RequestIds ids;
+    EXPECT_TRUE(ids.empty());
+    for (const std::uint64_t id : {5U, 2U, 9U, 5U, 2U, 7U}) {
+        ids.insert(id);
+    }
+    EXPECT_EQ(ids.back(), 9U);
+    ids.erase(7);
+    for (const std::uint64_t id : {2U, 5U, 9U}) {
+        EXPECT_EQ(ids.front(), id);
+        ids.erase(id);
+    }
+    EXPECT_TRUE(ids.empty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Seeds, RegistrationTable, ::testing::Range(1U, 11U));
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <orvx/common/GenericObject.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace orvx::common {
 
@@ -22,6 +23,11 @@ const T* findAs(const GenericObjectMembers& values, const std::string& key) {
 
 }  // namespace
 
+GenericObjectMembers::GenericObjectMembers(const GenericObjectMembers& other, std::size_t room) {
+    members_.reserve(other.members_.size() + room);
+    members_.insert(members_.end(), other.members_.begin(), other.members_.end());
+}
+
 GenericObjectMembers::GenericObjectMembers(std::initializer_list<Member> members) {
     for (const auto& [key, value] : members) {
         (*this)[key] = value;
@@ -31,28 +37,50 @@ GenericObjectMembers::GenericObjectMembers(std::initializer_list<Member> members
 GenericObjectValue& GenericObjectMembers::operator[](const std::string& key) {
     const std::size_t place = placeOf(key);
     if (!isAt(place, key)) {
-        Member added(key, GenericObjectValue());
-        if (members_.size() == members_.capacity()) {
-            // A vector that doubles would leave half of the memory unused.
-            members_.reserve(members_.size() + std::max<std::size_t>(4, members_.size() / 4));
-        }
-        members_.insert(members_.begin() + static_cast<std::ptrdiff_t>(place), std::move(added));
+        insert(place, Member(key, GenericObjectValue()));
     }
     return members_[place].second;
 }
 
+// Growing and inserting are one pass: moving the members is the cost of both.
+void GenericObjectMembers::insert(std::size_t place, Member added) {
+    const auto position = members_.begin() + static_cast<std::ptrdiff_t>(place);
+    const std::size_t size = members_.size();
+    if (size < members_.capacity()) {
+        members_.insert(position, std::move(added));
+        return;
+    }
+    std::vector<Member> grown;
+    // A vector that doubles would leave half of the memory unused.
+    grown.reserve(size + std::max<std::size_t>(4, size / 4));
+    std::move(members_.begin(), position, std::back_inserter(grown));
+    grown.push_back(std::move(added));
+    std::move(position, members_.end(), std::back_inserter(grown));
+    members_ = std::move(grown);
+}
+
+// Most lengths differ: among few members a walk costs less than the comparisons of a search.
 const GenericObjectValue* GenericObjectMembers::find(const std::string& key) const {
-    const std::size_t place = placeOf(key);
-    return isAt(place, key) ? &members_[place].second : nullptr;
+    constexpr std::size_t kFew = 16;
+    if (members_.size() > kFew) {
+        const std::size_t place = placeOf(key);
+        return isAt(place, key) ? &members_[place].second : nullptr;
+    }
+    for (const Member& member : members_) {
+        if (member.first == key) {
+            return &member.second;
+        }
+    }
+    return nullptr;
 }
 
 GenericObjectValue GenericObjectMembers::extract(const std::string& key) {
-    const std::size_t place = placeOf(key);
-    if (!isAt(place, key)) {
+    if (find(key) == nullptr) {
         return {};
     }
-    GenericObjectValue extracted = std::move(members_[place].second);
-    members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(place));
+    const auto member = members_.begin() + static_cast<std::ptrdiff_t>(placeOf(key));
+    GenericObjectValue extracted = std::move(member->second);
+    members_.erase(member);
     return extracted;
 }
 
@@ -142,9 +170,10 @@ void GenericObject::removeValue(const std::string& key) {
     removed = values_.extract(key);
 }
 
+// With room for one more: the id, which the copy that is registered gets in the end.
 GenericObjectMembers GenericObject::copyOfValues() const {
     MutexLock lock(mutex_);
-    return values_;
+    return GenericObjectMembers(values_, 1);
 }
 
 }  // namespace orvx::common

@@ -3,30 +3,81 @@
 
 #include <orvx/common/GenericObject.h>
 
-#include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <string_view>
 
 namespace orvx::common {
 
 namespace {
 
+/// Whether each of eight bytes is its own JSON inside a text: ASCII from the blank on, neither a
+/// quote nor a backslash. What is not sets the highest bit of its byte in one of the four words.
+bool arePlain(std::uint64_t bytes) {
+    constexpr std::uint64_t kOnes = 0x0101010101010101;
+    constexpr std::uint64_t kHighBits = kOnes * 0x80;
+    const std::uint64_t notAscii = bytes;
+    const std::uint64_t controls = bytes - kOnes * ' ';
+    const std::uint64_t quotes = (bytes ^ (kOnes * '"')) - kOnes;
+    const std::uint64_t backslashes = (bytes ^ (kOnes * '\\')) - kOnes;
+    return ((notAscii | controls | quotes | backslashes) & kHighBits) == 0;
+}
+
 /// Whether a text is its own JSON between quotes. Most are, and the JSON library's way costs fifty
 /// times as much.
-bool isPlain(const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](char character) {
-        return character >= ' ' && character <= '~' && character != '"' && character != '\\';
-    });
+bool isPlain(std::string_view text) {
+    constexpr std::uint64_t kBlanks = 0x2020202020202020;
+    for (; text.size() >= sizeof kBlanks; text.remove_prefix(sizeof kBlanks)) {
+        std::uint64_t bytes = 0;
+        std::memcpy(&bytes, text.data(), sizeof bytes);
+        if (!arePlain(bytes)) {
+            return false;
+        }
+    }
+    std::uint64_t rest = kBlanks;
+    std::memcpy(&rest, text.data(), text.size());
+    return arePlain(rest);
 }
+
+/// A text that grows. Appending is inlined: most pieces of a description have a few bytes only.
+class GrowingText {
+  public:
+    void append(char character) { *end(1) = character, ++size_; }
+    void append(std::string_view piece) {
+        std::memcpy(end(piece.size()), piece.data(), piece.size());
+        size_ += piece.size();
+    }
+    void appendQuoted(std::string_view piece) {
+        char* const quoted = end(piece.size() + 2);
+        quoted[0] = '"';
+        std::memcpy(quoted + 1, piece.data(), piece.size());
+        quoted[piece.size() + 1] = '"';
+        size_ += piece.size() + 2;
+    }
+    std::string_view view() const { return {bytes_.data(), size_}; }
+
+  private:
+    /// Where the next bytes go; there is room for so many.
+    char* end(std::size_t count) {
+        if (bytes_.size() - size_ < count) {
+            bytes_.resize(2 * (size_ + count));
+        }
+        return bytes_.data() + size_;
+    }
+
+    static constexpr std::size_t kUsualSize = 512;
+    std::string bytes_ = std::string(kUsualSize, '\0');
+    std::size_t size_ = 0;
+};
 
 /// Writes lists and objects by itself and leaves their leaves to the JSON library: the library's
 /// own lists and objects need memory when they are destroyed, and end the process where there is
 /// none.
 class JsonWriter {
-    static constexpr std::size_t kUsualSize = 512;
-
   public:
-    explicit JsonWriter(bool pretty) : pretty_(pretty) { text_.reserve(kUsualSize); }
+    explicit JsonWriter(bool pretty) : pretty_(pretty) {}
 
     /// Throws a std::exception for a text that is not valid UTF-8.
     void write(const GenericObjectValue& value) {
@@ -35,11 +86,11 @@ class JsonWriter {
     void write(const GenericObjectValue::Object& object) {
         writeAll('{', object, '}', [this](const auto& member) {
             write(member.first);
-            text_ += pretty_ ? ": " : ":";
+            text_.append(pretty_ ? ": " : ":");
             write(member.second);
         });
     }
-    const std::string& text() const { return text_; }
+    std::string_view text() const { return text_.view(); }
 
   private:
     void write(const GenericObjectValue::List& list) {
@@ -47,30 +98,30 @@ class JsonWriter {
     }
     void write(const std::string& text) {
         if (isPlain(text)) {
-            text_ += '"';
-            text_ += text;
-            text_ += '"';
+            text_.appendQuoted(text);
         } else {
             writeLeaf(text);
         }
     }
-    void write(std::int64_t number) { text_ += std::to_string(number); }
-    void write(std::uint64_t number) { text_ += std::to_string(number); }
+    void write(std::int64_t number) { text_.append(std::to_string(number)); }
+    void write(std::uint64_t number) { text_.append(std::to_string(number)); }
     template <typename Leaf>
     void write(const Leaf& leaf) {
         writeLeaf(leaf);
     }
     template <typename Leaf>
     void writeLeaf(const Leaf& leaf) {
-        text_ += nlohmann::json(leaf).dump();
+        text_.append(nlohmann::json(leaf).dump());
     }
     template <typename Items, typename WriteItem>
     void writeAll(char open, const Items& items, char close, const WriteItem& writeItem) {
-        text_ += open;
+        text_.append(open);
         ++depth_;
-        const char* separator = "";
+        bool isFirst = true;
         for (const auto& item : items) {
-            text_ += std::exchange(separator, ",");
+            if (!std::exchange(isFirst, false)) {
+                text_.append(',');
+            }
             beginLine();
             writeItem(item);
         }
@@ -78,18 +129,18 @@ class JsonWriter {
         if (!items.empty()) {
             beginLine();
         }
-        text_ += close;
+        text_.append(close);
     }
     void beginLine() {
         if (pretty_) {
-            text_ += '\n';
-            text_.append(4 * depth_, ' ');
+            text_.append('\n');
+            text_.append(std::string(4 * depth_, ' '));
         }
     }
 
     const bool pretty_;
     std::size_t depth_ = 0;
-    std::string text_;
+    GrowingText text_;
 };
 
 }  // namespace
@@ -101,7 +152,8 @@ void GenericObject::toJSONStream(std::ostream& stream, bool pretty) const {
         writer.write(values_);
     }
     // Unformatted: the stream's width, flags and locale must not change the text.
-    stream.write(writer.text().data(), static_cast<std::streamsize>(writer.text().size()));
+    const std::string_view text = writer.text();
+    stream.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 }  // namespace orvx::common

@@ -1,17 +1,28 @@
 #pragma once
 
-/// The keys under which a description holds its values, in memory and in JSON.
-namespace orvx::common::key {
+#include <string>
 
-inline constexpr const char* id = "id";
-inline constexpr const char* name = "name";
-inline constexpr const char* host = "host";
-inline constexpr const char* port = "port";
-inline constexpr const char* prefix = "prefix";
-inline constexpr const char* uri = "uri";
-inline constexpr const char* description = "description";
-inline constexpr const char* versions = "versions";
-inline constexpr const char* privileges = "privileges";
-inline constexpr const char* serviceCategories = "serviceCategories";
+namespace orvx::common {
 
-}  // namespace orvx::common::key
+/// The keys of a description's values, in memory and in JSON, as the texts that look-ups take: none
+/// is made for a look-up.
+struct Keys {
+    const std::string id = "id";
+    const std::string name = "name";
+    const std::string host = "host";
+    const std::string port = "port";
+    const std::string prefix = "prefix";
+    const std::string uri = "uri";
+    const std::string description = "description";
+    const std::string versions = "versions";
+    const std::string privileges = "privileges";
+    const std::string serviceCategories = "serviceCategories";
+};
+
+/// Never destroyed: threads may use descriptions until the process ends.
+inline const Keys& keys() {
+    static const Keys& all = *new Keys;
+    return all;
+}
+
+}  // namespace orvx::common

@@ -12,31 +12,31 @@ ServiceCreate::ServiceCreate(std::unique_ptr<XObject> object) : ServiceModel(std
 ServiceCreate::~ServiceCreate() = default;
 
 void ServiceCreate::setId(const std::string& id) {
-    object().setValue(key::id, id);
+    object().setValue(keys().id, id);
 }
 
 void ServiceCreate::setUri(const std::string& uri) {
-    object().setValue(key::uri, uri);
+    object().setValue(keys().uri, uri);
 }
 
 void ServiceCreate::setDescription(const std::string& description) {
-    object().setValue(key::description, description);
+    object().setValue(keys().description, description);
 }
 
 void ServiceCreate::setPort(long port) {
-    object().setValue(key::port, std::int64_t{port});
+    object().setValue(keys().port, std::int64_t{port});
 }
 
 void ServiceCreate::setVersions(const std::vector<std::string>& versions) {
-    object().setValue(key::versions, versions);
+    object().setValue(keys().versions, versions);
 }
 
 void ServiceCreate::setPrivileges(const std::vector<std::string>& privileges) {
-    object().setValue(key::privileges, privileges);
+    object().setValue(keys().privileges, privileges);
 }
 
 void ServiceCreate::setServiceCategories(const std::vector<std::string>& categories) {
-    object().setValue(key::serviceCategories, categories);
+    object().setValue(keys().serviceCategories, categories);
 }
 
 }  // namespace orvx::common

@@ -29,7 +29,8 @@ std::string ServiceInfo::getKey() const {
     const bool bareIpv6 = host_.find(':') != std::string::npos && host_.front() != '[';
     std::string key = bareIpv6 ? '[' + host_ + ']' : host_;
     std::transform(key.begin(), key.end(), key.begin(), toLower);
-    return key + ':' + std::to_string(port_);
+    key += ':';
+    return key += std::to_string(port_);
 }
 
 bool ServiceInfo::operator==(const ServiceInfo& other) const {

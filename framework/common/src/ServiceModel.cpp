@@ -8,11 +8,27 @@
 
 namespace orvx::common {
 
+namespace {
+
+/// Keeps a copy in the reference's own block of memory.
+class CopyOwner : public IReference<XObject> {
+  public:
+    explicit CopyOwner(const XObject& original) : copy_(original) {}
+
+    XObject& get() override { return copy_; }
+    const XObject& get() const override { return copy_; }
+
+  private:
+    XObject copy_;
+};
+
+}  // namespace
+
 ServiceModel::ServiceModel(std::unique_ptr<XObject> object)
     : Facade(std::make_shared<ReferenceOwner<XObject>>(std::move(object))) {}
 
 ServiceModel::ServiceModel(const ServiceModel& other)
-    : ServiceModel(std::make_unique<XObject>(other.object())) {}
+    : Facade(std::make_shared<CopyOwner>(other.object())) {}
 
 ServiceModel& ServiceModel::operator=(const ServiceModel& other) {
     object() = other.object();
@@ -22,11 +38,11 @@ ServiceModel& ServiceModel::operator=(const ServiceModel& other) {
 ServiceModel::~ServiceModel() = default;
 
 bool ServiceModel::hasId() const {
-    return object().hasValue(key::id);
+    return object().hasValue(keys().id);
 }
 
 std::string ServiceModel::getId() const {
-    return object().getText(key::id);
+    return object().getText(keys().id);
 }
 
 bool ServiceModel::hasName() const {
@@ -34,59 +50,60 @@ bool ServiceModel::hasName() const {
 }
 
 std::string ServiceModel::getName() const {
-    return object().getText(key::name);
+    return object().getText(keys().name);
 }
 
 bool ServiceModel::hasUri() const {
-    return object().hasValue(key::uri);
+    return object().hasValue(keys().uri);
 }
 
 std::string ServiceModel::getUri() const {
-    return object().getText(key::uri);
+    return object().getText(keys().uri);
 }
 
 bool ServiceModel::hasDescription() const {
-    return object().hasValue(key::description);
+    return object().hasValue(keys().description);
 }
 
 std::string ServiceModel::getDescription() const {
-    return object().getText(key::description);
+    return object().getText(keys().description);
 }
 
 std::int64_t ServiceModel::getPort() const {
-    const auto value = object().getValue(key::port);
+    const auto value = object().getValue(keys().port);
     const auto* port = value ? std::get_if<std::int64_t>(&value->data()) : nullptr;
     return port != nullptr ? *port : 0;
 }
 
 bool ServiceModel::hasVersions() const {
-    return object().hasValue(key::versions);
+    return object().hasValue(keys().versions);
 }
 
 std::vector<std::string> ServiceModel::getVersions() const {
-    return object().getTexts(key::versions);
+    return object().getTexts(keys().versions);
 }
 
 bool ServiceModel::hasPrivileges() const {
-    return object().hasValue(key::privileges);
+    return object().hasValue(keys().privileges);
 }
 
 std::vector<std::string> ServiceModel::getPrivileges() const {
-    return object().getTexts(key::privileges);
+    return object().getTexts(keys().privileges);
 }
 
 bool ServiceModel::hasServiceCategories() const {
-    return object().hasValue(key::serviceCategories);
+    return object().hasValue(keys().serviceCategories);
 }
 
 std::vector<std::string> ServiceModel::getServiceCategories() const {
-    return object().getTexts(key::serviceCategories);
+    return object().getTexts(keys().serviceCategories);
 }
 
 void ServiceModel::updateServiceInfo(const ServiceInfo& serviceInfo) {
-    for (const auto& [key, text] : {std::pair(key::name, serviceInfo.getName()),
-                                    {key::host, serviceInfo.getHost()},
-                                    {key::prefix, serviceInfo.getPrefix()}}) {
+    using Text = std::pair<const std::string&, const std::string&>;
+    for (const auto& [key, text] :
+         {Text(keys().name, serviceInfo.getName()), Text(keys().host, serviceInfo.getHost()),
+          Text(keys().prefix, serviceInfo.getPrefix())}) {
         if (!text.empty()) {
             object().setValue(key, text);
         }

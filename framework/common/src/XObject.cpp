@@ -8,7 +8,9 @@
 namespace orvx::common {
 
 XObject::XObject(const std::string& id, const std::string& name, const std::string& uri) {
-    for (const auto& [key, text] : {std::pair(key::id, id), {key::name, name}, {key::uri, uri}}) {
+    using Text = std::pair<const std::string&, const std::string&>;
+    for (const auto& [key, text] :
+         {Text(keys().id, id), Text(keys().name, name), Text(keys().uri, uri)}) {
         if (!text.empty()) {
             setValue(key, text);
         }

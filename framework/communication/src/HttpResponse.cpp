@@ -23,7 +23,7 @@ char toLower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool sameName(const std::string& left, const std::string& right) {
+bool sameName(std::string_view left, std::string_view right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                       [](char a, char b) { return toLower(a) == toLower(b); });
 }
@@ -37,6 +37,45 @@ std::string_view takeLine(std::string_view& text) {
     }
     return line;
 }
+
+bool isFolded(std::string_view line) {
+    return !line.empty() && (line.front() == ' ' || line.front() == '\t');
+}
+
+/// Goes through header lines, one header after another. Only the value that is asked for is put
+/// together.
+class HeaderReader {
+  public:
+    explicit HeaderReader(std::string_view lines) : rest_(lines) {}
+
+    /// To the next header; false at the end. A line without a colon, and what is folded to it, is
+    /// none.
+    bool next() {
+        while (!rest_.empty()) {
+            line_ = takeLine(rest_);
+            colon_ = line_.find(':');
+            if (!isFolded(line_) && colon_ != std::string_view::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+    std::string_view name() const { return line_.substr(0, colon_); }
+    /// With the lines that are folded to it, a space for each end of a line.
+    std::string value() const {
+        std::string value(trimmed(line_.substr(colon_ + 1)));
+        for (std::string_view rest = rest_; isFolded(rest);) {
+            const std::string_view more = trimmed(takeLine(rest));
+            value.append(value.empty() || more.empty() ? "" : " ").append(more);
+        }
+        return value;
+    }
+
+  private:
+    std::string_view rest_;
+    std::string_view line_;
+    std::size_t colon_ = 0;
+};
 
 }  // namespace
 
@@ -53,29 +92,18 @@ HttpResponse::~HttpResponse() = default;
 
 std::vector<HttpMessage::Header> HttpResponse::getHeaders() const {
     std::vector<Header> headers;
-    bool inHeader = false;
-    for (std::string_view rest = headerLines_; !rest.empty();) {
-        const std::string_view line = takeLine(rest);
-        const bool folded = !line.empty() && (line.front() == ' ' || line.front() == '\t');
-        const auto colon = line.find(':');
-        if (folded && inHeader) {
-            std::string& value = headers.back().second;
-            const std::string_view more = trimmed(line);
-            value.append(value.empty() || more.empty() ? "" : " ").append(more);
-        } else if (!folded) {
-            inHeader = colon != std::string_view::npos;
-            if (inHeader) {
-                headers.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
-            }
-        }
+    HeaderReader reader(headerLines_);
+    while (reader.next()) {
+        headers.emplace_back(reader.name(), reader.value());
     }
     return headers;
 }
 
 std::optional<std::string> HttpResponse::getHeader(const std::string& name) const {
-    for (Header& header : getHeaders()) {
-        if (sameName(header.first, name)) {
-            return std::move(header.second);
+    HeaderReader reader(headerLines_);
+    while (reader.next()) {
+        if (sameName(reader.name(), name)) {
+            return reader.value();
         }
     }
     return std::nullopt;

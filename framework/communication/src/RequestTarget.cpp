@@ -6,18 +6,29 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 
 namespace orvx::communication {
 
 namespace {
 
-bool isAlphanumeric(char c) {
+constexpr bool isAlphanumeric(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-bool mayStandInTarget(char c) {
+constexpr std::array<bool, 256> charactersOfTargets() {
     constexpr std::string_view kMarks = "-._~!$&'()*+,;=:@/?%";
-    return isAlphanumeric(c) || kMarks.find(c) != std::string_view::npos;
+    std::array<bool, 256> allowed{};
+    for (std::size_t byte = 0; byte < allowed.size(); ++byte) {
+        const auto c = static_cast<char>(byte);
+        allowed[byte] = isAlphanumeric(c) || kMarks.find(c) != std::string_view::npos;
+    }
+    return allowed;
+}
+
+bool mayStandInTarget(char c) {
+    static constexpr std::array<bool, 256> kAllowed = charactersOfTargets();
+    return kAllowed[static_cast<unsigned char>(c)];
 }
 
 void appendEncoded(std::string& target, char c) {
@@ -66,6 +77,9 @@ std::string requestTarget(const std::string& path) {
     target.reserve(path.size() + 1);
     if (path.empty() || path.front() != '/') {
         target += '/';
+    }
+    if (std::all_of(path.begin(), path.end(), mayStandInTarget)) {
+        return target += path;
     }
     for (const char c : path) {
         if (mayStandInTarget(c)) {

@@ -57,6 +57,28 @@ TEST(TheJsonOfAnObject, HoldsEveryTypeOfValue) {
     EXPECT_EQ(toText(Value(Value::Object{})), "{}");
 }
 
+TEST(TheJsonOfAnObject, IsThatOfTheJsonLibraryWhateverCharacterStandsWhereInAText) {
+    for (unsigned character = 0; character < 0x80; ++character) {
+        for (std::size_t length = 1; length <= 17; ++length) {
+            for (std::size_t place = 0; place < length; ++place) {
+                std::string text(length, 'x');
+                text[place] = static_cast<char>(character);
+                ASSERT_EQ(toText(Value(text)), Json(text).dump()) << character;
+            }
+        }
+    }
+}
+
+TEST(TheJsonOfAnObject, IsWholeHoweverLongItGrows) {
+    Value::List list;
+    Json expected = Json::array();
+    for (int i = 0; i < 1000; ++i) {
+        list.emplace_back(std::string(static_cast<std::size_t>(i), 'x'));
+        expected.push_back(std::string(static_cast<std::size_t>(i), 'x'));
+    }
+    EXPECT_EQ(toText(Value(list)), expected.dump());
+}
+
 TEST(TheJsonOfAnObject, IsReadAsTheSameTreeOfValues) {
     const Value::List list{Value(),
                            true,

@@ -49,8 +49,12 @@ class ORVX_EXPORT GenericObjectMembers {
     bool operator==(const GenericObjectMembers& other) const;
 
   private:
+    friend class GenericObject;
+
+    GenericObjectMembers(const GenericObjectMembers& other, std::size_t room);
     std::size_t placeOf(const std::string& key) const;
     bool isAt(std::size_t place, const std::string& key) const;
+    void insert(std::size_t place, Member added);
 
     std::vector<Member> members_;
 };
