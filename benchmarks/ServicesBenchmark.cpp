@@ -69,10 +69,9 @@ class ServicesBenchmark {
         return yardsticks_.curl(method);
     }
 
-    /// What the caller keeps for withdrawing is not the library's.
+    /// The handles, which the caller keeps for withdrawing, are not the library's.
     double bytesOfOne(std::size_t all) const {
-        return static_cast<double>(all) / static_cast<double>(count_) -
-               sizeof(ClientLoad::Client::UnregisterHandle);
+        return static_cast<double>(all - load_.heapOfHandles()) / static_cast<double>(count_);
     }
 
     void waitForChecks() {

@@ -4,14 +4,27 @@ import glob
 import json
 import re
 import subprocess
+import sys
 import tempfile
 
 UNITS = {"communication": 1000, "registration": 300, "check": 300, "withdrawal": 300}
+GOALS = {"registration": 48000, "check": 16000, "withdrawal": 20000}
 ALLOWED = 1.10
 
 
 def count(program):
-    """Instructions for one request, registration, check and withdrawal."""
+    """Instructions for one request, registration, check and withdrawal.
+
+    The program fails when the machine is so busy that a second round of checks begins."""
+    for _ in range(2):
+        try:
+            return count_once(program)
+        except subprocess.CalledProcessError as error:
+            print(f"again: {error.stderr.strip()}", file=sys.stderr)
+    return count_once(program)
+
+
+def count_once(program):
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run(["valgrind", "--quiet", "--tool=callgrind", "--fair-sched=yes",
                         f"--callgrind-out-file={folder}/out", program],
@@ -37,10 +50,10 @@ def compare(program, record_path, record):
     with open(record_path) as file:
         recorded = json.load(file)
     good = True
-    print(f"{'instructions for one':<22}{'now':>9}{'recorded':>10}{'ratio':>8}")
+    print(f"{'instructions for one':<22}{'now':>9}{'recorded':>10}{'ratio':>8}{'goal':>9}")
     for name in UNITS:
         ratio = counted[name] / recorded[name]
         good = good and ratio <= ALLOWED
-        print(f"{name:<22}{counted[name]:>9}{recorded[name]:>10}{ratio:>8.3f}"
+        print(f"{name:<22}{counted[name]:>9}{recorded[name]:>10}{ratio:>8.3f}{GOALS.get(name, ''):>9}"
               + ("" if ratio <= ALLOWED else "  TOO MANY"))
     return good

@@ -4,6 +4,7 @@
 #include "ClientLoad.h"
 
 #include "Measure.h"
+#include "Process.h"
 #include "RunningContext.h"
 
 #include <atomic>
@@ -56,6 +57,12 @@ void ClientLoad::withdrawAll() {
         withdraw(outcomes.callback());
     }
     outcomes.wait();
+}
+
+std::size_t ClientLoad::heapOfHandles() const {
+    const std::size_t before = heapInUse();
+    const auto copies = handles_;
+    return heapInUse() - before;
 }
 
 }  // namespace orvx::benchmarks

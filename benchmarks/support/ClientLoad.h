@@ -4,6 +4,7 @@
 
 #include <serviceregistryclient/IOrvServiceRegistryClient.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -20,6 +21,8 @@ class ClientLoad {
     /// Throw unless each one succeeds.
     void registerAll(const std::vector<std::shared_ptr<common::ServiceCreate>>& services);
     void withdrawAll();
+    /// Bytes of heap in use for what registrations gave back.
+    std::size_t heapOfHandles() const;
 
   private:
     Client& client_;
