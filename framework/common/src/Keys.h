@@ -19,10 +19,16 @@ struct Keys {
     const std::string serviceCategories = "serviceCategories";
 };
 
-/// Never destroyed: threads may use descriptions until the process ends.
+/// Never destroyed: threads may use descriptions until the process ends. In place, so that a
+/// plug-in that is loaded and unloaded many times loses the one long text each time and no more.
 inline const Keys& keys() {
-    static const Keys& all = *new Keys;
-    return all;
+    union NeverDestroyed {
+        const Keys keys;
+        NeverDestroyed() : keys() {}
+        ~NeverDestroyed() {}
+    };
+    static const NeverDestroyed all;
+    return all.keys;
 }
 
 }  // namespace orvx::common
