@@ -130,7 +130,8 @@ TEST_F(TheProcess, SeesNoSecretsInItsLog) {
 const std::string kHostile =
     "\x1b[2J\x1b]0;title\x07\r\n2026-01-31 12:00:00.123 ERROR forged\x9b"
     "31m\xC2\x9B\b\x7F\t\xFF\\";
-const std::string kHostileLocation = "\x1b[2J\x1b]0;title\x07 forged\x9b\xC2\x9B\b\x7F\xFF\\";
+/// As much of it as a header may hold.
+const std::string kHostileLocation = "\x9b[2J\xC2\x9B forged\xFF\\";
 
 TEST_F(TheProcess, GivesItsLoggerTheRegistrysTextsExactly) {
     const std::string body = kHostile + std::string("\0end", 4);

@@ -106,16 +106,6 @@ TEST_F(AStalledAnswer, ToACheckIsFollowedByTheNextCheck) {
     }
 }
 
-// libcurl hands out nothing of it, so that no bound but time is left.
-TEST_F(AStalledAnswer, IsOneThatNeverGetsToItsFirstChunk) {
-    const std::string head =
-        "HTTP/1.1 201 Created\r\nLocation: /a\r\nTransfer-Encoding: chunked\r\n\r\n";
-    start();
-    EXPECT_EQ(outcomeOf(Script(head + "2;").sendEndlessly("x")), refused("TIMED_OUT"));
-    EXPECT_TRUE(server.waitForClosed(1));
-    expectItWorks();
-}
-
 class ASlowAnswer : public KindTest, public ::testing::WithParamInterface<Kind> {};
 
 TEST_P(ASlowAnswer, EndsWithTheTotalTimeoutThoughItComesInAllTheTime) {

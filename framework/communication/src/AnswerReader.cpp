@@ -1,132 +1,261 @@
-// The strict part of reading an answer: status lines, the end of the headers, the caps.
-// Entered by the I/O thread only, from libcurl's callbacks; there is no lock.
+// The strict part of reading an answer: what Beast's parser lets pass and we do not, the caps, and
+// the one table from the parser's errors to ours.
+// Entered by the I/O thread only; there is no lock.
 
 #include "AnswerReader.h"
 
-#include <curl/curl.h>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/error.hpp>
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 namespace orvx::communication {
 
 namespace {
 
-// libcurl fails with more, with a result that does not tell why.
+namespace http = boost::beast::http;
+using boost::beast::error_code;
+using boost::beast::string_view;
+
+// More than any sensible answer has, whatever the configuration says.
 constexpr std::size_t kMostHeaderBytes = 300 * 1024;
+// Of a chunk's size with its extensions, or of the trailers, which nobody reads.
+constexpr std::size_t kMostFraming = 4096;
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
+bool isDecimal(std::string_view text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-/// "HTTP/1.0" or "HTTP/1.1", a space, three digits, and the end or a space; 0 if it is not that.
-int statusCodeOf(std::string_view line) {
-    constexpr std::string_view kProtocol = "HTTP/1.";
-    constexpr std::string_view kAfterCode = " \r\n";
-    const bool isStatusLine = line.size() > 12 && line.substr(0, kProtocol.size()) == kProtocol &&
-                              (line[7] == '0' || line[7] == '1') && line[8] == ' ' &&
-                              std::all_of(line.begin() + 9, line.begin() + 12, isDigit) &&
-                              kAfterCode.find(line[12]) != std::string_view::npos;
-    if (!isStatusLine) {
-        return 0;
+/// What a parser's error means for a request.
+CommunicationStatus statusOf(const error_code& error) {
+    if (error == http::error::header_limit || error == http::error::body_limit ||
+        error == http::error::buffer_overflow) {
+        return CommunicationStatus::TooLarge;
     }
-    return (line[9] - '0') * 100 + (line[10] - '0') * 10 + (line[11] - '0');
-}
-
-/// The value of a Content-Length header, without the space around it; null if it is another header.
-std::string_view contentLengthIn(std::string_view line) {
-    constexpr std::string_view kName = "Content-Length:";
-    constexpr std::string_view kSpace = " \t\r\n";
-    if (line.size() < kName.size() ||
-        curl_strnequal(line.data(), kName.data(), kName.size()) == 0) {
-        return {};
+    if (error == http::error::partial_message || error == http::error::end_of_stream) {
+        return CommunicationStatus::CutShort;
     }
-    line.remove_prefix(kName.size());
-    line.remove_prefix(std::min(line.find_first_not_of(kSpace), line.size()));
-    return line.substr(0, line.find_last_not_of(kSpace) + 1);
+    return error == http::error::bad_alloc ? CommunicationStatus::OutOfMemory
+                                           : CommunicationStatus::Malformed;
 }
 
-/// What libcurl takes for the end of the headers, whatever follows on the line.
-bool endsHeaders(std::string_view line) {
-    return line.front() == '\r' || line.front() == '\n';
+/// As far as it goes. The parser waits for more of what can be no answer.
+bool beginsLikeAnAnswer(std::string_view bytes) {
+    constexpr std::string_view kBegin = "HTTP/1.";
+    bytes = bytes.substr(0, kBegin.size());
+    return kBegin.substr(0, bytes.size()) == bytes;
 }
 
-bool isBlank(std::string_view line) {
-    return line == "\r\n" || line == "\n";
+/// Whether the line is a Content-Length of more than 64 bits, which the parser calls a bad one.
+bool announcesTooMuch(std::string_view line) {
+    line = line.substr(0, line.find('\r'));
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) {
+        return false;
+    }
+    line.remove_prefix(colon + 1);
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    line = line.substr(0, line.find_last_not_of(" \t") + 1);
+    return line.size() > 19 && isDecimal(line);
 }
 
 }  // namespace
 
-void AnswerReader::begin(Request& request) {
-    request_ = &request;
-    expected_ = Expected::StatusLine;
+/// One answer, interim or final.
+class AnswerReader::Parser {
+  public:
+    void restart(Answer& answer, const Limits& limits) {
+        message_.emplace(answer);
+        message_->header_limit(static_cast<std::uint32_t>(kMostHeaderBytes + 1));
+        message_->body_limit(std::uint64_t{limits.bodyBytes});
+        message_->skip(limits.hasNoBody);
+    }
+
+    class Message : public http::basic_parser<false> {
+      public:
+        explicit Message(Answer& answer) : answer_(answer) {}
+        /// What put() is given next.
+        void setInput(std::string_view input) { input_ = input; }
+
+      private:
+        void on_request_impl(http::verb, string_view, string_view, int, error_code&) override {}
+        void on_response_impl(int code, string_view, int version, error_code& error) override {
+            constexpr int kSwitchingProtocols = 101;
+            constexpr int kHttp11 = 11;
+            isHttp11_ = version == kHttp11;
+            answer_.statusCode = code;
+            if (code < 100 || code == kSwitchingProtocols) {
+                error = http::error::bad_status;
+            }
+        }
+        void on_field_impl(http::field field, string_view name, string_view value,
+                           error_code& error) override {
+            if (is_header_done()) {
+                return;  // A trailer.
+            }
+            if (field == http::field::content_length && !isNewLength(name, value)) {
+                error = http::error::bad_content_length;
+            } else if (field == http::field::transfer_encoding &&
+                       (!isHttp11_ || !boost::beast::iequals(value, "chunked"))) {
+                error = http::error::bad_transfer_encoding;
+            }
+            answer_.headerLines.append(name.data(), name.size()).append(": ");
+            answer_.headerLines.append(value.data(), value.size()).append("\r\n");
+        }
+        void on_header_impl(error_code&) override {}
+        void on_body_init_impl(const boost::optional<std::uint64_t>&, error_code&) override {}
+        std::size_t on_body_impl(string_view body, error_code&) override {
+            answer_.body.append(body.data(), body.size());
+            return body.size();
+        }
+        void on_chunk_header_impl(std::uint64_t, string_view, error_code&) override {}
+        std::size_t on_chunk_body_impl(std::uint64_t, string_view body, error_code&) override {
+            answer_.body.append(body.data(), body.size());
+            return body.size();
+        }
+        void on_finish_impl(error_code&) override {}
+
+        /// Whether it is one number, spelt like one before it, on the line of its name. What is
+        /// folded begins on another line, or is a copy elsewhere.
+        bool isNewLength(string_view name, string_view value) {
+            const bool isOnItsLine = value.data() > name.data() &&
+                                     value.data() < input_.data() + input_.size() &&
+                                     std::find(name.data(), value.data(), '\n') == value.data();
+            const std::string_view text(value.data(), value.size());
+            const bool isFine =
+                isOnItsLine && isDecimal(text) && (length_.empty() || length_ == text);
+            length_ = text;
+            return isFine;
+        }
+
+        Answer& answer_;
+        std::string_view input_;
+        std::string length_;
+        bool isHttp11_ = false;
+    };
+
+    Message& operator*() { return *message_; }
+    Message* operator->() { return &*message_; }
+
+  private:
+    std::optional<Message> message_;
+};
+
+AnswerReader::AnswerReader() : parser_(std::make_unique<Parser>()) {}
+
+AnswerReader::~AnswerReader() = default;
+
+void AnswerReader::begin(Answer& answer, const Limits& limits) {
+    answer_ = &answer;
+    limits_ = limits;
+    limits_.headerBytes = std::min(limits_.headerBytes, kMostHeaderBytes);
     headerBytes_ = 0;
-    length_.clear();
-    isLengthLast_ = false;
-    refusal_.reset();
+    hasBegun_ = false;
+    restart();
 }
 
-bool AnswerReader::takeHeaderLine(std::string_view line) {
-    headerBytes_ += line.size();
-    if (headerBytes_ > std::min(request_->settings->config.maxHeaderBytes, kMostHeaderBytes)) {
-        return refuse(CommunicationStatus::TooLarge);
-    }
-    if (expected_ == Expected::StatusLine) {
-        return takeStatusLine(line);
-    }
-    if (endsHeaders(line)) {
-        if (!isBlank(line)) {
+void AnswerReader::restart() {
+    hasCode_ = false;
+    answer_->headerLines.clear();
+    parser_->restart(*answer_, limits_);
+}
+
+AnswerReader::Progress AnswerReader::take(ReadBuffer& bytes) {
+    hasBegun_ = hasBegun_ || !bytes.view().empty();
+    Parser& parser = *parser_;
+    while (!bytes.view().empty()) {
+        if (!hasCode_ && !beginsLikeAnAnswer(bytes.view())) {
             return refuse(CommunicationStatus::Malformed);
         }
-        expected_ = isInterim() ? Expected::StatusLine : Expected::Body;
-    } else if (expected_ == Expected::Header && !isInterim()) {
-        return takeHeader(line);
+        completeStatusLine(bytes);
+        const bool isInHeader = !parser->is_header_done();
+        const std::string_view input = bytes.view();
+        parser->setInput(input);
+        error_code error;
+        const std::size_t consumed = parser->put({input.data(), input.size()}, error);
+        bytes.consume(consumed);
+        headerBytes_ += isInHeader ? consumed : 0;
+        const std::size_t held = input.size() - consumed;
+        const bool isMoreNeeded = error == http::error::need_more;
+        if (isInHeader &&
+            headerBytes_ + (parser->is_header_done() ? 0 : held) > limits_.headerBytes &&
+            (!error || isMoreNeeded)) {
+            return refuse(CommunicationStatus::TooLarge);
+        }
+        if (isMoreNeeded && !isInHeader) {
+            return waitForFraming(bytes.view());
+        }
+        if (isMoreNeeded) {
+            return Progress::More;
+        }
+        if (error) {
+            const bool isTooMuch = error == http::error::bad_content_length &&
+                                   announcesTooMuch(input.substr(consumed));
+            return refuse(isTooMuch ? CommunicationStatus::TooLarge : statusOf(error));
+        }
+        if (parser->is_done()) {
+            if (answer_->statusCode >= 200) {
+                return Progress::Done;
+            }
+            restart();
+        }
     }
-    return true;
+    return Progress::More;
 }
 
-bool AnswerReader::takeHeader(std::string_view line) {
-    request_->headerLines.append(line);
-    const bool isFolded = line.front() == ' ' || line.front() == '\t';
-    if (isFolded) {
-        return !isLengthLast_ || refuse(CommunicationStatus::Malformed);
-    }
-    const std::string_view length = contentLengthIn(line);
-    isLengthLast_ = length.data() != nullptr;
-    if (!isLengthLast_) {
-        return true;
-    }
-    const bool isNumber = !length.empty() && std::all_of(length.begin(), length.end(), isDigit);
-    if (!isNumber || (!length_.empty() && length_ != length)) {
-        return refuse(CommunicationStatus::Malformed);
-    }
-    length_ = length;
-    return true;
-}
-
-bool AnswerReader::takeStatusLine(std::string_view line) {
-    constexpr int kSwitchingProtocols = 101;
-    request_->statusCode = statusCodeOf(line);
-    if (request_->statusCode < 100 || request_->statusCode == kSwitchingProtocols) {
-        return refuse(CommunicationStatus::Malformed);
-    }
-    expected_ = Expected::Header;
-    return true;
-}
-
-bool AnswerReader::takeBody(std::string_view bytes) {
-    if (!hasAllHeaders()) {
-        return refuse(CommunicationStatus::Malformed);
-    }
-    if (bytes.size() > request_->settings->config.maxBodyBytes - request_->body.size()) {
+/// Of a chunk's line, or of trailers, there is a part.
+AnswerReader::Progress AnswerReader::waitForFraming(std::string_view part) {
+    if (part.size() > kMostFraming) {
         return refuse(CommunicationStatus::TooLarge);
     }
-    request_->body.append(bytes);
-    return true;
+    for (auto end = part.find('\n'); end != std::string_view::npos;
+         end = part.find('\n', end + 1)) {
+        if (end == 0 || part[end - 1] != '\r') {
+            return refuse(
+                CommunicationStatus::Malformed);  // The parser does not see that it ended.
+        }
+    }
+    return Progress::More;
 }
 
-bool AnswerReader::refuse(CommunicationStatus why) {
+// The parser wants a space behind the code. Servers that have no reason to give leave it out.
+void AnswerReader::completeStatusLine(ReadBuffer& bytes) {
+    constexpr std::size_t kEndOfCode = 12;  // HTTP/1.1 200
+    const std::string_view view = bytes.view();
+    if (hasCode_ || view.size() <= kEndOfCode) {
+        return;
+    }
+    hasCode_ = true;
+    if (view[kEndOfCode] == '\r') {
+        bytes.insert(kEndOfCode, ' ');
+        --headerBytes_;  // It is consumed with the rest.
+    }
+}
+
+AnswerReader::Progress AnswerReader::takeEnd() {
+    if (!hasBegun_) {
+        return refuse(CommunicationStatus::ReceiveFailed);
+    }
+    error_code error;
+    if ((*parser_)->got_some()) {
+        (*parser_)->put_eof(error);
+    } else {
+        error = http::error::partial_message;  // Only interim answers have come.
+    }
+    return error ? refuse(statusOf(error)) : Progress::Done;
+}
+
+bool AnswerReader::isConnectionKept() const {
+    return (*parser_)->keep_alive();
+}
+
+AnswerReader::Progress AnswerReader::refuse(CommunicationStatus why) {
     refusal_ = why;
-    return false;
+    return Progress::Refused;
 }
 
 }  // namespace orvx::communication

@@ -1,46 +1,61 @@
 #pragma once
 
+#include "ReadBuffer.h"
 #include "Request.h"
 
-#include <optional>
+#include <cstddef>
+#include <memory>
 #include <string_view>
 
 namespace orvx::communication {
 
-/// Takes in the answer to one request as libcurl hands it out, and says no to what is not a proper
-/// HTTP/1 answer or too much of one. libcurl alone is more lenient: it takes a status line of
-/// HTTP/2, an upgrade that nobody asked for, and an answer that is cut off inside its headers.
+/// Takes in the answer to one request after another, and refuses what is not a proper HTTP/1 answer
+/// or too much of one. Beast's parser knows the syntax; the refusals that it lacks are here.
 ///
 /// For the I/O thread only.
 class AnswerReader {
   public:
-    /// The answer goes into the request, which must outlive what follows.
-    void begin(Request& request);
+    enum class Progress { More, Done, Refused };
+    struct Limits {
+        std::size_t headerBytes;
+        std::size_t bodyBytes;
+        bool hasNoBody;  ///< Of an answer to HEAD, whatever it announces.
+    };
 
-    /// Both are false when the transfer is to be ended: refusal() says why.
-    bool takeHeaderLine(std::string_view line);
-    bool takeBody(std::string_view bytes);
+    AnswerReader();
+    ~AnswerReader();
+    AnswerReader(const AnswerReader&) = delete;
+    AnswerReader& operator=(const AnswerReader&) = delete;
 
-    bool hasBegun() const { return headerBytes_ != 0; }
-    /// Whether the blank line that ends the headers of the final answer has come.
-    bool hasAllHeaders() const { return expected_ == Expected::Body; }
-    std::optional<CommunicationStatus> refusal() const { return refusal_; }
-    /// Always false.
-    bool refuse(CommunicationStatus why);
+    /// The answer goes there; it must outlive what follows.
+    void begin(Answer& answer, const Limits& limits);
+    /// Consumes what it can of the bytes. Throws std::bad_alloc.
+    Progress take(ReadBuffer& bytes);
+    /// The connection has ended in order, which ends some answers.
+    Progress takeEnd();
+
+    /// Why an answer is Refused.
+    CommunicationStatus refusal() const { return refusal_; }
+    /// Whether any byte has come.
+    bool hasBegun() const { return hasBegun_; }
+    /// Whether a request may follow on the connection of an answer that is Done.
+    bool isConnectionKept() const;
 
   private:
-    enum class Expected { StatusLine, Header, Body };
+    class Parser;
 
-    bool takeStatusLine(std::string_view line);
-    bool takeHeader(std::string_view line);
-    bool isInterim() const { return request_->statusCode < 200; }
+    void restart();
+    void completeStatusLine(ReadBuffer& bytes);
+    Progress waitForFraming(std::string_view part);
+    Progress refuse(CommunicationStatus why);
 
-    Request* request_ = nullptr;
-    Expected expected_ = Expected::StatusLine;
-    std::size_t headerBytes_ = 0;
-    std::string length_;         // What the answer says of its body; empty if nothing.
-    bool isLengthLast_ = false;  // So that a folded line would go on with it.
-    std::optional<CommunicationStatus> refusal_;
+    std::unique_ptr<Parser> parser_;
+    Answer* answer_ = nullptr;
+    Limits limits_{};
+    std::size_t headerBytes_ = 0;  // Of all answers, the interim ones too, as far as consumed.
+    bool hasBegun_ = false;
+    bool hasCode_ = false;
+    CommunicationStatus refusal_ = CommunicationStatus::Ok;
 };
 
 }  // namespace orvx::communication

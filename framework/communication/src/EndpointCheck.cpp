@@ -5,7 +5,6 @@
 
 #include "Require.h"
 
-#include <curl/curl.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -17,6 +16,14 @@ namespace {
 
 void requirePositive(bool isPositive, const char* option) {
     require(isPositive, std::string("HttpConfig::") + option + " must be greater than zero.");
+}
+
+bool equalsIgnoringCase(std::string_view left, std::string_view right) {
+    const auto toLower = [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+    };
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [&](char a, char b) { return toLower(a) == toLower(b); });
 }
 
 bool isToken(const std::string& text) {
@@ -33,7 +40,7 @@ bool isReserved(const std::string& name) {
         "Accept", "Connection", "Content-Length",   "Content-Type",
         "Expect", "Host",       "Transfer-Encoding"};
     return std::any_of(kNames.begin(), kNames.end(), [&name](const char* reserved) {
-        return curl_strequal(name.c_str(), reserved) != 0;
+        return equalsIgnoringCase(name, reserved);
     });
 }
 
@@ -47,7 +54,7 @@ void checkHeader(const HttpConfig::Header& header) {
 
 bool hasHeader(const HttpConfig& config, const char* name) {
     return std::any_of(config.headers.begin(), config.headers.end(), [name](const auto& header) {
-        return curl_strequal(header.first.c_str(), name) != 0;
+        return equalsIgnoringCase(header.first, name);
     });
 }
 
@@ -65,6 +72,11 @@ void checkCredentials(const HttpConfig& config) {
             "HttpConfig::proxyCredentials needs a proxy.");
 }
 
+Origin makeOrigin(const std::string& host, std::uint32_t port) {
+    return {std::string(withoutBrackets(host)), static_cast<std::uint16_t>(port),
+            authority(host, port)};
+}
+
 /// The decimal number, or 0 when it is none of up to five digits.
 std::uint32_t portIn(std::string_view text) {
     const bool isNumber =
@@ -73,21 +85,23 @@ std::uint32_t portIn(std::string_view text) {
     return isNumber ? static_cast<std::uint32_t>(std::stoul(std::string(text))) : 0;
 }
 
-bool isProxyUrl(std::string_view url) {
+/// "http://host:port" and nothing else; without a host when it is something else.
+Origin proxyIn(std::string_view url) {
     constexpr std::string_view kScheme = "http://";
     const auto colon = url.rfind(':');
     if (url.substr(0, kScheme.size()) != kScheme || colon < kScheme.size()) {
-        return false;
+        return {};
     }
     const std::string host(url.substr(kScheme.size(), colon - kScheme.size()));
     const std::uint32_t port = portIn(url.substr(colon + 1));
     const bool isBracketed = host.find(':') == std::string::npos || host.front() == '[';
-    return port >= 1 && port <= 65535 && isBracketed && !authority(host, port).empty();
+    const bool isOne = port >= 1 && port <= 65535 && isBracketed && !authority(host, port).empty();
+    return isOne ? makeOrigin(host, port) : Origin{};
 }
 
 // What the proxy's text says stays out of the message: it may contain a password.
 void checkWay(const HttpConfig& config) {
-    require(config.proxy.empty() || isProxyUrl(config.proxy),
+    require(config.proxy.empty() || !proxyIn(config.proxy).host.empty(),
             "HttpConfig::proxy must be of the form http://host:port, without a user or a path.");
     requireText(config.unixSocketPath, "HttpConfig::unixSocketPath");
     constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
@@ -134,14 +148,18 @@ void checkConfig(const HttpConfig& config) {
     checkTls(config.tls);
 }
 
-std::string endpointUrl(const std::string& host, std::uint32_t port, const TlsConfig& tls) {
+Origin originOf(const std::string& host, std::uint32_t port) {
     require(
         port >= 1 && port <= 65535,
         "The port of an endpoint must be between 1 and 65535, not " + std::to_string(port) + ".");
-    const std::string hostAndPort = authority(host, port);
-    require(!hostAndPort.empty(),
+    Origin origin = makeOrigin(host, port);
+    require(!origin.authority.empty(),
             "The host of an endpoint must be a name, an IPv4 address or an IPv6 address.");
-    return (tls.enabled ? "https://" : "http://") + hostAndPort + '/';
+    return origin;
+}
+
+Origin proxyOf(const HttpConfig& config) {
+    return proxyIn(config.proxy);
 }
 
 }  // namespace orvx::communication

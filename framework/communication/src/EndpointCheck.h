@@ -1,6 +1,6 @@
 #pragma once
 
-#include <orvx/communication/HttpConfig.h>
+#include "Request.h"
 
 #include <cstdint>
 #include <string>
@@ -15,7 +15,10 @@ void checkConfig(const HttpConfig& config);
 /// folder cannot be read, or is not what it should be.
 void checkFiles(const TlsConfig& tls);
 
-/// The URL of an endpoint. Throws utility::OrvFoundationException when host or port cannot be used.
-std::string endpointUrl(const std::string& host, std::uint32_t port, const TlsConfig& tls);
+/// Where an endpoint is. Throws utility::OrvFoundationException when host or port cannot be used.
+Origin originOf(const std::string& host, std::uint32_t port);
+
+/// Where the proxy of a configuration that makes sense is; without a host if there is none.
+Origin proxyOf(const HttpConfig& config);
 
 }  // namespace orvx::communication

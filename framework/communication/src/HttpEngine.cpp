@@ -1,46 +1,30 @@
-// The I/O thread: drives libcurl's transfers, feeds them from the endpoints' queues, and calls the
-// handlers, with nothing of libcurl's and no lock around a call.
+// The I/O thread: waits for what happens to the connections, feeds them from the endpoints' queues,
+// and calls the handlers, with no lock around a call.
 // start() and stop() are entered by the thread that initialises; all else is the I/O thread's own.
-// There is no lock here: what comes from other threads comes through the inbox. The loop never
-// throws: what needs memory and does not get it fails the request that needs it.
+// There is no lock here: what comes from other threads comes through the inbox and the resolver.
+// The loop never throws: what needs memory and does not get it fails the request that needs it.
 
 #include "HttpEngine.h"
 
 #include <orvx/utility/OrvFoundationException.h>
-
-#include <dlfcn.h>
+#include <sys/eventfd.h>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/detail/concurrency_hint.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 
 #include <algorithm>
-#include <climits>
+#include <array>
 #include <exception>
-#include <mutex>
 #include <new>
 #include <thread>
 #include <utility>
 
 namespace orvx::communication {
 
+namespace asio = boost::asio;
+
 namespace {
-
-// A look-up that was given up ends in a thread of libcurl's own, maybe when a plug-in that brought
-// libcurl along is gone already: libcurl's code has to stay.
-void keepLibcurlLoaded() {
-    Dl_info where{};
-    if (dladdr(reinterpret_cast<void*>(&curl_multi_init), &where) != 0) {
-        dlopen(where.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-    }
-}
-
-// Never undone: somebody else in this process may use libcurl, too.
-void setUpLibcurl() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
-            throw utility::OrvFoundationException("libcurl cannot be set up.", 0);
-        }
-        keepLibcurlLoaded();
-    });
-}
 
 ClientStatistics::Method methodOf(const Request& request) {
     using Method = ClientStatistics::Method;
@@ -53,7 +37,7 @@ void count(const Request& request, Clock::time_point now) noexcept {
     const bool isAnswered = request.status == CommunicationStatus::Ok;
     const std::uint64_t repeated = request.attempts > 1 ? request.attempts - 1 : 0;
     request.settings->statistics->record({methodOf(request), request.status,
-                                          isAnswered ? request.statusCode : 0,
+                                          isAnswered ? request.answer.statusCode : 0,
                                           now - request.submitted, repeated});
     switch (request.status) {
         case CommunicationStatus::Abandoned:
@@ -69,35 +53,84 @@ HttpResponse responseTo(Request& request) {
     if (request.status != CommunicationStatus::Ok) {
         return HttpResponse(request.status);
     }
-    return {static_cast<HttpResponse::StatusCode>(request.statusCode),
-            std::move(request.headerLines), std::move(request.body)};
+    return {static_cast<HttpResponse::StatusCode>(request.answer.statusCode),
+            std::move(request.answer.headerLines), std::move(request.answer.body)};
 }
 
 }  // namespace
 
-HttpEngine::HttpEngine(std::shared_ptr<RequestInbox> inbox, utility::StreamingLogger logger)
-    : inbox_(std::move(inbox)),
-      logger_(std::move(logger)),
-      multi_(makeMulti()),
-      context_{multi_.get(), {}} {}
-
-// Without a free descriptor there is a handle all the same, but one that cannot be woken.
-HttpEngine::Multi HttpEngine::makeMulti() {
-    setUpLibcurl();
-    Multi multi(curl_multi_init());
-    if (!multi || curl_multi_wakeup(multi.get()) != CURLM_OK) {
-        throw utility::OrvFoundationException(
-            "libcurl cannot be set up: memory or file descriptors ran out.", 0);
+/// What the thread waits in. Nobody else touches it but for the wake-up.
+struct HttpEngine::Loop {
+    // Only the I/O thread is ever inside.
+    Loop(RequestQueue& done, const utility::StreamingLogger& logger)
+        : io(BOOST_ASIO_CONCURRENCY_HINT_UNSAFE),
+          event(io),
+          wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+          resolver(wakeUp),
+          context{io, resolver, logger, done} {
+        event.assign(wakeUp.descriptor());
+        listen();
     }
-    return multi;
+
+    /// Is woken from here on.
+    void listen() {
+        event.async_read_some(asio::buffer(count),
+                              [this](const boost::system::error_code& error, std::size_t) {
+                                  if (!error) {
+                                      listen();
+                                  }
+                              });
+    }
+    /// Handles one thing that has happened; false when nothing has.
+    bool poll() {
+        return isDone([this] { return io.poll_one(); });
+    }
+    /// Waits for it, until then at the latest.
+    void wait(Clock::time_point until) {
+        isDone([this, until] {
+            return until == Clock::time_point::max() ? io.run_one() : io.run_one_until(until);
+        });
+    }
+    /// What a step throws concerns the operation that it was about to begin anew.
+    template <typename Step>
+    bool isDone(const Step& step) {
+        try {
+            return step() != 0;
+        } catch (const std::exception&) {
+            return true;
+        }
+    }
+
+    asio::io_context io;
+    asio::posix::basic_stream_descriptor<asio::io_context::executor_type> event;
+    WakeUp wakeUp;
+    Resolver resolver;
+    EndpointContext context;
+    std::array<std::uint64_t, 1> count{};
+};
+
+HttpEngine::HttpEngine(std::shared_ptr<RequestInbox> inbox, utility::StreamingLogger logger)
+    : inbox_(std::move(inbox)), logger_(std::move(logger)) {
+    try {
+        loop_ = std::make_unique<Loop>(done_, logger_);
+    } catch (const boost::system::system_error& error) {
+        throw utility::OrvFoundationException(
+            (std::string("HTTP cannot be set up: ") + error.what()).c_str(), 0);
+    }
+}
+
+HttpEngine::~HttpEngine() = default;
+
+bool HttpEngine::isRunning() const {
+    return inbox_->isOpenFor(&loop_->wakeUp);
 }
 
 void HttpEngine::start() {
-    inbox_->open(context_.multi);
+    inbox_->open(&loop_->wakeUp);
     try {
         thread_.start("ORVX_HttpIO", [self = shared_from_this()] { self->run(); });
     } catch (...) {
-        inbox_->close(context_.multi);
+        inbox_->close(&loop_->wakeUp);
         throw;
     }
 }
@@ -106,7 +139,7 @@ void HttpEngine::stop() {
     if (thread_.isLeftBehind()) {
         return;
     }
-    inbox_->close(context_.multi).clear();
+    inbox_->close(&loop_->wakeUp).clear();
     if (!thread_.isCurrent()) {
         thread_.end();
         hasEnded_ = true;
@@ -116,41 +149,27 @@ void HttpEngine::stop() {
 void HttpEngine::run() {
     bool hasYielded = false;
     while (isRunning()) {
-        int ignored = 0;
-        curl_multi_perform(context_.multi, &ignored);
-        collect();
+        bool hasWorked = loop_->poll();
         takeOrders();
+        takeLookUps();
         const auto now = Clock::now();
-        const bool hasStarted = startRequests(now);
-        callHandlers(now);
-        if (hasStarted) {
+        goOn(now);
+        hasWorked = callHandlers(now) || hasWorked;
+        if (hasWorked) {
             hasYielded = false;
         } else if (!std::exchange(hasYielded, true)) {
             // Others run first: what they leave before this thread sleeps costs them no wake-up.
             std::this_thread::yield();
-        } else if (inbox_->mayWait(context_.multi)) {
-            wait();
+        } else if (inbox_->mayWait(&loop_->wakeUp)) {
+            loop_->wait(nextTime_);
             hasYielded = false;
         }
     }
     cleanUp();
 }
 
-void HttpEngine::collect() {
-    int ignored = 0;
-    while (const CURLMsg* const message = curl_multi_info_read(context_.multi, &ignored)) {
-        // The message ends with the handle's use.
-        const CURLcode code = message->data.result;
-        Transfer& transfer = Transfer::of(message->easy_handle);
-        HttpEndpoint& endpoint = endpoints_.at(transfer.request()->settings.get());
-        if (auto request = endpoint.finish(transfer, code)) {
-            done_.push(std::move(request));
-        }
-    }
-}
-
 void HttpEngine::takeOrders() {
-    auto orders = inbox_->take(context_.multi);
+    auto orders = inbox_->take(&loop_->wakeUp);
     while (auto order = orders.pop()) {
         takeOrder(std::move(order));
     }
@@ -178,12 +197,9 @@ void HttpEngine::takeOrder(std::unique_ptr<Request> order) {
 void HttpEngine::addRequest(std::unique_ptr<Request> request) {
     if (request->status == CommunicationStatus::Ok) {
         try {
-            const auto [added, isNew] =
-                endpoints_.try_emplace(request->settings.get(), context_, request->settings);
-            added->second.add(std::move(request));
-            if (isNew) {
-                boundIdleConnections();
-            }
+            const auto added =
+                endpoints_.try_emplace(request->settings.get(), loop_->context, request->settings);
+            added.first->second.add(std::move(request));
             return;
         } catch (const std::bad_alloc&) {
             request->status = CommunicationStatus::OutOfMemory;
@@ -192,40 +208,34 @@ void HttpEngine::addRequest(std::unique_ptr<Request> request) {
     done_.push(std::move(request));
 }
 
-bool HttpEngine::startRequests(Clock::time_point now) {
-    bool hasStarted = false;
-    for (auto it = endpoints_.begin(); it != endpoints_.end();) {
-        HttpEndpoint& endpoint = it->second;
-        endpoint.expire(now, done_);
-        hasStarted = endpoint.startWaiting(now, done_) || hasStarted;
-        if (endpoint.isSpent()) {
-            it = endpoints_.erase(it);
-            boundIdleConnections();
-        } else {
-            ++it;
+void HttpEngine::takeLookUps() {
+    for (const auto& lookUp : loop_->resolver.take()) {
+        for (auto& [settings, endpoint] : endpoints_) {
+            endpoint.onResolved(lookUp);
         }
     }
-    return hasStarted;
 }
 
-// Left to itself libcurl keeps as many as there are handles in use, and closes the rest after each
-// burst.
-void HttpEngine::boundIdleConnections() {
-    constexpr std::size_t kMost = 1U << 30U;
-    std::size_t sum = 1;
-    for (const auto& [settings, endpoint] : endpoints_) {
-        sum += std::min(settings->config.connectionsPerEndpoint, kMost - sum);
+void HttpEngine::goOn(Clock::time_point now) {
+    nextTime_ = Clock::time_point::max();
+    for (auto it = endpoints_.begin(); it != endpoints_.end();) {
+        HttpEndpoint& endpoint = it->second;
+        endpoint.go(now);
+        nextTime_ = std::min(nextTime_, endpoint.nextTime());
+        it = endpoint.isSpent() ? endpoints_.erase(it) : std::next(it);
     }
-    curl_multi_setopt(context_.multi, CURLMOPT_MAXCONNECTS, static_cast<long>(sum));
 }
 
-void HttpEngine::callHandlers(Clock::time_point now) {
+/// Whether there was one to call.
+bool HttpEngine::callHandlers(Clock::time_point now) {
+    const bool hasAny = !done_.isEmpty();
     while (const auto request = done_.pop()) {
         if (isRunning()) {
             count(*request, now);
             callHandler(*request);
         }
     }
+    return hasAny;
 }
 
 void HttpEngine::callHandler(Request& request) {
@@ -240,28 +250,13 @@ void HttpEngine::callHandler(Request& request) {
     }
 }
 
-void HttpEngine::wait() {
-    const auto longest = static_cast<int>(longestWait().count());
-    curl_multi_poll(context_.multi, nullptr, 0, longest, nullptr);
-}
-
-std::chrono::milliseconds HttpEngine::longestWait() const {
-    using std::chrono::milliseconds;
-    auto first = Clock::time_point::max();
-    for (const auto& [settings, endpoint] : endpoints_) {
-        first = std::min(first, endpoint.nextDeadline());
-    }
-    if (first == Clock::time_point::max()) {
-        return milliseconds(INT_MAX);
-    }
-    const auto left = std::chrono::ceil<milliseconds>(first - Clock::now());
-    return std::clamp(left, milliseconds(0), milliseconds(INT_MAX));
-}
-
+// What the operations still hold goes with them.
 void HttpEngine::cleanUp() {
     endpoints_.clear();
     done_.clear();
-    multi_.reset();
+    loop_->resolver.close();
+    while (loop_->poll()) {
+    }
 }
 
 }  // namespace orvx::communication

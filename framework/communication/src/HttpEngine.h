@@ -1,25 +1,28 @@
 #pragma once
 
 #include "HttpEndpoint.h"
+#include "Request.h"
 #include "RequestInbox.h"
+#include "WakeUp.h"
 
 #include <orvx/utility/StreamingLogger.h>
 #include <orvx/utility/WorkerThread.h>
 
-#include <chrono>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 namespace orvx::communication {
 
-/// One run of a communication context, from init() to deinit(): the I/O thread, libcurl's multi
-/// handle, and what is under way. The thread keeps it alive.
+/// One run of a communication context, from init() to deinit(): the I/O thread, its event loop, and
+/// what is under way. The thread keeps it alive.
 ///
 /// Thread-safety: start() and stop() by one thread at a time.
 class HttpEngine : public std::enable_shared_from_this<HttpEngine> {
   public:
-    /// Throws utility::OrvFoundationException when libcurl cannot be set up.
+    /// Throws utility::OrvFoundationException when a descriptor is lacking.
     HttpEngine(std::shared_ptr<RequestInbox> inbox, utility::StreamingLogger logger);
+    ~HttpEngine();
     HttpEngine(const HttpEngine&) = delete;
     HttpEngine& operator=(const HttpEngine&) = delete;
 
@@ -31,27 +34,19 @@ class HttpEngine : public std::enable_shared_from_this<HttpEngine> {
     /// Whether a stop() has waited.
     bool hasEnded() const { return hasEnded_; }
     /// From start() to stop().
-    bool isRunning() const { return inbox_->isOpenFor(context_.multi); }
+    bool isRunning() const;
 
   private:
-    struct MultiDeleter {
-        void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
-    };
-    using Multi = std::unique_ptr<CURLM, MultiDeleter>;
-
-    static Multi makeMulti();
+    struct Loop;
 
     void run();
-    void collect();
     void takeOrders();
     void takeOrder(std::unique_ptr<Request> order);
     void addRequest(std::unique_ptr<Request> request);
-    bool startRequests(Clock::time_point now);
-    void boundIdleConnections();
-    void callHandlers(Clock::time_point now);
+    void takeLookUps();
+    void goOn(Clock::time_point now);
+    bool callHandlers(Clock::time_point now);
     void callHandler(Request& request);
-    void wait();
-    std::chrono::milliseconds longestWait() const;
     void cleanUp();
 
     const std::shared_ptr<RequestInbox> inbox_;
@@ -60,10 +55,10 @@ class HttpEngine : public std::enable_shared_from_this<HttpEngine> {
     bool hasEnded_ = false;
 
     // Of the I/O thread from here on.
-    Multi multi_;
-    TransferContext context_;
-    std::unordered_map<const EndpointSettings*, HttpEndpoint> endpoints_;
     RequestQueue done_;
+    std::unique_ptr<Loop> loop_;
+    Clock::time_point nextTime_ = Clock::time_point::max();
+    std::unordered_map<const EndpointSettings*, HttpEndpoint> endpoints_;
 };
 
 }  // namespace orvx::communication

@@ -5,9 +5,9 @@
 
 #include <orvx/communication/OrvClientCommunicationContext.h>
 
-#include "CurlSession.h"
 #include "EndpointCheck.h"
 #include "HttpEngine.h"
+#include "HttpSession.h"
 
 #include <orvx/utility/Mutex.h>
 
@@ -26,10 +26,10 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
         std::shared_ptr<ClientStatistics> sessionStatistics) override {
         // Not its files: one that is being replaced at this moment must not refuse the session.
         checkConfig(sessionConfig);
-        EndpointSettings settings{endpointUrl(host, port, sessionConfig.tls),
-                                  std::move(sessionConfig), std::move(sessionHealthCheck),
-                                  std::move(sessionStatistics)};
-        return std::make_shared<CurlSession>(
+        Origin proxy = proxyOf(sessionConfig);
+        EndpointSettings settings{originOf(host, port), std::move(proxy), std::move(sessionConfig),
+                                  std::move(sessionHealthCheck), std::move(sessionStatistics)};
+        return std::make_shared<HttpSession>(
             inbox, std::make_shared<EndpointSettings>(std::move(settings)));
     }
 
@@ -111,8 +111,8 @@ IClientHttpFactory& OrvClientCommunicationContext::getClientHttpFactory() const 
 }
 
 std::shared_ptr<IClientHttpSession> OrvClientCommunicationContext::getUnavailableSession() const {
-    EndpointSettings settings{"", getHttpConfig(), getHealthCheck(), getClientStatistics()};
-    return std::make_shared<CurlSession>(state_->inbox,
+    EndpointSettings settings{{}, {}, getHttpConfig(), getHealthCheck(), getClientStatistics()};
+    return std::make_shared<HttpSession>(state_->inbox,
                                          std::make_shared<EndpointSettings>(std::move(settings)),
                                          CommunicationStatus::NoSession);
 }

@@ -15,12 +15,27 @@ namespace orvx::communication {
 
 using Clock = std::chrono::steady_clock;
 
+/// Where a server or a proxy is.
+struct Origin {
+    std::string host;  ///< A name or an address, without brackets.
+    std::uint16_t port = 0;
+    std::string authority;  ///< Both, as requests name them.
+};
+
 /// What the requests of one session have in common. Never changed once the session is made.
 struct EndpointSettings {
-    std::string url;
+    Origin origin;
+    Origin proxy;  ///< Without a host there is none.
     HttpConfig config;
     std::shared_ptr<HealthCheck> healthCheck;
     std::shared_ptr<ClientStatistics> statistics;
+};
+
+/// An answer as it is received.
+struct Answer {
+    int statusCode = 0;
+    std::string headerLines;
+    std::string body;
 };
 
 /// One request, or an order to the I/O thread, from submission until its handler is destroyed.
@@ -48,10 +63,8 @@ struct Request {
     // Of the I/O thread, but for a request that is refused from the start.
     std::uint64_t number = 0;  ///< Counts the requests of its endpoint.
     CommunicationStatus status = CommunicationStatus::Ok;
-    int statusCode = 0;
-    std::uint64_t attempts = 0;  ///< Connections that it has had.
-    std::string headerLines;
-    std::string body;
+    Answer answer;
+    std::uint64_t attempts = 0;  ///< Connections that it was sent over.
 
     Request* next = nullptr;  ///< Of the queue that it is in.
 };
@@ -62,11 +75,13 @@ class RequestQueue {
     RequestQueue() = default;
     RequestQueue(RequestQueue&& other) noexcept
         : first_(std::exchange(other.first_, nullptr)),
-          last_(std::exchange(other.last_, nullptr)) {}
+          last_(std::exchange(other.last_, nullptr)),
+          size_(std::exchange(other.size_, 0)) {}
     RequestQueue& operator=(RequestQueue&&) = delete;
     ~RequestQueue() { clear(); }
 
     bool isEmpty() const { return first_ == nullptr; }
+    std::size_t size() const { return size_; }
     /// Of a queue that is not empty.
     const Request& front() const { return *first_; }
 
@@ -74,12 +89,14 @@ class RequestQueue {
         Request* const added = request.release();
         (first_ == nullptr ? first_ : last_->next) = added;
         last_ = added;
+        ++size_;
     }
     /// Null when it is empty.
     std::unique_ptr<Request> pop() noexcept {
         std::unique_ptr<Request> request(first_);
         if (request) {
             first_ = std::exchange(request->next, nullptr);
+            --size_;
         }
         return request;
     }
@@ -92,6 +109,7 @@ class RequestQueue {
   private:
     Request* first_ = nullptr;
     Request* last_ = nullptr;
+    std::size_t size_ = 0;
 };
 
 }  // namespace orvx::communication

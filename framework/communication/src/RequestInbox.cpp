@@ -1,8 +1,7 @@
 // The way from the sessions to the I/O thread. A push() into an engine that is awake costs no
 // system call: the engine looks here before it sleeps. Entered by any thread; in a forked child
 // `mutex_` may be held for ever, so nobody touches it there, nor wakes what is the parent's.
-// `mutex_` is a leaf lock but for curl_multi_wakeup(), which is called under it so that no multi
-// handle is woken that its engine has given up.
+// `mutex_` is a leaf lock. An engine is woken under it, so that none is woken that has ended.
 
 #include "RequestInbox.h"
 
@@ -15,46 +14,46 @@ void RequestInbox::push(std::unique_ptr<Request> request) {
         return;
     }
     MutexLock lock(mutex_);
-    if (multi_ != nullptr) {
+    if (wakeUp_ != nullptr) {
         pending_.push(std::move(request));
         wake();
     }
 }
 
-void RequestInbox::open(CURLM* multi) {
+void RequestInbox::open(const WakeUp* wakeUp) {
     mark_.set();
     MutexLock lock(mutex_);
-    multi_ = multi;
+    wakeUp_ = wakeUp;
     engineWaits_ = false;
 }
 
-RequestQueue RequestInbox::close(CURLM* multi) {
+RequestQueue RequestInbox::close(const WakeUp* wakeUp) {
     MutexLock lock(mutex_);
-    if (multi_ != multi) {
+    if (wakeUp_ != wakeUp) {
         return {};
     }
     wake();
-    multi_ = nullptr;
+    wakeUp_ = nullptr;
     return std::move(pending_);
 }
 
-bool RequestInbox::isOpenFor(CURLM* multi) const {
+bool RequestInbox::isOpenFor(const WakeUp* wakeUp) const {
     MutexLock lock(mutex_);
-    return multi_ == multi;
+    return wakeUp_ == wakeUp;
 }
 
-RequestQueue RequestInbox::take(CURLM* multi) {
+RequestQueue RequestInbox::take(const WakeUp* wakeUp) {
     MutexLock lock(mutex_);
-    if (multi_ != multi) {
+    if (wakeUp_ != wakeUp) {
         return {};
     }
     engineWaits_ = false;
     return std::move(pending_);
 }
 
-bool RequestInbox::mayWait(CURLM* multi) {
+bool RequestInbox::mayWait(const WakeUp* wakeUp) {
     MutexLock lock(mutex_);
-    if (multi_ != multi || !pending_.isEmpty()) {
+    if (wakeUp_ != wakeUp || !pending_.isEmpty()) {
         return false;
     }
     engineWaits_ = true;
@@ -64,7 +63,7 @@ bool RequestInbox::mayWait(CURLM* multi) {
 void RequestInbox::wake() {
     if (engineWaits_) {
         engineWaits_ = false;
-        curl_multi_wakeup(multi_);
+        wakeUp_->raise();
     }
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Request.h"
+#include "WakeUp.h"
 
-#include <curl/curl.h>
 #include <orvx/utility/ForkMark.h>
 #include <orvx/utility/Mutex.h>
 
@@ -20,24 +20,23 @@ class RequestInbox {
     /// Dropped, on the calling thread, while it is closed, and in a forked child.
     void push(std::unique_ptr<Request> request) ORVX_EXCLUDES(mutex_);
 
-    /// From here on requests are for the engine of this multi handle, which waits in
-    /// curl_multi_poll().
-    void open(CURLM* multi) ORVX_EXCLUDES(mutex_);
+    /// From here on requests are for the engine that this wakes up.
+    void open(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
     /// Takes nothing any more if it is open for that engine, and returns what nobody has taken.
-    RequestQueue close(CURLM* multi) ORVX_EXCLUDES(mutex_);
+    RequestQueue close(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
 
-    bool isOpenFor(CURLM* multi) const ORVX_EXCLUDES(mutex_);
+    bool isOpenFor(const WakeUp* wakeUp) const ORVX_EXCLUDES(mutex_);
     /// What has been left since the last call; wake-ups stop until mayWait().
-    RequestQueue take(CURLM* multi) ORVX_EXCLUDES(mutex_);
+    RequestQueue take(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
     /// Asks to be woken by the next push() or close(); false when there is cause to go on at once.
-    bool mayWait(CURLM* multi) ORVX_EXCLUDES(mutex_);
+    bool mayWait(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
 
   private:
     void wake() ORVX_REQUIRES(mutex_);
 
     utility::ForkMark mark_;
     mutable utility::Mutex mutex_;
-    CURLM* multi_ ORVX_GUARDED_BY(mutex_) = nullptr;
+    const WakeUp* wakeUp_ ORVX_GUARDED_BY(mutex_) = nullptr;
     bool engineWaits_ ORVX_GUARDED_BY(mutex_) = false;
     RequestQueue pending_ ORVX_GUARDED_BY(mutex_);
 };

@@ -45,18 +45,13 @@ bool isName(std::string_view text) {
     });
 }
 
-std::string_view withoutBrackets(std::string_view host) {
-    const bool bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
-    return bracketed ? host.substr(1, host.size() - 2) : host;
-}
-
 bool isIpv6(const std::string& address) {
     in6_addr ignored;
     return address.find('\0') == std::string::npos &&
            ::inet_pton(AF_INET6, address.c_str(), &ignored) == 1;
 }
 
-/// Empty when it is none. A zone's "%" is written as URLs want it.
+/// Empty when it is none. Its zone means something on this machine only.
 std::string bracketedIpv6(std::string_view host) {
     const auto percent = host.find('%');
     const std::string address(host.substr(0, percent));
@@ -67,10 +62,15 @@ std::string bracketedIpv6(std::string_view host) {
         return '[' + address + ']';
     }
     const std::string zone(host.substr(percent + 1));
-    return isName(zone) ? '[' + address + "%25" + zone + ']' : std::string();
+    return isName(zone) ? '[' + address + ']' : std::string();
 }
 
 }  // namespace
+
+std::string_view withoutBrackets(std::string_view host) {
+    const bool bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
+    return bracketed ? host.substr(1, host.size() - 2) : host;
+}
 
 std::string requestTarget(const std::string& path) {
     std::string target;

@@ -68,7 +68,7 @@ TEST_F(AnAnswer, MayHaveAnyStatusCodeOfThreeDigits) {
         const auto line = "HTTP/1.1 " + std::to_string(code);
         EXPECT_EQ(codeOf(to(line + "\r\nContent-Length: 0\r\n\r\n")), code);
         EXPECT_EQ(codeOf(to(line + " \r\nContent-Length: 0\r\n\r\n")), code);
-        EXPECT_EQ(codeOf(to(line + " R\xC3\xA4son\nContent-Length: 0\n\n")), code);
+        EXPECT_EQ(codeOf(to(line + " R\xC3\xA4son\r\nContent-Length: 0\r\n\r\n")), code);
     }
 }
 

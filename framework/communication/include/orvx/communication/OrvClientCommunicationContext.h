@@ -28,8 +28,8 @@ class ORVX_EXPORT OrvClientCommunicationContext {
     void setHttpConfig(HttpConfig config);
 
     /// Starts the I/O thread; does nothing while it runs. Sessions made before work from here on.
-    /// Throws utility::OrvFoundationException when the HTTP configuration makes no sense or libcurl
-    /// cannot be set up, and std::system_error when the thread cannot be made.
+    /// Throws utility::OrvFoundationException when the HTTP configuration makes no sense or
+    /// descriptors ran out, and std::system_error when the thread cannot be made.
     void init();
 
     /// Gives up every outstanding request without calling its handler, closes every connection and

@@ -1,7 +1,7 @@
 // A session: makes requests and leaves them for the I/O thread, those too that it refuses.
 // Entered by any thread; it has no state of its own that changes, and no lock.
 
-#include "CurlSession.h"
+#include "HttpSession.h"
 
 #include "RequestTarget.h"
 
@@ -13,7 +13,7 @@ namespace orvx::communication {
 
 namespace {
 
-/// What libcurl can wait for, and the clock can add, without an overflow: 24 days.
+/// What the clock can add without an overflow: 24 days.
 constexpr std::chrono::milliseconds kLongestTimeout(std::numeric_limits<int>::max());
 
 bool canBeSent(const Request& request) {
@@ -24,20 +24,20 @@ bool canBeSent(const Request& request) {
 
 }  // namespace
 
-CurlSession::CurlSession(std::shared_ptr<RequestInbox> inbox,
+HttpSession::HttpSession(std::shared_ptr<RequestInbox> inbox,
                          std::shared_ptr<const EndpointSettings> settings,
                          CommunicationStatus refusal)
     : inbox_(std::move(inbox)), settings_(std::move(settings)), refusal_(refusal) {}
 
-CurlSession::~CurlSession() {
+HttpSession::~HttpSession() {
     try {
         inbox_->push(make(Request::Kind::Retire));
     } catch (const std::bad_alloc&) {
-        // Its handles stay until the engine stops.
+        // Its connections stay until the engine stops.
     }
 }
 
-void CurlSession::sendPutRequest(std::string path, std::string contentType, std::string accept,
+void HttpSession::sendPutRequest(std::string path, std::string contentType, std::string accept,
                                  const char* content, std::uint64_t length,
                                  ResponseHandler handler) {
     auto request = make(Request::Kind::Put);
@@ -48,22 +48,22 @@ void CurlSession::sendPutRequest(std::string path, std::string contentType, std:
     send(std::move(request), path, std::move(handler));
 }
 
-void CurlSession::sendHeadRequest(std::string uri, ResponseHandler handler) {
+void HttpSession::sendHeadRequest(std::string uri, ResponseHandler handler) {
     send(make(Request::Kind::Head), uri, std::move(handler));
 }
 
-void CurlSession::sendDeleteRequest(std::string uri, std::string contentType,
+void HttpSession::sendDeleteRequest(std::string uri, std::string contentType,
                                     ResponseHandler handler) {
     auto request = make(Request::Kind::Delete);
     request->contentType = std::move(contentType);
     send(std::move(request), uri, std::move(handler));
 }
 
-void CurlSession::abandon() {
+void HttpSession::abandon() {
     inbox_->push(make(Request::Kind::Abandon));
 }
 
-std::unique_ptr<Request> CurlSession::make(Request::Kind kind) const {
+std::unique_ptr<Request> HttpSession::make(Request::Kind kind) const {
     auto request = std::make_unique<Request>();
     request->kind = kind;
     request->settings = settings_;
@@ -71,7 +71,7 @@ std::unique_ptr<Request> CurlSession::make(Request::Kind kind) const {
     return request;
 }
 
-void CurlSession::send(std::unique_ptr<Request> request, const std::string& path,
+void HttpSession::send(std::unique_ptr<Request> request, const std::string& path,
                        ResponseHandler handler) {
     request->target = requestTarget(path);
     if (request->status == CommunicationStatus::Ok && !canBeSent(*request)) {

@@ -9,13 +9,13 @@
 namespace orvx::communication {
 
 /// Turns calls into requests in the inbox.
-class CurlSession : public IClientHttpSession {
+class HttpSession : public IClientHttpSession {
   public:
     /// `refusal` is what every request is answered with, if anything.
-    CurlSession(std::shared_ptr<RequestInbox> inbox,
+    HttpSession(std::shared_ptr<RequestInbox> inbox,
                 std::shared_ptr<const EndpointSettings> settings,
                 CommunicationStatus refusal = CommunicationStatus::Ok);
-    ~CurlSession() override;
+    ~HttpSession() override;
 
     void sendPutRequest(std::string path, std::string contentType, std::string accept,
                         const char* content, std::uint64_t length,

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+namespace orvx::communication {
+
+/// Bytes that were received and not yet consumed, in one piece. It grows as long as nothing is
+/// consumed: its user bounds that.
+class ReadBuffer {
+  public:
+    std::string_view view() const { return {bytes_.data() + begin_, end_ - begin_}; }
+    void consume(std::size_t count) { begin_ += count; }
+
+    /// Makes room and marks its first byte, so that isUntouched() tells whether something has been
+    /// read. Throws std::bad_alloc.
+    void prepare() {
+        constexpr std::size_t kLeast = 1024;
+        constexpr std::size_t kFirst = 4096;
+        if (begin_ == end_) {
+            begin_ = end_ = 0;
+        }
+        if (bytes_.size() - end_ < kLeast) {
+            bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(begin_));
+            end_ -= begin_;
+            begin_ = 0;
+            bytes_.resize(end_ < kFirst / 2 ? kFirst : 2 * end_);
+        }
+        bytes_[end_] = '\0';
+    }
+    char* space() { return bytes_.data() + end_; }
+    std::size_t spaceSize() const { return bytes_.size() - end_; }
+    bool isUntouched() const { return bytes_[end_] == '\0'; }
+    /// So many bytes were read into the space.
+    void received(std::size_t count) { end_ += count; }
+    /// Inserts a byte, so far behind the first one. Throws std::bad_alloc.
+    void insert(std::size_t offset, char byte) {
+        bytes_.insert(bytes_.begin() + static_cast<std::ptrdiff_t>(begin_ + offset), byte);
+        ++end_;
+    }
+
+  private:
+    std::vector<char> bytes_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+};
+
+}  // namespace orvx::communication

@@ -1,0 +1,218 @@
+// Sets OpenSSL up for one endpoint.
+// Entered by the I/O thread only; there is no lock.
+
+#include "TlsClient.h"
+
+#include "Require.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/ssl/error.hpp>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <utility>
+
+namespace orvx::communication {
+
+namespace ssl = boost::asio::ssl;
+using boost::system::error_code;
+
+namespace {
+
+// Servers give two for a connection; more than are taken at once are of no use.
+constexpr std::size_t kMostSessions = 16;
+
+void require(bool isFine, const char* otherwise) {
+    communication::require(isFine, std::string(otherwise));
+}
+
+std::string contentOf(const std::string& path) {
+    if (path.empty()) {
+        return {};
+    }
+    std::ifstream file(path, std::ios::binary);
+    std::string content{std::istreambuf_iterator<char>(file), {}};
+    communication::require(file.is_open() && !content.empty(), path + " cannot be read");
+    return content;
+}
+
+bool isAddress(const std::string& host) {
+    const std::unique_ptr<ASN1_OCTET_STRING, decltype(&ASN1_OCTET_STRING_free)> address(
+        a2i_IPADDRESS(host.c_str()), ASN1_OCTET_STRING_free);
+    ERR_clear_error();
+    return address != nullptr;
+}
+
+/// Where a connection keeps whose it is.
+int indexOfClient() {
+    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+}
+
+boost::asio::const_buffer buffer(const std::string& text) {
+    return boost::asio::buffer(text.data(), text.size());
+}
+
+}  // namespace
+
+TlsClient::TlsClient(const TlsConfig& config, std::string host)
+    : config_(config),
+      host_(host.substr(0, host.find('%'))),
+      isAddress_(isAddress(host_)),
+      // What is in a folder is read when it is needed.
+      mayKeepContext_(config.disableServerVerification ||
+                      (!config.authorityFile.empty() && config.authorityFolder.empty())) {}
+
+TlsClient::~TlsClient() = default;
+
+std::shared_ptr<ssl::context> TlsClient::context() {
+    const Files files = readFiles();
+    if (!mayKeepContext_) {
+        return makeContext(files);
+    }
+    const Digest digest = digestOf(files);
+    if (!context_ || digest != digest_) {
+        sessions_.clear();
+        context_ = makeContext(files);
+        digest_ = digest;
+    }
+    return context_;
+}
+
+TlsClient::Files TlsClient::readFiles() const {
+    Files files{contentOf(config_.authorityFile), contentOf(config_.clientCertificateFile),
+                contentOf(config_.clientKeyFile)};
+    if (files.key.empty()) {
+        files.key = files.certificate;
+    }
+    return files;
+}
+
+TlsClient::Digest TlsClient::digestOf(const Files& files) {
+    Digest digest{};
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> state(EVP_MD_CTX_new(),
+                                                                        EVP_MD_CTX_free);
+    bool isFine = state && EVP_DigestInit_ex(state.get(), EVP_sha256(), nullptr) == 1;
+    for (const std::string* const file : {&files.authorities, &files.certificate, &files.key}) {
+        const std::uint64_t size = file->size();
+        isFine = isFine && EVP_DigestUpdate(state.get(), &size, sizeof size) == 1 &&
+                 EVP_DigestUpdate(state.get(), file->data(), file->size()) == 1;
+    }
+    isFine = isFine && EVP_DigestFinal_ex(state.get(), digest.data(), nullptr) == 1;
+    require(isFine, "no SHA-256");
+    return digest;
+}
+
+std::shared_ptr<ssl::context> TlsClient::makeContext(const Files& files) {
+    ERR_clear_error();
+    auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
+    SSL_CTX* const native = context->native_handle();
+    const bool is13 = config_.lowestVersion == TlsConfig::Version::Tls13;
+    SSL_CTX_set_min_proto_version(native, is13 ? TLS1_3_VERSION : TLS1_2_VERSION);
+    SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
+    // Else the terminal is asked for the password of a key that has one.
+    SSL_CTX_set_default_passwd_cb(native, [](char*, int, int, void*) { return -1; });
+    if (!config_.disableServerVerification) {
+        loadAuthorities(*context, files);
+    }
+    SSL_CTX_set_verify(
+        native, config_.disableServerVerification ? SSL_VERIFY_NONE : SSL_VERIFY_PEER, nullptr);
+    if (!files.certificate.empty()) {
+        error_code error;
+        context->use_certificate_chain(buffer(files.certificate), error);
+        require(!error, "the client's certificate cannot be used");
+        context->use_private_key(buffer(files.key), ssl::context::pem, error);
+        require(!error && SSL_CTX_check_private_key(native) == 1,
+                "the client's key cannot be used");
+    }
+    if (mayKeepContext_) {
+        SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+        SSL_CTX_sess_set_new_cb(native, &TlsClient::onNewSession);
+    } else {
+        SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
+    }
+    ERR_clear_error();
+    return context;
+}
+
+// The system's are those that OpenSSL was built for: the environment may name others, to which
+// nobody has agreed.
+void TlsClient::loadAuthorities(ssl::context& context, const Files& files) const {
+    SSL_CTX* const native = context.native_handle();
+    if (config_.authorityFile.empty() && config_.authorityFolder.empty()) {
+        SSL_CTX_load_verify_file(native, X509_get_default_cert_file());  // There may be none.
+        SSL_CTX_load_verify_dir(native, X509_get_default_cert_dir());
+        return;
+    }
+    if (!files.authorities.empty()) {
+        error_code error;
+        context.add_certificate_authority(buffer(files.authorities), error);
+        require(!error, "the file of authorities cannot be used");
+    }
+    if (!config_.authorityFolder.empty()) {
+        require(SSL_CTX_load_verify_dir(native, config_.authorityFolder.c_str()) == 1,
+                "the folder of authorities cannot be used");
+    }
+}
+
+void TlsClient::prepare(SSL& ssl) {
+    bool isFine = SSL_set_ex_data(&ssl, indexOfClient(), this) == 1;
+    if (isAddress_) {
+        isFine = isFine && X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(&ssl), host_.c_str()) == 1;
+    } else {
+        isFine = isFine && SSL_set1_host(&ssl, host_.c_str()) == 1 &&
+                 SSL_set_tlsext_host_name(&ssl, host_.c_str()) == 1;
+    }
+    if (!isFine) {
+        throw std::bad_alloc();
+    }
+    if (sessions_.empty()) {
+        return;
+    }
+    SSL_set_session(&ssl, sessions_.back().get());
+    // In the newest protocol one is good for one connection: who listens could tell that two are of
+    // the same client.
+    if (SSL_SESSION_get_protocol_version(sessions_.back().get()) == TLS1_3_VERSION) {
+        sessions_.pop_back();
+    }
+}
+
+int TlsClient::onNewSession(SSL* ssl, SSL_SESSION* session) noexcept {
+    auto& self = *static_cast<TlsClient*>(SSL_get_ex_data(ssl, indexOfClient()));
+    // One that was verified with other files must not be resumed.
+    if (!self.context_ || SSL_get_SSL_CTX(ssl) != self.context_->native_handle()) {
+        return 0;
+    }
+    try {
+        auto& sessions = self.sessions_;
+        const bool isSingleUse = SSL_SESSION_get_protocol_version(session) == TLS1_3_VERSION;
+        if (sessions.size() == kMostSessions || (!isSingleUse && !sessions.empty())) {
+            sessions.erase(sessions.begin());
+        }
+        sessions.reserve(sessions.size() + 1);
+        sessions.emplace_back(session);
+        return 1;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+}
+
+std::string TlsClient::whatFailed(const SSL& ssl, const error_code& error) {
+    const long verified = SSL_get_verify_result(&ssl);
+    if (verified != X509_V_OK) {
+        return X509_verify_cert_error_string(verified);
+    }
+    return error == ssl::error::stream_truncated || error == boost::asio::error::eof
+               ? "the peer closed the connection"
+               : error.message();
+}
+
+}  // namespace orvx::communication
