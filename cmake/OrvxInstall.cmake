@@ -24,7 +24,7 @@ file(RELATIVE_PATH ORVX_UP_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 # A static library says what it is linked with, the shared libraries themselves: as requirements they
 # would bring along, for a link of everything static, more than their development packages install.
 if(NOT BUILD_SHARED_LIBS)
-  set(ORVX_PRIVATE_LIBS "-lcurl -lfmt -pthread -l${CMAKE_DL_LIBS}")
+  set(ORVX_PRIVATE_LIBS "-lssl -lcrypto -lfmt -pthread -l${CMAKE_DL_LIBS}")
 endif()
 configure_package_config_file(cmake/${name}Config.cmake.in ${name}Config.cmake
   INSTALL_DESTINATION "${package_folder}"

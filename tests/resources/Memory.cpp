@@ -1,7 +1,7 @@
-// The program's operator new, and libcurl's allocator. Entered by every thread; atomics only.
+// The program's operator new, and OpenSSL's allocator. Entered by every thread; atomics only.
 #include "Memory.h"
 
-#include <curl/curl.h>
+#include <openssl/crypto.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -35,22 +35,18 @@ bool mustFail() {
     return fails;
 }
 
-void* curlMalloc(std::size_t size) {
+void* opensslMalloc(std::size_t size, const char*, int) {
     return mustFail() ? nullptr : std::malloc(size);
 }
-void* curlRealloc(void* block, std::size_t size) {
+void* opensslRealloc(void* block, std::size_t size, const char*, int) {
     return mustFail() ? nullptr : std::realloc(block, size);
 }
-void* curlCalloc(std::size_t count, std::size_t size) {
-    return mustFail() ? nullptr : std::calloc(count, size);
-}
-char* curlStrdup(const char* text) {
-    return mustFail() ? nullptr : ::strdup(text);
+void opensslFree(void* block, const char*, int) {
+    std::free(block);
 }
 
-// Before the library sets libcurl up: the first one decides.
-const bool isSetUp = curl_global_init_mem(CURL_GLOBAL_DEFAULT, curlMalloc, std::free, curlRealloc,
-                                          curlStrdup, curlCalloc) == CURLE_OK;
+// Before anything uses OpenSSL: it takes no other allocator later.
+const bool isSetUp = CRYPTO_set_mem_functions(opensslMalloc, opensslRealloc, opensslFree) == 1;
 
 }  // namespace
 

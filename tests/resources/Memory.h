@@ -5,7 +5,7 @@
 namespace orvx::testing {
 
 /// Lets allocations fail: those of the library's own threads (by their names, "ORVX_...") and those
-/// of a thread that counts itself in; operator new throws, and libcurl's get null. All others
+/// of a thread that counts itself in; operator new throws, and OpenSSL's get null. All others
 /// succeed, so that a test's own do.
 class Memory {
   public:

@@ -1,5 +1,5 @@
 // Memory that runs out at each allocation of the library's, once it has started: on its own
-// threads, in libcurl, and in the calls of a user. Real threads and sockets.
+// threads, in OpenSSL, and in the calls of a user. Real threads and sockets.
 #include "HostileServer.h"
 #include "Memory.h"
 #include "Recorder.h"

@@ -100,7 +100,7 @@ class AStopAtARandomMoment : public ::testing::Test {
     }
 
     static void expectPeace(Scene& scene) {
-        // The thread that looks up a name is libcurl's, and ends with the look-up.
+        // The thread that looks up a name ends with the look-up.
         const bool isLookingUp = scene.resolver.has_value();
         scene.resolver.reset();
         EXPECT_TRUE(isLookingUp ? eventually(noneIsOurs) : noneIsOurs())

@@ -57,8 +57,8 @@ struct HttpConfig {
     /// Connections to one endpoint; requests beyond wait. Positive.
     std::size_t connectionsPerEndpoint = 16;
     /// Bounds of an answer, in bytes: all its header lines together (interim answers included), and
-    /// its body. One beyond fails with TooLarge. Beyond 100 KiB
-    /// for a single header line, and 300 KiB for all of them, no setting counts. Positive.
+    /// its body. One beyond fails with TooLarge. Beyond 300 KiB of headers no setting counts.
+    /// Positive.
     std::size_t maxHeaderBytes = 128 * 1024;
     /// The bound of an answer's body, in bytes. Positive.
     std::size_t maxBodyBytes = 1024 * 1024;
@@ -77,8 +77,8 @@ struct HttpConfig {
     /// through, which then stands whatever is set later. Null: none.
     std::shared_ptr<HttpCredentials> proxyCredentials;
     /// The Unix domain socket where every server is reached; empty: over TCP. The endpoint's host
-    /// and port are what the server and its certificate are called then. It is connected to anew
-    /// for each request. At most 107 bytes; not together with a proxy.
+    /// and port are what the server and its certificate are called then. At most 107 bytes; not
+    /// together with a proxy.
     std::string unixSocketPath;
     /// Whether and how connections are secured.
     TlsConfig tls;
