@@ -13,12 +13,14 @@
 namespace orvx::testing {
 namespace {
 
+using ::testing::AnyOf;
 using ::testing::Contains;
 using ::testing::Each;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 std::string outputOf(const std::string& command) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(::popen(command.c_str(), "r"),
@@ -57,6 +59,13 @@ TEST(TheSharedLibrary, NeedsOnlyTheSystemOpensslAndLibfmt) {
                             ORVX_READELF " -d " ORVX_SHARED_LIBRARY);
     EXPECT_THAT(needed, Contains("ssl"));
     EXPECT_THAT(needed, Each(MatchesRegex("c|m|stdc\\+\\+|gcc_s|ssl|crypto|fmt|[a-z]+san")));
+}
+
+// A program that it is linked into may bring Boost in another version.
+TEST(TheStaticLibrary, HasNoNameOfBoosts) {
+    const auto names = all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " " ORVX_STATIC_LIBRARY);
+    EXPECT_THAT(names, Contains(HasSubstr("10orvx_boost4asio")));
+    EXPECT_THAT(names, Each(Not(AnyOf(HasSubstr("5boost"), StartsWith("boost_")))));
 }
 
 TEST(ThePlugin, HasNoSymbolThatKeepsItLoaded) {

@@ -46,6 +46,23 @@ int lookUpUnknown(std::string_view name) {
     return EAI_NONAME;
 }
 
+auto* next() {
+    static const auto function =
+        reinterpret_cast<decltype(&::getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+    return function;
+}
+
+int lookUpBoth(std::string_view name, const addrinfo* hints, addrinfo** result) {
+    State& s = state();
+    {
+        MutexLock lock(s.mutex);
+        s.lookups.emplace_back(name);
+        s.changed.notify_all();
+    }
+    const int error = next()("::1", nullptr, hints, result);
+    return error != 0 ? error : next()("127.0.0.1", nullptr, hints, &(*result)->ai_next);
+}
+
 int lookUpSilent(std::string_view name) {
     State& s = state();
     MutexLock lock(s.mutex);
@@ -124,7 +141,8 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
     if (endsWith(name, ".unknown.test")) {
         return lookUpUnknown(name);
     }
-    static const auto next =
-        reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
-    return next(node, service, hints, result);
+    if (endsWith(name, ".both.test")) {
+        return lookUpBoth(name, hints, result);
+    }
+    return next()(node, service, hints, result);
 }

@@ -102,9 +102,10 @@ bool hasIpv6Loopback() {
 
 // With a backlog of zero the kernel queues one connection. It is queued only when the last ACK of
 // its handshake has arrived, which is not when connect() returns but when the listener is readable.
-BlackHole::BlackHole() : listener_(bindLoopback()), port_(portOf(listener_)) {
+BlackHole::BlackHole(Loopback loopback, std::uint16_t port)
+    : listener_(bindLoopback(loopback, port)), port_(portOf(listener_)) {
     listenOn(listener_, 0);
-    filler_ = connectLoopback(port_);
+    filler_ = connectLoopback(port_, loopback);
     if (!waitForEvents(listener_, POLLIN, kPatienceMilliseconds)) {
         throw std::runtime_error("the queue of the black hole does not fill");
     }

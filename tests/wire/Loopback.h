@@ -66,7 +66,7 @@ class RefusedPort {
 class BlackHole {
   public:
     /// Throws std::system_error, std::runtime_error if the queue does not fill.
-    BlackHole();
+    explicit BlackHole(Loopback loopback = Loopback::V4, std::uint16_t port = 0);
 
     std::uint16_t port() const { return port_; }
 

@@ -97,6 +97,36 @@ TEST_F(TheWayThroughAProxy, IsNoConnectionWhenItRefusesTheTunnel) {
     EXPECT_EQ(statusOfTunnel("HTTP/1.1 407 "), CommunicationStatus::TimedOut) << "of connecting";
 }
 
+TEST_F(TheWayThroughAProxy, IsNoConnectionWhenItsAnswerIsNoneOrNoneThatEnds) {
+    const std::string refusal = "HTTP/1.1 407 No\r\n";
+    for (const Script& answer :
+         {Script("garbage\r\n\r\n"), Script("HTTP/2 200\r\n\r\n"), Script("HTTP/1.1 200 OK\n\n"),
+          Script("HTTP/1.1 200").close(), Script(refusal + "\r\n").sendEndlessly("body"),
+          Script(refusal + "Content-Length: 9999999\r\n\r\n").sendEndlessly("body"),
+          Script(refusal + "Transfer-Encoding: chunked\r\n\r\n").sendEndlessly("4\r\nbody\r\n"),
+          Script(refusal).sendEndlessly("A: b\r\n"), Script(refusal + "A: ").sendEndlessly("b"),
+          Script("HTTP/1.1 200 ").sendEndlessly("b"),
+          Script().sendEndlessly("HTTP/1.1 103 Hints\r\n\r\n"),
+          Script("HTTP/1.1 200 OK\r\n\r\nHello, client")}) {
+        EXPECT_EQ(statusOfTunnel(answer), CommunicationStatus::ConnectFailed);
+    }
+}
+
+TEST_F(TheWayThroughAProxy, IsGivenUpWithTheContextWhileTheProxyTalks) {
+    useTls();
+    server_.onRequest([](const Request&) {
+        return Script("HTTP/1.1 407 No\r\n")
+            .sendEndlessly("A: b\r\n", Script::kUncapped, std::chrono::milliseconds(1));
+    });
+    Outcome outcome;
+    elsewhere()->sendHeadRequest("/", outcome.handler());
+    ASSERT_TRUE(server_.waitForRequests(1));
+    const auto start = std::chrono::steady_clock::now();
+    context_.deinit();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(outcome.calls(), 0);
+}
+
 TEST_F(TheWayThroughAProxy, IsNoTlsWhenTheTunnelLeadsToNone) {
     EXPECT_EQ(statusOfTunnel(Script("HTTP/1.1 200 OK\r\n\r\n").close()),
               CommunicationStatus::TlsFailed);

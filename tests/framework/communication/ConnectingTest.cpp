@@ -1,0 +1,213 @@
+// How connections are made: names, addresses of both families, how many at a time, and what a peer
+// says before it is asked.
+
+#include "BusyIoThread.h"
+#include "HttpTest.h"
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <vector>
+
+#include "DeadResolver.h"
+#include "Descriptors.h"
+#include "Loopback.h"
+#include "Process.h"
+
+namespace orvx::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+using Clock = std::chrono::steady_clock;
+
+class Connecting : public HttpTest {
+  protected:
+    Connecting() {
+        server_.onRequest([](const Request&) { return response(200); });
+    }
+    static std::vector<CommunicationStatus> statusesOf(const std::vector<Outcome>& outcomes) {
+        std::vector<CommunicationStatus> statuses;
+        for (const Outcome& outcome : outcomes) {
+            statuses.push_back(outcome.status());
+        }
+        return statuses;
+    }
+    static Clock::duration durationOf(const std::function<void()>& what) {
+        const auto start = Clock::now();
+        what();
+        return Clock::now() - start;
+    }
+    /// Sends a request and holds the I/O thread from the moment when connecting has begun until
+    /// `meanwhile` has returned.
+    HttpResponse putWhile(const SessionPointer& session, const std::function<void()>& meanwhile) {
+        Outcome answered;
+        Outcome holding;
+        std::promise<void> entered;
+        std::promise<void> released;
+        {
+            const BusyIoThread busy(context_);
+            session->sendPutRequestJson("/", "", 0, answered.handler());
+            context_.getUnavailableSession()->sendHeadRequest("/", holding.handler([&] {
+                entered.set_value();
+                released.get_future().wait();
+            }));
+        }
+        entered.get_future().wait();
+        meanwhile();
+        released.set_value();
+        return answered.response();
+    }
+};
+
+TEST_F(Connecting, CostsOneThreadAndNoDescriptorHoweverManyNamesAreNotAnswered) {
+    const DeadResolver resolver;
+    HttpConfig config;
+    config.connectTimeout = 500ms;
+    const SessionPointer other = session();
+    put(other);
+    const auto threads = threadNames();
+    const auto descriptors = openDescriptors();
+    std::vector<Outcome> outcomes(150);
+    std::vector<SessionPointer> sessions;
+    for (const char* const host : {"a.silent.test", "b.silent.test", "c.silent.test"}) {
+        sessions.push_back(session(80, config, host));
+    }
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+        sessions[i % sessions.size()]->sendPutRequestJson("/", "", 0, outcomes[i].handler());
+    }
+    ASSERT_TRUE(resolver.waitForLookups(1));
+    EXPECT_EQ(codeOf(put(other)), 200) << "nothing else is held up";
+    EXPECT_THAT(threadNames(), SizeIs(threads.size() + 1));
+    EXPECT_THAT(threadNames(), Contains("ORVX_Resolver"));
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_THAT(statusesOf(outcomes), Each(CommunicationStatus::TimedOut));
+    EXPECT_THAT(resolver.lookups(), SizeIs(1));
+    EXPECT_LT(durationOf([&] { context_.deinit(); }), 1s);
+}
+
+TEST_F(Connecting, AsksOnceForANameHoweverManyRequestsWaitAndForAWhileAfter) {
+    const DeadResolver resolver;
+    const SessionPointer named = session(server_.port(), {}, "a.both.test");
+    std::vector<Outcome> outcomes(50);
+    for (Outcome& outcome : outcomes) {
+        named->sendPutRequestJson("/", "", 0, outcome.handler());
+    }
+    EXPECT_THAT(statusesOf(outcomes), Each(CommunicationStatus::Ok));
+    server_.nextRequest(Script().send(response(200)).close());
+    put(named);
+    EXPECT_EQ(codeOf(put(named)), 200);
+    EXPECT_THAT(resolver.lookups(), ElementsAre("a.both.test"));
+}
+
+TEST_F(Connecting, FailsAllThatWaitForANameThatIsUnknown) {
+    const DeadResolver resolver;
+    const SessionPointer unknown = session(80, {}, "a.unknown.test");
+    std::vector<Outcome> outcomes(20);
+    {
+        const BusyIoThread busy(context_);
+        for (Outcome& outcome : outcomes) {
+            unknown->sendPutRequestJson("/", "", 0, outcome.handler());
+        }
+    }
+    EXPECT_THAT(statusesOf(outcomes), Each(CommunicationStatus::ResolveFailed));
+    EXPECT_THAT(resolver.lookups(), SizeIs(1));
+}
+
+TEST_F(Connecting, TriesTheOtherFamilyWhenOneIsSilentAndItFirstTheNextTime) {
+    if (!hasIpv6Loopback()) {
+        GTEST_SKIP() << "This machine has no ::1.";
+    }
+    const BlackHole hole(Loopback::V6, server_.port());
+    server_.onRequest([](const Request&) { return Script().send(response(200)).close(); });
+    const SessionPointer named = session(server_.port(), {}, "a.both.test");
+    const auto first = durationOf([&] { EXPECT_EQ(codeOf(put(named)), 200); });
+    EXPECT_GE(first, 250ms);
+    EXPECT_LT(first, 3s);
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(codeOf(put(named)), 200); }), 250ms);
+}
+
+TEST_F(Connecting, TriesTheNewerFamilyWhenTheOlderOneIsSilent) {
+    if (!hasIpv6Loopback()) {
+        GTEST_SKIP() << "This machine has no ::1.";
+    }
+    HostileServer newer(Loopback::V6);
+    newer.onRequest([](const Request&) { return response(200); });
+    const BlackHole hole(Loopback::V4, newer.port());
+    const auto taken =
+        durationOf([&] { EXPECT_EQ(codeOf(put(session(newer.port(), {}, "localhost"))), 200); });
+    EXPECT_GE(taken, 250ms);
+    EXPECT_LT(taken, 3s);
+}
+
+TEST_F(Connecting, TriesTheNextAddressAtOnceWhenOneIsRefused) {
+    EXPECT_LT(durationOf(
+                  [&] { EXPECT_EQ(codeOf(put(session(server_.port(), {}, "a.both.test"))), 200); }),
+              250ms)
+        << "nobody listens at ::1";
+}
+
+TEST_F(Connecting, MakesOneConnectionUntilOneStands) {
+    HttpConfig config;
+    config.tls.enabled = true;
+    config.connectTimeout = 300ms;
+    server_.everyConnection(Script().readBytes(1).waitForRelease("never"));
+    const SessionPointer secure = session(config);
+    std::vector<Outcome> outcomes(16);
+    {
+        const BusyIoThread busy(context_);
+        for (Outcome& outcome : outcomes) {
+            secure->sendPutRequestJson("/", "", 0, outcome.handler());
+        }
+    }
+    EXPECT_THAT(statusesOf(outcomes), Each(CommunicationStatus::TimedOut));
+    EXPECT_EQ(server_.counters().connections, 1U);
+}
+
+TEST_F(Connecting, IsDoneAgainWhenThePeerHasSpokenUnasked) {
+    server_.nextConnection(Script().send(response(201)).close());
+    const HttpResponse answer = putWhile(session(), [this] {
+        ASSERT_TRUE(
+            server_.waitFor([](const auto& now) { return now.connections == 1 && now.open == 0; }));
+    });
+    EXPECT_EQ(codeOf(answer), 200);
+    EXPECT_EQ(server_.counters().connections, 2U);
+    EXPECT_EQ(server_.counters().requests, 1U);
+}
+
+TEST_F(Connecting, IsGivenUpWhenThePeerSpeaksUnaskedEachTime) {
+    server_.everyConnection(Script().send("220 mail\r\n"));
+    HostileServer& server = server_;
+    const HttpResponse answer = putWhile(session(), [&server] {
+        ASSERT_TRUE(server.waitForConnections(1));
+        const Socket other = connectLoopback(server.port());
+        // By the time the server accepts another connection it has sent what it sends.
+        ASSERT_TRUE(server.waitForConnections(2));
+    });
+    EXPECT_EQ(answer.getCommunicationStatus(), CommunicationStatus::Malformed);
+}
+
+TEST_F(Connecting, LeavesNothingBehindAfterTenThousandConnections) {
+    server_.onRequest([](const Request&) { return Script().send(response(200)).close(); });
+    const SessionPointer closing = session();
+    put(closing);
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    const auto descriptors = openDescriptors();
+    for (int round = 0; round < 100; ++round) {
+        std::vector<Outcome> outcomes(100);
+        for (Outcome& outcome : outcomes) {
+            closing->sendHeadRequest("/", outcome.handler());
+        }
+        ASSERT_THAT(statusesOf(outcomes), Each(CommunicationStatus::Ok)) << round;
+    }
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    EXPECT_GE(server_.counters().connections, 10'000U);
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+}  // namespace
+}  // namespace orvx::testing
