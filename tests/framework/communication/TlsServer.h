@@ -1,0 +1,67 @@
+#pragma once
+
+#include <orvx/utility/Mutex.h>
+
+#include <openssl/ssl.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Loopback.h"
+
+namespace orvx::testing {
+
+/// A server that speaks TLS as badly as a test wants: one connection after another on a thread of
+/// its own, with a certificate that it makes for itself, for 127.0.0.1.
+class TlsServer {
+  public:
+    /// What is done on a connection when its handshake is over; then it is closed without a
+    /// farewell. Called on the server's thread.
+    using Script = std::function<void(SSL&)>;
+    struct Options {
+        int version = TLS1_3_VERSION;  ///< The only one.
+        std::string address = "127.0.0.1";
+        long validFrom = -3600;  ///< In seconds from now.
+        long validUntil = 3600;
+        std::string trustsOnly;  ///< A file of authorities for clients; empty: none is asked.
+    };
+
+    TlsServer(const Options& options, Script script);
+    ~TlsServer();
+    TlsServer(const TlsServer&) = delete;
+    TlsServer& operator=(const TlsServer&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    /// The certificate, as a file of the only authority to trust.
+    const std::string& authority() const { return authority_; }
+    /// For each handshake that was completed, whether it resumed a session.
+    std::vector<bool> resumed() const ORVX_EXCLUDES(mutex_);
+
+    /// Reads a request without a body.
+    static void readRequest(SSL& ssl);
+    static void send(SSL& ssl, const std::string& bytes);
+
+  private:
+    struct ContextDeleter {
+        void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+    };
+
+    void setUp(const Options& options);
+    void serve();
+    void serve(int connection);
+
+    const Script script_;
+    std::string authority_;
+    std::unique_ptr<SSL_CTX, ContextDeleter> context_;
+    const Socket listener_;
+    const std::uint16_t port_;
+    mutable utility::Mutex mutex_;
+    std::vector<bool> resumed_ ORVX_GUARDED_BY(mutex_);
+    std::thread thread_;
+};
+
+}  // namespace orvx::testing

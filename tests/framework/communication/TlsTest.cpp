@@ -1,0 +1,210 @@
+// What becomes of requests over TLS, with a peer that keeps its rules and one that does not.
+
+#include "BusyIoThread.h"
+#include "HttpTest.h"
+#include "TlsServer.h"
+
+#include <sys/socket.h>
+
+#include <future>
+
+#include "RecordingLogger.h"
+
+namespace orvx::testing {
+namespace {
+
+using ::testing::AnyOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+const std::string kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nab";
+const std::string kLastAnswer = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+const std::string kAnswerUntilTheEnd = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nab";
+
+class Tls : public HttpTest {
+  protected:
+    static HttpConfig trusting(const TlsServer& server) {
+        HttpConfig config;
+        config.tls.enabled = true;
+        config.tls.authorityFile = server.authority();
+        return config;
+    }
+    SessionPointer sessionWith(const TlsServer& server) {
+        return session(server.port(), trusting(server));
+    }
+    HttpResponse answerOf(const TlsServer::Options& options, const TlsServer::Script& script) {
+        const TlsServer server(options, [&script](SSL& ssl) {
+            TlsServer::readRequest(ssl);
+            script(ssl);
+        });
+        return remove(sessionWith(server));
+    }
+    CommunicationStatus statusOf(const TlsServer::Options& options,
+                                 const TlsServer::Script& script) {
+        return answerOf(options, script).getCommunicationStatus();
+    }
+    static TlsServer::Options version(int number) {
+        TlsServer::Options options;
+        options.version = number;
+        return options;
+    }
+    static TlsServer::Script sending(const std::string& bytes) {
+        return [bytes](SSL& ssl) { TlsServer::send(ssl, bytes); };
+    }
+    /// The words for a handshake that fails.
+    std::string wordsFor(const TlsServer::Options& options) {
+        const auto loggers = std::make_shared<RecordingLoggerFactory>();
+        context_.deinit();
+        context_.setLoggerFactory(loggers);
+        context_.init();
+        const TlsServer server(options, sending(kLastAnswer));
+        const SessionPointer failing = sessionWith(server);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(remove(failing).getCommunicationStatus(), CommunicationStatus::TlsFailed);
+        }
+        const auto lines = loggers->takeLines();
+        EXPECT_EQ(lines.size(), 1U) << "said once";
+        EXPECT_TRUE(server.resumed().empty());
+        return lines.empty() ? "" : lines.front().text;
+    }
+};
+
+TEST_F(Tls, ResumesItsSessionsInBothVersions) {
+    for (const int number : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        const TlsServer server(version(number), [](SSL& ssl) {
+            TlsServer::readRequest(ssl);
+            TlsServer::send(ssl, kLastAnswer);
+        });
+        const SessionPointer secure = sessionWith(server);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(codeOf(remove(secure)), 200);
+        }
+        EXPECT_THAT(server.resumed(), ElementsAre(false, true, true)) << number;
+    }
+}
+
+TEST_F(Tls, ResumesNoSessionThatOtherAuthoritiesVerified) {
+    const TlsServer server({}, [](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    const TlsServer stranger({}, [](SSL&) {});
+    const SessionPointer secure = sessionWith(server);
+    EXPECT_EQ(codeOf(remove(secure)), 200);
+    ASSERT_EQ(::rename(stranger.authority().c_str(), server.authority().c_str()), 0);
+    EXPECT_EQ(remove(secure).getCommunicationStatus(), CommunicationStatus::TlsFailed);
+    EXPECT_THAT(server.resumed(), ElementsAre(false));
+}
+
+TEST_F(Tls, SaysInWordsWhatFailed) {
+    TlsServer::Options expired;
+    expired.validFrom = -7200;
+    expired.validUntil = -3600;
+    EXPECT_THAT(wordsFor(expired), HasSubstr("certificate has expired"));
+    TlsServer::Options elsewhere;
+    elsewhere.address = "127.0.0.2";
+    EXPECT_THAT(wordsFor(elsewhere), HasSubstr("IP address mismatch"));
+    EXPECT_THAT(wordsFor(version(TLS1_1_VERSION)), HasSubstr("protocol version"));
+}
+
+TEST_F(Tls, TrustsNoAuthorityOfTheSystemBesideItsOwn) {
+    HttpConfig config;
+    config.tls.enabled = true;
+    const TlsServer server({}, sending(kLastAnswer));
+    EXPECT_EQ(remove(session(server.port(), config)).getCommunicationStatus(),
+              CommunicationStatus::TlsFailed);
+}
+
+TEST_F(Tls, MustEndWithAFarewellWhereNothingElseTellsTheEnd) {
+    EXPECT_EQ(statusOf({}, sending(kAnswerUntilTheEnd)), CommunicationStatus::CutShort);
+    EXPECT_EQ(answerOf({},
+                       [](SSL& ssl) {
+                           TlsServer::send(ssl, kAnswerUntilTheEnd);
+                           SSL_shutdown(&ssl);
+                       })
+                  .getBody(),
+              "ab");
+    EXPECT_EQ(answerOf({}, sending(kAnswer)).getBody(), "ab");
+}
+
+TEST_F(Tls, ThatBreaksInsideAnAnswerCutsItShort) {
+    const auto sendRaw = [](SSL& ssl, const std::string& bytes) {
+        ::send(SSL_get_fd(&ssl), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    };
+    // In the newest version a warning in plain text makes no more sense than garbage does.
+    for (const int number : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        for (const std::string& broken :
+             {std::string("\x15\x03\x03\x00\x02\x02\x28", 7), std::string("garbage in between")}) {
+            EXPECT_EQ(statusOf(version(number),
+                               [&](SSL& ssl) {
+                                   TlsServer::send(ssl, kAnswer.substr(0, kAnswer.size() - 1));
+                                   sendRaw(ssl, broken);
+                               }),
+                      CommunicationStatus::CutShort);
+            EXPECT_EQ(statusOf(version(number), [&](SSL& ssl) { sendRaw(ssl, broken); }),
+                      CommunicationStatus::TlsFailed);
+        }
+    }
+}
+
+TEST_F(Tls, IsNotNegotiatedAnew) {
+    long renegotiations = -1;
+    const HttpResponse answer = answerOf(version(TLS1_2_VERSION), [&renegotiations](SSL& ssl) {
+        TlsServer::send(ssl, kAnswer.substr(0, 5));
+        SSL_renegotiate(&ssl);
+        SSL_do_handshake(&ssl);  // Asks for one.
+        TlsServer::send(ssl, kAnswer.substr(5));
+        char ignored = 0;
+        SSL_read(&ssl, &ignored, 1);
+        renegotiations = SSL_total_renegotiations(&ssl) - 1;
+    });
+    EXPECT_EQ(codeOf(answer), 200);
+    EXPECT_EQ(renegotiations, 0);
+}
+
+TEST_F(Tls, CarriesALargeContent) {
+    std::string content(3 * 1024 * 1024, 'x');
+    std::size_t received = 0;
+    const TlsServer server({}, [&received, &content](SSL& ssl) {
+        std::string bytes(1 << 16, '\0');
+        while (received < content.size()) {
+            const int size = SSL_read(&ssl, bytes.data(), static_cast<int>(bytes.size()));
+            if (size <= 0) {
+                return;
+            }
+            received += static_cast<std::size_t>(size);
+        }
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    EXPECT_EQ(codeOf(put(sessionWith(server), "/", content)), 200);
+}
+
+TEST_F(Tls, TakesNothingThatWasSaidUnaskedForAnAnswer) {
+    std::promise<void> asked;
+    std::promise<void> sent;
+    int connections = 0;
+    const TlsServer server({}, [&](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        if (++connections > 1) {
+            TlsServer::send(ssl, "HTTP/1.1 202 OK\r\nContent-Length: 0\r\n\r\n");
+            return;
+        }
+        TlsServer::send(ssl, kAnswer);
+        asked.get_future().wait();
+        TlsServer::send(ssl, "HTTP/1.1 201 OK\r\nContent-Length: 0\r\n\r\n");
+        sent.set_value();
+    });
+    const SessionPointer secure = sessionWith(server);
+    EXPECT_EQ(codeOf(remove(secure)), 200);
+    Outcome next;
+    {
+        const BusyIoThread busy(context_);
+        asked.set_value();
+        sent.get_future().wait();
+        secure->sendDeleteRequest("/", "", next.handler());
+    }
+    EXPECT_EQ(next.statusCode(), 202);
+}
+
+}  // namespace
+}  // namespace orvx::testing
