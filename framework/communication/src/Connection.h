@@ -12,7 +12,7 @@ namespace orvx::communication {
 /// A connection that stands: one request after another over it, each with its answer.
 ///
 /// For the I/O thread only.
-class Connection : private Stream::Listener {
+class Connection final : private Stream::Listener {
   public:
     /// Is told what happens; it may destroy the connection then, but not before the call returns.
     class Owner {

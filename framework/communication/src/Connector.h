@@ -21,7 +21,7 @@ class TlsStream;
 /// one, and with TLS. Its operations keep it alive; its owner is told nothing after cancel().
 ///
 /// For the I/O thread only.
-class Connector : public std::enable_shared_from_this<Connector>, private Stream::Listener {
+class Connector final : public std::enable_shared_from_this<Connector>, private Stream::Listener {
   public:
     class Owner {
       public:

@@ -29,7 +29,7 @@ struct EndpointContext {
 /// of a bounded number of connections can take it.
 ///
 /// For the I/O thread only. Nothing throws where it does not say so.
-class HttpEndpoint : public Connection::Owner, public Connector::Owner {
+class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
   public:
     /// The context must outlive it. Throws std::bad_alloc.
     HttpEndpoint(const EndpointContext& context, std::shared_ptr<const EndpointSettings> settings);

@@ -8,7 +8,7 @@
 namespace orvx::communication {
 
 /// Bytes as they are. Its operations keep it alive.
-class PlainStream : public Stream, public std::enable_shared_from_this<PlainStream> {
+class PlainStream final : public Stream, public std::enable_shared_from_this<PlainStream> {
   public:
     explicit PlainStream(Socket socket) : socket_(std::move(socket)) {}
 

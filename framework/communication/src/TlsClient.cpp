@@ -5,10 +5,10 @@
 
 #include "Require.h"
 
+#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
-#include <openssl/x509v3.h>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
@@ -44,11 +44,17 @@ std::string contentOf(const std::string& path) {
     return content;
 }
 
+// The process may end while an I/O thread still runs, that of a client in a static object: OpenSSL
+// must not be gone then. Whoever uses it first decides.
+void setUpOpenssl() {
+    static const bool isSetUp = OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+    static_cast<void>(isSetUp);
+}
+
 bool isAddress(const std::string& host) {
-    const std::unique_ptr<ASN1_OCTET_STRING, decltype(&ASN1_OCTET_STRING_free)> address(
-        a2i_IPADDRESS(host.c_str()), ASN1_OCTET_STRING_free);
-    ERR_clear_error();
-    return address != nullptr;
+    in6_addr ignored;
+    return ::inet_pton(AF_INET, host.c_str(), &ignored) == 1 ||
+           ::inet_pton(AF_INET6, host.c_str(), &ignored) == 1;
 }
 
 /// Where a connection keeps whose it is.
@@ -63,13 +69,15 @@ boost::asio::const_buffer buffer(const std::string& text) {
 
 }  // namespace
 
-TlsClient::TlsClient(const TlsConfig& config, std::string host)
+TlsClient::TlsClient(const TlsConfig& config, const std::string& host)
     : config_(config),
       host_(host.substr(0, host.find('%'))),
       isAddress_(isAddress(host_)),
       // What is in a folder is read when it is needed.
       mayKeepContext_(config.disableServerVerification ||
-                      (!config.authorityFile.empty() && config.authorityFolder.empty())) {}
+                      (!config.authorityFile.empty() && config.authorityFolder.empty())) {
+    setUpOpenssl();
+}
 
 TlsClient::~TlsClient() = default;
 

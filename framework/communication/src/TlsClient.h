@@ -20,7 +20,7 @@ namespace orvx::communication {
 class TlsClient {
   public:
     /// `host` is the name or the address that the certificate has to be for.
-    TlsClient(const TlsConfig& config, std::string host);
+    TlsClient(const TlsConfig& config, const std::string& host);
     ~TlsClient();
     TlsClient(const TlsClient&) = delete;
     TlsClient& operator=(const TlsClient&) = delete;
@@ -52,8 +52,8 @@ class TlsClient {
 
     const TlsConfig config_;
     const std::string host_;
-    bool isAddress_;
-    bool mayKeepContext_;
+    const bool isAddress_;
+    const bool mayKeepContext_;
     std::shared_ptr<boost::asio::ssl::context> context_;
     Digest digest_{};
     std::vector<Session> sessions_;  // The newest is the last.

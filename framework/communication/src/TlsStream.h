@@ -13,7 +13,7 @@
 namespace orvx::communication {
 
 /// Bytes over TLS. Its operations keep it alive, and use nothing but what it owns.
-class TlsStream : public Stream, public std::enable_shared_from_this<TlsStream> {
+class TlsStream final : public Stream, public std::enable_shared_from_this<TlsStream> {
   public:
     /// Is told how a handshake ended; never when the stream was closed before.
     using HandshakeHandler = std::function<void(const boost::system::error_code&)>;
