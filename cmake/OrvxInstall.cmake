@@ -63,9 +63,6 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(runtime_package liborvxserviceregistryclient0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# dpkg-shlibdeps knows since when libcurl has a function, but not an option of one, such as
-# CURLOPT_QUICK_EXIT. It adds all other dependencies.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libcurl4 (>= 7.87)")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Client of a service registry (shared library)
 Announces the services of a process at a central registry over HTTP, checks the
 entries while the process runs, and withdraws them again.")
