@@ -1,8 +1,7 @@
-// Any bytes as the answer of a real server over a real socket: each request ends once and in time, and
-// with an answer only if the bytes are one.
-// The fuzzer's thread sends a request and waits, the I/O thread brings the outcome, and the
-// server's thread answers; `mutex_` guards what the server is to answer, futures hand the outcomes
-// over.
+// Any bytes as the answer of a real server over a real socket: each request ends once and in time,
+// and with an answer only if the bytes are one. The fuzzer's thread sends a request and waits, the
+// I/O thread brings the outcome, and the server's thread answers; `mutex_` guards what the server
+// is to answer, futures hand the outcomes over.
 
 #include "AnsweringServer.h"
 #include "Input.h"

@@ -1,7 +1,7 @@
 // Any bytes as the answer of a proxy that is asked for a tunnel: the request ends once, within the
 // connect time-out, and never with an answer, for nobody behind the proxy has given one.
-// The fuzzer's thread sends a request and waits, the I/O thread brings the outcome, and the server's
-// thread answers; a future hands the outcome over.
+// The fuzzer's thread sends a request and waits, the I/O thread brings the outcome, and the
+// server's thread answers; a future hands the outcome over.
 
 #include "AnsweringServer.h"
 #include "Input.h"
