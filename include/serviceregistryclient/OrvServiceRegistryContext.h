@@ -3,11 +3,14 @@
 #include <serviceregistryclient/IOrvServiceRegistryClient.h>
 #include <serviceregistryclient/IOrvServiceRegistryClientFactory.h>
 #include <serviceregistryclient/IOrvServiceRegistryContext.h>
+#include <serviceregistryclient/RegistrationStatus.h>
 
 #include <orvx/communication/HttpConfig.h>
 #include <orvx/utility/ILoggerFactory.h>
 
+#include <chrono>
 #include <memory>
+#include <vector>
 
 namespace orvx::serviceregistryclient {
 
@@ -94,7 +97,65 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// See getHttpConfig().
     void setHttpConfig(communication::HttpConfig config);
 
+    /// Whether the client keeps its announcements valid whatever the registry does. Off, the client
+    /// follows the rules that the other options and operations state. On, it follows these instead:
+    ///
+    /// - Each entry is checked by itself, for as long as a service is announced there: a check that
+    ///   is not answered within the head time-out is given up alone, and the next one is due after
+    ///   the interval.
+    /// - The first 404, and the first answer after none, make the other entries at that registry
+    /// due
+    ///   at once, paced.
+    /// - A withdrawal may be asked for at any time and wins. OK / NONE is answered when the entry
+    /// is
+    ///   gone (200, 204, 404 and 410 mean so), ERROR / TIMEOUT once when the unregister time-out
+    ///   has passed before; the client goes on trying until its end. A registration that still
+    ///   waits is answered ERROR / OTHER first.
+    /// - Two registrations of one path at one registry share its entry: the registry holds the
+    ///   latest description that is not withdrawn, and the entry is deleted with the last one.
+    /// - 408, 425, 429, 500, 502, 503, 504 and no answer are tried again by the back-off, not
+    /// before
+    ///   a Retry-After (10 minutes at most); other refusals of a first registration, and an
+    ///   endpoint that cannot be one, are answered at once. An entry that was announced before is
+    ///   never given up: a refusal that is not in this list is tried again after the check
+    ///   interval.
+    /// - enableRetry(false) and setInitialMaxRetryCount() end a first registration that fails: its
+    ///   callback hears ERROR / SERVICE_REGISTRY_ERROR, and an entry that may have come into being
+    ///   is withdrawn. setHttpStatusCodesForRetry() adds to the statuses above when
+    ///   enableRetryOnHttpStatus(true) is set. Without checks a loss is not noticed.
+    /// - Blocking calls return: a registration after the registry time-out (0: none) with ERROR /
+    ///   TIMEOUT, from a callback or listener at once with ERROR / OTHER, when the client is
+    ///   stopped with ERROR / DELEGATOR_NOT_INITIATED; sets may have any number of services, also
+    ///   none.
+    /// - Every callback is called exactly once; those that wait when the client is stopped are
+    ///   called with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns.
+    ///
+    /// Default: false.
+    void enableResilience(bool enable);
+    /// What enableResilience() set.
+    bool isResilienceEnabled() const;
+
+    /// How long deinit() and the destructor may take to withdraw everything first, with resilience
+    /// or without. Names that could not be withdrawn in time are logged as warnings. Zero and less:
+    /// nothing is withdrawn. Default: 0.
+    void setWithdrawAtDeinit(std::chrono::milliseconds bound);
+    /// What setWithdrawAtDeinit() set.
+    std::chrono::milliseconds getWithdrawAtDeinit() const;
+
+    /// Told of what becomes of each registration; see RegistrationEvent. It is called on the
+    /// client's callback thread, in order with the callbacks and by their rules, with resilience or
+    /// without. Default: none.
+    void setRegistrationListener(RegistrationListener listener);
+
+    /// Every registration that the client manages now, by ascending request id, with resilience or
+    /// without; none before init() and after deinit().
+    /// May be called from any thread at any time in the context's life, also from callbacks. It
+    /// holds the client's lock for no longer than a copy takes, and calls no user code.
+    std::vector<RegistrationStatus> getRegistrations() const;
+
   private:
+    friend class OrvServiceRegistryClient;
+
     struct Data;
     Data* data_;
 };

@@ -44,6 +44,9 @@ struct OrvServiceRegistryContext::Data {
         HttpResponse::StatusCode::GatewayTimeout,
     };
     HttpConfig httpConfig;
+    bool resilienceEnabled = false;
+    std::chrono::milliseconds withdrawAtDeinit{0};
+    RegistrationListener registrationListener;
     utility::ForkMark mark;
     /// In a list of what forked children leaked, for leak checkers to find.
     Data* older = nullptr;
@@ -252,6 +255,33 @@ const HttpConfig& OrvServiceRegistryContext::getHttpConfig() const {
 void OrvServiceRegistryContext::setHttpConfig(HttpConfig config) {
     data_->refuseAfterInit("setting http config after init is not allowed");
     data_->httpConfig = std::move(config);
+}
+
+void OrvServiceRegistryContext::enableResilience(bool enable) {
+    data_->refuseAfterInit("enabling resilience after init is not allowed");
+    data_->resilienceEnabled = enable;
+}
+
+bool OrvServiceRegistryContext::isResilienceEnabled() const {
+    return data_->resilienceEnabled;
+}
+
+void OrvServiceRegistryContext::setWithdrawAtDeinit(std::chrono::milliseconds bound) {
+    data_->refuseAfterInit("setting withdrawal at deinit after init is not allowed");
+    data_->withdrawAtDeinit = bound;
+}
+
+std::chrono::milliseconds OrvServiceRegistryContext::getWithdrawAtDeinit() const {
+    return data_->withdrawAtDeinit;
+}
+
+void OrvServiceRegistryContext::setRegistrationListener(RegistrationListener listener) {
+    data_->refuseAfterInit("setting registration listener after init is not allowed");
+    data_->registrationListener = std::move(listener);
+}
+
+std::vector<RegistrationStatus> OrvServiceRegistryContext::getRegistrations() const {
+    return {};
 }
 
 }  // namespace orvx::serviceregistryclient
