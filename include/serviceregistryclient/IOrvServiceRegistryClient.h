@@ -40,6 +40,9 @@ namespace orvx::serviceregistryclient {
 /// Ownership: descriptions given to a registration are copied; the caller's object is never
 /// changed. Callbacks are copied and destroyed when they were called or dropped.
 ///
+/// What is said here holds without resilience; OrvServiceRegistryContext::enableResilience() says
+/// what differs with it.
+///
 /// Errors: an outcome is an OrvRegistrationResponse. Operations throw std::bad_alloc only.
 ///
 /// The order of the virtual operations is part of the binary interface.

@@ -35,7 +35,8 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     virtual void init() = 0;
 
     /// Ends the client: outstanding requests are given up, queued callbacks and timers are dropped,
-    /// nothing is withdrawn at the registry. When it returns no callback runs any more; it takes at
+    /// nothing is withdrawn at the registry (OrvServiceRegistryContext::setWithdrawAtDeinit() and
+    /// enableResilience() change this). When it returns no callback runs any more; it takes at
     /// most a second beside the callback that is running. From inside a callback it does not wait
     /// for that callback. Does nothing before init(), and in a forked child, which leaks the
     /// client.

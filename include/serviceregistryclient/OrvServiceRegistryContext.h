@@ -14,6 +14,9 @@
 
 namespace orvx::serviceregistryclient {
 
+class ClientReference;
+class OrvServiceRegistryClient;
+
 /// The object that a process creates first: holds the options, makes and owns the one client.
 /// See IOrvServiceRegistryContext for the rules; the operations added here follow them.
 /// Destroying a context that is initialised ends its client.
@@ -65,8 +68,9 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// See getRegisterWithPrefix().
     void setRegisterWithPrefix(bool registerWithPrefix);
 
-    /// Stored and readable; no operation consults it: synchronous registrations wait without limit.
-    /// Default: 30 s.
+    /// How long a synchronous registration waits with resilience; zero means without limit, less
+    /// than zero not at all. Without resilience no operation consults it: synchronous registrations
+    /// wait without limit. Default: 30 s.
     std::chrono::milliseconds getSyncCallRegistryTimeout() const;
     /// See getSyncCallRegistryTimeout().
     void setSyncCallRegistryTimeout(std::chrono::milliseconds timeout);
@@ -82,11 +86,11 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// See getLogLevel().
     void setLogLevel(utility::ILogger::LogLevel level);
 
-    /// How long a check waits for its answer. A check that has to wait longer is the service's last
-    /// one: keep it well above what the registry needs. Keep it below the check interval, too: the
-    /// time-out of a check runs on after the answer, and when it passes while a later check waits,
-    /// that check is given up and becomes the service's last one. Zero and less leave no time at
-    /// all. Default: 3 s.
+    /// How long a check waits for its answer. Without resilience a check that has to wait longer is
+    /// the service's last one: keep it well above what the registry needs. Keep it below the check
+    /// interval, too: the time-out of a check runs on after the answer, and when it passes while a
+    /// later check waits, that check is given up and becomes the service's last one. Zero and less
+    /// leave no time at all. Default: 3 s.
     std::chrono::milliseconds getHeadTimeout() const;
     /// See getHeadTimeout().
     void setHeadTimeout(std::chrono::milliseconds timeout);
@@ -98,37 +102,39 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     void setHttpConfig(communication::HttpConfig config);
 
     /// Whether the client keeps its announcements valid whatever the registry does. Off, the client
-    /// follows the rules that the other options and operations state. On, it follows these instead:
+    /// follows the rules that the other options and operations state. On, these go before:
     ///
-    /// - Each entry is checked by itself, for as long as a service is announced there: a check that
-    ///   is not answered within the head time-out is given up alone, and the next one is due after
-    ///   the interval.
-    /// - The first 404, and the first answer after none, make the other entries at that registry
-    /// due
-    ///   at once, paced.
-    /// - A withdrawal may be asked for at any time and wins. OK / NONE is answered when the entry
-    /// is
-    ///   gone (200, 204, 404 and 410 mean so), ERROR / TIMEOUT once when the unregister time-out
-    ///   has passed before; the client goes on trying until its end. A registration that still
-    ///   waits is answered ERROR / OTHER first.
-    /// - Two registrations of one path at one registry share its entry: the registry holds the
-    ///   latest description that is not withdrawn, and the entry is deleted with the last one.
-    /// - 408, 425, 429, 500, 502, 503, 504 and no answer are tried again by the back-off, not
-    /// before
-    ///   a Retry-After (10 minutes at most); other refusals of a first registration, and an
-    ///   endpoint that cannot be one, are answered at once. An entry that was announced before is
-    ///   never given up: a refusal that is not in this list is tried again after the check
-    ///   interval.
-    /// - enableRetry(false) and setInitialMaxRetryCount() end a first registration that fails: its
-    ///   callback hears ERROR / SERVICE_REGISTRY_ERROR, and an entry that may have come into being
-    ///   is withdrawn. setHttpStatusCodesForRetry() adds to the statuses above when
-    ///   enableRetryOnHttpStatus(true) is set. Without checks a loss is not noticed.
-    /// - Blocking calls return: a registration after the registry time-out (0: none) with ERROR /
-    ///   TIMEOUT, from a callback or listener at once with ERROR / OTHER, when the client is
-    ///   stopped with ERROR / DELEGATOR_NOT_INITIATED; sets may have any number of services, also
-    ///   none.
-    /// - Every callback is called exactly once; those that wait when the client is stopped are
-    ///   called with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns.
+    /// Each entry is checked by itself, for as long as a service is announced there. A check that
+    /// is not answered within the head time-out is given up alone, and the next one is due after
+    /// the interval; the first one within it. The first 404, and the first answer after none, make
+    /// the other entries at that registry due at once, paced.
+    ///
+    /// A withdrawal may be asked for at any time, and wins. It is answered OK / NONE when the entry
+    /// is gone (200, 204, 404 and 410 mean so), or ERROR / TIMEOUT once when the unregister
+    /// time-out has passed before; the client goes on trying until its end. A registration that
+    /// still waits is answered ERROR / OTHER first.
+    ///
+    /// Two registrations of one path at one registry share its entry: the registry holds the latest
+    /// description that is not withdrawn, and the entry is deleted with the last one.
+    ///
+    /// 408, 425, 429, 500, 502, 503, 504 and no answer are tried again by the back-off, not before
+    /// a Retry-After (a minute at most). Another refusal of a first registration, and an endpoint
+    /// that cannot be one, are answered at once. An entry that was announced before is never given
+    /// up: after such a refusal it is tried again at the check interval.
+    ///
+    /// enableRetry(false) and setInitialMaxRetryCount() end a first registration that fails: its
+    /// callback hears ERROR / SERVICE_REGISTRY_ERROR, and what may have come into being is deleted.
+    /// With enableRetryOnHttpStatus(true) the statuses of setHttpStatusCodesForRetry() are tried
+    /// again too. Without checks a loss is not noticed.
+    ///
+    /// Blocking calls return: a registration after the registry time-out (zero: none) with ERROR /
+    /// TIMEOUT, from a callback or listener at once with ERROR / OTHER, when the client is stopped
+    /// with ERROR / DELEGATOR_NOT_INITIATED. Sets may have any number of services, also none.
+    ///
+    /// Every callback is called exactly once. Those that wait when the client is stopped are called
+    /// with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that calls it; a
+    /// registration that is answered so is over, also when the client is started again. Calls on a
+    /// client that is stopped are answered at its next start or its end.
     ///
     /// Default: false.
     void enableResilience(bool enable);
@@ -146,6 +152,8 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// client's callback thread, in order with the callbacks and by their rules, with resilience or
     /// without. Default: none.
     void setRegistrationListener(RegistrationListener listener);
+    /// What setRegistrationListener() set; valid until it is called again or the context ends.
+    const RegistrationListener& getRegistrationListener() const;
 
     /// Every registration that the client manages now, by ascending request id, with resilience or
     /// without; none before init() and after deinit().
@@ -157,6 +165,10 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     friend class OrvServiceRegistryClient;
 
     struct Data;
+    /// The client whose registrations these are: the library's own, whatever a factory made of it.
+    void attach(std::shared_ptr<ClientReference> client);
+    void withdrawEverything();
+
     Data* data_;
 };
 

@@ -2,7 +2,7 @@
 // queued. Entered by every thread, with or without the lock; only queues. A task holds no reference
 // to the client.
 #include "Memory.h"
-#include "OrvServiceRegistryClient.h"
+#include "Upkeep.h"
 
 #include <utility>
 
@@ -15,7 +15,7 @@ void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Res
     if (!callback) {
         return;
     }
-    callbackExecutor.add([callback = std::move(callback), response] { callback(*response); });
+    upkeep->tell([callback = std::move(callback), response] { callback(*response); });
 }
 
 // For outcomes that nobody else could tell. What makes a task allocates first and moves the

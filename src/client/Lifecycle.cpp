@@ -2,6 +2,8 @@
 // or ends the context; the end may come from inside a callback. The lock is held only to test and
 // clear `initiated`: what is being stopped may still need it to finish.
 #include "RegistrationTable.h"
+#include "ResilientUpkeep.h"
+#include "SpecifiedUpkeep.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -15,6 +17,10 @@ namespace {
 constexpr const char* callbackThread = "ORVX_SRCBExec";
 constexpr const char* timerThread = "ORVX_SRRExec";
 
+std::shared_ptr<const RegistrationListener> shared(const RegistrationListener& listener) {
+    return listener ? std::make_shared<const RegistrationListener>(listener) : nullptr;
+}
+
 }  // namespace
 
 OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILoggerFactory> factory,
@@ -25,16 +31,22 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
       syncCallUnregisterTimeout(owner.getSyncCallUnregisterTimeout()),
       statusCodesForRetry(owner.getHttpStatusCodesForRetry()),
       callbackExecutor(callbackThread, {}),
-      mapRegistryCallback(std::make_unique<RegistrationTable>()) {
+      mapRegistryCallback(std::make_unique<RegistrationTable>()),
+      registrationListener(shared(owner.getRegistrationListener())),
+      upkeep(owner.isResilienceEnabled()
+                 ? std::shared_ptr<Upkeep>(std::make_shared<ResilientUpkeep>(*this))
+                 : std::make_shared<SpecifiedUpkeep>(*this)) {
     loggerFactory = std::move(factory);
     logger = std::make_shared<utility::StreamingLogger>(
         loggerFactory->createLogger("OrvxServiceRegistryClient", "OrvServiceRegistryClient"));
     init();
+    context.attach(reference);
 }
 
 OrvServiceRegistryClient::~OrvServiceRegistryClient() {
     reference->clear();
     deinitImpl();
+    upkeep->stop();  // calls on a client that is stopped are answered at its end
 }
 
 void OrvServiceRegistryClient::init() {
@@ -53,6 +65,7 @@ void OrvServiceRegistryClient::init() {
         throw;
     }
     initiated = true;
+    upkeep->start();
 }
 
 // Without the callback thread no outcome could ever be told: the process ends instead.
@@ -81,6 +94,13 @@ void OrvServiceRegistryClient::deinitImpl() {
         initiated = false;
     }
     stopParts();
+    upkeep->stop();
+}
+
+void OrvServiceRegistryClient::withdrawWithin(std::chrono::milliseconds bound) {
+    for (const std::string& name : upkeep->withdrawWithin(bound)) {
+        logger->logWarning(false) << "not withdrawn within " << bound.count() << " ms: " << name;
+    }
 }
 
 void OrvServiceRegistryClient::stopParts() {

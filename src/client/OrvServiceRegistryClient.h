@@ -1,8 +1,10 @@
 #pragma once
 
 #include <serviceregistryclient/IOrvServiceRegistryClient.h>
+#include <serviceregistryclient/RegistrationStatus.h>
 
 #include "ClientReference.h"
+#include "RegistrationState.h"
 
 #include <orvx/communication/IClientHttpSession.h>
 #include <orvx/communication/OrvClientCommunicationContext.h>
@@ -13,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <future>
 #include <map>
@@ -31,6 +34,8 @@ class OrvServiceRegistryContext;
 ///   Lifecycle.cpp            construction, start, stop
 ///   Sessions.cpp             one HTTP session for each registry endpoint
 ///   Description.cpp          descriptions built from an endpoint
+///   Upkeep.h                 the seam between the two ways to keep registrations: by the members
+///                            below (SpecifiedUpkeep.h), or with resilience (ResilientUpkeep.h)
 ///   Registration.cpp         the PUT
 ///   RegistrationAnswer.cpp   its answer when it is a success
 ///   RegistrationFailure.cpp  its answer when it is not: retry, or give up
@@ -42,6 +47,8 @@ class OrvServiceRegistryContext;
 ///   ServiceCollection.cpp    many services, in both forms
 ///   UnregisterAll.cpp        withdrawing everything, in both forms
 ///   Records.h                what is kept for a request and for a registration
+///   RegistrationState.h      the states of a registration and their transitions
+///   RegistrationFacts.h      what is told of a registration, whatever keeps it
 ///   RegistrationTable.h      the table of registrations and its index
 ///   ClientReference.h        how handles and removers outlive the client
 ///
@@ -62,6 +69,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     struct CallbackList;
     struct RegistrationData;
     class RegistrationTable;
+    class Upkeep;
+    class SpecifiedUpkeep;
+    class ResilientUpkeep;
 
     // Lifecycle.cpp
 
@@ -108,20 +118,17 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
 
   private:
     friend class ClientTestAccess;
+    friend class OrvServiceRegistryContext;
 
     using Response = std::shared_ptr<OrvRegistrationResponse>;
     using Callbacks = std::vector<ResponseCallback>;
     using Promise = std::shared_ptr<std::promise<OrvRegistrationResponse>>;
     using Tasks = utility::SingleThreadAsyncTaskExecutor::Tasks;
 
-    /// The states of a registration. 4 is never set; what looks for UNREGISTERING accepts it too.
-    enum RegistrationState : std::uint32_t {
-        REGISTERING = 0,
-        REREGISTERING = 1,
-        REGISTERED = 2,
-        UNREGISTERING = 3,
-        CREATED = 5,
-    };
+    static constexpr RegistrationState::Target REGISTERING = RegistrationState::REGISTERING;
+    static constexpr RegistrationState::Target REREGISTERING = RegistrationState::REREGISTERING;
+    static constexpr RegistrationState::Target REGISTERED = RegistrationState::REGISTERED;
+    static constexpr RegistrationState::Target UNREGISTERING = RegistrationState::UNREGISTERING;
     /// The state of the status check: one for all registrations, on purpose.
     enum HeadState : std::uint32_t {
         IDLE = 0,
@@ -134,6 +141,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     void deinitImpl() ORVX_EXCLUDES(mutex);
     void stopParts() ORVX_EXCLUDES(mutex);
     void startExecutorOrTerminate() noexcept;
+    void withdrawWithin(std::chrono::milliseconds bound) ORVX_EXCLUDES(mutex);
 
     // Sessions.cpp
     std::shared_ptr<communication::IClientHttpSession> createOrGetRegistryClientSession(
@@ -155,8 +163,10 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         ORVX_EXCLUDES(mutex);
     template <typename Withdraw>
     UnregisterHandle makeHandle(Withdraw withdraw) const;
+    UnregisterHandle handleOf(std::uint64_t id) const;
     UnregisterHandle handleOfRefusedService(const std::string& name) const;
     UnregisterHandle handleOfUnnamedService() const;
+    void noteSentLocked(std::uint64_t id) ORVX_REQUIRES(mutex);
 
     // RegistrationAnswer.cpp
     void handlePutResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
@@ -183,7 +193,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         ORVX_REQUIRES(mutex);
     bool isRetryable(const communication::HttpResponse& response) const;
     void schedulePut(std::chrono::milliseconds delay, std::uint64_t id,
-                     const std::shared_ptr<RequestContainer>& request);
+                     const std::shared_ptr<RequestContainer>& request) ORVX_REQUIRES(mutex);
 
     // StatusCheck.cpp
     void sendHeadRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& container)
@@ -196,6 +206,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     bool recordHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
                             const communication::HttpResponse& response, bool& isInTime)
         ORVX_EXCLUDES(mutex);
+    void noteCheckLocked(std::uint64_t id, const RequestContainer& container,
+                         const communication::HttpResponse& response) ORVX_REQUIRES(mutex);
+    void noteNextCheckLocked(std::uint64_t id) ORVX_REQUIRES(mutex);
     bool markLostLocked(std::uint64_t id, RequestContainer& container) ORVX_REQUIRES(mutex);
     std::chrono::milliseconds checkDelay() const;
 
@@ -208,7 +221,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         ORVX_EXCLUDES(mutex);
     void deleteRegistryEntriesAndNotifyListener(std::uint64_t id, Callbacks& callbacks)
         ORVX_EXCLUDES(mutex);
-    static bool isUnregistering(std::uint32_t state);
+    void noteRefusalLocked(std::uint64_t id, RegistrationData& record,
+                           const communication::HttpResponse& response) ORVX_REQUIRES(mutex);
+    static bool isUnregistering(const RegistrationState& state);
 
     // CallbackDispatch.cpp
     void callCallback(ResponseCallback callback, const Response& response);
@@ -223,6 +238,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     void whenThereIsMemory(const Step& step) const;
 
     // Synchronous.cpp
+    SyncOrvRegistrationResponse registerAndWait(
+        const common::ServiceInfo& serviceInfo,
+        const std::shared_ptr<common::ServiceCreate>& service);
     static OrvRegistrationResponse makeSynchronizedCallRegistrationResponse(
         const std::function<void(Promise)>& call, std::chrono::milliseconds timeout);
     /// The callback that a blocked caller waits for.
@@ -234,6 +252,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         UnregisterHandle handle, std::chrono::milliseconds timeout);
 
     // ServiceCollection.cpp
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse>>
+    registerAllAndWait(const common::ServiceInfo& serviceInfo, const ServiceSet& services);
     static std::pair<bool,
                      std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse>>
     executeSynchronousServiceCollectionRegistryCall(
@@ -243,6 +263,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
 
     // UnregisterAll.cpp
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> snapshot() ORVX_EXCLUDES(mutex);
+    std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, OrvRegistrationResponse>>
+    withdrawAllAndWait();
     std::pair<bool, std::map<std::shared_ptr<common::ServiceModel>, OrvRegistrationResponse>>
     executeSynchronousServiceCollectionUnregistration(
         const std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>& registrations,
@@ -277,6 +299,11 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     const std::unique_ptr<RegistrationTable> mapRegistryCallback ORVX_PT_GUARDED_BY(mutex);
     StatusListener statusListener ORVX_GUARDED_BY(mutex);
     HeadState checkState ORVX_GUARDED_BY(mutex) = IDLE;
+
+    /// Notified when the last registration has left.
+    std::condition_variable empty;
+    const std::shared_ptr<const RegistrationListener> registrationListener;
+    const std::shared_ptr<Upkeep> upkeep;
 
     // Safe by itself. Cleared by the destructor before anything is stopped.
     const std::shared_ptr<ClientReference> reference = std::make_shared<ClientReference>(*this);

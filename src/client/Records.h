@@ -1,9 +1,11 @@
 #pragma once
 
 #include "OrvServiceRegistryClient.h"
+#include "RegistrationFacts.h"
 
 #include <orvx/communication/QunaConnectionBackoffSequence.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -44,6 +46,16 @@ class RequestIds {
     /// It must be there.
     void erase(std::uint64_t id) noexcept;
 
+    template <typename Function>
+    void forEach(const Function& function) const {
+        if (first_ != 0) {
+            function(first_);
+        }
+        if (others_) {
+            std::for_each(others_->begin(), others_->end(), function);
+        }
+    }
+
   private:
     bool hasOthers() const { return others_ && !others_->empty(); }
 
@@ -77,12 +89,13 @@ struct OrvServiceRegistryClient::RegistrationData {
     std::unique_ptr<CallbackList> registerCallbacks;
     /// From the first request to withdraw on.
     std::unique_ptr<CallbackList> unregisterCallbacks;
-    std::uint32_t state = CREATED;
+    RegistrationState state;
     bool wasRegistered = false;
     /// Whether it has a place in the index, and the request ids that lead here; kept by the table.
     bool isIndexed = false;
     RequestIds ids;
     RegistryIdIndex::iterator place;
+    RegistrationFacts facts;
 
     /// Leaves the list, if there is one, empty.
     static Callbacks take(const std::unique_ptr<CallbackList>& list) {

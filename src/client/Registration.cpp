@@ -2,6 +2,7 @@
 // Entered by the user's threads, and by the timer's and the I/O thread when a PUT is sent again.
 // The lock is held to store and to look up, not while the request is handed to the session.
 #include "RegistrationTable.h"
+#include "Upkeep.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -116,10 +117,7 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
     const auto request = std::make_shared<RequestContainer>(RequestContainer{
         nullptr, completed, std::shared_ptr<const std::string>(content, &content->uri),
         std::shared_ptr<const std::string>(content, &content->body)});
-    UnregisterHandle handle;
-    const std::uint64_t id = storeRegistration(serviceInfo, request, callback, handle);
-    sendPutRequest(id, request);
-    return handle;
+    return upkeep->announce(serviceInfo, request, callback);
 }
 
 // A handle whose client is gone answers a blocked caller only: nothing else would end that wait.
@@ -136,6 +134,13 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::makeHandle
     };
 }
 
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOf(
+    std::uint64_t id) const {
+    return makeHandle([id](OrvServiceRegistryClient& client, const ResponseCallback& done) {
+        client.upkeep->withdraw(id, done);
+    });
+}
+
 // The handle is made first: what is registered has one, even where memory runs out.
 std::uint64_t OrvServiceRegistryClient::storeRegistration(
     const common::ServiceInfo& serviceInfo, const std::shared_ptr<RequestContainer>& request,
@@ -149,6 +154,7 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
     record->registerCallbacks = std::make_unique<CallbackList>();
     record->registerCallbacks->callbacks.push_back(std::move(callback));
     record->state = REGISTERING;
+    record->facts.since = timer.now();
 
     const utility::MutexLock lock(mutex);
     request->serviceInfo = mapRegistryCallback->share(serviceInfo);
@@ -175,6 +181,7 @@ void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
                     << "sendPutRequest called but id not found in mapRegistryCallback. id=" << id;
                 return;
             }
+            noteSentLocked(id);
             session = usableSessionLocked(*request->serviceInfo);
         }
         session->sendPutRequestJson(*request->uri, request->body->data(), request->body->size(),
@@ -183,6 +190,12 @@ void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
                                     });
     } catch (const std::bad_alloc&) {
         handlePutResponseError(id, request, HttpResponse(CommunicationStatus::OutOfMemory));
+    }
+}
+
+void OrvServiceRegistryClient::noteSentLocked(std::uint64_t id) {
+    if (const auto record = mapRegistryCallback->find(id)) {
+        record->facts.requestSent();
     }
 }
 

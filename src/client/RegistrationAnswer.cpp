@@ -4,6 +4,7 @@
 // after.
 #include "Memory.h"
 #include "RegistrationTable.h"
+#include "Upkeep.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -64,6 +65,8 @@ OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
     if (const auto sameEntry = mapRegistryCallback->findByRegistryId(uuid)) {
         // Whatever the other registration's state: this id follows it from now on.
         released = mapRegistryCallback->lead(id, sameEntry);
+        upkeep->reportLocked(id, *sameEntry->requestContainer, sameEntry->facts,
+                             RegistrationEvent::Kind::Announced);
         callbacks = RegistrationData::take(record->registerCallbacks);
     } else if (isUnregistering(record->state)) {
         return Success::Withdrawn;
@@ -81,6 +84,14 @@ OrvServiceRegistryClient::Callbacks OrvServiceRegistryClient::recordEntryLocked(
     mapRegistryCallback->describe(request, uuid, location);
     record.state = REGISTERED;
     Callbacks callbacks;
+    RegistrationFacts& facts = record.facts;
+    facts.confirmed = timer.now();
+    if (context.isCheckEnabled()) {
+        facts.plan(facts.confirmed, checkDelay());
+    }
+    upkeep->succeedLocked(record.ids.front(), request, facts);
+    upkeep->enterLocked(record.ids.front(), request, facts, RegistrationStatus::State::Announced,
+                        RegistrationEvent::Kind::Announced);
     if (!record.wasRegistered) {
         record.wasRegistered = true;
         record.backoffSequence.reset();

@@ -4,6 +4,7 @@
 // decision; callbacks are dispatched after it is let go.
 #include "Memory.h"
 #include "RegistrationTable.h"
+#include "Upkeep.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -42,6 +43,8 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
             << "handlePutResponseError called but id not found in mapRegistryCallback. id=" << id;
         return Failure::Retried;
     }
+    upkeep->failLocked(id, *request, record->facts,
+                       RegistrationFacts::failureOf("PUT", response, timer.now()));
     if (!record->wasRegistered) {
         if (retryLocked(id, request, *record, response)) {
             return Failure::Retried;
@@ -50,6 +53,7 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
             logger->logWarning(false)
                 << "error message from service registry=" << response.getBody();
         }
+        upkeep->reportLocked(id, *request, record->facts, RegistrationEvent::Kind::Withdrawn);
         callbacks = RegistrationData::take(record->registerCallbacks);
         mapRegistryCallback->erase(id);
         return Failure::GivenUp;
@@ -107,6 +111,9 @@ bool OrvServiceRegistryClient::isRetryable(const HttpResponse& response) const {
 void OrvServiceRegistryClient::schedulePut(std::chrono::milliseconds delay, std::uint64_t id,
                                            const std::shared_ptr<RequestContainer>& request) {
     timer.addTask(delay, [this, id, request] { sendPutRequest(id, request); });
+    if (const auto record = mapRegistryCallback->find(id)) {
+        record->facts.plan(timer.now(), delay);
+    }
 }
 
 }  // namespace orvx::serviceregistryclient

@@ -2,6 +2,7 @@
 // through the interface so that an override counts. Entered by the user's threads; answers are
 // gathered on the callback thread. The client's lock is not taken.
 #include "ServiceCollectionData.h"
+#include "Upkeep.h"
 
 #include <utility>
 
@@ -44,6 +45,12 @@ OrvServiceRegistryClient::executeSynchronousServiceCollectionRegistryCall(
 std::pair<bool, std::map<std::shared_ptr<ServiceModel>, SyncOrvRegistrationResponse>>
 OrvServiceRegistryClient::registerServicesAtRegistry(const common::ServiceInfo& serviceInfo,
                                                      const ServiceSet& services) {
+    return upkeep->registerAllAndWait(serviceInfo, services);
+}
+
+std::pair<bool, std::map<std::shared_ptr<ServiceModel>, SyncOrvRegistrationResponse>>
+OrvServiceRegistryClient::registerAllAndWait(const common::ServiceInfo& serviceInfo,
+                                             const ServiceSet& services) {
     const std::chrono::milliseconds unregisterTimeout = syncCallUnregisterTimeout;
     std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handleTable;
     auto result = executeSynchronousServiceCollectionRegistryCall(

@@ -4,6 +4,7 @@
 // waits and never calls a handler. Only the PUT of a re-registration is sent after it is let go.
 #include "Memory.h"
 #include "RegistrationTable.h"
+#include "Upkeep.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -37,6 +38,7 @@ void OrvServiceRegistryClient::sendHeadRequestOnce(
                                   << id;
         return;
     }
+    record->facts.requestSent();
     const auto session = usableSessionLocked(*container->serviceInfo);
     session->sendHeadRequest("/" + container->serviceCreate->getId(),
                              [this, id, container](const HttpResponse& response) {
@@ -83,6 +85,7 @@ bool OrvServiceRegistryClient::recordHeadResponse(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
     const HttpResponse& response, bool& isInTime) {
     const utility::MutexLock lock(mutex);
+    noteCheckLocked(id, *container, response);
     if (!isInTime && checkState == TIMEOUT) {
         logger->log("TIMEOUT on head request, ignore response.", 0);
         checkState = IDLE;
@@ -98,8 +101,32 @@ bool OrvServiceRegistryClient::recordHeadResponse(
     }
     if (mapRegistryCallback->find(id)) {
         scheduleCheck(id, container);
+        noteNextCheckLocked(id);
     }
     return false;
+}
+
+/// What an answer to a check says to those who look, be it ignored.
+void OrvServiceRegistryClient::noteCheckLocked(std::uint64_t id, const RequestContainer& container,
+                                               const HttpResponse& response) {
+    const auto record = mapRegistryCallback->find(id);
+    const auto status = static_cast<std::int32_t>(response.getStatusCode());
+    if (!record) {
+        return;
+    }
+    if (status >= 200 && status < 300) {
+        record->facts.confirmed = timer.now();
+        upkeep->succeedLocked(id, container, record->facts);
+    } else if (status != 404) {
+        upkeep->failLocked(id, container, record->facts,
+                           RegistrationFacts::failureOf("HEAD", response, timer.now()));
+    }
+}
+
+void OrvServiceRegistryClient::noteNextCheckLocked(std::uint64_t id) {
+    if (const auto record = mapRegistryCallback->find(id)) {
+        record->facts.plan(timer.now(), checkDelay());
+    }
 }
 
 /// False when there is nothing to register again.
@@ -115,6 +142,9 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "automatic re-register with request: " << *container.uri;
     }
+    upkeep->succeedLocked(id, container, record->facts);
+    upkeep->enterLocked(id, container, record->facts, RegistrationStatus::State::Lost,
+                        RegistrationEvent::Kind::Lost);
     return true;
 }
 

@@ -1,7 +1,7 @@
 // Blocking forms, made of the asynchronous ones and a promise. Entered by the user's threads, which
 // wait here; the callback thread fulfils the promises. No lock. After a wait nothing of the client
 // is touched: it may be gone.
-#include "OrvServiceRegistryClient.h"
+#include "Upkeep.h"
 
 #include <algorithm>
 #include <utility>
@@ -41,6 +41,11 @@ std::function<OrvRegistrationResponse()> OrvServiceRegistryClient::synchronousUn
 }
 
 SyncOrvRegistrationResponse OrvServiceRegistryClient::registerServiceAtRegistry(
+    const common::ServiceInfo& serviceInfo, const std::shared_ptr<common::ServiceCreate>& service) {
+    return upkeep->registerAndWait(serviceInfo, service);
+}
+
+SyncOrvRegistrationResponse OrvServiceRegistryClient::registerAndWait(
     const common::ServiceInfo& serviceInfo, const std::shared_ptr<common::ServiceCreate>& service) {
     const std::chrono::milliseconds unregisterTimeout = syncCallUnregisterTimeout;
     UnregisterHandle handle;

@@ -3,6 +3,7 @@
 // registered after it stays.
 #include "RegistrationTable.h"
 #include "ServiceCollectionData.h"
+#include "Upkeep.h"
 
 #include <utility>
 
@@ -22,16 +23,20 @@ std::map<std::uint64_t, std::shared_ptr<ServiceCreate>> OrvServiceRegistryClient
 }
 
 void OrvServiceRegistryClient::unregisterAllServicesFromRegistry(ServiceCallback callback) {
-    for (const auto& [id, service] : snapshot()) {
-        internal_unregisterFromRegistry(
-            id, [callback, service = service](OrvRegistrationResponse response) {
-                callback(service, std::move(response));
-            });
+    for (const auto& [id, service] : upkeep->descriptions()) {
+        upkeep->withdraw(id, [callback, service = service](OrvRegistrationResponse response) {
+            callback(service, std::move(response));
+        });
     }
 }
 
 std::pair<bool, std::map<std::shared_ptr<ServiceModel>, OrvRegistrationResponse>>
 OrvServiceRegistryClient::unregisterAllServicesFromRegistry() {
+    return upkeep->withdrawAllAndWait();
+}
+
+std::pair<bool, std::map<std::shared_ptr<ServiceModel>, OrvRegistrationResponse>>
+OrvServiceRegistryClient::withdrawAllAndWait() {
     return executeSynchronousServiceCollectionUnregistration(
         snapshot(), [this](std::uint64_t id, const std::shared_ptr<ServiceCreate>& service,
                            ServiceCallback collect) {

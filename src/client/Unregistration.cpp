@@ -3,6 +3,7 @@
 // handed to the session. Callbacks come in as copies made before it is taken.
 #include "Memory.h"
 #include "RegistrationTable.h"
+#include "Upkeep.h"
 
 #include <new>
 #include <utility>
@@ -62,6 +63,7 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
             return;  // the DELETE that is out answers this callback too
         }
         record->state = UNREGISTERING;
+        record->facts.enter(RegistrationStatus::State::Withdrawing, timer.now());
         container = record->requestContainer;
     }
     sendDeleteRequest(id, container);
@@ -82,6 +84,7 @@ void OrvServiceRegistryClient::sendDeleteRequest(
                     << id;
                 return;
             }
+            noteSentLocked(id);
             session = usableSessionLocked(*container->serviceInfo);
         }
         session->sendDeleteRequest("/" + container->serviceCreate->getId(), "application/json",
@@ -114,11 +117,19 @@ void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpRespon
                 << "handleDeleteResponse called but id not found in mapRegistryCallback. id=" << id;
             return;
         }
+        noteRefusalLocked(id, *record, response);
         callbacks = RegistrationData::take(record->unregisterCallbacks);
         record->state = REGISTERED;
     }
     callCallbacks(std::move(callbacks), OrvRegistrationResponse::ERROR,
                   OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, std::move(response));
+}
+
+void OrvServiceRegistryClient::noteRefusalLocked(std::uint64_t id, RegistrationData& record,
+                                                 const HttpResponse& response) {
+    upkeep->failLocked(id, *record.requestContainer, record.facts,
+                       RegistrationFacts::failureOf("DELETE", response, timer.now()));
+    record.facts.enter(RegistrationStatus::State::Announced, timer.now());
 }
 
 // An id that is gone already was removed with another id of its registration, which told everybody.
@@ -132,6 +143,11 @@ void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint6
         if (!record) {
             return;
         }
+        empty.notify_all();
+        record->ids.forEach([&](std::uint64_t one) {
+            upkeep->reportLocked(one, *record->requestContainer, record->facts,
+                                 RegistrationEvent::Kind::Withdrawn);
+        });
         notification = notificationLocked(record->requestContainer->serviceCreate, false);
         callbacks = RegistrationData::take(record->unregisterCallbacks);
         mapRegistryCallback->eraseAll(*record);
@@ -139,8 +155,8 @@ void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint6
     callbackExecutor.add(std::move(notification));
 }
 
-bool OrvServiceRegistryClient::isUnregistering(std::uint32_t state) {
-    return state == UNREGISTERING || state == 4;
+bool OrvServiceRegistryClient::isUnregistering(const RegistrationState& state) {
+    return state.isUnregistering();
 }
 
 }  // namespace orvx::serviceregistryclient

@@ -4,7 +4,11 @@
 
 #include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
 
+#include "../client/OrvServiceRegistryClient.h"
+#include "../client/Upkeep.h"
+
 #include <orvx/utility/ForkMark.h>
+#include <orvx/utility/Mutex.h>
 #include <orvx/utility/OrvFoundationException.h>
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
@@ -23,6 +27,14 @@ using utility::OrvFoundationException;
 // keeps a share, or a copy, of what it needs of them. What it reads of its context until its end
 // must be trivially destructible.
 struct OrvServiceRegistryContext::Data {
+    /// For getRegistrations(), which may be called while the client ends.
+    utility::Mutex mutex;
+    std::shared_ptr<ClientReference> attached ORVX_GUARDED_BY(mutex);
+
+    std::shared_ptr<ClientReference> attachedClient() {
+        const utility::MutexLock lock(mutex);
+        return attached;
+    }
     bool retryEnabled = true;
     bool checkEnabled = true;
     std::uint16_t maxRetryCount = 0;
@@ -77,6 +89,7 @@ OrvServiceRegistryContext::~OrvServiceRegistryContext() {
         data_->older = newest.exchange(data_);
         return;
     }
+    withdrawEverything();
     delete data_;
 }
 
@@ -100,6 +113,7 @@ void OrvServiceRegistryContext::deinit() {
     if (!data_->initiated || data_->isLeftBehind()) {
         return;
     }
+    withdrawEverything();
     data_->client.reset();
     data_->initiated = false;
 }
@@ -280,8 +294,34 @@ void OrvServiceRegistryContext::setRegistrationListener(RegistrationListener lis
     data_->registrationListener = std::move(listener);
 }
 
+const RegistrationListener& OrvServiceRegistryContext::getRegistrationListener() const {
+    return data_->registrationListener;
+}
+
 std::vector<RegistrationStatus> OrvServiceRegistryContext::getRegistrations() const {
-    return {};
+    if (data_->isLeftBehind()) {
+        return {};
+    }
+    std::vector<RegistrationStatus> statuses;
+    if (const auto attached = data_->attachedClient()) {
+        attached->call(
+            [&](OrvServiceRegistryClient& client) { statuses = client.upkeep->statuses(); });
+    }
+    return statuses;
+}
+
+void OrvServiceRegistryContext::attach(std::shared_ptr<ClientReference> client) {
+    const utility::MutexLock lock(data_->mutex);
+    data_->attached = std::move(client);
+}
+
+void OrvServiceRegistryContext::withdrawEverything() {
+    const auto attached = data_->attachedClient();
+    if (attached && data_->withdrawAtDeinit > std::chrono::milliseconds::zero()) {
+        attached->call([this](OrvServiceRegistryClient& client) {
+            client.withdrawWithin(data_->withdrawAtDeinit);
+        });
+    }
 }
 
 }  // namespace orvx::serviceregistryclient

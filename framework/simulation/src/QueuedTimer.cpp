@@ -29,6 +29,15 @@ void QueuedTimer::addTask(std::chrono::milliseconds delay, Task task) {
     }
 }
 
+std::chrono::milliseconds QueuedTimer::now() const {
+    return state_->world().now;
+}
+
+// A world begins on 1 January 2026.
+std::chrono::system_clock::time_point QueuedTimer::systemNow() const {
+    return std::chrono::system_clock::from_time_t(1767225600) + state_->world().now;
+}
+
 bool QueuedTimer::isRunning() const {
     return state_->isRunning();
 }

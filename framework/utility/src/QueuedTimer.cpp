@@ -42,6 +42,14 @@ void QueuedTimer::addTask(milliseconds delay, Task task) {
     state_->add(dueAfter(delay), std::move(task));
 }
 
+milliseconds QueuedTimer::now() const {
+    return std::chrono::floor<milliseconds>(Clock::now().time_since_epoch());
+}
+
+std::chrono::system_clock::time_point QueuedTimer::systemNow() const {
+    return std::chrono::system_clock::now();
+}
+
 bool QueuedTimer::isRunning() const {
     return state_->isRunning();
 }

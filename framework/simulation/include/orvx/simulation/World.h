@@ -82,7 +82,7 @@ class World {
 
     // Time and the timers' threads.
 
-    /// Since the world began.
+    /// Since the world began, which is 1 January 2026, 0:00 UTC, by the system's clock.
     std::chrono::milliseconds now() const;
     /// Moves the clock and runs the timer tasks that fall due, in the order of their due times,
     /// each at its own; also those that are added on the way. It runs timer tasks only: see

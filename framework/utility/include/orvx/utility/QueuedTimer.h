@@ -41,6 +41,12 @@ class ORVX_EXPORT QueuedTimer {
     /// in practice. Dropped while the timer is stopped. Throws std::bad_alloc only.
     void addTask(std::chrono::milliseconds delay, Task task);
 
+    /// The time on the clock by which tasks fall due, from a beginning of its own. Also while the
+    /// timer is stopped.
+    std::chrono::milliseconds now() const;
+    /// The system's clock, to tell people when something was or will be.
+    std::chrono::system_clock::time_point systemNow() const;
+
     /// Whether there is a thread: after start(), before stop().
     bool isRunning() const;
 

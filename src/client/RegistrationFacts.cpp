@@ -1,0 +1,124 @@
+// What getRegistrations() and the registration listener are told, with both sets of rules. Entered
+// by every thread that enters the client, under its lock, but for the copy of a status.
+#include "Upkeep.h"
+
+#include <orvx/communication/CommunicationStatus.h>
+
+#include <algorithm>
+
+namespace orvx::serviceregistryclient {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+using std::chrono::milliseconds;
+using std::chrono::system_clock;
+using Kind = RegistrationEvent::Kind;
+using State = RegistrationStatus::State;
+
+namespace {
+
+/// So much of an answer's body is kept for people to read.
+constexpr std::size_t kLongestBody = 200;
+
+}  // namespace
+
+system_clock::time_point OrvServiceRegistryClient::Upkeep::Clocks::timeOf(milliseconds time) const {
+    return system + (time - timer);
+}
+
+std::optional<system_clock::time_point> OrvServiceRegistryClient::Upkeep::Clocks::timeUnlessNone(
+    milliseconds time) const {
+    return time == RegistrationFacts::none ? std::nullopt : std::optional(timeOf(time));
+}
+
+OrvServiceRegistryClient::Upkeep::Clocks OrvServiceRegistryClient::Upkeep::readClocks() const {
+    return {now(), std::chrono::floor<milliseconds>(client_.timer.systemNow())};
+}
+
+std::shared_ptr<const RegistrationFacts::Failure> RegistrationFacts::failureOf(
+    const char* method, const HttpResponse& response, milliseconds now) {
+    const CommunicationStatus status = response.getCommunicationStatus();
+    const int httpStatus = static_cast<int>(response.getStatusCode());
+    std::string text = std::string(method) + ": ";
+    if (status == CommunicationStatus::Ok) {
+        text += "HTTP status " + std::to_string(httpStatus);
+    } else {
+        text += communicationStatusToString(status);
+    }
+    if (!response.getBody().empty()) {
+        text += ": " + response.getBody().substr(0, kLongestBody);
+    }
+    return std::make_shared<const Failure>(Failure{now, status, httpStatus, std::move(text)});
+}
+
+void OrvServiceRegistryClient::Upkeep::succeedLocked(std::uint64_t id,
+                                                     const RequestContainer& request,
+                                                     RegistrationFacts& facts) {
+    facts.attempts = 0;
+    if (std::exchange(facts.failing, false)) {
+        if (facts.state == State::Unreachable) {
+            facts.enter(State::Announced, now());
+        }
+        reportLocked(id, request, facts, Kind::Reachable);
+    }
+}
+
+void OrvServiceRegistryClient::Upkeep::failLocked(
+    std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts,
+    std::shared_ptr<const RegistrationFacts::Failure> failure) {
+    facts.failure = std::move(failure);
+    if (facts.state == State::Announced) {
+        facts.enter(State::Unreachable, now());
+    }
+    if (!std::exchange(facts.failing, true)) {
+        reportLocked(id, request, facts, Kind::Unreachable);
+    }
+}
+
+void OrvServiceRegistryClient::Upkeep::enterLocked(std::uint64_t id,
+                                                   const RequestContainer& request,
+                                                   RegistrationFacts& facts, State state,
+                                                   Kind event) {
+    if (facts.enter(state, now())) {
+        reportLocked(id, request, facts, event);
+    }
+}
+
+void OrvServiceRegistryClient::Upkeep::reportLocked(std::uint64_t id,
+                                                    const RequestContainer& request,
+                                                    const RegistrationFacts& facts, Kind event) {
+    if (client_.registrationListener) {
+        Tasks tasks;
+        tasks.emplace_back(
+            [listener = client_.registrationListener,
+             told = RegistrationEvent{event, statusLocked(id, request, facts, readClocks())}] {
+                (*listener)(told);
+            });
+        tellLocked(std::move(tasks));
+    }
+}
+
+RegistrationStatus OrvServiceRegistryClient::Upkeep::statusLocked(std::uint64_t id,
+                                                                  const RequestContainer& request,
+                                                                  const RegistrationFacts& facts,
+                                                                  const Clocks& clocks) const {
+    RegistrationStatus status;
+    status.requestId = id;
+    status.name = request.serviceCreate->getName();
+    status.uri = *request.uri;
+    status.endpoint = request.serviceInfo->getKey();
+    status.uuid = request.serviceCreate->getId();
+    status.state = facts.state;
+    status.since = clocks.timeOf(facts.since);
+    status.lastConfirmed = clocks.timeUnlessNone(facts.confirmed);
+    if (facts.failure) {
+        status.lastFailure = RegistrationStatus::Failure{
+            clocks.timeOf(facts.failure->time), facts.failure->communicationStatus,
+            facts.failure->httpStatus, facts.failure->text};
+    }
+    status.attempts = facts.attempts;
+    status.nextAttempt = clocks.timeUnlessNone(facts.due);
+    return status;
+}
+
+}  // namespace orvx::serviceregistryclient

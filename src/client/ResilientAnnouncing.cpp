@@ -1,0 +1,180 @@
+// With resilience: answers to a PUT, and entries that turn out to be one. Entered by the I/O
+// thread.
+#include "Memory.h"
+#include "ResilientRecords.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+
+namespace orvx::serviceregistryclient {
+
+using State = RegistrationStatus::State;
+using Kind = RegistrationEvent::Kind;
+
+std::string OrvServiceRegistryClient::ResilientUpkeep::uuidOf(const std::string& location) {
+    std::string path = location;
+    if (!path.empty() && path.back() == '/') {
+        path.pop_back();
+    }
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(slash + 1);
+}
+
+void OrvServiceRegistryClient::ResilientUpkeep::handlePut(const std::shared_ptr<Entry>& entry,
+                                                          std::uint32_t number,
+                                                          const HttpResponse& response) {
+    const bool isSuccess = response.getStatusCode() == HttpResponse::StatusCode::Ok ||
+                           response.getStatusCode() == HttpResponse::StatusCode::Created;
+    std::string location;
+    std::string uuid;
+    client_.whenThereIsMemory([&] {
+        location = isSuccess ? response.getLocation().value_or("") : "";
+        uuid = uuidOf(location);
+    });
+    if (isSuccess && uuid.empty()) {
+        client_.logger->logWarning(false)
+            << "Cannot parse service uuid from HTTP location: " << location;
+    }
+    handle(entry, number, response, [&] {
+        lockIsHeld();
+        if (!uuid.empty()) {
+            recordEntryLocked(*entry, uuid, location, response);
+        } else {
+            handlePutFailureLocked(*entry, response, !isSuccess && !isPassing(response));
+        }
+    });
+}
+
+void OrvServiceRegistryClient::ResilientUpkeep::recordEntryLocked(Entry& entry,
+                                                                  const std::string& uuid,
+                                                                  const std::string& location,
+                                                                  const HttpResponse& response) {
+    if (!entry.uuid.empty() && entry.uuid != uuid) {
+        leaveBehindLocked(entry);
+    }
+    const auto same = entry.endpoint.byUuid.find(uuid);
+    const auto other = same == entry.endpoint.byUuid.end() ? nullptr : *same;
+    const bool isOther = other && other.get() != &entry;
+    if (!other) {
+        entry.uuid = uuid;
+        entry.endpoint.byUuid.insert(entry.shared_from_this());
+    }
+    for (Member* const member : entry.members) {
+        Registration& registration = member->second;
+        registration.request->serviceCreate->setUri(location);
+        registration.request->serviceCreate->setId(uuid);
+        if (registration.withdrawn || member->first > entry.sent) {
+            continue;
+        }
+        registration.facts.confirmed = now();
+        notifyLocked(*member, true);
+        succeedLocked(member->first, *registration.request, registration.facts);
+        enterLocked(member->first, *registration.request, registration.facts, State::Announced,
+                    Kind::Announced);
+        if (!registration.answered) {
+            answerLocked(registration.waiting->registered, OrvRegistrationResponse::OK,
+                         OrvRegistrationResponse::NONE, &response);
+            registration.waiting.reset();
+            registration.answered = true;
+        }
+    }
+    entry.known = Known::Present;
+    entry.held = entry.sent;
+    entry.backoff.reset();
+    entry.notBefore = Milliseconds::min();
+    if (isOther) {
+        mergeLocked(entry, *other);
+        return;
+    }
+    entry.out = Request::None;
+    // Spread: services that are announced together are not checked together, and a registry that
+    // restarted is noticed by the first of them.
+    const Member* const latest = wanted(entry);
+    const bool isDone = latest != nullptr && latest->first == entry.held;
+    planLocked(entry,
+               isDone ? now() + std::max(randomPartOf(checkInterval()), shortestPause) : now());
+    reconcileLocked(entry, &response);
+}
+
+/// The registry has answered with another uuid: the entry of the one before is not wanted any more.
+void OrvServiceRegistryClient::ResilientUpkeep::leaveBehindLocked(Entry& entry) {
+    const auto left = std::make_shared<Entry>(entry.endpoint);
+    left->uuid = entry.uuid;
+    left->known = Known::Present;
+    left->due = dues_.emplace(now(), left.get()).first;
+    // From here on nothing needs memory.
+    auto& byUuid = entry.endpoint.byUuid;
+    auto node = byUuid.extract(byUuid.find(entry.uuid));
+    node.value() = left;
+    byUuid.insert(std::move(node));
+    entry.uuid.clear();
+}
+
+/// Which of their descriptions came last nobody knows: the latest one is put once more.
+void OrvServiceRegistryClient::ResilientUpkeep::mergeLocked(Entry& entry, Entry& into) {
+    into.members.reserve(into.members.size() + entry.members.size());
+    for (Member* const member : entry.members) {
+        member->second.entry = &into;
+        into.members.push_back(member);
+    }
+    std::sort(into.members.begin(), into.members.end(),
+              [](const Member* one, const Member* other) { return one->first < other->first; });
+    entry.members.clear();
+    const auto kept = entry.shared_from_this();
+    const auto shared = into.shared_from_this();
+    for (auto& [path, leadsTo] : entry.endpoint.byPath) {
+        if (leadsTo == kept) {
+            leadsTo = shared;
+        }
+    }
+    entry.path = entry.endpoint.byPath.end();
+    into.isMerged = true;
+    eraseLocked(entry);
+    into.held = 0;
+    if (into.out == Request::None) {
+        planLocked(into, now());
+    }
+    reconcileLocked(into);
+}
+
+void OrvServiceRegistryClient::ResilientUpkeep::handlePutFailureLocked(Entry& entry,
+                                                                       const HttpResponse& response,
+                                                                       bool isRefusal) {
+    failLocked(entry, "PUT", response);
+    if (mayHaveHappened(response)) {
+        entry.known = Known::Unknown;  // also where there was one: it may have got another uuid
+    }
+    Milliseconds delay = isRefusal ? checkInterval() : backOffLocked(entry);
+    const auto sent = registrations_.find(entry.sent);
+    if (sent != registrations_.end() && !sent->second.answered) {
+        const std::uint16_t max = client_.context.maxRetryCount();
+        std::uint16_t& retries = sent->second.waiting->retries;
+        if (isRefusal || !client_.context.isRetryEnabled() || (max != 0 && retries >= max)) {
+            giveUpLocked(*sent, OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, &response);
+            delay = Milliseconds::zero();
+        } else {
+            ++retries;
+            delay = max == 0 ? delay : client_.context.getRetryInterval();
+        }
+    }
+    entry.out = Request::None;
+    planLocked(entry, std::max(now() + std::max(delay, Milliseconds::zero()), entry.notBefore));
+    reconcileLocked(entry, &response);
+}
+
+/// Of a registration that still waits.
+void OrvServiceRegistryClient::ResilientUpkeep::giveUpLocked(
+    Member& member, OrvRegistrationResponse::ErrorCode reason, const HttpResponse* response) {
+    Registration& registration = member.second;
+    if (registration.answered) {
+        return;
+    }
+    answerLocked(registration.waiting->registered, OrvRegistrationResponse::ERROR, reason,
+                 response);
+    registration.answered = true;
+    registration.withdrawn = true;
+    registration.facts.enter(State::Withdrawing, now());
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,182 @@
+// With resilience: the blocking forms. Entered by the user's threads, which wait here; the callback
+// thread gathers the answers. Every wait ends: with the last answer, its time-out, or the client's
+// stop. After a wait nothing of the client is touched: it may be gone.
+#include "ResilientRecords.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+#include <mutex>
+
+namespace orvx::serviceregistryclient {
+
+using common::ServiceCreate;
+using common::ServiceModel;
+using Outcome = OrvRegistrationResponse;
+
+/// One blocking call: gathers the answers to its services.
+class OrvServiceRegistryClient::ResilientUpkeep::Wait {
+  public:
+    /// Of a service that has not answered in time.
+    using Responses = std::map<std::shared_ptr<ServiceModel>, Outcome>;
+
+    void add(const std::shared_ptr<ServiceModel>& service) {
+        const std::lock_guard lock(mutex_);
+        responses_.emplace(service, Outcome(Outcome::ERROR, Outcome::TIMEOUT));
+        ++left_;
+    }
+    void answer(const std::shared_ptr<ServiceModel>& service, Outcome response) {
+        const std::lock_guard lock(mutex_);
+        const auto found = responses_.find(service);
+        if (left_ > 0 && found != responses_.end()) {
+            found->second = std::move(response);
+            --left_;
+        }
+        changed_.notify_all();
+    }
+    /// The client has stopped.
+    void end() {
+        const std::lock_guard lock(mutex_);
+        isEnded_ = true;
+        for (auto& [service, response] : responses_) {
+            if (response.errorCode == Outcome::TIMEOUT) {
+                response.errorCode = Outcome::DELEGATOR_NOT_INITIATED;
+            }
+        }
+        changed_.notify_all();
+    }
+    /// Zero is no time-out.
+    Responses wait(Milliseconds timeout) {
+        constexpr Milliseconds longest = std::chrono::hours(24 * 365 * 10);
+        std::unique_lock lock(mutex_);
+        const auto isDone = [this] { return left_ == 0 || isEnded_; };
+        if (timeout == Milliseconds::zero()) {
+            changed_.wait(lock, isDone);
+        } else {
+            changed_.wait_for(lock, std::min(timeout, longest), isDone);
+        }
+        left_ = 0;  // what comes later is dropped
+        return std::move(responses_);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    Responses responses_;
+    std::size_t left_ = 0;
+    bool isEnded_ = false;
+};
+
+/// Null where it must not begin: then the reason is what every service is answered with.
+std::shared_ptr<OrvServiceRegistryClient::ResilientUpkeep::Wait>
+OrvServiceRegistryClient::ResilientUpkeep::beginWait(Outcome::ErrorCode& reason) {
+    if (isInsideUserCode()) {
+        client_.logger->logError(false)
+            << "A blocking call from a callback or listener would wait for itself.";
+        reason = Outcome::OTHER;
+        return nullptr;
+    }
+    auto wait = std::make_shared<Wait>();
+    const utility::MutexLock lock(client_.mutex);
+    if (!client_.initiated) {
+        reason = Outcome::DELEGATOR_NOT_INITIATED;
+        return nullptr;
+    }
+    waits_.erase(std::remove_if(waits_.begin(), waits_.end(),
+                                [](const std::weak_ptr<Wait>& one) { return one.expired(); }),
+                 waits_.end());
+    waits_.push_back(wait);
+    return wait;
+}
+
+void OrvServiceRegistryClient::ResilientUpkeep::endWaits(
+    const std::vector<std::weak_ptr<Wait>>& waits) {
+    for (const auto& one : waits) {
+        if (const auto wait = one.lock()) {
+            wait->end();
+        }
+    }
+}
+
+/// What withdraws a service and waits.
+std::function<Outcome()> OrvServiceRegistryClient::ResilientUpkeep::unregisterAndWait(
+    UnregisterHandle handle) {
+    return [reference = client_.reference, self = this, handle = std::move(handle),
+            timeout = client_.syncCallUnregisterTimeout] {
+        Outcome::ErrorCode reason = Outcome::DELEGATOR_NOT_INITIATED;
+        std::shared_ptr<Wait> wait;
+        reference->call([&](OrvServiceRegistryClient&) { wait = self->beginWait(reason); });
+        if (!wait) {
+            return Outcome(Outcome::ERROR, reason);
+        }
+        wait->add(nullptr);
+        handle([wait](Outcome response) { wait->answer(nullptr, std::move(response)); });
+        return wait->wait(timeout).begin()->second;
+    };
+}
+
+SyncOrvRegistrationResponse OrvServiceRegistryClient::ResilientUpkeep::registerAndWait(
+    const common::ServiceInfo& registry, const std::shared_ptr<ServiceCreate>& service) {
+    return registerAllAndWait(registry, {service}).second.begin()->second;
+}
+
+std::pair<bool, OrvServiceRegistryClient::Upkeep::SyncServiceResponses>
+OrvServiceRegistryClient::ResilientUpkeep::registerAllAndWait(const common::ServiceInfo& registry,
+                                                              const ServiceSet& services) {
+    std::pair<bool, SyncServiceResponses> result(true, {});
+    Outcome::ErrorCode reason = Outcome::NONE;
+    const auto wait = services.empty() ? nullptr : beginWait(reason);
+    const Milliseconds timeout = client_.context.getSyncCallRegistryTimeout();
+    for (const auto& service : services) {
+        result.second[service].response = {Outcome::ERROR, reason};
+        result.first = false;
+        if (wait) {
+            wait->add(service);
+        }
+    }
+    if (!wait) {
+        return result;
+    }
+    for (const auto& service : services) {
+        UnregisterHandle handle = client_.registerServiceAtRegistry(
+            registry, service,
+            [wait, service](Outcome response) { wait->answer(service, std::move(response)); });
+        result.second[service].unregister = unregisterAndWait(std::move(handle));
+    }
+    result.first = true;
+    for (auto& [service, response] : wait->wait(timeout)) {
+        result.first = result.first && response.status == Outcome::OK;
+        result.second[service].response = std::move(response);
+    }
+    return result;
+}
+
+std::pair<bool, OrvServiceRegistryClient::Upkeep::ServiceResponses>
+OrvServiceRegistryClient::ResilientUpkeep::withdrawAllAndWait() {
+    std::pair<bool, ServiceResponses> result(true, {});
+    Outcome::ErrorCode reason = Outcome::NONE;
+    const auto services = descriptions();
+    const auto wait = services.empty() ? nullptr : beginWait(reason);
+    const Milliseconds timeout = client_.syncCallUnregisterTimeout;
+    for (const auto& [id, service] : services) {
+        result.first = false;
+        result.second.emplace(service, Outcome(Outcome::ERROR, reason));
+        if (wait) {
+            wait->add(service);
+        }
+    }
+    if (!wait) {
+        return result;
+    }
+    for (const auto& [id, service] : services) {
+        withdraw(id, [wait, service = service](Outcome response) {
+            wait->answer(service, std::move(response));
+        });
+    }
+    result.second = wait->wait(timeout);
+    result.first = std::all_of(result.second.begin(), result.second.end(),
+                               [](const auto& one) { return one.second.status == Outcome::OK; });
+    return result;
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,150 @@
+// With resilience: answers to the check of an entry, its time-out, and what one answer says of the
+// other entries at that registry. Entered by the timer's thread and the I/O thread. Each entry has
+// a check of its own; a late answer is told by the number of its request.
+#include "Memory.h"
+#include "ResilientRecords.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+
+namespace orvx::serviceregistryclient {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+using State = RegistrationStatus::State;
+using Kind = RegistrationEvent::Kind;
+
+namespace {
+
+bool isGone(const HttpResponse& response) {
+    const int status = static_cast<int>(response.getStatusCode());
+    return status == 404 || status == 410;
+}
+
+bool isSuccess(const HttpResponse& response) {
+    const int status = static_cast<int>(response.getStatusCode());
+    return status >= 200 && status < 300;
+}
+
+}  // namespace
+
+void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr<Entry>& entry,
+                                                           std::uint32_t number,
+                                                           const HttpResponse& response) {
+    handle(entry, number, response, [&] {
+        lockIsHeld();
+        Milliseconds due = now();
+        if (isGone(response)) {
+            markLostLocked(*entry);
+            lookAtAllLocked(entry->endpoint, entry.get());
+        } else {
+            if (isSuccess(response)) {
+                for (Member* const member : entry->members) {
+                    member->second.facts.confirmed = now();
+                    Upkeep::succeedLocked(member->first, *member->second.request,
+                                          member->second.facts);
+                }
+            } else {
+                failLocked(*entry, "HEAD", response);
+            }
+            due = std::max(due + checkInterval(), entry->notBefore);
+        }
+        entry->out = Request::None;
+        planLocked(*entry, due);
+        reconcileLocked(*entry, &response);
+    });
+}
+
+/// The request goes on until its own time-out; its answer is too late for this check.
+void OrvServiceRegistryClient::ResilientUpkeep::giveUpHeadLocked(Entry& entry) {
+    const HttpResponse silence(CommunicationStatus::TimedOut);
+    failLocked(entry, "HEAD", silence);
+    entry.endpoint.isAnswering = false;
+    entry.out = Request::None;
+    planLocked(entry, now() + checkInterval());
+}
+
+void OrvServiceRegistryClient::ResilientUpkeep::markLostLocked(Entry& entry) {
+    for (Member* const member : entry.members) {
+        Registration& registration = member->second;
+        registration.request->serviceCreate->setUri("");
+        registration.request->serviceCreate->setId("");
+        notifyLocked(*member, false);
+        Upkeep::succeedLocked(member->first, *registration.request, registration.facts);
+        if (!registration.withdrawn) {
+            enterLocked(member->first, *registration.request, registration.facts, State::Lost,
+                        Kind::Lost);
+        }
+        if (client_.logger->isInfoEnabled()) {
+            client_.logger->logInfo(false)
+                << "automatic re-register with request: " << *registration.request->uri;
+        }
+    }
+    entry.known = Known::Absent;
+    entry.held = 0;
+    forgetUuidLocked(entry);
+}
+
+/// The first answer after none makes all entries due, once in an interval: a network that loses
+/// single answers must not multiply the checks.
+void OrvServiceRegistryClient::ResilientUpkeep::noteAnswerLocked(Entry& entry,
+                                                                 const HttpResponse& response) {
+    Endpoint& endpoint = entry.endpoint;
+    switch (response.getCommunicationStatus()) {
+        case CommunicationStatus::Ok:
+            if (!endpoint.isAnswering && now() - checkInterval() >= endpoint.answeringSince) {
+                endpoint.answeringSince = now();
+                lookAtAllLocked(endpoint, &entry);
+            }
+            endpoint.isAnswering = true;
+            break;
+        case CommunicationStatus::InvalidRequest:
+        case CommunicationStatus::NoSession:
+        case CommunicationStatus::Abandoned:
+        case CommunicationStatus::OutOfMemory:
+            break;  // says nothing of the registry
+        default:
+            endpoint.isAnswering = false;
+    }
+}
+
+/// Makes every entry due within the spread of the registry's entries.
+void OrvServiceRegistryClient::ResilientUpkeep::lookAtAllLocked(Endpoint& endpoint,
+                                                                const Entry* except) {
+    const Milliseconds time = now();
+    if (time < endpoint.lookingUntil) {
+        return;
+    }
+    const Milliseconds spread = std::max(
+        shortestSpread, spreadPerEntry * static_cast<Milliseconds::rep>(endpoint.byPath.size()));
+    endpoint.lookingUntil = time + spread;
+    const auto look = [&](Entry& entry) {
+        lockIsHeld();
+        if (&entry != except && entry.out == Request::None) {
+            const Milliseconds soon = std::max(time + randomPartOf(spread), entry.notBefore);
+            planLocked(entry, std::min(entry.due->first, soon));
+        }
+    };
+    for (const auto& [path, entry] : endpoint.byPath) {
+        look(*entry);
+    }
+    for (const auto& entry : endpoint.byUuid) {
+        look(*entry);
+    }
+}
+
+/// As far as the clock can say.
+std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::checkInterval() const {
+    constexpr Milliseconds longest = std::chrono::hours(24 * 365);
+    return std::clamp(client_.checkDelay(), shortestPause, longest);
+}
+
+/// Drawn evenly from nothing to the whole of it.
+std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::randomPartOf(
+    Milliseconds duration) {
+    const auto twice = static_cast<std::uint64_t>(2 * duration.count());
+    return communication::QunaConnectionBackoffSequence(0, twice).nextDelay() - duration;
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,114 @@
+// With resilience: which failures pass, what they leave unknown, and when to try again. Entered by
+// the I/O thread; the static functions by any thread.
+#include "ResilientRecords.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+#include <charconv>
+#include <ctime>
+#include <iomanip>
+#include <locale>
+#include <sstream>
+
+namespace orvx::serviceregistryclient {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+
+void OrvServiceRegistryClient::ResilientUpkeep::failLocked(Entry& entry, const char* method,
+                                                           const HttpResponse& response) {
+    const Milliseconds time = now();
+    const auto failure = RegistrationFacts::failureOf(method, response, time);
+    if (const auto retryAfter = response.getHeader("Retry-After")) {
+        entry.notBefore = time + delayOf(*retryAfter, client_.timer.systemNow());
+    }
+    for (Member* const member : entry.members) {
+        client_.logger->logWarning(false) << failure->text << ", id=" << member->first;
+        Upkeep::failLocked(member->first, *member->second.request, member->second.facts, failure);
+    }
+}
+
+/// Whether the same request may succeed later, by itself.
+bool OrvServiceRegistryClient::ResilientUpkeep::isPassing(const HttpResponse& response) const {
+    switch (response.getCommunicationStatus()) {
+        case CommunicationStatus::Ok:
+            break;
+        case CommunicationStatus::InvalidRequest:
+        case CommunicationStatus::NoSession:
+            return false;
+        default:
+            return true;
+    }
+    switch (static_cast<int>(response.getStatusCode())) {
+        case 408:  // Request Timeout
+        case 425:  // Too Early
+        case 429:  // Too Many Requests
+        case 500:  // Internal Server Error
+        case 502:  // Bad Gateway
+        case 503:  // Service Unavailable
+        case 504:  // Gateway Timeout
+            return true;
+        default:
+            return client_.context.isRetryOnHttpStatusEnabled() &&
+                   client_.statusCodesForRetry.count(response.getStatusCode()) != 0;
+    }
+}
+
+/// Whether the registry may have done what it was asked for.
+bool OrvServiceRegistryClient::ResilientUpkeep::mayHaveHappened(const HttpResponse& response) {
+    switch (response.getCommunicationStatus()) {
+        case CommunicationStatus::Ok: {
+            const int status = static_cast<int>(response.getStatusCode());
+            return status < 300 || status == 408 || (status >= 500 && status != 501);
+        }
+        case CommunicationStatus::InvalidRequest:
+        case CommunicationStatus::NoSession:
+        case CommunicationStatus::ResolveFailed:
+        case CommunicationStatus::ConnectFailed:
+            return false;
+        default:
+            return true;
+    }
+}
+
+std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::backOffLocked(Entry& entry) {
+    if (!entry.backoff) {
+        const auto step =
+            std::max<Milliseconds::rep>(client_.context.getRetryInterval().count(), 0);
+        entry.backoff = std::make_unique<communication::QunaConnectionBackoffSequence>(
+            4, static_cast<std::uint64_t>(step));
+    }
+    return std::max(entry.backoff->nextDelay(), shortestPause);
+}
+
+// A date is taken as it is defined for this header, and in no other form.
+std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::delayOf(
+    const std::string& retryAfter, std::chrono::system_clock::time_point time) {
+    const char* const end = retryAfter.data() + retryAfter.size();
+    std::uint64_t seconds = 0;
+    const auto [rest, error] = std::from_chars(retryAfter.data(), end, seconds);
+    if (rest == end && !retryAfter.empty()) {
+        const auto longest = static_cast<std::uint64_t>(longestRetryAfter.count()) / 1000;
+        return error == std::errc() && seconds < longest
+                   ? Milliseconds(1000 * static_cast<Milliseconds::rep>(seconds))
+                   : longestRetryAfter;
+    }
+    const char* const format = "%a, %d %b %Y %H:%M:%S GMT";
+    std::tm date{};
+    std::istringstream in(retryAfter);
+    in.imbue(std::locale::classic());
+    in >> std::get_time(&date, format);
+    const bool isRead = !in.fail();
+    const std::time_t until = timegm(&date);  // also makes the day of the week that of the date
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out << std::put_time(&date, format);
+    if (!isRead || out.str() != retryAfter) {
+        return Milliseconds::zero();
+    }
+    const std::chrono::seconds delay(until - std::chrono::system_clock::to_time_t(time));
+    return std::clamp<Milliseconds>(delay, Milliseconds::zero(), longestRetryAfter);
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,117 @@
+// With resilience: which request of an entry is next, and how it is sent. Entered by the user's
+// threads, the timer's and the I/O thread, under the lock.
+#include "ResilientRecords.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+#include <new>
+
+namespace orvx::serviceregistryclient {
+
+/// A change that asks for a request makes it due at once.
+void OrvServiceRegistryClient::ResilientUpkeep::wantedHasChangedLocked(Entry& entry) {
+    const Request next = nextRequest(entry);
+    if (entry.out == Request::None && (next == Request::Put || next == Request::Delete)) {
+        planLocked(entry, std::max(now(), entry.notBefore));
+    }
+    reconcileLocked(entry);
+    try {
+        armLocked();
+    } catch (const std::bad_alloc&) {
+        // The answer to the request that is out, or the next call, does it.
+    }
+}
+
+/// Sends what is next if it is due. `reason` is the answer that led here.
+void OrvServiceRegistryClient::ResilientUpkeep::reconcileLocked(Entry& entry,
+                                                                const HttpResponse* reason) {
+    if (entry.out == Request::Put || entry.out == Request::Delete) {
+        return;
+    }
+    removeWithdrawnLocked(entry, reason);
+    const Request next = nextRequest(entry);
+    if (entry.members.empty() && next == Request::None) {
+        eraseLocked(entry);
+        return;
+    }
+    if (entry.out == Request::Head) {
+        if (next == Request::Head) {
+            return;
+        }
+        entry.out = Request::None;  // its answer comes too late
+        planLocked(entry, std::max(now(), entry.notBefore));
+    }
+    if (next == Request::None) {
+        planLocked(entry, never);
+    } else if (entry.due->first <= now()) {
+        try {
+            sendLocked(entry, next);
+        } catch (const std::bad_alloc&) {
+            planLocked(entry, now() + Milliseconds(10));
+        }
+    }
+}
+
+OrvServiceRegistryClient::ResilientUpkeep::Request
+OrvServiceRegistryClient::ResilientUpkeep::nextRequest(const Entry& entry) const {
+    const Member* const latest = wanted(entry);
+    if (latest == nullptr) {
+        return entry.known == Known::Present   ? Request::Delete
+               : entry.known == Known::Unknown ? Request::Put
+                                               : Request::None;
+    }
+    if (entry.known != Known::Present || entry.held != latest->first) {
+        return Request::Put;
+    }
+    return client_.context.isCheckEnabled() ? Request::Head : Request::None;
+}
+
+/// The latest registration that is not withdrawn; null when there is none.
+OrvServiceRegistryClient::ResilientUpkeep::Member*
+OrvServiceRegistryClient::ResilientUpkeep::wanted(const Entry& entry) {
+    const auto latest =
+        std::find_if(entry.members.rbegin(), entry.members.rend(),
+                     [](const Member* member) { return !member->second.withdrawn; });
+    return latest == entry.members.rend() ? nullptr : *latest;
+}
+
+void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request request) {
+    const std::uint32_t number = entry.number + 1;
+    const auto shared = entry.shared_from_this();
+    if (request == Request::Put) {
+        const Member* const latest = wanted(entry);
+        const Member& member = latest != nullptr ? *latest : *entry.members.back();
+        const auto container = member.second.request;
+        client_.usableSessionLocked(*container->serviceInfo)
+            ->sendPutRequestJson(*container->uri, container->body->data(), container->body->size(),
+                                 [this, shared, number, container](const HttpResponse& response) {
+                                     handlePut(shared, number, response);
+                                 });
+        entry.sent = member.first;
+        entry.held = 0;
+    } else if (request == Request::Head) {
+        client_.usableSessionLocked(*entry.endpoint.info)
+            ->sendHeadRequest("/" + entry.uuid,
+                              [this, shared, number](const HttpResponse& response) {
+                                  handleHead(shared, number, response);
+                              });
+    } else {
+        client_.usableSessionLocked(*entry.endpoint.info)
+            ->sendDeleteRequest("/" + entry.uuid, "application/json",
+                                [this, shared, number](const HttpResponse& response) {
+                                    handleDelete(shared, number, response);
+                                });
+        entry.held = 0;
+    }
+    entry.number = number;
+    entry.out = request;
+    for (Member* const member : entry.members) {
+        member->second.facts.requestSent();
+    }
+    planLocked(entry, request == Request::Head
+                          ? now() + std::max(client_.context.getHeadTimeout(), shortestPause)
+                          : never);
+}
+
+}  // namespace orvx::serviceregistryclient

@@ -1,0 +1,105 @@
+// Without resilience: hands what is asked for to the client's own members, and adds the withdrawal
+// at the end. Entered by the user's threads.
+#include "SpecifiedUpkeep.h"
+
+#include "RegistrationTable.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <algorithm>
+
+namespace orvx::serviceregistryclient {
+
+namespace {
+
+/// Between two attempts to withdraw what was refused, or has no entry yet.
+constexpr std::chrono::milliseconds kPause{50};
+
+}  // namespace
+
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::SpecifiedUpkeep::announce(
+    const common::ServiceInfo& registry, const std::shared_ptr<RequestContainer>& request,
+    ResponseCallback callback) {
+    UnregisterHandle handle;
+    const std::uint64_t id =
+        client_.storeRegistration(registry, request, std::move(callback), handle);
+    client_.sendPutRequest(id, request);
+    return handle;
+}
+
+void OrvServiceRegistryClient::SpecifiedUpkeep::withdraw(std::uint64_t id,
+                                                         const ResponseCallback& callback) {
+    client_.internal_unregisterFromRegistry(id, callback);
+}
+
+void OrvServiceRegistryClient::SpecifiedUpkeep::tell(std::function<void()> task) {
+    client_.callbackExecutor.add(std::move(task));
+}
+
+void OrvServiceRegistryClient::SpecifiedUpkeep::tellLocked(Tasks tasks) {
+    client_.callbackExecutor.add(std::move(tasks));
+}
+
+std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>
+OrvServiceRegistryClient::SpecifiedUpkeep::descriptions() {
+    return client_.snapshot();
+}
+
+std::vector<RegistrationStatus> OrvServiceRegistryClient::SpecifiedUpkeep::statuses() {
+    std::vector<RegistrationStatus> statuses;
+    const utility::MutexLock lock(client_.mutex);
+    const Clocks clocks = readClocks();
+    for (const auto& [id, record] : *client_.mapRegistryCallback) {
+        statuses.push_back(statusLocked(id, *record->requestContainer, record->facts, clocks));
+    }
+    return statuses;
+}
+
+// The rules refuse to withdraw what has no entry yet: it is asked for again until it has one.
+std::vector<std::string> OrvServiceRegistryClient::SpecifiedUpkeep::withdrawWithin(
+    std::chrono::milliseconds bound) {
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    std::vector<std::string> left;
+    utility::MutexLock lock(client_.mutex);
+    do {
+        std::vector<std::uint64_t> ids;
+        for (const auto& [id, record] : *client_.mapRegistryCallback) {
+            if (!record->state.isUnregistering() &&
+                !record->requestContainer->serviceCreate->getId().empty()) {
+                ids.push_back(id);
+            }
+        }
+        lock.unlock();
+        for (const std::uint64_t id : ids) {
+            client_.internal_unregisterFromRegistry(id, {});
+        }
+        lock.lock();
+        if (client_.mapRegistryCallback->begin() == client_.mapRegistryCallback->end()) {
+            return {};
+        }
+        const auto next = std::chrono::steady_clock::now() + kPause;
+        client_.empty.wait_until(lock.native(), std::min(next, deadline));
+    } while (std::chrono::steady_clock::now() < deadline);
+    for (const auto& [id, record] : *client_.mapRegistryCallback) {
+        left.push_back(record->requestContainer->serviceCreate->getName());
+    }
+    return left;
+}
+
+SyncOrvRegistrationResponse OrvServiceRegistryClient::SpecifiedUpkeep::registerAndWait(
+    const common::ServiceInfo& registry, const std::shared_ptr<common::ServiceCreate>& service) {
+    return client_.registerAndWait(registry, service);
+}
+
+std::pair<bool, OrvServiceRegistryClient::Upkeep::SyncServiceResponses>
+OrvServiceRegistryClient::SpecifiedUpkeep::registerAllAndWait(const common::ServiceInfo& registry,
+                                                              const ServiceSet& services) {
+    return client_.registerAllAndWait(registry, services);
+}
+
+std::pair<bool, OrvServiceRegistryClient::Upkeep::ServiceResponses>
+OrvServiceRegistryClient::SpecifiedUpkeep::withdrawAllAndWait() {
+    return client_.withdrawAllAndWait();
+}
+
+}  // namespace orvx::serviceregistryclient

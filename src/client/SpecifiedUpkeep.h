@@ -1,0 +1,32 @@
+#pragma once
+
+#include "Upkeep.h"
+
+namespace orvx::serviceregistryclient {
+
+/// How registrations are kept when resilience is off: by the members of the client. Their files
+/// stand in the table of OrvServiceRegistryClient.h, from Registration.cpp on.
+class OrvServiceRegistryClient::SpecifiedUpkeep final : public Upkeep {
+  public:
+    explicit SpecifiedUpkeep(OrvServiceRegistryClient& client) : Upkeep(client) {}
+
+    UnregisterHandle announce(const common::ServiceInfo& registry,
+                              const std::shared_ptr<RequestContainer>& request,
+                              ResponseCallback callback) override;
+    void withdraw(std::uint64_t id, const ResponseCallback& callback) override;
+    void start() override {}
+    void stop() override {}
+    void tell(std::function<void()> task) override;
+    void tellLocked(Tasks tasks) override;
+    std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() override;
+    std::vector<RegistrationStatus> statuses() override;
+    std::vector<std::string> withdrawWithin(std::chrono::milliseconds bound) override;
+    SyncOrvRegistrationResponse registerAndWait(
+        const common::ServiceInfo& registry,
+        const std::shared_ptr<common::ServiceCreate>& service) override;
+    std::pair<bool, SyncServiceResponses> registerAllAndWait(const common::ServiceInfo& registry,
+                                                             const ServiceSet& services) override;
+    std::pair<bool, ServiceResponses> withdrawAllAndWait() override;
+};
+
+}  // namespace orvx::serviceregistryclient

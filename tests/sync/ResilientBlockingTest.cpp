@@ -1,0 +1,222 @@
+// With resilience every blocking call ends, on real threads and sockets. Threads: the test's, the
+// client's three, the server's.
+#include "SyncTest.h"
+
+#include "BlockingCall.h"
+#include "HostileServer.h"
+
+#include <algorithm>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::BlockingCall;
+using testing::HostileServer;
+
+std::string answerOf(const Response& response) {
+    return std::string(Response::statusString(response.status)) + "/" +
+           Response::errorCodeString(response.errorCode);
+}
+
+class AResilientCall : public ::testing::Test {
+  protected:
+    AResilientCall() {
+        context.enableResilience(true);
+        context.setLoggerFactory(log);
+        context.enableCheck(false);
+        server.onRequest([](const testing::Request& request) {
+            return testing::response(request.method == "PUT" ? 201 : 200,
+                                     {{"Location", request.target}});
+        });
+    }
+
+    IOrvServiceRegistryClient& client() { return *context.getServiceRegistryClient(); }
+    static ServiceSet named(int count) {
+        ServiceSet services;
+        while (count-- > 0) {
+            services.insert(service("echo-" + std::to_string(count)));
+        }
+        return services;
+    }
+
+    const std::shared_ptr<testing::RecordingLoggerFactory> log =
+        std::make_shared<testing::RecordingLoggerFactory>();
+    HostileServer server;
+    OrvServiceRegistryContext context;
+    const common::ServiceInfo registry{"registry", "127.0.0.1", server.port()};
+};
+
+TEST_F(AResilientCall, OverNoServicesSucceedsAtOnce) {
+    context.init();
+    const auto registered = client().registerServicesAtRegistry(registry, {});
+    EXPECT_TRUE(registered.first);
+    EXPECT_TRUE(registered.second.empty());
+    const auto withdrawn = client().unregisterAllServicesFromRegistry();
+    EXPECT_TRUE(withdrawn.first);
+    EXPECT_TRUE(withdrawn.second.empty());
+}
+
+TEST_F(AResilientCall, MayBeOverMoreServicesThanAByteCounts) {
+    context.init();
+    const auto registered = client().registerServicesAtRegistry(registry, named(300));
+    EXPECT_TRUE(registered.first);
+    EXPECT_EQ(registered.second.size(), 300U);
+    EXPECT_EQ(answerOf(registered.second.begin()->second.unregister()), "OK/NONE");
+    const auto withdrawn = client().unregisterAllServicesFromRegistry();
+    EXPECT_TRUE(withdrawn.first);
+    EXPECT_EQ(withdrawn.second.size(), 299U);
+}
+
+TEST_F(AResilientCall, ThatRegistersEndsWithTheRegistryTimeOut) {
+    context.setSyncCallRegistryTimeout(milliseconds(50));
+    server.stopListening();
+    context.init();
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    EXPECT_EQ(answerOf(result.response), "ERROR/TIMEOUT");
+    EXPECT_EQ(answerOf(result.unregister()), "OK/NONE") << "nothing came into being";
+    const auto results = client().registerServicesAtRegistry(registry, named(2));
+    EXPECT_FALSE(results.first);
+    ASSERT_EQ(results.second.size(), 2U);
+    EXPECT_EQ(answerOf(results.second.begin()->second.response), "ERROR/TIMEOUT");
+}
+
+TEST_F(AResilientCall, ThatWithdrawsEndsWithTheUnregisterTimeOut) {
+    context.setSyncCallUnregisterTimeout(milliseconds(50));
+    context.init();
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    ASSERT_EQ(answerOf(result.response), "OK/NONE");
+    server.onRequest([](const testing::Request&) { return testing::response(503); });
+    EXPECT_EQ(answerOf(result.unregister()), "ERROR/TIMEOUT");
+    const auto all = client().unregisterAllServicesFromRegistry();
+    EXPECT_FALSE(all.first);
+    EXPECT_EQ(answerOf(all.second.begin()->second), "ERROR/TIMEOUT");
+}
+
+TEST_F(AResilientCall, FromACallbackIsAnsweredAtOnceAndLogged) {
+    context.setSyncCallRegistryTimeout(milliseconds(0));
+    context.setSyncCallUnregisterTimeout(milliseconds(0));
+    context.init();
+    std::promise<std::vector<std::string>> answers;
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    client().registerServiceAtRegistry(registry, service("other"), [&](const Response&) {
+        const auto set = client().registerServicesAtRegistry(registry, named(1));
+        const auto all = client().unregisterAllServicesFromRegistry();
+        answers.set_value(
+            {answerOf(client().registerServiceAtRegistry(registry, service("x")).response),
+             answerOf(set.second.begin()->second.response), answerOf(all.second.begin()->second),
+             answerOf(result.unregister())});
+    });
+    for (const std::string& answer : answers.get_future().get()) {
+        EXPECT_EQ(answer, "ERROR/OTHER");
+    }
+    const auto lines = log->takeLines();
+    EXPECT_EQ(
+        std::count(lines.begin(), lines.end(),
+                   testing::error("A blocking call from a callback or listener would wait for "
+                                  "itself.")),
+        4);
+}
+
+TEST_F(AResilientCall, EndsWhenTheClientIsStopped) {
+    context.setSyncCallRegistryTimeout(milliseconds(0));
+    server.stopListening();
+    context.init();
+    auto& stopped = dynamic_cast<OrvServiceRegistryClient&>(client());
+    BlockingCall<std::string> one([&] {
+        return answerOf(client().registerServiceAtRegistry(registry, service("echo")).response);
+    });
+    BlockingCall<bool> many(
+        [&] { return client().registerServicesAtRegistry(registry, named(3)).first; });
+    ASSERT_TRUE(one.isWaiting());
+    ASSERT_TRUE(many.isWaiting());
+    stopped.deinit();
+    EXPECT_EQ(one.get(), "ERROR/DELEGATOR_NOT_INITIATED");
+    EXPECT_FALSE(many.get());
+    EXPECT_EQ(answerOf(client().registerServiceAtRegistry(registry, service("echo")).response),
+              "ERROR/DELEGATOR_NOT_INITIATED");
+}
+
+TEST_F(AResilientCall, MayWithdrawWhenTheClientIsGone) {
+    context.init();
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    context.deinit();
+    EXPECT_EQ(answerOf(result.unregister()), "ERROR/DELEGATOR_NOT_INITIATED");
+}
+
+/// With both sets of rules.
+class WithdrawalAtTheEnd : public AResilientCall, public ::testing::WithParamInterface<bool> {
+  protected:
+    WithdrawalAtTheEnd() { context.enableResilience(GetParam()); }
+
+    std::size_t deletes() const {
+        const auto requests = server.requests();
+        return static_cast<std::size_t>(
+            std::count_if(requests.begin(), requests.end(),
+                          [](const auto& request) { return request.method == "DELETE"; }));
+    }
+    std::vector<std::string> warnings() {
+        std::vector<std::string> texts;
+        for (const auto& line : log->takeLines()) {
+            if (line.text.find("not withdrawn") == 0) {
+                texts.push_back(line.text);
+            }
+        }
+        return texts;
+    }
+};
+
+TEST_P(WithdrawalAtTheEnd, IsNotMadeByDefault) {
+    context.init();
+    client().registerServicesAtRegistry(registry, named(3));
+    context.deinit();
+    EXPECT_EQ(deletes(), 0U);
+}
+
+TEST_P(WithdrawalAtTheEnd, WithdrawsEverythingByDeinit) {
+    context.setWithdrawAtDeinit(std::chrono::seconds(10));
+    context.init();
+    client().registerServicesAtRegistry(registry, named(20));
+    context.deinit();
+    EXPECT_EQ(deletes(), 20U);
+    EXPECT_TRUE(warnings().empty());
+}
+
+TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
+    server.nextRequest(testing::Script().waitForRelease("go").send(
+        testing::response(201, {{"Location", "/abc"}})));
+    {
+        OrvServiceRegistryContext own;
+        own.enableResilience(GetParam());
+        own.setLoggerFactory(log);
+        own.setWithdrawAtDeinit(std::chrono::seconds(10));
+        own.init();
+        own.getServiceRegistryClient()->registerServiceAtRegistry(registry, service("echo"), {});
+        ASSERT_TRUE(server.waitForRequests(1));
+        server.release("go");
+    }
+    EXPECT_EQ(deletes(), 1U);
+}
+
+TEST_P(WithdrawalAtTheEnd, NamesWhatCouldNotBeWithdrawnInTime) {
+    context.setWithdrawAtDeinit(milliseconds(100));
+    context.init();
+    client().registerServicesAtRegistry(registry, named(2));
+    server.onRequest([](const testing::Request&) { return testing::response(503); });
+    context.deinit();
+    const auto texts = warnings();
+    ASSERT_EQ(texts.size(), 2U);
+    EXPECT_EQ(texts[0].find("not withdrawn within 100 ms: echo-"), 0U);
+}
+
+TEST_P(WithdrawalAtTheEnd, TakesNoTimeWithoutServices) {
+    context.setWithdrawAtDeinit(std::chrono::hours(1));
+    context.init();
+    context.deinit();
+}
+
+INSTANTIATE_TEST_SUITE_P(Rules, WithdrawalAtTheEnd, ::testing::Bool(),
+                         [](const auto& rules) { return rules.param ? "Resilient" : "Specified"; });
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient

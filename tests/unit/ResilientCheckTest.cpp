@@ -1,0 +1,196 @@
+// With resilience each entry is checked by itself, as long as its service is announced.
+#include "ResilientTest.h"
+
+#include <orvx/simulation/Registry.h>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Le;
+
+class AnIndependentCheck : public ResilientTest {
+  protected:
+    void checkIsAnswered(int status) {
+        waitFor("HEAD");
+        answer(status);
+    }
+};
+
+TEST_F(AnIndependentCheck, IsFirstMadeWithinTheIntervalAndThenAfterEach) {
+    start();
+    registered("echo", "abc");
+    EXPECT_THAT(waitFor("HEAD"), Le(Seconds(10)));
+    answer(200);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(waitFor("HEAD"), Seconds(10));
+        answer(200);
+    }
+    EXPECT_EQ(status().lastConfirmed, status().nextAttempt.value() - Seconds(10));
+}
+
+TEST_F(AnIndependentCheck, IsNeverMadeWhenDisabled) {
+    context.enableCheck(false);
+    start();
+    registered("echo", "abc");
+    expectNothingFor(std::chrono::hours(1));
+}
+
+TEST_F(AnIndependentCheck, ThatTimesOutIsGivenUpAloneAndMadeAgainAfterTheInterval) {
+    start();
+    registered("echo", "abc");
+    waitFor("HEAD");
+    const auto head = *last;
+    world.advance(Milliseconds(3000));
+    world.settle();
+    EXPECT_TRUE(head.isOutstanding()) << "the request ends with its own time-out";
+    EXPECT_EQ(state(), "unreachable");
+    EXPECT_EQ(status().lastFailure->communicationStatus, CommunicationStatus::TimedOut);
+    EXPECT_EQ(waitFor("HEAD"), Seconds(10));
+    answer(200);
+    EXPECT_EQ(state(), "announced");
+    EXPECT_THAT(takeEvents(), ElementsAre(Event{"announced", "echo", "announced"},
+                                          Event{"unreachable", "echo", "unreachable"},
+                                          Event{"reachable", "echo", "announced"}));
+}
+
+TEST_F(AnIndependentCheck, IgnoresALateAnswer) {
+    start();
+    registered("echo", "abc");
+    waitFor("HEAD");
+    auto head = *last;
+    world.advance(Milliseconds(3000));
+    head.answer(404);
+    world.settle();
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_EQ(waitFor("HEAD"), Seconds(10));
+}
+
+TEST_F(AnIndependentCheck, DoesNotEndWithTheTimeOutOfAnother) {
+    start();
+    registered("echo", "abc");
+    registered("time", "def");
+    waitFor("HEAD");
+    const std::string silent = last->path();
+    int answered = 0;
+    for (const Milliseconds end = world.now() + Seconds(100); world.now() < end;) {
+        waitFor("HEAD", Seconds(20));
+        if (last->path() != silent) {
+            answer(200);
+            ++answered;
+        }
+    }
+    EXPECT_GE(answered, 9);
+}
+
+TEST_F(AnIndependentCheck, FindsALossAndAnnouncesAgainAtOnce) {
+    start();
+    client().addServiceRegisterStatusListener(listen());
+    registered("echo", "abc");
+    checkIsAnswered(404);
+    EXPECT_EQ(state(), "lost");
+    EXPECT_EQ(status().uuid, "");
+    EXPECT_EQ(expect("PUT", "/echo", 201, "def"), Milliseconds(0));
+    EXPECT_EQ(state(), "announced");
+    EXPECT_EQ(status().uuid, "def");
+    EXPECT_THAT(takeNotifications(),
+                ElementsAre(Notification{"echo", "abc", true}, Notification{"echo", "", false},
+                            Notification{"echo", "def", true}));
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
+}
+
+TEST_F(AnIndependentCheck, TakesNothingButNotFoundAndGoneForALoss) {
+    start();
+    registered("echo", "abc");
+    for (const int status : {500, 503, 403, 301}) {
+        checkIsAnswered(status);
+        EXPECT_EQ(state(), "unreachable");
+        EXPECT_EQ(this->status().lastFailure->httpStatus, status);
+    }
+    checkIsAnswered(200);
+    EXPECT_EQ(state(), "announced");
+    checkIsAnswered(410);
+    EXPECT_EQ(state(), "lost");
+}
+
+TEST_F(AnIndependentCheck, GoesOnAfterARegistrationThatFailedAgain) {
+    start();
+    registered("echo", "abc");
+    checkIsAnswered(404);
+    waitFor("PUT");
+    fail(CommunicationStatus::ConnectFailed);
+    Milliseconds step(500);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_THAT(waitFor("PUT"), ::testing::AllOf(::testing::Ge(step / 2), Le(step)));
+        fail(CommunicationStatus::ReceiveFailed);
+        step *= 2;
+    }
+    waitFor("PUT");
+    answer(403);
+    EXPECT_EQ(state(), "lost") << "what was announced is never given up";
+    EXPECT_EQ(expect("PUT", "/echo", 201, "def"), Seconds(10));
+    checkIsAnswered(200);
+}
+
+/// Many services at a registry that answers by itself.
+class ALostRegistry : public ResilientTest {
+  protected:
+    static constexpr std::size_t kServices = 1000;
+
+    void announceAll() {
+        for (std::size_t i = 0; i < kServices; ++i) {
+            client().registerServiceAtRegistry(registry, service(std::to_string(i)), {});
+        }
+        entries.advance(Seconds(25));
+        ASSERT_EQ(entries.entries(), kServices);
+    }
+    Milliseconds timeUntilAllAreBack() {
+        const Milliseconds begin = world.now();
+        while (entries.entries() < kServices && world.now() - begin < Seconds(60)) {
+            entries.advance(Milliseconds(1));
+        }
+        return world.now() - begin;
+    }
+
+    simulation::Registry entries{world};
+};
+
+TEST_F(ALostRegistry, HasAThousandServicesBackWithinThreeSeconds) {
+    start();
+    announceAll();
+    for (int round = 0; round < 5; ++round) {
+        entries.forgetAll();
+        EXPECT_THAT(timeUntilAllAreBack(), Le(Seconds(3)));
+    }
+}
+
+TEST_F(ALostRegistry, ThatWasAwayHasThemBackWithinThreeSecondsOfItsFirstAnswer) {
+    start();
+    announceAll();
+    entries.fails(HttpResponse(CommunicationStatus::ConnectFailed));
+    entries.advance(Seconds(60));
+    entries.forgetAll();
+    entries.works();
+    EXPECT_THAT(timeUntilAllAreBack(), Le(Seconds(3)));
+}
+
+TEST_F(ALostRegistry, IsNotAskedMoreOftenByANetworkThatLosesAnswers) {
+    start();
+    announceAll();
+    const std::uint64_t before = access().statistics()->snapshot().completed;
+    const Milliseconds begin = world.now();
+    while (world.now() - begin < Seconds(100)) {
+        entries.fails(HttpResponse(CommunicationStatus::ReceiveFailed));
+        entries.advance(Milliseconds(2));
+        entries.works();
+        entries.advance(Milliseconds(98));
+    }
+    const std::uint64_t asked = access().statistics()->snapshot().completed - before;
+    EXPECT_LE(asked, 21 * kServices) << "one regular check and one further one in an interval";
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
