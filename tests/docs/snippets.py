@@ -3,7 +3,7 @@
 usage: snippets.py OUTPUT EXAMPLES_FOLDER PAGE
 
 A block that is the text of an example is left to the tests of the examples. The first other one is the
-page's program. Each further block is pasted into it: where it says "// <options>" when it has to do with
+page's program. Each further block is pasted into it: where it says "// <options>" when it sets an option of
 the context, which takes options before init() only, and where it says "// <operations>" otherwise. So
 the compiler sees nothing but what the page shows. One thing is replaced: the port at which a registry
 listens by default, by that of the registry of the test.
@@ -25,7 +25,7 @@ if not MAIN.search(frame):
 
 
 def pasted(snippet):
-    place = OPTIONS if OPTIONS in frame and re.search(r"\bcontext\b", snippet) else OPERATIONS
+    place = OPTIONS if OPTIONS in frame and re.search(r"\bcontext[.](set|enable)", snippet) else OPERATIONS
     if place not in frame:
         sys.exit(f"{page}: the first program has no place for\n{snippet}")
     return frame.replace(place, snippet)

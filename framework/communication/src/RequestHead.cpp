@@ -37,6 +37,16 @@ bool isReadByProxy(const EndpointSettings& settings) {
     return !settings.proxy.host.empty() && !settings.config.tls.enabled;
 }
 
+/// The value of Host: as in a URL, where the scheme's own port is left out.
+std::string_view hostOf(const EndpointSettings& settings) {
+    const bool isTls = settings.config.tls.enabled;
+    std::string_view host = settings.origin.authority;
+    if (settings.origin.port == (isTls ? 443 : 80)) {
+        host.remove_suffix(isTls ? 4 : 3);  // ":443", ":80"
+    }
+    return host;
+}
+
 }  // namespace
 
 const std::string& RequestHeads::make(const Request& request) {
@@ -73,7 +83,7 @@ const std::string& RequestHeads::linesOf(const Request& request) {
         entries_.clear();
     }
     std::string lines;
-    appendLine(lines, "Host", settings.origin.authority);
+    appendLine(lines, "Host", hostOf(settings));
     appendLineUnlessEmpty(lines, "User-Agent", config.userAgent);
     appendLineUnlessEmpty(lines, "Proxy-Authorization", proxyAuthorization_);
     appendLineUnlessEmpty(lines, "Authorization", authorization_);
