@@ -221,8 +221,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         ORVX_EXCLUDES(mutex);
     void deleteRegistryEntriesAndNotifyListener(std::uint64_t id, Callbacks& callbacks)
         ORVX_EXCLUDES(mutex);
-    void noteRefusalLocked(std::uint64_t id, RegistrationData& record,
-                           const communication::HttpResponse& response) ORVX_REQUIRES(mutex);
+    void recordRefusal(std::uint64_t id, const communication::HttpResponse& response,
+                       Callbacks& callbacks) ORVX_EXCLUDES(mutex);
     static bool isUnregistering(const RegistrationState& state);
 
     // CallbackDispatch.cpp

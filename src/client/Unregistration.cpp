@@ -109,27 +109,26 @@ void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpRespon
     if (!response.getBody().empty()) {
         logger->logWarning(false) << "error message from service registry=" << response.getBody();
     }
-    {
-        const utility::MutexLock lock(mutex);
-        const auto record = mapRegistryCallback->find(id);
-        if (!record) {
-            logger->logError(false)
-                << "handleDeleteResponse called but id not found in mapRegistryCallback. id=" << id;
-            return;
-        }
-        noteRefusalLocked(id, *record, response);
-        callbacks = RegistrationData::take(record->unregisterCallbacks);
-        record->state = REGISTERED;
-    }
+    whenThereIsMemory([&] { recordRefusal(id, response, callbacks); });
     callCallbacks(std::move(callbacks), OrvRegistrationResponse::ERROR,
                   OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, std::move(response));
 }
 
-void OrvServiceRegistryClient::noteRefusalLocked(std::uint64_t id, RegistrationData& record,
-                                                 const HttpResponse& response) {
-    upkeep->failLocked(id, *record.requestContainer, record.facts,
+/// Moves the callbacks that wait for the withdrawal to `callbacks`.
+void OrvServiceRegistryClient::recordRefusal(std::uint64_t id, const HttpResponse& response,
+                                             Callbacks& callbacks) {
+    const utility::MutexLock lock(mutex);
+    const auto record = mapRegistryCallback->find(id);
+    if (!record) {
+        logger->logError(false)
+            << "handleDeleteResponse called but id not found in mapRegistryCallback. id=" << id;
+        return;
+    }
+    upkeep->failLocked(id, *record->requestContainer, record->facts,
                        RegistrationFacts::failureOf("DELETE", response, timer.now()));
-    record.facts.enter(RegistrationStatus::State::Announced, timer.now());
+    record->facts.enter(RegistrationStatus::State::Announced, timer.now());
+    callbacks = RegistrationData::take(record->unregisterCallbacks);
+    record->state = REGISTERED;
 }
 
 // An id that is gone already was removed with another id of its registration, which told everybody.
