@@ -24,6 +24,9 @@ using boost::beast::string_view;
 constexpr std::size_t kMostHeaderBytes = 300 * 1024;
 // Of a chunk's size with its extensions, or of the trailers, which nobody reads.
 constexpr std::size_t kMostFraming = 4096;
+// Of all chunks' lines together: so much, and so much more for each byte of the body.
+constexpr std::size_t kFramingAtFirst = 64 * 1024;
+constexpr std::size_t kFramingForAByte = 16;
 
 bool isDecimal(std::string_view text) {
     return !text.empty() &&
@@ -154,6 +157,7 @@ void AnswerReader::begin(Answer& answer, const Limits& limits) {
     limits_ = limits;
     limits_.headerBytes = std::min(limits_.headerBytes, kMostHeaderBytes);
     headerBytes_ = 0;
+    framingBytes_ = 0;
     hasBegun_ = false;
     restart();
 }
@@ -175,10 +179,15 @@ AnswerReader::Progress AnswerReader::take(ReadBuffer& bytes) {
         const bool isInHeader = !parser->is_header_done();
         const std::string_view input = bytes.view();
         parser->setInput(input);
+        const std::size_t bodyBefore = answer_->body.size();
         error_code error;
         const std::size_t consumed = parser->put({input.data(), input.size()}, error);
         bytes.consume(consumed);
         headerBytes_ += isInHeader ? consumed : 0;
+        framingBytes_ += isInHeader ? 0 : consumed - (answer_->body.size() - bodyBefore);
+        if (framingBytes_ > kFramingAtFirst + kFramingForAByte * answer_->body.size()) {
+            return refuse(CommunicationStatus::TooLarge);
+        }
         const std::size_t held = input.size() - consumed;
         const bool isMoreNeeded = error == http::error::need_more;
         if (isInHeader &&

@@ -52,7 +52,8 @@ class AnswerReader {
     std::unique_ptr<Parser> parser_;
     Answer* answer_ = nullptr;
     Limits limits_{};
-    std::size_t headerBytes_ = 0;  // Of all answers, the interim ones too, as far as consumed.
+    std::size_t headerBytes_ = 0;   // Of all answers, the interim ones too, as far as consumed.
+    std::size_t framingBytes_ = 0;  // Of the body's chunks, without what they carry.
     bool hasBegun_ = false;
     bool hasCode_ = false;
     CommunicationStatus refusal_ = CommunicationStatus::Ok;

@@ -83,15 +83,20 @@ void Connector::startAttempts() {
 
 bool Connector::startAttempt(const Address& address) {
     const int family = address.storage.ss_family;
+    attempts_.emplace_back(io_, address);
+    Attempt& attempt = attempts_.back();
     const int descriptor = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (descriptor < 0) {
         ++failedAttempts_;
         return false;
     }
     error_code error;
-    attempts_.emplace_back(io_, address);
-    Attempt& attempt = attempts_.back();
-    attempt.socket.assign(asio::generic::stream_protocol(family, 0), descriptor, error);
+    try {
+        attempt.socket.assign(asio::generic::stream_protocol(family, 0), descriptor, error);
+    } catch (...) {
+        ::close(descriptor);
+        throw;
+    }
     if (error) {
         ::close(descriptor);
         ++failedAttempts_;

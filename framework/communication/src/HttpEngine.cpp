@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <exception>
 #include <new>
 #include <thread>
@@ -57,6 +58,14 @@ HttpResponse responseTo(Request& request) {
             std::move(request.answer.headerLines), std::move(request.answer.body)};
 }
 
+int makeEvent() {
+    const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (descriptor < 0) {
+        throw boost::system::system_error(errno, boost::system::system_category(), "eventfd");
+    }
+    return descriptor;
+}
+
 }  // namespace
 
 /// What the thread waits in. Nobody else touches it but for the wake-up.
@@ -65,7 +74,7 @@ struct HttpEngine::Loop {
     Loop(RequestQueue& done, const utility::StreamingLogger& logger)
         : io(BOOST_ASIO_CONCURRENCY_HINT_UNSAFE),
           event(io),
-          wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+          wakeUp(makeEvent()),
           resolver(wakeUp),
           context{io, resolver, logger, done} {
         event.assign(wakeUp.descriptor());

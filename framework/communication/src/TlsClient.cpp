@@ -47,8 +47,9 @@ std::string contentOf(const std::string& path) {
 // The process may end while an I/O thread still runs, that of a client in a static object: OpenSSL
 // must not be gone then. Whoever uses it first decides.
 void setUpOpenssl() {
-    static const bool isSetUp = OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
-    static_cast<void>(isSetUp);
+    if (OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1) {
+        throw std::bad_alloc();
+    }
 }
 
 bool isAddress(const std::string& host) {
@@ -193,14 +194,19 @@ void TlsClient::prepare(SSL& ssl) {
     }
 }
 
+void TlsClient::leave(SSL& ssl) noexcept {
+    SSL_set_ex_data(&ssl, indexOfClient(), nullptr);
+}
+
 int TlsClient::onNewSession(SSL* ssl, SSL_SESSION* session) noexcept {
-    auto& self = *static_cast<TlsClient*>(SSL_get_ex_data(ssl, indexOfClient()));
+    auto* const self = static_cast<TlsClient*>(SSL_get_ex_data(ssl, indexOfClient()));
     // One that was verified with other files must not be resumed.
-    if (!self.context_ || SSL_get_SSL_CTX(ssl) != self.context_->native_handle()) {
+    if (self == nullptr || !self->context_ ||
+        SSL_get_SSL_CTX(ssl) != self->context_->native_handle()) {
         return 0;
     }
     try {
-        auto& sessions = self.sessions_;
+        auto& sessions = self->sessions_;
         const bool isSingleUse = SSL_SESSION_get_protocol_version(session) == TLS1_3_VERSION;
         if (sessions.size() == kMostSessions || (!isSingleUse && !sessions.empty())) {
             sessions.erase(sessions.begin());

@@ -29,6 +29,9 @@ class TlsClient {
     std::shared_ptr<boost::asio::ssl::context> context();
     /// Sets a connection up: whom to verify, whom to ask for, the session to resume.
     void prepare(SSL& ssl);
+    /// The connection may outlive this object from here on. Sessions that it still gets are
+    /// dropped.
+    static void leave(SSL& ssl) noexcept;
     /// In words, what made a handshake fail.
     static std::string whatFailed(const SSL& ssl, const boost::system::error_code& error);
 

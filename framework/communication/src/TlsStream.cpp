@@ -4,6 +4,8 @@
 
 #include "TlsStream.h"
 
+#include "TlsClient.h"
+
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/ssl/error.hpp>
@@ -123,7 +125,9 @@ void TlsStream::onWritten(const error_code& error, std::size_t count) {
     listener_->onWritten();
 }
 
+// A read that has ended already may still be handled afterwards.
 void TlsStream::close() noexcept {
+    TlsClient::leave(*stream_.native_handle());
     listener_ = nullptr;
     handshakeHandler_ = nullptr;
     error_code ignored;

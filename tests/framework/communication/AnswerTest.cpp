@@ -221,6 +221,26 @@ TEST_F(AnAnswer, IsTooLargeIfItsBodyExceedsItsCap) {
                 failsWith(CommunicationStatus::TooLarge));
 }
 
+// Each within the bound of its own line, all together without end: that kept the I/O thread busy.
+TEST_F(AnAnswer, IsTooLargeIfTheExtensionsOfItsChunksAreEndless) {
+    const std::string chunk = "1;" + std::string(3000, 'x') + "\r\na\r\n";
+    EXPECT_THAT(toScript(Script()
+                             .send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")
+                             .sendEndlessly(chunk)),
+                failsWith(CommunicationStatus::TooLarge));
+}
+
+TEST_F(AnAnswer, MayHaveManySmallChunks) {
+    std::string body;
+    for (int i = 0; i < 20000; ++i) {
+        body += "1;a=b\r\nx\r\n";
+    }
+    EXPECT_EQ(to("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + body + "0\r\n\r\n")
+                  .getBody()
+                  .size(),
+              20000U);
+}
+
 TEST_F(AnAnswer, IsTooLargeAsSoonAsItAnnouncesTooMuch) {
     for (const char* const length : {"1048577", "99999999999999999999999"}) {
         EXPECT_THAT(toScript(Script()

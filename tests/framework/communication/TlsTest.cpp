@@ -96,6 +96,23 @@ TEST_F(Tls, ResumesNoSessionThatOtherAuthoritiesVerified) {
     EXPECT_THAT(server.resumed(), ElementsAre(false));
 }
 
+// A session that came with the last answer was kept by what the stop had destroyed before.
+TEST_F(Tls, MayBeStoppedWhileAnAnswerAndItsSessionsCome) {
+    const TlsServer server({}, [](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, kAnswer);
+    });
+    for (std::size_t round = 1; round <= 100; ++round) {
+        Outcome ignored;
+        sessionWith(server)->sendDeleteRequest("/", "", ignored.handler());
+        while (server.resumed().size() < round) {
+            std::this_thread::yield();
+        }
+        context_.deinit();
+        context_.init();
+    }
+}
+
 TEST_F(Tls, SaysInWordsWhatFailed) {
     TlsServer::Options expired;
     expired.validFrom = -7200;
