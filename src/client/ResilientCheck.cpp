@@ -45,10 +45,12 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr
                     Upkeep::succeedLocked(member->first, *member->second.request,
                                           member->second.facts);
                 }
+                due += checkInterval();
             } else {
                 failLocked(*entry, "HEAD", response);
+                due = dueAfterNoAnswerLocked(*entry);
             }
-            due = std::max(due + checkInterval(), entry->notBefore);
+            due = std::max(due, entry->notBefore);
         }
         entry->out = Request::None;
         planLocked(*entry, due);
@@ -56,13 +58,19 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr
     });
 }
 
-/// The request goes on until its own time-out; its answer is too late for this check.
+/// Its answer, if there is one yet, is too late for this check.
 void OrvServiceRegistryClient::ResilientUpkeep::giveUpHeadLocked(Entry& entry) {
     const HttpResponse silence(CommunicationStatus::TimedOut);
     failLocked(entry, "HEAD", silence);
     entry.endpoint.isAnswering = false;
     entry.out = Request::None;
-    planLocked(entry, now() + checkInterval());
+    planLocked(entry, dueAfterNoAnswerLocked(entry));
+}
+
+std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::dueAfterNoAnswerLocked(
+    const Entry& entry) const {
+    return now() + (entry.isToLookAgain ? randomPartOf(std::min(shortestSpread, checkInterval()))
+                                        : checkInterval());
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::markLostLocked(Entry& entry) {
@@ -109,7 +117,9 @@ void OrvServiceRegistryClient::ResilientUpkeep::noteAnswerLocked(Entry& entry,
     }
 }
 
-/// Makes every entry due within the spread of the registry's entries.
+/// Makes every entry due within the spread of the registry's entries. Looks that follow each other
+/// within an interval come less and less often: the registry keeps nothing, or it answers before it
+/// knows what it was told.
 void OrvServiceRegistryClient::ResilientUpkeep::lookAtAllLocked(Endpoint& endpoint,
                                                                 const Entry* except) {
     const Milliseconds time = now();
@@ -118,10 +128,16 @@ void OrvServiceRegistryClient::ResilientUpkeep::lookAtAllLocked(Endpoint& endpoi
     }
     const Milliseconds spread = std::max(
         shortestSpread, spreadPerEntry * static_cast<Milliseconds::rep>(endpoint.byPath.size()));
-    endpoint.lookingUntil = time + spread;
+    const bool isFirst = time - checkInterval() >= endpoint.lookingUntil;
+    endpoint.lookingPause = isFirst ? Milliseconds::zero()
+                                    : std::clamp(2 * endpoint.lookingPause, shortestSpread,
+                                                 std::max(shortestSpread, checkInterval()));
+    endpoint.lookingUntil = time + spread + endpoint.lookingPause;
     const auto look = [&](Entry& entry) {
         lockIsHeld();
-        if (&entry != except && entry.out == Request::None) {
+        if (entry.out == Request::Head) {
+            entry.isToLookAgain = true;
+        } else if (&entry != except && entry.out == Request::None) {
             const Milliseconds soon = std::max(time + randomPartOf(spread), entry.notBefore);
             planLocked(entry, std::min(entry.due->first, soon));
         }
@@ -132,6 +148,10 @@ void OrvServiceRegistryClient::ResilientUpkeep::lookAtAllLocked(Endpoint& endpoi
     for (const auto& entry : endpoint.byUuid) {
         look(*entry);
     }
+}
+
+std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::headTimeout() const {
+    return std::max(client_.context.getHeadTimeout(), shortestPause);
 }
 
 /// As far as the clock can say.

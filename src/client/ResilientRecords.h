@@ -53,6 +53,9 @@ struct OrvServiceRegistryClient::ResilientUpkeep::Entry : std::enable_shared_fro
     Request out = Request::None;
     /// Other paths lead here too.
     bool isMerged = false;
+    /// All entries were looked at while its check was out: where that is not answered, it is looked
+    /// at again soon.
+    bool isToLookAgain = false;
 };
 
 struct OrvServiceRegistryClient::ResilientUpkeep::ByUuid {
@@ -78,6 +81,8 @@ struct OrvServiceRegistryClient::ResilientUpkeep::Endpoint {
     std::set<std::shared_ptr<Entry>, ByUuid> byUuid;
     /// All entries are looked at until then already.
     Milliseconds lookingUntil = Milliseconds::min();
+    /// How long the last look at all holds off the next one, beyond the spread.
+    Milliseconds lookingPause{0};
     /// When all entries were looked at last because it answered again.
     Milliseconds answeringSince = Milliseconds::min();
     bool isAnswering = true;

@@ -92,10 +92,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
         entry.held = 0;
     } else if (request == Request::Head) {
         client_.usableSessionLocked(*entry.endpoint.info)
-            ->sendHeadRequest("/" + entry.uuid,
-                              [this, shared, number](const HttpResponse& response) {
-                                  handleHead(shared, number, response);
-                              });
+            ->sendHeadRequestWithin(headTimeout(), "/" + entry.uuid,
+                                    [this, shared, number](const HttpResponse& response) {
+                                        handleHead(shared, number, response);
+                                    });
+        entry.isToLookAgain = false;
     } else {
         client_.usableSessionLocked(*entry.endpoint.info)
             ->sendDeleteRequest("/" + entry.uuid, "application/json",
@@ -109,9 +110,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
     for (Member* const member : entry.members) {
         member->second.facts.requestSent();
     }
-    planLocked(entry, request == Request::Head
-                          ? now() + std::max(client_.context.getHeadTimeout(), shortestPause)
-                          : never);
+    planLocked(entry, request == Request::Head ? now() + headTimeout() : never);
 }
 
 }  // namespace orvx::serviceregistryclient

@@ -153,7 +153,9 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     void giveUpHeadLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
     void noteAnswerLocked(Entry& entry, const HttpResponse& response) ORVX_REQUIRES(client_.mutex);
     void lookAtAllLocked(Endpoint& endpoint, const Entry* except) ORVX_REQUIRES(client_.mutex);
+    Milliseconds dueAfterNoAnswerLocked(const Entry& entry) const ORVX_REQUIRES(client_.mutex);
     Milliseconds checkInterval() const;
+    Milliseconds headTimeout() const;
     static Milliseconds randomPartOf(Milliseconds duration);
 
     // ResilientWithdrawal.cpp

@@ -57,6 +57,21 @@ TEST_F(AnIndependentCheck, ThatTimesOutIsGivenUpAloneAndMadeAgainAfterTheInterva
                                           Event{"reachable", "echo", "announced"}));
 }
 
+TEST_F(AnIndependentCheck, ThatIsNotAnsweredWhenAnotherFindsALossIsMadeAgainSoon) {
+    context.setHeadTimeout(Seconds(30));
+    start();
+    registered("echo", "abc");
+    registered("time", "def");
+    waitFor("HEAD");
+    auto first = *last;
+    waitFor("HEAD");
+    first.answer(404);
+    world.settle();
+    next("PUT");
+    fail(CommunicationStatus::ReceiveFailed);
+    EXPECT_THAT(waitFor("HEAD"), Le(Seconds(1)));
+}
+
 TEST_F(AnIndependentCheck, IgnoresALateAnswer) {
     start();
     registered("echo", "abc");
@@ -164,6 +179,7 @@ TEST_F(ALostRegistry, HasAThousandServicesBackWithinThreeSeconds) {
     for (int round = 0; round < 5; ++round) {
         entries.forgetAll();
         EXPECT_THAT(timeUntilAllAreBack(), Le(Seconds(3)));
+        entries.advance(Seconds(20));
     }
 }
 
@@ -175,6 +191,25 @@ TEST_F(ALostRegistry, ThatWasAwayHasThemBackWithinThreeSecondsOfItsFirstAnswer) 
     entries.forgetAll();
     entries.works();
     EXPECT_THAT(timeUntilAllAreBack(), Le(Seconds(3)));
+}
+
+// Replicas that answer before they know their entries: without a pause that grows, each look made
+// all entries anew, for ever.
+TEST_F(ALostRegistry, IsAskedNoMoreThanByTheIntervalWhileItKeepsNothing) {
+    start();
+    announceAll();
+    const auto askedIn = [this](Milliseconds duration) {
+        const std::uint64_t before = access().statistics()->snapshot().completed;
+        const Milliseconds end = world.now() + duration;
+        while (world.now() < end) {
+            entries.forgetAll();
+            entries.advance(Milliseconds(50));
+        }
+        return access().statistics()->snapshot().completed - before;
+    };
+    askedIn(Seconds(60));
+    // A PUT and a HEAD of each in half an interval, and in a look at all of them.
+    EXPECT_LE(askedIn(Seconds(100)), 60 * kServices);
 }
 
 TEST_F(ALostRegistry, IsNotAskedMoreOftenByANetworkThatLosesAnswers) {

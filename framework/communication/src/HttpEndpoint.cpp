@@ -1,7 +1,7 @@
-// The queues and the connections of one endpoint. All its requests have the same total time-out, so
-// that each queue is in the order of deadlines, too.
-// Entered by the I/O thread only; there is no lock. A connection that is dropped lives until the
-// next go(), for it may be the one that calls.
+// The queues and the connections of one endpoint. All HEADs have the same total time-out, and so
+// have all other requests: their queues are in the order of deadlines, too. Entered by the I/O
+// thread only; there is no lock. A connection that is dropped lives until the next go(), for it may
+// be the one that calls.
 
 #include "HttpEndpoint.h"
 
@@ -75,9 +75,10 @@ void HttpEndpoint::go(Clock::time_point now) {
 // Looks at all that has a time, and notes the first that is left.
 void HttpEndpoint::expire(Clock::time_point now) {
     nextTime_ = Clock::time_point::max();
-    for (RequestQueue* const queue : {&again_, &heads_, &others_}) {
+    for (RequestQueue* const queue : {&heads_, &others_}) {
         expireWaiting(*queue, now);
     }
+    expireAgain(now);
     for (std::size_t i = connections_.size(); i-- > 0;) {
         Connection& connection = *connections_[i];
         const Request* const request = connection.request();
@@ -113,6 +114,19 @@ void HttpEndpoint::expireWaiting(RequestQueue& queue, Clock::time_point now) {
     }
     if (!queue.isEmpty()) {
         waitUntil(queue.front().deadline);
+    }
+}
+
+// At most one for each connection, in no order.
+void HttpEndpoint::expireAgain(Clock::time_point now) {
+    RequestQueue all = std::move(again_);
+    while (auto request = all.pop()) {
+        if (request->deadline <= now) {
+            end(std::move(request), CommunicationStatus::TimedOut);
+        } else {
+            waitUntil(request->deadline);
+            again_.push(std::move(request));
+        }
     }
 }
 

@@ -64,6 +64,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void waitUntil(Clock::time_point time) { nextTime_ = std::min(nextTime_, time); }
     void expire(Clock::time_point now);
     void expireWaiting(RequestQueue& queue, Clock::time_point now);
+    void expireAgain(Clock::time_point now);
 
     void serve(Connection& connection);
     void serveIdle();

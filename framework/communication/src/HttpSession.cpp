@@ -52,6 +52,11 @@ void HttpSession::sendHeadRequest(std::string uri, ResponseHandler handler) {
     send(make(Request::Kind::Head), uri, std::move(handler));
 }
 
+void HttpSession::sendHeadRequestWithin(std::chrono::milliseconds timeout, std::string uri,
+                                        ResponseHandler handler) {
+    send(make(Request::Kind::Head), uri, std::move(handler), timeout);
+}
+
 void HttpSession::sendDeleteRequest(std::string uri, std::string contentType,
                                     ResponseHandler handler) {
     auto request = make(Request::Kind::Delete);
@@ -72,7 +77,7 @@ std::unique_ptr<Request> HttpSession::make(Request::Kind kind) const {
 }
 
 void HttpSession::send(std::unique_ptr<Request> request, const std::string& path,
-                       ResponseHandler handler) {
+                       ResponseHandler handler, std::chrono::milliseconds timeout) {
     request->target = requestTarget(path);
     if (request->status == CommunicationStatus::Ok && !canBeSent(*request)) {
         request->status = CommunicationStatus::InvalidRequest;
@@ -80,7 +85,7 @@ void HttpSession::send(std::unique_ptr<Request> request, const std::string& path
     request->handler = std::move(handler);
     request->submitted = Clock::now();
     request->deadline =
-        request->submitted + std::min(settings_->config.requestTimeout, kLongestTimeout);
+        request->submitted + std::min({settings_->config.requestTimeout, timeout, kLongestTimeout});
     inbox_->push(std::move(request));
 }
 

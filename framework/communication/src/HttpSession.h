@@ -3,6 +3,7 @@
 #include "Request.h"
 #include "RequestInbox.h"
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -24,10 +25,13 @@ class HttpSession : public IClientHttpSession {
     void sendDeleteRequest(std::string uri, std::string contentType,
                            ResponseHandler handler) override;
     void abandon() override;
+    void sendHeadRequestWithin(std::chrono::milliseconds timeout, std::string uri,
+                               ResponseHandler handler) override;
 
   private:
     std::unique_ptr<Request> make(Request::Kind kind) const;
-    void send(std::unique_ptr<Request> request, const std::string& path, ResponseHandler handler);
+    void send(std::unique_ptr<Request> request, const std::string& path, ResponseHandler handler,
+              std::chrono::milliseconds timeout = std::chrono::milliseconds::max());
 
     const std::shared_ptr<RequestInbox> inbox_;
     const std::shared_ptr<const EndpointSettings> settings_;

@@ -34,6 +34,21 @@ class TheQueue : public HttpTest {
     }
 };
 
+// One that waited for the total time-out held its connection, and in the end all of them.
+TEST_F(TheQueue, IsFreedByAHeadWhoseOwnTimeHasPassed) {
+    server_.onRequest([](const Request& request) {
+        return request.method == "HEAD" ? Script().silence() : Script(response(200));
+    });
+    const SessionPointer connection = session(oneConnection());
+    Outcome out;
+    Outcome waiting;
+    connection->sendHeadRequestWithin(50ms, "/out", out.handler());
+    connection->sendHeadRequestWithin(50ms, "/waiting", waiting.handler());
+    EXPECT_EQ(codeOf(put(connection)), 200);
+    EXPECT_EQ(out.response().getCommunicationStatus(), CommunicationStatus::TimedOut);
+    EXPECT_EQ(waiting.response().getCommunicationStatus(), CommunicationStatus::TimedOut);
+}
+
 TEST_F(TheQueue, SendsInOrderButHeadsFirst) {
     const SessionPointer connection = session(oneConnection());
     server_.nextRequest(Script().waitForRelease("first").send(response(200)));

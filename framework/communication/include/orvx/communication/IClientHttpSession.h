@@ -3,6 +3,7 @@
 #include <orvx/communication/HttpResponse.h>
 #include <orvx/utility/Export.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -50,6 +51,14 @@ class ORVX_EXPORT IClientHttpSession {
     /// Gives up the HEAD that is outstanding longest, if there is one: its handler is called with
     /// Abandoned, unless its answer was on its way already. Other requests are never touched.
     virtual void abandon() = 0;
+
+    /// HEAD, which ends after that time at the latest: its handler is called with TimedOut then, and
+    /// it occupies no connection any more. All HEADs of a session are to be sent with the same time,
+    /// or all without. A session that cannot do so sends it without a bound of its own.
+    virtual void sendHeadRequestWithin(std::chrono::milliseconds /*timeout*/, std::string uri,
+                                       ResponseHandler handler) {
+        sendHeadRequest(std::move(uri), std::move(handler));
+    }
 
     /// PUT of JSON; the content as in sendPutRequest().
     void sendPutRequestJson(std::string path, const char* content, std::uint64_t length,
