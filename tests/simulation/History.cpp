@@ -1,5 +1,5 @@
-// Histories: made from a seed, played on a client and the model, compared after every event, and
-// shortened when they differ. One thread.
+// Histories: made from a seed, played on a client and the model, and compared after every event.
+// One thread.
 #include "History.h"
 
 #include "ClientTestAccess.h"
@@ -23,27 +23,6 @@ using serviceregistryclient::IOrvServiceRegistryClient;
 using serviceregistryclient::OrvRegistrationResponse;
 using serviceregistryclient::OrvServiceRegistryClient;
 using serviceregistryclient::OrvServiceRegistryContext;
-
-/// The generator of the seeds: splitmix64, because the standard's distributions differ by library.
-class Random {
-  public:
-    explicit Random(std::uint64_t seed) : state_(seed) {}
-
-    unsigned below(unsigned limit) {
-        state_ += 0x9e3779b97f4a7c15U;
-        std::uint64_t mixed = state_;
-        mixed = (mixed ^ (mixed >> 30U)) * 0xbf58476d1ce4e5b9U;
-        mixed = (mixed ^ (mixed >> 27U)) * 0x94d049bb133111ebU;
-        return static_cast<unsigned>((mixed ^ (mixed >> 31U)) % limit);
-    }
-    template <typename Value>
-    Value among(std::initializer_list<Value> values) {
-        return values.begin()[below(static_cast<unsigned>(values.size()))];
-    }
-
-  private:
-    std::uint64_t state_;
-};
 
 template <typename Items>
 std::string listOf(const Items& items) {
@@ -357,25 +336,6 @@ History historyOf(std::uint64_t seed, std::size_t events) {
     return history;
 }
 
-std::string textOf(const History& history) {
-    std::ostringstream text;
-    for (const Event& event : history) {
-        text << event.what << event.one << '.' << event.other << ' ';
-    }
-    return text.str();
-}
-
-History historyFrom(const std::string& text) {
-    std::istringstream stream(text);
-    History history;
-    Event event{};
-    char dot = 0;
-    while (stream >> event.what >> event.one >> dot >> event.other) {
-        history.push_back(event);
-    }
-    return history;
-}
-
 std::string play(const Options& options, const History& history) {
     Pair pair(options);
     for (std::size_t i = 0; i < history.size(); ++i) {
@@ -387,22 +347,6 @@ std::string play(const Options& options, const History& history) {
         }
     }
     return "";
-}
-
-History shortened(const Options& options, History history) {
-    for (std::size_t chunk = history.size() / 2; chunk > 0; chunk /= 2) {
-        for (std::size_t at = 0; at + chunk <= history.size();) {
-            History shorter = history;
-            const auto begin = shorter.begin() + static_cast<std::ptrdiff_t>(at);
-            shorter.erase(begin, begin + static_cast<std::ptrdiff_t>(chunk));
-            if (play(options, shorter).empty()) {
-                at += chunk;
-            } else {
-                history = std::move(shorter);
-            }
-        }
-    }
-    return history;
 }
 
 }  // namespace orvx::simulation
