@@ -28,13 +28,13 @@ namespace communication {
 
 QunaConnectionBackoffSequence::QunaConnectionBackoffSequence(std::uint64_t maxDoublings,
                                                              std::uint64_t interval)
-    : doublingsLeft_(maxDoublings), step_(interval), random_(0) {}
+    : doublingsLeft_(maxDoublings), step_(interval), random_(simulation::jitter.below(~0U)) {}
 
 QunaConnectionBackoffSequence::~QunaConnectionBackoffSequence() = default;
 
 std::chrono::milliseconds QunaConnectionBackoffSequence::nextDelay() {
     const std::uint64_t delay =
-        step_ - simulation::jitter.below(static_cast<unsigned>(step_ / 2 + 1));
+        step_ - simulation::Random(random_++).below(static_cast<unsigned>(step_ / 2 + 1));
     if (doublingsLeft_ > 0) {
         --doublingsLeft_;
         step_ *= 2;
