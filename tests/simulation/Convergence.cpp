@@ -375,6 +375,9 @@ class Play {
         ++stops_;
         client().deinit();
         isRunning_ = false;
+        for (const auto& call : calls_) {
+            expect(call->isLate || !call->told.empty(), call->name + " waits over a stop");
+        }
         for (std::size_t i = 0; i < wire_.size(); ++i) {
             if ((which >> (i % 8) & 1U) != 0) {
                 registry_.act(wire_[i], 0);
