@@ -11,6 +11,7 @@
 #include <orvx/utility/Mutex.h>
 
 #include <condition_variable>
+#include <initializer_list>
 #include <string_view>
 
 namespace orvx::testing {
@@ -52,15 +53,23 @@ auto* next() {
     return function;
 }
 
-int lookUpBoth(std::string_view name, const addrinfo* hints, addrinfo** result) {
+/// To these addresses, in this order.
+int lookUpFixed(std::string_view name, std::initializer_list<const char*> addresses,
+                const addrinfo* hints, addrinfo** result) {
     State& s = state();
     {
         MutexLock lock(s.mutex);
         s.lookups.emplace_back(name);
         s.changed.notify_all();
     }
-    const int error = next()("::1", nullptr, hints, result);
-    return error != 0 ? error : next()("127.0.0.1", nullptr, hints, &(*result)->ai_next);
+    for (const char* const address : addresses) {
+        const int error = next()(address, nullptr, hints, result);
+        if (error != 0) {
+            return error;
+        }
+        result = &(*result)->ai_next;
+    }
+    return 0;
 }
 
 int lookUpSilent(std::string_view name) {
@@ -142,7 +151,10 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
         return lookUpUnknown(name);
     }
     if (endsWith(name, ".both.test")) {
-        return lookUpBoth(name, hints, result);
+        return lookUpFixed(name, {"::1", "127.0.0.1"}, hints, result);
+    }
+    if (endsWith(name, ".several.test")) {
+        return lookUpFixed(name, {"127.0.0.2", "127.0.0.1", "::1"}, hints, result);
     }
     return next()(node, service, hints, result);
 }

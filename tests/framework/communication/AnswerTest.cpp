@@ -124,9 +124,40 @@ TEST_F(AnAnswer, IsMalformedIfItsHeadersOrChunksMakeNoSense) {
           "Content-Length:\r\n 2\r\n\r\nab"s, "Content-Length: 2\r\n 2\r\n\r\nab"s,
           "Content-Length: 2\r\n\t\r\n\r\nab"s,
           "Content-Length: 2\r\nContent-Length: 3\r\n\r\nabc"s, "A: \0b\r\n\r\n"s, "\ra\r\n\r\n"s,
-          "a\rb: c\r\n\r\n"s, "Transfer-Encoding: chunked\r\n\r\nzz\r\nabc"s}) {
+          "a\rb: c\r\n\r\n"s, "Transfer-Encoding: chunked\r\n\r\nzz\r\nabc"s,
+          "Transfer-Encoding: gzip\r\n\r\nab"s,
+          "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n"s,
+          "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"s,
+          "Transfer-Encoding: chunked\r\nContent-Length: 2\r\n\r\n0\r\n\r\n"s}) {
         EXPECT_THAT(to("HTTP/1.1 200 OK\r\n" + rest), failsWith(CommunicationStatus::Malformed))
             << rest;
+    }
+}
+
+TEST_F(AnAnswer, IsMalformedIfItHasChunksInTheOldProtocol) {
+    EXPECT_THAT(to("HTTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"),
+                failsWith(CommunicationStatus::Malformed));
+}
+
+TEST_F(AnAnswer, IsMalformedAsSoonAsALineOfItsChunksEndsWithoutACarriageReturn) {
+    for (const char* const chunks : {"2\nab", "2\r\nab\r\n0\r\nA: b\n", "0\r\n\n"}) {
+        EXPECT_THAT(
+            toScript(Script()
+                         .send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"s + chunks)
+                         .silence()),
+            failsWith(CommunicationStatus::Malformed))
+            << chunks;
+    }
+}
+
+TEST_F(AnAnswer, IsTooLargeIfALineOfItsChunksIsEndless) {
+    for (const char* const chunks : {"2;a=", "0\r\nA: "}) {
+        EXPECT_THAT(toScript(Script()
+                                 .send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"s +
+                                       chunks + std::string(8192, 'a'))
+                                 .silence()),
+                    failsWith(CommunicationStatus::TooLarge))
+            << chunks;
     }
 }
 
@@ -207,8 +238,12 @@ TEST_F(AnAnswer, IsTooLargeIfItsHeadersAreEndlessWhateverTheCap) {
 }
 
 TEST_F(AnAnswer, IsTooLargeIfItsInterimOnesAreEndless) {
-    EXPECT_THAT(toScript(Script().sendEndlessly("HTTP/1.1 103 Hints\r\n\r\n")),
-                failsWith(CommunicationStatus::TooLarge));
+    HttpConfig uncapped;
+    uncapped.maxHeaderBytes = ~std::size_t{0};
+    for (const HttpConfig& config : {HttpConfig(), uncapped}) {
+        EXPECT_THAT(toScript(Script().sendEndlessly("HTTP/1.1 103 Hints\r\n\r\n"), config),
+                    failsWith(CommunicationStatus::TooLarge));
+    }
 }
 
 TEST_F(AnAnswer, IsTooLargeIfItsBodyExceedsItsCap) {

@@ -151,6 +151,34 @@ TEST_F(Connecting, TriesTheNextAddressAtOnceWhenOneIsRefused) {
         << "nobody listens at ::1";
 }
 
+TEST_F(Connecting, LetsTheFamiliesTakeTurns) {
+    if (!hasIpv6Loopback()) {
+        GTEST_SKIP() << "This machine has no ::1.";
+    }
+    const DeadResolver resolver;
+    HostileServer newer(Loopback::V6);
+    newer.onRequest([](const Request&) { return response(200); });
+    const Socket older = bindLoopback(Loopback::V4, newer.port());
+    listenOn(older, 1);  // Connections stand, and nobody answers over them.
+    HttpConfig config;
+    config.requestTimeout = 5s;
+    EXPECT_EQ(codeOf(put(session(newer.port(), config, "a.several.test"))), 200)
+        << "127.0.0.2 is refused, then ::1 is due";
+}
+
+TEST_F(Connecting, AsksOnceForANameThatIsNotAnsweredHoweverOftenItIsWaitedFor) {
+    DeadResolver resolver;
+    HttpConfig config;
+    config.connectTimeout = 100ms;
+    const SessionPointer silent = session(80, config, "a.silent.test");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(put(silent).getCommunicationStatus(), CommunicationStatus::TimedOut);
+    }
+    resolver.release();
+    put(session(80, {}, "b.unknown.test"));  // Its look-up comes after all others.
+    EXPECT_THAT(resolver.lookups(), ElementsAre("a.silent.test", "b.unknown.test"));
+}
+
 TEST_F(Connecting, MakesOneConnectionUntilOneStands) {
     HttpConfig config;
     config.tls.enabled = true;

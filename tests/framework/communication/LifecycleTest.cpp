@@ -234,6 +234,20 @@ TEST_F(ACommunicationContext, EndsInsideAHandlerAndCallsNoOtherThatIsDue) {
     EXPECT_EQ(outcomes[0].calls() + outcomes[1].calls(), 1);
 }
 
+TEST_F(ACommunicationContext, EndsInsideAHandlerAndCallsNoOtherThatIsDueInTheSameRound) {
+    const SessionPointer unavailable = context_.getUnavailableSession();
+    std::vector<Outcome> outcomes(2);
+    {
+        const BusyIoThread busy(context_);
+        for (Outcome& outcome : outcomes) {
+            unavailable->sendHeadRequest("/", outcome.handler([this] { context_.deinit(); }));
+        }
+    }
+    EXPECT_TRUE(outcomes[0].waitUntilDestroyed());
+    EXPECT_TRUE(outcomes[1].waitUntilDestroyed());
+    EXPECT_EQ(outcomes[0].calls() + outcomes[1].calls(), 1);
+}
+
 TEST_F(ACommunicationContext, WaitsForTheHandlerInWhichItEnded) {
     std::promise<void> ended;
     Outcome outcome;

@@ -136,6 +136,44 @@ TEST_F(TheQueue, RepeatsARequestOnANewConnectionIfAnIdleOneIsClosed) {
     EXPECT_EQ(server_.counters().connections, 2U);
 }
 
+TEST_F(TheQueue, RepeatsARequestOnANewConnectionThoughAnotherOneIsIdle) {
+    HttpConfig config;
+    config.connectionsPerEndpoint = 2;
+    const SessionPointer two = session(config);
+    server_.onRequest(
+        [](const Request&) { return Script().waitForRelease("both").send(response(200)); });
+    std::vector<Outcome> outcomes(2);
+    for (Outcome& outcome : outcomes) {
+        two->sendPutRequestJson("/", "", 0, outcome.handler());
+    }
+    ASSERT_TRUE(server_.waitForRequests(2));
+    server_.release("both");
+    for (const Outcome& outcome : outcomes) {
+        EXPECT_EQ(outcome.statusCode(), 200);
+    }
+    server_.nextRequest(Script().reset());
+    server_.nextRequest(response(201));
+    EXPECT_EQ(codeOf(put(two)), 201);
+    EXPECT_EQ(server_.counters().connections, 3U);
+}
+
+TEST_F(TheQueue, RepeatsNoRequestOfWhoseAnswerAByteHasCome) {
+    const SessionPointer connection = session(oneConnection());
+    server_.nextRequest(response(200));
+    server_.nextRequest(Script("H").close());
+    put(connection);
+    EXPECT_EQ(put(connection).getCommunicationStatus(), CommunicationStatus::CutShort);
+    EXPECT_EQ(server_.counters().requests, 2U);
+}
+
+TEST_F(TheQueue, DoesNotUseAConnectionThatTheServerMeansToClose) {
+    const SessionPointer connection = session(oneConnection());
+    server_.onRequest([](const Request&) { return response(200, {{"Connection", "close"}}); });
+    put(connection);
+    put(connection);
+    EXPECT_EQ(server_.counters().connections, 2U);
+}
+
 TEST_F(TheQueue, GivesUpIfTheNewConnectionIsClosedToo) {
     const SessionPointer connection = session(oneConnection());
     server_.nextRequest(response(200));

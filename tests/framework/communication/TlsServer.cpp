@@ -45,9 +45,8 @@ Certificate makeCertificate(EVP_PKEY* key, const TlsServer::Options& options) {
                                reinterpret_cast<const unsigned char*>("server"), -1, -1, 0);
     X509_set_issuer_name(made, name);
     X509_set_pubkey(made, key);
-    const std::string alternative = "IP:" + options.address;
     X509_EXTENSION* const extension =
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, alternative.c_str());
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, options.subject.c_str());
     require(extension != nullptr && X509_add_ext(made, extension, -1) == 1);
     X509_EXTENSION_free(extension);
     require(X509_sign(made, key, EVP_sha256()) != 0);
@@ -88,8 +87,14 @@ void TlsServer::setUp(const Options& options) {
     authority_ = ::testing::TempDir() + "orvx-tls-" + std::to_string(::getpid()) + "-" +
                  std::to_string(port_) + ".pem";
     std::FILE* const file = std::fopen(authority_.c_str(), "w");
-    require(file != nullptr && PEM_write_X509(file, certificate.get()) == 1);
+    require(file != nullptr && PEM_write_X509(file, certificate.get()) == 1 &&
+            PEM_write_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1);
     std::fclose(file);
+    if (options.isMutual) {
+        require(SSL_CTX_load_verify_file(context_.get(), authority_.c_str()) == 1);
+        SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
+                           nullptr);
+    }
 }
 
 void TlsServer::serve() {

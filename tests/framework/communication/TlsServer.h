@@ -16,18 +16,18 @@
 namespace orvx::testing {
 
 /// A server that speaks TLS as badly as a test wants: one connection after another on a thread of
-/// its own, with a certificate that it makes for itself, for 127.0.0.1.
+/// its own, with a certificate that it makes for itself.
 class TlsServer {
   public:
     /// What is done on a connection when its handshake is over; then it is closed without a
     /// farewell. Called on the server's thread.
     using Script = std::function<void(SSL&)>;
     struct Options {
-        int version = TLS1_3_VERSION;  ///< The only one.
-        std::string address = "127.0.0.1";
-        long validFrom = -3600;  ///< In seconds from now.
+        int version = TLS1_3_VERSION;          ///< The only one.
+        std::string subject = "IP:127.0.0.1";  ///< As an alternative name of it is written.
+        long validFrom = -3600;                ///< In seconds from now.
         long validUntil = 3600;
-        std::string trustsOnly;  ///< A file of authorities for clients; empty: none is asked.
+        bool isMutual = false;  ///< Clients have to show a certificate: the server's own.
     };
 
     TlsServer(const Options& options, Script script);
@@ -36,7 +36,7 @@ class TlsServer {
     TlsServer& operator=(const TlsServer&) = delete;
 
     std::uint16_t port() const { return port_; }
-    /// The certificate, as a file of the only authority to trust.
+    /// The certificate, as a file of the only authority to trust, with its key.
     const std::string& authority() const { return authority_; }
     /// For each handshake that was completed, whether it resumed a session.
     std::vector<bool> resumed() const ORVX_EXCLUDES(mutex_);

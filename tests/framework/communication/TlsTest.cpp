@@ -6,7 +6,9 @@
 
 #include <sys/socket.h>
 
+#include <cstdlib>
 #include <future>
+#include <utility>
 
 #include "RecordingLogger.h"
 
@@ -20,6 +22,23 @@ using ::testing::HasSubstr;
 const std::string kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nab";
 const std::string kLastAnswer = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
 const std::string kAnswerUntilTheEnd = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nab";
+
+std::string systemsAuthorities;
+
+/// What OpenSSL takes for the system's file of authorities, as it was built and by the environment.
+class SystemsAuthorities {
+  public:
+    explicit SystemsAuthorities(const std::string& path) {
+        systemsAuthorities = path;
+        ::setenv(X509_get_default_cert_file_env(), path.c_str(), 1);
+    }
+    ~SystemsAuthorities() {
+        ::unsetenv(X509_get_default_cert_file_env());
+        systemsAuthorities.clear();
+    }
+    SystemsAuthorities(const SystemsAuthorities&) = delete;
+    SystemsAuthorities& operator=(const SystemsAuthorities&) = delete;
+};
 
 class Tls : public HttpTest {
   protected:
@@ -50,6 +69,12 @@ class Tls : public HttpTest {
     }
     static TlsServer::Script sending(const std::string& bytes) {
         return [bytes](SSL& ssl) { TlsServer::send(ssl, bytes); };
+    }
+    static TlsServer::Script answering(const std::string& bytes) {
+        return [bytes](SSL& ssl) {
+            TlsServer::readRequest(ssl);
+            TlsServer::send(ssl, bytes);
+        };
     }
     /// The words for a handshake that fails.
     std::string wordsFor(const TlsServer::Options& options) {
@@ -119,17 +144,61 @@ TEST_F(Tls, SaysInWordsWhatFailed) {
     expired.validUntil = -3600;
     EXPECT_THAT(wordsFor(expired), HasSubstr("certificate has expired"));
     TlsServer::Options elsewhere;
-    elsewhere.address = "127.0.0.2";
+    elsewhere.subject = "IP:127.0.0.2";
     EXPECT_THAT(wordsFor(elsewhere), HasSubstr("IP address mismatch"));
     EXPECT_THAT(wordsFor(version(TLS1_1_VERSION)), HasSubstr("protocol version"));
 }
 
 TEST_F(Tls, TrustsNoAuthorityOfTheSystemBesideItsOwn) {
-    HttpConfig config;
-    config.tls.enabled = true;
-    const TlsServer server({}, sending(kLastAnswer));
+    const TlsServer server({}, answering(kLastAnswer));
+    const TlsServer stranger({}, [](SSL&) {});
+    const SystemsAuthorities authorities(server.authority());
+    HttpConfig withoutOwn;
+    withoutOwn.tls.enabled = true;
+    EXPECT_EQ(codeOf(remove(session(server.port(), withoutOwn))), 200)
+        << "the system's are trusted";
+    EXPECT_EQ(remove(session(server.port(), trusting(stranger))).getCommunicationStatus(),
+              CommunicationStatus::TlsFailed);
+}
+
+TEST_F(Tls, TellsTheServersNameAndTrustsACertificateForThatNameOnly) {
+    TlsServer::Options options;
+    std::string named;
+    for (const auto& [subject, status] :
+         {std::pair("DNS:localhost", CommunicationStatus::Ok),
+          std::pair("DNS:elsewhere", CommunicationStatus::TlsFailed)}) {
+        options.subject = subject;
+        const TlsServer server(options, [&named](SSL& ssl) {
+            TlsServer::readRequest(ssl);
+            const char* const name = SSL_get_servername(&ssl, TLSEXT_NAMETYPE_host_name);
+            named = name == nullptr ? "" : name;
+            TlsServer::send(ssl, kLastAnswer);
+        });
+        EXPECT_EQ(
+            remove(session(server.port(), trusting(server), "localhost")).getCommunicationStatus(),
+            status)
+            << subject;
+    }
+    EXPECT_EQ(named, "localhost");
+}
+
+TEST_F(Tls, IsNotSpokenInAnOlderVersionThanTheConfiguredOne) {
+    const TlsServer server(version(TLS1_2_VERSION), answering(kLastAnswer));
+    HttpConfig config = trusting(server);
+    config.tls.lowestVersion = communication::TlsConfig::Version::Tls13;
     EXPECT_EQ(remove(session(server.port(), config)).getCommunicationStatus(),
               CommunicationStatus::TlsFailed);
+}
+
+TEST_F(Tls, ShowsTheConfiguredCertificate) {
+    TlsServer::Options options;
+    options.isMutual = true;
+    const TlsServer server(options, answering(kLastAnswer));
+    HttpConfig config = trusting(server);
+    EXPECT_NE(remove(session(server.port(), config)).getCommunicationStatus(),
+              CommunicationStatus::Ok);
+    config.tls.clientCertificateFile = server.authority();
+    EXPECT_EQ(codeOf(remove(session(server.port(), config))), 200);
 }
 
 TEST_F(Tls, MustEndWithAFarewellWhereNothingElseTellsTheEnd) {
@@ -229,4 +298,14 @@ TEST_F(Tls, TakesNothingThatWasSaidUnaskedForAnAnswer) {
 }
 
 }  // namespace
+
+const char* systemsFileOfAuthorities() {
+    return systemsAuthorities.c_str();
+}
+
 }  // namespace orvx::testing
+
+// In front of OpenSSL's own.
+extern "C" __attribute__((visibility("default"))) const char* X509_get_default_cert_file() {
+    return orvx::testing::systemsFileOfAuthorities();
+}
