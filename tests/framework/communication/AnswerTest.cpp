@@ -116,6 +116,14 @@ TEST_F(AnAnswer, IsMalformedWithoutAProperStatusLine) {
     }
 }
 
+TEST_F(AnAnswer, IsMalformedAsSoonAsItDoesNotBeginLikeOne) {
+    for (const char* const bytes : {"h", "HTTP/2", "220 smtp ready"}) {
+        EXPECT_THAT(toScript(Script().send(bytes).silence()),
+                    failsWith(CommunicationStatus::Malformed))
+            << bytes;
+    }
+}
+
 TEST_F(AnAnswer, IsMalformedIfItsHeadersOrChunksMakeNoSense) {
     for (const std::string& rest :
          {"Content-Length: abc\r\n\r\n"s, "Content-Length: -1\r\n\r\n"s, "Content-Length:\r\n\r\n"s,

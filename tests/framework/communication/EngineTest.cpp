@@ -3,12 +3,14 @@
 #include "BusyIoThread.h"
 #include "HttpTest.h"
 
+#include <fcntl.h>
 #include <orvx/utility/OrvFoundationException.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <optional>
 #include <stdexcept>
+#include <vector>
 
 #include "Descriptors.h"
 #include "Loopback.h"
@@ -188,6 +190,25 @@ TEST_F(TheEngine, CannotBeStartedWithoutAFreeDescriptor) {
     }
     context_.init();
     EXPECT_EQ(codeOf(put(session())), 200);
+}
+
+TEST_F(TheEngine, LeavesNoDescriptorToTheProgramsThatAreStarted) {
+    const auto inherited = [] {
+        std::vector<int> descriptors;
+        for (int i = 0; i < ::getdtablesize() && i < 1024; ++i) {
+            const int flags = ::fcntl(i, F_GETFD);
+            if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+                descriptors.push_back(i);
+            }
+        }
+        return descriptors;
+    };
+    context_.deinit();
+    const auto before = inherited();
+    context_.init();
+    const SessionPointer kept = session();
+    put(kept);
+    EXPECT_EQ(inherited(), before);
 }
 
 TEST_F(TheEngine, LeavesTheParentsConnectionsAloneInAForkedChild) {
