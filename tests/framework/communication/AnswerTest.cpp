@@ -100,8 +100,11 @@ TEST_F(AnAnswer, IsCutShortIfOnlyInterimOnesCome) {
 }
 
 TEST_F(AnAnswer, IsMalformedIfItSwitchesProtocolsUnasked) {
-    EXPECT_THAT(to("HTTP/1.1 101 Switching\r\nUpgrade: x\r\n\r\nabc"),
-                failsWith(CommunicationStatus::Malformed));
+    for (const char* const next : {"abc", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"}) {
+        EXPECT_THAT(to("HTTP/1.1 101 Switching\r\nUpgrade: x\r\n\r\n"s + next),
+                    failsWith(CommunicationStatus::Malformed))
+            << next;
+    }
 }
 
 TEST_F(AnAnswer, IsMalformedWithoutAProperStatusLine) {

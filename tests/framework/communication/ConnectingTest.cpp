@@ -4,7 +4,10 @@
 #include "BusyIoThread.h"
 #include "HttpTest.h"
 
+#include <poll.h>
+
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <vector>
@@ -209,14 +212,24 @@ TEST_F(Connecting, IsDoneAgainWhenThePeerHasSpokenUnasked) {
 
 TEST_F(Connecting, IsGivenUpWhenThePeerSpeaksUnaskedEachTime) {
     server_.everyConnection(Script().send("220 mail\r\n"));
-    HostileServer& server = server_;
-    const HttpResponse answer = putWhile(session(), [&server] {
-        ASSERT_TRUE(server.waitForConnections(1));
-        const Socket other = connectLoopback(server.port());
-        // By the time the server accepts another connection it has sent what it sends.
-        ASSERT_TRUE(server.waitForConnections(2));
-    });
-    EXPECT_EQ(answer.getCommunicationStatus(), CommunicationStatus::Malformed);
+    const SessionPointer unasked = session();
+    const SessionPointer unavailable = context_.getUnavailableSession();
+    // Holds the I/O thread in each round until the server has spoken over the connections that have
+    // been made: it speaks over a later one after that.
+    std::function<void()> holdEachRound = [&] {
+        const Socket later = connectLoopback(server_.port());
+        EXPECT_TRUE(waitForEvents(later, POLLIN, 10'000));
+        unavailable->sendHeadRequest("/", [&](const HttpResponse&) { holdEachRound(); });
+    };
+    Outcome outcome;
+    {
+        const BusyIoThread busy(context_);
+        unasked->sendPutRequestJson("/", "", 0, outcome.handler());
+        unavailable->sendHeadRequest("/", [&](const HttpResponse&) { holdEachRound(); });
+    }
+    EXPECT_EQ(outcome.status(), CommunicationStatus::Malformed);
+    context_.deinit();
+    EXPECT_EQ(server_.counters().requests, 0U);
 }
 
 TEST_F(Connecting, LeavesNothingBehindAfterTenThousandConnections) {

@@ -254,6 +254,14 @@ TEST_F(TheQueue, LimitsTheTimeToConnect) {
               CommunicationStatus::TimedOut);
 }
 
+TEST_F(TheQueue, LimitsTheTimeToWaitForAConnectionThatIsStillBeingMade) {
+    const BlackHole blackHole;
+    HttpConfig config = withTimeout(100ms);
+    config.connectTimeout = std::chrono::milliseconds::max();
+    EXPECT_EQ(put(session(blackHole.port(), config)).getCommunicationStatus(),
+              CommunicationStatus::TimedOut);
+}
+
 TEST_F(TheQueue, LimitsTheTimeToResolveAName) {
     const DeadResolver resolver;
     HttpConfig config;

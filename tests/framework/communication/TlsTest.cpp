@@ -287,9 +287,17 @@ TEST_F(Tls, TakesNothingThatWasSaidUnaskedForAnAnswer) {
     });
     const SessionPointer secure = sessionWith(server);
     EXPECT_EQ(codeOf(remove(secure)), 200);
+    server_.nextRequest(Script().waitForRelease("other").send(response(200)).close());
+    const SessionPointer plain = session();
+    Outcome other;
+    plain->sendHeadRequest("/", other.handler());
+    ASSERT_TRUE(server_.waitForRequests(1));
     Outcome next;
     {
         const BusyIoThread busy(context_);
+        // One event is taken before the next request: this one.
+        server_.release("other");
+        ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
         asked.set_value();
         sent.get_future().wait();
         secure->sendDeleteRequest("/", "", next.handler());

@@ -92,6 +92,8 @@ TEST_F(TheWayThroughAProxy, IsNoConnectionWhenItRefusesTheTunnel) {
         EXPECT_EQ(statusOfTunnel(response(code, {}, "not you")), CommunicationStatus::ConnectFailed)
             << code;
     }
+    EXPECT_EQ(statusOfTunnel(Script("HTTP/1.1 407 No\r\n\r\n").close()),
+              CommunicationStatus::ConnectFailed);
     EXPECT_EQ(statusOfTunnel(Script().close()), CommunicationStatus::ConnectFailed);
     config.connectTimeout = std::chrono::milliseconds(200);
     EXPECT_EQ(statusOfTunnel("HTTP/1.1 407 "), CommunicationStatus::TimedOut) << "of connecting";
