@@ -52,9 +52,9 @@ class ORVX_EXPORT IClientHttpSession {
     /// Abandoned, unless its answer was on its way already. Other requests are never touched.
     virtual void abandon() = 0;
 
-    /// HEAD, which ends after that time at the latest: its handler is called with TimedOut then, and
-    /// it occupies no connection any more. All HEADs of a session are to be sent with the same time,
-    /// or all without. A session that cannot do so sends it without a bound of its own.
+    /// HEAD, which ends after that time at the latest: its handler is called with TimedOut then,
+    /// and it occupies no connection any more. All HEADs of a session are to be sent with the same
+    /// time, or all without. A session that cannot do so sends it without a bound of its own.
     virtual void sendHeadRequestWithin(std::chrono::milliseconds /*timeout*/, std::string uri,
                                        ResponseHandler handler) {
         sendHeadRequest(std::move(uri), std::move(handler));
