@@ -111,8 +111,10 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     ///
     /// A withdrawal may be asked for at any time, and wins. It is answered OK / NONE when the entry
     /// is gone (200, 204, 404 and 410 mean so), or ERROR / TIMEOUT once when the unregister
-    /// time-out has passed before; the client goes on trying until its end. A registration that
-    /// still waits is answered ERROR / OTHER first.
+    /// time-out has passed before; the client goes on trying until its end. A DELETE that is
+    /// answered with a status that does not pass (403, for example) answers ERROR /
+    /// SERVICE_REGISTRY_ERROR, and is tried again at the check interval. A registration that still
+    /// waits is answered ERROR / OTHER first.
     ///
     /// Two registrations of one path at one registry share its entry: the registry holds the latest
     /// description that is not withdrawn, and the entry is deleted with the last one.
@@ -133,8 +135,8 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     ///
     /// Every callback is called exactly once. Those that wait when the client is stopped are called
     /// with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that calls it; a
-    /// registration that is answered so is over, also when the client is started again. Calls on a
-    /// client that is stopped are answered at its next start or its end.
+    /// registration that is answered so is over, also when the client is started again. Handles
+    /// that are called when the context was de-initialised do nothing, as without resilience.
     ///
     /// Default: false.
     void enableResilience(bool enable);
