@@ -13,6 +13,7 @@ namespace {
 /// Keeps a copy in the reference's own block of memory.
 class CopyOwner : public IReference<XObject> {
   public:
+    // NOLINTNEXTLINE(modernize-pass-by-value): it is copied to its place, not moved there.
     explicit CopyOwner(const XObject& original) : copy_(original) {}
 
     XObject& get() override { return copy_; }
