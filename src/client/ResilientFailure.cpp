@@ -14,7 +14,6 @@
 namespace orvx::serviceregistryclient {
 
 using communication::CommunicationStatus;
-using communication::HttpResponse;
 
 void OrvServiceRegistryClient::ResilientUpkeep::failLocked(Entry& entry, const char* method,
                                                            const HttpResponse& response) {

@@ -55,8 +55,10 @@ bool isDirectionControl(std::string_view character) {
     const auto isBetween = [character](std::string_view first, std::string_view last) {
         return character.size() == first.size() && character >= first && character <= last;
     };
+    // NOLINTNEXTLINE(misc-misleading-bidirectional): these are what is looked for.
     return character == "\u061c" || isBetween("\u200e", "\u200f") ||
-           isBetween("\u202a", "\u202e") || isBetween("\u2066", "\u2069");
+           isBetween("\u202a", "\u202e") ||  // NOLINT(misc-misleading-bidirectional)
+           isBetween("\u2066", "\u2069");    // NOLINT(misc-misleading-bidirectional)
 }
 
 void appendHex(std::string& out, std::string_view bytes) {
