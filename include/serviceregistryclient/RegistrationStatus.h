@@ -47,6 +47,7 @@ struct RegistrationStatus {
     std::string endpoint;
     /// Of the entry; empty while the registry is not known to hold it.
     std::string uuid;
+    /// Where the registration stands.
     State state = State::Announcing;
     /// When the state began.
     std::chrono::system_clock::time_point since;
@@ -76,6 +77,7 @@ struct RegistrationEvent {
         Withdrawn = 4,  ///< The entry is gone, as was asked for; or the registration was given up.
     };
 
+    /// What happened.
     Kind kind = Kind::Announced;
     /// As it stands after the event. The reason of Unreachable is its last failure.
     RegistrationStatus status;
