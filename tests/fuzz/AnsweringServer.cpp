@@ -105,21 +105,23 @@ AnsweringServer::~AnsweringServer() {
 
 void AnsweringServer::answerWith(Answer answer) {
     utility::MutexLock lock(mutex_);
-    while (isServing_) {
+    while (connection_ >= 0) {
+        ::shutdown(connection_, SHUT_RDWR);
         ended_.wait(lock.native());
     }
     answer_ = std::move(answer);
 }
 
-AnsweringServer::Answer AnsweringServer::begin() {
+AnsweringServer::Answer AnsweringServer::begin(int connection) {
     const utility::MutexLock lock(mutex_);
-    isServing_ = true;
+    connection_ = connection;
     return answer_;
 }
 
 void AnsweringServer::end() {
     const utility::MutexLock lock(mutex_);
-    isServing_ = false;
+    ::close(connection_);
+    connection_ = -1;
     ended_.notify_all();
 }
 
@@ -129,8 +131,7 @@ void AnsweringServer::run() {
         if (connection < 0) {
             return;
         }
-        serve(connection, begin());
-        ::close(connection);
+        serve(connection, begin(connection));
         end();
     }
 }

@@ -34,12 +34,13 @@ class AnsweringServer {
     AnsweringServer& operator=(const AnsweringServer&) = delete;
 
     std::uint16_t port() const { return port_; }
-    /// For connections from now on; waits for the end of the one that is open.
+    /// For connections from now on. Ends the one that is open: a client may keep it without a
+    /// request.
     void answerWith(Answer answer) ORVX_EXCLUDES(mutex_);
 
   private:
     void run();
-    Answer begin() ORVX_EXCLUDES(mutex_);
+    Answer begin(int connection) ORVX_EXCLUDES(mutex_);
     void end() ORVX_EXCLUDES(mutex_);
 
     const int listener_;
@@ -47,7 +48,7 @@ class AnsweringServer {
     utility::Mutex mutex_;
     std::condition_variable ended_;
     Answer answer_ ORVX_GUARDED_BY(mutex_);
-    bool isServing_ ORVX_GUARDED_BY(mutex_) = false;
+    int connection_ ORVX_GUARDED_BY(mutex_) = -1;  ///< -1: none is open
     std::thread thread_;
 };
 
