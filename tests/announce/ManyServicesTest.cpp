@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 
 namespace orvx::announce {
 namespace {
@@ -48,7 +50,7 @@ class ManyServices : public AnnounceTest {
         }
         const json& services = state.at("services");
         return std::all_of(services.begin(), services.end(), [](const json& one) {
-            return one.at("state") == "announced" || one.at("retries") > 0;
+            return one.at("state") == "announced" || one.contains("lastFailure");
         });
     }
 
@@ -85,6 +87,22 @@ class ManyServices : public AnnounceTest {
         ::getrusage(RUSAGE_CHILDREN, &usage);
         return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+    }
+
+    /// How many threads the program has when so many services are announced.
+    std::size_t threadsWith(int count) {
+        Announce announce(options(count, registry.port()));
+        awaitEntries(count);
+        const std::filesystem::directory_iterator threads("/proc/" +
+                                                          std::to_string(announce.pid()) + "/task");
+        const auto number = std::distance(begin(threads), end(threads));
+        announce.stopped(0);
+        return static_cast<std::size_t>(number);
+    }
+
+    void awaitEntries(int count) const {
+        waitFor([&] { return entries().size() == static_cast<std::size_t>(count); },
+                [] { ::poll(nullptr, 0, 20); });
     }
 
     void expectCostInProportion(std::uint16_t registryPort) const {
@@ -131,6 +149,20 @@ TEST_F(ManyServices, CostProcessorTimeInProportionToTheirNumber) {
 
 TEST_F(ManyServices, CostProcessorTimeInProportionToTheirNumberWithoutARegistry) {
     expectCostInProportion(refused.port());
+}
+
+TEST_F(ManyServices, HaveNoMoreThreadsThanOne) {
+    EXPECT_EQ(threadsWith(300), threadsWith(1));
+}
+
+TEST_F(ManyServices, FitIntoTheUsualLimitOfDescriptors) {
+    ChildProcess announce(
+        "/bin/sh", Words{"-c", "ulimit -n 1024 && exec \"$0\" \"$@\"", ORVX_ANNOUNCE_PROGRAM} +
+                       options(500, registry.port()));
+    awaitEntries(500);
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
+    EXPECT_THAT(entries(), IsEmpty());
 }
 
 TEST_F(ManyServices, DelayNeitherTheEndNorTheWatchdog) {

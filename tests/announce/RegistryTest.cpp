@@ -2,6 +2,9 @@
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
+#include <algorithm>
+#include <atomic>
+
 namespace orvx::announce {
 namespace {
 
@@ -12,10 +15,17 @@ const Words kQuick{"--check-interval", "1", "--retry-interval", "0.01"};
 TEST_F(AnAnnouncement, IsMadeWhenADeadRegistryComesToLife) {
     passOnInFront();
     front.stopListening();
-    Announce announce(echo(front.port()) + kQuick + shell("read line; exit 8"));
-    announce.awaitErrors("CONNECT_FAILED");
-    announce.awaitErrors("retry (2.)");
+    const Folder folder;
+    const auto status = folder.file("status.json");
+    Announce announce(echo(front.port()) + kQuick + Words{"--status-file", status} +
+                      shell("read line; exit 8"));
+    announce.awaitErrors(" unreachable reason=\"PUT: CONNECT_FAILED\" ");
+    EXPECT_TRUE(eventually([&] {
+        const json now = json::parse(contentOf(status), nullptr, false);
+        return now.is_object() && now.at("services").at(0).value("attempts", 0) > 2;
+    }));
     front.listenAgain();
+    announce.awaitErrors(" reachable ");
     announce.awaitErrors(" announced ");
     announce.endInput();
     announce.ended(8);
@@ -29,7 +39,7 @@ TEST_F(AnAnnouncement, IsRepeatedWhileTheRegistryIsNotWell) {
     Announce announce(echo(front.port()) + kQuick);
     announce.awaitOutput(" announced ");
     announce.signal(SIGUSR1);
-    announce.awaitOutput(" retries=2 ");
+    announce.awaitOutput("\"httpStatus\":500");
     announce.stopped(0);
 }
 
@@ -62,14 +72,44 @@ TEST_F(AnAnnouncement, ThatIsRefusedLetsTheCommandRunAndIsMadeAgainOnHangUp) {
     EXPECT_TRUE(entries().empty());
 }
 
+TEST_F(AnAnnouncement, ThatIsRefusedLeavesNoEntryOfAnEarlierAttempt) {
+    std::atomic<int> attempts{0};
+    front.onRequest([&](const Request& request) {
+        const int attempt = request.method == "PUT" ? ++attempts : 0;
+        const std::string answer = attempt == 2 ? "" : passOn(request, registry.port());
+        return attempt == 1   ? testing::response(503)
+               : attempt == 2 ? testing::response(403)
+                              : answer;
+    });
+    const auto result = Announce(echo(front.port()) + kQuick).ended(1);
+    EXPECT_THAT(result.output, AllOf(HasSubstr(" refused "), Not(HasSubstr(" left "))));
+    EXPECT_EQ(attempts, 3);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(AnAnnouncement, ThatIsRefusedMayLeaveAnEntryOfAnEarlierAttempt) {
+    front.nextRequest(testing::response(503));
+    front.onRequest([](const Request&) { return testing::response(403); });
+    const auto result =
+        Announce(echo(front.port()) + kQuick + Words{"--withdraw-timeout", "0.2"}).ended(1);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr(" refused "), HasSubstr(" left reason=\"HTTP 403\" ")));
+}
+
 TEST_F(AnAnnouncement, KeepsBeingCheckedAlthoughACheckWasNotAnswered) {
     holdBack("HEAD");
     Announce announce(echo(front.port()) + kQuick + Words{"--check-timeout", "0.1"});
     announce.awaitOutput(" announced ");
-    announce.awaitOutput(" check-ended ");
+    announce.awaitOutput(" unreachable reason=\"HEAD: TIMED_OUT\" ");
+    announce.signal(SIGUSR1);
+    announce.awaitOutput(" state=unreachable ");
     front.release("HEAD");
+    announce.awaitOutput(" reachable ");
     EXPECT_TRUE(eventually([this] { return entries().at(0).at("checks") >= 2; }));
-    EXPECT_EQ(entries().size(), 1U);
+    const auto requests = front.requests();
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
+                            [](const Request& request) { return request.method == "PUT"; }),
+              1);
     announce.stopped(0);
     EXPECT_TRUE(entries().empty());
 }

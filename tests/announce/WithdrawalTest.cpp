@@ -4,6 +4,10 @@
 
 #include <sys/wait.h>
 
+#include <iomanip>
+#include <memory>
+#include <sstream>
+
 namespace orvx::announce {
 namespace {
 
@@ -12,13 +16,21 @@ using AWithdrawal = AnnounceTest;
 /// Far above every bound that the tests set, far below those that they do not.
 constexpr auto kSoon = 4s;
 
+/// Whether a process of this machine waits for a connection to that port.
+bool isConnectingTo(std::uint16_t port) {
+    std::ostringstream wanted;
+    wanted << std::uppercase << std::hex << std::setfill('0') << ':' << std::setw(4) << port
+           << " 02 ";  // SYN_SENT
+    return contentOf("/proc/net/tcp").find(wanted.str()) != std::string::npos;
+}
+
 TEST_F(AWithdrawal, WaitsForTheFirstPutThatIsOut) {
     holdBack("PUT");
     Announce announce(echo(front.port()) + command({"3", urlOf(registry.port())}));
     ASSERT_TRUE(front.waitForRequests(1));
     announce.awaitOutput("up\n");
     announce.signal(SIGTERM);
-    announce.awaitErrors("is not registered yet");
+    announce.awaitErrors(" withdrawing ");
     EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
     front.release("PUT");
     EXPECT_EQ(announce.ended(3).output, "up\ngot SIGTERM, entries: 0\n");
@@ -29,7 +41,7 @@ TEST_F(AWithdrawal, OfAPutThatIsNeverAnsweredEndsWithinItsBound) {
     Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"} + command({"3"}));
     ASSERT_TRUE(front.waitForRequests(1));
     announce.awaitOutput("up\n");
-    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" left reason=SERVICE_NOT_FOUND "));
+    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" left reason=\"no answer\" "));
 }
 
 TEST_F(AWithdrawal, ThatIsNeverAnsweredEndsWithinItsBound) {
@@ -49,6 +61,20 @@ TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedIsShort) {
     EXPECT_LT(steady_clock::now() - begin, kSoon);
 }
 
+TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedDoesNotWaitForTheAttemptThatIsUnderWay) {
+    auto refused = std::make_unique<testing::RefusedPort>();
+    const std::uint16_t port = refused->port();
+    Announce announce(echo(port) + Words{"--withdraw-timeout", "3600"} + command({"3"}));
+    announce.awaitErrors("CONNECT_FAILED");
+    announce.awaitOutput("up\n");
+    refused.reset();
+    const testing::BlackHole silent(testing::Loopback::V4, port);
+    EXPECT_TRUE(eventually([&] { return isConnectingTo(port); }));
+    const auto begin = steady_clock::now();
+    EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" withdrawn "));
+    EXPECT_LT(steady_clock::now() - begin, kSoon);
+}
+
 TEST_F(AWithdrawal, FromARegistryThatHasDiedEndsWithinItsBound) {
     passOnInFront();
     Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.3"} + command({"3"}));
@@ -61,12 +87,19 @@ TEST_F(AWithdrawal, FromARegistryThatHasDiedEndsWithinItsBound) {
 
 TEST_F(AWithdrawal, IsRepeatedWhenItIsRefused) {
     passOnInFront();
-    Announce announce(echo(front.port()));
+    Announce announce(echo(front.port()) + Words{"--retry-interval", "0.01"});
     announce.awaitOutput(" announced ");
     front.nextRequest(testing::response(503));
     front.nextRequest(testing::response(500));
     announce.stopped(0);
     EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(AWithdrawal, ThatIsForbiddenIsNotWaitedFor) {
+    answerInFront("DELETE", testing::response(403, {}, "not yours"));
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "3600"});
+    announce.awaitOutput(" announced ");
+    EXPECT_THAT(announce.stopped(1).output, HasSubstr(" left reason=\"HTTP 403: not yours\" "));
 }
 
 TEST_F(AWithdrawal, OfAnEntryThatIsGoneIsDone) {

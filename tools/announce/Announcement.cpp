@@ -4,192 +4,148 @@
 
 #include "Announcement.h"
 
-#include <algorithm>
-#include <exception>
+#include <utility>
 
 #include "Answers.h"
-#include "LogRelay.h"
 #include "Report.h"
 #include "ServiceDescriptions.h"
 
 namespace orvx::announce {
 
-using namespace std::chrono_literals;
-using communication::HttpResponse;
 using nlohmann::json;
-
-namespace {
-
-constexpr std::chrono::milliseconds kFirstPause = 50ms;
-constexpr std::chrono::milliseconds kLongestPause = 500ms;
-/// An attempt that is under way may be the first one that reaches the registry.
-constexpr std::chrono::milliseconds kGraceOfTheUnreached = 500ms;
-
-bool isGone(const std::shared_ptr<HttpResponse>& response) {
-    const auto code = response ? response->getStatusCode() : HttpResponse::StatusCode::None;
-    return code == HttpResponse::StatusCode::NotFound ||
-           code == HttpResponse::StatusCode::NoContent;
-}
-
-}  // namespace
+using serviceregistryclient::OrvRegistrationResponse;
+using serviceregistryclient::registrationEventToString;
 
 const char* toString(Announcement::State state) {
-    static constexpr const char* names[] = {"waiting", "announcing",  "announced", "lost",
-                                            "refused", "withdrawing", "withdrawn", "left"};
+    static constexpr const char* names[] = {"waiting",   "announcing", "announced", "unreachable",
+                                            "lost",      "refused",    "refused",   "withdrawing",
+                                            "withdrawn", "left"};
     return names[static_cast<std::size_t>(state)];
 }
 
-Announcement::Announcement(EventLoop& loop, const AnnouncementSettings& settings,
-                           const json& description, StateCounts& counts, Changed changed)
+Announcement::Announcement(EventLoop& loop, const json& description, StateCounts& counts,
+                           Changed changed)
     : loop_(loop),
-      settings_(settings),
       service_(toService(description)),
       counts_(counts),
       changed_(std::move(changed)),
-      statistics_(std::make_shared<communication::ClientStatistics>()),
       since_(timestamp()) {
     ++counts_[state_];
 }
 
-Announcement::~Announcement() = default;
-
-template <typename Member>
-auto Announcement::onLoop(Member member) {
-    return [this, member, start = start_](const auto&... values) {
-        loop_.post([=] {
-            if (start == start_) {
-                (this->*member)(values...);
-            }
-        });
-    };
+/// The library keeps the entry, or tries to.
+bool Announcement::isLive() const {
+    return state_ == State::Announcing || state_ == State::Announced ||
+           state_ == State::Unreachable || state_ == State::Lost;
 }
 
-void Announcement::openContext() {
-    context_ = std::make_unique<serviceregistryclient::OrvServiceRegistryContext>();
-    auto http = settings_.http;
-    http.statistics = statistics_;
-    context_->setHttpConfig(http);
-    context_->setCheckInterval(settings_.checkInterval);
-    context_->setHeadTimeout(settings_.checkTimeout);
-    context_->setRetryInterval(settings_.retryInterval);
-    context_->enableRetryOnHttpStatus(true);
-    context_->setLoggerFactory(
-        std::make_shared<LogRelay>([this](const std::string& message, int /*level*/) {
-            loop_.post([=] { report("log", {{"message", message}}); });
-        }));
-    context_->init();
-}
-
-void Announcement::start() {
-    ++start_;
-    lastCheck_ = {EventLoop::Clock::now(), lastCheck_.second};
-    enter(State::Announcing);
-    try {
-        openContext();
-        auto& client = *context_->getServiceRegistryClient();
-        client.addServiceRegisterStatusListener(onLoop(&Announcement::notified));
-        unregister_ = client.registerServiceAtRegistry(settings_.registry, service_,
-                                                       onLoop(&Announcement::answered));
-    } catch (const std::exception& error) {
-        context_.reset();
-        enter(State::Refused, {{"reason", error.what()}});
-    }
-}
-
-void Announcement::startAgainIfRefused() {
-    if (state_ == State::Refused) {
-        start();
-    }
-}
-
-void Announcement::keepChecked() {
-    const auto now = EventLoop::Clock::now();
-    const auto snapshot = statistics_->snapshot();
-    const auto checks =
-        snapshot.byMethod.at(communication::ClientStatistics::Method::Head).completed;
-    if (state_ != State::Announced || checks != lastCheck_.second) {
-        lastCheck_ = {now, checks};
-    } else if (now - lastCheck_.first > settings_.checkInterval + 2 * settings_.checkTimeout) {
-        report("check-ended", {{"reason", "a check was not answered in time"}});
-        start();
-    }
-}
-
-void Announcement::answered(const Outcome& outcome) {
-    if (outcome.status != Outcome::OK) {
-        registrySaid_ = toText(outcome);
-        enter(State::Refused, {{"reason", registrySaid_}});
-    }
-}
-
-void Announcement::notified(const Model& service, bool isRegistered) {
-    if (!isRegistered) {
-        if (state_ == State::Announced) {
-            enter(State::Lost, {{"uuid", std::exchange(uuid_, "")}});
-        }
+void Announcement::announce(Client& client, const common::ServiceInfo& registry) {
+    if (isLive() || state_ == State::Withdrawing) {
         return;
     }
-    uuid_ = service->getId();
-    ++timesAnnounced_;
-    if (!isToBeWithdrawn()) {
-        announcedSince_ = timestamp();
-        enter(State::Announced, {{"uuid", uuid_}});
+    // A registration that ended had an event, unless no request was made for it.
+    lastOldId_ = known_.requestId;
+    enter(State::Announcing, "announcing");
+    unregister_ = client.registerServiceAtRegistry(
+        registry, service_,
+        [this](const OrvRegistrationResponse& outcome) { loop_.post([=] { answered(outcome); }); });
+}
+
+void Announcement::refuse(const std::string& reason) {
+    enter(State::Refused, "refused", {{"reason", reason}});
+}
+
+/// The response is absent where the registry was not asked.
+void Announcement::answered(const OrvRegistrationResponse& outcome) {
+    if (outcome.status != OrvRegistrationResponse::OK && isLive()) {
+        enter(outcome.httpResponse ? State::Clearing : State::Refused, "refused",
+              {{"reason", toText(outcome)}});
     }
 }
 
 void Announcement::withdraw() {
-    if (isOver()) {
-        return;
-    }
     if (state_ == State::Waiting) {
-        enter(State::Withdrawn);
+        enter(State::Withdrawn, "withdrawn");
+    }
+    if (isLive()) {
+        const std::string reason = reason_;
+        enter(State::Withdrawing, "withdrawing");
+        reason_ = reason;  // what keeps it from being confirmed keeps it from being withdrawn
+    } else if (state_ != State::Clearing) {
         return;
     }
-    withdrawalBegin_ = EventLoop::Clock::now();
-    withdrawalPause_ = kFirstPause;
-    enter(State::Withdrawing);
-    askForWithdrawal();
-}
-
-void Announcement::askForWithdrawal() {
-    if (isToBeWithdrawn()) {
-        unregister_(onLoop(&Announcement::withdrawalAnswered));
-    }
-}
-
-void Announcement::withdrawalAnswered(const Outcome& outcome) {
-    if (!isToBeWithdrawn()) {
-        return;
-    }
-    const bool isWithdrawn = outcome.status == Outcome::OK || isGone(outcome.httpResponse);
-    const bool wasNeverReached = nothingWasSent(statistics_->snapshot());
-    const bool isGraceOver = EventLoop::Clock::now() - withdrawalBegin_ >= kGraceOfTheUnreached;
-    if (isWithdrawn || (wasNeverReached && isGraceOver)) {
-        enter(State::Withdrawn);
-        return;
-    }
-    registrySaid_ = toText(outcome);
-    loop_.after(wasNeverReached ? kGraceOfTheUnreached : withdrawalPause_,
-                [this] { askForWithdrawal(); });
-    withdrawalPause_ = std::min(2 * withdrawalPause_, kLongestPause);
+    unregister_([this](const OrvRegistrationResponse& outcome) {
+        if (outcome.status != OrvRegistrationResponse::OK) {
+            loop_.post([=] {
+                reason_ = outcome.httpResponse ? toText(outcome) : reason_;
+                giveUp();
+            });
+        }
+    });
 }
 
 void Announcement::giveUp() {
-    if (!isOver() && state_ != State::Waiting) {
-        enter(State::Left, {{"reason", registrySaid_.empty() ? "no answer" : registrySaid_}});
+    if (state_ == State::Clearing || state_ == State::Withdrawing) {
+        enter(State::Left, "left", {{"reason", reason_.empty() ? "no answer" : reason_}});
     }
 }
 
-bool Announcement::isOver() const {
-    return state_ == State::Refused || state_ == State::Withdrawn || state_ == State::Left;
+void Announcement::findNothingSent() {
+    if (state_ == State::Withdrawing || state_ == State::Left) {
+        enter(State::Withdrawn, "withdrawn");
+    }
+}
+
+void Announcement::take(const Event& event) {
+    const Status& told = event.status;
+    if (told.requestId <= lastOldId_) {
+        return;
+    }
+    take(told);
+    const std::string name = registrationEventToString(event.kind);
+    switch (event.kind) {
+        case Event::Kind::Announced:
+            if (isLive()) {
+                uuid_ = told.uuid;
+                ++timesAnnounced_;
+                announcedSince_ = timestamp();
+                enter(State::Announced, name, {{"uuid", uuid_}});
+            }
+            break;
+        case Event::Kind::Lost:
+            if (isLive()) {
+                enter(State::Lost, name, {{"uuid", std::exchange(uuid_, "")}});
+            }
+            break;
+        case Event::Kind::Unreachable:
+            if (state_ != State::Announcing || !isRefusal(*told.lastFailure)) {
+                enter(state_ == State::Announced ? State::Unreachable : state_, name,
+                      {{"reason", told.lastFailure->text}});
+            }
+            break;
+        case Event::Kind::Reachable:
+            enter(state_ == State::Unreachable ? State::Announced : state_, name);
+            break;
+        case Event::Kind::Withdrawn:
+            if (state_ == State::Clearing) {
+                enter(State::Refused, "", {{"reason", reason_}});
+            } else if (state_ == State::Withdrawing || state_ == State::Left) {
+                enter(State::Withdrawn, name);
+            }
+    }
+}
+
+void Announcement::take(const Status& status) {
+    if (status.requestId > lastOldId_) {
+        known_ = status;
+    }
 }
 
 json Announcement::status() const {
-    json status = toJson(statistics_->snapshot(), timesAnnounced_);
-    status["service"] = service_->getName();
-    status["state"] = toString(state_);
-    status["since"] = since_;
-    status["timesAnnounced"] = timesAnnounced_;
+    json status{{"service", service_->getName()},
+                {"state", toString(state_)},
+                {"since", since_},
+                {"timesAnnounced", timesAnnounced_}};
     const auto set = [&status](const char* key, const std::string& text) {
         if (!text.empty()) {
             status[key] = text;
@@ -197,21 +153,31 @@ json Announcement::status() const {
     };
     set("announcedSince", announcedSince_);
     set("uuid", uuid_);
-    set("registrySaid", registrySaid_);
+    set("reason", reason_);
+    if (known_.lastConfirmed) {
+        status["lastConfirmed"] = timestamp(*known_.lastConfirmed);
+    }
+    if (known_.lastFailure) {
+        status["lastFailure"] = toJson(*known_.lastFailure);
+    }
+    if (isLive() || state_ == State::Withdrawing) {
+        status["attempts"] = known_.attempts;
+        set("nextAttempt", known_.nextAttempt ? timestamp(*known_.nextAttempt) : "");
+    }
     return status;
 }
 
-void Announcement::enter(State state, const json& details) {
-    --counts_[state_];
-    ++counts_[state];
-    state_ = state;
-    since_ = timestamp();
-    report(toString(state), details);
-}
-
-void Announcement::report(const std::string& event, json details) {
-    details["service"] = service_->getName();
-    changed_(event, details);
+void Announcement::enter(State state, const std::string& event, const json& details) {
+    if (state != state_) {
+        --counts_[state_];
+        ++counts_[state];
+        state_ = state;
+        since_ = timestamp();
+    }
+    reason_ = details.value("reason", "");
+    json all = details;
+    all["service"] = service_->getName();
+    changed_(event, all);
 }
 
 }  // namespace orvx::announce

@@ -1,116 +1,95 @@
 #pragma once
 
-#include <serviceregistryclient/OrvServiceRegistryContext.h>
+#include <serviceregistryclient/IOrvServiceRegistryClient.h>
+#include <serviceregistryclient/RegistrationStatus.h>
 
 #include <nlohmann/json.hpp>
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "EventLoop.h"
 
 namespace orvx::announce {
 
-/// What all announcements have in common.
-struct AnnouncementSettings {
-    common::ServiceInfo registry;
-    communication::HttpConfig http;
-    std::chrono::seconds checkInterval;
-    std::chrono::milliseconds checkTimeout;
-    std::chrono::milliseconds retryInterval;
-};
-
-/// One service at the registry, with a library context of its own: a check of another service that
-/// times out does not end this one's.
-/// Thread-safety: none; what the library calls back with is posted to the loop first. It must end
-/// before the loop does, and not while the loop runs.
+/// One service at the registry, from its announcement to its withdrawal. The library keeps both
+/// until they are done; this class keeps the state that the library tells.
+/// It may be announced again when it is refused or withdrawn.
+/// Thread-safety: none; what the library calls back with is posted to the loop first. It must
+/// outlive the loop's run.
 class Announcement {
   public:
+    using Client = serviceregistryclient::IOrvServiceRegistryClient;
+    using Event = serviceregistryclient::RegistrationEvent;
+    using Status = serviceregistryclient::RegistrationStatus;
+
     enum class State {
-        Waiting,      ///< start() was not called yet
-        Announcing,   ///< the registry has not answered yet
+        Waiting,      ///< announce() was not called yet
+        Announcing,   ///< the registry has not confirmed the entry yet
         Announced,    ///< the registry has the entry
-        Lost,         ///< the registry has lost it; the library announces it again
-        Refused,      ///< the registry does not want it
+        Unreachable,  ///< it was announced, and the last check failed
+        Lost,         ///< the registry has lost the entry; the library announces it again
+        Clearing,     ///< refused; the library deletes what an earlier attempt may have left
+        Refused,      ///< the registry does not want it, and has no entry
         Withdrawing,  ///< withdraw() was called
         Withdrawn,    ///< the registry has no entry
         Left,         ///< it was given up; an entry may be left
     };
     /// How many services are in each state; shared by all announcements.
     using StateCounts = std::map<State, std::size_t>;
-    /// Called on the loop's thread after each change with "event", which is the state in most
-    /// cases, and what belongs to it.
+    /// Called on the loop's thread after each change, with the event and its details. The event is
+    /// empty where a user need not be told.
     using Changed = std::function<void(const std::string& event, const nlohmann::json& details)>;
 
-    /// `settings` and `counts` must outlive it.
-    Announcement(EventLoop& loop, const AnnouncementSettings& settings,
-                 const nlohmann::json& description, StateCounts& counts, Changed changed);
-    ~Announcement();
+    /// `loop` and `counts` must outlive it.
+    Announcement(EventLoop& loop, const nlohmann::json& description, StateCounts& counts,
+                 Changed changed);
     Announcement(const Announcement&) = delete;
     Announcement& operator=(const Announcement&) = delete;
 
-    void start();
-    /// Starts anew what the registry has refused.
-    void startAgainIfRefused();
-    /// Starts anew when the library has ended the periodic check, as it does behind a check that is
-    /// not answered in time. To be called now and then.
-    void keepChecked();
-    /// Asks again as long as it is refused; isOver() tells when it is done.
+    /// Registers it, unless it is announced already. `client` must outlive the loop's run.
+    void announce(Client& client, const common::ServiceInfo& registry);
+    /// It cannot be announced, for a reason of this process.
+    void refuse(const std::string& reason);
+    /// Withdraws it, or what may have been left of it when it was refused.
     void withdraw();
-    /// What is not withdrawn is not waited for any more: it is left behind, unless the registry
-    /// takes the withdrawal after all.
+    /// What is not withdrawn counts as left, until the library has withdrawn it all the same.
     void giveUp();
+    /// No request has ever reached the registry: there is no entry to be withdrawn.
+    void findNothingSent();
 
-    State state() const { return state_; }
-    /// Nothing will change by itself.
-    bool isOver() const;
+    /// To be called with each event of the library about this service's uri, in order.
+    void take(const Event& event);
+    /// To be called with what the library knows now.
+    void take(const Status& status);
     /// All that is known, for a person who wants to know why.
     nlohmann::json status() const;
 
   private:
-    using Outcome = serviceregistryclient::OrvRegistrationResponse;
-    using Model = std::shared_ptr<const common::ServiceModel>;
-
-    /// A callback for the library that has a member called on the loop, unless there was another
-    /// start() meanwhile.
-    template <typename Member>
-    auto onLoop(Member member);
-    void openContext();
-    void answered(const Outcome& outcome);
-    void notified(const Model& service, bool isRegistered);
-    void askForWithdrawal();
-    void withdrawalAnswered(const Outcome& outcome);
-    /// What was given up too, for as long as there is time.
-    bool isToBeWithdrawn() const { return state_ == State::Withdrawing || state_ == State::Left; }
-    void enter(State state, const nlohmann::json& details = nlohmann::json::object());
-    void report(const std::string& event, nlohmann::json details);
+    bool isLive() const;
+    void answered(const serviceregistryclient::OrvRegistrationResponse& outcome);
+    void enter(State state, const std::string& event,
+               const nlohmann::json& details = nlohmann::json::object());
 
     EventLoop& loop_;
-    const AnnouncementSettings& settings_;
     const std::shared_ptr<common::ServiceCreate> service_;
     StateCounts& counts_;
     const Changed changed_;
-    const std::shared_ptr<communication::ClientStatistics> statistics_;
 
     State state_ = State::Waiting;
     std::string since_;
     std::string announcedSince_;
     std::string uuid_;
-    std::string registrySaid_;
+    /// Why it is not confirmed, refused or left; empty where it is as it should be.
+    std::string reason_;
     std::uint64_t timesAnnounced_ = 0;
-    /// When the number of checks was last seen to change, and the number.
-    std::pair<EventLoop::Clock::time_point, std::uint64_t> lastCheck_;
-    EventLoop::Clock::time_point withdrawalBegin_;
-    /// Before the next request for the withdrawal; doubled by each.
-    std::chrono::milliseconds withdrawalPause_{0};
-    unsigned long start_ = 0;
-    serviceregistryclient::IOrvServiceRegistryClient::UnregisterHandle unregister_;
-    std::unique_ptr<serviceregistryclient::OrvServiceRegistryContext> context_;
+    Status known_;
+    /// Events up to this request id are about registrations before the last announce().
+    std::uint64_t lastOldId_ = 0;
+    Client::UnregisterHandle unregister_;
 };
 
 const char* toString(Announcement::State state);

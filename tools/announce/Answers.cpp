@@ -1,4 +1,4 @@
-// What the library and its statistics know, in words and figures.
+// What the library tells, in words and figures.
 // Everything happens on the main thread; there is no lock.
 
 #include "Answers.h"
@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <set>
 
 #include "Report.h"
 
@@ -15,20 +16,11 @@ using communication::ClientStatistics;
 using communication::CommunicationStatus;
 using nlohmann::json;
 using serviceregistryclient::OrvRegistrationResponse;
+using serviceregistryclient::RegistrationStatus;
 
 namespace {
 
 constexpr std::size_t kLongestBody = 200;
-
-json describe(ClientStatistics::Method method, const ClientStatistics::Last& last) {
-    json answer{{"method", communication::methodToString(method)},
-                {"outcome", communication::communicationStatusToString(last.status)},
-                {"when", timestamp(last.when)}};
-    if (last.httpStatus != 0) {
-        answer["httpStatus"] = last.httpStatus;
-    }
-    return answer;
-}
 
 }  // namespace
 
@@ -48,23 +40,20 @@ std::string toText(const OrvRegistrationResponse& outcome) {
     return text;
 }
 
-json toJson(const ClientStatistics::Snapshot& counted, std::uint64_t announced) {
-    const auto& puts = counted.byMethod.at(ClientStatistics::Method::Put);
-    const auto& checks = counted.byMethod.at(ClientStatistics::Method::Head);
-    json figures{{"retries", puts.completed - std::min(puts.completed, announced)},
-                 {"checks", checks.completed}};
-    const auto confirmed = std::max(puts.lastGood, checks.lastGood);
-    if (confirmed) {
-        figures["lastConfirmed"] = timestamp(*confirmed);
+json toJson(const RegistrationStatus::Failure& failure) {
+    json shown{{"when", timestamp(failure.time)},
+               {"outcome", communication::communicationStatusToString(failure.communicationStatus)},
+               {"text", failure.text}};
+    if (failure.httpStatus != 0) {
+        shown["httpStatus"] = failure.httpStatus;
     }
-    const ClientStatistics::Last* newest = nullptr;
-    for (const auto& [method, counts] : counted.byMethod) {
-        if (counts.last && (newest == nullptr || counts.last->when >= newest->when)) {
-            newest = &*counts.last;
-            figures["lastAnswer"] = describe(method, *newest);
-        }
-    }
-    return figures;
+    return shown;
+}
+
+// The statuses that are tried again are those of OrvServiceRegistryContext::enableResilience().
+bool isRefusal(const RegistrationStatus::Failure& failure) {
+    static const std::set<int> passing{408, 425, 429, 500, 502, 503, 504};
+    return failure.httpStatus >= 300 && passing.count(failure.httpStatus) == 0;
 }
 
 bool nothingWasSent(const ClientStatistics::Snapshot& counted) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <serviceregistryclient/OrvRegistrationResponse.h>
+#include <serviceregistryclient/RegistrationStatus.h>
 
 #include <orvx/communication/ClientStatistics.h>
 
@@ -14,10 +15,10 @@ namespace orvx::announce {
 /// not asked.
 std::string toText(const serviceregistryclient::OrvRegistrationResponse& outcome);
 
-/// The figures of one service: attempts, checks, the last answer and the last confirmation.
-/// `announced`: how many attempts were successful.
-nlohmann::json toJson(const communication::ClientStatistics::Snapshot& counted,
-                      std::uint64_t announced);
+nlohmann::json toJson(const serviceregistryclient::RegistrationStatus::Failure& failure);
+
+/// Whether the registry gave an answer that ends a first registration.
+bool isRefusal(const serviceregistryclient::RegistrationStatus::Failure& failure);
 
 /// Whether no request has ever got so far as to be sent, although some have ended.
 bool nothingWasSent(const communication::ClientStatistics::Snapshot& counted);

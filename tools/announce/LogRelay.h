@@ -5,33 +5,40 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace orvx::announce {
 
 /// Hands the library's log lines, as they are, to a function, which is called on the thread that
-/// logs.
+/// logs. It is the factory and all its loggers. To be made as a std::shared_ptr.
 /// Thread-safety: every operation may be called from any thread.
-class LogRelay : public utility::ILoggerFactory {
+class LogRelay : public utility::ILoggerFactory,
+                 public utility::ILogger,
+                 public std::enable_shared_from_this<LogRelay> {
   public:
-    using Line = std::function<void(const std::string& message, int level)>;
+    using Line = std::function<void(const std::string& message)>;
 
-    explicit LogRelay(Line line) : sink_(std::make_shared<Sink>(std::move(line))) {}
+    explicit LogRelay(Line line) : line_(std::move(line)) {}
 
-    std::shared_ptr<utility::ILogger> createLogger(const std::string& component,
-                                                   const std::string& name) override;
+    std::shared_ptr<ILogger> createLogger(const std::string& /*component*/,
+                                          const std::string& /*name*/) override {
+        return shared_from_this();
+    }
     void flush() override {}
-    utility::ILogger::LogLevel getLogLevel() const override { return sink_->level; }
-    void setLogLevel(utility::ILogger::LogLevel level) override { sink_->level = level; }
+    LogLevel getLogLevel() const override { return level_; }
+    void setLogLevel(LogLevel level) override { level_ = level; }
+
+    void log(const std::string& message, int level) override {
+        if (isEnabled(static_cast<LogLevel>(level))) {
+            line_(message);
+        }
+    }
+    bool isEnabled(LogLevel level) const override { return level <= level_; }
 
   private:
-    struct Sink {
-        explicit Sink(Line taker) : line(std::move(taker)) {}
-        const Line line;
-        std::atomic<utility::ILogger::LogLevel> level{utility::Logger::DEFAULT_LOG_LEVEL};
-    };
-    class RelayingLogger;
-
-    std::shared_ptr<Sink> sink_;
+    const Line line_;
+    std::atomic<LogLevel> level_{utility::Logger::DEFAULT_LOG_LEVEL};
 };
 
 }  // namespace orvx::announce

@@ -1,20 +1,17 @@
 // What follows what, from the start of the command to the exit code.
-// Everything happens on the main thread, in tasks of the loop, but for the closing of the contexts
-// at the end; there is no lock.
+// Everything happens on the main thread, in tasks of the loop; there is no lock.
 
 #include "Supervisor.h"
 
 #include <unistd.h>
 #include <csignal>
 
-#include <atomic>
 #include <cstddef>
+#include <map>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "ExitCodes.h"
-#include "Settings.h"
 
 namespace orvx::announce {
 
@@ -27,53 +24,26 @@ namespace {
 constexpr auto kTick = 1s;
 /// So many times as long as a status takes passes until the next one.
 constexpr int kStatusShare = 20;
-constexpr std::size_t kServicesPerCloser = 30;
-
-/// Closing a context waits for its threads to end: so many are closed at the same time.
-void close(std::vector<std::unique_ptr<Announcement>>& announcements) {
-    std::atomic<std::size_t> next{0};
-    const auto closeSome = [&] {
-        for (std::size_t i = next++; i < announcements.size(); i = next++) {
-            announcements[i].reset();
-        }
-    };
-    std::vector<std::thread> closers;
-    try {
-        while (closers.size() < announcements.size() / kServicesPerCloser) {
-            closers.emplace_back(closeSome);
-        }
-    } catch (const std::system_error&) {  // too many threads: those that there are do it
-    }
-    closeSome();
-    for (std::thread& closer : closers) {
-        closer.join();
-    }
-}
 
 }  // namespace
 
 Supervisor::Supervisor(const Options& options)
     : options_(options),
       token_(options.registry.tokenFile),
-      settings_(settingsFrom(options.registry, token_.credentials())),
       report_(options.command.empty() ? STDOUT_FILENO : STDERR_FILENO, options.json),
       statusFile_(options.statusFile),
       signals_(loop_, [this](int number, bool fromTerminal) { onSignal(number, fromTerminal); }),
       children_(signals_.originalMask()),
       command_(children_),
-      readyCheck_(loop_, children_, options) {
-    for (const json& description : options.services) {
-        announcements_.push_back(std::make_unique<Announcement>(
-            loop_, settings_, description, counts_,
-            [this](const std::string& event, const json& details) { onChange(event, details); }));
-    }
-}
+      readyCheck_(loop_, children_, options),
+      announcer_(
+          loop_, options, token_.credentials(),
+          [this](const std::string& event, const json& details) { onChange(event, details); }) {}
 
 int Supervisor::run() {
     loop_.post([this] { startCommand(); });
     loop_.run();
     keepStatus();
-    close(announcements_);
     return exitCode_;
 }
 
@@ -105,18 +75,7 @@ void Supervisor::onReady() {
         report_.event("ready", Mood::Plain);
     }
     serviceManager_.tell("READY=1");
-    callEachWhileServing(&Announcement::start);
-}
-
-/// Each in a task of its own, so that other tasks get their turn: opening a context starts threads.
-void Supervisor::callEachWhileServing(void (Announcement::*operation)()) {
-    for (const auto& announcement : announcements_) {
-        loop_.post([this, operation, one = announcement.get()] {
-            if (phase_ == Phase::Serving) {
-                (one->*operation)();
-            }
-        });
-    }
+    announcer_.announce();
 }
 
 void Supervisor::onNotReady() {
@@ -164,7 +123,9 @@ void Supervisor::onHangup(bool fromTerminal) {
     }
     command_.signal(SIGHUP);
     readTokenAgain();
-    callEachWhileServing(&Announcement::startAgainIfRefused);
+    if (phase_ == Phase::Serving) {
+        announcer_.announce();
+    }
 }
 
 void Supervisor::readTokenAgain() {
@@ -194,34 +155,34 @@ void Supervisor::stop(int number, bool fromTerminal) {
 void Supervisor::withdraw() {
     phase_ = Phase::Withdrawing;
     serviceManager_.tell("STOPPING=1");
-    bound_ = loop_.after(options_.withdrawTimeout, [this] { stopCommand(); });
-    for (const auto& announcement : announcements_) {
-        announcement->withdraw();
-    }
+    announcer_.withdraw();
     goOn();
 }
 
 void Supervisor::onChange(const std::string& event, const json& details) {
-    const bool isBad = event == "lost" || event == "refused" || event == "left";
-    report_.event(event,
-                  isBad                  ? Mood::Bad
-                  : event == "announced" ? Mood::Good
-                                         : Mood::Plain,
-                  details);
+    static const std::map<std::string, Mood> moods{
+        {"announced", Mood::Good}, {"reachable", Mood::Good}, {"unreachable", Mood::Bad},
+        {"lost", Mood::Bad},       {"refused", Mood::Bad},    {"left", Mood::Bad}};
+    if (!event.empty()) {
+        const auto found = moods.find(event);
+        report_.event(event, found == moods.end() ? Mood::Plain : found->second, details);
+    }
     if (event != "log") {
         keepStatusSoon();
         loop_.post([this] { goOn(); });
     }
 }
 
-/// Whether nothing is left to wait for.
+/// To the next phase, when there is nothing left to wait for.
 void Supervisor::goOn() {
     using State = Announcement::State;
-    const bool areAllOver = count(State::Refused) + count(State::Withdrawn) + count(State::Left) ==
-                            announcements_.size();
+    const std::size_t over = announcer_.count(State::Refused) + announcer_.count(State::Withdrawn) +
+                             announcer_.count(State::Left);
     const bool isOnlyThere = phase_ == Phase::Serving && options_.command.empty();
-    if (areAllOver && (phase_ == Phase::Withdrawing || isOnlyThere)) {
+    if (phase_ == Phase::Withdrawing && over == announcer_.size()) {
         stopCommand();
+    } else if (isOnlyThere && over + announcer_.count(State::Clearing) == announcer_.size()) {
+        withdraw();
     }
 }
 
@@ -229,9 +190,7 @@ void Supervisor::stopCommand() {
     phase_ = Phase::Stopping;
     loop_.cancel(bound_);
     readyCheck_.stop();
-    for (const auto& announcement : announcements_) {
-        announcement->giveUp();
-    }
+    announcer_.giveUp();
     if (!command_.isRunning()) {
         leave();
         return;
@@ -253,11 +212,11 @@ void Supervisor::leave() {
 
 int Supervisor::exitCodeAlone() const {
     using State = Announcement::State;
-    return count(State::Left) + count(State::Refused) == 0 ? kWithdrawn : kNotWithdrawn;
+    return announcer_.count(State::Left) + announcer_.count(State::Refused) == 0 ? kWithdrawn
+                                                                                 : kNotWithdrawn;
 }
 
 void Supervisor::tick() {
-    callEachWhileServing(&Announcement::keepChecked);
     keepStatusSoon();
     loop_.after(kTick, [this] { tick(); });
 }
@@ -302,25 +261,16 @@ void Supervisor::keepStatus() {
                                                                 (EventLoop::Clock::now() - begin));
 }
 
-std::size_t Supervisor::count(Announcement::State state) const {
-    const auto found = counts_.find(state);
-    return found == counts_.end() ? 0 : found->second;
-}
-
 std::string Supervisor::summary() const {
-    return std::to_string(count(Announcement::State::Announced)) + " of " +
-           std::to_string(announcements_.size()) + " announced";
+    return std::to_string(announcer_.count(Announcement::State::Announced)) + " of " +
+           std::to_string(announcer_.size()) + " announced";
 }
 
-json Supervisor::status() const {
+json Supervisor::status() {
     static constexpr const char* phases[] = {"starting", "serving", "withdrawing", "stopping"};
-    json services = json::array();
-    for (const auto& announcement : announcements_) {
-        services.push_back(announcement->status());
-    }
     json state{{"pid", ::getpid()},       {"phase", phases[static_cast<std::size_t>(phase_)]},
                {"startedAt", startedAt_}, {"registry", options_.registry.url},
-               {"summary", summary()},    {"services", services}};
+               {"summary", summary()},    {"services", announcer_.status()}};
     if (command_.isRunning()) {
         state["commandPid"] = command_.pid();
     }

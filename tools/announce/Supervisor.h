@@ -1,10 +1,8 @@
 #pragma once
 
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "Announcement.h"
+#include "Announcer.h"
 #include "Children.h"
 #include "Command.h"
 #include "EventLoop.h"
@@ -38,7 +36,6 @@ class Supervisor {
     void onSignal(int number, bool fromTerminal);
     void onHangup(bool fromTerminal);
     void onChange(const std::string& event, const nlohmann::json& details);
-    void callEachWhileServing(void (Announcement::*operation)());
 
     void readTokenAgain();
     void stop(int number, bool fromTerminal);
@@ -53,13 +50,11 @@ class Supervisor {
     void showStatus();
     void keepStatusSoon();
     void keepStatus();
-    std::size_t count(Announcement::State state) const;
     std::string summary() const;
-    nlohmann::json status() const;
+    nlohmann::json status();
 
     const Options& options_;
     TokenFile token_;
-    const AnnouncementSettings settings_;
     Report report_;
     ServiceManager serviceManager_;
     StatusFile statusFile_;
@@ -80,9 +75,8 @@ class Supervisor {
     int signalToPassOn_ = 0;
     /// What leave() shall not find out by itself.
     int exitCode_ = 0;
-    Announcement::StateCounts counts_;
-    /// Last: their contexts' threads post to the loop.
-    std::vector<std::unique_ptr<Announcement>> announcements_;
+    /// Last: its threads post to the loop.
+    Announcer announcer_;
 };
 
 }  // namespace orvx::announce

@@ -1,0 +1,123 @@
+// All services of the program, in one context of the library.
+// Everything happens on the main thread. The library's threads only post to the loop, and copy
+// what they pass; there is no lock.
+
+#include "Announcer.h"
+
+#include <exception>
+#include <utility>
+
+#include "Answers.h"
+#include "LogRelay.h"
+
+namespace orvx::announce {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+namespace {
+
+/// An attempt that is under way may be the first one that reaches the registry.
+constexpr std::chrono::milliseconds kGraceOfTheUnreached = 500ms;
+
+}  // namespace
+
+Announcer::Announcer(EventLoop& loop, const Options& options,
+                     std::shared_ptr<communication::HttpCredentials> credentials,
+                     Announcement::Changed changed)
+    : loop_(loop),
+      options_(options),
+      credentials_(std::move(credentials)),
+      statistics_(std::make_shared<communication::ClientStatistics>()),
+      changed_(std::move(changed)) {
+    for (const json& description : options.services) {
+        announcements_.try_emplace(description.at("uri").get<std::string>(), loop_, description,
+                                   counts_, changed_);
+    }
+}
+
+void Announcer::open() {
+    const RegistryOptions& registry = options_.registry;
+    communication::HttpConfig http;
+    http.userAgent = "orvx-announce";
+    http.credentials = credentials_;
+    http.statistics = statistics_;
+    http.proxy = registry.proxy;
+    http.unixSocketPath = registry.unixSocket;
+    http.tls.enabled = registry.secure;
+    http.tls.authorityFile = registry.authorityFile;
+    http.tls.clientCertificateFile = registry.clientCertificateFile;
+    http.tls.clientKeyFile = registry.clientKeyFile;
+    auto context = std::make_unique<Context>();
+    context->setHttpConfig(http);
+    context->enableResilience(true);
+    context->setCheckInterval(registry.checkInterval);
+    context->setHeadTimeout(registry.checkTimeout);
+    context->setRetryInterval(registry.retryInterval);
+    context->setSyncCallUnregisterTimeout(options_.withdrawTimeout);
+    context->setRegistrationListener([this](const Announcement::Event& event) {
+        loop_.post([=] { announcements_.at(event.status.uri).take(event); });
+    });
+    context->setLoggerFactory(std::make_shared<LogRelay>([this](const std::string& message) {
+        loop_.post([=] { changed_("log", {{"message", message}}); });
+    }));
+    context->init();
+    context_ = std::move(context);
+}
+
+void Announcer::announce() {
+    try {
+        if (!context_) {
+            open();
+        }
+    } catch (const std::exception& error) {
+        for (auto& [uri, announcement] : announcements_) {
+            announcement.refuse(error.what());
+        }
+        return;
+    }
+    const auto& at = options_.registry;
+    const common::ServiceInfo registry("registry", at.host, at.port);
+    for (auto& [uri, announcement] : announcements_) {
+        announcement.announce(*context_->getServiceRegistryClient(), registry);
+    }
+}
+
+void Announcer::withdraw() {
+    each(&Announcement::withdraw);
+    loop_.after(kGraceOfTheUnreached, [this] {
+        if (nothingWasSent(statistics_->snapshot())) {
+            each(&Announcement::findNothingSent);
+        }
+    });
+}
+
+void Announcer::giveUp() {
+    each(&Announcement::giveUp);
+}
+
+void Announcer::each(void (Announcement::*operation)()) {
+    for (auto& [uri, announcement] : announcements_) {
+        (announcement.*operation)();
+    }
+}
+
+std::size_t Announcer::count(Announcement::State state) const {
+    const auto found = counts_.find(state);
+    return found == counts_.end() ? 0 : found->second;
+}
+
+json Announcer::status() {
+    if (context_) {
+        for (const auto& known : context_->getRegistrations()) {
+            announcements_.at(known.uri).take(known);
+        }
+    }
+    json status = json::array();
+    for (const auto& [uri, announcement] : announcements_) {
+        status.push_back(announcement.status());
+    }
+    return status;
+}
+
+}  // namespace orvx::announce
