@@ -168,8 +168,7 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
 
     struct Data;
     /// The client whose registrations these are: the library's own, whatever a factory made of it.
-    void attach(std::shared_ptr<ClientReference> client);
-    void withdrawEverything();
+    ORVX_HIDDEN void attach(std::shared_ptr<ClientReference> client);
 
     Data* data_;
 };

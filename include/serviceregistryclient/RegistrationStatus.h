@@ -12,7 +12,7 @@
 namespace orvx::serviceregistryclient {
 
 /// What the client knows of one registration at one moment. A value. Times are those of the
-/// system's clock.
+/// system's clock, in whole milliseconds.
 struct RegistrationStatus {
     /// Where a registration stands.
     enum class State : std::uint8_t {

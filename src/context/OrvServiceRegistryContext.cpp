@@ -35,6 +35,16 @@ struct OrvServiceRegistryContext::Data {
         const utility::MutexLock lock(mutex);
         return attached;
     }
+
+    void withdrawEverything() {
+        const auto reference = attachedClient();
+        if (reference && withdrawAtDeinit > std::chrono::milliseconds::zero()) {
+            reference->call([this](OrvServiceRegistryClient& ending) {
+                ending.withdrawWithin(withdrawAtDeinit);
+            });
+        }
+    }
+
     bool retryEnabled = true;
     bool checkEnabled = true;
     std::uint16_t maxRetryCount = 0;
@@ -89,7 +99,7 @@ OrvServiceRegistryContext::~OrvServiceRegistryContext() {
         data_->older = newest.exchange(data_);
         return;
     }
-    withdrawEverything();
+    data_->withdrawEverything();
     delete data_;
 }
 
@@ -113,7 +123,7 @@ void OrvServiceRegistryContext::deinit() {
     if (!data_->initiated || data_->isLeftBehind()) {
         return;
     }
-    withdrawEverything();
+    data_->withdrawEverything();
     data_->client.reset();
     data_->initiated = false;
 }
@@ -313,15 +323,6 @@ std::vector<RegistrationStatus> OrvServiceRegistryContext::getRegistrations() co
 void OrvServiceRegistryContext::attach(std::shared_ptr<ClientReference> client) {
     const utility::MutexLock lock(data_->mutex);
     data_->attached = std::move(client);
-}
-
-void OrvServiceRegistryContext::withdrawEverything() {
-    const auto attached = data_->attachedClient();
-    if (attached && data_->withdrawAtDeinit > std::chrono::milliseconds::zero()) {
-        attached->call([this](OrvServiceRegistryClient& client) {
-            client.withdrawWithin(data_->withdrawAtDeinit);
-        });
-    }
 }
 
 }  // namespace orvx::serviceregistryclient
