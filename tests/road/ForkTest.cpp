@@ -56,6 +56,7 @@ class AForkedChild : public RoadTest {
         parent.setLoggerFactory(log);
         parent.setHeadTimeout(1min);
         parent.setCheckInterval(0s);
+        parent.setWithdrawAtDeinit(1min);  // a child withdraws nothing
         parent.init();
         lamp = parent.getServiceRegistryClient()->registerServiceAtRegistry(at(front.port()),
                                                                             service("lamp"));

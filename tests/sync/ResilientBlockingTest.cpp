@@ -102,6 +102,9 @@ TEST_F(AResilientCall, FromACallbackIsAnsweredAtOnceAndLogged) {
     client().registerServiceAtRegistry(registry, service("other"), [&](const Response&) {
         const auto set = client().registerServicesAtRegistry(registry, named(1));
         const auto all = client().unregisterAllServicesFromRegistry();
+        EXPECT_FALSE(set.first);
+        EXPECT_FALSE(all.first);
+        EXPECT_TRUE(client().registerServicesAtRegistry(registry, {}).first) << "it does not wait";
         answers.set_value(
             {answerOf(client().registerServiceAtRegistry(registry, service("x")).response),
              answerOf(set.second.begin()->second.response), answerOf(all.second.begin()->second),
@@ -116,6 +119,38 @@ TEST_F(AResilientCall, FromACallbackIsAnsweredAtOnceAndLogged) {
                    testing::error("A blocking call from a callback or listener would wait for "
                                   "itself.")),
         4);
+}
+
+TEST_F(AResilientCall, EndsWithItsTimeOutWhileACallbackRuns) {
+    context.setSyncCallRegistryTimeout(milliseconds(50));
+    context.setSyncCallUnregisterTimeout(milliseconds(50));
+    context.init();
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    std::promise<void> begun;
+    std::promise<void> over;
+    client().registerServiceAtRegistry(registry, service("other"), [&](const Response&) {
+        begun.set_value();
+        over.get_future().wait();
+    });
+    begun.get_future().wait();
+    EXPECT_EQ(answerOf(client().registerServiceAtRegistry(registry, service("x")).response),
+              "ERROR/TIMEOUT");
+    EXPECT_EQ(answerOf(result.unregister()), "ERROR/TIMEOUT");
+    EXPECT_FALSE(client().unregisterAllServicesFromRegistry().first);
+    over.set_value();
+}
+
+// Nothing is registered in a callback of the same client, so nothing is logged there.
+TEST_F(AResilientCall, OverNoServicesMayBeMadeFromACallback) {
+    context.init();
+    std::promise<bool> withdrawn;
+    client().registerServiceAtRegistry(registry, service(), [&](const Response&) {
+        withdrawn.set_value(client().unregisterAllServicesFromRegistry().first);
+    });
+    EXPECT_TRUE(withdrawn.get_future().get());
+    for (const auto& line : log->takeLines()) {
+        EXPECT_EQ(line.text.find("A blocking call"), std::string::npos) << line.text;
+    }
 }
 
 TEST_F(AResilientCall, EndsWhenTheClientIsStopped) {
@@ -137,6 +172,91 @@ TEST_F(AResilientCall, EndsWhenTheClientIsStopped) {
               "ERROR/DELEGATOR_NOT_INITIATED");
 }
 
+TEST_F(AResilientCall, ThatWithdrawsEndsWhenTheClientIsStopped) {
+    context.setSyncCallUnregisterTimeout(milliseconds(0));
+    context.init();
+    auto& stopped = dynamic_cast<OrvServiceRegistryClient&>(client());
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    server.onRequest([](const testing::Request&) { return testing::Script().silence(); });
+    BlockingCall<std::string> one([&] { return answerOf(result.unregister()); });
+    BlockingCall<std::string> all([&] {
+        return answerOf(client().unregisterAllServicesFromRegistry().second.begin()->second);
+    });
+    ASSERT_TRUE(one.isWaiting());
+    ASSERT_TRUE(all.isWaiting());
+    stopped.deinit();
+    EXPECT_EQ(one.get(), "ERROR/DELEGATOR_NOT_INITIATED");
+    EXPECT_EQ(all.get(), "ERROR/DELEGATOR_NOT_INITIATED");
+}
+
+// What is asked of a stopped client is answered at its next start: the call must not wait for that.
+TEST_F(AResilientCall, DuringWhichTheClientIsStoppedEnds) {
+    context.setSyncCallRegistryTimeout(milliseconds(0));
+    context.setOrvServiceRegistryClientFactory(
+        std::make_shared<FunctionFactory>([this](auto loggers, bool withPrefix) {
+            auto made = std::make_unique<ScriptedClient>(std::move(loggers), withPrefix, context);
+            made->onRegister = [scripted = made.get()](const auto& at, const auto& one,
+                                                       ResponseCallback callback) {
+                scripted->deinit();
+                return scripted->registerForReal(at, one, std::move(callback));
+            };
+            return made;
+        }));
+    context.init();
+    BlockingCall<std::string> call([&] {
+        return answerOf(client().registerServiceAtRegistry(registry, service("echo")).response);
+    });
+    EXPECT_EQ(call.get(), "ERROR/DELEGATOR_NOT_INITIATED");
+}
+
+TEST_F(AResilientCall, MayHaveALongerTimeOutThanTheClockCounts) {
+    context.setSyncCallRegistryTimeout(milliseconds::max());
+    context.setSyncCallUnregisterTimeout(milliseconds::max());
+    context.init();
+    const auto result = client().registerServiceAtRegistry(registry, service("echo"));
+    EXPECT_EQ(answerOf(result.response), "OK/NONE");
+    EXPECT_EQ(answerOf(result.unregister()), "OK/NONE");
+}
+
+TEST_F(AResilientCall, OverASetFailsWithOneOfItsServices) {
+    server.onRequest([](const testing::Request& request) {
+        const bool isRefused = request.target == "/bad";
+        return testing::response(isRefused                 ? 403
+                                 : request.method == "PUT" ? 201
+                                                           : 200,
+                                 {{"Location", request.target}});
+    });
+    context.init();
+    ServiceSet services = named(2);
+    const auto refused = service("bad");
+    services.insert(refused);
+    const auto registered = client().registerServicesAtRegistry(registry, services);
+    EXPECT_FALSE(registered.first);
+    for (const auto& [one, result] : registered.second) {
+        EXPECT_EQ(answerOf(result.response),
+                  one == refused ? "ERROR/SERVICE_REGISTRY_ERROR" : "OK/NONE");
+    }
+}
+
+TEST_F(AResilientCall, OverAllServicesFailsWithOneOfThem) {
+    server.onRequest([](const testing::Request& request) {
+        const bool isRefused = request.method == "DELETE" && request.target == "/echo-1";
+        return testing::response(isRefused                 ? 403
+                                 : request.method == "PUT" ? 201
+                                                           : 200,
+                                 {{"Location", request.target}});
+    });
+    context.init();
+    ASSERT_TRUE(client().registerServicesAtRegistry(registry, named(3)).first);
+    const auto withdrawn = client().unregisterAllServicesFromRegistry();
+    EXPECT_FALSE(withdrawn.first);
+    EXPECT_EQ(withdrawn.second.size(), 3U);
+    for (const auto& [one, response] : withdrawn.second) {
+        EXPECT_EQ(answerOf(response),
+                  one->getName() == "echo-1" ? "ERROR/SERVICE_REGISTRY_ERROR" : "OK/NONE");
+    }
+}
+
 TEST_F(AResilientCall, MayWithdrawWhenTheClientIsGone) {
     context.init();
     const auto result = client().registerServiceAtRegistry(registry, service("echo"));
@@ -155,10 +275,10 @@ class WithdrawalAtTheEnd : public AResilientCall, public ::testing::WithParamInt
             std::count_if(requests.begin(), requests.end(),
                           [](const auto& request) { return request.method == "DELETE"; }));
     }
-    std::vector<std::string> warnings() {
+    std::vector<std::string> warnings(const std::string& beginning = "not withdrawn") {
         std::vector<std::string> texts;
         for (const auto& line : log->takeLines()) {
-            if (line.text.find("not withdrawn") == 0) {
+            if (line.text.find(beginning) == 0) {
                 texts.push_back(line.text);
             }
         }
@@ -171,6 +291,7 @@ TEST_P(WithdrawalAtTheEnd, IsNotMadeByDefault) {
     client().registerServicesAtRegistry(registry, named(3));
     context.deinit();
     EXPECT_EQ(deletes(), 0U);
+    EXPECT_TRUE(warnings().empty());
 }
 
 TEST_P(WithdrawalAtTheEnd, WithdrawsEverythingByDeinit) {
@@ -196,6 +317,27 @@ TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
         server.release("go");
     }
     EXPECT_EQ(deletes(), 1U);
+    EXPECT_TRUE(warnings("Trying to unregister").empty());
+}
+
+TEST_P(WithdrawalAtTheEnd, AsksAgainForWhatWasRefused) {
+    context.setWithdrawAtDeinit(std::chrono::seconds(10));
+    context.init();
+    client().registerServicesAtRegistry(registry, named(1));
+    server.nextRequest(testing::response(503));
+    context.deinit();
+    EXPECT_EQ(deletes(), 2U);
+    EXPECT_TRUE(warnings().empty());
+}
+
+TEST_P(WithdrawalAtTheEnd, AsksOnceForWhatGetsNoAnswer) {
+    context.setWithdrawAtDeinit(milliseconds(300));
+    context.init();
+    client().registerServicesAtRegistry(registry, named(2));
+    server.onRequest([](const testing::Request&) { return testing::Script().silence(); });
+    context.deinit();
+    EXPECT_LE(deletes(), 2U);
+    EXPECT_EQ(warnings().size(), 2U);
 }
 
 TEST_P(WithdrawalAtTheEnd, NamesWhatCouldNotBeWithdrawnInTime) {
@@ -213,6 +355,28 @@ TEST_P(WithdrawalAtTheEnd, TakesNoTimeWithoutServices) {
     context.setWithdrawAtDeinit(std::chrono::hours(1));
     context.init();
     context.deinit();
+}
+
+TEST_F(AResilientCall, IsNotNeededAtTheEndForWhatNeverCameIntoBeing) {
+    server.stopListening();
+    context.setWithdrawAtDeinit(std::chrono::hours(1));
+    std::promise<void> unreachable;
+    context.setRegistrationListener(
+        [&unreachable, count = 0](const RegistrationEvent& event) mutable {
+            count += event.kind == RegistrationEvent::Kind::Unreachable ? 1 : 0;
+            count == 2 ? unreachable.set_value() : void();
+        });
+    context.init();
+    // Two of one entry: the withdrawal of the second one takes the first one with it.
+    std::vector<std::string> answers;
+    for (int i = 0; i < 2; ++i) {
+        client().registerServiceAtRegistry(
+            registry, service("echo"),
+            [&](const Response& response) { answers.push_back(answerOf(response)); });
+    }
+    unreachable.get_future().wait();
+    context.deinit();
+    EXPECT_THAT(answers, ::testing::ElementsAre("ERROR/OTHER", "ERROR/OTHER"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rules, WithdrawalAtTheEnd, ::testing::Bool(),
