@@ -1,0 +1,308 @@
+// What becomes of announcements in hard cases, without resilience and with it, in simulated time.
+// Each case prints a row of the table in docs/reliability.md; --verify compares all of them with
+// that page.
+#include "BlockingCall.h"
+#include "Jitter.h"
+#include "RandomHistory.h"
+
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <orvx/common/XObject.h>
+#include <orvx/simulation/World.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace orvx::simulation {
+namespace {
+
+using common::ServiceCreate;
+using common::XObject;
+using communication::CommunicationStatus;
+using communication::HttpResponse;
+using serviceregistryclient::IOrvServiceRegistryClient;
+using serviceregistryclient::OrvServiceRegistryContext;
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::BlockingCall;
+
+/// Answers each request 1 to 20 ms after it came.
+class SlowRegistry {
+  public:
+    explicit SlowRegistry(World& world) : world_(world) {}
+
+    /// Turns the clock, and answers what is asked meanwhile.
+    void run(milliseconds duration) {
+        runUntil(world_.now() + duration, [] { return false; });
+    }
+    /// How long it took until it held so many entries, at most `bound`.
+    milliseconds timeUntilItHolds(std::size_t count, milliseconds bound) {
+        const milliseconds begin = world_.now();
+        runUntil(begin + bound, [&] { return entries.size() == count; });
+        return world_.now() - begin;
+    }
+    /// Answers nothing for so long, then all at once.
+    void pause(milliseconds duration) { pausedUntil_ = world_.now() + duration; }
+    /// The entries that were asked for by HEAD within that time.
+    std::size_t checkedWithin(milliseconds duration) {
+        checked_.clear();
+        run(duration);
+        return checked_.size();
+    }
+
+    /// By path.
+    std::set<std::string> entries;
+    /// Cannot be connected to.
+    bool isAway = false;
+    /// Acts on a DELETE, and the connection breaks before its answer.
+    bool losesAnswersToDelete = false;
+
+  private:
+    void runUntil(milliseconds end, const std::function<bool()>& isDone) {
+        for (bool isLate = false; !isLate && !isDone();) {
+            world_.settle();
+            while (const auto request = world_.takeRequest()) {
+                const milliseconds latency(1 + random_.below(20));
+                asked_.emplace(std::max(world_.now() + latency, pausedUntil_), *request);
+            }
+            milliseconds next = end;
+            if (!asked_.empty()) {
+                next = std::min(next, asked_.begin()->first);
+            }
+            if (const auto delay = world_.nextDelay()) {
+                next = std::min(next, world_.now() + *delay);
+            }
+            isLate = next >= end;
+            world_.advance(next - world_.now());
+            while (!asked_.empty() && asked_.begin()->first <= world_.now()) {
+                Request request = asked_.begin()->second;
+                asked_.erase(asked_.begin());
+                request.answer(answerTo(request));
+            }
+        }
+    }
+    HttpResponse answerTo(const Request& request) {
+        using Code = HttpResponse::StatusCode;
+        if (isAway) {
+            return HttpResponse(CommunicationStatus::ConnectFailed);
+        }
+        if (request.method() == "PUT") {
+            entries.insert(request.path());
+            return {Code::Created, "Location: " + request.path() + "\r\n", ""};
+        }
+        const bool isThere = entries.count(request.path()) != 0;
+        if (request.method() == "HEAD") {
+            checked_.insert(request.path());
+        } else {
+            entries.erase(request.path());
+            if (losesAnswersToDelete) {
+                return HttpResponse(CommunicationStatus::ReceiveFailed);
+            }
+        }
+        return {isThere ? Code::Ok : Code::NotFound, "", ""};
+    }
+
+    World& world_;
+    Random random_{1};
+    milliseconds pausedUntil_{0};
+    std::multimap<milliseconds, Request> asked_;  ///< By when it is answered.
+    std::set<std::string> checked_;
+};
+
+/// A client with the default options.
+struct Scene {
+    explicit Scene(bool isResilient) {
+        seedJitter(1);
+        context.enableResilience(isResilient);
+        context.setLogLevel(utility::ILogger::LogLevel::Off);
+    }
+
+    IOrvServiceRegistryClient& client() {
+        if (!context.isInitiated()) {
+            context.init();
+        }
+        return *context.getServiceRegistryClient();
+    }
+    static std::shared_ptr<ServiceCreate> service(int number) {
+        const std::string name = std::to_string(number);
+        return std::make_shared<ServiceCreate>(std::make_unique<XObject>("", name, "/" + name));
+    }
+    /// One service each so many milliseconds.
+    void announce(int count, milliseconds pause = milliseconds(0)) {
+        for (int i = 0; i < count; ++i) {
+            withdraw = client().registerServiceAtRegistry(at, service(i), nullptr);
+            registry.run(pause);
+        }
+    }
+
+    const common::ServiceInfo at{"registry", "registry.test", 8500};
+    World world;  // before all that lives in it
+    SlowRegistry registry{world};
+    OrvServiceRegistryContext context;
+    /// The last service.
+    IOrvServiceRegistryClient::UnregisterHandle withdraw;
+};
+
+std::string afterPauseAndRestart(bool isResilient) {
+    Scene scene(isResilient);
+    scene.announce(20, milliseconds(25));
+    scene.registry.run(seconds(9));  // without resilience the checks are due within a second
+    scene.registry.pause(seconds(6));
+    scene.registry.run(minutes(1));
+    scene.registry.entries.clear();
+    scene.registry.run(minutes(10));
+    return std::to_string(scene.registry.entries.size());
+}
+
+std::string afterAnHour(bool isResilient) {
+    Scene scene(isResilient);
+    scene.announce(200, milliseconds(50));
+    scene.registry.run(hours(1));
+    return std::to_string(scene.registry.checkedWithin(seconds(30)));
+}
+
+std::string withdrawnWithoutAnswer(bool isResilient) {
+    Scene scene(isResilient);
+    scene.announce(1, seconds(1));
+    scene.registry.losesAnswersToDelete = true;
+    scene.withdraw({});
+    scene.registry.run(seconds(1));
+    scene.registry.losesAnswersToDelete = false;
+    scene.registry.run(hours(1));
+    return scene.registry.entries.empty() ? "nothing" : "the service again";
+}
+
+std::string withdrawnWhileAway(bool isResilient) {
+    Scene scene(isResilient);
+    scene.announce(1, seconds(1));
+    scene.registry.isAway = true;
+    scene.withdraw({});
+    scene.registry.run(minutes(1));
+    scene.registry.isAway = false;
+    scene.registry.run(hours(1));
+    return scene.registry.entries.empty() ? "nothing" : "the service still";
+}
+
+// The time-out of blocking calls is a real one.
+std::string withdrawnWithNothingThere(bool isResilient) {
+    Scene scene(isResilient);
+    const milliseconds timeout(200);
+    scene.context.setSyncCallUnregisterTimeout(timeout);
+    const auto begin = std::chrono::steady_clock::now();
+    const bool isWithdrawn = scene.client().unregisterAllServicesFromRegistry().first;
+    const bool isLate = std::chrono::steady_clock::now() - begin >= timeout;
+    return std::string(isWithdrawn ? "true" : "false") +
+           (isLate ? " after the unregister time-out, 30 s" : " at once");
+}
+
+// The call waits on a thread of its own, which is asleep while this one turns the clock.
+std::string registeredInOneCall(bool isResilient) {
+    Scene scene(isResilient);
+    const auto returned = std::make_shared<std::promise<void>>();
+    IOrvServiceRegistryClient::ServiceSet services;
+    for (int i = 0; i < 256; ++i) {
+        services.insert(scene.service(i));
+    }
+    IOrvServiceRegistryClient& client = scene.client();
+    auto call = std::make_unique<BlockingCall<bool>>([&, returned] {
+        const bool areAnnounced = client.registerServicesAtRegistry(scene.at, services).first;
+        returned->set_value();
+        return areAnnounced;
+    });
+    if (!call->isWaiting()) {
+        return "does not wait";
+    }
+    scene.registry.run(hours(1));
+    const seconds patience(isResilient ? 10 : 0);
+    if (returned->get_future().wait_for(patience) == std::future_status::ready) {
+        return call->get() ? "true" : "false";
+    }
+    static_cast<void>(call.release());  // its thread sleeps until the process ends
+    return "never";
+}
+
+std::string afterRestart(bool isResilient) {
+    constexpr int count = 1000;
+    Scene scene(isResilient);
+    scene.announce(count);
+    scene.registry.run(milliseconds(30100));  // without resilience all were checked just now
+    scene.registry.entries.clear();
+    const milliseconds time = scene.registry.timeUntilItHolds(count, hours(1));
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(1) << std::chrono::duration<double>(time).count()
+         << " s";
+    return text.str();
+}
+
+struct Case {
+    const char* name;
+    const char* text;
+    std::string (*run)(bool isResilient);
+};
+
+const Case kCases[] = {
+    {"pause", "The registry pauses for 6 s, and restarts empty later: of 20 services come back",
+     afterPauseAndRestart},
+    {"hour", "Nothing fails for an hour: of 200 services in one context are still checked",
+     afterAnHour},
+    {"lost-answer", "The answer to a withdrawal is lost: an hour later the registry holds",
+     withdrawnWithoutAnswer},
+    {"away", "A withdrawal is asked for while the registry is away: an hour later it holds",
+     withdrawnWhileAway},
+    {"nothing", "Everything is withdrawn where nothing is registered: the blocking call returns",
+     withdrawnWithNothingThere},
+    {"set", "256 services are registered in one blocking call: it returns", registeredInOneCall},
+    {"restart", "The registry restarts empty: all of 1,000 services are back after", afterRestart},
+};
+
+std::string rowOf(const Case& one) {
+    return "| `" + std::string(one.name) + "` | " + one.text + " | " + one.run(false) + " | " +
+           one.run(true) + " |";
+}
+
+/// Whether the page has the row.
+bool isOn(const std::string& page, const std::string& row) {
+    std::ifstream file(page);
+    for (std::string line; std::getline(file, line);) {
+        if (line == row) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+}  // namespace orvx::simulation
+
+int main(int argc, char** argv) {
+    using namespace orvx::simulation;
+    CLI::App app("Prints what becomes of announcements without resilience and with it");
+    std::vector<std::string> names;
+    std::string page;
+    std::set<std::string> all;
+    for (const Case& one : kCases) {
+        all.insert(one.name);
+    }
+    app.add_option("CASE", names, "The cases to run; all by default")->check(CLI::IsMember(all));
+    app.add_option("--verify", page, "A page that must have each row that is printed");
+    CLI11_PARSE(app, argc, argv);
+    bool isTrue = true;
+    for (const Case& one : kCases) {
+        if (names.empty() || std::count(names.begin(), names.end(), one.name) != 0) {
+            const std::string row = rowOf(one);
+            const bool isShown = page.empty() || isOn(page, row);
+            std::cout << row << (isShown ? "" : "  <- not in " + page) << std::endl;
+            isTrue = isTrue && isShown;
+        }
+    }
+    return isTrue ? 0 : 1;
+}
