@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
     }
     const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
     OrvServiceRegistryContext context;
+    context.enableResilience(true);  // keeps it announced, whatever the registry does
     context.setCheckInterval(std::chrono::seconds(4));  // longer than the head time-out, 3 s
     context.init();
     IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();

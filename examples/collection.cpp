@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
     }
     const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
     OrvServiceRegistryContext context;
+    context.enableResilience(true);  // keeps announcements valid, whatever the registry does
     context.init();
     IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
 

@@ -1,38 +1,32 @@
-// Announces the service "echo" and serves what the client counts, as text for Prometheus, until
+// Announces the service "echo" and serves what becomes of it, as text for Prometheus, until
 // standard input ends. Usage: metrics REGISTRY_HOST REGISTRY_PORT METRICS_PORT
+#include "PrometheusText.h"
+
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
+
 #include <boost/asio.hpp>
+
 #include <iostream>
 #include <thread>
 
-using namespace orvx::communication;
 using namespace boost::asio::ip;
+using orvx::communication::ClientStatistics;
+using orvx::communication::HttpConfig;
+using orvx::serviceregistryclient::OrvServiceRegistryContext;
 
-std::string metrics(const ClientStatistics::Snapshot& counted) {
-    std::ostringstream requests("# TYPE orvx_requests_total counter\n", std::ios::ate);
-    std::ostringstream answers("# TYPE orvx_answers_total counter\n", std::ios::ate);
-    for (const auto& [method, of] : counted.byMethod) {
-        for (const auto& [status, count] : of.byStatus) {
-            requests << "orvx_requests_total{method=\"" << methodToString(method) << "\",status=\""
-                     << communicationStatusToString(status) << "\"} " << count << '\n';
-        }
-        for (const auto& [code, count] : of.byHttpStatus) {
-            answers << "orvx_answers_total{method=\"" << methodToString(method) << "\",code=\""
-                    << code << "\"} " << count << '\n';
-        }
-    }
-    return requests.str() + answers.str();
-}
-
-void serve(tcp::acceptor& acceptor, const ClientStatistics& statistics) {
+void serve(tcp::acceptor& acceptor, const OrvServiceRegistryContext& context,
+           const ClientStatistics& statistics) {
     for (boost::system::error_code ended; !ended;) {
         tcp::iostream peer;
         acceptor.accept(peer.socket(), ended);
         peer.expires_after(std::chrono::seconds(5));
         for (char line[4096] = ""; peer.getline(line, sizeof line) && *line != '\r';) {
         }
-        peer << "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\n\r\n"
-             << metrics(statistics.snapshot()) << std::flush;
+        PrometheusText metrics;
+        metrics.add(context.getRegistrations());
+        metrics.add(statistics.snapshot());
+        peer << "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4; charset=utf-8\r\n\r\n"
+             << metrics.text() << std::flush;
     }
 }
 
@@ -42,7 +36,8 @@ int main(int argc, char** argv) {
     }
     HttpConfig http;
     http.statistics = std::make_shared<ClientStatistics>();
-    orvx::serviceregistryclient::OrvServiceRegistryContext context;
+    OrvServiceRegistryContext context;
+    context.enableResilience(true);
     context.setHttpConfig(http);
     context.init();
     auto& client = *context.getServiceRegistryClient();
@@ -52,7 +47,7 @@ int main(int argc, char** argv) {
     const auto port = static_cast<std::uint16_t>(std::stoi(argv[3]));
     tcp::acceptor acceptor(boost::asio::system_executor(), {address_v4::loopback(), port});
     std::cout << "http://" << acceptor.local_endpoint() << "/metrics" << std::endl;
-    std::thread server([&] { serve(acceptor, *http.statistics); });
+    std::thread server([&] { serve(acceptor, context, *http.statistics); });
     std::cin.get();
     shutdown(acceptor.native_handle(), SHUT_RDWR);
     server.join();

@@ -1,5 +1,6 @@
 // Serves until SIGTERM or SIGINT, or until the registry refuses it, then withdraws within a bound.
-// Ends with 0 when it was announced and withdrawn. Usage: shutdown REGISTRY_HOST REGISTRY_PORT
+// Ends with 0 unless it was refused or its entry may be left. Usage: shutdown REGISTRY_HOST
+// REGISTRY_PORT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <unistd.h>
@@ -7,10 +8,8 @@
 #include <atomic>
 #include <csignal>
 #include <iostream>
-#include <thread>
 
 using namespace orvx::serviceregistryclient;
-using namespace std::chrono_literals;
 
 int main(int argc, char** argv) {
     if (argc != 3) {
@@ -21,28 +20,27 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::atomic<bool> isAnnounced{false}, isRefused{false};  // before the context, which uses them
+    std::atomic<bool> isRefused{false}, isWithdrawn{false};  // before the context, which uses them
     OrvServiceRegistryContext context;
-    context.setSyncCallUnregisterTimeout(1s);
+    context.enableResilience(true);
+    context.setWithdrawAtDeinit(std::chrono::seconds(5));
+    context.setRegistrationListener([&](const RegistrationEvent& event) {
+        isWithdrawn = event.kind == RegistrationEvent::Kind::Withdrawn;
+    });
     context.init();
     auto& client = *context.getServiceRegistryClient();
     const auto echo = client.getSharedServiceCreate({"echo", "127.0.0.1", 8080});
     echo->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
     const auto port = static_cast<std::uint16_t>(std::stoi(argv[2]));
     client.registerServiceAtRegistry({"registry", argv[1], port}, echo, [&](const auto& outcome) {
-        (outcome.status == OrvRegistrationResponse::OK ? isAnnounced : isRefused) = true;
-        std::cout << (isAnnounced ? "announced" : "refused") << std::endl;
+        isRefused = outcome.errorCode == OrvRegistrationResponse::SERVICE_REGISTRY_ERROR;
+        std::cout << (outcome.status == OrvRegistrationResponse::OK ? "announced\n" : "")
+                  << (isRefused ? "refused\n" : "") << std::flush;
         isRefused ? kill(getpid(), SIGTERM) : 0;
     });
     int signal = 0;
     sigwait(&signals, &signal);
-    for (auto pause = 100ms; pause < 1s && !isRefused; pause *= 2) {
-        if (isAnnounced && client.unregisterAllServicesFromRegistry().first) {
-            std::cout << "withdrawn\n";
-            return 0;
-        }
-        std::this_thread::sleep_for(pause);  // the first answer is still out, or a DELETE failed
-    }
-    std::cout << (isRefused ? "" : "not withdrawn\n");
-    return 1;
+    context.deinit();  // withdraws first; the log names what could not be withdrawn
+    std::cout << (isRefused ? "" : isWithdrawn ? "withdrawn\n" : "not withdrawn\n");
+    return isWithdrawn && !isRefused ? 0 : 1;
 }

@@ -6,8 +6,6 @@
 using Programs = std::vector<void (*)()>;
 
 extern const Programs guide;
-extern const Programs howto_many_services;
-extern const Programs howto_shutdown;
 extern const Programs howto_testing;
 extern const Programs howto_tls;
 

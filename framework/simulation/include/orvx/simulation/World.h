@@ -71,7 +71,8 @@ class Request {
 /// One world at a time; it must outlive the clients made in it.
 ///
 /// Thread-safety: none; world, clients and all that belongs to them are used on one thread. The
-/// client's blocking forms cannot be used: they wait for an answer that this thread is to give.
+/// client's blocking forms cannot be used: they wait for an answer that this thread is to give. A
+/// setWithdrawAtDeinit() waits in real time for the same answers, until its bound has passed.
 class World {
   public:
     /// Begins at the time zero. Throws std::logic_error when there is a world already.
