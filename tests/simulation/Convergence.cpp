@@ -31,13 +31,12 @@ using serviceregistryclient::OrvServiceRegistryClient;
 using serviceregistryclient::OrvServiceRegistryContext;
 using serviceregistryclient::RegistrationEvent;
 using serviceregistryclient::RegistrationStatus;
-using Milliseconds = std::chrono::milliseconds;
 
 constexpr Milliseconds longestRetryAfter{60000};
 constexpr int doublingsOfBackOff = 4;
 
-struct Options {
-    explicit Options(std::uint64_t seed) {
+struct RegistryOptions : Options {
+    explicit RegistryOptions(std::uint64_t seed) {
         Random random(seed);
         retry = random.below(8) != 0;
         check = random.below(8) != 0;
@@ -55,31 +54,15 @@ struct Options {
             check && kind != Kind::Renames && kind != Kind::KeepsVersions && random.below(2) == 0;
     }
 
-    bool retry;
-    bool check;
-    std::uint16_t maxRetries;
-    Milliseconds retryInterval;
-    std::chrono::seconds checkInterval;
-    Milliseconds headTimeout;
     Milliseconds unregisterTimeout;
     FailingRegistry::Kind kind;
     bool shares;
-};
-
-class Differs : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
 };
 
 void expect(bool isSo, const std::string& otherwise) {
     if (!isSo) {
         throw Differs(otherwise);
     }
-}
-
-std::string textOf(const OrvRegistrationResponse& response) {
-    return OrvRegistrationResponse::statusString(response.status) + std::string("/") +
-           OrvRegistrationResponse::errorCodeString(response.errorCode);
 }
 
 /// A callback that must be called once.
@@ -117,12 +100,7 @@ class Play {
         context_.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
         context_.setLogLevel(utility::ILogger::LogLevel::Error);
         context_.enableResilience(true);
-        context_.enableRetry(options_.retry);
-        context_.enableCheck(options_.check);
-        context_.setInitialMaxRetryCount(options_.maxRetries);
-        context_.setRetryInterval(options_.retryInterval);
-        context_.setCheckInterval(options_.checkInterval);
-        context_.setHeadTimeout(options_.headTimeout);
+        options_.set(context_);
         context_.setSyncCallUnregisterTimeout(options_.unregisterTimeout);
         context_.setRegistrationListener([this](const RegistrationEvent& event) {
             services_.at(indexOf(event.status.name)).lastEvent =
@@ -554,7 +532,7 @@ class Play {
 
     static constexpr unsigned paths = 6;
 
-    const Options options_;
+    const RegistryOptions options_;
     World world_;
     FailingRegistry registry_;
     std::vector<Service> services_;

@@ -41,23 +41,12 @@ std::vector<std::string> inMilliseconds(const std::vector<Milliseconds>& duratio
     return texts;
 }
 
-class Differs : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 /// A client and the model of it, to which the same happens.
 class Pair {
   public:
     explicit Pair(const Options& options) : model_(options) {
         context_.setLoggerFactory(log_);
-        context_.enableRetry(options.retry);
-        context_.enableRetryOnHttpStatus(options.retryOnStatus);
-        context_.enableCheck(options.check);
-        context_.setInitialMaxRetryCount(options.maxRetries);
-        context_.setRetryInterval(options.retryInterval);
-        context_.setCheckInterval(options.checkInterval);
-        context_.setHeadTimeout(options.headTimeout);
+        options.set(context_);
         context_.init();
     }
 
@@ -121,9 +110,7 @@ class Pair {
 
     void tell(const std::string& label, const OrvRegistrationResponse& response) {
         told_.push_back(told(
-            label,
-            OrvRegistrationResponse::statusString(response.status) + std::string("/") +
-                OrvRegistrationResponse::errorCodeString(response.errorCode),
+            label, textOf(response),
             response.httpResponse ? static_cast<int>(response.httpResponse->getStatusCode()) : -1));
     }
 

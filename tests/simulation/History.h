@@ -1,7 +1,6 @@
 #pragma once
 
 #include "Model.h"
-#include "RandomHistory.h"
 
 #include <cstdint>
 #include <string>

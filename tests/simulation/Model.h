@@ -1,5 +1,6 @@
 #pragma once
 
+#include "RandomHistory.h"
 #include "RecordingLogger.h"
 
 #include <chrono>
@@ -15,19 +16,6 @@
 #include <vector>
 
 namespace orvx::simulation {
-
-using Milliseconds = std::chrono::milliseconds;
-
-/// The options that matter to the rules.
-struct Options {
-    bool retry = true;
-    bool retryOnStatus = false;
-    bool check = true;
-    std::uint16_t maxRetries = 0;
-    Milliseconds retryInterval{500};
-    std::chrono::seconds checkInterval{10};
-    Milliseconds headTimeout{3000};
-};
 
 /// An answer to a request, or, with status 0, none.
 struct Answer {

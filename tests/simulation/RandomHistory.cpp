@@ -41,6 +41,22 @@ bool check(const Game& game, const std::string& program, std::uint64_t seed,
 
 }  // namespace
 
+void Options::set(serviceregistryclient::OrvServiceRegistryContext& context) const {
+    context.enableRetry(retry);
+    context.enableRetryOnHttpStatus(retryOnStatus);
+    context.enableCheck(check);
+    context.setInitialMaxRetryCount(maxRetries);
+    context.setRetryInterval(retryInterval);
+    context.setCheckInterval(checkInterval);
+    context.setHeadTimeout(headTimeout);
+}
+
+std::string textOf(const serviceregistryclient::OrvRegistrationResponse& response) {
+    using serviceregistryclient::OrvRegistrationResponse;
+    return OrvRegistrationResponse::statusString(response.status) + std::string("/") +
+           OrvRegistrationResponse::errorCodeString(response.errorCode);
+}
+
 std::string textOf(const History& history) {
     std::ostringstream text;
     for (const Event& event : history) {

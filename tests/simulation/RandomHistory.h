@@ -1,12 +1,18 @@
 #pragma once
 
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
+
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace orvx::simulation {
+
+using Milliseconds = std::chrono::milliseconds;
 
 /// The generator of the seeds: splitmix64, because the standard's distributions differ by library.
 class Random {
@@ -28,6 +34,28 @@ class Random {
   private:
     std::uint64_t state_;
 };
+
+/// The options that matter to the rules.
+struct Options {
+    bool retry = true;
+    bool retryOnStatus = false;
+    bool check = true;
+    std::uint16_t maxRetries = 0;
+    Milliseconds retryInterval{500};
+    std::chrono::seconds checkInterval{10};
+    Milliseconds headTimeout{3000};
+
+    void set(serviceregistryclient::OrvServiceRegistryContext& context) const;
+};
+
+/// What differs, in words.
+class Differs : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// "OK/NONE".
+std::string textOf(const serviceregistryclient::OrvRegistrationResponse& response);
 
 /// One thing that happens: a letter says what, the numbers choose among what there is at that
 /// moment, so that a history stays one when events are taken out of it.
