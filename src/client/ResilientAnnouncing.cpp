@@ -133,7 +133,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::mergeLocked(Entry& entry, Entry&
     eraseLocked(entry);
     into.held = 0;
     if (into.out == Request::None) {
-        planLocked(into, now());
+        planLocked(into, std::max(now(), into.notBefore));
     }
     reconcileLocked(into);
 }

@@ -181,15 +181,15 @@ class Play {
             std::make_shared<Call>(Call{name, world_.now(), stops_, refusals_, !isRunning_, {}}));
         return calls_.back();
     }
-    Service& service(unsigned path) {
+    Service& service(unsigned number) {
         const std::string name = "n" + std::to_string(services_.size());
-        services_.push_back({name,
-                             "/" + std::to_string(path % paths),
-                             {},
-                             call("registration of " + name),
-                             false,
-                             false,
-                             ""});
+        const std::string path = "/" + std::to_string(number % paths);
+        const auto known = context_.getRegistrations();
+        if (std::none_of(known.begin(), known.end(),
+                         [&](const RegistrationStatus& one) { return one.uri == path; })) {
+            notBefore_.erase(path);  // a new entry
+        }
+        services_.push_back({name, path, {}, call("registration of " + name), false, false, ""});
         return services_.back();
     }
     static std::shared_ptr<common::ServiceCreate> descriptionOf(const Service& service) {
@@ -271,10 +271,10 @@ class Play {
                 request.answer(HttpResponse(CommunicationStatus::ConnectFailed));
                 break;
             case 12:
-                request.answer(503, retryAfter(variety));
+                request.answer(503, retryAfter(request, variety));
                 break;
             case 13:
-                request.answer(429, retryAfter(variety));
+                request.answer(429, retryAfter(request, variety));
                 break;
             case 14:
                 ++refusals_;
@@ -306,14 +306,19 @@ class Play {
         }
     }
 
-    std::string retryAfter(unsigned variety) {
-        static const std::vector<std::pair<std::string, Milliseconds>> values{
-            {"2", Milliseconds(2000)},
-            {"soon", Milliseconds(0)},
-            {"86400", longestRetryAfter},
-            {"Thu, 01 Jan 2026 00:00:05 GMT", Milliseconds(0)}};
-        const auto& [value, delay] = values[variety % values.size()];
-        retryAfter_ = std::max(retryAfter_, world_.now() + delay);
+    /// The answer to a check may come after the client has gone on to another request.
+    std::string retryAfter(const Request& request, unsigned variety) {
+        const Milliseconds now = world_.now();
+        const std::vector<std::pair<std::string, Milliseconds>> values{
+            {"2", now + Milliseconds(2000)},
+            {"soon", now},
+            {"86400", now + longestRetryAfter},
+            {"Thu, 01 Jan 2026 00:00:05 GMT", Milliseconds(5000)}};
+        const auto& [value, end] = values[variety % values.size()];
+        retryAfter_ = std::max(retryAfter_, end);
+        if (request.isOutstanding() && request.method() != "HEAD") {
+            notBefore_[request.path()] = end;
+        }
         return "Retry-After: " + value + "\r\n";
     }
 
@@ -384,6 +389,7 @@ class Play {
             }
             world_.advance(*delay);
             world_.settle();
+            collect();
         }
         world_.advance(end - world_.now());
         world_.settle();
@@ -416,6 +422,9 @@ class Play {
     void collect() {
         std::vector<Request> sent;
         while (auto request = world_.takeRequest()) {
+            const auto notBefore = notBefore_.find(request->path());
+            expect(notBefore == notBefore_.end() || notBefore->second <= world_.now(),
+                   request->method() + " " + request->path() + " before its Retry-After");
             sent.push_back(std::move(*request));
         }
         std::sort(sent.begin(), sent.end(), [](const Request& one, const Request& other) {
@@ -545,7 +554,9 @@ class Play {
     unsigned refusals_ = 0;
     /// What a callback was told and must not be.
     std::string told_;
-    /// When the last Retry-After ends.
+    /// When the last Retry-After of each PUT and DELETE ends, by path.
+    std::map<std::string, Milliseconds> notBefore_;
+    /// When the last Retry-After of all ends.
     Milliseconds retryAfter_{0};
 };
 
