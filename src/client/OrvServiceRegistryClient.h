@@ -166,7 +166,6 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     UnregisterHandle handleOf(std::uint64_t id) const;
     UnregisterHandle handleOfRefusedService(const std::string& name) const;
     UnregisterHandle handleOfUnnamedService() const;
-    void noteSentLocked(std::uint64_t id) ORVX_REQUIRES(mutex);
 
     // RegistrationAnswer.cpp
     void handlePutResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,

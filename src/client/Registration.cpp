@@ -176,12 +176,13 @@ void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
             if (!initiated) {
                 return;
             }
-            if (!mapRegistryCallback->find(id)) {
+            const auto record = mapRegistryCallback->find(id);
+            if (!record) {
                 logger->logWarning(false)
                     << "sendPutRequest called but id not found in mapRegistryCallback. id=" << id;
                 return;
             }
-            noteSentLocked(id);
+            record->facts.requestSent();
             session = usableSessionLocked(*request->serviceInfo);
         }
         session->sendPutRequestJson(*request->uri, request->body->data(), request->body->size(),
@@ -190,12 +191,6 @@ void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
                                     });
     } catch (const std::bad_alloc&) {
         handlePutResponseError(id, request, HttpResponse(CommunicationStatus::OutOfMemory));
-    }
-}
-
-void OrvServiceRegistryClient::noteSentLocked(std::uint64_t id) {
-    if (const auto record = mapRegistryCallback->find(id)) {
-        record->facts.requestSent();
     }
 }
 

@@ -78,13 +78,14 @@ void OrvServiceRegistryClient::sendDeleteRequest(
             if (!initiated) {
                 return;
             }
-            if (!mapRegistryCallback->find(id)) {
+            const auto record = mapRegistryCallback->find(id);
+            if (!record) {
                 logger->logWarning(false)
                     << "sendDeleteRequest called but id not found in mapRegistryCallback. id="
                     << id;
                 return;
             }
-            noteSentLocked(id);
+            record->facts.requestSent();
             session = usableSessionLocked(*container->serviceInfo);
         }
         session->sendDeleteRequest("/" + container->serviceCreate->getId(), "application/json",
