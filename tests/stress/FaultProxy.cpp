@@ -6,6 +6,7 @@
 
 #include "FaultProxy.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +23,16 @@ using boost::asio::ip::tcp;
 using Error = boost::system::error_code;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
+
+namespace {
+
+/// Whether the other side has ended the connection, also with bytes that are still to be read.
+bool hasEnded(tcp::socket& socket) {
+    pollfd poll{socket.native_handle(), POLLRDHUP, 0};
+    return ::poll(&poll, 1, 0) == 1;
+}
+
+}  // namespace
 
 class FaultProxy::Link : public std::enable_shared_from_this<Link> {
   public:
@@ -157,11 +168,16 @@ class FaultProxy::Link : public std::enable_shared_from_this<Link> {
     }
 
     void write(Pipe& pipe, std::size_t size) {
+        // Asked before: what the client sends after it has ended this connection comes later.
+        const bool isLate = &pipe == &up_ && hasEnded(client_);
         boost::asio::async_write(
             pipe.to, boost::asio::buffer(pipe.buffer.data() + pipe.begin, size),
-            [self = shared_from_this(), &pipe](const Error& error, std::size_t written) {
+            [self = shared_from_this(), &pipe, isLate](const Error& error, std::size_t written) {
                 pipe.begin += written;
                 pipe.forwarded += written;
+                if (self->tap_ && &pipe == &self->up_) {
+                    self->tap_->reachedServer(written, isLate);
+                }
                 error ? self->end() : self->forward(pipe);
             });
     }

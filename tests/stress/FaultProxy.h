@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
@@ -40,6 +41,9 @@ class ITap {
     virtual ~ITap() = default;
     virtual void sentByClient(std::string_view bytes) = 0;
     virtual void sentByServer(std::string_view bytes) = 0;
+    /// So many more of the client's bytes have reached the server, all of them in their order.
+    /// `isLate`: the client had ended the connection before.
+    virtual void reachedServer(std::size_t /*bytes*/, bool /*isLate*/) {}
 };
 
 /// Stands between clients and a server on the loopback and harms what passes.
@@ -107,6 +111,9 @@ class FaultProxy {
     Counters counters_;
     std::unordered_set<Link*> links_;  // those that live
     boost::asio::io_context io_;
+    /// It also runs while it neither listens nor has a connection.
+    const boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_ =
+        boost::asio::make_work_guard(io_);
     boost::asio::ip::tcp::acceptor acceptor_{io_};
 
     std::thread thread_;

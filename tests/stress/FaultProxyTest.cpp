@@ -246,6 +246,16 @@ TEST_F(AFaultProxy, DrawsTheSameFaultsFromTheSameSeed) {
     EXPECT_NE(drawn.at(0), drawn.at(2));
 }
 
+// Its thread ended where there was nothing that it waited for, and every order hung.
+TEST_F(AFaultProxy, ObeysWithoutAnyConnectionWhileItDoesNotListen) {
+    for (int i = 0; i < 100; ++i) {
+        proxy.stopListening();
+        EXPECT_EQ(proxy.counters().open, 0U);
+        proxy.listenAgain();
+    }
+    EXPECT_EQ(ask().bytes, kAnswer);
+}
+
 /// Writes down what each end of a connection sent.
 class Tap final : public ITap {
   public:
@@ -259,6 +269,56 @@ class Tap final : public ITap {
     std::string up_;
     std::string down_;
 };
+
+/// Writes down what reached the server.
+class ArrivalTap final : public ITap {
+  public:
+    explicit ArrivalTap(std::vector<std::string>& notes) : notes_(notes) {}
+    ~ArrivalTap() override {
+        notes_.push_back(std::to_string(bytes_) + (isLate_ ? " late" : " in time"));
+    }
+    void sentByClient(std::string_view /*bytes*/) override {}
+    void sentByServer(std::string_view /*bytes*/) override {}
+    void reachedServer(std::size_t bytes, bool isLate) override {
+        bytes_ += bytes;
+        isLate_ = isLate;
+    }
+
+  private:
+    std::vector<std::string>& notes_;
+    std::size_t bytes_ = 0;
+    bool isLate_ = false;
+};
+
+TEST_F(AFaultProxy, TellsWhetherTheClientHadEndedBeforeItsRequestReachedTheServer) {
+    std::vector<std::string> notes;
+    {
+        FaultProxy tapped(server.port(), 1,
+                          [&notes] { return std::make_unique<ArrivalTap>(notes); });
+        tapped.setPlanner([](auto&) {
+            FaultProxy::Plan plan;
+            plan.toServer.longestDelay = 1h;
+            return plan;
+        });
+        const auto sendAndWait = [&](const testing::Socket& socket, std::size_t delayed) {
+            ASSERT_TRUE(testing::waitForEvents(socket, POLLOUT, 10'000));
+            send(socket, kRequest);
+            const auto deadline = Clock::now() + 10s;
+            while (tapped.counters().delayed < delayed) {
+                ASSERT_LT(Clock::now(), deadline);
+                std::this_thread::yield();
+            }
+        };
+        const testing::Socket stays = testing::connectLoopback(tapped.port());
+        sendAndWait(stays, 1);
+        sendAndWait(testing::connectLoopback(tapped.port()), 2);
+        tapped.cease();
+        EXPECT_EQ(receive(stays, kAnswer.size()).bytes, kAnswer);
+        EXPECT_TRUE(server.waitForClosed(1));
+    }
+    const std::string size = std::to_string(kRequest.size());
+    EXPECT_THAT(notes, ::testing::UnorderedElementsAre(size + " in time", size + " late"));
+}
 
 TEST_F(AFaultProxy, ShowsWhatWasSentHoweverItArrives) {
     std::vector<std::string> notes;
