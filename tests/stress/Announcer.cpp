@@ -63,7 +63,7 @@ std::set<std::uint64_t> CheckLog::endedByWithdrawal() const {
     return endedByWithdrawal_;
 }
 
-Announcer::Announcer(Ledger& ledger, const Options& options) : ledger_(ledger) {
+Announcer::Announcer(Ledger& ledger, const Options& options) : ledger_(ledger), options_(options) {
     communication::HttpConfig http;
     http.requestTimeout = kRequestTimeout;
     http.connectTimeout = kRequestTimeout / 2;
@@ -71,9 +71,11 @@ Announcer::Announcer(Ledger& ledger, const Options& options) : ledger_(ledger) {
     context_.setHttpConfig(http);
     context_.setLoggerFactory(std::make_shared<LoggerFactory>(log_));
     context_.setCheckInterval(kCheckInterval);
-    context_.setRetryInterval(std::chrono::milliseconds(20));
+    context_.setRetryInterval(kRetryInterval);
     context_.setInitialMaxRetryCount(options.maxRetryCount);
     context_.setHeadTimeout(options.headTimeout);
+    context_.setSyncCallUnregisterTimeout(options.unregisterTimeout);
+    context_.enableResilience(options.resilience);
     context_.init();
     replaceListener();
 }
@@ -97,12 +99,27 @@ std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> Announcer::held(
 }
 
 std::size_t Announcer::heldCount() {
-    return access().ids().size();
+    return options_.resilience ? registrations().size() : access().ids().size();
 }
 
 std::chrono::milliseconds Announcer::stop() {
+    return stop([this] { context_.deinit(); });
+}
+
+std::chrono::milliseconds Announcer::pause() {
+    return stop([this] { static_cast<OrvServiceRegistryClient&>(client()).deinit(); });
+}
+
+void Announcer::resume() {
+    *mark_ = false;
+    static_cast<OrvServiceRegistryClient&>(client()).init();
+}
+
+// With resilience a stop answers those who wait.
+std::chrono::milliseconds Announcer::stop(const std::function<void()>& end) {
     const auto begin = std::chrono::steady_clock::now();
-    context_.deinit();
+    const Ledger::Caller caller(options_.resilience);
+    end();
     *mark_ = true;
     return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
 }

@@ -10,10 +10,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace orvx::stress {
 
@@ -43,9 +45,13 @@ class Announcer {
         std::chrono::milliseconds headTimeout;
         std::uint16_t maxRetryCount = 0;
         std::size_t connections = 16;
+        bool resilience = false;
+        /// How long a withdrawal waits for its answer, with resilience.
+        std::chrono::milliseconds unregisterTimeout{30'000};
     };
     static constexpr std::chrono::seconds kCheckInterval{1};
     static constexpr std::chrono::milliseconds kRequestTimeout{1000};
+    static constexpr std::chrono::milliseconds kRetryInterval{20};
 
     Announcer(Ledger& ledger, const Options& options);
 
@@ -58,13 +64,23 @@ class Announcer {
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> held();
     std::size_t heldCount();
 
+    /// With resilience.
+    std::vector<serviceregistryclient::RegistrationStatus> registrations() const {
+        return context_.getRegistrations();
+    }
+
     /// How long that took.
     std::chrono::milliseconds stop();
+    /// Stops the client, which keeps its registrations until resume(). How long that took.
+    std::chrono::milliseconds pause();
+    void resume();
 
   private:
     serviceregistryclient::ClientTestAccess access();
+    std::chrono::milliseconds stop(const std::function<void()>& end);
 
     Ledger& ledger_;
+    const Options options_;
     const StopMark mark_ = std::make_shared<std::atomic<bool>>(false);
     const std::shared_ptr<CheckLog> log_ = std::make_shared<CheckLog>();
     serviceregistryclient::OrvServiceRegistryContext context_;

@@ -4,111 +4,22 @@
 
 #include "Chaos.h"
 
-#include "Descriptors.h"
-#include "Process.h"
-
 #include <algorithm>
-#include <nlohmann/json.hpp>
-#include <ostream>
-#include <sstream>
 
 namespace orvx::stress {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-namespace {
-
-// What a busy machine, and instrumented code, may add to what is promised.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr milliseconds kStopBound{5000};
-constexpr milliseconds kAllowance{20'000};
-#else
-constexpr milliseconds kStopBound{1500};
-constexpr milliseconds kAllowance{3000};
-#endif
-/// Nothing is left to be waited for after this in any case.
-constexpr milliseconds kPatience{30'000};
-
-bool isOurs(const std::string& threadName) {
-    return threadName.rfind("ORVX_", 0) == 0;
-}
-
-}  // namespace
-
-/// A promise, with figures, and how it was broken.
-struct Chaos::Verdict {
-    explicit Verdict(std::string promise) : name(std::move(promise)) {}
-
-    void require(bool good, const std::string& what) {
-        if (!good) {
-            violations.push_back(what);
-        }
-    }
-
-    const std::string name;
-    std::ostringstream figures;
-    std::vector<std::string> violations;
-};
-
-class Chaos::Verdicts {
-  public:
-    Verdict& add(const std::string& promise) { return list_.emplace_back(promise); }
-    bool print(std::ostream& out) const {
-        bool isGood = true;
-        for (const Verdict& verdict : list_) {
-            isGood = isGood && verdict.violations.empty();
-            out << verdict.name << ": " << (verdict.violations.empty() ? "kept" : "BROKEN") << "; "
-                << verdict.figures.str() << '\n';
-            for (const std::string& violation : verdict.violations) {
-                out << "    " << violation << '\n';
-            }
-        }
-        return isGood;
-    }
-
-  private:
-    std::deque<Verdict> list_;
-};
-
 bool Chaos::judge(std::ostream& out) {
     Verdicts verdicts;
-    const auto counters = proxy_.counters();
-    judgeAnswers(verdicts);
+    printCourse(out, options_, place_, registry_);
+    judgeAnswers(verdicts, place_.ledger);
     judgeEntries(verdicts);
     judgeStop(verdicts);
     judgeRequests(verdicts);
-    out << "seed " << options_.seed << ": " << options_.duration.count() << " s, "
-        << place_.traffic.requests() << " requests, " << counters.connections << " connections, "
-        << counters.delayed << " delayed, " << counters.sliced << " sliced, " << counters.swallowed
-        << " swallowed, " << counters.resets << " resets, " << counters.closes << " closes, "
-        << counters.refusals << " refusals, " << restarts_ << " restarts, " << lost_ << " lost\n";
+    judgeShape(verdicts, place_.traffic);
     return verdicts.print(out);
-}
-
-bool Chaos::settle(milliseconds bound, const std::function<bool()>& condition) {
-    const auto end = Clock::now() + bound;
-    while (!condition()) {
-        if (Clock::now() > end) {
-            return false;
-        }
-        pace_.wait(10ms);
-    }
-    return true;
-}
-
-void Chaos::judgeAnswers(Verdicts& verdicts) {
-    Verdict& verdict = verdicts.add("p1 each operation is answered once, on the callback thread");
-    verdict.require(
-        settle(kPatience, [this] { return place_.ledger.counts().unanswered == 0; }),
-        std::to_string(place_.ledger.counts().unanswered) + " operations are not answered");
-    const auto isComplete = [this] { return place_.ledger.counts().wrongWithdrawalsOfAll == 0; };
-    verdict.require(settle(kPatience, isComplete), "a withdrawal of all is not answered for each");
-    const auto counts = place_.ledger.counts();
-    verdict.figures << counts.operations << " operations, " << counts.answered << " answered ("
-                    << counts.ok << " OK), " << counts.outstandingAtStop
-                    << " outstanding at a stop; " << counts.withdrawalsOfAll
-                    << " withdrawals of all; " << place_.ledger.notifications() << " notifications";
 }
 
 // A failed attempt is repeated after a check interval; what is under way ends within the request's
@@ -118,7 +29,7 @@ void Chaos::judgeEntries(Verdicts& verdicts) {
     const auto peace = Clock::now();
     const auto bound = Announcer::kCheckInterval + 2 * Announcer::kRequestTimeout + kAllowance;
     const bool isKept = settle(bound, [this] {
-        const auto uuids = entries();
+        const auto uuids = registry_.entries();
         return std::all_of(singles_.begin(), singles_.end(),
                            [&](const auto& single) { return isSingleKept(*single, uuids); });
     });
@@ -126,7 +37,7 @@ void Chaos::judgeEntries(Verdicts& verdicts) {
     const auto mark = Clock::now();
     verdict.figures << "singles complete after "
                     << std::chrono::duration_cast<milliseconds>(mark - peace).count() << " ms; "
-                    << orphans() << " orphans of " << entries().size() << " entries";
+                    << orphans() << " orphans of " << registry_.entries().size() << " entries";
 
     std::vector<bool> hadEnded;
     for (const auto& single : singles_) {
@@ -171,7 +82,7 @@ bool Chaos::isSingleKept(Single& single, const std::set<std::string>& entries) {
 // A context had one registration only, so its log tells whether its check has ended. The one end
 // without a line is a 404 that came during a withdrawal which then was refused.
 void Chaos::judgeSingles(Verdict& verdict, Traffic::Time mark, const std::vector<bool>& hadEnded) {
-    const auto uuids = entries();
+    const auto uuids = registry_.entries();
     std::size_t held = 0;
     std::size_t ended = 0;
     std::size_t silent = 0;
@@ -205,7 +116,7 @@ void Chaos::judgeSingles(Verdict& verdict, Traffic::Time mark, const std::vector
 // one.
 void Chaos::judgeCrowd(Verdict& verdict, Crowd& crowd, Traffic::Time mark,
                        const std::set<std::uint64_t>& hadEnded) {
-    const auto uuids = entries();
+    const auto uuids = registry_.entries();
     const auto endedByWithdrawal = crowd.announcer().log().endedByWithdrawal();
     const auto held = crowd.announcer().held();
     std::size_t checked = 0;
@@ -235,7 +146,7 @@ void Chaos::judgeCrowd(Verdict& verdict, Crowd& crowd, Traffic::Time mark,
 
 /// Entries that no registration claims.
 std::size_t Chaos::orphans() {
-    auto uuids = entries();
+    auto uuids = registry_.entries();
     const auto claim = [&uuids](Announcer& announcer) {
         for (const auto& [id, description] : announcer.held()) {
             uuids.erase(description->getId());
@@ -252,13 +163,7 @@ std::size_t Chaos::orphans() {
 
 // Stops with operations outstanding, amid faults.
 void Chaos::judgeStop(Verdicts& verdicts) {
-    Verdict& verdict = verdicts.add("p2 a stop is quick, and the last word");
-    proxy_.setPlanner([](Random& random) {
-        FaultProxy::Plan plan;
-        plan.toClient.longestDelay = 200ms;
-        plan.toServer.blackHole = random() % 2 == 0;
-        return plan;
-    });
+    harmStops(registry_);
     for (Unit* const unit : units_) {
         unit->ask();
     }
@@ -268,22 +173,7 @@ void Chaos::judgeStop(Verdicts& verdicts) {
     for (Crowd& crowd : crowds_) {
         crowd.stop();
     }
-    const auto counts = place_.ledger.counts();
-    verdict.figures << place_.stops << " stops, the longest " << place_.longestStop << " ms; "
-                    << counts.outstandingAtStop << " operations were outstanding";
-    verdict.require(place_.longestStop <= kStopBound.count(), "a stop took too long");
-    const auto threads = testing::threadNames();
-    verdict.require(std::none_of(threads.begin(), threads.end(), isOurs), "a thread is left");
-    const auto isClosed = [this] {
-        return proxy_.counters().open == 0 && testing::openDescriptors() == descriptors_;
-    };
-    verdict.require(settle(kPatience, isClosed), "a connection is left");
-    verdict.require(place_.ledger.afterStop() == 0,
-                    std::to_string(place_.ledger.afterStop()) + " callbacks after a stop");
-    verdict.require(place_.ledger.twice() == 0,
-                    std::to_string(place_.ledger.twice()) + " answers came twice");
-    verdict.require(place_.ledger.onWrongThread() == 0,
-                    std::to_string(place_.ledger.onWrongThread()) + " on a wrong thread");
+    judgeStops(verdicts, place_, registry_, descriptors_);
 }
 
 void Chaos::judgeRequests(Verdicts& verdicts) {
@@ -299,13 +189,6 @@ void Chaos::judgeRequests(Verdicts& verdicts) {
                     std::to_string(checks.tooMany) + " seconds: too many HEAD");
     bounded.require(traffic.deletes() <= place_.withdrawals + traffic.resends("DELETE"),
                     "more DELETE than withdrawals");
-
-    Verdict& shape = verdicts.add("p6 each request is well-formed");
-    const auto malformed = traffic.malformed();
-    shape.figures << traffic.requests() << " requests";
-    for (std::size_t i = 0; i < std::min<std::size_t>(malformed.size(), 5); ++i) {
-        shape.require(false, "not well-formed: " + malformed[i]);
-    }
 }
 
 }  // namespace orvx::stress

@@ -12,12 +12,14 @@
 #include "Chaos.h"
 #include "Descriptors.h"
 #include "Process.h"
+#include "ResilientChaos.h"
 
 namespace {
 
 using namespace orvx;
 using stress::Chaos;
 using stress::ChaosOptions;
+using stress::ResilientChaos;
 
 struct Means {
     std::size_t descriptors = testing::openDescriptors();
@@ -25,8 +27,9 @@ struct Means {
     std::size_t memory = ::mallinfo2().uordblks;
 };
 
+template <typename Kind>
 bool play(const ChaosOptions& options, std::ostream& out) {
-    Chaos chaos(options);
+    Kind chaos(options);
     chaos.run();
     return chaos.judge(out);
 }
@@ -50,20 +53,28 @@ int main(int argc, char** argv) {
     ChaosOptions options;
     options.seed = std::random_device()();
     long seconds = options.duration.count();
+    bool isResilient = false;
     CLI::App app("Clients under chaos: a registry behind a network that fails");
     app.add_option("--seed", options.seed, "Of all decisions; drawn when absent");
     app.add_option("--seconds", seconds, "How long, beside the judgement")
         ->check(CLI::Range(1, 86400));
-    app.add_option("--services", options.services, "In one context")->check(CLI::Range(4, 10000));
+    app.add_flag("--resilience", isResilient, "With resilience: the registry must converge");
+    const auto* const services =
+        app.add_option("--services", options.services, "In one context; in all, with resilience")
+            ->check(CLI::Range(4, 10000));
     app.add_option("--threads", options.threads, "Of users")->check(CLI::Range(1, 64));
     CLI11_PARSE(app, argc, argv);
     std::cout << "seed " << options.seed << std::endl;
+    if (isResilient && services->count() == 0) {
+        options.services = 300;
+    }
+    const auto playOne = isResilient ? play<ResilientChaos> : play<Chaos>;
 
     options.duration = std::chrono::seconds(2);
-    bool isGood = play(options, std::cout);
+    bool isGood = playOne(options, std::cout);
     const Means before;
     options.duration = std::chrono::seconds(seconds);
-    isGood = play(options, std::cout) && isGood;
+    isGood = playOne(options, std::cout) && isGood;
     isGood = judgeMeans(before, Means(), std::cout) && isGood;
     return isGood ? 0 : 1;
 }

@@ -11,6 +11,20 @@ namespace orvx::stress {
 
 using utility::MutexLock;
 
+namespace {
+
+thread_local bool mayCall = false;
+
+}  // namespace
+
+Ledger::Caller::Caller(bool allowed) {
+    mayCall = allowed;
+}
+
+Ledger::Caller::~Caller() {
+    mayCall = false;
+}
+
 std::shared_ptr<Operation> Ledger::begin(const StopMark& client) {
     auto operation = std::make_shared<Operation>(client);
     const MutexLock lock(mutex_);
@@ -23,6 +37,7 @@ IOrvServiceRegistryClient::ResponseCallback Ledger::answer(
     return [this, operation](const OrvRegistrationResponse& outcome) {
         noteCall(operation->client);
         operation->end = std::chrono::steady_clock::now();
+        operation->reason = outcome.errorCode;
         operation->status = outcome.status;
         twice_ += ++operation->answers > 1 ? 1 : 0;
     };
@@ -76,7 +91,7 @@ Ledger::Counts Ledger::counts() const {
 void Ledger::noteCall(const StopMark& client) {
     char name[16] = {};
     ::pthread_getname_np(::pthread_self(), name, sizeof name);
-    onWrongThread_ += std::string(name) == "ORVX_SRCBExec" ? 0 : 1;
+    onWrongThread_ += mayCall || std::string(name) == "ORVX_SRCBExec" ? 0 : 1;
     afterStop_ += *client ? 1 : 0;
 }
 

@@ -34,6 +34,7 @@ struct Operation {
     const Time begin = std::chrono::steady_clock::now();
     std::atomic<int> answers{0};
     std::atomic<int> status{-1};
+    std::atomic<int> reason{-1};
     std::atomic<Time> end{Time()};
 };
 
@@ -61,6 +62,15 @@ class Ledger {
         std::size_t withdrawalsOfAll = 0;
         /// Of which too many were told, or, if the client is not stopped, too few.
         std::size_t wrongWithdrawalsOfAll = 0;
+    };
+
+    /// While it lives, callbacks may run on this thread too, if it is `allowed`.
+    class Caller {
+      public:
+        explicit Caller(bool allowed);
+        ~Caller();
+        Caller(const Caller&) = delete;
+        Caller& operator=(const Caller&) = delete;
     };
 
     std::shared_ptr<Operation> begin(const StopMark& client) ORVX_EXCLUDES(mutex_);

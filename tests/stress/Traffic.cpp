@@ -7,6 +7,7 @@
 #include "Traffic.h"
 
 #include <algorithm>
+#include <deque>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -82,6 +83,10 @@ class Traffic::Tap final : public ITap {
         input_ += bytes;
         while (const std::optional<Request> request = testing::firstRequest(input_)) {
             input_.erase(0, request->raw.size());
+            taken_ += request->raw.size();
+            if (request->method == "PUT") {
+                puts_.emplace_back(taken_, *request);
+            }
             ++requests_;
             method_ = request->method;
             target_ = request->target;
@@ -100,9 +105,21 @@ class Traffic::Tap final : public ITap {
         }
     }
 
+    void reachedServer(std::size_t bytes, bool isLate) override {
+        arrived_ += bytes;
+        while (!puts_.empty() && puts_.front().first <= arrived_) {
+            traffic_.noteArrival(puts_.front().second, isLate);
+            puts_.pop_front();
+        }
+    }
+
   private:
     Traffic& traffic_;
     std::string input_;
+    std::size_t taken_ = 0;
+    std::size_t arrived_ = 0;
+    /// Those that have not reached the server yet, and where they end.
+    std::deque<std::pair<std::size_t, Request>> puts_;
     std::size_t requests_ = 0;
     std::string method_;
     std::string target_;
@@ -127,6 +144,20 @@ void Traffic::note(const Request& request) {
     Target& target = methods_[request.method][request.target];
     target.requests.push_back(now);
     ++target.seconds[secondOf(now)].requests;
+}
+
+void Traffic::noteArrival(const Request& put, bool isLate) {
+    const auto json = nlohmann::json::parse(put.body, nullptr, false);
+    if (!json.is_object()) {
+        return;
+    }
+    const std::pair<std::string, std::string> which(put.target, json.value("description", ""));
+    const MutexLock lock(mutex_);
+    if (isLate) {
+        late_.insert(which);
+    } else {
+        late_.erase(which);
+    }
 }
 
 void Traffic::noteMalformed(std::string what) {
@@ -182,6 +213,11 @@ bool Traffic::wasMissing(const std::string& uuid, Time begin, Time end) const {
     return first != times.end() && *first <= end;
 }
 
+bool Traffic::cameLate(const std::string& path, const std::string& description) const {
+    const MutexLock lock(mutex_);
+    return late_.count({path, description}) != 0;
+}
+
 template <typename Allowed>
 Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) const {
     const MutexLock lock(mutex_);
@@ -208,16 +244,16 @@ Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) c
 // One registration at a time has this path. With a retry interval of 20 ms its attempts are apart
 // by at least 10, 20, 40, 80 and then 160 ms: at most 10 in a second, the limited ones, which are
 // 20 ms apart, end after 4. A registration that took its place in that second has as many again.
-Traffic::Load Traffic::puts() const {
-    return load("PUT", [](const Second& around) {
-        return 10 * (1 + around.registrations) + around.resends;
+Traffic::Load Traffic::puts(std::size_t rows) const {
+    return load("PUT", [rows](const Second& around) {
+        return 10 * (rows + around.registrations) + around.resends;
     });
 }
 
 // The next check begins one interval, 1 s, after the answer to the one before: one in a second, and
 // a second one where their way here took differently long.
-Traffic::Load Traffic::checks() const {
-    return load("HEAD", [](const Second& around) { return 2 + around.resends; });
+Traffic::Load Traffic::checks(std::size_t most) const {
+    return load("HEAD", [most](const Second& around) { return most + around.resends; });
 }
 
 std::size_t Traffic::deletes() const {

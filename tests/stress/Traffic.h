@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FaultProxy.h"
@@ -23,7 +25,7 @@ class Traffic {
 
     FaultProxy::TapMaker tapMaker();
 
-    /// A user has asked for a registration at this path.
+    /// A user has asked for something that needs a PUT to this path.
     void expectPuts(const std::string& path) ORVX_EXCLUDES(mutex_);
 
     std::size_t requests() const ORVX_EXCLUDES(mutex_);
@@ -32,6 +34,10 @@ class Traffic {
     std::size_t checksSince(const std::string& uuid, Time begin) const ORVX_EXCLUDES(mutex_);
     /// Whether the registry answered a check with 404 in that time.
     bool wasMissing(const std::string& uuid, Time begin, Time end) const ORVX_EXCLUDES(mutex_);
+    /// Whether the last PUT of this description to this path reached the registry after the client
+    /// had given it up: the client cannot know that the registry has carried it out.
+    bool cameLate(const std::string& path, const std::string& description) const
+        ORVX_EXCLUDES(mutex_);
 
     /// The most requests for one target in one second, and in how many seconds there were more than
     /// the rules allow.
@@ -39,8 +45,10 @@ class Traffic {
         std::size_t most = 0;
         std::size_t tooMany = 0;
     };
-    Load puts() const ORVX_EXCLUDES(mutex_);
-    Load checks() const ORVX_EXCLUDES(mutex_);
+    /// With so many times in a row of attempts that back off, beside those that users ask for.
+    Load puts(std::size_t rows = 1) const ORVX_EXCLUDES(mutex_);
+    /// With at most so many for an entry in a second.
+    Load checks(std::size_t most = 2) const ORVX_EXCLUDES(mutex_);
     std::size_t deletes() const ORVX_EXCLUDES(mutex_);
     /// How many requests of that method an HTTP client may have sent once more.
     std::size_t resends(const std::string& method) const ORVX_EXCLUDES(mutex_);
@@ -60,6 +68,7 @@ class Traffic {
     };
 
     void note(const testing::Request& request) ORVX_EXCLUDES(mutex_);
+    void noteArrival(const testing::Request& put, bool isLate) ORVX_EXCLUDES(mutex_);
     void noteMalformed(std::string what) ORVX_EXCLUDES(mutex_);
     void noteMissing(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
     void allowResend(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
@@ -69,6 +78,8 @@ class Traffic {
     mutable utility::Mutex mutex_;
     std::map<std::string, std::map<std::string, Target>> methods_ ORVX_GUARDED_BY(mutex_);
     std::vector<std::string> malformed_ ORVX_GUARDED_BY(mutex_);
+    /// Paths and descriptions.
+    std::set<std::pair<std::string, std::string>> late_ ORVX_GUARDED_BY(mutex_);
 };
 
 }  // namespace orvx::stress

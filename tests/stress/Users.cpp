@@ -20,10 +20,10 @@ int percent(Random& random) {
 
 }  // namespace
 
-void Place::stop(Announcer& announcer) {
-    const auto duration = announcer.stop().count();
+void Place::noteStop(milliseconds duration) {
+    const auto count = duration.count();
     auto longest = longestStop.load();
-    while (longest < duration && !longestStop.compare_exchange_weak(longest, duration)) {
+    while (longest < count && !longestStop.compare_exchange_weak(longest, count)) {
     }
     ++stops;
 }

@@ -20,7 +20,8 @@ struct Place {
     std::atomic<std::size_t> stops{0};
     std::atomic<milliseconds::rep> longestStop{0};
 
-    void stop(Announcer& announcer);
+    void stop(Announcer& announcer) { noteStop(announcer.stop()); }
+    void noteStop(milliseconds duration);
 };
 
 /// A service that is registered and withdrawn again and again, by one thread at a time. Never two

@@ -1,0 +1,213 @@
+// Chaos with resilience: disturbances, and the comparison of the registry's list with what is
+// announced and not withdrawn.
+//
+// Threads: this is the main thread's, which owns everything and starts the users; the clients go on
+// while it judges. No locks.
+
+#include "ResilientChaos.h"
+
+#include "Descriptors.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace orvx::stress {
+
+using namespace std::chrono_literals;
+using serviceregistryclient::RegistrationStatus;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+milliseconds upTo(Random& random, int most) {
+    return milliseconds(std::uniform_int_distribution<int>(0, most)(random));
+}
+
+}  // namespace
+
+ResilientChaos::ResilientChaos(const ChaosOptions& options)
+    : options_(options),
+      random_(options.seed),
+      registry_(options.seed, place_.traffic.tapMaker()),
+      descriptors_(testing::openDescriptors()) {
+    place_.port = registry_.port();
+    const int services = options.services / 3;
+    clients_.emplace_back(place_, "kept", services, Announcer::Options{300ms, 0, 16, true, 3s});
+    clients_.emplace_back(place_, "hasty", services, Announcer::Options{2s, 0, 4, true, 200ms});
+    clients_.emplace_back(place_, "limited", options.services - 2 * services,
+                          Announcer::Options{600ms, 3, 16, true, 1s});
+    for (KeptServices& client : clients_) {
+        for (auto& member : client.units()) {
+            members_.push_back(std::move(member));
+        }
+    }
+}
+
+void ResilientChaos::run() {
+    std::vector<Unit*> units;
+    for (const auto& member : members_) {
+        units.push_back(member.get());
+    }
+    Users users(units, options_.threads, options_.seed + 1);
+    disturb();
+    users.stop();
+    // While the faults go on: whether a withdrawal was taken before a stop is not known.
+    settle(kPatience, [this] {
+        bool isCertain = true;
+        for (KeptServices& client : clients_) {
+            for (KeptService& service : client.services()) {
+                service.withdrawDoubtful();
+                isCertain = isCertain && service.isCertain();
+            }
+        }
+        return isCertain;
+    });
+    if (random_() % 2 == 0) {
+        registry_.restart();
+    }
+    registry_.cease();
+    peace_ = Clock::now();
+}
+
+void ResilientChaos::disturb() {
+    const auto end = Clock::now() + options_.duration;
+    do {
+        switch (random_() % 8) {
+            case 0:
+                clients_[random_() % clients_.size()].restart(upTo(random_, 500));
+                break;
+            case 1:
+                registry_.pause();
+                break;
+            default:
+                registry_.disturb();
+        }
+        pace_.wait(100ms + upTo(random_, 500));
+    } while (Clock::now() < end);
+}
+
+bool ResilientChaos::judge(std::ostream& out) {
+    Verdicts verdicts;
+    printCourse(out, options_, place_, registry_);
+    judgeEntries(verdicts);
+    judgeAnswers(verdicts, place_.ledger);
+    judgeStop(verdicts);
+    judgeRequests(verdicts);
+    judgeShape(verdicts, place_.traffic);
+    return verdicts.print(out);
+}
+
+// A request that is out when the faults end is answered or ends within its time-out, and so does
+// one more, after the longest step of the back-off; a loss is found by the next check.
+void ResilientChaos::judgeEntries(Verdicts& verdicts) {
+    Verdict& verdict = verdicts.add("p3 the registry holds what is announced and not withdrawn");
+    const auto bound = 2 * Announcer::kCheckInterval + 16 * Announcer::kRetryInterval +
+                       2 * Announcer::kRequestTimeout;
+    settle(bound + kAllowance, [this] { return differences().empty(); });
+    const auto duration = std::chrono::duration_cast<milliseconds>(Clock::now() - peace_);
+    // And it stays so.
+    pace_.wait(2 * Announcer::kCheckInterval);
+    for (const std::string& difference : differences()) {
+        verdict.require(false, difference);
+    }
+    std::size_t services = 0;
+    std::size_t registrations = 0;
+    for (KeptServices& client : clients_) {
+        services += client.services().size();
+        registrations += client.announcer().heldCount();
+    }
+    verdict.figures << services << " services, " << registrations << " registrations, "
+                    << registry_.entries().size() << " entries after " << duration.count()
+                    << " ms; " << late_
+                    << " of a PUT that came to the registry after its client had given it up";
+}
+
+/// Between the registry's list and what it must be.
+std::vector<std::string> ResilientChaos::differences() {
+    std::vector<std::string> differences;
+    std::map<std::string, std::string> descriptions;
+    std::map<std::string, std::string> uuids;
+    for (const auto& entry : registry_.list()) {
+        descriptions.emplace(entry.at("path"), entry.at("service").value("description", ""));
+        uuids.emplace(entry.at("path"), entry.at("uuid"));
+    }
+    late_ = 0;
+    for (KeptServices& client : clients_) {
+        for (const KeptService& service : client.services()) {
+            const std::string expected = service.latest();
+            const auto found = descriptions.find(service.path());
+            const std::string held = found == descriptions.end() ? "" : found->second;
+            descriptions.erase(service.path());
+            if (!service.isAnswered()) {
+                differences.push_back(service.path() + ": a registration is not answered");
+            }
+            if (held == expected) {
+                continue;
+            }
+            if (!held.empty() && place_.traffic.cameLate(service.path(), held)) {
+                ++late_;
+            } else {
+                differences.push_back(service.path() + ": the registry holds '" + held +
+                                      "', expected '" + expected + "'");
+            }
+        }
+        compareStatuses(client, uuids, differences);
+    }
+    for (const auto& [path, description] : descriptions) {
+        differences.push_back(path + ": no service has this path");
+    }
+    return differences;
+}
+
+/// A registration that is not withdrawn is known as announced, with its entry's uuid; no other one
+/// is known.
+void ResilientChaos::compareStatuses(KeptServices& client,
+                                     const std::map<std::string, std::string>& uuids,
+                                     std::vector<std::string>& differences) {
+    std::map<std::string, std::size_t> known;
+    for (const RegistrationStatus& status : client.announcer().registrations()) {
+        ++known[status.uri];
+        const auto uuid = uuids.find(status.uri);
+        if (status.state != RegistrationStatus::State::Announced || uuid == uuids.end() ||
+            uuid->second != status.uuid) {
+            differences.push_back(status.uri + " is " + registrationStateToString(status.state) +
+                                  " with the uuid '" + status.uuid + "'");
+        }
+    }
+    for (const KeptService& service : client.services()) {
+        if (known[service.path()] != service.live()) {
+            differences.push_back(service.path() + ": " + std::to_string(known[service.path()]) +
+                                  " registrations are known of " + std::to_string(service.live()));
+        }
+    }
+}
+
+// Stops with operations outstanding, amid faults: with resilience each of them is answered.
+void ResilientChaos::judgeStop(Verdicts& verdicts) {
+    harmStops(registry_);
+    for (const auto& member : members_) {
+        member->ask();
+    }
+    for (KeptServices& client : clients_) {
+        client.stop();
+    }
+    Verdict& verdict = judgeStops(verdicts, place_, registry_, descriptors_);
+    verdict.require(place_.ledger.counts().outstandingAtStop == 0,
+                    "an operation is not answered by a stop");
+}
+
+// An entry that is lost is put again, and a registry that restarted, or a client, has all entries
+// looked at once more.
+void ResilientChaos::judgeRequests(Verdicts& verdicts) {
+    Verdict& verdict = verdicts.add("p4 requests are bounded");
+    const auto puts = place_.traffic.puts(2);
+    const auto checks = place_.traffic.checks(4);
+    verdict.figures << "in one second at most " << puts.most << " PUT of a service, " << checks.most
+                    << " HEAD of an entry; " << place_.traffic.deletes() << " DELETE for "
+                    << place_.withdrawals << " withdrawals";
+    verdict.require(puts.tooMany == 0, std::to_string(puts.tooMany) + " seconds: too many PUT");
+    verdict.require(checks.tooMany == 0,
+                    std::to_string(checks.tooMany) + " seconds: too many HEAD");
+}
+
+}  // namespace orvx::stress
