@@ -9,6 +9,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace orvx::announce {
@@ -21,6 +22,7 @@ Terminal::Terminal(std::vector<std::string> arguments) {
     pointers.push_back(nullptr);
     pid_ = ::forkpty(&terminal_, nullptr, nullptr, nullptr);
     if (pid_ == 0) {
+        ::setenv("TERM", "xterm", 1);  // a dumb one gets no colours
         ::execv(pointers[0], pointers.data());
         ::_exit(127);
     }

@@ -171,7 +171,7 @@ def serve(connection):
     connection.settimeout(10)
     first = connection.recv(65536, socket.MSG_PEEK)
     for method in (b"PUT", b"HEAD", b"DELETE"):
-        if method in first:
+        if first.startswith(method + b" "):  # a greeting of TLS is random bytes
             see(f"{method.decode()} in plain text")
     if current in INSTEAD:
         INSTEAD[current](connection, connection.recv(65536))
