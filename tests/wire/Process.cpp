@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -23,6 +24,22 @@ std::vector<std::string> threadNames() {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+std::uint64_t sleepsOf(const std::string& threadName) {
+    constexpr const char* kKey = "voluntary_ctxt_switches:";
+    std::uint64_t sleeps = 0;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(thread.path() / "status");
+        bool isWanted = false;
+        for (std::string line; std::getline(file, line);) {
+            isWanted = isWanted || line == "Name:\t" + threadName;
+            if (isWanted && line.rfind(kKey, 0) == 0) {
+                sleeps += std::stoull(line.substr(std::strlen(kKey)));
+            }
+        }
+    }
+    return sleeps;
 }
 
 // Each line holds the remote address and, behind it, the state, which is 2 for a SYN that was sent.

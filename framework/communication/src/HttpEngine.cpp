@@ -8,6 +8,7 @@
 
 #include <orvx/utility/OrvFoundationException.h>
 #include <sys/eventfd.h>
+#include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/detail/concurrency_hint.hpp>
 #include <boost/asio/io_context.hpp>
@@ -74,6 +75,7 @@ struct HttpEngine::Loop {
     Loop(RequestQueue& done, const utility::StreamingLogger& logger)
         : io(BOOST_ASIO_CONCURRENCY_HINT_UNSAFE),
           event(io),
+          timer(io),
           wakeUp(makeEvent()),
           resolver(wakeUp),
           context{io, resolver, logger, done} {
@@ -97,8 +99,24 @@ struct HttpEngine::Loop {
     /// Waits for it, until then at the latest.
     void wait(Clock::time_point until) {
         isDone([this, until] {
-            return until == Clock::time_point::max() ? io.run_one() : io.run_one_until(until);
+            setAlarm(until);
+            return io.run_one();
         });
+    }
+    /// Sets the timer unless it ends earlier anyway: a request costs no call for it. Asio's own
+    /// wait with a bound ends each second.
+    void setAlarm(Clock::time_point until) {
+        if (until >= alarm) {
+            return;
+        }
+        alarm = Clock::time_point::max();
+        timer.expires_at(until);
+        timer.async_wait([this](const boost::system::error_code& error) {
+            if (!error) {
+                alarm = Clock::time_point::max();
+            }
+        });
+        alarm = until;
     }
     /// What a step throws concerns the operation that it was about to begin anew.
     template <typename Step>
@@ -112,6 +130,9 @@ struct HttpEngine::Loop {
 
     asio::io_context io;
     asio::posix::basic_stream_descriptor<asio::io_context::executor_type> event;
+    asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, asio::io_context::executor_type>
+        timer;
+    Clock::time_point alarm = Clock::time_point::max();  // The timer's.
     WakeUp wakeUp;
     Resolver resolver;
     EndpointContext context;

@@ -10,15 +10,18 @@
 
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "Descriptors.h"
 #include "Loopback.h"
+#include "Process.h"
 #include "RecordingLogger.h"
 
 namespace orvx::testing {
 namespace {
 
+using namespace std::chrono_literals;
 using communication::ClientStatistics;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -209,6 +212,20 @@ TEST_F(TheEngine, LeavesNoDescriptorToTheProgramsThatAreStarted) {
     const SessionPointer kept = session();
     put(kept);
     EXPECT_EQ(inherited(), before);
+}
+
+// It woke up each second. The window is what is measured: the thread is asleep, or not yet.
+TEST_F(TheEngine, SleepsUntilADeadlineThatIsFarAway) {
+    server_.onRequest([](const Request&) { return Script().silence(); });
+    const SessionPointer silent = session();
+    silent->sendHeadRequest("/", nullptr);
+    ASSERT_TRUE(server_.waitForRequests(1));
+    const auto isAsleep = [] {
+        const auto before = sleepsOf("ORVX_HttpIO");
+        std::this_thread::sleep_for(1500ms);
+        return sleepsOf("ORVX_HttpIO") == before;
+    };
+    EXPECT_TRUE(isAsleep() || isAsleep() || isAsleep());
 }
 
 TEST_F(TheEngine, LeavesTheParentsConnectionsAloneInAForkedChild) {
