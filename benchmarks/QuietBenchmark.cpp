@@ -1,5 +1,5 @@
 // Whether a process with 1,000 registered services sleeps between checks: how often a thread of the
-// library's stops running, which it can do only when it has been running, while nothing is due.
+// library's goes to sleep, which it does once for each time it was woken, while nothing is due.
 // The main thread only sleeps.
 // Usage: orvx_bench_quiet [ROUNDS]
 
@@ -27,9 +27,9 @@ constexpr seconds kWindow(2);
 /// From some time after a burst on.
 double wakeUps() {
     std::this_thread::sleep_for(kRest);
-    const std::uint64_t before = switchesOfOtherThreads();
+    const std::uint64_t before = sleepsOfOtherThreads();
     std::this_thread::sleep_for(kWindow);
-    return static_cast<double>(switchesOfOtherThreads() - before);
+    return static_cast<double>(sleepsOfOtherThreads() - before);
 }
 
 std::vector<double> measure(std::size_t rounds) {

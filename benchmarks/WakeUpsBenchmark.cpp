@@ -1,7 +1,7 @@
 // How often the threads of the library wake up for a check when checks fall due one by one: the
 // services are registered at even distances, so that their checks come at the same distances one
-// interval later. Counted is how often a thread stopped running, which it does once for each time
-// it was woken. The main thread registers, then only sleeps.
+// interval later. Counted is how often a thread went to sleep, which it does once for each time it
+// was woken. The main thread registers, then only sleeps.
 // Usage: orvx_bench_wakeups [SERVICES [SECONDS]]
 
 #include "ClientLoad.h"
@@ -34,9 +34,9 @@ double wakeUpsPerCheck(std::size_t services, seconds interval) {
         next += distance;
     }
     const std::uint64_t checksBefore = server.heads();
-    const std::uint64_t before = switchesOfOtherThreads();
+    const std::uint64_t before = sleepsOfOtherThreads();
     std::this_thread::sleep_until(begin + 2 * interval - interval / 20);
-    const std::uint64_t after = switchesOfOtherThreads();
+    const std::uint64_t after = sleepsOfOtherThreads();
     const std::uint64_t checks = server.heads() - checksBefore;
     require(checks > services * 8 / 10 && checks <= services, "the machine is too busy");
     return static_cast<double>(after - before) / static_cast<double>(checks);

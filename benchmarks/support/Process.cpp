@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 namespace orvx::benchmarks {
 
@@ -19,15 +20,15 @@ using std::filesystem::directory_iterator;
 
 constexpr const char* kTasks = "/proc/self/task";
 
-std::uint64_t switchesOf(const std::filesystem::path& task) {
+std::uint64_t sleepsOf(const std::filesystem::path& task) {
     std::ifstream status(task / "status");
-    std::uint64_t switches = 0;
+    constexpr std::string_view kKey = "voluntary_ctxt_switches:";
     for (std::string line; std::getline(status, line);) {
-        if (line.find("ctxt_switches:") != std::string::npos) {
-            switches += std::stoull(line.substr(line.find(':') + 1));
+        if (line.compare(0, kKey.size(), kKey) == 0) {
+            return std::stoull(line.substr(kKey.size()));
         }
     }
-    return switches;
+    return 0;
 }
 
 }  // namespace
@@ -40,13 +41,13 @@ std::size_t threads() {
     return count;
 }
 
-std::uint64_t switchesOfOtherThreads() {
+std::uint64_t sleepsOfOtherThreads() {
     const std::string self = std::to_string(::syscall(SYS_gettid));
-    std::uint64_t switches = 0;
+    std::uint64_t sleeps = 0;
     for (const auto& task : directory_iterator(kTasks)) {
-        switches += task.path().filename() == self ? 0 : switchesOf(task.path());
+        sleeps += task.path().filename() == self ? 0 : sleepsOf(task.path());
     }
-    return switches;
+    return sleeps;
 }
 
 std::size_t heapInUse() {
