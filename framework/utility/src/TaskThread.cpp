@@ -35,9 +35,13 @@ void TaskThread::add(Clock::time_point due, Task task) {
             return;
         }
         const auto number = added_++;
-        entries_.push_back({due, number, std::move(task)});
-        std::push_heap(entries_.begin(), entries_.end(), isLater);
-        isToWake = sleeping_ && entries_.front().number == number;
+        if (inOrder_.empty() || inOrder_.back().due <= due) {
+            inOrder_.push_back({due, number, std::move(task)});
+        } else {
+            heap_.push_back({due, number, std::move(task)});
+            std::push_heap(heap_.begin(), heap_.end(), isLater);
+        }
+        isToWake = sleeping_ && first()->number == number;
     }
     if (isToWake) {
         changed_.notify_one();
@@ -86,19 +90,22 @@ void TaskThread::halt(bool forEver) {
     if (worker_.isLeftBehind()) {
         return;
     }
-    std::vector<Entry> dropped;
+    std::deque<Entry> droppedInOrder;
+    std::vector<Entry> droppedHeap;
     Tasks droppedQueue;
     {
         MutexLock lock(mutex_);
         if (running_ || forEver) {
-            dropped.swap(entries_);
+            droppedInOrder.swap(inOrder_);
+            droppedHeap.swap(heap_);
             droppedQueue.swap(queue_);
         }
         running_ = false;
         ended_ = ended_ || forEver;
         changed_.notify_one();
     }
-    dropped.clear();
+    droppedInOrder.clear();
+    droppedHeap.clear();
     droppedQueue.clear();
     if (!worker_.isCurrent()) {
         worker_.end();
@@ -132,21 +139,30 @@ bool TaskThread::isLater(const Entry& one, const Entry& other) {
     return std::tie(one.due, one.number) > std::tie(other.due, other.number);
 }
 
+/// Null when there is none.
+const TaskThread::Entry* TaskThread::first() const {
+    if (inOrder_.empty() || heap_.empty()) {
+        return !inOrder_.empty() ? &inOrder_.front() : !heap_.empty() ? &heap_.front() : nullptr;
+    }
+    return isLater(inOrder_.front(), heap_.front()) ? &heap_.front() : &inOrder_.front();
+}
+
 bool TaskThread::isOneDue() const {
-    return !queue_.empty() || (!entries_.empty() && entries_.front().due <= Clock::now());
+    const Entry* const next = first();
+    return !queue_.empty() || (next != nullptr && next->due <= Clock::now());
 }
 
 void TaskThread::wait(MutexLock& lock) {
     sleeping_ = true;
-    if (entries_.empty()) {
+    const Entry* const next = first();
+    if (next == nullptr) {
         changed_.wait(lock.native());
         sleeping_ = false;
         return;
     }
     // The farthest due times are beyond what some systems can wait for. Woken at whole milliseconds
     // only, the thread finds together what falls due one by one.
-    const Clock::time_point until =
-        std::min(entries_.front().due, Clock::now() + std::chrono::hours(24));
+    const Clock::time_point until = std::min(next->due, Clock::now() + std::chrono::hours(24));
     changed_.wait_until(lock.native(), std::chrono::ceil<std::chrono::milliseconds>(until));
     sleeping_ = false;
 }
@@ -157,9 +173,15 @@ TaskThread::Task TaskThread::takeFirst() {
         queue_.pop_front();
         return first;
     }
-    std::pop_heap(entries_.begin(), entries_.end(), isLater);
-    Task task = std::move(entries_.back().task);
-    entries_.pop_back();
+    Task task;
+    if (!inOrder_.empty() && first() == &inOrder_.front()) {
+        task = std::move(inOrder_.front().task);
+        inOrder_.pop_front();
+    } else {
+        std::pop_heap(heap_.begin(), heap_.end(), isLater);
+        task = std::move(heap_.back().task);
+        heap_.pop_back();
+    }
     return task;
 }
 

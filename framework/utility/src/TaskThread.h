@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -57,6 +58,7 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     void halt(bool forEver) ORVX_EXCLUDES(mutex_);
     void work() ORVX_EXCLUDES(mutex_);
     bool takesTasks() const ORVX_REQUIRES(mutex_);
+    const Entry* first() const ORVX_REQUIRES(mutex_);
     bool isOneDue() const ORVX_REQUIRES(mutex_);
     void wait(MutexLock& lock) ORVX_REQUIRES(mutex_);
     Task takeFirst() ORVX_REQUIRES(mutex_);
@@ -69,8 +71,11 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     /// Notified when another task is the first to fall due, and when there is nothing to wait for.
     std::condition_variable changed_;
     Tasks queue_ ORVX_GUARDED_BY(mutex_);
-    /// A heap; its front falls due first.
-    std::vector<Entry> entries_ ORVX_GUARDED_BY(mutex_);
+    /// Entries that were added in the order in which they fall due. Most are: there are few
+    /// different delays. A heap of many costs more time and more memory.
+    std::deque<Entry> inOrder_ ORVX_GUARDED_BY(mutex_);
+    /// The others, as a heap; its front falls due first.
+    std::vector<Entry> heap_ ORVX_GUARDED_BY(mutex_);
     std::uint64_t added_ ORVX_GUARDED_BY(mutex_) = 0;
     bool running_ ORVX_GUARDED_BY(mutex_) = false;
     /// The worker waits for a notification.
