@@ -206,8 +206,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
                             const communication::HttpResponse& response, bool& isInTime)
         ORVX_EXCLUDES(mutex);
     void noteCheckLocked(std::uint64_t id, const RequestContainer& container,
-                         const communication::HttpResponse& response) ORVX_REQUIRES(mutex);
-    void noteNextCheckLocked(std::uint64_t id) ORVX_REQUIRES(mutex);
+                         RegistrationData& record, const communication::HttpResponse& response)
+        ORVX_REQUIRES(mutex);
     bool markLostLocked(std::uint64_t id, RequestContainer& container) ORVX_REQUIRES(mutex);
     std::chrono::milliseconds checkDelay() const;
 

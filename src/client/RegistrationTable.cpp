@@ -96,6 +96,13 @@ std::shared_ptr<const common::ServiceInfo> OrvServiceRegistryClient::Registratio
     return registry_;
 }
 
+std::string OrvServiceRegistryClient::RegistrationTable::registryIdOf(
+    const RequestContainer& request) {
+    const RegistrationData* const record = request.record;
+    return record != nullptr && record->isIndexed ? record->place->first
+                                                  : request.serviceCreate->getId();
+}
+
 // The request's id may lead to another record by now, which does not matter here.
 void OrvServiceRegistryClient::RegistrationTable::describe(RequestContainer& request,
                                                            const std::string& registryId,

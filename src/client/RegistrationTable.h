@@ -40,6 +40,9 @@ class OrvServiceRegistryClient::RegistrationTable {
     /// A copy of the endpoint, the same one for all registrations in a row at one endpoint.
     std::shared_ptr<const common::ServiceInfo> share(const common::ServiceInfo& registry);
 
+    /// The registry id in the request's description. The index has it at hand: the description and
+    /// its values lie elsewhere in memory, each check's anew.
+    static std::string registryIdOf(const RequestContainer& request);
     /// Writes what the registry holds into the request's description.
     void describe(RequestContainer& request, const std::string& registryId, const std::string& uri);
 

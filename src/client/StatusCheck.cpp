@@ -40,7 +40,7 @@ void OrvServiceRegistryClient::sendHeadRequestOnce(
     }
     record->facts.requestSent();
     const auto session = usableSessionLocked(*container->serviceInfo);
-    session->sendHeadRequest("/" + container->serviceCreate->getId(),
+    session->sendHeadRequest("/" + RegistrationTable::registryIdOf(*container),
                              [this, id, container](const HttpResponse& response) {
                                  handleHeadResponse(id, container, response);
                              });
@@ -85,7 +85,10 @@ bool OrvServiceRegistryClient::recordHeadResponse(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
     const HttpResponse& response, bool& isInTime) {
     const utility::MutexLock lock(mutex);
-    noteCheckLocked(id, *container, response);
+    const auto record = mapRegistryCallback->find(id);
+    if (record) {
+        noteCheckLocked(id, *container, *record, response);
+    }
     if (!isInTime && checkState == TIMEOUT) {
         logger->log("TIMEOUT on head request, ignore response.", 0);
         checkState = IDLE;
@@ -99,33 +102,24 @@ bool OrvServiceRegistryClient::recordHeadResponse(
     if (isLost) {
         return markLostLocked(id, *container);
     }
-    if (mapRegistryCallback->find(id)) {
+    if (record) {
         scheduleCheck(id, container);
-        noteNextCheckLocked(id);
+        record->facts.plan(timer.now(), checkDelay());
     }
     return false;
 }
 
 /// What an answer to a check says to those who look, be it ignored.
 void OrvServiceRegistryClient::noteCheckLocked(std::uint64_t id, const RequestContainer& container,
+                                               RegistrationData& record,
                                                const HttpResponse& response) {
-    const auto record = mapRegistryCallback->find(id);
     const auto status = static_cast<std::int32_t>(response.getStatusCode());
-    if (!record) {
-        return;
-    }
     if (status >= 200 && status < 300) {
-        record->facts.confirmed = timer.now();
-        upkeep->succeedLocked(id, container, record->facts);
+        record.facts.confirmed = timer.now();
+        upkeep->succeedLocked(id, container, record.facts);
     } else if (status != 404) {
-        upkeep->failLocked(id, container, record->facts,
+        upkeep->failLocked(id, container, record.facts,
                            RegistrationFacts::failureOf("HEAD", response, timer.now()));
-    }
-}
-
-void OrvServiceRegistryClient::noteNextCheckLocked(std::uint64_t id) {
-    if (const auto record = mapRegistryCallback->find(id)) {
-        record->facts.plan(timer.now(), checkDelay());
     }
 }
 

@@ -48,7 +48,7 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
                          answer(OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
             return;
         }
-        if (record->requestContainer->serviceCreate->getId().empty()) {
+        if (RegistrationTable::registryIdOf(*record->requestContainer).empty()) {
             logger->logWarning(false)
                 << "Trying to unregister a service that is not registered yet. Ignore. id=" << id;
             callCallback(waiting, answer(OrvRegistrationResponse::ERROR,
@@ -73,6 +73,7 @@ void OrvServiceRegistryClient::sendDeleteRequest(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container) {
     try {
         std::shared_ptr<communication::IClientHttpSession> session;
+        std::string path;
         {
             const utility::MutexLock lock(mutex);
             if (!initiated) {
@@ -86,9 +87,10 @@ void OrvServiceRegistryClient::sendDeleteRequest(
                 return;
             }
             record->facts.requestSent();
+            path = "/" + RegistrationTable::registryIdOf(*container);
             session = usableSessionLocked(*container->serviceInfo);
         }
-        session->sendDeleteRequest("/" + container->serviceCreate->getId(), "application/json",
+        session->sendDeleteRequest(std::move(path), "application/json",
                                    [this, id, container](HttpResponse response) {
                                        handleDeleteResponse(id, std::move(response));
                                    });
