@@ -11,8 +11,8 @@
 #include <orvx/utility/Mutex.h>
 
 #include <condition_variable>
-#include <initializer_list>
 #include <string_view>
+#include <vector>
 
 namespace orvx::testing {
 namespace {
@@ -54,7 +54,7 @@ auto* next() {
 }
 
 /// To these addresses, in this order.
-int lookUpFixed(std::string_view name, std::initializer_list<const char*> addresses,
+int lookUpFixed(std::string_view name, const std::vector<const char*>& addresses,
                 const addrinfo* hints, addrinfo** result) {
     State& s = state();
     {
@@ -152,6 +152,11 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
     }
     if (endsWith(name, ".both.test")) {
         return lookUpFixed(name, {"::1", "127.0.0.1"}, hints, result);
+    }
+    if (endsWith(name, ".crowd.test")) {
+        std::vector<const char*> addresses(99, "127.0.0.2");
+        addresses.push_back("127.0.0.1");
+        return lookUpFixed(name, addresses, hints, result);
     }
     if (endsWith(name, ".several.test")) {
         return lookUpFixed(name, {"127.0.0.2", "127.0.0.1", "::1"}, hints, result);

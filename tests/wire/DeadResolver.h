@@ -12,6 +12,7 @@ namespace orvx::testing {
 /// - ".silent.test": no answer until release() or for `atMost`, then EAI_AGAIN
 /// - ".unknown.test": EAI_NONAME at once
 /// - ".both.test": ::1 and 127.0.0.1, in this order, at once
+/// - ".crowd.test": 127.0.0.2 99 times, then 127.0.0.1, at once
 /// - ".several.test": 127.0.0.2, 127.0.0.1, and ::1, in this order, at once
 ///
 /// Silence needs an object; without one silent names fail at once. One object at a time. Works for

@@ -51,7 +51,8 @@ std::uint32_t zoneNumber(const std::string& zone) {
     return named != 0 ? named : static_cast<std::uint32_t>(std::strtoul(zone.c_str(), nullptr, 10));
 }
 
-/// The resolver's order, but for the families, which take turns (RFC 8305, section 4).
+/// The resolver's order, but for the families, which take turns (RFC 8305, section 4). Those after
+/// the first 64 are left out: a name with thousands would keep the I/O thread from its other work.
 Addresses interleaved(const Addresses& addresses) {
     Addresses first;
     Addresses second;
@@ -67,6 +68,8 @@ Addresses interleaved(const Addresses& addresses) {
             }
         }
     }
+    constexpr std::size_t kMost = 64;
+    result.resize(std::min(result.size(), kMost));
     return result;
 }
 

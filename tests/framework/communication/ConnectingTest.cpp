@@ -92,6 +92,14 @@ TEST_F(Connecting, CostsOneThreadAndNoDescriptorHoweverManyNamesAreNotAnswered) 
     EXPECT_LT(durationOf([&] { context_.deinit(); }), 1s);
 }
 
+// A name with 3,000 addresses that refuse took the I/O thread 1.4 s.
+TEST_F(Connecting, TriesTheFirst64AddressesOfAName) {
+    const DeadResolver resolver;
+    EXPECT_EQ(put(session(server_.port(), {}, "a.crowd.test")).getCommunicationStatus(),
+              CommunicationStatus::ConnectFailed)
+        << "the server is at the hundredth";
+}
+
 TEST_F(Connecting, AsksOnceForANameHoweverManyRequestsWaitAndForAWhileAfter) {
     const DeadResolver resolver;
     const SessionPointer named = session(server_.port(), {}, "a.both.test");
