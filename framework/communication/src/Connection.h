@@ -56,6 +56,7 @@ class Connection final : private Stream::Listener {
     void onRead() override;
     void onEnd(Stream::End end) override;
     void onWritten() override { isWriting_ = false; }
+    void onWriteBroken() override { isWriteBroken_ = true; }
 
     void finish();
     void fail(CommunicationStatus status);

@@ -70,6 +70,7 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     void onRead() override;
     void onEnd(Stream::End end) override;
     void onWritten() override {}
+    void onWriteBroken() override {}
 
     boost::asio::io_context& io_;
     const EndpointSettings& settings_;

@@ -82,6 +82,7 @@ void PlainStream::onWritten(const error_code& error, std::size_t count) {
     if (error) {
         error_code ignored;
         socket_.shutdown(Socket::shutdown_both, ignored);
+        listener_->onWriteBroken();
         return;
     }
     if (head_.empty()) {

@@ -30,6 +30,8 @@ class Stream {
         virtual void onEnd(End end) = 0;
         /// All that was to be sent Later is sent.
         virtual void onWritten() = 0;
+        /// It cannot be sent. The outstanding read ends, with what the peer has said before.
+        virtual void onWriteBroken() = 0;
 
       protected:
         ~Listener() = default;

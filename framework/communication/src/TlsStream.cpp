@@ -111,6 +111,7 @@ void TlsStream::onWritten(const error_code& error, std::size_t count) {
     if (error) {
         error_code ignored;
         stream_.next_layer().shutdown(Socket::shutdown_both, ignored);
+        listener_->onWriteBroken();
         return;
     }
     written_ += count;

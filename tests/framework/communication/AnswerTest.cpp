@@ -216,6 +216,13 @@ TEST_F(AnAnswer, HasNotComeIfTheServerClosesInstead) {
     EXPECT_THAT(toScript(Script().reset()), failsWith(CommunicationStatus::ReceiveFailed));
 }
 
+// It was said that receiving had failed.
+TEST_F(AnAnswer, HasNotComeIfTheConnectionBreaksWhileTheBodyIsSent) {
+    server_.everyConnection(Script().readBytes(1).reset());
+    const std::string body(64 << 20, ' ');
+    EXPECT_THAT(put(session(), "/", body), failsWith(CommunicationStatus::SendFailed));
+}
+
 TEST_F(AnAnswer, IsTooLargeIfItsHeadersExceedTheirCap) {
     HttpConfig config;
     config.maxHeaderBytes = 1000;
