@@ -39,9 +39,6 @@ CommunicationStatus statusOf(const error_code& error) {
         error == http::error::buffer_overflow) {
         return CommunicationStatus::TooLarge;
     }
-    if (error == http::error::partial_message || error == http::error::end_of_stream) {
-        return CommunicationStatus::CutShort;
-    }
     return error == http::error::bad_alloc ? CommunicationStatus::OutOfMemory
                                            : CommunicationStatus::Malformed;
 }
@@ -245,17 +242,14 @@ void AnswerReader::completeStatusLine(ReadBuffer& bytes) {
     }
 }
 
-AnswerReader::Progress AnswerReader::takeEnd() {
-    if (!hasBegun_) {
-        return refuse(CommunicationStatus::ReceiveFailed);
-    }
+bool AnswerReader::takeEnd() {
     error_code error;
-    if ((*parser_)->got_some()) {
+    // Without a byte only interim answers have come.
+    const bool hasPart = (*parser_)->got_some();
+    if (hasPart) {
         (*parser_)->put_eof(error);
-    } else {
-        error = http::error::partial_message;  // Only interim answers have come.
     }
-    return error ? refuse(statusOf(error)) : Progress::Done;
+    return hasPart && !error;
 }
 
 bool AnswerReader::isConnectionKept() const {

@@ -31,8 +31,8 @@ class AnswerReader {
     void begin(Answer& answer, const Limits& limits);
     /// Consumes what it can of the bytes. Throws std::bad_alloc.
     Progress take(ReadBuffer& bytes);
-    /// The connection has ended in order, which ends some answers.
-    Progress takeEnd();
+    /// The connection has ended in order. Whether that ends the answer.
+    bool takeEnd();
 
     /// Why an answer is Refused.
     CommunicationStatus refusal() const { return refusal_; }

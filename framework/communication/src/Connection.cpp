@@ -72,8 +72,8 @@ void Connection::finish() {
 }
 
 void Connection::onEnd(Stream::End end) {
-    const bool isWhole = request_ && end == Stream::End::Orderly && reader_.hasBegun() &&
-                         reader_.takeEnd() == AnswerReader::Progress::Done;
+    const bool isWhole =
+        request_ && end == Stream::End::Orderly && reader_.hasBegun() && reader_.takeEnd();
     if (isWhole) {
         owner_.onAnswered(*this, std::move(request_), false);
     } else {

@@ -184,7 +184,6 @@ void HttpEndpoint::drop(Connection& connection) {
 
 // One at a time until one stands: who comes back after a restart is not run over.
 void HttpEndpoint::connect(Clock::time_point now) {
-    makeRoom();
     while (wantsConnection()) {
         beginToConnect(now);
     }
@@ -195,14 +194,6 @@ bool HttpEndpoint::wantsConnection() const {
     const std::size_t atOnce = connections_.empty() ? 1 : settings_->config.connectionsPerEndpoint;
     return connecting_.size() < std::min(wanted, atOnce) &&
            connections_.size() + connecting_.size() < settings_->config.connectionsPerEndpoint;
-}
-
-/// What has to go over a new connection goes before what is idle.
-void HttpEndpoint::makeRoom() {
-    while (!again_.isEmpty() && connecting_.empty() && !idle_.empty() &&
-           connections_.size() == settings_->config.connectionsPerEndpoint) {
-        drop(*idle_.front());
-    }
 }
 
 void HttpEndpoint::beginToConnect(Clock::time_point now) {

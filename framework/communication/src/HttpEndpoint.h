@@ -73,7 +73,6 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void drop(Connection& connection);
 
     void connect(Clock::time_point now);
-    void makeRoom();
     void beginToConnect(Clock::time_point now);
     bool findAddresses();
     bool wantsConnection() const;
