@@ -153,7 +153,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     // Registration.cpp
     UnregisterHandle internal_registerAtRegistry(
         const common::ServiceInfo& serviceInfo,
-        const std::shared_ptr<common::ServiceCreate>& service, const ResponseCallback& callback)
+        const std::shared_ptr<common::ServiceCreate>& service, ResponseCallback callback)
         ORVX_EXCLUDES(mutex);
     std::uint64_t storeRegistration(const common::ServiceInfo& serviceInfo,
                                     const std::shared_ptr<RequestContainer>& request,

@@ -82,12 +82,12 @@ struct RequestContent {
 IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::registerServiceAtRegistry(
     const common::ServiceInfo& serviceInfo, const std::shared_ptr<ServiceCreate>& service,
     ResponseCallback callback) {
-    return internal_registerAtRegistry(serviceInfo, service, callback);
+    return internal_registerAtRegistry(serviceInfo, service, std::move(callback));
 }
 
 IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_registerAtRegistry(
     const common::ServiceInfo& serviceInfo, const std::shared_ptr<ServiceCreate>& service,
-    const ResponseCallback& callback) {
+    ResponseCallback callback) {
     const auto refuse = [&](OrvRegistrationResponse::ErrorCode reason) {
         callCallback(callback, std::make_shared<OrvRegistrationResponse>(
                                    OrvRegistrationResponse::ERROR, reason));
@@ -117,7 +117,7 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
     const auto request = std::make_shared<RequestContainer>(RequestContainer{
         nullptr, completed, std::shared_ptr<const std::string>(content, &content->uri),
         std::shared_ptr<const std::string>(content, &content->body)});
-    return upkeep->announce(serviceInfo, request, callback);
+    return upkeep->announce(serviceInfo, request, std::move(callback));
 }
 
 // A handle whose client is gone answers a blocked caller only: nothing else would end that wait.

@@ -45,23 +45,23 @@ void HttpSession::sendPutRequest(std::string path, std::string contentType, std:
     request->accept = std::move(accept);
     request->content = content;
     request->length = length;
-    send(std::move(request), path, std::move(handler));
+    send(std::move(request), std::move(path), std::move(handler));
 }
 
 void HttpSession::sendHeadRequest(std::string uri, ResponseHandler handler) {
-    send(make(Request::Kind::Head), uri, std::move(handler));
+    send(make(Request::Kind::Head), std::move(uri), std::move(handler));
 }
 
 void HttpSession::sendHeadRequestWithin(std::chrono::milliseconds timeout, std::string uri,
                                         ResponseHandler handler) {
-    send(make(Request::Kind::Head), uri, std::move(handler), timeout);
+    send(make(Request::Kind::Head), std::move(uri), std::move(handler), timeout);
 }
 
 void HttpSession::sendDeleteRequest(std::string uri, std::string contentType,
                                     ResponseHandler handler) {
     auto request = make(Request::Kind::Delete);
     request->contentType = std::move(contentType);
-    send(std::move(request), uri, std::move(handler));
+    send(std::move(request), std::move(uri), std::move(handler));
 }
 
 void HttpSession::abandon() {
@@ -76,9 +76,9 @@ std::unique_ptr<Request> HttpSession::make(Request::Kind kind) const {
     return request;
 }
 
-void HttpSession::send(std::unique_ptr<Request> request, const std::string& path,
-                       ResponseHandler handler, std::chrono::milliseconds timeout) {
-    request->target = requestTarget(path);
+void HttpSession::send(std::unique_ptr<Request> request, std::string path, ResponseHandler handler,
+                       std::chrono::milliseconds timeout) {
+    request->target = requestTarget(std::move(path));
     if (request->status == CommunicationStatus::Ok && !canBeSent(*request)) {
         request->status = CommunicationStatus::InvalidRequest;
     }

@@ -30,7 +30,7 @@ class HttpSession : public IClientHttpSession {
 
   private:
     std::unique_ptr<Request> make(Request::Kind kind) const;
-    void send(std::unique_ptr<Request> request, const std::string& path, ResponseHandler handler,
+    void send(std::unique_ptr<Request> request, std::string path, ResponseHandler handler,
               std::chrono::milliseconds timeout = std::chrono::milliseconds::max());
 
     const std::shared_ptr<RequestInbox> inbox_;

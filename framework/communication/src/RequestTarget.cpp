@@ -72,13 +72,17 @@ std::string_view withoutBrackets(std::string_view host) {
     return bracketed ? host.substr(1, host.size() - 2) : host;
 }
 
-std::string requestTarget(const std::string& path) {
+std::string requestTarget(std::string path) {
+    const bool isFine = std::all_of(path.begin(), path.end(), mayStandInTarget);
+    if (isFine && !path.empty() && path.front() == '/') {
+        return path;
+    }
     std::string target;
     target.reserve(path.size() + 1);
     if (path.empty() || path.front() != '/') {
         target += '/';
     }
-    if (std::all_of(path.begin(), path.end(), mayStandInTarget)) {
+    if (isFine) {
         return target += path;
     }
     for (const char c : path) {

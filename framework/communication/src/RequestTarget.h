@@ -8,7 +8,7 @@ namespace orvx::communication {
 
 /// The path as it goes into the request line: beginning with "/", and with the bytes that may not
 /// stand there percent-encoded. "%" goes as given.
-std::string requestTarget(const std::string& path);
+std::string requestTarget(std::string path);
 
 /// An address of IPv6 is written in brackets, or not; anything else as it is.
 std::string_view withoutBrackets(std::string_view host);
