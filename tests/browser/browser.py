@@ -18,8 +18,9 @@ def start_browser():
     return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
 
 
-def show(browser, width, height, scheme="light"):
+def show(browser, width, height, scheme="light", reduced_motion=False):
     browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
         "width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600})
     browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
-        "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+        "features": [{"name": "prefers-color-scheme", "value": scheme},
+                     {"name": "prefers-reduced-motion", "value": "reduce" if reduced_motion else "no-preference"}]})

@@ -26,6 +26,7 @@ using orvx::registry::EntryStore;
 using orvx::registry::Reaction;
 using orvx::registry::Request;
 using orvx::registry::Response;
+using orvx::registry::Watch;
 
 struct KnownEntry {
     std::string uuid;
@@ -63,10 +64,13 @@ class Registry {
   public:
     void ask(const Request& request) {
         isKnown_ = !isForTool(request) && (isKnown_ || !hasFaults());
-        const Reaction reaction = dispatcher_.react(request);
+        Reaction reaction = dispatcher_.react(request);
         if (!reaction.response) {
             require(!isKnown_, "a connection is reset by a fault only");
             return adopt();
+        }
+        if (reaction.watch) {
+            return requireListed(*reaction.watch);
         }
         requireWellFormed(request, *reaction.response);
         if (!isKnown_) {
@@ -102,6 +106,20 @@ class Registry {
     static bool isForTool(const Request& request) {
         return request.target().starts_with("/-/") ||
                request[http::field::accept].find("text/html") != boost::string_view::npos;
+    }
+
+    /// A reader that begins is told every entry.
+    void requireListed(Watch& watch) {
+        std::size_t count = 0;
+        for (std::string piece = dispatcher_.news(watch); !piece.empty(); piece = dispatcher_.news(watch)) {
+            require(piece.size() < Watch::kPiece + Watch::kLongestEvent, "a short piece");
+            for (auto at = piece.find("event: put\n"); at != std::string::npos;
+                 at = piece.find("event: put\n", at + 1)) {
+                ++count;
+            }
+        }
+        require(count <= dispatcher_.store().entries().size(), "no more than all entries");
+        adopt();
     }
 
     static void requireWellFormed(const Request& request, const Response& response) {

@@ -41,7 +41,9 @@ class TheDispatcher : public ::testing::Test {
         return react(method, target, body, accept).response.value();
     }
 
-    json pageRows() { return json::parse(ask(verb::get, "/-/entries").body()).at("entries"); }
+    std::size_t countEntries() {
+        return json::parse(ask(verb::get, "/").body()).at("entries").size();
+    }
 
     EntryStore::Time now_{};
     StoreOptions options_{10s, 3, "", [this] { return now_; }};
@@ -79,57 +81,27 @@ TEST_F(TheDispatcher, ServesWhatThePageNeeds) {
     EXPECT_EQ(ask(verb::get, "/-/other").result(), http::status::not_found);
 }
 
-TEST_F(TheDispatcher, ListsForThePageTheNewestEntryFirstWithItsTimes) {
-    ask(verb::put, "/a", R"({"name":"<script>","uri":"/a","port":80,"secret":1})");
-    const std::string location(ask(verb::put, "/b", "{}")[http::field::location]);
+TEST_F(TheDispatcher, LetsAReaderWatchTheEntries) {
+    Reaction reaction = react(verb::get, "/-/watch");
+    EXPECT_EQ((*reaction.response)[http::field::content_type], "text/event-stream");
+    EXPECT_FALSE(reaction.response->keep_alive());
+    ask(verb::put, "/a", "{}");
+    EXPECT_THAT(dispatcher_.news(reaction.watch.value()), HasSubstr("\nevent: put\n"));
+    now_ += 10s;
+    EXPECT_THAT(dispatcher_.news(*reaction.watch), HasSubstr("\nevent: removed\n"));
+    EXPECT_FALSE(react(verb::head, "/-/watch").watch);
+    EXPECT_EQ(react(verb::put, "/-/watch", "{}").response->result(), http::status::created);
+}
+
+TEST_F(TheDispatcher, ForgetsWhatIsDueWhileAReaderWatches) {
+    Reaction reaction = react(verb::get, "/-/watch");
+    ask(verb::put, "/a", "{}");
+    ask(verb::put, "/-/faults", R"({"fault":"forget","after":2})");
+    EXPECT_THAT(dispatcher_.news(reaction.watch.value()), HasSubstr("{\"faults\":1,"));
     now_ += 2s;
-    ask(verb::head, location);
-    now_ += 3s;
-    const json rows = pageRows();
-    ASSERT_EQ(rows.size(), 2U);
-    EXPECT_EQ(rows[0].at("uuid"), location.substr(1));
-    EXPECT_EQ(rows[0].at("checked"), 3'000);
-    EXPECT_EQ(rows[0].at("expires"), 7'000);
-    EXPECT_EQ(rows[0].at("name"), nullptr);
-    EXPECT_EQ(rows[1].at("checked"), nullptr);
-    EXPECT_EQ(rows[1].at("expires"), 5'000);
-    EXPECT_EQ(rows[1].at("name"), "<script>");
-    EXPECT_EQ(rows[1].at("port"), 80);
-    EXPECT_FALSE(rows[1].contains("secret"));
-}
-
-TEST_F(TheDispatcher, TellsThePageWhenAPathWasPutForAnotherAddress) {
-    ask(verb::put, "/a", R"({"host":"10.0.0.1","port":80})");
-    EXPECT_EQ(pageRows().at(0).count("movedFrom"), 0U);
-    ask(verb::put, "/a", R"({"host":"10.0.0.2","port":80})");
-    now_ += 2s;
-    EXPECT_EQ(pageRows().at(0).at("movedFrom"), "10.0.0.1:80");
-    EXPECT_EQ(pageRows().at(0).at("moved"), 2'000);
-}
-
-TEST_F(TheDispatcher, ShortensForThePageWhatALongServiceSays) {
-    std::string name(299, 'x');
-    name += "€" + std::string(10'000, 'x');
-    ask(verb::put, "/a", json{{"name", name}, {"uri", {1}}, {"port", "80"}}.dump());
-    const json row = pageRows()[0];
-    EXPECT_EQ(row.at("name"), std::string(299, 'x') + "…");
-    EXPECT_EQ(row.at("uri"), nullptr);
-    EXPECT_EQ(row.at("port"), nullptr);
-}
-
-TEST_F(TheDispatcher, ShowsThePageThousandsOfEntriesAndNoMore) {
-    options_.maxEntries = 6'000;
-    Dispatcher dispatcher(options_, false);
-    for (int i = 0; i < 5'001; ++i) {
-        Request request(verb::put, "/" + std::to_string(i), 11);
-        request.body() = "{}";
-        dispatcher.react(request);
-    }
-    const auto reaction = dispatcher.react({verb::get, "/-/entries", 11});
-    const json list = json::parse(reaction.response->body());
-    EXPECT_EQ(list.at("total"), 5'001);
-    EXPECT_EQ(list.at("entries").size(), 5'000U);
-    EXPECT_EQ(list.at("entries")[0].at("path"), "/5000");
+    const std::string news = dispatcher_.news(*reaction.watch);
+    EXPECT_THAT(news, HasSubstr("\nevent: removed\n"));
+    EXPECT_THAT(news, HasSubstr("{\"faults\":0,"));
 }
 
 TEST_F(TheDispatcher, ForgetsWhatHasExpiredBeforeItAnswers) {
@@ -153,7 +125,6 @@ TEST_F(TheDispatcher, TakesShowsAndDropsFaults) {
     EXPECT_EQ(set.result(), http::status::ok);
     EXPECT_EQ(ask(verb::get, "/-/faults").body(), set.body());
     EXPECT_EQ(json::parse(set.body()).at("faults")[0].at("fault"), "reset");
-    EXPECT_EQ(json::parse(ask(verb::get, "/-/entries").body()).at("faults"), 1);
     EXPECT_EQ(ask(verb::delete_, "/-/faults").body(), R"({"faults":[]})");
     EXPECT_TRUE(react(verb::put, "/a", "{}").response);
 }
@@ -187,7 +158,7 @@ TEST_F(TheDispatcher, CarriesOutARequestWhoseAnswerIsDelayed) {
     const Reaction reaction = react(verb::put, "/a", "{}");
     EXPECT_EQ(reaction.delay, 70ms);
     EXPECT_EQ(reaction.response->result(), http::status::created);
-    EXPECT_EQ(pageRows().size(), 1U);
+    EXPECT_EQ(countEntries(), 1U);
 }
 
 TEST_F(TheDispatcher, TakesTheControlForAPathLikeAnyOtherUnlessItIsEnabled) {

@@ -98,6 +98,18 @@ RawConnection::Response RawConnection::ask(const std::string& request) {
     return receive(request.rfind("HEAD ", 0) == 0);
 }
 
+std::string RawConnection::readUntil(const std::string& text) {
+    std::size_t at = 0;
+    while ((at = unread_.find(text)) == std::string::npos) {
+        if (!readMore()) {
+            throw std::runtime_error("the connection ended without: " + text);
+        }
+    }
+    std::string bytes = unread_.substr(0, at + text.size());
+    unread_.erase(0, bytes.size());
+    return bytes;
+}
+
 bool RawConnection::isClosedByPeer() {
     return unread_.empty() && !readMore();
 }

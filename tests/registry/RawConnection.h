@@ -31,6 +31,8 @@ class RawConnection {
     Response receive(bool toHead = false);
     /// send() and receive().
     Response ask(const std::string& request);
+    /// The bytes up to that text and with it, of whatever comes.
+    std::string readUntil(const std::string& text);
     /// True when the other side ends the connection without another byte.
     bool isClosedByPeer();
     /// Waits until the other side gives the connection up, reading nothing.

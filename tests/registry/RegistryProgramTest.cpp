@@ -9,11 +9,16 @@
 #include <boost/beast/http/status.hpp>
 #include <csignal>
 #include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "RawConnection.h"
 #include "RegistryProcess.h"
+#include "TemporaryFolder.h"
 
 namespace orvx::registry {
 namespace {
@@ -71,22 +76,32 @@ TEST(TheRegistryProgram, SaysInOneLineWhyItCannotListen) {
     const std::string port = std::to_string(first.port());
     RegistryProcess second({"--port", port});
     const auto result = second.wait();
-    EXPECT_TRUE(exitedWith(result, 1)) << result.status;
+    EXPECT_TRUE(exitedWith(result, 125)) << result.status;
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors,
                 MatchesRegex("orvx-registry: cannot listen at 127\\.0\\.0\\.1 port " + port +
                              ": bind: Address already in use\n"));
 }
 
-TEST(TheRegistryProgram, RefusesOptionsItDoesNotKnowOrCannotRead) {
+TEST(TheRegistryProgram, RefusesInOneLineOptionsItDoesNotKnowOrCannotRead) {
     using Arguments = std::vector<std::string>;
     for (const Arguments& arguments :
          {Arguments{"--unknown"}, Arguments{"--port", "65536"}, Arguments{"--port", "x"},
-          Arguments{"--max-body", "-1"}, Arguments{"extra"}}) {
+          Arguments{"--max-body", "-1"}, Arguments{"--port"}, Arguments{"extra"}}) {
         const auto result = RegistryProcess(arguments).wait();
-        EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) > 1) << arguments.back();
-        EXPECT_FALSE(result.errors.empty());
+        EXPECT_TRUE(exitedWith(result, 125)) << arguments.back();
+        EXPECT_THAT(result.output, IsEmpty());
+        EXPECT_THAT(result.errors,
+                    MatchesRegex("orvx-registry: [^\n]*\\(orvx-registry --help lists the "
+                                 "options\\)\n"));
     }
+}
+
+TEST(TheRegistryProgram, PrintsItsVersion) {
+    const auto result = RegistryProcess({"--version"}).wait();
+    EXPECT_TRUE(exitedWith(result, 0));
+    EXPECT_THAT(result.output, MatchesRegex("orvx-registry [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+    EXPECT_THAT(result.errors, IsEmpty());
 }
 
 TEST(TheRegistryProgram, ExplainsItsOptions) {
@@ -95,6 +110,40 @@ TEST(TheRegistryProgram, ExplainsItsOptions) {
     for (const char* option : {"--host", "--port", "--max-body", "127.0.0.1", "8500", "1048576"}) {
         EXPECT_THAT(result.output, HasSubstr(option));
     }
+}
+
+/// What bash offers for the last word.
+std::set<std::string> completions(std::vector<std::string> words) {
+    const std::string script = R"(
+        source "$0"
+        COMP_WORDS=("$@")
+        COMP_CWORD=$(($# - 1))
+        _orvx_registry
+        printf '%s\n' "${COMPREPLY[@]}")";
+    words.insert(words.begin(),
+                 {"bash", "-c", script, ORVX_REGISTRY_SOURCES "/orvx-registry.bash-completion",
+                  "orvx-registry"});
+    const auto result = ChildProcess("/usr/bin/env", words).wait();
+    EXPECT_THAT(result.errors, IsEmpty());
+    std::istringstream output(result.output);
+    return {std::istream_iterator<std::string>(output), {}};
+}
+
+TEST(TheCompletion, OffersEveryOptionAndTheFilesThatSomeTake) {
+    const std::string help = RegistryProcess({"--help"}).wait().output;
+    const std::regex option("\n  (?:-h,)?(--[-a-z]+)");
+    std::set<std::string> options;
+    for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
+        options.insert((*at)[1]);
+    }
+    EXPECT_EQ(completions({""}), options);
+    EXPECT_EQ(completions({"--st"}), std::set<std::string>{"--store"});
+    EXPECT_THAT(completions({"--port", ""}), IsEmpty());
+    const TemporaryFolder folder;
+    const std::string file = folder / "faults";
+    std::ofstream(file) << '\n';
+    EXPECT_EQ(completions({"--script", folder / "f"}), std::set<std::string>{file});
+    EXPECT_EQ(completions({"--log", folder / "f"}), std::set<std::string>{file});
 }
 
 std::vector<RawConnection> connect(std::size_t count, std::uint16_t port) {

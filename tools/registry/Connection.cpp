@@ -1,5 +1,6 @@
 // The life of one connection, as a chain of asynchronous steps: first bytes, header, body, answer.
-// A step that fails and is not followed by another one ends the connection.
+// A step that fails and is not followed by another one ends the connection. One that watches the
+// entries goes round in another circle: send a piece, wait for news.
 // Entered only by the thread that runs the server's io_context.
 // There is no lock.
 
@@ -13,6 +14,7 @@
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,6 +31,15 @@ constexpr std::size_t kFirstRead = 2'048;
 constexpr std::size_t kMaxBuffer = 16'384;
 constexpr std::uint32_t kMaxHeader = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+// The kernel takes twice as much, and a piece is shorter than 16 KiB: a watcher that reads nothing
+// costs less than 64 KiB.
+constexpr int kWatcherSendBuffer = 16'384;
+constexpr std::string_view kRetry = "retry: 1000\n\n";
+// A watcher that is awake sends at most so often, one that sleeps looks for checks and what
+// expired.
+constexpr std::chrono::milliseconds kBetweenNews{50};
+constexpr std::chrono::seconds kLongestSleep{1};
 
 }  // namespace
 
@@ -57,6 +68,15 @@ void Connection::close() {
 void Connection::Shared::closeOldest() {
     if (!connections.empty()) {
         connections.front()->close();
+    }
+}
+
+void Connection::Shared::wakeWatchers() {
+    const std::uint64_t revision = dispatcher.store().lastPutOrRemoval();
+    if (std::exchange(announcedRevision, revision) != revision) {
+        for (Connection* watcher : idleWatchers) {
+            watcher->delay_.cancel();
+        }
     }
 }
 
@@ -114,6 +134,10 @@ void Connection::onRequest(Error error, std::size_t) {
     Reaction reaction = shared_.dispatcher.react(parser_->get());
     record(parser_->get(), reaction.response, reaction.remark);
     parser_.reset();
+    shared_.wakeWatchers();
+    if (reaction.watch) {
+        return beginWatch(*reaction.response, *reaction.watch);
+    }
     if (reaction.delay.count() == 0) {
         return reaction.response ? respond(std::move(*reaction.response)) : reset();
     }
@@ -204,6 +228,61 @@ void Connection::discardInput(Error error, std::size_t) {
             buffer_.prepare(kFirstRead),
             beast::bind_front_handler(&Connection::discardInput, shared_from_this()));
     }
+}
+
+// Nothing is read any more: that the client is gone shows when it is sent the next heartbeat. What
+// ends is reset, as a stream has no end: nothing that a client has not taken stays in the kernel.
+void Connection::beginWatch(const Response& response, const Watch& watch) {
+    buffer_.consume(buffer_.size());
+    buffer_.shrink_to_fit();
+    Error error;
+    stream_.socket().set_option(asio::socket_base::send_buffer_size(kWatcherSendBuffer), error);
+    stream_.socket().set_option(asio::socket_base::linger(true, 0), error);
+    watch_ = watch;
+    std::ostringstream header;
+    header << response.base() << kRetry;
+    send(header.str());
+}
+
+void Connection::sendNews() {
+    std::string piece = shared_.dispatcher.news(*watch_);
+    piece.empty() ? awaitNews() : send(std::move(piece));
+}
+
+void Connection::send(std::string piece) {
+    piece_ = std::move(piece);
+    stream_.expires_after(shared_.options.writeTimeout);
+    asio::async_write(stream_, asio::buffer(piece_),
+                      beast::bind_front_handler(&Connection::onNewsSent, shared_from_this()));
+}
+
+void Connection::onNewsSent(Error error, std::size_t size) {
+    if (error || !isOpen()) {
+        return;
+    }
+    stream_.expires_never();
+    shared_.connections.splice(shared_.connections.end(), shared_.connections, position_);
+    if (size >= Watch::kPiece) {
+        return sendNews();
+    }
+    piece_ = {};
+    delay_.expires_after(kBetweenNews);
+    delay_.async_wait([self = shared_from_this()](Error) {
+        if (self->isOpen()) {
+            self->sendNews();
+        }
+    });
+}
+
+void Connection::awaitNews() {
+    auto& idle = shared_.idleWatchers;
+    delay_.expires_after(kLongestSleep);
+    delay_.async_wait([self = shared_from_this(), position = idle.insert(idle.end(), this)](Error) {
+        self->shared_.idleWatchers.erase(position);
+        if (self->isOpen()) {
+            self->sendNews();
+        }
+    });
 }
 
 }  // namespace orvx::registry

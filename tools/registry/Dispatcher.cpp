@@ -1,5 +1,5 @@
-// The way of a request: what is due happens to the entries first, then the page and the control of
-// the faults are served, which no fault meets; the rest is the protocol.
+// The way of a request: what is due happens to the entries first, then the page, the stream of
+// changes and the control of the faults are served, which no fault meets; the rest is the protocol.
 // Entered by the thread that runs the server, or a test's, one at a time.
 // There is no lock.
 
@@ -18,6 +18,15 @@ namespace orvx::registry {
 
 namespace http = boost::beast::http;
 
+namespace {
+
+bool asksToWatch(const Request& request) {
+    return request.target() == "/-/watch" &&
+           (request.method() == http::verb::get || request.method() == http::verb::head);
+}
+
+}  // namespace
+
 Reaction Dispatcher::react(const Request& request) {
     Reaction reaction;
     try {
@@ -29,7 +38,7 @@ Reaction Dispatcher::react(const Request& request) {
     if (reaction.response) {
         Response& response = *reaction.response;
         response.version(request.version());
-        response.keep_alive(request.keep_alive());
+        response.keep_alive(request.keep_alive() && !reaction.watch);
         if (request.method() == http::verb::head) {
             response.body().clear();
             response.erase(http::field::content_length);
@@ -43,20 +52,16 @@ Reaction Dispatcher::decide(const Request& request) {
     if (auto asset = pageAsset(request)) {
         return {std::move(asset)};
     }
-    const bool isControl = admin_ && request.target() == "/-/faults";
-    const bool isPage = asksForPageEntries(request);
+    if (admin_ && request.target() == "/-/faults") {
+        Response response = control(request);
+        forgetWhatIsDue();
+        return {std::move(response)};
+    }
+    if (asksToWatch(request)) {
+        return beginWatch(request);
+    }
+    const Fate fate = faults_.meet(request.method(), store_);
     Reaction reaction;
-    if (isControl) {
-        reaction.response = control(request);
-    }
-    const Fate fate =
-        faults_.meet(isControl || isPage ? std::nullopt : std::optional(request.method()), store_);
-    if (isPage) {
-        reaction.response = pageEntries(store_, faults_.count(store_.now()));
-    }
-    if (isControl || isPage) {
-        return reaction;
-    }
     reaction.delay = fate.delay;
     if (fate.reset) {
         return reaction;
@@ -67,6 +72,33 @@ Reaction Dispatcher::decide(const Request& request) {
         reaction.response = answer(store_, request, &reaction.remark);
     }
     return reaction;
+}
+
+Reaction Dispatcher::beginWatch(const Request& request) {
+    forgetWhatIsDue();
+    Reaction reaction{Response(http::status::ok, 11)};
+    reaction.response->set(http::field::content_type, "text/event-stream");
+    reaction.response->set(http::field::cache_control, "no-store");
+    reaction.response->set("X-Content-Type-Options", "nosniff");
+    if (request.method() == http::verb::get) {
+        const auto lastId = request["Last-Event-ID"];
+        reaction.watch.emplace(store_, std::string_view(lastId.data(), lastId.size()));
+    }
+    return reaction;
+}
+
+std::string Dispatcher::news(Watch& watch) {
+    try {
+        store_.expire();
+        forgetWhatIsDue();
+    } catch (const FileError& error) {
+        std::cerr << "orvx-registry: " << error.what() << std::endl;
+    }
+    return watch.next(store_, faults_.count(store_.now()));
+}
+
+void Dispatcher::forgetWhatIsDue() {
+    faults_.meet(std::nullopt, store_);
 }
 
 Response Dispatcher::control(const Request& request) {

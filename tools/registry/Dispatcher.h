@@ -7,6 +7,7 @@
 #include "EntryStore.h"
 #include "Faults.h"
 #include "RequestHandler.h"
+#include "Watch.h"
 
 namespace orvx::registry {
 
@@ -15,9 +16,12 @@ struct Reaction {
     std::optional<Response> response;  ///< empty: the connection is reset
     std::chrono::milliseconds delay{0};
     std::string remark{};  ///< what the log is to say of the request
+    /// Follows the entries: what it has to tell goes behind the response, which has no end.
+    std::optional<Watch> watch{};
 };
 
-/// Gives each request to what answers it: the entries, the page, the faults and their control.
+/// Gives each request to what answers it: the entries, the page, the stream of changes, the faults
+/// and their control.
 ///
 /// Thread-safety: none; one thread at a time.
 class Dispatcher {
@@ -30,11 +34,17 @@ class Dispatcher {
 
     Reaction react(const Request& request);
 
+    /// What a watch has to tell, after what is due has happened to the entries. Says on stderr when
+    /// the store's file fails.
+    std::string news(Watch& watch);
+
     const EntryStore& store() const { return store_; }
 
   private:
     Reaction decide(const Request& request);
+    Reaction beginWatch(const Request& request);
     Response control(const Request& request);
+    void forgetWhatIsDue();
 
     EntryStore store_;
     Faults faults_;

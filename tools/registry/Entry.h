@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -17,13 +18,18 @@ struct Entry {
     };
 
     std::string uuid;          ///< random (version 4), lower case; the name of the entry
+    std::uint64_t number = 0;  ///< counts the entries in the order of their creation
     std::string path;          ///< the request target it was put at, byte by byte
     nlohmann::json service;    ///< the object that was put there last
+    std::size_t size = 0;      ///< of the service as JSON text, in bytes
     std::uint64_t checks = 0;  ///< how often it was asked whether it is there, in this process
     std::chrono::system_clock::time_point created{};
     std::chrono::steady_clock::time_point renewed{};  ///< put, checked or loaded last
     std::optional<std::chrono::steady_clock::time_point> checked{};
     std::optional<Move> moved{};  ///< the last one, in this process
+    /// The store's revisions of the last put and of the last renewal, which every put is as well.
+    std::uint64_t putRevision = 0;
+    std::uint64_t renewalRevision = 0;
 };
 
 /// Where the service is reached, as "host:port". "?" stands for a host or a port that it does not

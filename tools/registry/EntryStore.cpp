@@ -1,9 +1,11 @@
-// The entries in a list, in the order of their creation, with an index for each way to find one,
-// and their names in the order of their renewal. Entered by whichever thread its owner uses, one at
-// a time: the server's own, or a test's. There is no lock.
+// The entries in a list, in the order of their creation, with an index for each way to find one.
+// The indexes by revision grow at their end only, which takes constant time.
+// Entered by whichever thread its owner uses, one at a time: the server's own, or a test's.
+// There is no lock.
 
 #include "EntryStore.h"
 
+#include <algorithm>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <utility>
@@ -16,6 +18,25 @@ namespace {
 
 constexpr const char* kNoAddress = "?:?";
 
+std::string randomUuid() {
+    return to_string(boost::uuids::random_generator()());
+}
+
+/// The entry that is first after a revision, in an index by revision.
+template <typename Index>
+const Entry* next(const Index& index, std::uint64_t after) {
+    const auto found = index.upper_bound(after);
+    return found == index.end() ? nullptr : &*found->second;
+}
+
+/// The entry of an index by revision becomes its last one.
+template <typename Index, typename Position>
+void moveToEnd(Index& index, std::uint64_t& revision, std::uint64_t last, Position entry) {
+    index.erase(revision);
+    revision = last;
+    index.emplace_hint(index.end(), last, entry);
+}
+
 }  // namespace
 
 std::string addressOf(const nlohmann::json& service) {
@@ -25,7 +46,8 @@ std::string addressOf(const nlohmann::json& service) {
            (port != service.end() && port->is_number() ? port->dump() : "?");
 }
 
-EntryStore::EntryStore(StoreOptions options) : options_(std::move(options)) {
+EntryStore::EntryStore(StoreOptions options)
+    : options_(std::move(options)), instance_(randomUuid().substr(0, 8)) {
     if (options_.file.empty()) {
         return;
     }
@@ -39,13 +61,13 @@ EntryStore::~EntryStore() = default;
 
 EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) {
     if (const auto known = byPath_.find(path); known != byPath_.end()) {
-        Entry& entry = *known->second.entry;
+        Entry& entry = *known->second;
         if (file_) {
             file_->replace(entry.uuid, service);
         }
         std::string before = addressOf(entry.service);
         entry.service = std::move(service);
-        renew(known->second);
+        recordPut(known->second);
         if (before == kNoAddress || before == addressOf(entry.service)) {
             return {entry, false, {}};
         }
@@ -57,7 +79,7 @@ EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) 
                         " entries");
     }
     Entry entry;
-    entry.uuid = to_string(boost::uuids::random_generator()());
+    entry.uuid = randomUuid();
     entry.path = std::move(path);
     entry.service = std::move(service);
     entry.created = std::chrono::system_clock::now();
@@ -70,21 +92,53 @@ EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) 
 const Entry& EntryStore::add(Entry entry) {
     entries_.push_back(std::move(entry));
     const auto added = std::prev(entries_.end());
-    added->renewed = now();
-    const Known known{added, renewals_.insert(renewals_.end(), added->uuid)};
-    byUuid_.emplace(added->uuid, known);
-    byPath_.emplace(added->path, known);
+    added->number = ++created_;
+    byUuid_.emplace(added->uuid, added);
+    byPath_.emplace(added->path, added);
+    recordPut(added);
     return *added;
 }
 
-void EntryStore::renew(const Known& known) {
-    known.entry->renewed = now();
-    renewals_.splice(renewals_.end(), renewals_, known.renewal);
+void EntryStore::renew(Position entry) {
+    entry->renewed = now();
+    moveToEnd(byRenewal_, entry->renewalRevision, ++revision_, entry);
+}
+
+void EntryStore::recordPut(Position entry) {
+    entry->size =
+        entry->service.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).size();
+    renew(entry);
+    moveToEnd(byPut_, entry->putRevision, revision_, entry);
+    lastPutOrRemoval_ = revision_;
+}
+
+void EntryStore::recordRemoval(std::string uuid) {
+    removals_.push_back({++revision_, std::move(uuid)});
+    lastPutOrRemoval_ = revision_;
+    if (removals_.size() > kMaxRemovals) {
+        forgottenRevision_ = removals_.front().revision;
+        removals_.pop_front();
+    }
+}
+
+const Entry* EntryStore::nextPut(std::uint64_t after) const {
+    return next(byPut_, after);
+}
+
+const Entry* EntryStore::nextRenewal(std::uint64_t after) const {
+    return next(byRenewal_, after);
+}
+
+const EntryStore::Removal* EntryStore::nextRemoval(std::uint64_t after) const {
+    const auto found = std::upper_bound(
+        removals_.begin(), removals_.end(), after,
+        [](std::uint64_t revision, const Removal& removal) { return revision < removal.revision; });
+    return found == removals_.end() ? nullptr : &*found;
 }
 
 const Entry* EntryStore::find(std::string_view uuid) const {
     const auto found = byUuid_.find(uuid);
-    return found == byUuid_.end() ? nullptr : &*found->second.entry;
+    return found == byUuid_.end() ? nullptr : &*found->second;
 }
 
 bool EntryStore::check(std::string_view uuid) {
@@ -93,7 +147,7 @@ bool EntryStore::check(std::string_view uuid) {
         return false;
     }
     renew(found->second);
-    Entry& entry = *found->second.entry;
+    Entry& entry = *found->second;
     entry.checked = entry.renewed;
     ++entry.checks;
     return true;
@@ -110,13 +164,15 @@ std::optional<Entry> EntryStore::remove(std::string_view uuid) {
     return take(found);
 }
 
-Entry EntryStore::take(std::unordered_map<std::string_view, Known>::iterator known) {
-    const auto [position, renewal] = known->second;
+Entry EntryStore::take(ByName::iterator known) {
+    const Position position = known->second;
     byUuid_.erase(known);
     byPath_.erase(position->path);
-    renewals_.erase(renewal);
+    byPut_.erase(position->putRevision);
+    byRenewal_.erase(position->renewalRevision);
     Entry taken = std::move(*position);
     entries_.erase(position);
+    recordRemoval(taken.uuid);
     return taken;
 }
 
@@ -124,10 +180,9 @@ void EntryStore::clear() {
     if (file_) {
         file_->clear();
     }
-    byUuid_.clear();
-    byPath_.clear();
-    renewals_.clear();
-    entries_.clear();
+    while (!entries_.empty()) {
+        take(byUuid_.find(entries_.front().uuid));
+    }
 }
 
 void EntryStore::expire() {
@@ -136,11 +191,11 @@ void EntryStore::expire() {
     }
     const Time oldest = now() - options_.ttl;
     std::vector<std::string> expired;
-    for (const std::string_view uuid : renewals_) {
-        if (byUuid_.at(uuid).entry->renewed > oldest) {
+    for (const auto& [revision, entry] : byRenewal_) {
+        if (entry->renewed > oldest) {
             break;
         }
-        expired.emplace_back(uuid);
+        expired.push_back(entry->uuid);
     }
     if (file_ && !expired.empty()) {
         file_->remove(expired);

@@ -2,8 +2,11 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -34,6 +37,11 @@ class StoreFull : public std::runtime_error {
 /// The entries of a registry in the order of their creation, found by uuid and by path in constant
 /// time. With a file a change is in the file before it is in memory: what throws changed nothing.
 ///
+/// Every put, check and removal has a revision of its own, one more than the one before. The
+/// entries are found by the revisions of their last put and their last renewal, so a reader that
+/// knows the state of one revision finds what changed since then. The cost of a change does not
+/// grow with the number of entries.
+///
 /// Thread-safety: none; one thread at a time. References to an entry hold until it is removed.
 class EntryStore {
   public:
@@ -44,6 +52,14 @@ class EntryStore {
         bool created;  ///< false: the entry of this path lived, and its service was replaced
         std::string movedFrom;  ///< the address that was replaced by another one; empty: none
     };
+
+    struct Removal {
+        std::uint64_t revision;
+        std::string uuid;
+    };
+
+    /// How many removals are remembered.
+    static constexpr std::size_t kMaxRemovals = 4'096;
 
     /// Throws a FileError when the file cannot be opened, or is none of this program's.
     explicit EntryStore(StoreOptions options = {});
@@ -72,28 +88,54 @@ class EntryStore {
     void expire();
 
     const std::list<Entry>& entries() const { return entries_; }
+
+    /// Tells this store from those of other processes: revisions count in one store only.
+    const std::string& instance() const { return instance_; }
+
+    /// The revision of the last change.
+    std::uint64_t revision() const { return revision_; }
+
+    /// The revision of the last change that was no check.
+    std::uint64_t lastPutOrRemoval() const { return lastPutOrRemoval_; }
+
+    /// What is next after a revision: the entry by its last put, the entry by its last renewal,
+    /// and the removal. Null: there is none. Owned by the store.
+    const Entry* nextPut(std::uint64_t after) const;
+    const Entry* nextRenewal(std::uint64_t after) const;
+    const Removal* nextRemoval(std::uint64_t after) const;
+
+    /// Removals up to this revision are not remembered.
+    std::uint64_t forgottenRevision() const { return forgottenRevision_; }
+
     const StoreOptions& options() const { return options_; }
     Time now() const { return options_.clock(); }
 
   private:
-    // The keys, and the views in renewals_, are of the strings in the list's nodes, which never
-    // move.
+    // The keys of byUuid_ and byPath_ are of the strings in the list's nodes, which never move.
     using Position = std::list<Entry>::iterator;
-    struct Known {
-        Position entry;
-        std::list<std::string_view>::iterator renewal;
-    };
+    using ByName = std::unordered_map<std::string_view, Position>;
+    using ByRevision = std::map<std::uint64_t, Position>;
 
     const Entry& add(Entry entry);
-    void renew(const Known& known);
-    Entry take(std::unordered_map<std::string_view, Known>::iterator known);
+    void renew(Position entry);
+    void recordPut(Position entry);
+    void recordRemoval(std::string uuid);
+    Entry take(ByName::iterator known);
 
     const StoreOptions options_;
     std::unique_ptr<EntryFile> file_;
     std::list<Entry> entries_;
-    std::list<std::string_view> renewals_;  // uuids, the one that expires first in front
-    std::unordered_map<std::string_view, Known> byUuid_;
-    std::unordered_map<std::string_view, Known> byPath_;
+    ByName byUuid_;
+    ByName byPath_;
+
+    const std::string instance_;
+    std::uint64_t created_ = 0;
+    std::uint64_t revision_ = 0;
+    std::uint64_t lastPutOrRemoval_ = 0;
+    std::uint64_t forgottenRevision_ = 0;
+    ByRevision byPut_;
+    ByRevision byRenewal_;  // the entry that expires first in front
+    std::deque<Removal> removals_;
 };
 
 }  // namespace orvx::registry

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <cstddef>
 #include <optional>
 #include <string_view>
 
-#include "EntryStore.h"
 #include "RequestHandler.h"
 
 namespace orvx::registry {
@@ -19,12 +17,5 @@ extern const std::string_view kJs;
 /// The page that shows the entries, for a GET or HEAD of / that accepts text/html, or its
 /// /-/page.css or /-/page.js. Empty: the request is another one.
 std::optional<Response> pageAsset(const Request& request);
-
-/// Whether that is a GET or HEAD of /-/entries, which the page shows.
-bool asksForPageEntries(const Request& request);
-
-/// The last 5,000 entries that were created, the newest first, their texts shortened.
-/// `faults`: how many are left, to be shown.
-Response pageEntries(const EntryStore& store, std::size_t faults);
 
 }  // namespace orvx::registry

@@ -1,4 +1,5 @@
-// The program orvx-registry: options, one line that says where it listens, and a clean end.
+// The program orvx-registry: options, one line that says where it listens, and a clean end. What it
+// cannot do it says in one line, and ends as orvx-announce does then.
 // The registry runs on a thread of its own, while the main thread waits for a signal to stop. Both
 // signals are blocked before that thread starts, so that only sigwait() takes them.
 // There is no lock.
@@ -7,6 +8,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <string>
 #include <thread>
 
 #include "FileError.h"
@@ -17,6 +19,14 @@ namespace {
 using orvx::registry::FileError;
 using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
+
+// As env(1) and timeout(1) do for what is their own failure.
+constexpr int kOwnFailure = 125;
+
+int fail(const std::string& why) {
+    std::cerr << "orvx-registry: " << why << std::endl;
+    return kOwnFailure;
+}
 
 sigset_t prepareSignals() {
     std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
@@ -40,6 +50,7 @@ void serve(const RegistryOptions& options) {
 }
 
 void addOptions(CLI::App& app, RegistryOptions& options) {
+    app.set_version_flag("--version", "orvx-registry " ORVX_VERSION, "Print the version and end");
     app.add_option("--host", options.host, "Address or name to listen at")->capture_default_str();
     app.add_option("--port", options.port, "Port to listen at, 0 for any free one")
         ->capture_default_str();
@@ -71,15 +82,17 @@ int main(int argc, char** argv) {
     RegistryOptions options;
     CLI::App app("A small HTTP registry to develop and test against.", "orvx-registry");
     addOptions(app, options);
-    CLI11_PARSE(app, argc, argv);
     try {
+        app.parse(argc, argv);
         serve(options);
+    } catch (const CLI::Success& answered) {
+        return app.exit(answered);
+    } catch (const CLI::ParseError& error) {
+        return fail(std::string(error.what()) + " (orvx-registry --help lists the options)");
     } catch (const FileError& error) {
-        std::cerr << "orvx-registry: " << error.what() << std::endl;
-        return 2;
+        return fail(error.what());
     } catch (const std::exception& error) {
-        std::cerr << "orvx-registry: cannot listen at " << options.host << " port " << options.port
-                  << ": " << error.what() << std::endl;
-        return 1;
+        return fail("cannot listen at " + options.host + " port " + std::to_string(options.port) +
+                    ": " + error.what());
     }
 }

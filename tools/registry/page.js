@@ -1,16 +1,34 @@
-// Asks for the list every second and changes the rows that differ. Text reaches the page only as
-// textContent, in elements that keep its writing direction to themselves. A row belongs to a path: a
-// service that is registered again returns to its row.
+// Follows the registry's stream and shows the entries. Of the rows only those near the window are in
+// the document. Text reaches the page only as textContent, in elements that keep its writing direction
+// to themselves. An entry belongs to a path: a service that is registered again returns to its row.
 'use strict';
 
-const POLL = 1000;
-const PATIENCE = 5000;
+const RETRY = 1000;
+const PATIENCE = 6000; // three heartbeats of the stream
 const KEEP_LOST = 8000;
 const KEEP_FRESH = 2000;
+const MARGIN = 8; // rows in the document before and after those in the window
+const NEWEST_FIRST = 'age';
 
 const $ = id => document.getElementById(id);
-const rows = new Map();
-let isFirst = true;
+const entries = new Map(); // by key: the path, or the uuid where the path is cut
+const keys = new Map(); // by uuid
+let sorted = [];
+let view = []; // those of `sorted` that fit the filter
+let isFirstList = true;
+let listing = 0; // the number of the list that is being received, or of the last one
+let ttl = null;
+
+function setText(node, text) {
+  if (node.textContent !== text) node.textContent = text;
+}
+
+function add(parent, tag, className, isForeign) {
+  const node = document.createElement(tag);
+  if (className) node.className = className;
+  if (isForeign) node.dir = 'auto';
+  return parent.appendChild(node);
+}
 
 function duration(milliseconds) {
   const seconds = Math.max(0, Math.floor(milliseconds / 1000));
@@ -22,196 +40,531 @@ function duration(milliseconds) {
   return `${Math.floor(hours / 24)} d`;
 }
 
-function setText(node, text) {
-  if (node.textContent !== text) node.textContent = text;
+const ago = time => `${duration(performance.now() - time)} ago`;
+const asText = value => typeof value === 'string' ? value : JSON.stringify(value);
+
+// --- The entries, as the stream tells them
+
+const hostOf = ({host}) => typeof host === 'string' ? (host.includes(':') ? `[${host}]` : host) : '';
+const portOf = ({port}) => typeof port === 'number' ? `:${port}` : '';
+
+function put(told, raw) {
+  const now = performance.now();
+  const key = 'cut' in told ? told.uuid : told.path;
+  const {service} = told;
+  const known = entries.get(key);
+  const entry = known ?? {key, freshAt: null};
+  if (!known) {
+    entries.set(key, entry);
+    sorted.push(entry);
+  } else if (known.uuid !== told.uuid) {
+    keys.delete(known.uuid);
+  }
+  if (!isFirstList && (known?.uuid !== told.uuid || known.lostAt !== null)) entry.freshAt = now;
+  keys.set(told.uuid, key);
+  const name = typeof service.name === 'string' ? service.name : told.path;
+  const uri = typeof service.uri === 'string' ? service.uri : told.path;
+  const shownHost = hostOf(service);
+  const shownPort = portOf(service);
+  const address = shownHost + shownPort;
+  Object.assign(entry, {
+    raw, name, uri, address, shownHost, shownPort, uuid: told.uuid, number: told.number, checks: told.checks, list: listing, lostAt: null, cut: told.cut,
+    created: now - told.age, renewed: now - told.renewed,
+    checked: 'checked' in told ? now - told.checked : null,
+    moved: told.moved ? {from: told.moved.from, at: now - told.moved.age} : null,
+    text: `${name} ${address} ${uri} ${told.uuid}`.toLowerCase(),
+    order: name.toLowerCase(), host: asText(service.host ?? ''), port: Number(service.port ?? 0),
+  });
 }
 
-// Shown in three lines at most, and whole under the pointer.
-function setLongText(node, text) {
-  setText(node, text);
-  if (node.title !== text) node.title = text;
+function check([uuid, checks, age]) {
+  const entry = entries.get(keys.get(uuid));
+  if (entry) Object.assign(entry, {checks, checked: performance.now() - age, renewed: performance.now() - age});
 }
 
-function makeCell(row, className, label) {
-  const cell = row.insertCell();
-  cell.className = className;
-  if (label) cell.dataset.label = label;
-  return cell;
+function lose(entry) {
+  entry.lostAt ??= performance.now();
 }
 
-function add(parent, className) {
-  const node = document.createElement('span');
-  node.className = className;
-  node.dir = 'auto';
-  return parent.appendChild(node);
+function drop(entry) {
+  entries.delete(entry.key);
+  if (keys.get(entry.uuid) === entry.key) keys.delete(entry.uuid);
 }
 
-function makeRow(path) {
-  const row = document.createElement('tr');
-  const service = makeCell(row, 'service');
-  const uri = makeCell(row, 'uri');
-  const cells = {
-    name: add(service, 'name'),
-    uuid: add(service, 'uuid'),
-    uri: add(uri, 'address'),
-    moved: add(uri, 'moved'),
-    port: makeCell(row, 'number port', 'port'),
-    age: makeCell(row, 'number age', 'age'),
+const handlers = {
+  state(told) {
+    ttl = told.ttl;
+    $('faults').hidden = told.faults === 0;
+    setText($('faults'), `${told.faults} ${told.faults === 1 ? 'fault' : 'faults'} set`);
+  },
+  list() { ++listing; },
+  put,
+  checked(told) { told.forEach(check); },
+  removed({uuid}) {
+    const entry = entries.get(keys.get(uuid));
+    if (entry) lose(entry);
+  },
+  listed() {
+    for (const entry of entries.values()) {
+      if (entry.list !== listing) lose(entry); // told in an earlier list, but not in this one
+    }
+    isFirstList = false;
+  },
+};
+
+// --- The stream
+
+let lastId = '';
+let isHeard = false;
+let stream = new AbortController();
+
+function receive(text) {
+  const fields = {};
+  for (const line of text.split('\n')) {
+    const end = line.indexOf(': ');
+    fields[line.slice(0, end)] = line.slice(end + 2);
+  }
+  handlers[fields.event]?.(JSON.parse(fields.data), fields.data);
+  if (fields.id) lastId = fields.id;
+}
+
+async function read() {
+  stream = new AbortController();
+  let watchdog;
+  const beAlert = () => {
+    clearTimeout(watchdog);
+    watchdog = setTimeout(() => {
+      setState('gone', 'not answering');
+      stream.abort();
+    }, PATIENCE);
   };
-  const checked = makeCell(row, 'number checked', 'checked');
-  cells.checked = add(checked, 'when');
-  cells.expiry = add(checked, 'expiry');
-  const known = {row, cells, lostAt: null};
-  row.dataset.path = path;
-  rows.set(path, known);
-  return known;
-}
-
-function mark(known, className) {
-  known.row.className = className;
-  if (className === 'fresh') {
-    setTimeout(() => known.row.classList.remove('fresh'), KEEP_FRESH);
+  beAlert();
+  try {
+    const answer = await fetch('/-/watch', {
+      cache: 'no-store', signal: stream.signal, headers: lastId ? {'Last-Event-ID': lastId} : {}});
+    if (!answer.ok) throw new Error(`it answered ${answer.status}`);
+    const reader = answer.body.pipeThrough(new TextDecoderStream()).getReader();
+    for (let rest = '';;) {
+      const {done, value} = await reader.read();
+      if (done) return;
+      beAlert();
+      isHeard = true;
+      setState('live', 'live');
+      const events = (rest + value).split('\n\n');
+      rest = events.pop();
+      events.forEach(receive);
+      requestUpdate(true);
+    }
+  } finally {
+    clearTimeout(watchdog);
   }
 }
 
-function setMove(node, entry) {
-  node.hidden = !('movedFrom' in entry);
-  if (node.hidden) return node.replaceChildren();
-  if (!node.firstChild) {
-    node.title = 'Another host or port was put at this path: do two instances share it?';
-    node.append('was ');
-    add(node, 'from');
-    add(node, 'until');
+const pause = time => new Promise(resume => setTimeout(resume, time));
+const visible = () => new Promise(resume => {
+  if (!document.hidden) return resume();
+  document.addEventListener('visibilitychange', resume, {once: true});
+});
+
+// A stream that ended is asked for again; the registry is gone when nothing comes then.
+async function follow() {
+  for (;;) {
+    await visible();
+    const begin = performance.now();
+    isHeard = false;
+    await read().catch(() => {});
+    if (document.hidden) continue;
+    if (!isHeard) setState('gone', 'not answering');
+    if (performance.now() - begin < RETRY) await pause(isHeard ? RETRY / 10 : RETRY);
   }
-  setText(node.children[0], entry.movedFrom);
-  setText(node.children[1], ` until ${duration(entry.moved)} ago`);
 }
 
-function show(entry) {
-  const known = rows.get(entry.path) ?? makeRow(entry.path);
-  const {cells} = known;
-  const isNew = cells.uuid.textContent !== entry.uuid;
-  if (isNew || known.lostAt !== null) mark(known, isFirst ? '' : 'fresh');
-  known.lostAt = null;
-  setLongText(cells.name, entry.name ?? entry.path);
-  setText(cells.uuid, entry.uuid);
-  setLongText(cells.uri, entry.uri ?? entry.path);
-  setMove(cells.moved, entry);
-  setText(cells.port, entry.port === null ? '–' : String(entry.port));
-  setText(cells.age, duration(entry.age));
-  setText(cells.checked, entry.checked === null ? 'not yet' : `${duration(entry.checked)} ago`);
-  setText(cells.expiry, 'expires' in entry ? `expires in ${duration(entry.expires)}` : '');
-  return known;
+// Said once, not each second.
+function setState(state, text) {
+  if ($('state').dataset.state === state) return;
+  $('state').dataset.state = state;
+  setText($('state').firstElementChild, text);
+  setText($('notice'), state !== 'gone' ? ''
+    : `No answer from the registry since ${new Date().toLocaleTimeString()}. `
+      + 'What is shown was known before; this page keeps asking.');
+  document.body.classList.toggle('stale', state === 'gone');
 }
 
-function lose(known, path, now) {
-  if (known.lostAt === null) {
-    known.lostAt = now;
-    mark(known, 'lost');
-  }
-  setText(known.cells.checked, `gone ${duration(now - known.lostAt)} ago`);
-  setText(known.cells.expiry, '');
-  if (now - known.lostAt >= KEEP_LOST) drop(known, path);
+// --- Filter and order, which the address keeps: #q=lamp&sort=-name&open=/lamp
+
+const byText = (one, other) => one < other ? -1 : one > other ? 1 : 0;
+const orders = {
+  name: (one, other) => byText(one.order, other.order),
+  address: (one, other) => byText(one.host, other.host) || one.port - other.port,
+  uri: (one, other) => byText(one.uri, other.uri),
+  age: (one, other) => other.number - one.number,
+  check: (one, other) => (other.checked ?? -Infinity) - (one.checked ?? -Infinity) || 0,
+};
+let sort = NEWEST_FIRST;
+let opened = null;
+
+function readAddress() {
+  const address = new URLSearchParams(location.hash.slice(1));
+  sort = address.get('sort') ?? NEWEST_FIRST;
+  if (!(sort.replace(/^-/, '') in orders)) sort = NEWEST_FIRST;
+  const filter = address.get('q') ?? '';
+  if ($('filter').value.trim() !== filter) $('filter').value = filter;
+  opened = address.get('open');
 }
 
-function drop(known, path) {
-  known.row.remove();
-  rows.delete(path);
+function writeAddress() {
+  const address = new URLSearchParams();
+  if ($('filter').value.trim()) address.set('q', $('filter').value.trim());
+  if (sort !== NEWEST_FIRST) address.set('sort', sort);
+  if (opened !== null) address.set('open', opened);
+  history.replaceState(null, '', address.size > 0 ? `#${address}` : location.pathname);
 }
 
-// The newest first; a row whose place has not changed is not touched.
-function arrange(entries) {
-  const body = $('rows');
-  let next = body.firstElementChild;
-  const skipLost = () => {
-    while (next?.classList.contains('lost')) next = next.nextElementSibling;
-  };
-  for (const {row} of entries) {
-    skipLost();
-    if (row === next) {
-      next = next.nextElementSibling;
+function arrange() {
+  const order = orders[sort.replace(/^-/, '')];
+  const sign = sort.startsWith('-') ? -1 : 1;
+  if (sorted.length !== entries.size) sorted = sorted.filter(entry => entries.get(entry.key) === entry);
+  sorted.sort((one, other) => sign * order(one, other) || byText(one.order, other.order) || byText(one.key, other.key));
+  const wanted = $('filter').value.trim().toLowerCase().split(/\s+/);
+  view = wanted[0] === '' ? sorted : sorted.filter(entry => wanted.every(word => entry.text.includes(word)));
+  for (const head of document.querySelectorAll('th')) {
+    if (head.dataset.sort === sort.replace(/^-/, '')) {
+      head.setAttribute('aria-sort', sign < 0 ? 'descending' : 'ascending');
     } else {
-      body.insertBefore(row, next);
+      head.removeAttribute('aria-sort');
     }
   }
 }
 
-function filter() {
-  const wanted = $('filter').value.trim().toLowerCase();
-  let shown = 0;
-  for (const {row, cells} of rows.values()) {
-    const text = `${cells.name.textContent} ${cells.uri.textContent} ${cells.uuid.textContent} ${cells.port.textContent}`;
-    row.hidden = wanted !== '' && !text.toLowerCase().includes(wanted);
-    shown += row.hidden ? 0 : 1;
+function summarize() {
+  const alive = list => list.reduce((sum, entry) => sum + (entry.lostAt === null ? 1 : 0), 0);
+  const all = alive(sorted);
+  const count = number => number.toLocaleString('en');
+  const shown = view === sorted ? '' : `${count(alive(view))} of `;
+  const text = `${shown}${count(all)} ${all === 1 ? 'service' : 'services'}`;
+  if ($('count').textContent !== text) {
+    $('count').replaceChildren();
+    add($('count'), 'strong').textContent = shown || count(all);
+    $('count').append(text.slice((shown || count(all)).length));
   }
-  $('table').hidden = shown === 0;
-  $('empty').hidden = rows.size > 0;
-  return shown;
+  $('table').hidden = view.length === 0;
+  $('none').hidden = view.length > 0 || sorted.length === 0;
+  $('empty').hidden = sorted.length > 0 || isFirstList;
+  $('table').setAttribute('aria-rowcount', view.length + 1);
+  return text;
 }
 
-function render(list) {
-  const seen = new Set(list.entries.map(entry => entry.path));
+// --- The rows near the window
+
+const shownRows = new Map(); // by key
+let active = null; // the key of the row that was focused last
+let tabStop = null; // the key of the row that Tab reaches
+
+const rowHeight = () => parseFloat(getComputedStyle(document.documentElement).getPropertyValue('--row'))
+  * parseFloat(getComputedStyle(document.documentElement).fontSize);
+
+function makeCell(row, className, label) {
+  const cell = add(row, 'td', className);
+  cell.setAttribute('role', 'cell');
+  if (label) cell.dataset.label = label;
+  return cell;
+}
+
+function makeRow() {
+  const row = document.createElement('tr');
+  row.setAttribute('role', 'row');
+  const service = makeCell(row, 'service');
+  const name = add(service, 'button', 'open', true);
+  name.type = 'button';
+  name.setAttribute('aria-haspopup', 'dialog');
+  const uuid = add(service, 'span', 'uuid', true);
+  const where = makeCell(row, 'where');
+  const address = add(where, 'span', 'address');
+  const host = add(address, 'span', 'host', true);
+  const port = add(address, 'span', 'port'); // which a long host leaves visible
+  const moved = add(where, 'span', 'moved');
+  const uri = add(makeCell(row, 'path'), 'span', 'uri', true);
+  const age = add(makeCell(row, 'time', 'age'), 'span', 'age');
+  const last = makeCell(row, 'time checks', 'checked');
+  return {row, name, uuid, host, port, moved, uri, age, checked: add(last, 'span', 'checked'), expiry: add(last, 'span', 'expiry')};
+}
+
+function fill(shown, entry, index, height) {
   const now = performance.now();
-  for (const [path, known] of [...rows]) {
-    if (seen.has(path)) continue;
-    isCut(list) ? drop(known, path) : lose(known, path, now); // of a cut list nobody knows
+  const {row} = shown;
+  const fresh = entry.freshAt !== null && now - entry.freshAt < KEEP_FRESH;
+  const state = entry.lostAt !== null ? 'lost' : fresh ? 'fresh' : '';
+  if (row.dataset.key !== entry.key) row.dataset.key = entry.key;
+  if (row.className !== state) row.className = state;
+  const place = `translateY(${index * height}px)`;
+  if (row.style.transform !== place) row.style.transform = place;
+  if (row.getAttribute('aria-rowindex') !== String(index + 2)) row.setAttribute('aria-rowindex', index + 2);
+  shown.name.tabIndex = entry.key === tabStop ? 0 : -1;
+  setText(shown.name, entry.name);
+  setText(shown.uuid, entry.uuid);
+  setText(shown.host, entry.shownHost || (entry.shownPort ? '' : '–'));
+  setText(shown.port, entry.shownPort);
+  setMove(shown.moved, entry);
+  setText(shown.uri, entry.uri);
+  setText(shown.age, duration(now - entry.created));
+  setText(shown.checked, entry.lostAt !== null ? `gone ${ago(entry.lostAt)}` : entry.checked === null ? 'not yet' : ago(entry.checked));
+  setText(shown.expiry, expiryOf(entry));
+}
+
+function setMove(node, entry) {
+  node.hidden = entry.moved === null;
+  if (node.hidden) return node.replaceChildren();
+  if (!node.firstChild) {
+    node.append('was ');
+    add(node, 'span', 'from', true);
+    add(node, 'span', 'until');
   }
-  arrange(list.entries.map(show));
-  isFirst = false;
-  setText($('count'), list.total.toLocaleString('en'));
-  setText($('unit'), list.total === 1 ? 'service' : 'services');
-  $('faults').hidden = list.faults === 0;
-  setText($('faults'), `${list.faults} ${list.faults === 1 ? 'fault' : 'faults'} set`);
-  summarize(list);
+  setText(node.children[0], entry.moved.from);
+  setText(node.children[1], ` until ${ago(entry.moved.at)}`);
 }
 
-function isCut(list) {
-  return list.total > list.entries.length;
+function expiryOf(entry) {
+  return ttl === null || entry.lostAt !== null ? '' : `expires in ${duration(entry.renewed + ttl - performance.now())}`;
 }
 
-function summarize(list) {
-  const shown = filter();
-  const nothingFits = shown === 0 && rows.size > 0;
-  $('more').hidden = !isCut(list) && !nothingFits;
-  setText($('more'), nothingFits ? 'No service fits the filter.'
-    : `The newest ${list.entries.length.toLocaleString('en')} are shown.`);
+function renderRows() {
+  const height = rowHeight();
+  const body = $('rows');
+  const total = `${view.length * height}px`;
+  if (body.style.height !== total) body.style.height = total;
+  const top = -body.getBoundingClientRect().top;
+  const first = Math.max(0, Math.floor(top / height) - MARGIN);
+  const last = Math.min(view.length, Math.ceil((top + innerHeight) / height) + MARGIN);
+  const wanted = new Map();
+  for (let index = first; index < last; ++index) wanted.set(view[index].key, index);
+
+  const focused = document.activeElement.closest?.('#rows tr')?.dataset.key;
+  const focusedIndex = focused === undefined || wanted.has(focused) ? -1 : view.findIndex(entry => entry.key === focused);
+  if (focusedIndex >= 0) wanted.set(focused, focusedIndex); // it stays, wherever it is
+  const firstInWindow = Math.min(first + (first > 0 ? MARGIN : 0), view.length - 1);
+  tabStop = wanted.has(active) ? active : view[firstInWindow]?.key;
+
+  const unused = [];
+  for (const [key, shown] of [...shownRows].sort((one, other) => one[1].index - other[1].index)) {
+    if (wanted.has(key)) continue;
+    unused.push(shown);
+    shownRows.delete(key);
+  }
+  // A row that is not needed any more becomes another one.
+  for (const {row} of unused.splice(wanted.size - shownRows.size)) row.remove();
+  // In the document they are in the order of their places, for those who read the page.
+  let next = body.firstElementChild;
+  for (const [key, index] of [...wanted].sort((one, other) => one[1] - other[1])) {
+    if (!shownRows.has(key)) shownRows.set(key, unused.shift() ?? makeRow());
+    const shown = shownRows.get(key);
+    shown.index = index;
+    fill(shown, entries.get(key), index, height);
+    if (shown.row === next) {
+      next = next.nextElementSibling;
+    } else if (shown.row.contains(document.activeElement)) { // to move it would take the focus from it
+      while (next !== shown.row) {
+        const other = next;
+        next = next.nextElementSibling;
+        body.append(other);
+      }
+      next = next.nextElementSibling;
+    } else {
+      body.insertBefore(shown.row, next);
+    }
+  }
+  if (focused !== undefined && !shownRows.has(focused)) shownRows.get(tabStop)?.name.focus({preventScroll: true});
 }
 
-function setState(state, text) {
-  $('state').dataset.state = state;
-  setText($('state').firstElementChild, text);
-  $('notice').hidden = state !== 'gone';
-  document.body.classList.toggle('stale', state === 'gone');
-}
-
-let last = null;
-let lostSight = null;
-
-async function poll() {
-  try {
-    const answer = await fetch('/-/entries', {cache: 'no-store', signal: AbortSignal.timeout(PATIENCE)});
-    if (!answer.ok) throw new Error(`it answered ${answer.status}`);
-    last = await answer.json();
-    lostSight = null;
-    setState('live', 'live');
-    render(last);
-  } catch (error) {
-    lostSight ??= performance.now();
-    setState('gone', 'not answering');
-    setText($('notice'), `No answer from the registry for ${duration(performance.now() - lostSight)}. `
-      + 'What is shown was known before; this page keeps asking.');
+// What is in the window stays there when rows come and go above it.
+function keepPlace(change) {
+  const top = () => $('rows').getBoundingClientRect().top;
+  const height = rowHeight();
+  const index = Math.max(0, Math.ceil(-top() / height));
+  const anchor = -top() > 0 ? view[index] : undefined;
+  change();
+  const moved = anchor ? view.indexOf(anchor) - index : 0;
+  renderRows(); // gives the table its height first
+  if (anchor && moved !== 0 && view.includes(anchor)) {
+    scrollBy({top: moved * height, behavior: 'instant'});
+    renderRows();
   }
 }
 
-async function follow() {
-  for (;;) {
-    if (!document.hidden) await poll();
-    await new Promise(resume => setTimeout(resume, POLL));
+function moveTo(index) {
+  if (view.length === 0) return;
+  const entry = view[Math.max(0, Math.min(index, view.length - 1))];
+  const place = view.indexOf(entry);
+  const height = rowHeight();
+  const top = $('rows').getBoundingClientRect().top + place * height;
+  const head = document.querySelector('thead').offsetHeight;
+  if (top < head) scrollBy({top: top - head, behavior: 'instant'});
+  if (top + height > innerHeight) scrollBy({top: top + height - innerHeight, behavior: 'instant'});
+  active = entry.key;
+  renderRows();
+  shownRows.get(active).name.focus({preventScroll: true});
+}
+
+const steps = {
+  ArrowDown: index => index + 1,
+  ArrowUp: index => index - 1,
+  PageDown: index => index + Math.floor(innerHeight / rowHeight() - 2),
+  PageUp: index => index - Math.floor(innerHeight / rowHeight() - 2),
+  Home: () => 0,
+  End: () => view.length - 1,
+};
+
+$('rows').addEventListener('keydown', event => {
+  const step = steps[event.key];
+  if (!step || event.ctrlKey || event.altKey || event.metaKey) return;
+  event.preventDefault();
+  moveTo(step(view.findIndex(entry => entry.key === active)));
+});
+$('rows').addEventListener('focusin', event => {
+  active = event.target.closest('tr').dataset.key;
+  requestUpdate(false); // of the row that Tab reaches
+});
+$('rows').addEventListener('click', event => {
+  const key = event.target.closest('.open')?.closest('tr').dataset.key;
+  if (key === undefined) return;
+  opened = key;
+  writeAddress();
+  showDetail();
+});
+
+// --- One entry in whole
+
+const time = at => `${ago(at)}, ${new Date(Date.now() - performance.now() + at).toLocaleString()}`;
+// Numbers as they were put, however long; nothing that turns the direction of what follows.
+const exactly = (key, value, context) => typeof value === 'number' && JSON.rawJSON && context
+  && String(value) !== context.source ? JSON.rawJSON(context.source) : value;
+const rawJson = service => JSON.stringify(service, null, 2)
+  .replace(/[\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]/g, letter => `\\u${letter.charCodeAt(0).toString(16).padStart(4, '0')}`);
+
+function factsOf(entry, told) {
+  const facts = [['Address', entry.address || '–']];
+  for (const [name, value] of Object.entries(told.service)) {
+    if (['name', 'host', 'port'].includes(name)) continue;
+    const isPlainList = Array.isArray(value) && value.every(item => typeof item !== 'object');
+    facts.push([name, isPlainList ? value.join(', ') || '–' : asText(value)]);
+  }
+  facts.push(['Path of the entry', told.path], ['UUID', entry.uuid], ['Registered', time(entry.created)]);
+  facts.push(['Last check', entry.checked === null ? 'not yet' : time(entry.checked)], ['Checks', String(entry.checks)]);
+  if (entry.renewed !== entry.checked) facts.push(['Renewed', time(entry.renewed)]);
+  if (expiryOf(entry)) facts.push(['Expiry', expiryOf(entry)]);
+  if (entry.moved) {
+    facts.push(['Address before', `${entry.moved.from}, until ${ago(entry.moved.at)}. Do two instances share the path?`]);
+  }
+  return facts;
+}
+
+function showDetail() {
+  const entry = opened === null ? undefined : entries.get(opened);
+  const dialog = $('detail');
+  $('detail-gone').hidden = entry !== undefined && entry.lostAt === null;
+  if (!entry) {
+    if (opened === null && dialog.open) dialog.close();
+    return;
+  }
+  const told = JSON.parse(entry.raw, exactly);
+  setText($('detail-name'), entry.name);
+  const facts = factsOf(entry, told);
+  while ($('facts').childElementCount > facts.length * 2) $('facts').lastElementChild.remove();
+  while ($('facts').childElementCount < facts.length * 2) {
+    add($('facts'), 'dt', '', true);
+    add($('facts'), 'dd', '', true);
+  }
+  facts.flat().forEach((text, index) => setText($('facts').children[index], text));
+  setText($('raw'), rawJson(told.service));
+  $('cut').hidden = entry.cut === undefined;
+  setText($('cut-size'), String(entry.cut));
+  $('cut-link').href = `/${entry.uuid}`;
+  if (!dialog.open) {
+    setText($('copied'), '');
+    dialog.showModal();
   }
 }
+
+$('detail').addEventListener('close', () => {
+  opened = null;
+  writeAddress();
+});
+$('detail').addEventListener('click', event => event.target === $('detail') && isOutside(event) && $('detail').close());
+$('close').addEventListener('click', () => $('detail').close());
+$('copy').addEventListener('click', () => {
+  getSelection().selectAllChildren($('raw'));
+  // The clipboard of navigator is there over TLS and for localhost only.
+  setText($('copied'), document.execCommand('copy') ? 'Copied' : 'Selected');
+});
+
+function isOutside({clientX}) {
+  return clientX < $('detail').getBoundingClientRect().left;
+}
+
+// --- What is to be done, once a frame
+
+let isRequested = false;
+let isChanged = false;
+
+function requestUpdate(changed) {
+  isChanged ||= changed;
+  if (isRequested) return;
+  isRequested = true;
+  requestAnimationFrame(update);
+}
+
+function update() {
+  isRequested = false;
+  if (isChanged) {
+    keepPlace(() => {
+      arrange();
+      summarize();
+    });
+  } else {
+    renderRows();
+  }
+  isChanged = false;
+  showDetail();
+}
+
+function everySecond() {
+  const now = performance.now();
+  let dropped = false;
+  for (const entry of sorted) {
+    if (entry.lostAt !== null && now - entry.lostAt >= KEEP_LOST) {
+      drop(entry);
+      dropped = true;
+    }
+  }
+  requestUpdate(dropped);
+}
+
+let saying;
+
+function filterOrSort() {
+  writeAddress();
+  requestUpdate(true);
+  clearTimeout(saying);
+  saying = setTimeout(() => setText($('found'), summarize()), 500);
+}
+
+for (const button of document.querySelectorAll('th button')) {
+  button.addEventListener('click', () => {
+    const key = button.parentElement.dataset.sort;
+    sort = sort === key ? `-${key}` : key;
+    filterOrSort();
+  });
+}
+$('filter').addEventListener('input', filterOrSort);
+addEventListener('hashchange', () => {
+  readAddress();
+  requestUpdate(true);
+});
+addEventListener('scroll', () => requestUpdate(false), {passive: true});
+addEventListener('resize', () => requestUpdate(false));
+document.addEventListener('visibilitychange', () => document.hidden && stream.abort());
 
 setText($('host'), location.host);
-setText($('example'), `curl -X PUT ${location.origin}/lamp \\\n  -d '{"name":"lamp","uri":"/lamp","port":8080}'`);
-$('filter').addEventListener('input', () => last && summarize(last));
-document.addEventListener('visibilitychange', () => document.hidden || poll());
+setText($('example'), `curl -X PUT ${location.origin}/lamp \\\n  -d '{"name":"lamp","uri":"/lamp","host":"localhost","port":8080}'`);
+readAddress();
+setInterval(everySecond, 1000);
 follow();

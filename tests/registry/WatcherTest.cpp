@@ -1,0 +1,222 @@
+// Those that follow the entries over a real socket: what they get, when, and what they cost.
+// The registry runs on its own thread or as a program, the test on the main thread; they share
+// sockets only. There is no lock.
+
+#include <gmock/gmock.h>
+
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "RegistryProcess.h"
+#include "RunningRegistry.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kWatch = "GET /-/watch HTTP/1.1\r\nHost: localhost\r\n\r\n";
+
+/// A connection that has asked to watch, and whatever came up to the end of the list.
+struct Watcher {
+    explicit Watcher(std::uint16_t port, const std::string& request = kWatch) : connection(port) {
+        connection.send(request);
+        list = connection.readUntil("event: listed\n");
+        list += connection.readUntil("\n\n");
+    }
+
+    RawConnection connection;
+    std::string list;
+};
+
+std::string idIn(const std::string& events) {
+    const auto begin = events.rfind("\nid: ") + 5;
+    return events.substr(begin, events.find('\n', begin) - begin);
+}
+
+std::string put(RawConnection& connection, const std::string& path,
+                const std::string& service = "{}") {
+    const auto response = connection.ask(makeRequest("PUT", path, service));
+    return std::string(response[http::field::location]);
+}
+
+void putMany(RawConnection& connection, int count, std::size_t size) {
+    const std::string service = R"({"a":")" + std::string(size, 'x') + R"("})";
+    for (int i = 0; i < count; ++i) {
+        put(connection, '/' + std::to_string(i), service);
+    }
+}
+
+TEST(AWatcher, GetsTheListAsServerSentEvents) {
+    const RunningRegistry registry;
+    RawConnection other = registry.connect();
+    put(other, "/lamp", R"({"host":"10.0.0.1"})");
+    const Watcher watcher(registry.port());
+    EXPECT_THAT(watcher.list, StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_THAT(watcher.list, HasSubstr("\r\nContent-Type: text/event-stream\r\n"));
+    EXPECT_THAT(watcher.list, HasSubstr("\r\nConnection: close\r\n"));
+    EXPECT_THAT(watcher.list, Not(HasSubstr("Content-Length")));
+    EXPECT_THAT(watcher.list, HasSubstr("\r\n\r\nretry: 1000\n\nevent: state\ndata: "));
+    EXPECT_THAT(watcher.list,
+                HasSubstr("\n\nevent: list\ndata: {\"entries\":1}\n\nevent: put\nid: "));
+    EXPECT_THAT(watcher.list, HasSubstr("\"service\":{\"host\":\"10.0.0.1\"}"));
+}
+
+TEST(AWatcher, IsToldAtOnceWhatIsPutAndWithdrawn) {
+    const RunningRegistry registry;
+    Watcher watcher(registry.port());
+    RawConnection other = registry.connect();
+    const auto begin = Clock::now();
+    for (int i = 0; i < 10; ++i) {
+        const std::string uuid = put(other, "/lamp").substr(1);
+        watcher.connection.readUntil("\"uuid\":\"" + uuid);
+        other.ask(makeRequest("DELETE", '/' + uuid));
+        watcher.connection.readUntil("event: removed\n");
+        watcher.connection.readUntil(uuid);
+    }
+    EXPECT_LT(Clock::now() - begin, 8s);  // twenty times the second after which it looks by itself
+}
+
+TEST(AWatcher, IsToldOfChecksAndOfWhatExpiresWhileNobodyAsks) {
+    RegistryOptions options;
+    options.ttl = 1s;
+    const RunningRegistry registry(options);
+    Watcher watcher(registry.port());
+    {
+        RawConnection other = registry.connect();
+        const std::string location = put(other, "/lamp");
+        watcher.connection.readUntil("event: put\n");
+        other.ask(makeRequest("HEAD", location));
+    }
+    EXPECT_THAT(watcher.connection.readUntil(",1,"), HasSubstr("event: checked\n"));
+    watcher.connection.readUntil("event: removed\n");
+}
+
+TEST(AWatcher, GoesOnWhereItsConnectionWasCut) {
+    const RunningRegistry registry;
+    RawConnection other = registry.connect();
+    put(other, "/lamp");
+    std::string id;
+    {
+        const Watcher watcher(registry.port());
+        id = idIn(watcher.list);
+    }
+    put(other, "/doorbell");
+    const Watcher watcher(registry.port(),
+                          "GET /-/watch HTTP/1.1\r\nLast-Event-ID: " + id + "\r\n\r\n");
+    EXPECT_THAT(watcher.list, HasSubstr("/doorbell"));
+    EXPECT_THAT(watcher.list, Not(HasSubstr("/lamp")));
+    EXPECT_THAT(watcher.list, Not(HasSubstr("event: list\n")));
+}
+
+TEST(AWatcher, IsAskedForNothingButTheHeaderByHead) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    const auto response = connection.ask(makeRequest("HEAD", "/-/watch"));
+    EXPECT_EQ(response[http::field::content_type], "text/event-stream");
+    EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
+TEST(AWatcher, IsMetByNoFault) {
+    RegistryOptions options;
+    options.admin = true;
+    const RunningRegistry registry(options);
+    registry.connect().ask(
+        makeRequest("PUT", "/-/faults", R"({"fault":"status","status":503,"method":"GET"})"));
+    const Watcher watcher(registry.port());
+    EXPECT_THAT(watcher.list, HasSubstr("{\"faults\":1,"));
+}
+
+TEST(AWatcher, EndsWithTheRegistry) {
+    RunningRegistry registry;
+    Watcher idle(registry.port());
+    Watcher busy(registry.port());
+    RawConnection other = registry.connect();
+    put(other, "/lamp");
+    registry.stop();
+    EXPECT_TRUE(idle.connection.endsWithin(10s));
+    EXPECT_TRUE(busy.connection.endsWithin(10s));
+}
+
+TEST(AWatcher, IsEndedForOthersWhenThereAreTooManyConnections) {
+    RegistryOptions options;
+    options.maxConnections = 2;
+    const RunningRegistry registry(options);
+    Watcher watcher(registry.port());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(registry.connect().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    }
+    Watcher again(registry.port());
+    EXPECT_THAT(again.list, HasSubstr("event: listed\n"));
+}
+
+TEST(AWatcher, MayBeDroppedAtAnyTime) {
+    const RunningRegistry registry;
+    RawConnection other = registry.connect();
+    putMany(other, 500, 100);
+    for (int i = 0; i < 100; ++i) {
+        RawConnection connection(registry.port());
+        connection.send(kWatch);
+        if (i % 2 == 0) {
+            connection.readUntil("event: put\n");
+        }
+        i % 3 == 0 ? connection.reset() : connection.endSending();
+        put(other, "/" + std::to_string(i));
+    }
+    EXPECT_EQ(other.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
+TEST(AWatcherThatReadsNothing, IsDropped) {
+    RegistryOptions options;
+    options.writeTimeout = 200ms;
+    const RunningRegistry registry(options);
+    RawConnection other = registry.connect();
+    putMany(other, 100, 5'000);
+    RawConnection watcher(registry.port(), 4'096);
+    watcher.send(kWatch);
+    EXPECT_TRUE(watcher.endsWithin(10s));
+    EXPECT_EQ(other.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
+long residentKilobytes(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string word; status >> word;) {
+        if (word == "VmRSS:") {
+            status >> word;
+            return std::stol(word);
+        }
+    }
+    throw std::runtime_error("no VmRSS");
+}
+
+// The kernel's part is not seen here: it is bounded by the size of the socket's buffer.
+TEST(AWatcherThatReadsNothing, CostsLittleMemoryHoweverMuchHappens) {
+    RegistryProcess registry({"--port", "0"});
+    RawConnection other(registry.port());
+    putMany(other, 2'000, 1'000);
+    putMany(other, 2'000, 1'000);
+    const long before = residentKilobytes(registry.pid());
+    std::vector<RawConnection> watchers;
+    for (int i = 0; i < 200; ++i) {
+        watchers.emplace_back(registry.port(), 4'096);
+        watchers.back().send(kWatch);
+    }
+    putMany(other, 2'000, 1'000);
+    const long each = (residentKilobytes(registry.pid()) - before) / 200;
+    RecordProperty("kilobytes", static_cast<int>(each));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(each, 32);
+#endif
+    EXPECT_EQ(other.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
+}  // namespace
+}  // namespace orvx::registry

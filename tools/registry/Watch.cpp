@@ -1,0 +1,215 @@
+// What a reader of the stream is sent: the puts, checks and removals after the revision that it has
+// got to, in the order of their revisions, each entry in its present state.
+// Entered by whichever thread owns the store, one at a time.
+// There is no lock.
+
+#include "Watch.h"
+
+#include <algorithm>
+#include <charconv>
+#include <nlohmann/json.hpp>
+
+namespace orvx::registry {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr std::size_t kLongestText = 200;
+
+/// Not cut within a letter.
+std::string shortened(const std::string& text) {
+    if (text.size() <= kLongestText) {
+        return text;
+    }
+    std::size_t size = kLongestText;
+    while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0U) == 0x80U) {
+        --size;
+    }
+    return text.substr(0, size) + "…";
+}
+
+/// What tells a service from others and where it is.
+json shortened(const json& service) {
+    json less = json::object();
+    for (const char* name : {"name", "uri", "host", "port"}) {
+        const auto value = service.find(name);
+        if (value != service.end() && value->is_string()) {
+            less[name] = shortened(value->get_ref<const std::string&>());
+        } else if (value != service.end() && value->is_number()) {
+            less[name] = *value;
+        }
+    }
+    return less;
+}
+
+template <typename Duration>
+std::int64_t milliseconds(Duration duration) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+}
+
+/// The entry as the protocol has it, and its times as ages in milliseconds: the reader's clock may
+/// be another one.
+json describe(const Entry& entry, const EntryStore& store) {
+    const auto now = store.now();
+    // Each byte of a path that is no UTF-8 becomes three.
+    const bool isLong = entry.size + 3 * entry.path.size() > Watch::kLongestService;
+    json object{{"uuid", entry.uuid},
+                {"path", isLong ? shortened(entry.path) : entry.path},
+                {"service", isLong ? shortened(entry.service) : entry.service},
+                {"checks", entry.checks},
+                {"number", entry.number},
+                {"age", milliseconds(std::chrono::system_clock::now() - entry.created)},
+                {"renewed", milliseconds(now - entry.renewed)}};
+    if (isLong) {
+        object["cut"] = entry.size;
+    }
+    if (entry.checked) {
+        object["checked"] = milliseconds(now - *entry.checked);
+    }
+    if (entry.moved) {
+        object["moved"] = {{"from", shortened(entry.moved->from)},
+                           {"age", milliseconds(now - entry.moved->when)}};
+    }
+    return object;
+}
+
+/// An event without an id, if that is empty.
+void append(std::string& events, const char* name, const json& data, const std::string& id) {
+    events += "event: ";
+    events += name;
+    if (!id.empty()) {
+        events += "\nid: " + id;
+    }
+    // A path may hold bytes that are no UTF-8.
+    events += "\ndata: " + data.dump(-1, ' ', false, json::error_handler_t::replace) + "\n\n";
+}
+
+std::string idOf(const EntryStore& store, std::uint64_t revision) {
+    return store.instance() + '-' + std::to_string(revision);
+}
+
+/// The revision that an id names; empty: it is not one of that store.
+std::optional<std::uint64_t> revisionOf(const EntryStore& store, std::string_view id) {
+    const std::string& instance = store.instance();
+    if (id.size() <= instance.size() || id.substr(0, instance.size()) != instance ||
+        id[instance.size()] != '-') {
+        return std::nullopt;
+    }
+    std::uint64_t revision = 0;
+    const char* const end = id.data() + id.size();
+    const auto read = std::from_chars(id.data() + instance.size() + 1, end, revision);
+    return read.ec == std::errc() && read.ptr == end && revision <= store.revision()
+               ? std::optional(revision)
+               : std::nullopt;
+}
+
+}  // namespace
+
+Watch::Watch(const EntryStore& store, std::string_view lastId) {
+    const auto revision = revisionOf(store, lastId);
+    beginList(store);
+    if (revision) {
+        puts_ = others_ = *revision;
+        beginsList_ = false;
+    }
+}
+
+void Watch::beginList(const EntryStore& store) {
+    puts_ = 0;
+    others_ = store.revision();
+    listed_ = store.revision();
+    beginsList_ = true;
+}
+
+std::string Watch::next(const EntryStore& store, std::size_t faults) {
+    std::string events;
+    if (!spoke_ || faults != faults_ || store.now() - *spoke_ >= kHeartbeat) {
+        appendState(store, faults, events);
+    }
+    if (others_ < store.forgottenRevision()) {
+        beginList(store);
+    }
+    if (beginsList_) {
+        append(events, "list", {{"entries", store.entries().size()}}, {});
+        beginsList_ = false;
+    }
+    while (events.size() < kPiece && appendNext(store, events)) {
+    }
+    return events;
+}
+
+Watch::Change Watch::peek(const EntryStore& store) const {
+    Change change;
+    const auto consider = [&change](Change other) {
+        if (change.kind == Kind::NOTHING || other.revision < change.revision) {
+            change = other;
+        }
+    };
+    if (const Entry* put = store.nextPut(puts_)) {
+        consider({Kind::PUT, put->putRevision, put, put->uuid});
+    }
+    if (const Entry* renewed = store.nextRenewal(others_)) {
+        consider({Kind::CHECK, renewed->renewalRevision, renewed, renewed->uuid});
+    }
+    if (const EntryStore::Removal* removed = store.nextRemoval(others_)) {
+        consider({Kind::REMOVAL, removed->revision, nullptr, removed->uuid});
+    }
+    return change;
+}
+
+void Watch::advance(std::uint64_t revision) {
+    puts_ = revision;
+    others_ = std::max(others_, revision);
+}
+
+/// False: there is nothing more.
+bool Watch::appendNext(const EntryStore& store, std::string& events) {
+    const Change change = peek(store);
+    if (listed_ && (change.kind == Kind::NOTHING || change.revision > *listed_)) {
+        append(events, "listed", json::object(), idOf(store, *listed_));
+        advance(*listed_);
+        listed_.reset();
+        return true;
+    }
+    switch (change.kind) {
+        case Kind::NOTHING:
+            return false;
+        case Kind::CHECK:
+            appendChecks(store, events);
+            return true;
+        case Kind::PUT:
+            append(events, "put", describe(*change.entry, store), idOf(store, change.revision));
+            break;
+        case Kind::REMOVAL:
+            append(events, "removed", {{"uuid", change.uuid}}, idOf(store, change.revision));
+            break;
+    }
+    advance(change.revision);
+    return true;
+}
+
+/// Those that follow one another make one event.
+void Watch::appendChecks(const EntryStore& store, std::string& events) {
+    constexpr std::size_t kMaxChecks = kLongestEvent / 128;
+    json checks = json::array();
+    Change change = peek(store);
+    while (change.kind == Kind::CHECK && checks.size() < kMaxChecks &&
+           (!listed_ || change.revision <= *listed_)) {
+        checks.push_back(
+            {change.uuid, change.entry->checks, milliseconds(store.now() - change.entry->renewed)});
+        advance(change.revision);
+        change = peek(store);
+    }
+    append(events, "checked", checks, idOf(store, puts_));
+}
+
+/// Also tells a reader that the registry is alive.
+void Watch::appendState(const EntryStore& store, std::size_t faults, std::string& events) {
+    const auto ttl = store.options().ttl.count();
+    append(events, "state", {{"faults", faults}, {"ttl", ttl == 0 ? json() : json(ttl)}}, {});
+    faults_ = faults;
+    spoke_ = store.now();
+}
+
+}  // namespace orvx::registry

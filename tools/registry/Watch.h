@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "EntryStore.h"
+
+namespace orvx::registry {
+
+/// One reader that follows a store by server-sent events: first the list, then what changes.
+/// docs/registry-protocol.md describes the events. It holds no queue, only the revision that the
+/// reader has got to: a reader that is slow gets the present state of what changed meanwhile.
+///
+/// Thread-safety: that of the store.
+class Watch {
+  public:
+    /// A piece that is as long is not continued, and no event is longer than kLongestEvent.
+    static constexpr std::size_t kPiece = 8'192;
+    static constexpr std::size_t kLongestEvent = 8'192;
+    /// An entry whose service and path are longer is told in short.
+    static constexpr std::size_t kLongestService = 6'144;
+    /// From one `state` event to the next at most, provided that next() is called so often.
+    static constexpr std::chrono::seconds kHeartbeat{2};
+
+    /// `lastId`: the id of the last event that the reader knows. With one that is not of this
+    /// store, or too long ago, it gets the list anew.
+    Watch(const EntryStore& store, std::string_view lastId);
+
+    /// The next events, or an empty text: nothing changed since. `faults`: how many are set.
+    /// `store`: that of the constructor.
+    std::string next(const EntryStore& store, std::size_t faults);
+
+  private:
+    enum class Kind { NOTHING, PUT, CHECK, REMOVAL };
+    struct Change {
+        Kind kind = Kind::NOTHING;
+        std::uint64_t revision = 0;
+        const Entry* entry = nullptr;
+        std::string_view uuid{};
+    };
+
+    void beginList(const EntryStore& store);
+    Change peek(const EntryStore& store) const;
+    void advance(std::uint64_t revision);
+    bool appendNext(const EntryStore& store, std::string& events);
+    void appendChecks(const EntryStore& store, std::string& events);
+    void appendState(const EntryStore& store, std::size_t faults, std::string& events);
+
+    // The list is what was put after revision 0; of renewals and removals only those matter that
+    // came after the list was begun. Behind that revision both positions are the same.
+    std::uint64_t puts_ = 0;
+    std::uint64_t others_ = 0;
+    bool beginsList_ = false;
+    std::optional<std::uint64_t> listed_{};  // where the list is complete, until that was told
+    std::optional<EntryStore::Time> spoke_{};
+    std::size_t faults_ = 0;
+};
+
+}  // namespace orvx::registry
