@@ -483,10 +483,10 @@ class ThePage(unittest.TestCase):
         self.show(1280, 800, "dark")
         self.assertNotEqual(self.run_script(background), light)
         self.screenshots("3-entries")
-        for width in (320, 390, 700, 1280):
+        for width in (320, 390, 700, 800, 1000):
             self.show(width, 844, "light")
             self.wait(lambda: self.browser.execute_script(FITS) == "")
-        self.screenshot("width-320")
+            self.screenshot(f"3-entries-{width}-light")
 
     def test_sets_no_barrier_whatever_it_shows(self):
         registry = self.open("--ttl", "60")

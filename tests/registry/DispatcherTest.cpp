@@ -93,6 +93,32 @@ TEST_F(TheDispatcher, LetsAReaderWatchTheEntries) {
     EXPECT_EQ(react(verb::put, "/-/watch", "{}").response->result(), http::status::created);
 }
 
+TEST_F(TheDispatcher, CountsForPrometheus) {
+    ask(verb::put, "/a", R"({"host":"10.0.0.1"})");
+    ask(verb::put, "/a", R"({"host":"10.0.0.2"})");
+    ask(verb::put, "/b", "{}");
+    ask(verb::put, "/c", "no JSON");
+    now_ += 10s;
+    ask(verb::put, "/-/faults", R"({"fault":"reset","method":"HEAD"})");
+    ask(verb::put, "/d", "{}");
+    react(verb::head, "/d");
+    Request unknown(verb::unknown, "/", 11);
+    unknown.method_string("EVIL\"");
+    dispatcher_.react(unknown);
+    const Response metrics = ask(verb::get, "/-/metrics");
+    EXPECT_EQ(metrics[http::field::content_type], "text/plain; version=0.0.4; charset=utf-8");
+    for (const char* line : {"orvx_registry_entries 1\n", "orvx_registry_entries_limit 3\n",
+                             "orvx_registry_expirations_total 2\n", "orvx_registry_moves_total 1\n",
+                             "orvx_registry_faults 1\n",
+                             "orvx_registry_requests_total{method=\"PUT\",code=\"201\"} 3\n",
+                             "orvx_registry_requests_total{method=\"PUT\",code=\"200\"} 2\n",
+                             "orvx_registry_requests_total{method=\"PUT\",code=\"400\"} 1\n",
+                             "orvx_registry_requests_total{method=\"HEAD\",code=\"0\"} 1\n",
+                             "orvx_registry_requests_total{method=\"other\",code=\"405\"} 1\n"}) {
+        EXPECT_THAT(metrics.body(), HasSubstr(std::string("\n") + line));
+    }
+}
+
 TEST_F(TheDispatcher, ForgetsWhatIsDueWhileAReaderWatches) {
     Reaction reaction = react(verb::get, "/-/watch");
     ask(verb::put, "/a", "{}");

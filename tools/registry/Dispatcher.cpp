@@ -1,5 +1,6 @@
 // The way of a request: what is due happens to the entries first, then the page, the stream of
-// changes and the control of the faults are served, which no fault meets; the rest is the protocol.
+// changes, the metrics and the control of the faults are served, which no fault meets; the rest is
+// the protocol.
 // Entered by the thread that runs the server, or a test's, one at a time.
 // There is no lock.
 
@@ -20,8 +21,8 @@ namespace http = boost::beast::http;
 
 namespace {
 
-bool asksToWatch(const Request& request) {
-    return request.target() == "/-/watch" &&
+bool asksFor(const char* target, const Request& request) {
+    return request.target() == target &&
            (request.method() == http::verb::get || request.method() == http::verb::head);
 }
 
@@ -34,6 +35,11 @@ Reaction Dispatcher::react(const Request& request) {
     } catch (const FileError& error) {
         std::cerr << "orvx-registry: " << error.what() << std::endl;
         reaction.response = failure(http::status::internal_server_error, error.what());
+    }
+    metrics_.countRequest(request.method(),
+                          reaction.response ? reaction.response->result_int() : 0);
+    if (!reaction.remark.empty()) {
+        metrics_.countMove();
     }
     if (reaction.response) {
         Response& response = *reaction.response;
@@ -57,8 +63,11 @@ Reaction Dispatcher::decide(const Request& request) {
         forgetWhatIsDue();
         return {std::move(response)};
     }
-    if (asksToWatch(request)) {
+    if (asksFor("/-/watch", request)) {
         return beginWatch(request);
+    }
+    if (asksFor("/-/metrics", request)) {
+        return {metrics()};
     }
     const Fate fate = faults_.meet(request.method(), store_);
     Reaction reaction;
@@ -85,6 +94,15 @@ Reaction Dispatcher::beginWatch(const Request& request) {
         reaction.watch.emplace(store_, std::string_view(lastId.data(), lastId.size()));
     }
     return reaction;
+}
+
+Response Dispatcher::metrics() {
+    forgetWhatIsDue();
+    Response response(http::status::ok, 11);
+    response.set(http::field::content_type, "text/plain; version=0.0.4; charset=utf-8");
+    response.body() = metrics_.text(store_, faults_.count(store_.now()));
+    response.prepare_payload();
+    return response;
 }
 
 std::string Dispatcher::news(Watch& watch) {

@@ -6,6 +6,7 @@
 
 #include "EntryStore.h"
 #include "Faults.h"
+#include "Metrics.h"
 #include "RequestHandler.h"
 #include "Watch.h"
 
@@ -20,8 +21,8 @@ struct Reaction {
     std::optional<Watch> watch{};
 };
 
-/// Gives each request to what answers it: the entries, the page, the stream of changes, the faults
-/// and their control.
+/// Gives each request to what answers it: the entries, the page, the stream of changes, the
+/// metrics, the faults and their control.
 ///
 /// Thread-safety: none; one thread at a time.
 class Dispatcher {
@@ -43,11 +44,13 @@ class Dispatcher {
   private:
     Reaction decide(const Request& request);
     Reaction beginWatch(const Request& request);
+    Response metrics();
     Response control(const Request& request);
     void forgetWhatIsDue();
 
     EntryStore store_;
     Faults faults_;
+    Metrics metrics_;
     const bool admin_;
 };
 

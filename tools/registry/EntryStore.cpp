@@ -200,6 +200,7 @@ void EntryStore::expire() {
     if (file_ && !expired.empty()) {
         file_->remove(expired);
     }
+    expirations_ += expired.size();
     for (const std::string& uuid : expired) {
         take(byUuid_.find(uuid));
     }

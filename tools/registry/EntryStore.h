@@ -89,6 +89,9 @@ class EntryStore {
 
     const std::list<Entry>& entries() const { return entries_; }
 
+    /// How many entries have expired in this process.
+    std::uint64_t expirations() const { return expirations_; }
+
     /// Tells this store from those of other processes: revisions count in one store only.
     const std::string& instance() const { return instance_; }
 
@@ -130,6 +133,7 @@ class EntryStore {
 
     const std::string instance_;
     std::uint64_t created_ = 0;
+    std::uint64_t expirations_ = 0;
     std::uint64_t revision_ = 0;
     std::uint64_t lastPutOrRemoval_ = 0;
     std::uint64_t forgottenRevision_ = 0;

@@ -1,0 +1,54 @@
+// The counts as text. Methods that HTTP does not know are one, so that no client can make the text
+// grow without limit.
+// Entered by the thread that runs the server, or a test's.
+// There is no lock.
+
+#include "Metrics.h"
+
+#include <boost/beast/http/status.hpp>
+#include <sstream>
+#include <string_view>
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+
+namespace {
+
+void describe(std::ostream& text, std::string_view name, std::string_view type,
+              std::string_view help) {
+    text << "# HELP " << name << ' ' << help << "\n# TYPE " << name << ' ' << type << '\n';
+}
+
+template <typename Number>
+void add(std::ostream& text, std::string_view name, std::string_view type, std::string_view help,
+         Number value) {
+    describe(text, name, type, help);
+    text << name << ' ' << value << '\n';
+}
+
+}  // namespace
+
+std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
+    std::ostringstream text;
+    add(text, "orvx_registry_entries", "gauge", "Entries that the registry holds.",
+        store.entries().size());
+    add(text, "orvx_registry_entries_limit", "gauge", "Entries that the registry may hold.",
+        store.options().maxEntries);
+    add(text, "orvx_registry_expirations_total", "counter",
+        "Entries that were not renewed in time.", store.expirations());
+    add(text, "orvx_registry_moves_total", "counter",
+        "Puts of another host or port at the path of a living service.", moves_);
+    add(text, "orvx_registry_faults", "gauge", "Faults on demand that are set.", faults);
+    describe(text, "orvx_registry_requests_total", "counter",
+             "Requests by method and status of the answer; code 0: the connection was reset.");
+    for (const auto& [request, count] : requests_) {
+        const auto& [method, code] = request;
+        text << "orvx_registry_requests_total{method=\""
+             << (method == http::verb::unknown ? "other" : http::to_string(method)) << "\",code=\""
+             << code << "\"} " << count << '\n';
+    }
+    return text.str();
+}
+
+}  // namespace orvx::registry
