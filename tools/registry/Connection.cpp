@@ -240,7 +240,7 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
     stream_.socket().set_option(asio::socket_base::linger(true, 0), error);
     watch_ = watch;
     std::ostringstream header;
-    header << response.base() << kRetry;
+    header << response.base() << kRetry << shared_.dispatcher.news(*watch_);
     send(header.str());
 }
 
