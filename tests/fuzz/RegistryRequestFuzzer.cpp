@@ -111,14 +111,15 @@ class Registry {
     /// A reader that begins is told every entry.
     void requireListed(Watch& watch) {
         std::size_t count = 0;
-        for (std::string piece = dispatcher_.news(watch); !piece.empty(); piece = dispatcher_.news(watch)) {
+        for (std::string piece = dispatcher_.news(watch); !piece.empty();
+             piece = dispatcher_.news(watch)) {
             require(piece.size() < Watch::kPiece + Watch::kLongestEvent, "a short piece");
             for (auto at = piece.find("event: put\n"); at != std::string::npos;
                  at = piece.find("event: put\n", at + 1)) {
                 ++count;
             }
         }
-        require(count <= dispatcher_.store().entries().size(), "no more than all entries");
+        requireSame(count, dispatcher_.store().entries().size(), "the entries of a new reader");
         adopt();
     }
 
