@@ -5,6 +5,7 @@
 // There is no lock.
 
 #include <CLI/CLI.hpp>
+#include <boost/system/system_error.hpp>
 #include <csignal>
 #include <exception>
 #include <iostream>
@@ -91,8 +92,10 @@ int main(int argc, char** argv) {
         return fail(std::string(error.what()) + " (orvx-registry --help lists the options)");
     } catch (const FileError& error) {
         return fail(error.what());
-    } catch (const std::exception& error) {
+    } catch (const boost::system::system_error& error) {  // its what() may name a line of Boost
         return fail("cannot listen at " + options.host + " port " + std::to_string(options.port) +
-                    ": " + error.what());
+                    ": " + error.code().message());
+    } catch (const std::exception& error) {
+        return fail(error.what());
     }
 }
