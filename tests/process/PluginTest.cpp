@@ -105,7 +105,7 @@ TEST_F(APlugin, LetsTheMemoryOfTheProcessGrowNotHoweverOftenItIsLoaded) {
     EXPECT_LT(allocatedBytes(), before + 16 * 1024);
 }
 
-// The thread that looks it up has code of the plug-in to return to.
+// The thread that looks it up has code of the library to return to.
 TEST_F(APlugin, StaysLoadedIfItEndsWhileAHostIsStillLookedUp) {
     DeadResolver resolver;
     const auto threads = threadNames();
@@ -117,7 +117,7 @@ TEST_F(APlugin, StaysLoadedIfItEndsWhileAHostIsStillLookedUp) {
         EXPECT_TRUE(plugin.withdraw());
     }
     EXPECT_EQ(resolver.waiting(), 1U);
-    EXPECT_THAT(loaded(), HasSubstr(ORVX_PLUGIN));
+    EXPECT_THAT(loaded(), HasSubstr(ORVX_LOADED_LIBRARY));
     resolver.release();
     EXPECT_TRUE(isSoon([&] { return threadNames() == threads; }));
 }
