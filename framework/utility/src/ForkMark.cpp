@@ -36,18 +36,37 @@ ProcessId* makePage() noexcept {
     return new (page) ProcessId(0);
 }
 
-/// The id of the process whose page it is, or 0. Null until this file is initialised. Never
-/// unmapped: a thread may look at its mark while the process exits.
-ProcessId* const known = makePage();
+/// Stands for a page where there can be none.
+ProcessId noPage{0};
+
+/// The page, once somebody has made it. It holds the id of the process whose page it is, or 0.
+/// Never unmapped: a thread may look at its mark while the process exits. No static of a function,
+/// whose lock a child could find taken.
+std::atomic<ProcessId*> known{nullptr};
+
+ProcessId& page() noexcept {
+    ProcessId* there = known.load(std::memory_order_acquire);
+    if (there == nullptr) {
+        ProcessId* const made = makePage();
+        ProcessId* const mine = made == nullptr ? &noPage : made;
+        if (known.compare_exchange_strong(there, mine, std::memory_order_acq_rel)) {
+            return *mine;
+        }
+        if (made != nullptr) {
+            ::munmap(made, sizeof(ProcessId));
+        }
+    }
+    return *there;
+}
 
 int currentProcess() noexcept {
-    if (known == nullptr) {
-        return ::getpid();
-    }
-    int id = known->load(std::memory_order_relaxed);
+    ProcessId& kept = page();
+    int id = kept.load(std::memory_order_relaxed);
     if (id == 0) {
         id = ::getpid();
-        known->store(id, std::memory_order_relaxed);
+        if (&kept != &noPage) {
+            kept.store(id, std::memory_order_relaxed);
+        }
     }
     return id;
 }
