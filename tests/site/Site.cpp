@@ -60,19 +60,28 @@ void Folder::makeAuthority(const std::string& name) const {
     openssl(request(file(name), "authority"));
 }
 
-void Folder::makeCertificate(const std::string& name, const std::string& authority) const {
+void Folder::makeCertificate(const std::string& name, const std::string& authority,
+                             const std::string& names) const {
     auto arguments = request(file("made"), name);
     for (const std::string& argument :
          {std::string("-CA"), file(authority + ".pem"), std::string("-CAkey"),
-          file(authority + ".key"), std::string("-addext"),
-          std::string("subjectAltName=IP:127.0.0.1,DNS:localhost"), std::string("-addext"),
-          std::string("basicConstraints=critical,CA:FALSE")}) {
+          file(authority + ".key"), std::string("-addext"), "subjectAltName=" + names,
+          std::string("-addext"), std::string("basicConstraints=critical,CA:FALSE")}) {
         arguments.push_back(argument);
     }
     openssl(arguments);
     for (const char* const ending : {".pem", ".key"}) {
         std::filesystem::rename(file("made") + ending, file(name) + ending);
     }
+}
+
+void Folder::makeExpiredCertificate(const std::string& name, const std::string& authority) const {
+    makeCertificate(name, authority);
+    openssl({"x509", "-x509toreq", "-in", file(name + ".pem"), "-signkey", file(name + ".key"),
+             "-copy_extensions", "copy", "-out", file("made.csr")});
+    openssl({"x509", "-req", "-in", file("made.csr"), "-CA", file(authority + ".pem"), "-CAkey",
+             file(authority + ".key"), "-set_serial", "2", "-days", "-1", "-copy_extensions",
+             "copy", "-out", file(name + ".pem")});
 }
 
 Program::Program(const Start& start) {

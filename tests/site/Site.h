@@ -24,8 +24,11 @@ class Folder {
 
     /// Makes `name`.pem and `name`.key, an authority's. All authorities have the same name.
     void makeAuthority(const std::string& name) const;
-    /// Makes, or replaces as a whole, `name`.pem and `name`.key, for 127.0.0.1 and localhost.
-    void makeCertificate(const std::string& name, const std::string& authority) const;
+    /// Makes, or replaces as a whole, `name`.pem and `name`.key, for these alternative names.
+    void makeCertificate(const std::string& name, const std::string& authority,
+                         const std::string& names = "IP:127.0.0.1,DNS:localhost") const;
+    /// The same, with the default names, but no longer valid since yesterday.
+    void makeExpiredCertificate(const std::string& name, const std::string& authority) const;
 
   private:
     std::string path_;
