@@ -277,18 +277,6 @@ TEST_F(TheTool, LetsEntriesExpireThatAreNotChecked) {
     EXPECT_GE(Clock::now() - begin, 900ms);
 }
 
-TEST_F(TheTool, ServesMetricsWithoutAMistakeThatPrometheusKnowsOf) {
-    RegistryProcess program({"--port", "0"});
-    RawConnection connection(program.port());
-    connection.ask(makeRequest("PUT", "/a", "{}"));
-    const std::string file =
-        write("metrics", connection.ask(makeRequest("GET", "/-/metrics")).body());
-    const auto result =
-        ChildProcess("/usr/bin/env", {"sh", "-c", "promtool check metrics <\"$0\"", file}).wait();
-    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 0) << result.status;
-    EXPECT_EQ(result.errors, "");
-}
-
 TEST_F(TheTool, HoldsAsManyEntriesAsItIsTold) {
     RegistryProcess program({"--port", "0", "--max-entries", "1"});
     RawConnection connection(program.port());
