@@ -4,6 +4,8 @@
 
 #include <sys/wait.h>
 
+#include <sstream>
+
 namespace orvx::announce {
 
 Words operator+(Words left, const Words& right) {
@@ -21,6 +23,23 @@ Words shell(const std::string& script) {
 
 std::string urlOf(std::uint16_t port) {
     return "http://127.0.0.1:" + std::to_string(port);
+}
+
+std::vector<json> linesOf(const std::string& output) {
+    std::vector<json> lines;
+    std::istringstream stream(output);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(json::parse(line));
+    }
+    return lines;
+}
+
+std::string eventsOf(const std::vector<json>& lines) {
+    std::string events;
+    for (const json& line : lines) {
+        events += line.at("event").get<std::string>() + " ";
+    }
+    return events;
 }
 
 int exitCode(const ChildProcess::Result& result) {

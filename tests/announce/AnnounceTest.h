@@ -40,6 +40,11 @@ Words shell(const std::string& script);
 
 std::string urlOf(std::uint16_t port);
 
+/// The lines that --json makes of the events.
+std::vector<json> linesOf(const std::string& output);
+/// Their names, each with a space after it.
+std::string eventsOf(const std::vector<json>& lines);
+
 /// The exit code; -1 when a signal ended it.
 int exitCode(const ChildProcess::Result& result);
 

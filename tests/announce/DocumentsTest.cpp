@@ -101,7 +101,7 @@ TEST_F(TheHowTo, HasCommandsThatAnnounceAndWithdraw) {
         EXPECT_THAT(exitCode(result), ::testing::AnyOf(0, 143)) << result.output << result.errors;
         EXPECT_TRUE(entries().empty());
     }
-    EXPECT_EQ(count, 4);
+    EXPECT_EQ(count, 5);
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 #include "AnnounceTest.h"
 #include "Terminal.h"
 
-#include <sstream>
-
 namespace orvx::announce {
 namespace {
 
@@ -29,23 +27,6 @@ class TheStatusFile : public AnnounceTest {
     const Folder folder;
     const std::string file = folder.file("status.json");
 };
-
-std::vector<json> linesOf(const std::string& output) {
-    std::vector<json> lines;
-    std::istringstream stream(output);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(json::parse(line));
-    }
-    return lines;
-}
-
-std::string eventsOf(const std::vector<json>& lines) {
-    std::string events;
-    for (const json& line : lines) {
-        events += line.at("event").get<std::string>() + " ";
-    }
-    return events;
-}
 
 TEST_F(TheOutput, IsALineForEachEvent) {
     Announce announce(echo());

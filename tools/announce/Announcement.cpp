@@ -40,7 +40,7 @@ bool Announcement::isLive() const {
 }
 
 void Announcement::announce(Client& client, const common::ServiceInfo& registry) {
-    if (isLive() || state_ == State::Withdrawing) {
+    if (isLive() || state_ == State::Withdrawing || !unhealthy_.empty()) {
         return;
     }
     // A registration that ended had an event, unless no request was made for it.
@@ -63,15 +63,31 @@ void Announcement::answered(const OrvRegistrationResponse& outcome) {
     }
 }
 
-void Announcement::withdraw() {
-    if (state_ == State::Waiting) {
-        enter(State::Withdrawn, "withdrawn");
-    }
+void Announcement::retract() {
     if (isLive()) {
         const std::string reason = reason_;
         enter(State::Withdrawing, "withdrawing");
         reason_ = reason;  // what keeps it from being confirmed keeps it from being withdrawn
-    } else if (state_ != State::Clearing) {
+        unregister_(nullptr);
+    }
+}
+
+void Announcement::setHealth(const std::string& reason) {
+    unhealthy_ = reason;
+    if (reason.empty()) {
+        tell("healthy", json::object());
+    } else {
+        tell("unhealthy", {{"reason", reason}});
+        retract();
+    }
+}
+
+void Announcement::withdraw() {
+    if (state_ == State::Waiting) {
+        enter(State::Withdrawn, "withdrawn");
+    }
+    retract();
+    if (state_ != State::Clearing && state_ != State::Withdrawing) {
         return;
     }
     unregister_([this](const OrvRegistrationResponse& outcome) {
@@ -151,6 +167,7 @@ json Announcement::status() const {
             status[key] = text;
         }
     };
+    set("unhealthy", unhealthy_);
     set("announcedSince", announcedSince_);
     set("uuid", uuid_);
     set("reason", reason_);
@@ -175,9 +192,12 @@ void Announcement::enter(State state, const std::string& event, const json& deta
         since_ = timestamp();
     }
     reason_ = details.value("reason", "");
-    json all = details;
-    all["service"] = service_->getName();
-    changed_(event, all);
+    tell(event, details);
+}
+
+void Announcement::tell(const std::string& event, json details) const {
+    details["service"] = service_->getName();
+    changed_(event, details);
 }
 
 }  // namespace orvx::announce

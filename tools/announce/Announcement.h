@@ -50,12 +50,18 @@ class Announcement {
     Announcement(const Announcement&) = delete;
     Announcement& operator=(const Announcement&) = delete;
 
-    /// Registers it, unless it is announced already. `client` must outlive the loop's run.
+    /// Registers it, unless it is announced already, is still being withdrawn, or is unhealthy.
+    /// `client` must outlive the loop's run.
     void announce(Client& client, const common::ServiceInfo& registry);
     /// It cannot be announced, for a reason of this process.
     void refuse(const std::string& reason);
     /// Withdraws it, or what may have been left of it when it was refused.
     void withdraw();
+    /// Withdraws it until it is to be announced again; that may take however long.
+    void retract();
+    /// Whether it is well, by its health checks: an unhealthy one is retracted. The reason is empty
+    /// for a healthy one.
+    void setHealth(const std::string& reason);
     /// What is not withdrawn counts as left, until the library has withdrawn it all the same.
     void giveUp();
     /// No request has ever reached the registry: there is no entry to be withdrawn.
@@ -67,12 +73,14 @@ class Announcement {
     void take(const Status& status);
     /// All that is known, for a person who wants to know why.
     nlohmann::json status() const;
+    State state() const { return state_; }
 
   private:
     bool isLive() const;
     void answered(const serviceregistryclient::OrvRegistrationResponse& outcome);
     void enter(State state, const std::string& event,
                const nlohmann::json& details = nlohmann::json::object());
+    void tell(const std::string& event, nlohmann::json details) const;
 
     EventLoop& loop_;
     const std::shared_ptr<common::ServiceCreate> service_;
@@ -85,6 +93,8 @@ class Announcement {
     std::string uuid_;
     /// Why it is not confirmed, refused or left; empty where it is as it should be.
     std::string reason_;
+    /// Why it is not healthy; empty where it is, or is not checked.
+    std::string unhealthy_;
     std::uint64_t timesAnnounced_ = 0;
     Status known_;
     /// Events up to this request id are about registrations before the last announce().

@@ -22,18 +22,31 @@ constexpr std::chrono::milliseconds kGraceOfTheUnreached = 500ms;
 
 }  // namespace
 
-Announcer::Announcer(EventLoop& loop, const Options& options,
+Announcer::Announcer(EventLoop& loop, Children& children, const Options& options,
                      std::shared_ptr<communication::HttpCredentials> credentials,
                      Announcement::Changed changed)
     : loop_(loop),
+      children_(children),
       options_(options),
       credentials_(std::move(credentials)),
       statistics_(std::make_shared<communication::ClientStatistics>()),
-      changed_(std::move(changed)) {
+      changed_(std::move(changed)),
+      registry_("registry", options.registry.host, options.registry.port) {
     for (const json& description : options.services) {
-        announcements_.try_emplace(description.at("uri").get<std::string>(), loop_, description,
-                                   counts_, changed_);
+        add(description);
     }
+}
+
+void Announcer::add(const json& description) {
+    const auto [entry, isNew] = services_.try_emplace(
+        description.at("uri").get<std::string>(),
+        Service{std::make_unique<Announcement>(loop_, description, counts_, changed_), nullptr});
+    Announcement& announcement = *entry->second.announcement;
+    entry->second.health = std::make_unique<HealthCheck>(
+        loop_, children_, options_, description, [this, &announcement](const std::string& reason) {
+            announcement.setHealth(reason);
+            announceAgain(announcement);
+        });
 }
 
 void Announcer::open() {
@@ -55,9 +68,8 @@ void Announcer::open() {
     context->setHeadTimeout(registry.checkTimeout);
     context->setRetryInterval(registry.retryInterval);
     context->setSyncCallUnregisterTimeout(options_.withdrawTimeout);
-    context->setRegistrationListener([this](const Announcement::Event& event) {
-        loop_.post([=] { announcements_.at(event.status.uri).take(event); });
-    });
+    context->setRegistrationListener(
+        [this](const Announcement::Event& event) { loop_.post([=] { take(event); }); });
     context->setLoggerFactory(std::make_shared<LogRelay>([this](const std::string& message) {
         loop_.post([=] { changed_("log", {{"message", message}}); });
     }));
@@ -71,19 +83,46 @@ void Announcer::announce() {
             open();
         }
     } catch (const std::exception& error) {
-        for (auto& [uri, announcement] : announcements_) {
-            announcement.refuse(error.what());
+        for (auto& [uri, service] : services_) {
+            service.announcement->refuse(error.what());
         }
         return;
     }
-    const auto& at = options_.registry;
-    const common::ServiceInfo registry("registry", at.host, at.port);
-    for (auto& [uri, announcement] : announcements_) {
-        announcement.announce(*context_->getServiceRegistryClient(), registry);
+    for (auto& [uri, service] : services_) {
+        service.announcement->announce(*context_->getServiceRegistryClient(), registry_);
+    }
+    if (!std::exchange(isServing_, true)) {
+        startHealthChecks();
     }
 }
 
+/// Spread over the interval, so that their processes are.
+void Announcer::startHealthChecks() {
+    std::chrono::milliseconds sum{0};
+    for (auto& [uri, service] : services_) {
+        service.health->start(sum / services_.size());
+        sum += options_.health.interval;
+    }
+}
+
+/// What is withdrawn because it was unhealthy, and is healthy.
+void Announcer::announceAgain(Announcement& announcement) {
+    if (isServing_ && announcement.state() == Announcement::State::Withdrawn) {
+        announcement.announce(*context_->getServiceRegistryClient(), registry_);
+    }
+}
+
+void Announcer::take(const Announcement::Event& event) {
+    Announcement& announcement = *services_.at(event.status.uri).announcement;
+    announcement.take(event);
+    announceAgain(announcement);
+}
+
 void Announcer::withdraw() {
+    isServing_ = false;
+    for (auto& [uri, service] : services_) {
+        service.health->stop();
+    }
     each(&Announcement::withdraw);
     loop_.after(kGraceOfTheUnreached, [this] {
         if (nothingWasSent(statistics_->snapshot())) {
@@ -97,8 +136,8 @@ void Announcer::giveUp() {
 }
 
 void Announcer::each(void (Announcement::*operation)()) {
-    for (auto& [uri, announcement] : announcements_) {
-        (announcement.*operation)();
+    for (auto& [uri, service] : services_) {
+        (*service.announcement.*operation)();
     }
 }
 
@@ -110,12 +149,12 @@ std::size_t Announcer::count(Announcement::State state) const {
 json Announcer::status() {
     if (context_) {
         for (const auto& known : context_->getRegistrations()) {
-            announcements_.at(known.uri).take(known);
+            services_.at(known.uri).announcement->take(known);
         }
     }
     json status = json::array();
-    for (const auto& [uri, announcement] : announcements_) {
-        status.push_back(announcement.status());
+    for (const auto& [uri, service] : services_) {
+        status.push_back(service.announcement->status());
     }
     return status;
 }

@@ -11,28 +11,31 @@
 #include <string>
 
 #include "Announcement.h"
+#include "Children.h"
 #include "EventLoop.h"
+#include "HealthCheck.h"
 #include "Options.h"
 
 namespace orvx::announce {
 
 /// Announces services at one registry: any number of them with one library context, whose
-/// resilience keeps entries and withdrawals.
+/// resilience keeps entries and withdrawals. A service is withdrawn while its health checks fail.
 /// Thread-safety: none. It must end before the loop does, and not while the loop runs.
 class Announcer {
   public:
     /// `options` must outlive it. It starts no thread before announce().
-    Announcer(EventLoop& loop, const Options& options,
+    Announcer(EventLoop& loop, Children& children, const Options& options,
               std::shared_ptr<communication::HttpCredentials> credentials,
               Announcement::Changed changed);
 
-    /// Announces what is not announced: all services, or later what was refused.
+    /// Announces what is healthy and not announced: all services, or later what was refused.
     void announce();
+    /// Withdraws everything, for good.
     void withdraw();
     /// What is not withdrawn is not waited for any more.
     void giveUp();
 
-    std::size_t size() const { return announcements_.size(); }
+    std::size_t size() const { return services_.size(); }
     std::size_t count(Announcement::State state) const;
     /// Of each service, by ascending uri.
     nlohmann::json status();
@@ -40,17 +43,29 @@ class Announcer {
   private:
     using Context = serviceregistryclient::OrvServiceRegistryContext;
 
+    struct Service {
+        std::unique_ptr<Announcement> announcement;
+        std::unique_ptr<HealthCheck> health;
+    };
+
     void open();
+    void add(const nlohmann::json& description);
+    void announceAgain(Announcement& announcement);
+    void startHealthChecks();
     void each(void (Announcement::*operation)());
+    void take(const Announcement::Event& event);
 
     EventLoop& loop_;
+    Children& children_;
     const Options& options_;
     const std::shared_ptr<communication::HttpCredentials> credentials_;
     const std::shared_ptr<communication::ClientStatistics> statistics_;
     const Announcement::Changed changed_;
+    const common::ServiceInfo registry_;
     Announcement::StateCounts counts_;
     /// By uri.
-    std::map<std::string, Announcement> announcements_;
+    std::map<std::string, Service> services_;
+    bool isServing_ = false;
     /// Last: its threads post to the loop.
     std::unique_ptr<Context> context_;
 };

@@ -1,5 +1,5 @@
 // Starting programs and waiting for them.
-// Everything happens on the main thread, as long as there is no other; there is no lock.
+// Everything happens on the main thread; there is no lock.
 
 #include "Children.h"
 
@@ -98,18 +98,10 @@ pid_t Children::spawnProbe(const std::vector<std::string>& arguments, Ended ende
     return pid;
 }
 
-pid_t Children::forkProbe(const std::function<int()>& work, Ended ended) {
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
+void Children::abandonProbe(pid_t pid) {
+    if (ended_.erase(pid) > 0) {
+        ::kill(-pid, SIGKILL);
     }
-    if (pid == 0) {
-        ::setpgid(0, 0);
-        ::_exit(work());
-    }
-    ::setpgid(pid, pid);  // here too: whoever is first
-    ended_[pid] = std::move(ended);
-    return pid;
 }
 
 void Children::reap() {

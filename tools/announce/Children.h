@@ -12,7 +12,7 @@ namespace orvx::announce {
 
 /// Child processes, from their start to their end. Every child is waited for, those too that are
 /// inherited from others (as process 1 of a container inherits them).
-/// Thread-safety: none. Children must be started before the process has a second thread.
+/// Thread-safety: none. Children may be started while the process has other threads.
 class Children {
   public:
     /// Takes the status as waitpid() gives it.
@@ -26,8 +26,8 @@ class Children {
     pid_t spawn(const std::vector<std::string>& arguments, Ended ended);
     /// Starts a probe in a process group of its own: it reads nothing, and prints to stderr only.
     pid_t spawnProbe(const std::vector<std::string>& arguments, Ended ended);
-    /// A probe that calls a function and ends with what it returns.
-    pid_t forkProbe(const std::function<int()>& work, Ended ended);
+    /// Kills a probe with its process group; its end is not told. 0 names none.
+    void abandonProbe(pid_t pid);
 
     /// To be called when SIGCHLD came.
     void reap();

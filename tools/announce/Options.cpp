@@ -85,25 +85,47 @@ void addServices(CLI::App& app, ServiceOptions& service) {
     add("--uri", service.uri, "Path of its entry at the registry (default: /<name>/<host>:<port>)");
 }
 
+/// Exclude each other and `plain`.
+void addProbe(CLI::App& app, const char* http, const char* command, const std::string& effect,
+              ProbeOptions& probe, CLI::Option* plain) {
+    auto* path =
+        app.add_option(http, probe.path, effect + " when GET of this path answers 200 to 399")
+            ->excludes(plain)
+            ->check([](const std::string& text) {
+                return text.rfind('/', 0) == 0 ? "" : "the path must begin with /";
+            })
+            ->each([&](const std::string&) { probe.kind = ProbeOptions::Kind::Http; });
+    app.add_option(command, probe.command, effect + " when this shell command succeeds")
+        ->excludes(plain)
+        ->excludes(path)
+        ->each([&](const std::string&) { probe.kind = ProbeOptions::Kind::Command; });
+}
+
 void addReady(CLI::App& app, ReadyOptions& ready, bool hasCommand) {
-    ready.kind = hasCommand ? ReadyOptions::Kind::Tcp : ReadyOptions::Kind::None;
-    using Kind = ReadyOptions::Kind;
+    using Kind = ProbeOptions::Kind;
+    ready.kind = hasCommand ? Kind::Tcp : Kind::None;
     auto* plain =
         app.add_option("--ready", ready.kind, "tcp: its port takes connections; none: at once")
             ->transform(CLI::CheckedTransformer(
                 std::map<std::string, Kind>{{"tcp", Kind::Tcp}, {"none", Kind::None}}))
             ->type_name("KIND")
             ->default_str("tcp with a command, otherwise none");
-    auto* http = app.add_option("--ready-http", ready.path,
-                                "Ready when this path is answered with 200 to 399")
-                     ->excludes(plain)
-                     ->each([&](const std::string&) { ready.kind = Kind::Http; });
-    app.add_option("--ready-command", ready.command, "Ready when this shell command succeeds")
-        ->excludes(plain)
-        ->excludes(http)
-        ->each([&](const std::string&) { ready.kind = Kind::Command; });
-    app.add_option("--ready-host", ready.host, "Where to connect to for that (default: --host)");
+    addProbe(app, "--ready-http", "--ready-command", "Ready", ready, plain);
     addDuration(app, "--ready-timeout", ready.timeout, "How long to wait for that");
+}
+
+void addHealth(CLI::App& app, HealthOptions& health) {
+    auto* tcp = app.add_flag_callback(
+        "--health-tcp", [&] { health.kind = ProbeOptions::Kind::Tcp; },
+        "Announced only while its port takes connections");
+    addProbe(app, "--health-http", "--health-command", "Announced only", health, tcp);
+    addDuration(app, "--health-interval", health.interval, "From one such attempt to the next");
+    addDuration(app, "--health-timeout", health.timeout, "How long an attempt may take");
+    const auto addCount = [&app](const char* name, unsigned& target, const char* text) {
+        app.add_option(name, target, text)->check(CLI::Range(1U, 1000U))->capture_default_str();
+    };
+    addCount("--health-failures", health.failures, "Failures in a row until it is withdrawn");
+    addCount("--health-successes", health.successes, "Successes in a row until it is announced");
 }
 
 /// Replacing what stands for a device would take it from everybody.
@@ -123,9 +145,6 @@ void complete(Options& options, const ServiceOptions& service) {
         throw UsageError("--ca-file and --client-cert need a registry with https");
     }
     options.services = describe(service, options.registry);
-    if (options.ready.kind == ReadyOptions::Kind::Http && options.ready.path.rfind('/', 0) != 0) {
-        throw UsageError("--ready-http: the path must begin with /");
-    }
 }
 
 }  // namespace
@@ -145,6 +164,9 @@ Options parseOptions(int argc, char** argv) {
     addServices(app, service);
     addRegistry(app, options.registry);
     addReady(app, options.ready, !options.command.empty());
+    addHealth(app, options.health);
+    app.add_option("--ready-host", options.probedHost,
+                   "Where readiness and health are asked for (default: --host)");
     addDuration(app, "--withdraw-timeout", options.withdrawTimeout,
                 "How long withdrawing may take before the command is stopped all the same");
     addDuration(app, "--stop-timeout", options.stopTimeout,

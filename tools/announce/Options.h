@@ -37,16 +37,28 @@ struct RegistryOptions {
     std::chrono::milliseconds retryInterval{500};
 };
 
-/// When the command counts as ready.
-struct ReadyOptions {
+/// How a service is asked whether it is well.
+struct ProbeOptions {
     enum class Kind { None, Tcp, Http, Command };
 
-    Kind kind = Kind::Tcp;
+    Kind kind = Kind::None;
     std::string path;
     std::string command;
-    /// Where to connect to; empty: where the service is announced.
-    std::string host;
+};
+
+/// When the command counts as ready.
+struct ReadyOptions : ProbeOptions {
     std::chrono::milliseconds timeout{30000};
+};
+
+/// When a service is withdrawn for a while.
+struct HealthOptions : ProbeOptions {
+    std::chrono::milliseconds interval{10000};
+    std::chrono::milliseconds timeout{3000};
+    /// In a row, until it counts as unhealthy.
+    unsigned failures = 3;
+    /// In a row, until it counts as healthy again.
+    unsigned successes = 2;
 };
 
 struct Options {
@@ -55,6 +67,9 @@ struct Options {
     std::vector<nlohmann::json> services;
     std::vector<std::string> command;
     ReadyOptions ready;
+    HealthOptions health;
+    /// Where both connect to; empty: where the service is announced.
+    std::string probedHost;
     std::chrono::milliseconds withdrawTimeout{5000};
     std::chrono::milliseconds stopTimeout{10000};
     bool json = false;

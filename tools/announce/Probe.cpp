@@ -1,22 +1,28 @@
-// One attempt to reach a service, in straight, blocking code.
-// Runs in a child process with one thread; there is no lock.
+// One attempt to reach a service: started in a process of its own, where it is straight, blocking
+// code. The main thread starts it; the process has one thread; there is no lock.
 
 #include "Probe.h"
 
 #include <netdb.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <regex>
+#include <string_view>
 
 namespace orvx::announce {
 
 namespace {
 
-constexpr unsigned kLongestAttempt = 5;  // seconds
+/// The first argument of the process of an attempt: no option, so that no user's call is meant.
+constexpr const char* kProbe = "probe";
+
+enum ProbeResult { kGood = 0, kNoConnection = 1, kNoGoodAnswer = 2 };
 
 std::string withoutBrackets(const std::string& host) {
     return host.front() == '[' ? host.substr(1, host.size() - 2) : host;
@@ -76,28 +82,61 @@ bool answersWell(int connection, const std::string& host, const std::string& pat
     return std::regex_search(line, std::regex("^HTTP/1\\.[01] [23][0-9][0-9]"));
 }
 
-bool answer(const std::string& host, const std::string& port, const std::string& path) {
+ProbeResult ask(const std::string& host, const std::string& port, const std::string& path) {
     const int connection = connectTo(host, port);
     if (connection < 0) {
-        return false;
+        return kNoConnection;
     }
-    const bool isReady =
+    const bool isGood =
         path.empty() || answersWell(connection, inBrackets(host) + ":" + port, path);
     ::close(connection);
-    return isReady;
+    return isGood ? kGood : kNoGoodAnswer;
 }
 
 }  // namespace
 
-bool answer(const std::vector<std::pair<std::string, std::string>>& addresses,
-            const std::string& path) {
-    ::alarm(kLongestAttempt);
-    for (const auto& [host, port] : addresses) {
-        if (!answer(host, port, path)) {
-            return false;
+pid_t startProbe(Children& children, const ProbeOptions& options,
+                 const std::vector<std::string>& targets, const std::vector<std::string>& words,
+                 std::chrono::milliseconds bound, Children::Ended ended) {
+    std::vector<std::string> arguments;
+    if (options.kind == ProbeOptions::Kind::Command) {
+        arguments = {"/bin/sh", "-c", options.command, "sh"};
+        arguments.insert(arguments.end(), words.begin(), words.end());
+    } else {
+        // Another program, and not a fork alone: the library's threads may hold locks.
+        const auto seconds = std::chrono::ceil<std::chrono::seconds>(bound).count();
+        arguments = {"/proc/self/exe", kProbe, std::to_string(seconds), options.path};
+        arguments.insert(arguments.end(), targets.begin(), targets.end());
+    }
+    return children.spawnProbe(arguments, std::move(ended));
+}
+
+std::string whyProbeFailed(const ProbeOptions& options, int status) {
+    if (WIFSIGNALED(status)) {
+        return WTERMSIG(status) == SIGKILL || WTERMSIG(status) == SIGALRM
+                   ? "no answer in time"
+                   : "ended by signal " + std::to_string(WTERMSIG(status));
+    }
+    if (options.kind == ProbeOptions::Kind::Command) {
+        return "exit status " + std::to_string(WEXITSTATUS(status));
+    }
+    return WEXITSTATUS(status) == kNoConnection ? "takes no connection"
+                                                : "no answer with a status from 200 to 399";
+}
+
+std::optional<int> runAsProbe(int argc, char** argv) {
+    constexpr int kFirstTarget = 4;
+    if (argc < kFirstTarget || std::string_view(argv[1]) != kProbe) {
+        return std::nullopt;
+    }
+    ::alarm(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
+    for (int i = kFirstTarget; i + 1 < argc; i += 2) {
+        const ProbeResult result = ask(argv[i], argv[i + 1], argv[3]);
+        if (result != kGood) {
+            return result;
         }
     }
-    return true;
+    return kGood;
 }
 
 }  // namespace orvx::announce

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "Children.h"
@@ -11,8 +10,7 @@
 
 namespace orvx::announce {
 
-/// Asks again and again whether the command is ready, until it is. Each attempt is a process of its
-/// own, so that looking up a name, or a shell command that hangs, holds nothing up.
+/// Asks again and again whether the command is ready, until it is.
 /// Thread-safety: none.
 class ReadyCheck {
   public:
@@ -26,14 +24,12 @@ class ReadyCheck {
 
   private:
     void probe();
-    void startProbe();
     void ended(int status);
-    std::vector<std::pair<std::string, std::string>> addresses(const Options& options) const;
 
     EventLoop& loop_;
     Children& children_;
     const ReadyOptions& options_;
-    const std::vector<std::pair<std::string, std::string>> addresses_;
+    std::vector<std::string> targets_;
     Ready ready_;
     pid_t probe_ = 0;
     EventLoop::Timer pause_ = 0;

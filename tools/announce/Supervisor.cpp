@@ -37,7 +37,7 @@ Supervisor::Supervisor(const Options& options)
       command_(children_),
       readyCheck_(loop_, children_, options),
       announcer_(
-          loop_, options, token_.credentials(),
+          loop_, children_, options, token_.credentials(),
           [this](const std::string& event, const json& details) { onChange(event, details); }) {}
 
 int Supervisor::run() {
@@ -161,8 +161,9 @@ void Supervisor::withdraw() {
 
 void Supervisor::onChange(const std::string& event, const json& details) {
     static const std::map<std::string, Mood> moods{
-        {"announced", Mood::Good}, {"reachable", Mood::Good}, {"unreachable", Mood::Bad},
-        {"lost", Mood::Bad},       {"refused", Mood::Bad},    {"left", Mood::Bad}};
+        {"announced", Mood::Good},  {"reachable", Mood::Good}, {"healthy", Mood::Good},
+        {"unreachable", Mood::Bad}, {"lost", Mood::Bad},       {"unhealthy", Mood::Bad},
+        {"refused", Mood::Bad},     {"left", Mood::Bad}};
     if (!event.empty()) {
         const auto found = moods.find(event);
         report_.event(event, found == moods.end() ? Mood::Plain : found->second, details);
@@ -176,12 +177,13 @@ void Supervisor::onChange(const std::string& event, const json& details) {
 /// To the next phase, when there is nothing left to wait for.
 void Supervisor::goOn() {
     using State = Announcement::State;
-    const std::size_t over = announcer_.count(State::Refused) + announcer_.count(State::Withdrawn) +
-                             announcer_.count(State::Left);
+    const std::size_t refused = announcer_.count(State::Refused);
+    const std::size_t over =
+        refused + announcer_.count(State::Withdrawn) + announcer_.count(State::Left);
     const bool isOnlyThere = phase_ == Phase::Serving && options_.command.empty();
     if (phase_ == Phase::Withdrawing && over == announcer_.size()) {
         stopCommand();
-    } else if (isOnlyThere && over + announcer_.count(State::Clearing) == announcer_.size()) {
+    } else if (isOnlyThere && refused + announcer_.count(State::Clearing) == announcer_.size()) {
         withdraw();
     }
 }

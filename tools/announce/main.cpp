@@ -1,6 +1,6 @@
 // The program orvx-announce: reads its options and goes through its course.
 // The main thread does everything; the library has threads of its own, from the first announcement
-// on. There is no lock.
+// on. There is no lock. A process of this program may be a probe instead.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "ExitCodes.h"
+#include "Probe.h"
 #include "Supervisor.h"
 
 namespace {
@@ -27,6 +28,9 @@ void occupyStandardStreams() {
 
 int main(int argc, char** argv) {
     using namespace orvx::announce;
+    if (const auto result = runAsProbe(argc, argv)) {
+        return *result;
+    }
     occupyStandardStreams();
     try {
         const Options options = parseOptions(argc, argv);
