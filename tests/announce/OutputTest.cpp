@@ -110,6 +110,18 @@ TEST_F(TheStatusFile, FollowsTheServiceFromItsStartToItsEnd) {
     EXPECT_EQ(serviceWhen(isIn("withdrawn")).count("uuid"), 1U);
 }
 
+TEST_F(TheStatusFile, CountsAsAnnouncedWhatWasConfirmedWithinTwoCheckIntervals) {
+    holdBack("HEAD");
+    Announce announce(echo(front.port()) + Words{"--status-file", file, "--check-interval", "2",
+                                                 "--check-timeout", "0.1"});
+    const auto summary = [this] { return json::parse(contentOf(file)).at("summary"); };
+    serviceWhen(isIn("unreachable"));
+    EXPECT_EQ(summary(), "1 of 1 announced");
+    EXPECT_TRUE(eventually([&] { return summary() == "0 of 1 announced"; }));
+    EXPECT_EQ(serviceWhen(isIn("unreachable")).count("lastConfirmed"), 1U);
+    announce.stopped(0);
+}
+
 TEST_F(TheStatusFile, SaysWhatTheRegistrySaid) {
     answerInFront("PUT", testing::response(409, {}, "this name is taken"));
     Announce(echo(front.port()) + Words{"--status-file", file}).ended(1);

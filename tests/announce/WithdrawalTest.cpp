@@ -133,6 +133,15 @@ TEST_F(AWithdrawal, ThatIsNotAnsweredDoesNotHoldUpWhoseCommandDied) {
     EXPECT_THAT(announce.ended(8).errors, HasSubstr(" left "));
 }
 
+TEST_F(AWithdrawal, ThatIsNotDoneIsToldByTheExitStatusOfACommandThatSucceeds) {
+    holdBack("DELETE");
+    Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"} +
+                      shell("read line; exit 0"));
+    announce.awaitErrors(" announced ");
+    announce.endInput();
+    announce.ended(123);
+}
+
 TEST_F(AWithdrawal, BehindTheEndOfTheCommandIsNotGivenUpForTheFirstSignal) {
     holdBack("DELETE");
     Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "3600"} +

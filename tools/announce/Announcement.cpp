@@ -157,6 +157,11 @@ void Announcement::take(const Status& status) {
     }
 }
 
+bool Announcement::isConfirmedSince(std::chrono::system_clock::time_point when) const {
+    return (state_ == State::Announced || state_ == State::Unreachable) && known_.lastConfirmed &&
+           *known_.lastConfirmed >= when;
+}
+
 json Announcement::status() const {
     json status{{"service", service_->getName()},
                 {"state", toString(state_)},

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -73,6 +74,8 @@ class Announcement {
     void take(const Status& status);
     /// All that is known, for a person who wants to know why.
     nlohmann::json status() const;
+    /// Whether the registry has said since then that it has the entry, and nothing else after it.
+    bool isConfirmedSince(std::chrono::system_clock::time_point when) const;
     State state() const { return state_; }
 
   private:

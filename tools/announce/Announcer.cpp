@@ -4,6 +4,7 @@
 
 #include "Announcer.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -146,12 +147,25 @@ std::size_t Announcer::count(Announcement::State state) const {
     return found == counts_.end() ? 0 : found->second;
 }
 
-json Announcer::status() {
+std::size_t Announcer::countConfirmed() {
+    refresh();
+    const auto oldest = std::chrono::system_clock::now() - 2 * options_.registry.checkInterval;
+    return static_cast<std::size_t>(
+        std::count_if(services_.begin(), services_.end(), [oldest](const auto& entry) {
+            return entry.second.announcement->isConfirmedSince(oldest);
+        }));
+}
+
+void Announcer::refresh() {
     if (context_) {
         for (const auto& known : context_->getRegistrations()) {
             services_.at(known.uri).announcement->take(known);
         }
     }
+}
+
+json Announcer::status() {
+    refresh();
     json status = json::array();
     for (const auto& [uri, service] : services_) {
         status.push_back(service.announcement->status());

@@ -37,6 +37,8 @@ class Announcer {
 
     std::size_t size() const { return services_.size(); }
     std::size_t count(Announcement::State state) const;
+    /// How many entries the registry has confirmed within two check intervals.
+    std::size_t countConfirmed();
     /// Of each service, by ascending uri.
     nlohmann::json status();
 
@@ -54,6 +56,8 @@ class Announcer {
     void startHealthChecks();
     void each(void (Announcement::*operation)());
     void take(const Announcement::Event& event);
+    /// Takes what the library knows now.
+    void refresh();
 
     EventLoop& loop_;
     Children& children_;

@@ -7,6 +7,8 @@ enum ExitCode {
     kWithdrawn = 0,
     /// Without a command: an entry may be left at the registry, or it refused the services.
     kNotWithdrawn = 1,
+    /// The command ended with 0, but an entry may be left at the registry.
+    kLeftBehind = 123,
     kNotReadyInTime = 124,
     kOwnFailure = 125,
     kCannotBeExecuted = 126,

@@ -206,7 +206,7 @@ void Supervisor::stopCommand() {
 
 void Supervisor::leave() {
     if (exitCode_ == 0) {
-        exitCode_ = options_.command.empty() ? exitCodeAlone() : command_.exitCode();
+        exitCode_ = options_.command.empty() ? exitCodeAlone() : exitCodeOfTheCommand();
     }
     readyCheck_.stop();
     loop_.stop();
@@ -216,6 +216,12 @@ int Supervisor::exitCodeAlone() const {
     using State = Announcement::State;
     return announcer_.count(State::Left) + announcer_.count(State::Refused) == 0 ? kWithdrawn
                                                                                  : kNotWithdrawn;
+}
+
+/// Its failure says more than an entry that is left.
+int Supervisor::exitCodeOfTheCommand() const {
+    const bool isLeft = announcer_.count(Announcement::State::Left) > 0;
+    return command_.exitCode() == 0 && isLeft ? kLeftBehind : command_.exitCode();
 }
 
 void Supervisor::tick() {
@@ -263,8 +269,8 @@ void Supervisor::keepStatus() {
                                                                 (EventLoop::Clock::now() - begin));
 }
 
-std::string Supervisor::summary() const {
-    return std::to_string(announcer_.count(Announcement::State::Announced)) + " of " +
+std::string Supervisor::summary() {
+    return std::to_string(announcer_.countConfirmed()) + " of " +
            std::to_string(announcer_.size()) + " announced";
 }
 

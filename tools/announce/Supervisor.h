@@ -44,13 +44,14 @@ class Supervisor {
     void stopCommand();
     void leave();
     int exitCodeAlone() const;
+    int exitCodeOfTheCommand() const;
 
     void tick();
     void feedWatchdog();
     void showStatus();
     void keepStatusSoon();
     void keepStatus();
-    std::string summary() const;
+    std::string summary();
     nlohmann::json status();
 
     const Options& options_;
