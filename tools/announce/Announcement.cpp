@@ -26,6 +26,7 @@ const char* toString(Announcement::State state) {
 Announcement::Announcement(EventLoop& loop, const json& description, StateCounts& counts,
                            Changed changed)
     : loop_(loop),
+      uri_(description.at("uri")),
       service_(toService(description)),
       counts_(counts),
       changed_(std::move(changed)),
@@ -164,6 +165,7 @@ bool Announcement::isConfirmedSince(std::chrono::system_clock::time_point when) 
 
 json Announcement::status() const {
     json status{{"service", service_->getName()},
+                {"uri", uri_},
                 {"state", toString(state_)},
                 {"since", since_},
                 {"timesAnnounced", timesAnnounced_}};
@@ -202,6 +204,7 @@ void Announcement::enter(State state, const std::string& event, const json& deta
 
 void Announcement::tell(const std::string& event, json details) const {
     details["service"] = service_->getName();
+    details["uri"] = uri_;
     changed_(event, details);
 }
 

@@ -86,6 +86,7 @@ class Announcement {
     void tell(const std::string& event, nlohmann::json details) const;
 
     EventLoop& loop_;
+    const std::string uri_;
     const std::shared_ptr<common::ServiceCreate> service_;
     StateCounts& counts_;
     const Changed changed_;

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "Answers.h"
-#include "LogRelay.h"
 
 namespace orvx::announce {
 
@@ -71,9 +70,7 @@ void Announcer::open() {
     context->setSyncCallUnregisterTimeout(options_.withdrawTimeout);
     context->setRegistrationListener(
         [this](const Announcement::Event& event) { loop_.post([=] { take(event); }); });
-    context->setLoggerFactory(std::make_shared<LogRelay>([this](const std::string& message) {
-        loop_.post([=] { changed_("log", {{"message", message}}); });
-    }));
+    context->setLogLevel(utility::ILogger::LogLevel::Off);  // Its events tell what users need.
     context->init();
     context_ = std::move(context);
 }

@@ -168,10 +168,8 @@ void Supervisor::onChange(const std::string& event, const json& details) {
         const auto found = moods.find(event);
         report_.event(event, found == moods.end() ? Mood::Plain : found->second, details);
     }
-    if (event != "log") {
-        keepStatusSoon();
-        loop_.post([this] { goOn(); });
-    }
+    keepStatusSoon();
+    loop_.post([this] { goOn(); });
 }
 
 /// To the next phase, when there is nothing left to wait for.
