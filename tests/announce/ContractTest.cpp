@@ -96,6 +96,18 @@ TEST_F(TheContract, IsKeptByEveryEvent) {
         left.awaitOutput("\"no-token\"");
         take(left.stopped(1).output);
     }
+    {
+        const auto file = folder.file("set.json", R"([{"name":"a","port":1}])");
+        Announce& again = run({"--registry", urlOf(registry.port()), "--from", file});
+        again.awaitOutput("\"announced\"");
+        folder.file("set.json", R"([{"name":"a","port":2}])");
+        again.signal(SIGHUP);
+        again.awaitOutput("\"reloaded\"");
+        folder.file("set.json", "");
+        again.signal(SIGHUP);
+        again.awaitOutput("\"not-reloaded\"");
+        take(again.stopped(0).output);
+    }
     answerInFront("PUT", testing::response(403));
     take(run(echo(front.port())).ended(1).output);
 

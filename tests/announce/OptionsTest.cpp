@@ -42,17 +42,18 @@ TEST_F(TheOptions, DescribeTheServiceAsTheRegistryShowsIt) {
 }
 
 TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
-    const json lamp{{"name", "lamp"},
-                    {"port", 1},
-                    {"uri", "/l"},
-                    {"description", "x"},
-                    {"privileges", json::array()},
-                    {"serviceCategories", {"a"}},
-                    {"versions", {"1", "2"}},
-                    {"host", "h"},
-                    {"weight", 1.5},
-                    {"most", std::numeric_limits<std::uint64_t>::max()},
-                    {"tags", {{"deep", {nullptr, true, -7}}}}};
+    json lamp{{"name", "lamp"},
+              {"port", 1},
+              {"uri", "/l"},
+              {"description", "x"},
+              {"privileges", json::array()},
+              {"serviceCategories", {"a"}},
+              {"versions", {"1", "2"}},
+              {"host", "h"}};
+    const json properties{{"weight", 1.5},
+                          {"most", std::numeric_limits<std::uint64_t>::max()},
+                          {"tags", {{"deep", {nullptr, true, -7}}}}};
+    lamp["properties"] = properties;
     const json set{lamp, {{"name", "bell"}, {"port", 2}}};
     Announce announce({"--registry", urlOf(registry.port()), "--from",
                        folder.file("set", set.dump()), "--host", "other"});
@@ -61,6 +62,8 @@ TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
     for (const json& entry : entries()) {
         services[entry.at("path")] = entry.at("service");
     }
+    lamp.erase("properties");
+    lamp.update(properties);
     EXPECT_EQ(services.at("/l"), lamp);
     EXPECT_EQ(services.at("/bell/other:2").at("host"), "other");
 }
@@ -144,6 +147,37 @@ TEST_F(TheOptions, RefuseAFileThatDescribesNoServices) {
           R"([{"name":"","port":1}])", R"([{"name":"a","port":1,"uri":2}])"}) {
         EXPECT_THAT(refusalOfSet(content), HasSubstr("orvx-announce: ")) << content;
     }
+}
+
+TEST_F(TheOptions, RefuseAFileWithTheLineAndColumnOfTheFault) {
+    const std::map<std::string, std::string> faults{
+        {"[\n {\"name\" \"a\"}]", "set:2:12: syntax error"},
+        {"[{\"name\":\"a\"}", "set:1:"},
+        {"[\n  {\"port\":1}]", "set:2:3: the service has no name"},
+        {"[{\"name\":\"a\",\n\"port\":70000}]", "set:2:1: the service has no port from 1 to 65535"},
+        {"[{\"name\":\"a\",\"port\":1,\"uri\":2}]",
+         "set:1:23: the service has a uri that is no text"},
+        {"[{\"name\":\"a\",\"port\":1,\"versions\":[1]}]", "set:1:23: the service has versions"},
+        {"[{\"name\":\"a\",\"port\":1},\n{\"name\":\"a\",\"port\":1}]",
+         "set:2:1: the service has the uri"},
+        {"[{\"name\":\"a\",\"port\":1,\"name\":\"b\"}]", "set:1:23: \"name\" stands there twice"}};
+    for (const auto& [content, fault] : faults) {
+        EXPECT_THAT(refusalOfSet(content), HasSubstr(fault)) << content;
+    }
+}
+
+TEST_F(TheOptions, RefuseAnUnknownKeyOfAFileWithTheNearestOne) {
+    EXPECT_THAT(refusalOfSet("[{\"name\":\"a\",\n  \"prot\":1}]"),
+                HasSubstr("set:2:3: unknown key \"prot\"; is \"port\" meant?"));
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1,"servicecategory":[]}])"),
+                HasSubstr("is \"serviceCategories\" meant?"));
+}
+
+TEST_F(TheOptions, RefusePropertiesThatWouldBeKeysOfTheDescription) {
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1,"properties":{"host":"b"}}])"),
+                HasSubstr("set:1:23: \"host\" cannot be one of \"properties\""));
+    EXPECT_THAT(refusalOfSet(R"([{"name":"a","port":1,"properties":[]}])"),
+                HasSubstr("set:1:23: \"properties\" is no object"));
 }
 
 TEST_F(TheOptions, RefuseTwoServicesThatWouldBeOneEntry) {

@@ -44,12 +44,33 @@ void Announcement::announce(Client& client, const common::ServiceInfo& registry)
     if (isLive() || state_ == State::Withdrawing || !unhealthy_.empty()) {
         return;
     }
+    registerAt(client, registry);
+}
+
+void Announcement::change(const json& description, Client& client,
+                          const common::ServiceInfo& registry) {
+    service_ = toService(description);
+    unhealthy_.clear();
+    if (isLive()) {
+        const Client::UnregisterHandle unregisterOld = unregister_;
+        registerAt(client, registry);
+        unregisterOld(nullptr);
+    }
+}
+
+void Announcement::registerAt(Client& client, const common::ServiceInfo& registry) {
     // A registration that ended had an event, unless no request was made for it.
     lastOldId_ = known_.requestId;
     enter(State::Announcing, "announcing");
     unregister_ = client.registerServiceAtRegistry(
         registry, service_,
-        [this](const OrvRegistrationResponse& outcome) { loop_.post([=] { answered(outcome); }); });
+        [this, number = ++registrations_](const OrvRegistrationResponse& outcome) {
+            loop_.post([=] {
+                if (number == registrations_) {
+                    answered(outcome);
+                }
+            });
+        });
 }
 
 void Announcement::refuse(const std::string& reason) {
@@ -153,7 +174,7 @@ void Announcement::take(const Event& event) {
 }
 
 void Announcement::take(const Status& status) {
-    if (status.requestId > lastOldId_) {
+    if (status.requestId > lastOldId_ && status.requestId >= known_.requestId) {
         known_ = status;
     }
 }

@@ -19,8 +19,8 @@ namespace orvx::announce {
 /// One service at the registry, from its announcement to its withdrawal. The library keeps both
 /// until they are done; this class keeps the state that the library tells.
 /// It may be announced again when it is refused or withdrawn.
-/// Thread-safety: none; what the library calls back with is posted to the loop first. It must
-/// outlive the loop's run.
+/// Thread-safety: none; what the library calls back with is posted to the loop first. It may end
+/// when it is refused, withdrawn or left.
 class Announcement {
   public:
     using Client = serviceregistryclient::IOrvServiceRegistryClient;
@@ -48,12 +48,18 @@ class Announcement {
     /// `loop` and `counts` must outlive it.
     Announcement(EventLoop& loop, const nlohmann::json& description, StateCounts& counts,
                  Changed changed);
+    ~Announcement() { --counts_[state_]; }
     Announcement(const Announcement&) = delete;
     Announcement& operator=(const Announcement&) = delete;
 
     /// Registers it, unless it is announced already, is still being withdrawn, or is unhealthy.
     /// `client` must outlive the loop's run.
     void announce(Client& client, const common::ServiceInfo& registry);
+    /// Registers it with another description of the same uri: at once where the registry has an
+    /// entry, which is not missing in between; otherwise with the next announce(). All that the
+    /// library knows must have been taken before.
+    void change(const nlohmann::json& description, Client& client,
+                const common::ServiceInfo& registry);
     /// It cannot be announced, for a reason of this process.
     void refuse(const std::string& reason);
     /// Withdraws it, or what may have been left of it when it was refused.
@@ -80,6 +86,7 @@ class Announcement {
 
   private:
     bool isLive() const;
+    void registerAt(Client& client, const common::ServiceInfo& registry);
     void answered(const serviceregistryclient::OrvRegistrationResponse& outcome);
     void enter(State state, const std::string& event,
                const nlohmann::json& details = nlohmann::json::object());
@@ -87,7 +94,7 @@ class Announcement {
 
     EventLoop& loop_;
     const std::string uri_;
-    const std::shared_ptr<common::ServiceCreate> service_;
+    std::shared_ptr<common::ServiceCreate> service_;
     StateCounts& counts_;
     const Changed changed_;
 
@@ -103,6 +110,8 @@ class Announcement {
     Status known_;
     /// Events up to this request id are about registrations before the last announce().
     std::uint64_t lastOldId_ = 0;
+    /// Tells the answers to earlier registrations apart.
+    unsigned registrations_ = 0;
     Client::UnregisterHandle unregister_;
 };
 

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
+#include <set>
+#include <string>
 #include <utility>
 
 #include "Answers.h"
@@ -38,15 +41,18 @@ Announcer::Announcer(EventLoop& loop, Children& children, const Options& options
 }
 
 void Announcer::add(const json& description) {
-    const auto [entry, isNew] = services_.try_emplace(
-        description.at("uri").get<std::string>(),
-        Service{std::make_unique<Announcement>(loop_, description, counts_, changed_), nullptr});
-    Announcement& announcement = *entry->second.announcement;
-    entry->second.health = std::make_unique<HealthCheck>(
-        loop_, children_, options_, description, [this, &announcement](const std::string& reason) {
-            announcement.setHealth(reason);
-            announceAgain(announcement);
-        });
+    Service& service = services_[description.at("uri")];
+    service.description = description;
+    service.announcement = std::make_unique<Announcement>(loop_, description, counts_, changed_);
+    watchHealth(service);
+}
+
+void Announcer::watchHealth(Service& service) {
+    service.health = std::make_unique<HealthCheck>(loop_, children_, options_, service.description,
+                                                   [this, &service](const std::string& reason) {
+                                                       service.announcement->setHealth(reason);
+                                                       settle(service);
+                                                   });
 }
 
 void Announcer::open() {
@@ -87,11 +93,13 @@ void Announcer::announce() {
         return;
     }
     for (auto& [uri, service] : services_) {
+        if (service.isRemoved) {
+            continue;
+        }
         service.announcement->announce(*context_->getServiceRegistryClient(), registry_);
     }
-    if (!std::exchange(isServing_, true)) {
-        startHealthChecks();
-    }
+    isServing_ = true;
+    startHealthChecks();
 }
 
 /// Spread over the interval, so that their processes are.
@@ -103,17 +111,74 @@ void Announcer::startHealthChecks() {
     }
 }
 
-/// What is withdrawn because it was unhealthy, and is healthy.
-void Announcer::announceAgain(Announcement& announcement) {
-    if (isServing_ && announcement.state() == Announcement::State::Withdrawn) {
-        announcement.announce(*context_->getServiceRegistryClient(), registry_);
+json Announcer::update(const std::vector<json>& descriptions) {
+    refresh();
+    json difference{
+        {"added", json::array()}, {"changed", json::array()}, {"removed", json::array()}};
+    std::set<std::string> uris;
+    for (const json& description : descriptions) {
+        const std::string& uri = *uris.insert(description.at("uri")).first;
+        const auto found = services_.find(uri);
+        if (found == services_.end()) {
+            add(description);
+            difference["added"].push_back(uri);
+        } else if (found->second.isRemoved || found->second.description != description) {
+            difference[found->second.isRemoved ? "added" : "changed"].push_back(uri);
+            change(found->second, description);
+        }
+    }
+    for (auto service = services_.begin(); service != services_.end();) {
+        if (uris.count(service->first) == 0 && !service->second.isRemoved) {
+            difference["removed"].push_back(service->first);
+            remove(service->second);
+        }
+        service = forgetRemoved(service);
+    }
+    return difference;
+}
+
+void Announcer::change(Service& service, const json& description) {
+    service.description = description;
+    service.isRemoved = false;
+    watchHealth(service);
+    if (context_) {
+        service.announcement->change(description, *context_->getServiceRegistryClient(), registry_);
+    } else {
+        service.announcement =
+            std::make_unique<Announcement>(loop_, description, counts_, changed_);
+    }
+}
+
+void Announcer::remove(Service& service) {
+    service.isRemoved = true;
+    service.health->stop();
+    service.announcement->retract();
+}
+
+/// The service after it.
+Announcer::Services::iterator Announcer::forgetRemoved(Services::iterator service) {
+    using State = Announcement::State;
+    const State state = service->second.announcement->state();
+    const bool isOver = state == State::Waiting || state == State::Refused ||
+                        state == State::Withdrawn || state == State::Left;
+    return service->second.isRemoved && isOver ? services_.erase(service) : std::next(service);
+}
+
+/// What was withdrawn because it was unhealthy or removed, and is healthy and wanted, is announced.
+void Announcer::settle(Service& service) {
+    if (isServing_ && !service.isRemoved &&
+        service.announcement->state() == Announcement::State::Withdrawn) {
+        service.announcement->announce(*context_->getServiceRegistryClient(), registry_);
     }
 }
 
 void Announcer::take(const Announcement::Event& event) {
-    Announcement& announcement = *services_.at(event.status.uri).announcement;
-    announcement.take(event);
-    announceAgain(announcement);
+    const auto found = services_.find(event.status.uri);
+    if (found != services_.end()) {
+        found->second.announcement->take(event);
+        settle(found->second);
+        forgetRemoved(found);
+    }
 }
 
 void Announcer::withdraw() {
@@ -156,7 +221,10 @@ std::size_t Announcer::countConfirmed() {
 void Announcer::refresh() {
     if (context_) {
         for (const auto& known : context_->getRegistrations()) {
-            services_.at(known.uri).announcement->take(known);
+            const auto found = services_.find(known.uri);
+            if (found != services_.end()) {
+                found->second.announcement->take(known);
+            }
         }
     }
 }

@@ -30,6 +30,9 @@ class Announcer {
 
     /// Announces what is healthy and not announced: all services, or later what was refused.
     void announce();
+    /// Makes these the services; announce() announces those that are new. The uris of what has
+    /// changed, by event: "added", "changed", "removed".
+    nlohmann::json update(const std::vector<nlohmann::json>& descriptions);
     /// Withdraws everything, for good.
     void withdraw();
     /// What is not withdrawn is not waited for any more.
@@ -46,18 +49,26 @@ class Announcer {
     using Context = serviceregistryclient::OrvServiceRegistryContext;
 
     struct Service {
+        nlohmann::json description;
         std::unique_ptr<Announcement> announcement;
         std::unique_ptr<HealthCheck> health;
+        /// It is forgotten as soon as it is withdrawn.
+        bool isRemoved = false;
     };
+    using Services = std::map<std::string, Service>;
 
     void open();
     void add(const nlohmann::json& description);
-    void announceAgain(Announcement& announcement);
+    void watchHealth(Service& service);
     void startHealthChecks();
+    void change(Service& service, const nlohmann::json& description);
+    void remove(Service& service);
     void each(void (Announcement::*operation)());
     void take(const Announcement::Event& event);
     /// Takes what the library knows now.
     void refresh();
+    void settle(Service& service);
+    Services::iterator forgetRemoved(Services::iterator service);
 
     EventLoop& loop_;
     Children& children_;
@@ -68,7 +79,7 @@ class Announcer {
     const common::ServiceInfo registry_;
     Announcement::StateCounts counts_;
     /// By uri.
-    std::map<std::string, Service> services_;
+    Services services_;
     bool isServing_ = false;
     /// Last: its threads post to the loop.
     std::unique_ptr<Context> context_;

@@ -34,7 +34,7 @@ HealthCheck::HealthCheck(EventLoop& loop, Children& children, const Options& opt
       changed_(std::move(changed)) {}
 
 void HealthCheck::start(milliseconds delay) {
-    if (options_.kind != ProbeOptions::Kind::None) {
+    if (options_.kind != ProbeOptions::Kind::None && !std::exchange(isStarted_, true)) {
         due_ = EventLoop::Clock::now() + delay;
         wait();
     }

@@ -26,7 +26,8 @@ class HealthCheck {
     HealthCheck(const HealthCheck&) = delete;
     HealthCheck& operator=(const HealthCheck&) = delete;
 
-    /// The first attempt begins after the delay. Does nothing where there is nothing to ask.
+    /// The first attempt begins after the delay. Does nothing where there is nothing to ask, and
+    /// when it was started before.
     void start(std::chrono::milliseconds delay);
     /// An attempt that is under way is killed.
     void stop();
@@ -42,6 +43,7 @@ class HealthCheck {
     const std::vector<std::string> target_;
     const std::vector<std::string> words_;
     const Changed changed_;
+    bool isStarted_ = false;
     bool isHealthy_ = true;
     /// How many attempts in a row have contradicted isHealthy_.
     unsigned contradictions_ = 0;

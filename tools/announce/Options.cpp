@@ -137,14 +137,14 @@ void checkStatusFile(const std::string& name) {
     }
 }
 
-void complete(Options& options, const ServiceOptions& service) {
+void complete(Options& options) {
     checkStatusFile(options.statusFile);
     readRegistryUrl(options.registry);
     const auto& registry = options.registry;
     if (!registry.secure && !(registry.authorityFile + registry.clientCertificateFile).empty()) {
         throw UsageError("--ca-file and --client-cert need a registry with https");
     }
-    options.services = describe(service, options.registry);
+    options.services = describe(options.service, options.registry);
 }
 
 }  // namespace
@@ -157,11 +157,10 @@ Options parseOptions(int argc, char** argv) {
     if (dashes != end) {
         options.command.assign(dashes + 1, end);
     }
-    ServiceOptions service;
     CLI::App app("Announces services at a registry while a command runs, or until it is stopped.\n",
                  "orvx-announce");
     app.footer("Behind -- stands the command, with its arguments. man orvx-announce says more.");
-    addServices(app, service);
+    addServices(app, options.service);
     addRegistry(app, options.registry);
     addReady(app, options.ready, !options.command.empty());
     addHealth(app, options.health);
@@ -178,7 +177,7 @@ Options parseOptions(int argc, char** argv) {
         if (dashes != end && options.command.empty()) {
             throw UsageError("there is no command behind --");
         }
-        complete(options, service);
+        complete(options);
     } catch (const CLI::ParseError& error) {
         throw Answered{app.exit(error) == 0 ? 0 : kOwnFailure};
     } catch (const UsageError& error) {

@@ -61,8 +61,22 @@ struct HealthOptions : ProbeOptions {
     unsigned successes = 2;
 };
 
+/// The services as the command line gives them: one, or a file with several.
+struct ServiceOptions {
+    std::string file;
+    std::string name;
+    unsigned port = 0;
+    std::string host;
+    std::string version;
+    std::vector<std::string> categories;
+    std::vector<std::string> privileges;
+    std::string description;
+    std::string uri;
+};
+
 struct Options {
     RegistryOptions registry;
+    ServiceOptions service;
     /// The descriptions, complete, as docs/registry-protocol.md names their keys.
     std::vector<nlohmann::json> services;
     std::vector<std::string> command;

@@ -5,14 +5,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
-#include <fstream>
 #include <limits>
 #include <set>
 #include <string_view>
 
 #include "RegistryUrl.h"
+#include "ServiceFile.h"
 
 namespace orvx::announce {
 
@@ -42,27 +43,12 @@ json fromOptions(const ServiceOptions& options) {
     return service;
 }
 
-std::vector<json> fromFile(const std::string& name) {
-    std::ifstream stream(name);
-    if (!stream) {
-        throw UsageError("--from: cannot read " + name);
-    }
-    const json content = json::parse(stream, nullptr, false);
-    if (!content.is_array() || content.empty()) {
-        throw UsageError("--from: not a JSON list of descriptions: " + name);
-    }
-    return content;
+bool isText(const json& value) {
+    return value.is_string() && !value.get_ref<const std::string&>().empty();
 }
 
-[[noreturn]] void refuse(const json& service, const std::string& why) {
-    const std::string text = service.dump(-1, ' ', true, json::error_handler_t::replace);
-    throw UsageError("a service " + why + ": " + text);
-}
-
-bool isText(const json& service, const char* key) {
-    const auto found = service.find(key);
-    return found != service.end() && found->is_string() &&
-           !found->get_ref<const std::string&>().empty();
+bool isListOfTexts(const json& value) {
+    return value.is_array() && std::all_of(value.begin(), value.end(), isText);
 }
 
 bool isUtf8(const json& service) {
@@ -73,20 +59,26 @@ bool isUtf8(const json& service) {
     }
 }
 
-void check(const json& service) {
+void check(const ReadService& read) {
+    const json& service = read.description;
     if (!isUtf8(service)) {
-        refuse(service, "is not in UTF-8");
+        read.refuse("", "the service is not in UTF-8");
     }
-    if (!service.is_object() || !isText(service, "name")) {
-        refuse(service, "has no name");
+    if (!isText(service.value("name", json()))) {
+        read.refuse("name", "the service has no name");
     }
-    const auto port = service.find("port");
-    if (port == service.end() || !port->is_number_unsigned() || *port < 1 || *port > 65535) {
-        refuse(service, "has no port from 1 to 65535");
+    const json port = service.value("port", json());
+    if (!port.is_number_unsigned() || port < 1 || port > 65535) {
+        read.refuse("port", "the service has no port from 1 to 65535");
     }
     for (const char* key : {"host", "uri", "description"}) {
-        if (service.contains(key) && !isText(service, key)) {
-            refuse(service, std::string("has a ") + key + " that is no text");
+        if (service.contains(key) && !isText(service[key])) {
+            read.refuse(key, std::string("the service has a ") + key + " that is no text");
+        }
+    }
+    for (const char* key : {"versions", "privileges", "serviceCategories"}) {
+        if (service.contains(key) && !isListOfTexts(service[key])) {
+            read.refuse(key, std::string("the service has ") + key + " that are no list of texts");
         }
     }
 }
@@ -163,19 +155,22 @@ std::vector<json> describe(const ServiceOptions& options, const RegistryOptions&
     if (options.file.empty() && options.name.empty()) {
         throw UsageError("--name or --from is needed");
     }
-    auto services =
-        options.file.empty() ? std::vector{fromOptions(options)} : fromFile(options.file);
+    const auto read = options.file.empty() ? std::vector{ReadService{fromOptions(options), ""}}
+                                           : readServiceFile(options.file);
+    std::vector<json> services;
     std::set<std::string> uris;
-    for (json& service : services) {
-        check(service);
+    for (const ReadService& one : read) {
+        check(one);
+        json service = one.description;
         if (!service.contains("host")) {
             service["host"] = options.host.empty() ? thisHost(registry) : options.host;
         }
         const std::string uri = service.value("uri", defaultUri(service));
         service["uri"] = uri.front() == '/' ? uri : "/" + uri;
         if (!uris.insert(service["uri"]).second) {
-            refuse(service, "has the uri of another one");
+            one.refuse("uri", "the service has the uri of another one");
         }
+        services.push_back(std::move(service));
     }
     return services;
 }

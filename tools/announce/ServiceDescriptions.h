@@ -8,19 +8,6 @@
 
 namespace orvx::announce {
 
-/// The services as the command line gives them: one, or a file with several.
-struct ServiceOptions {
-    std::string file;
-    std::string name;
-    unsigned port = 0;
-    std::string host;
-    std::string version;
-    std::vector<std::string> categories;
-    std::vector<std::string> privileges;
-    std::string description;
-    std::string uri;
-};
-
 /// The descriptions, each with a name, a port, a host and a uri, and no two with the same uri: they
 /// would be one entry. Throws UsageError.
 std::vector<nlohmann::json> describe(const ServiceOptions& options,

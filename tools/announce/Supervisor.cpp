@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "ExitCodes.h"
+#include "ServiceDescriptions.h"
 
 namespace orvx::announce {
 
@@ -124,6 +125,7 @@ void Supervisor::onHangup(bool fromTerminal) {
     command_.signal(SIGHUP);
     readTokenAgain();
     if (phase_ == Phase::Serving) {
+        readServicesAgain();
         announcer_.announce();
     }
 }
@@ -133,6 +135,18 @@ void Supervisor::readTokenAgain() {
         token_.read();
     } catch (const std::exception& error) {
         report_.event("no-token", Mood::Bad, {{"reason", error.what()}});
+    }
+}
+
+void Supervisor::readServicesAgain() {
+    if (options_.service.file.empty()) {
+        return;
+    }
+    try {
+        report_.event("reloaded", Mood::Plain,
+                      announcer_.update(describe(options_.service, options_.registry)));
+    } catch (const UsageError& error) {
+        report_.event("not-reloaded", Mood::Bad, {{"reason", error.what()}});
     }
 }
 

@@ -38,6 +38,7 @@ class Supervisor {
     void onChange(const std::string& event, const nlohmann::json& details);
 
     void readTokenAgain();
+    void readServicesAgain();
     void stop(int number, bool fromTerminal);
     void withdraw();
     void goOn();

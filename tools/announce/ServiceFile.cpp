@@ -1,0 +1,158 @@
+// The file of --from: JSON, of which each key's place is kept for messages.
+// Everything happens on the main thread; there is no lock.
+
+#include "ServiceFile.h"
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <iterator>
+#include <numeric>
+#include <string_view>
+
+#include "Options.h"
+
+namespace orvx::announce {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr const char* kProperties = "properties";
+constexpr std::array kKnown{"name",        "port",     "host",       "uri",
+                            "description", "versions", "privileges", "serviceCategories",
+                            kProperties};
+
+/// Walks through a text and counts: the parser tells a key right after it has read it.
+struct Counted {
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    reference operator*() const { return *at; }
+    Counted& operator++() {
+        ++at;
+        ++*count;
+        return *this;
+    }
+    bool operator==(const Counted& other) const { return at == other.at; }
+    bool operator!=(const Counted& other) const { return at != other.at; }
+
+    const char* at;
+    std::size_t* count;
+};
+
+/// Of the byte with that number, from 0.
+std::string place(const std::string& file, std::string_view text, std::size_t byte) {
+    const std::string_view before = text.substr(0, byte);
+    const auto lines = std::count(before.begin(), before.end(), '\n');
+    const auto column = before.size() - (before.rfind('\n') + 1);
+    return file + ":" + std::to_string(lines + 1) + ":" + std::to_string(column + 1) + ": ";
+}
+
+std::size_t distance(std::string_view left, std::string_view right) {
+    std::vector<std::size_t> row(right.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= left.size(); ++i) {
+        std::size_t diagonal = row[0]++;
+        for (std::size_t j = 1; j <= right.size(); ++j) {
+            const std::size_t changed = diagonal + (left[i - 1] == right[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+std::string nearest(const std::string& key) {
+    return *std::min_element(kKnown.begin(), kKnown.end(), [&](const char* a, const char* b) {
+        return distance(key, a) < distance(key, b);
+    });
+}
+
+std::string quoted(const std::string& text) {
+    return json(text).dump(-1, ' ', true, json::error_handler_t::replace);
+}
+
+void checkKeys(const ReadService& service) {
+    for (const auto& [key, value] : service.description.items()) {
+        if (std::find(kKnown.begin(), kKnown.end(), key) == kKnown.end()) {
+            service.refuse(key, "unknown key " + quoted(key) + "; is " + quoted(nearest(key)) +
+                                    " meant? Keys of your own belong under \"properties\"");
+        }
+    }
+}
+
+void takeProperties(ReadService& service) {
+    const auto found = service.description.find(kProperties);
+    if (found == service.description.end()) {
+        return;
+    }
+    const json properties = *found;
+    service.description.erase(found);
+    if (!properties.is_object()) {
+        service.refuse(kProperties, "\"properties\" is no object");
+    }
+    for (const auto& [key, value] : properties.items()) {
+        if (std::find(kKnown.begin(), kKnown.end(), key) != kKnown.end() || key == "id") {
+            service.refuse(kProperties, quoted(key) + " cannot be one of \"properties\"");
+        }
+        service.description[key] = value;
+    }
+}
+
+std::string withoutPrefix(const std::string& message) {
+    const auto end = message.find(": ");
+    return end == std::string::npos ? message : message.substr(end + 2);
+}
+
+}  // namespace
+
+void ReadService::refuse(const std::string& key, const std::string& why) const {
+    const auto found = keysAt.find(key);
+    throw UsageError((found == keysAt.end() ? at : found->second) + why);
+}
+
+std::vector<ReadService> readServiceFile(const std::string& name) {
+    std::ifstream stream(name);
+    if (!stream) {
+        throw UsageError("--from: cannot read " + name);
+    }
+    const std::string text{std::istreambuf_iterator<char>(stream), {}};
+    std::vector<ReadService> services;
+    std::size_t count = 0;
+    const auto keepPlace = [&](int depth, json::parse_event_t event, const json& parsed) {
+        const std::string here = place(name, text, count - (count > 0 ? 1 : 0));
+        if (depth == 1 && event == json::parse_event_t::object_start) {
+            services.push_back({{}, here});
+        } else if (depth == 2 && event == json::parse_event_t::key && !services.empty()) {
+            const auto key = parsed.get<std::string>();
+            const std::string begin = place(name, text, count - std::min(count, key.size() + 2));
+            if (!services.back().keysAt.emplace(key, begin).second) {
+                throw UsageError(begin + quoted(key) + " stands there twice");
+            }
+        }
+        return true;
+    };
+    json content;
+    try {
+        content = json::parse(Counted{text.data(), &count},
+                              Counted{text.data() + text.size(), &count}, keepPlace);
+    } catch (const json::parse_error& error) {
+        throw UsageError(place(name, text, error.byte - (error.byte > 0 ? 1 : 0)) +
+                         withoutPrefix(error.what()));
+    }
+    if (!content.is_array() || content.empty() || services.size() != content.size()) {
+        throw UsageError(name + ": not a JSON list of descriptions");
+    }
+    for (std::size_t i = 0; i < services.size(); ++i) {
+        services[i].description = content[i];
+        checkKeys(services[i]);
+        takeProperties(services[i]);
+    }
+    return services;
+}
+
+}  // namespace orvx::announce
