@@ -33,7 +33,8 @@ struct RegistrationStatus {
             communication::CommunicationStatus::Other;
         /// The status code of the answer; 0 without one.
         int httpStatus = 0;
-        /// For people: the method, the statuses, and the beginning of the answer's body.
+        /// For people: the method, the statuses, and the beginning of the answer's body, or why
+        /// there is none: "PUT: CONNECT_FAILED: connection refused by 10.0.0.5:8500".
         std::string text;
     };
 

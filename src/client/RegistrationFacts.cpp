@@ -45,8 +45,10 @@ std::shared_ptr<const RegistrationFacts::Failure> RegistrationFacts::failureOf(
     } else {
         text += communicationStatusToString(status);
     }
-    if (!response.getBody().empty()) {
-        text += ": " + response.getBody().substr(0, kLongestBody);
+    const std::string& more =
+        status == CommunicationStatus::Ok ? response.getBody() : response.getCause();
+    if (!more.empty()) {
+        text += ": " + more.substr(0, kLongestBody);
     }
     return std::make_shared<const Failure>(Failure{now, status, httpStatus, std::move(text)});
 }

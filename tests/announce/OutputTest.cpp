@@ -96,7 +96,8 @@ TEST_F(TheStatusFile, FollowsTheServiceFromItsStartToItsEnd) {
     const json trying =
         serviceWhen([](const json& found) { return found.value("attempts", 0) > 1; });
     EXPECT_EQ(trying.at("state"), "announcing");
-    EXPECT_EQ(trying.at("reason"), "PUT: CONNECT_FAILED");
+    EXPECT_EQ(trying.at("reason"), "PUT: CONNECT_FAILED: connection refused by 127.0.0.1:" +
+                                       std::to_string(front.port()));
     EXPECT_EQ(trying.at("lastFailure").at("outcome"), "CONNECT_FAILED");
     front.listenAgain();
     const json announced = serviceWhen(isIn("announced"));

@@ -34,9 +34,17 @@ TEST_F(TheRoadToTheRegistry, TrustsNobodyWhoIsNotVouchedFor) {
     const std::string& output = secure.awaitOutput(".");
     const auto port = std::stoi(output.substr(std::string("port ").size()));
     Announce announce(at("https://127.0.0.1:" + std::to_string(port)));
-    announce.awaitOutput("TLS_FAILED");
+    announce.awaitOutput(" unreachable reason=\"PUT: TLS_FAILED: TLS with 127.0.0.1:" +
+                         std::to_string(port) + " failed: self-signed certificate in");
     announce.stopped(1);
     EXPECT_THAT(secure.awaitOutput("failed: "), Not(HasSubstr("saw")));
+}
+
+TEST_F(TheRoadToTheRegistry, ToAHostThatIsNotKnownIsToldByItsName) {
+    Announce announce(at("http://registry.invalid:8500"));
+    announce.awaitOutput(
+        " unreachable reason=\"PUT: RESOLVE_FAILED: the host registry.invalid is not known\" ");
+    announce.stopped(0);
 }
 
 TEST_F(TheRoadToTheRegistry, ShowsATokenThatMayBeReplaced) {

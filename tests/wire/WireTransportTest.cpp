@@ -45,7 +45,9 @@ TEST_F(AConnection, ThatIsRefusedIsAFailure) {
     const RefusedPort refusedPort;
     start();
     EXPECT_EQ(outcomeAt(registryAt(refusedPort.port())), refused("CONNECT_FAILED"));
-    EXPECT_THAT(logged(), ElementsAre(warning("response put request was not ok, communication "
+    EXPECT_THAT(logged(), ElementsAre(warning("connection refused by 127.0.0.1:" +
+                                              std::to_string(refusedPort.port())),
+                                      warning("response put request was not ok, communication "
                                               "status=CONNECT_FAILED, status=0")));
     expectItWorks();
 }

@@ -31,7 +31,9 @@ std::string toText(const OrvRegistrationResponse& outcome) {
     const auto& response = *outcome.httpResponse;
     const auto code = static_cast<int>(response.getStatusCode());
     if (code == 0) {
-        return communication::communicationStatusToString(response.getCommunicationStatus());
+        const std::string status =
+            communication::communicationStatusToString(response.getCommunicationStatus());
+        return response.getCause().empty() ? status : status + ": " + response.getCause();
     }
     std::string text = "HTTP " + std::to_string(code);
     if (response.getContentLength() > 0) {

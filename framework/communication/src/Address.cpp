@@ -10,6 +10,7 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -128,6 +129,21 @@ Address unixAddress(const std::string& path) {
     path.copy(unixAddress.sun_path, sizeof unixAddress.sun_path - 1);
     address.size = sizeof unixAddress;
     return address;
+}
+
+std::string toText(const Address& address) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (address.storage.ss_family == AF_INET) {
+        const auto& v4 = reinterpret_cast<const sockaddr_in&>(address.storage);
+        ::inet_ntop(AF_INET, &v4.sin_addr, text.data(), text.size());
+        return std::string(text.data()) + ":" + std::to_string(ntohs(v4.sin_port));
+    }
+    if (address.storage.ss_family == AF_INET6) {
+        const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address.storage);
+        ::inet_ntop(AF_INET6, &v6.sin6_addr, text.data(), text.size());
+        return "[" + std::string(text.data()) + "]:" + std::to_string(ntohs(v6.sin6_port));
+    }
+    return reinterpret_cast<const sockaddr_un&>(address.storage).sun_path;
 }
 
 void setPort(Addresses& addresses, std::uint16_t port) {

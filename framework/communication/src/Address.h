@@ -31,6 +31,8 @@ Resolved lookUp(const std::string& name) noexcept;
 std::optional<Addresses> ownAddresses(const std::string& host);
 /// Of a Unix domain socket.
 Address unixAddress(const std::string& path);
+/// As people write it, with the port: "10.0.0.5:8500", "[::1]:8500", or a path.
+std::string toText(const Address& address);
 /// With that port, as far as they have one.
 void setPort(Addresses& addresses, std::uint16_t port);
 

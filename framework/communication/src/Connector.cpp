@@ -28,6 +28,15 @@ constexpr std::chrono::milliseconds kStagger(250);
 // What a proxy has to say before a tunnel.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
+std::string whyFailed(const error_code& error, const Address& address) {
+    if (!error) {
+        return {};
+    }
+    return error == asio::error::connection_refused
+               ? "connection refused by " + toText(address)
+               : "no connection to " + toText(address) + ": " + error.message();
+}
+
 }  // namespace
 
 struct Connector::Attempt {
@@ -76,7 +85,7 @@ void Connector::startAttempts() {
             }
         }
         if (failedAttempts_ == addresses_.size()) {
-            fail(CommunicationStatus::ConnectFailed);
+            fail(CommunicationStatus::ConnectFailed, whyFailed(lastError_, lastFailed_));
         }
     });
 }
@@ -123,6 +132,8 @@ void Connector::onAttemptEnd(Attempt& attempt, const error_code& error) {
         error_code ignored;
         attempt.socket.close(ignored);
         ++failedAttempts_;
+        lastError_ = error;
+        lastFailed_ = attempt.address;
         startAttempts();
         return;
     }
@@ -180,7 +191,8 @@ void Connector::onTunnelAnswer() {
         plain_->setListener(nullptr);
         startTls();
     } else {
-        fail(CommunicationStatus::ConnectFailed);
+        fail(CommunicationStatus::ConnectFailed,
+             "the proxy answered HTTP " + std::to_string(tunnelAnswer_.statusCode));
     }
 }
 
@@ -199,7 +211,9 @@ void Connector::startTls() {
 void Connector::onHandshake(const error_code& error) {
     if (error) {
         guarded([this, &error] {
-            fail(CommunicationStatus::TlsFailed, TlsClient::whatFailed(secure_->native(), error));
+            fail(CommunicationStatus::TlsFailed,
+                 "TLS with " + settings_.origin.authority +
+                     " failed: " + TlsClient::whatFailed(secure_->native(), error));
         });
     } else {
         succeed(secure_);

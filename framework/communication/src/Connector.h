@@ -6,6 +6,7 @@
 #include "TlsClient.h"
 
 #include <boost/asio/io_context.hpp>
+#include <boost/system/error_code.hpp>
 
 #include <chrono>
 #include <deque>
@@ -28,7 +29,7 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
         /// It stands. The address is the one that answered.
         virtual void onConnected(Connector& connector, std::shared_ptr<Stream> stream,
                                  const Address& address) = 0;
-        /// `words` say more of a failure of TLS; empty otherwise.
+        /// `words` say more of the failure where more is known; empty otherwise.
         virtual void onConnectFailed(Connector& connector, CommunicationStatus status,
                                      const std::string& words) = 0;
 
@@ -83,6 +84,8 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
         std::chrono::steady_clock::time_point::max();
     std::deque<Attempt> attempts_;
     std::size_t failedAttempts_ = 0;
+    boost::system::error_code lastError_;  // Of the last attempt that failed, and its address.
+    Address lastFailed_{};
     Address connected_{};
 
     std::shared_ptr<PlainStream> plain_;

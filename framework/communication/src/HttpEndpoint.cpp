@@ -167,8 +167,12 @@ std::unique_ptr<Request> HttpEndpoint::nextFor(const Connection& connection) {
     return nullptr;
 }
 
-void HttpEndpoint::end(std::unique_ptr<Request> request, CommunicationStatus status) {
+void HttpEndpoint::end(std::unique_ptr<Request> request, CommunicationStatus status,
+                       const std::string& cause) {
     request->status = status;
+    if (status != CommunicationStatus::Ok) {
+        request->answer.body = causeOf(status, cause);
+    }
     context_.done.push(std::move(request));
 }
 
@@ -303,24 +307,42 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
                      [&](const Connecting& one) { return one.connector.get() == &connector; });
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
-    if (!words.empty() && words != lastWords_) {
-        lastWords_ = words;
-        context_.logger.logWarning(false)
-            << "TLS with " << settings_->origin.authority << " failed: " << words;
+    const std::string cause = causeOf(status, words);
+    if (!cause.empty() && cause != lastWords_) {
+        lastWords_ = causeOf(status, words);
+        context_.logger.logWarning(false) << cause;
     }
     if (settings_->config.unixSocketPath.empty() && addressesEnd_ != Clock::time_point::max()) {
         addressesEnd_ = Clock::time_point::min();  // They may have changed.
     }
     const bool concernsAll = connections_.empty() && status != CommunicationStatus::OutOfMemory;
-    failWaiting(status, ended.lastWaiting, concernsAll);
+    failWaiting(status, ended.lastWaiting, concernsAll, cause);
+}
+
+/// In words, with the endpoint. Empty where memory is lacking.
+std::string HttpEndpoint::causeOf(CommunicationStatus status,
+                                  const std::string& words) const noexcept {
+    const Origin& next = settings_->proxy.host.empty() ? settings_->origin : settings_->proxy;
+    try {
+        switch (status) {
+            case CommunicationStatus::TimedOut:
+                return "no answer from " + settings_->origin.authority + " in time";
+            case CommunicationStatus::ResolveFailed:
+                return "the host " + next.host + " is not known";
+            default:
+                return words;
+        }
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 /// Those up to that one, or the first of them.
 void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting,
-                               bool concernsAll) {
+                               bool concernsAll, const std::string& cause) {
     for (RequestQueue* const queue : {&again_, &heads_, &others_}) {
         while (!queue->isEmpty() && queue->front().number <= lastWaiting) {
-            end(queue->pop(), status);
+            end(queue->pop(), status, cause);
             if (!concernsAll) {
                 return;
             }

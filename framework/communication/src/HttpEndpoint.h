@@ -69,14 +69,17 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void serve(Connection& connection);
     void serveIdle();
     std::unique_ptr<Request> nextFor(const Connection& connection);
-    void end(std::unique_ptr<Request> request, CommunicationStatus status);
+    void end(std::unique_ptr<Request> request, CommunicationStatus status,
+             const std::string& cause = {});
     void drop(Connection& connection);
 
     void connect(Clock::time_point now);
     void beginToConnect(Clock::time_point now);
     bool findAddresses();
     bool wantsConnection() const;
-    void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool concernsAll);
+    void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool concernsAll,
+                     const std::string& cause = {});
+    std::string causeOf(CommunicationStatus status, const std::string& words) const noexcept;
     void onUseless(const Connection& connection, CommunicationStatus status);
 
     void onAnswered(Connection& connection, std::unique_ptr<Request> request, bool isKept) override;
@@ -106,7 +109,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     Addresses addresses_;
     Clock::time_point addressesEnd_ = Clock::time_point::min();
     bool isLookingUp_ = false;
-    std::string lastWords_;  // Of TLS that failed, so that they are logged once.
+    std::string lastWords_;  // Of the last failure, so that they are logged once.
     Clock::time_point nextTime_ = Clock::time_point::max();
     bool hasHadEarlyBytes_ = false;
     bool isRetired_ = false;

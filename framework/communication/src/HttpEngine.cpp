@@ -53,7 +53,7 @@ void count(const Request& request, Clock::time_point now) noexcept {
 
 HttpResponse responseTo(Request& request) {
     if (request.status != CommunicationStatus::Ok) {
-        return HttpResponse(request.status);
+        return {request.status, std::move(request.answer.body)};
     }
     return {static_cast<HttpResponse::StatusCode>(request.answer.statusCode),
             std::move(request.answer.headerLines), std::move(request.answer.body)};

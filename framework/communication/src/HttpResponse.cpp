@@ -11,6 +11,8 @@ namespace orvx::communication {
 
 namespace {
 
+const std::string kNone;
+
 std::string_view trimmed(std::string_view text) {
     const auto begin = text.find_first_not_of(" \t");
     if (begin == std::string_view::npos) {
@@ -79,8 +81,10 @@ class HeaderReader {
 
 }  // namespace
 
-HttpResponse::HttpResponse(CommunicationStatus status)
-    : communicationStatus_(status), statusCode_(StatusCode::None) {}
+HttpResponse::HttpResponse(CommunicationStatus status) : HttpResponse(status, std::string()) {}
+
+HttpResponse::HttpResponse(CommunicationStatus status, std::string cause)
+    : communicationStatus_(status), statusCode_(StatusCode::None), body_(std::move(cause)) {}
 
 HttpResponse::HttpResponse(StatusCode statusCode, std::string headerLines, std::string body)
     : communicationStatus_(CommunicationStatus::Ok),
@@ -118,11 +122,15 @@ std::optional<std::string> HttpResponse::getContentType() const {
 }
 
 std::uint64_t HttpResponse::getContentLength() const {
-    return body_.size();
+    return getBody().size();
 }
 
 const std::string& HttpResponse::getBody() const {
-    return body_;
+    return communicationStatus_ == CommunicationStatus::Ok ? body_ : kNone;
+}
+
+const std::string& HttpResponse::getCause() const {
+    return communicationStatus_ == CommunicationStatus::Ok ? kNone : body_;
 }
 
 }  // namespace orvx::communication

@@ -33,6 +33,15 @@ TEST(TheHttpResponse, IsEmptyWithoutAnAnswer) {
     EXPECT_EQ(response.getContentLength(), 0U);
 }
 
+TEST(TheHttpResponse, TellsTheCauseWhereThereIsNoAnswer) {
+    const HttpResponse response(CommunicationStatus::ConnectFailed, "refused by 10.0.0.5:80");
+    EXPECT_EQ(response.getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+    EXPECT_EQ(response.getCause(), "refused by 10.0.0.5:80");
+    EXPECT_EQ(response.getBody(), "");
+    EXPECT_EQ(response.getContentLength(), 0U);
+    EXPECT_EQ(HttpResponse(StatusCode::Ok, "", "body").getCause(), "");
+}
+
 TEST(TheHttpResponse, KeepsStatusCodesThatHaveNoName) {
     for (int number : {0, 100, 226, 299, 418, 599, 999}) {
         const HttpResponse response(static_cast<StatusCode>(number), "", "");

@@ -33,6 +33,8 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
 
     /// No answer: status code None, no headers, no body. `status` is not Ok.
     explicit HttpResponse(CommunicationStatus status);
+    /// The same, with its cause in words.
+    HttpResponse(CommunicationStatus status, std::string cause);
     /// An answer. `headerLines` are its header lines as received, each ending in CR LF or LF,
     /// without the status line.
     HttpResponse(StatusCode statusCode, std::string headerLines, std::string body);
@@ -44,6 +46,9 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
 
     /// Ok for an answer, whatever its status code; otherwise what went wrong.
     CommunicationStatus getCommunicationStatus() const { return communicationStatus_; }
+    /// Why there is no answer, for people, such as "connection refused by 10.0.0.5:8500". Empty for
+    /// an answer, and where no more is known than the status.
+    const std::string& getCause() const;
     /// The number of the answer; None where there is none.
     StatusCode getStatusCode() const { return statusCode_; }
     /// The Location header: absent, or a text, which may be empty.
@@ -60,6 +65,7 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
     CommunicationStatus communicationStatus_;
     StatusCode statusCode_;
     std::string headerLines_;
+    /// Or, without an answer, the cause.
     std::string body_;
 };
 
