@@ -55,6 +55,11 @@ TEST_F(TheManualPage, NamesEveryOptionAndExitStatus) {
     for (const std::string& option : optionsOfTheProgram()) {
         EXPECT_THAT(page, HasSubstr("Fl " + option.substr(1))) << option;
     }
+    const std::string help = Announce({"--help"}).ended(0).output;
+    const std::regex variable("ORVX_[A-Z_]+");
+    for (std::sregex_iterator i(help.begin(), help.end(), variable), end; i != end; ++i) {
+        EXPECT_THAT(page, HasSubstr("Ev " + (*i)[0].str()));
+    }
     for (const char* status : {"0", "1", "123", "124", "125", "126", "127"}) {
         EXPECT_THAT(page, HasSubstr(std::string(".It ") + status + "\n"));
     }

@@ -26,8 +26,8 @@ class TheOptions : public AnnounceTest {
 };
 
 TEST_F(TheOptions, DescribeTheServiceAsTheRegistryShowsIt) {
-    Announce announce(echo() + Words{"--version", "1.2", "--category", "a b", "--category", "c",
-                                     "--privilege", "read", "--description", "Küche", "--uri",
+    Announce announce(echo() + Words{"--service-version", "1.2", "--category", "a b", "--category",
+                                     "c", "--privilege", "read", "--description", "Küche", "--uri",
                                      "/v1/echo", "--host", "10.0.0.7"});
     announce.awaitOutput(" announced ");
     EXPECT_EQ(entries().at(0).at("path"), "/v1/echo");
@@ -118,7 +118,7 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--"}), HasSubstr("no command"));
     EXPECT_THAT(refusal(good + Words{"true"}), HasSubstr("true"));
     EXPECT_THAT(refusal(good + Words{"--category", "a", "true"}), HasSubstr("true"));
-    EXPECT_THAT(refusal(good + Words{"--version", "\xff"}), HasSubstr("UTF-8"));
+    EXPECT_THAT(refusal(good + Words{"--service-version", "\xff"}), HasSubstr("UTF-8"));
     EXPECT_THAT(refusal(good + Words{"--stop-timeout", "nan"}), HasSubstr("--stop-timeout"));
     EXPECT_THAT(refusal(good + Words{"--unknown"}), HasSubstr("--unknown"));
     EXPECT_THAT(refusal(good + Words{"--ready-http", "health"}), HasSubstr("begin with /"));
@@ -127,6 +127,43 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--ca-file", "/dev/null"}), HasSubstr("https"));
     EXPECT_THAT(refusal(good + Words{"--stop-timeout", "-1"}), HasSubstr("--stop-timeout"));
     EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
+}
+
+TEST_F(TheOptions, ThatAreWrongAreToldInOneLineWithAHint) {
+    const Words good{"--registry", "http://127.0.0.1", "--name", "a", "--port", "1"};
+    const auto expect = [](const Words& arguments, const std::string& text) {
+        const std::string told = refusal(arguments);
+        EXPECT_THAT(told, HasSubstr(text));
+        EXPECT_EQ(told.find('\n'), told.size() - 1) << told;
+    };
+    expect(good + Words{"./server", "--port", "2"},
+           "the command stands after --, as in: orvx-announce ... -- ./server ...");
+    expect(good + Words{"./server"}, "-- ./server ...");
+    expect(good + Words{"--json", "true"}, "-- true ...");
+    expect(good + Words{"--healht-tcp"}, "is --health-tcp meant?");
+    expect(good + Words{"--check-intervall=5"}, "is --check-interval meant?");
+    expect(good + Words{"--stop-timeout", "x"}, "--help");
+}
+
+TEST_F(TheOptions, TellTheVersionOfTheProgram) {
+    EXPECT_THAT(Announce({"--version"}).ended(0).output,
+                ::testing::MatchesRegex("orvx-announce [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST_F(TheOptions, MayComeFromTheEnvironment) {
+    const auto token = folder.file("token", "secret");
+    passOnInFront();
+    ChildProcess announce(
+        "/usr/bin/env", {"ORVX_REGISTRY=" + urlOf(front.port()), "ORVX_NAME=echo", "ORVX_PORT=8080",
+                         "ORVX_SERVICE_VERSION=1.2", "ORVX_HOST=10.0.0.9",
+                         "ORVX_TOKEN_FILE=" + token, ORVX_ANNOUNCE_PROGRAM, "--host", "10.0.0.7"});
+    announce.awaitOutput(" announced ");
+    EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer secret");
+    const json described = entries().at(0).at("service");
+    EXPECT_EQ(described.at("versions"), json{"1.2"});
+    EXPECT_EQ(described.at("host"), "10.0.0.7");
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
 }
 
 TEST_F(TheOptions, TakeTheRegistryAsSchemeHostAndPortOnly) {

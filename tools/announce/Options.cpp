@@ -7,12 +7,14 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <filesystem>
 #include <iostream>
 #include <map>
 
 #include "ExitCodes.h"
+#include "Nearest.h"
 #include "RegistryUrl.h"
 #include "ServiceDescriptions.h"
 
@@ -78,7 +80,7 @@ void addServices(CLI::App& app, ServiceOptions& service) {
     app.add_option("--host", service.host,
                    "Where others reach it (default: this machine's name, or 127.0.0.1 when the "
                    "registry is there)");
-    add("--version", service.version, "Its version");
+    add("--service-version", service.version, "Its version");
     add("--category", service.categories, "A category; may be repeated")->allow_extra_args(false);
     add("--privilege", service.privileges, "A privilege; may be repeated")->allow_extra_args(false);
     add("--description", service.description, "What it is, for people");
@@ -137,6 +139,53 @@ void checkStatusFile(const std::string& name) {
     }
 }
 
+/// Options that a container sets, each by the variable of its name: --token-file, ORVX_TOKEN_FILE.
+void addEnvironment(CLI::App& app) {
+    for (const char* name : {"--registry", "--ca-file", "--client-cert", "--client-key",
+                             "--token-file", "--proxy", "--unix-socket", "--name", "--port",
+                             "--host", "--service-version", "--uri", "--from", "--status-file"}) {
+        std::string variable = std::string("ORVX_") + (name + 2);
+        std::replace(variable.begin(), variable.end(), '-', '_');
+        std::transform(variable.begin(), variable.end(), variable.begin(),
+                       [](unsigned char letter) { return std::toupper(letter); });
+        app.get_option(name)->envname(variable);
+    }
+}
+
+/// The first of the words that is neither an option nor its value; empty if there is none.
+std::string firstStray(const CLI::App& app, char** begin, char** end) {
+    for (char** word = begin; word != end; ++word) {
+        const std::string text = *word;
+        if (text.empty() || text[0] != '-') {
+            return text;
+        }
+        const CLI::Option* option = app.get_option_no_throw(text);
+        if (option != nullptr && option->get_items_expected_max() > 0 && word + 1 != end) {
+            ++word;
+        }
+    }
+    return "";
+}
+
+/// What to do about a mistake in the words.
+std::string hint(const CLI::App& app, char** begin, char** end, bool hasCommand) {
+    const std::string stray = firstStray(app, begin, end);
+    if (!stray.empty() && !hasCommand) {
+        return "the command stands after --, as in: orvx-announce ... -- " + stray + " ...";
+    }
+    std::vector<std::string> names;
+    for (const CLI::Option* option : app.get_options()) {
+        names.push_back(option->get_name());
+    }
+    for (char** word = begin; word != end; ++word) {
+        const std::string name = std::string(*word).substr(0, std::string(*word).find('='));
+        if (name.rfind("--", 0) == 0 && app.get_option_no_throw(name) == nullptr) {
+            return "is " + nearest(name, names) + " meant?";
+        }
+    }
+    return "see orvx-announce --help";
+}
+
 void complete(Options& options) {
     checkStatusFile(options.statusFile);
     readRegistryUrl(options.registry);
@@ -172,6 +221,9 @@ Options parseOptions(int argc, char** argv) {
                 "How long the command may take to end before it is killed");
     app.add_flag("--json", options.json, "Each line is a JSON object");
     app.add_option("--status-file", options.statusFile, "Keep the state in this JSON file");
+    app.set_version_flag("--version", "orvx-announce " ORVX_VERSION,
+                         "Tells this program's version");
+    addEnvironment(app);
     try {
         app.parse(static_cast<int>(dashes - argv), argv);
         if (dashes != end && options.command.empty()) {
@@ -179,7 +231,12 @@ Options parseOptions(int argc, char** argv) {
         }
         complete(options);
     } catch (const CLI::ParseError& error) {
-        throw Answered{app.exit(error) == 0 ? 0 : kOwnFailure};
+        if (error.get_exit_code() == 0) {
+            throw Answered{app.exit(error)};
+        }
+        std::cerr << "orvx-announce: " << error.what() << "; "
+                  << hint(app, argv + 1, dashes, dashes != end) << '\n';
+        throw Answered{kOwnFailure};
     } catch (const UsageError& error) {
         std::cerr << "orvx-announce: " << error.what() << '\n';
         throw Answered{kOwnFailure};

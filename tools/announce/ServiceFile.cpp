@@ -7,9 +7,9 @@
 #include <array>
 #include <fstream>
 #include <iterator>
-#include <numeric>
 #include <string_view>
 
+#include "Nearest.h"
 #include "Options.h"
 
 namespace orvx::announce {
@@ -52,26 +52,6 @@ std::string place(const std::string& file, std::string_view text, std::size_t by
     return file + ":" + std::to_string(lines + 1) + ":" + std::to_string(column + 1) + ": ";
 }
 
-std::size_t distance(std::string_view left, std::string_view right) {
-    std::vector<std::size_t> row(right.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 1; i <= left.size(); ++i) {
-        std::size_t diagonal = row[0]++;
-        for (std::size_t j = 1; j <= right.size(); ++j) {
-            const std::size_t changed = diagonal + (left[i - 1] == right[j - 1] ? 0 : 1);
-            diagonal = row[j];
-            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
-        }
-    }
-    return row.back();
-}
-
-std::string nearest(const std::string& key) {
-    return *std::min_element(kKnown.begin(), kKnown.end(), [&](const char* a, const char* b) {
-        return distance(key, a) < distance(key, b);
-    });
-}
-
 std::string quoted(const std::string& text) {
     return json(text).dump(-1, ' ', true, json::error_handler_t::replace);
 }
@@ -79,7 +59,8 @@ std::string quoted(const std::string& text) {
 void checkKeys(const ReadService& service) {
     for (const auto& [key, value] : service.description.items()) {
         if (std::find(kKnown.begin(), kKnown.end(), key) == kKnown.end()) {
-            service.refuse(key, "unknown key " + quoted(key) + "; is " + quoted(nearest(key)) +
+            service.refuse(key, "unknown key " + quoted(key) + "; is " +
+                                    quoted(nearest(key, {kKnown.begin(), kKnown.end()})) +
                                     " meant? Keys of your own belong under \"properties\"");
         }
     }
