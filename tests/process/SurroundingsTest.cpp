@@ -130,7 +130,7 @@ TEST_F(TheSurroundings, ReadNothingButTheLinesOfTheConsoleLogger) {
     std::istringstream lines(GetCapturedStderr());
     const std::regex format(
         "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} (ERROR|WARNING|INFO|DEBUG) "
-        "OrvxServiceRegistryClient\\.\\w+: .+");
+        "Orvx(ServiceRegistryClient|Communication)\\.\\w+: .+");
     int count = 0;
     for (std::string line; std::getline(lines, line); ++count) {
         EXPECT_TRUE(std::regex_match(line, format)) << line;

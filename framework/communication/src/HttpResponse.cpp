@@ -11,8 +11,6 @@ namespace orvx::communication {
 
 namespace {
 
-const std::string kNone;
-
 std::string_view trimmed(std::string_view text) {
     const auto begin = text.find_first_not_of(" \t");
     if (begin == std::string_view::npos) {
@@ -126,11 +124,11 @@ std::uint64_t HttpResponse::getContentLength() const {
 }
 
 const std::string& HttpResponse::getBody() const {
-    return communicationStatus_ == CommunicationStatus::Ok ? body_ : kNone;
+    return communicationStatus_ == CommunicationStatus::Ok ? body_ : headerLines_;
 }
 
-const std::string& HttpResponse::getCause() const {
-    return communicationStatus_ == CommunicationStatus::Ok ? kNone : body_;
+std::string HttpResponse::getCause() const {
+    return communicationStatus_ == CommunicationStatus::Ok ? std::string() : body_;
 }
 
 }  // namespace orvx::communication

@@ -48,7 +48,7 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
     CommunicationStatus getCommunicationStatus() const { return communicationStatus_; }
     /// Why there is no answer, for people, such as "connection refused by 10.0.0.5:8500". Empty for
     /// an answer, and where no more is known than the status.
-    const std::string& getCause() const;
+    std::string getCause() const;
     /// The number of the answer; None where there is none.
     StatusCode getStatusCode() const { return statusCode_; }
     /// The Location header: absent, or a text, which may be empty.
@@ -64,6 +64,7 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
   private:
     CommunicationStatus communicationStatus_;
     StatusCode statusCode_;
+    /// Empty without an answer.
     std::string headerLines_;
     /// Or, without an answer, the cause.
     std::string body_;
