@@ -42,6 +42,7 @@ if(NOT BUILD_SHARED_LIBS)
   return()
 endif()
 set(CPACK_GENERATOR DEB)
+set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_SOURCE_DIR}/cmake/OrvxPackage.cmake")
 set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")  # not the folder that cpack is called in
 set(CPACK_PACKAGE_VENDOR "Orvx")
 set(CPACK_PACKAGE_CONTACT "Orvx maintainers <maintainers@orvx.example>" CACHE STRING

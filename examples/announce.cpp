@@ -2,6 +2,7 @@
 // Usage: announce REGISTRY_HOST REGISTRY_PORT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <cstdlib>
 #include <future>
 #include <iostream>
 
@@ -9,11 +10,12 @@ using namespace orvx::serviceregistryclient;
 using orvx::common::ServiceInfo;
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
+    const long port = argc == 3 ? std::strtol(argv[2], nullptr, 10) : 0;
+    if (port < 1 || port > 65535) {
         std::cerr << "usage: announce REGISTRY_HOST REGISTRY_PORT\n";
         return 2;
     }
-    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(port));
     OrvServiceRegistryContext context;
     context.enableResilience(true);  // keeps it announced, whatever the registry does
     context.setCheckInterval(std::chrono::seconds(4));  // longer than the head time-out, 3 s

@@ -2,16 +2,19 @@
 // Usage: blocking REGISTRY_HOST REGISTRY_PORT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <cstdlib>
 #include <iostream>
 
 using namespace orvx::serviceregistryclient;
 using orvx::common::ServiceInfo;
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
+    const long port = argc == 3 ? std::strtol(argv[2], nullptr, 10) : 0;
+    if (port < 1 || port > 65535) {
+        std::cerr << "usage: blocking REGISTRY_HOST REGISTRY_PORT\n";
         return 2;
     }
-    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(port));
     const ServiceInfo self("echo", "127.0.0.1", 8080);
     OrvServiceRegistryContext context;
     context.enableResilience(true);  // keeps announcements valid, whatever the registry does

@@ -1,22 +1,27 @@
-// Announces COUNT services until SIGTERM, which withdraws them.
+// Announces COUNT services until SIGTERM or SIGINT, which withdraws them.
 // Usage: many REGISTRY_HOST REGISTRY_PORT COUNT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 
 using namespace orvx::serviceregistryclient;
 using orvx::common::ServiceInfo;
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
+    const long port = argc == 4 ? std::strtol(argv[2], nullptr, 10) : 0;
+    const long count = argc == 4 ? std::strtol(argv[3], nullptr, 10) : 0;
+    if (port < 1 || port > 65535 || count < 1) {
+        std::cerr << "usage: many REGISTRY_HOST REGISTRY_PORT COUNT\n";
         return 2;
     }
-    sigset_t signals;  // blocked before the first thread is made: only sigwait() takes it
+    sigset_t signals;  // blocked before the first thread is made: only sigwait() takes them
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(port));
     OrvServiceRegistryContext context;
     context.enableResilience(true);  // checks each by itself; sets have no bound
     context.setRegisterWithPrefix(true);
@@ -24,10 +29,11 @@ int main(int argc, char** argv) {
     context.init();
     IOrvServiceRegistryClient& client = *context.getServiceRegistryClient();
 
-    const std::string me = "/10.0.0.7:8080/";  // another instance has other paths
+    const std::string me = "/127.0.0.1:8080/";  // another instance has other paths
     IOrvServiceRegistryClient::ServiceSet services;
-    for (int i = 0; i < std::stoi(argv[3]); ++i) {
-        services.insert(client.getSharedServiceCreate({"echo-" + std::to_string(i), "", 8080, me}));
+    for (long i = 0; i < count; ++i) {
+        services.insert(
+            client.getSharedServiceCreate({"echo-" + std::to_string(i), "127.0.0.1", 8080, me}));
     }
     const bool announced = client.registerServicesAtRegistry(registry, services).first;
     std::cout << (announced ? "announced" : "not all announced yet") << std::endl;

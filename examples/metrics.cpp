@@ -6,6 +6,7 @@
 
 #include <boost/asio.hpp>
 
+#include <cstdlib>
 #include <iostream>
 #include <thread>
 
@@ -31,7 +32,10 @@ void serve(tcp::acceptor& acceptor, const OrvServiceRegistryContext& context,
 }
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
+    const long port = argc == 4 ? std::strtol(argv[2], nullptr, 10) : 0;
+    const long metricsPort = argc == 4 ? std::strtol(argv[3], nullptr, 10) : -1;  // 0: any
+    if (port < 1 || port > 65535 || metricsPort < 0 || metricsPort > 65535) {
+        std::cerr << "usage: metrics REGISTRY_HOST REGISTRY_PORT METRICS_PORT\n";
         return 2;
     }
     HttpConfig http;
@@ -41,15 +45,16 @@ int main(int argc, char** argv) {
     context.setHttpConfig(http);
     context.init();
     auto& client = *context.getServiceRegistryClient();
-    const auto echo = client.registerServiceAtRegistry(
-        {"registry", argv[1], static_cast<std::uint16_t>(std::stoi(argv[2]))},
-        client.getSharedServiceCreate({"echo", "127.0.0.1", 8080}));
-    const auto port = static_cast<std::uint16_t>(std::stoi(argv[3]));
-    tcp::acceptor acceptor(boost::asio::system_executor(), {address_v4::loopback(), port});
+    const auto echo = client.getSharedServiceCreate({"echo", "127.0.0.1", 8080});
+    echo->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
+    client.registerServiceAtRegistry({"registry", argv[1], static_cast<std::uint16_t>(port)}, echo,
+                                     nullptr);  // does not wait: the metrics tell the outcome
+    tcp::acceptor acceptor(boost::asio::system_executor(),
+                           {address_v4::loopback(), static_cast<std::uint16_t>(metricsPort)});
     std::cout << "http://" << acceptor.local_endpoint() << "/metrics" << std::endl;
     std::thread server([&] { serve(acceptor, context, *http.statistics); });
     std::cin.get();
     shutdown(acceptor.native_handle(), SHUT_RDWR);
     server.join();
-    return echo.unregister().status;
+    return client.unregisterAllServicesFromRegistry().first ? 0 : 1;
 }

@@ -117,11 +117,25 @@ TEST_F(TheCollectionExample, RegistersAndWithdrawsAllOfIt) {
     EXPECT_TRUE(entries().empty());
 }
 
+TEST_F(TheCollectionExample, PutsEachEntryAtThePathOfItsInstance) {
+    front.onRequest([this](const Request& request) { return passOn(request, registry.port()); });
+    Example("collection", front.port()).printed();
+    std::vector<std::string> paths;
+    for (const Request& request : front.requests()) {
+        if (request.method == "PUT") {
+            paths.push_back(request.target);
+        }
+    }
+    EXPECT_THAT(paths, UnorderedElementsAre("/echo/127.0.0.1:8080", "/time/127.0.0.1:8080",
+                                            "/quote/127.0.0.1:8080"));
+}
+
 TEST_F(TheManyExample, AnnouncesAllAgainWhenTheRegistryHasLostThemAndWithdrawsThem) {
     Example many("many", {"127.0.0.1", std::to_string(registry.port()), "300"});
     many.awaitOutput("announced\n");
     const json all = entries();
     EXPECT_EQ(all.size(), 300U);
+    EXPECT_EQ(all.at(0).at("service").value("host", ""), "127.0.0.1");
     auto connection = registry.connect();
     for (const json& entry : all) {
         const std::string target = "/" + entry.at("uuid").get<std::string>();
@@ -131,6 +145,16 @@ TEST_F(TheManyExample, AnnouncesAllAgainWhenTheRegistryHasLostThemAndWithdrawsTh
     many.signal(SIGTERM);
     many.printed();
     EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheManyExample, WithdrawsAllWhenItIsTerminatedOrInterrupted) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        Example many("many", {"127.0.0.1", std::to_string(registry.port()), "3"});
+        many.awaitOutput("announced\n");
+        many.signal(signal);
+        many.printed();
+        EXPECT_TRUE(entries().empty());
+    }
 }
 
 /// The samples in a text for Prometheus by metric and labels. Fails the test where the text breaks
@@ -190,10 +214,14 @@ TEST_F(TheMetricsExample, ServesRegistrationsAndRequestsAsTextForPrometheus) {
     Example metrics("metrics", {"127.0.0.1", std::to_string(registry.port()), "0"});
     std::string url = metrics.awaitOutput("\n");
     url.pop_back();
-    const std::string echo = R"({id="1",service="echo",uri="/echo",registry="127.0.0.1:)" +
-                             std::to_string(registry.port()) + '"';
+    const std::string echo =
+        R"({id="1",service="echo",uri="/echo/127.0.0.1:8080",registry="127.0.0.1:)" +
+        std::to_string(registry.port()) + '"';
+    const auto ask = [&url] { return ChildProcess("/usr/bin/curl", {"-sSi", url}).wait().output; };
+    EXPECT_TRUE(
+        eventually([&ask] { return ask().find("state=\"announced\"} 1") != std::string::npos; }));
     for (int i = 0; i < 2; ++i) {
-        const auto answer = ChildProcess("/usr/bin/curl", {"-sSi", url}).wait().output;
+        const std::string answer = ask();
         const auto endOfHeaders = answer.find("\r\n\r\n");
         EXPECT_EQ(answer.substr(0, endOfHeaders),
                   "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4; charset=utf-8");
@@ -217,6 +245,20 @@ TEST_F(TheMetricsExample, ServesRegistrationsAndRequestsAsTextForPrometheus) {
     metrics.endInput();
     metrics.printed();
     EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheMetricsExample, ServesWhileTheRegistryIsAway) {
+    const testing::RefusedPort refused;
+    Example metrics("metrics", {"127.0.0.1", std::to_string(refused.port()), "0"});
+    metrics.awaitErrors("CONNECT_FAILED");
+    const auto begin = steady_clock::now();
+    std::string url = metrics.awaitOutput("\n");
+    EXPECT_LT(steady_clock::now() - begin, 10s) << "a blocking registration waits for 30 s";
+    url.pop_back();
+    EXPECT_THAT(ChildProcess("/usr/bin/curl", {"-sS", url}).wait().output,
+                ::testing::HasSubstr(R"(state="announcing"} 1)"));
+    metrics.endInput();
+    metrics.printed();
 }
 
 TEST(TheTextForPrometheus, HasLabelsThatHoldAnyText) {
@@ -268,7 +310,7 @@ TEST_F(TheShutdownExample, WithdrawsARegistrationThatIsAnsweredAfterTheTerminati
     shutdown.signal(SIGTERM);
     front.release("PUT");
     // Whichever is first, the signal or the answer.
-    EXPECT_THAT(shutdown.printed(), AnyOf("withdrawn\n", "announced\nwithdrawn\n"));
+    EXPECT_THAT(shutdown.printed(), AnyOf("nothing is left\n", "announced\nwithdrawn\n"));
     EXPECT_TRUE(entries().empty());
 }
 
@@ -284,7 +326,7 @@ TEST_F(TheShutdownExample, HasNothingToWithdrawFromARegistryThatWasNeverReached)
     shutdown.awaitErrors("CONNECT_FAILED");
     const auto begin = steady_clock::now();
     shutdown.signal(SIGTERM);
-    EXPECT_EQ(shutdown.printed(), "withdrawn\n") << "nothing is left";
+    EXPECT_EQ(shutdown.printed(), "nothing is left\n") << "and nothing was announced";
     EXPECT_LT(steady_clock::now() - begin, kShutdownBound / 2);
 }
 
@@ -304,9 +346,20 @@ TEST_F(TheShutdownExample, LeavesWithinItsBoundAndWithFewLinesWhenTheRegistryIsS
     EXPECT_LT(steady_clock::now() - begin, kShutdownBound);
 }
 
-TEST_F(TheExamples, EndWithAUsageErrorWithoutTheirArguments) {
-    for (const char* name : {"announce", "blocking", "collection", "many", "metrics", "shutdown"}) {
-        EXPECT_THAT(Example(name, std::vector<std::string>{}).printed(2), IsEmpty()) << name;
+TEST_F(TheExamples, TellTheirUsageWithoutTheirArgumentsAndForWhatIsNoPort) {
+    for (const std::string name :
+         {"announce", "blocking", "collection", "many", "metrics", "shutdown"}) {
+        std::vector<std::string> arguments{"127.0.0.1", "x"};
+        if (name == "many" || name == "metrics") {
+            arguments.emplace_back("1");
+        }
+        for (const auto& given : {std::vector<std::string>{}, arguments}) {
+            const auto result = Example(name, given).wait();
+            EXPECT_TRUE(WIFEXITED(result.status)) << name;
+            EXPECT_EQ(WEXITSTATUS(result.status), 2) << name;
+            EXPECT_THAT(result.output, IsEmpty()) << name;
+            EXPECT_THAT(result.errors, ::testing::StartsWith("usage: " + name + " REGISTRY_HOST"));
+        }
     }
 }
 
