@@ -155,6 +155,14 @@ TEST_F(TheDispatcher, TakesShowsAndDropsFaults) {
     EXPECT_TRUE(react(verb::put, "/a", "{}").response);
 }
 
+TEST_F(TheDispatcher, ShowsTheTimesOfFaultsInWholeMilliseconds) {
+    ask(verb::put, "/-/faults", R"({"fault":"reset","after":0.3,"seconds":2})");
+    now_ += 100us;
+    const json fault = json::parse(ask(verb::get, "/-/faults").body()).at("faults")[0];
+    EXPECT_EQ(fault.at("after").dump(), "0.3");
+    EXPECT_EQ(fault.at("seconds").dump(), "2.0");
+}
+
 TEST_F(TheDispatcher, ChangesNoFaultWhenItIsGivenABadOne) {
     ask(verb::put, "/-/faults", R"({"fault":"reset"})");
     const Response refused = ask(verb::put, "/-/faults", "\n{\"fault\":\"rest\"}");

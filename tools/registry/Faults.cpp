@@ -52,9 +52,11 @@ void apply(const Fault& fault, Fate& fate, EntryStore& store) {
 
 json toJson(const Fault& fault, EntryStore::Time now) {
     static constexpr const char* kKinds[] = {"delay", "reset", "status", "forget"};
-    const auto until = [now](EntryStore::Time time) {
-        return std::max(0.0, std::chrono::duration<double>(time - now).count());
+    const auto secondsIn = [](EntryStore::Time::duration duration) {
+        const auto rounded = std::chrono::round<std::chrono::milliseconds>(duration);
+        return std::chrono::duration<double>(rounded).count();
     };
+    const auto begin = std::max(fault.begin, now);
     json object{{"fault", kKinds[static_cast<int>(fault.kind)]}, {"skip", fault.skip}};
     if (fault.kind == Fault::Kind::DELAY) {
         object["milliseconds"] = fault.delay.count();
@@ -71,9 +73,9 @@ json toJson(const Fault& fault, EntryStore::Time now) {
     if (fault.requests) {
         object["requests"] = *fault.requests;
     }
-    object["after"] = until(fault.begin);
+    object["after"] = secondsIn(begin - now);
     if (fault.end) {
-        object["seconds"] = until(*fault.end) - until(fault.begin);
+        object["seconds"] = secondsIn(std::max(*fault.end, begin) - begin);
     }
     return object;
 }
