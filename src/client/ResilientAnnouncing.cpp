@@ -14,11 +14,14 @@ using Kind = RegistrationEvent::Kind;
 
 std::string OrvServiceRegistryClient::ResilientUpkeep::uuidOf(const std::string& location) {
     std::string path = location;
-    if (!path.empty() && path.back() == '/') {
+    const std::size_t last = path.rfind('/');
+    if (last == std::string::npos) {
+        return "";
+    }
+    if (last + 1 == path.size()) {
         path.pop_back();
     }
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(slash + 1);
+    return path.substr(path.rfind('/') + 1);
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::handlePut(const std::shared_ptr<Entry>& entry,

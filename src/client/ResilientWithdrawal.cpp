@@ -77,7 +77,8 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleDelete(const std::shared_p
         } else {
             failLocked(*entry, "DELETE", response);
             Milliseconds delay = checkInterval();
-            if (isPassing(response)) {
+            const bool isOfServer = static_cast<int>(response.getStatusCode()) >= 500;
+            if (isOfServer || isPassing(response)) {
                 delay = backOffLocked(*entry);
             } else {
                 for (Member* const member : entry->members) {

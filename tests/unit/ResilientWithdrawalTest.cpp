@@ -85,7 +85,7 @@ TEST_F(AKeptWithdrawal, IsTriedAgainByTheBackOffUntilTheEntryIsGone) {
     waitFor("DELETE");
     fail(CommunicationStatus::ReceiveFailed);
     Milliseconds step(500);
-    for (const int status : {500, 503, 429, 408, 502}) {
+    for (const int status : {500, 503, 429, 408, 502, 501, 507}) {
         const Milliseconds delay = waitFor("DELETE");
         EXPECT_THAT(delay, AllOf(Ge(step / 2), Le(step)));
         answer(status);

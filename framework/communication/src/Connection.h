@@ -49,6 +49,8 @@ class Connection final : private Stream::Listener {
     const Request* request() const { return request_.get(); }
     /// The number of the last request that waited when it was begun.
     std::uint64_t madeFor() const { return madeFor_; }
+    /// Why TLS failed, for people; empty before.
+    const std::string& words() const { return stream_->words(); }
     /// Whether it has had no request.
     bool isNew() const { return isNew_; }
 

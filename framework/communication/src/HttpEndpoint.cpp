@@ -280,7 +280,6 @@ void HttpEndpoint::onConnected(Connector& connector, std::shared_ptr<Stream> str
                      [&](const Connecting& one) { return one.connector.get() == &connector; });
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
-    lastWords_.clear();
     // The one that answered is tried first.
     const auto answered = std::find(addresses_.begin(), addresses_.end(), address);
     if (answered != addresses_.end()) {
@@ -308,15 +307,20 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
     const std::string cause = causeOf(status, words);
-    if (!cause.empty() && cause != lastWords_) {
-        lastWords_ = causeOf(status, words);
-        context_.logger.logWarning(false) << cause;
-    }
+    logOnce(cause);
     if (settings_->config.unixSocketPath.empty() && addressesEnd_ != Clock::time_point::max()) {
         addressesEnd_ = Clock::time_point::min();  // They may have changed.
     }
     const bool concernsAll = connections_.empty() && status != CommunicationStatus::OutOfMemory;
     failWaiting(status, ended.lastWaiting, concernsAll, cause);
+}
+
+/// A cause that comes again before the next answer is not news.
+void HttpEndpoint::logOnce(const std::string& cause) {
+    if (!cause.empty() && cause != lastWords_) {
+        lastWords_ = cause;
+        context_.logger.logWarning(false) << cause;
+    }
 }
 
 /// In words, with the endpoint. Empty where memory is lacking.
@@ -329,6 +333,8 @@ std::string HttpEndpoint::causeOf(CommunicationStatus status,
                 return "no answer from " + settings_->origin.authority + " in time";
             case CommunicationStatus::ResolveFailed:
                 return "the host " + next.host + " is not known";
+            case CommunicationStatus::TlsFailed:
+                return "TLS with " + settings_->origin.authority + " failed: " + words;
             default:
                 return words;
         }
@@ -354,6 +360,7 @@ void HttpEndpoint::onAnswered(Connection& connection, std::unique_ptr<Request> r
                               bool isKept) {
     --busy_;
     hasHadEarlyBytes_ = false;
+    lastWords_.clear();
     end(std::move(request), CommunicationStatus::Ok);
     if (!isKept) {
         drop(connection);
@@ -371,7 +378,10 @@ void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> req
         if (status == CommunicationStatus::Ok) {
             again_.push(std::move(request));
         } else {
-            end(std::move(request), status);
+            const std::string cause =
+                status == CommunicationStatus::TlsFailed ? causeOf(status, connection.words()) : "";
+            logOnce(cause);
+            end(std::move(request), status, cause);
         }
     } else if (connection.isNew()) {
         onUseless(connection, status);
@@ -385,7 +395,10 @@ void HttpEndpoint::onUseless(const Connection& connection, CommunicationStatus s
     const bool isTriedAgain =
         status == CommunicationStatus::Malformed && !std::exchange(hasHadEarlyBytes_, true);
     if (!isTriedAgain) {
-        failWaiting(status, connection.madeFor(), connections_.size() == 1);
+        const std::string cause =
+            status == CommunicationStatus::TlsFailed ? causeOf(status, connection.words()) : "";
+        logOnce(cause);
+        failWaiting(status, connection.madeFor(), connections_.size() == 1, cause);
     }
 }
 

@@ -79,6 +79,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     bool wantsConnection() const;
     void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool concernsAll,
                      const std::string& cause = {});
+    void logOnce(const std::string& cause);
     std::string causeOf(CommunicationStatus status, const std::string& words) const noexcept;
     void onUseless(const Connection& connection, CommunicationStatus status);
 

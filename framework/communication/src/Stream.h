@@ -55,12 +55,15 @@ class Stream {
     /// Sends both, of which the body must stay until it is sent or the stream is closed. Broken:
     /// the outstanding read ends, with what the peer has said before. Throws std::bad_alloc.
     virtual Written write(std::string_view head, std::string_view body) = 0;
+    /// Why TLS failed, for people; empty before.
+    const std::string& words() const { return words_; }
     /// Ends all. The listener is told nothing any more.
     virtual void close() noexcept = 0;
 
   protected:
     Listener* listener_ = nullptr;
     ReadBuffer bytes_;
+    std::string words_;
 };
 
 }  // namespace orvx::communication

@@ -62,7 +62,13 @@ void TlsStream::onRead(const error_code& error, std::size_t count) {
         return;
     }
     if (error) {
-        listener_->onEnd(endOf(error));
+        End end = endOf(error);
+        try {
+            words_ = end == End::TlsFailed ? TlsClient::whatFailed(native(), error) : "";
+        } catch (const std::bad_alloc&) {
+            end = End::OutOfMemory;
+        }
+        listener_->onEnd(end);
         return;
     }
     bytes_.received(count);

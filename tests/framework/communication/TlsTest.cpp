@@ -147,6 +147,13 @@ TEST_F(Tls, SaysInWordsWhatFailed) {
     elsewhere.subject = "IP:127.0.0.2";
     EXPECT_THAT(wordsFor(elsewhere), HasSubstr("IP address mismatch"));
     EXPECT_THAT(wordsFor(version(TLS1_1_VERSION)), HasSubstr("protocol version"));
+    for (const int version :
+         {TLS1_2_VERSION, TLS1_3_VERSION}) {  // the latter tells after the handshake
+        TlsServer::Options mutual;
+        mutual.version = version;
+        mutual.isMutual = true;
+        EXPECT_THAT(wordsFor(mutual), HasSubstr(" alert ")) << version;
+    }
 }
 
 TEST_F(Tls, TrustsNoAuthorityOfTheSystemBesideItsOwn) {
