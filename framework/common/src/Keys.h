@@ -16,11 +16,15 @@ struct Keys {
     const std::string description = "description";
     const std::string versions = "versions";
     const std::string privileges = "privileges";
-    const std::string serviceCategories = "serviceCategories";
 };
 
-/// Never destroyed: threads may use descriptions until the process ends. In place, so that a
-/// plug-in that is loaded and unloaded many times loses the one long text each time and no more.
+/// Made for each use: this text is too long to lie in place.
+inline std::string keyOfServiceCategories() {
+    return "serviceCategories";
+}
+
+/// Never destroyed: threads may use descriptions until the process ends. All lies in place, so that
+/// a plug-in that is loaded and unloaded many times leaks nothing.
 inline const Keys& keys() {
     union NeverDestroyed {
         const Keys keys;

@@ -36,7 +36,7 @@ void ServiceCreate::setPrivileges(const std::vector<std::string>& privileges) {
 }
 
 void ServiceCreate::setServiceCategories(const std::vector<std::string>& categories) {
-    object().setValue(keys().serviceCategories, categories);
+    object().setValue(keyOfServiceCategories(), categories);
 }
 
 }  // namespace orvx::common

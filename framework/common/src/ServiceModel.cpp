@@ -93,11 +93,11 @@ std::vector<std::string> ServiceModel::getPrivileges() const {
 }
 
 bool ServiceModel::hasServiceCategories() const {
-    return object().hasValue(keys().serviceCategories);
+    return object().hasValue(keyOfServiceCategories());
 }
 
 std::vector<std::string> ServiceModel::getServiceCategories() const {
-    return object().getTexts(keys().serviceCategories);
+    return object().getTexts(keyOfServiceCategories());
 }
 
 void ServiceModel::updateServiceInfo(const ServiceInfo& serviceInfo) {
