@@ -134,9 +134,10 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// with ERROR / DELEGATOR_NOT_INITIATED. Sets may have any number of services, also none.
     ///
     /// Every callback is called exactly once. Those that wait when the client is stopped are called
-    /// with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that calls it; a
-    /// registration that is answered so is over, also when the client is started again. Handles
-    /// that are called when the context was de-initialised do nothing, as without resilience.
+    /// with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that calls it,
+    /// and must not destroy the context; a registration that is answered so is over, also when the
+    /// client is started again. Handles that are called when the context was de-initialised do
+    /// nothing, as without resilience.
     ///
     /// Default: false.
     void enableResilience(bool enable);
