@@ -80,7 +80,7 @@ struct RegistrationEvent {
 
     /// What happened.
     Kind kind = Kind::Announced;
-    /// As it stands after the event. The reason of Unreachable is its last failure.
+    /// As it stands after the event. The reason of Unreachable and of Lost is its last failure.
     RegistrationStatus status;
 };
 

@@ -208,7 +208,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     void noteCheckLocked(std::uint64_t id, const RequestContainer& container,
                          RegistrationData& record, const communication::HttpResponse& response)
         ORVX_REQUIRES(mutex);
-    bool markLostLocked(std::uint64_t id, RequestContainer& container) ORVX_REQUIRES(mutex);
+    bool markLostLocked(std::uint64_t id, RequestContainer& container,
+                        const communication::HttpResponse& response) ORVX_REQUIRES(mutex);
     std::chrono::milliseconds checkDelay() const;
 
     // Unregistration.cpp

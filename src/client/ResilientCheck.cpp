@@ -36,7 +36,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr
         lockIsHeld();
         Milliseconds due = now();
         if (isGone(response)) {
-            markLostLocked(*entry);
+            markLostLocked(*entry, response);
             lookAtAllLocked(entry->endpoint, entry.get());
         } else {
             if (isSuccess(response)) {
@@ -73,13 +73,16 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::dueAfterNoA
                                         : checkInterval());
 }
 
-void OrvServiceRegistryClient::ResilientUpkeep::markLostLocked(Entry& entry) {
+void OrvServiceRegistryClient::ResilientUpkeep::markLostLocked(Entry& entry,
+                                                               const HttpResponse& response) {
+    const auto reason = RegistrationFacts::failureOf("HEAD", response, now());
     for (Member* const member : entry.members) {
         Registration& registration = member->second;
         registration.request->serviceCreate->setUri("");
         registration.request->serviceCreate->setId("");
         notifyLocked(*member, false);
         Upkeep::succeedLocked(member->first, *registration.request, registration.facts);
+        registration.facts.failure = reason;
         if (!registration.withdrawn) {
             enterLocked(member->first, *registration.request, registration.facts, State::Lost,
                         Kind::Lost);

@@ -149,7 +149,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     // ResilientCheck.cpp
     void handleHead(const std::shared_ptr<Entry>& entry, std::uint32_t number,
                     const HttpResponse& response) ORVX_EXCLUDES(client_.mutex);
-    void markLostLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
+    void markLostLocked(Entry& entry, const HttpResponse& response) ORVX_REQUIRES(client_.mutex);
     void giveUpHeadLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
     void noteAnswerLocked(Entry& entry, const HttpResponse& response) ORVX_REQUIRES(client_.mutex);
     void lookAtAllLocked(Endpoint& endpoint, const Entry* except) ORVX_REQUIRES(client_.mutex);

@@ -100,7 +100,7 @@ bool OrvServiceRegistryClient::recordHeadResponse(
     const bool isLost = response.getCommunicationStatus() == CommunicationStatus::Ok &&
                         response.getStatusCode() == HttpResponse::StatusCode::NotFound;
     if (isLost) {
-        return markLostLocked(id, *container);
+        return markLostLocked(id, *container, response);
     }
     if (record) {
         scheduleCheck(id, container);
@@ -124,11 +124,13 @@ void OrvServiceRegistryClient::noteCheckLocked(std::uint64_t id, const RequestCo
 }
 
 /// False when there is nothing to register again.
-bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer& container) {
+bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer& container,
+                                              const HttpResponse& response) {
     const auto record = mapRegistryCallback->find(id);
     if (!record || isUnregistering(record->state)) {
         return false;
     }
+    auto reason = RegistrationFacts::failureOf("HEAD", response, timer.now());
     Tasks notification = notificationLocked(container.serviceCreate, false);
     mapRegistryCallback->describe(container, "", "");
     record->state = REREGISTERING;
@@ -137,6 +139,7 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
         logger->logInfo(false) << "automatic re-register with request: " << *container.uri;
     }
     upkeep->succeedLocked(id, container, record->facts);
+    record->facts.failure = std::move(reason);
     upkeep->enterLocked(id, container, record->facts, RegistrationStatus::State::Lost,
                         RegistrationEvent::Kind::Lost);
     return true;

@@ -43,7 +43,7 @@ class Prepare(unittest.TestCase):
         self.assertEqual(installed_by("unknown"), set())
 
     def testKnowsTheGroupsOfEachPackage(self):
-        known = {"library", "tools", "demo", "test", "check", "docs", "bench", "arm64"}
+        known = {"library", "tools", "demo", "test", "check", "docs", "bench", "arm64", "package"}
         for package, groups in listed().items():
             self.assertLessEqual(set(groups), known, package)
 

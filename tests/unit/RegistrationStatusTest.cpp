@@ -63,6 +63,7 @@ TEST_P(TheStatusOfARegistration, FollowsItFromTheFirstPutToTheWithdrawal) {
     waitFor("HEAD");
     answer(404);
     EXPECT_EQ(state(), "lost");
+    EXPECT_EQ(status().lastFailure->text, "HEAD: HTTP status 404") << "the reason of the loss";
     waitFor("PUT");
     answer(200, location("/def"));
     EXPECT_EQ(state(), "announced");

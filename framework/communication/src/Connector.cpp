@@ -211,7 +211,9 @@ void Connector::startTls() {
 void Connector::onHandshake(const error_code& error) {
     if (error) {
         guarded([this, &error] {
-            fail(CommunicationStatus::TlsFailed, TlsClient::whatFailed(secure_->native(), error));
+            fail(CommunicationStatus::TlsFailed,
+                 "TLS with " + settings_.origin.authority +
+                     " failed: " + TlsClient::whatFailed(secure_->native(), error));
         });
     } else {
         succeed(secure_);

@@ -333,11 +333,21 @@ std::string HttpEndpoint::causeOf(CommunicationStatus status,
                 return "no answer from " + settings_->origin.authority + " in time";
             case CommunicationStatus::ResolveFailed:
                 return "the host " + next.host + " is not known";
-            case CommunicationStatus::TlsFailed:
-                return "TLS with " + settings_->origin.authority + " failed: " + words;
             default:
                 return words;
         }
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
+/// Why TLS failed on a connection that stood. Empty otherwise, and where memory is lacking.
+std::string HttpEndpoint::wordsOf(const Connection& connection,
+                                  CommunicationStatus status) const noexcept {
+    try {
+        return status == CommunicationStatus::TlsFailed
+                   ? "TLS with " + settings_->origin.authority + " failed: " + connection.words()
+                   : "";
     } catch (const std::bad_alloc&) {
         return {};
     }
@@ -378,8 +388,7 @@ void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> req
         if (status == CommunicationStatus::Ok) {
             again_.push(std::move(request));
         } else {
-            const std::string cause =
-                status == CommunicationStatus::TlsFailed ? causeOf(status, connection.words()) : "";
+            const std::string cause = wordsOf(connection, status);
             logOnce(cause);
             end(std::move(request), status, cause);
         }
@@ -395,8 +404,7 @@ void HttpEndpoint::onUseless(const Connection& connection, CommunicationStatus s
     const bool isTriedAgain =
         status == CommunicationStatus::Malformed && !std::exchange(hasHadEarlyBytes_, true);
     if (!isTriedAgain) {
-        const std::string cause =
-            status == CommunicationStatus::TlsFailed ? causeOf(status, connection.words()) : "";
+        const std::string cause = wordsOf(connection, status);
         logOnce(cause);
         failWaiting(status, connection.madeFor(), connections_.size() == 1, cause);
     }

@@ -80,6 +80,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool concernsAll,
                      const std::string& cause = {});
     void logOnce(const std::string& cause);
+    std::string wordsOf(const Connection& connection, CommunicationStatus status) const noexcept;
     std::string causeOf(CommunicationStatus status, const std::string& words) const noexcept;
     void onUseless(const Connection& connection, CommunicationStatus status);
 
