@@ -3,10 +3,74 @@
 #include "AnnounceTest.h"
 #include "Terminal.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+
 namespace orvx::announce {
 namespace {
 
 using TheOutput = AnnounceTest;
+
+/// A pipe of the smallest size, of which the program gets the other end.
+class SmallPipe {
+  public:
+    explicit SmallPipe(std::string name) : name_(std::move(name)) {
+        EXPECT_EQ(::mkfifo(name_.c_str(), 0600), 0);
+        fd_ = ::open(name_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_GE(::fcntl(fd_, F_SETPIPE_SZ, 4096), 0);
+    }
+    ~SmallPipe() { ::close(fd_); }
+    SmallPipe(const SmallPipe&) = delete;
+    SmallPipe& operator=(const SmallPipe&) = delete;
+
+    const std::string& name() const { return name_; }
+    /// Up to the end of a line that contains `text`.
+    std::string readUntil(const std::string& text) const {
+        std::string read;
+        pollfd polled{fd_, POLLIN, 0};
+        while (read.find(text) == std::string::npos || read.back() != '\n') {
+            if (::poll(&polled, 1, 10'000) != 1) {
+                throw std::runtime_error("nothing was written for ten seconds");
+            }
+            std::array<char, 4096> bytes{};
+            const auto size = ::read(fd_, bytes.data(), bytes.size());
+            read.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        }
+        return read;
+    }
+
+  private:
+    std::string name_;
+    int fd_;
+};
+
+class ALongLine : public AnnounceTest {
+  protected:
+    /// The program, whose standard output is that pipe.
+    Words writingTo(const SmallPipe& pipe) const {
+        return Words{"-c",
+                     "exec \"$@\" >" + pipe.name(),
+                     "sh",
+                     ORVX_ANNOUNCE_PROGRAM,
+                     "--json",
+                     "--registry",
+                     urlOf(registry.port()),
+                     "--name",
+                     name,
+                     "--uri",
+                     "/lamp",
+                     "--port",
+                     std::to_string(service.port())};
+    }
+
+    const Folder folder;
+    const std::string name = std::string(6000, 'x');
+};
 
 class TheStatusFile : public AnnounceTest {
   protected:
@@ -86,6 +150,29 @@ TEST_F(TheOutput, TellsTheStatusWhenItIsAskedFor) {
     EXPECT_EQ(shown.at("since"), lines.at(1).at("time"));
     EXPECT_LE(shown.at("lastConfirmed"), shown.at("nextAttempt"));
     EXPECT_EQ(shown.count("lastFailure"), 0U);
+}
+
+TEST_F(ALongLine, DoesNotWaitForRoomInAPipeThatNobodyReads) {
+    const SmallPipe pipe(folder.file("pipe"));
+    ChildProcess announce("/bin/sh", writingTo(pipe));
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
+    EXPECT_THAT(entries(), IsEmpty());
+}
+
+TEST_F(ALongLine, ArrivesWholeWhenThePipeIsReadLater) {
+    const SmallPipe pipe(folder.file("pipe"));
+    ChildProcess announce("/bin/sh", writingTo(pipe));
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    const auto lines = linesOf(pipe.readUntil("\n"));
+    EXPECT_EQ(lines.at(0).at("service"), name);
+    announce.signal(SIGUSR1);
+    for (const json& line : linesOf(pipe.readUntil("\"status\""))) {
+        EXPECT_EQ(line.count("event"), 1U);
+    }
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
 }
 
 TEST_F(TheStatusFile, FollowsTheServiceFromItsStartToItsEnd) {

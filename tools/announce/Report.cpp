@@ -1,16 +1,25 @@
 // The lines that the program writes.
-// Everything happens on the main thread; there is no lock. The descriptor is shared with the
-// command and stays as it is: whether it would block is asked before.
+// Everything happens on the main thread; there is no lock. The open file description of the
+// standard stream is shared with the command, so its flags stay as they are: a pipe or a terminal
+// is opened a second time, without blocking; where that is forbidden, and for everything else,
+// poll() promises that some bytes can be written.
 
 #include "Report.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 namespace orvx::announce {
 
@@ -38,6 +47,24 @@ std::string shown(const json& value) {
     return isWord ? text.substr(1, text.size() - 2) : text;
 }
 
+/// Writes to the same pipe or terminal and never blocks; -1 when there is none.
+int openAgain(int descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0 ||
+        (!S_ISFIFO(status.st_mode) && ::isatty(descriptor) != 1)) {
+        return -1;
+    }
+    const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
+    return ::open(name.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+}
+
+/// poll() promises room for PIPE_BUF bytes in a pipe.
+ssize_t writeSome(int descriptor, const std::string& bytes) {
+    const std::size_t size = std::min<std::size_t>(bytes.size(), PIPE_BUF);
+    const auto sent = ::send(descriptor, bytes.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sent < 0 && errno == ENOTSOCK ? ::write(descriptor, bytes.data(), size) : sent;
+}
+
 }  // namespace
 
 std::string timestamp(std::chrono::system_clock::time_point when) {
@@ -49,10 +76,17 @@ std::string timestamp(std::chrono::system_clock::time_point when) {
 }
 
 Report::Report(int descriptor, bool asJson)
-    : descriptor_(descriptor),
+    : ownDescriptor_(openAgain(descriptor)),
+      descriptor_(ownDescriptor_ < 0 ? descriptor : ownDescriptor_),
       asJson_(asJson),
       colour_(::isatty(descriptor) == 1 && environment("NO_COLOR").empty() &&
               environment("TERM") != "dumb") {}
+
+Report::~Report() {
+    if (ownDescriptor_ >= 0) {
+        ::close(ownDescriptor_);
+    }
+}
 
 void Report::event(const std::string& name, Mood mood, const json& details) {
     std::string line;
@@ -64,9 +98,28 @@ void Report::event(const std::string& name, Mood mood, const json& details) {
         line = forPeople(name, mood, details);
     }
     line += '\n';
+    writeRest();
+    if (rest_.empty()) {
+        rest_ = std::move(line);
+        const std::size_t whole = rest_.size();
+        writeRest();
+        if (rest_.size() == whole) {
+            rest_.clear();
+        }
+    }
+}
+
+void Report::writeRest() {
     pollfd polled{descriptor_, POLLOUT, 0};
-    if (::poll(&polled, 1, 0) == 1 && (polled.revents & POLLOUT) != 0) {
-        [[maybe_unused]] const auto written = ::write(descriptor_, line.data(), line.size());
+    while (!rest_.empty() && ::poll(&polled, 1, 0) == 1 && (polled.revents & POLLOUT) != 0) {
+        const ssize_t written = writeSome(descriptor_, rest_);
+        if (written > 0) {
+            rest_.erase(0, static_cast<std::size_t>(written));
+        } else if (errno != EAGAIN) {
+            rest_.clear();
+        } else {
+            return;
+        }
     }
 }
 

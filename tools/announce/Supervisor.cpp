@@ -45,6 +45,7 @@ int Supervisor::run() {
     loop_.post([this] { startCommand(); });
     loop_.run();
     keepStatus();
+    report_.writeRest();
     return exitCode_;
 }
 
@@ -237,6 +238,7 @@ int Supervisor::exitCodeOfTheCommand() const {
 }
 
 void Supervisor::tick() {
+    report_.writeRest();
     keepStatusSoon();
     loop_.after(kTick, [this] { tick(); });
 }
