@@ -2,7 +2,11 @@
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <functional>
 #include <map>
 
 namespace orvx::announce {
@@ -34,6 +38,21 @@ class AReload : public AnnounceTest {
             return request.method == method && (target.empty() || request.target == target);
         });
     }
+
+    /// The file of --from becomes something else while the program runs.
+    void expectNotReloaded(const std::function<void(const std::string&)>& replace,
+                           const std::string& reason) const {
+        const auto file = write(json::array({lamp("same", "a")}));
+        Announce announce(options(file));
+        announce.awaitOutput("\"announced\"");
+        std::filesystem::remove(file);
+        replace(file);
+        announce.signal(SIGHUP);
+        announce.awaitOutput("\"not-reloaded\"");
+        EXPECT_EQ(entries().size(), 1U);
+        EXPECT_THAT(announce.stopped(0).output, HasSubstr(file + ": " + reason));
+    }
+    static void makeFifo(const std::string& file) { ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0); }
 
     const Folder folder;
 };
@@ -101,6 +120,60 @@ TEST_F(AReload, OfADescriptionWithoutAnAnswerYetAnnouncesTheNewOne) {
     const std::map<std::string, std::string> wanted{{"/lamp", "b"}};
     EXPECT_TRUE(eventually([&] { return descriptions() == wanted; }));
     EXPECT_THAT(announce.stopped(0).output, Not(HasSubstr("refused")));
+}
+
+TEST_F(AReload, OfAFolderChangesNothing) {
+    expectNotReloaded([](const auto& file) { std::filesystem::create_directory(file); },
+                      "not a regular file");
+}
+
+TEST_F(AReload, OfAFifoThatNobodyWritesToDoesNotWait) {
+    expectNotReloaded(makeFifo, "not a regular file");
+}
+
+TEST_F(AReload, OfAHugeFileChangesNothing) {
+    expectNotReloaded(
+        [](const auto& file) {
+            std::ofstream(file).close();
+            std::filesystem::resize_file(file, (16 << 20) + 1);
+        },
+        "larger than 16 MiB");
+}
+
+TEST_F(AReload, OfATokenFileThatIsAFifoKeepsTheTokenAndDoesNotWait) {
+    const auto token = folder.file("token", "secret\n");
+    Announce announce(options(write(json::array({lamp("same", "a")}))) +
+                      Words{"--token-file", token});
+    announce.awaitOutput("\"announced\"");
+    std::filesystem::remove(token);
+    makeFifo(token);
+    announce.signal(SIGHUP);
+    announce.awaitOutput("\"reloaded\"");
+    EXPECT_THAT(announce.stopped(0).output,
+                AllOf(HasSubstr("\"no-token\""), HasSubstr(token + ": not a regular file")));
+    for (const Request& request : front.requests()) {
+        EXPECT_EQ(request.header("Authorization"), "Bearer secret") << request.method;
+    }
+}
+
+TEST_F(AReload, OfAPipeFromTheShellIsRefusedAndTheStartIsNot) {
+    const auto file = write(json::array({lamp("same", "a")}));
+    ChildProcess announce(
+        "/bin/bash", Words{"-c", "exec \"$@\" --from <(cat " + file + ")", "bash",
+                           ORVX_ANNOUNCE_PROGRAM, "--json", "--registry", urlOf(front.port())});
+    announce.awaitOutput("\"announced\"");
+    announce.signal(SIGHUP);
+    announce.awaitOutput("not a regular file");
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
+}
+
+TEST_F(AReload, HasAFirstReadThatNamesAFileThatCannotBeRead) {
+    EXPECT_THAT(Announce(options("/")).ended(125).errors,
+                HasSubstr("--from: cannot read /: Is a directory"));
+    const auto file = write(json::array({lamp("same", "a")}));
+    EXPECT_THAT(Announce(options(file) + Words{"--token-file", "/"}).ended(125).errors,
+                HasSubstr("/: Is a directory"));
 }
 
 }  // namespace

@@ -193,7 +193,7 @@ void complete(Options& options) {
     if (!registry.secure && !(registry.authorityFile + registry.clientCertificateFile).empty()) {
         throw UsageError("--ca-file and --client-cert need a registry with https");
     }
-    options.services = describe(options.service, options.registry);
+    options.services = describe(options.service, options.registry, Reading::First);
 }
 
 }  // namespace

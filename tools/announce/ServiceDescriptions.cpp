@@ -151,12 +151,13 @@ GenericObjectValue toValue(const json& value) {
 
 }  // namespace
 
-std::vector<json> describe(const ServiceOptions& options, const RegistryOptions& registry) {
+std::vector<json> describe(const ServiceOptions& options, const RegistryOptions& registry,
+                           Reading reading) {
     if (options.file.empty() && options.name.empty()) {
         throw UsageError("--name or --from is needed");
     }
-    const auto read = options.file.empty() ? std::vector{ReadService{fromOptions(options), ""}}
-                                           : readServiceFile(options.file);
+    const auto read = options.file.empty() ? std::vector{ReadService{fromOptions(options)}}
+                                           : readServiceFile(options.file, reading);
     std::vector<json> services;
     std::set<std::string> uris;
     for (const ReadService& one : read) {

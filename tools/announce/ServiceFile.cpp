@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
+#include <exception>
 #include <iterator>
 #include <string_view>
 
@@ -44,12 +44,12 @@ struct Counted {
     std::size_t* count;
 };
 
-/// Of the byte with that number, from 0.
-std::string place(const std::string& file, std::string_view text, std::size_t byte) {
-    const std::string_view before = text.substr(0, byte);
+/// Of the byte with that number, from 0. Its work grows with that number: for messages only.
+std::string place(const ServiceFileText& file, std::size_t byte) {
+    const std::string_view before = std::string_view(file.text).substr(0, byte);
     const auto lines = std::count(before.begin(), before.end(), '\n');
     const auto column = before.size() - (before.rfind('\n') + 1);
-    return file + ":" + std::to_string(lines + 1) + ":" + std::to_string(column + 1) + ": ";
+    return file.name + ":" + std::to_string(lines + 1) + ":" + std::to_string(column + 1) + ": ";
 }
 
 std::string quoted(const std::string& text) {
@@ -84,6 +84,14 @@ void takeProperties(ReadService& service) {
     }
 }
 
+std::string contentOf(const std::string& name, Reading reading) {
+    try {
+        return readInputFile(name, reading);
+    } catch (const std::exception& error) {
+        throw UsageError(std::string("--from: cannot read ") + error.what());
+    }
+}
+
 std::string withoutPrefix(const std::string& message) {
     const auto end = message.find(": ");
     return end == std::string::npos ? message : message.substr(end + 2);
@@ -93,26 +101,24 @@ std::string withoutPrefix(const std::string& message) {
 
 void ReadService::refuse(const std::string& key, const std::string& why) const {
     const auto found = keysAt.find(key);
-    throw UsageError((found == keysAt.end() ? at : found->second) + why);
+    const std::size_t byte = found == keysAt.end() ? at : found->second;
+    throw UsageError((file == nullptr ? "" : place(*file, byte)) + why);
 }
 
-std::vector<ReadService> readServiceFile(const std::string& name) {
-    std::ifstream stream(name);
-    if (!stream) {
-        throw UsageError("--from: cannot read " + name);
-    }
-    const std::string text{std::istreambuf_iterator<char>(stream), {}};
+std::vector<ReadService> readServiceFile(const std::string& name, Reading reading) {
+    const auto file =
+        std::make_shared<const ServiceFileText>(ServiceFileText{name, contentOf(name, reading)});
+    const std::string& text = file->text;
     std::vector<ReadService> services;
     std::size_t count = 0;
     const auto keepPlace = [&](int depth, json::parse_event_t event, const json& parsed) {
-        const std::string here = place(name, text, count - (count > 0 ? 1 : 0));
         if (depth == 1 && event == json::parse_event_t::object_start) {
-            services.push_back({{}, here});
+            services.push_back({{}, file, count - std::min<std::size_t>(count, 1)});
         } else if (depth == 2 && event == json::parse_event_t::key && !services.empty()) {
             const auto key = parsed.get<std::string>();
-            const std::string begin = place(name, text, count - std::min(count, key.size() + 2));
+            const std::size_t begin = count - std::min(count, key.size() + 2);
             if (!services.back().keysAt.emplace(key, begin).second) {
-                throw UsageError(begin + quoted(key) + " stands there twice");
+                throw UsageError(place(*file, begin) + quoted(key) + " stands there twice");
             }
         }
         return true;
@@ -122,7 +128,7 @@ std::vector<ReadService> readServiceFile(const std::string& name) {
         content = json::parse(Counted{text.data(), &count},
                               Counted{text.data() + text.size(), &count}, keepPlace);
     } catch (const json::parse_error& error) {
-        throw UsageError(place(name, text, error.byte - (error.byte > 0 ? 1 : 0)) +
+        throw UsageError(place(*file, error.byte - (error.byte > 0 ? 1 : 0)) +
                          withoutPrefix(error.what()));
     }
     if (!content.is_array() || content.empty() || services.size() != content.size()) {

@@ -133,7 +133,7 @@ void Supervisor::onHangup(bool fromTerminal) {
 
 void Supervisor::readTokenAgain() {
     try {
-        token_.read();
+        token_.readAgain();
     } catch (const std::exception& error) {
         report_.event("no-token", Mood::Bad, {{"reason", error.what()}});
     }
@@ -144,9 +144,10 @@ void Supervisor::readServicesAgain() {
         return;
     }
     try {
-        report_.event("reloaded", Mood::Plain,
-                      announcer_.update(describe(options_.service, options_.registry)));
-    } catch (const UsageError& error) {
+        report_.event(
+            "reloaded", Mood::Plain,
+            announcer_.update(describe(options_.service, options_.registry, Reading::Again)));
+    } catch (const std::exception& error) {
         report_.event("not-reloaded", Mood::Bad, {{"reason", error.what()}});
     }
 }

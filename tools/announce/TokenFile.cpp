@@ -3,29 +3,24 @@
 
 #include "TokenFile.h"
 
-#include <cerrno>
-#include <fstream>
-#include <iterator>
-#include <system_error>
+#include "InputFile.h"
 
 namespace orvx::announce {
 
 TokenFile::TokenFile(std::string name) : name_(std::move(name)) {
     if (!name_.empty()) {
         credentials_ = std::make_shared<communication::HttpCredentials>();
-        read();
+        take(readInputFile(name_, Reading::First));
     }
 }
 
-void TokenFile::read() {
-    if (name_.empty()) {
-        return;
+void TokenFile::readAgain() {
+    if (!name_.empty()) {
+        take(readInputFile(name_, Reading::Again));
     }
-    std::ifstream stream(name_);
-    if (!stream) {
-        throw std::system_error(errno, std::generic_category(), name_);
-    }
-    std::string token{std::istreambuf_iterator<char>(stream), {}};
+}
+
+void TokenFile::take(std::string token) {
     token.erase(token.find_last_not_of(" \t\r\n") + 1);
     credentials_->setBearerToken(token);
 }

@@ -11,12 +11,13 @@ namespace orvx::announce {
 /// Thread-safety: none; the credentials have their own.
 class TokenFile {
   public:
-    /// With an empty name there is no token. Throws as read().
+    /// With an empty name there is no token. Throws a std::exception that says why the file is of
+    /// no use.
     explicit TokenFile(std::string name);
 
-    /// Reads the file again; the next request shows what it holds, without the white space behind
-    /// it. Throws a std::exception that says why the file is of no use; the old token stays.
-    void read();
+    /// Reads the file, which must be a regular one now; the next request shows what it holds,
+    /// without the white space at its end. Throws as the constructor; the old token stays.
+    void readAgain();
 
     /// Null without a file.
     const std::shared_ptr<communication::HttpCredentials>& credentials() const {
@@ -24,6 +25,8 @@ class TokenFile {
     }
 
   private:
+    void take(std::string token);
+
     std::string name_;
     std::shared_ptr<communication::HttpCredentials> credentials_;
 };
