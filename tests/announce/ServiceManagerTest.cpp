@@ -57,6 +57,21 @@ TEST_F(TheServiceManager, IsToldAgainAndAgainThatTheProgramIsAliveIfItWantsTo) {
     told.await("WATCHDOG=1");
 }
 
+TEST_F(TheServiceManager, MayWantASignOfLifeLaterThanTheClockCounts) {
+    const Notifications told(folder.file("notify"));
+    const Words variables{"NOTIFY_SOCKET=" + folder.file("notify"),
+                          "WATCHDOG_USEC=9223372036854775807"};
+    ChildProcess announce("/usr/bin/env", started(variables, echo()));
+    announce.awaitOutput(" announced ");
+    std::string heard;
+    for (std::string one; one != "STATUS=1 of 1 announced"; heard += one + "\n") {
+        one = told.next();
+    }
+    EXPECT_EQ(heard.find("WATCHDOG=1"), heard.rfind("WATCHDOG=1"));
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
+}
+
 TEST_F(TheServiceManager, IsNotToldThatAnotherProcessIsAlive) {
     const Notifications told(folder.file("notify"));
     const Words variables{"NOTIFY_SOCKET=" + folder.file("notify"), "WATCHDOG_USEC=20000",

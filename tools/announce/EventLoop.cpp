@@ -106,9 +106,16 @@ void EventLoop::runPosted() {
 
 void EventLoop::runTimers() {
     const auto now = Clock::now();
-    while (!stopped_ && !timers_.empty() && timers_.begin()->first.first <= now) {
-        const Task task = std::move(timers_.begin()->second);
-        timers_.erase(timers_.begin());
+    const Timer newest = lastTimer_;
+    const auto nextDue = [&] {
+        const auto end = timers_.upper_bound({now, newest});
+        const auto isOld = [newest](const auto& entry) { return entry.first.second <= newest; };
+        const auto found = std::find_if(timers_.begin(), end, isOld);
+        return found == end ? timers_.end() : found;
+    };
+    for (auto due = nextDue(); !stopped_ && due != timers_.end(); due = nextDue()) {
+        const Task task = std::move(due->second);
+        timers_.erase(due);
         task();
     }
 }

@@ -7,25 +7,32 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 namespace orvx::announce {
 
+using std::chrono::milliseconds;
+
 namespace {
+
+/// What is longer may lie beyond the clock's end.
+constexpr milliseconds kLongestInterval = std::chrono::hours(1);
 
 std::string environment(const char* name) {
     const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets one
     return value == nullptr ? "" : value;
 }
 
-std::chrono::milliseconds thirdOfWatchdog() {
+milliseconds thirdOfWatchdog() {
     const std::string whose = environment("WATCHDOG_PID");
     const bool isOurs = whose.empty() || whose == std::to_string(::getpid());
     const long long microseconds =
         isOurs ? std::strtoll(environment("WATCHDOG_USEC").c_str(), nullptr, 10) : 0;
-    return std::chrono::milliseconds(microseconds > 0 ? microseconds / 3000 + 1 : 0);
+    return microseconds > 0 ? std::min(milliseconds(microseconds / 3000 + 1), kLongestInterval)
+                            : milliseconds(0);
 }
 
 }  // namespace
