@@ -67,6 +67,22 @@ class ManyServices : public AnnounceTest {
         return processorTimeOfChildren() - before;
     }
 
+    /// The processor time that reading so many services takes, of which the last one is wrong.
+    std::chrono::microseconds costOfReading(int count) const {
+        json set = json::array();
+        for (int i = 0; i < count; ++i) {
+            set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000}});
+        }
+        set.push_back({{"name", "lamp"}});
+        const auto before = processorTimeOfChildren();
+        const auto result = Announce({"--registry", urlOf(refused.port()), "--from",
+                                      folder.file("set.json", set.dump(1))})
+                                .ended(125);
+        EXPECT_THAT(result.errors, HasSubstr("set.json:" + std::to_string(4 * count + 2) +
+                                             ":2: the service has no port"));
+        return processorTimeOfChildren() - before;
+    }
+
     static void waitFor(const std::function<bool()>& condition,
                         const std::function<void()>& meanwhile) {
         const auto deadline = steady_clock::now() + kPatience;
@@ -149,6 +165,12 @@ TEST_F(ManyServices, CostProcessorTimeInProportionToTheirNumber) {
 
 TEST_F(ManyServices, CostProcessorTimeInProportionToTheirNumberWithoutARegistry) {
     expectCostInProportion(refused.port());
+}
+
+TEST_F(ManyServices, AreReadInTimeInProportionToTheirNumber) {
+    const auto few = costOfReading(2000);
+    const auto many = costOfReading(16000);
+    EXPECT_LE(many, 16 * few) << few.count() << " us for 2000, " << many.count() << " us for 16000";
 }
 
 TEST_F(ManyServices, HaveNoMoreThreadsThanOne) {

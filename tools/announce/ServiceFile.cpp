@@ -8,6 +8,7 @@
 #include <exception>
 #include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "Nearest.h"
 #include "Options.h"
@@ -84,6 +85,57 @@ void takeProperties(ReadService& service) {
     }
 }
 
+/// Notes where each description of the list begins, and each of its keys. (The parser's callback
+/// would do for that, but its work grows with the square of the list's length.)
+class Places : public json::json_sax_t {
+  public:
+    Places(std::shared_ptr<const ServiceFileText> file, const std::size_t& count)
+        : file_(std::move(file)), count_(count) {}
+
+    bool null() override { return true; }
+    bool boolean(bool) override { return true; }
+    bool number_integer(json::number_integer_t) override { return true; }
+    bool number_unsigned(json::number_unsigned_t) override { return true; }
+    bool number_float(json::number_float_t, const std::string&) override { return true; }
+    bool string(std::string&) override { return true; }
+    bool binary(json::binary_t&) override { return true; }
+    bool start_array(std::size_t) override {
+        ++depth_;
+        return true;
+    }
+    bool end_array() override {
+        --depth_;
+        return true;
+    }
+    bool start_object(std::size_t) override {
+        if (depth_++ == 1) {
+            services.push_back({{}, file_, count_ - 1});
+        }
+        return true;
+    }
+    bool end_object() override { return end_array(); }
+    bool key(std::string& parsed) override {
+        const std::string& key = parsed;
+        if (depth_ == 2 && !services.empty()) {
+            const std::size_t begin = count_ - std::min(count_, key.size() + 2);
+            if (!services.back().keysAt.emplace(key, begin).second) {
+                throw UsageError(place(*file_, begin) + quoted(key) + " stands there twice");
+            }
+        }
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&, const json::exception&) override {
+        return false;
+    }
+
+    std::vector<ReadService> services;
+
+  private:
+    std::shared_ptr<const ServiceFileText> file_;
+    const std::size_t& count_;
+    std::size_t depth_ = 0;
+};
+
 std::string contentOf(const std::string& name, Reading reading) {
     try {
         return readInputFile(name, reading);
@@ -109,37 +161,27 @@ std::vector<ReadService> readServiceFile(const std::string& name, Reading readin
     const auto file =
         std::make_shared<const ServiceFileText>(ServiceFileText{name, contentOf(name, reading)});
     const std::string& text = file->text;
-    std::vector<ReadService> services;
-    std::size_t count = 0;
-    const auto keepPlace = [&](int depth, json::parse_event_t event, const json& parsed) {
-        if (depth == 1 && event == json::parse_event_t::object_start) {
-            services.push_back({{}, file, count - std::min<std::size_t>(count, 1)});
-        } else if (depth == 2 && event == json::parse_event_t::key && !services.empty()) {
-            const auto key = parsed.get<std::string>();
-            const std::size_t begin = count - std::min(count, key.size() + 2);
-            if (!services.back().keysAt.emplace(key, begin).second) {
-                throw UsageError(place(*file, begin) + quoted(key) + " stands there twice");
-            }
-        }
-        return true;
-    };
     json content;
     try {
-        content = json::parse(Counted{text.data(), &count},
-                              Counted{text.data() + text.size(), &count}, keepPlace);
+        content = json::parse(text);
     } catch (const json::parse_error& error) {
         throw UsageError(place(*file, error.byte - (error.byte > 0 ? 1 : 0)) +
                          withoutPrefix(error.what()));
     }
+    std::size_t count = 0;
+    Places places(file, count);
+    json::sax_parse(Counted{text.data(), &count}, Counted{text.data() + text.size(), &count},
+                    &places);
+    std::vector<ReadService>& services = places.services;
     if (!content.is_array() || content.empty() || services.size() != content.size()) {
         throw UsageError(name + ": not a JSON list of descriptions");
     }
     for (std::size_t i = 0; i < services.size(); ++i) {
-        services[i].description = content[i];
+        services[i].description = std::move(content[i]);
         checkKeys(services[i]);
         takeProperties(services[i]);
     }
-    return services;
+    return std::move(services);
 }
 
 }  // namespace orvx::announce
