@@ -155,7 +155,7 @@ void addEnvironment(CLI::App& app) {
 /// The first of the words that is neither an option nor its value; empty if there is none.
 std::string firstStray(const CLI::App& app, char** begin, char** end) {
     for (char** word = begin; word != end; ++word) {
-        const std::string text = *word;
+        std::string text = *word;
         if (text.empty() || text[0] != '-') {
             return text;
         }
