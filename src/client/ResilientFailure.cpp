@@ -9,11 +9,39 @@
 #include <ctime>
 #include <iomanip>
 #include <locale>
+#include <optional>
 #include <sstream>
 
 namespace orvx::serviceregistryclient {
 
 using communication::CommunicationStatus;
+
+namespace {
+
+/// The three forms of a date in RFC 9110, section 5.6.7; nothing for any other text.
+std::optional<std::time_t> httpDate(const std::string& text) {
+    for (const char* const format :
+         {"%a, %d %b %Y %H:%M:%S GMT", "%A, %d-%b-%y %H:%M:%S GMT", "%a %b %e %H:%M:%S %Y"}) {
+        std::tm date{};
+        std::istringstream in(text);
+        in.imbue(std::locale::classic());
+        in >> std::get_time(&date, format);
+        if (in.fail()) {
+            continue;
+        }
+        const std::time_t time = timegm(&date);  // corrects the day of the week
+        // std::get_time() is lenient: the text is a date if the date is written like the text.
+        std::ostringstream out;
+        out.imbue(std::locale::classic());
+        out << std::put_time(&date, format);
+        if (out.str() == text) {
+            return time;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
 
 void OrvServiceRegistryClient::ResilientUpkeep::failLocked(Entry& entry, const char* method,
                                                            const HttpResponse& response) {
@@ -81,7 +109,6 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::backOffLock
     return std::max(entry.backoff->nextDelay(), shortestPause);
 }
 
-// A date is taken as it is defined for this header, and in no other form.
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::delayOf(
     const std::string& retryAfter, std::chrono::system_clock::time_point time) {
     const char* const end = retryAfter.data() + retryAfter.size();
@@ -93,20 +120,11 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::delayOf(
                    ? Milliseconds(1000 * static_cast<Milliseconds::rep>(seconds))
                    : longestRetryAfter;
     }
-    const char* const format = "%a, %d %b %Y %H:%M:%S GMT";
-    std::tm date{};
-    std::istringstream in(retryAfter);
-    in.imbue(std::locale::classic());
-    in >> std::get_time(&date, format);
-    const bool isRead = !in.fail();
-    const std::time_t until = timegm(&date);  // also makes the day of the week that of the date
-    std::ostringstream out;
-    out.imbue(std::locale::classic());
-    out << std::put_time(&date, format);
-    if (!isRead || out.str() != retryAfter) {
+    const std::optional<std::time_t> date = httpDate(retryAfter);
+    if (!date) {
         return Milliseconds::zero();
     }
-    const std::chrono::seconds delay(until - std::chrono::system_clock::to_time_t(time));
+    const std::chrono::seconds delay(*date - std::chrono::system_clock::to_time_t(time));
     return std::clamp<Milliseconds>(delay, Milliseconds::zero(), longestRetryAfter);
 }
 

@@ -189,12 +189,29 @@ TEST(RetryAfter, IsSecondsOrADateAndNothingElse) {
     EXPECT_EQ(Upkeep::delayOf("Sun, 06 Nov 1994 08:49:37 GMT", at), seconds(0));
     EXPECT_EQ(Upkeep::delayOf("Sun, 06 Nov 1994 08:00:00 GMT", at), seconds(0));
     EXPECT_EQ(Upkeep::delayOf("Fri, 31 Dec 9999 23:59:59 GMT", at), seconds(60));
-    for (const char* const text :
-         {"", "-1", "+1", "1.5", " 1", "1 ", "0x10", "soon", "Sun, 06 Nov 1994 08:49:47",
-          "Sunday, 06-Nov-94 08:49:47 GMT", "Sun Nov  6 08:49:47 1994",
-          "Sun, 6 Nov 1994 08:49:47 GMT", "Mon, 06 Nov 1994 08:49:47 GMT",
-          "Sun, 06 Nov 1994 08:49:47 GMT ", "Sun, 06 Nov 1994 08:49:47 CET",
-          "Sun, 06 Nov 1994 25:49:47 GMT", "sun, 06 nov 1994 08:49:47 gmt"}) {
+    EXPECT_EQ(Upkeep::delayOf("Sunday, 06-Nov-94 08:49:47 GMT", at), seconds(10));
+    EXPECT_EQ(Upkeep::delayOf("Sun Nov  6 08:49:47 1994", at), seconds(10));
+    EXPECT_EQ(Upkeep::delayOf("Wed Nov 16 08:49:37 1994", at), seconds(60));
+    for (const char* const text : {"",
+                                   "-1",
+                                   "+1",
+                                   "1.5",
+                                   " 1",
+                                   "1 ",
+                                   "0x10",
+                                   "soon",
+                                   "Sun, 06 Nov 1994 08:49:47",
+                                   "Monday, 06-Nov-94 08:49:47 GMT",
+                                   "Sunday, 06-Nov-1994 08:49:47 GMT",
+                                   "Sun Nov 6 08:49:47 1994",
+                                   "Sun Nov 06 08:49:47 1994",
+                                   "Mon Nov  6 08:49:47 1994",
+                                   "Sun, 6 Nov 1994 08:49:47 GMT",
+                                   "Mon, 06 Nov 1994 08:49:47 GMT",
+                                   "Sun, 06 Nov 1994 08:49:47 GMT ",
+                                   "Sun, 06 Nov 1994 08:49:47 CET",
+                                   "Sun, 06 Nov 1994 25:49:47 GMT",
+                                   "sun, 06 nov 1994 08:49:47 gmt"}) {
         EXPECT_EQ(Upkeep::delayOf(text, at), seconds(0)) << text;
     }
 }
