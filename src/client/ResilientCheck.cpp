@@ -60,7 +60,8 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr
 
 /// Its answer, if there is one yet, is too late for this check.
 void OrvServiceRegistryClient::ResilientUpkeep::giveUpHeadLocked(Entry& entry) {
-    const HttpResponse silence(CommunicationStatus::TimedOut);
+    const HttpResponse silence(CommunicationStatus::TimedOut,
+                               "no answer from " + entry.endpoint.info->getKey() + " in time");
     failLocked(entry, "HEAD", silence);
     entry.endpoint.isAnswering = false;
     entry.out = Request::None;

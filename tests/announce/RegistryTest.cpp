@@ -102,7 +102,8 @@ TEST_F(AnAnnouncement, KeepsBeingCheckedAlthoughACheckWasNotAnswered) {
     holdBack("HEAD");
     Announce announce(echo(front.port()) + kQuick + Words{"--check-timeout", "0.1"});
     announce.awaitOutput(" announced ");
-    announce.awaitOutput(" unreachable reason=\"HEAD: TIMED_OUT");
+    announce.awaitOutput(" unreachable reason=\"HEAD: TIMED_OUT: no answer from 127.0.0.1:" +
+                         std::to_string(front.port()) + " in time\"");
     announce.signal(SIGUSR1);
     announce.awaitOutput(" state=unreachable ");
     front.release("HEAD");

@@ -11,6 +11,7 @@ using communication::HttpResponse;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Le;
+using ::testing::MatchesRegex;
 
 class AnIndependentCheck : public ResilientTest {
   protected:
@@ -49,6 +50,8 @@ TEST_F(AnIndependentCheck, ThatTimesOutIsGivenUpAloneAndMadeAgainAfterTheInterva
     EXPECT_TRUE(head.isOutstanding()) << "the request ends with its own time-out";
     EXPECT_EQ(state(), "unreachable");
     EXPECT_EQ(status().lastFailure->communicationStatus, CommunicationStatus::TimedOut);
+    EXPECT_THAT(status().lastFailure->text,
+                MatchesRegex("HEAD: TIMED_OUT: no answer from .+:[0-9]+ in time"));
     EXPECT_EQ(waitFor("HEAD"), Seconds(10));
     answer(200);
     EXPECT_EQ(state(), "announced");
