@@ -5,6 +5,7 @@
 #include <orvx/communication/CommunicationStatus.h>
 
 #include <algorithm>
+#include <string_view>
 
 namespace orvx::serviceregistryclient {
 
@@ -42,6 +43,10 @@ std::shared_ptr<const RegistrationFacts::Failure> RegistrationFacts::failureOf(
     std::string text = std::string(method) + ": ";
     if (status == CommunicationStatus::Ok) {
         text += "HTTP status " + std::to_string(httpStatus);
+        const bool isSuccess = httpStatus == 200 || httpStatus == 201;
+        if (isSuccess && method == std::string_view("PUT")) {
+            text += " without a usable Location";
+        }
     } else {
         text += communicationStatusToString(status);
     }

@@ -67,6 +67,7 @@ TEST_F(APassingFailure, OfASuccessWithoutAUsableLocationIsTriedAgain) {
     registerService("echo");
     expectBackOff(3, [this](int round) {
         answer(201, round == 0 ? "" : location(round == 1 ? "abc" : "/"));
+        EXPECT_EQ(status().lastFailure->text, "PUT: HTTP status 201 without a usable Location");
     });
     expect("PUT", "/echo", 201, "abc");
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
