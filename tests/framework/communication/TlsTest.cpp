@@ -108,6 +108,20 @@ TEST_F(Tls, ResumesItsSessionsInBothVersions) {
     }
 }
 
+// RFC 8446, C.4: somebody who watches could recognise a client that shows a ticket again.
+TEST_F(Tls, ShowsATicketOfTls13Once) {
+    const TlsServer server({}, [](SSL& ssl) {
+        SSL_CTX_set_num_tickets(SSL_get_SSL_CTX(&ssl), 0);  // the first connection has got two
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    const SessionPointer secure = sessionWith(server);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(codeOf(remove(secure)), 200);
+    }
+    EXPECT_THAT(server.resumed(), ElementsAre(false, true, true, false));
+}
+
 TEST_F(Tls, ResumesNoSessionThatOtherAuthoritiesVerified) {
     const TlsServer server({}, [](SSL& ssl) {
         TlsServer::readRequest(ssl);
