@@ -1,6 +1,7 @@
 // How outcomes reach user code: as tasks of the callback executor, in the order in which they were
 // queued. Entered by every thread, with or without the lock; only queues. A task holds no reference
 // to the client.
+
 #include "Memory.h"
 #include "Upkeep.h"
 

@@ -1,5 +1,6 @@
 // Descriptions built from an endpoint. Entered by the user's threads; reads constants only, no
 // lock.
+
 #include "OrvServiceRegistryClient.h"
 
 #include <orvx/common/XObject.h>

@@ -1,6 +1,7 @@
 // Construction, start and stop of the client. Entered by the user's thread that makes, initialises
 // or ends the context; the end may come from inside a callback. The lock is held only to test and
 // clear `initiated`: what is being stopped may still need it to finish.
+
 #include "RegistrationTable.h"
 #include "ResilientUpkeep.h"
 #include "SpecifiedUpkeep.h"

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <serviceregistryclient/IOrvServiceRegistryClient.h>
-#include <serviceregistryclient/RegistrationStatus.h>
-
 #include "ClientReference.h"
 #include "RegistrationState.h"
+
+#include <serviceregistryclient/IOrvServiceRegistryClient.h>
+#include <serviceregistryclient/RegistrationStatus.h>
 
 #include <orvx/communication/IClientHttpSession.h>
 #include <orvx/communication/OrvClientCommunicationContext.h>
@@ -39,7 +39,8 @@ class OrvServiceRegistryContext;
 ///   Registration.cpp         the PUT
 ///   RegistrationAnswer.cpp   its answer when it is a success
 ///   RegistrationFailure.cpp  its answer when it is not: retry, or give up
-///   StatusCheck.cpp          the periodic HEAD, its time-out, re-registration, the listener
+///   StatusCheck.cpp          the periodic HEAD, its time-out, re-registration
+///   StatusListener.cpp       setting and removing the status listener
 ///   Unregistration.cpp       the DELETE and its answer
 ///   CallbackDispatch.cpp     how outcomes reach user code
 ///   Memory.h                 what the library's threads do when memory runs out
@@ -95,7 +96,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         const common::ServiceInfo& serviceInfo,
         const std::shared_ptr<common::ServiceCreate>& service, ResponseCallback callback) override;
 
-    // StatusCheck.cpp
+    // StatusListener.cpp
     std::function<void()> addServiceRegisterStatusListener(StatusListener listener) override;
 
     // Synchronous.cpp
@@ -148,6 +149,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         const common::ServiceInfo& serviceInfo) ORVX_REQUIRES(mutex);
     std::shared_ptr<communication::IClientHttpSession> usableSessionLocked(
         const common::ServiceInfo& serviceInfo) ORVX_REQUIRES(mutex);
+    std::shared_ptr<communication::IClientHttpSession> beginRequestLocked(
+        std::uint64_t id, const RequestContainer& request, const char* caller) ORVX_REQUIRES(mutex);
     bool isWithoutSessionLocked(const common::ServiceInfo& serviceInfo) const ORVX_REQUIRES(mutex);
 
     // Registration.cpp
@@ -183,7 +186,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     void handlePutResponseError(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                                 communication::HttpResponse response) ORVX_EXCLUDES(mutex);
     /// What a failure leads to, once the lock is let go.
-    enum class Failure { Retried, GivenUp, Withdrawn };
+    enum class Failure { Ignored, Retried, GivenUp, Withdrawn };
     Failure recordFailure(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                           const communication::HttpResponse& response, Callbacks& callbacks)
         ORVX_EXCLUDES(mutex);

@@ -1,6 +1,7 @@
 // The registration request: completing a copy of the description, storing it, sending the PUT.
 // Entered by the user's threads, and by the timer's and the I/O thread when a PUT is sent again.
 // The lock is held to store and to look up, not while the request is handed to the session.
+
 #include "RegistrationTable.h"
 #include "Upkeep.h"
 
@@ -173,17 +174,10 @@ void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
         std::shared_ptr<communication::IClientHttpSession> session;
         {
             const utility::MutexLock lock(mutex);
-            if (!initiated) {
-                return;
-            }
-            const auto record = mapRegistryCallback->find(id);
-            if (!record) {
-                logger->logWarning(false)
-                    << "sendPutRequest called but id not found in mapRegistryCallback. id=" << id;
-                return;
-            }
-            record->facts.requestSent();
-            session = usableSessionLocked(*request->serviceInfo);
+            session = beginRequestLocked(id, *request, "sendPutRequest");
+        }
+        if (!session) {
+            return;
         }
         session->sendPutRequestJson(*request->uri, request->body->data(), request->body->size(),
                                     [this, id, request](HttpResponse response) {

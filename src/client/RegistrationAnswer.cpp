@@ -2,6 +2,7 @@
 // telling the callbacks and the listener, starting the check. Entered by the I/O thread. The lock
 // is held from looking up the registration until its record is written; callbacks are dispatched
 // after.
+
 #include "Memory.h"
 #include "RegistrationTable.h"
 #include "Upkeep.h"

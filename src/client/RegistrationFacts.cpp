@@ -1,5 +1,6 @@
 // What getRegistrations() and the registration listener are told, with both sets of rules. Entered
 // by every thread that enters the client, under its lock, but for the copy of a status.
+
 #include "Upkeep.h"
 
 #include <orvx/communication/CommunicationStatus.h>

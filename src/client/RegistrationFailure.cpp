@@ -2,6 +2,7 @@
 // after the check interval, or give up. Entered by the I/O thread, and by those that could not make
 // the PUT. The lock is held for the
 // decision; callbacks are dispatched after it is let go.
+
 #include "Memory.h"
 #include "RegistrationTable.h"
 #include "Upkeep.h"
@@ -41,7 +42,7 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
     if (!record) {
         logger->logError(false)
             << "handlePutResponseError called but id not found in mapRegistryCallback. id=" << id;
-        return Failure::Retried;
+        return Failure::Ignored;
     }
     upkeep->failLocked(id, *request, record->facts,
                        RegistrationFacts::failureOf("PUT", response, timer.now()));

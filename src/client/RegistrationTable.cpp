@@ -2,6 +2,7 @@
 // the client's lock. A record stands in the index under its lowest request id, so whatever changes
 // its ids or its registry id takes its entry out before and puts it back after, which needs no
 // memory.
+
 #include "RegistrationTable.h"
 
 #include <algorithm>

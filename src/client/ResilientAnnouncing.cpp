@@ -1,5 +1,6 @@
 // With resilience: answers to a PUT, and entries that turn out to be one. Entered by the I/O
 // thread.
+
 #include "Memory.h"
 #include "ResilientRecords.h"
 

@@ -1,6 +1,7 @@
 // With resilience: the blocking forms. Entered by the user's threads, which wait here; the callback
 // thread gathers the answers. Every wait ends: with the last answer, its time-out, or the client's
 // stop. After a wait nothing of the client is touched: it may be gone.
+
 #include "ResilientRecords.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>

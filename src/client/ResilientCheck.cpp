@@ -1,6 +1,7 @@
 // With resilience: answers to the check of an entry, its time-out, and what one answer says of the
 // other entries at that registry. Entered by the timer's thread and the I/O thread. Each entry has
 // a check of its own; a late answer is told by the number of its request.
+
 #include "Memory.h"
 #include "ResilientRecords.h"
 

@@ -1,5 +1,6 @@
 // With resilience: which failures pass, what they leave unknown, and when to try again. Entered by
 // the I/O thread; the static functions by any thread.
+
 #include "ResilientRecords.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>

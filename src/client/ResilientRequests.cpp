@@ -1,5 +1,6 @@
 // With resilience: which request of an entry is next, and how it is sent. Entered by the user's
 // threads, the timer's and the I/O thread, under the lock.
+
 #include "ResilientRecords.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>

@@ -1,6 +1,7 @@
 // With resilience: the registrations and their entries, what is due when, user code that is to run,
 // start and stop. Entered by the user's threads and the timer's. An entry stands in `dues_` at all
 // times, so planning needs no memory; the timer has a task for the first of them.
+
 #include "Memory.h"
 #include "RegistrationTable.h"
 #include "ResilientRecords.h"

@@ -1,5 +1,6 @@
 // With resilience: withdrawal, which may be asked for at any time and is kept, and answers to a
 // DELETE. Entered by the user's threads, the timer's and the I/O thread.
+
 #include "Memory.h"
 #include "ResilientRecords.h"
 

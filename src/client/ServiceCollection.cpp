@@ -1,6 +1,7 @@
 // Registering a set of services, in both forms: thin layers over the registration of one, called
 // through the interface so that an override counts. Entered by the user's threads; answers are
 // gathered on the callback thread. The client's lock is not taken.
+
 #include "ServiceCollectionData.h"
 #include "Upkeep.h"
 

@@ -1,6 +1,7 @@
 // One HTTP session for each registry endpoint, made on first use and kept. Entered by the threads
 // that send: the user's, the timer's, the I/O thread. The caller holds the lock.
-#include "OrvServiceRegistryClient.h"
+
+#include "RegistrationTable.h"
 
 #include <new>
 
@@ -40,6 +41,23 @@ std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::usa
                                 << serviceInfo.getKey();
     }
     return communicationContext.getUnavailableSession();
+}
+
+/// The session for the next PUT or DELETE of a registration, which counts as sent from here on.
+/// Null when nothing is to be sent: the client is stopped, or the id is gone, which `caller` logs.
+std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::beginRequestLocked(
+    std::uint64_t id, const RequestContainer& request, const char* caller) {
+    if (!initiated) {
+        return nullptr;
+    }
+    const auto record = mapRegistryCallback->find(id);
+    if (!record) {
+        logger->logWarning(false) << caller
+                                  << " called but id not found in mapRegistryCallback. id=" << id;
+        return nullptr;
+    }
+    record->facts.requestSent();
+    return usableSessionLocked(*request.serviceInfo);
 }
 
 // An empty entry stays empty: a request to this endpoint can never be sent.

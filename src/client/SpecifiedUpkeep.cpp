@@ -1,5 +1,6 @@
 // Without resilience: hands what is asked for to the client's own members, and adds the withdrawal
 // at the end. Entered by the user's threads.
+
 #include "SpecifiedUpkeep.h"
 
 #include "RegistrationTable.h"

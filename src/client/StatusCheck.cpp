@@ -2,6 +2,7 @@
 // status listener. Entered by the timer's thread (HEAD, time-out), the I/O thread (answers) and the
 // user's (listener). Everything happens under the lock, the HEAD's submission too: submitting never
 // waits and never calls a handler. Only the PUT of a re-registration is sent after it is let go.
+
 #include "Memory.h"
 #include "RegistrationTable.h"
 #include "Upkeep.h"
@@ -157,31 +158,6 @@ std::chrono::milliseconds OrvServiceRegistryClient::checkDelay() const {
         return milliseconds::min();
     }
     return interval;
-}
-
-std::function<void()> OrvServiceRegistryClient::addServiceRegisterStatusListener(
-    StatusListener listener) {
-    // Shared, so that handing it out under the lock copies a pointer and no user code.
-    StatusListener shared;
-    if (listener) {
-        shared = [owned = std::make_shared<const StatusListener>(std::move(listener))](
-                     std::shared_ptr<const common::ServiceModel> service, bool registered) {
-            (*owned)(std::move(service), registered);
-        };
-    }
-    // Made first: a listener that is set has a remover, even where memory runs out.
-    std::function<void()> remover = [reference = reference] {
-        StatusListener removed;  // user code: destroyed when the call has ended
-        reference->call([&removed](OrvServiceRegistryClient& client) {
-            const utility::MutexLock lock(client.mutex);
-            client.statusListener.swap(removed);
-        });
-    };
-    {
-        const utility::MutexLock lock(mutex);
-        statusListener.swap(shared);
-    }
-    return remover;
 }
 
 }  // namespace orvx::serviceregistryclient

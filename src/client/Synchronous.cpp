@@ -1,6 +1,7 @@
 // Blocking forms, made of the asynchronous ones and a promise. Entered by the user's threads, which
 // wait here; the callback thread fulfils the promises. No lock. After a wait nothing of the client
 // is touched: it may be gone.
+
 #include "Upkeep.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 // Withdrawing every registration, in both forms. Entered by the user's threads; answers are
 // gathered on the callback thread. The lock is held only while the snapshot is taken: what is
 // registered after it stays.
+
 #include "RegistrationTable.h"
 #include "ServiceCollectionData.h"
 #include "Upkeep.h"

@@ -1,6 +1,7 @@
 // Withdrawal: the DELETE, its answer, and what leaves the table. Entered by the user's threads and
 // the I/O thread. The lock is held to look up and to change the record, not while the DELETE is
 // handed to the session. Callbacks come in as copies made before it is taken.
+
 #include "Memory.h"
 #include "RegistrationTable.h"
 #include "Upkeep.h"
@@ -76,19 +77,11 @@ void OrvServiceRegistryClient::sendDeleteRequest(
         std::string path;
         {
             const utility::MutexLock lock(mutex);
-            if (!initiated) {
-                return;
-            }
-            const auto record = mapRegistryCallback->find(id);
-            if (!record) {
-                logger->logWarning(false)
-                    << "sendDeleteRequest called but id not found in mapRegistryCallback. id="
-                    << id;
-                return;
-            }
-            record->facts.requestSent();
-            path = "/" + RegistrationTable::registryIdOf(*container);
-            session = usableSessionLocked(*container->serviceInfo);
+            session = beginRequestLocked(id, *container, "sendDeleteRequest");
+            path = session ? "/" + RegistrationTable::registryIdOf(*container) : "";
+        }
+        if (!session) {
+            return;
         }
         session->sendDeleteRequest(std::move(path), "application/json",
                                    [this, id, container](HttpResponse response) {

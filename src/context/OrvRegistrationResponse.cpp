@@ -1,4 +1,5 @@
 // The names of the outcomes. Entered by any thread; no state, no lock.
+
 #include <serviceregistryclient/OrvRegistrationResponse.h>
 
 namespace orvx::serviceregistryclient {

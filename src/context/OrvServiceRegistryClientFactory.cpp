@@ -1,5 +1,6 @@
 // Makes the library's own client: the one place outside src/client/ that knows its class.
 // Entered by the thread that initialises a context; no lock.
+
 #include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
 
 #include "../client/OrvServiceRegistryClient.h"

@@ -1,18 +1,18 @@
 // The options, and the life of the one client. Entered by one user thread at a time; the client's
 // threads only call the getters, after init(), when nothing changes any more. No lock.
-#include <serviceregistryclient/OrvServiceRegistryContext.h>
 
-#include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
+#include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include "../client/OrvServiceRegistryClient.h"
 #include "../client/Upkeep.h"
+
+#include <serviceregistryclient/OrvServiceRegistryClientFactory.h>
 
 #include <orvx/utility/ForkMark.h>
 #include <orvx/utility/Mutex.h>
 #include <orvx/utility/OrvFoundationException.h>
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
-#include <atomic>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -70,8 +70,8 @@ struct OrvServiceRegistryContext::Data {
     std::chrono::milliseconds withdrawAtDeinit{0};
     RegistrationListener registrationListener;
     utility::ForkMark mark;
-    /// In a list of what forked children leaked, for leak checkers to find.
-    Data* older = nullptr;
+    /// Used by leakInForkedChild().
+    Data* nextLeaked = nullptr;
 
     /// In a forked child the client has no threads, and whatever lock they held is held for ever.
     bool isLeftBehind() const { return initiated && mark.isLeftBehind(); }
@@ -95,8 +95,7 @@ OrvServiceRegistryContext::OrvServiceRegistryContext() : data_(new Data) {}
 
 OrvServiceRegistryContext::~OrvServiceRegistryContext() {
     if (data_->isLeftBehind()) {
-        static std::atomic<Data*> newest;
-        data_->older = newest.exchange(data_);
+        utility::leakInForkedChild(data_);
         return;
     }
     data_->withdrawEverything();

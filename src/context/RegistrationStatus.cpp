@@ -1,4 +1,5 @@
 // The names of states and events. Entered by any thread; no state, no lock.
+
 #include <serviceregistryclient/RegistrationStatus.h>
 
 namespace orvx::serviceregistryclient {

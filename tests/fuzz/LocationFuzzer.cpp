@@ -5,11 +5,11 @@
 #include "ConsoleText.h"
 #include "Input.h"
 #include "RecordingLogger.h"
-#include "RequestTarget.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <orvx/common/XObject.h>
+#include <orvx/communication/RequestTarget.h>
 #include <orvx/simulation/World.h>
 
 #include <optional>

@@ -50,6 +50,9 @@ TEST(TheSharedLibrary, ShowsOnlyNamesOfItsOwn) {
                 Contains("_ZN4orvx21serviceregistryclient25OrvServiceRegistryContext4initEv"));
     EXPECT_THAT(names, Not(Contains(HasSubstr("24OrvServiceRegistryClient"))))
         << "no installed header declares that class";
+    EXPECT_THAT(names,
+                Not(Contains(AnyOf(HasSubstr("12WorkerThread"), HasSubstr("11HealthCheck")))))
+        << "internal headers of the framework export nothing";
     EXPECT_THAT(names, Each(MatchesRegex("_Z(T[VTIS]|T[hv][n0-9_]+)?NK?4orvx.*")));
 }
 

@@ -3,9 +3,10 @@
 
 #include <orvx/common/GenericObject.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string_view>
 

@@ -3,19 +3,13 @@
 
 #include <orvx/common/ServiceInfo.h>
 
+#include <orvx/utility/Ascii.h>
+#include <orvx/utility/HostAndPort.h>
+
 #include <algorithm>
 #include <tuple>
 
 namespace orvx::common {
-
-namespace {
-
-/// Host names compare without regard to case in ASCII only, whatever the process's locale is.
-char toLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-}  // namespace
 
 ServiceInfo::ServiceInfo(std::string name, std::string host, std::uint16_t port, std::string prefix,
                          ServiceVersion version)
@@ -26,11 +20,9 @@ ServiceInfo::ServiceInfo(std::string name, std::string host, std::uint16_t port,
       version_(std::move(version)) {}
 
 std::string ServiceInfo::getKey() const {
-    const bool bareIpv6 = host_.find(':') != std::string::npos && host_.front() != '[';
-    std::string key = bareIpv6 ? '[' + host_ + ']' : host_;
-    std::transform(key.begin(), key.end(), key.begin(), toLower);
-    key += ':';
-    return key += std::to_string(port_);
+    std::string key = utility::hostAndPort(host_, port_);
+    std::transform(key.begin(), key.end(), key.begin(), utility::toLower);
+    return key;
 }
 
 bool ServiceInfo::operator==(const ServiceInfo& other) const {

@@ -3,6 +3,8 @@
 
 #include "Address.h"
 
+#include <orvx/utility/HostAndPort.h>
+
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -136,12 +138,12 @@ std::string toText(const Address& address) {
     if (address.storage.ss_family == AF_INET) {
         const auto& v4 = reinterpret_cast<const sockaddr_in&>(address.storage);
         ::inet_ntop(AF_INET, &v4.sin_addr, text.data(), text.size());
-        return std::string(text.data()) + ":" + std::to_string(ntohs(v4.sin_port));
+        return utility::hostAndPort(text.data(), ntohs(v4.sin_port));
     }
     if (address.storage.ss_family == AF_INET6) {
         const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address.storage);
         ::inet_ntop(AF_INET6, &v6.sin6_addr, text.data(), text.size());
-        return "[" + std::string(text.data()) + "]:" + std::to_string(ntohs(v6.sin6_port));
+        return utility::hostAndPort(text.data(), ntohs(v6.sin6_port));
     }
     return reinterpret_cast<const sockaddr_un&>(address.storage).sun_path;
 }

@@ -5,6 +5,8 @@
 
 #include "Require.h"
 
+#include <orvx/utility/Ascii.h>
+
 #include <sys/un.h>
 
 #include <algorithm>
@@ -12,18 +14,12 @@
 
 namespace orvx::communication {
 
+using utility::equalsIgnoringCase;
+
 namespace {
 
 void requirePositive(bool isPositive, const char* option) {
     require(isPositive, std::string("HttpConfig::") + option + " must be greater than zero.");
-}
-
-bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-    const auto toLower = [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-    };
-    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                      [&](char a, char b) { return toLower(a) == toLower(b); });
 }
 
 bool isToken(const std::string& text) {

@@ -5,11 +5,17 @@
 
 namespace orvx::communication {
 
-void HealthCheck::record(bool answered) noexcept {
-    if (answered) {
-        failures_ = 0;
-    } else {
-        ++failures_;
+void HealthCheck::record(CommunicationStatus outcome) noexcept {
+    switch (outcome) {
+        case CommunicationStatus::Ok:
+            failures_ = 0;
+            break;
+        case CommunicationStatus::Abandoned:
+        case CommunicationStatus::InvalidRequest:
+        case CommunicationStatus::NoSession:
+            break;
+        default:
+            ++failures_;
     }
 }
 

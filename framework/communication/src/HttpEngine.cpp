@@ -7,6 +7,7 @@
 #include "HttpEngine.h"
 
 #include <orvx/utility/OrvFoundationException.h>
+
 #include <sys/eventfd.h>
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
@@ -28,27 +29,13 @@ namespace asio = boost::asio;
 
 namespace {
 
-ClientStatistics::Method methodOf(const Request& request) {
-    using Method = ClientStatistics::Method;
-    return request.kind == Request::Kind::Put    ? Method::Put
-           : request.kind == Request::Kind::Head ? Method::Head
-                                                 : Method::Delete;
-}
-
 void count(const Request& request, Clock::time_point now) noexcept {
     const bool isAnswered = request.status == CommunicationStatus::Ok;
     const std::uint64_t repeated = request.attempts > 1 ? request.attempts - 1 : 0;
-    request.settings->statistics->record({methodOf(request), request.status,
+    request.settings->statistics->record({methodOf(request.kind), request.status,
                                           isAnswered ? request.answer.statusCode : 0,
                                           now - request.submitted, repeated});
-    switch (request.status) {
-        case CommunicationStatus::Abandoned:
-        case CommunicationStatus::InvalidRequest:
-        case CommunicationStatus::NoSession:
-            break;
-        default:
-            request.settings->healthCheck->record(isAnswered);
-    }
+    request.settings->healthCheck->record(request.status);
 }
 
 HttpResponse responseTo(Request& request) {

@@ -4,6 +4,8 @@
 
 #include <orvx/communication/HttpResponse.h>
 
+#include <orvx/utility/Ascii.h>
+
 #include <algorithm>
 #include <string_view>
 
@@ -17,15 +19,6 @@ std::string_view trimmed(std::string_view text) {
         return {};
     }
     return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
-}
-
-char toLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool sameName(std::string_view left, std::string_view right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                      [](char a, char b) { return toLower(a) == toLower(b); });
 }
 
 /// Takes the first line off `text`; the line comes without its end.
@@ -104,7 +97,7 @@ std::vector<HttpMessage::Header> HttpResponse::getHeaders() const {
 std::optional<std::string> HttpResponse::getHeader(const std::string& name) const {
     HeaderReader reader(headerLines_);
     while (reader.next()) {
-        if (sameName(reader.name(), name)) {
+        if (utility::equalsIgnoringCase(reader.name(), name)) {
             return reader.value();
         }
     }

@@ -3,7 +3,7 @@
 
 #include "HttpSession.h"
 
-#include "RequestTarget.h"
+#include <orvx/communication/RequestTarget.h>
 
 #include <algorithm>
 #include <limits>

@@ -69,6 +69,14 @@ struct Request {
     Request* next = nullptr;  ///< Of the queue that it is in.
 };
 
+/// The method of a request; of Put, Head or Delete.
+constexpr ClientStatistics::Method methodOf(Request::Kind kind) {
+    using Method = ClientStatistics::Method;
+    return kind == Request::Kind::Put    ? Method::Put
+           : kind == Request::Kind::Head ? Method::Head
+                                         : Method::Delete;
+}
+
 /// Requests, first in first out. Owns them; never allocates. Not synchronised.
 class RequestQueue {
   public:

@@ -29,10 +29,6 @@ std::string valueOf(const std::shared_ptr<HttpCredentials>& credentials) {
     return credentials ? credentials->headerValue() : std::string();
 }
 
-std::string_view nameOf(Request::Kind kind) {
-    return kind == Request::Kind::Put ? "PUT " : kind == Request::Kind::Head ? "HEAD " : "DELETE ";
-}
-
 bool isReadByProxy(const EndpointSettings& settings) {
     return !settings.proxy.host.empty() && !settings.config.tls.enabled;
 }
@@ -51,7 +47,7 @@ std::string_view hostOf(const EndpointSettings& settings) {
 
 const std::string& RequestHeads::make(const Request& request) {
     const std::string& lines = linesOf(request);
-    head_.assign(nameOf(request.kind));
+    head_.assign(methodToString(methodOf(request.kind))).append(" ");
     if (isReadByProxy(*request.settings)) {
         head_.append("http://").append(request.settings->origin.authority);
     }

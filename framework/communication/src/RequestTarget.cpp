@@ -1,7 +1,8 @@
 // What may stand in a request line and in a URL (RFC 3986, sections 2 and 3).
 // Pure functions, entered by any thread; there is no lock. None depends on the process's locale.
 
-#include "RequestTarget.h"
+#include <orvx/communication/RequestTarget.h>
+#include <orvx/utility/HostAndPort.h>
 
 #include <arpa/inet.h>
 
@@ -51,18 +52,13 @@ bool isIpv6(const std::string& address) {
            ::inet_pton(AF_INET6, address.c_str(), &ignored) == 1;
 }
 
-/// Empty when it is none. Its zone means something on this machine only.
-std::string bracketedIpv6(std::string_view host) {
+/// The IPv6 address without its zone, which has a meaning on this machine only; empty when `host`
+/// is no IPv6 address.
+std::string ipv6WithoutZone(std::string_view host) {
     const auto percent = host.find('%');
-    const std::string address(host.substr(0, percent));
-    if (!isIpv6(address)) {
-        return {};
-    }
-    if (percent == std::string_view::npos) {
-        return '[' + address + ']';
-    }
-    const std::string zone(host.substr(percent + 1));
-    return isName(zone) ? '[' + address + ']' : std::string();
+    std::string address(host.substr(0, percent));
+    const bool isZoneValid = percent == std::string_view::npos || isName(host.substr(percent + 1));
+    return isIpv6(address) && isZoneValid ? address : std::string();
 }
 
 }  // namespace
@@ -96,8 +92,8 @@ std::string requestTarget(std::string path) {
 }
 
 std::string authority(const std::string& host, std::uint32_t port) {
-    const std::string usable = isName(host) ? host : bracketedIpv6(withoutBrackets(host));
-    return usable.empty() ? usable : usable + ':' + std::to_string(port);
+    const std::string usable = isName(host) ? host : ipv6WithoutZone(withoutBrackets(host));
+    return usable.empty() ? usable : utility::hostAndPort(usable, port);
 }
 
 bool hasControlCharacter(std::string_view text) {

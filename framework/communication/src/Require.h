@@ -1,7 +1,6 @@
 #pragma once
 
-#include "RequestTarget.h"
-
+#include <orvx/communication/RequestTarget.h>
 #include <orvx/utility/OrvFoundationException.h>
 
 #include <string>

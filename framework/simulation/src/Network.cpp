@@ -6,21 +6,10 @@
 
 namespace orvx::simulation {
 
-using communication::ClientStatistics;
 using communication::CommunicationStatus;
 using communication::HttpResponse;
 using communication::ResponseHandler;
-
-namespace {
-
-ClientStatistics::Method methodOf(const Request::Data& request) {
-    using Method = ClientStatistics::Method;
-    return request.method == "PUT"    ? Method::Put
-           : request.method == "HEAD" ? Method::Head
-                                      : Method::Delete;
-}
-
-}  // namespace
+using Method = communication::ClientStatistics::Method;
 
 void Network::close() {
     const auto self = shared_from_this();
@@ -45,17 +34,17 @@ Session::Session(std::shared_ptr<Network> network, std::string host, std::uint16
 
 void Session::sendPutRequest(std::string path, std::string contentType, std::string accept,
                              const char* content, std::uint64_t length, ResponseHandler handler) {
-    send({"PUT", std::move(path), std::move(contentType), std::move(accept),
+    send({Method::Put, std::move(path), std::move(contentType), std::move(accept),
           std::string(content, length)},
          std::move(handler));
 }
 
 void Session::sendHeadRequest(std::string uri, ResponseHandler handler) {
-    send({"HEAD", std::move(uri), "", "", ""}, std::move(handler));
+    send({Method::Head, std::move(uri), "", "", ""}, std::move(handler));
 }
 
 void Session::sendDeleteRequest(std::string uri, std::string contentType, ResponseHandler handler) {
-    send({"DELETE", std::move(uri), std::move(contentType), "", ""}, std::move(handler));
+    send({Method::Delete, std::move(uri), std::move(contentType), "", ""}, std::move(handler));
 }
 
 void Session::send(Request::Data request, ResponseHandler handler) {
@@ -65,6 +54,7 @@ void Session::send(Request::Data request, ResponseHandler handler) {
     if (request.path.empty() || request.path.front() != '/') {
         request.path.insert(0, 1, '/');
     }
+    request.method = methodToString(request.kind);
     request.host = host_;
     request.port = port_;
     request.number = ++network_->world().lastNumber;
@@ -79,7 +69,7 @@ void Session::send(Request::Data request, ResponseHandler handler) {
 
 void Session::keep(Request::Data request) {
     request.session = shared_from_this();
-    const bool isHead = request.method == "HEAD";
+    const bool isHead = request.kind == Method::Head;
     // Whatever can fail comes before the first merge.
     Requests sent{{request.number, std::make_shared<Request::Data>(std::move(request))}};
     Requests toTake = sent;
@@ -115,23 +105,18 @@ void Session::drop(Request::Data& request) {
 }
 
 SimulatedThread::Task Session::outcome(const Request::Data& request, HttpResponse response) {
-    return [self = shared_from_this(), method = methodOf(request), sentAt = request.sentAt,
+    return [self = shared_from_this(), method = request.kind, sentAt = request.sentAt,
             handler = request.handler, response = std::move(response)] {
         self->record(method, response, self->network_->world().now - sentAt);
         (*handler)(response);
     };
 }
 
-void Session::record(ClientStatistics::Method method, const HttpResponse& response,
+void Session::record(Method method, const HttpResponse& response,
                      std::chrono::milliseconds latency) const {
     const CommunicationStatus status = response.getCommunicationStatus();
     statistics_->record({method, status, static_cast<int>(response.getStatusCode()), latency});
-    const bool saysNothingOfTheServer = status == CommunicationStatus::Abandoned ||
-                                        status == CommunicationStatus::InvalidRequest ||
-                                        status == CommunicationStatus::NoSession;
-    if (!saysNothingOfTheServer) {
-        healthCheck_->record(status == CommunicationStatus::Ok);
-    }
+    healthCheck_->record(status);
 }
 
 }  // namespace orvx::simulation

@@ -11,11 +11,12 @@ namespace orvx::simulation {
 class Session;
 
 struct Request::Data {
-    std::string method;
+    communication::ClientStatistics::Method kind;
     std::string path;
     std::string contentType;
     std::string accept;
     std::string body;
+    std::string method{};
     std::string host{};
     std::uint16_t port = 0;
     std::uint64_t number = 0;

@@ -3,9 +3,9 @@
 
 #include <orvx/communication/OrvClientCommunicationContext.h>
 
-#include "../../communication/src/RequestTarget.h"
 #include "Network.h"
 
+#include <orvx/communication/RequestTarget.h>
 #include <orvx/utility/OrvFoundationException.h>
 
 #include <limits>

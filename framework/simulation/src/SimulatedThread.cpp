@@ -4,6 +4,8 @@
 
 #include "SimulatedThread.h"
 
+#include <orvx/utility/WorkerThread.h>
+
 namespace orvx::simulation {
 
 namespace {
@@ -37,8 +39,7 @@ void SimulatedThread::start(World::Step step, const std::string& name) {
         return;
     }
     world_->reach(step);
-    constexpr std::size_t longestName = 15;  // as the system cuts it
-    name_ = name.substr(0, longestName);
+    name_ = name.substr(0, utility::WorkerThread::kLongestName);
     running_ = true;
     for (const auto& task : tasks_) {
         schedule_.insert(world_->stopped.extract(task.first));

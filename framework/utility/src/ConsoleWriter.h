@@ -40,8 +40,8 @@ class ConsoleWriter {
     void flush() ORVX_EXCLUDES(mutex_);
     bool isLeftBehind() const noexcept { return worker_.isLeftBehind(); }
 
-    /// In a forked child: the object that is left behind, so that leak checkers find it.
-    ConsoleWriter* leftBehind = nullptr;
+    /// Used by leakInForkedChild().
+    ConsoleWriter* nextLeaked = nullptr;
 
   private:
     using Clock = std::chrono::steady_clock;

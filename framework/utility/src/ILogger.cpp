@@ -3,6 +3,7 @@
 // Entered by any thread; no lock.
 
 #include <orvx/utility/ILogger.h>
+
 #include <orvx/utility/ILoggerFactory.h>
 
 namespace orvx::utility {

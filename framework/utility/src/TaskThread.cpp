@@ -6,7 +6,6 @@
 #include "TaskThread.h"
 
 #include <algorithm>
-#include <atomic>
 #include <exception>
 #include <thread>
 #include <tuple>
@@ -78,9 +77,8 @@ void TaskThread::stop() {
 
 void TaskThread::end(const std::shared_ptr<TaskThread>& self) {
     if (self->worker_.isLeftBehind()) {
-        static std::atomic<TaskThread*> newest;
         self->self_ = self;
-        self->older_ = newest.exchange(self.get());
+        leakInForkedChild(self.get());
     } else {
         self->halt(true);
     }

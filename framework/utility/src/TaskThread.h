@@ -47,6 +47,9 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     /// leaked instead.
     static void end(const std::shared_ptr<TaskThread>& self);
 
+    /// Used by leakInForkedChild().
+    TaskThread* nextLeaked = nullptr;
+
   private:
     struct Entry {
         Clock::time_point due;
@@ -85,10 +88,8 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     bool working_ ORVX_GUARDED_BY(mutex_) = false;
     bool ended_ ORVX_GUARDED_BY(mutex_) = false;
     WorkerThread worker_;
-    /// Set in a forked child only, by end(): held for ever, in a list so that leak checkers find
-    /// it.
+    /// Set by end() in a forked child only, so that the object is never destroyed.
     std::shared_ptr<TaskThread> self_;
-    TaskThread* older_ = nullptr;
 };
 
 }  // namespace orvx::utility

@@ -7,6 +7,8 @@
 #include "ConsoleText.h"
 #include "ConsoleWriter.h"
 
+#include <orvx/utility/ForkMark.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -30,7 +32,7 @@ struct TimedConsoleLoggerFactory::Console {
         : highest(level), writer_(std::make_unique<ConsoleWriter>().release()) {}
     ~Console() {
         if (ConsoleWriter* const last = writer_; last->isLeftBehind()) {
-            leak(last);
+            leakInForkedChild(last);
         } else {
             delete last;
         }
@@ -48,7 +50,7 @@ struct TimedConsoleLoggerFactory::Console {
         if (!writer_.compare_exchange_strong(known, fresh.get())) {
             return *known;
         }
-        leak(known);
+        leakInForkedChild(known);
         return *fresh.release();
     }
 
@@ -56,12 +58,6 @@ struct TimedConsoleLoggerFactory::Console {
     std::atomic<ILogger::LogLevel> highest;
 
   private:
-    /// Held for ever, in a list so that leak checkers find it.
-    static void leak(ConsoleWriter* writer) {
-        static std::atomic<ConsoleWriter*> newest;
-        writer->leftBehind = newest.exchange(writer);
-    }
-
     /// Owned; never null.
     std::atomic<ConsoleWriter*> writer_;
 };

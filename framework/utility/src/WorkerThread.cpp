@@ -31,8 +31,6 @@ struct MaskOfChildren {
 };
 thread_local MaskOfChildren ofChildren;
 
-constexpr std::size_t longestName = 15;
-
 /// All signals but those of a crash: blocked there, they would end the process without its handler.
 sigset_t blockedSignals() {
     sigset_t signals;
@@ -88,6 +86,12 @@ void setMaskOfChildrenAtFork() {
     });
 }
 
+/// Leaves `thread` without a thread, neither joined nor detached. For a forked child, in which the
+/// thread does not exist.
+void forget(std::thread& thread) noexcept {
+    new (&thread) std::thread;
+}
+
 /// Waited for until a thread has its name. Signals may end a wait early.
 class Named {
   public:
@@ -121,7 +125,7 @@ void WorkerThread::start(const std::string& name, std::function<void()> function
     Named named;
     thread_ = std::thread(
         [this, &named, &name, before = blocked.before(), work = std::move(function)]() noexcept {
-            pthread_setname_np(pthread_self(), name.substr(0, longestName).c_str());
+            pthread_setname_np(pthread_self(), name.substr(0, kLongestName).c_str());
             named.set();
             current = this;
             ofChildren.isWorker = true;
@@ -135,8 +139,7 @@ void WorkerThread::start(const std::string& name, std::function<void()> function
 
 void WorkerThread::end() noexcept {
     if (isLeftBehind()) {
-        // Forgotten, neither joined nor detached: it does not exist in this process.
-        new (&thread_) std::thread;
+        forget(thread_);
     } else if (isCurrent()) {
         // From here on an object at the same address is another one.
         current = nullptr;

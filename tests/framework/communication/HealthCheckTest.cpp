@@ -11,24 +11,31 @@ namespace {
 
 TEST(TheHealthCheck, IsHealthyAtFirst) {
     const HealthCheck healthCheck;
-    EXPECT_TRUE(healthCheck.isHealthy());
     EXPECT_EQ(healthCheck.consecutiveFailures(), 0U);
 }
 
 TEST(TheHealthCheck, CountsRequestsWithoutAnAnswer) {
     HealthCheck healthCheck;
-    healthCheck.record(false);
-    healthCheck.record(false);
-    EXPECT_FALSE(healthCheck.isHealthy());
+    healthCheck.record(CommunicationStatus::TimedOut);
+    healthCheck.record(CommunicationStatus::TimedOut);
     EXPECT_EQ(healthCheck.consecutiveFailures(), 2U);
 }
 
 TEST(TheHealthCheck, IsHealthyAgainWithTheNextAnswer) {
     HealthCheck healthCheck;
-    healthCheck.record(false);
-    healthCheck.record(true);
-    EXPECT_TRUE(healthCheck.isHealthy());
-    healthCheck.record(false);
+    healthCheck.record(CommunicationStatus::TimedOut);
+    healthCheck.record(CommunicationStatus::Ok);
+    EXPECT_EQ(healthCheck.consecutiveFailures(), 0U);
+    healthCheck.record(CommunicationStatus::TimedOut);
+    EXPECT_EQ(healthCheck.consecutiveFailures(), 1U);
+}
+
+TEST(TheHealthCheck, IgnoresOutcomesThatSayNothingAboutTheServer) {
+    HealthCheck healthCheck;
+    healthCheck.record(CommunicationStatus::TimedOut);
+    healthCheck.record(CommunicationStatus::InvalidRequest);
+    healthCheck.record(CommunicationStatus::NoSession);
+    healthCheck.record(CommunicationStatus::Abandoned);
     EXPECT_EQ(healthCheck.consecutiveFailures(), 1U);
 }
 
@@ -38,8 +45,8 @@ TEST(TheHealthCheck, LosesNothingThatSeveralThreadsRecord) {
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&healthCheck] {
             for (int n = 0; n < 1000; ++n) {
-                healthCheck.record(false);
-                EXPECT_FALSE(healthCheck.isHealthy());
+                healthCheck.record(CommunicationStatus::TimedOut);
+                EXPECT_NE(healthCheck.consecutiveFailures(), 0U);
             }
         });
     }

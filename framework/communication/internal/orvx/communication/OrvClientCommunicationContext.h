@@ -1,7 +1,6 @@
 #pragma once
 
 #include <orvx/communication/IClientHttpFactory.h>
-#include <orvx/utility/Export.h>
 #include <orvx/utility/ILoggerFactory.h>
 
 #include <memory>
@@ -12,7 +11,7 @@ namespace orvx::communication {
 ///
 /// Thread-safety: setters, init() and deinit() are called by one thread at a time; the getters, and
 /// the sessions, from any thread at any time.
-class ORVX_EXPORT OrvClientCommunicationContext {
+class OrvClientCommunicationContext {
   public:
     OrvClientCommunicationContext();
     /// De-initialises.

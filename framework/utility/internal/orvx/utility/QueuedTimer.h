@@ -1,7 +1,5 @@
 #pragma once
 
-#include <orvx/utility/Export.h>
-
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -21,7 +19,7 @@ namespace orvx::utility {
 /// - Adding and taking out a task costs O(log n) for n pending ones.
 /// - A task that throws is dropped; the next one runs.
 /// - In a forked child there is no thread: stopping and destroying do nothing there, and leak.
-class ORVX_EXPORT QueuedTimer {
+class QueuedTimer {
   public:
     /// What is to be done; may be called once.
     using Task = std::function<void()>;

@@ -16,11 +16,11 @@ namespace orvx::utility {
 ///
 /// Thread-safety: as the ILogger, which is called on the thread that logs. Nothing that an ILogger
 /// throws leaves this class: the line is dropped.
-class ORVX_EXPORT StreamingLogger {
+class StreamingLogger {
   public:
     /// One line in the making; written when it is destroyed. Without a stream (the level is
     /// disabled, or memory ran out) nothing is written.
-    class ORVX_EXPORT LogEntry {
+    class LogEntry {
       public:
         /// Takes the line over: the other one writes nothing.
         LogEntry(LogEntry&& other) noexcept;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <orvx/communication/HttpResponse.h>
-#include <orvx/utility/Export.h>
 
 #include <chrono>
 #include <cstdint>
@@ -32,7 +31,7 @@ using ResponseHandler = std::function<void(HttpResponse)>;
 /// that may not stand in a request line are percent-encoded; the rest goes as given.
 ///
 /// The order of the virtual operations is part of the binary interface.
-class ORVX_EXPORT IClientHttpSession {
+class IClientHttpSession {
   public:
     virtual ~IClientHttpSession();
 

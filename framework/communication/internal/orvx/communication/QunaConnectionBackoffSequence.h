@@ -1,7 +1,5 @@
 #pragma once
 
-#include <orvx/utility/Export.h>
-
 #include <chrono>
 #include <cstdint>
 
@@ -16,7 +14,7 @@ namespace orvx::communication {
 /// jitter"). Many clients that lose a peer at one moment so come back spread over half a step.
 ///
 /// Not synchronised.
-class ORVX_EXPORT QunaConnectionBackoffSequence {
+class QunaConnectionBackoffSequence {
   public:
     /// `interval` in milliseconds. Steps that would not fit are the largest duration.
     QunaConnectionBackoffSequence(std::uint64_t maxDoublings, std::uint64_t interval);

@@ -4,7 +4,6 @@
 #include <orvx/communication/HealthCheck.h>
 #include <orvx/communication/HttpConfig.h>
 #include <orvx/communication/IClientHttpSession.h>
-#include <orvx/utility/Export.h>
 
 #include <cstdint>
 #include <memory>
@@ -13,7 +12,7 @@
 namespace orvx::communication {
 
 /// Makes sessions. Thread-safety: may be called from any thread.
-class ORVX_EXPORT IClientHttpFactory {
+class IClientHttpFactory {
   public:
     virtual ~IClientHttpFactory();
 

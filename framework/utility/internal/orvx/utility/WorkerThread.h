@@ -1,8 +1,8 @@
 #pragma once
 
-#include <orvx/utility/Export.h>
 #include <orvx/utility/ForkMark.h>
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <thread>
@@ -20,8 +20,11 @@ namespace orvx::utility {
 /// Thread-safety: start(), end() and the destructor are called by one thread at a time; the thread
 /// itself may call end() and the destructor once start() has returned. isCurrent() may be called
 /// from any thread.
-class ORVX_EXPORT WorkerThread {
+class WorkerThread {
   public:
+    /// The longest name of a thread that Linux stores, in bytes.
+    static constexpr std::size_t kLongestName = 15;
+
     WorkerThread();
     /// As end().
     ~WorkerThread();

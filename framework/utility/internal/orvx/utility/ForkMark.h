@@ -1,7 +1,5 @@
 #pragma once
 
-#include <orvx/utility/Export.h>
-
 #include <atomic>
 
 namespace orvx::utility {
@@ -11,7 +9,7 @@ namespace orvx::utility {
 /// ever: what stands behind a mark is to be left alone there, and leaked.
 ///
 /// Thread-safety: every operation may be called from any thread.
-class ORVX_EXPORT ForkMark {
+class ForkMark {
   public:
     ForkMark();
     /// From here on this process is the one to remember.
@@ -22,5 +20,16 @@ class ORVX_EXPORT ForkMark {
   private:
     std::atomic<int> process_;
 };
+
+/// Leaks `object` in a forked child, where it can be neither used nor destroyed. The object stays
+/// reachable through a list, so that leak checkers do not report it. T has a member
+/// `T* nextLeaked`, which the list uses.
+///
+/// Thread-safety: may be called from any thread.
+template <typename T>
+void leakInForkedChild(T* object) noexcept {
+    static std::atomic<T*> newest;
+    object->nextLeaked = newest.exchange(object);
+}
 
 }  // namespace orvx::utility

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <orvx/utility/Export.h>
-
 #include <functional>
 #include <list>
 #include <memory>
@@ -22,7 +20,7 @@ namespace orvx::utility {
 ///   a std::exception, or "unknown exception"; the next task runs. What the error handler itself
 ///   throws is dropped.
 /// - In a forked child there is no worker: stopping and destroying do nothing there, and leak.
-class ORVX_EXPORT SingleThreadAsyncTaskExecutor {
+class SingleThreadAsyncTaskExecutor {
   public:
     /// What is to be done; called once, on the worker.
     using Task = std::function<void()>;
