@@ -8,16 +8,16 @@
 
 namespace orvx::serviceregistryclient {
 
-/// Makes the client of a context. Implement it to put a client of your own in its place, usually
-/// one that holds the library's client, made by an OrvServiceRegistryClientFactory, and passes the
-/// operations on to it. The class of the library's client is internal: it cannot be derived from.
+/// Makes the client of a context. Implement it to use a client of your own, usually one that
+/// contains the library's client, made by an OrvServiceRegistryClientFactory, and forwards the
+/// operations. The class of the library's client is internal: it cannot be derived from.
 /// Called by OrvServiceRegistryContext::init(), on the thread that calls init().
 class ORVX_EXPORT IOrvServiceRegistryClientFactory {
   public:
     virtual ~IOrvServiceRegistryClientFactory();
 
-    /// A new client, ready to use, owned by the caller. `registerWithPrefix` is the context's
-    /// option of that name. What it throws leaves the context's init().
+    /// Makes a new client, ready to use, owned by the caller. `registerWithPrefix` is the context's
+    /// option of that name. Exceptions leave the context's init().
     virtual std::unique_ptr<IOrvServiceRegistryClient> createOrvServiceRegistryClient(
         std::shared_ptr<utility::ILoggerFactory> loggerFactory, bool registerWithPrefix) = 0;
 };

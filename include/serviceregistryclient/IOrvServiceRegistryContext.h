@@ -11,35 +11,34 @@ namespace orvx::serviceregistryclient {
 
 class IOrvServiceRegistryClient;
 
-/// The options of a registry client, and its beginning and end.
+/// The options of a registry client, and its initialisation and end.
 ///
-/// Options are set before init(); after it every setter throws utility::OrvFoundationException with
-/// a message of its own and error code 0, and changes nothing; after deinit() they may be set
-/// again. Getters answer at any time.
+/// Options are set before init(). After it every setter throws utility::OrvFoundationException with
+/// a message of its own and error code 0, and changes nothing. After deinit() options may be set
+/// again. Getters may be called at any time.
 ///
-/// Thread-safety: none; configured, initialised and de-initialised by one thread at a time. The
-/// client that it hands out is thread-safe.
+/// Thread-safety: none; a context is configured, initialised and de-initialised by one thread at a
+/// time. The client that it returns is thread-safe.
 /// The order of the virtual operations is part of the binary interface.
 class ORVX_EXPORT IOrvServiceRegistryContext {
   public:
-    /// Ends the client, if there is one, as deinit() does.
+    /// Calls deinit().
     virtual ~IOrvServiceRegistryContext();
 
-    /// Makes the client and starts its threads. Throws utility::OrvFoundationException when the
-    /// context is initialised already, when the HTTP configuration cannot work (a file of TLS that
-    /// cannot be read is named), and when there are no file descriptors left; std::system_error
-    /// when a thread cannot be made; std::bad_alloc; and what a logger factory or a client factory
-    /// of the user's throws. After an exception the context is not initialised, nothing is left
-    /// running, and init() may be called again. A callback thread that cannot be made ends the
-    /// process.
+    /// Makes the client and starts its threads. Throws utility::OrvFoundationException if the
+    /// context is initialised already, if the HTTP configuration cannot work (the message names a
+    /// TLS file that cannot be read), or if there are no file descriptors left; std::system_error
+    /// if a thread cannot be made; std::bad_alloc; and the exceptions of the user's logger factory
+    /// and client factory. After an exception the context is not initialised, nothing is running,
+    /// and init() may be called again. If the callback thread cannot be made, the process ends.
     virtual void init() = 0;
 
-    /// Ends the client: outstanding requests are given up, queued callbacks and timers are dropped,
-    /// nothing is withdrawn at the registry (OrvServiceRegistryContext::setWithdrawAtDeinit() and
-    /// enableResilience() change this). When it returns no callback runs any more; it takes at
-    /// most a second beside the callback that is running. From inside a callback it does not wait
-    /// for that callback. Does nothing before init(), and in a forked child, which leaks the
-    /// client.
+    /// Ends the client. Outstanding requests are given up, queued callbacks and timers are dropped,
+    /// and nothing is withdrawn at the registry; OrvServiceRegistryContext::setWithdrawAtDeinit()
+    /// and enableResilience() change this. When deinit() returns, no callback runs any more; it
+    /// takes at most a second longer than a callback that is running. From inside a callback it
+    /// does not wait for that callback. Does nothing before init(). In a forked child it does
+    /// nothing and leaks the client.
     virtual void deinit() = 0;
 
     /// Whether there is a client: after init(), before deinit().
@@ -49,48 +48,50 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     /// Throws utility::OrvFoundationException before init().
     virtual IOrvServiceRegistryClient* getServiceRegistryClient() = 0;
 
-    /// Whether a registration that got no answer is tried again. Default: true.
+    /// Whether a registration is retried if it got no answer. Default: true.
     virtual void enableRetry(bool enable) = 0;
-    /// What enableRetry() set.
+    /// The value set by enableRetry().
     virtual bool isRetryEnabled() const = 0;
 
-    /// Whether a registration that is answered with one of the status codes below is tried again,
-    /// too. Default: false.
+    /// Whether a registration is also retried if it was answered with one of the status codes of
+    /// setHttpStatusCodesForRetry(). Default: false.
     virtual void enableRetryOnHttpStatus(bool enable) = 0;
-    /// What enableRetryOnHttpStatus() set.
+    /// The value set by enableRetryOnHttpStatus().
     virtual bool isRetryOnHttpStatusEnabled() const = 0;
 
-    /// Default: 500, 503 and 504. The set is copied; an empty one is allowed.
+    /// Sets the status codes that are retried. The set is copied; it may be empty. Default: 500,
+    /// 503 and 504.
     virtual void setHttpStatusCodesForRetry(
         const std::set<communication::HttpResponse::StatusCode>& statusCodes) = 0;
-    /// What setHttpStatusCodesForRetry() set; valid until it is called again or the context
-    /// ends.
+    /// The value set by setHttpStatusCodesForRetry(); valid until that is called again or the
+    /// context is destroyed.
     virtual const std::set<communication::HttpResponse::StatusCode>& getHttpStatusCodesForRetry()
         const = 0;
 
-    /// Whether the entry of each registered service is checked periodically and made again when the
-    /// registry has lost it. Default: true.
+    /// Whether the entry of each registered service is checked periodically, and registered again
+    /// if the registry has lost it. Default: true.
     virtual void enableCheck(bool enable) = 0;
-    /// What enableCheck() set.
+    /// The value set by enableCheck().
     virtual bool isCheckEnabled() const = 0;
 
-    /// From an answer to the next check; also the delay between attempts to register a lost service
-    /// again. Keep it above the head time-out (OrvServiceRegistryContext::setHeadTimeout() says
-    /// why). Zero and less mean at once. Default: 10 s.
+    /// The time from an answer to the next check, and the delay between attempts to register a lost
+    /// service again. Keep it longer than the head time-out;
+    /// OrvServiceRegistryContext::setHeadTimeout() explains why. Zero and less mean at once.
+    /// Default: 10 s.
     virtual void setCheckInterval(std::chrono::seconds interval) = 0;
-    /// What setCheckInterval() set.
+    /// The value set by setCheckInterval().
     virtual std::chrono::seconds getCheckInterval() const = 0;
 
-    /// The delay before each retry where retries are limited, and the step of the back-off (doubled
-    /// up to four times) where they are not. Zero and less mean at once; where retries are not
-    /// limited, no delay is below 10 ms. Default: 500 ms.
+    /// The delay before each retry if the number of retries is limited; otherwise the first step of
+    /// the back-off, which doubles up to four times. Zero and less mean at once; with unlimited
+    /// retries, no delay is shorter than 10 ms. Default: 500 ms.
     virtual void setRetryInterval(std::chrono::milliseconds interval) = 0;
-    /// What setRetryInterval() set.
+    /// The value set by setRetryInterval().
     virtual std::chrono::milliseconds getRetryInterval() const = 0;
 
-    /// How often a registration is tried again; 0 means without limit. Default: 0.
+    /// The maximum number of retries of a registration; 0 means unlimited. Default: 0.
     virtual void setInitialMaxRetryCount(std::uint16_t count) = 0;
-    /// What setInitialMaxRetryCount() set.
+    /// The value set by setInitialMaxRetryCount().
     virtual std::uint16_t maxRetryCount() const = 0;
 };
 

@@ -11,26 +11,26 @@ namespace orvx::serviceregistryclient {
 /// The result of a registry operation. A value: copies share the HTTP answer.
 /// Not synchronised; reading it from several threads is safe.
 struct ORVX_EXPORT OrvRegistrationResponse {
-    /// Whether the operation did what it was asked for.
+    /// The overall outcome.
     enum Status : std::int32_t {
-        /// It did, or there was nothing to do.
+        /// The operation succeeded, or there was nothing to do.
         OK = 0,
-        /// It did not: the error code says why.
+        /// The operation failed; the error code is the reason.
         ERROR = 1,
     };
 
-    /// Why an operation failed.
+    /// The reason of a failure.
     enum ErrorCode : std::int32_t {
-        /// It did not fail.
+        /// No failure.
         NONE = 0,
         /// The description has no name.
         SERVICE_NAME_MISSING = 1,
-        /// The client is ending, or gone. SyncOrvRegistrationResponse::unregister() answers it
-        /// then.
-        /// An asynchronous operation answers it while the context's deinit() runs, which drops most
-        /// callbacks, so that it is hardly ever seen; after deinit() no callback is called.
+        /// The client is ending, or gone. SyncOrvRegistrationResponse::unregister() reports it
+        /// after the client's end.
+        /// An asynchronous operation reports it only while the context's deinit() is running, which
+        /// drops most callbacks, so it is rarely seen; after deinit() no callback is called.
         DELEGATOR_NOT_INITIATED = 2,
-        /// The service to withdraw has no entry at the registry (yet).
+        /// The service to withdraw has no entry at the registry, or none yet.
         SERVICE_NOT_FOUND = 3,
         /// The registry refused, or could not be reached and no retry is left: see httpResponse.
         SERVICE_REGISTRY_ERROR = 4,
@@ -40,19 +40,19 @@ struct ORVX_EXPORT OrvRegistrationResponse {
         OTHER = 6,
     };
 
-    /// Without an HTTP answer.
+    /// A response without an HTTP answer.
     OrvRegistrationResponse(Status status, ErrorCode errorCode);
 
-    /// The upper-case name of a value, a static text; an empty text for any other value.
+    /// The upper-case name of a value, a static text; empty for any other value.
     static const char* statusString(Status status) noexcept;
-    /// As statusString().
+    /// The upper-case name of a value, a static text; empty for any other value.
     static const char* errorCodeString(ErrorCode errorCode) noexcept;
 
-    /// Whether it succeeded.
+    /// The overall outcome.
     Status status;
-    /// Why it did not; NONE with OK.
+    /// The reason of a failure; NONE with OK.
     ErrorCode errorCode;
-    /// What the network said; empty where it was not asked.
+    /// The registry's answer, or the network failure; empty if no request was sent.
     std::shared_ptr<communication::HttpResponse> httpResponse;
 };
 

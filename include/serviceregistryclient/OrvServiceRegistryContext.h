@@ -17,9 +17,9 @@ namespace orvx::serviceregistryclient {
 class ClientReference;
 class OrvServiceRegistryClient;
 
-/// The object that a process creates first: holds the options, makes and owns the one client.
-/// See IOrvServiceRegistryContext for the rules; the operations added here follow them.
-/// Destroying a context that is initialised ends its client.
+/// The object that a process creates first: holds the options, and makes and owns the only client.
+/// See IOrvServiceRegistryContext for the rules, which also apply to the operations added here.
+/// The destructor of an initialised context ends its client.
 class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext {
   public:
     OrvServiceRegistryContext();
@@ -49,126 +49,133 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     void setInitialMaxRetryCount(std::uint16_t count) override;
     std::uint16_t maxRetryCount() const override;
 
-    /// Where log lines go. Default: utility::TimedConsoleLoggerFactory, made by init(). It is given
-    /// the context's log level by init(). The getter throws before init().
+    /// The factory of the loggers. init() sets the context's log level on it. Default:
+    /// utility::TimedConsoleLoggerFactory, made by init(). The getter throws before init().
     utility::ILoggerFactory* getLoggerFactory() const;
     /// See getLoggerFactory().
     void setLoggerFactory(std::shared_ptr<utility::ILoggerFactory> loggerFactory);
 
-    /// What makes the client. Default: OrvServiceRegistryClientFactory, made by init(). The getter
-    /// throws before init().
+    /// The factory of the client. Default: OrvServiceRegistryClientFactory, made by init(). The
+    /// getter throws before init().
     std::shared_ptr<IOrvServiceRegistryClientFactory> getOrvServiceRegistryClientFactory() const;
     /// See getOrvServiceRegistryClientFactory().
     void setOrvServiceRegistryClientFactory(
         std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory);
 
-    /// Whether the uri of a description that the client builds begins with the prefix of its
-    /// ServiceInfo instead of "/". Default: false.
+    /// Whether the uri of a built description begins with the prefix of its ServiceInfo instead of
+    /// "/". Default: false.
     bool getRegisterWithPrefix() const;
     /// See getRegisterWithPrefix().
     void setRegisterWithPrefix(bool registerWithPrefix);
 
-    /// How long a synchronous registration waits with resilience; zero means without limit, less
-    /// than zero not at all. Without resilience no operation consults it: synchronous registrations
-    /// wait without limit. Default: 30 s.
+    /// The time-out of synchronous registrations with resilience; zero means without limit, less
+    /// than zero means that the call does not wait. Without resilience it is not used: synchronous
+    /// registrations wait without limit. Default: 30 s.
     std::chrono::milliseconds getSyncCallRegistryTimeout() const;
     /// See getSyncCallRegistryTimeout().
     void setSyncCallRegistryTimeout(std::chrono::milliseconds timeout);
 
-    /// How long a synchronous withdrawal waits; zero means without limit, less than zero not at
-    /// all. Default: 30 s.
+    /// The time-out of synchronous withdrawals; zero means without limit, less than zero means that
+    /// the call does not wait. Default: 30 s.
     std::chrono::milliseconds getSyncCallUnregisterTimeout() const;
     /// See getSyncCallUnregisterTimeout().
     void setSyncCallUnregisterTimeout(std::chrono::milliseconds timeout);
 
-    /// What matters less is not logged. Default: utility::Logger::DEFAULT_LOG_LEVEL.
+    /// The level up to which lines are logged. Default: utility::Logger::DEFAULT_LOG_LEVEL.
     utility::ILogger::LogLevel getLogLevel() const;
     /// See getLogLevel().
     void setLogLevel(utility::ILogger::LogLevel level);
 
-    /// How long a check waits for its answer. Without resilience a check that has to wait longer is
-    /// the service's last one: keep it well above what the registry needs. Keep it below the check
-    /// interval, too: the time-out of a check runs on after the answer, and when it passes while a
-    /// later check waits, that check is given up and becomes the service's last one. Zero and less
-    /// leave no time at all. Default: 3 s.
+    /// The time that a check waits for its answer. Without resilience a check that times out is the
+    /// service's last one, so set it well above the registry's response time. Also keep it shorter
+    /// than the check interval: the time-out of a check continues after the answer, and if it
+    /// passes while a later check waits, that check is given up and becomes the service's last one.
+    /// Zero and less leave no time at all. Default: 3 s.
     std::chrono::milliseconds getHeadTimeout() const;
     /// See getHeadTimeout().
     void setHeadTimeout(std::chrono::milliseconds timeout);
 
-    /// How HTTP is spoken: time-outs, bounds, headers, credentials, proxy or Unix socket, TLS,
-    /// statistics. init() refuses one that cannot work. Default: communication::HttpConfig.
+    /// The configuration of HTTP: time-outs, limits, headers, credentials, proxy or Unix socket,
+    /// TLS, statistics. init() refuses a configuration that cannot work. Default:
+    /// communication::HttpConfig.
     const communication::HttpConfig& getHttpConfig() const;
     /// See getHttpConfig().
     void setHttpConfig(communication::HttpConfig config);
 
-    /// Whether the client keeps its announcements valid whatever the registry does. Off, the client
-    /// follows the rules that the other options and operations state. On, these go before:
+    /// Whether the client keeps its announcements valid whatever the registry does. If it is off,
+    /// the client follows the rules of the other options and operations. If it is on, the following
+    /// rules take precedence:
     ///
-    /// Each entry is checked by itself, for as long as a service is announced there. A check that
-    /// is not answered within the head time-out is given up alone, and the next one is due after
-    /// the interval; the first one within it. The first 404, and the first answer after none, make
-    /// the other entries at that registry due at once, paced.
+    /// Each entry is checked by itself, as long as a service is announced there. A check that is
+    /// not answered within the head time-out is given up alone, and the next check is due after the
+    /// interval. The first check is due within the interval. The first 404, and the first answer
+    /// after a request without one, make the other entries at that registry due soon, at a limited
+    /// rate.
     ///
-    /// A withdrawal may be asked for at any time, and wins. It is answered OK / NONE when the entry
-    /// is gone (200, 204, 404 and 410 mean so), or ERROR / TIMEOUT once when the unregister
-    /// time-out has passed before; the client goes on trying until its end. A DELETE that is
-    /// answered with a status that does not pass (403, for example) answers ERROR /
-    /// SERVICE_REGISTRY_ERROR, and is tried again at the check interval. A registration that still
-    /// waits is answered ERROR / OTHER first.
+    /// A withdrawal may be requested at any time, and takes precedence over a registration. It is
+    /// answered OK / NONE when the entry is gone (200, 204, 404 or 410), or once ERROR / TIMEOUT if
+    /// the unregister time-out passes before; the client continues to try until its end. A DELETE
+    /// that is answered with a status that is not transient (403, for example) reports ERROR /
+    /// SERVICE_REGISTRY_ERROR, and is tried again after the check interval. A registration that is
+    /// still waiting is first answered ERROR / OTHER.
     ///
     /// Two registrations of one path at one registry share its entry: the registry holds the latest
     /// description that is not withdrawn, and the entry is deleted with the last one.
     ///
-    /// 408, 425, 429, 500, 502, 503, 504 and no answer are tried again by the back-off, not before
-    /// a Retry-After (a minute at most). Another refusal of a first registration, and an endpoint
-    /// that cannot be one, are answered at once. An entry that was announced before is never given
-    /// up: after such a refusal it is tried again at the check interval.
+    /// A request that is answered 408, 425, 429, 500, 502, 503 or 504, or not at all, is tried
+    /// again after the delay of the back-off, and not before a Retry-After (at most one minute).
+    /// Any other refusal of a first registration, and an invalid endpoint, are reported at once. An
+    /// entry that was announced before is never given up: after such a refusal it is tried again
+    /// after the check interval.
     ///
-    /// enableRetry(false) and setInitialMaxRetryCount() end a first registration that fails: its
-    /// callback hears ERROR / SERVICE_REGISTRY_ERROR, and what may have come into being is deleted.
-    /// With enableRetryOnHttpStatus(true) the statuses of setHttpStatusCodesForRetry() are tried
-    /// again too. Without checks a loss is not noticed.
+    /// enableRetry(false) and setInitialMaxRetryCount() limit a first registration: if it fails,
+    /// its callback gets ERROR / SERVICE_REGISTRY_ERROR, and an entry that it may have made is
+    /// deleted. With enableRetryOnHttpStatus(true) the statuses of setHttpStatusCodesForRetry() are
+    /// tried again, too. Without checks a lost entry is not noticed.
     ///
-    /// Blocking calls return: a registration after the registry time-out (zero: none) with ERROR /
-    /// TIMEOUT, from a callback or listener at once with ERROR / OTHER, when the client is stopped
-    /// with ERROR / DELEGATOR_NOT_INITIATED. Sets may have any number of services, also none.
+    /// Blocking calls always return: a registration after the registry time-out (zero: none) with
+    /// ERROR / TIMEOUT; a call from a callback or listener at once with ERROR / OTHER; a call that
+    /// waits when the client is stopped with ERROR / DELEGATOR_NOT_INITIATED. Sets may have any
+    /// number of services, including none.
     ///
-    /// Every callback is called exactly once. Those that wait when the client is stopped are called
-    /// with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that calls it,
-    /// and must not destroy the context; a registration that is answered so is over, also when the
-    /// client is started again. Handles that are called when the context was de-initialised do
-    /// nothing, as without resilience.
+    /// Every callback is called exactly once. Callbacks that wait when the client is stopped are
+    /// called with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that
+    /// calls it, and must not destroy the context. A registration that is answered in this way has
+    /// ended, even if the client is started again. As without resilience, handles do nothing after
+    /// the context was de-initialised.
     ///
     /// Default: false.
     void enableResilience(bool enable);
-    /// What enableResilience() set.
+    /// The value set by enableResilience().
     bool isResilienceEnabled() const;
 
-    /// How long deinit() and the destructor may take to withdraw everything first, with resilience
-    /// or without. Names that could not be withdrawn in time are logged as warnings. Zero and less:
-    /// nothing is withdrawn. Default: 0.
+    /// The maximum time that deinit() and the destructor take to withdraw all services first, with
+    /// or without resilience. Services that could not be withdrawn in time are logged as warnings.
+    /// Zero and less: nothing is withdrawn. Default: 0.
     void setWithdrawAtDeinit(std::chrono::milliseconds bound);
-    /// What setWithdrawAtDeinit() set.
+    /// The value set by setWithdrawAtDeinit().
     std::chrono::milliseconds getWithdrawAtDeinit() const;
 
-    /// Told of what becomes of each registration; see RegistrationEvent. It is called on the
-    /// client's callback thread, in order with the callbacks and by their rules, with resilience or
-    /// without. Default: none.
+    /// Sets the listener that receives the events of all registrations; see RegistrationEvent. It
+    /// is called on the client's callback thread, in order with the callbacks and by their rules,
+    /// with or without resilience. Default: none.
     void setRegistrationListener(RegistrationListener listener);
-    /// What setRegistrationListener() set; valid until it is called again or the context ends.
+    /// The value set by setRegistrationListener(); valid until that is called again or the context
+    /// is destroyed.
     const RegistrationListener& getRegistrationListener() const;
 
-    /// Every registration that the client manages now, by ascending request id, with resilience or
-    /// without; none before init() and after deinit().
-    /// May be called from any thread at any time in the context's life, also from callbacks. It
-    /// holds the client's lock for no longer than a copy takes, and calls no user code.
+    /// Every registration that the client manages now, by ascending request id, with or without
+    /// resilience. Empty before init() and after deinit().
+    /// May be called from any thread at any time in the context's life, also from callbacks. Holds
+    /// the client's lock only while it copies, and calls no user code.
     std::vector<RegistrationStatus> getRegistrations() const;
 
   private:
     friend class OrvServiceRegistryClient;
 
     struct Data;
-    /// The client whose registrations these are: the library's own, whatever a factory made of it.
+    /// Sets the library's client, whose registrations getRegistrations() returns, even if a factory
+    /// wraps that client.
     ORVX_HIDDEN void attach(std::shared_ptr<ClientReference> client);
 
     Data* data_;

@@ -11,84 +11,83 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What the client knows of one registration at one moment. A value. Times are those of the
-/// system's clock, in whole milliseconds.
+/// The state of one registration at one moment. A value. Times are those of the system's clock, in
+/// whole milliseconds.
 struct RegistrationStatus {
-    /// Where a registration stands.
+    /// The state of a registration.
     enum class State : std::uint8_t {
-        Announcing = 0,  ///< The registry has not confirmed the entry yet.
-        Announced = 1,   ///< The registry holds the entry, by its last answer.
-        Unreachable =
-            2,     ///< Announced, but the last check got no answer that says so or denies it.
-        Lost = 3,  ///< The registry has lost the entry; it is being announced again.
-        Withdrawing = 4,  ///< A withdrawal was asked for and is not confirmed yet.
+        Announcing = 0,   ///< The registry has not confirmed the entry yet.
+        Announced = 1,    ///< By its last answer, the registry holds the entry.
+        Unreachable = 2,  ///< Announced, but the last check was not answered with a success or 404.
+        Lost = 3,         ///< The registry has lost the entry; it is being announced again.
+        Withdrawing = 4,  ///< A withdrawal was requested and is not confirmed yet.
     };
 
-    /// A request without success.
+    /// A request that failed.
     struct Failure {
-        /// When it ended.
+        /// The time at which the request ended.
         std::chrono::system_clock::time_point time;
-        /// Ok: the registry refused.
+        /// The outcome at the network level. Ok: the registry refused.
         communication::CommunicationStatus communicationStatus =
             communication::CommunicationStatus::Other;
-        /// The status code of the answer; 0 without one.
+        /// The status code of the answer; 0 without an answer.
         int httpStatus = 0;
-        /// For people: the method, the statuses, and the beginning of the answer's body, or why
-        /// there is none: "PUT: CONNECT_FAILED: connection refused by 10.0.0.5:8500".
+        /// For human readers: the method, the statuses, and the beginning of the answer's body, or
+        /// the cause of the failure: "PUT: CONNECT_FAILED: connection refused by 10.0.0.5:8500".
         std::string text;
     };
 
-    /// The number that the log lines about this registration carry.
+    /// The number in the log lines about this registration.
     std::uint64_t requestId = 0;
     /// The service's name.
     std::string name;
-    /// The path that it is registered at.
+    /// The path at which the service is registered.
     std::string uri;
     /// The registry, as "host:port".
     std::string endpoint;
-    /// Of the entry; empty while the registry is not known to hold it.
+    /// The uuid of the entry; empty while the registry is not known to hold the entry.
     std::string uuid;
-    /// Where the registration stands.
+    /// The state of the registration.
     State state = State::Announcing;
-    /// When the state began.
+    /// The time at which the state began.
     std::chrono::system_clock::time_point since;
-    /// When the registry last said that it holds the entry; absent until then.
+    /// The time at which the registry last confirmed the entry; absent until then.
     std::optional<std::chrono::system_clock::time_point> lastConfirmed;
-    /// Kept after a success; absent until a request has failed.
+    /// The last failure, kept after a success; absent until a request has failed.
     std::optional<Failure> lastFailure;
-    /// Requests that were sent for it since the last success.
+    /// Requests that were sent for this registration since the last success.
     std::uint32_t attempts = 0;
-    /// When the next request is due: a check, a retry. Absent while one is out, and when none is
-    /// planned.
+    /// The due time of the next check or retry. Absent while a request is outstanding, and if none
+    /// is planned.
     std::optional<std::chrono::system_clock::time_point> nextAttempt;
 };
 
-/// "announcing", "announced", "unreachable", "lost" or "withdrawing"; an empty text for a value
-/// that is none of them.
+/// "announcing", "announced", "unreachable", "lost" or "withdrawing"; an empty text for any other
+/// value.
 ORVX_EXPORT const char* registrationStateToString(RegistrationStatus::State state) noexcept;
 
-/// What has just become of a registration.
+/// A change of a registration.
 struct RegistrationEvent {
-    /// What happened.
+    /// The kind of change.
     enum class Kind : std::uint8_t {
         Announced = 0,    ///< The registry holds the entry, for the first time or again.
-        Unreachable = 1,  ///< A request failed, the first one after a success or the beginning.
-        Reachable = 2,    ///< A request succeeded, or found a loss, the first one after that.
+        Unreachable = 1,  ///< The first request that failed since a success or the beginning.
+        Reachable = 2,    ///< The first request after Unreachable that succeeded or found a loss.
         Lost = 3,         ///< The registry has lost the entry.
-        Withdrawn = 4,  ///< The entry is gone, as was asked for; or the registration was given up.
+        Withdrawn = 4,    ///< The entry is gone as requested, or the registration was given up.
     };
 
-    /// What happened.
+    /// The kind of change.
     Kind kind = Kind::Announced;
-    /// As it stands after the event. The reason of Unreachable and of Lost is its last failure.
+    /// The status after the event. For Unreachable and Lost, lastFailure is the reason.
     RegistrationStatus status;
 };
 
-/// "announced", "unreachable", "reachable", "lost" or "withdrawn"; an empty text for a value that
-/// is none of them.
+/// "announced", "unreachable", "reachable", "lost" or "withdrawn"; an empty text for any other
+/// value.
 ORVX_EXPORT const char* registrationEventToString(RegistrationEvent::Kind kind) noexcept;
 
-/// Takes an event; see OrvServiceRegistryContext::setRegistrationListener().
+/// Receives an event; see OrvServiceRegistryContext::setRegistrationListener().
 using RegistrationListener = std::function<void(const RegistrationEvent&)>;
 
 }  // namespace orvx::serviceregistryclient

@@ -1,6 +1,6 @@
-// How outcomes reach user code: as tasks of the callback executor, in the order in which they were
-// queued. Entered by every thread, with or without the lock; only queues. A task holds no reference
-// to the client.
+// Delivers outcomes to user code, as tasks of the callback executor, in the order in which they
+// were queued. Entered by every thread that enters the client. Only queues tasks; a task holds no
+// reference to the client.
 
 #include "Memory.h"
 #include "Upkeep.h"
@@ -11,16 +11,16 @@ namespace orvx::serviceregistryclient {
 
 using communication::HttpResponse;
 
-// Told by an exception when memory runs out: for answers that are found at once.
+// Throws std::bad_alloc; used for outcomes that are known immediately.
 void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Response& response) {
     if (!callback) {
         return;
     }
-    upkeep->tell([callback = std::move(callback), response] { callback(*response); });
+    upkeep->queueTask([callback = std::move(callback), response] { callback(*response); });
 }
 
-// For outcomes that nobody else could tell. What makes a task allocates first and moves the
-// callback then.
+// Used for outcomes that no other code would report: retries until there is memory. Each step
+// allocates before it moves the callback.
 void OrvServiceRegistryClient::callCallbacks(Callbacks callbacks,
                                              OrvRegistrationResponse::Status status,
                                              OrvRegistrationResponse::ErrorCode reason,
@@ -29,20 +29,20 @@ void OrvServiceRegistryClient::callCallbacks(Callbacks callbacks,
         return;
     }
     Response outcome;
-    whenThereIsMemory([&] { outcome = std::make_shared<OrvRegistrationResponse>(status, reason); });
-    whenThereIsMemory(
+    retryOnBadAlloc([&] { outcome = std::make_shared<OrvRegistrationResponse>(status, reason); });
+    retryOnBadAlloc(
         [&] { outcome->httpResponse = std::make_shared<HttpResponse>(std::move(response)); });
     for (ResponseCallback& callback : callbacks) {
         if (callback) {
             auto call = [callback = std::move(callback), outcome] { callback(*outcome); };
             Tasks task;
-            whenThereIsMemory([&] { task.emplace_back(std::move(call)); });
+            retryOnBadAlloc([&] { task.emplace_back(std::move(call)); });
             callbackExecutor.add(std::move(task));
         }
     }
 }
 
-/// What tells the listener, to be queued when it has become true.
+/// Builds the notification; the caller queues it after it has committed the change.
 OrvServiceRegistryClient::Tasks OrvServiceRegistryClient::notificationLocked(
     std::shared_ptr<const common::ServiceModel> service, bool registered) const {
     Tasks tasks;

@@ -9,15 +9,17 @@ namespace orvx::serviceregistryclient {
 
 class OrvServiceRegistryClient;
 
-/// Gives handles and removers access to their client as long as the client exists. The client, its
-/// handles and its removers share it. Any thread may use it.
+/// Gives unregister handles and listener removers access to their client as long as the client
+/// exists. The client, its handles and its removers share it.
+/// Thread-safety: every operation may be called from any thread.
 class ClientReference {
   public:
     explicit ClientReference(OrvServiceRegistryClient& client) : client_(&client) {}
 
-    /// Calls the function with the client, which exists until it returns; false when it was not
-    /// called because the client is gone. No lock is held meanwhile, so the function may come back
-    /// here; it must not end the client, which would wait for it.
+    /// Calls the function with the client, which exists until the function returns. Returns false
+    /// if the client is gone and the function was not called. No lock is held during the call, so
+    /// the function may call this object again. It must not destroy the client, whose destructor
+    /// would wait for the call.
     template <typename Function>
     bool call(const Function& function) {
         OrvServiceRegistryClient* const client = enter();
@@ -29,7 +31,7 @@ class ClientReference {
         return true;
     }
 
-    /// Later calls find the client gone. Waits for those that run.
+    /// Detaches the client: later calls return false. Waits for the calls that are running.
     void clear() {
         utility::MutexLock lock(mutex_);
         client_ = nullptr;

@@ -1,4 +1,4 @@
-// Descriptions built from an endpoint. Entered by the user's threads; reads constants only, no
+// Builds descriptions from an endpoint. Entered by the user's threads; reads constants only, no
 // lock.
 
 #include "OrvServiceRegistryClient.h"
@@ -7,7 +7,7 @@
 
 namespace orvx::serviceregistryclient {
 
-// By way of the interface, so that an override of the other form counts here too.
+// Calls the other form through the virtual interface, so that an override is used.
 common::ServiceCreate OrvServiceRegistryClient::getServiceCreate(
     const common::ServiceInfo& serviceInfo) {
     return *getSharedServiceCreate(serviceInfo);

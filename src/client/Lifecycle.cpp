@@ -1,6 +1,6 @@
 // Construction, start and stop of the client. Entered by the user's thread that makes, initialises
 // or ends the context; the end may come from inside a callback. The lock is held only to test and
-// clear `initiated`: what is being stopped may still need it to finish.
+// clear `initiated`, because the threads that are being stopped may need it to finish.
 
 #include "RegistrationTable.h"
 #include "ResilientUpkeep.h"
@@ -15,8 +15,8 @@ namespace orvx::serviceregistryclient {
 
 namespace {
 
-constexpr const char* callbackThread = "ORVX_SRCBExec";
-constexpr const char* timerThread = "ORVX_SRRExec";
+constexpr const char* kCallbackThread = "ORVX_SRCBExec";
+constexpr const char* kTimerThread = "ORVX_SRRExec";
 
 std::shared_ptr<const RegistrationListener> shared(const RegistrationListener& listener) {
     return listener ? std::make_shared<const RegistrationListener>(listener) : nullptr;
@@ -31,7 +31,7 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
       registerWithPrefix(withPrefix),
       syncCallUnregisterTimeout(owner.getSyncCallUnregisterTimeout()),
       statusCodesForRetry(owner.getHttpStatusCodesForRetry()),
-      callbackExecutor(callbackThread, {}),
+      callbackExecutor(kCallbackThread, {}),
       mapRegistryCallback(std::make_unique<RegistrationTable>()),
       registrationListener(shared(owner.getRegistrationListener())),
       upkeep(owner.isResilienceEnabled()
@@ -47,7 +47,7 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
 OrvServiceRegistryClient::~OrvServiceRegistryClient() {
     reference->clear();
     deinitImpl();
-    upkeep->stop();  // calls on a client that is stopped are answered at its end
+    upkeep->stop();  // answers the calls that came after the stop
 }
 
 void OrvServiceRegistryClient::init() {
@@ -60,7 +60,7 @@ void OrvServiceRegistryClient::init() {
     communicationContext.init();
     startExecutorOrTerminate();
     try {
-        timer.start(timerThread);
+        timer.start(kTimerThread);
     } catch (...) {
         stopParts();
         throw;
@@ -69,7 +69,7 @@ void OrvServiceRegistryClient::init() {
     upkeep->start();
 }
 
-// Without the callback thread no outcome could ever be told: the process ends instead.
+// Without the callback thread no outcome could be reported, so the process ends.
 void OrvServiceRegistryClient::startExecutorOrTerminate() noexcept {
     try {
         callbackExecutor.start();

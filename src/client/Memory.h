@@ -8,12 +8,12 @@
 
 namespace orvx::serviceregistryclient {
 
-/// Nothing gets lost for lack of memory: a step of the library's threads that finds none is done
-/// again a moment later, until there is some or the client is stopped; then it throws. Without the
-/// lock. A step that throws std::bad_alloc has changed nothing, or what does not hurt the second
-/// time.
+/// Runs a step of the library's threads, and repeats it after a pause as long as it throws
+/// std::bad_alloc and the client is not stopped; then the exception leaves. Must be called without
+/// the lock. The step must be idempotent: when it throws, it has changed nothing, or only values
+/// that a repetition sets again.
 template <typename Step>
-void OrvServiceRegistryClient::whenThereIsMemory(const Step& step) const {
+void OrvServiceRegistryClient::retryOnBadAlloc(const Step& step) const {
     for (;;) {
         try {
             step();

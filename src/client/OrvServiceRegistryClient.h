@@ -28,42 +28,42 @@ namespace orvx::serviceregistryclient {
 
 class OrvServiceRegistryContext;
 
-/// The library's client. Users see it as IOrvServiceRegistryClient; a client of their own wraps it.
+/// The library's client. Users see it as IOrvServiceRegistryClient; their own clients may wrap it.
 ///
-/// Where to find what, in the order of the declarations below:
+/// Files, in the order of the declarations below:
 ///   Lifecycle.cpp            construction, start, stop
 ///   Sessions.cpp             one HTTP session for each registry endpoint
 ///   Description.cpp          descriptions built from an endpoint
-///   Upkeep.h                 the seam between the two ways to keep registrations: by the members
+///   Upkeep.h                 the interface of the two ways to keep registrations: by the members
 ///                            below (SpecifiedUpkeep.h), or with resilience (ResilientUpkeep.h)
 ///   Registration.cpp         the PUT
-///   RegistrationAnswer.cpp   its answer when it is a success
-///   RegistrationFailure.cpp  its answer when it is not: retry, or give up
+///   RegistrationAnswer.cpp   the answer to a successful PUT
+///   RegistrationFailure.cpp  the answer to a failed PUT: retry, or give up
 ///   StatusCheck.cpp          the periodic HEAD, its time-out, re-registration
 ///   StatusListener.cpp       setting and removing the status listener
 ///   Unregistration.cpp       the DELETE and its answer
-///   CallbackDispatch.cpp     how outcomes reach user code
-///   Memory.h                 what the library's threads do when memory runs out
+///   CallbackDispatch.cpp     delivery of outcomes to user code
+///   Memory.h                 retries when memory runs out
 ///   Synchronous.cpp          one service, blocking
 ///   ServiceCollection.cpp    many services, in both forms
-///   UnregisterAll.cpp        withdrawing everything, in both forms
-///   Records.h                what is kept for a request and for a registration
+///   UnregisterAll.cpp        withdrawing all services, in both forms
+///   Records.h                the records of requests and registrations
 ///   RegistrationState.h      the states of a registration and their transitions
-///   RegistrationFacts.h      what is told of a registration, whatever keeps it
+///   RegistrationFacts.h      the reported status of a registration, with or without resilience
 ///   RegistrationTable.h      the table of registrations and its index
-///   ClientReference.h        how handles and removers outlive the client
+///   ClientReference.h        access of handles and removers to the client
 ///
-/// Threads: the user's (public operations), "ORVX_SRCBExec" (user code, nothing else),
+/// Threads: the user's threads (public operations), "ORVX_SRCBExec" (user code only),
 /// "ORVX_SRRExec" (retries, checks, time-outs), and the communication library's I/O thread
 /// (`handle...Response`).
 ///
-/// The lock rule: `mutex` is the only lock of the client's state, and ClientReference has a lock of
-/// its own, never held together with it. What `mutex` guards is read and changed under it; user
-/// code is neither called, copied nor destroyed under it: callbacks and listeners are moved or
-/// shared there, and released after unlocking. A log line may be written under it.
+/// Lock rule: `mutex` guards the client's state. The only other lock is that of ClientReference;
+/// the two are never held together. Guarded data is read and changed under `mutex`. User code is
+/// neither called, copied nor destroyed under it: callbacks and listeners are moved or shared
+/// there, and released after unlocking. A log line may be written under it.
 ///
-/// Where memory runs out: what the library's threads do under the lock changes nothing before all
-/// that it needs is there, or can be done once more from the beginning; see whenThereIsMemory().
+/// Memory: a step of the library's threads under the lock allocates everything before it changes
+/// anything, or can be repeated from its beginning; see retryOnBadAlloc().
 class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
   public:
     struct RequestContainer;
@@ -81,9 +81,10 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
                              bool registerWithPrefix, OrvServiceRegistryContext& context);
     ~OrvServiceRegistryClient() override;
 
-    /// Starts the client; does nothing while it runs. Not while another thread uses the client.
+    /// Starts the client; does nothing while it runs. Must not be called while another thread uses
+    /// the client.
     void init();
-    /// Stops the client; what it manages stays for the next init(). Does nothing when stopped.
+    /// Stops the client; its registrations are kept for the next init(). Does nothing when stopped.
     void deinit();
 
     // Description.cpp
@@ -130,7 +131,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     static constexpr RegistrationState::Target REREGISTERING = RegistrationState::REREGISTERING;
     static constexpr RegistrationState::Target REGISTERED = RegistrationState::REGISTERED;
     static constexpr RegistrationState::Target UNREGISTERING = RegistrationState::UNREGISTERING;
-    /// The state of the status check: one for all registrations, on purpose.
+    /// The state of the status check. Intentionally one state for all registrations.
     enum HeadState : std::uint32_t {
         IDLE = 0,
         TIMEOUT = 1,
@@ -166,26 +167,27 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         ORVX_EXCLUDES(mutex);
     template <typename Withdraw>
     UnregisterHandle makeHandle(Withdraw withdraw) const;
-    UnregisterHandle handleOf(std::uint64_t id) const;
+    UnregisterHandle makeHandleFor(std::uint64_t id) const;
     UnregisterHandle handleOfRefusedService(const std::string& name) const;
     UnregisterHandle handleOfUnnamedService() const;
 
     // RegistrationAnswer.cpp
     void handlePutResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                            communication::HttpResponse response) ORVX_EXCLUDES(mutex);
-    /// What a success leads to, once the lock is let go.
+    /// The actions that follow a success after unlocking.
     enum class Success { Known, Unknown, Withdrawn };
     Success recordSuccess(std::uint64_t id, RequestContainer& request, const std::string& location,
                           Callbacks& callbacks) ORVX_EXCLUDES(mutex);
     Callbacks recordEntryLocked(RegistrationData& record, RequestContainer& request,
                                 const std::string& uuid, const std::string& location)
         ORVX_REQUIRES(mutex);
+    /// The lock may be held or not: it only adds a timer task.
     void scheduleCheck(std::uint64_t id, const std::shared_ptr<RequestContainer>& request);
 
     // RegistrationFailure.cpp
     void handlePutResponseError(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                                 communication::HttpResponse response) ORVX_EXCLUDES(mutex);
-    /// What a failure leads to, once the lock is let go.
+    /// The actions that follow a failure after unlocking.
     enum class Failure { Ignored, Retried, GivenUp, Withdrawn };
     Failure recordFailure(std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
                           const communication::HttpResponse& response, Callbacks& callbacks)
@@ -194,8 +196,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
                      RegistrationData& record, const communication::HttpResponse& response)
         ORVX_REQUIRES(mutex);
     bool isRetryable(const communication::HttpResponse& response) const;
-    void schedulePut(std::chrono::milliseconds delay, std::uint64_t id,
-                     const std::shared_ptr<RequestContainer>& request) ORVX_REQUIRES(mutex);
+    void schedulePutLocked(std::chrono::milliseconds delay, std::uint64_t id,
+                           const std::shared_ptr<RequestContainer>& request) ORVX_REQUIRES(mutex);
 
     // StatusCheck.cpp
     void sendHeadRequest(std::uint64_t id, const std::shared_ptr<RequestContainer>& container)
@@ -208,8 +210,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     bool recordHeadResponse(std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
                             const communication::HttpResponse& response, bool& isInTime)
         ORVX_EXCLUDES(mutex);
-    void noteCheckLocked(std::uint64_t id, const RequestContainer& container,
-                         RegistrationData& record, const communication::HttpResponse& response)
+    void recordCheckLocked(std::uint64_t id, const RequestContainer& container,
+                           RegistrationData& record, const communication::HttpResponse& response)
         ORVX_REQUIRES(mutex);
     bool markLostLocked(std::uint64_t id, RequestContainer& container,
                         const communication::HttpResponse& response) ORVX_REQUIRES(mutex);
@@ -229,16 +231,18 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     static bool isUnregistering(const RegistrationState& state);
 
     // CallbackDispatch.cpp
+    /// Without resilience the lock may be held or not: it only queues a task. With resilience it
+    /// takes the lock.
     void callCallback(ResponseCallback callback, const Response& response);
     void callCallbacks(Callbacks callbacks, OrvRegistrationResponse::Status status,
                        OrvRegistrationResponse::ErrorCode reason,
-                       communication::HttpResponse response);
+                       communication::HttpResponse response) ORVX_EXCLUDES(mutex);
     Tasks notificationLocked(std::shared_ptr<const common::ServiceModel> service,
                              bool registered) const ORVX_REQUIRES(mutex);
 
     // Memory.h
     template <typename Step>
-    void whenThereIsMemory(const Step& step) const;
+    void retryOnBadAlloc(const Step& step) const ORVX_EXCLUDES(mutex);
 
     // Synchronous.cpp
     SyncOrvRegistrationResponse registerAndWait(
@@ -246,8 +250,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         const std::shared_ptr<common::ServiceCreate>& service);
     static OrvRegistrationResponse makeSynchronizedCallRegistrationResponse(
         const std::function<void(Promise)>& call, std::chrono::milliseconds timeout);
-    /// The callback that a blocked caller waits for.
-    struct Fulfil {
+    /// The callback of a blocked caller; a type of its own, so that a handle can recognise it.
+    struct PromiseCallback {
         Promise promise;
         void operator()(OrvRegistrationResponse response) const;
     };
@@ -274,8 +278,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         const std::function<void(std::uint64_t, std::shared_ptr<common::ServiceCreate>,
                                  ServiceCallback)>& unregisterOne);
 
-    // The order matters: members are destroyed from the last to the first. What answers and tasks
-    // use stands above what runs them, or they are stopped by the destructor before.
+    // The order matters: members are destroyed from the last to the first. Objects that answers and
+    // tasks use are declared before the threads that run these, or the destructor stops those
+    // threads first.
 
     // Constant after construction, or safe by themselves.
     std::shared_ptr<utility::StreamingLogger> logger;
@@ -289,26 +294,26 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     std::uint64_t lastRequestId ORVX_GUARDED_BY(mutex) = 0;
 
     // Constant after construction, or safe by themselves. The status codes are the client's own
-    // copy: its context drops its set while answers may still come in.
+    // copy, because its context destroys its set while answers may still arrive.
     const bool registerWithPrefix;
     const std::chrono::milliseconds syncCallUnregisterTimeout;
     const std::set<communication::HttpResponse::StatusCode> statusCodesForRetry;
     utility::SingleThreadAsyncTaskExecutor callbackExecutor;
     utility::QueuedTimer timer;
 
-    // Guarded.
+    // Guarded by the lock.
     std::map<std::string, std::shared_ptr<communication::IClientHttpSession>> sessions
         ORVX_GUARDED_BY(mutex);
     const std::unique_ptr<RegistrationTable> mapRegistryCallback ORVX_PT_GUARDED_BY(mutex);
     StatusListener statusListener ORVX_GUARDED_BY(mutex);
     HeadState checkState ORVX_GUARDED_BY(mutex) = IDLE;
 
-    /// Notified when the last registration has left.
+    /// Notified when the last registration is removed.
     std::condition_variable empty;
     const std::shared_ptr<const RegistrationListener> registrationListener;
     const std::shared_ptr<Upkeep> upkeep;
 
-    // Safe by itself. Cleared by the destructor before anything is stopped.
+    // Safe by itself. Cleared by the destructor before any thread is stopped.
     const std::shared_ptr<ClientReference> reference = std::make_shared<ClientReference>(*this);
 };
 

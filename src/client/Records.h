@@ -15,10 +15,10 @@
 
 namespace orvx::serviceregistryclient {
 
-/// Registry id and lowest request id of a record.
+/// The registry id and the lowest request id of a record.
 using RegistryIdKey = std::pair<std::string, std::uint64_t>;
 
-/// Orders them with one comparison of texts each; a bare registry id stands before all its keys.
+/// Compares the texts of two keys once. A registry id alone is ordered before all its keys.
 struct RegistryIdOrder {
     using is_transparent = void;
 
@@ -34,16 +34,17 @@ struct RegistryIdOrder {
 /// The records whose description has a registry id.
 using RegistryIdIndex = std::set<RegistryIdKey, RegistryIdOrder>;
 
-/// The request ids that lead to a record, in ascending order. One takes no memory of its own.
+/// The request ids that lead to a record, in ascending order. A single id is stored without an
+/// allocation.
 class RequestIds {
   public:
     bool empty() const { return first_ == 0; }
     std::uint64_t front() const { return first_; }
     std::uint64_t back() const { return hasOthers() ? others_->back() : first_; }
 
-    /// Does nothing when it is there. What throws has changed nothing.
+    /// Does nothing if the id is present. Throws std::bad_alloc; nothing has changed then.
     void insert(std::uint64_t id);
-    /// It must be there.
+    /// The id must be present.
     void erase(std::uint64_t id) noexcept;
 
     template <typename Function>
@@ -59,18 +60,19 @@ class RequestIds {
   private:
     bool hasOthers() const { return others_ && !others_->empty(); }
 
-    std::uint64_t first_ = 0;  // 0 is no id.
+    std::uint64_t first_ = 0;  // 0 if there is none.
     std::unique_ptr<std::vector<std::uint64_t>> others_;
 };
 
-/// What a registration sends, to which registry. Immutable once built, but for the description's id
-/// and uri, which follow what the registry holds, and the way back to its record.
+/// The content of a registration request and its registry. Constant once built, except `record` and
+/// the description's id and uri, which follow the registry's entry.
 struct OrvServiceRegistryClient::RequestContainer {
     std::shared_ptr<const common::ServiceInfo> serviceInfo;
     std::shared_ptr<common::ServiceCreate> serviceCreate;
     std::shared_ptr<const std::string> uri;
     std::shared_ptr<const std::string> body;
-    /// The record that holds this request, while the table holds the record; kept by the table.
+    /// The record that holds this request, while the table holds that record. Maintained by the
+    /// table.
     RegistrationData* record = nullptr;
 };
 
@@ -84,20 +86,21 @@ struct OrvServiceRegistryClient::CallbackList {
 struct OrvServiceRegistryClient::RegistrationData {
     std::shared_ptr<RequestContainer> requestContainer;
     std::shared_ptr<common::ServiceModel> registryEntry;
-    /// Both until the first success.
+    /// Both are released on the first success.
     std::unique_ptr<communication::QunaConnectionBackoffSequence> backoffSequence;
     std::unique_ptr<CallbackList> registerCallbacks;
-    /// From the first request to withdraw on.
+    /// Set by the first request to withdraw.
     std::unique_ptr<CallbackList> unregisterCallbacks;
     RegistrationState state;
     bool wasRegistered = false;
-    /// Whether it has a place in the index, and the request ids that lead here; kept by the table.
+    /// Whether the record is in the index, and the request ids that lead to the record. Maintained
+    /// by the table.
     bool isIndexed = false;
     RequestIds ids;
     RegistryIdIndex::iterator place;
     RegistrationFacts facts;
 
-    /// Leaves the list, if there is one, empty.
+    /// Moves the callbacks out of the list, if there is one.
     static Callbacks take(const std::unique_ptr<CallbackList>& list) {
         return list ? std::exchange(list->callbacks, {}) : Callbacks{};
     }

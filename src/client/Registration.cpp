@@ -1,6 +1,7 @@
 // The registration request: completing a copy of the description, storing it, sending the PUT.
-// Entered by the user's threads, and by the timer's and the I/O thread when a PUT is sent again.
-// The lock is held to store and to look up, not while the request is handed to the session.
+// Entered by the user's threads, and by the timer's thread and the I/O thread when a PUT is sent
+// again. The lock is held to store and to look up, but not while the request is passed to the
+// session.
 
 #include "RegistrationTable.h"
 #include "Upkeep.h"
@@ -21,7 +22,7 @@ using communication::HttpResponse;
 
 namespace {
 
-/// Fills in what is missing. An id is never sent: the registry gives it.
+/// Sets missing values to their defaults. Removes the id, which the registry assigns.
 void complete(ServiceCreate& service) {
     service.getGenericObject().removeValue("id");
     if (!service.hasUri()) {
@@ -41,7 +42,7 @@ void complete(ServiceCreate& service) {
     }
 }
 
-/// Appends what is written to a stream to a text.
+/// A stream buffer that appends to a text.
 class TextBuffer : public std::streambuf {
   public:
     explicit TextBuffer(std::string& text) : text_(text) {}
@@ -59,17 +60,17 @@ class TextBuffer : public std::streambuf {
     std::string& text_;
 };
 
-// A string stream would cost five times as much.
+// Five times as fast as a string stream.
 std::string toJson(const ServiceCreate& service) {
     std::string json;
     TextBuffer buffer(json);
     std::ostream stream(&buffer);
-    stream.exceptions(std::ios::badbit);  // What the buffer throws is for the caller.
+    stream.exceptions(std::ios::badbit);  // Exceptions of the buffer reach the caller.
     service.getGenericObject().toJSONStream(stream, false);
     return json;
 }
 
-/// What a request owns, in one block of memory.
+/// The data that a request owns, in one block of memory.
 struct RequestContent {
     explicit RequestContent(const ServiceCreate& original) : service(original) {}
 
@@ -121,28 +122,29 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::internal_r
     return upkeep->announce(serviceInfo, request, std::move(callback));
 }
 
-// A handle whose client is gone answers a blocked caller only: nothing else would end that wait.
+// A handle whose client is gone answers a blocked caller only, which would wait for ever otherwise.
 template <typename Withdraw>
 IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::makeHandle(
     Withdraw withdraw) const {
     return [reference = reference, withdraw = std::move(withdraw)](const ResponseCallback& done) {
         const bool isCalled =
             reference->call([&](OrvServiceRegistryClient& client) { withdraw(client, done); });
-        if (const auto* waiting = done.target<Fulfil>(); waiting != nullptr && !isCalled) {
+        if (const auto* waiting = done.target<PromiseCallback>(); waiting != nullptr && !isCalled) {
             (*waiting)(
                 {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::DELEGATOR_NOT_INITIATED});
         }
     };
 }
 
-IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::handleOf(
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::makeHandleFor(
     std::uint64_t id) const {
     return makeHandle([id](OrvServiceRegistryClient& client, const ResponseCallback& done) {
         client.upkeep->withdraw(id, done);
     });
 }
 
-// The handle is made first: what is registered has one, even where memory runs out.
+// The handle is made before the registration is stored, so that every registration has one even if
+// memory runs out.
 std::uint64_t OrvServiceRegistryClient::storeRegistration(
     const common::ServiceInfo& serviceInfo, const std::shared_ptr<RequestContainer>& request,
     ResponseCallback callback, UnregisterHandle& handle) {
@@ -167,7 +169,8 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
     return id;
 }
 
-// A request that cannot be made for lack of memory has failed like one on the way.
+// A request that cannot be made because memory ran out is handled like one that failed on the
+// network.
 void OrvServiceRegistryClient::sendPutRequest(std::uint64_t id,
                                               const std::shared_ptr<RequestContainer>& request) {
     try {

@@ -1,7 +1,7 @@
-// The answer to a PUT that is a success: taking the uuid from the location, recording the entry,
-// telling the callbacks and the listener, starting the check. Entered by the I/O thread. The lock
-// is held from looking up the registration until its record is written; callbacks are dispatched
-// after.
+// The answer to a successful PUT: takes the uuid from the location, records the entry, calls the
+// callbacks and the listener, starts the check. Entered by the I/O thread. The lock is held from
+// the look-up of the registration until its record is written; callbacks are queued after
+// unlocking.
 
 #include "Memory.h"
 #include "RegistrationTable.h"
@@ -24,7 +24,7 @@ void OrvServiceRegistryClient::handlePutResponse(std::uint64_t id,
         return;
     }
     std::optional<std::string> location;
-    whenThereIsMemory([&] { location = response.getLocation(); });
+    retryOnBadAlloc([&] { location = response.getLocation(); });
     if (!location) {
         logger->logWarning(false) << "HTTP response is missing location field";
         handlePutResponseError(id, request, std::move(response));
@@ -37,19 +37,19 @@ void OrvServiceRegistryClient::handlePutResponse(std::uint64_t id,
     }
     Callbacks callbacks;
     Success success{};
-    whenThereIsMemory([&] { success = recordSuccess(id, *request, *location, callbacks); });
+    retryOnBadAlloc([&] { success = recordSuccess(id, *request, *location, callbacks); });
     if (success == Success::Withdrawn) {
-        whenThereIsMemory([&] { internal_unregisterFromRegistry(id, {}); });
+        retryOnBadAlloc([&] { internal_unregisterFromRegistry(id, {}); });
     } else if (success == Success::Known) {
         callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
                       OrvRegistrationResponse::NONE, std::move(response));
         if (context.isCheckEnabled()) {
-            whenThereIsMemory([&] { scheduleCheck(id, request); });
+            retryOnBadAlloc([&] { scheduleCheck(id, request); });
         }
     }
 }
 
-/// Leaves the callbacks that are to be told in `callbacks`.
+/// Moves the callbacks that are to be called into `callbacks`.
 OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
     std::uint64_t id, RequestContainer& request, const std::string& location,
     Callbacks& callbacks) {
@@ -64,8 +64,8 @@ OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
         return Success::Unknown;
     }
     if (const auto sameEntry = mapRegistryCallback->findByRegistryId(uuid)) {
-        // Whatever the other registration's state: this id follows it from now on.
-        released = mapRegistryCallback->lead(id, sameEntry);
+        // The id follows the other registration from now on, whatever that registration's state is.
+        released = mapRegistryCallback->redirect(id, sameEntry);
         upkeep->reportLocked(id, *sameEntry->requestContainer, sameEntry->facts,
                              RegistrationEvent::Kind::Announced);
         callbacks = RegistrationData::take(record->registerCallbacks);
@@ -77,12 +77,12 @@ OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
     return Success::Known;
 }
 
-// The registration's callbacks are told of its first success only; the listener of every one.
+// Calls the registration's callbacks on its first success only, and the listener on every success.
 OrvServiceRegistryClient::Callbacks OrvServiceRegistryClient::recordEntryLocked(
     RegistrationData& record, RequestContainer& request, const std::string& uuid,
     const std::string& location) {
     Tasks notification = notificationLocked(request.serviceCreate, true);
-    mapRegistryCallback->describe(request, uuid, location);
+    mapRegistryCallback->setRegistryEntry(request, uuid, location);
     record.state = REGISTERED;
     Callbacks callbacks;
     RegistrationFacts& facts = record.facts;

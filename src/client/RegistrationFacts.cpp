@@ -1,5 +1,5 @@
-// What getRegistrations() and the registration listener are told, with both sets of rules. Entered
-// by every thread that enters the client, under its lock, but for the copy of a status.
+// The status for getRegistrations() and the events for the registration listener, with or without
+// resilience. Entered by every thread that enters the client, under its lock.
 
 #include "Upkeep.h"
 
@@ -19,7 +19,7 @@ using State = RegistrationStatus::State;
 
 namespace {
 
-/// So much of an answer's body is kept for people to read.
+/// The length up to which an answer's body is kept for human readers.
 constexpr std::size_t kLongestBody = 200;
 
 }  // namespace
@@ -30,7 +30,7 @@ system_clock::time_point OrvServiceRegistryClient::Upkeep::Clocks::timeOf(millis
 
 std::optional<system_clock::time_point> OrvServiceRegistryClient::Upkeep::Clocks::timeUnlessNone(
     milliseconds time) const {
-    return time == RegistrationFacts::none ? std::nullopt : std::optional(timeOf(time));
+    return time == RegistrationFacts::kNone ? std::nullopt : std::optional(timeOf(time));
 }
 
 OrvServiceRegistryClient::Upkeep::Clocks OrvServiceRegistryClient::Upkeep::readClocks() const {
@@ -102,7 +102,7 @@ void OrvServiceRegistryClient::Upkeep::reportLocked(std::uint64_t id,
              told = RegistrationEvent{event, statusLocked(id, request, facts, readClocks())}] {
                 (*listener)(told);
             });
-        tellLocked(std::move(tasks));
+        queueTasksLocked(std::move(tasks));
     }
 }
 

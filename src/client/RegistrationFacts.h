@@ -12,10 +12,10 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What getRegistrations() tells of a registration and its own rules do not need. Times are those
-/// of the timer's clock, in milliseconds. Guarded by the client's lock.
+/// Data of a registration that getRegistrations() reports and that its own rules do not need. Times
+/// are those of the timer's clock. Guarded by the client's lock.
 struct RegistrationFacts {
-    static constexpr std::chrono::milliseconds none = std::chrono::milliseconds::min();
+    static constexpr std::chrono::milliseconds kNone = std::chrono::milliseconds::min();
 
     struct Failure {
         std::chrono::milliseconds time;
@@ -24,17 +24,17 @@ struct RegistrationFacts {
         std::string text;
     };
 
-    /// A request is out.
+    /// Records that a request was sent.
     void requestSent() {
         ++attempts;
-        due = none;
+        due = kNone;
     }
-    /// The next request is due after that, by what it was told.
+    /// Sets the due time of the next request. A delay of more than a year counts as none.
     void plan(std::chrono::milliseconds now, std::chrono::milliseconds delay) {
-        constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
-        due = delay > longest ? none : now + std::max(delay, std::chrono::milliseconds::zero());
+        constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
+        due = delay > kLongest ? kNone : now + std::max(delay, std::chrono::milliseconds::zero());
     }
-    /// False when it stands there already.
+    /// Enters the state. Returns false if it is the current state.
     bool enter(RegistrationStatus::State next, std::chrono::milliseconds now) {
         since = state == next ? since : now;
         return std::exchange(state, next) != next;
@@ -45,12 +45,12 @@ struct RegistrationFacts {
                                                     std::chrono::milliseconds now);
 
     std::chrono::milliseconds since{0};
-    std::chrono::milliseconds confirmed = none;
-    std::chrono::milliseconds due = none;
+    std::chrono::milliseconds confirmed = kNone;
+    std::chrono::milliseconds due = kNone;
     std::shared_ptr<const Failure> failure;
     std::uint32_t attempts = 0;
     RegistrationStatus::State state = RegistrationStatus::State::Announcing;
-    /// The last request failed.
+    /// Whether the last request failed.
     bool failing = false;
 };
 

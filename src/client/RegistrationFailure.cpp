@@ -1,7 +1,6 @@
-// The answer to a PUT that is no success: retry a first registration, try a lost service again
-// after the check interval, or give up. Entered by the I/O thread, and by those that could not make
-// the PUT. The lock is held for the
-// decision; callbacks are dispatched after it is let go.
+// The answer to a failed PUT: retries a first registration, registers a lost service again after
+// the check interval, or gives up. Entered by the I/O thread, and by threads that could not make
+// the PUT. The lock is held for the decision; callbacks are queued after unlocking.
 
 #include "Memory.h"
 #include "RegistrationTable.h"
@@ -20,19 +19,20 @@ void OrvServiceRegistryClient::handlePutResponseError(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& request, HttpResponse response) {
     Callbacks callbacks;
     Failure failure{};
-    whenThereIsMemory([&] { failure = recordFailure(id, request, response, callbacks); });
+    retryOnBadAlloc([&] { failure = recordFailure(id, request, response, callbacks); });
     if (failure == Failure::GivenUp) {
         callCallbacks(std::move(callbacks), OrvRegistrationResponse::ERROR,
                       OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, std::move(response));
     } else if (failure == Failure::Withdrawn) {
-        // While the registry had lost it: there is nothing left to withdraw.
-        whenThereIsMemory([&] { deleteRegistryEntriesAndNotifyListener(id, callbacks); });
+        // The service was withdrawn while the registry had lost it: there is nothing left to
+        // delete.
+        retryOnBadAlloc([&] { deleteRegistryEntriesAndNotifyListener(id, callbacks); });
         callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
                       OrvRegistrationResponse::NONE, std::move(response));
     }
 }
 
-/// Leaves the callbacks of a registration that is given up in `callbacks`.
+/// Moves the callbacks of a registration that is given up into `callbacks`.
 OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& request,
     const HttpResponse& response, Callbacks& callbacks) {
@@ -62,15 +62,15 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
     if (isUnregistering(record->state)) {
         return Failure::Withdrawn;
     }
-    schedulePut(checkDelay(), id, request);
+    schedulePutLocked(checkDelay(), id, request);
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "re-register request: " << *request->uri;
     }
     return Failure::Retried;
 }
 
-/// True when the request will be sent again. A limited number of retries is spaced evenly, an
-/// unlimited one follows the back-off.
+/// Returns whether the request will be sent again. Limited retries have a constant delay, unlimited
+/// retries follow the back-off.
 bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
                                            const std::shared_ptr<RequestContainer>& request,
                                            RegistrationData& record, const HttpResponse& response) {
@@ -84,7 +84,7 @@ bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
         return false;
     }
     auto backoff = *record.backoffSequence;
-    schedulePut(max == 0 ? backoff.nextDelay() : context.getRetryInterval(), id, request);
+    schedulePutLocked(max == 0 ? backoff.nextDelay() : context.getRetryInterval(), id, request);
     *record.backoffSequence = backoff;
     ++retryCount;
     if (logger->isInfoEnabled()) {
@@ -93,7 +93,7 @@ bool OrvServiceRegistryClient::retryLocked(std::uint64_t id,
     return true;
 }
 
-/// Says in the log why it is, or is not.
+/// Logs the reason.
 bool OrvServiceRegistryClient::isRetryable(const HttpResponse& response) const {
     const CommunicationStatus communicationStatus = response.getCommunicationStatus();
     const auto status = static_cast<std::int32_t>(response.getStatusCode());
@@ -109,8 +109,8 @@ bool OrvServiceRegistryClient::isRetryable(const HttpResponse& response) const {
     return true;
 }
 
-void OrvServiceRegistryClient::schedulePut(std::chrono::milliseconds delay, std::uint64_t id,
-                                           const std::shared_ptr<RequestContainer>& request) {
+void OrvServiceRegistryClient::schedulePutLocked(std::chrono::milliseconds delay, std::uint64_t id,
+                                                 const std::shared_ptr<RequestContainer>& request) {
     timer.addTask(delay, [this, id, request] { sendPutRequest(id, request); });
     if (const auto record = mapRegistryCallback->find(id)) {
         record->facts.plan(timer.now(), delay);

@@ -4,8 +4,8 @@
 
 namespace orvx::serviceregistryclient {
 
-/// Where a registration stands by the rules without resilience, in 32 bits. A transition is written
-/// as the state that it leads to, and there are no others than these:
+/// The state of a registration without resilience, in 32 bits. A transition is written as an
+/// assignment of its target. These are all transitions:
 ///
 /// | from                            | event                                   | to            |
 /// |---------------------------------|-----------------------------------------|---------------|
@@ -18,7 +18,7 @@ namespace orvx::serviceregistryclient {
 /// The record is removed when the DELETE is answered 200.
 class RegistrationState {
   public:
-    /// The states that transitions lead to.
+    /// The targets of transitions.
     enum Target : std::uint32_t {
         REGISTERING = 0,
         REREGISTERING = 1,
@@ -30,19 +30,19 @@ class RegistrationState {
         value_ = target;
         return *this;
     }
-    operator std::uint32_t() const { return value_; }  // NOLINT: it is a number to those who look
+    operator std::uint32_t() const { return value_; }  // NOLINT: implicit on purpose
     bool isUnregistering() const { return value_ == UNREGISTERING || value_ == kAlsoUnregistering; }
 
   private:
     friend class ClientTestAccess;
-    /// Tests write what no transition leads to.
+    /// For tests that set other values.
     RegistrationState& operator=(std::uint32_t value) {
         value_ = value;
         return *this;
     }
 
     static constexpr std::uint32_t kCreated = 5;
-    /// Never written; where UNREGISTERING counts, it counts too.
+    /// Never assigned by the client; treated like UNREGISTERING.
     static constexpr std::uint32_t kAlsoUnregistering = 4;
 
     std::uint32_t value_ = kCreated;

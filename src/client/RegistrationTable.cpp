@@ -1,7 +1,7 @@
 // The table of registrations and its index. Entered by every thread that enters the client, under
-// the client's lock. A record stands in the index under its lowest request id, so whatever changes
-// its ids or its registry id takes its entry out before and puts it back after, which needs no
-// memory.
+// the client's lock. A record is in the index under its lowest request id. A function that changes
+// its request ids or its registry id removes its index entry first and inserts the same node again,
+// which allocates nothing.
 
 #include "RegistrationTable.h"
 
@@ -59,7 +59,7 @@ void OrvServiceRegistryClient::RegistrationTable::insert(std::uint64_t id, const
 }
 
 OrvServiceRegistryClient::RegistrationTable::Record
-OrvServiceRegistryClient::RegistrationTable::lead(std::uint64_t id, const Record& target) {
+OrvServiceRegistryClient::RegistrationTable::redirect(std::uint64_t id, const Record& target) {
     target->ids.insert(id);
     Record previous = std::exchange(records_.find(id)->second, target);
     if (previous != target) {
@@ -104,14 +104,14 @@ std::string OrvServiceRegistryClient::RegistrationTable::registryIdOf(
                                                   : request.serviceCreate->getId();
 }
 
-// The request's id may lead to another record by now, which does not matter here.
-void OrvServiceRegistryClient::RegistrationTable::describe(RequestContainer& request,
-                                                           const std::string& registryId,
-                                                           const std::string& uri) {
+// The request's id may lead to another record by now; that does not matter here.
+void OrvServiceRegistryClient::RegistrationTable::setRegistryEntry(RequestContainer& request,
+                                                                   const std::string& registryId,
+                                                                   const std::string& uri) {
     RegistrationData* const record = request.record;
     Entry entry = record != nullptr ? makeEntry(*record, registryId) : Entry();
     request.serviceCreate->setUri(uri);
-    request.serviceCreate->setId(registryId);  // last: it is by its id that it counts
+    request.serviceCreate->setId(registryId);  // last, because the id makes the entry valid
     if (record != nullptr) {
         takeEntry(*record);
         index(*record, std::move(entry));
@@ -126,7 +126,7 @@ OrvServiceRegistryClient::RegistrationTable::makeEntry(const RegistrationData& r
     return made.extract(made.begin());
 }
 
-/// Of a record that is not in the index: empty.
+/// Empty if the record is not in the index.
 OrvServiceRegistryClient::RegistrationTable::Entry
 OrvServiceRegistryClient::RegistrationTable::takeEntry(RegistrationData& record) noexcept {
     record.requestContainer->record = nullptr;
@@ -134,7 +134,8 @@ OrvServiceRegistryClient::RegistrationTable::takeEntry(RegistrationData& record)
     return wasIndexed ? byRegistryId_.extract(record.place) : Entry();
 }
 
-/// Under the lowest id that leads to the record by now; a record without one has left.
+/// Inserts the record under its lowest request id. Does nothing if no id leads to the record any
+/// more.
 void OrvServiceRegistryClient::RegistrationTable::index(RegistrationData& record,
                                                         Entry entry) noexcept {
     if (record.ids.empty()) {

@@ -6,45 +6,47 @@
 
 namespace orvx::serviceregistryclient {
 
-/// The registrations by request id, and an index by the registry id in their descriptions, so that
-/// neither finding the registration of an entry nor removing one costs more the more there are.
+/// The registrations by request id, and an index by the registry id in their descriptions. Finding
+/// the registration of an entry and removing a registration take logarithmic time.
 ///
-/// Several request ids may lead to one record. The index speaks of the descriptions that the
-/// records hold: that of a request whose id was led to another record is in it only as long as
-/// another id leads to its own.
-/// What throws std::bad_alloc has changed nothing that counts, and can be called again.
-/// Guarded by the client's lock. Records are never destroyed here under that lock: who erases one
-/// holds a share.
+/// Several request ids may lead to one record. Indexes the records that a request id still leads
+/// to: a record from which all ids were redirected is not in the index.
+/// A function that throws std::bad_alloc has changed nothing that is visible and can be called
+/// again.
+/// Guarded by the client's lock. Records are never destroyed here under that lock: a caller that
+/// erases a record shares its ownership.
 class OrvServiceRegistryClient::RegistrationTable {
   public:
     using Record = std::shared_ptr<RegistrationData>;
     using Map = std::map<std::uint64_t, Record>;
 
-    /// Null when there is none.
+    /// Null if the id is unknown.
     Record find(std::uint64_t id) const;
-    /// The record with the lowest request id among those whose description has this registry id, be
-    /// it empty; null when there is none.
+    /// The record with the lowest request id among those whose description has this registry id,
+    /// which may be empty; null if there is none.
     Record findByRegistryId(const std::string& registryId) const;
     Map::const_iterator begin() const { return records_.begin(); }
     Map::const_iterator end() const { return records_.end(); }
 
     /// `id` must be new.
     void insert(std::uint64_t id, const Record& record);
-    /// Makes `id`, which must be there, lead to `target`; returns the record it led to.
-    Record lead(std::uint64_t id, const Record& target);
-    /// Removes one id, which must be there.
+    /// Makes `id`, which must be present, lead to `target`. Returns the record that it led to
+    /// before.
+    Record redirect(std::uint64_t id, const Record& target);
+    /// Removes one id, which must be present.
     void erase(std::uint64_t id) noexcept;
-    /// Removes every id that leads to the record.
+    /// Removes all ids that lead to the record.
     void eraseAll(RegistrationData& record) noexcept;
 
-    /// A copy of the endpoint, the same one for all registrations in a row at one endpoint.
+    /// A copy of the endpoint. Consecutive registrations at one endpoint share the same copy.
     std::shared_ptr<const common::ServiceInfo> share(const common::ServiceInfo& registry);
 
-    /// The registry id in the request's description. The index has it at hand: the description and
-    /// its values lie elsewhere in memory, each check's anew.
+    /// The registry id in the request's description. Read from the index, because the description's
+    /// memory is rarely in the processor's cache when a check is due.
     static std::string registryIdOf(const RequestContainer& request);
-    /// Writes what the registry holds into the request's description.
-    void describe(RequestContainer& request, const std::string& registryId, const std::string& uri);
+    /// Sets the registry id and the uri in the request's description, as in the registry's entry.
+    void setRegistryEntry(RequestContainer& request, const std::string& registryId,
+                          const std::string& uri);
 
   private:
     using Entry = RegistryIdIndex::node_type;

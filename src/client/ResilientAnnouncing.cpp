@@ -1,4 +1,4 @@
-// With resilience: answers to a PUT, and entries that turn out to be one. Entered by the I/O
+// With resilience: answers to a PUT, and entries that turn out to be the same. Entered by the I/O
 // thread.
 
 #include "Memory.h"
@@ -32,7 +32,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::handlePut(const std::shared_ptr<
                            response.getStatusCode() == HttpResponse::StatusCode::Created;
     std::string location;
     std::string uuid;
-    client_.whenThereIsMemory([&] {
+    client_.retryOnBadAlloc([&] {
         location = isSuccess ? response.getLocation().value_or("") : "";
         uuid = uuidOf(location);
     });
@@ -45,7 +45,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::handlePut(const std::shared_ptr<
         if (!uuid.empty()) {
             recordEntryLocked(*entry, uuid, location, response);
         } else {
-            handlePutFailureLocked(*entry, response, !isSuccess && !isPassing(response));
+            handlePutFailureLocked(*entry, response, !isSuccess && !isTransient(response));
         }
     });
 }
@@ -55,7 +55,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::recordEntryLocked(Entry& entry,
                                                                   const std::string& location,
                                                                   const HttpResponse& response) {
     if (!entry.uuid.empty() && entry.uuid != uuid) {
-        leaveBehindLocked(entry);
+        splitOffOldUuidLocked(entry);
     }
     const auto same = entry.endpoint.byUuid.find(uuid);
     const auto other = same == entry.endpoint.byUuid.end() ? nullptr : *same;
@@ -91,23 +91,23 @@ void OrvServiceRegistryClient::ResilientUpkeep::recordEntryLocked(Entry& entry,
         mergeLocked(entry, *other);
         return;
     }
-    entry.out = Request::None;
-    // Spread: services that are announced together are not checked together, and a registry that
-    // restarted is noticed by the first of them.
-    const Member* const latest = wanted(entry);
+    entry.outstanding = Request::None;
+    // The first check has a random delay: services that are announced together are not checked
+    // together, and the first of them notices a restarted registry.
+    const Member* const latest = latestWanted(entry);
     const bool isDone = latest != nullptr && latest->first == entry.held;
     planLocked(entry,
-               isDone ? now() + std::max(randomPartOf(checkInterval()), shortestPause) : now());
+               isDone ? now() + std::max(randomPartOf(checkInterval()), kShortestPause) : now());
     reconcileLocked(entry, &response);
 }
 
-/// The registry has answered with another uuid: the entry of the one before is not wanted any more.
-void OrvServiceRegistryClient::ResilientUpkeep::leaveBehindLocked(Entry& entry) {
+/// The registry has assigned another uuid: the entry with the old uuid is split off, to be deleted.
+void OrvServiceRegistryClient::ResilientUpkeep::splitOffOldUuidLocked(Entry& entry) {
     const auto left = std::make_shared<Entry>(entry.endpoint);
     left->uuid = entry.uuid;
     left->known = Known::Present;
     left->due = dues_.emplace(now(), left.get()).first;
-    // From here on nothing needs memory.
+    // Nothing allocates from here on.
     auto& byUuid = entry.endpoint.byUuid;
     auto node = byUuid.extract(byUuid.find(entry.uuid));
     node.value() = left;
@@ -115,7 +115,8 @@ void OrvServiceRegistryClient::ResilientUpkeep::leaveBehindLocked(Entry& entry) 
     entry.uuid.clear();
 }
 
-/// Which of their descriptions came last nobody knows: the latest one is put once more.
+/// It is unknown which of the two descriptions the registry stored last, so the latest one is sent
+/// again.
 void OrvServiceRegistryClient::ResilientUpkeep::mergeLocked(Entry& entry, Entry& into) {
     into.members.reserve(into.members.size() + entry.members.size());
     for (Member* const member : entry.members) {
@@ -127,16 +128,16 @@ void OrvServiceRegistryClient::ResilientUpkeep::mergeLocked(Entry& entry, Entry&
     entry.members.clear();
     const auto kept = entry.shared_from_this();
     const auto shared = into.shared_from_this();
-    for (auto& [path, leadsTo] : entry.endpoint.byPath) {
-        if (leadsTo == kept) {
-            leadsTo = shared;
+    for (auto& [path, target] : entry.endpoint.byPath) {
+        if (target == kept) {
+            target = shared;
         }
     }
     entry.path = entry.endpoint.byPath.end();
     into.isMerged = true;
     eraseLocked(entry);
     into.held = 0;
-    if (into.out == Request::None) {
+    if (into.outstanding == Request::None) {
         planLocked(into, std::max(now(), into.notBefore));
     }
     reconcileLocked(into);
@@ -146,8 +147,9 @@ void OrvServiceRegistryClient::ResilientUpkeep::handlePutFailureLocked(Entry& en
                                                                        const HttpResponse& response,
                                                                        bool isRefusal) {
     failLocked(entry, "PUT", response);
-    if (mayHaveHappened(response)) {
-        entry.known = Known::Unknown;  // also where there was one: it may have got another uuid
+    if (mayHaveTakenEffect(response)) {
+        // Even if the entry was present: the registry may have assigned another uuid.
+        entry.known = Known::Unknown;
     }
     Milliseconds delay = isRefusal ? checkInterval() : backOffLocked(entry);
     const auto sent = registrations_.find(entry.sent);
@@ -162,12 +164,12 @@ void OrvServiceRegistryClient::ResilientUpkeep::handlePutFailureLocked(Entry& en
             delay = max == 0 ? delay : client_.context.getRetryInterval();
         }
     }
-    entry.out = Request::None;
+    entry.outstanding = Request::None;
     planLocked(entry, std::max(now() + std::max(delay, Milliseconds::zero()), entry.notBefore));
     reconcileLocked(entry, &response);
 }
 
-/// Of a registration that still waits.
+/// Gives up a registration that is still waiting.
 void OrvServiceRegistryClient::ResilientUpkeep::giveUpLocked(
     Member& member, OrvRegistrationResponse::ErrorCode reason, const HttpResponse* response) {
     Registration& registration = member.second;

@@ -1,6 +1,6 @@
 // With resilience: the blocking forms. Entered by the user's threads, which wait here; the callback
-// thread gathers the answers. Every wait ends: with the last answer, its time-out, or the client's
-// stop. After a wait nothing of the client is touched: it may be gone.
+// thread delivers the answers. Every wait ends: with the last answer, its time-out, or the client's
+// stop. After a wait nothing of the client is used, because the client may be gone.
 
 #include "ResilientRecords.h"
 
@@ -15,10 +15,10 @@ using common::ServiceCreate;
 using common::ServiceModel;
 using Outcome = OrvRegistrationResponse;
 
-/// One blocking call: gathers the answers to its services.
-class OrvServiceRegistryClient::ResilientUpkeep::Wait {
+/// One blocking call: collects the answers for its services.
+class OrvServiceRegistryClient::ResilientUpkeep::BlockingCall {
   public:
-    /// Of a service that has not answered in time.
+    /// The initial response is that of a service without an answer in time.
     using Responses = std::map<std::shared_ptr<ServiceModel>, Outcome>;
 
     void add(const std::shared_ptr<ServiceModel>& service) {
@@ -35,7 +35,7 @@ class OrvServiceRegistryClient::ResilientUpkeep::Wait {
         }
         changed_.notify_all();
     }
-    /// The client has stopped.
+    /// Called when the client has stopped.
     void end() {
         const std::lock_guard lock(mutex_);
         isEnded_ = true;
@@ -46,17 +46,17 @@ class OrvServiceRegistryClient::ResilientUpkeep::Wait {
         }
         changed_.notify_all();
     }
-    /// Zero is no time-out.
+    /// Zero means no time-out.
     Responses wait(Milliseconds timeout) {
-        constexpr Milliseconds longest = std::chrono::hours(24 * 365 * 10);
+        constexpr Milliseconds kLongest = std::chrono::hours(24 * 365 * 10);
         std::unique_lock lock(mutex_);
         const auto isDone = [this] { return left_ == 0 || isEnded_; };
         if (timeout == Milliseconds::zero()) {
             changed_.wait(lock, isDone);
         } else {
-            changed_.wait_for(lock, std::min(timeout, longest), isDone);
+            changed_.wait_for(lock, std::min(timeout, kLongest), isDone);
         }
-        left_ = 0;  // what comes later is dropped
+        left_ = 0;  // later answers are dropped
         return std::move(responses_);
     }
 
@@ -68,8 +68,8 @@ class OrvServiceRegistryClient::ResilientUpkeep::Wait {
     bool isEnded_ = false;
 };
 
-/// Null where it must not begin: then the reason is what every service is answered with.
-std::shared_ptr<OrvServiceRegistryClient::ResilientUpkeep::Wait>
+/// Null if the call must not block; every service is answered with `reason` then.
+std::shared_ptr<OrvServiceRegistryClient::ResilientUpkeep::BlockingCall>
 OrvServiceRegistryClient::ResilientUpkeep::beginWait(Outcome::ErrorCode& reason) {
     if (isInsideUserCode()) {
         client_.logger->logError(false)
@@ -77,21 +77,22 @@ OrvServiceRegistryClient::ResilientUpkeep::beginWait(Outcome::ErrorCode& reason)
         reason = Outcome::OTHER;
         return nullptr;
     }
-    auto wait = std::make_shared<Wait>();
+    auto wait = std::make_shared<BlockingCall>();
     const utility::MutexLock lock(client_.mutex);
     if (!client_.initiated) {
         reason = Outcome::DELEGATOR_NOT_INITIATED;
         return nullptr;
     }
-    waits_.erase(std::remove_if(waits_.begin(), waits_.end(),
-                                [](const std::weak_ptr<Wait>& one) { return one.expired(); }),
-                 waits_.end());
+    waits_.erase(
+        std::remove_if(waits_.begin(), waits_.end(),
+                       [](const std::weak_ptr<BlockingCall>& one) { return one.expired(); }),
+        waits_.end());
     waits_.push_back(wait);
     return wait;
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::endWaits(
-    const std::vector<std::weak_ptr<Wait>>& waits) {
+    const std::vector<std::weak_ptr<BlockingCall>>& waits) {
     for (const auto& one : waits) {
         if (const auto wait = one.lock()) {
             wait->end();
@@ -99,13 +100,13 @@ void OrvServiceRegistryClient::ResilientUpkeep::endWaits(
     }
 }
 
-/// What withdraws a service and waits.
+/// Makes a function that withdraws a service and waits for the answer.
 std::function<Outcome()> OrvServiceRegistryClient::ResilientUpkeep::unregisterAndWait(
     UnregisterHandle handle) {
     return [reference = client_.reference, self = this, handle = std::move(handle),
             timeout = client_.syncCallUnregisterTimeout] {
         Outcome::ErrorCode reason = Outcome::DELEGATOR_NOT_INITIATED;
-        std::shared_ptr<Wait> wait;
+        std::shared_ptr<BlockingCall> wait;
         reference->call([&](OrvServiceRegistryClient&) { wait = self->beginWait(reason); });
         if (!wait) {
             return Outcome(Outcome::ERROR, reason);

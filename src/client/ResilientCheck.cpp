@@ -1,6 +1,6 @@
-// With resilience: answers to the check of an entry, its time-out, and what one answer says of the
-// other entries at that registry. Entered by the timer's thread and the I/O thread. Each entry has
-// a check of its own; a late answer is told by the number of its request.
+// With resilience: answers to the check of an entry, its time-out, and the effect of one answer on
+// the other entries at that registry. Entered by the timer's thread and the I/O thread. Each entry
+// has a check of its own. A late answer is recognised by the number of its request.
 
 #include "Memory.h"
 #include "ResilientRecords.h"
@@ -38,7 +38,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr
         Milliseconds due = now();
         if (isGone(response)) {
             markLostLocked(*entry, response);
-            lookAtAllLocked(entry->endpoint, entry.get());
+            checkAllLocked(entry->endpoint, entry.get());
         } else {
             if (isSuccess(response)) {
                 for (Member* const member : entry->members) {
@@ -53,26 +53,26 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleHead(const std::shared_ptr
             }
             due = std::max(due, entry->notBefore);
         }
-        entry->out = Request::None;
+        entry->outstanding = Request::None;
         planLocked(*entry, due);
         reconcileLocked(*entry, &response);
     });
 }
 
-/// Its answer, if there is one yet, is too late for this check.
+/// The check has timed out; a late answer is ignored.
 void OrvServiceRegistryClient::ResilientUpkeep::giveUpHeadLocked(Entry& entry) {
     const HttpResponse silence(CommunicationStatus::TimedOut,
                                "no answer from " + entry.endpoint.info->getKey() + " in time");
     failLocked(entry, "HEAD", silence);
     entry.endpoint.isAnswering = false;
-    entry.out = Request::None;
+    entry.outstanding = Request::None;
     planLocked(entry, dueAfterNoAnswerLocked(entry));
 }
 
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::dueAfterNoAnswerLocked(
     const Entry& entry) const {
-    return now() + (entry.isToLookAgain ? randomPartOf(std::min(shortestSpread, checkInterval()))
-                                        : checkInterval());
+    return now() + (entry.mustRecheck ? randomPartOf(std::min(kShortestSpread, checkInterval()))
+                                      : checkInterval());
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::markLostLocked(Entry& entry,
@@ -99,16 +99,16 @@ void OrvServiceRegistryClient::ResilientUpkeep::markLostLocked(Entry& entry,
     forgetUuidLocked(entry);
 }
 
-/// The first answer after none makes all entries due, once in an interval: a network that loses
-/// single answers must not multiply the checks.
-void OrvServiceRegistryClient::ResilientUpkeep::noteAnswerLocked(Entry& entry,
-                                                                 const HttpResponse& response) {
+/// The first answer after a failure makes all entries due, at most once in an interval: a network
+/// that loses single answers must not multiply the checks.
+void OrvServiceRegistryClient::ResilientUpkeep::recordReachabilityLocked(
+    Entry& entry, const HttpResponse& response) {
     Endpoint& endpoint = entry.endpoint;
     switch (response.getCommunicationStatus()) {
         case CommunicationStatus::Ok:
-            if (!endpoint.isAnswering && now() - checkInterval() >= endpoint.answeringSince) {
-                endpoint.answeringSince = now();
-                lookAtAllLocked(endpoint, &entry);
+            if (!endpoint.isAnswering && now() - checkInterval() >= endpoint.lastRecovery) {
+                endpoint.lastRecovery = now();
+                checkAllLocked(endpoint, &entry);
             }
             endpoint.isAnswering = true;
             break;
@@ -116,33 +116,33 @@ void OrvServiceRegistryClient::ResilientUpkeep::noteAnswerLocked(Entry& entry,
         case CommunicationStatus::NoSession:
         case CommunicationStatus::Abandoned:
         case CommunicationStatus::OutOfMemory:
-            break;  // says nothing of the registry
+            break;  // says nothing about the registry
         default:
             endpoint.isAnswering = false;
     }
 }
 
-/// Makes every entry due within the spread of the registry's entries. Looks that follow each other
-/// within an interval come less and less often: the registry keeps nothing, or it answers before it
-/// knows what it was told.
-void OrvServiceRegistryClient::ResilientUpkeep::lookAtAllLocked(Endpoint& endpoint,
-                                                                const Entry* except) {
+/// Makes every entry due within a time that grows with the number of entries. If this happens again
+/// within an interval, the pause grows each time: the registry stores nothing, or it answers before
+/// it has loaded its entries.
+void OrvServiceRegistryClient::ResilientUpkeep::checkAllLocked(Endpoint& endpoint,
+                                                               const Entry* except) {
     const Milliseconds time = now();
-    if (time < endpoint.lookingUntil) {
+    if (time < endpoint.checkAllUntil) {
         return;
     }
     const Milliseconds spread = std::max(
-        shortestSpread, spreadPerEntry * static_cast<Milliseconds::rep>(endpoint.byPath.size()));
-    const bool isFirst = time - checkInterval() >= endpoint.lookingUntil;
-    endpoint.lookingPause = isFirst ? Milliseconds::zero()
-                                    : std::clamp(2 * endpoint.lookingPause, shortestSpread,
-                                                 std::max(shortestSpread, checkInterval()));
-    endpoint.lookingUntil = time + spread + endpoint.lookingPause;
+        kShortestSpread, kSpreadPerEntry * static_cast<Milliseconds::rep>(endpoint.byPath.size()));
+    const bool isFirst = time - checkInterval() >= endpoint.checkAllUntil;
+    endpoint.checkAllPause = isFirst ? Milliseconds::zero()
+                                     : std::clamp(2 * endpoint.checkAllPause, kShortestSpread,
+                                                  std::max(kShortestSpread, checkInterval()));
+    endpoint.checkAllUntil = time + spread + endpoint.checkAllPause;
     const auto look = [&](Entry& entry) {
         lockIsHeld();
-        if (entry.out == Request::Head) {
-            entry.isToLookAgain = true;
-        } else if (&entry != except && entry.out == Request::None) {
+        if (entry.outstanding == Request::Head) {
+            entry.mustRecheck = true;
+        } else if (&entry != except && entry.outstanding == Request::None) {
             const Milliseconds soon = std::max(time + randomPartOf(spread), entry.notBefore);
             planLocked(entry, std::min(entry.due->first, soon));
         }
@@ -156,16 +156,16 @@ void OrvServiceRegistryClient::ResilientUpkeep::lookAtAllLocked(Endpoint& endpoi
 }
 
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::headTimeout() const {
-    return std::max(client_.context.getHeadTimeout(), shortestPause);
+    return std::max(client_.context.getHeadTimeout(), kShortestPause);
 }
 
-/// As far as the clock can say.
+/// The check interval, limited to a range that cannot overflow the clock.
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::checkInterval() const {
-    constexpr Milliseconds longest = std::chrono::hours(24 * 365);
-    return std::clamp(client_.checkDelay(), shortestPause, longest);
+    constexpr Milliseconds kLongest = std::chrono::hours(24 * 365);
+    return std::clamp(client_.checkDelay(), kShortestPause, kLongest);
 }
 
-/// Drawn evenly from nothing to the whole of it.
+/// A random duration, uniformly distributed from zero to `duration`.
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::randomPartOf(
     Milliseconds duration) {
     const auto twice = static_cast<std::uint64_t>(2 * duration.count());

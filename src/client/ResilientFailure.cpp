@@ -1,5 +1,5 @@
-// With resilience: which failures pass, what they leave unknown, and when to try again. Entered by
-// the I/O thread; the static functions by any thread.
+// With resilience: which failures are transient, whether a failed request may have taken effect,
+// and when to try again. Entered by the I/O thread; the static functions by any thread.
 
 #include "ResilientRecords.h"
 
@@ -19,7 +19,7 @@ using communication::CommunicationStatus;
 
 namespace {
 
-/// The three forms of a date in RFC 9110, section 5.6.7; nothing for any other text.
+/// The three forms of a date in RFC 9110, section 5.6.7; absent for any other text.
 std::optional<std::time_t> httpDate(const std::string& text) {
     for (const char* const format :
          {"%a, %d %b %Y %H:%M:%S GMT", "%A, %d-%b-%y %H:%M:%S GMT", "%a %b %e %H:%M:%S %Y"}) {
@@ -57,8 +57,8 @@ void OrvServiceRegistryClient::ResilientUpkeep::failLocked(Entry& entry, const c
     }
 }
 
-/// Whether the same request may succeed later, by itself.
-bool OrvServiceRegistryClient::ResilientUpkeep::isPassing(const HttpResponse& response) const {
+/// Whether the same request may succeed later.
+bool OrvServiceRegistryClient::ResilientUpkeep::isTransient(const HttpResponse& response) const {
     switch (response.getCommunicationStatus()) {
         case CommunicationStatus::Ok:
             break;
@@ -83,8 +83,8 @@ bool OrvServiceRegistryClient::ResilientUpkeep::isPassing(const HttpResponse& re
     }
 }
 
-/// Whether the registry may have done what it was asked for.
-bool OrvServiceRegistryClient::ResilientUpkeep::mayHaveHappened(const HttpResponse& response) {
+/// Whether the registry may have processed the request.
+bool OrvServiceRegistryClient::ResilientUpkeep::mayHaveTakenEffect(const HttpResponse& response) {
     switch (response.getCommunicationStatus()) {
         case CommunicationStatus::Ok: {
             const int status = static_cast<int>(response.getStatusCode());
@@ -107,7 +107,7 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::backOffLock
         entry.backoff = std::make_unique<communication::QunaConnectionBackoffSequence>(
             4, static_cast<std::uint64_t>(step));
     }
-    return std::max(entry.backoff->nextDelay(), shortestPause);
+    return std::max(entry.backoff->nextDelay(), kShortestPause);
 }
 
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::delayOf(
@@ -116,17 +116,17 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::delayOf(
     std::uint64_t seconds = 0;
     const auto [rest, error] = std::from_chars(retryAfter.data(), end, seconds);
     if (rest == end && !retryAfter.empty()) {
-        const auto longest = static_cast<std::uint64_t>(longestRetryAfter.count()) / 1000;
+        const auto longest = static_cast<std::uint64_t>(kLongestRetryAfter.count()) / 1000;
         return error == std::errc() && seconds < longest
                    ? Milliseconds(1000 * static_cast<Milliseconds::rep>(seconds))
-                   : longestRetryAfter;
+                   : kLongestRetryAfter;
     }
     const std::optional<std::time_t> date = httpDate(retryAfter);
     if (!date) {
         return Milliseconds::zero();
     }
     const std::chrono::seconds delay(*date - std::chrono::system_clock::to_time_t(time));
-    return std::clamp<Milliseconds>(delay, Milliseconds::zero(), longestRetryAfter);
+    return std::clamp<Milliseconds>(delay, Milliseconds::zero(), kLongestRetryAfter);
 }
 
 }  // namespace orvx::serviceregistryclient

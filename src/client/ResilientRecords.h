@@ -4,12 +4,12 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What is answered later. Absent where nobody waits.
+/// Callbacks that are called later. Absent if there are none.
 struct OrvServiceRegistryClient::ResilientUpkeep::Waiting {
     Answer registered;
-    /// And until when they wait.
+    /// Each with its deadline.
     std::vector<std::pair<Milliseconds, Answer>> withdrawals;
-    /// Of the first registration.
+    /// Retries of the first registration.
     std::uint16_t retries = 0;
 };
 
@@ -19,43 +19,43 @@ struct OrvServiceRegistryClient::ResilientUpkeep::Registration {
     Entry* entry = nullptr;
     std::unique_ptr<Waiting> waiting;
     RegistrationFacts facts;
-    /// The registration has been answered.
+    /// Whether the registration callback was answered.
     bool answered = false;
-    /// Not wanted any more: it was withdrawn or given up.
+    /// Whether the registration was withdrawn or given up.
     bool withdrawn = false;
-    /// What the status listener was told last.
+    /// The last value that the status listener received.
     bool notified = false;
 };
 
-/// What a registry holds under one path, and what it is to hold.
+/// The entry that a registry holds under one path, and the registrations that share it.
 struct OrvServiceRegistryClient::ResilientUpkeep::Entry : std::enable_shared_from_this<Entry> {
     explicit Entry(Endpoint& owner);
 
     Endpoint& endpoint;
-    /// By ascending request id. None: it was left behind, and is to be deleted.
+    /// By ascending request id. Empty: the entry was split off and is to be deleted.
     std::vector<Member*> members;
-    /// Where it stands in its endpoint.
+    /// The position in the endpoint's map.
     Entries::iterator path;
-    /// While it is present, and while that is unknown, as far as it was learnt.
+    /// The uuid while the entry is present, or while that is unknown, if the uuid is known.
     std::string uuid;
     Dues::iterator due;
-    /// While requests fail.
+    /// Set while requests fail.
     std::unique_ptr<communication::QunaConnectionBackoffSequence> backoff;
-    /// Of the last Retry-After.
+    /// From the last Retry-After.
     Milliseconds notBefore = Milliseconds::min();
-    /// The registration whose description the registry holds; 0 where that is not known.
+    /// The request id whose description the registry holds; 0 if unknown.
     std::uint64_t held = 0;
-    /// The registration whose description the PUT that is out carries.
+    /// The request id whose description the outstanding PUT carries.
     std::uint64_t sent = 0;
-    /// Of the last request: answers to earlier ones come too late.
+    /// The number of the last request; answers to earlier ones are ignored.
     std::uint32_t number = 0;
     Known known = Known::Absent;
-    Request out = Request::None;
-    /// Other paths lead here too.
+    Request outstanding = Request::None;
+    /// Whether other paths lead to this entry, too.
     bool isMerged = false;
-    /// All entries were looked at while its check was out: where that is not answered, it is looked
-    /// at again soon.
-    bool isToLookAgain = false;
+    /// Set if all entries were made due while this entry's check was outstanding: if that check
+    /// fails, the next one is due soon.
+    bool mustRecheck = false;
 };
 
 struct OrvServiceRegistryClient::ResilientUpkeep::ByUuid {
@@ -71,44 +71,44 @@ struct OrvServiceRegistryClient::ResilientUpkeep::ByUuid {
     }
 };
 
-/// A registry.
+/// A registry and its entries.
 struct OrvServiceRegistryClient::ResilientUpkeep::Endpoint {
-    /// Of the first registration there.
+    /// The endpoint of the first registration.
     std::shared_ptr<const common::ServiceInfo> info;
     /// Several paths may lead to one entry.
     Entries byPath;
-    /// Those that have a uuid.
+    /// The entries that have a uuid.
     std::set<std::shared_ptr<Entry>, ByUuid> byUuid;
-    /// All entries are looked at until then already.
-    Milliseconds lookingUntil = Milliseconds::min();
-    /// How long the last look at all holds off the next one, beyond the spread.
-    Milliseconds lookingPause{0};
-    /// When all entries were looked at last because it answered again.
-    Milliseconds answeringSince = Milliseconds::min();
+    /// Until this time all entries are already due or checked.
+    Milliseconds checkAllUntil = Milliseconds::min();
+    /// The additional pause before all entries may be made due again.
+    Milliseconds checkAllPause{0};
+    /// The last time that all entries were made due because the registry answered again.
+    Milliseconds lastRecovery = Milliseconds::min();
     bool isAnswering = true;
 };
 
 inline OrvServiceRegistryClient::ResilientUpkeep::Entry::Entry(Endpoint& owner)
     : endpoint(owner), path(owner.byPath.end()) {}
 
-/// For what the library's threads do under the lock: a step that throws std::bad_alloc is done
-/// again. Does nothing when the answer is to another request than the last one.
+/// Handles an answer under the lock; repeats the step if it throws std::bad_alloc. Ignores an
+/// answer that is not to the entry's last request.
 template <typename Step>
 void OrvServiceRegistryClient::ResilientUpkeep::handle(const std::shared_ptr<Entry>& entry,
                                                        std::uint32_t number,
                                                        const HttpResponse& response,
                                                        const Step& step) {
-    client_.whenThereIsMemory([&] {
+    client_.retryOnBadAlloc([&] {
         const utility::MutexLock lock(client_.mutex);
         if (!client_.initiated) {
             return;
         }
-        noteAnswerLocked(*entry, response);
-        if (entry->number == number && entry->out != Request::None) {
+        recordReachabilityLocked(*entry, response);
+        if (entry->number == number && entry->outstanding != Request::None) {
             step();
         }
     });
-    client_.whenThereIsMemory([&] {
+    client_.retryOnBadAlloc([&] {
         const utility::MutexLock lock(client_.mutex);
         if (client_.initiated) {
             armLocked();

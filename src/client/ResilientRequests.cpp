@@ -1,5 +1,5 @@
-// With resilience: which request of an entry is next, and how it is sent. Entered by the user's
-// threads, the timer's and the I/O thread, under the lock.
+// With resilience: selects the next request of an entry and sends it. Entered by the user's
+// threads, the timer's thread and the I/O thread, under the lock.
 
 #include "ResilientRecords.h"
 
@@ -10,24 +10,24 @@
 
 namespace orvx::serviceregistryclient {
 
-/// A change that asks for a request makes it due at once.
-void OrvServiceRegistryClient::ResilientUpkeep::wantedHasChangedLocked(Entry& entry) {
+/// Called after a change of the wanted state: makes a request that is needed now due at once.
+void OrvServiceRegistryClient::ResilientUpkeep::wantedChangedLocked(Entry& entry) {
     const Request next = nextRequest(entry);
-    if (entry.out == Request::None && (next == Request::Put || next == Request::Delete)) {
+    if (entry.outstanding == Request::None && (next == Request::Put || next == Request::Delete)) {
         planLocked(entry, std::max(now(), entry.notBefore));
     }
     reconcileLocked(entry);
     try {
         armLocked();
     } catch (const std::bad_alloc&) {
-        // The answer to the request that is out, or the next call, does it.
+        // The answer to the outstanding request, or the next call, arms the timer.
     }
 }
 
-/// Sends what is next if it is due. `reason` is the answer that led here.
+/// Sends the next request if it is due. `reason` is the answer that caused the call.
 void OrvServiceRegistryClient::ResilientUpkeep::reconcileLocked(Entry& entry,
                                                                 const HttpResponse* reason) {
-    if (entry.out == Request::Put || entry.out == Request::Delete) {
+    if (entry.outstanding == Request::Put || entry.outstanding == Request::Delete) {
         return;
     }
     removeWithdrawnLocked(entry, reason);
@@ -36,15 +36,15 @@ void OrvServiceRegistryClient::ResilientUpkeep::reconcileLocked(Entry& entry,
         eraseLocked(entry);
         return;
     }
-    if (entry.out == Request::Head) {
+    if (entry.outstanding == Request::Head) {
         if (next == Request::Head) {
             return;
         }
-        entry.out = Request::None;  // its answer comes too late
+        entry.outstanding = Request::None;  // its answer will be ignored
         planLocked(entry, std::max(now(), entry.notBefore));
     }
     if (next == Request::None) {
-        planLocked(entry, never);
+        planLocked(entry, kNever);
     } else if (entry.due->first <= now()) {
         try {
             sendLocked(entry, next);
@@ -56,7 +56,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::reconcileLocked(Entry& entry,
 
 OrvServiceRegistryClient::ResilientUpkeep::Request
 OrvServiceRegistryClient::ResilientUpkeep::nextRequest(const Entry& entry) const {
-    const Member* const latest = wanted(entry);
+    const Member* const latest = latestWanted(entry);
     if (latest == nullptr) {
         return entry.known == Known::Present   ? Request::Delete
                : entry.known == Known::Unknown ? Request::Put
@@ -68,9 +68,9 @@ OrvServiceRegistryClient::ResilientUpkeep::nextRequest(const Entry& entry) const
     return client_.context.isCheckEnabled() ? Request::Head : Request::None;
 }
 
-/// The latest registration that is not withdrawn; null when there is none.
+/// The latest registration that is not withdrawn; null if there is none.
 OrvServiceRegistryClient::ResilientUpkeep::Member*
-OrvServiceRegistryClient::ResilientUpkeep::wanted(const Entry& entry) {
+OrvServiceRegistryClient::ResilientUpkeep::latestWanted(const Entry& entry) {
     const auto latest =
         std::find_if(entry.members.rbegin(), entry.members.rend(),
                      [](const Member* member) { return !member->second.withdrawn; });
@@ -81,7 +81,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
     const std::uint32_t number = entry.number + 1;
     const auto shared = entry.shared_from_this();
     if (request == Request::Put) {
-        const Member* const latest = wanted(entry);
+        const Member* const latest = latestWanted(entry);
         const Member& member = latest != nullptr ? *latest : *entry.members.back();
         const auto container = member.second.request;
         client_.usableSessionLocked(*container->serviceInfo)
@@ -97,7 +97,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
                                     [this, shared, number](const HttpResponse& response) {
                                         handleHead(shared, number, response);
                                     });
-        entry.isToLookAgain = false;
+        entry.mustRecheck = false;
     } else {
         client_.usableSessionLocked(*entry.endpoint.info)
             ->sendDeleteRequest("/" + entry.uuid, "application/json",
@@ -107,11 +107,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
         entry.held = 0;
     }
     entry.number = number;
-    entry.out = request;
+    entry.outstanding = request;
     for (Member* const member : entry.members) {
         member->second.facts.requestSent();
     }
-    planLocked(entry, request == Request::Head ? now() + headTimeout() : never);
+    planLocked(entry, request == Request::Head ? now() + headTimeout() : kNever);
 }
 
 }  // namespace orvx::serviceregistryclient

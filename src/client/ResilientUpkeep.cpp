@@ -1,6 +1,6 @@
-// With resilience: the registrations and their entries, what is due when, user code that is to run,
-// start and stop. Entered by the user's threads and the timer's. An entry stands in `dues_` at all
-// times, so planning needs no memory; the timer has a task for the first of them.
+// With resilience: registrations and entries, their due times, queued user code, start and stop.
+// Entered by the user's threads and the timer's thread. An entry is always in `dues_`, so changing
+// its due time allocates nothing. The timer has a task for the earliest due time.
 
 #include "Memory.h"
 #include "RegistrationTable.h"
@@ -13,8 +13,8 @@ namespace orvx::serviceregistryclient {
 
 namespace {
 
-/// Whether this thread is inside user code of this client.
-thread_local const void* calling = nullptr;
+/// The object whose user code this thread is running.
+thread_local const void* activeUpkeep = nullptr;
 
 }  // namespace
 
@@ -36,7 +36,7 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::ResilientU
     try {
         entry.members.reserve(entry.members.size() + 1);
         const std::uint64_t id = client_.lastRequestId + 1;
-        handle = client_.handleOf(id);  // first: what is registered has one
+        handle = client_.makeHandleFor(id);  // first, so that every registration has a handle
         Member& member = *registrations_.try_emplace(id).first;
         client_.lastRequestId = id;
         member.second.request = request;
@@ -48,11 +48,11 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::ResilientU
         reconcileLocked(entry);
         throw;
     }
-    wantedHasChangedLocked(entry);
+    wantedChangedLocked(entry);
     return handle;
 }
 
-/// A new one has no members yet.
+/// A new entry has no members yet.
 OrvServiceRegistryClient::ResilientUpkeep::Entry&
 OrvServiceRegistryClient::ResilientUpkeep::entryLocked(const RequestContainer& request) {
     std::unique_ptr<Endpoint>& endpoint = endpoints_[request.serviceInfo->getKey()];
@@ -65,7 +65,7 @@ OrvServiceRegistryClient::ResilientUpkeep::entryLocked(const RequestContainer& r
         return *found->second;
     }
     const auto entry = std::make_shared<Entry>(*endpoint);
-    entry->due = dues_.emplace(never, entry.get()).first;
+    entry->due = dues_.emplace(kNever, entry.get()).first;
     try {
         entry->path = endpoint->byPath.emplace(request.uri, entry).first;
     } catch (...) {
@@ -77,7 +77,7 @@ OrvServiceRegistryClient::ResilientUpkeep::entryLocked(const RequestContainer& r
 
 void OrvServiceRegistryClient::ResilientUpkeep::eraseLocked(Entry& entry) {
     const auto kept = entry.shared_from_this();
-    entry.out = Request::None;
+    entry.outstanding = Request::None;
     forgetUuidLocked(entry);
     dues_.erase(entry.due);
     Entries& byPath = entry.endpoint.byPath;
@@ -102,14 +102,15 @@ void OrvServiceRegistryClient::ResilientUpkeep::planLocked(Entry& entry, Millise
     auto node = dues_.extract(entry.due);
     node.value().first = due;
     entry.due = dues_.insert(std::move(node)).position;
-    const Milliseconds told = due == never ? RegistrationFacts::none : due;
+    const Milliseconds told = due == kNever ? RegistrationFacts::kNone : due;
     for (Member* const member : entry.members) {
-        member->second.facts.due = entry.out == Request::None ? told : RegistrationFacts::none;
+        member->second.facts.due =
+            entry.outstanding == Request::None ? told : RegistrationFacts::kNone;
     }
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::armLocked() {
-    Milliseconds first = dues_.empty() ? never : dues_.begin()->first;
+    Milliseconds first = dues_.empty() ? kNever : dues_.begin()->first;
     if (!deadlines_.empty()) {
         first = std::min(first, deadlines_.begin()->first);
     }
@@ -120,13 +121,13 @@ void OrvServiceRegistryClient::ResilientUpkeep::armLocked() {
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::alarm(Milliseconds time) {
-    client_.whenThereIsMemory([&] {
+    client_.retryOnBadAlloc([&] {
         const utility::MutexLock lock(client_.mutex);
         if (!client_.initiated) {
             return;
         }
         if (armed_ == time) {
-            armed_ = never;
+            armed_ = kNever;
         }
         runDueLocked(now());
         armLocked();
@@ -135,11 +136,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::alarm(Milliseconds time) {
 
 void OrvServiceRegistryClient::ResilientUpkeep::runDueLocked(Milliseconds time) {
     answerLateWithdrawalsLocked(time);
-    // Those that are due again at once wait for the next alarm.
+    // Entries that are due again at once wait for the next alarm.
     std::size_t left = dues_.size();
     while (left-- > 0 && !dues_.empty() && dues_.begin()->first <= time) {
         Entry& entry = *dues_.begin()->second;
-        if (entry.out == Request::Head) {
+        if (entry.outstanding == Request::Head) {
             giveUpHeadLocked(entry);
         }
         reconcileLocked(entry);
@@ -150,14 +151,14 @@ void OrvServiceRegistryClient::ResilientUpkeep::start() {
     const utility::MutexLock lock(client_.mutex);
     for (auto& [key, endpoint] : endpoints_) {
         endpoint->isAnswering = true;
-        endpoint->lookingUntil = Milliseconds::min();
-        lookAtAllLocked(*endpoint, nullptr);
+        endpoint->checkAllUntil = Milliseconds::min();
+        checkAllLocked(*endpoint, nullptr);
     }
     armLocked();
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::stop() {
-    std::vector<std::weak_ptr<Wait>> waits;
+    std::vector<std::weak_ptr<BlockingCall>> waits;
     while (!answerAll()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -169,11 +170,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::stop() {
     endWaits(waits);
 }
 
-/// False when there is no memory. A registration that is answered ERROR here is over: what came
-/// into being is deleted after the next start.
+/// Returns false if memory runs out. A registration that is answered ERROR here has ended: an entry
+/// that it made is deleted after the next start.
 bool OrvServiceRegistryClient::ResilientUpkeep::answerAll() {
     const utility::MutexLock lock(client_.mutex);
-    armed_ = never;
+    armed_ = kNever;
     deadlines_.clear();
     try {
         for (Member& member : registrations_) {
@@ -182,10 +183,10 @@ bool OrvServiceRegistryClient::ResilientUpkeep::answerAll() {
                                     OrvRegistrationResponse::DELEGATOR_NOT_INITIATED, nullptr);
         }
         for (const auto& [due, entry] : dues_) {
-            if (entry->out == Request::Put) {
+            if (entry->outstanding == Request::Put) {
                 entry->known = Known::Unknown;
             }
-            entry->out = Request::None;
+            entry->outstanding = Request::None;
         }
         return true;
     } catch (const std::bad_alloc&) {
@@ -193,7 +194,7 @@ bool OrvServiceRegistryClient::ResilientUpkeep::answerAll() {
     }
 }
 
-/// Nobody waits any more then.
+/// Queues the answer and clears `answer`.
 void OrvServiceRegistryClient::ResilientUpkeep::answerLocked(
     Answer& answer, OrvRegistrationResponse::Status status,
     OrvRegistrationResponse::ErrorCode reason, const HttpResponse* response) {
@@ -206,25 +207,26 @@ void OrvServiceRegistryClient::ResilientUpkeep::answerLocked(
     }
     Tasks tasks;
     tasks.emplace_back([answer, outcome] { (*answer)(*outcome); });
-    tellLocked(std::move(tasks));
-    answer.reset();  // the task has a share
+    queueTasksLocked(std::move(tasks));
+    answer.reset();  // the task shares it
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::notifyLocked(Member& member, bool registered) {
     if (member.second.notified != registered) {
-        tellLocked(client_.notificationLocked(member.second.request->serviceCreate, registered));
+        queueTasksLocked(
+            client_.notificationLocked(member.second.request->serviceCreate, registered));
         member.second.notified = registered;
     }
 }
 
-void OrvServiceRegistryClient::ResilientUpkeep::tell(std::function<void()> task) {
+void OrvServiceRegistryClient::ResilientUpkeep::queueTask(std::function<void()> task) {
     Tasks tasks;
     tasks.push_back(std::move(task));
     const utility::MutexLock lock(client_.mutex);
-    tellLocked(std::move(tasks));
+    queueTasksLocked(std::move(tasks));
 }
 
-void OrvServiceRegistryClient::ResilientUpkeep::tellLocked(Tasks tasks) {
+void OrvServiceRegistryClient::ResilientUpkeep::queueTasksLocked(Tasks tasks) {
     lockIsHeld();
     Tasks runs;
     for (std::size_t i = 0; i < tasks.size(); ++i) {
@@ -234,7 +236,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::tellLocked(Tasks tasks) {
     client_.callbackExecutor.add(std::move(runs));
 }
 
-// The client may be gone when the task returns.
+// The client may be destroyed inside the task.
 bool OrvServiceRegistryClient::ResilientUpkeep::runFirstTask() {
     Tasks first;
     {
@@ -244,14 +246,14 @@ bool OrvServiceRegistryClient::ResilientUpkeep::runFirstTask() {
         }
         first.splice(first.end(), tasks_, tasks_.begin());
     }
-    const void* const before = std::exchange(calling, this);
+    const void* const before = std::exchange(activeUpkeep, this);
     try {
         first.front()();
     } catch (...) {
-        // It ends there, and harms nothing.
+        // An exception of user code ends here.
     }
     first.clear();
-    calling = before;
+    activeUpkeep = before;
     return true;
 }
 
@@ -261,7 +263,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::runTasks() {
 }
 
 bool OrvServiceRegistryClient::ResilientUpkeep::isInsideUserCode() const {
-    return calling == this;
+    return activeUpkeep == this;
 }
 
 std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>

@@ -8,45 +8,46 @@
 
 namespace orvx::serviceregistryclient {
 
-/// How registrations are kept when resilience is on. For each entry (what a registry holds under
-/// one path) it knows what is wanted there and what is known to be there, and reconcile() picks the
-/// one next request from both. Whatever happens changes what is known or wanted, and reconciles. At
-/// most one PUT or DELETE of an entry is out at any time, so the registry sees them in order.
+/// Keeps registrations when resilience is on. For each entry (the registry's record under one path)
+/// it stores the wanted state and the known state, and reconcileLocked() derives the next request
+/// from both. Every event changes the known or the wanted state and reconciles. At most one PUT or
+/// DELETE of an entry is outstanding at any time, so the registry receives them in order.
 ///
-/// Where to find what, in the order of the declarations below:
-///   ResilientUpkeep.cpp      registrations, entries, what is due, start and stop
-///   ResilientRequests.cpp    which request is next, and how it is sent
-///   ResilientAnnouncing.cpp  answers to a PUT; two entries that turn out to be one
-///   ResilientCheck.cpp       answers to a HEAD, its time-out; a registry that restarted
+/// Files, in the order of the declarations below:
+///   ResilientUpkeep.cpp      registrations, entries, due times, start and stop
+///   ResilientRequests.cpp    selecting and sending the next request
+///   ResilientAnnouncing.cpp  answers to a PUT; two entries that turn out to be the same
+///   ResilientCheck.cpp       answers to a HEAD, its time-out; a restarted registry
 ///   ResilientWithdrawal.cpp  withdrawal, answers to a DELETE
-///   ResilientFailure.cpp     which failures pass, and when to try again
+///   ResilientFailure.cpp     transient failures and the delay before the next attempt
 ///   ResilientBlocking.cpp    the blocking forms
-///   ResilientRecords.h       what is kept for a registration, an entry and an endpoint
+///   ResilientRecords.h       the records of registrations, entries and endpoints
 ///
 /// | known   | wanted      | next request                                                     |
 /// |---------|-------------|------------------------------------------------------------------|
 /// | absent  | nothing     | none: the entry is gone                                          |
 /// | unknown | nothing     | PUT, to learn the uuid: the answer to the last PUT was lost      |
 /// | present | nothing     | DELETE                                                           |
-/// | present | what it has | HEAD after the check interval                                    |
-/// | any     | else        | PUT                                                              |
+/// | present | the same    | HEAD after the check interval                                    |
+/// | any     | other       | PUT                                                              |
 ///
-/// Threads: as for the client. The lock is the client's; requests are submitted under it, which
-/// never waits and never calls a handler, so that their order is that of the decisions.
+/// Threads: as for the client. The lock is the client's. Requests are submitted under it, which
+/// never blocks and never calls a handler, so they are sent in the order of the decisions.
 class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
   public:
     using Milliseconds = std::chrono::milliseconds;
 
-    /// The longest Retry-After that is followed. Longer ones come from maintenance pages; a
-    /// registry that is back earlier would be without its services meanwhile.
-    static constexpr Milliseconds longestRetryAfter{60000};
-    /// The pace at which all entries of a registry that restarted are looked at: 500 each second
-    /// and client, of which each takes a HEAD and a PUT. 1,000 services are back within 2 s.
-    static constexpr Milliseconds spreadPerEntry{2};
-    /// They take this long at least, so that many clients with few services do not come at once.
-    static constexpr Milliseconds shortestSpread{1000};
-    /// Between two requests of one entry, whatever the options say.
-    static constexpr Milliseconds shortestPause{1};
+    /// The longest Retry-After that is followed. Longer ones usually come from maintenance pages;
+    /// if the registry returned earlier, it would be without its services meanwhile.
+    static constexpr Milliseconds kLongestRetryAfter{60000};
+    /// The pace at which all entries of a restarted registry are checked: 500 entries in a second
+    /// for each client, each with a HEAD and a PUT. 1,000 services are registered again within 2 s.
+    static constexpr Milliseconds kSpreadPerEntry{2};
+    /// The minimum time for checking all entries, so that many clients with few services do not
+    /// send at the same moment.
+    static constexpr Milliseconds kShortestSpread{1000};
+    /// The minimum time between two requests of one entry, whatever the options are.
+    static constexpr Milliseconds kShortestPause{1};
 
     explicit ResilientUpkeep(OrvServiceRegistryClient& client);
     ~ResilientUpkeep() override;
@@ -57,8 +58,8 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     void withdraw(std::uint64_t id, const ResponseCallback& callback) override;
     void start() override;
     void stop() override;
-    void tell(std::function<void()> task) override;
-    void tellLocked(Tasks tasks) override;
+    void queueTask(std::function<void()> task) override;
+    void queueTasksLocked(Tasks tasks) override;
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() override;
     std::vector<RegistrationStatus> statuses() override;
     std::vector<std::string> withdrawWithin(Milliseconds bound) override;
@@ -69,11 +70,11 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
                                                              const ServiceSet& services) override;
     std::pair<bool, ServiceResponses> withdrawAllAndWait() override;
 
-    /// From the value of a Retry-After header, seconds or a date, to the delay that it asks for;
-    /// zero for one that is neither.
+    /// The delay that a Retry-After header asks for, in seconds or as a date; zero if the value is
+    /// invalid.
     static Milliseconds delayOf(const std::string& retryAfter,
                                 std::chrono::system_clock::time_point now);
-    /// The last segment of a location, one "/" behind it aside; empty when there is none.
+    /// The last segment of a location, ignoring one "/" at the end; empty if there is none.
     static std::string uuidOf(const std::string& location);
 
   private:
@@ -81,7 +82,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     struct Endpoint;
     struct Registration;
     struct Waiting;
-    class Wait;
+    class BlockingCall;
     using HttpResponse = communication::HttpResponse;
     using Registrations = std::map<std::uint64_t, Registration>;
     using Member = std::pair<const std::uint64_t, Registration>;
@@ -94,14 +95,14 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     };
     /// By path.
     using Entries = std::map<std::shared_ptr<const std::string>, std::shared_ptr<Entry>, ByText>;
-    /// By what is due first.
+    /// By due time.
     using Dues = std::set<std::pair<Milliseconds, Entry*>>;
 
-    /// Shared, so that under the lock pointers are copied and destroyed, and no user code. Null
-    /// where nobody waits.
+    /// Shared, so that under the lock only pointers are copied and destroyed, and no user code.
+    /// Null if there is no callback.
     using Answer = std::shared_ptr<const ResponseCallback>;
 
-    static constexpr Milliseconds never = Milliseconds::max();
+    static constexpr Milliseconds kNever = Milliseconds::max();
 
     enum class Known : std::uint8_t { Absent, Unknown, Present };
     enum class Request : std::uint8_t { None, Put, Head, Delete };
@@ -127,19 +128,19 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
                 const HttpResponse& response, const Step& step) ORVX_EXCLUDES(client_.mutex);
 
     // ResilientRequests.cpp
-    void wantedHasChangedLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
+    void wantedChangedLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
     void reconcileLocked(Entry& entry, const HttpResponse* reason = nullptr)
         ORVX_REQUIRES(client_.mutex);
     Request nextRequest(const Entry& entry) const;
     void sendLocked(Entry& entry, Request request) ORVX_REQUIRES(client_.mutex);
-    static Member* wanted(const Entry& entry);
+    static Member* latestWanted(const Entry& entry);
 
     // ResilientAnnouncing.cpp
     void handlePut(const std::shared_ptr<Entry>& entry, std::uint32_t number,
                    const HttpResponse& response) ORVX_EXCLUDES(client_.mutex);
     void recordEntryLocked(Entry& entry, const std::string& uuid, const std::string& location,
                            const HttpResponse& response) ORVX_REQUIRES(client_.mutex);
-    void leaveBehindLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
+    void splitOffOldUuidLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
     void mergeLocked(Entry& entry, Entry& into) ORVX_REQUIRES(client_.mutex);
     void handlePutFailureLocked(Entry& entry, const HttpResponse& response, bool isRefusal)
         ORVX_REQUIRES(client_.mutex);
@@ -151,8 +152,9 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
                     const HttpResponse& response) ORVX_EXCLUDES(client_.mutex);
     void markLostLocked(Entry& entry, const HttpResponse& response) ORVX_REQUIRES(client_.mutex);
     void giveUpHeadLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
-    void noteAnswerLocked(Entry& entry, const HttpResponse& response) ORVX_REQUIRES(client_.mutex);
-    void lookAtAllLocked(Endpoint& endpoint, const Entry* except) ORVX_REQUIRES(client_.mutex);
+    void recordReachabilityLocked(Entry& entry, const HttpResponse& response)
+        ORVX_REQUIRES(client_.mutex);
+    void checkAllLocked(Endpoint& endpoint, const Entry* except) ORVX_REQUIRES(client_.mutex);
     Milliseconds dueAfterNoAnswerLocked(const Entry& entry) const ORVX_REQUIRES(client_.mutex);
     Milliseconds checkInterval() const;
     Milliseconds headTimeout() const;
@@ -173,29 +175,29 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     using Upkeep::failLocked;
     void failLocked(Entry& entry, const char* method, const HttpResponse& response)
         ORVX_REQUIRES(client_.mutex);
-    bool isPassing(const HttpResponse& response) const;
-    static bool mayHaveHappened(const HttpResponse& response);
+    bool isTransient(const HttpResponse& response) const;
+    static bool mayHaveTakenEffect(const HttpResponse& response);
     Milliseconds backOffLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
 
     // ResilientBlocking.cpp
-    std::shared_ptr<Wait> beginWait(OrvRegistrationResponse::ErrorCode& reason)
+    std::shared_ptr<BlockingCall> beginWait(OrvRegistrationResponse::ErrorCode& reason)
         ORVX_EXCLUDES(client_.mutex);
     std::function<OrvRegistrationResponse()> unregisterAndWait(UnregisterHandle handle);
-    static void endWaits(const std::vector<std::weak_ptr<Wait>>& waits);
+    static void endWaits(const std::vector<std::weak_ptr<BlockingCall>>& waits);
 
     Registrations registrations_ ORVX_GUARDED_BY(client_.mutex);
-    /// By ServiceInfo::getKey(); kept until the client's end.
+    /// By ServiceInfo::getKey(); kept until the client is destroyed.
     std::map<std::string, std::unique_ptr<Endpoint>> endpoints_ ORVX_GUARDED_BY(client_.mutex);
     Dues dues_ ORVX_GUARDED_BY(client_.mutex);
-    /// When waiting withdrawals are told that they take too long, and their request ids.
+    /// The deadlines of waiting withdrawals, and their request ids.
     std::multimap<Milliseconds, std::uint64_t> deadlines_ ORVX_GUARDED_BY(client_.mutex);
     /// The earliest time for which the timer has a task.
-    Milliseconds armed_ ORVX_GUARDED_BY(client_.mutex) = never;
-    /// User code that is to run. The executor has a task for each; what is left when it stops runs
-    /// on the thread that stops it.
+    Milliseconds armed_ ORVX_GUARDED_BY(client_.mutex) = kNever;
+    /// Queued user code. The executor has a task for each item. Items that are left when the
+    /// executor stops run on the thread that stops it.
     Tasks tasks_ ORVX_GUARDED_BY(client_.mutex);
-    std::vector<std::weak_ptr<Wait>> waits_ ORVX_GUARDED_BY(client_.mutex);
-    /// Notified when the last registration has left.
+    std::vector<std::weak_ptr<BlockingCall>> waits_ ORVX_GUARDED_BY(client_.mutex);
+    /// Notified when the last registration is removed.
     std::condition_variable empty_;
 };
 

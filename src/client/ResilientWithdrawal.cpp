@@ -1,5 +1,5 @@
-// With resilience: withdrawal, which may be asked for at any time and is kept, and answers to a
-// DELETE. Entered by the user's threads, the timer's and the I/O thread.
+// With resilience: withdrawal, which may be requested at any time, and answers to a DELETE. Entered
+// by the user's threads, the timer's thread and the I/O thread.
 
 #include "Memory.h"
 #include "ResilientRecords.h"
@@ -38,11 +38,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::withdrawLocked(Member& member, A
         if (!registration.waiting) {
             registration.waiting = std::make_unique<Waiting>();
         }
-        Milliseconds deadline = never;
+        Milliseconds deadline = kNever;
         const Milliseconds timeout = client_.syncCallUnregisterTimeout;
         if (timeout != Milliseconds::zero()) {
-            constexpr Milliseconds longest = std::chrono::hours(24 * 365);
-            deadline = now() + std::clamp(timeout, Milliseconds::zero(), longest);
+            constexpr Milliseconds kLongest = std::chrono::hours(24 * 365);
+            deadline = now() + std::clamp(timeout, Milliseconds::zero(), kLongest);
             deadlines_.emplace(deadline, member.first);
         }
         registration.waiting->withdrawals.emplace_back(deadline, std::move(answer));
@@ -51,7 +51,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::withdrawLocked(Member& member, A
     if (!std::exchange(registration.withdrawn, true)) {
         registration.facts.enter(State::Withdrawing, now());
     }
-    wantedHasChangedLocked(*registration.entry);
+    wantedChangedLocked(*registration.entry);
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::handleDelete(const std::shared_ptr<Entry>& entry,
@@ -72,14 +72,14 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleDelete(const std::shared_p
             entry->known = Known::Absent;
             entry->backoff.reset();
             entry->notBefore = Milliseconds::min();
-            entry->out = Request::None;
+            entry->outstanding = Request::None;
             forgetUuidLocked(*entry);
             planLocked(*entry, now());
         } else {
             failLocked(*entry, "DELETE", response);
             Milliseconds delay = checkInterval();
             const bool isOfServer = static_cast<int>(response.getStatusCode()) >= 500;
-            if (isOfServer || isPassing(response)) {
+            if (isOfServer || isTransient(response)) {
                 delay = backOffLocked(*entry);
             } else {
                 for (Member* const member : entry->members) {
@@ -88,8 +88,8 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleDelete(const std::shared_p
                                             &response);
                 }
             }
-            entry->out = Request::None;
-            const bool isWantedAgain = wanted(*entry) != nullptr;
+            entry->outstanding = Request::None;
+            const bool isWantedAgain = latestWanted(*entry) != nullptr;
             planLocked(*entry, std::max(isWantedAgain ? now() : now() + delay, entry->notBefore));
         }
         reconcileLocked(*entry, &response);
@@ -109,13 +109,13 @@ void OrvServiceRegistryClient::ResilientUpkeep::answerWithdrawalsLocked(
     }
 }
 
-/// The client goes on trying.
+/// Answers withdrawals whose deadline has passed; the client continues to try.
 void OrvServiceRegistryClient::ResilientUpkeep::answerLateWithdrawalsLocked(Milliseconds time) {
     while (!deadlines_.empty() && deadlines_.begin()->first <= time) {
         const auto found = registrations_.find(deadlines_.begin()->second);
         if (found != registrations_.end() && found->second.waiting) {
             auto& withdrawals = found->second.waiting->withdrawals;
-            // By ascending deadlines: the time-out is the same for all.
+            // Ordered by deadline, because the time-out is the same for all.
             while (!withdrawals.empty() && withdrawals.front().first <= time) {
                 answerLocked(withdrawals.front().second, OrvRegistrationResponse::ERROR,
                              OrvRegistrationResponse::TIMEOUT, nullptr);
@@ -126,11 +126,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::answerLateWithdrawalsLocked(Mill
     }
 }
 
-/// Those whose withdrawal is done: the registry holds nothing under the path, or the latest
-/// description that is left.
+/// Removes registrations whose withdrawal is complete: the registry holds no entry under the path,
+/// or the latest description that is not withdrawn.
 void OrvServiceRegistryClient::ResilientUpkeep::removeWithdrawnLocked(Entry& entry,
                                                                       const HttpResponse* reason) {
-    const Member* const latest = wanted(entry);
+    const Member* const latest = latestWanted(entry);
     const bool isHeld =
         latest != nullptr && entry.known == Known::Present && entry.held == latest->first;
     if (entry.known != Known::Absent && !isHeld) {
@@ -159,7 +159,7 @@ std::vector<std::string> OrvServiceRegistryClient::ResilientUpkeep::withdrawWith
     const auto deadline = std::chrono::steady_clock::now() + bound;
     std::vector<std::string> left;
     utility::MutexLock lock(client_.mutex);
-    // One may take others of its entry with it.
+    // A call may remove other registrations of the same entry.
     for (auto next = registrations_.begin(); next != registrations_.end();) {
         const std::uint64_t id = next->first;
         withdrawLocked(*next, nullptr);

@@ -1,6 +1,6 @@
-// Registering a set of services, in both forms: thin layers over the registration of one, called
-// through the interface so that an override counts. Entered by the user's threads; answers are
-// gathered on the callback thread. The client's lock is not taken.
+// Registers a set of services, in both forms. Each service is registered through the virtual
+// interface, so that an override is used. Entered by the user's threads; answers are collected on
+// the callback thread. The client's lock is not taken.
 
 #include "ServiceCollectionData.h"
 #include "Upkeep.h"
@@ -18,7 +18,8 @@ OrvServiceRegistryClient::registerServicesAtRegistry(const common::ServiceInfo& 
                                                      ServiceCallback callback) {
     std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handles;
     for (const std::shared_ptr<ServiceCreate>& service : services) {
-        UnregisterHandle& handle = handles[service];  // first: what is registered has one
+        // First, so that every registration has a handle.
+        UnregisterHandle& handle = handles[service];
         handle = registerServiceAtRegistry(serviceInfo, service,
                                            [callback, service](OrvRegistrationResponse response) {
                                                callback(service, std::move(response));

@@ -8,10 +8,10 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What a synchronous registration of a set has gathered so far.
+/// The result of a synchronous registration of a set, while it is collected.
 struct ServiceCollectionSyncRegistryData {
     std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse> responses;
-    /// Eight bits wide, on purpose: it never reaches a count of 256 or more.
+    /// Intentionally eight bits wide: a count of 256 or more is never reached.
     std::uint8_t answeredCount = 0;
     bool allSucceeded = true;
 
@@ -20,19 +20,19 @@ struct ServiceCollectionSyncRegistryData {
     }
 };
 
-/// What a synchronous withdrawal of all services has gathered so far.
+/// The result of a synchronous withdrawal of all services, while it is collected.
 struct ServiceCollectionRegistryData {
     std::map<std::shared_ptr<common::ServiceModel>, OrvRegistrationResponse> responses;
-    /// As above.
+    /// Intentionally eight bits wide: a count of 256 or more is never reached.
     std::uint8_t answeredCount = 0;
     bool allSucceeded = true;
 
     static OrvRegistrationResponse entry(OrvRegistrationResponse response) { return response; }
 };
 
-/// One synchronous call over several services: gathers their answers and wakes the caller at the
-/// last one. The caller alone owns it; the callbacks know it weakly, so an answer that comes after
-/// the call has returned does nothing.
+/// One synchronous call for several services: collects their answers and wakes the caller with the
+/// last one. Only the caller owns the state; callbacks hold weak references, so an answer after the
+/// return of the call does nothing.
 template <typename Data>
 class ServiceCollectionCall {
   public:
@@ -58,7 +58,8 @@ class ServiceCollectionCall {
                 data->responses.insert_or_assign(std::move(service),
                                                  Data::entry(std::move(response)));
             } catch (const std::bad_alloc&) {
-                data->allSucceeded = false;  // it is missing, but counts: somebody waits
+                // The answer is missing, but counts, because a caller waits.
+                data->allSucceeded = false;
             }
             if (++data->answeredCount == count) {
                 promise->set_value({OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE});

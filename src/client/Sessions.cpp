@@ -1,5 +1,5 @@
 // One HTTP session for each registry endpoint, made on first use and kept. Entered by the threads
-// that send: the user's, the timer's, the I/O thread. The caller holds the lock.
+// that send requests: the user's, the timer's and the I/O thread. The caller holds the lock.
 
 #include "RegistrationTable.h"
 
@@ -7,8 +7,8 @@
 
 namespace orvx::serviceregistryclient {
 
-// The key is stored before the session is made, so that a failure is remembered: an endpoint for
-// which no session could be made is not tried again.
+// The key is stored before the session is made, so that a failure is remembered: an endpoint
+// without a session is not tried again.
 std::shared_ptr<communication::IClientHttpSession>
 OrvServiceRegistryClient::createOrGetRegistryClientSession(const common::ServiceInfo& serviceInfo) {
     const auto [entry, isNew] = sessions.try_emplace(serviceInfo.getKey());
@@ -21,12 +21,13 @@ OrvServiceRegistryClient::createOrGetRegistryClientSession(const common::Service
             communicationContext.getHealthCheck(), communicationContext.getClientStatistics());
         return entry->second;
     } catch (const std::bad_alloc&) {
-        sessions.erase(entry);  // it says nothing of the endpoint
+        sessions.erase(entry);  // running out of memory says nothing about the endpoint
         throw;
     }
 }
 
-// What has no session is answered like a request that could not be sent, by the I/O thread.
+// An endpoint without a session gets the unavailable session, which answers each request on the I/O
+// thread with NoSession.
 std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::usableSessionLocked(
     const common::ServiceInfo& serviceInfo) {
     try {
@@ -36,15 +37,16 @@ std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::usa
     } catch (const std::bad_alloc&) {
         throw;
     } catch (...) {
-        // Kept as an empty session; said once, here.
+        // An empty session is stored; the failure is logged once, here.
         logger->logError(false) << "no session can be made for service registry "
                                 << serviceInfo.getKey();
     }
     return communicationContext.getUnavailableSession();
 }
 
-/// The session for the next PUT or DELETE of a registration, which counts as sent from here on.
-/// Null when nothing is to be sent: the client is stopped, or the id is gone, which `caller` logs.
+/// The session for the next PUT or DELETE of a registration; the request counts as sent. Null if
+/// there is nothing to send: the client is stopped, or the id is unknown, which is logged with the
+/// name of `caller`.
 std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::beginRequestLocked(
     std::uint64_t id, const RequestContainer& request, const char* caller) {
     if (!initiated) {
@@ -60,7 +62,7 @@ std::shared_ptr<communication::IClientHttpSession> OrvServiceRegistryClient::beg
     return usableSessionLocked(*request.serviceInfo);
 }
 
-// An empty entry stays empty: a request to this endpoint can never be sent.
+// An empty session stays empty: no request can ever be sent to this endpoint.
 bool OrvServiceRegistryClient::isWithoutSessionLocked(
     const common::ServiceInfo& serviceInfo) const {
     const auto entry = sessions.find(serviceInfo.getKey());

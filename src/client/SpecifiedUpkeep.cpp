@@ -1,5 +1,5 @@
-// Without resilience: hands what is asked for to the client's own members, and adds the withdrawal
-// at the end. Entered by the user's threads.
+// Without resilience: forwards operations to the client's own members, and adds the withdrawal at
+// deinit(). Entered by the user's threads.
 
 #include "SpecifiedUpkeep.h"
 
@@ -13,7 +13,7 @@ namespace orvx::serviceregistryclient {
 
 namespace {
 
-/// Between two attempts to withdraw what was refused, or has no entry yet.
+/// The delay before the next attempt to withdraw services that were refused or have no entry yet.
 constexpr std::chrono::milliseconds kPause{50};
 
 }  // namespace
@@ -33,11 +33,11 @@ void OrvServiceRegistryClient::SpecifiedUpkeep::withdraw(std::uint64_t id,
     client_.internal_unregisterFromRegistry(id, callback);
 }
 
-void OrvServiceRegistryClient::SpecifiedUpkeep::tell(std::function<void()> task) {
+void OrvServiceRegistryClient::SpecifiedUpkeep::queueTask(std::function<void()> task) {
     client_.callbackExecutor.add(std::move(task));
 }
 
-void OrvServiceRegistryClient::SpecifiedUpkeep::tellLocked(Tasks tasks) {
+void OrvServiceRegistryClient::SpecifiedUpkeep::queueTasksLocked(Tasks tasks) {
     client_.callbackExecutor.add(std::move(tasks));
 }
 
@@ -56,7 +56,8 @@ std::vector<RegistrationStatus> OrvServiceRegistryClient::SpecifiedUpkeep::statu
     return statuses;
 }
 
-// The rules refuse to withdraw what has no entry yet: it is asked for again until it has one.
+// A service without an entry cannot be withdrawn, so the withdrawal is repeated until there is an
+// entry.
 std::vector<std::string> OrvServiceRegistryClient::SpecifiedUpkeep::withdrawWithin(
     std::chrono::milliseconds bound) {
     const auto deadline = std::chrono::steady_clock::now() + bound;

@@ -4,8 +4,8 @@
 
 namespace orvx::serviceregistryclient {
 
-/// How registrations are kept when resilience is off: by the members of the client. Their files
-/// stand in the table of OrvServiceRegistryClient.h, from Registration.cpp on.
+/// Keeps registrations when resilience is off, by the members of the client.
+/// OrvServiceRegistryClient.h lists their files, from Registration.cpp on.
 class OrvServiceRegistryClient::SpecifiedUpkeep final : public Upkeep {
   public:
     explicit SpecifiedUpkeep(OrvServiceRegistryClient& client) : Upkeep(client) {}
@@ -16,8 +16,8 @@ class OrvServiceRegistryClient::SpecifiedUpkeep final : public Upkeep {
     void withdraw(std::uint64_t id, const ResponseCallback& callback) override;
     void start() override {}
     void stop() override {}
-    void tell(std::function<void()> task) override;
-    void tellLocked(Tasks tasks) override;
+    void queueTask(std::function<void()> task) override;
+    void queueTasksLocked(Tasks tasks) override;
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() override;
     std::vector<RegistrationStatus> statuses() override;
     std::vector<std::string> withdrawWithin(std::chrono::milliseconds bound) override;

@@ -1,7 +1,7 @@
-// The periodic check of a registered service, its time-out, what follows from a lost entry, and the
-// status listener. Entered by the timer's thread (HEAD, time-out), the I/O thread (answers) and the
-// user's (listener). Everything happens under the lock, the HEAD's submission too: submitting never
-// waits and never calls a handler. Only the PUT of a re-registration is sent after it is let go.
+// The periodic check of a registered service, its time-out, and the re-registration of a lost
+// entry. Entered by the timer's thread (HEAD, time-out) and the I/O thread (answers). Everything
+// happens under the lock, including the submission of the HEAD, which never blocks and never calls
+// a handler. Only the PUT of a re-registration is sent after unlocking.
 
 #include "Memory.h"
 #include "RegistrationTable.h"
@@ -19,7 +19,7 @@ using communication::HttpResponse;
 
 void OrvServiceRegistryClient::sendHeadRequest(std::uint64_t id,
                                                const std::shared_ptr<RequestContainer>& container) {
-    whenThereIsMemory([&] { sendHeadRequestOnce(id, container); });
+    retryOnBadAlloc([&] { sendHeadRequestOnce(id, container); });
 }
 
 void OrvServiceRegistryClient::sendHeadRequestOnce(
@@ -53,7 +53,7 @@ void OrvServiceRegistryClient::sendHeadRequestOnce(
     }
 }
 
-// A time-out ends the check: it is not scheduled again, and the late answer is ignored.
+// A time-out ends the check: it is not scheduled again, and a late answer is ignored.
 void OrvServiceRegistryClient::handleHeadTimeout(communication::IClientHttpSession& session) {
     const utility::MutexLock lock(mutex);
     if (checkState == RESPONDED) {
@@ -65,7 +65,7 @@ void OrvServiceRegistryClient::handleHeadTimeout(communication::IClientHttpSessi
     try {
         session.abandon();
     } catch (const std::bad_alloc&) {
-        // It goes on until its request time-out, and its answer is ignored all the same.
+        // The HEAD ends with its request time-out; its answer is ignored anyway.
     }
 }
 
@@ -74,21 +74,21 @@ void OrvServiceRegistryClient::handleHeadResponse(
     const HttpResponse& response) {
     bool isInTime = false;
     bool isToRegisterAgain = false;
-    whenThereIsMemory(
+    retryOnBadAlloc(
         [&] { isToRegisterAgain = recordHeadResponse(id, container, response, isInTime); });
     if (isToRegisterAgain) {
         sendPutRequest(id, container);
     }
 }
 
-/// What is `isInTime` once stays so when the rest is done again.
+/// `isInTime` stays true if the step is repeated.
 bool OrvServiceRegistryClient::recordHeadResponse(
     std::uint64_t id, const std::shared_ptr<RequestContainer>& container,
     const HttpResponse& response, bool& isInTime) {
     const utility::MutexLock lock(mutex);
     const auto record = mapRegistryCallback->find(id);
     if (record) {
-        noteCheckLocked(id, *container, *record, response);
+        recordCheckLocked(id, *container, *record, response);
     }
     if (!isInTime && checkState == TIMEOUT) {
         logger->log("TIMEOUT on head request, ignore response.", 0);
@@ -110,10 +110,12 @@ bool OrvServiceRegistryClient::recordHeadResponse(
     return false;
 }
 
-/// What an answer to a check says to those who look, be it ignored.
-void OrvServiceRegistryClient::noteCheckLocked(std::uint64_t id, const RequestContainer& container,
-                                               RegistrationData& record,
-                                               const HttpResponse& response) {
+/// Records the answer to a check for getRegistrations() and the registration listener, even if the
+/// check ignores it.
+void OrvServiceRegistryClient::recordCheckLocked(std::uint64_t id,
+                                                 const RequestContainer& container,
+                                                 RegistrationData& record,
+                                                 const HttpResponse& response) {
     const auto status = static_cast<std::int32_t>(response.getStatusCode());
     if (status >= 200 && status < 300) {
         record.facts.confirmed = timer.now();
@@ -124,7 +126,7 @@ void OrvServiceRegistryClient::noteCheckLocked(std::uint64_t id, const RequestCo
     }
 }
 
-/// False when there is nothing to register again.
+/// Returns false if there is nothing to register again.
 bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer& container,
                                               const HttpResponse& response) {
     const auto record = mapRegistryCallback->find(id);
@@ -133,7 +135,7 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
     }
     auto reason = RegistrationFacts::failureOf("HEAD", response, timer.now());
     Tasks notification = notificationLocked(container.serviceCreate, false);
-    mapRegistryCallback->describe(container, "", "");
+    mapRegistryCallback->setRegistryEntry(container, "", "");
     record->state = REREGISTERING;
     callbackExecutor.add(std::move(notification));
     if (logger->isInfoEnabled()) {
@@ -146,7 +148,7 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
     return true;
 }
 
-/// The check interval in milliseconds; one that does not fit is the largest that does.
+/// The check interval in milliseconds, limited to the range of the type.
 std::chrono::milliseconds OrvServiceRegistryClient::checkDelay() const {
     using std::chrono::milliseconds;
     using std::chrono::seconds;

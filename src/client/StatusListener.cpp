@@ -1,5 +1,5 @@
-// Setting and removing the status listener. Entered by the user's threads. The lock is held to
-// exchange the listener; notificationLocked() in CallbackDispatch.cpp queues the notifications.
+// Sets and removes the status listener. Entered by the user's threads. The lock is held to exchange
+// the listener. notificationLocked() in CallbackDispatch.cpp builds the notifications.
 
 #include "OrvServiceRegistryClient.h"
 
@@ -9,7 +9,7 @@ namespace orvx::serviceregistryclient {
 
 std::function<void()> OrvServiceRegistryClient::addServiceRegisterStatusListener(
     StatusListener listener) {
-    // Shared, so that handing it out under the lock copies a pointer and no user code.
+    // Shared, so that copying it under the lock copies a pointer and no user code.
     StatusListener shared;
     if (listener) {
         shared = [owned = std::make_shared<const StatusListener>(std::move(listener))](
@@ -17,9 +17,10 @@ std::function<void()> OrvServiceRegistryClient::addServiceRegisterStatusListener
             (*owned)(std::move(service), registered);
         };
     }
-    // Made first: a listener that is set has a remover, even where memory runs out.
+    // Made before the listener is set, so that every listener has a remover even if memory runs
+    // out.
     std::function<void()> remover = [reference = reference] {
-        StatusListener removed;  // user code: destroyed when the call has ended
+        StatusListener removed;  // user code: destroyed after the call
         reference->call([&removed](OrvServiceRegistryClient& client) {
             const utility::MutexLock lock(client.mutex);
             client.statusListener.swap(removed);

@@ -1,6 +1,6 @@
-// Blocking forms, made of the asynchronous ones and a promise. Entered by the user's threads, which
-// wait here; the callback thread fulfils the promises. No lock. After a wait nothing of the client
-// is touched: it may be gone.
+// Blocking forms, built from the asynchronous ones and a promise. Entered by the user's threads,
+// which wait here; the callback thread fulfils the promises. No lock. After a wait nothing of the
+// client is used, because the client may be gone.
 
 #include "Upkeep.h"
 
@@ -11,25 +11,25 @@ namespace orvx::serviceregistryclient {
 
 namespace {
 
-/// Longer waits overflow the standard library's clocks and would end at once.
-constexpr std::chrono::milliseconds longestWait = std::chrono::hours(24 * 365 * 10);
+/// Longer waits would overflow the standard library's clocks and end at once.
+constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365 * 10);
 
 }  // namespace
 
-// The promise is shared: an answer that comes after the wait has ended is absorbed by it.
+// The promise is shared: it absorbs an answer that comes after the end of the wait.
 OrvRegistrationResponse OrvServiceRegistryClient::makeSynchronizedCallRegistrationResponse(
     const std::function<void(Promise)>& call, std::chrono::milliseconds timeout) {
     const auto promise = std::make_shared<std::promise<OrvRegistrationResponse>>();
     call(promise);
     std::future<OrvRegistrationResponse> future = promise->get_future();
     if (timeout == std::chrono::milliseconds::zero() ||
-        future.wait_for(std::min(timeout, longestWait)) == std::future_status::ready) {
+        future.wait_for(std::min(timeout, kLongestWait)) == std::future_status::ready) {
         return future.get();
     }
     return {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::TIMEOUT};
 }
 
-void OrvServiceRegistryClient::Fulfil::operator()(OrvRegistrationResponse response) const {
+void OrvServiceRegistryClient::PromiseCallback::operator()(OrvRegistrationResponse response) const {
     promise->set_value(std::move(response));
 }
 
@@ -37,7 +37,7 @@ std::function<OrvRegistrationResponse()> OrvServiceRegistryClient::synchronousUn
     UnregisterHandle handle, std::chrono::milliseconds timeout) {
     return [handle = std::move(handle), timeout] {
         return makeSynchronizedCallRegistrationResponse(
-            [&handle](Promise promise) { handle(Fulfil{std::move(promise)}); }, timeout);
+            [&handle](Promise promise) { handle(PromiseCallback{std::move(promise)}); }, timeout);
     };
 }
 
@@ -53,7 +53,8 @@ SyncOrvRegistrationResponse OrvServiceRegistryClient::registerAndWait(
     SyncOrvRegistrationResponse result;
     result.response = makeSynchronizedCallRegistrationResponse(
         [&](Promise promise) {
-            handle = registerServiceAtRegistry(serviceInfo, service, Fulfil{std::move(promise)});
+            handle = registerServiceAtRegistry(serviceInfo, service,
+                                               PromiseCallback{std::move(promise)});
         },
         std::chrono::milliseconds::zero());
     result.unregister = synchronousUnregister(std::move(handle), unregisterTimeout);

@@ -1,6 +1,6 @@
-// Withdrawing every registration, in both forms. Entered by the user's threads; answers are
-// gathered on the callback thread. The lock is held only while the snapshot is taken: what is
-// registered after it stays.
+// Withdraws all registrations, in both forms. Entered by the user's threads; answers are collected
+// on the callback thread. The lock is held only to take the snapshot: services that are registered
+// later are not withdrawn.
 
 #include "RegistrationTable.h"
 #include "ServiceCollectionData.h"

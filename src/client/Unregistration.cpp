@@ -1,6 +1,6 @@
-// Withdrawal: the DELETE, its answer, and what leaves the table. Entered by the user's threads and
-// the I/O thread. The lock is held to look up and to change the record, not while the DELETE is
-// handed to the session. Callbacks come in as copies made before it is taken.
+// Withdrawal: the DELETE, its answer, and the removal from the table. Entered by the user's threads
+// and the I/O thread. The lock is held to look up and to change the record, but not while the
+// DELETE is passed to the session. Callbacks are copied before locking.
 
 #include "Memory.h"
 #include "RegistrationTable.h"
@@ -31,7 +31,7 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
                                       OrvRegistrationResponse::SERVICE_NOT_FOUND));
         return;
     }
-    // Shared, so that under the lock a pointer is copied and destroyed, and no user code.
+    // Shared, so that under the lock only a pointer is copied and destroyed, and no user code.
     ResponseCallback waiting;
     if (callback) {
         waiting = [owned = std::make_shared<const ResponseCallback>(callback)](
@@ -61,7 +61,7 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
         }
         record->unregisterCallbacks->callbacks.push_back(waiting);
         if (isUnregistering(record->state)) {
-            return;  // the DELETE that is out answers this callback too
+            return;  // the outstanding DELETE answers this callback, too
         }
         record->state = UNREGISTERING;
         record->facts.enter(RegistrationStatus::State::Withdrawing, timer.now());
@@ -95,7 +95,7 @@ void OrvServiceRegistryClient::sendDeleteRequest(
 void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpResponse response) {
     Callbacks callbacks;
     if (response.getStatusCode() == HttpResponse::StatusCode::Ok) {
-        whenThereIsMemory([&] { deleteRegistryEntriesAndNotifyListener(id, callbacks); });
+        retryOnBadAlloc([&] { deleteRegistryEntriesAndNotifyListener(id, callbacks); });
         callCallbacks(std::move(callbacks), OrvRegistrationResponse::OK,
                       OrvRegistrationResponse::NONE, std::move(response));
         return;
@@ -105,12 +105,12 @@ void OrvServiceRegistryClient::handleDeleteResponse(std::uint64_t id, HttpRespon
     if (!response.getBody().empty()) {
         logger->logWarning(false) << "error message from service registry=" << response.getBody();
     }
-    whenThereIsMemory([&] { recordRefusal(id, response, callbacks); });
+    retryOnBadAlloc([&] { recordRefusal(id, response, callbacks); });
     callCallbacks(std::move(callbacks), OrvRegistrationResponse::ERROR,
                   OrvRegistrationResponse::SERVICE_REGISTRY_ERROR, std::move(response));
 }
 
-/// Moves the callbacks that wait for the withdrawal to `callbacks`.
+/// Moves the callbacks that wait for the withdrawal into `callbacks`.
 void OrvServiceRegistryClient::recordRefusal(std::uint64_t id, const HttpResponse& response,
                                              Callbacks& callbacks) {
     const utility::MutexLock lock(mutex);
@@ -127,7 +127,8 @@ void OrvServiceRegistryClient::recordRefusal(std::uint64_t id, const HttpRespons
     record->state = REGISTERED;
 }
 
-// An id that is gone already was removed with another id of its registration, which told everybody.
+// An unknown id was removed together with another id of its registration, whose removal called the
+// callbacks and the listener.
 void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint64_t id,
                                                                       Callbacks& callbacks) {
     std::shared_ptr<RegistrationData> record;

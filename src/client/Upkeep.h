@@ -10,11 +10,11 @@
 
 namespace orvx::serviceregistryclient {
 
-/// How registrations are kept: the one seam between the client and its two sets of rules, chosen
-/// when the client is made.
+/// The interface between the client and its two sets of rules for keeping registrations. The
+/// implementation is selected when the client is made:
 ///   SpecifiedUpkeep   resilience is off: the client's own members (SpecifiedUpkeep.h)
 ///   ResilientUpkeep   resilience is on (ResilientUpkeep.h)
-/// Operations are called without the client's lock unless their names say otherwise.
+/// Operations are called without the client's lock, except those named `...Locked`.
 class OrvServiceRegistryClient::Upkeep {
   public:
     using ServiceResponses =
@@ -27,26 +27,27 @@ class OrvServiceRegistryClient::Upkeep {
     Upkeep(const Upkeep&) = delete;
     Upkeep& operator=(const Upkeep&) = delete;
 
-    /// Registers what is complete and written.
+    /// Registers a service whose request is complete.
     virtual UnregisterHandle announce(const common::ServiceInfo& registry,
                                       const std::shared_ptr<RequestContainer>& request,
                                       ResponseCallback callback) = 0;
     virtual void withdraw(std::uint64_t id, const ResponseCallback& callback) = 0;
-    /// The client runs again, or for the first time.
+    /// Called when the client has started.
     virtual void start() = 0;
-    /// The client and its threads have stopped.
+    /// Called when the client and its threads have stopped.
     virtual void stop() = 0;
-    /// Queues user code.
-    virtual void tell(std::function<void()> task) = 0;
-    virtual void tellLocked(Tasks tasks) = 0;
+    /// Queues user code for the callback executor.
+    virtual void queueTask(std::function<void()> task) = 0;
+    virtual void queueTasksLocked(Tasks tasks) = 0;
 
     /// The description of each registration.
     virtual std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() = 0;
     virtual std::vector<RegistrationStatus> statuses() = 0;
-    /// Withdraws everything; the names of those that are left when the bound has passed.
+    /// Withdraws all registrations. Returns the names of those that are left when the bound has
+    /// passed.
     virtual std::vector<std::string> withdrawWithin(std::chrono::milliseconds bound) = 0;
 
-    // The blocking forms. The asynchronous form is called through the client's interface.
+    // The blocking forms. The client's interface calls the asynchronous forms directly.
 
     virtual SyncOrvRegistrationResponse registerAndWait(
         const common::ServiceInfo& registry,
@@ -55,21 +56,22 @@ class OrvServiceRegistryClient::Upkeep {
         const common::ServiceInfo& registry, const ServiceSet& services) = 0;
     virtual std::pair<bool, ServiceResponses> withdrawAllAndWait() = 0;
 
-    // What both sets of rules tell of a registration: RegistrationFacts.cpp. The client's members
-    // call it under their lock, of which clang cannot see that it is the one of client_.
+    // Reporting of status and events, for both sets of rules: RegistrationFacts.cpp. The client's
+    // members call these operations under their lock; clang cannot see that it is the lock of
+    // client_.
 
-    /// A request about it succeeded.
+    /// Records that a request about the registration succeeded.
     void succeedLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts);
     void failLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts,
                     std::shared_ptr<const RegistrationFacts::Failure> failure);
-    /// Enters the state, and tells of it if it is another one than before.
+    /// Enters the state, and reports the event if the state has changed.
     void enterLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts,
                      RegistrationStatus::State state, RegistrationEvent::Kind event);
     void reportLocked(std::uint64_t id, const RequestContainer& request,
                       const RegistrationFacts& facts, RegistrationEvent::Kind event);
 
   protected:
-    /// The timer's clock and the system's, at one moment.
+    /// The timer's clock and the system's clock at the same moment.
     struct Clocks {
         std::chrono::system_clock::time_point timeOf(std::chrono::milliseconds time) const;
         std::optional<std::chrono::system_clock::time_point> timeUnlessNone(
@@ -79,7 +81,7 @@ class OrvServiceRegistryClient::Upkeep {
         std::chrono::time_point<std::chrono::system_clock, std::chrono::milliseconds> system;
     };
     Clocks readClocks() const;
-    /// Where clang cannot see that the caller holds the lock.
+    /// Tells clang that the caller holds the lock.
     void lockIsHeld() const ORVX_ANNOTATION(assert_capability(client_.mutex)) {}
     std::chrono::milliseconds now() const { return client_.timer.now(); }
     RegistrationStatus statusLocked(std::uint64_t id, const RequestContainer& request,

@@ -1,4 +1,4 @@
-// The names of the outcomes. Entered by any thread; no state, no lock.
+// The names of statuses and error codes. Entered by any thread; no state, no lock.
 
 #include <serviceregistryclient/OrvRegistrationResponse.h>
 

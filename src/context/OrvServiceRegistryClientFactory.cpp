@@ -1,4 +1,4 @@
-// Makes the library's own client: the one place outside src/client/ that knows its class.
+// Makes the library's own client. Only this file and the context use its class outside src/client/.
 // Entered by the thread that initialises a context; no lock.
 
 #include <serviceregistryclient/OrvServiceRegistryClientFactory.h>

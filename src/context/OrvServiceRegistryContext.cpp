@@ -1,5 +1,6 @@
-// The options, and the life of the one client. Entered by one user thread at a time; the client's
-// threads only call the getters, after init(), when nothing changes any more. No lock.
+// The options, and the life of the only client. Entered by one user thread at a time. The client's
+// threads only call getters, after init(), when nothing changes any more. The only lock guards
+// `attached`.
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -23,9 +24,9 @@ using utility::ILogger;
 using utility::ILoggerFactory;
 using utility::OrvFoundationException;
 
-// The client is destroyed after the factories and the status codes that stand behind it here: it
-// keeps a share, or a copy, of what it needs of them. What it reads of its context until its end
-// must be trivially destructible.
+// The client is destroyed after the factories and the status codes below, so it shares or copies
+// those that it needs. Any other member that the client reads until its end must be trivially
+// destructible.
 struct OrvServiceRegistryContext::Data {
     /// For getRegistrations(), which may be called while the client ends.
     utility::Mutex mutex;
@@ -73,8 +74,8 @@ struct OrvServiceRegistryContext::Data {
     /// Used by leakInForkedChild().
     Data* nextLeaked = nullptr;
 
-    /// In a forked child the client has no threads, and whatever lock they held is held for ever.
-    bool isLeftBehind() const { return initiated && mark.isLeftBehind(); }
+    /// In a forked child the client has no threads, and any lock that they held is held for ever.
+    bool isInForkedChild() const { return initiated && mark.isInForkedChild(); }
 
     void refuseAfterInit(const char* message) const {
         if (initiated) {
@@ -94,7 +95,7 @@ IOrvServiceRegistryContext::~IOrvServiceRegistryContext() = default;
 OrvServiceRegistryContext::OrvServiceRegistryContext() : data_(new Data) {}
 
 OrvServiceRegistryContext::~OrvServiceRegistryContext() {
-    if (data_->isLeftBehind()) {
+    if (data_->isInForkedChild()) {
         utility::leakInForkedChild(data_);
         return;
     }
@@ -119,7 +120,7 @@ void OrvServiceRegistryContext::init() {
 }
 
 void OrvServiceRegistryContext::deinit() {
-    if (!data_->initiated || data_->isLeftBehind()) {
+    if (!data_->initiated || data_->isInForkedChild()) {
         return;
     }
     data_->withdrawEverything();
@@ -308,7 +309,7 @@ const RegistrationListener& OrvServiceRegistryContext::getRegistrationListener()
 }
 
 std::vector<RegistrationStatus> OrvServiceRegistryContext::getRegistrations() const {
-    if (data_->isLeftBehind()) {
+    if (data_->isInForkedChild()) {
         return {};
     }
     std::vector<RegistrationStatus> statuses;

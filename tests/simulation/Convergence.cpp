@@ -32,7 +32,7 @@ using serviceregistryclient::OrvServiceRegistryContext;
 using serviceregistryclient::RegistrationEvent;
 using serviceregistryclient::RegistrationStatus;
 
-constexpr Milliseconds longestRetryAfter{60000};
+constexpr Milliseconds kLongestRetryAfter{60000};
 constexpr int doublingsOfBackOff = 4;
 
 struct RegistryOptions : Options {
@@ -312,7 +312,7 @@ class Play {
         const std::vector<std::pair<std::string, Milliseconds>> values{
             {"2", now + Milliseconds(2000)},
             {"soon", now},
-            {"86400", now + longestRetryAfter},
+            {"86400", now + kLongestRetryAfter},
             {"Thu, 01 Jan 2026 00:00:05 GMT", Milliseconds(5000)}};
         const auto& [value, end] = values[variety % values.size()];
         retryAfter_ = std::max(retryAfter_, end);

@@ -36,13 +36,13 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
                 return insert();
             case 3:
             case 4:
-                return lead();
+                return redirect();
             case 5:
                 return erase();
             case 6:
-                return number(4) == 0 ? eraseAll() : describe();
+                return number(4) == 0 ? eraseAll() : setRegistryEntry();
             default:
-                return describe();
+                return setRegistryEntry();
         }
     }
 
@@ -78,7 +78,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
         table_.insert(lastId_, record);
     }
     /// To the record of an entry, as an answer does it, or to any.
-    void lead() {
+    void redirect() {
         if (model_.empty()) {
             return;
         }
@@ -88,7 +88,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
             target = model_.at(anyId());
         }
         const Record before = std::exchange(model_.at(id), target);
-        EXPECT_EQ(table_.lead(id, target), before);
+        EXPECT_EQ(table_.redirect(id, target), before);
     }
     void erase() {
         if (!model_.empty()) {
@@ -108,13 +108,13 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
         table_.eraseAll(*record);
     }
     /// Through a request id that is there: its own request may be another record's by now.
-    void describe() {
+    void setRegistryEntry() {
         if (requests_.empty()) {
             return;
         }
         const auto& [id, request] = requests_[number(requests_.size())];
         if (model_.count(id) != 0) {
-            table_.describe(*request, anyRegistryId(), "/uri");
+            table_.setRegistryEntry(*request, anyRegistryId(), "/uri");
         }
     }
 

@@ -89,7 +89,7 @@ TEST_F(APassingFailure, IsNotTriedAgainBeforeItsRetryAfter) {
     answer(503, "Retry-After: 7\r\n");
     EXPECT_EQ(waitFor("PUT"), Seconds(7));
     answer(429, "retry-after: 999999999999999999999\r\n");
-    EXPECT_EQ(waitFor("PUT"), Upkeep::longestRetryAfter);
+    EXPECT_EQ(waitFor("PUT"), Upkeep::kLongestRetryAfter);
     answer(503, "Retry-After: Thu, 01 Jan 2026 00:01:30 GMT\r\n");
     EXPECT_EQ(waitFor("PUT"), Seconds(90 - 67));
     answer(503, "Retry-After: soon\r\n");

@@ -1,7 +1,7 @@
-// The values of a generic object and the lock around them; how they become JSON is in
-// GenericObjectJson.cpp.
-// Entered by any thread. `mutex_` is a leaf lock: nothing is called under it but the values' own
-// copying, and values that are replaced or removed are destroyed after it was let go.
+// The values of a generic object and the lock around them. GenericObjectJson.cpp writes them as
+// JSON.
+// Entered by any thread. `mutex_` is a leaf lock: only the copying of values happens under it.
+// Values that are replaced or removed are destroyed after unlocking.
 
 #include <orvx/common/GenericObject.h>
 
@@ -14,7 +14,7 @@ using utility::MutexLock;
 
 namespace {
 
-/// The value under `key` if it is a T, else null.
+/// The value for `key` if it is a T; null otherwise.
 template <typename T>
 const T* findAs(const GenericObjectMembers& values, const std::string& key) {
     const GenericObjectValue* const found = values.find(key);
@@ -42,7 +42,7 @@ GenericObjectValue& GenericObjectMembers::operator[](const std::string& key) {
     return members_[place].second;
 }
 
-// Growing and inserting are one pass: moving the members is the cost of both.
+// Growing and inserting share one pass, because moving the members is the cost of both.
 void GenericObjectMembers::insert(std::size_t place, Member added) {
     const auto position = members_.begin() + static_cast<std::ptrdiff_t>(place);
     const std::size_t size = members_.size();
@@ -51,7 +51,7 @@ void GenericObjectMembers::insert(std::size_t place, Member added) {
         return;
     }
     std::vector<Member> grown;
-    // A vector that doubles would leave half of the memory unused.
+    // A vector that doubles its size would leave half of the memory unused.
     grown.reserve(size + std::max<std::size_t>(4, size / 4));
     std::move(members_.begin(), position, std::back_inserter(grown));
     grown.push_back(std::move(added));
@@ -59,7 +59,8 @@ void GenericObjectMembers::insert(std::size_t place, Member added) {
     members_ = std::move(grown);
 }
 
-// Most lengths differ: among few members a walk costs less than the comparisons of a search.
+// Among few members a linear search is faster than a binary search, because most keys differ in
+// length.
 const GenericObjectValue* GenericObjectMembers::find(const std::string& key) const {
     constexpr std::size_t kFew = 16;
     if (members_.size() > kFew) {
@@ -100,7 +101,7 @@ bool GenericObjectMembers::operator==(const GenericObjectMembers& other) const {
     return members_ == other.members_;
 }
 
-/// Where `key` is or belongs.
+/// The position of `key`, or the position at which `key` would be inserted.
 std::size_t GenericObjectMembers::placeOf(const std::string& key) const {
     const auto found = std::lower_bound(
         members_.begin(), members_.end(), key,
@@ -120,7 +121,8 @@ GenericObject::GenericObject() = default;
 GenericObject::GenericObject(const GenericObject& other) : values_(other.copyOfValues()) {}
 
 GenericObject& GenericObject::operator=(const GenericObject& other) {
-    // One lock after the other: two objects that are assigned to each other never hold both.
+    // Locks one object at a time: two threads that assign two objects to each other cannot
+    // deadlock.
     GenericObjectMembers values = other.copyOfValues();
     MutexLock lock(mutex_);
     std::swap(values_, values);
@@ -170,7 +172,7 @@ void GenericObject::removeValue(const std::string& key) {
     removed = values_.extract(key);
 }
 
-// With room for one more: the id, which the copy that is registered gets in the end.
+// Reserves room for one more value: the id, which a registered copy receives later.
 GenericObjectMembers GenericObject::copyOfValues() const {
     MutexLock lock(mutex_);
     return GenericObjectMembers(values_, 1);

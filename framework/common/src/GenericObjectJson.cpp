@@ -1,5 +1,6 @@
-// Generic objects as JSON: the one place that knows the JSON library.
-// Entered by any thread. Written under the object's lock, which nothing here can come back to.
+// Writes generic objects as JSON. Only this file uses the JSON library.
+// Entered by any thread. The values are written under the object's lock; nothing here calls back
+// into the object.
 
 #include <orvx/common/GenericObject.h>
 
@@ -14,8 +15,8 @@ namespace orvx::common {
 
 namespace {
 
-/// Whether each of eight bytes is its own JSON inside a text: ASCII from the blank on, neither a
-/// quote nor a backslash. What is not sets the highest bit of its byte in one of the four words.
+/// Whether each of eight bytes can stand in a JSON text without an escape: ASCII from the space on,
+/// neither a quote nor a backslash. Any other byte sets its highest bit in one of the four words.
 bool arePlain(std::uint64_t bytes) {
     constexpr std::uint64_t kOnes = 0x0101010101010101;
     constexpr std::uint64_t kHighBits = kOnes * 0x80;
@@ -26,8 +27,8 @@ bool arePlain(std::uint64_t bytes) {
     return ((notAscii | controls | quotes | backslashes) & kHighBits) == 0;
 }
 
-/// Whether a text is its own JSON between quotes. Most are, and the JSON library's way costs fifty
-/// times as much.
+/// Whether a text needs no escape in JSON. Most texts need none, and the JSON library takes fifty
+/// times as long to write one.
 bool isPlain(std::string_view text) {
     constexpr std::uint64_t kBlanks = 0x2020202020202020;
     for (; text.size() >= sizeof kBlanks; text.remove_prefix(sizeof kBlanks)) {
@@ -42,7 +43,8 @@ bool isPlain(std::string_view text) {
     return arePlain(rest);
 }
 
-/// A text that grows. Appending is inlined: most pieces of a description have a few bytes only.
+/// A text that grows. Appending is inlined, because most pieces of a description have a few bytes
+/// only.
 class GrowingText {
   public:
     void append(char character) { *end(1) = character, ++size_; }
@@ -60,7 +62,7 @@ class GrowingText {
     std::string_view view() const { return {bytes_.data(), size_}; }
 
   private:
-    /// Where the next bytes go; there is room for so many.
+    /// Makes room for `count` bytes at the end and returns their position.
     char* end(std::size_t count) {
         if (bytes_.size() - size_ < count) {
             bytes_.resize(2 * (size_ + count));
@@ -73,8 +75,8 @@ class GrowingText {
     std::size_t size_ = 0;
 };
 
-/// Writes lists and objects by itself and leaves their leaves to the JSON library: the library's
-/// own lists and objects need memory when they are destroyed, and end the process where there is
+/// Writes lists and objects itself and leaves scalar values to the JSON library. The library's own
+/// lists and objects allocate memory in their destructors and terminate the process if there is
 /// none.
 class JsonWriter {
   public:
@@ -152,7 +154,7 @@ void GenericObject::toJSONStream(std::ostream& stream, bool pretty) const {
         const utility::MutexLock lock(mutex_);
         writer.write(values_);
     }
-    // Unformatted: the stream's width, flags and locale must not change the text.
+    // Unformatted output: the stream's width, flags and locale must not change the text.
     const std::string_view text = writer.text();
     stream.write(text.data(), static_cast<std::streamsize>(text.size()));
 }

@@ -4,8 +4,8 @@
 
 namespace orvx::common {
 
-/// The keys of a description's values, in memory and in JSON, as the texts that look-ups take: none
-/// is made for a look-up.
+/// The keys of a description's values, in memory and in JSON. They are std::string, so that a
+/// look-up makes no temporary text.
 struct Keys {
     const std::string id = "id";
     const std::string name = "name";
@@ -18,13 +18,13 @@ struct Keys {
     const std::string privileges = "privileges";
 };
 
-/// Made for each use: this text is too long to lie in place.
+/// Made for each use: this text is too long for the small-string optimisation.
 inline std::string keyOfServiceCategories() {
     return "serviceCategories";
 }
 
-/// Never destroyed: threads may use descriptions until the process ends. All lies in place, so that
-/// a plug-in that is loaded and unloaded many times leaks nothing.
+/// Never destroyed: threads may use descriptions until the process ends. The texts need no heap
+/// memory, so a plug-in that is loaded and unloaded many times leaks nothing.
 inline const Keys& keys() {
     union NeverDestroyed {
         const Keys keys;

@@ -1,5 +1,5 @@
-// The setters of a description that is to be registered.
-// Entered by any thread; the lock is that of the generic object beneath, taken once per setter.
+// The setters of a description to be registered.
+// Entered by any thread. The lock is that of the generic object, taken once in each setter.
 
 #include <orvx/common/ServiceCreate.h>
 

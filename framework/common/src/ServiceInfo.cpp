@@ -1,4 +1,4 @@
-// An endpoint and the key that identifies it.
+// A network endpoint and the key that identifies it.
 // A value without a lock: several threads may read it.
 
 #include <orvx/common/ServiceInfo.h>

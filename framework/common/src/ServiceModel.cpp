@@ -1,6 +1,6 @@
-// Names for the values of a description.
-// Entered by any thread; the lock is that of the generic object beneath, taken once per operation
-// and value. Assigning goes through the values, so the handle is the same for a model's whole life.
+// Named access to the values of a description.
+// Entered by any thread. The lock is that of the generic object, taken once for each operation and
+// value. Assignment copies the values, so a model refers to the same object for its whole life.
 
 #include <orvx/common/ServiceModel.h>
 
@@ -10,10 +10,10 @@ namespace orvx::common {
 
 namespace {
 
-/// Keeps a copy in the reference's own block of memory.
+/// Stores a copy in the same block of memory as the reference.
 class CopyOwner : public IReference<XObject> {
   public:
-    // NOLINTNEXTLINE(modernize-pass-by-value): it is copied to its place, not moved there.
+    // NOLINTNEXTLINE(modernize-pass-by-value): the value is copied in place, not moved.
     explicit CopyOwner(const XObject& original) : copy_(original) {}
 
     XObject& get() override { return copy_; }

@@ -1,5 +1,5 @@
-// The three values that every described thing has.
-// A constructor only: one thread, no lock beside the one of the generic object.
+// The three values that every described resource has.
+// Entered by the thread that constructs the object; the only lock is that of the generic object.
 
 #include <orvx/common/XObject.h>
 

@@ -1,5 +1,5 @@
-// Addresses, as the system writes and finds them.
-// Pure functions but for the system's resolver, entered by any thread; there is no lock.
+// Converts between addresses and text, and looks names up.
+// Entered by any thread; there is no state and no lock.
 
 #include "Address.h"
 
@@ -24,8 +24,8 @@ namespace {
 
 using List = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 
-// Without AI_ADDRCONFIG: it hides ::1 where there is no other address of its family, and an address
-// that cannot be reached fails at once.
+// AI_ADDRCONFIG is not set: it hides ::1 on a machine without another IPv6 address. An address that
+// cannot be reached fails at once anyway.
 List find(const std::string& host, int& error) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -48,14 +48,14 @@ Addresses addressesOf(const addrinfo* first) {
     return addresses;
 }
 
-/// An interface, by its name or its number.
+/// The number of a network interface that is given by name or number.
 std::uint32_t zoneNumber(const std::string& zone) {
     const std::uint32_t named = ::if_nametoindex(zone.c_str());
     return named != 0 ? named : static_cast<std::uint32_t>(std::strtoul(zone.c_str(), nullptr, 10));
 }
 
-/// The resolver's order, but for the families, which take turns (RFC 8305, section 4). Those after
-/// the first 64 are left out: a name with thousands would keep the I/O thread from its other work.
+/// Keeps the resolver's order, but alternates the families (RFC 8305, section 4). Keeps the first
+/// 64 addresses only: thousands of them would keep the I/O thread from its other work.
 Addresses interleaved(const Addresses& addresses) {
     Addresses first;
     Addresses second;
@@ -97,12 +97,12 @@ Resolved lookUp(const std::string& name) noexcept {
     }
 }
 
-std::optional<Addresses> ownAddresses(const std::string& host) {
+std::optional<Addresses> addressesFromText(const std::string& host) {
     if (host == "localhost") {
-        // RFC 6761: nobody has to be asked. Files of hosts often lack one of them.
+        // RFC 6761: this name needs no look-up. Host files often lack one of the two addresses.
         Addresses both;
         for (const char* const loopback : {"127.0.0.1", "::1"}) {
-            both.push_back(ownAddresses(loopback)->front());
+            both.push_back(addressesFromText(loopback)->front());
         }
         return both;
     }

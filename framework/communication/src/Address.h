@@ -10,7 +10,7 @@
 
 namespace orvx::communication {
 
-/// Where a socket can be connected to.
+/// An address to which a socket can be connected.
 struct Address {
     sockaddr_storage storage;
     socklen_t size;
@@ -19,21 +19,23 @@ using Addresses = std::vector<Address>;
 
 bool operator==(const Address& left, const Address& right) noexcept;
 
-/// What the system's resolver says.
+/// The result of a look-up.
 struct Resolved {
     CommunicationStatus status = CommunicationStatus::ResolveFailed;
-    Addresses addresses;  ///< The families take turns.
+    Addresses addresses;  ///< The families alternate.
 };
 
-/// Of a name, in the time that this takes. Without the port.
+/// Looks a name up with the system's resolver; blocks. The addresses have no port.
 Resolved lookUp(const std::string& name) noexcept;
-/// What the text says itself: it is an address, or the name of this machine's own.
-std::optional<Addresses> ownAddresses(const std::string& host);
-/// Of a Unix domain socket.
+/// The addresses of a text that needs no look-up: an address, or "localhost". Absent for any other
+/// text.
+std::optional<Addresses> addressesFromText(const std::string& host);
+/// The address of a Unix domain socket.
 Address unixAddress(const std::string& path);
-/// As people write it, with the port: "10.0.0.5:8500", "[::1]:8500", or a path.
+/// The address and port as text: "10.0.0.5:8500", "[::1]:8500", or the path of a Unix domain
+/// socket.
 std::string toText(const Address& address);
-/// With that port, as far as they have one.
+/// Sets the port of all IP addresses.
 void setPort(Addresses& addresses, std::uint16_t port);
 
 }  // namespace orvx::communication

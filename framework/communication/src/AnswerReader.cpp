@@ -1,5 +1,5 @@
-// The strict part of reading an answer: what Beast's parser lets pass and we do not, the caps, and
-// the one table from the parser's errors to ours.
+// Strict checks of an answer that Beast's parser lacks, the size limits, and the table that maps
+// the parser's errors.
 // Entered by the I/O thread only; there is no lock.
 
 #include "AnswerReader.h"
@@ -20,11 +20,12 @@ namespace http = boost::beast::http;
 using boost::beast::error_code;
 using boost::beast::string_view;
 
-// More than any sensible answer has, whatever the configuration says.
+// The limit for header lines, whatever the configuration says.
 constexpr std::size_t kMostHeaderBytes = 300 * 1024;
-// Of a chunk's size with its extensions, or of the trailers, which nobody reads.
+// The limit for one chunk header with its extensions, and for the trailers, which are ignored.
 constexpr std::size_t kMostFraming = 4096;
-// Of all chunks' lines together: so much, and so much more for each byte of the body.
+// The limit for all chunk headers together: a constant, and a number of bytes for each byte of the
+// body.
 constexpr std::size_t kFramingAtFirst = 64 * 1024;
 constexpr std::size_t kFramingForAByte = 16;
 
@@ -33,7 +34,7 @@ bool isDecimal(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-/// What a parser's error means for a request.
+/// Maps a parser's error to the status of the request.
 CommunicationStatus statusOf(const error_code& error) {
     if (error == http::error::header_limit || error == http::error::body_limit ||
         error == http::error::buffer_overflow) {
@@ -43,15 +44,16 @@ CommunicationStatus statusOf(const error_code& error) {
                                            : CommunicationStatus::Malformed;
 }
 
-/// As far as it goes. The parser waits for more of what can be no answer.
-bool beginsLikeAnAnswer(std::string_view bytes) {
+/// Whether the bytes match the beginning of an answer, as far as they go. Without this check the
+/// parser would wait for more bytes of a text that cannot be an answer.
+bool hasAnswerPrefix(std::string_view bytes) {
     constexpr std::string_view kBegin = "HTTP/1.";
     bytes = bytes.substr(0, kBegin.size());
     return kBegin.substr(0, bytes.size()) == bytes;
 }
 
-/// Whether the line is a Content-Length of more than 64 bits, which the parser calls a bad one.
-bool announcesTooMuch(std::string_view line) {
+/// Whether the line is a Content-Length of more than 64 bits. The parser reports it as malformed.
+bool isOversizedContentLength(std::string_view line) {
     line = line.substr(0, line.find('\r'));
     const auto colon = line.find(':');
     if (colon == std::string_view::npos) {
@@ -65,7 +67,7 @@ bool announcesTooMuch(std::string_view line) {
 
 }  // namespace
 
-/// One answer, interim or final.
+/// Parses one answer, interim or final.
 class AnswerReader::Parser {
   public:
     void restart(Answer& answer, const Limits& limits) {
@@ -78,7 +80,7 @@ class AnswerReader::Parser {
     class Message : public http::basic_parser<false> {
       public:
         explicit Message(Answer& answer) : answer_(answer) {}
-        /// What put() is given next.
+        /// Sets the input of the next put().
         void setInput(std::string_view input) { input_ = input; }
 
       private:
@@ -119,17 +121,17 @@ class AnswerReader::Parser {
         }
         void on_finish_impl(error_code&) override {}
 
-        /// Whether it is one number, spelt like one before it, on the line of its name. What is
-        /// folded begins on another line, or is a copy elsewhere.
+        /// Whether the value is one decimal number on the line of its name, spelled like any
+        /// earlier one. A folded value begins on another line or is a copy outside the input.
         bool isNewLength(string_view name, string_view value) {
             const bool isOnItsLine = value.data() > name.data() &&
                                      value.data() < input_.data() + input_.size() &&
                                      std::find(name.data(), value.data(), '\n') == value.data();
             const std::string_view text(value.data(), value.size());
-            const bool isFine =
+            const bool isValid =
                 isOnItsLine && isDecimal(text) && (length_.empty() || length_ == text);
             length_ = text;
-            return isFine;
+            return isValid;
         }
 
         Answer& answer_;
@@ -169,7 +171,7 @@ AnswerReader::Progress AnswerReader::take(ReadBuffer& bytes) {
     hasBegun_ = hasBegun_ || !bytes.view().empty();
     Parser& parser = *parser_;
     while (!bytes.view().empty()) {
-        if (!hasCode_ && !beginsLikeAnAnswer(bytes.view())) {
+        if (!hasCode_ && !hasAnswerPrefix(bytes.view())) {
             return refuse(CommunicationStatus::Malformed);
         }
         completeStatusLine(bytes);
@@ -200,7 +202,7 @@ AnswerReader::Progress AnswerReader::take(ReadBuffer& bytes) {
         }
         if (error) {
             const bool isTooMuch = error == http::error::bad_content_length &&
-                                   announcesTooMuch(input.substr(consumed));
+                                   isOversizedContentLength(input.substr(consumed));
             return refuse(isTooMuch ? CommunicationStatus::TooLarge : statusOf(error));
         }
         if (parser->is_done()) {
@@ -213,7 +215,7 @@ AnswerReader::Progress AnswerReader::take(ReadBuffer& bytes) {
     return Progress::More;
 }
 
-/// Of a chunk's line, or of trailers, there is a part.
+/// Handles an incomplete chunk header or incomplete trailers.
 AnswerReader::Progress AnswerReader::waitForFraming(std::string_view part) {
     if (part.size() > kMostFraming) {
         return refuse(CommunicationStatus::TooLarge);
@@ -222,13 +224,13 @@ AnswerReader::Progress AnswerReader::waitForFraming(std::string_view part) {
          end = part.find('\n', end + 1)) {
         if (end == 0 || part[end - 1] != '\r') {
             return refuse(
-                CommunicationStatus::Malformed);  // The parser does not see that it ended.
+                CommunicationStatus::Malformed);  // The parser does not accept this end of line.
         }
     }
     return Progress::More;
 }
 
-// The parser wants a space behind the code. Servers that have no reason to give leave it out.
+// The parser requires a space after the status code. Servers that send no reason phrase omit it.
 void AnswerReader::completeStatusLine(ReadBuffer& bytes) {
     constexpr std::size_t kEndOfCode = 12;  // HTTP/1.1 200
     const std::string_view view = bytes.view();
@@ -238,13 +240,13 @@ void AnswerReader::completeStatusLine(ReadBuffer& bytes) {
     hasCode_ = true;
     if (view[kEndOfCode] == '\r') {
         bytes.insert(kEndOfCode, ' ');
-        --headerBytes_;  // It is consumed with the rest.
+        --headerBytes_;  // The inserted byte is consumed, but was not received.
     }
 }
 
-bool AnswerReader::takeEnd() {
+bool AnswerReader::finish() {
     error_code error;
-    // Without a byte only interim answers have come.
+    // Without any byte of the final answer, only interim answers have come.
     const bool hasPart = (*parser_)->got_some();
     if (hasPart) {
         (*parser_)->put_eof(error);

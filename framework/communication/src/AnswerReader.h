@@ -9,8 +9,9 @@
 
 namespace orvx::communication {
 
-/// Takes in the answer to one request after another, and refuses what is not a proper HTTP/1 answer
-/// or too much of one. Beast's parser knows the syntax; the refusals that it lacks are here.
+/// Reads the answers to one request after another. Refuses answers that are not valid HTTP/1 or
+/// that exceed a limit. Beast's parser checks the syntax; this class adds the checks that the
+/// parser lacks.
 ///
 /// For the I/O thread only.
 class AnswerReader {
@@ -19,7 +20,7 @@ class AnswerReader {
     struct Limits {
         std::size_t headerBytes;
         std::size_t bodyBytes;
-        bool hasNoBody;  ///< Of an answer to HEAD, whatever it announces.
+        bool hasNoBody;  ///< Set for an answer to HEAD, whatever its headers announce.
     };
 
     AnswerReader();
@@ -27,18 +28,19 @@ class AnswerReader {
     AnswerReader(const AnswerReader&) = delete;
     AnswerReader& operator=(const AnswerReader&) = delete;
 
-    /// The answer goes there; it must outlive what follows.
+    /// Starts a new answer, which is written to `answer`. The object must live until the answer is
+    /// complete.
     void begin(Answer& answer, const Limits& limits);
-    /// Consumes what it can of the bytes. Throws std::bad_alloc.
+    /// Consumes as many of the bytes as possible. Throws std::bad_alloc.
     Progress take(ReadBuffer& bytes);
-    /// The connection has ended in order. Whether that ends the answer.
-    bool takeEnd();
+    /// Handles an orderly end of the connection. Returns whether the answer is complete.
+    bool finish();
 
-    /// Why an answer is Refused.
+    /// The reason for Progress::Refused.
     CommunicationStatus refusal() const { return refusal_; }
-    /// Whether any byte has come.
+    /// Whether any byte of the answer has come.
     bool hasBegun() const { return hasBegun_; }
-    /// Whether a request may follow on the connection of an answer that is Done.
+    /// Whether the connection can be used for another request after Progress::Done.
     bool isConnectionKept() const;
 
   private:
@@ -52,8 +54,8 @@ class AnswerReader {
     std::unique_ptr<Parser> parser_;
     Answer* answer_ = nullptr;
     Limits limits_{};
-    std::size_t headerBytes_ = 0;   // Of all answers, the interim ones too, as far as consumed.
-    std::size_t framingBytes_ = 0;  // Of the body's chunks, without what they carry.
+    std::size_t headerBytes_ = 0;   // Consumed bytes of all answers, including interim ones.
+    std::size_t framingBytes_ = 0;  // Bytes of chunk headers and trailers.
     bool hasBegun_ = false;
     bool hasCode_ = false;
     CommunicationStatus refusal_ = CommunicationStatus::Ok;

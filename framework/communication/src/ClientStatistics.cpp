@@ -1,4 +1,4 @@
-// Counts requests by their methods and the way they ended, and how long the answered ones took.
+// Counts requests by method and outcome, and sums up the latency of answers.
 // Entered by any thread. `mutex_` is a leaf lock: nothing is called under it.
 
 #include <orvx/communication/ClientStatistics.h>
@@ -16,7 +16,7 @@ bool isGood(const ClientStatistics::Outcome& outcome) {
     return outcome.status == CommunicationStatus::Ok && outcome.httpStatus / 100 == 2;
 }
 
-// What may throw comes first.
+// The statements that may throw come first.
 void count(ClientStatistics::OfMethod& method, const ClientStatistics::Outcome& outcome,
            std::chrono::system_clock::time_point now) {
     std::uint64_t& ofStatus = method.byStatus[outcome.status];
@@ -64,7 +64,7 @@ void ClientStatistics::record(const Outcome& outcome) noexcept {
 }
 
 const char* methodToString(ClientStatistics::Method method) noexcept {
-    // Without a default: the compiler names a method that is missing here.
+    // No default: the compiler warns about a method that is missing here.
     switch (method) {
         case ClientStatistics::Method::Put:
             return "PUT";

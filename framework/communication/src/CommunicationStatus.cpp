@@ -1,4 +1,4 @@
-// The names of the ways in which a request can end.
+// The names of the outcomes of a request.
 // Entered by any thread; there is no state and no lock.
 
 #include <orvx/communication/CommunicationStatus.h>
@@ -6,7 +6,7 @@
 namespace orvx::communication {
 
 const char* communicationStatusToString(CommunicationStatus status) noexcept {
-    // Without a default: the compiler names a status that is missing here.
+    // No default: the compiler warns about a status that is missing here.
     switch (status) {
         case CommunicationStatus::Ok:
             return "OK";

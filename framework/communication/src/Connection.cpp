@@ -1,6 +1,7 @@
-// One request at a time over a stream. A read is always outstanding: what comes when no request is
-// out, or more than the answer, ends the connection.
-// Entered by the I/O thread only; there is no lock. No exception leaves the calls of the stream.
+// Sends one request at a time over a stream. A read is always outstanding: bytes that arrive
+// without a request, or after its answer, end the connection.
+// Entered by the I/O thread only; there is no lock. No exception leaves the callbacks of the
+// stream.
 
 #include "Connection.h"
 
@@ -9,8 +10,8 @@
 
 namespace orvx::communication {
 
-Connection::Connection(std::shared_ptr<Stream> stream, std::uint64_t madeFor, Owner& owner)
-    : stream_(std::move(stream)), madeFor_(madeFor), owner_(owner) {
+Connection::Connection(std::shared_ptr<Stream> stream, std::uint64_t lastWaiting, Owner& owner)
+    : stream_(std::move(stream)), lastWaiting_(lastWaiting), owner_(owner) {
     stream_->setListener(this);
     stream_->read();
 }
@@ -39,7 +40,7 @@ std::unique_ptr<Request> Connection::giveUp() {
 
 void Connection::onRead() {
     if (!request_) {
-        fail(CommunicationStatus::Malformed);  // Nothing was asked.
+        fail(CommunicationStatus::Malformed);  // Bytes without a request.
         return;
     }
     try {
@@ -73,7 +74,7 @@ void Connection::finish() {
 
 void Connection::onEnd(Stream::End end) {
     const bool isWhole =
-        request_ && end == Stream::End::Orderly && reader_.hasBegun() && reader_.takeEnd();
+        request_ && end == Stream::End::Orderly && reader_.hasBegun() && reader_.finish();
     if (isWhole) {
         owner_.onAnswered(*this, std::move(request_), false);
     } else {

@@ -9,19 +9,20 @@
 
 namespace orvx::communication {
 
-/// A connection that stands: one request after another over it, each with its answer.
+/// An established connection. It sends one request after another and reads their answers.
 ///
 /// For the I/O thread only.
 class Connection final : private Stream::Listener {
   public:
-    /// Is told what happens; it may destroy the connection then, but not before the call returns.
+    /// Receives the events of a connection. It may destroy the connection, but not before the call
+    /// returns.
     class Owner {
       public:
-        /// The answer is whole. The connection can take another request if `isKept`.
+        /// The answer is complete. If `isKept`, the connection can send another request.
         virtual void onAnswered(Connection& connection, std::unique_ptr<Request> request,
                                 bool isKept) = 0;
-        /// The connection is of no use any more. Its request, if it had one, fails so, or has to be
-        /// repeated over a new connection when that is Ok.
+        /// The connection cannot be used any more. Its request, if there is one, fails with
+        /// `status`. If `status` is Ok, the request must be repeated over a new connection.
         virtual void onBroken(Connection& connection, std::unique_ptr<Request> request,
                               CommunicationStatus status) = 0;
 
@@ -29,29 +30,30 @@ class Connection final : private Stream::Listener {
         ~Owner() = default;
     };
 
-    /// Begins to read, so that an end is noticed. Throws std::bad_alloc.
-    Connection(std::shared_ptr<Stream> stream, std::uint64_t madeFor, Owner& owner);
+    /// Starts to read, so that the end of the connection is noticed. Throws std::bad_alloc.
+    Connection(std::shared_ptr<Stream> stream, std::uint64_t lastWaiting, Owner& owner);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Whether a request can be sent: nothing has come that nobody asked for.
-    bool isQuiet() { return stream_->isQuiet(); }
-    /// The same for what onAnswered() has just told of, without looking again.
-    bool isStillQuiet() const { return stream_->hasReadNothing(); }
-    /// Takes the request and sends it, after the head that was made of it. Throws std::bad_alloc,
-    /// and has not taken it then.
+    /// Whether the connection can send a request: no bytes have arrived without a request. Asks the
+    /// kernel.
+    bool hasNoInput() { return stream_->hasNoInput(); }
+    /// Like hasNoInput(), right after onAnswered(), without asking the kernel again.
+    bool hasReadNothing() const { return stream_->hasReadNothing(); }
+    /// Takes the request and sends it after `head`. Throws std::bad_alloc; the request is not taken
+    /// then.
     void send(std::unique_ptr<Request>& request, std::string_view head);
-    /// Its request as it is. The connection is of no use any more.
+    /// Closes the connection and returns its request, if there is one.
     std::unique_ptr<Request> giveUp();
 
-    /// Null when there is none under way.
+    /// The request that is outstanding, or null.
     const Request* request() const { return request_.get(); }
-    /// The number of the last request that waited when it was begun.
-    std::uint64_t madeFor() const { return madeFor_; }
-    /// Why TLS failed, for people; empty before.
-    const std::string& words() const { return stream_->words(); }
-    /// Whether it has had no request.
+    /// The number of the newest request that was waiting when this connection was started.
+    std::uint64_t lastWaiting() const { return lastWaiting_; }
+    /// The cause of a TLS failure for human readers; empty without a failure.
+    const std::string& tlsError() const { return stream_->tlsError(); }
+    /// Whether no request has been sent over this connection.
     bool isNew() const { return isNew_; }
 
   private:
@@ -65,12 +67,12 @@ class Connection final : private Stream::Listener {
     CommunicationStatus statusOf(Stream::End end) const;
 
     const std::shared_ptr<Stream> stream_;
-    const std::uint64_t madeFor_;
+    const std::uint64_t lastWaiting_;
     Owner& owner_;
     AnswerReader reader_;
     std::unique_ptr<Request> request_;
     bool isNew_ = true;
-    bool isRepeatable_ = false;  // The request's: its connection was kept.
+    bool isRepeatable_ = false;  // The outstanding request was sent over a kept connection.
     bool isWriting_ = false;
     bool isWriteBroken_ = false;
 };

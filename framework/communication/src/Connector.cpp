@@ -1,6 +1,6 @@
-// From addresses to a connection that stands.
-// Entered by the I/O thread only; there is no lock. No exception leaves it: what needs memory and
-// does not get it fails the connection.
+// Turns a list of addresses into an established connection.
+// Entered by the I/O thread only; there is no lock. No exception leaves this file: a step that runs
+// out of memory fails the connection.
 
 #include "Connector.h"
 
@@ -23,12 +23,12 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// The delay of RFC 8305, section 5.
+// The delay between two attempts (RFC 8305, section 5).
 constexpr std::chrono::milliseconds kStagger(250);
-// What a proxy has to say before a tunnel.
+// The limit for a proxy's answer to CONNECT.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
-std::string whyFailed(const error_code& error, const Address& address) {
+std::string connectError(const error_code& error, const Address& address) {
     if (!error) {
         return {};
     }
@@ -51,7 +51,7 @@ Connector::Connector(asio::io_context& io, const EndpointSettings& settings, Tls
 
 Connector::~Connector() = default;
 
-/// A step that may lack memory, or that throws what an operation otherwise reports.
+/// Runs a step. Reports its exceptions as a failure of the connection.
 template <typename Step>
 void Connector::guarded(const Step& step) noexcept {
     try {
@@ -73,7 +73,8 @@ void Connector::onTime() {
     startAttempts();
 }
 
-/// The next one, or, as long as they fail at once, those after it.
+/// Starts an attempt for the next address. Continues with further addresses as long as attempts
+/// fail at once.
 void Connector::startAttempts() {
     guarded([this] {
         while (next_ < addresses_.size()) {
@@ -85,7 +86,7 @@ void Connector::startAttempts() {
             }
         }
         if (failedAttempts_ == addresses_.size()) {
-            fail(CommunicationStatus::ConnectFailed, whyFailed(lastError_, lastFailed_));
+            fail(CommunicationStatus::ConnectFailed, connectError(lastError_, lastFailed_));
         }
     });
 }
@@ -145,11 +146,11 @@ void Connector::onAttemptEnd(Attempt& attempt, const error_code& error) {
             error_code ignored;
             other.socket.close(ignored);
         }
-        goOn();
+        continueSetup();
     });
 }
 
-void Connector::goOn() {
+void Connector::continueSetup() {
     if (tls_ == nullptr) {
         succeed(plain_);
     } else if (!settings_.proxy.host.empty()) {
@@ -165,7 +166,7 @@ void Connector::openTunnel() {
     plain_->setListener(this);
     plain_->read();
     if (plain_->write(tunnelRequest_, {}) == Stream::Written::Broken) {
-        return;  // The read ends.
+        return;  // The outstanding read ends with an error.
     }
 }
 
@@ -184,7 +185,7 @@ void Connector::onRead() {
     });
 }
 
-// What follows its answer is not what we have asked for: nothing was said to the server.
+// Bytes after the proxy's answer are an error: nothing was sent to the server yet.
 void Connector::onTunnelAnswer() {
     const bool isOpen = tunnelAnswer_.statusCode / 100 == 2 && plain_->bytes().view().empty();
     if (isOpen) {
@@ -213,7 +214,7 @@ void Connector::onHandshake(const error_code& error) {
         guarded([this, &error] {
             fail(CommunicationStatus::TlsFailed,
                  "TLS with " + settings_.origin.authority +
-                     " failed: " + TlsClient::whatFailed(secure_->native(), error));
+                     " failed: " + TlsClient::handshakeError(secure_->native(), error));
         });
     } else {
         succeed(secure_);
@@ -228,11 +229,11 @@ void Connector::succeed(std::shared_ptr<Stream> stream) {
     }
 }
 
-void Connector::fail(CommunicationStatus status, const std::string& words) {
+void Connector::fail(CommunicationStatus status, const std::string& detail) {
     Owner* const owner = owner_;
     cancel();
     if (owner != nullptr) {
-        owner->onConnectFailed(*this, status, words);
+        owner->onConnectFailed(*this, status, detail);
     }
 }
 

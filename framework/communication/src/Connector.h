@@ -18,36 +18,39 @@ namespace orvx::communication {
 class PlainStream;
 class TlsStream;
 
-/// Makes one connection: to the address that answers first (RFC 8305), through a proxy if there is
-/// one, and with TLS. Its operations keep it alive; its owner is told nothing after cancel().
+/// Makes one connection: to the address that answers first (RFC 8305), through the proxy if there
+/// is one, and with TLS. Its pending operations keep it alive. After cancel() its owner receives no
+/// event.
 ///
 /// For the I/O thread only.
 class Connector final : public std::enable_shared_from_this<Connector>, private Stream::Listener {
   public:
     class Owner {
       public:
-        /// It stands. The address is the one that answered.
+        /// The connection is established to `address`.
         virtual void onConnected(Connector& connector, std::shared_ptr<Stream> stream,
                                  const Address& address) = 0;
-        /// `words` say more of the failure where more is known; empty otherwise.
+        /// No connection could be made. `detail` is the cause for human readers; empty if the
+        /// status says all that is known.
         virtual void onConnectFailed(Connector& connector, CommunicationStatus status,
-                                     const std::string& words) = 0;
+                                     const std::string& detail) = 0;
 
       protected:
         ~Owner() = default;
     };
 
-    /// All must outlive it, or its cancel(). Without `tls` none is spoken.
+    /// All arguments must outlive this object or its cancel(). Without `tls` the connection is
+    /// plain.
     Connector(boost::asio::io_context& io, const EndpointSettings& settings, TlsClient* tls,
               Owner& owner);
     ~Connector();
     Connector(const Connector&) = delete;
     Connector& operator=(const Connector&) = delete;
 
-    /// Begins with the first address. The owner may be told before it returns.
+    /// Starts with the first address. The owner may be called before start() returns.
     void start(Addresses addresses);
     bool isStarted() const { return !addresses_.empty(); }
-    /// When onTime() has to be called; the end of time when it need not.
+    /// The time at which onTime() must be called; the maximum if no call is needed.
     std::chrono::steady_clock::time_point nextTime() const { return nextAttempt_; }
     void onTime();
     void cancel() noexcept;
@@ -58,13 +61,13 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     void startAttempts();
     bool startAttempt(const Address& address);
     void onAttemptEnd(Attempt& attempt, const boost::system::error_code& error);
-    void goOn();
+    void continueSetup();
     void openTunnel();
     void onTunnelAnswer();
     void startTls();
     void onHandshake(const boost::system::error_code& error);
     void succeed(std::shared_ptr<Stream> stream);
-    void fail(CommunicationStatus status, const std::string& words = {});
+    void fail(CommunicationStatus status, const std::string& detail = {});
     template <typename Step>
     void guarded(const Step& step) noexcept;
 
@@ -79,12 +82,12 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     Owner* owner_;
 
     Addresses addresses_;
-    std::size_t next_ = 0;  // Of the addresses, to be tried.
+    std::size_t next_ = 0;  // Index of the address to try next.
     std::chrono::steady_clock::time_point nextAttempt_ =
         std::chrono::steady_clock::time_point::max();
     std::deque<Attempt> attempts_;
     std::size_t failedAttempts_ = 0;
-    boost::system::error_code lastError_;  // Of the last attempt that failed, and its address.
+    boost::system::error_code lastError_;  // The error of the last attempt that failed.
     Address lastFailed_{};
     Address connected_{};
 

@@ -1,5 +1,5 @@
-// Says no to configurations and endpoints that cannot work, before anything is sent.
-// Pure functions, entered by any thread; there is no lock.
+// Refuses invalid configurations and endpoints before anything is sent.
+// Entered by any thread; there is no state and no lock.
 
 #include "EndpointCheck.h"
 
@@ -30,7 +30,7 @@ bool isToken(const std::string& text) {
     });
 }
 
-/// The headers that every request's own data decides.
+/// Headers that the library sets for each request.
 bool isReserved(const std::string& name) {
     constexpr std::array<const char*, 7> kNames = {
         "Accept", "Connection", "Content-Length",   "Content-Type",
@@ -73,7 +73,7 @@ Origin makeOrigin(const std::string& host, std::uint32_t port) {
             authority(host, port)};
 }
 
-/// The decimal number, or 0 when it is none of up to five digits.
+/// The decimal number; 0 if the text is not a number of one to five digits.
 std::uint32_t portIn(std::string_view text) {
     const bool isNumber =
         !text.empty() && text.size() <= 5 &&
@@ -81,7 +81,7 @@ std::uint32_t portIn(std::string_view text) {
     return isNumber ? static_cast<std::uint32_t>(std::stoul(std::string(text))) : 0;
 }
 
-/// "http://host:port" and nothing else; without a host when it is something else.
+/// Parses "http://host:port". Returns an origin without a host for any other text.
 Origin proxyIn(std::string_view url) {
     constexpr std::string_view kScheme = "http://";
     const auto colon = url.rfind(':');
@@ -95,8 +95,8 @@ Origin proxyIn(std::string_view url) {
     return isOne ? makeOrigin(host, port) : Origin{};
 }
 
-// What the proxy's text says stays out of the message: it may contain a password.
-void checkWay(const HttpConfig& config) {
+// The proxy's text is not part of the message, because it may contain a password.
+void checkProxyAndSocket(const HttpConfig& config) {
     require(config.proxy.empty() || !proxyIn(config.proxy).host.empty(),
             "HttpConfig::proxy must be of the form http://host:port, without a user or a path.");
     requireText(config.unixSocketPath, "HttpConfig::unixSocketPath");
@@ -140,7 +140,7 @@ void checkConfig(const HttpConfig& config) {
     requireText(config.userAgent, "HttpConfig::userAgent");
     std::for_each(config.headers.begin(), config.headers.end(), checkHeader);
     checkCredentials(config);
-    checkWay(config);
+    checkProxyAndSocket(config);
     checkTls(config.tls);
 }
 

@@ -1,4 +1,4 @@
-// Counts the requests in a row that stayed without an answer.
+// Counts consecutive requests without an answer, and decides which outcomes count.
 // Entered by any thread; one atomic number, no lock.
 
 #include <orvx/communication/HealthCheck.h>

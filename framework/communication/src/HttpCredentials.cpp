@@ -1,6 +1,6 @@
-// Credentials as a request shows them (RFC 7617, RFC 6750).
-// Entered by any thread: the user's that sets them, and the I/O thread that asks for each request.
-// `mutex_` is a leaf lock: nothing is called under it.
+// Builds the value of the Authorization header (RFC 7617, RFC 6750).
+// Entered by the user's threads, which set credentials, and by the I/O thread, which reads them for
+// each request. `mutex_` is a leaf lock: nothing is called under it.
 
 #include <orvx/communication/HttpCredentials.h>
 

@@ -1,7 +1,7 @@
-// The queues and the connections of one endpoint. All HEADs have the same total time-out, and so
-// have all other requests: their queues are in the order of deadlines, too. Entered by the I/O
-// thread only; there is no lock. A connection that is dropped lives until the next go(), for it may
-// be the one that calls.
+// The request queues and the connections of one endpoint. All HEADs have the same time-out, and all
+// other requests have the same time-out, so each queue is ordered by deadline.
+// Entered by the I/O thread only; there is no lock. A dropped connection lives until the next
+// process(), because the call may come from that connection.
 
 #include "HttpEndpoint.h"
 
@@ -14,11 +14,9 @@ namespace orvx::communication {
 
 namespace {
 
-// Shorter than what most names' owners allow, and long enough for a client that connects anew again
-// and again not to ask each time.
+// Shorter than the lifetime of most DNS records, and long enough that a client that reconnects
+// again and again does not look the name up each time.
 constexpr std::chrono::seconds kAddressesLast(60);
-// What the clock can add without an overflow: 24 days.
-constexpr std::chrono::milliseconds kLongestTimeout(std::numeric_limits<int>::max());
 
 }  // namespace
 
@@ -38,7 +36,7 @@ HttpEndpoint::~HttpEndpoint() {
 
 void HttpEndpoint::add(std::unique_ptr<Request> request) {
     request->number = ++added_;
-    waitUntil(request->deadline);
+    wakeAt(request->deadline);
     const bool isHead = request->kind == Request::Kind::Head;
     (isHead ? heads_ : others_).push(std::move(request));
 }
@@ -61,7 +59,7 @@ std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
     return request;
 }
 
-void HttpEndpoint::go(Clock::time_point now) {
+void HttpEndpoint::process(Clock::time_point now) {
     dropped_.clear();
     if (now >= nextTime_) {
         expire(now);
@@ -72,13 +70,13 @@ void HttpEndpoint::go(Clock::time_point now) {
     }
 }
 
-// Looks at all that has a time, and notes the first that is left.
+// Handles everything that has timed out, and records the next deadline.
 void HttpEndpoint::expire(Clock::time_point now) {
     nextTime_ = Clock::time_point::max();
     for (RequestQueue* const queue : {&heads_, &others_}) {
         expireWaiting(*queue, now);
     }
-    expireAgain(now);
+    expireRepeats(now);
     for (std::size_t i = connections_.size(); i-- > 0;) {
         Connection& connection = *connections_[i];
         const Request* const request = connection.request();
@@ -86,10 +84,10 @@ void HttpEndpoint::expire(Clock::time_point now) {
             continue;
         }
         if (request->deadline > now) {
-            waitUntil(request->deadline);
+            wakeAt(request->deadline);
             continue;
         }
-        end(connection.giveUp(), CommunicationStatus::TimedOut);
+        complete(connection.giveUp(), CommunicationStatus::TimedOut);
         --busy_;
         drop(connection);
     }
@@ -100,32 +98,32 @@ void HttpEndpoint::expire(Clock::time_point now) {
             onConnectFailed(*connector, CommunicationStatus::TimedOut, {});
             continue;
         }
-        waitUntil(connecting_[i].deadline);
+        wakeAt(connecting_[i].deadline);
         if (connector->nextTime() <= now) {
             connector->onTime();
         }
-        waitUntil(connector->nextTime());
+        wakeAt(connector->nextTime());
     }
 }
 
 void HttpEndpoint::expireWaiting(RequestQueue& queue, Clock::time_point now) {
     while (!queue.isEmpty() && queue.front().deadline <= now) {
-        end(queue.pop(), CommunicationStatus::TimedOut);
+        complete(queue.pop(), CommunicationStatus::TimedOut);
     }
     if (!queue.isEmpty()) {
-        waitUntil(queue.front().deadline);
+        wakeAt(queue.front().deadline);
     }
 }
 
-// At most one for each connection, in no order.
-void HttpEndpoint::expireAgain(Clock::time_point now) {
-    RequestQueue all = std::move(again_);
+// There is at most one such request for each connection, and they are not ordered.
+void HttpEndpoint::expireRepeats(Clock::time_point now) {
+    RequestQueue all = std::move(repeats_);
     while (auto request = all.pop()) {
         if (request->deadline <= now) {
-            end(std::move(request), CommunicationStatus::TimedOut);
+            complete(std::move(request), CommunicationStatus::TimedOut);
         } else {
-            waitUntil(request->deadline);
-            again_.push(std::move(request));
+            wakeAt(request->deadline);
+            repeats_.push(std::move(request));
         }
     }
 }
@@ -133,18 +131,19 @@ void HttpEndpoint::expireAgain(Clock::time_point now) {
 void HttpEndpoint::serveIdle() {
     for (std::size_t i = idle_.size(); i-- > 0 && waiting() != 0;) {
         Connection& connection = *idle_[i];
-        if (connection.isQuiet()) {
+        if (connection.hasNoInput()) {
             idle_.erase(idle_.begin() + static_cast<std::ptrdiff_t>(i));
             serve(connection);
         } else if (!connection.isNew()) {
             drop(connection);
         }
-        // What has come over a new one may be sessions of TLS: its read takes them, or tells that
-        // it is something else.
+        // Input on a new connection may be TLS session tickets. The outstanding read consumes it or
+        // reports an error.
     }
 }
 
-/// Gives it the next request, if there is one for it. It is not idle, and quiet.
+/// Sends the next request over the connection, if one is waiting. The connection must not be idle
+/// and must have no input.
 void HttpEndpoint::serve(Connection& connection) {
     while (auto request = nextFor(connection)) {
         try {
@@ -152,23 +151,23 @@ void HttpEndpoint::serve(Connection& connection) {
             ++busy_;
             return;
         } catch (const std::exception&) {
-            end(std::move(request), CommunicationStatus::OutOfMemory);
+            complete(std::move(request), CommunicationStatus::OutOfMemory);
         }
     }
     idle_.push_back(&connection);
 }
 
 std::unique_ptr<Request> HttpEndpoint::nextFor(const Connection& connection) {
-    for (RequestQueue* const queue : {&again_, &heads_, &others_}) {
-        if (!queue->isEmpty() && (queue != &again_ || connection.isNew())) {
+    for (RequestQueue* const queue : {&repeats_, &heads_, &others_}) {
+        if (!queue->isEmpty() && (queue != &repeats_ || connection.isNew())) {
             return queue->pop();
         }
     }
     return nullptr;
 }
 
-void HttpEndpoint::end(std::unique_ptr<Request> request, CommunicationStatus status,
-                       const std::string& cause) {
+void HttpEndpoint::complete(std::unique_ptr<Request> request, CommunicationStatus status,
+                            const std::string& cause) {
     request->status = status;
     if (status != CommunicationStatus::Ok) {
         request->answer.body = causeOf(status, cause);
@@ -182,34 +181,35 @@ void HttpEndpoint::drop(Connection& connection) {
         std::find_if(connections_.begin(), connections_.end(),
                      [&connection](const auto& other) { return other.get() == &connection; });
     connection.giveUp();
-    dropped_.push_back(std::move(*found));  // There is room: see onConnected().
+    dropped_.push_back(std::move(*found));  // onConnected() has reserved the space.
     connections_.erase(found);
 }
 
-// One at a time until one stands: who comes back after a restart is not run over.
+// Starts one connection at a time until the first is established, so that a server that has just
+// restarted is not flooded.
 void HttpEndpoint::connect(Clock::time_point now) {
-    while (wantsConnection()) {
-        beginToConnect(now);
+    while (needsConnection()) {
+        startConnecting(now);
     }
 }
 
-bool HttpEndpoint::wantsConnection() const {
-    const std::size_t wanted = idle_.empty() ? waiting() : again_.size();
+bool HttpEndpoint::needsConnection() const {
+    const std::size_t wanted = idle_.empty() ? waiting() : repeats_.size();
     const std::size_t atOnce = connections_.empty() ? 1 : settings_->config.connectionsPerEndpoint;
     return connecting_.size() < std::min(wanted, atOnce) &&
            connections_.size() + connecting_.size() < settings_->config.connectionsPerEndpoint;
 }
 
-void HttpEndpoint::beginToConnect(Clock::time_point now) {
+void HttpEndpoint::startConnecting(Clock::time_point now) {
     try {
         auto connector =
             std::make_shared<Connector>(context_.io, *settings_, tls_ ? &*tls_ : nullptr, *this);
         const auto deadline = now + std::min(settings_->config.connectTimeout, kLongestTimeout);
         connecting_.push_back({connector, deadline, added_});
-        waitUntil(deadline);
+        wakeAt(deadline);
         if (findAddresses()) {
             connector->start(addresses_);
-            waitUntil(connector->nextTime());
+            wakeAt(connector->nextTime());
         }
     } catch (const std::bad_alloc&) {
         failWaiting(CommunicationStatus::OutOfMemory, added_, false);
@@ -218,7 +218,7 @@ void HttpEndpoint::beginToConnect(Clock::time_point now) {
     }
 }
 
-/// Whether they are here. Otherwise they are looked up.
+/// Whether the addresses are known. If not, starts a look-up.
 bool HttpEndpoint::findAddresses() {
     const EndpointSettings& settings = *settings_;
     const Origin& next = settings.proxy.host.empty() ? settings.origin : settings.proxy;
@@ -229,7 +229,7 @@ bool HttpEndpoint::findAddresses() {
         return false;
     }
     const std::string& socketPath = settings.config.unixSocketPath;
-    auto fixed = socketPath.empty() ? ownAddresses(next.host)
+    auto fixed = socketPath.empty() ? addressesFromText(next.host)
                                     : std::make_optional(Addresses{unixAddress(socketPath)});
     if (fixed) {
         addresses_ = std::move(*fixed);
@@ -268,7 +268,7 @@ void HttpEndpoint::onResolved(const Resolver::LookUp& lookUp) {
             onConnectFailed(*connector, status, {});
         } else {
             connector->start(addresses_);
-            waitUntil(connector->nextTime());
+            wakeAt(connector->nextTime());
         }
     }
 }
@@ -280,13 +280,13 @@ void HttpEndpoint::onConnected(Connector& connector, std::shared_ptr<Stream> str
                      [&](const Connecting& one) { return one.connector.get() == &connector; });
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
-    // The one that answered is tried first.
+    // Move the address that answered to the front.
     const auto answered = std::find(addresses_.begin(), addresses_.end(), address);
     if (answered != addresses_.end()) {
         std::rotate(addresses_.begin(), answered, answered + 1);
     }
     try {
-        // Room for all of them, so that no list grows when one is moved there.
+        // Reserve space for all connections, so that moving one between the lists cannot fail.
         idle_.reserve(connections_.size() + 1);
         dropped_.reserve(dropped_.size() + connections_.size() + 1);
         connections_.reserve(connections_.size() + 1);
@@ -300,32 +300,32 @@ void HttpEndpoint::onConnected(Connector& connector, std::shared_ptr<Stream> str
 }
 
 void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus status,
-                                   const std::string& words) {
+                                   const std::string& detail) {
     const auto found =
         std::find_if(connecting_.begin(), connecting_.end(),
                      [&](const Connecting& one) { return one.connector.get() == &connector; });
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
-    const std::string cause = causeOf(status, words);
+    const std::string cause = causeOf(status, detail);
     logOnce(cause);
     if (settings_->config.unixSocketPath.empty() && addressesEnd_ != Clock::time_point::max()) {
-        addressesEnd_ = Clock::time_point::min();  // They may have changed.
+        addressesEnd_ = Clock::time_point::min();  // The addresses may have changed.
     }
-    const bool concernsAll = connections_.empty() && status != CommunicationStatus::OutOfMemory;
-    failWaiting(status, ended.lastWaiting, concernsAll, cause);
+    const bool failsAll = connections_.empty() && status != CommunicationStatus::OutOfMemory;
+    failWaiting(status, ended.lastWaiting, failsAll, cause);
 }
 
-/// A cause that comes again before the next answer is not news.
+/// Logs a cause once until the next answer or another cause.
 void HttpEndpoint::logOnce(const std::string& cause) {
-    if (!cause.empty() && cause != lastWords_) {
-        lastWords_ = cause;
+    if (!cause.empty() && cause != lastLoggedCause_) {
+        lastLoggedCause_ = cause;
         context_.logger.logWarning(false) << cause;
     }
 }
 
-/// In words, with the endpoint. Empty where memory is lacking.
+/// The cause for human readers, with the endpoint. Empty if memory runs out.
 std::string HttpEndpoint::causeOf(CommunicationStatus status,
-                                  const std::string& words) const noexcept {
+                                  const std::string& detail) const noexcept {
     const Origin& next = settings_->proxy.host.empty() ? settings_->origin : settings_->proxy;
     try {
         switch (status) {
@@ -334,32 +334,33 @@ std::string HttpEndpoint::causeOf(CommunicationStatus status,
             case CommunicationStatus::ResolveFailed:
                 return "the host " + next.host + " is not known";
             default:
-                return words;
+                return detail;
         }
     } catch (const std::bad_alloc&) {
         return {};
     }
 }
 
-/// Why TLS failed on a connection that stood. Empty otherwise, and where memory is lacking.
-std::string HttpEndpoint::wordsOf(const Connection& connection,
-                                  CommunicationStatus status) const noexcept {
+/// The cause of a TLS failure on an established connection. Empty for other failures, and if memory
+/// runs out.
+std::string HttpEndpoint::tlsErrorOf(const Connection& connection,
+                                     CommunicationStatus status) const noexcept {
     try {
         return status == CommunicationStatus::TlsFailed
-                   ? "TLS with " + settings_->origin.authority + " failed: " + connection.words()
+                   ? "TLS with " + settings_->origin.authority + " failed: " + connection.tlsError()
                    : "";
     } catch (const std::bad_alloc&) {
         return {};
     }
 }
 
-/// Those up to that one, or the first of them.
-void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting,
-                               bool concernsAll, const std::string& cause) {
-    for (RequestQueue* const queue : {&again_, &heads_, &others_}) {
+/// Fails the waiting requests with numbers up to `lastWaiting`, or only the first of them.
+void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool failsAll,
+                               const std::string& cause) {
+    for (RequestQueue* const queue : {&repeats_, &heads_, &others_}) {
         while (!queue->isEmpty() && queue->front().number <= lastWaiting) {
-            end(queue->pop(), status, cause);
-            if (!concernsAll) {
+            complete(queue->pop(), status, cause);
+            if (!failsAll) {
                 return;
             }
         }
@@ -370,11 +371,11 @@ void HttpEndpoint::onAnswered(Connection& connection, std::unique_ptr<Request> r
                               bool isKept) {
     --busy_;
     hasHadEarlyBytes_ = false;
-    lastWords_.clear();
-    end(std::move(request), CommunicationStatus::Ok);
+    lastLoggedCause_.clear();
+    complete(std::move(request), CommunicationStatus::Ok);
     if (!isKept) {
         drop(connection);
-    } else if (connection.isStillQuiet()) {
+    } else if (connection.hasReadNothing()) {
         serve(connection);
     } else {
         idle_.push_back(&connection);
@@ -386,27 +387,27 @@ void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> req
     if (request) {
         --busy_;
         if (status == CommunicationStatus::Ok) {
-            again_.push(std::move(request));
+            repeats_.push(std::move(request));
         } else {
-            const std::string cause = wordsOf(connection, status);
+            const std::string cause = tlsErrorOf(connection, status);
             logOnce(cause);
-            end(std::move(request), status, cause);
+            complete(std::move(request), status, cause);
         }
     } else if (connection.isNew()) {
-        onUseless(connection, status);
+        onNewConnectionBroken(connection, status);
     }
     drop(connection);
 }
 
-/// A new connection was of no use to those for which it was made. One that had something to say
-/// before it was asked is given a second chance.
-void HttpEndpoint::onUseless(const Connection& connection, CommunicationStatus status) {
+/// Fails the requests for which an unused connection was made. A connection that sent bytes before
+/// any request is retried once.
+void HttpEndpoint::onNewConnectionBroken(const Connection& connection, CommunicationStatus status) {
     const bool isTriedAgain =
         status == CommunicationStatus::Malformed && !std::exchange(hasHadEarlyBytes_, true);
     if (!isTriedAgain) {
-        const std::string cause = wordsOf(connection, status);
+        const std::string cause = tlsErrorOf(connection, status);
         logOnce(cause);
-        failWaiting(status, connection.madeFor(), connections_.size() == 1, cause);
+        failWaiting(status, connection.lastWaiting(), connections_.size() == 1, cause);
     }
 }
 

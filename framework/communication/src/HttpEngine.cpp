@@ -1,8 +1,8 @@
-// The I/O thread: waits for what happens to the connections, feeds them from the endpoints' queues,
-// and calls the handlers, with no lock around a call.
-// start() and stop() are entered by the thread that initialises; all else is the I/O thread's own.
-// There is no lock here: what comes from other threads comes through the inbox and the resolver.
-// The loop never throws: what needs memory and does not get it fails the request that needs it.
+// The I/O thread: waits for events, drives the endpoints, and calls the handlers without holding a
+// lock.
+// start() and stop() are entered by the thread that initialises; everything else runs on the I/O
+// thread. There is no lock here: other threads communicate through the inbox and the resolver. The
+// loop never throws: an allocation failure fails the request that needed the memory.
 
 #include "HttpEngine.h"
 
@@ -56,9 +56,9 @@ int makeEvent() {
 
 }  // namespace
 
-/// What the thread waits in. Nobody else touches it but for the wake-up.
+/// The event loop. Only the I/O thread uses it, except for the wake-up.
 struct HttpEngine::Loop {
-    // Only the I/O thread is ever inside.
+    // The hint is safe because only the I/O thread uses the io_context.
     Loop(RequestQueue& done, const utility::StreamingLogger& logger)
         : io(BOOST_ASIO_CONCURRENCY_HINT_UNSAFE),
           event(io),
@@ -70,7 +70,7 @@ struct HttpEngine::Loop {
         listen();
     }
 
-    /// Is woken from here on.
+    /// Waits for the next wake-up.
     void listen() {
         event.async_read_some(asio::buffer(count),
                               [this](const boost::system::error_code& error, std::size_t) {
@@ -79,19 +79,19 @@ struct HttpEngine::Loop {
                                   }
                               });
     }
-    /// Handles one thing that has happened; false when nothing has.
+    /// Handles one event; returns false if there was none.
     bool poll() {
         return isDone([this] { return io.poll_one(); });
     }
-    /// Waits for it, until then at the latest.
+    /// Waits for one event, at most until `until`.
     void wait(Clock::time_point until) {
         isDone([this, until] {
             setAlarm(until);
             return io.run_one();
         });
     }
-    /// Sets the timer unless it ends earlier anyway: a request costs no call for it. Asio's own
-    /// wait with a bound ends each second.
+    /// Sets the timer unless it fires earlier anyway, so that a request costs no system call for
+    /// it. Asio's run_one_until() would wake up each second.
     void setAlarm(Clock::time_point until) {
         if (until >= alarm) {
             return;
@@ -105,7 +105,7 @@ struct HttpEngine::Loop {
         });
         alarm = until;
     }
-    /// What a step throws concerns the operation that it was about to begin anew.
+    /// An exception of a step concerns the operation that the step was about to start again.
     template <typename Step>
     bool isDone(const Step& step) {
         try {
@@ -119,7 +119,7 @@ struct HttpEngine::Loop {
     asio::posix::basic_stream_descriptor<asio::io_context::executor_type> event;
     asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, asio::io_context::executor_type>
         timer;
-    Clock::time_point alarm = Clock::time_point::max();  // The timer's.
+    Clock::time_point alarm = Clock::time_point::max();  // When the timer fires.
     WakeUp wakeUp;
     Resolver resolver;
     EndpointContext context;
@@ -153,7 +153,7 @@ void HttpEngine::start() {
 }
 
 void HttpEngine::stop() {
-    if (thread_.isLeftBehind()) {
+    if (thread_.isInForkedChild()) {
         return;
     }
     inbox_->close(&loop_->wakeUp).clear();
@@ -167,17 +167,18 @@ void HttpEngine::run() {
     bool hasYielded = false;
     while (isRunning()) {
         bool hasWorked = loop_->poll();
-        takeOrders();
+        takeSubmitted();
         takeLookUps();
         const auto now = Clock::now();
-        goOn(now);
+        processEndpoints(now);
         hasWorked = callHandlers(now) || hasWorked;
         if (hasWorked) {
             hasYielded = false;
         } else if (!std::exchange(hasYielded, true)) {
-            // Others run first: what they leave before this thread sleeps costs them no wake-up.
+            // Other threads run first: requests that they submit before this thread sleeps cost no
+            // wake-up.
             std::this_thread::yield();
-        } else if (inbox_->mayWait(&loop_->wakeUp)) {
+        } else if (inbox_->prepareToWait(&loop_->wakeUp)) {
             loop_->wait(nextTime_);
             hasYielded = false;
         }
@@ -185,25 +186,25 @@ void HttpEngine::run() {
     cleanUp();
 }
 
-void HttpEngine::takeOrders() {
-    auto orders = inbox_->take(&loop_->wakeUp);
-    while (auto order = orders.pop()) {
-        takeOrder(std::move(order));
+void HttpEngine::takeSubmitted() {
+    auto submitted = inbox_->take(&loop_->wakeUp);
+    while (auto request = submitted.pop()) {
+        handleSubmitted(std::move(request));
     }
 }
 
-void HttpEngine::takeOrder(std::unique_ptr<Request> order) {
+void HttpEngine::handleSubmitted(std::unique_ptr<Request> request) {
     const bool isRequest =
-        order->kind != Request::Kind::Abandon && order->kind != Request::Kind::Retire;
+        request->kind != Request::Kind::Abandon && request->kind != Request::Kind::Retire;
     if (isRequest) {
-        addRequest(std::move(order));
+        addRequest(std::move(request));
         return;
     }
-    const auto found = endpoints_.find(order->settings.get());
+    const auto found = endpoints_.find(request->settings.get());
     if (found == endpoints_.end()) {
         return;
     }
-    if (order->kind == Request::Kind::Retire) {
+    if (request->kind == Request::Kind::Retire) {
         found->second.retire();
     } else if (auto head = found->second.takeOldestHead()) {
         head->status = CommunicationStatus::Abandoned;
@@ -233,17 +234,17 @@ void HttpEngine::takeLookUps() {
     }
 }
 
-void HttpEngine::goOn(Clock::time_point now) {
+void HttpEngine::processEndpoints(Clock::time_point now) {
     nextTime_ = Clock::time_point::max();
     for (auto it = endpoints_.begin(); it != endpoints_.end();) {
         HttpEndpoint& endpoint = it->second;
-        endpoint.go(now);
+        endpoint.process(now);
         nextTime_ = std::min(nextTime_, endpoint.nextTime());
-        it = endpoint.isSpent() ? endpoints_.erase(it) : std::next(it);
+        it = endpoint.isFinished() ? endpoints_.erase(it) : std::next(it);
     }
 }
 
-/// Whether there was one to call.
+/// Returns whether there was any request to complete.
 bool HttpEngine::callHandlers(Clock::time_point now) {
     const bool hasAny = !done_.isEmpty();
     while (const auto request = done_.pop()) {
@@ -267,7 +268,7 @@ void HttpEngine::callHandler(Request& request) {
     }
 }
 
-// What the operations still hold goes with them.
+// Runs the cancelled operations, so that they release their objects.
 void HttpEngine::cleanUp() {
     endpoints_.clear();
     done_.clear();

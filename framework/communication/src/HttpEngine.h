@@ -14,13 +14,13 @@
 
 namespace orvx::communication {
 
-/// One run of a communication context, from init() to deinit(): the I/O thread, its event loop, and
-/// what is under way. The thread keeps it alive.
+/// One run of a communication context, from init() to deinit(): the I/O thread, its event loop and
+/// the outstanding requests. The thread keeps the object alive.
 ///
-/// Thread-safety: start() and stop() by one thread at a time.
+/// Thread-safety: start() and stop() are called by one thread at a time.
 class HttpEngine : public std::enable_shared_from_this<HttpEngine> {
   public:
-    /// Throws utility::OrvFoundationException when a descriptor is lacking.
+    /// Throws utility::OrvFoundationException if there is no file descriptor left.
     HttpEngine(std::shared_ptr<RequestInbox> inbox, utility::StreamingLogger logger);
     ~HttpEngine();
     HttpEngine(const HttpEngine&) = delete;
@@ -28,23 +28,23 @@ class HttpEngine : public std::enable_shared_from_this<HttpEngine> {
 
     /// Opens the inbox and starts the thread. Throws std::system_error.
     void start();
-    /// Gives up what is under way and waits for the thread's end, but not on that thread itself: it
-    /// is for another one to call it again. Does nothing in a forked child.
+    /// Gives up outstanding requests and waits for the end of the thread. On the I/O thread it only
+    /// cancels; another thread must call it again to join. Does nothing in a forked child.
     void stop();
-    /// Whether a stop() has waited.
+    /// Whether a stop() has joined the thread.
     bool hasEnded() const { return hasEnded_; }
-    /// From start() to stop().
+    /// True from start() to stop().
     bool isRunning() const;
 
   private:
     struct Loop;
 
     void run();
-    void takeOrders();
-    void takeOrder(std::unique_ptr<Request> order);
+    void takeSubmitted();
+    void handleSubmitted(std::unique_ptr<Request> request);
     void addRequest(std::unique_ptr<Request> request);
     void takeLookUps();
-    void goOn(Clock::time_point now);
+    void processEndpoints(Clock::time_point now);
     bool callHandlers(Clock::time_point now);
     void callHandler(Request& request);
     void cleanUp();
@@ -54,7 +54,7 @@ class HttpEngine : public std::enable_shared_from_this<HttpEngine> {
     utility::WorkerThread thread_;
     bool hasEnded_ = false;
 
-    // Of the I/O thread from here on.
+    // Used by the I/O thread only.
     RequestQueue done_;
     std::unique_ptr<Loop> loop_;
     Clock::time_point nextTime_ = Clock::time_point::max();

@@ -1,5 +1,5 @@
-// The outcome of a request. The header lines are kept as they came and taken apart when somebody
-// asks: of most answers nobody reads more than one header.
+// The outcome of a request. The header lines are stored as received and parsed on demand, because
+// most callers read one header at most.
 // A value without a lock: several threads may read it.
 
 #include <orvx/communication/HttpResponse.h>
@@ -21,7 +21,7 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
 }
 
-/// Takes the first line off `text`; the line comes without its end.
+/// Removes the first line from `text` and returns it without its end.
 std::string_view takeLine(std::string_view& text) {
     std::string_view line = text.substr(0, text.find('\n'));
     text.remove_prefix(std::min(line.size() + 1, text.size()));
@@ -35,14 +35,13 @@ bool isFolded(std::string_view line) {
     return !line.empty() && (line.front() == ' ' || line.front() == '\t');
 }
 
-/// Goes through header lines, one header after another. Only the value that is asked for is put
-/// together.
+/// Iterates over header lines, one header at a time. Builds only the values that are read.
 class HeaderReader {
   public:
     explicit HeaderReader(std::string_view lines) : rest_(lines) {}
 
-    /// To the next header; false at the end. A line without a colon, and what is folded to it, is
-    /// none.
+    /// Moves to the next header; returns false at the end. Skips lines without a colon and their
+    /// folded lines.
     bool next() {
         while (!rest_.empty()) {
             line_ = takeLine(rest_);
@@ -54,7 +53,7 @@ class HeaderReader {
         return false;
     }
     std::string_view name() const { return line_.substr(0, colon_); }
-    /// With the lines that are folded to it, a space for each end of a line.
+    /// The value, joined with its folded lines by single spaces.
     std::string value() const {
         std::string value(trimmed(line_.substr(colon_ + 1)));
         for (std::string_view rest = rest_; isFolded(rest);) {

@@ -1,5 +1,5 @@
-// A session: makes requests and leaves them for the I/O thread, those too that it refuses.
-// Entered by any thread; it has no state of its own that changes, and no lock.
+// A session makes requests and passes them to the I/O thread, including requests that it refuses.
+// Entered by any thread; its members are constant, there is no lock.
 
 #include "HttpSession.h"
 
@@ -12,9 +12,6 @@
 namespace orvx::communication {
 
 namespace {
-
-/// What the clock can add without an overflow: 24 days.
-constexpr std::chrono::milliseconds kLongestTimeout(std::numeric_limits<int>::max());
 
 bool canBeSent(const Request& request) {
     constexpr auto kLongest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
@@ -33,7 +30,7 @@ HttpSession::~HttpSession() {
     try {
         inbox_->push(make(Request::Kind::Retire));
     } catch (const std::bad_alloc&) {
-        // Its connections stay until the engine stops.
+        // The connections stay open until the engine stops.
     }
 }
 

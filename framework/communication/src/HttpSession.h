@@ -9,10 +9,10 @@
 
 namespace orvx::communication {
 
-/// Turns calls into requests in the inbox.
+/// Turns calls into requests and adds them to the inbox.
 class HttpSession : public IClientHttpSession {
   public:
-    /// `refusal` is what every request is answered with, if anything.
+    /// Every request is answered with `refusal`, unless it is Ok.
     HttpSession(std::shared_ptr<RequestInbox> inbox,
                 std::shared_ptr<const EndpointSettings> settings,
                 CommunicationStatus refusal = CommunicationStatus::Ok);

@@ -1,5 +1,5 @@
-// The home of the interface's virtual table, so that it exists once.
-// No thread, no lock.
+// Defines the virtual destructor, so that the virtual table is emitted once.
+// No state, no lock.
 
 #include <orvx/communication/IClientHttpSession.h>
 

@@ -1,4 +1,4 @@
-// The beginning and the end of HTTP for a client, and what sessions are made of.
+// Starts and stops HTTP for a client, and makes sessions.
 // init(), deinit() and the setters are entered by one thread at a time, which may be the I/O thread
 // inside a handler; the getters and createSession() by any thread. `mutex` guards the configuration
 // in effect and is a leaf lock.
@@ -24,7 +24,7 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
         const std::string& host, std::uint32_t port, HttpConfig sessionConfig,
         std::shared_ptr<HealthCheck> sessionHealthCheck,
         std::shared_ptr<ClientStatistics> sessionStatistics) override {
-        // Not its files: one that is being replaced at this moment must not refuse the session.
+        // Does not check the files: a file that is being replaced must not refuse the session.
         checkConfig(sessionConfig);
         Origin proxy = proxyOf(sessionConfig);
         EndpointSettings settings{originOf(host, port), std::move(proxy), std::move(sessionConfig),
@@ -49,8 +49,8 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
     const std::shared_ptr<HealthCheck> healthCheck = std::make_shared<HealthCheck>();
     const std::shared_ptr<ClientStatistics> statistics = std::make_shared<ClientStatistics>();
     const std::shared_ptr<RequestInbox> inbox = std::make_shared<RequestInbox>();
-    /// The last one may run. Those before it were stopped inside a handler of theirs, and nobody
-    /// has waited for that handler yet.
+    /// Only the last engine may be running. The others were stopped inside one of their handlers
+    /// and are not joined yet.
     std::vector<std::shared_ptr<HttpEngine>> engines;
 };
 
@@ -91,7 +91,7 @@ void OrvClientCommunicationContext::init() {
 
 void OrvClientCommunicationContext::deinit() {
     auto& engines = state_->engines;
-    // By index: a handler that is dropped may come back here when it is destroyed.
+    // Iterates by index: the destructor of a dropped handler may call deinit() again.
     // NOLINTNEXTLINE(modernize-loop-convert)
     for (std::size_t i = 0; i < engines.size(); ++i) {
         engines[i]->stop();

@@ -1,5 +1,5 @@
-// A stream over a socket alone. What is sent is tried at once; only what the kernel does not take
-// is waited for.
+// A stream over a plain socket. Sends at once, and waits only for the bytes that the kernel does
+// not take.
 // Entered by the I/O thread only; there is no lock.
 
 #include "PlainStream.h"
@@ -16,7 +16,7 @@ namespace orvx::communication {
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-bool isQuiet(Socket& socket) noexcept {
+bool hasNoInput(Socket& socket) noexcept {
     char ignored = 0;
     return ::recv(socket.native_handle(), &ignored, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
            (errno == EAGAIN || errno == EWOULDBLOCK);
@@ -43,8 +43,8 @@ void PlainStream::onRead(const error_code& error, std::size_t count) {
     listener_->onRead();
 }
 
-bool PlainStream::isQuiet() {
-    return hasReadNothing() && communication::isQuiet(socket_);
+bool PlainStream::hasNoInput() {
+    return hasReadNothing() && communication::hasNoInput(socket_);
 }
 
 Stream::Written PlainStream::write(std::string_view head, std::string_view body) {
@@ -53,7 +53,7 @@ Stream::Written PlainStream::write(std::string_view head, std::string_view body)
     error_code error;
     const std::size_t sent = socket_.send(both, 0, error);
     if (error && error != asio::error::would_block) {
-        // The outstanding read tells what the peer said before, and ends then.
+        // The outstanding read delivers the bytes that the peer sent before, and ends then.
         socket_.shutdown(Socket::shutdown_both, error);
         return Written::Broken;
     }

@@ -7,17 +7,18 @@
 
 namespace orvx::communication {
 
-/// Bytes as they are. Its operations keep it alive.
+/// An unencrypted stream. Its pending operations keep it alive.
 class PlainStream final : public Stream, public std::enable_shared_from_this<PlainStream> {
   public:
     explicit PlainStream(Socket socket) : socket_(std::move(socket)) {}
 
     void read() override;
-    bool isQuiet() override;
+    bool hasNoInput() override;
     Written write(std::string_view head, std::string_view body) override;
     void close() noexcept override;
 
-    /// The socket of a stream that has no outstanding operation and is not used any more.
+    /// Moves the socket out. Only without outstanding operations; the stream cannot be used
+    /// afterwards.
     Socket release() { return std::move(socket_); }
 
   private:
@@ -26,7 +27,7 @@ class PlainStream final : public Stream, public std::enable_shared_from_this<Pla
     void onWritten(const boost::system::error_code& error, std::size_t count);
 
     Socket socket_;
-    std::string_view body_;  // What is left to be sent.
+    std::string_view body_;  // The rest of the body, sent after head_.
     std::string head_;
 };
 

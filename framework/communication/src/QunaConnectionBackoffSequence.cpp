@@ -1,7 +1,6 @@
-// The delays between attempts, each drawn from the upper half of a step that doubles, and at least
-// 10 ms.
-// A sequence is used by one thread at a time and has no lock; sequences may be made by any thread:
-// what they share is one atomic number.
+// Draws each delay from the upper half of a step that doubles; a delay is at least 10 ms.
+// A sequence is used by one thread at a time and has no lock. Sequences may be made by any thread:
+// they share one atomic number.
 
 #include <orvx/communication/QunaConnectionBackoffSequence.h>
 
@@ -16,12 +15,12 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr std::uint64_t largestStep = milliseconds::max().count();
-constexpr milliseconds leastDelay{10};
+constexpr std::uint64_t kLargestStep = milliseconds::max().count();
+constexpr milliseconds kShortestDelay{10};
 
 // The generator is splitmix64 (G. Steele, D. Lea, C. Flood, "Fast Splittable Pseudorandom Number
-// Generators", 2014): a counter with a stride, and a one-to-one mixing of what it shows.
-constexpr std::uint64_t stride = 0x9e3779b97f4a7c15;
+// Generators", 2014): a counter with a stride, and a bijective mixing function.
+constexpr std::uint64_t kStride = 0x9e3779b97f4a7c15;
 
 std::uint64_t mix(std::uint64_t number) {
     number = (number ^ (number >> 30)) * 0xbf58476d1ce4e5b9;
@@ -29,7 +28,7 @@ std::uint64_t mix(std::uint64_t number) {
     return number ^ (number >> 31);
 }
 
-/// Differs from process to process; without a source of randomness, by the time at least.
+/// Differs between processes. Without a source of randomness it is the time.
 std::uint64_t processSeed() {
     try {
         std::random_device device;
@@ -40,30 +39,31 @@ std::uint64_t processSeed() {
     }
 }
 
-/// Another one with each call. Mixed: a sequence must not be the next one's, shifted by a delay.
+/// A new seed for each call. It is mixed so that two sequences are never the same numbers shifted
+/// by one delay.
 std::uint64_t newSeed() {
     static std::atomic<std::uint64_t> counter{processSeed()};
-    return mix(counter.fetch_add(stride));
+    return mix(counter.fetch_add(kStride));
 }
 
 }  // namespace
 
 QunaConnectionBackoffSequence::QunaConnectionBackoffSequence(std::uint64_t maxDoublings,
                                                              std::uint64_t interval)
-    : doublingsLeft_(maxDoublings), step_(std::min(interval, largestStep)), random_(newSeed()) {}
+    : doublingsLeft_(maxDoublings), step_(std::min(interval, kLargestStep)), random_(newSeed()) {}
 
 QunaConnectionBackoffSequence::~QunaConnectionBackoffSequence() = default;
 
 milliseconds QunaConnectionBackoffSequence::nextDelay() {
     const std::uint64_t spread = step_ / 2;
-    random_ += stride;
-    // The remainder prefers no delay by more than 2^-20 unless a step lasts centuries.
+    random_ += kStride;
+    // The bias of the remainder is less than 2^-20 unless a step lasts centuries.
     const std::uint64_t delay = step_ - mix(random_) % (spread + 1);
     if (doublingsLeft_ > 0) {
         --doublingsLeft_;
-        step_ = step_ > largestStep / 2 ? largestStep : step_ * 2;
+        step_ = step_ > kLargestStep / 2 ? kLargestStep : step_ * 2;
     }
-    return std::max(milliseconds(static_cast<milliseconds::rep>(delay)), leastDelay);
+    return std::max(milliseconds(static_cast<milliseconds::rep>(delay)), kShortestDelay);
 }
 
 }  // namespace orvx::communication

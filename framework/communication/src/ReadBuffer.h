@@ -6,15 +6,15 @@
 
 namespace orvx::communication {
 
-/// Bytes that were received and not yet consumed, in one piece. It grows as long as nothing is
-/// consumed: its user bounds that.
+/// Bytes that were received and not yet consumed, in one piece. The buffer grows while nothing is
+/// consumed: its user must limit that.
 class ReadBuffer {
   public:
     std::string_view view() const { return {bytes_.data() + begin_, end_ - begin_}; }
     void consume(std::size_t count) { begin_ += count; }
 
-    /// Makes room and marks its first byte, so that isUntouched() tells whether something has been
-    /// read. Throws std::bad_alloc.
+    /// Makes space for the next read and marks its first byte, so that isUntouched() shows whether
+    /// bytes were read. Throws std::bad_alloc.
     void prepare() {
         constexpr std::size_t kLeast = 1024;
         constexpr std::size_t kFirst = 4096;
@@ -32,9 +32,9 @@ class ReadBuffer {
     char* space() { return bytes_.data() + end_; }
     std::size_t spaceSize() const { return bytes_.size() - end_; }
     bool isUntouched() const { return bytes_[end_] == '\0'; }
-    /// So many bytes were read into the space.
+    /// `count` bytes were read into the space.
     void received(std::size_t count) { end_ += count; }
-    /// Inserts a byte, so far behind the first one. Throws std::bad_alloc.
+    /// Inserts a byte at `offset` of view(). Throws std::bad_alloc.
     void insert(std::size_t offset, char byte) {
         bytes_.insert(bytes_.begin() + static_cast<std::ptrdiff_t>(begin_ + offset), byte);
         ++end_;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
 #include <utility>
@@ -15,38 +16,41 @@ namespace orvx::communication {
 
 using Clock = std::chrono::steady_clock;
 
-/// Where a server or a proxy is.
+/// 24 days, the longest time-out that cannot overflow the clock.
+constexpr std::chrono::milliseconds kLongestTimeout(std::numeric_limits<int>::max());
+
+/// The location of a server or a proxy.
 struct Origin {
     std::string host;  ///< A name or an address, without brackets.
     std::uint16_t port = 0;
-    std::string authority;  ///< Both, as requests name them.
+    std::string authority;  ///< Host and port as used in requests.
 };
 
-/// What the requests of one session have in common. Never changed once the session is made.
+/// The settings that all requests of a session share. Constant once the session is made.
 struct EndpointSettings {
     Origin origin;
-    Origin proxy;  ///< Without a host there is none.
+    Origin proxy;  ///< Without a host there is no proxy.
     HttpConfig config;
     std::shared_ptr<HealthCheck> healthCheck;
     std::shared_ptr<ClientStatistics> statistics;
 };
 
-/// An answer as it is received.
+/// An answer while it is received.
 struct Answer {
     int statusCode = 0;
     std::string headerLines;
     std::string body;
 };
 
-/// One request, or an order to the I/O thread, from submission until its handler is destroyed.
-/// A single heap node for its whole life: queues link it, nothing copies it.
+/// One request, or a command to the I/O thread, from its submission until its handler is destroyed.
+/// One heap node for its whole life: queues link it, nothing copies it.
 struct Request {
     enum class Kind : std::uint8_t {
         Put,
         Head,
         Delete,
-        Abandon,  ///< Not a request: give up the endpoint's oldest HEAD.
-        Retire,   ///< Not a request: the session is gone, nothing will follow.
+        Abandon,  ///< A command: give up the endpoint's oldest HEAD.
+        Retire,   ///< A command: the session is gone, no request will follow.
     };
 
     Kind kind = Kind::Put;
@@ -60,16 +64,16 @@ struct Request {
     Clock::time_point submitted;
     Clock::time_point deadline;
 
-    // Of the I/O thread, but for a request that is refused from the start.
-    std::uint64_t number = 0;  ///< Counts the requests of its endpoint.
+    // Used by the I/O thread, except for a request that is refused when it is made.
+    std::uint64_t number = 0;  ///< Counts the requests of the endpoint.
     CommunicationStatus status = CommunicationStatus::Ok;
     Answer answer;
-    std::uint64_t attempts = 0;  ///< Connections that it was sent over.
+    std::uint64_t attempts = 0;  ///< Connections over which the request was sent.
 
-    Request* next = nullptr;  ///< Of the queue that it is in.
+    Request* next = nullptr;  ///< Link of the queue that contains the request.
 };
 
-/// The method of a request; of Put, Head or Delete.
+/// The method of a request, for Put, Head and Delete.
 constexpr ClientStatistics::Method methodOf(Request::Kind kind) {
     using Method = ClientStatistics::Method;
     return kind == Request::Kind::Put    ? Method::Put
@@ -77,7 +81,7 @@ constexpr ClientStatistics::Method methodOf(Request::Kind kind) {
                                          : Method::Delete;
 }
 
-/// Requests, first in first out. Owns them; never allocates. Not synchronised.
+/// A queue of requests, first in first out. Owns the requests; never allocates. Not synchronised.
 class RequestQueue {
   public:
     RequestQueue() = default;
@@ -90,7 +94,7 @@ class RequestQueue {
 
     bool isEmpty() const { return first_ == nullptr; }
     std::size_t size() const { return size_; }
-    /// Of a queue that is not empty.
+    /// The first request; the queue must not be empty.
     const Request& front() const { return *first_; }
 
     void push(std::unique_ptr<Request> request) noexcept {
@@ -99,7 +103,7 @@ class RequestQueue {
         last_ = added;
         ++size_;
     }
-    /// Null when it is empty.
+    /// Null if the queue is empty.
     std::unique_ptr<Request> pop() noexcept {
         std::unique_ptr<Request> request(first_);
         if (request) {
@@ -108,7 +112,7 @@ class RequestQueue {
         }
         return request;
     }
-    /// Handlers are destroyed with their requests, and may do as they like with their queue.
+    /// Handlers are destroyed with their requests and may use the queue meanwhile.
     void clear() noexcept {
         while (pop()) {
         }

@@ -1,6 +1,6 @@
-// The bytes before a request's body.
-// Entered by the I/O thread only; there is no lock. Nothing in it needs to be escaped: what comes
-// from users was checked when the session or the request was made.
+// Builds the request line and the headers.
+// Entered by the I/O thread only; there is no lock. Nothing needs to be escaped here: values from
+// users were checked when the session or the request was made.
 
 #include "RequestHead.h"
 
@@ -33,7 +33,7 @@ bool isReadByProxy(const EndpointSettings& settings) {
     return !settings.proxy.host.empty() && !settings.config.tls.enabled;
 }
 
-/// The value of Host: as in a URL, where the scheme's own port is left out.
+/// The value of the Host header. As in a URL, the scheme's default port is omitted.
 std::string_view hostOf(const EndpointSettings& settings) {
     const bool isTls = settings.config.tls.enabled;
     std::string_view host = settings.origin.authority;
@@ -46,7 +46,7 @@ std::string_view hostOf(const EndpointSettings& settings) {
 }  // namespace
 
 const std::string& RequestHeads::make(const Request& request) {
-    const std::string& lines = linesOf(request);
+    const std::string& lines = headerLinesFor(request);
     head_.assign(methodToString(methodOf(request.kind))).append(" ");
     if (isReadByProxy(*request.settings)) {
         head_.append("http://").append(request.settings->origin.authority);
@@ -58,7 +58,7 @@ const std::string& RequestHeads::make(const Request& request) {
     return head_.append("\r\n");
 }
 
-const std::string& RequestHeads::linesOf(const Request& request) {
+const std::string& RequestHeads::headerLinesFor(const Request& request) {
     constexpr std::size_t kMost = 8;
     const EndpointSettings& settings = *request.settings;
     const HttpConfig& config = settings.config;

@@ -7,12 +7,12 @@
 
 namespace orvx::communication {
 
-/// The heads of the requests of one endpoint. What they have in common is kept: a client sends the
-/// same few over and over. For the I/O thread only.
+/// Builds the heads of one endpoint's requests. Header lines are cached, because a client sends few
+/// different ones. For the I/O thread only.
 class RequestHeads {
   public:
-    /// All before the body, with the credentials of this moment; valid until the next call. Throws
-    /// std::bad_alloc.
+    /// The request line and the headers, with the current credentials. Valid until the next call.
+    /// Throws std::bad_alloc.
     const std::string& make(const Request& request);
 
   private:
@@ -22,15 +22,15 @@ class RequestHeads {
         std::string lines;
     };
 
-    const std::string& linesOf(const Request& request);
+    const std::string& headerLinesFor(const Request& request);
 
-    std::string authorization_;  // Of all of them.
+    std::string authorization_;  // Of all entries.
     std::string proxyAuthorization_;
     std::vector<Entry> entries_;
     std::string head_;
 };
 
-/// The request for a tunnel to the server. Throws std::bad_alloc.
+/// The CONNECT request for a tunnel to the server. Throws std::bad_alloc.
 std::string tunnelHead(const EndpointSettings& settings);
 
 }  // namespace orvx::communication

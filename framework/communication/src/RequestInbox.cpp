@@ -1,7 +1,8 @@
-// The way from the sessions to the I/O thread. A push() into an engine that is awake costs no
-// system call: the engine looks here before it sleeps. Entered by any thread; in a forked child
-// `mutex_` may be held for ever, so nobody touches it there, nor wakes what is the parent's.
-// `mutex_` is a leaf lock. An engine is woken under it, so that none is woken that has ended.
+// Passes requests from the sessions to the I/O thread. A push() to an engine that is awake costs no
+// system call: the engine checks the inbox before it sleeps.
+// Entered by any thread. In a forked child `mutex_` may be held for ever, so it is not locked
+// there, and the parent's engine is not woken. `mutex_` is a leaf lock. An engine is woken under
+// it, so that an engine that has ended is never woken.
 
 #include "RequestInbox.h"
 
@@ -10,7 +11,7 @@ namespace orvx::communication {
 using utility::MutexLock;
 
 void RequestInbox::push(std::unique_ptr<Request> request) {
-    if (mark_.isLeftBehind()) {
+    if (mark_.isInForkedChild()) {
         return;
     }
     MutexLock lock(mutex_);
@@ -51,7 +52,7 @@ RequestQueue RequestInbox::take(const WakeUp* wakeUp) {
     return std::move(pending_);
 }
 
-bool RequestInbox::mayWait(const WakeUp* wakeUp) {
+bool RequestInbox::prepareToWait(const WakeUp* wakeUp) {
     MutexLock lock(mutex_);
     if (wakeUp_ != wakeUp || !pending_.isEmpty()) {
         return false;

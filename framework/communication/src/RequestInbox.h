@@ -10,26 +10,29 @@
 
 namespace orvx::communication {
 
-/// Where the sessions of a communication context leave requests for its I/O thread, if it has one.
-/// Shared by the context, its sessions and its engines; it outlives every one of them.
+/// Queue of requests from the sessions of a communication context to its I/O thread. The context,
+/// its sessions and its engines share it.
 ///
-/// Thread-safety: push(), open() and close() from any thread, the others by an engine's I/O thread.
-/// No handler is ever called or destroyed under its lock.
+/// Thread-safety: push(), open() and close() may be called from any thread, the others from the I/O
+/// thread of an engine. No handler is called or destroyed under the lock.
 class RequestInbox {
   public:
-    /// Dropped, on the calling thread, while it is closed, and in a forked child.
+    /// Adds a request. Drops it on the calling thread if the inbox is closed, and in a forked
+    /// child.
     void push(std::unique_ptr<Request> request) ORVX_EXCLUDES(mutex_);
 
-    /// From here on requests are for the engine that this wakes up.
+    /// From now on requests are for the engine that `wakeUp` wakes.
     void open(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
-    /// Takes nothing any more if it is open for that engine, and returns what nobody has taken.
+    /// Closes the inbox if it is open for that engine, and returns the requests that the engine has
+    /// not taken.
     RequestQueue close(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
 
     bool isOpenFor(const WakeUp* wakeUp) const ORVX_EXCLUDES(mutex_);
-    /// What has been left since the last call; wake-ups stop until mayWait().
+    /// The requests that were added since the last call. Stops wake-ups until prepareToWait().
     RequestQueue take(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
-    /// Asks to be woken by the next push() or close(); false when there is cause to go on at once.
-    bool mayWait(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
+    /// Requests a wake-up by the next push() or close(). Returns false if the engine must not wait:
+    /// there are requests, or the inbox is not open for it.
+    bool prepareToWait(const WakeUp* wakeUp) ORVX_EXCLUDES(mutex_);
 
   private:
     void wake() ORVX_REQUIRES(mutex_);

@@ -1,7 +1,8 @@
-// What may stand in a request line and in a URL (RFC 3986, sections 2 and 3).
-// Pure functions, entered by any thread; there is no lock. None depends on the process's locale.
+// The characters that are allowed in a request line and in a URL (RFC 3986, sections 2 and 3).
+// Entered by any thread; there is no state and no lock. Nothing depends on the process's locale.
 
 #include <orvx/communication/RequestTarget.h>
+
 #include <orvx/utility/HostAndPort.h>
 
 #include <arpa/inet.h>
@@ -69,8 +70,8 @@ std::string_view withoutBrackets(std::string_view host) {
 }
 
 std::string requestTarget(std::string path) {
-    const bool isFine = std::all_of(path.begin(), path.end(), mayStandInTarget);
-    if (isFine && !path.empty() && path.front() == '/') {
+    const bool isValid = std::all_of(path.begin(), path.end(), mayStandInTarget);
+    if (isValid && !path.empty() && path.front() == '/') {
         return path;
     }
     std::string target;
@@ -78,7 +79,7 @@ std::string requestTarget(std::string path) {
     if (path.empty() || path.front() != '/') {
         target += '/';
     }
-    if (isFine) {
+    if (isValid) {
         return target += path;
     }
     for (const char c : path) {

@@ -7,10 +7,10 @@
 
 namespace orvx::communication {
 
-/// Throws utility::OrvFoundationException with that sentence unless it is fine.
-inline void require(bool isFine, const std::string& otherwise) {
-    if (!isFine) {
-        throw utility::OrvFoundationException(otherwise.c_str(), 0);
+/// Throws utility::OrvFoundationException with the message unless `isValid`.
+inline void require(bool isValid, const std::string& message) {
+    if (!isValid) {
+        throw utility::OrvFoundationException(message.c_str(), 0);
     }
 }
 

@@ -1,7 +1,7 @@
-// The resolver's thread and what it shares with the I/O thread.
-// Entered by the I/O thread, and work() by the resolver's own. `mutex` guards the state and is a
-// leaf lock, but that an I/O thread is woken under it: one that has closed the resolver may have
-// ended.
+// The resolver's thread and the state that it shares with the I/O thread.
+// Entered by the I/O thread; work() runs on the resolver's thread. `mutex` guards the state. The
+// I/O thread is woken under it, because an I/O thread that has closed the resolver may have ended;
+// apart from that it is a leaf lock.
 
 #include "Resolver.h"
 
@@ -14,23 +14,24 @@ namespace orvx::communication {
 
 using utility::MutexLock;
 
-/// The thread owns it, too; its last owner may be the thread itself.
+/// Shared with the thread, which may be the last owner.
 struct Resolver::State {
     explicit State(const WakeUp& raised) : wakeUp(raised) {}
 
     utility::Mutex mutex;
-    const WakeUp& wakeUp;  // While it is not closed.
+    const WakeUp& wakeUp;  // Valid until close().
     LookUps waiting ORVX_GUARDED_BY(mutex);
     LookUps answered ORVX_GUARDED_BY(mutex);
     bool isWorking ORVX_GUARDED_BY(mutex) = false;
     bool isLookingUp ORVX_GUARDED_BY(mutex) = false;
     bool isClosed ORVX_GUARDED_BY(mutex) = false;
-    utility::WorkerThread thread;  // Of the I/O thread.
+    utility::WorkerThread thread;  // Used by the I/O thread only.
 };
 
 namespace {
 
-/// The object file that this code is in: a plug-in, maybe, that is about to be unloaded.
+/// Keeps the object file with this code loaded, which may be a plug-in that is about to be
+/// unloaded.
 void keepLoaded() noexcept {
     Dl_info where{};
     if (::dladdr(reinterpret_cast<void*>(&keepLoaded), &where) != 0) {

@@ -9,12 +9,11 @@
 
 namespace orvx::communication {
 
-/// Looks names up, one after another, on a thread of its own ("ORVX_Resolver") that is there only
-/// while it has something to do.
+/// Looks names up, one after another, on a thread of its own ("ORVX_Resolver"), which exists only
+/// while there are names to look up.
 ///
-/// A look-up cannot be given up. One that is under way when the resolver is closed is left to end
-/// by itself: it touches nothing of the resolver's user, and the object file with its code stays
-/// loaded.
+/// A look-up cannot be cancelled. A look-up that is running at close() ends by itself: it does not
+/// use the owner of the resolver, and the object file with its code stays loaded.
 ///
 /// For the I/O thread only.
 class Resolver {
@@ -25,17 +24,17 @@ class Resolver {
     };
     using LookUps = std::list<LookUp>;
 
-    /// `wakeUp` is raised with each answer until close(). Throws std::bad_alloc.
+    /// `wakeUp` is raised for each answer until close(). Throws std::bad_alloc.
     explicit Resolver(const WakeUp& wakeUp);
-    /// As close().
+    /// Calls close().
     ~Resolver();
     Resolver(const Resolver&) = delete;
     Resolver& operator=(const Resolver&) = delete;
 
-    /// Throws std::bad_alloc, or std::system_error when there is no thread; the name is not looked
-    /// up then.
+    /// Queues a look-up. Throws std::bad_alloc, or std::system_error if the thread cannot be made;
+    /// the name is not looked up then.
     void lookUp(const std::string& name);
-    /// The answers that have come since.
+    /// The answers since the last call.
     LookUps take();
     void close() noexcept;
 

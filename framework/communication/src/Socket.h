@@ -6,11 +6,11 @@
 
 namespace orvx::communication {
 
-/// Of TCP or a Unix domain.
+/// A socket for TCP or a Unix domain.
 using Socket = boost::asio::basic_stream_socket<boost::asio::generic::stream_protocol,
                                                 boost::asio::io_context::executor_type>;
 
-/// Whether nothing lies there to be read, an end neither.
-bool isQuiet(Socket& socket) noexcept;
+/// Whether the socket has nothing to read: neither bytes nor the end of the stream.
+bool hasNoInput(Socket& socket) noexcept;
 
 }  // namespace orvx::communication

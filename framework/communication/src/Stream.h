@@ -8,29 +8,30 @@
 
 namespace orvx::communication {
 
-/// A connection's bytes, both ways, in plain text or over TLS. From the first read() on one read is
-/// outstanding, so that an end is noticed whenever it comes.
+/// A byte stream over a connection, plain or over TLS. From the first read() on, one read is always
+/// outstanding, so that the end of the connection is noticed at any time.
 ///
-/// For the I/O thread only. Nothing throws where it does not say so.
+/// For the I/O thread only. Functions do not throw unless stated.
 class Stream {
   public:
     enum class End : std::uint8_t {
-        Orderly,    ///< The peer has said all that it wanted to say.
-        Broken,     ///< Reset, or over TLS without a farewell.
-        TlsFailed,  ///< Refused by the peer, or by TLS itself.
+        Orderly,    ///< The peer has closed its side.
+        Broken,     ///< Reset, or closed without TLS close_notify.
+        TlsFailed,  ///< Refused by the peer, or a TLS error.
         OutOfMemory,
     };
     enum class Written : std::uint8_t { All, Later, Broken };
 
-    /// Is told what happens, never from inside a call to the stream.
+    /// Receives the events of a stream, never from inside a call to the stream.
     class Listener {
       public:
-        /// Something was read; to go on, read().
+        /// Bytes were read. To continue, call read().
         virtual void onRead() = 0;
         virtual void onEnd(End end) = 0;
-        /// All that was to be sent Later is sent.
+        /// A write that returned Later is complete.
         virtual void onWritten() = 0;
-        /// It cannot be sent. The outstanding read ends, with what the peer has said before.
+        /// A write has failed. The outstanding read delivers the bytes that the peer sent before,
+        /// and ends then.
         virtual void onWriteBroken() = 0;
 
       protected:
@@ -43,27 +44,28 @@ class Stream {
     Stream& operator=(const Stream&) = delete;
 
     void setListener(Listener* listener) { listener_ = listener; }
-    /// What has been read.
+    /// The bytes that were read and not yet consumed.
     ReadBuffer& bytes() { return bytes_; }
 
-    /// Reads what comes next. Throws std::bad_alloc.
+    /// Starts the next read. Throws std::bad_alloc.
     virtual void read() = 0;
-    /// Whether the outstanding read has found nothing, as far as it has looked.
+    /// Whether the outstanding read has received nothing, without asking the kernel.
     bool hasReadNothing() const { return bytes_.isUntouched(); }
-    /// Whether nothing has come that was not yet read, looking at this moment.
-    virtual bool isQuiet() = 0;
-    /// Sends both, of which the body must stay until it is sent or the stream is closed. Broken:
-    /// the outstanding read ends, with what the peer has said before. Throws std::bad_alloc.
+    /// Whether there are no unread bytes. Asks the kernel.
+    virtual bool hasNoInput() = 0;
+    /// Sends `head` and `body`. The body must stay valid until it is sent or the stream is closed.
+    /// After Broken the outstanding read delivers the bytes that the peer sent before, and ends
+    /// then. Throws std::bad_alloc.
     virtual Written write(std::string_view head, std::string_view body) = 0;
-    /// Why TLS failed, for people; empty before.
-    const std::string& words() const { return words_; }
-    /// Ends all. The listener is told nothing any more.
+    /// The cause of a TLS failure for human readers; empty without a failure.
+    const std::string& tlsError() const { return tlsError_; }
+    /// Closes the connection. The listener receives no more events.
     virtual void close() noexcept = 0;
 
   protected:
     Listener* listener_ = nullptr;
     ReadBuffer bytes_;
-    std::string words_;
+    std::string tlsError_;
 };
 
 }  // namespace orvx::communication

@@ -1,4 +1,4 @@
-// Sets OpenSSL up for one endpoint.
+// Configures OpenSSL for one endpoint.
 // Entered by the I/O thread only; there is no lock.
 
 #include "TlsClient.h"
@@ -26,11 +26,11 @@ using boost::system::error_code;
 
 namespace {
 
-// Servers give two for a connection; more than are taken at once are of no use.
+// Servers issue two sessions for a connection. More sessions than are resumed at once are useless.
 constexpr std::size_t kMostSessions = 16;
 
-void require(bool isFine, const char* otherwise) {
-    communication::require(isFine, std::string(otherwise));
+void require(bool isValid, const char* message) {
+    communication::require(isValid, std::string(message));
 }
 
 std::string contentOf(const std::string& path) {
@@ -43,8 +43,8 @@ std::string contentOf(const std::string& path) {
     return content;
 }
 
-// The process may end while an I/O thread still runs, that of a client in a static object: OpenSSL
-// must not be gone then. Whoever uses it first decides.
+// A client in a static object may use its I/O thread while the process exits, so OpenSSL must not
+// be cleaned up by atexit(). The first user of OpenSSL in the process decides this.
 void setUpOpenssl() {
     if (OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1) {
         throw std::bad_alloc();
@@ -57,7 +57,7 @@ bool isAddress(const std::string& host) {
            ::inet_pton(AF_INET6, host.c_str(), &ignored) == 1;
 }
 
-/// Where a connection keeps whose it is.
+/// The index of the OpenSSL extra data that refers to the TlsClient.
 int indexOfClient() {
     static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
     return index;
@@ -73,7 +73,7 @@ TlsClient::TlsClient(const TlsConfig& config, const std::string& host)
     : config_(config),
       host_(host.substr(0, host.find('%'))),
       isAddress_(isAddress(host_)),
-      // What is in a folder is read when it is needed.
+      // OpenSSL reads a folder of authorities on demand, so its content cannot be compared.
       mayKeepContext_(config.disableServerVerification ||
                       (!config.authorityFile.empty() && config.authorityFolder.empty())) {
     setUpOpenssl();
@@ -108,14 +108,14 @@ TlsClient::Digest TlsClient::digestOf(const Files& files) {
     Digest digest{};
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> state(EVP_MD_CTX_new(),
                                                                         EVP_MD_CTX_free);
-    bool isFine = state && EVP_DigestInit_ex(state.get(), EVP_sha256(), nullptr) == 1;
+    bool isValid = state && EVP_DigestInit_ex(state.get(), EVP_sha256(), nullptr) == 1;
     for (const std::string* const file : {&files.authorities, &files.certificate, &files.key}) {
         const std::uint64_t size = file->size();
-        isFine = isFine && EVP_DigestUpdate(state.get(), &size, sizeof size) == 1 &&
-                 EVP_DigestUpdate(state.get(), file->data(), file->size()) == 1;
+        isValid = isValid && EVP_DigestUpdate(state.get(), &size, sizeof size) == 1 &&
+                  EVP_DigestUpdate(state.get(), file->data(), file->size()) == 1;
     }
-    isFine = isFine && EVP_DigestFinal_ex(state.get(), digest.data(), nullptr) == 1;
-    require(isFine, "no SHA-256");
+    isValid = isValid && EVP_DigestFinal_ex(state.get(), digest.data(), nullptr) == 1;
+    require(isValid, "no SHA-256");
     return digest;
 }
 
@@ -126,7 +126,7 @@ std::shared_ptr<ssl::context> TlsClient::makeContext(const Files& files) {
     const bool is13 = config_.lowestVersion == TlsConfig::Version::Tls13;
     SSL_CTX_set_min_proto_version(native, is13 ? TLS1_3_VERSION : TLS1_2_VERSION);
     SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
-    // Else the terminal is asked for the password of a key that has one.
+    // Without this callback OpenSSL asks the terminal for the password of an encrypted key.
     SSL_CTX_set_default_passwd_cb(native, [](char*, int, int, void*) { return -1; });
     if (!config_.disableServerVerification) {
         loadAuthorities(*context, files);
@@ -151,12 +151,12 @@ std::shared_ptr<ssl::context> TlsClient::makeContext(const Files& files) {
     return context;
 }
 
-// The system's are those that OpenSSL was built for: the environment may name others, to which
-// nobody has agreed.
+// The system's authorities are the paths that OpenSSL was built with. Environment variables that
+// name other paths are ignored.
 void TlsClient::loadAuthorities(ssl::context& context, const Files& files) const {
     SSL_CTX* const native = context.native_handle();
     if (config_.authorityFile.empty() && config_.authorityFolder.empty()) {
-        SSL_CTX_load_verify_file(native, X509_get_default_cert_file());  // There may be none.
+        SSL_CTX_load_verify_file(native, X509_get_default_cert_file());  // The file may be missing.
         SSL_CTX_load_verify_dir(native, X509_get_default_cert_dir());
         return;
     }
@@ -172,34 +172,35 @@ void TlsClient::loadAuthorities(ssl::context& context, const Files& files) const
 }
 
 void TlsClient::prepare(SSL& ssl) {
-    bool isFine = SSL_set_ex_data(&ssl, indexOfClient(), this) == 1;
+    bool isValid = SSL_set_ex_data(&ssl, indexOfClient(), this) == 1;
     if (isAddress_) {
-        isFine = isFine && X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(&ssl), host_.c_str()) == 1;
+        isValid =
+            isValid && X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(&ssl), host_.c_str()) == 1;
     } else {
-        isFine = isFine && SSL_set1_host(&ssl, host_.c_str()) == 1 &&
-                 SSL_set_tlsext_host_name(&ssl, host_.c_str()) == 1;
+        isValid = isValid && SSL_set1_host(&ssl, host_.c_str()) == 1 &&
+                  SSL_set_tlsext_host_name(&ssl, host_.c_str()) == 1;
     }
-    if (!isFine) {
+    if (!isValid) {
         throw std::bad_alloc();
     }
     if (sessions_.empty()) {
         return;
     }
     SSL_set_session(&ssl, sessions_.back().get());
-    // In the newest protocol one is good for one connection: who listens could tell that two are of
-    // the same client.
+    // A TLS 1.3 session is used once, so that an observer cannot link two connections of the same
+    // client.
     if (SSL_SESSION_get_protocol_version(sessions_.back().get()) == TLS1_3_VERSION) {
         sessions_.pop_back();
     }
 }
 
-void TlsClient::leave(SSL& ssl) noexcept {
+void TlsClient::detach(SSL& ssl) noexcept {
     SSL_set_ex_data(&ssl, indexOfClient(), nullptr);
 }
 
 int TlsClient::onNewSession(SSL* ssl, SSL_SESSION* session) noexcept {
     auto* const self = static_cast<TlsClient*>(SSL_get_ex_data(ssl, indexOfClient()));
-    // One that was verified with other files must not be resumed.
+    // A session that was verified with other files must not be resumed.
     if (self == nullptr || !self->context_ ||
         SSL_get_SSL_CTX(ssl) != self->context_->native_handle()) {
         return 0;
@@ -218,7 +219,7 @@ int TlsClient::onNewSession(SSL* ssl, SSL_SESSION* session) noexcept {
     }
 }
 
-std::string TlsClient::whatFailed(const SSL& ssl, const error_code& error) {
+std::string TlsClient::handshakeError(const SSL& ssl, const error_code& error) {
     const long verified = SSL_get_verify_result(&ssl);
     if (verified != X509_V_OK) {
         return X509_verify_cert_error_string(verified);

@@ -11,29 +11,30 @@
 
 namespace orvx::communication {
 
-/// TLS as one endpoint speaks it: what is made of its files, and the sessions that can be resumed.
+/// TLS for one endpoint: the OpenSSL context that is made from the configured files, and the
+/// sessions that can be resumed.
 ///
-/// The files are read for each connection. Only if nothing in them has changed is what was made of
-/// them used again, and sessions that were verified with them are resumed.
+/// The files are read for each connection. The context and its sessions are used again only if no
+/// file has changed.
 ///
 /// For the I/O thread only.
 class TlsClient {
   public:
-    /// `host` is the name or the address that the certificate has to be for.
+    /// `host` is the name or address that the certificate must contain.
     TlsClient(const TlsConfig& config, const std::string& host);
     ~TlsClient();
     TlsClient(const TlsClient&) = delete;
     TlsClient& operator=(const TlsClient&) = delete;
 
-    /// For the next connection. Throws utility::OrvFoundationException when a file cannot be used.
+    /// The context for the next connection. Throws utility::OrvFoundationException if a file cannot
+    /// be used.
     std::shared_ptr<boost::asio::ssl::context> context();
-    /// Sets a connection up: whom to verify, whom to ask for, the session to resume.
+    /// Configures a connection: the name to verify, the server name to send, the session to resume.
     void prepare(SSL& ssl);
-    /// The connection may outlive this object from here on. Sessions that it still gets are
-    /// dropped.
-    static void leave(SSL& ssl) noexcept;
-    /// In words, what made a handshake fail.
-    static std::string whatFailed(const SSL& ssl, const boost::system::error_code& error);
+    /// Allows the connection to outlive this object. Sessions that it receives later are dropped.
+    static void detach(SSL& ssl) noexcept;
+    /// The cause of a failed handshake for human readers.
+    static std::string handshakeError(const SSL& ssl, const boost::system::error_code& error);
 
   private:
     struct SessionDeleter {
@@ -59,7 +60,7 @@ class TlsClient {
     const bool mayKeepContext_;
     std::shared_ptr<boost::asio::ssl::context> context_;
     Digest digest_{};
-    std::vector<Session> sessions_;  // The newest is the last.
+    std::vector<Session> sessions_;  // The newest session is the last one.
 };
 
 }  // namespace orvx::communication

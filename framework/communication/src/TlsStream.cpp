@@ -1,5 +1,5 @@
-// A stream over TLS. What is sent goes record by record through a buffer of its own: an operation
-// that was given up may still look at it.
+// A stream over TLS. Records are sent from a buffer that the stream owns, because a cancelled
+// operation may still read it.
 // Entered by the I/O thread only; there is no lock.
 
 #include "TlsStream.h"
@@ -33,7 +33,8 @@ Stream::End endOf(const error_code& error) {
 
 }  // namespace
 
-// A session of which the peer was not told that it ends here would not be resumed.
+// Marks the connection as shut down: OpenSSL does not resume a session whose connection ended
+// without close_notify.
 TlsStream::~TlsStream() {
     SSL_set_shutdown(stream_.native_handle(), SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
 }
@@ -64,7 +65,7 @@ void TlsStream::onRead(const error_code& error, std::size_t count) {
     if (error) {
         End end = endOf(error);
         try {
-            words_ = end == End::TlsFailed ? TlsClient::whatFailed(native(), error) : "";
+            tlsError_ = end == End::TlsFailed ? TlsClient::handshakeError(native(), error) : "";
         } catch (const std::bad_alloc&) {
             end = End::OutOfMemory;
         }
@@ -75,12 +76,12 @@ void TlsStream::onRead(const error_code& error, std::size_t count) {
     listener_->onRead();
 }
 
-// A part of a record may be a part of an answer.
-bool TlsStream::isQuiet() {
+// A partial TLS record counts as input, because it may be part of an answer.
+bool TlsStream::hasNoInput() {
     SSL* const native = stream_.native_handle();
     return hasReadNothing() && SSL_has_pending(native) == 0 &&
            BIO_ctrl_pending(SSL_get_rbio(native)) == 0 &&
-           communication::isQuiet(stream_.next_layer());
+           communication::hasNoInput(stream_.next_layer());
 }
 
 Stream::Written TlsStream::write(std::string_view head, std::string_view body) {
@@ -132,9 +133,9 @@ void TlsStream::onWritten(const error_code& error, std::size_t count) {
     listener_->onWritten();
 }
 
-// A read that has ended already may still be handled afterwards.
+// The handler of a read that has ended already may still run afterwards.
 void TlsStream::close() noexcept {
-    TlsClient::leave(*stream_.native_handle());
+    TlsClient::detach(*stream_.native_handle());
     listener_ = nullptr;
     handshakeHandler_ = nullptr;
     error_code ignored;

@@ -12,10 +12,10 @@
 
 namespace orvx::communication {
 
-/// Bytes over TLS. Its operations keep it alive, and use nothing but what it owns.
+/// A TLS stream. Its pending operations keep it alive and use only objects that it owns.
 class TlsStream final : public Stream, public std::enable_shared_from_this<TlsStream> {
   public:
-    /// Is told how a handshake ended; never when the stream was closed before.
+    /// Called with the result of a handshake; not called after close().
     using HandshakeHandler = std::function<void(const boost::system::error_code&)>;
 
     /// Throws std::bad_alloc, or boost::system::system_error.
@@ -28,7 +28,7 @@ class TlsStream final : public Stream, public std::enable_shared_from_this<TlsSt
     void handshake(HandshakeHandler handler);
 
     void read() override;
-    bool isQuiet() override;
+    bool hasNoInput() override;
     Written write(std::string_view head, std::string_view body) override;
     void close() noexcept override;
 
@@ -42,7 +42,7 @@ class TlsStream final : public Stream, public std::enable_shared_from_this<TlsSt
     HandshakeHandler handshakeHandler_;
     std::vector<char> out_;  // At most one record.
     std::size_t written_ = 0;
-    std::string head_;  // What is left to be sent beside it.
+    std::string head_;  // The rest of the head, sent after out_.
     std::string_view body_;
 };
 

@@ -4,8 +4,8 @@
 
 namespace orvx::communication {
 
-/// Wakes an I/O thread that waits for this descriptor, which is not its own.
-/// Thread-safety: raise() from any thread.
+/// Wakes an I/O thread through its event descriptor, which this object does not own.
+/// Thread-safety: raise() may be called from any thread.
 class WakeUp {
   public:
     explicit WakeUp(int eventDescriptor) : descriptor_(eventDescriptor) {}

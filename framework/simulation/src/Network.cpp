@@ -1,6 +1,7 @@
-// Requests from being sent to their outcome. An outcome is a task of the network's I/O thread.
-// Entered by the test's thread only; there is no lock. Handlers run and are destroyed while nothing
-// here is half done: they may send, abandon, stop the network and destroy its owner.
+// Requests from their submission to their outcome. An outcome is a task of the network's I/O
+// thread.
+// Entered by the test's thread only; there is no lock. Handlers run and are destroyed while the
+// state is consistent: they may send, abandon, stop the network and destroy its owner.
 
 #include "Network.h"
 
@@ -61,16 +62,16 @@ void Session::send(Request::Data request, ResponseHandler handler) {
     request.sentAt = network_->world().now;
     request.handler = std::make_shared<ResponseHandler>(std::move(handler));
     if (refusal_ == CommunicationStatus::Ok) {
-        keep(std::move(request));
+        submit(std::move(request));
     } else {
         network_->add(std::chrono::milliseconds(0), outcome(request, HttpResponse(refusal_)));
     }
 }
 
-void Session::keep(Request::Data request) {
+void Session::submit(Request::Data request) {
     request.session = shared_from_this();
     const bool isHead = request.kind == Method::Head;
-    // Whatever can fail comes before the first merge.
+    // All statements that can fail come before the first merge.
     Requests sent{{request.number, std::make_shared<Request::Data>(std::move(request))}};
     Requests toTake = sent;
     Requests heads = isHead ? sent : Requests();

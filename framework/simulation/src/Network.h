@@ -21,25 +21,25 @@ struct Request::Data {
     std::uint16_t port = 0;
     std::uint64_t number = 0;
     std::chrono::milliseconds sentAt{0};
-    /// These two while it is outstanding. The handler is shared, so that it cannot get lost where
-    /// memory runs out on its way to the I/O thread.
+    /// Both are set while the request is outstanding. The handler is shared, so that it cannot be
+    /// lost if memory runs out on its way to the I/O thread.
     std::shared_ptr<communication::ResponseHandler> handler{};
     std::shared_ptr<Session> session{};
 };
 
-/// The I/O thread of one communication context and the requests that its sessions have outstanding.
+/// The I/O thread of one communication context, and the outstanding requests of its sessions.
 class Network : public SimulatedThread {
   public:
     Network() : SimulatedThread(&WorldState::ioThreads) {}
 
-    /// Stops, and drops the outstanding requests.
+    /// Stops the thread and drops the outstanding requests.
     void close();
 
     Requests outstanding;
 };
 
-/// Records its requests, for the test to take and answer; or, with a refusal, answers each of them
-/// with that.
+/// Records its requests, for the test to take and answer. With a refusal, each request is answered
+/// with that refusal instead.
 class Session : public communication::IClientHttpSession,
                 public std::enable_shared_from_this<Session> {
   public:
@@ -56,14 +56,14 @@ class Session : public communication::IClientHttpSession,
                            communication::ResponseHandler handler) override;
     void abandon() override;
 
-    /// For outstanding requests of its own.
+    /// For outstanding requests of this session.
     void answer(Request::Data& request, const communication::HttpResponse& response);
     void drop(Request::Data& request);
 
   private:
     void send(Request::Data request, communication::ResponseHandler handler);
-    void keep(Request::Data request);
-    /// What the I/O thread does with the outcome of a request.
+    void submit(Request::Data request);
+    /// The task that delivers the outcome of a request on the I/O thread.
     SimulatedThread::Task outcome(const Request::Data& request,
                                   communication::HttpResponse response);
     void record(communication::ClientStatistics::Method method,

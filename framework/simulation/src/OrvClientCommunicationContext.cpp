@@ -1,4 +1,4 @@
-// The communication context of a simulated world: World hands its requests to the test.
+// The communication context of a simulated world: the World passes its requests to the test.
 // Entered by the test's thread only; there is no lock.
 
 #include <orvx/communication/OrvClientCommunicationContext.h>
@@ -20,7 +20,7 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
         std::shared_ptr<HealthCheck> sessionHealthCheck,
         std::shared_ptr<ClientStatistics> sessionStatistics) override {
         simulation::WorldState& world = network->world();
-        world.reach(World::Step::MakeSession);
+        world.passStep(World::Step::MakeSession);
         if (authority(host, port).empty() || port == 0 ||
             port > std::numeric_limits<std::uint16_t>::max()) {
             throw utility::OrvFoundationException("The host or the port cannot be used.", 0);
@@ -46,7 +46,7 @@ OrvClientCommunicationContext::~OrvClientCommunicationContext() {
     deinit();
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the real one keeps it.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the real context stores it.
 void OrvClientCommunicationContext::setLoggerFactory(std::shared_ptr<utility::ILoggerFactory>) {}
 
 void OrvClientCommunicationContext::setLogLevel(utility::ILogger::LogLevel) {}

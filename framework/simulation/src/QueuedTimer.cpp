@@ -25,7 +25,7 @@ void QueuedTimer::addTask(std::chrono::milliseconds delay, Task task) {
     simulation::WorldState& world = state_->world();
     world.addedDelays.push_back(delay);
     if (isRunning()) {
-        state_->add(world.later(delay), std::move(task));
+        state_->add(world.dueAfter(delay), std::move(task));
     }
 }
 

@@ -1,6 +1,6 @@
-// A registry that answers by itself: what the protocol says of PUT, HEAD and DELETE, and the
-// turning of the clock with an answer to all that is asked on the way. Entered by the test's thread
-// only; there is no lock.
+// A registry that answers by itself: the protocol of PUT, HEAD and DELETE, and a clock that stops
+// at each timer to answer the requests.
+// Entered by the test's thread only; there is no lock.
 
 #include <orvx/simulation/Registry.h>
 
@@ -14,7 +14,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// So often something may be due at one time before the clock counts as standing still.
+/// After so many due tasks at the same time, the clock counts as standing still.
 constexpr int kMostTurnsAtOneTime = 1000;
 
 }  // namespace

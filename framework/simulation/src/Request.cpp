@@ -1,4 +1,4 @@
-// What a test sees of a request, and the way to answer it.
+// The test's access to a request, and its answer.
 // Entered by the test's thread only; there is no lock.
 
 #include "Network.h"

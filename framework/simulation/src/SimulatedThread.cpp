@@ -1,6 +1,6 @@
-// Tasks by due time, each of which stands in a schedule of the world too.
-// Entered by the test's thread only; there is no lock. Tasks run and are destroyed while nothing
-// here is half done: they may add tasks, stop the thread and destroy its owner.
+// Tasks by due time. Each task is also an entry of one of the world's schedules.
+// Entered by the test's thread only; there is no lock. Tasks run and are destroyed while the state
+// is consistent: they may add tasks, stop the thread and destroy its owner.
 
 #include "SimulatedThread.h"
 
@@ -10,7 +10,7 @@ namespace orvx::simulation {
 
 namespace {
 
-/// For its lifetime the variable has another value.
+/// Gives a variable another value for its own lifetime.
 template <typename T>
 class Override {
   public:
@@ -38,7 +38,7 @@ void SimulatedThread::start(World::Step step, const std::string& name) {
     if (running_) {
         return;
     }
-    world_->reach(step);
+    world_->passStep(step);
     name_ = name.substr(0, utility::WorkerThread::kLongestName);
     running_ = true;
     for (const auto& task : tasks_) {
@@ -54,7 +54,7 @@ void SimulatedThread::add(std::chrono::milliseconds due, Task task) {
     std::map<Due, Task> added;
     added.emplace(key, std::move(task));
     (running_ ? schedule_ : world_->stopped).emplace(key, this);
-    tasks_.merge(added);  // cannot fail: both hold it, or neither
+    tasks_.merge(added);  // cannot fail: the task is in both maps or in neither
 }
 
 void SimulatedThread::stop() {
@@ -74,7 +74,7 @@ void SimulatedThread::dropTasks() {
     for (const auto& task : tasks_) {
         schedule.erase(task.first);
     }
-    // Last, and from a map of their own: destructors may add tasks and destroy the owner.
+    // Destroyed last and in a local map: destructors of tasks may add tasks and destroy the owner.
     const auto dropped = std::exchange(tasks_, {});
 }
 
@@ -94,7 +94,7 @@ void SimulatedThread::run(Task task) {
     } catch (...) {
         report("unknown exception");
     }
-    task = nullptr;  // still on this thread
+    task = nullptr;  // destroyed while still on this thread
 }
 
 void SimulatedThread::report(const std::string& error) noexcept {

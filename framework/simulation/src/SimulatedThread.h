@@ -4,35 +4,38 @@
 
 namespace orvx::simulation {
 
-/// A thread of a simulated world: its name and the tasks that it is still to run, one at a time.
+/// A thread of a simulated world: its name and its pending tasks, which run one at a time.
 /// Owned by a shared pointer; it lives on while it runs a task that destroys its owner.
 class SimulatedThread : public std::enable_shared_from_this<SimulatedThread> {
   public:
     using Task = std::function<void()>;
 
-    /// A thread of the world in existence; throws std::logic_error when there is none.
-    /// `schedule` is where its tasks stand while it is running.
+    /// Makes a thread of the existing world; throws std::logic_error if there is none. `schedule`
+    /// contains its tasks while it is running.
     explicit SimulatedThread(Schedule WorldState::*schedule);
 
     WorldState& world() const { return *world_; }
     bool isRunning() const { return running_; }
-    /// Whether it is inside a task.
+    /// Whether the thread is running a task.
     bool isBusy() const { return busy_; }
 
-    /// Told what() of the exceptions that leave tasks, on this thread; may be empty.
+    /// Sets the handler that is called on this thread with what() of exceptions that leave tasks;
+    /// may be empty.
     void setErrorHandler(std::function<void(const std::string&)> errorHandler);
-    /// Passes `step`, which may throw, and starts. Does nothing while it is running.
+    /// Runs the hook of `step`, which may throw, and starts the thread. Does nothing while it is
+    /// running.
     void start(World::Step step, const std::string& name);
-    /// Waits for the next start while it is stopped. Strong guarantee.
+    /// Adds a task. On a stopped thread the task waits for the next start. Strong exception
+    /// guarantee.
     void add(std::chrono::milliseconds due, Task task);
     /// Drops the tasks. Does nothing while it is stopped.
     void stop();
-    /// Stops for ever: no task is left, and none is taken any more.
+    /// Stops for ever: drops the tasks and refuses new ones.
     void end();
 
-    /// Takes out the task, runs and destroys it.
+    /// Removes the task, runs and destroys it.
     void runTask(const Due& due);
-    /// Runs and destroys the task at once as this thread.
+    /// Runs and destroys the task at once, on this thread.
     void run(Task task);
 
   private:

@@ -32,7 +32,7 @@ void SingleThreadAsyncTaskExecutor::add(Task task) {
     state_->add(std::chrono::milliseconds(0), std::move(task));
 }
 
-// It does need memory here: a test without any is one with real threads.
+// Allocates memory, unlike the real executor: tests that run out of memory use real threads.
 void SingleThreadAsyncTaskExecutor::add(Tasks&& tasks) noexcept {
     for (Task& task : tasks) {
         add(std::move(task));

@@ -15,7 +15,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// The world in existence; its state may live longer.
+/// The existing world. Its state may outlive it.
 std::weak_ptr<WorldState>& existing() {
     static std::weak_ptr<WorldState> state;
     return state;
@@ -33,13 +33,13 @@ std::shared_ptr<WorldState> WorldState::current() {
     return state;
 }
 
-void WorldState::reach(World::Step step) const {
+void WorldState::passStep(World::Step step) const {
     if (const auto called = hook) {
         called(step);
     }
 }
 
-milliseconds WorldState::later(milliseconds delay) const {
+milliseconds WorldState::dueAfter(milliseconds delay) const {
     return delay > milliseconds::max() - now ? milliseconds::max()
                                              : now + std::max(delay, milliseconds(0));
 }
@@ -72,7 +72,7 @@ milliseconds World::now() const {
 }
 
 void World::advance(milliseconds duration) {
-    const milliseconds end = state_->later(duration);
+    const milliseconds end = state_->dueAfter(duration);
     while (state_->runFirst(state_->timers, std::max(end, state_->now))) {
     }
     state_->now = std::max(end, state_->now);

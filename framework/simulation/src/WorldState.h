@@ -10,24 +10,24 @@ namespace orvx::simulation {
 
 class SimulatedThread;
 
-/// When a task is due. Equal times are told apart by a number that grows with each task of the
-/// world: they go in the order in which they were added, whatever their thread.
+/// The due time of a task, and a number that grows with each task of the world: tasks with equal
+/// due times run in the order in which they were added, whatever their thread.
 using Due = std::pair<std::chrono::milliseconds, std::uint64_t>;
 using Schedule = std::map<Due, SimulatedThread*>;
-/// By the number of the request, which grows as Due's does.
+/// By the number of the request, which comes from the same counter as the number in Due.
 using Requests = std::map<std::uint64_t, std::shared_ptr<Request::Data>>;
 
-/// What a world and all that is made in it share. Whoever was made in it keeps it, so that it may
-/// end later than the world.
+/// The state that a world and all objects made in it share. These objects keep it alive, so they
+/// may outlive the world.
 struct WorldState {
-    /// That of the world in existence; throws std::logic_error when there is none.
+    /// The state of the existing world; throws std::logic_error if there is none.
     static std::shared_ptr<WorldState> current();
 
-    /// Calls the hook; what it throws is the caller's to let through.
-    void reach(World::Step step) const;
-    /// `delay` from now: not before now, not beyond the largest duration.
-    std::chrono::milliseconds later(std::chrono::milliseconds delay) const;
-    /// Runs the first task due by `latest` whose thread is not inside a task already.
+    /// Calls the hook. Exceptions of the hook leave this function.
+    void passStep(World::Step step) const;
+    /// The time `delay` from now, but not before now and not beyond the largest duration.
+    std::chrono::milliseconds dueAfter(std::chrono::milliseconds delay) const;
+    /// Runs the first task that is due by `latest` and whose thread is not running a task.
     bool runFirst(const Schedule& schedule,
                   std::chrono::milliseconds latest = std::chrono::milliseconds::max());
 
@@ -37,7 +37,7 @@ struct WorldState {
     Schedule timers;
     Schedule executors;
     Schedule ioThreads;
-    /// Tasks whose thread is not running.
+    /// Tasks of threads that are not running.
     Schedule stopped;
     std::string currentThread;
 

@@ -5,8 +5,8 @@
 
 namespace orvx::utility {
 
-/// `text` as a terminal may be shown it: escaped and cut as TimedConsoleLoggerFactory says. Always
-/// UTF-8: neither a character nor an escape is ever cut in two.
+/// Escapes and cuts `text` for a terminal as documented at TimedConsoleLoggerFactory. The result is
+/// valid UTF-8: neither a character nor an escape is cut.
 std::string toConsoleText(std::string_view text);
 
 }  // namespace orvx::utility

@@ -1,7 +1,7 @@
-// The console's queue and the thread that empties it. While the queue is empty, whoever logs
-// writes; while it is not, only the thread does, which keeps the order. Entered by any thread;
-// work() is what the thread runs, or the destructor where there is none. `mutex_` is a leaf and is
-// held for no write that may wait.
+// The console's queue and the thread that empties it. While the queue is empty, the logging thread
+// writes; otherwise only the worker does, which keeps the order.
+// Entered by any thread; work() runs on the worker, or in the destructor if there is no worker.
+// `mutex_` is a leaf lock and is not held for a write that may block.
 
 #include "ConsoleWriter.h"
 
@@ -19,9 +19,9 @@ namespace {
 
 constexpr std::size_t kMostQueuedBytes = 256 * 1024;
 /// How long flush() and the destructor wait for a reader.
-constexpr std::chrono::seconds kPatience{1};
-/// How often a standard error that takes nothing is tried again.
-constexpr std::chrono::milliseconds kPause{20};
+constexpr std::chrono::seconds kFlushTimeout{1};
+/// The delay before standard error is tried again after it took nothing.
+constexpr std::chrono::milliseconds kRetryInterval{20};
 
 }  // namespace
 
@@ -32,7 +32,7 @@ ConsoleWriter::~ConsoleWriter() {
     bool isWorking = false;
     {
         const MutexLock lock(mutex_);
-        end_ = Clock::now() + kPatience;
+        deadline_ = Clock::now() + kFlushTimeout;
         isWorking = isWorking_;
         changed_.notify_all();
     }
@@ -48,7 +48,7 @@ void ConsoleWriter::write(const std::string& text) {
     if (dropped_ > 0) {
         ++dropped_;
     } else {
-        add(lineOf(text));
+        add(formatLine(text));
     }
     if (!queue_.empty() && !isWorking_) {
         startWorker();
@@ -78,7 +78,7 @@ void ConsoleWriter::startWorker() {
 
 void ConsoleWriter::flush() {
     MutexLock lock(mutex_);
-    const auto until = Clock::now() + kPatience;
+    const auto until = Clock::now() + kFlushTimeout;
     while (!queue_.empty() && Clock::now() < until) {
         changed_.wait_until(lock.native(), until);
     }
@@ -86,7 +86,7 @@ void ConsoleWriter::flush() {
 
 void ConsoleWriter::work() {
     MutexLock lock(mutex_);
-    while (!isOver()) {
+    while (!isFinished()) {
         if (queue_.empty()) {
             changed_.wait(lock.native());
             continue;
@@ -97,13 +97,13 @@ void ConsoleWriter::work() {
         lock.lock();
         removeWritten(written);
         if (written == 0) {
-            changed_.wait_for(lock.native(), kPause);
+            changed_.wait_for(lock.native(), kRetryInterval);
         }
     }
 }
 
-bool ConsoleWriter::isOver() const {
-    return queue_.empty() ? end_ != Clock::time_point::max() : Clock::now() >= end_;
+bool ConsoleWriter::isFinished() const {
+    return queue_.empty() ? deadline_ != Clock::time_point::max() : Clock::now() >= deadline_;
 }
 
 void ConsoleWriter::removeWritten(std::size_t bytes) {
@@ -117,16 +117,16 @@ void ConsoleWriter::removeWritten(std::size_t bytes) {
     }
     if (const auto dropped = std::exchange(dropped_, 0); dropped > 0) {
         try {
-            add(lineOf("WARNING Console: standard error was not read, lines dropped: " +
-                       std::to_string(dropped)));
+            add(formatLine("WARNING Console: standard error was not read, lines dropped: " +
+                           std::to_string(dropped)));
         } catch (const std::exception&) {
-            // Memory ran out: the count is lost.
+            // Memory ran out: the number is lost.
         }
     }
     changed_.notify_all();
 }
 
-std::string ConsoleWriter::lineOf(const std::string& text) {
+std::string ConsoleWriter::formatLine(const std::string& text) {
     spdlog::memory_buf_t line;
     formatter_->format({"", spdlog::level::info, text}, line);
     return {line.data(), line.size()};

@@ -1,4 +1,4 @@
-// Knows a forked child by its process id, of which the kernel is asked once in each process.
+// Recognises a forked child by its process id. The id is cached once in each process.
 // Entered by any thread; no lock.
 
 #include <orvx/utility/ForkMark.h>
@@ -15,14 +15,14 @@ namespace {
 using ProcessId = std::atomic<int>;
 
 /// Whether the kernel clears the page in every child, however the child is made. An emulator that
-/// accepts any advice has ignored this one.
+/// accepts any advice ignores this one, too.
 bool isClearedInChildren(void* page) noexcept {
     constexpr int kNoAdvice = -1;
     return ::madvise(page, sizeof(ProcessId), kNoAdvice) != 0 &&
            ::madvise(page, sizeof(ProcessId), MADV_WIPEONFORK) == 0;
 }
 
-/// Null where there is no such page.
+/// Null if the kernel offers no such page.
 ProcessId* makePage() noexcept {
     void* const page = ::mmap(nullptr, sizeof(ProcessId), PROT_READ | PROT_WRITE,
                               MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -36,36 +36,36 @@ ProcessId* makePage() noexcept {
     return new (page) ProcessId(0);
 }
 
-/// Stands for a page where there can be none.
-ProcessId noPage{0};
+/// Replaces the page if the kernel offers none.
+ProcessId idWithoutPage{0};
 
-/// The page, once somebody has made it. It holds the id of the process whose page it is, or 0.
-/// Never unmapped: a thread may look at its mark while the process exits. No static of a function,
-/// whose lock a child could find taken.
-std::atomic<ProcessId*> known{nullptr};
+/// The page, once it is made. It holds the id of the current process, or 0. Never unmapped: a
+/// thread may use its mark while the process exits. Not a function's static object, whose guard
+/// could stay locked in a forked child.
+std::atomic<ProcessId*> cachedPage{nullptr};
 
 ProcessId& page() noexcept {
-    ProcessId* there = known.load(std::memory_order_acquire);
-    if (there == nullptr) {
+    ProcessId* existing = cachedPage.load(std::memory_order_acquire);
+    if (existing == nullptr) {
         ProcessId* const made = makePage();
-        ProcessId* const mine = made == nullptr ? &noPage : made;
-        if (known.compare_exchange_strong(there, mine, std::memory_order_acq_rel)) {
+        ProcessId* const mine = made == nullptr ? &idWithoutPage : made;
+        if (cachedPage.compare_exchange_strong(existing, mine, std::memory_order_acq_rel)) {
             return *mine;
         }
         if (made != nullptr) {
             ::munmap(made, sizeof(ProcessId));
         }
     }
-    return *there;
+    return *existing;
 }
 
 int currentProcess() noexcept {
-    ProcessId& kept = page();
-    int id = kept.load(std::memory_order_relaxed);
+    ProcessId& cached = page();
+    int id = cached.load(std::memory_order_relaxed);
     if (id == 0) {
         id = ::getpid();
-        if (&kept != &noPage) {
-            kept.store(id, std::memory_order_relaxed);
+        if (&cached != &idWithoutPage) {
+            cached.store(id, std::memory_order_relaxed);
         }
     }
     return id;
@@ -79,7 +79,7 @@ void ForkMark::set() {
     process_ = currentProcess();
 }
 
-bool ForkMark::isLeftBehind() const noexcept {
+bool ForkMark::isInForkedChild() const noexcept {
     return process_ != currentProcess();
 }
 

@@ -1,5 +1,5 @@
-// What the logger interfaces have by themselves. Their destructors are here so that their virtual
-// tables have one home.
+// Default operations of the logger interfaces. Defines their virtual destructors, so that the
+// virtual tables are emitted once.
 // Entered by any thread; no lock.
 
 #include <orvx/utility/ILogger.h>

@@ -1,5 +1,5 @@
-// The framework's exception. The destructor is here so that its type information has one home and
-// it can be caught across shared libraries.
+// The framework's exception. Defines the destructor, so that the type information is emitted once
+// and the exception can be caught across shared libraries.
 // Entered by any thread; no lock.
 
 #include <orvx/utility/OrvFoundationException.h>

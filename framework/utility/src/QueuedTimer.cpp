@@ -1,4 +1,4 @@
-// The timer: a task thread whose tasks fall due after a delay; delays become due times here.
+// The timer: a task thread with due times, which are computed from delays here.
 // Entered by any thread; the lock is the task thread's.
 
 #include <orvx/utility/QueuedTimer.h>
@@ -15,7 +15,7 @@ namespace {
 using Clock = TaskThread::Clock;
 using std::chrono::milliseconds;
 
-/// Not before now, and not beyond what the clock can say.
+/// The due time: not before now, and not beyond the clock's maximum.
 Clock::time_point dueAfter(milliseconds delay) {
     const auto now = Clock::now();
     const auto longest = std::chrono::duration_cast<milliseconds>(Clock::time_point::max() - now);

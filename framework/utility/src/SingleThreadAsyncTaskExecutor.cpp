@@ -1,4 +1,4 @@
-// The executor: a task thread that is given no due times.
+// The executor: a task thread without due times.
 // Entered by any thread; the lock is the task thread's.
 
 #include <orvx/utility/SingleThreadAsyncTaskExecutor.h>

@@ -1,6 +1,7 @@
-// Writes to standard error without waiting, whatever it is. O_NONBLOCK belongs to the open file,
-// which other processes share: a pipe, a terminal or a device is opened anew for each write, so
-// that the flag is our own. A socket takes it with each call, and a file never waits for a reader.
+// Writes to standard error without blocking, whatever kind of file it is. O_NONBLOCK belongs to the
+// open file description, which other processes share. So a pipe, a terminal or a device is opened
+// again for each write, to set the flag on our own description. For a socket the flag is set in
+// each call, and a regular file never blocks.
 // Entered by any thread; no state, no lock.
 
 #include "StandardError.h"
@@ -22,10 +23,10 @@ namespace orvx::utility {
 
 namespace {
 
-/// Keeps the signal away that ends a process when it writes to a pipe whose reader is gone.
-class PipeSignalHeldBack {
+/// Blocks SIGPIPE, which ends a process that writes to a pipe without a reader.
+class ScopedSigpipeBlock {
   public:
-    PipeSignalHeldBack() {
+    ScopedSigpipeBlock() {
         sigset_t pending;
         sigpending(&pending);
         wasPending_ = sigismember(&pending, SIGPIPE) == 1;
@@ -33,14 +34,14 @@ class PipeSignalHeldBack {
         sigaddset(&signal_, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &signal_, &before_);
     }
-    ~PipeSignalHeldBack() {
+    ~ScopedSigpipeBlock() {
         const timespec atOnce{};
         while (!wasPending_ && sigtimedwait(&signal_, nullptr, &atOnce) < 0 && errno == EINTR) {
         }
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
     }
-    PipeSignalHeldBack(const PipeSignalHeldBack&) = delete;
-    PipeSignalHeldBack& operator=(const PipeSignalHeldBack&) = delete;
+    ScopedSigpipeBlock(const ScopedSigpipeBlock&) = delete;
+    ScopedSigpipeBlock& operator=(const ScopedSigpipeBlock&) = delete;
 
   private:
     sigset_t signal_;
@@ -48,7 +49,7 @@ class PipeSignalHeldBack {
     bool wasPending_;
 };
 
-/// `result` is that of a write of `text`.
+/// The number of bytes of `text` that are done, from the result of a write.
 std::size_t bytesDone(ssize_t result, std::string_view text) {
     if (result >= 0) {
         return static_cast<std::size_t>(result);
@@ -56,7 +57,7 @@ std::size_t bytesDone(ssize_t result, std::string_view text) {
     return errno == EAGAIN || errno == EINTR ? 0 : text.size();
 }
 
-/// A pipe that is ready takes PIPE_BUF bytes, unless somebody else is faster: then this waits.
+/// A pipe that is ready takes PIPE_BUF bytes without blocking, unless another writer is faster.
 std::size_t writeWhenReady(std::string_view text) {
     pollfd standardError{STDERR_FILENO, POLLOUT, 0};
     if (poll(&standardError, 1, 0) != 1) {
@@ -66,7 +67,7 @@ std::size_t writeWhenReady(std::string_view text) {
         write(STDERR_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF)), text);
 }
 
-std::size_t writeOpenedAnew(std::string_view text, MayWait mayWait) {
+std::size_t writeToNewDescriptor(std::string_view text, MayWait mayWait) {
     const int opened = open("/proc/thread-self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (opened < 0) {
         const bool isReaderGone = errno == ENXIO;
@@ -82,7 +83,7 @@ std::size_t writeOpenedAnew(std::string_view text, MayWait mayWait) {
 std::size_t writeToStandardError(std::string_view text, MayWait mayWait) noexcept {
     struct stat status {};
     if (fstat(STDERR_FILENO, &status) != 0) {
-        return text.size();  // it is closed
+        return text.size();  // standard error is closed
     }
     if (S_ISSOCK(status.st_mode)) {
         return bytesDone(send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL),
@@ -91,8 +92,8 @@ std::size_t writeToStandardError(std::string_view text, MayWait mayWait) noexcep
     if (S_ISREG(status.st_mode)) {
         return bytesDone(write(STDERR_FILENO, text.data(), text.size()), text);
     }
-    const PipeSignalHeldBack heldBack;
-    return writeOpenedAnew(text, mayWait);
+    const ScopedSigpipeBlock blocked;
+    return writeToNewDescriptor(text, mayWait);
 }
 
 }  // namespace orvx::utility

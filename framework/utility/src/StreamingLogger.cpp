@@ -1,6 +1,6 @@
-// Log lines made with `<<`.
+// Log lines that are composed with `<<`.
 // Entered by any thread; no lock: an entry belongs to the thread that makes it, and the logger
-// locks for itself. Whatever fails costs the line, never the caller.
+// synchronises itself. A failure drops the line and never reaches the caller.
 
 #include <orvx/utility/StreamingLogger.h>
 
@@ -16,7 +16,7 @@ StreamingLogger::LogEntry::LogEntry(std::shared_ptr<ILogger> logger, ILogger::Lo
             stream_.emplace();
         }
     } catch (...) {
-        // A logger that cannot say whether the level is enabled is not given the line.
+        // A logger whose isEnabled() throws does not get the line.
     }
 }
 

@@ -1,7 +1,7 @@
-// The loop behind the executor and the timer.
-// Entered by any thread; work() is what the worker runs. `mutex_` guards the tasks and the three
-// flags and is held while the worker is made, so that nothing runs on it before start() is through.
-// No task, error handler or destructor of a task runs under it.
+// The loop of the executor and of the timer.
+// Entered by any thread; work() runs on the worker. `mutex_` guards the tasks and the flags. It is
+// held while the worker is started, so that no task runs before start() is complete. No task, error
+// handler or destructor of a task runs under it.
 
 #include "TaskThread.h"
 
@@ -26,8 +26,8 @@ void TaskThread::start(const std::string& name) {
 }
 
 void TaskThread::add(Clock::time_point due, Task task) {
-    // A task that is not taken is destroyed by the caller, after the lock was let go.
-    bool isToWake = false;
+    // A refused task is destroyed with the parameter, after unlocking.
+    bool mustWake = false;
     {
         MutexLock lock(mutex_);
         if (!takesTasks()) {
@@ -40,24 +40,24 @@ void TaskThread::add(Clock::time_point due, Task task) {
             heap_.push_back({due, number, std::move(task)});
             std::push_heap(heap_.begin(), heap_.end(), isLater);
         }
-        isToWake = sleeping_ && first()->number == number;
+        mustWake = sleeping_ && first()->number == number;
     }
-    if (isToWake) {
+    if (mustWake) {
         changed_.notify_one();
     }
 }
 
 void TaskThread::add(Tasks&& tasks) noexcept {
-    // What is not taken stays the caller's.
-    bool isToWake = false;
+    // Refused tasks stay in the caller's list.
+    bool mustWake = false;
     {
         MutexLock lock(mutex_);
         if (takesTasks()) {
-            isToWake = sleeping_ && queue_.empty();
+            mustWake = sleeping_ && queue_.empty();
             queue_.splice(queue_.end(), tasks);
         }
     }
-    if (isToWake) {
+    if (mustWake) {
         changed_.notify_one();
     }
 }
@@ -76,7 +76,7 @@ void TaskThread::stop() {
 }
 
 void TaskThread::end(const std::shared_ptr<TaskThread>& self) {
-    if (self->worker_.isLeftBehind()) {
+    if (self->worker_.isInForkedChild()) {
         self->self_ = self;
         leakInForkedChild(self.get());
     } else {
@@ -84,8 +84,8 @@ void TaskThread::end(const std::shared_ptr<TaskThread>& self) {
     }
 }
 
-void TaskThread::halt(bool forEver) {
-    if (worker_.isLeftBehind()) {
+void TaskThread::halt(bool isFinal) {
+    if (worker_.isInForkedChild()) {
         return;
     }
     std::deque<Entry> droppedInOrder;
@@ -93,13 +93,13 @@ void TaskThread::halt(bool forEver) {
     Tasks droppedQueue;
     {
         MutexLock lock(mutex_);
-        if (running_ || forEver) {
+        if (running_ || isFinal) {
             droppedInOrder.swap(inOrder_);
             droppedHeap.swap(heap_);
             droppedQueue.swap(queue_);
         }
         running_ = false;
-        ended_ = ended_ || forEver;
+        ended_ = ended_ || isFinal;
         changed_.notify_one();
     }
     droppedInOrder.clear();
@@ -115,7 +115,8 @@ void TaskThread::work() {
     bool hasYielded = false;
     while (running_) {
         if (!isOneDue()) {
-            // Others run first: what they add before this thread sleeps costs them no wake-up.
+            // Other threads run first: tasks that they add before this thread sleeps cost no
+            // wake-up.
             if (std::exchange(hasYielded, !hasYielded)) {
                 wait(lock);
             } else {
@@ -158,8 +159,8 @@ void TaskThread::wait(MutexLock& lock) {
         sleeping_ = false;
         return;
     }
-    // The farthest due times are beyond what some systems can wait for. Woken at whole milliseconds
-    // only, the thread finds together what falls due one by one.
+    // The largest due times exceed the longest wait of some systems. The thread wakes up at whole
+    // milliseconds only, so that tasks that fall due close together share one wake-up.
     const Clock::time_point until = std::min(next->due, Clock::now() + std::chrono::hours(24));
     changed_.wait_until(lock.native(), std::chrono::ceil<std::chrono::milliseconds>(until));
     sleeping_ = false;
@@ -200,7 +201,7 @@ void TaskThread::report(const char* error) const {
             errorHandler_(error);
         }
     } catch (...) {
-        // Nobody is left to tell.
+        // There is no one else to report to.
     }
 }
 

@@ -15,20 +15,20 @@
 
 namespace orvx::utility {
 
-/// A thread that runs tasks one after another: those without a due time (an executor's) in the
-/// order in which they were added, those with one (a timer's) in the order of their due times,
-/// equal ones as they were added.
+/// A thread that runs tasks one after another. Tasks without a due time (those of an executor) run
+/// in the order in which they were added. Tasks with a due time (those of a timer) run in the order
+/// of their due times; equal ones in the order in which they were added.
 ///
-/// Always owned by a shared pointer: the thread keeps the object alive, so that a task may end it.
+/// Always owned by a shared pointer: the thread keeps the object alive, so a task may end it.
 /// Thread-safety: every operation may be called from any thread and from inside a task; start(),
-/// stop() and end() not by two threads at once.
+/// stop() and end() must not be called by two threads at once.
 class TaskThread : public std::enable_shared_from_this<TaskThread> {
   public:
     using Task = std::function<void()>;
     using Tasks = std::list<Task>;
     using ErrorHandler = std::function<void(const std::string&)>;
     using Clock = std::chrono::steady_clock;
-    /// What becomes of tasks that are added while the thread is stopped.
+    /// What happens to tasks that are added while the thread is stopped.
     enum class WhileStopped { KeepTasks, DropTasks };
 
     /// `errorHandler` may be empty.
@@ -37,14 +37,14 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     /// Does nothing while the thread runs. Throws std::system_error.
     void start(const std::string& name) ORVX_EXCLUDES(mutex_);
     void add(Clock::time_point due, Task task) ORVX_EXCLUDES(mutex_);
-    /// Tasks without a due time.
+    /// Adds tasks without a due time.
     void add(Tasks&& tasks) noexcept ORVX_EXCLUDES(mutex_);
     bool isRunning() const ORVX_EXCLUDES(mutex_);
-    /// Drops the tasks and waits for the one that is running, unless called from inside it.
-    /// Does nothing when stopped, and in a forked child.
+    /// Drops the pending tasks and waits for the running task, unless called from inside it. Does
+    /// nothing when stopped, and in a forked child.
     void stop() ORVX_EXCLUDES(mutex_);
-    /// Stops for ever: no task is left, and none is taken any more. In a forked child `self` is
-    /// leaked instead.
+    /// Stops for ever: drops the tasks and refuses new ones. In a forked child `self` is leaked
+    /// instead.
     static void end(const std::shared_ptr<TaskThread>& self);
 
     /// Used by leakInForkedChild().
@@ -58,7 +58,7 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     };
 
     static bool isLater(const Entry& one, const Entry& other);
-    void halt(bool forEver) ORVX_EXCLUDES(mutex_);
+    void halt(bool isFinal) ORVX_EXCLUDES(mutex_);
     void work() ORVX_EXCLUDES(mutex_);
     bool takesTasks() const ORVX_REQUIRES(mutex_);
     const Entry* first() const ORVX_REQUIRES(mutex_);
@@ -71,20 +71,20 @@ class TaskThread : public std::enable_shared_from_this<TaskThread> {
     const WhileStopped whileStopped_;
     const ErrorHandler errorHandler_;
     mutable Mutex mutex_;
-    /// Notified when another task is the first to fall due, and when there is nothing to wait for.
+    /// Notified when a new task is the first to fall due, and when the thread stops.
     std::condition_variable changed_;
     Tasks queue_ ORVX_GUARDED_BY(mutex_);
-    /// Entries that were added in the order in which they fall due. Most are: there are few
-    /// different delays. A heap of many costs more time and more memory.
+    /// Entries that were added in the order of their due times. Most entries are, because there are
+    /// few different delays, and a heap of many entries costs more time and memory.
     std::deque<Entry> inOrder_ ORVX_GUARDED_BY(mutex_);
-    /// The others, as a heap; its front falls due first.
+    /// All other entries, as a heap; its front falls due first.
     std::vector<Entry> heap_ ORVX_GUARDED_BY(mutex_);
     std::uint64_t added_ ORVX_GUARDED_BY(mutex_) = 0;
     bool running_ ORVX_GUARDED_BY(mutex_) = false;
     /// The worker waits for a notification.
     bool sleeping_ ORVX_GUARDED_BY(mutex_) = false;
-    /// The worker has not left its loop. After a stop from inside a task it is still in there, and
-    /// a start lets it go on.
+    /// The worker has not left its loop. After a stop from inside a task the worker is still in the
+    /// loop, and a start lets it continue.
     bool working_ ORVX_GUARDED_BY(mutex_) = false;
     bool ended_ ORVX_GUARDED_BY(mutex_) = false;
     WorkerThread worker_;

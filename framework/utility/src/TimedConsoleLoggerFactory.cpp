@@ -1,6 +1,6 @@
 // Loggers that share a level and a writer.
-// Entered by any thread; the one lock is the writer's, a leaf. The level is an atomic that the
-// loggers share, and they keep the console alive without the factory.
+// Entered by any thread; the only lock is the writer's, which is a leaf lock. The level is atomic.
+// Loggers share the console and keep it alive after the factory.
 
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
@@ -19,8 +19,8 @@ namespace orvx::utility {
 namespace {
 
 const char* levelName(int level) {
-    static constexpr std::array<const char*, 4> names{"ERROR", "WARNING", "INFO", "DEBUG"};
-    return names[static_cast<std::size_t>(level)];
+    static constexpr std::array<const char*, 4> kNames{"ERROR", "WARNING", "INFO", "DEBUG"};
+    return kNames[static_cast<std::size_t>(level)];
 }
 
 }  // namespace
@@ -31,7 +31,7 @@ struct TimedConsoleLoggerFactory::Console {
     explicit Console(ILogger::LogLevel level)
         : highest(level), writer_(std::make_unique<ConsoleWriter>().release()) {}
     ~Console() {
-        if (ConsoleWriter* const last = writer_; last->isLeftBehind()) {
+        if (ConsoleWriter* const last = writer_; last->isInForkedChild()) {
             leakInForkedChild(last);
         } else {
             delete last;
@@ -40,10 +40,11 @@ struct TimedConsoleLoggerFactory::Console {
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
-    /// In a forked child a new one: the lock of the parent's may be held for ever.
+    /// The writer. A forked child gets a new one, because the lock of the parent's writer may be
+    /// held for ever.
     ConsoleWriter& writer() {
         ConsoleWriter* known = writer_;
-        if (!known->isLeftBehind()) {
+        if (!known->isInForkedChild()) {
             return *known;
         }
         auto fresh = std::make_unique<ConsoleWriter>();
@@ -54,7 +55,7 @@ struct TimedConsoleLoggerFactory::Console {
         return *fresh.release();
     }
 
-    /// What matters less is not written.
+    /// Less important levels are not written.
     std::atomic<ILogger::LogLevel> highest;
 
   private:

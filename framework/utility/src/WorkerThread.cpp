@@ -1,7 +1,6 @@
-// Makes, names and ends one thread.
-// Entered by the thread that owns the object and by the thread that was made; the handlers of a
-// fork by any. No lock: start() and end() are ordered by the caller, and a thread knows by
-// variables of its own whose it is.
+// Starts, names and ends one thread.
+// Entered by the thread that owns the object and by the new thread; the fork handlers by any
+// thread. No lock: the caller orders start() and end(), and thread-local variables hold the rest.
 
 #include <orvx/utility/WorkerThread.h>
 
@@ -17,21 +16,22 @@ namespace orvx::utility {
 
 namespace {
 
-/// The object that the calling thread belongs to; compared only, never followed.
+/// The object that the calling thread belongs to; only compared, never dereferenced.
 thread_local const WorkerThread* current = nullptr;
 
-/// The signal mask that a child forked by the calling thread may get.
-struct MaskOfChildren {
+/// The signal mask for a child that is forked by the calling thread.
+struct ChildSignalMask {
     bool isWorker = false;
-    /// Decided before the fork.
-    bool isToSet = false;
-    /// Of the thread when it began, and of the one that made it.
-    sigset_t own{};
-    sigset_t maker{};
+    /// Set before the fork.
+    bool mustRestore = false;
+    /// The masks of the thread at its start, and of the creating thread.
+    sigset_t initial{};
+    sigset_t creator{};
 };
-thread_local MaskOfChildren ofChildren;
+thread_local ChildSignalMask childMask;
 
-/// All signals but those of a crash: blocked there, they would end the process without its handler.
+/// All signals except those of a crash: if those were blocked, a crash would end the process
+/// without calling its handler.
 sigset_t blockedSignals() {
     sigset_t signals;
     sigfillset(&signals);
@@ -41,7 +41,7 @@ sigset_t blockedSignals() {
     return signals;
 }
 
-/// A thread inherits the mask of the one that makes it.
+/// Blocks signals for a scope: a new thread inherits the mask of the creating thread.
 class SignalsBlocked {
   public:
     SignalsBlocked() {
@@ -67,20 +67,21 @@ bool isEqual(const sigset_t& one, const sigset_t& other) {
     return true;
 }
 
-/// A program that a worker forks must not inherit its mask, unless the user's code has set another.
-void setMaskOfChildrenAtFork() {
+/// Makes children that a worker forks use the mask of the creating thread, unless user code has
+/// changed the worker's mask.
+void restoreMaskInForkedChildren() {
     static std::once_flag once;
     std::call_once(once, [] {
         pthread_atfork(
             [] {
                 sigset_t mask;
                 pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-                ofChildren.isToSet = ofChildren.isWorker && isEqual(mask, ofChildren.own);
+                childMask.mustRestore = childMask.isWorker && isEqual(mask, childMask.initial);
             },
             nullptr,
             [] {
-                if (ofChildren.isToSet) {
-                    pthread_sigmask(SIG_SETMASK, &ofChildren.maker, nullptr);
+                if (childMask.mustRestore) {
+                    pthread_sigmask(SIG_SETMASK, &childMask.creator, nullptr);
                 }
             });
     });
@@ -92,7 +93,7 @@ void forget(std::thread& thread) noexcept {
     new (&thread) std::thread;
 }
 
-/// Waited for until a thread has its name. Signals may end a wait early.
+/// Signalled when the thread has its name. Signals may interrupt the wait, which is repeated.
 class Named {
   public:
     Named() { sem_init(&semaphore_, 0, 0); }
@@ -120,7 +121,7 @@ WorkerThread::~WorkerThread() {
 
 void WorkerThread::start(const std::string& name, std::function<void()> function) {
     end();
-    setMaskOfChildrenAtFork();
+    restoreMaskInForkedChildren();
     const SignalsBlocked blocked;
     Named named;
     thread_ = std::thread(
@@ -128,9 +129,9 @@ void WorkerThread::start(const std::string& name, std::function<void()> function
             pthread_setname_np(pthread_self(), name.substr(0, kLongestName).c_str());
             named.set();
             current = this;
-            ofChildren.isWorker = true;
-            ofChildren.maker = before;
-            pthread_sigmask(SIG_SETMASK, nullptr, &ofChildren.own);
+            childMask.isWorker = true;
+            childMask.creator = before;
+            pthread_sigmask(SIG_SETMASK, nullptr, &childMask.initial);
             work();
         });
     named.wait();
@@ -138,10 +139,10 @@ void WorkerThread::start(const std::string& name, std::function<void()> function
 }
 
 void WorkerThread::end() noexcept {
-    if (isLeftBehind()) {
+    if (isInForkedChild()) {
         forget(thread_);
     } else if (isCurrent()) {
-        // From here on an object at the same address is another one.
+        // Another object may have the same address from here on.
         current = nullptr;
         thread_.detach();
     } else if (thread_.joinable()) {

@@ -47,11 +47,11 @@ bool isKnownInTwoGenerations(const std::function<pid_t()>& make) {
     const ForkMark mark;
     return isTrueInChild(make, [&] {
         ForkMark own;
-        const bool isKnown = mark.isLeftBehind() && !own.isLeftBehind();
+        const bool isKnown = mark.isInForkedChild() && !own.isInForkedChild();
         return isKnown && isTrueInChild(make, [&] {
-                   const bool isLeftBehind = mark.isLeftBehind() && own.isLeftBehind();
+                   const bool isInForkedChild = mark.isInForkedChild() && own.isInForkedChild();
                    own.set();
-                   return isLeftBehind && !own.isLeftBehind();
+                   return isInForkedChild && !own.isInForkedChild();
                });
     });
 }
@@ -68,7 +68,7 @@ TEST(AForkMark, KnowsAChildThatWasMadeWithoutTheHandlersOfAFork) {
 TEST(AForkMark, IsNotLeftBehindInTheProcessThatForked) {
     const ForkMark mark;
     EXPECT_TRUE(isTrueInChild([] { return ::fork(); }, [] { return true; }));
-    EXPECT_FALSE(mark.isLeftBehind());
+    EXPECT_FALSE(mark.isInForkedChild());
 }
 
 // Each request that was submitted asked once more.
@@ -76,7 +76,7 @@ TEST(AForkMark, DoesNotAskTheKernelEachTime) {
     const ForkMark mark;
     const int before = questions;
     for (int i = 0; i < 100; ++i) {
-        EXPECT_FALSE(mark.isLeftBehind());
+        EXPECT_FALSE(mark.isInForkedChild());
     }
     EXPECT_EQ(questions, before);
 }

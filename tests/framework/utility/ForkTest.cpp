@@ -125,7 +125,7 @@ TEST(AForkedChild, StartsAndEndsAThreadOfItsOwn) {
     WorkerThread worker;
     EXPECT_EQ(statusOfChild([&] {
                   worker.start("ORVX_Fork", [&] { ran = true; });
-                  const bool leftBehind = worker.isLeftBehind();
+                  const bool leftBehind = worker.isInForkedChild();
                   worker.end();
                   return ran && !leftBehind;
               }),
@@ -188,7 +188,7 @@ TEST(AForkedChild, FindsAWorkerThreadLeftBehind) {
     worker->start("ORVX_Fork", gate.task());
     ASSERT_TRUE(gate.isEntered());
     EXPECT_EQ(statusOfChild([&] {
-                  const bool leftBehind = worker->isLeftBehind();
+                  const bool leftBehind = worker->isInForkedChild();
                   worker->end();
                   return destroy(worker) && leftBehind;
               }),

@@ -189,9 +189,9 @@ TEST(AWorkerThread, ThatCannotBeMadeThrowsAndCanBeStartedLater) {
 
 TEST(AWorkerThread, IsNotLeftBehindInTheProcessThatMadeIt) {
     WorkerThread worker;
-    EXPECT_FALSE(worker.isLeftBehind());
+    EXPECT_FALSE(worker.isInForkedChild());
     worker.start("ORVX_Here", test::nothing);
-    EXPECT_FALSE(worker.isLeftBehind());
+    EXPECT_FALSE(worker.isInForkedChild());
 }
 
 }  // namespace

@@ -5,18 +5,18 @@
 
 namespace orvx::common {
 
-/// Leads to an object that somebody keeps.
+/// Gives access to an object that the reference or another owner keeps alive.
 template <typename T>
 class IReference {
   public:
     virtual ~IReference() = default;
     /// The object; valid as long as this reference.
     virtual T& get() = 0;
-    /// As above, to be read only.
+    /// Read-only access to the object.
     virtual const T& get() const = 0;
 };
 
-/// The reference that keeps the object itself.
+/// A reference that owns its object.
 template <typename T>
 class ReferenceOwner : public IReference<T> {
   public:
@@ -30,8 +30,8 @@ class ReferenceOwner : public IReference<T> {
     std::unique_ptr<T> object_;
 };
 
-/// A handle over a shared object. Copies of a facade lead to the same object; what derives from it
-/// may make copying mean something else and says so.
+/// A handle to a shared object. Copies of a facade refer to the same object. A derived class may
+/// give copying another meaning and documents it.
 template <typename T>
 class Facade {
   public:
@@ -45,7 +45,7 @@ class Facade {
 
     /// The shared object; valid as long as a copy of this facade.
     T& object() { return reference_->get(); }
-    /// As above, to be read only.
+    /// Read-only access to the shared object.
     const T& object() const { return std::as_const(*reference_).get(); }
 
   private:

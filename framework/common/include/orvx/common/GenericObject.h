@@ -20,29 +20,29 @@ namespace orvx::common {
 
 class GenericObjectValue;
 
-/// Values by key, in ascending order of the keys, in one block of memory: for the few that an
-/// object has that is small and fast. A value type; no thread-safety of its own.
+/// Values by key, in ascending order of the keys, in one block of memory, which is small and fast
+/// for the few values of an object. A value type. Not synchronised.
 class ORVX_EXPORT GenericObjectMembers {
   public:
     /// A key and the value under it.
     using Member = std::pair<std::string, GenericObjectValue>;
 
     GenericObjectMembers() = default;
-    /// Of several with one key the last one counts.
+    /// If a key occurs several times, the last value is stored.
     GenericObjectMembers(std::initializer_list<Member> members);
 
-    /// The value under `key`, added as null when there is none.
+    /// The value for `key`. Adds a null value if the key is missing.
     GenericObjectValue& operator[](const std::string& key);
-    /// Null when there is none; valid until the next change.
+    /// The value for `key`, or a null pointer if the key is missing. Valid until the next change.
     const GenericObjectValue* find(const std::string& key) const;
-    /// Takes the value out; null when there is none.
+    /// Removes the value for `key` and returns it; returns null if the key is missing.
     GenericObjectValue extract(const std::string& key);
 
-    /// Whether there is no value at all.
+    /// Whether there is no member.
     bool empty() const;
     /// The first member, in the order of the keys; valid until the next change.
     const Member* begin() const;
-    /// Behind the last member.
+    /// The position after the last member.
     const Member* end() const;
 
     /// Whether the keys and their values are the same.
@@ -60,9 +60,9 @@ class ORVX_EXPORT GenericObjectMembers {
 };
 
 /// A value of one of the JSON types. A value type: copies are deep. Copying, comparing and writing
-/// recurse: keep the nesting below a thousand levels.
+/// are recursive: keep the nesting below a thousand levels.
 class ORVX_EXPORT GenericObjectValue {
-    // Not the one-byte integers std::int8_t and std::uint8_t: they are types of their own.
+    // std::int8_t and std::uint8_t are not character types here: they differ from `char`.
     template <typename T>
     static constexpr bool isCharacter = std::is_same_v<T, char> || std::is_same_v<T, wchar_t> ||
                                         std::is_same_v<T, char16_t> || std::is_same_v<T, char32_t>;
@@ -72,24 +72,25 @@ class ORVX_EXPORT GenericObjectValue {
     using List = std::vector<GenericObjectValue>;
     /// A JSON object.
     using Object = GenericObjectMembers;
-    /// One alternative for each JSON type; whole and other numbers are told apart. A whole number
-    /// is a std::int64_t; only one that is too large for it is a std::uint64_t.
+    /// One alternative for each JSON type. Whole numbers and floating-point numbers are distinct
+    /// types. A whole number is stored as std::int64_t, or as std::uint64_t if it is too large for
+    /// std::int64_t.
     using Data = std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, List, Object,
                               std::uint64_t>;
 
     GenericObjectValue() = default;
-    /// Null, which is also what the default constructor makes.
+    /// Null, as made by the default constructor.
     GenericObjectValue(std::nullptr_t) {}
-    /// True or false, or a number of any integer or floating-point type; a character type such as
-    /// `char` does not compile. What JSON cannot hold is written as null: see
+    /// A boolean, or a number of any integer or floating-point type. A character type such as
+    /// `char` does not compile. A number that JSON cannot represent is written as null: see
     /// GenericObject::toJSONStream().
     template <typename T, std::enable_if_t<std::is_arithmetic_v<T> && !isCharacter<T>, int> = 0>
     GenericObjectValue(T value) : data_(toData(value)) {}
-    /// A text in UTF-8, copied; must not be null.
+    /// Copies a text in UTF-8; must not be null.
     GenericObjectValue(const char* value) : data_(std::string(value)) {}
-    /// A text in UTF-8; anything else is stored, and refused when it is written.
+    /// A text in UTF-8. Any other text is stored, and refused when it is written.
     GenericObjectValue(std::string value) : data_(std::move(value)) {}
-    /// A text in UTF-8, copied; as above.
+    /// Copies a text in UTF-8. Any other text is refused when it is written.
     GenericObjectValue(std::string_view value) : data_(std::string(value)) {}
     /// An array of values.
     GenericObjectValue(List value) : data_(std::move(value)) {}
@@ -98,10 +99,10 @@ class ORVX_EXPORT GenericObjectValue {
     /// An array of texts.
     GenericObjectValue(const std::vector<std::string>& texts);
 
-    /// The value itself, for std::visit() and std::get_if().
+    /// The stored alternative, for std::visit() and std::get_if().
     const Data& data() const { return data_; }
 
-    /// Whether type and value are the same: 1 and 1.0 are not.
+    /// Whether type and value are equal: 1 and 1.0 are not.
     bool operator==(const GenericObjectValue& other) const { return data_ == other.data_; }
     /// The opposite of `==`.
     bool operator!=(const GenericObjectValue& other) const { return !(*this == other); }
@@ -116,9 +117,9 @@ class ORVX_EXPORT GenericObjectValue {
         } else if constexpr (std::is_signed_v<T> || sizeof(T) < sizeof(std::int64_t)) {
             return std::int64_t{value};
         } else {
-            constexpr std::uint64_t largest = std::numeric_limits<std::int64_t>::max();
-            return value <= largest ? Data(static_cast<std::int64_t>(value))
-                                    : Data(std::uint64_t{value});
+            constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
+            return value <= kLargest ? Data(static_cast<std::int64_t>(value))
+                                     : Data(std::uint64_t{value});
         }
     }
 
@@ -132,28 +133,28 @@ class ORVX_EXPORT GenericObjectValue {
 class ORVX_EXPORT GenericObject {
   public:
     GenericObject();
-    /// A copy of the values at this moment; what becomes of one does not touch the other.
+    /// Copies the values. Later changes of one object do not affect the other.
     GenericObject(const GenericObject& other);
-    /// Replaces all values by a copy of the other's.
+    /// Replaces all values by a copy of the other object's values.
     GenericObject& operator=(const GenericObject& other);
     virtual ~GenericObject();
 
-    /// Whether there is a value under `key`, be it null or empty.
+    /// Whether the key exists. Its value may be null or empty.
     bool hasValue(const std::string& key) const;
-    /// Empty when there is no such key.
+    /// The value for `key`; absent if the key does not exist.
     std::optional<GenericObjectValue> getValue(const std::string& key) const;
-    /// The text under `key`; an empty one when there is none or it is not a text.
+    /// The text for `key`; empty if the key does not exist or the value is no text.
     std::string getText(const std::string& key) const;
-    /// The texts of the list under `key`; an empty list when there is none or it is not a list.
+    /// The texts of the list for `key`; empty if the key does not exist or the value is no list.
     std::vector<std::string> getTexts(const std::string& key) const;
-    /// Adds the value or replaces the one that is there.
+    /// Adds or replaces the value.
     void setValue(const std::string& key, GenericObjectValue value);
-    /// A missing key is no error.
+    /// Removes the value. A missing key is no error.
     void removeValue(const std::string& key);
 
-    /// Writes the object as JSON in UTF-8, keys in ascending order, on one line, or indented by
-    /// four when `pretty`. Not a number and the infinities become null. Throws a std::exception
-    /// when a text is not valid UTF-8; nothing has been written then.
+    /// Writes the object as JSON in UTF-8, with the keys in ascending order, on one line, or
+    /// indented by four spaces if `pretty` is set. NaN and infinities are written as null. Throws a
+    /// std::exception if a text is not valid UTF-8; nothing has been written then.
     void toJSONStream(std::ostream& stream, bool pretty) const;
 
   private:

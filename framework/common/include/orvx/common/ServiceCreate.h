@@ -8,7 +8,7 @@
 
 namespace orvx::common {
 
-/// The description of a service that is to be registered.
+/// The description of a service to be registered.
 /// Thread-safety and copying: as ServiceModel.
 class ORVX_EXPORT ServiceCreate : public ServiceModel {
   public:
@@ -18,21 +18,20 @@ class ORVX_EXPORT ServiceCreate : public ServiceModel {
     ServiceCreate(const ServiceCreate&) = default;
     ServiceCreate& operator=(const ServiceCreate&) = default;
 
-    /// The id is the registry's to give: it is not sent with a registration.
+    /// Sets the id. The registry assigns ids: a registration does not send it.
     void setId(const std::string& id);
-    /// The path of the entry at the registry; a registration makes it "/" and the name if it is not
-    /// set.
+    /// Sets the path of the entry at the registry. Default at registration: "/" and the name.
     void setUri(const std::string& uri);
-    /// A text for people; a registration makes it the name if it is not set.
+    /// Sets the description for human readers. Default at registration: the name.
     void setDescription(const std::string& description);
-    /// Where the service listens. It is sent as given, not checked.
+    /// Sets the port on which the service listens. It is sent unchecked.
     void setPort(long port);
-    /// The versions that the service offers; a registration makes it an empty list if it is not
-    /// set.
+    /// Sets the versions that the service offers. Default at registration: an empty list.
     void setVersions(const std::vector<std::string>& versions);
-    /// What is needed to use the service; an empty list as above.
+    /// Sets the privileges that are needed to use the service. Default at registration: an empty
+    /// list.
     void setPrivileges(const std::vector<std::string>& privileges);
-    /// What kind of service it is; an empty list as above.
+    /// Sets the categories of the service. Default at registration: an empty list.
     void setServiceCategories(const std::vector<std::string>& categories);
 };
 

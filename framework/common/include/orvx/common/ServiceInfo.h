@@ -8,16 +8,17 @@
 
 namespace orvx::common {
 
-/// One service at one network endpoint. It plays two roles: the endpoint of the *registry*, given
-/// to the operations that register (its host and port count), and the endpoint of a service of
-/// *yours*, from which a description is built (all of it counts).
+/// One service at one network endpoint. It has two uses: as the endpoint of the *registry* in the
+/// operations that register, which use its host and port only; and as the endpoint of one of *your*
+/// services, from which a description is built, which uses all of its values.
 ///
 /// A value: copies are independent. Not synchronised; reading it from several threads is safe.
 class ORVX_EXPORT ServiceInfo {
   public:
-    /// `host` is a name, an IPv4 address, or an IPv6 address with or without brackets.
-    /// `prefix` is what the uri of a description built from this begins with, where the client was
-    /// told to register with prefixes; it ends as the uri should go on, usually with "/".
+    /// `host` is a name, an IPv4 address, or an IPv6 address with or without brackets. `prefix` is
+    /// the beginning of the uri of a description that is built from this object, if the client
+    /// registers with prefixes. The name follows the prefix directly, so the prefix usually ends
+    /// with "/".
     ServiceInfo(std::string name, std::string host, std::uint16_t port, std::string prefix = "",
                 ServiceVersion version = {});
 
@@ -27,16 +28,16 @@ class ORVX_EXPORT ServiceInfo {
     const std::string& getHost() const { return host_; }
     /// The TCP port.
     std::uint16_t getPort() const { return port_; }
-    /// What uris of built descriptions begin with; empty by default.
+    /// The beginning of the uri of built descriptions; empty by default.
     const std::string& getPrefix() const { return prefix_; }
     /// The version of the service; empty by default.
     const ServiceVersion& getVersion() const { return version_; }
 
-    /// What identifies the endpoint: the host in lower case, ":" and the port.
+    /// Identifies the endpoint: the host in lower case, ":" and the port.
     std::string getKey() const;
 
-    /// Whether all five values are the same, as they were given: getKey() tells whether two
-    /// endpoints are.
+    /// Whether all five values are equal, as given. To find out whether two objects name the same
+    /// endpoint, compare getKey().
     bool operator==(const ServiceInfo& other) const;
     /// The opposite of `==`.
     bool operator!=(const ServiceInfo& other) const { return !(*this == other); }

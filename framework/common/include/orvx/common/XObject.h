@@ -4,11 +4,11 @@
 
 namespace orvx::common {
 
-/// A generic object that something on the network is described by: it has an id, a name and a uri
-/// under the keys of those names. Thread-safety: as GenericObject.
+/// A generic object that describes a resource on the network: its id, name and uri are stored under
+/// the keys of those names. Thread-safety: as GenericObject.
 class ORVX_EXPORT XObject : public GenericObject {
   public:
-    /// An empty text leaves its value unset.
+    /// An empty text leaves its key unset.
     XObject(const std::string& id, const std::string& name, const std::string& uri);
 };
 

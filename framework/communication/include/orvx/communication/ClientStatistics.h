@@ -11,78 +11,80 @@
 
 namespace orvx::communication {
 
-/// What the sessions that report here have done, counted since it was made. An attempt that the
-/// client makes again after a failure is a request of its own.
+/// Counts the requests of the sessions that report to this object, from its construction on. An
+/// attempt that the client makes again after a failure counts as a request of its own.
 ///
-/// It needs bounded memory, whatever servers answer: an HTTP status code has three digits.
+/// Memory is bounded whatever servers answer: an HTTP status code has three digits.
 /// Thread-safety: every operation may be called from any thread.
 class ORVX_EXPORT ClientStatistics {
   public:
-    /// The methods that requests are counted by.
+    /// The methods by which requests are counted.
     enum class Method : std::uint8_t { Put, Head, Delete };
 
     /// How one request ended.
     struct Outcome {
-        /// What was asked.
+        /// The method of the request.
         Method method = Method::Put;
-        /// How it ended, as far as the network is concerned.
+        /// The outcome at the network level.
         CommunicationStatus status = CommunicationStatus::Ok;
-        /// Of the answer; 0 when there is none.
+        /// The status code of the answer; 0 without an answer.
         int httpStatus = 0;
-        /// From submission on.
+        /// From submission to the outcome.
         std::chrono::nanoseconds latency{0};
-        /// How often it was repeated on another connection, because the kept one had ended.
+        /// How often the request was repeated on another connection because the kept connection had
+        /// ended.
         std::uint64_t repeated = 0;
     };
 
-    /// How the last request ended, and when.
+    /// The outcome of the last request, and its time.
     struct Last {
         /// As Outcome::status.
         CommunicationStatus status = CommunicationStatus::Ok;
-        /// 0 when there was no answer.
+        /// The status code of the answer; 0 without an answer.
         int httpStatus = 0;
         /// By the system's clock.
         std::chrono::system_clock::time_point when;
     };
 
-    /// What became of the requests of one method.
+    /// The counts for one method.
     struct OfMethod {
-        /// Requests whose handler was given an outcome.
+        /// Requests whose handler was called with an outcome.
         std::uint64_t completed = 0;
-        /// How many of them ended in which way, and with which HTTP status code; what did not occur
-        /// is absent. Those without an answer have no HTTP status code.
+        /// The number of requests by outcome. Outcomes that did not occur are absent.
         std::map<CommunicationStatus, std::uint64_t> byStatus;
-        /// The answers by their HTTP status codes.
+        /// The number of answers by HTTP status code. Requests without an answer are not in it.
         std::map<int, std::uint64_t> byHttpStatus;
-        /// Attempts beyond the first of a request: it is repeated by itself, on another connection,
-        /// when the kept one has ended before an answer.
+        /// Attempts after the first one of a request. The library repeats a request on another
+        /// connection if the kept connection has ended before an answer.
         std::uint64_t repeated = 0;
         /// Absent until a request has ended.
         std::optional<Last> last;
-        /// When the last answer came with a status code from 200 to 299; absent until then.
+        /// The time of the last answer with a status code from 200 to 299; absent until then.
         std::optional<std::chrono::system_clock::time_point> lastGood;
     };
 
-    /// All that was counted until one moment.
+    /// All counts at one moment.
     struct Snapshot {
-        /// Over all methods.
+        /// Requests of all methods.
         std::uint64_t completed = 0;
-        /// How many of them ended in which way; what did not occur is absent.
+        /// The number of requests by outcome, over all methods. Outcomes that did not occur are
+        /// absent.
         std::map<CommunicationStatus, std::uint64_t> byStatus;
-        /// From submission to the whole answer, over requests that were answered.
+        /// The sum of the times from submission to the whole answer, over requests that were
+        /// answered.
         std::chrono::nanoseconds totalLatency{0};
-        /// The longest of them.
+        /// The longest of these times.
         std::chrono::nanoseconds longestLatency{0};
-        /// Every method is there.
+        /// Contains every method.
         std::map<Method, OfMethod> byMethod{
             {Method::Put, {}}, {Method::Head, {}}, {Method::Delete, {}}};
     };
 
-    /// A copy, of one moment.
+    /// A copy of the counts at one moment.
     Snapshot snapshot() const ORVX_EXCLUDES(mutex_);
 
-    /// For sessions: one request has ended, just now. Memory is needed where a status occurs for
-    /// the first time; without, the request is not counted.
+    /// For sessions: records a request that has just ended. Recording needs memory if a status
+    /// occurs for the first time; if there is none, the request is not counted.
     void record(const Outcome& outcome) noexcept ORVX_EXCLUDES(mutex_);
 
   private:
@@ -90,7 +92,7 @@ class ORVX_EXPORT ClientStatistics {
     Snapshot counted_ ORVX_GUARDED_BY(mutex_);
 };
 
-/// "PUT", "HEAD" or "DELETE"; an empty text for a value that is none of them.
+/// "PUT", "HEAD" or "DELETE"; an empty text for any other value.
 ORVX_EXPORT const char* methodToString(ClientStatistics::Method method) noexcept;
 
 }  // namespace orvx::communication

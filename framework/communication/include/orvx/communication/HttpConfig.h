@@ -12,79 +12,81 @@
 
 namespace orvx::communication {
 
-/// TLS towards the server. Off by default. A server is always verified, its certificate and its
-/// name, unless that is switched off by name.
+/// TLS towards the server. Off by default. The server's certificate and name are always verified,
+/// unless disableServerVerification is set.
 ///
-/// Paths are those of PEM files, which are read for each new connection: what is replaced on disk
-/// is used by the next one. They must be there when the configuration is first used; one that is
-/// missing or broken later fails the connections that are made meanwhile, with TlsFailed.
+/// Paths name PEM files. They are read for each new connection: a file that is replaced on disk is
+/// used by the next connection. The files must exist when the configuration is first used. A file
+/// that is missing or broken later fails the connections that are made meanwhile, with TlsFailed.
 struct TlsConfig {
-    /// The versions of TLS that may be asked for.
+    /// Versions of TLS.
     enum class Version { Tls12, Tls13 };
 
-    /// Whether TLS is spoken at all. Default: false.
+    /// Whether TLS is used. Default: false.
     bool enabled = false;
-    /// The authorities to trust: a file, a folder (hashed names), or, with both empty, the
-    /// system's.
+    /// A file with the certificates of the authorities to trust. If neither a file nor a folder is
+    /// given, the system's authorities are trusted.
     std::string authorityFile;
-    /// A folder of authorities, as OpenSSL's `c_rehash` names them.
+    /// A folder with the certificates of the authorities to trust, named as by OpenSSL's
+    /// `c_rehash`.
     std::string authorityFolder;
-    /// What this client shows of itself; both empty: nothing. The key may be in the certificate's
-    /// file; it must not be encrypted.
+    /// The certificate that this client presents; empty: none. The file may also contain the key,
+    /// which must not be encrypted.
     std::string clientCertificateFile;
-    /// The private key that belongs to the certificate.
+    /// The private key of the certificate; empty: the key is in clientCertificateFile.
     std::string clientKeyFile;
     /// The lowest version that is accepted.
     Version lowestVersion = Version::Tls12;
-    /// True accepts any server that speaks TLS. For experiments.
+    /// True accepts any server that speaks TLS. For experiments only. Default: false.
     bool disableServerVerification = false;
 };
 
-/// How HTTP is spoken: time-outs, bounds, headers, credentials, the way to the server, TLS. A
-/// value, but for the objects that it shares.
+/// The configuration of HTTP: time-outs, limits, headers, credentials, proxy or Unix socket, TLS. A
+/// value; copies share the objects that pointers refer to.
 ///
-/// A configuration that makes no sense is refused by init() with one sentence that names the
-/// option. Time-outs beyond 24 days count as 24 days.
+/// init() refuses a configuration that cannot work, with one sentence that names the option. A
+/// time-out of more than 24 days counts as 24 days.
 struct HttpConfig {
     /// Name and value.
     using Header = std::pair<std::string, std::string>;
 
-    /// From taking a connection until it stands, TLS and a proxy's consent included. Positive.
+    /// Time to connect, including TLS and the proxy's CONNECT. Positive.
     std::chrono::milliseconds connectTimeout{5000};
-    /// From submitting a request until its whole answer is there, waiting for a connection
-    /// included. Positive.
+    /// Time from the submission of a request to the end of its answer, including the wait for a
+    /// connection. Positive.
     std::chrono::milliseconds requestTimeout{30000};
-    /// Connections to one endpoint; requests beyond wait. Positive.
-    std::size_t connectionsPerEndpoint = 16;
-    /// Bounds of an answer, in bytes: all its header lines together (interim answers included), and
-    /// its body. One beyond fails with TooLarge. Beyond 300 KiB of headers no setting counts.
+    /// The maximum number of connections to one endpoint. Further requests wait for a connection.
     /// Positive.
+    std::size_t connectionsPerEndpoint = 16;
+    /// The maximum size of an answer's headers in bytes, including those of interim answers. A
+    /// larger answer fails with TooLarge. Values above 300 KiB count as 300 KiB. Positive.
     std::size_t maxHeaderBytes = 128 * 1024;
-    /// The bound of an answer's body, in bytes. Positive.
+    /// The maximum size of an answer's body in bytes. A larger answer fails with TooLarge.
+    /// Positive.
     std::size_t maxBodyBytes = 1024 * 1024;
-    /// Sent with every request.
+    /// Headers that are sent with every request.
     std::vector<Header> headers;
-    /// Sent as User-Agent; empty: no such header.
+    /// The value of User-Agent; empty: the header is not sent.
     std::string userAgent = "OrvxServiceRegistryClient";
-    /// Shown with every request, in its Authorization header; not to a proxy that TLS passes
-    /// through. Shared: set another value there whenever you like. Null: none.
+    /// Sent with every request in its Authorization header; not sent to a proxy that only tunnels
+    /// TLS. Shared: the credentials may be changed at any time. Null: none.
     std::shared_ptr<HttpCredentials> credentials;
-    /// The HTTP proxy that every connection goes through, as "http://host:port"; empty: none,
-    /// whatever the environment says. TLS passes through it (CONNECT); plain requests are read by
-    /// it, and its own answers are taken for the server's.
+    /// The HTTP proxy of every connection, as "http://host:port"; empty: none. Environment
+    /// variables are ignored. TLS is tunnelled through the proxy (CONNECT). Plain requests are
+    /// forwarded by the proxy, whose own answers count as the server's.
     std::string proxy;
-    /// Shown to the proxy: with each plain request, and once for each connection that TLS passes
-    /// through, which then stands whatever is set later. Null: none.
+    /// Sent to the proxy with each plain request, and once for each TLS tunnel, which stays open
+    /// when the credentials change. Null: none.
     std::shared_ptr<HttpCredentials> proxyCredentials;
-    /// The Unix domain socket where every server is reached; empty: over TCP. The endpoint's host
-    /// and port are what the server and its certificate are called then. At most 107 bytes; not
-    /// together with a proxy.
+    /// The path of a Unix domain socket that is used to reach every server; empty: TCP. The
+    /// endpoint's host and port then only name the server and its certificate. At most 107 bytes.
+    /// Cannot be combined with a proxy.
     std::string unixSocketPath;
-    /// Whether and how connections are secured.
+    /// The configuration of TLS.
     TlsConfig tls;
-    /// Where the requests that are made with this configuration are counted, in place of a counter
-    /// that nobody sees. Keep the object, and take a snapshot() of it at any time, from any thread;
-    /// several configurations may share it. Null: the context counts for itself.
+    /// Counts the requests that are made with this configuration. Keep the object and call its
+    /// snapshot() at any time, from any thread. Several configurations may share it. Null: the
+    /// context uses an object of its own.
     std::shared_ptr<ClientStatistics> statistics;
 };
 

@@ -7,25 +7,26 @@
 
 namespace orvx::communication {
 
-/// What a client shows to be let in: a bearer token, a user and a password, or, as at first,
-/// nothing. It may be replaced at any time; the next request that is sent shows the new value.
+/// The credentials of a client: a bearer token, a user and a password, or nothing, which is the
+/// default. They may be replaced at any time; the next request that is sent uses the new ones.
 ///
-/// The library never logs it, and no exception's text contains it. Over plain HTTP everybody on the
-/// way can read it.
+/// The library never logs credentials, and no exception's text contains them. Plain HTTP transmits
+/// them unencrypted.
 ///
 /// Thread-safety: every operation may be called from any thread. The setters throw
-/// utility::OrvFoundationException, and have changed nothing then.
+/// utility::OrvFoundationException for invalid values and change nothing then.
 class ORVX_EXPORT HttpCredentials {
   public:
-    /// "Bearer". The token must not be empty, nor hold control characters such as the line end of
-    /// the file that it was read from.
+    /// Uses the scheme "Bearer". The token must not be empty and must not contain control
+    /// characters, such as the line feed at the end of a file.
     void setBearerToken(const std::string& token) ORVX_EXCLUDES(mutex_);
-    /// "Basic". Neither may hold control characters, nor the user a colon.
+    /// Uses the scheme "Basic". Neither value may contain control characters; the user must not
+    /// contain a colon.
     void setBasic(const std::string& user, const std::string& password) ORVX_EXCLUDES(mutex_);
-    /// Shows nothing from here on.
+    /// Removes the credentials.
     void clear() ORVX_EXCLUDES(mutex_);
 
-    /// For sessions: what goes into the header, or an empty text.
+    /// For sessions: the value of the header; empty if there are no credentials.
     std::string headerValue() const ORVX_EXCLUDES(mutex_);
 
   private:

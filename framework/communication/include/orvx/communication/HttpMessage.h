@@ -10,7 +10,7 @@
 
 namespace orvx::communication {
 
-/// What all HTTP messages have: headers and a body.
+/// The common part of HTTP messages: headers and a body.
 class ORVX_EXPORT HttpMessage {
   public:
     /// Name and value.
@@ -18,17 +18,18 @@ class ORVX_EXPORT HttpMessage {
 
     virtual ~HttpMessage();
 
-    /// All headers in the order received, names as they were spelt.
+    /// All headers in the order received; names are spelled as received.
     virtual std::vector<Header> getHeaders() const = 0;
-    /// The first header of that name, upper and lower case alike, without the space around it.
+    /// The value of the first header with that name, ignoring case, without surrounding white
+    /// space.
     virtual std::optional<std::string> getHeader(const std::string& name) const = 0;
-    /// Whether there is a header of that name, upper and lower case alike.
+    /// Whether there is a header with that name, ignoring case.
     virtual bool hasHeader(const std::string& name) const = 0;
     /// The Content-Type header.
     virtual std::optional<std::string> getContentType() const = 0;
-    /// The length of the body that is here, in bytes.
+    /// The length of the received body in bytes.
     virtual std::uint64_t getContentLength() const = 0;
-    /// The body as received; empty where there is none.
+    /// The body as received; empty if there is none.
     virtual const std::string& getBody() const = 0;
 
   protected:

@@ -5,12 +5,12 @@
 
 namespace orvx::communication {
 
-/// The outcome of a request: an HTTP answer, or what went wrong instead.
+/// The outcome of a request: an HTTP answer, or a failure.
 ///
 /// A value: copies are independent. Not synchronised; reading it from several threads is safe.
 class ORVX_EXPORT HttpResponse : public HttpMessage {
   public:
-    /// The HTTP numbers; any of them may occur, named here or not.
+    /// HTTP status codes. Any number may occur, even without a name here.
     enum class StatusCode : std::int32_t {
         None = 0,
         Ok = 200,
@@ -31,12 +31,12 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
         GatewayTimeout = 504,
     };
 
-    /// No answer: status code None, no headers, no body. `status` is not Ok.
+    /// A failure: status code None, no headers, no body. `status` must not be Ok.
     explicit HttpResponse(CommunicationStatus status);
-    /// The same, with its cause in words.
+    /// A failure with its cause as a text.
     HttpResponse(CommunicationStatus status, std::string cause);
-    /// An answer. `headerLines` are its header lines as received, each ending in CR LF or LF,
-    /// without the status line.
+    /// An answer. `headerLines` are its header lines as received, without the status line, each
+    /// ending with CR LF or LF.
     HttpResponse(StatusCode statusCode, std::string headerLines, std::string body);
     ~HttpResponse() override;
     HttpResponse(const HttpResponse&) = default;
@@ -44,12 +44,12 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
     HttpResponse& operator=(const HttpResponse&) = default;
     HttpResponse& operator=(HttpResponse&&) = default;
 
-    /// Ok for an answer, whatever its status code; otherwise what went wrong.
+    /// Ok for an answer, whatever its status code; otherwise the kind of failure.
     CommunicationStatus getCommunicationStatus() const { return communicationStatus_; }
-    /// Why there is no answer, for people, such as "connection refused by 10.0.0.5:8500". Empty for
-    /// an answer, and where no more is known than the status.
+    /// The cause of a failure for human readers, such as "connection refused by 10.0.0.5:8500".
+    /// Empty for an answer, and if the status says all that is known.
     std::string getCause() const;
-    /// The number of the answer; None where there is none.
+    /// The status code of the answer; None without an answer.
     StatusCode getStatusCode() const { return statusCode_; }
     /// The Location header: absent, or a text, which may be empty.
     std::optional<std::string> getLocation() const { return getHeader("Location"); }
@@ -66,7 +66,7 @@ class ORVX_EXPORT HttpResponse : public HttpMessage {
     StatusCode statusCode_;
     /// Empty without an answer.
     std::string headerLines_;
-    /// Or, without an answer, the cause.
+    /// The body, or the cause if there is no answer.
     std::string body_;
 };
 

@@ -7,15 +7,15 @@
 
 namespace orvx::communication {
 
-/// Whether the servers that are talked to answer at all.
+/// Counts how many requests in a row stayed without an answer.
 /// Thread-safety: every operation may be called from any thread.
 class HealthCheck {
   public:
-    /// Requests that stayed without an answer since the last answer.
+    /// Requests without an answer since the last answer.
     std::uint64_t consecutiveFailures() const noexcept { return failures_.load(); }
 
-    /// For sessions: the outcome of one request. An outcome that says nothing about the server (the
-    /// request was invalid, given up, or had no session) is ignored.
+    /// For sessions: records the outcome of one request. Outcomes that say nothing about the server
+    /// (the request was invalid, given up, or had no session) are ignored.
     void record(CommunicationStatus outcome) noexcept;
 
   private:

@@ -16,10 +16,10 @@ class IClientHttpFactory {
   public:
     virtual ~IClientHttpFactory();
 
-    /// A session for the endpoint; opens no connection yet. Never null. It may outlive the
-    /// communication context, and is of no use then.
+    /// Makes a session for the endpoint; opens no connection yet. Never returns null. A session may
+    /// outlive the communication context; its requests are dropped then.
     /// `host` is a name, an IPv4 address, or an IPv6 address with or without brackets.
-    /// Throws utility::OrvFoundationException when host, port or configuration cannot be used.
+    /// Throws utility::OrvFoundationException if host, port or configuration cannot be used.
     virtual std::shared_ptr<IClientHttpSession> createSession(
         const std::string& host, std::uint32_t port, HttpConfig config,
         std::shared_ptr<HealthCheck> healthCheck, std::shared_ptr<ClientStatistics> statistics) = 0;

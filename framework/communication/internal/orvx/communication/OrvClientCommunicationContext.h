@@ -9,45 +9,49 @@ namespace orvx::communication {
 
 /// HTTP/1.1 for a client: one I/O thread ("ORVX_HttpIO") for all sessions and requests.
 ///
-/// Thread-safety: setters, init() and deinit() are called by one thread at a time; the getters, and
-/// the sessions, from any thread at any time.
+/// Thread-safety: setters, init() and deinit() are called by one thread at a time; getters and
+/// sessions may be used from any thread at any time.
 class OrvClientCommunicationContext {
   public:
     OrvClientCommunicationContext();
-    /// De-initialises.
+    /// Calls deinit().
     ~OrvClientCommunicationContext();
     OrvClientCommunicationContext(const OrvClientCommunicationContext&) = delete;
     OrvClientCommunicationContext& operator=(const OrvClientCommunicationContext&) = delete;
 
-    /// Used from the next init() on. Without one nothing is logged.
+    /// Takes effect with the next init(). Without a factory nothing is logged.
     void setLoggerFactory(std::shared_ptr<utility::ILoggerFactory> loggerFactory);
-    /// What matters less is not logged. Used from the next init() on.
+    /// Sets the level up to which lines are logged. Takes effect with the next init().
     void setLogLevel(utility::ILogger::LogLevel level);
-    /// What sessions are made with; see getHttpConfig(). Used from the next init() on.
+    /// Sets the configuration of new sessions; see getHttpConfig(). Takes effect with the next
+    /// init().
     void setHttpConfig(HttpConfig config);
 
-    /// Starts the I/O thread; does nothing while it runs. Sessions made before work from here on.
-    /// Throws utility::OrvFoundationException when the HTTP configuration makes no sense or
-    /// descriptors ran out, and std::system_error when the thread cannot be made.
+    /// Starts the I/O thread; does nothing while it runs. Sessions that were made before work from
+    /// now on.
+    /// Throws utility::OrvFoundationException if the HTTP configuration is invalid or there are no
+    /// file descriptors left, and std::system_error if the thread cannot be made.
     void init();
 
     /// Gives up every outstanding request without calling its handler, closes every connection and
-    /// ends the I/O thread. When it returns no handler runs any more; it takes at most a second
-    /// beside a handler that is running. Inside a handler it does not wait for that handler.
-    /// Sessions stay and work again after the next init(); what is sent meanwhile is dropped.
-    /// In a forked child it does nothing, and leaks.
+    /// ends the I/O thread. When it returns, no handler runs any more. It takes at most a second
+    /// longer than a handler that is running. Called from inside a handler, it does not wait for
+    /// that handler.
+    /// Sessions stay valid and work again after the next init(); requests that are sent meanwhile
+    /// are dropped.
+    /// In a forked child it does nothing and leaks the thread's resources.
     void deinit();
 
     /// A copy of the HTTP configuration, for new sessions.
     HttpConfig getHttpConfig() const;
-    /// Lives as long as the context.
+    /// The factory; lives as long as the context.
     IClientHttpFactory& getClientHttpFactory() const;
-    /// A session that answers each request with NoSession, on the I/O thread like any other.
+    /// A session that answers each request with NoSession, on the I/O thread.
     std::shared_ptr<IClientHttpSession> getUnavailableSession() const;
-    /// For new sessions to report to. Never null.
+    /// The health check that new sessions report to. Never null.
     std::shared_ptr<HealthCheck> getHealthCheck() const;
-    /// As getHealthCheck(). They are those of the HTTP configuration, or, without, the context's
-    /// own.
+    /// The statistics that new sessions report to: those of the HTTP configuration, or the
+    /// context's own. Never null.
     std::shared_ptr<ClientStatistics> getClientStatistics() const;
 
   private:

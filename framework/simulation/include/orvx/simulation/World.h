@@ -15,9 +15,9 @@ namespace orvx::simulation {
 
 struct WorldState;
 
-/// A request that a client under test has sent and the test answers by hand.
-/// The answer runs the client's handler at once, as the I/O thread would, before the call returns.
-/// Copies are the same request; it may be kept longer than the client. Not synchronised.
+/// A request that a client under test has sent and that the test answers.
+/// The answer calls the client's handler before it returns, simulating the I/O thread. Copies refer
+/// to the same request. A request may be kept longer than the client. Not synchronised.
 class Request {
   public:
     struct Data;
@@ -27,22 +27,22 @@ class Request {
     /// The path as the client gave it.
     const std::string& path() const;
     const std::string& contentType() const;  ///< empty for a HEAD
-    const std::string& accept() const;       ///< empty but for a PUT
+    const std::string& accept() const;       ///< empty except for a PUT
     const std::string& body() const;         ///< a copy made when the request was sent
-    /// The host of the registry that was asked.
+    /// The host of the registry to which the request was sent.
     const std::string& host() const;
-    /// The port of the registry that was asked.
+    /// The port of the registry to which the request was sent.
     std::uint16_t port() const;
 
-    /// False once it is answered, abandoned or dropped by a stop.
+    /// False once the request is answered, abandoned or dropped by a stop.
     bool isOutstanding() const;
 
-    /// Answers it; nothing happens when it is not outstanding (an answer that comes too late).
-    /// `headerLines` as in HttpResponse; a PUT needs a 200 or 201 with "Location: /uuid\r\n". The
-    /// second form also takes what is no answer: HttpResponse(CommunicationStatus::ConnectFailed).
+    /// Answers the request. Does nothing if it is not outstanding, which simulates a late answer.
+    /// `headerLines` as in HttpResponse; a PUT needs a 200 or 201 with "Location: /uuid\r\n".
     /// The client's own callbacks run with the next World::settle().
     void answer(int statusCode, const std::string& headerLines = "", const std::string& body = "");
-    /// As above, with an answer or a failure of the network.
+    /// Answers with an HTTP answer, or with a failure such as
+    /// HttpResponse(CommunicationStatus::ConnectFailed).
     void answer(const communication::HttpResponse& response);
 
   private:
@@ -50,9 +50,9 @@ class Request {
 };
 
 /// Simulated time, threads and network for the clients that are made while it exists. Nothing
-/// happens by itself: the test turns the clock, runs the queued tasks and answers the requests, all
-/// on its own thread. So an hour takes no time, and every run is the same. Registry does the common
-/// things for it.
+/// happens by itself: the test advances the clock, runs the queued tasks and answers the requests,
+/// all on its own thread. So an hour takes no time, and every run is the same. Registry answers the
+/// common requests automatically.
 ///
 ///     World world;                                    // first: the client lives in it
 ///     OrvServiceRegistryContext context;
@@ -63,19 +63,19 @@ class Request {
 ///     world.advance(10s);                             // the first check is due
 ///     world.takeRequest()->answer(404);               // the HEAD: the registry has lost the entry
 ///
-/// A program that simulates simulates everything: QueuedTimer, SingleThreadAsyncTaskExecutor and
-/// OrvClientCommunicationContext have second definitions, which belong to the world in existence
-/// when they are constructed. Making one of them, or a client, without a world throws
+/// The simulation covers the whole program: QueuedTimer, SingleThreadAsyncTaskExecutor and
+/// OrvClientCommunicationContext have second definitions. Their objects belong to the world that
+/// exists when they are constructed. Constructing one of them, or a client, without a world throws
 /// std::logic_error.
 ///
-/// One world at a time; it must outlive the clients made in it.
+/// Only one world can exist at a time; it must outlive the clients made in it.
 ///
-/// Thread-safety: none; world, clients and all that belongs to them are used on one thread. The
-/// client's blocking forms cannot be used: they wait for an answer that this thread is to give. A
-/// setWithdrawAtDeinit() waits in real time for the same answers, until its bound has passed.
+/// Thread-safety: none; world, clients and all their objects are used on one thread. The client's
+/// blocking forms cannot be used: they wait for an answer that the same thread has to give. With
+/// setWithdrawAtDeinit(), deinit() waits for such answers in real time, until its bound has passed.
 class World {
   public:
-    /// Begins at the time zero. Throws std::logic_error when there is a world already.
+    /// Begins at time zero. Throws std::logic_error if there is a world already.
     World();
     ~World();
     World(const World&) = delete;
@@ -83,47 +83,49 @@ class World {
 
     // Time and the timers' threads.
 
-    /// Since the world began, which is 1 January 2026, 0:00 UTC, by the system's clock.
+    /// The time since the world began. The world begins on 1 January 2026, 0:00 UTC, by the
+    /// system's clock.
     std::chrono::milliseconds now() const;
-    /// Moves the clock and runs the timer tasks that fall due, in the order of their due times,
-    /// each at its own; also those that are added on the way. It runs timer tasks only: see
-    /// settle(). Nothing and less move nothing, and run what is due now.
+    /// Advances the clock and runs the timer tasks that fall due, in the order of their due times,
+    /// each at its own time. This includes tasks that are added meanwhile. It runs timer tasks
+    /// only: see settle(). Zero and less do not move the clock, and run the tasks that are due now.
     void advance(std::chrono::milliseconds duration);
-    /// When the next timer task falls due, from now; empty when none is pending.
+    /// The time until the next timer task falls due; empty if none is pending.
     std::optional<std::chrono::milliseconds> nextDelay() const;
-    /// When the pending timer tasks fall due, from now, in that order.
+    /// The times until the pending timer tasks fall due, in ascending order.
     std::vector<std::chrono::milliseconds> pendingDelays() const;
     /// The delays given to addTask() since the last call, in order, exactly as given.
     std::vector<std::chrono::milliseconds> takeAddedDelays();
 
     // The executors' threads and the I/O threads.
 
-    /// Runs what is queued on I/O threads and executors, until nothing is.
+    /// Runs the tasks that are queued on I/O threads and executors, until there are none.
     void settle();
-    /// Runs what is queued on I/O threads (abandoned requests, requests without a session) only.
+    /// Runs only the tasks that are queued on I/O threads: abandoned requests and requests without
+    /// a session.
     void runIo();
     /// Tasks queued on executors, running or stopped.
     std::size_t queuedTasks() const;
     /// The name of the simulated thread that is running ("ORVX_SRCBExec", "ORVX_SRRExec",
-    /// "ORVX_HttpIO"); empty on the test's own.
+    /// "ORVX_HttpIO"); empty on the test's own thread.
     std::string currentThread() const;
 
     // Network.
 
-    /// The oldest request that was not taken yet; empty when there is none.
+    /// The oldest request that was not taken yet; empty if there is none.
     std::optional<Request> takeRequest();
-    /// How many requests wait to be taken.
+    /// The number of requests that were not taken yet.
     std::size_t requestsToTake() const;
-    /// Requests that were neither answered, abandoned nor dropped.
+    /// The number of requests that were neither answered, abandoned nor dropped.
     std::size_t outstandingRequests() const;
 
-    /// What the client asked for when it first talked to an endpoint.
+    /// The arguments with which a client made a session.
     struct Session {
         /// The registry's host.
         std::string host;
         /// The registry's port.
         std::uint16_t port;
-        /// What the session was made with.
+        /// The session's configuration.
         communication::HttpConfig config;
     };
     /// Every session made so far, in order.
@@ -131,11 +133,11 @@ class World {
 
     // Faults.
 
-    /// Steps at which a test can interfere; what its hook throws leaves the operation, as it would
-    /// when the system fails there: OrvServiceRegistryContext::init() (where the executor's start
-    /// ends the process), or the first registration at an endpoint.
+    /// Steps at which a test can inject a fault. An exception of the hook leaves the operation,
+    /// like a failure of the system: OrvServiceRegistryContext::init() (where a failure to start
+    /// the executor ends the process), or the first registration at an endpoint.
     enum class Step { InitCommunication, StartExecutor, StartTimer, MakeSession };
-    /// Called at each step; replaces the hook before. Default: none.
+    /// Sets the function that is called at each step; replaces the one before. Default: none.
     void setHook(std::function<void(Step)> hook);
 
   private:

@@ -7,16 +7,16 @@
 
 namespace orvx::utility {
 
-/// Where log lines go. Implement it to bring them into your own log.
+/// The destination of log lines. Implement it to forward lines to your own log.
 ///
 /// Thread-safety: every operation may be called from any thread, several at once.
-/// A line may be written while the caller holds a lock of its own: an implementation must neither
-/// call back into the object that logs (the registry client, its context) nor wait for a thread
-/// that does. It may throw: whoever logs through StreamingLogger drops the line and goes on.
+/// The caller may hold a lock while it logs: an implementation must neither call the object that
+/// logs (the registry client, its context) nor wait for a thread that does. It may throw:
+/// StreamingLogger drops the line then.
 class ORVX_EXPORT ILogger {
   public:
-    /// The less a level matters, the higher its number. A logger at a level writes that level and
-    /// all below it.
+    /// Levels; a higher number is less important. A logger writes lines of its own level and of all
+    /// lower numbers.
     enum class LogLevel : std::int32_t {
         Off = -1,
         Error = 0,
@@ -27,21 +27,21 @@ class ORVX_EXPORT ILogger {
 
     virtual ~ILogger();
 
-    /// Writes one line. `message` is the exact text, without an end of line, and may hold bytes
-    /// that came from the network: escape them where they meet a terminal. `level` is the number of
-    /// a LogLevel; a level that is not enabled writes nothing.
+    /// Writes one line. `message` is the text without an end of line. It may contain bytes from the
+    /// network: escape them for a terminal. `level` is the number of a LogLevel; a level that is
+    /// not enabled writes nothing.
     virtual void log(const std::string& message, int level) = 0;
 
-    /// Whether lines of `level` are written at all.
+    /// Whether lines of `level` are written.
     virtual bool isEnabled(LogLevel level) const = 0;
 
-    /// Whether info output is enabled; unless overridden, what isEnabled() says of it.
+    /// Whether info lines are written. The default implementation calls isEnabled().
     virtual bool isInfoEnabled() const;
 };
 
-/// Holds the level that loggers have unless told otherwise.
+/// Contains the default level of loggers.
 struct Logger {
-    /// Info: nothing is written while all goes well; a retry or a re-registration is a line.
+    /// Info: nothing is written in normal operation; a retry or a re-registration writes a line.
     static constexpr ILogger::LogLevel DEFAULT_LOG_LEVEL = ILogger::LogLevel::Info;
 };
 

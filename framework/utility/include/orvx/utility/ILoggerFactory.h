@@ -14,18 +14,18 @@ class ORVX_EXPORT ILoggerFactory {
   public:
     virtual ~ILoggerFactory();
 
-    /// A logger for `name` within `component`, e.g. ("OrvxServiceRegistryClient", "Session").
-    /// Never null. The logger may outlive the factory.
+    /// Makes a logger for `name` within `component`, e.g. ("OrvxServiceRegistryClient", "Session").
+    /// Never returns null. The logger may outlive the factory.
     virtual std::shared_ptr<ILogger> createLogger(const std::string& component,
                                                   const std::string& name) = 0;
 
-    /// Returns when the lines written so far are where they belong.
+    /// Blocks until all lines written so far have reached their destination.
     virtual void flush() = 0;
 
-    /// The level that all loggers of this factory have.
+    /// The level of all loggers of this factory.
     virtual ILogger::LogLevel getLogLevel() const = 0;
 
-    /// Takes effect at once, for loggers already made too.
+    /// Sets the level of all loggers of this factory, including loggers that were made before.
     virtual void setLogLevel(ILogger::LogLevel level) = 0;
 };
 

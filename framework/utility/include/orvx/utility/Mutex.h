@@ -2,8 +2,8 @@
 
 #include <mutex>
 
-// A mutex whose lock rule clang checks at compile time (-Wthread-safety). With other compilers the
-// annotations vanish and what is left is std::mutex and std::unique_lock.
+// A mutex whose lock rules clang checks at compile time (-Wthread-safety). With other compilers the
+// annotations expand to nothing, which leaves std::mutex and std::unique_lock.
 #if defined(__clang__)
 #define ORVX_ANNOTATION(x) __attribute__((x))
 #else
@@ -17,14 +17,14 @@
 
 namespace orvx::utility {
 
-/// A std::mutex that clang can follow: see above. Usually taken by a MutexLock.
+/// A std::mutex with annotations for clang. Usually locked by a MutexLock.
 class ORVX_ANNOTATION(capability("mutex")) Mutex {
   public:
-    /// Waits until no other thread holds it. Not recursive.
+    /// Blocks until the mutex is free and locks it. Not recursive.
     void lock() ORVX_ANNOTATION(acquire_capability()) { mutex_.lock(); }
-    /// Only by the thread that holds it.
+    /// Unlocks the mutex. Only by the thread that holds it.
     void unlock() ORVX_ANNOTATION(release_capability()) { mutex_.unlock(); }
-    /// Takes it if nobody holds it; never waits. False: it was not taken.
+    /// Locks the mutex if it is free; never blocks. Returns whether it was locked.
     bool try_lock() ORVX_ANNOTATION(try_acquire_capability(true)) { return mutex_.try_lock(); }
 
   private:
@@ -32,23 +32,23 @@ class ORVX_ANNOTATION(capability("mutex")) Mutex {
     std::mutex mutex_;
 };
 
-/// Holds a Mutex for a scope; may be let go and taken again within it.
+/// Holds a Mutex for a scope; may be unlocked and locked again within the scope.
 class ORVX_ANNOTATION(scoped_lockable) MutexLock {
   public:
-    /// Takes the mutex, which must outlive this object.
+    /// Locks the mutex, which must outlive this object.
     explicit MutexLock(Mutex& mutex) ORVX_ANNOTATION(acquire_capability(mutex))
         : lock_(mutex.mutex_) {}
-    /// Lets it go if it is held.
+    /// Unlocks the mutex if it is held.
     ~MutexLock() ORVX_ANNOTATION(release_capability()) {}
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-    /// Takes it again after unlock().
+    /// Locks the mutex again after unlock().
     void lock() ORVX_ANNOTATION(acquire_capability()) { lock_.lock(); }
-    /// Lets it go before the scope ends.
+    /// Unlocks the mutex before the end of the scope.
     void unlock() ORVX_ANNOTATION(release_capability()) { lock_.unlock(); }
 
-    /// For std::condition_variable: a wait returns with the lock held again.
+    /// For std::condition_variable: after a wait the lock is held again.
     std::unique_lock<std::mutex>& native() { return lock_; }
 
   private:

@@ -4,24 +4,25 @@
 
 namespace orvx::utility {
 
-/// Loggers that write timed lines to standard error:
+/// Makes loggers that write lines with a time to standard error:
 /// "2026-01-31 12:00:00.123 WARNING OrvxServiceRegistryClient.OrvServiceRegistryClient: text".
 ///
-/// What a terminal could mistake for a command or for a second line is escaped here, and here only:
-/// a byte below 0x20, 0x7F, a C1 control character, a control of the writing direction (such as
-/// U+202E) and a byte that is not UTF-8 appear as "\xHH", a line feed as "\n", a backslash as "\\".
-/// A text of more than 4096 bytes is cut and ends in "... (N bytes more)".
-/// A line that cannot be written is dropped in silence.
+/// Characters that a terminal could interpret as a command or as a second line are escaped here,
+/// and only here: a byte below 0x20, 0x7F, a C1 control character, a control of the writing
+/// direction (such as U+202E) and a byte that is not UTF-8 are written as "\xHH", a line feed as
+/// "\n", a backslash as "\\".
+/// A text of more than 4096 bytes is cut and ends with "... (N bytes more)".
+/// A line that cannot be written is dropped silently.
 ///
-/// Nobody who logs ever waits for a reader. What standard error does not take at once is queued, up
-/// to 256 KiB, and written in its order by a thread of the factory's own ("ORVX_Console"), which is
-/// started then. What is logged while the queue is full is dropped until all of it is written, and
-/// counted in one line after it. flush(), and the end of the factory and the last of its loggers,
-/// wait a second at most for the queue to be written; what is left then is lost.
-/// In a forked child, loggers write lines of the child's own only.
+/// Logging never waits for a reader of standard error. Bytes that standard error does not take at
+/// once are queued, up to 256 KiB, and written in order by a thread of the factory
+/// ("ORVX_Console"), which is started on demand. Once the queue is full, lines are dropped until it
+/// is empty; one line with their number follows. flush(), and the destruction of the factory and of
+/// its last logger, wait at most one second for the queue to be written; the rest is lost.
+/// In a forked child, loggers write only lines of the child.
 class ORVX_EXPORT TimedConsoleLoggerFactory : public ILoggerFactory {
   public:
-    /// Lines of `level` and of what matters more are written.
+    /// Lines of `level` and of more important levels are written.
     explicit TimedConsoleLoggerFactory(ILogger::LogLevel level);
     ~TimedConsoleLoggerFactory() override;
     TimedConsoleLoggerFactory(const TimedConsoleLoggerFactory&) = delete;

@@ -4,18 +4,18 @@
 
 namespace orvx::utility {
 
-/// Remembers the process that it was made or set in, to know a forked child by. In such a child
-/// there are no threads but the one that forked, and every lock that another one held is held for
-/// ever: what stands behind a mark is to be left alone there, and leaked.
+/// Remembers the process in which it was made or set, to recognise a forked child. Such a child has
+/// only the thread that forked, and every lock that another thread held stays locked for ever. So
+/// the child must neither use nor destroy objects that belong to other threads: it leaks them.
 ///
 /// Thread-safety: every operation may be called from any thread.
 class ForkMark {
   public:
     ForkMark();
-    /// From here on this process is the one to remember.
+    /// Remembers the current process.
     void set();
-    /// Whether this process is a child, forked since.
-    bool isLeftBehind() const noexcept;
+    /// Whether this process is a forked child of the remembered process.
+    bool isInForkedChild() const noexcept;
 
   private:
     std::atomic<int> process_;

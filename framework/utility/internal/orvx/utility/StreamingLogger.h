@@ -11,23 +11,24 @@
 
 namespace orvx::utility {
 
-/// Writes log lines with `<<`, in the ASCII digits of the "C" locale whatever the process has set:
+/// Writes log lines with `<<`. Numbers are written in ASCII digits, whatever the process's locale
+/// is:
 /// `logger.logWarning(false) << "retry " << 3;`
 ///
-/// Thread-safety: as the ILogger, which is called on the thread that logs. Nothing that an ILogger
-/// throws leaves this class: the line is dropped.
+/// Thread-safety: that of the ILogger, which is called on the thread that logs. Exceptions of the
+/// ILogger do not leave this class: the line is dropped.
 class StreamingLogger {
   public:
-    /// One line in the making; written when it is destroyed. Without a stream (the level is
-    /// disabled, or memory ran out) nothing is written.
+    /// One line that is being composed; the destructor writes it. Nothing is written if the level
+    /// is disabled or memory runs out.
     class LogEntry {
       public:
-        /// Takes the line over: the other one writes nothing.
+        /// Takes over the line: `other` writes nothing.
         LogEntry(LogEntry&& other) noexcept;
         LogEntry& operator=(LogEntry&&) = delete;
         ~LogEntry();
 
-        /// Appends the text as it is. Without memory the whole line is given up.
+        /// Appends the text unchanged. If memory runs out, the whole line is dropped.
         LogEntry& operator<<(std::string_view text) noexcept;
         /// Appends a whole number in decimal digits.
         template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer> &&
@@ -49,20 +50,20 @@ class StreamingLogger {
         std::optional<std::string> stream_;
     };
 
-    /// A null logger is allowed: nothing is written then.
+    /// `logger` may be null: nothing is written then.
     explicit StreamingLogger(std::shared_ptr<ILogger> logger) noexcept;
 
-    /// A line at that level, to be filled with `<<`. `evenIfDisabled` hands it to the logger
-    /// without asking it first whether the level is enabled; the logger may still drop it.
+    /// Starts an info line, to be completed with `<<`. If `evenIfDisabled` is set, the logger is
+    /// not asked whether the level is enabled; it may still drop the line.
     LogEntry logInfo(bool evenIfDisabled) const noexcept;
-    /// As logInfo(), for what is odd and went on.
+    /// As logInfo(), for a condition that is unusual but no failure.
     LogEntry logWarning(bool evenIfDisabled) const noexcept;
-    /// As logInfo(), for what failed.
+    /// As logInfo(), for a failure.
     LogEntry logError(bool evenIfDisabled) const noexcept;
 
-    /// ILogger::log(), directly; what it throws is dropped.
+    /// Calls ILogger::log(); exceptions are dropped.
     void log(const char* message, int level) const noexcept;
-    /// ILogger::isInfoEnabled(), directly; false when that throws.
+    /// Calls ILogger::isInfoEnabled(); false if that throws.
     bool isInfoEnabled() const noexcept;
 
   private:
