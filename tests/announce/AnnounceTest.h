@@ -2,7 +2,7 @@
 
 #include "ChildProcess.h"
 #include "Folder.h"
-#include "Road.h"
+#include "IntegrationSupport.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>

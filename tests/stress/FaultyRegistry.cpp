@@ -7,8 +7,8 @@
 #include "FaultyRegistry.h"
 
 #include "Announcer.h"
+#include "IntegrationSupport.h"
 #include "RawConnection.h"
-#include "Road.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

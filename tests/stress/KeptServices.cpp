@@ -7,7 +7,7 @@
 
 #include "KeptServices.h"
 
-#include "Road.h"
+#include "IntegrationSupport.h"
 
 #include <algorithm>
 #include <utility>

@@ -3,7 +3,7 @@
 #include "Descriptors.h"
 #include "Ledger.h"
 #include "Pace.h"
-#include "WireTest.h"
+#include "ProtocolTest.h"
 
 #include <future>
 #include <optional>

@@ -5,7 +5,7 @@
 
 #include "Users.h"
 
-#include "Road.h"
+#include "IntegrationSupport.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,0 +1,105 @@
+// TLS, tokens, proxies and sockets on the way to the registry.
+// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+#include "AnnounceTest.h"
+
+namespace orvx::announce {
+namespace {
+
+class TheConnectionToTheRegistry : public AnnounceTest {
+  protected:
+    /// The options of the service "echo", whose uri is /echo, at that registry.
+    Words at(const std::string& url) const {
+        const std::string port = std::to_string(service.port());
+        return {"--registry", url, "--name", "echo", "--port", port, "--uri", "/echo"};
+    }
+
+    const Folder folder;
+};
+
+TEST_F(TheConnectionToTheRegistry, MayBeTlsWithACertificateOfOnesOwn) {
+    ChildProcess secure("/usr/bin/env",
+                        {"python3", ORVX_TLS_REGISTRY, folder.file(""), "WantsACertificate"});
+    const std::string& output = secure.awaitOutput(".");
+    const auto port = std::stoi(output.substr(std::string("port ").size()));
+    Announce announce(at("https://127.0.0.1:" + std::to_string(port)) +
+                      Words{"--ca-file", folder.file("authority.pem"), "--client-cert",
+                            folder.file("client.pem"), "--client-key", folder.file("client.key")});
+    announce.awaitOutput(" announced ");
+    announce.stopped(0);
+    secure.awaitOutput("saw DELETE /echo.");
+}
+
+TEST_F(TheConnectionToTheRegistry, TrustsNobodyWhoIsNotVouchedFor) {
+    ChildProcess secure("/usr/bin/env", {"python3", ORVX_TLS_REGISTRY, folder.file(""), "None"});
+    const std::string& output = secure.awaitOutput(".");
+    const auto port = std::stoi(output.substr(std::string("port ").size()));
+    Announce announce(at("https://127.0.0.1:" + std::to_string(port)));
+    announce.awaitOutput(" unreachable reason=\"PUT: TLS_FAILED: TLS with 127.0.0.1:" +
+                         std::to_string(port) + " failed: self-signed certificate in");
+    announce.stopped(1);
+    EXPECT_THAT(secure.awaitOutput("failed: "), Not(HasSubstr("saw")));
+}
+
+TEST_F(TheConnectionToTheRegistry, ToAHostThatIsNotKnownIsToldByItsName) {
+    Announce announce(at("http://registry.invalid:8500"));
+    announce.awaitOutput(
+        " unreachable reason=\"PUT: RESOLVE_FAILED: the host registry.invalid is not known\" ");
+    announce.stopped(0);
+}
+
+TEST_F(TheConnectionToTheRegistry, ShowsATokenThatMayBeReplaced) {
+    front.onRequest([this](const Request& request) {
+        return request.header("Authorization") == "Bearer second" ? passOn(request, registry.port())
+                                                                  : testing::response(401);
+    });
+    const auto file = folder.file("token", "first\n");
+    Announce announce(at(urlOf(front.port())) + Words{"--token-file", file} +
+                      shell("trap : HUP; echo up; read line; read line"));
+    announce.awaitOutput("up\n");
+    announce.awaitErrors(" refused ");
+    EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer first");
+    folder.file("token", "second\n");
+    announce.signal(SIGHUP);
+    const std::string errors = announce.awaitErrors(" announced ");
+    EXPECT_THAT(errors, Not(AllOf(HasSubstr("first"), HasSubstr("second"))));
+    announce.endInput();
+    announce.ended(1);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(TheConnectionToTheRegistry, KeepsItsTokenWhenTheFileIsOfNoUse) {
+    const auto file = folder.file("token", "first");
+    passOnInFront();
+    Announce announce(at(urlOf(front.port())) + Words{"--token-file", file});
+    announce.awaitOutput(" announced ");
+    folder.file("token", "");
+    announce.signal(SIGHUP);
+    announce.awaitOutput(" no-token ");
+    announce.stopped(0);
+    EXPECT_EQ(front.requests().back().header("Authorization"), "Bearer first");
+}
+
+TEST_F(TheConnectionToTheRegistry, MayLeadThroughAProxy) {
+    front.onRequest([](const Request& request) {
+        return testing::response(request.method == "PUT" ? 201 : 200, {{"Location", "/1"}});
+    });
+    Announce announce(at("http://registry.invalid:8500") + Words{"--proxy", urlOf(front.port())});
+    announce.awaitOutput(" announced ");
+    EXPECT_EQ(front.requests().at(0).target, "http://registry.invalid:8500/echo");
+    announce.stopped(0);
+}
+
+TEST_F(TheConnectionToTheRegistry, MayBeASocketOfThisMachine) {
+    const auto socket = folder.file("socket");
+    ChildProcess local("/usr/bin/env",
+                       {"python3", ORVX_ANNOUNCE_TESTS "/unix_registry.py", socket});
+    local.awaitOutput("up\n");
+    Announce announce(at("http://registry.invalid") + Words{"--unix-socket", socket});
+    announce.awaitOutput(" announced ");
+    announce.stopped(0);
+    local.awaitOutput("PUT /echo of registry.invalid\n");
+    local.awaitOutput("DELETE /1 of registry.invalid\n");
+}
+
+}  // namespace
+}  // namespace orvx::announce

@@ -1,0 +1,103 @@
+// Children that are forked, and programs that are started, at any time while a client works: they
+// end as they like, and neither they nor the process notices.
+// Threads: the test's, its users', the client's three and the servers'.
+
+#include "Child.h"
+#include "IntegrationTest.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <thread>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using testing::HostileServer;
+using testing::Script;
+using testing::statusOfChild;
+
+/// Registers and withdraws as fast as it can as long as it lives.
+class User {
+  public:
+    User(IOrvServiceRegistryClient& client, const common::ServiceInfo& registry,
+         const std::string& name)
+        : thread_([this, &client, registry, name] {
+              while (!isOver_) {
+                  const auto lamp = client.registerServiceAtRegistry(registry, service(name));
+                  EXPECT_EQ(text(lamp.response), "OK/NONE");
+                  EXPECT_EQ(text(lamp.unregister()), "OK/NONE");
+                  ++rounds_;
+              }
+          }) {}
+    ~User() {
+        isOver_ = true;
+        thread_.join();
+    }
+    User(const User&) = delete;
+    User& operator=(const User&) = delete;
+
+    int rounds() const { return rounds_; }
+
+  private:
+    std::atomic<bool> isOver_{false};
+    std::atomic<int> rounds_{0};
+    std::thread thread_;
+};
+
+// A fork takes long where the thread sanitizer keeps a shadow of the memory.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kForks = 20;
+#else
+constexpr int kForks = 200;
+#endif
+
+class AForkingProcess : public IntegrationTest {};
+
+TEST_F(AForkingProcess, GoesOnAndSoDoItsChildrenHoweverTheyEnd) {
+    HostileServer silent;
+    silent.onRequest([](const auto& /*request*/) { return Script().silence(); });
+    context.setCheckInterval(0s);
+    start();
+    client().registerServiceAtRegistry(at(silent.port()), service("door"), nullptr);
+    ASSERT_TRUE(silent.waitForRequests(1));
+    const std::function<void()> endings[] = {[] {}, [] { ::_exit(0); },
+                                             [this] { context.deinit(); },
+                                             [] { ::execl("/bin/true", "true", nullptr); }};
+    const User one(client(), at(registry.port()), "one");
+    const User other(client(), at(registry.port()), "other");
+    for (int i = 0; i < kForks; ++i) {
+        ASSERT_EQ(statusOfChild(endings[i % 4]), 0) << i % 4;
+    }
+    const int before = one.rounds();
+    EXPECT_TRUE(eventually([&] { return one.rounds() > before + 1; }));
+    EXPECT_GT(other.rounds(), 0);
+    EXPECT_EQ(silent.counters().closedByPeer, 0U);
+}
+
+TEST_F(AForkingProcess, StartsProgramsThatHoldNoneOfItsConnectionsOpen) {
+    HostileServer front;
+    front.onRequest([](const auto& /*request*/) {
+        return testing::response(201, {{"Location", "/lamp"}});
+    });
+    context.enableCheck(false);
+    start();
+    registered("lamp", front.port());
+    const auto program = ::fork();
+    if (program == 0) {
+        ::execl("/bin/sleep", "sleep", "60", nullptr);
+        ::_exit(1);
+    }
+    context.deinit();
+    EXPECT_TRUE(front.waitForClosed(1));
+    ::kill(program, SIGKILL);
+    int status = 0;
+    ::waitpid(program, &status, 0);
+    EXPECT_EQ(WTERMSIG(status), SIGKILL) << "it ran until then";
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
