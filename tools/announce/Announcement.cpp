@@ -1,12 +1,12 @@
-// One service from its announcement to its withdrawal, on top of the library's asynchronous forms.
-// Everything happens on the main thread. The library's threads only post to the loop, and copy
-// what they pass; there is no lock.
+// Tracks one service from its announcement to its withdrawal, with the library's asynchronous
+// forms. Runs on the main thread. The library's threads only post copies to the loop; there is no
+// lock.
 
 #include "Announcement.h"
 
 #include <utility>
 
-#include "Answers.h"
+#include "Outcome.h"
 #include "Report.h"
 #include "ServiceDescriptions.h"
 
@@ -34,14 +34,14 @@ Announcement::Announcement(EventLoop& loop, const json& description, StateCounts
     ++counts_[state_];
 }
 
-/// The library keeps the entry, or tries to.
+/// Whether the library keeps the entry or tries to create it.
 bool Announcement::isLive() const {
     return state_ == State::Announcing || state_ == State::Announced ||
            state_ == State::Unreachable || state_ == State::Lost;
 }
 
 void Announcement::announce(Client& client, const common::ServiceInfo& registry) {
-    if (isLive() || state_ == State::Withdrawing || !unhealthy_.empty()) {
+    if (isLive() || state_ == State::Withdrawing || !healthProblem_.empty()) {
         return;
     }
     registerAt(client, registry);
@@ -50,7 +50,7 @@ void Announcement::announce(Client& client, const common::ServiceInfo& registry)
 void Announcement::change(const json& description, Client& client,
                           const common::ServiceInfo& registry) {
     service_ = toService(description);
-    unhealthy_.clear();
+    healthProblem_.clear();
     if (isLive()) {
         const Client::UnregisterHandle unregisterOld = unregister_;
         registerAt(client, registry);
@@ -59,15 +59,15 @@ void Announcement::change(const json& description, Client& client,
 }
 
 void Announcement::registerAt(Client& client, const common::ServiceInfo& registry) {
-    // A registration that ended had an event, unless no request was made for it.
-    lastOldId_ = known_.requestId;
+    // Every registration that ended had an event, unless no request was sent for it.
+    lastPreviousId_ = libraryStatus_.requestId;
     enter(State::Announcing, "announcing");
     unregister_ = client.registerServiceAtRegistry(
         registry, service_,
-        [this, number = ++registrations_](const OrvRegistrationResponse& outcome) {
+        [this, number = ++registrationCount_](const OrvRegistrationResponse& outcome) {
             loop_.post([=] {
-                if (number == registrations_) {
-                    answered(outcome);
+                if (number == registrationCount_) {
+                    handleOutcome(outcome);
                 }
             });
         });
@@ -77,8 +77,8 @@ void Announcement::refuse(const std::string& reason) {
     enter(State::Refused, "refused", {{"reason", reason}});
 }
 
-/// The response is absent where the registry was not asked.
-void Announcement::answered(const OrvRegistrationResponse& outcome) {
+/// The outcome has no response if no request was sent.
+void Announcement::handleOutcome(const OrvRegistrationResponse& outcome) {
     if (outcome.status != OrvRegistrationResponse::OK && isLive()) {
         enter(outcome.httpResponse ? State::Clearing : State::Refused, "refused",
               {{"reason", toText(outcome)}});
@@ -89,17 +89,17 @@ void Announcement::retract() {
     if (isLive()) {
         const std::string reason = reason_;
         enter(State::Withdrawing, "withdrawing");
-        reason_ = reason;  // what keeps it from being confirmed keeps it from being withdrawn
+        reason_ = reason;  // the cause that prevented the confirmation prevents the withdrawal, too
         unregister_(nullptr);
     }
 }
 
 void Announcement::setHealth(const std::string& reason) {
-    unhealthy_ = reason;
+    healthProblem_ = reason;
     if (reason.empty()) {
-        tell("healthy", json::object());
+        notify("healthy", json::object());
     } else {
-        tell("unhealthy", {{"reason", reason}});
+        notify("unhealthy", {{"reason", reason}});
         retract();
     }
 }
@@ -128,23 +128,23 @@ void Announcement::giveUp() {
     }
 }
 
-void Announcement::findNothingSent() {
+void Announcement::confirmNothingSent() {
     if (state_ == State::Withdrawing || state_ == State::Left) {
         enter(State::Withdrawn, "withdrawn");
     }
 }
 
-void Announcement::take(const Event& event) {
-    const Status& told = event.status;
-    if (told.requestId <= lastOldId_) {
+void Announcement::handleEvent(const Event& event) {
+    const Status& status = event.status;
+    if (status.requestId <= lastPreviousId_) {
         return;
     }
-    take(told);
+    updateStatus(status);
     const std::string name = registrationEventToString(event.kind);
     switch (event.kind) {
         case Event::Kind::Announced:
             if (isLive()) {
-                uuid_ = told.uuid;
+                uuid_ = status.uuid;
                 ++timesAnnounced_;
                 announcedSince_ = timestamp();
                 enter(State::Announced, name, {{"uuid", uuid_}});
@@ -156,9 +156,9 @@ void Announcement::take(const Event& event) {
             }
             break;
         case Event::Kind::Unreachable:
-            if (state_ != State::Announcing || !isRefusal(*told.lastFailure)) {
+            if (state_ != State::Announcing || !isRefusal(*status.lastFailure)) {
                 enter(state_ == State::Announced ? State::Unreachable : state_, name,
-                      {{"reason", told.lastFailure->text}});
+                      {{"reason", status.lastFailure->text}});
             }
             break;
         case Event::Kind::Reachable:
@@ -173,15 +173,15 @@ void Announcement::take(const Event& event) {
     }
 }
 
-void Announcement::take(const Status& status) {
-    if (status.requestId > lastOldId_ && status.requestId >= known_.requestId) {
-        known_ = status;
+void Announcement::updateStatus(const Status& status) {
+    if (status.requestId > lastPreviousId_ && status.requestId >= libraryStatus_.requestId) {
+        libraryStatus_ = status;
     }
 }
 
 bool Announcement::isConfirmedSince(std::chrono::system_clock::time_point when) const {
-    return (state_ == State::Announced || state_ == State::Unreachable) && known_.lastConfirmed &&
-           *known_.lastConfirmed >= when;
+    return (state_ == State::Announced || state_ == State::Unreachable) &&
+           libraryStatus_.lastConfirmed && *libraryStatus_.lastConfirmed >= when;
 }
 
 json Announcement::status() const {
@@ -195,19 +195,20 @@ json Announcement::status() const {
             status[key] = text;
         }
     };
-    set("unhealthy", unhealthy_);
+    set("unhealthy", healthProblem_);
     set("announcedSince", announcedSince_);
     set("uuid", uuid_);
     set("reason", reason_);
-    if (known_.lastConfirmed) {
-        status["lastConfirmed"] = timestamp(*known_.lastConfirmed);
+    if (libraryStatus_.lastConfirmed) {
+        status["lastConfirmed"] = timestamp(*libraryStatus_.lastConfirmed);
     }
-    if (known_.lastFailure) {
-        status["lastFailure"] = toJson(*known_.lastFailure);
+    if (libraryStatus_.lastFailure) {
+        status["lastFailure"] = toJson(*libraryStatus_.lastFailure);
     }
     if (isLive() || state_ == State::Withdrawing) {
-        status["attempts"] = known_.attempts;
-        set("nextAttempt", known_.nextAttempt ? timestamp(*known_.nextAttempt) : "");
+        status["attempts"] = libraryStatus_.attempts;
+        set("nextAttempt",
+            libraryStatus_.nextAttempt ? timestamp(*libraryStatus_.nextAttempt) : "");
     }
     return status;
 }
@@ -220,10 +221,10 @@ void Announcement::enter(State state, const std::string& event, const json& deta
         since_ = timestamp();
     }
     reason_ = details.value("reason", "");
-    tell(event, details);
+    notify(event, details);
 }
 
-void Announcement::tell(const std::string& event, json details) const {
+void Announcement::notify(const std::string& event, json details) const {
     details["service"] = service_->getName();
     details["uri"] = uri_;
     changed_(event, details);

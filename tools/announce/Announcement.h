@@ -16,11 +16,11 @@
 
 namespace orvx::announce {
 
-/// One service at the registry, from its announcement to its withdrawal. The library keeps both
-/// until they are done; this class keeps the state that the library tells.
-/// It may be announced again when it is refused or withdrawn.
-/// Thread-safety: none; what the library calls back with is posted to the loop first. It may end
-/// when it is refused, withdrawn or left.
+/// One service at the registry, from its announcement to its withdrawal. The library repeats
+/// both requests until they succeed; this class tracks the state that the library reports.
+/// A refused or withdrawn service may be announced again.
+/// Thread-safety: none; callbacks of the library are posted to the loop. It may be destroyed in the
+/// states Waiting, Refused, Withdrawn and Left.
 class Announcement {
   public:
     using Client = serviceregistryclient::IOrvServiceRegistryClient;
@@ -28,21 +28,21 @@ class Announcement {
     using Status = serviceregistryclient::RegistrationStatus;
 
     enum class State {
-        Waiting,      ///< announce() was not called yet
+        Waiting,      ///< before announce()
         Announcing,   ///< the registry has not confirmed the entry yet
         Announced,    ///< the registry has the entry
         Unreachable,  ///< it was announced, and the last check failed
         Lost,         ///< the registry has lost the entry; the library announces it again
-        Clearing,     ///< refused; the library deletes what an earlier attempt may have left
-        Refused,      ///< the registry does not want it, and has no entry
+        Clearing,     ///< refused; the library deletes the entry of an earlier attempt, if any
+        Refused,      ///< the registry has refused it and has no entry
         Withdrawing,  ///< withdraw() was called
         Withdrawn,    ///< the registry has no entry
-        Left,         ///< it was given up; an entry may be left
+        Left,         ///< the withdrawal was given up; an entry may be left
     };
-    /// How many services are in each state; shared by all announcements.
+    /// The number of services in each state; shared by all announcements.
     using StateCounts = std::map<State, std::size_t>;
     /// Called on the loop's thread after each change, with the event and its details. The event is
-    /// empty where a user need not be told.
+    /// empty for a change that is not shown to users.
     using Changed = std::function<void(const std::string& event, const nlohmann::json& details)>;
 
     /// `loop` and `counts` must outlive it.
@@ -52,45 +52,46 @@ class Announcement {
     Announcement(const Announcement&) = delete;
     Announcement& operator=(const Announcement&) = delete;
 
-    /// Registers it, unless it is announced already, is still being withdrawn, or is unhealthy.
+    /// Registers the service, unless it is announced, is being withdrawn, or is unhealthy.
     /// `client` must outlive the loop's run.
     void announce(Client& client, const common::ServiceInfo& registry);
-    /// Registers it with another description of the same uri: at once where the registry has an
-    /// entry, which is not missing in between; otherwise with the next announce(). All that the
-    /// library knows must have been taken before.
+    /// Replaces the description; the uri must be the same. An announced service is registered again
+    /// at once, and its entry exists throughout; any other one with the next announce(). Call
+    /// updateStatus() with the library's current status first.
     void change(const nlohmann::json& description, Client& client,
                 const common::ServiceInfo& registry);
-    /// It cannot be announced, for a reason of this process.
+    /// Enters Refused because of an error in this process.
     void refuse(const std::string& reason);
-    /// Withdraws it, or what may have been left of it when it was refused.
+    /// Withdraws the service, or the entry that an earlier attempt of a refused service may have
+    /// left.
     void withdraw();
-    /// Withdraws it until it is to be announced again; that may take however long.
+    /// Withdraws the service until the next announce(), without a time limit.
     void retract();
-    /// Whether it is well, by its health checks: an unhealthy one is retracted. The reason is empty
-    /// for a healthy one.
+    /// Takes the result of the health checks: an empty reason for a healthy service. An unhealthy
+    /// one is retracted.
     void setHealth(const std::string& reason);
-    /// What is not withdrawn counts as left, until the library has withdrawn it all the same.
+    /// Enters Left if the withdrawal has not succeeded. A later success still enters Withdrawn.
     void giveUp();
-    /// No request has ever reached the registry: there is no entry to be withdrawn.
-    void findNothingSent();
+    /// Enters Withdrawn, because no request was ever sent and the registry has no entry.
+    void confirmNothingSent();
 
-    /// To be called with each event of the library about this service's uri, in order.
-    void take(const Event& event);
-    /// To be called with what the library knows now.
-    void take(const Status& status);
-    /// All that is known, for a person who wants to know why.
+    /// Call it with each of the library's events about this uri, in order.
+    void handleEvent(const Event& event);
+    /// Call it with the library's current status of this uri.
+    void updateStatus(const Status& status);
+    /// The state and the details that explain it.
     nlohmann::json status() const;
-    /// Whether the registry has said since then that it has the entry, and nothing else after it.
+    /// Whether the registry has confirmed the entry since then and has not lost it.
     bool isConfirmedSince(std::chrono::system_clock::time_point when) const;
     State state() const { return state_; }
 
   private:
     bool isLive() const;
     void registerAt(Client& client, const common::ServiceInfo& registry);
-    void answered(const serviceregistryclient::OrvRegistrationResponse& outcome);
+    void handleOutcome(const serviceregistryclient::OrvRegistrationResponse& outcome);
     void enter(State state, const std::string& event,
                const nlohmann::json& details = nlohmann::json::object());
-    void tell(const std::string& event, nlohmann::json details) const;
+    void notify(const std::string& event, nlohmann::json details) const;
 
     EventLoop& loop_;
     const std::string uri_;
@@ -102,16 +103,16 @@ class Announcement {
     std::string since_;
     std::string announcedSince_;
     std::string uuid_;
-    /// Why it is not confirmed, refused or left; empty where it is as it should be.
+    /// Why the service is not confirmed, is refused or is left; empty if none of these applies.
     std::string reason_;
-    /// Why it is not healthy; empty where it is, or is not checked.
-    std::string unhealthy_;
+    /// Why the service is unhealthy; empty if it is healthy or not checked.
+    std::string healthProblem_;
     std::uint64_t timesAnnounced_ = 0;
-    Status known_;
-    /// Events up to this request id are about registrations before the last announce().
-    std::uint64_t lastOldId_ = 0;
-    /// Tells the answers to earlier registrations apart.
-    unsigned registrations_ = 0;
+    Status libraryStatus_;
+    /// Events up to this request id belong to registrations before the last one.
+    std::uint64_t lastPreviousId_ = 0;
+    /// Identifies outcomes of earlier registrations, which are ignored.
+    unsigned registrationCount_ = 0;
     Client::UnregisterHandle unregister_;
 };
 

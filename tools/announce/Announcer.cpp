@@ -1,6 +1,5 @@
-// All services of the program, in one context of the library.
-// Everything happens on the main thread. The library's threads only post to the loop, and copy
-// what they pass; there is no lock.
+// Announces all services of the program in one context of the library.
+// Runs on the main thread. The library's threads only post copies to the loop; there is no lock.
 
 #include "Announcer.h"
 
@@ -11,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "Answers.h"
+#include "Outcome.h"
 
 namespace orvx::announce {
 
@@ -20,8 +19,8 @@ using nlohmann::json;
 
 namespace {
 
-/// An attempt that is under way may be the first one that reaches the registry.
-constexpr std::chrono::milliseconds kGraceOfTheUnreached = 500ms;
+/// Lets a pending request, which may be the first to reach the registry, end.
+constexpr std::chrono::milliseconds kFirstRequestGrace = 500ms;
 
 }  // namespace
 
@@ -51,11 +50,11 @@ void Announcer::watchHealth(Service& service) {
     service.health = std::make_unique<HealthCheck>(loop_, children_, options_, service.description,
                                                    [this, &service](const std::string& reason) {
                                                        service.announcement->setHealth(reason);
-                                                       settle(service);
+                                                       announceIfWanted(service);
                                                    });
 }
 
-void Announcer::open() {
+void Announcer::openContext() {
     const RegistryOptions& registry = options_.registry;
     communication::HttpConfig http;
     http.userAgent = "orvx-announce";
@@ -75,8 +74,9 @@ void Announcer::open() {
     context->setRetryInterval(registry.retryInterval);
     context->setSyncCallUnregisterTimeout(options_.withdrawTimeout);
     context->setRegistrationListener(
-        [this](const Announcement::Event& event) { loop_.post([=] { take(event); }); });
-    context->setLogLevel(utility::ILogger::LogLevel::Off);  // Its events tell what users need.
+        [this](const Announcement::Event& event) { loop_.post([=] { handleEvent(event); }); });
+    context->setLogLevel(
+        utility::ILogger::LogLevel::Off);  // orvx-announce reports the events itself.
     context->init();
     context_ = std::move(context);
 }
@@ -84,7 +84,7 @@ void Announcer::open() {
 void Announcer::announce() {
     try {
         if (!context_) {
-            open();
+            openContext();
         }
     } catch (const std::exception& error) {
         for (auto& [uri, service] : services_) {
@@ -102,7 +102,7 @@ void Announcer::announce() {
     startHealthChecks();
 }
 
-/// Spread over the interval, so that their processes are.
+/// Spreads the first attempts over the interval, so that the processes do not start all at once.
 void Announcer::startHealthChecks() {
     std::chrono::milliseconds sum{0};
     for (auto& [uri, service] : services_) {
@@ -132,7 +132,7 @@ json Announcer::update(const std::vector<json>& descriptions) {
             difference["removed"].push_back(service->first);
             remove(service->second);
         }
-        service = forgetRemoved(service);
+        service = eraseIfRemoved(service);
     }
     return difference;
 }
@@ -155,8 +155,8 @@ void Announcer::remove(Service& service) {
     service.announcement->retract();
 }
 
-/// The service after it.
-Announcer::Services::iterator Announcer::forgetRemoved(Services::iterator service) {
+/// Returns the next service.
+Announcer::Services::iterator Announcer::eraseIfRemoved(Services::iterator service) {
     using State = Announcement::State;
     const State state = service->second.announcement->state();
     const bool isOver = state == State::Waiting || state == State::Refused ||
@@ -164,20 +164,20 @@ Announcer::Services::iterator Announcer::forgetRemoved(Services::iterator servic
     return service->second.isRemoved && isOver ? services_.erase(service) : std::next(service);
 }
 
-/// What was withdrawn because it was unhealthy or removed, and is healthy and wanted, is announced.
-void Announcer::settle(Service& service) {
+/// Announces a service whose withdrawal has ended if it is healthy and in the set again.
+void Announcer::announceIfWanted(Service& service) {
     if (isServing_ && !service.isRemoved &&
         service.announcement->state() == Announcement::State::Withdrawn) {
         service.announcement->announce(*context_->getServiceRegistryClient(), registry_);
     }
 }
 
-void Announcer::take(const Announcement::Event& event) {
+void Announcer::handleEvent(const Announcement::Event& event) {
     const auto found = services_.find(event.status.uri);
     if (found != services_.end()) {
-        found->second.announcement->take(event);
-        settle(found->second);
-        forgetRemoved(found);
+        found->second.announcement->handleEvent(event);
+        announceIfWanted(found->second);
+        eraseIfRemoved(found);
     }
 }
 
@@ -186,19 +186,19 @@ void Announcer::withdraw() {
     for (auto& [uri, service] : services_) {
         service.health->stop();
     }
-    each(&Announcement::withdraw);
-    loop_.after(kGraceOfTheUnreached, [this] {
+    forEach(&Announcement::withdraw);
+    loop_.after(kFirstRequestGrace, [this] {
         if (nothingWasSent(statistics_->snapshot())) {
-            each(&Announcement::findNothingSent);
+            forEach(&Announcement::confirmNothingSent);
         }
     });
 }
 
 void Announcer::giveUp() {
-    each(&Announcement::giveUp);
+    forEach(&Announcement::giveUp);
 }
 
-void Announcer::each(void (Announcement::*operation)()) {
+void Announcer::forEach(void (Announcement::*operation)()) {
     for (auto& [uri, service] : services_) {
         (*service.announcement.*operation)();
     }
@@ -223,7 +223,7 @@ void Announcer::refresh() {
         for (const auto& known : context_->getRegistrations()) {
             const auto found = services_.find(known.uri);
             if (found != services_.end()) {
-                found->second.announcement->take(known);
+                found->second.announcement->updateStatus(known);
             }
         }
     }

@@ -18,31 +18,31 @@
 
 namespace orvx::announce {
 
-/// Announces services at one registry: any number of them with one library context, whose
-/// resilience keeps entries and withdrawals. A service is withdrawn while its health checks fail.
-/// Thread-safety: none. It must end before the loop does, and not while the loop runs.
+/// Announces any number of services at one registry, with one library context with resilience.
+/// A service is withdrawn while its health checks fail.
+/// Thread-safety: none. Destroy it before the loop, and not while the loop runs.
 class Announcer {
   public:
-    /// `options` must outlive it. It starts no thread before announce().
+    /// `options` must outlive it. No thread is started before announce().
     Announcer(EventLoop& loop, Children& children, const Options& options,
               std::shared_ptr<communication::HttpCredentials> credentials,
               Announcement::Changed changed);
 
-    /// Announces what is healthy and not announced: all services, or later what was refused.
+    /// Announces every healthy service that is not announced. A refused service is tried again.
     void announce();
-    /// Makes these the services; announce() announces those that are new. The uris of what has
-    /// changed, by event: "added", "changed", "removed".
+    /// Replaces the set of services; the next announce() announces the new ones. Returns the uris
+    /// of the differences under "added", "changed" and "removed".
     nlohmann::json update(const std::vector<nlohmann::json>& descriptions);
-    /// Withdraws everything, for good.
+    /// Withdraws all services. None is announced afterwards.
     void withdraw();
-    /// What is not withdrawn is not waited for any more.
+    /// Stops waiting for withdrawals: a service that is not withdrawn enters Left.
     void giveUp();
 
     std::size_t size() const { return services_.size(); }
     std::size_t count(Announcement::State state) const;
-    /// How many entries the registry has confirmed within two check intervals.
+    /// The number of entries that the registry has confirmed within two check intervals.
     std::size_t countConfirmed();
-    /// Of each service, by ascending uri.
+    /// The status of each service, by ascending uri.
     nlohmann::json status();
 
   private:
@@ -52,23 +52,23 @@ class Announcer {
         nlohmann::json description;
         std::unique_ptr<Announcement> announcement;
         std::unique_ptr<HealthCheck> health;
-        /// It is forgotten as soon as it is withdrawn.
+        /// The service is erased as soon as it is withdrawn.
         bool isRemoved = false;
     };
     using Services = std::map<std::string, Service>;
 
-    void open();
+    void openContext();
     void add(const nlohmann::json& description);
     void watchHealth(Service& service);
     void startHealthChecks();
     void change(Service& service, const nlohmann::json& description);
     void remove(Service& service);
-    void each(void (Announcement::*operation)());
-    void take(const Announcement::Event& event);
-    /// Takes what the library knows now.
+    void forEach(void (Announcement::*operation)());
+    void handleEvent(const Announcement::Event& event);
+    /// Updates all announcements with the library's current status.
     void refresh();
-    void settle(Service& service);
-    Services::iterator forgetRemoved(Services::iterator service);
+    void announceIfWanted(Service& service);
+    Services::iterator eraseIfRemoved(Services::iterator service);
 
     EventLoop& loop_;
     Children& children_;
@@ -81,7 +81,7 @@ class Announcer {
     /// By uri.
     Services services_;
     bool isServing_ = false;
-    /// Last: its threads post to the loop.
+    /// Last, so that its threads, which post to the loop, end first.
     std::unique_ptr<Context> context_;
 };
 

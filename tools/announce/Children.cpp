@@ -1,5 +1,5 @@
-// Starting programs and waiting for them.
-// Everything happens on the main thread; there is no lock.
+// Starts programs and waits for them.
+// Runs on the main thread; there is no lock.
 
 #include "Children.h"
 
@@ -26,7 +26,7 @@ std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
     return pointers;
 }
 
-bool isOfTheServiceManager(const char* variable) {
+bool isServiceManagerVariable(const char* variable) {
     for (const char* prefix : {"NOTIFY_SOCKET=", "WATCHDOG_USEC=", "WATCHDOG_PID="}) {
         if (std::strncmp(variable, prefix, std::strlen(prefix)) == 0) {
             return true;
@@ -35,10 +35,10 @@ bool isOfTheServiceManager(const char* variable) {
     return false;
 }
 
-std::vector<char*> environmentOfTheCommand() {
+std::vector<char*> childEnvironment() {
     std::vector<char*> variables;
     for (char** variable = environ; *variable != nullptr; ++variable) {
-        if (!isOfTheServiceManager(*variable)) {
+        if (!isServiceManagerVariable(*variable)) {
             variables.push_back(*variable);
         }
     }
@@ -46,7 +46,7 @@ std::vector<char*> environmentOfTheCommand() {
     return variables;
 }
 
-/// What posix_spawn() is told beside the program.
+/// The attributes and file actions for posix_spawn().
 struct Attributes {
     explicit Attributes(const sigset_t& mask) {
         posix_spawnattr_init(&attributes);
@@ -61,7 +61,7 @@ struct Attributes {
     Attributes(const Attributes&) = delete;
     Attributes& operator=(const Attributes&) = delete;
 
-    void beAProbe() {
+    void configureAsProbe() {
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
@@ -69,9 +69,8 @@ struct Attributes {
 
     pid_t spawn(const std::vector<std::string>& arguments) const {
         pid_t pid = 0;
-        const int error =
-            ::posix_spawnp(&pid, arguments[0].c_str(), &actions, &attributes,
-                           pointersTo(arguments).data(), environmentOfTheCommand().data());
+        const int error = ::posix_spawnp(&pid, arguments[0].c_str(), &actions, &attributes,
+                                         pointersTo(arguments).data(), childEnvironment().data());
         if (error != 0) {
             throw std::system_error(error, std::generic_category(), arguments[0]);
         }
@@ -84,22 +83,22 @@ struct Attributes {
 
 }  // namespace
 
-pid_t Children::spawn(const std::vector<std::string>& arguments, Ended ended) {
+pid_t Children::spawn(const std::vector<std::string>& arguments, OnExit onExit) {
     const pid_t pid = Attributes(mask_).spawn(arguments);
-    ended_[pid] = std::move(ended);
+    exitHandlers_[pid] = std::move(onExit);
     return pid;
 }
 
-pid_t Children::spawnProbe(const std::vector<std::string>& arguments, Ended ended) {
+pid_t Children::spawnProbe(const std::vector<std::string>& arguments, OnExit onExit) {
     Attributes attributes(mask_);
-    attributes.beAProbe();
+    attributes.configureAsProbe();
     const pid_t pid = attributes.spawn(arguments);
-    ended_[pid] = std::move(ended);
+    exitHandlers_[pid] = std::move(onExit);
     return pid;
 }
 
-void Children::abandonProbe(pid_t pid) {
-    if (ended_.erase(pid) > 0) {
+void Children::killProbe(pid_t pid) {
+    if (exitHandlers_.erase(pid) > 0) {
         ::kill(-pid, SIGKILL);
     }
 }
@@ -107,11 +106,11 @@ void Children::abandonProbe(pid_t pid) {
 void Children::reap() {
     int status = 0;
     for (pid_t pid = 0; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
-        const auto found = ended_.find(pid);
-        if (found != ended_.end()) {
-            const Ended ended = std::move(found->second);
-            ended_.erase(found);
-            ended(status);
+        const auto found = exitHandlers_.find(pid);
+        if (found != exitHandlers_.end()) {
+            const OnExit onExit = std::move(found->second);
+            exitHandlers_.erase(found);
+            onExit(status);
         }
     }
 }

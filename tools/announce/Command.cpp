@@ -1,5 +1,5 @@
-// The command from its start to its end.
-// Everything happens on the main thread; there is no lock.
+// Starts and signals the command.
+// Runs on the main thread; there is no lock.
 
 #include "Command.h"
 
@@ -9,17 +9,17 @@
 
 namespace orvx::announce {
 
-void Command::start(const std::vector<std::string>& arguments, std::function<void()> ended) {
-    pid_ = children_.spawn(arguments, [this, ended = std::move(ended)](int status) {
+void Command::start(const std::vector<std::string>& arguments, std::function<void()> onExit) {
+    pid_ = children_.spawn(arguments, [this, onExit = std::move(onExit)](int status) {
         pid_ = 0;
         exitCode_ = WIFSIGNALED(status) ? kSignalled + WTERMSIG(status) : WEXITSTATUS(status);
-        ended();
+        onExit();
     });
 }
 
 void Command::signal(int number) const {
     if (pid_ > 0) {
-        ::kill(pid_, number);  // it is not waited for yet: the number is still its own
+        ::kill(pid_, number);  // not waited for yet, so the pid is not reused
     }
 }
 

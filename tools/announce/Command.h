@@ -8,20 +8,21 @@
 
 namespace orvx::announce {
 
-/// The command that is run beside the announcement.
+/// The command whose services are announced.
 /// Thread-safety: none.
 class Command {
   public:
     explicit Command(Children& children) : children_(children) {}
 
     /// Throws std::system_error with the reason.
-    void start(const std::vector<std::string>& arguments, std::function<void()> ended);
-    /// Does nothing when it does not run.
+    void start(const std::vector<std::string>& arguments, std::function<void()> onExit);
+    /// Does nothing when the command does not run.
     void signal(int number) const;
 
     bool isRunning() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
-    /// As a shell says it: its exit status, or 128 and the number of the signal that ended it.
+    /// The exit status, or, as in a shell, 128 plus the number of the signal that ended the
+    /// command.
     int exitCode() const { return exitCode_; }
 
   private:

@@ -1,6 +1,6 @@
-// One poll() for everything that the program waits for.
-// Entered by the main thread; post() by any thread, which needs the lock for the list of tasks and
-// nothing else. No task runs under it.
+// Waits for descriptors, timers and posted tasks in one poll().
+// Runs on the main thread; any thread may call post(). The lock guards the list of posted tasks
+// only; no task runs under it.
 
 #include "EventLoop.h"
 
@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr milliseconds kTurn{10};
+constexpr milliseconds kMaxTaskTime{10};
 
 }  // namespace
 
@@ -27,7 +27,7 @@ EventLoop::EventLoop() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wakeUp_ < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    watch(wakeUp_, [this] { takePosted(); });
+    watch(wakeUp_, [this] { collectPosted(); });
 }
 
 EventLoop::~EventLoop() {
@@ -76,7 +76,7 @@ void EventLoop::run() {
 }
 
 int EventLoop::timeout() const {
-    if (!taken_.empty()) {
+    if (!tasks_.empty()) {
         return 0;
     }
     if (timers_.empty()) {
@@ -87,19 +87,19 @@ int EventLoop::timeout() const {
     return static_cast<int>(std::clamp<decltype(rounded)>(rounded, 0, 60'000));
 }
 
-void EventLoop::takePosted() {
+void EventLoop::collectPosted() {
     std::uint64_t count = 0;
     [[maybe_unused]] const auto size = ::read(wakeUp_, &count, sizeof count);
     const utility::MutexLock lock(mutex_);
-    std::move(posted_.begin(), posted_.end(), std::back_inserter(taken_));
+    std::move(posted_.begin(), posted_.end(), std::back_inserter(tasks_));
     posted_.clear();
 }
 
 void EventLoop::runPosted() {
-    const auto end = Clock::now() + kTurn;
-    while (!stopped_ && !taken_.empty() && Clock::now() < end) {
-        const Task task = std::move(taken_.front());
-        taken_.pop_front();
+    const auto end = Clock::now() + kMaxTaskTime;
+    while (!stopped_ && !tasks_.empty() && Clock::now() < end) {
+        const Task task = std::move(tasks_.front());
+        tasks_.pop_front();
         task();
     }
 }

@@ -13,15 +13,15 @@
 
 namespace orvx::announce {
 
-/// Runs tasks on one thread, the one that calls run(): when a descriptor is readable, when a time
-/// has come, or when one was posted. However many are posted, descriptors and timers get their turn
-/// every few milliseconds.
-/// Thread-safety: post() may be called from any thread, everything else from the loop's.
+/// Runs tasks on the thread that calls run(): when a descriptor is readable, when a timer is due,
+/// or after post(). Posted tasks do not starve descriptors and timers, which are served every few
+/// milliseconds.
+/// Thread-safety: post() may be called from any thread, all other functions from the loop's thread.
 class EventLoop {
   public:
     using Task = std::function<void()>;
     using Clock = std::chrono::steady_clock;
-    /// Names a timer; 0 names none.
+    /// Identifies a timer; 0: no timer.
     using Timer = unsigned long;
 
     EventLoop();
@@ -32,7 +32,7 @@ class EventLoop {
     /// Calls `task` whenever `descriptor` is readable, for as long as the loop runs.
     void watch(int descriptor, Task task);
     Timer after(std::chrono::milliseconds delay, Task task);
-    /// A timer that has run, or 0, is no error.
+    /// It is no error to cancel a timer that has run, or 0.
     void cancel(Timer timer);
     void post(Task task) ORVX_EXCLUDES(mutex_);
 
@@ -42,14 +42,14 @@ class EventLoop {
 
   private:
     int timeout() const;
-    void takePosted() ORVX_EXCLUDES(mutex_);
+    void collectPosted() ORVX_EXCLUDES(mutex_);
     void runPosted();
     void runTimers();
 
     std::vector<pollfd> polled_;
     std::vector<Task> readable_;
     std::map<std::pair<Clock::time_point, Timer>, Task> timers_;
-    std::deque<Task> taken_;
+    std::deque<Task> tasks_;
     Timer lastTimer_ = 0;
     bool stopped_ = false;
     int wakeUp_;

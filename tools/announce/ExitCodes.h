@@ -2,10 +2,10 @@
 
 namespace orvx::announce {
 
-/// How the program ends where it does not end as its command did: as env(1) and timeout(1) do.
+/// The exit codes of the program itself. Those from 124 on follow env(1) and timeout(1).
 enum ExitCode {
     kWithdrawn = 0,
-    /// Without a command: an entry may be left at the registry, or it refused the services.
+    /// Without a command: an entry may be left, or the registry has refused a service.
     kNotWithdrawn = 1,
     /// The command ended with 0, but an entry may be left at the registry.
     kLeftBehind = 123,
@@ -13,7 +13,7 @@ enum ExitCode {
     kOwnFailure = 125,
     kCannotBeExecuted = 126,
     kNotFound = 127,
-    /// And the number of the signal that ended the command.
+    /// Plus the number of the signal that ended the command.
     kSignalled = 128,
 };
 

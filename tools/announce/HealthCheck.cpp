@@ -1,5 +1,5 @@
-// Whether a service is well, asked for as long as it is to be announced.
-// Everything happens on the main thread; there is no lock. Attempts are processes.
+// Probes a service for as long as it is announced or waits to be announced.
+// Runs on the main thread; there is no lock. Each attempt is a process.
 
 #include "HealthCheck.h"
 
@@ -17,8 +17,9 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// An attempt is killed at its bound; it ends by itself later, should this process have died.
-constexpr milliseconds kGraceOfTheOrphan{1000};
+/// This process kills an attempt at its timeout. If this process has died, the attempt ends itself
+/// after this additional time.
+constexpr milliseconds kOrphanGrace{1000};
 
 }  // namespace
 
@@ -30,51 +31,53 @@ HealthCheck::HealthCheck(EventLoop& loop, Children& children, const Options& opt
       target_{options.probedHost.empty() ? description.at("host").get<std::string>()
                                          : options.probedHost,
               description.at("port").dump()},
-      words_{description.at("name"), description.at("host"), description.at("port").dump()},
+      shellArguments_{description.at("name"), description.at("host"),
+                      description.at("port").dump()},
       changed_(std::move(changed)) {}
 
 void HealthCheck::start(milliseconds delay) {
     if (options_.kind != ProbeOptions::Kind::None && !std::exchange(isStarted_, true)) {
-        due_ = EventLoop::Clock::now() + delay;
-        wait();
+        nextProbeTime_ = EventLoop::Clock::now() + delay;
+        scheduleProbe();
     }
 }
 
 void HealthCheck::stop() {
-    loop_.cancel(std::exchange(pause_, 0));
-    loop_.cancel(std::exchange(bound_, 0));
-    children_.abandonProbe(std::exchange(probe_, 0));
+    loop_.cancel(std::exchange(nextProbe_, 0));
+    loop_.cancel(std::exchange(timeout_, 0));
+    children_.killProbe(std::exchange(probe_, 0));
 }
 
 void HealthCheck::probe() {
-    due_ += options_.interval;
+    nextProbeTime_ += options_.interval;
     try {
-        probe_ =
-            startProbe(children_, options_, target_, words_, options_.timeout + kGraceOfTheOrphan,
-                       [this](int status) { ended(status); });
-        bound_ = loop_.after(options_.timeout, [this] { ::kill(-probe_, SIGKILL); });
+        probe_ = startProbe(children_, options_, target_, shellArguments_,
+                            options_.timeout + kOrphanGrace,
+                            [this](int status) { onProbeExit(status); });
+        timeout_ = loop_.after(options_.timeout, [this] { ::kill(-probe_, SIGKILL); });
     } catch (const std::system_error&) {
-        wait();  // Too many processes, for now: that says nothing about the service.
+        scheduleProbe();  // Too many processes: no result about the service.
     }
 }
 
-void HealthCheck::ended(int status) {
+void HealthCheck::onProbeExit(int status) {
     probe_ = 0;
-    loop_.cancel(std::exchange(bound_, 0));
-    wait();
+    loop_.cancel(std::exchange(timeout_, 0));
+    scheduleProbe();
     if ((status == 0) == isHealthy_) {
-        contradictions_ = 0;
-    } else if (++contradictions_ >= (isHealthy_ ? options_.failures : options_.successes)) {
-        contradictions_ = 0;
+        contraryResults_ = 0;
+    } else if (++contraryResults_ >= (isHealthy_ ? options_.failures : options_.successes)) {
+        contraryResults_ = 0;
         isHealthy_ = !isHealthy_;
-        changed_(isHealthy_ ? "" : whyProbeFailed(options_, status));
+        changed_(isHealthy_ ? "" : probeFailureReason(options_, status));
     }
 }
 
-void HealthCheck::wait() {
+void HealthCheck::scheduleProbe() {
     const auto now = EventLoop::Clock::now();
-    due_ = std::max(due_, now);
-    pause_ = loop_.after(std::chrono::ceil<milliseconds>(due_ - now), [this] { probe(); });
+    nextProbeTime_ = std::max(nextProbeTime_, now);
+    nextProbe_ =
+        loop_.after(std::chrono::ceil<milliseconds>(nextProbeTime_ - now), [this] { probe(); });
 }
 
 }  // namespace orvx::announce

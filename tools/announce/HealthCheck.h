@@ -12,12 +12,11 @@
 
 namespace orvx::announce {
 
-/// Asks one service at an interval whether it is well, one attempt at a time. It is taken for
-/// healthy at first.
+/// Probes one service periodically, one attempt at a time. The service counts as healthy at first.
 /// Thread-safety: none. `loop`, `children` and `options` must outlive it.
 class HealthCheck {
   public:
-    /// Called after each change; the reason is empty when the service is healthy.
+    /// Called after each change. The reason is empty when the service has become healthy.
     using Changed = std::function<void(const std::string& reason)>;
 
     HealthCheck(EventLoop& loop, Children& children, const Options& options,
@@ -26,30 +25,30 @@ class HealthCheck {
     HealthCheck(const HealthCheck&) = delete;
     HealthCheck& operator=(const HealthCheck&) = delete;
 
-    /// The first attempt begins after the delay. Does nothing where there is nothing to ask, and
-    /// when it was started before.
+    /// The first attempt begins after the delay. Does nothing if no health check is configured or
+    /// start() was called before.
     void start(std::chrono::milliseconds delay);
-    /// An attempt that is under way is killed.
+    /// Kills a running attempt.
     void stop();
 
   private:
     void probe();
-    void ended(int status);
-    void wait();
+    void onProbeExit(int status);
+    void scheduleProbe();
 
     EventLoop& loop_;
     Children& children_;
     const HealthOptions& options_;
     const std::vector<std::string> target_;
-    const std::vector<std::string> words_;
+    const std::vector<std::string> shellArguments_;
     const Changed changed_;
     bool isStarted_ = false;
     bool isHealthy_ = true;
-    /// How many attempts in a row have contradicted isHealthy_.
-    unsigned contradictions_ = 0;
-    EventLoop::Clock::time_point due_;
-    EventLoop::Timer pause_ = 0;
-    EventLoop::Timer bound_ = 0;
+    /// The number of consecutive attempts that contradicted isHealthy_.
+    unsigned contraryResults_ = 0;
+    EventLoop::Clock::time_point nextProbeTime_;
+    EventLoop::Timer nextProbe_ = 0;
+    EventLoop::Timer timeout_ = 0;
     pid_t probe_ = 0;
 };
 

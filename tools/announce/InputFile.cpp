@@ -1,5 +1,5 @@
-// The files that the user names, which are read at the start and again on SIGHUP.
-// Everything happens on the main thread; there is no lock.
+// Reads the files of --from and --token-file, at the start and on SIGHUP.
+// Runs on the main thread; there is no lock.
 
 #include "InputFile.h"
 
@@ -17,7 +17,7 @@ namespace orvx::announce {
 
 namespace {
 
-constexpr std::size_t kLargest = 16U << 20U;
+constexpr std::size_t kMaxSize = 16U << 20U;
 
 class OpenFile {
   public:
@@ -43,14 +43,14 @@ class OpenFile {
 }  // namespace
 
 std::string readInputFile(const std::string& name, Reading reading) {
-    const bool isAgain = reading == Reading::Again;
+    const bool isReload = reading == Reading::Reload;
     // Without O_NONBLOCK, opening a FIFO waits for a writer.
-    const OpenFile file(name, O_RDONLY | O_CLOEXEC | O_NOCTTY | (isAgain ? O_NONBLOCK : 0));
+    const OpenFile file(name, O_RDONLY | O_CLOEXEC | O_NOCTTY | (isReload ? O_NONBLOCK : 0));
     struct stat status {};
     if (file.descriptor() < 0 || ::fstat(file.descriptor(), &status) != 0) {
         fail(name);
     }
-    if (isAgain && !S_ISREG(status.st_mode)) {
+    if (isReload && !S_ISREG(status.st_mode)) {
         throw std::runtime_error(name + ": not a regular file");
     }
     std::string content;
@@ -64,7 +64,7 @@ std::string readInputFile(const std::string& name, Reading reading) {
             fail(name);
         }
         content.append(bytes.data(), static_cast<std::size_t>(size));
-        if (content.size() > kLargest) {
+        if (content.size() > kMaxSize) {
             throw std::runtime_error(name + ": larger than 16 MiB");
         }
     }

@@ -1,4 +1,4 @@
-// The name that somebody may have meant.
+// Finds the name that a misspelt word probably means.
 // Pure functions; there is no lock.
 
 #include "Nearest.h"
@@ -11,7 +11,7 @@ namespace orvx::announce {
 
 namespace {
 
-/// How many letters have to be changed, added or taken out.
+/// The edit distance: letters to change, insert or delete.
 std::size_t distance(std::string_view left, std::string_view right) {
     std::vector<std::size_t> row(right.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});

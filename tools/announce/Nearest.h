@@ -5,7 +5,7 @@
 
 namespace orvx::announce {
 
-/// The name that the fewest changes of single letters make of the word. There has to be a name.
+/// Returns the name with the smallest edit distance to the word. `names` must not be empty.
 std::string nearest(const std::string& word, const std::vector<std::string>& names);
 
 }  // namespace orvx::announce

@@ -1,5 +1,5 @@
-// The command line: what stands before "--" are options, everything behind it is the command.
-// Everything happens on the main thread, before anything else; there is no lock.
+// Parses the command line: options come before "--", the command after it.
+// Runs on the main thread, before everything else; there is no lock.
 
 #include "Options.h"
 
@@ -87,7 +87,7 @@ void addServices(CLI::App& app, ServiceOptions& service) {
     add("--uri", service.uri, "Path of its entry at the registry (default: /<name>/<host>:<port>)");
 }
 
-/// Exclude each other and `plain`.
+/// Adds two options that exclude each other and `plain`.
 void addProbe(CLI::App& app, const char* http, const char* command, const std::string& effect,
               ProbeOptions& probe, CLI::Option* plain) {
     auto* path =
@@ -130,7 +130,7 @@ void addHealth(CLI::App& app, HealthOptions& health) {
     addCount("--health-successes", health.successes, "Successes in a row until it is announced");
 }
 
-/// Replacing what stands for a device would take it from everybody.
+/// Saving replaces the file: a device, for example, would be lost to all programs.
 void checkStatusFile(const std::string& name) {
     std::error_code ignored;
     const auto status = std::filesystem::symlink_status(name, ignored);
@@ -139,7 +139,7 @@ void checkStatusFile(const std::string& name) {
     }
 }
 
-/// Options that a container sets, each by the variable of its name: --token-file, ORVX_TOKEN_FILE.
+/// Adds an environment variable to each option that containers set: --token-file, ORVX_TOKEN_FILE.
 void addEnvironment(CLI::App& app) {
     for (const char* name : {"--registry", "--ca-file", "--client-cert", "--client-key",
                              "--token-file", "--proxy", "--unix-socket", "--name", "--port",
@@ -152,8 +152,8 @@ void addEnvironment(CLI::App& app) {
     }
 }
 
-/// The first of the words that is neither an option nor its value; empty if there is none.
-std::string firstStray(const CLI::App& app, char** begin, char** end) {
+/// The first word that is neither an option nor an option's value; empty if there is none.
+std::string firstStrayWord(const CLI::App& app, char** begin, char** end) {
     for (char** word = begin; word != end; ++word) {
         std::string text = *word;
         if (text.empty() || text[0] != '-') {
@@ -167,9 +167,9 @@ std::string firstStray(const CLI::App& app, char** begin, char** end) {
     return "";
 }
 
-/// What to do about a mistake in the words.
+/// Suggests how to correct an invalid command line.
 std::string hint(const CLI::App& app, char** begin, char** end, bool hasCommand) {
-    const std::string stray = firstStray(app, begin, end);
+    const std::string stray = firstStrayWord(app, begin, end);
     if (!stray.empty() && !hasCommand) {
         return "the command stands after --, as in: orvx-announce ... -- " + stray + " ...";
     }
@@ -186,14 +186,14 @@ std::string hint(const CLI::App& app, char** begin, char** end, bool hasCommand)
     return "see orvx-announce --help";
 }
 
-void complete(Options& options) {
+void completeOptions(Options& options) {
     checkStatusFile(options.statusFile);
-    readRegistryUrl(options.registry);
+    parseRegistryUrl(options.registry);
     const auto& registry = options.registry;
     if (!registry.secure && !(registry.authorityFile + registry.clientCertificateFile).empty()) {
         throw UsageError("--ca-file and --client-cert need a registry with https");
     }
-    options.services = describe(options.service, options.registry, Reading::First);
+    options.services = readDescriptions(options.service, options.registry, Reading::Initial);
 }
 
 }  // namespace
@@ -229,17 +229,17 @@ Options parseOptions(int argc, char** argv) {
         if (dashes != end && options.command.empty()) {
             throw UsageError("there is no command behind --");
         }
-        complete(options);
+        completeOptions(options);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
-            throw Answered{app.exit(error)};
+            throw EarlyExit{app.exit(error)};
         }
         std::cerr << "orvx-announce: " << error.what() << "; "
                   << hint(app, argv + 1, dashes, dashes != end) << '\n';
-        throw Answered{kOwnFailure};
+        throw EarlyExit{kOwnFailure};
     } catch (const UsageError& error) {
         std::cerr << "orvx-announce: " << error.what() << '\n';
-        throw Answered{kOwnFailure};
+        throw EarlyExit{kOwnFailure};
     }
     return options;
 }

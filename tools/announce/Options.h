@@ -10,17 +10,17 @@
 
 namespace orvx::announce {
 
-/// What the user wrote makes no sense; the message says what.
+/// The user's input is invalid; the message tells why.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The command line has had its answer, and the process is to end with this code.
-struct Answered {
+/// The output is written; the process has to end with this code.
+struct EarlyExit {
     int exitCode;
 };
 
-/// Where the registry is, and how it is spoken to.
+/// The registry's address, and how to connect to it.
 struct RegistryOptions {
     std::string url;
     bool secure = false;
@@ -37,7 +37,7 @@ struct RegistryOptions {
     std::chrono::milliseconds retryInterval{500};
 };
 
-/// How a service is asked whether it is well.
+/// How a service is probed.
 struct ProbeOptions {
     enum class Kind { None, Tcp, Http, Command };
 
@@ -46,22 +46,22 @@ struct ProbeOptions {
     std::string command;
 };
 
-/// When the command counts as ready.
+/// How the readiness of the command is determined.
 struct ReadyOptions : ProbeOptions {
     std::chrono::milliseconds timeout{30000};
 };
 
-/// When a service is withdrawn for a while.
+/// When a service counts as unhealthy, and is withdrawn until it is healthy again.
 struct HealthOptions : ProbeOptions {
     std::chrono::milliseconds interval{10000};
     std::chrono::milliseconds timeout{3000};
-    /// In a row, until it counts as unhealthy.
+    /// Consecutive failures until the service counts as unhealthy.
     unsigned failures = 3;
-    /// In a row, until it counts as healthy again.
+    /// Consecutive successes until the service counts as healthy again.
     unsigned successes = 2;
 };
 
-/// The services as the command line gives them: one, or a file with several.
+/// The services on the command line: one service, or a file with several.
 struct ServiceOptions {
     std::string file;
     std::string name;
@@ -77,12 +77,12 @@ struct ServiceOptions {
 struct Options {
     RegistryOptions registry;
     ServiceOptions service;
-    /// The descriptions, complete, as docs/registry-protocol.md names their keys.
+    /// The complete descriptions, with the keys of docs/registry-protocol.md.
     std::vector<nlohmann::json> services;
     std::vector<std::string> command;
     ReadyOptions ready;
     HealthOptions health;
-    /// Where both connect to; empty: where the service is announced.
+    /// The host that readiness and health probes connect to; empty: the announced host.
     std::string probedHost;
     std::chrono::milliseconds withdrawTimeout{5000};
     std::chrono::milliseconds stopTimeout{10000};
@@ -94,8 +94,8 @@ inline double inSeconds(std::chrono::milliseconds time) {
     return std::chrono::duration<double>(time).count();
 }
 
-/// Reads the command line. When it asks for help, or makes no sense, this says so and throws
-/// Answered.
+/// Parses the command line. Prints the help, the version or an error message, if one is due, and
+/// throws EarlyExit.
 Options parseOptions(int argc, char** argv);
 
 }  // namespace orvx::announce

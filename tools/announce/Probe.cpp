@@ -1,5 +1,5 @@
-// One attempt to reach a service: started in a process of its own, where it is straight, blocking
-// code. The main thread starts it; the process has one thread; there is no lock.
+// Runs one attempt to reach a service as blocking code in a process of its own.
+// The main thread starts the process, which has one thread; there is no lock.
 
 #include "Probe.h"
 
@@ -19,10 +19,10 @@ namespace orvx::announce {
 
 namespace {
 
-/// The first argument of the process of an attempt: no option, so that no user's call is meant.
+/// The first argument of an attempt's process. It is no option, so no valid call by a user has it.
 constexpr const char* kProbe = "probe";
 
-enum ProbeResult { kGood = 0, kNoConnection = 1, kNoGoodAnswer = 2 };
+enum ProbeResult { kSuccess = 0, kNoConnection = 1, kNoGoodAnswer = 2 };
 
 std::string withoutBrackets(const std::string& host) {
     return host.front() == '[' ? host.substr(1, host.size() - 2) : host;
@@ -33,8 +33,9 @@ std::string inBrackets(const std::string& host) {
     return isBare ? "[" + host + "]" : host;
 }
 
-/// A port that nobody listens at may be picked for the connection to it, which then meets itself.
-bool isToItself(int connection) {
+/// The kernel may choose the target port, if no process listens there, as the local port: then the
+/// connection is connected to itself.
+bool isSelfConnection(int connection) {
     sockaddr_storage here{};
     sockaddr_storage there{};
     socklen_t size = sizeof here;
@@ -44,7 +45,7 @@ bool isToItself(int connection) {
     return std::memcmp(&here, &there, sizeof here) == 0;
 }
 
-/// A connected socket, or -1.
+/// Returns a connected socket, or -1.
 int connectTo(const std::string& host, const std::string& port) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
@@ -56,7 +57,7 @@ int connectTo(const std::string& host, const std::string& port) {
     for (; list != nullptr; list = list->ai_next) {
         const int connection = ::socket(list->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (connection >= 0 && ::connect(connection, list->ai_addr, list->ai_addrlen) == 0 &&
-            !isToItself(connection)) {
+            !isSelfConnection(connection)) {
             return connection;
         }
         ::close(connection);
@@ -64,7 +65,7 @@ int connectTo(const std::string& host, const std::string& port) {
     return -1;
 }
 
-bool answersWell(int connection, const std::string& host, const std::string& path) {
+bool answersWithSuccess(int connection, const std::string& host, const std::string& path) {
     const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + host +
                                 "\r\nConnection: close\r\nUser-Agent: orvx-announce\r\n\r\n";
     if (::send(connection, request.data(), request.size(), MSG_NOSIGNAL) < 0) {
@@ -82,36 +83,37 @@ bool answersWell(int connection, const std::string& host, const std::string& pat
     return std::regex_search(line, std::regex("^HTTP/1\\.[01] [23][0-9][0-9]"));
 }
 
-ProbeResult ask(const std::string& host, const std::string& port, const std::string& path) {
+ProbeResult probe(const std::string& host, const std::string& port, const std::string& path) {
     const int connection = connectTo(host, port);
     if (connection < 0) {
         return kNoConnection;
     }
     const bool isGood =
-        path.empty() || answersWell(connection, inBrackets(host) + ":" + port, path);
+        path.empty() || answersWithSuccess(connection, inBrackets(host) + ":" + port, path);
     ::close(connection);
-    return isGood ? kGood : kNoGoodAnswer;
+    return isGood ? kSuccess : kNoGoodAnswer;
 }
 
 }  // namespace
 
 pid_t startProbe(Children& children, const ProbeOptions& options,
-                 const std::vector<std::string>& targets, const std::vector<std::string>& words,
-                 std::chrono::milliseconds bound, Children::Ended ended) {
+                 const std::vector<std::string>& targets,
+                 const std::vector<std::string>& shellArguments, std::chrono::milliseconds timeout,
+                 Children::OnExit onExit) {
     std::vector<std::string> arguments;
     if (options.kind == ProbeOptions::Kind::Command) {
         arguments = {"/bin/sh", "-c", options.command, "sh"};
-        arguments.insert(arguments.end(), words.begin(), words.end());
+        arguments.insert(arguments.end(), shellArguments.begin(), shellArguments.end());
     } else {
-        // Another program, and not a fork alone: the library's threads may hold locks.
-        const auto seconds = std::chrono::ceil<std::chrono::seconds>(bound).count();
+        // fork() without exec() is not safe: the library's threads may hold locks.
+        const auto seconds = std::chrono::ceil<std::chrono::seconds>(timeout).count();
         arguments = {"/proc/self/exe", kProbe, std::to_string(seconds), options.path};
         arguments.insert(arguments.end(), targets.begin(), targets.end());
     }
-    return children.spawnProbe(arguments, std::move(ended));
+    return children.spawnProbe(arguments, std::move(onExit));
 }
 
-std::string whyProbeFailed(const ProbeOptions& options, int status) {
+std::string probeFailureReason(const ProbeOptions& options, int status) {
     if (WIFSIGNALED(status)) {
         return WTERMSIG(status) == SIGKILL || WTERMSIG(status) == SIGALRM
                    ? "no answer in time"
@@ -131,12 +133,12 @@ std::optional<int> runAsProbe(int argc, char** argv) {
     }
     ::alarm(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
     for (int i = kFirstTarget; i + 1 < argc; i += 2) {
-        const ProbeResult result = ask(argv[i], argv[i + 1], argv[3]);
-        if (result != kGood) {
+        const ProbeResult result = probe(argv[i], argv[i + 1], argv[3]);
+        if (result != kSuccess) {
             return result;
         }
     }
-    return kGood;
+    return kSuccess;
 }
 
 }  // namespace orvx::announce

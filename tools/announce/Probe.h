@@ -11,19 +11,20 @@
 
 namespace orvx::announce {
 
-/// Starts one attempt to reach services, in a process of its own: looking up a name, or a shell
-/// command that hangs, holds nothing up. `targets` are hosts and ports in turn, which all have to
-/// answer; `words` are the shell command's $1, $2 and so on. An attempt at hosts ends by itself
-/// after `bound`. Throws std::system_error with the reason.
+/// Starts one attempt to reach services, in a process of its own, because name resolution and shell
+/// commands may block. `targets` holds hosts and ports alternately, all of which must answer;
+/// `shellArguments` are $1, $2 and so on of the shell command. An attempt without a shell command
+/// ends itself after `timeout`. Throws std::system_error with the reason.
 pid_t startProbe(Children& children, const ProbeOptions& options,
-                 const std::vector<std::string>& targets, const std::vector<std::string>& words,
-                 std::chrono::milliseconds bound, Children::Ended ended);
+                 const std::vector<std::string>& targets,
+                 const std::vector<std::string>& shellArguments, std::chrono::milliseconds timeout,
+                 Children::OnExit onExit);
 
-/// In words, why a probe with this status of waitpid() has failed.
-std::string whyProbeFailed(const ProbeOptions& options, int status);
+/// Describes why a probe with this status of waitpid() has failed.
+std::string probeFailureReason(const ProbeOptions& options, int status);
 
-/// The exit code of this process where startProbe() has started it as an attempt; absent where a
-/// user has started it.
+/// Runs the attempt if startProbe() has started this process, and returns its exit code. Returns
+/// std::nullopt if a user has started the process.
 std::optional<int> runAsProbe(int argc, char** argv);
 
 }  // namespace orvx::announce

@@ -1,5 +1,5 @@
-// From the start of the command to the moment at which it can be announced.
-// Everything happens on the main thread; there is no lock. Attempts are processes.
+// Waits until the command is ready to be announced.
+// Runs on the main thread; there is no lock. Each attempt is a process.
 
 #include "ReadyCheck.h"
 
@@ -15,8 +15,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPause = 100ms;
-constexpr auto kLongestAttempt = 5s;
+constexpr auto kInterval = 100ms;
+constexpr auto kMaxAttemptTime = 5s;
 
 }  // namespace
 
@@ -40,25 +40,25 @@ void ReadyCheck::start(Ready ready) {
 
 void ReadyCheck::stop() {
     ready_ = nullptr;
-    loop_.cancel(pause_);
-    children_.abandonProbe(std::exchange(probe_, 0));
+    loop_.cancel(nextProbe_);
+    children_.killProbe(std::exchange(probe_, 0));
 }
 
 void ReadyCheck::probe() {
     try {
-        probe_ = startProbe(children_, options_, targets_, {}, kLongestAttempt,
-                            [this](int status) { ended(status); });
-    } catch (const std::system_error&) {  // too many processes, for now
-        ended(-1);
+        probe_ = startProbe(children_, options_, targets_, {}, kMaxAttemptTime,
+                            [this](int status) { onProbeExit(status); });
+    } catch (const std::system_error&) {  // too many processes
+        onProbeExit(-1);
     }
 }
 
-void ReadyCheck::ended(int status) {
+void ReadyCheck::onProbeExit(int status) {
     probe_ = 0;
     if (status == 0) {
         std::exchange(ready_, nullptr)();
     } else {
-        pause_ = loop_.after(kPause, [this] { probe(); });
+        nextProbe_ = loop_.after(kInterval, [this] { probe(); });
     }
 }
 

@@ -10,7 +10,7 @@
 
 namespace orvx::announce {
 
-/// Asks again and again whether the command is ready, until it is.
+/// Probes the services until all of them answer.
 /// Thread-safety: none.
 class ReadyCheck {
   public:
@@ -19,12 +19,12 @@ class ReadyCheck {
     ReadyCheck(EventLoop& loop, Children& children, const Options& options);
 
     void start(Ready ready);
-    /// What is under way is killed; `ready` will not be called.
+    /// Kills a running attempt; `ready` will not be called.
     void stop();
 
   private:
     void probe();
-    void ended(int status);
+    void onProbeExit(int status);
 
     EventLoop& loop_;
     Children& children_;
@@ -32,7 +32,7 @@ class ReadyCheck {
     std::vector<std::string> targets_;
     Ready ready_;
     pid_t probe_ = 0;
-    EventLoop::Timer pause_ = 0;
+    EventLoop::Timer nextProbe_ = 0;
 };
 
 }  // namespace orvx::announce

@@ -1,5 +1,5 @@
-// Scheme, host and port of the registry's address.
-// Everything happens on the main thread; there is no lock.
+// Parses the scheme, host and port of the registry's URL.
+// Runs on the main thread; there is no lock.
 
 #include "RegistryUrl.h"
 
@@ -7,7 +7,7 @@
 
 namespace orvx::announce {
 
-void readRegistryUrl(RegistryOptions& registry) {
+void parseRegistryUrl(RegistryOptions& registry) {
     static const std::regex form(
         R"((https?)://([^/:@?#\[\]]+|\[[0-9A-Fa-f:.]+\])(?::(\d{1,5}))?/?)", std::regex::icase);
     std::smatch parts;

@@ -4,10 +4,10 @@
 
 namespace orvx::announce {
 
-/// Takes `registry.url` apart. Throws UsageError.
-void readRegistryUrl(RegistryOptions& registry);
+/// Parses `registry.url`. Throws UsageError.
+void parseRegistryUrl(RegistryOptions& registry);
 
-/// Whether the registry is on this machine's loopback, as far as its name tells.
+/// Whether the name is "localhost" or a loopback address.
 bool isLoopback(const std::string& host);
 
 }  // namespace orvx::announce

@@ -1,8 +1,8 @@
-// The lines that the program writes.
-// Everything happens on the main thread; there is no lock. The open file description of the
-// standard stream is shared with the command, so its flags stay as they are: a pipe or a terminal
-// is opened a second time, without blocking; where that is forbidden, and for everything else,
-// poll() promises that some bytes can be written.
+// Writes the program's event lines.
+// Runs on the main thread; there is no lock. The command shares the open file description of the
+// standard stream, so its flags are not changed: a pipe or a terminal is opened a second time,
+// non-blocking. Where that is forbidden, and for other kinds of files, poll() tells that a write
+// does not block.
 
 #include "Report.h"
 
@@ -32,12 +32,12 @@ std::string environment(const char* name) {
     return value == nullptr ? "" : value;
 }
 
-/// As JSON in ASCII: nothing in it moves a terminal's cursor, or begins a line.
+/// JSON in ASCII, without control characters: it cannot move a terminal's cursor or begin a line.
 std::string inAscii(const json& value) {
     return value.dump(-1, ' ', true, json::error_handler_t::replace);
 }
 
-std::string shown(const json& value) {
+std::string formatted(const json& value) {
     std::string text = inAscii(value);
     const bool isWord =
         value.is_string() && text.size() > 2 && text.find_first_of(" =\\\x7f") == std::string::npos;
@@ -47,8 +47,8 @@ std::string shown(const json& value) {
     return isWord ? text.substr(1, text.size() - 2) : text;
 }
 
-/// Writes to the same pipe or terminal and never blocks; -1 when there is none.
-int openAgain(int descriptor) {
+/// Returns a non-blocking descriptor of the same pipe or terminal; -1 for other kinds of files.
+int reopen(int descriptor) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0 ||
         (!S_ISFIFO(status.st_mode) && ::isatty(descriptor) != 1)) {
@@ -58,7 +58,7 @@ int openAgain(int descriptor) {
     return ::open(name.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
 }
 
-/// poll() promises room for PIPE_BUF bytes in a pipe.
+/// Writes at most PIPE_BUF bytes: poll() guarantees that a pipe has room for them.
 ssize_t writeSome(int descriptor, const std::string& bytes) {
     const std::size_t size = std::min<std::size_t>(bytes.size(), PIPE_BUF);
     const auto sent = ::send(descriptor, bytes.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -76,7 +76,7 @@ std::string timestamp(std::chrono::system_clock::time_point when) {
 }
 
 Report::Report(int descriptor, bool asJson)
-    : ownDescriptor_(openAgain(descriptor)),
+    : ownDescriptor_(reopen(descriptor)),
       descriptor_(ownDescriptor_ < 0 ? descriptor : ownDescriptor_),
       asJson_(asJson),
       colour_(::isatty(descriptor) == 1 && environment("NO_COLOR").empty() &&
@@ -88,51 +88,52 @@ Report::~Report() {
     }
 }
 
-void Report::event(const std::string& name, Mood mood, const json& details) {
+void Report::event(const std::string& name, Severity severity, const json& details) {
     std::string line;
     if (asJson_) {
         json object{{"time", timestamp()}, {"event", name}};
         object.update(details.is_null() ? json::object() : details);
         line = inAscii(object);
     } else {
-        line = forPeople(name, mood, details);
+        line = textLine(name, severity, details);
     }
     line += '\n';
-    writeRest();
-    if (rest_.empty()) {
-        rest_ = std::move(line);
-        const std::size_t whole = rest_.size();
-        writeRest();
-        if (rest_.size() == whole) {
-            rest_.clear();
+    writePending();
+    if (pending_.empty()) {
+        pending_ = std::move(line);
+        const std::size_t whole = pending_.size();
+        writePending();
+        if (pending_.size() == whole) {
+            pending_.clear();
         }
     }
 }
 
-void Report::writeRest() {
+void Report::writePending() {
     pollfd polled{descriptor_, POLLOUT, 0};
-    while (!rest_.empty() && ::poll(&polled, 1, 0) == 1 && (polled.revents & POLLOUT) != 0) {
-        const ssize_t written = writeSome(descriptor_, rest_);
+    while (!pending_.empty() && ::poll(&polled, 1, 0) == 1 && (polled.revents & POLLOUT) != 0) {
+        const ssize_t written = writeSome(descriptor_, pending_);
         if (written > 0) {
-            rest_.erase(0, static_cast<std::size_t>(written));
+            pending_.erase(0, static_cast<std::size_t>(written));
         } else if (errno != EAGAIN) {
-            rest_.clear();
+            pending_.clear();
         } else {
             return;
         }
     }
 }
 
-std::string Report::forPeople(const std::string& name, Mood mood, const json& details) const {
+std::string Report::textLine(const std::string& name, Severity severity,
+                             const json& details) const {
     static constexpr const char* colours[] = {"", "\x1b[32m", "\x1b[31m"};
-    const bool isColoured = colour_ && mood != Mood::Plain;
+    const bool isColoured = colour_ && severity != Severity::Info;
     std::string line = timestamp() + " orvx-announce: ";
-    line += isColoured ? colours[static_cast<std::size_t>(mood)] + name + "\x1b[0m" : name;
+    line += isColoured ? colours[static_cast<std::size_t>(severity)] + name + "\x1b[0m" : name;
     for (const auto& [key, value] : details.items()) {
         line += ' ';
         line += key;
         line += '=';
-        line += shown(value);
+        line += formatted(value);
     }
     return line;
 }

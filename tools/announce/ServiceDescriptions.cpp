@@ -1,5 +1,5 @@
-// What is announced: read from options or from a file, checked, completed, and handed to the
-// library. Everything happens on the main thread; there is no lock.
+// Reads service descriptions from options or a file, validates and completes them, and converts
+// them to the library's type. Runs on the main thread; there is no lock.
 
 #include "ServiceDescriptions.h"
 
@@ -59,37 +59,37 @@ bool isUtf8(const json& service) {
     }
 }
 
-void check(const ReadService& read) {
+void validate(const ParsedService& read) {
     const json& service = read.description;
     if (!isUtf8(service)) {
-        read.refuse("", "the service is not in UTF-8");
+        read.fail("", "the service is not in UTF-8");
     }
     if (!isText(service.value("name", json()))) {
-        read.refuse("name", "the service has no name");
+        read.fail("name", "the service has no name");
     }
     const json port = service.value("port", json());
     if (!port.is_number_unsigned() || port < 1 || port > 65535) {
-        read.refuse("port", "the service has no port from 1 to 65535");
+        read.fail("port", "the service has no port from 1 to 65535");
     }
     for (const char* key : {"host", "uri", "description"}) {
         if (service.contains(key) && !isText(service[key])) {
-            read.refuse(key, std::string("the service has a ") + key + " that is no text");
+            read.fail(key, std::string("the service has a ") + key + " that is no text");
         }
     }
     for (const char* key : {"versions", "privileges", "serviceCategories"}) {
         if (service.contains(key) && !isListOfTexts(service[key])) {
-            read.refuse(key, std::string("the service has ") + key + " that are no list of texts");
+            read.fail(key, std::string("the service has ") + key + " that are no list of texts");
         }
     }
 }
 
-std::string thisHost(const RegistryOptions& registry) {
+std::string defaultHost(const RegistryOptions& registry) {
     std::array<char, 256> name{};
     const bool isKnown = ::gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0';
     return isKnown && !isLoopback(registry.host) ? name.data() : "127.0.0.1";
 }
 
-/// All but RFC 3986's unreserved characters and the colon.
+/// Encodes all characters except RFC 3986's unreserved ones and the colon.
 std::string percentEncoded(const std::string& text) {
     static constexpr char digits[] = "0123456789ABCDEF";
     static constexpr std::string_view marks = "-._~:";
@@ -105,7 +105,7 @@ std::string percentEncoded(const std::string& text) {
     return encoded;
 }
 
-/// Another one for each instance of a service. The port follows the last colon.
+/// Differs for each instance of a service. The port follows the last colon.
 std::string defaultUri(const json& service) {
     std::string host = service["host"];
     if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
@@ -151,25 +151,25 @@ GenericObjectValue toValue(const json& value) {
 
 }  // namespace
 
-std::vector<json> describe(const ServiceOptions& options, const RegistryOptions& registry,
-                           Reading reading) {
+std::vector<json> readDescriptions(const ServiceOptions& options, const RegistryOptions& registry,
+                                   Reading reading) {
     if (options.file.empty() && options.name.empty()) {
         throw UsageError("--name or --from is needed");
     }
-    const auto read = options.file.empty() ? std::vector{ReadService{fromOptions(options)}}
+    const auto read = options.file.empty() ? std::vector{ParsedService{fromOptions(options)}}
                                            : readServiceFile(options.file, reading);
     std::vector<json> services;
     std::set<std::string> uris;
-    for (const ReadService& one : read) {
-        check(one);
+    for (const ParsedService& one : read) {
+        validate(one);
         json service = one.description;
         if (!service.contains("host")) {
-            service["host"] = options.host.empty() ? thisHost(registry) : options.host;
+            service["host"] = options.host.empty() ? defaultHost(registry) : options.host;
         }
         const std::string uri = service.value("uri", defaultUri(service));
         service["uri"] = uri.front() == '/' ? uri : "/" + uri;
         if (!uris.insert(service["uri"]).second) {
-            one.refuse("uri", "the service has the uri of another one");
+            one.fail("uri", "the service has the uri of another one");
         }
         services.push_back(std::move(service));
     }

@@ -9,12 +9,12 @@
 
 namespace orvx::announce {
 
-/// The descriptions, each with a name, a port, a host and a uri, and no two with the same uri: they
-/// would be one entry. Throws UsageError.
-std::vector<nlohmann::json> describe(const ServiceOptions& options, const RegistryOptions& registry,
-                                     Reading reading);
+/// Returns the descriptions, each with a name, a port, a host and a uri. Throws UsageError for an
+/// invalid one, and for two with the same uri, which would share one entry.
+std::vector<nlohmann::json> readDescriptions(const ServiceOptions& options,
+                                             const RegistryOptions& registry, Reading reading);
 
-/// What the library registers.
+/// Converts a description to the library's type.
 std::shared_ptr<common::ServiceCreate> toService(const nlohmann::json& description);
 
 }  // namespace orvx::announce

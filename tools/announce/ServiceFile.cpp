@@ -1,5 +1,5 @@
-// The file of --from: JSON, of which each key's place is kept for messages.
-// Everything happens on the main thread; there is no lock.
+// Reads the JSON file of --from, and records the position of each key for error messages.
+// Runs on the main thread; there is no lock.
 
 #include "ServiceFile.h"
 
@@ -24,8 +24,9 @@ constexpr std::array kKnown{"name",        "port",     "host",       "uri",
                             "description", "versions", "privileges", "serviceCategories",
                             kProperties};
 
-/// Walks through a text and counts: the parser tells a key right after it has read it.
-struct Counted {
+/// An iterator that counts its increments: the parser reports each key right after reading it, so
+/// the count is the key's position.
+struct CountingIterator {
     using iterator_category = std::input_iterator_tag;
     using value_type = char;
     using difference_type = std::ptrdiff_t;
@@ -33,20 +34,20 @@ struct Counted {
     using reference = const char&;
 
     reference operator*() const { return *at; }
-    Counted& operator++() {
+    CountingIterator& operator++() {
         ++at;
         ++*count;
         return *this;
     }
-    bool operator==(const Counted& other) const { return at == other.at; }
-    bool operator!=(const Counted& other) const { return at != other.at; }
+    bool operator==(const CountingIterator& other) const { return at == other.at; }
+    bool operator!=(const CountingIterator& other) const { return at != other.at; }
 
     const char* at;
     std::size_t* count;
 };
 
-/// Of the byte with that number, from 0. Its work grows with that number: for messages only.
-std::string place(const ServiceFileText& file, std::size_t byte) {
+/// "file:line:column: " of a byte. Takes time linear in its offset: for error messages only.
+std::string position(const ServiceFileText& file, std::size_t byte) {
     const std::string_view before = std::string_view(file.text).substr(0, byte);
     const auto lines = std::count(before.begin(), before.end(), '\n');
     const auto column = before.size() - (before.rfind('\n') + 1);
@@ -57,17 +58,17 @@ std::string quoted(const std::string& text) {
     return json(text).dump(-1, ' ', true, json::error_handler_t::replace);
 }
 
-void checkKeys(const ReadService& service) {
+void checkKeys(const ParsedService& service) {
     for (const auto& [key, value] : service.description.items()) {
         if (std::find(kKnown.begin(), kKnown.end(), key) == kKnown.end()) {
-            service.refuse(key, "unknown key " + quoted(key) + "; is " +
-                                    quoted(nearest(key, {kKnown.begin(), kKnown.end()})) +
-                                    " meant? Keys of your own belong under \"properties\"");
+            service.fail(key, "unknown key " + quoted(key) + "; is " +
+                                  quoted(nearest(key, {kKnown.begin(), kKnown.end()})) +
+                                  " meant? Keys of your own belong under \"properties\"");
         }
     }
 }
 
-void takeProperties(ReadService& service) {
+void mergeProperties(ParsedService& service) {
     const auto found = service.description.find(kProperties);
     if (found == service.description.end()) {
         return;
@@ -75,21 +76,21 @@ void takeProperties(ReadService& service) {
     const json properties = *found;
     service.description.erase(found);
     if (!properties.is_object()) {
-        service.refuse(kProperties, "\"properties\" is no object");
+        service.fail(kProperties, "\"properties\" is no object");
     }
     for (const auto& [key, value] : properties.items()) {
         if (std::find(kKnown.begin(), kKnown.end(), key) != kKnown.end() || key == "id") {
-            service.refuse(kProperties, quoted(key) + " cannot be one of \"properties\"");
+            service.fail(kProperties, quoted(key) + " cannot be one of \"properties\"");
         }
         service.description[key] = value;
     }
 }
 
-/// Notes where each description of the list begins, and each of its keys. (The parser's callback
-/// would do for that, but its work grows with the square of the list's length.)
-class Places : public json::json_sax_t {
+/// Records the position of each description and of its keys. The parser's callback could do that,
+/// too, but takes time quadratic in the length of the list.
+class PositionRecorder : public json::json_sax_t {
   public:
-    Places(std::shared_ptr<const ServiceFileText> file, const std::size_t& count)
+    PositionRecorder(std::shared_ptr<const ServiceFileText> file, const std::size_t& count)
         : file_(std::move(file)), count_(count) {}
 
     bool null() override { return true; }
@@ -118,8 +119,8 @@ class Places : public json::json_sax_t {
         const std::string& key = parsed;
         if (depth_ == 2 && !services.empty()) {
             const std::size_t begin = count_ - std::min(count_, key.size() + 2);
-            if (!services.back().keysAt.emplace(key, begin).second) {
-                throw UsageError(place(*file_, begin) + quoted(key) + " stands there twice");
+            if (!services.back().keyOffsets.emplace(key, begin).second) {
+                throw UsageError(position(*file_, begin) + quoted(key) + " stands there twice");
             }
         }
         return true;
@@ -128,7 +129,7 @@ class Places : public json::json_sax_t {
         return false;
     }
 
-    std::vector<ReadService> services;
+    std::vector<ParsedService> services;
 
   private:
     std::shared_ptr<const ServiceFileText> file_;
@@ -151,13 +152,13 @@ std::string withoutPrefix(const std::string& message) {
 
 }  // namespace
 
-void ReadService::refuse(const std::string& key, const std::string& why) const {
-    const auto found = keysAt.find(key);
-    const std::size_t byte = found == keysAt.end() ? at : found->second;
-    throw UsageError((file == nullptr ? "" : place(*file, byte)) + why);
+void ParsedService::fail(const std::string& key, const std::string& why) const {
+    const auto found = keyOffsets.find(key);
+    const std::size_t byte = found == keyOffsets.end() ? offset : found->second;
+    throw UsageError((file == nullptr ? "" : position(*file, byte)) + why);
 }
 
-std::vector<ReadService> readServiceFile(const std::string& name, Reading reading) {
+std::vector<ParsedService> readServiceFile(const std::string& name, Reading reading) {
     const auto file =
         std::make_shared<const ServiceFileText>(ServiceFileText{name, contentOf(name, reading)});
     const std::string& text = file->text;
@@ -165,21 +166,21 @@ std::vector<ReadService> readServiceFile(const std::string& name, Reading readin
     try {
         content = json::parse(text);
     } catch (const json::parse_error& error) {
-        throw UsageError(place(*file, error.byte - (error.byte > 0 ? 1 : 0)) +
+        throw UsageError(position(*file, error.byte - (error.byte > 0 ? 1 : 0)) +
                          withoutPrefix(error.what()));
     }
     std::size_t count = 0;
-    Places places(file, count);
-    json::sax_parse(Counted{text.data(), &count}, Counted{text.data() + text.size(), &count},
-                    &places);
-    std::vector<ReadService>& services = places.services;
+    PositionRecorder recorder(file, count);
+    json::sax_parse(CountingIterator{text.data(), &count},
+                    CountingIterator{text.data() + text.size(), &count}, &recorder);
+    std::vector<ParsedService>& services = recorder.services;
     if (!content.is_array() || content.empty() || services.size() != content.size()) {
         throw UsageError(name + ": not a JSON list of descriptions");
     }
     for (std::size_t i = 0; i < services.size(); ++i) {
         services[i].description = std::move(content[i]);
         checkKeys(services[i]);
-        takeProperties(services[i]);
+        mergeProperties(services[i]);
     }
     return std::move(services);
 }

@@ -17,22 +17,23 @@ struct ServiceFileText {
     std::string text;
 };
 
-/// A description as it was read, with its place in the file, in bytes.
-struct ReadService {
+/// A description, with its position in the file in bytes.
+struct ParsedService {
     nlohmann::json description;
-    /// Null without a file.
+    /// Null if the description comes from options.
     std::shared_ptr<const ServiceFileText> file = nullptr;
-    std::size_t at = 0;
-    /// Of each key.
-    std::map<std::string, std::size_t> keysAt = {};
+    std::size_t offset = 0;
+    /// The position of each key.
+    std::map<std::string, std::size_t> keyOffsets = {};
 
-    /// Throws UsageError with "file:line:column: " of the key, or else of the description.
-    [[noreturn]] void refuse(const std::string& key, const std::string& why) const;
+    /// Throws UsageError with "file:line:column: " of the key, or of the description without that
+    /// key.
+    [[noreturn]] void fail(const std::string& key, const std::string& why) const;
 };
 
-/// The descriptions that a JSON file lists. Throws UsageError for what cannot be read, for what is
-/// not a list of objects, and for a key that is unknown or stands there twice. The members of
-/// "properties" become keys of the description.
-std::vector<ReadService> readServiceFile(const std::string& name, Reading reading);
+/// Reads the descriptions in a JSON file. Throws UsageError if the file cannot be read, if it is
+/// not a list of objects, and if a key is unknown or a duplicate. The members of "properties"
+/// become keys of the description.
+std::vector<ParsedService> readServiceFile(const std::string& name, Reading reading);
 
 }  // namespace orvx::announce

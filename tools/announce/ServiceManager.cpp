@@ -1,5 +1,5 @@
-// Readiness, state and watchdog, told to the service manager.
-// Everything happens on the main thread; there is no lock.
+// Notifies the service manager of readiness, state and liveness.
+// Runs on the main thread; there is no lock.
 
 #include "ServiceManager.h"
 
@@ -18,7 +18,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// What is longer may lie beyond the clock's end.
+/// A longer interval could overflow the clock.
 constexpr milliseconds kLongestInterval = std::chrono::hours(1);
 
 std::string environment(const char* name) {
@@ -26,7 +26,7 @@ std::string environment(const char* name) {
     return value == nullptr ? "" : value;
 }
 
-milliseconds thirdOfWatchdog() {
+milliseconds watchdogNotificationInterval() {
     const std::string whose = environment("WATCHDOG_PID");
     const bool isOurs = whose.empty() || whose == std::to_string(::getpid());
     const long long microseconds =
@@ -38,7 +38,7 @@ milliseconds thirdOfWatchdog() {
 }  // namespace
 
 ServiceManager::ServiceManager()
-    : address_(environment("NOTIFY_SOCKET")), watchdogInterval_(thirdOfWatchdog()) {
+    : address_(environment("NOTIFY_SOCKET")), watchdogInterval_(watchdogNotificationInterval()) {
     if (!address_.empty()) {
         socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     }
@@ -50,7 +50,7 @@ ServiceManager::~ServiceManager() {
     }
 }
 
-void ServiceManager::tell(const std::string& state) const {
+void ServiceManager::notify(const std::string& state) const {
     sockaddr_un to{};
     if (socket_ < 0 || address_.size() >= sizeof to.sun_path) {
         return;
@@ -65,9 +65,9 @@ void ServiceManager::tell(const std::string& state) const {
              reinterpret_cast<const sockaddr*>(&to), size);
 }
 
-void ServiceManager::tellStatus(const std::string& text) {
+void ServiceManager::notifyStatus(const std::string& text) {
     if (text != status_) {
-        tell("STATUS=" + text);
+        notify("STATUS=" + text);
         status_ = text;
     }
 }

@@ -5,9 +5,8 @@
 
 namespace orvx::announce {
 
-/// The service manager that started the program, if one did and wants to be told: the datagrams of
-/// sd_notify(3). Without one nothing happens.
-/// Thread-safety: none.
+/// Sends the datagrams of sd_notify(3) to the service manager that started the program. Does
+/// nothing if there is none. Thread-safety: none.
 class ServiceManager {
   public:
     /// Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID.
@@ -16,12 +15,12 @@ class ServiceManager {
     ServiceManager(const ServiceManager&) = delete;
     ServiceManager& operator=(const ServiceManager&) = delete;
 
-    /// Such as "READY=1"; several are separated by line feeds.
-    void tell(const std::string& state) const;
-    /// What the service manager shows for people. Told when it is another one than before.
-    void tellStatus(const std::string& text);
-    /// How often "WATCHDOG=1" is to be told: a third of the time after which the service manager
-    /// kills, so that a delay does not make a gap of half that time. Zero: not at all.
+    /// Sends assignments such as "READY=1", separated by line feeds.
+    void notify(const std::string& state) const;
+    /// Sends the text that the service manager shows to users, if it has changed.
+    void notifyStatus(const std::string& text);
+    /// The interval at which to send "WATCHDOG=1": a third of the watchdog's timeout, so that a
+    /// delayed notification still arrives in time. Zero: there is no watchdog.
     std::chrono::milliseconds watchdogInterval() const { return watchdogInterval_; }
 
   private:

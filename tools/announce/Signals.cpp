@@ -1,5 +1,5 @@
-// Signals as events, by way of signalfd().
-// Everything happens on the main thread; there is no lock.
+// Receives signals through signalfd().
+// Runs on the main thread; there is no lock.
 
 #include "Signals.h"
 
@@ -19,7 +19,7 @@ bool isIgnored(int number) {
     return action.sa_handler == SIG_IGN;
 }
 
-sigset_t wanted() {
+sigset_t handledSignals() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
@@ -35,13 +35,13 @@ sigset_t wanted() {
 }  // namespace
 
 Signals::Signals(EventLoop& loop, Handler handler) : handler_(std::move(handler)) {
-    ::signal(SIGCHLD, SIG_DFL);  // where it is ignored nobody learns how a child ended
-    sigset_t set = wanted();
+    ::signal(SIGCHLD, SIG_DFL);  // if it is ignored, waitpid() gets no status
+    sigset_t set = handledSignals();
     descriptor_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     if (descriptor_ < 0) {
         throw std::system_error(errno, std::generic_category(), "signalfd");
     }
-    sigaddset(&set, SIGPIPE);  // writing tells by itself; and its disposition is the command's, too
+    sigaddset(&set, SIGPIPE);  // write() reports EPIPE; SIG_IGN would be inherited by the command
     ::pthread_sigmask(SIG_BLOCK, &set, &original_);
     loop.watch(descriptor_, [this] { read(); });
 }

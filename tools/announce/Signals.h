@@ -8,12 +8,12 @@
 
 namespace orvx::announce {
 
-/// Takes the signals of the process as events of the loop. To be made before the first thread, so
-/// that all threads have them blocked. What the program's starter has ignored (SIGHUP under nohup,
-/// SIGINT in a shell's background) stays ignored.
+/// Delivers the signals of the process as events of the loop. Construct it before the first thread,
+/// so that they are blocked in all threads. Signals that the parent process has set to be ignored
+/// (SIGHUP under nohup, SIGINT in a shell's background job) stay ignored.
 class Signals {
   public:
-    /// `fromTerminal` tells that the kernel sent it to the whole foreground process group.
+    /// `fromTerminal`: the kernel has sent the signal to the whole foreground process group.
     using Handler = std::function<void(int number, bool fromTerminal)>;
 
     Signals(EventLoop& loop, Handler handler);
@@ -21,7 +21,7 @@ class Signals {
     Signals(const Signals&) = delete;
     Signals& operator=(const Signals&) = delete;
 
-    /// What was blocked before, for programs to be started with.
+    /// The signal mask before construction. Child processes are started with it.
     const sigset_t& originalMask() const { return original_; }
 
   private:

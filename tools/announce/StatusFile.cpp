@@ -1,5 +1,5 @@
-// The state in a file, for programs that look at it now and then.
-// Everything happens on the main thread; there is no lock.
+// Saves the state in a file that other programs read.
+// Runs on the main thread; there is no lock.
 
 #include "StatusFile.h"
 
@@ -26,7 +26,7 @@ bool replace(const std::string& name, const std::string& content) {
     if (file < 0) {
         return false;
     }
-    errno = EIO;  // a short write says nothing
+    errno = EIO;  // a short write sets no errno
     const auto size = ::write(file, content.data(), content.size());
     const bool isWhole = ::close(file) == 0 && size == static_cast<ssize_t>(content.size());
     return isWhole && std::rename(fresh.c_str(), name.c_str()) == 0;

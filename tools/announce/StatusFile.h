@@ -6,14 +6,14 @@
 
 namespace orvx::announce {
 
-/// A JSON file that always holds a whole state: it is replaced in one step, and only when the state
-/// has changed.
+/// A JSON file that always holds a complete state: it is replaced atomically, and only when the
+/// state has changed.
 /// Thread-safety: none.
 class StatusFile {
   public:
     explicit StatusFile(std::string name) : name_(std::move(name)) {}
 
-    /// Throws std::system_error, once for as long as writing fails.
+    /// Throws std::system_error on failure, but not again before a write has succeeded.
     void write(const nlohmann::json& state);
 
   private:

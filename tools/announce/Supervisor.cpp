@@ -1,5 +1,5 @@
-// What follows what, from the start of the command to the exit code.
-// Everything happens on the main thread, in tasks of the loop; there is no lock.
+// Sequences the program's phases, from the start of the command to the exit code.
+// Runs on the main thread, in tasks of the loop; there is no lock.
 
 #include "Supervisor.h"
 
@@ -18,13 +18,13 @@ namespace orvx::announce {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
-using Mood = Report::Mood;
+using Severity = Report::Severity;
 
 namespace {
 
 constexpr auto kTick = 1s;
-/// So many times as long as a status takes passes until the next one.
-constexpr int kStatusShare = 20;
+/// The time between two saves of the status is this many times the duration of a save.
+constexpr int kStatusIntervalFactor = 20;
 
 }  // namespace
 
@@ -44,8 +44,8 @@ Supervisor::Supervisor(const Options& options)
 int Supervisor::run() {
     loop_.post([this] { startCommand(); });
     loop_.run();
-    keepStatus();
-    report_.writeRest();
+    saveStatus();
+    report_.writePending();
     return exitCode_;
 }
 
@@ -54,46 +54,46 @@ void Supervisor::startCommand() {
         try {
             command_.start(options_.command, [this] { onCommandEnded(); });
         } catch (const std::system_error& error) {
-            report_.event("cannot-start", Mood::Bad, {{"reason", error.what()}});
+            report_.event("cannot-start", Severity::Error, {{"reason", error.what()}});
             exitCode_ = error.code() == std::errc::no_such_file_or_directory ? kNotFound
                                                                              : kCannotBeExecuted;
-            leave();
+            exitLoop();
             return;
         }
-        report_.event("started", Mood::Plain,
+        report_.event("started", Severity::Info,
                       {{"command", options_.command}, {"pid", command_.pid()}});
     }
-    keepStatus();
+    saveStatus();
     tick();
     feedWatchdog();
-    bound_ = loop_.after(options_.ready.timeout, [this] { onNotReady(); });
+    deadline_ = loop_.after(options_.ready.timeout, [this] { onNotReady(); });
     readyCheck_.start([this] { onReady(); });
 }
 
 void Supervisor::onReady() {
-    loop_.cancel(bound_);
+    loop_.cancel(deadline_);
     phase_ = Phase::Serving;
     if (!options_.command.empty()) {
-        report_.event("ready", Mood::Plain);
+        report_.event("ready", Severity::Info);
     }
-    serviceManager_.tell("READY=1");
+    serviceManager_.notify("READY=1");
     announcer_.announce();
 }
 
 void Supervisor::onNotReady() {
-    report_.event("not-ready", Mood::Bad, {{"seconds", inSeconds(options_.ready.timeout)}});
+    report_.event("not-ready", Severity::Error, {{"seconds", inSeconds(options_.ready.timeout)}});
     exitCode_ = kNotReadyInTime;
-    signalToPassOn_ = SIGTERM;
+    signalToForward_ = SIGTERM;
     stopCommand();
 }
 
 void Supervisor::onCommandEnded() {
-    report_.event("ended", command_.exitCode() == 0 ? Mood::Plain : Mood::Bad,
+    report_.event("ended", command_.exitCode() == 0 ? Severity::Info : Severity::Error,
                   {{"exitCode", command_.exitCode()}});
     if (phase_ == Phase::Serving) {
         withdraw();
     } else if (phase_ != Phase::Withdrawing) {
-        leave();
+        exitLoop();
     }
 }
 
@@ -103,7 +103,7 @@ void Supervisor::onSignal(int number, bool fromTerminal) {
             children_.reap();
             break;
         case SIGUSR1:
-            showStatus();
+            reportStatus();
             break;
         case SIGUSR2:
             command_.signal(number);
@@ -124,45 +124,45 @@ void Supervisor::onHangup(bool fromTerminal) {
         return;
     }
     command_.signal(SIGHUP);
-    readTokenAgain();
+    reloadToken();
     if (phase_ == Phase::Serving) {
-        readServicesAgain();
+        reloadServices();
         announcer_.announce();
     }
 }
 
-void Supervisor::readTokenAgain() {
+void Supervisor::reloadToken() {
     try {
-        token_.readAgain();
+        token_.reload();
     } catch (const std::exception& error) {
-        report_.event("no-token", Mood::Bad, {{"reason", error.what()}});
+        report_.event("no-token", Severity::Error, {{"reason", error.what()}});
     }
 }
 
-void Supervisor::readServicesAgain() {
+void Supervisor::reloadServices() {
     if (options_.service.file.empty()) {
         return;
     }
     try {
-        report_.event(
-            "reloaded", Mood::Plain,
-            announcer_.update(describe(options_.service, options_.registry, Reading::Again)));
+        report_.event("reloaded", Severity::Info,
+                      announcer_.update(
+                          readDescriptions(options_.service, options_.registry, Reading::Reload)));
     } catch (const std::exception& error) {
-        report_.event("not-reloaded", Mood::Bad, {{"reason", error.what()}});
+        report_.event("not-reloaded", Severity::Error, {{"reason", error.what()}});
     }
 }
 
-/// From a terminal the command has got it already.
+/// A signal from the terminal is not forwarded: the terminal has sent it to the command, too.
 void Supervisor::stop(int number, bool fromTerminal) {
-    report_.event("stopping", Mood::Plain, {{"signal", ::sigabbrev_np(number)}});
-    signalToPassOn_ = fromTerminal ? 0 : number;
-    const bool isFirst = !std::exchange(isToldToStop_, true);
+    report_.event("stopping", Severity::Info, {{"signal", ::sigabbrev_np(number)}});
+    signalToForward_ = fromTerminal ? 0 : number;
+    const bool isFirst = !std::exchange(isStopRequested_, true);
     if (phase_ == Phase::Serving) {
         withdraw();
     } else if (phase_ == Phase::Withdrawing && isFirst) {
-        return;  // the command has ended by itself, and this is under way
+        return;  // the withdrawal has begun because the command ended
     } else if (phase_ == Phase::Stopping) {
-        command_.signal(signalToPassOn_);
+        command_.signal(signalToForward_);
     } else {
         stopCommand();
     }
@@ -170,118 +170,120 @@ void Supervisor::stop(int number, bool fromTerminal) {
 
 void Supervisor::withdraw() {
     phase_ = Phase::Withdrawing;
-    serviceManager_.tell("STOPPING=1");
+    serviceManager_.notify("STOPPING=1");
     announcer_.withdraw();
-    goOn();
+    finishIfDone();
 }
 
 void Supervisor::onChange(const std::string& event, const json& details) {
-    static const std::map<std::string, Mood> moods{
-        {"announced", Mood::Good},  {"reachable", Mood::Good}, {"healthy", Mood::Good},
-        {"unreachable", Mood::Bad}, {"lost", Mood::Bad},       {"unhealthy", Mood::Bad},
-        {"refused", Mood::Bad},     {"left", Mood::Bad}};
+    static const std::map<std::string, Severity> severities{
+        {"announced", Severity::Success}, {"reachable", Severity::Success},
+        {"healthy", Severity::Success},   {"unreachable", Severity::Error},
+        {"lost", Severity::Error},        {"unhealthy", Severity::Error},
+        {"refused", Severity::Error},     {"left", Severity::Error}};
     if (!event.empty()) {
-        const auto found = moods.find(event);
-        report_.event(event, found == moods.end() ? Mood::Plain : found->second, details);
+        const auto found = severities.find(event);
+        report_.event(event, found == severities.end() ? Severity::Info : found->second, details);
     }
-    keepStatusSoon();
-    loop_.post([this] { goOn(); });
+    scheduleStatusSave();
+    loop_.post([this] { finishIfDone(); });
 }
 
-/// To the next phase, when there is nothing left to wait for.
-void Supervisor::goOn() {
+/// Enters the next phase when all services have left the current one.
+void Supervisor::finishIfDone() {
     using State = Announcement::State;
     const std::size_t refused = announcer_.count(State::Refused);
     const std::size_t over =
         refused + announcer_.count(State::Withdrawn) + announcer_.count(State::Left);
-    const bool isOnlyThere = phase_ == Phase::Serving && options_.command.empty();
+    const bool isWithoutCommand = phase_ == Phase::Serving && options_.command.empty();
     if (phase_ == Phase::Withdrawing && over == announcer_.size()) {
         stopCommand();
-    } else if (isOnlyThere && refused + announcer_.count(State::Clearing) == announcer_.size()) {
+    } else if (isWithoutCommand &&
+               refused + announcer_.count(State::Clearing) == announcer_.size()) {
         withdraw();
     }
 }
 
 void Supervisor::stopCommand() {
     phase_ = Phase::Stopping;
-    loop_.cancel(bound_);
+    loop_.cancel(deadline_);
     readyCheck_.stop();
     announcer_.giveUp();
     if (!command_.isRunning()) {
-        leave();
+        exitLoop();
         return;
     }
-    command_.signal(signalToPassOn_);
-    bound_ = loop_.after(options_.stopTimeout, [this] {
-        report_.event("killing", Mood::Bad, {{"pid", command_.pid()}});
+    command_.signal(signalToForward_);
+    deadline_ = loop_.after(options_.stopTimeout, [this] {
+        report_.event("killing", Severity::Error, {{"pid", command_.pid()}});
         command_.signal(SIGKILL);
     });
 }
 
-void Supervisor::leave() {
+void Supervisor::exitLoop() {
     if (exitCode_ == 0) {
-        exitCode_ = options_.command.empty() ? exitCodeAlone() : exitCodeOfTheCommand();
+        exitCode_ = options_.command.empty() ? exitCodeWithoutCommand() : exitCodeWithCommand();
     }
     readyCheck_.stop();
     loop_.stop();
 }
 
-int Supervisor::exitCodeAlone() const {
+int Supervisor::exitCodeWithoutCommand() const {
     using State = Announcement::State;
     return announcer_.count(State::Left) + announcer_.count(State::Refused) == 0 ? kWithdrawn
                                                                                  : kNotWithdrawn;
 }
 
-/// Its failure says more than an entry that is left.
-int Supervisor::exitCodeOfTheCommand() const {
+/// The command's failure takes precedence over an entry that may be left.
+int Supervisor::exitCodeWithCommand() const {
     const bool isLeft = announcer_.count(Announcement::State::Left) > 0;
     return command_.exitCode() == 0 && isLeft ? kLeftBehind : command_.exitCode();
 }
 
 void Supervisor::tick() {
-    report_.writeRest();
-    keepStatusSoon();
+    report_.writePending();
+    scheduleStatusSave();
     loop_.after(kTick, [this] { tick(); });
 }
 
 void Supervisor::feedWatchdog() {
     if (serviceManager_.watchdogInterval() > 0ms) {
-        serviceManager_.tell("WATCHDOG=1");
+        serviceManager_.notify("WATCHDOG=1");
         loop_.after(serviceManager_.watchdogInterval(), [this] { feedWatchdog(); });
     }
 }
 
-void Supervisor::showStatus() {
+void Supervisor::reportStatus() {
     json state = status();
     const json services = state["services"];
     state.erase("services");
-    report_.event("status", Mood::Plain, state);
+    report_.event("status", Severity::Info, state);
     for (const json& service : services) {
-        report_.event("status", Mood::Plain, service);
+        report_.event("status", Severity::Info, service);
     }
 }
 
-void Supervisor::keepStatusSoon() {
-    if (nextStatus_ == 0) {
-        nextStatus_ = loop_.after(statusPause_, [this] {
-            nextStatus_ = 0;
-            keepStatus();
+void Supervisor::scheduleStatusSave() {
+    if (statusTimer_ == 0) {
+        statusTimer_ = loop_.after(statusInterval_, [this] {
+            statusTimer_ = 0;
+            saveStatus();
         });
     }
 }
 
-void Supervisor::keepStatus() {
+void Supervisor::saveStatus() {
     const auto begin = EventLoop::Clock::now();
-    serviceManager_.tellStatus(summary());
+    serviceManager_.notifyStatus(summary());
     try {
         if (!options_.statusFile.empty()) {
             statusFile_.write(status());
         }
     } catch (const std::system_error& error) {
-        report_.event("no-status-file", Mood::Bad, {{"reason", error.what()}});
+        report_.event("no-status-file", Severity::Error, {{"reason", error.what()}});
     }
-    statusPause_ = std::chrono::ceil<std::chrono::milliseconds>(kStatusShare *
-                                                                (EventLoop::Clock::now() - begin));
+    statusInterval_ = std::chrono::ceil<std::chrono::milliseconds>(
+        kStatusIntervalFactor * (EventLoop::Clock::now() - begin));
 }
 
 std::string Supervisor::summary() {

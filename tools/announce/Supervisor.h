@@ -16,9 +16,9 @@
 
 namespace orvx::announce {
 
-/// The course of the program: the command starts, is ready, is announced; something ends it; what
-/// was announced is withdrawn; the command ends.
-/// Thread-safety: none; to be made before the process has a second thread.
+/// Runs the program: starts the command, waits until it is ready, announces the services, waits for
+/// a signal or the end of the command, withdraws the services, and ends the command.
+/// Thread-safety: none. Construct it before the process has a second thread.
 class Supervisor {
   public:
     explicit Supervisor(const Options& options);
@@ -37,21 +37,21 @@ class Supervisor {
     void onHangup(bool fromTerminal);
     void onChange(const std::string& event, const nlohmann::json& details);
 
-    void readTokenAgain();
-    void readServicesAgain();
+    void reloadToken();
+    void reloadServices();
     void stop(int number, bool fromTerminal);
     void withdraw();
-    void goOn();
+    void finishIfDone();
     void stopCommand();
-    void leave();
-    int exitCodeAlone() const;
-    int exitCodeOfTheCommand() const;
+    void exitLoop();
+    int exitCodeWithoutCommand() const;
+    int exitCodeWithCommand() const;
 
     void tick();
     void feedWatchdog();
-    void showStatus();
-    void keepStatusSoon();
-    void keepStatus();
+    void reportStatus();
+    void scheduleStatusSave();
+    void saveStatus();
     std::string summary();
     nlohmann::json status();
 
@@ -68,16 +68,16 @@ class Supervisor {
 
     Phase phase_ = Phase::Starting;
     const std::string startedAt_ = timestamp();
-    EventLoop::Timer bound_ = 0;
-    EventLoop::Timer nextStatus_ = 0;
-    /// From one status to the next, which both look at all services.
-    std::chrono::milliseconds statusPause_{0};
-    bool isToldToStop_ = false;
-    /// What the command is told when everything is withdrawn; 0: nothing.
-    int signalToPassOn_ = 0;
-    /// What leave() shall not find out by itself.
+    EventLoop::Timer deadline_ = 0;
+    EventLoop::Timer statusTimer_ = 0;
+    /// The time between two saves of the status. Each save reads the state of all services.
+    std::chrono::milliseconds statusInterval_{0};
+    bool isStopRequested_ = false;
+    /// The signal that the command gets after the withdrawal; 0: none.
+    int signalToForward_ = 0;
+    /// 0: exitLoop() computes it.
     int exitCode_ = 0;
-    /// Last: its threads post to the loop.
+    /// Last, so that its threads, which post to the loop, end first.
     Announcer announcer_;
 };
 

@@ -1,5 +1,5 @@
-// The token that the registry wants to see, which may be replaced while the program runs.
-// Everything happens on the main thread; there is no lock.
+// Reads the token for the registry, which may be replaced while the program runs.
+// Runs on the main thread; there is no lock.
 
 #include "TokenFile.h"
 
@@ -10,17 +10,17 @@ namespace orvx::announce {
 TokenFile::TokenFile(std::string name) : name_(std::move(name)) {
     if (!name_.empty()) {
         credentials_ = std::make_shared<communication::HttpCredentials>();
-        take(readInputFile(name_, Reading::First));
+        setToken(readInputFile(name_, Reading::Initial));
     }
 }
 
-void TokenFile::readAgain() {
+void TokenFile::reload() {
     if (!name_.empty()) {
-        take(readInputFile(name_, Reading::Again));
+        setToken(readInputFile(name_, Reading::Reload));
     }
 }
 
-void TokenFile::take(std::string token) {
+void TokenFile::setToken(std::string token) {
     token.erase(token.find_last_not_of(" \t\r\n") + 1);
     credentials_->setBearerToken(token);
 }

@@ -7,17 +7,17 @@
 
 namespace orvx::announce {
 
-/// The token in a file, shown to the registry with every request.
+/// A file with the token that every request to the registry carries.
 /// Thread-safety: none; the credentials have their own.
 class TokenFile {
   public:
-    /// With an empty name there is no token. Throws a std::exception that says why the file is of
-    /// no use.
+    /// With an empty name there is no token. Throws a std::exception with the reason if the file or
+    /// its token is invalid.
     explicit TokenFile(std::string name);
 
-    /// Reads the file, which must be a regular one now; the next request shows what it holds,
-    /// without the white space at its end. Throws as the constructor; the old token stays.
-    void readAgain();
+    /// Reads the file, which must be a regular one, without the white space at its end; the next
+    /// request carries the new token. Throws as the constructor does, and then keeps the old token.
+    void reload();
 
     /// Null without a file.
     const std::shared_ptr<communication::HttpCredentials>& credentials() const {
@@ -25,7 +25,7 @@ class TokenFile {
     }
 
   private:
-    void take(std::string token);
+    void setToken(std::string token);
 
     std::string name_;
     std::shared_ptr<communication::HttpCredentials> credentials_;

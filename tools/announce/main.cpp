@@ -1,6 +1,6 @@
-// The program orvx-announce: reads its options and goes through its course.
-// The main thread does everything; the library has threads of its own, from the first announcement
-// on. There is no lock. A process of this program may be a probe instead.
+// The program orvx-announce: parses the options and runs the supervisor, or runs as a probe.
+// The main thread does everything; the library starts its threads with the first announcement.
+// There is no lock.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,8 +14,8 @@
 
 namespace {
 
-/// Those that the starter has closed would become others, which lines would then go to. They stay
-/// closed for the command.
+/// Opens closed standard streams, because their numbers would otherwise be given to sockets and
+/// files, which would then receive the program's lines. They stay closed for the command.
 void occupyStandardStreams() {
     int file = 0;
     do {
@@ -35,8 +35,8 @@ int main(int argc, char** argv) {
     try {
         const Options options = parseOptions(argc, argv);
         return Supervisor(options).run();
-    } catch (const Answered& answered) {
-        return answered.exitCode;
+    } catch (const EarlyExit& exit) {
+        return exit.exitCode;
     } catch (const std::exception& error) {
         std::cerr << "orvx-announce: " << error.what() << std::endl;
         return kOwnFailure;

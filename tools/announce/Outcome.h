@@ -11,16 +11,16 @@
 
 namespace orvx::announce {
 
-/// What the registry said, in a few words: "HTTP 400: {...}", or "CONNECT_FAILED", or why it was
-/// not asked.
+/// Describes the outcome: "HTTP 400: {...}", "CONNECT_FAILED", or the error code of a request that
+/// was not sent.
 std::string toText(const serviceregistryclient::OrvRegistrationResponse& outcome);
 
 nlohmann::json toJson(const serviceregistryclient::RegistrationStatus::Failure& failure);
 
-/// Whether the registry gave an answer that ends a first registration.
+/// Whether the registry's response ends a first registration.
 bool isRefusal(const serviceregistryclient::RegistrationStatus::Failure& failure);
 
-/// Whether no request has ever got so far as to be sent, although some have ended.
+/// Whether requests have ended and none of them was ever sent.
 bool nothingWasSent(const communication::ClientStatistics::Snapshot& counted);
 
 }  // namespace orvx::announce

@@ -1,7 +1,7 @@
-// What the library tells, in words and figures.
-// Everything happens on the main thread; there is no lock.
+// Converts outcomes and failures of the library to text and JSON.
+// Runs on the main thread; there is no lock.
 
-#include "Answers.h"
+#include "Outcome.h"
 
 #include <nlohmann/json.hpp>
 
@@ -52,10 +52,10 @@ json toJson(const RegistrationStatus::Failure& failure) {
     return shown;
 }
 
-// The statuses that are tried again are those of OrvServiceRegistryContext::enableResilience().
+// Excludes the statuses that OrvServiceRegistryContext::enableResilience() retries.
 bool isRefusal(const RegistrationStatus::Failure& failure) {
-    static const std::set<int> passing{408, 425, 429, 500, 502, 503, 504};
-    return failure.httpStatus >= 300 && passing.count(failure.httpStatus) == 0;
+    static const std::set<int> retried{408, 425, 429, 500, 502, 503, 504};
+    return failure.httpStatus >= 300 && retried.count(failure.httpStatus) == 0;
 }
 
 bool nothingWasSent(const ClientStatistics::Snapshot& counted) {

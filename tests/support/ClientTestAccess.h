@@ -1,0 +1,149 @@
+#pragma once
+
+#include "RegistrationTable.h"
+
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orvx::serviceregistryclient {
+
+/// The one friend of the client: reads its state and enters where only its own threads do.
+class ClientTestAccess {
+  public:
+    using Client = OrvServiceRegistryClient;
+    using Request = std::shared_ptr<Client::RequestContainer>;
+    using Callbacks = Client::Callbacks;
+
+    explicit ClientTestAccess(Client& client) : client_(client) {}
+
+    // State.
+
+    std::vector<std::uint64_t> ids() const {
+        const utility::MutexLock lock(client_.mutex);
+        std::vector<std::uint64_t> ids;
+        for (const auto& [id, record] : *client_.mapRegistryCallback) {
+            ids.push_back(id);
+        }
+        return ids;
+    }
+    std::shared_ptr<Client::RegistrationData> record(std::uint64_t id) const {
+        const utility::MutexLock lock(client_.mutex);
+        return client_.mapRegistryCallback->find(id);
+    }
+    /// These throw std::out_of_range when there is no such registration.
+    std::shared_ptr<common::ServiceCreate> service(std::uint64_t id) const {
+        return existing(id)->requestContainer->serviceCreate;
+    }
+    std::uint32_t state(std::uint64_t id) const { return existing(id)->state; }
+    void setState(std::uint64_t id, std::uint32_t state) { existing(id)->state = state; }
+    std::uint64_t lastRequestId() const {
+        const utility::MutexLock lock(client_.mutex);
+        return client_.lastRequestId;
+    }
+    std::uint32_t checkState() const {
+        const utility::MutexLock lock(client_.mutex);
+        return client_.checkState;
+    }
+    void setCheckState(std::uint32_t state) {
+        const utility::MutexLock lock(client_.mutex);
+        client_.checkState = static_cast<Client::HeadState>(state);
+    }
+    std::vector<std::string> sessionKeys() const {
+        const utility::MutexLock lock(client_.mutex);
+        std::vector<std::string> keys;
+        for (const auto& [key, session] : client_.sessions) {
+            keys.push_back(key);
+        }
+        return keys;
+    }
+    /// Whether no thread holds the client's lock. A thread must not try a lock that it holds:
+    /// another one does.
+    bool isLockFree() const {
+        return std::async(std::launch::async,
+                          [this] {
+                              if (!client_.mutex.try_lock()) {
+                                  return false;
+                              }
+                              client_.mutex.unlock();
+                              return true;
+                          })
+            .get();
+    }
+    std::shared_ptr<communication::ClientStatistics> statistics() const {
+        return client_.communicationContext.getClientStatistics();
+    }
+    std::shared_ptr<communication::HealthCheck> healthCheck() const {
+        return client_.communicationContext.getHealthCheck();
+    }
+    std::shared_ptr<communication::IClientHttpSession> session(const common::ServiceInfo& info) {
+        const utility::MutexLock lock(client_.mutex);
+        return client_.createOrGetRegistryClientSession(info);
+    }
+
+    // Entries that the client's own threads use.
+
+    void sendPut(std::uint64_t id, const Request& request) { client_.sendPutRequest(id, request); }
+    void sendHead(std::uint64_t id, const Request& request) {
+        client_.sendHeadRequest(id, request);
+    }
+    void sendDelete(std::uint64_t id, const Request& request) {
+        client_.sendDeleteRequest(id, request);
+    }
+    void handlePut(std::uint64_t id, const Request& request, communication::HttpResponse response) {
+        client_.handlePutResponse(id, request, std::move(response));
+    }
+    void handlePutError(std::uint64_t id, const Request& request,
+                        communication::HttpResponse response) {
+        client_.handlePutResponseError(id, request, std::move(response));
+    }
+    void handleHead(std::uint64_t id, const Request& request,
+                    communication::HttpResponse response) {
+        client_.handleHeadResponse(id, request, std::move(response));
+    }
+    void timeOutHead(communication::IClientHttpSession& session) {
+        client_.handleHeadTimeout(session);
+    }
+    void handleDelete(std::uint64_t id, communication::HttpResponse response) {
+        client_.handleDeleteResponse(id, std::move(response));
+    }
+    void deleteEntries(std::uint64_t id, Callbacks& callbacks) {
+        client_.deleteRegistryEntriesAndNotifyListener(id, callbacks);
+    }
+    void unregister(std::uint64_t id, const Client::ResponseCallback& callback) {
+        client_.internal_unregisterFromRegistry(id, callback);
+    }
+    void dispatch(Client::ResponseCallback callback, const Client::Response& response) {
+        client_.callCallback(std::move(callback), response);
+    }
+    static OrvRegistrationResponse synchronized(const std::function<void(Client::Promise)>& call,
+                                                std::chrono::milliseconds timeout) {
+        return Client::makeSynchronizedCallRegistrationResponse(call, timeout);
+    }
+    static auto collect(const Client::ServiceSet& services,
+                        const std::function<void(std::shared_ptr<common::ServiceCreate>,
+                                                 Client::ServiceCallback)>& registerOne) {
+        return Client::executeSynchronousServiceCollectionRegistryCall(services, registerOne);
+    }
+    auto collectUnregistrations(
+        const std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>& registrations,
+        const std::function<void(std::uint64_t, std::shared_ptr<common::ServiceCreate>,
+                                 Client::ServiceCallback)>& unregisterOne) {
+        return client_.executeSynchronousServiceCollectionUnregistration(registrations,
+                                                                         unregisterOne);
+    }
+
+  private:
+    std::shared_ptr<Client::RegistrationData> existing(std::uint64_t id) const {
+        const auto found = record(id);
+        return found ? found : throw std::out_of_range("no registration " + std::to_string(id));
+    }
+
+    Client& client_;
+};
+
+}  // namespace orvx::serviceregistryclient
