@@ -17,10 +17,12 @@ namespace orvx::announce {
 using nlohmann::json;
 using registry::ChildProcess;
 using serviceregistryclient::entriesAt;
-using serviceregistryclient::eventually;
 using serviceregistryclient::passOn;
 using std::chrono::steady_clock;
 using ::testing::AllOf;
+using testing::contentOf;
+using testing::eventually;
+using testing::Folder;
 using ::testing::HasSubstr;
 using testing::HostileServer;
 using ::testing::IsEmpty;

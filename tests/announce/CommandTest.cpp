@@ -49,7 +49,7 @@ TEST_F(TheCommand, ThatDoesNotExistIsOneHundredTwentySeven) {
 
 TEST_F(TheCommand, ThatCannotBeExecutedIsOneHundredTwentySix) {
     const Folder folder;
-    const auto file = folder.file("plain", "text");
+    const auto file = folder.write("plain", "text");
     const auto result = Announce(echo() + Words{"--", file}).ended(126);
     EXPECT_THAT(result.errors, HasSubstr("Permission denied"));
 }

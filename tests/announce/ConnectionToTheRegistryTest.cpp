@@ -16,7 +16,7 @@ class TheConnectionToTheRegistry : public AnnounceTest {
     const Folder folder;
 };
 
-TEST_F(TheConnectionToTheRegistry, MayBeTlsWithACertificateOfOnesOwn) {
+TEST_F(TheConnectionToTheRegistry, MayUseTlsWithAClientCertificate) {
     ChildProcess secure("/usr/bin/env",
                         {"python3", ORVX_TLS_REGISTRY, folder.file(""), "WantsACertificate"});
     const std::string& output = secure.awaitOutput(".");
@@ -29,7 +29,7 @@ TEST_F(TheConnectionToTheRegistry, MayBeTlsWithACertificateOfOnesOwn) {
     secure.awaitOutput("saw DELETE /echo.");
 }
 
-TEST_F(TheConnectionToTheRegistry, TrustsNobodyWhoIsNotVouchedFor) {
+TEST_F(TheConnectionToTheRegistry, RefusesAnUntrustedCertificate) {
     ChildProcess secure("/usr/bin/env", {"python3", ORVX_TLS_REGISTRY, folder.file(""), "None"});
     const std::string& output = secure.awaitOutput(".");
     const auto port = std::stoi(output.substr(std::string("port ").size()));
@@ -40,25 +40,25 @@ TEST_F(TheConnectionToTheRegistry, TrustsNobodyWhoIsNotVouchedFor) {
     EXPECT_THAT(secure.awaitOutput("failed: "), Not(HasSubstr("saw")));
 }
 
-TEST_F(TheConnectionToTheRegistry, ToAHostThatIsNotKnownIsToldByItsName) {
+TEST_F(TheConnectionToTheRegistry, ReportsTheNameOfAnUnknownHost) {
     Announce announce(at("http://registry.invalid:8500"));
     announce.awaitOutput(
         " unreachable reason=\"PUT: RESOLVE_FAILED: the host registry.invalid is not known\" ");
     announce.stopped(0);
 }
 
-TEST_F(TheConnectionToTheRegistry, ShowsATokenThatMayBeReplaced) {
+TEST_F(TheConnectionToTheRegistry, CarriesATokenThatMayBeReplaced) {
     front.onRequest([this](const Request& request) {
         return request.header("Authorization") == "Bearer second" ? passOn(request, registry.port())
                                                                   : testing::response(401);
     });
-    const auto file = folder.file("token", "first\n");
+    const auto file = folder.write("token", "first\n");
     Announce announce(at(urlOf(front.port())) + Words{"--token-file", file} +
                       shell("trap : HUP; echo up; read line; read line"));
     announce.awaitOutput("up\n");
     announce.awaitErrors(" refused ");
     EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer first");
-    folder.file("token", "second\n");
+    folder.write("token", "second\n");
     announce.signal(SIGHUP);
     const std::string errors = announce.awaitErrors(" announced ");
     EXPECT_THAT(errors, Not(AllOf(HasSubstr("first"), HasSubstr("second"))));
@@ -67,19 +67,19 @@ TEST_F(TheConnectionToTheRegistry, ShowsATokenThatMayBeReplaced) {
     EXPECT_TRUE(entries().empty());
 }
 
-TEST_F(TheConnectionToTheRegistry, KeepsItsTokenWhenTheFileIsOfNoUse) {
-    const auto file = folder.file("token", "first");
+TEST_F(TheConnectionToTheRegistry, KeepsItsTokenWhenTheFileIsInvalid) {
+    const auto file = folder.write("token", "first");
     passOnInFront();
     Announce announce(at(urlOf(front.port())) + Words{"--token-file", file});
     announce.awaitOutput(" announced ");
-    folder.file("token", "");
+    folder.write("token", "");
     announce.signal(SIGHUP);
     announce.awaitOutput(" no-token ");
     announce.stopped(0);
     EXPECT_EQ(front.requests().back().header("Authorization"), "Bearer first");
 }
 
-TEST_F(TheConnectionToTheRegistry, MayLeadThroughAProxy) {
+TEST_F(TheConnectionToTheRegistry, MayUseAProxy) {
     front.onRequest([](const Request& request) {
         return testing::response(request.method == "PUT" ? 201 : 200, {{"Location", "/1"}});
     });
@@ -89,7 +89,7 @@ TEST_F(TheConnectionToTheRegistry, MayLeadThroughAProxy) {
     announce.stopped(0);
 }
 
-TEST_F(TheConnectionToTheRegistry, MayBeASocketOfThisMachine) {
+TEST_F(TheConnectionToTheRegistry, MayUseAUnixSocket) {
     const auto socket = folder.file("socket");
     ChildProcess local("/usr/bin/env",
                        {"python3", ORVX_ANNOUNCE_TESTS "/unix_registry.py", socket});

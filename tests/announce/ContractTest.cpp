@@ -15,7 +15,7 @@ class TheContract : public AnnounceTest {
     std::string faultsOf(const std::string& documents) const {
         const auto result =
             ChildProcess("/usr/bin/python3", {ORVX_ANNOUNCE_TESTS "/validate.py", kSchema,
-                                              folder.file("documents", documents)})
+                                              folder.write("documents", documents)})
                 .wait();
         EXPECT_EQ(exitCode(result), 0) << result.errors;
         return result.output;
@@ -86,24 +86,24 @@ TEST_F(TheContract, IsKeptByEveryEvent) {
              .errors);
     {
         holdBack("DELETE");
-        const auto token = folder.file("token", "secret");
+        const auto token = folder.write("token", "secret");
         Announce& left =
             run(echo(front.port()) + Words{"--withdraw-timeout", "0.1", "--token-file", token,
                                            "--status-file", folder.file("none/status.json")});
         left.awaitOutput("\"announced\"");
-        folder.file("token", "");
+        folder.write("token", "");
         left.signal(SIGHUP);
         left.awaitOutput("\"no-token\"");
         take(left.stopped(1).output);
     }
     {
-        const auto file = folder.file("set.json", R"([{"name":"a","port":1}])");
+        const auto file = folder.write("set.json", R"([{"name":"a","port":1}])");
         Announce& again = run({"--registry", urlOf(registry.port()), "--from", file});
         again.awaitOutput("\"announced\"");
-        folder.file("set.json", R"([{"name":"a","port":2}])");
+        folder.write("set.json", R"([{"name":"a","port":2}])");
         again.signal(SIGHUP);
         again.awaitOutput("\"reloaded\"");
-        folder.file("set.json", "");
+        folder.write("set.json", "");
         again.signal(SIGHUP);
         again.awaitOutput("\"not-reloaded\"");
         take(again.stopped(0).output);

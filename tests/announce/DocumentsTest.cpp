@@ -74,7 +74,7 @@ TEST_F(TheCompletion, OffersEveryOption) {
 
 TEST_F(TheCompletion, OffersWhatAnOptionTakes) {
     const Folder folder;
-    const auto file = folder.file("services.json", "[]");
+    const auto file = folder.write("services.json", "[]");
     EXPECT_EQ(completions("--from " + folder.file("ser")), std::set<std::string>{file});
     EXPECT_EQ(completions("--ready ''"), (std::set<std::string>{"none", "tcp"}));
     EXPECT_THAT(completions("--name ''"), IsEmpty());
@@ -82,7 +82,7 @@ TEST_F(TheCompletion, OffersWhatAnOptionTakes) {
 
 TEST_F(TheCompletion, OffersCommandsBehindTwoDashesAndFilesBehindThese) {
     const Folder folder;
-    const auto file = folder.file("input", "");
+    const auto file = folder.write("input", "");
     EXPECT_EQ(completions("--json -- printen").count("printenv"), 1U);
     EXPECT_EQ(completions("--json -- cat " + folder.file("in")), std::set<std::string>{file});
 }

@@ -148,7 +148,7 @@ TEST_F(Health, OfOneServiceConcernsNoOther) {
     const json set{{{"name", "a"}, {"port", other.port()}},
                    {{"name", "b"}, {"port", service.port()}}};
     Announce announce(Words{"--registry", urlOf(registry.port()), "--health-tcp", "--from",
-                            folder.file("set.json", set.dump())} +
+                            folder.write("set.json", set.dump())} +
                       kAtOnce);
     EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
     service.stopListening();
@@ -165,7 +165,7 @@ TEST_F(Health, OfManyServicesIsAskedForAllOverTheInterval) {
         set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000 + i}});
     }
     Announce announce({"--registry", urlOf(registry.port()), "--from",
-                       folder.file("set.json", set.dump()), "--health-interval", "2",
+                       folder.write("set.json", set.dump()), "--health-interval", "2",
                        "--health-command", "date +%s%3N >>" + log});
     EXPECT_TRUE(eventually([this] { return isLoggedTimes(20); }));
     const auto times = logged();

@@ -36,7 +36,7 @@ class ManyServices : public AnnounceTest {
             set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000}});
         }
         return {"--registry",       urlOf(registryPort),
-                "--from",           folder.file("set.json", set.dump()),
+                "--from",           folder.write("set.json", set.dump()),
                 "--status-file",    status,
                 "--check-interval", "3600",
                 "--retry-interval", "3600"};
@@ -76,7 +76,7 @@ class ManyServices : public AnnounceTest {
         set.push_back({{"name", "lamp"}});
         const auto before = processorTimeOfChildren();
         const auto result = Announce({"--registry", urlOf(refused.port()), "--from",
-                                      folder.file("set.json", set.dump(1))})
+                                      folder.write("set.json", set.dump(1))})
                                 .ended(125);
         EXPECT_THAT(result.errors, HasSubstr("set.json:" + std::to_string(4 * count + 2) +
                                              ":2: the service has no port"));

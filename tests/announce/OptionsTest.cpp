@@ -19,7 +19,7 @@ class TheOptions : public AnnounceTest {
         return Announce(arguments).ended(125).errors;
     }
     std::string refusalOfSet(const std::string& content) const {
-        return refusal({"--registry", "http://127.0.0.1", "--from", folder.file("set", content)});
+        return refusal({"--registry", "http://127.0.0.1", "--from", folder.write("set", content)});
     }
 
     const Folder folder;
@@ -56,7 +56,7 @@ TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
     lamp["properties"] = properties;
     const json set{lamp, {{"name", "bell"}, {"port", 2}}};
     Announce announce({"--registry", urlOf(registry.port()), "--from",
-                       folder.file("set", set.dump()), "--host", "other"});
+                       folder.write("set", set.dump()), "--host", "other"});
     EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
     std::map<std::string, json> services;
     for (const json& entry : entries()) {
@@ -86,7 +86,7 @@ TEST_F(TheOptions, EscapeNameAndHostInTheDefaultUri) {
                    {{"name", "v6"}, {"port", 4}, {"host", "[2001:db8::1]"}},
                    {{"name", "as it is"}, {"port", 5}, {"uri", "a%20b"}}};
     Announce announce(
-        {"--registry", urlOf(registry.port()), "--from", folder.file("set", set.dump())});
+        {"--registry", urlOf(registry.port()), "--from", folder.write("set", set.dump())});
     EXPECT_TRUE(eventually([&] { return entries().size() == set.size(); }));
     std::set<std::string> paths;
     for (const json& entry : entries()) {
@@ -151,7 +151,7 @@ TEST_F(TheOptions, TellTheVersionOfTheProgram) {
 }
 
 TEST_F(TheOptions, MayComeFromTheEnvironment) {
-    const auto token = folder.file("token", "secret");
+    const auto token = folder.write("token", "secret");
     passOnInFront();
     ChildProcess announce(
         "/usr/bin/env", {"ORVX_REGISTRY=" + urlOf(front.port()), "ORVX_NAME=echo", "ORVX_PORT=8080",

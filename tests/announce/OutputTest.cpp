@@ -223,7 +223,7 @@ TEST_F(TheStatusFile, IsWholeWheneverItIsRead) {
         set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000}});
     }
     Announce announce({"--registry", urlOf(registry.port()), "--status-file", file, "--from",
-                       folder.file("set.json", set.dump())});
+                       folder.write("set.json", set.dump())});
     EXPECT_TRUE(eventually([&] { return std::filesystem::exists(file); }));
     std::string summary;
     while (summary != "50 of 50 announced") {

@@ -51,7 +51,7 @@ TEST_F(Readiness, MayBeThatACommandSucceeds) {
     Announce announce(echo() + Words{"--ready-command", "echo asked; test -e " + file} + kWaiting);
     announce.awaitErrors("asked\n");
     EXPECT_TRUE(entries().empty());
-    folder.file("ready", "");
+    folder.write("ready", "");
     announce.awaitErrors(" announced ");
     EXPECT_EQ(entries().size(), 1U);
     end(announce);
@@ -118,7 +118,7 @@ TEST_F(Readiness, OfSeveralServicesIsThatOfAll) {
     const json services{{{"name", "a"}, {"port", other.port()}},
                         {{"name", "b"}, {"port", service.port()}}};
     Announce announce(Words{"--registry", urlOf(registry.port()), "--from",
-                            folder.file("set.json", services.dump())} +
+                            folder.write("set.json", services.dump())} +
                       kWaiting);
     ASSERT_TRUE(other.waitForConnections(2));
     EXPECT_TRUE(entries().empty());

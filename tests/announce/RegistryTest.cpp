@@ -152,7 +152,7 @@ TEST_F(AnAnnouncement, OfASetIsWithdrawnAsAWhole) {
         set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000 + i}});
     }
     Announce announce(
-        {"--registry", urlOf(registry.port()), "--from", folder.file("set.json", set.dump())});
+        {"--registry", urlOf(registry.port()), "--from", folder.write("set.json", set.dump())});
     EXPECT_TRUE(eventually([this] { return entries().size() == 20; }));
     announce.stopped(0);
     EXPECT_TRUE(entries().empty());
@@ -165,7 +165,7 @@ TEST_F(AnAnnouncement, OfASetIsNotHeldUpByOneServiceThatIsNeverAnswered) {
     });
     const Folder folder;
     const auto file =
-        folder.file("set.json", R"([{"name":"bad","port":1},{"name":"good","port":2}])");
+        folder.write("set.json", R"([{"name":"bad","port":1},{"name":"good","port":2}])");
     Announce announce(
         {"--registry", urlOf(front.port()), "--from", file, "--withdraw-timeout", "0.2"});
     announce.awaitOutput(" announced service=good ");

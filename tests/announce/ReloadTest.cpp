@@ -19,7 +19,7 @@ class AReload : public AnnounceTest {
     static json lamp(const std::string& name, const std::string& description) {
         return {{"name", name}, {"port", 1}, {"uri", "/" + name}, {"description", description}};
     }
-    std::string write(const json& set) const { return folder.file("set.json", set.dump()); }
+    std::string write(const json& set) const { return folder.write("set.json", set.dump()); }
     Words options(const std::string& file) const {
         return {"--json",           "--registry", urlOf(front.port()), "--from", file,
                 "--check-interval", "3600"};
@@ -83,7 +83,7 @@ TEST_F(AReload, OfAFileThatIsWrongChangesNothing) {
     const auto file = write({lamp("same", "a"), lamp("gone", "a")});
     Announce announce(options(file));
     EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
-    folder.file("set.json", R"([{"name":"same"}])");
+    folder.write("set.json", R"([{"name":"same"}])");
     announce.signal(SIGHUP);
     announce.awaitOutput("\"not-reloaded\"");
     EXPECT_EQ(entries().size(), 2U);
@@ -143,7 +143,7 @@ TEST_F(AReload, OfAHugeFileChangesNothing) {
 }
 
 TEST_F(AReload, OfATokenFileThatIsAFifoKeepsTheTokenAndDoesNotWait) {
-    const auto token = folder.file("token", "secret\n");
+    const auto token = folder.write("token", "secret\n");
     Announce announce(options(write(json::array({lamp("same", "a")}))) +
                       Words{"--token-file", token});
     announce.awaitOutput("\"announced\"");

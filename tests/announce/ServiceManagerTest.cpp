@@ -101,7 +101,7 @@ TEST_F(TheServiceManager, UnderstandsTheUnitFile) {
         ASSERT_NE(unit.find(installed), std::string::npos);
         unit.replace(unit.find(installed), installed.size(), built);
     }
-    const auto file = folder.file("orvx-announce-example.service", unit);
+    const auto file = folder.write("orvx-announce-example.service", unit);
     const auto result =
         ChildProcess("/usr/bin/env", {"systemd-analyze", "verify", "--man=no", file}).wait();
     EXPECT_EQ(exitCode(result), 0) << result.errors;

@@ -16,7 +16,7 @@ namespace {
 
 using communication::ClientStatistics;
 using communication::HttpCredentials;
-using testing::Folder;
+using testing::CertificateFolder;
 using ::testing::HasSubstr;
 using testing::Nginx;
 using ::testing::Not;
@@ -45,7 +45,7 @@ class ADeployment : public ::testing::Test {
     }
     /// Beside the authority's file, as an administrator should: never a part of it is seen.
     void replaceAuthorityBy(const std::string& name) const {
-        folder.write("next.pem", folder.read(name + ".pem"));
+        folder.write("next.pem", testing::contentOf(folder.file(name + ".pem")));
         std::filesystem::rename(folder.file("next.pem"), folder.file("authority.pem"));
     }
     void start() {
@@ -102,7 +102,7 @@ class ADeployment : public ::testing::Test {
             << httpStatus;
     }
 
-    const Folder folder;
+    const CertificateFolder folder;
     registry::RegistryProcess registryProcess{{"--port", "0"}};
     struct {
         std::uint16_t number;
@@ -114,14 +114,14 @@ class ADeployment : public ::testing::Test {
     std::function<OrvRegistrationResponse()> withdraw;
 };
 
-TEST_F(ADeployment, IsLivedInBehindAServerThatSpeaksTls) {
+TEST_F(ADeployment, SupportsAllOperationsThroughATlsServer) {
     const Nginx nginx(folder, registry.port(), {true, "", ""});
     useTls();
     start();
     liveThrough(nginx.port());
 }
 
-TEST_F(ADeployment, IsForThoseOnlyWhoShowTheirCertificate) {
+TEST_F(ADeployment, AcceptsOnlyClientsWithACertificate) {
     const Nginx::Config config{true, "ssl_verify_client on; ssl_client_certificate authority.pem;",
                                ""};
     const Nginx nginx(folder, registry.port(), config);
@@ -137,7 +137,7 @@ TEST_F(ADeployment, IsForThoseOnlyWhoShowTheirCertificate) {
     EXPECT_THAT(nginx.log(), HasSubstr("[CN=client]"));
 }
 
-TEST_F(ADeployment, TrustsTheAuthorityInTheFileThatWasReplaced) {
+TEST_F(ADeployment, IsVerifiedWithTheReplacedAuthorityFile) {
     Nginx nginx(folder, registry.port(), {true, "", ""});
     useTls();
     start();
@@ -152,7 +152,7 @@ TEST_F(ADeployment, TrustsTheAuthorityInTheFileThatWasReplaced) {
     EXPECT_EQ(notifications.await(2), (std::vector<bool>{true, true})) << "nothing was lost";
 }
 
-TEST_F(ADeployment, IsShownTheClientsCertificateThatWasReplaced) {
+TEST_F(ADeployment, ReceivesTheReplacedClientCertificate) {
     const std::string options = "ssl_verify_client on; ssl_client_certificate ";
     Nginx nginx(folder, registry.port(), {true, options + "authority.pem;", ""});
     folder.makeCertificate("client", "authority");
@@ -184,7 +184,7 @@ TEST_F(ADeployment, IsReachedThroughATunnelOfTheProxy) {
     proxy.awaitRequest("CONNECT 127.0.0.1:" + std::to_string(nginx.port()));
 }
 
-TEST_F(ADeployment, CannotBeConnectedToOnceTheProxyRefusesTheNextTunnel) {
+TEST_F(ADeployment, IsUnreachableWhenTheProxyRefusesTheNextTunnel) {
     Nginx nginx(folder, registry.port(), {true, "", ""});
     const Proxy proxy(folder, "user", "secret");
     useTls();
@@ -245,7 +245,7 @@ Nginx::Config forThoseWith(const std::string& authorization) {
             "map $http_authorization $may { default 0; '" + authorization + "' 1; }"};
 }
 
-TEST_F(ADeployment, GetsTheNewTokenWithoutLosingAnything) {
+TEST_F(ADeployment, ReceivesANewTokenWithoutLosingAnEntry) {
     Nginx nginx(folder, registry.port(), forThoseWith("Bearer old"));
     useTls();
     http.credentials = std::make_shared<HttpCredentials>();
@@ -271,7 +271,7 @@ TEST_F(ADeployment, GetsTheNewTokenWithoutLosingAnything) {
     EXPECT_EQ(describe(withdraw()), "OK");
 }
 
-TEST_F(ADeployment, LetsInWhoShowsAUserAndAPassword) {
+TEST_F(ADeployment, AcceptsAUserWithAPassword) {
     folder.write("users", "lamp:{PLAIN}secret\n");
     const Nginx::Config config{true, "auth_basic registry; auth_basic_user_file users;", ""};
     const Nginx nginx(folder, registry.port(), config);

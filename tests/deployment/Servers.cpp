@@ -9,10 +9,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 namespace orvx::testing {
@@ -36,32 +33,12 @@ std::vector<std::string> request(const std::string& name, const std::string& sub
 
 }  // namespace
 
-Folder::Folder() : path_((std::filesystem::temp_directory_path() / "orvx-site-XXXXXX").string()) {
-    if (::mkdtemp(path_.data()) == nullptr) {
-        throw std::runtime_error("no folder for a site");
-    }
-}
-
-Folder::~Folder() {
-    std::filesystem::remove_all(path_);
-}
-
-std::string Folder::write(const std::string& name, const std::string& content) const {
-    std::ofstream(file(name)) << content;
-    return file(name);
-}
-
-std::string Folder::read(const std::string& name) const {
-    std::ifstream stream(file(name));
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-void Folder::makeAuthority(const std::string& name) const {
+void CertificateFolder::makeAuthority(const std::string& name) const {
     openssl(request(file(name), "authority"));
 }
 
-void Folder::makeCertificate(const std::string& name, const std::string& authority,
-                             const std::string& names) const {
+void CertificateFolder::makeCertificate(const std::string& name, const std::string& authority,
+                                        const std::string& names) const {
     auto arguments = request(file("made"), name);
     for (const std::string& argument :
          {std::string("-CA"), file(authority + ".pem"), std::string("-CAkey"),
@@ -75,7 +52,8 @@ void Folder::makeCertificate(const std::string& name, const std::string& authori
     }
 }
 
-void Folder::makeExpiredCertificate(const std::string& name, const std::string& authority) const {
+void CertificateFolder::makeExpiredCertificate(const std::string& name,
+                                               const std::string& authority) const {
     makeCertificate(name, authority);
     openssl({"x509", "-x509toreq", "-in", file(name + ".pem"), "-signkey", file(name + ".key"),
              "-copy_extensions", "copy", "-out", file("made.csr")});

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ChildProcess.h"
+#include "Folder.h"
 
 #include <cstdint>
 #include <functional>
@@ -10,28 +11,16 @@
 
 namespace orvx::testing {
 
-/// A folder of its own, gone with the object.
-class Folder {
+/// A temporary folder with certificates.
+class CertificateFolder : public Folder {
   public:
-    Folder();
-    ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    std::string write(const std::string& name, const std::string& content) const;
-    std::string read(const std::string& name) const;
-
-    /// Makes `name`.pem and `name`.key, an authority's. All authorities have the same name.
+    /// Makes `name`.pem and `name`.key of an authority. All authorities have the same name.
     void makeAuthority(const std::string& name) const;
     /// Makes, or replaces as a whole, `name`.pem and `name`.key, for these alternative names.
     void makeCertificate(const std::string& name, const std::string& authority,
                          const std::string& names = "IP:127.0.0.1,DNS:localhost") const;
-    /// The same, with the default names, but no longer valid since yesterday.
+    /// The same with the default names, but expired yesterday.
     void makeExpiredCertificate(const std::string& name, const std::string& authority) const;
-
-  private:
-    std::string path_;
 };
 
 /// A server program at a port of its own.
@@ -73,7 +62,7 @@ class Nginx {
     void reload(const Config& config);
     /// A line for each request: method, status, the client's Authorization header, the name in its
     /// certificate, and the how manyth request it is on its connection.
-    std::string log() const { return folder_.read("access.log"); }
+    std::string log() const { return contentOf(folder_.file("access.log")); }
 
   private:
     void configure(std::uint16_t port, const Config& config) const;

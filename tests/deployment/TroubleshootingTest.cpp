@@ -28,7 +28,7 @@ namespace {
 #include "page.inc"  // kPage, and the function print() that the page shows
 
 using communication::HttpCredentials;
-using testing::Folder;
+using testing::CertificateFolder;
 using testing::Nginx;
 using testing::RefusedPort;
 
@@ -39,11 +39,6 @@ std::vector<std::string> linesOf(const std::string& text) {
         lines.push_back(line);
     }
     return lines;
-}
-
-std::string contentOf(const std::filesystem::path& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 /// "A name, not known" is "ANameNotKnown".
@@ -163,7 +158,7 @@ class Troubleshooting : public ::testing::Test {
 
     std::shared_ptr<testing::RecordingLoggerFactory> log =
         std::make_shared<testing::RecordingLoggerFactory>();
-    const Folder folder;
+    const CertificateFolder folder;
     registry::RegistryProcess registry{{"--port", "0", "--admin", "--log", folder.file("log")}};
     std::string host = "127.0.0.1";
     communication::HttpConfig http;
@@ -275,7 +270,7 @@ TEST_F(Troubleshooting, TwoInstancesUseOnePath) {
     announced(context, "10.0.0.1");
     const auto withdraw = announced(other, "10.0.0.2");
     expectQuotedOutput([this] {
-        see(folder.read("log"));
+        see(testing::contentOf(folder.file("log")));
         see(metricsOfTheRegistry());
     });
     EXPECT_EQ(text(withdraw()), "OK/NONE");
@@ -305,7 +300,7 @@ TEST_F(Troubleshooting, CallbacksDoNotCome) {
     announce(registry.port(), [&](const auto& outcome) { outcomes.write(text(outcome)); });
     expectQuotedOutput([&] {
         for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-            see(contentOf(thread.path() / "comm"));
+            see(testing::contentOf(thread.path() / "comm"));
         }
     });
     expectAnnounced();

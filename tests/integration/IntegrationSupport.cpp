@@ -46,17 +46,6 @@ IOrvServiceRegistryClient::ServiceSet services(const std::string& name, int coun
     return set;
 }
 
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
-
 nlohmann::json entriesAt(std::uint16_t port) {
     const auto answer = RawConnection(port).ask(makeRequest("GET", "/"));
     return nlohmann::json::parse(answer.body()).at("entries");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Eventually.h"
 #include "HostileServer.h"
 #include "RunningRegistry.h"
 
@@ -14,6 +15,8 @@
 
 namespace orvx::serviceregistryclient {
 
+using testing::eventually;
+
 /// "OK/NONE", "ERROR/TIMEOUT" and so on.
 std::string text(const OrvRegistrationResponse& outcome);
 
@@ -25,10 +28,6 @@ std::string outcomeOf(
 std::shared_ptr<common::ServiceCreate> service(const std::string& name);
 /// Services named `name0`, `name1` and so on.
 IOrvServiceRegistryClient::ServiceSet services(const std::string& name, int count);
-
-/// Asks a registry, which tells nobody anything by itself, until the condition holds; false when it
-/// does not within ten seconds.
-bool eventually(const std::function<bool()>& condition);
 
 /// The list of the registry at that port.
 nlohmann::json entriesAt(std::uint16_t port);

@@ -4,6 +4,7 @@
 //
 // Entered by the test's thread and the client's; the registry is a child process. No lock.
 #include "ChildProcess.h"
+#include "Folder.h"
 #include "IntegrationTest.h"
 
 #include <orvx/utility/OrvFoundationException.h>
@@ -11,7 +12,6 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <ostream>
 
@@ -28,16 +28,13 @@ using ::testing::Values;
 class TlsRegistry {
   public:
     explicit TlsRegistry(const std::string& fault = "None")
-        : process_("/usr/bin/env", {"python3", ORVX_TLS_REGISTRY, folder_, fault}) {
+        : process_("/usr/bin/env", {"python3", ORVX_TLS_REGISTRY, folder_.path(), fault}) {
         const std::string& output = process_.awaitOutput(".");
         port_ = static_cast<std::uint16_t>(std::stoi(output.substr(std::string("port ").size())));
     }
-    ~TlsRegistry() { std::filesystem::remove_all(folder_); }
-    TlsRegistry(const TlsRegistry&) = delete;
-    TlsRegistry& operator=(const TlsRegistry&) = delete;
 
     common::ServiceInfo address() const { return {"registry", "127.0.0.1", port_}; }
-    std::string file(const std::string& name) const { return folder_ + "/" + name; }
+    std::string file(const std::string& name) const { return folder_.file(name); }
 
     void turnGood() { turn(SIGUSR1); }
     void turnBad() { turn(SIGUSR2); }
@@ -49,19 +46,12 @@ class TlsRegistry {
     void awaitAFailure() { process_.awaitOutput("failed: "); }
 
   private:
-    static std::string makeFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "orvx-tls-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("no folder for certificates");
-        }
-        return pattern;
-    }
     void turn(int signal) {
         process_.signal(signal);
         process_.awaitOutput("turned " + std::to_string(++turns_) + ".");
     }
 
-    const std::string folder_ = makeFolder();
+    const testing::Folder folder_;
     registry::ChildProcess process_;
     std::uint16_t port_ = 0;
     int turns_ = 0;

@@ -58,17 +58,6 @@ Script obey(const Request& request) {
                                    : response(200);
 }
 
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = Clock::now() + HostileServer::kPatience;
-    while (!condition()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(milliseconds(1));
-    }
-    return true;
-}
-
 ProtocolTest::ProtocolTest() {
     context->setLoggerFactory(log);
     context->enableRetry(false);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DeadResolver.h"
+#include "Eventually.h"
 #include "HostileServer.h"
 #include "OrvServiceRegistryClient.h"
 #include "Recorder.h"
@@ -25,6 +26,7 @@ namespace orvx::serviceregistryclient {
 using communication::HttpConfig;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using testing::eventually;
 using testing::HostileServer;
 using testing::Recorder;
 using testing::Request;
@@ -46,10 +48,6 @@ std::string created(const std::string& location);
 
 /// A registry that does what is asked: "/uuid-<last segment>" is the location of what is put.
 Script obey(const Request& request);
-
-/// Waits until `condition` holds, for what nothing announces; false when it does not within ten
-/// seconds.
-bool eventually(const std::function<bool()>& condition);
 
 /// A client and a registry of which the test decides what it answers; it obeys where nothing else
 /// is said. Without retries and checks until a test switches them on. Options are set on `context`

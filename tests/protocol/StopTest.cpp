@@ -3,10 +3,8 @@
 //
 // Threads: the test's, the client's and the server's.
 
-#include "ClientTestAccess.h"
 #include "Process.h"
 #include "ProtocolTest.h"
-#include "States.h"
 
 #include <algorithm>
 #include <future>
@@ -22,17 +20,18 @@ using ::testing::SizeIs;
 
 class AStop : public ProtocolTest {
   protected:
+    using State = RegistrationStatus::State;
+
     /// The states of all registrations.
-    std::vector<std::uint32_t> states() {
-        ClientTestAccess access(client());
-        std::vector<std::uint32_t> states;
-        for (const std::uint64_t id : access.ids()) {
-            states.push_back(access.state(id));
+    std::vector<State> states() const {
+        std::vector<State> states;
+        for (const RegistrationStatus& registration : context->getRegistrations()) {
+            states.push_back(registration.state);
         }
         return states;
     }
     /// Stops, starts again, and registers another service; nothing else may have happened.
-    void expectStopAndStart(const std::vector<std::uint32_t>& expected) {
+    void expectStopAndStart(const std::vector<State>& expected) {
         EXPECT_EQ(states(), expected);
         restart();
         EXPECT_EQ(states(), expected);
@@ -43,55 +42,55 @@ class AStop : public ProtocolTest {
     }
 };
 
-TEST_F(AStop, WhileRequestsWaitForAConnection) {
+TEST_F(AStop, KeepsTheRegistrationsThatWaitForAConnection) {
     server.onRequest([](const Request&) { return Script().silence(); });
     start();
     for (int i = 0; i < 40; ++i) {
         registerService("lamp-" + std::to_string(i));
     }
     ASSERT_TRUE(server.waitForRequests(16));
-    expectStopAndStart(std::vector<std::uint32_t>(40, state::registering));
+    expectStopAndStart(std::vector<State>(40, State::Announcing));
     EXPECT_EQ(server.counters().requests, 17U);
 }
 
-TEST_F(AStop, WhileANameIsLookedUp) {
+TEST_F(AStop, KeepsTheRegistrationWhoseRegistryIsLookedUp) {
     const DeadResolver resolver;
     start();
     client().registerServiceAtRegistry(registryAt(server.port(), "registry.silent.test"),
                                        service("lamp"), record());
     ASSERT_TRUE(resolver.waitForLookups(1));
-    expectStopAndStart({state::registering});
+    expectStopAndStart({State::Announcing});
     EXPECT_EQ(resolver.waiting(), 1U);
 }
 
-TEST_F(AStop, WhileAConnectionIsBeingMade) {
+TEST_F(AStop, KeepsTheRegistrationWhoseConnectionIsBeingMade) {
     const BlackHole hole;
     start();
     client().registerServiceAtRegistry(registryAt(hole.port()), service("lamp"), record());
     ASSERT_TRUE(eventually([&hole] { return testing::isConnecting(hole.port()); }));
-    expectStopAndStart({state::registering});
+    expectStopAndStart({State::Announcing});
 }
 
-TEST_F(AStop, WhileARequestIsBeingSent) {
+TEST_F(AStop, KeepsTheRegistrationWhoseRequestIsBeingSent) {
     server.nextConnection(Script().readBytes(100).waitForRelease("end").silence());
     start();
     const auto big = service("big");
     big->setDescription(std::string(6 << 20, 'x'));
     client().registerServiceAtRegistry(registry(), big, record());
     ASSERT_TRUE(server.waitForConnections(1));
-    expectStopAndStart({state::registering});
+    expectStopAndStart({State::Announcing});
     server.release("end");
 }
 
-TEST_F(AStop, WhileAnAnswerIsWaitedFor) {
+TEST_F(AStop, KeepsTheRegistrationThatWaitsForItsAnswer) {
     server.nextRequest(Script().silence());
     start();
     registerService("lamp");
     ASSERT_TRUE(server.waitForRequests(1));
-    expectStopAndStart({state::registering});
+    expectStopAndStart({State::Announcing});
 }
 
-TEST_F(AStop, WhileAnAnswerIsComingIn) {
+TEST_F(AStop, KeepsTheRegistrationWhoseAnswerIsIncomplete) {
     start();
     for (const Script& half :
          {Script("HTTP/1.1 201 Cre").silence(), Script("HTTP/1.1 201 Created\r\n").silence(),
@@ -99,7 +98,7 @@ TEST_F(AStop, WhileAnAnswerIsComingIn) {
           Script().drip(created(std::string(500, 'x')), milliseconds(5))}) {
         const auto requests = server.counters().requests;
         auto expected = states();
-        expected.push_back(state::registering);
+        expected.push_back(State::Announcing);
         server.nextRequest(half);
         registerService("lamp");
         ASSERT_TRUE(server.waitForRequests(requests + 1));
@@ -107,17 +106,17 @@ TEST_F(AStop, WhileAnAnswerIsComingIn) {
     }
 }
 
-TEST_F(AStop, BetweenTheRetries) {
+TEST_F(AStop, KeepsTheRegistrationThatWaitsForARetry) {
     context->enableRetry(true);
     context->setRetryInterval(std::chrono::hours(1));
     server.nextRequest(Script("HTTP/1.1 201").close());
     start();
     registerService("lamp");
     expectLogged("retry (1.) request: /lamp");
-    expectStopAndStart({state::registering});
+    expectStopAndStart({State::Announcing});
 }
 
-TEST_F(AStop, AmidRetriesWithoutAPause) {
+TEST_F(AStop, KeepsTheRegistrationThatIsRetriedWithoutAPause) {
     context->enableRetry(true);
     context->setRetryInterval(milliseconds(0));
     context->setInitialMaxRetryCount(65535);
@@ -125,19 +124,19 @@ TEST_F(AStop, AmidRetriesWithoutAPause) {
     start();
     registerService("lamp");
     ASSERT_TRUE(server.waitForRequests(10));
-    expectStopAndStart({state::registering});
+    expectStopAndStart({State::Announcing});
 }
 
-TEST_F(AStop, BetweenTheChecks) {
+TEST_F(AStop, KeepsTheServiceThatWaitsForACheck) {
     context->enableCheck(true);
     context->setCheckInterval(seconds(3600));
     start();
     const Handle handle = registered("lamp");
-    expectStopAndStart({state::registered});
+    expectStopAndStart({State::Announced});
     EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
 }
 
-TEST_F(AStop, BetweenACheckAndItsAnswer) {
+TEST_F(AStop, KeepsTheServiceWhoseCheckIsPending) {
     context->enableCheck(true);
     context->setCheckInterval(seconds(0));
     server.nextRequest(created("/uuid"));
@@ -145,11 +144,11 @@ TEST_F(AStop, BetweenACheckAndItsAnswer) {
     start();
     const Handle handle = registered("lamp");
     ASSERT_TRUE(server.waitForRequests(2));
-    expectStopAndStart({state::registered});
+    expectStopAndStart({State::Announced});
     EXPECT_EQ(outcomeOfWithdrawal(handle), kWithdrawn);
 }
 
-TEST_F(AStop, WhileALostServiceIsRegisteredAgain) {
+TEST_F(AStop, KeepsTheLostServiceThatIsRegisteredAgain) {
     context->enableCheck(true);
     context->setCheckInterval(seconds(0));
     server.nextRequest(created("/uuid"));
@@ -158,20 +157,20 @@ TEST_F(AStop, WhileALostServiceIsRegisteredAgain) {
     start();
     registered("lamp");
     ASSERT_TRUE(server.waitForRequests(3));
-    expectStopAndStart({state::reregistering});
+    expectStopAndStart({State::Lost});
 }
 
-TEST_F(AStop, WhileAWithdrawalIsOut) {
+TEST_F(AStop, KeepsTheServiceWhoseWithdrawalIsPending) {
     server.nextRequest(created("/uuid"));
     server.nextRequest(Script().silence());
     start();
     const Handle handle = registered("lamp");
     handle(record());
     ASSERT_TRUE(server.waitForRequests(2));
-    expectStopAndStart({state::unregistering});
+    expectStopAndStart({State::Withdrawing});
 }
 
-TEST_F(AStop, FromInsideACallback) {
+TEST_F(AStop, OfTheContextInACallbackAllowsANewStart) {
     start();
     client().registerServiceAtRegistry(registry(), service("lamp"), [this](const auto&) {
         stop();
@@ -184,7 +183,7 @@ TEST_F(AStop, FromInsideACallback) {
     expectItWorks();
 }
 
-TEST_F(AStop, OfTheClientAloneFromInsideACallback) {
+TEST_F(AStop, OfTheClientInACallbackAllowsANewStart) {
     start();
     client().registerServiceAtRegistry(registry(), service("lamp"), [this](const auto&) {
         client().deinit();
@@ -196,7 +195,7 @@ TEST_F(AStop, OfTheClientAloneFromInsideACallback) {
     expectItWorks();
 }
 
-TEST_F(AStop, FromInsideTheListener) {
+TEST_F(AStop, OfTheContextInTheListenerAllowsANewStart) {
     start();
     client().addServiceRegisterStatusListener([this](const auto&, bool) {
         stop();
@@ -208,7 +207,7 @@ TEST_F(AStop, FromInsideTheListener) {
     expectItWorks();
 }
 
-TEST_F(AStop, ByTheEndOfTheContextInsideACallback) {
+TEST_F(AStop, ByTheEndOfTheContextInACallbackEndsAllThreads) {
     start();
     client().registerServiceAtRegistry(registry(), service("lamp"), [this](const auto&) {
         context.reset();
@@ -222,7 +221,7 @@ TEST_F(AStop, ByTheEndOfTheContextInsideACallback) {
     }));
 }
 
-TEST_F(AStop, WaitsForTheCallbackThatRuns) {
+TEST_F(AStop, WaitsForTheRunningCallback) {
     start();
     Recorder goOn;
     client().registerServiceAtRegistry(registry(), service("lamp"), [this, &goOn](const auto&) {
@@ -240,7 +239,7 @@ TEST_F(AStop, WaitsForTheCallbackThatRuns) {
     EXPECT_EQ(outcomes->next(), "ran to its end");
 }
 
-TEST_F(AStop, DropsTheCallbacksThatWait) {
+TEST_F(AStop, DropsQueuedCallbacks) {
     context->enableCheck(true);
     context->setCheckInterval(seconds(0));
     start();
@@ -256,7 +255,7 @@ TEST_F(AStop, DropsTheCallbacksThatWait) {
     expectItWorks();
 }
 
-TEST_F(AStop, AnswersNothingThatIsAskedAfterIt) {
+TEST_F(AStop, DefersTheAnswersToLaterCallsUntilTheNextStart) {
     start();
     const Handle handle = registered("lamp");
     client().deinit();

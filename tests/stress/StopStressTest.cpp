@@ -113,7 +113,7 @@ class AStopAtARandomMoment : public ::testing::Test {
     }
 };
 
-TEST_F(AStopAtARandomMoment, WhileRequestsWaitForAConnection) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileRequestsWaitForAConnection) {
     repeat([](Scene& scene) {
         scene.server.onRequest(silence);
         scene.start();
@@ -124,7 +124,7 @@ TEST_F(AStopAtARandomMoment, WhileRequestsWaitForAConnection) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileANameIsLookedUp) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileANameIsLookedUp) {
     repeat([](Scene& scene) {
         scene.resolver.emplace();
         scene.start();
@@ -133,7 +133,7 @@ TEST_F(AStopAtARandomMoment, WhileANameIsLookedUp) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileAConnectionIsBeingMade) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileAConnectionIsBeingMade) {
     const BlackHole hole;
     repeat([&hole](Scene& scene) {
         scene.start();
@@ -142,7 +142,7 @@ TEST_F(AStopAtARandomMoment, WhileAConnectionIsBeingMade) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WithinATlsHandshake) {
+TEST_F(AStopAtARandomMoment, LeavesNothingDuringATlsHandshake) {
     repeat([](Scene& scene) {
         scene.server.everyConnection(Script().silence());
         scene.http.tls.enabled = true;
@@ -152,7 +152,7 @@ TEST_F(AStopAtARandomMoment, WithinATlsHandshake) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileALargeRequestIsBeingSent) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileALargeRequestIsBeingSent) {
     const auto big = Scene::service("big");
     big->setDescription(std::string(3 << 20, 'x'));
     repeat([&big](Scene& scene) {
@@ -163,7 +163,7 @@ TEST_F(AStopAtARandomMoment, WhileALargeRequestIsBeingSent) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileAnAnswerIsWaitedFor) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileAnAnswerIsPending) {
     repeat([](Scene& scene) {
         scene.server.nextRequest(Script().silence());
         scene.start();
@@ -172,7 +172,7 @@ TEST_F(AStopAtARandomMoment, WhileAnAnswerIsWaitedFor) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileAnAnswerIsComingIn) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileAnAnswerArrives) {
     repeat([](Scene& scene) {
         scene.server.nextRequest(Script().drip(created("/" + std::string(500, 'x')), 1ms));
         scene.start();
@@ -181,7 +181,7 @@ TEST_F(AStopAtARandomMoment, WhileAnAnswerIsComingIn) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, AmidRetries) {
+TEST_F(AStopAtARandomMoment, LeavesNothingBetweenRetries) {
     repeat([](Scene& scene) {
         scene.context->enableRetry(true);
         scene.server.onRequest([](const Request&) { return Script("HTTP/1.1 201").close(); });
@@ -191,7 +191,7 @@ TEST_F(AStopAtARandomMoment, AmidRetries) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileACallbackRuns) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileACallbackRuns) {
     repeat([](Scene& scene) {
         scene.start();
         const auto isRunning = std::make_shared<std::promise<void>>();
@@ -206,7 +206,7 @@ TEST_F(AStopAtARandomMoment, WhileACallbackRuns) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, BetweenACheckAndItsAnswer) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileACheckIsPending) {
     repeat([](Scene& scene) {
         scene.context->enableCheck(true);
         scene.server.nextRequest(created("/uuid"));
@@ -217,7 +217,7 @@ TEST_F(AStopAtARandomMoment, BetweenACheckAndItsAnswer) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, AmidChecksWithoutAPause) {
+TEST_F(AStopAtARandomMoment, LeavesNothingDuringChecksWithoutAPause) {
     repeat([](Scene& scene) {
         scene.context->enableCheck(true);
         scene.context->setHeadTimeout(2ms);
@@ -229,7 +229,7 @@ TEST_F(AStopAtARandomMoment, AmidChecksWithoutAPause) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileALostServiceIsRegisteredAgain) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileALostServiceIsRegisteredAgain) {
     repeat([](Scene& scene) {
         scene.context->enableCheck(true);
         scene.server.nextRequest(created("/uuid"));
@@ -241,7 +241,7 @@ TEST_F(AStopAtARandomMoment, WhileALostServiceIsRegisteredAgain) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileServicesAreLostAndRegisteredAgainWithoutAPause) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileServicesAreLostAndRegisteredAgainWithoutAPause) {
     repeat([](Scene& scene) {
         scene.context->enableCheck(true);
         scene.server.onRequest([](const Request& request) {
@@ -255,7 +255,7 @@ TEST_F(AStopAtARandomMoment, WhileServicesAreLostAndRegisteredAgainWithoutAPause
     });
 }
 
-TEST_F(AStopAtARandomMoment, WhileAWithdrawalIsOut) {
+TEST_F(AStopAtARandomMoment, LeavesNothingWhileAWithdrawalIsPending) {
     repeat([](Scene& scene) {
         scene.start();
         const auto handle = scene.registered("lamp");
@@ -265,7 +265,7 @@ TEST_F(AStopAtARandomMoment, WhileAWithdrawalIsOut) {
     });
 }
 
-TEST_F(AStopAtARandomMoment, FromInsideACallbackWhileOthersUseTheClient) {
+TEST_F(AStopAtARandomMoment, LeavesNothingInACallbackWhileOthersUseTheClient) {
     repeat([](Scene& scene) {
         scene.start();
         const auto hasStopped = std::make_shared<std::promise<void>>();

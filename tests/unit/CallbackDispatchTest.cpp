@@ -95,7 +95,7 @@ TEST_F(CallbackDispatch, GoesOnAfterACallbackThatThrows) {
     }
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"third", "OK", "NONE", 201}));
-    EXPECT_THAT(access().ids(), ElementsAre(1, 2, 3));
+    EXPECT_THAT(registrationIds(), ElementsAre(1, 2, 3));
 }
 
 TEST_F(CallbackDispatch, GoesOnAfterAListenerThatThrows) {
@@ -113,17 +113,17 @@ TEST_F(CallbackDispatch, LetsOperationsWithoutCallbackDoTheirWork) {
     handle({});
     log->takeLines();
     next("PUT").answer(201, location("/abc"));
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
     handle({});
     next("DELETE").answer(200);
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     handle({});
     EXPECT_THAT(log->takeLines(),
                 ElementsAre(warning("Trying to unregister a service that is not registered "
                                     "(anymore). Ignore. id=1")));
     client().registerServiceAtRegistry(registry, service("other"), {});
     next("PUT").answer(400);
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_EQ(world.queuedTasks(), 0U);
 }
 

@@ -40,7 +40,7 @@ TEST_F(ClientLifecycle, CountsRequestIdsFromOneAndOnAcrossStops) {
     client().deinit();
     client().init();
     registerService("third");
-    EXPECT_THAT(access().ids(), ElementsAre(1, 2, 3));
+    EXPECT_THAT(registrationIds(), ElementsAre(1, 2, 3));
 }
 
 TEST_F(ClientLifecycle, NeverUsesAnIdTwice) {
@@ -48,7 +48,7 @@ TEST_F(ClientLifecycle, NeverUsesAnIdTwice) {
     registerService("first");
     next("PUT").answer(400);
     registerService("second");
-    EXPECT_THAT(access().ids(), ElementsAre(2));
+    EXPECT_THAT(registrationIds(), ElementsAre(2));
 }
 
 TEST_F(ClientLifecycle, DropsQueuedCallbacksAtItsStop) {
@@ -94,7 +94,7 @@ TEST_F(ClientLifecycle, KeepsRegistrationsAcrossAStopAndCanWithdrawThem) {
     client().addServiceRegisterStatusListener(listen());
     takeOutcomes();
     client().deinit();
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
     EXPECT_EQ(access().state(1), state::registered);
     EXPECT_EQ(world.requestsToTake(), 0U) << "nothing is withdrawn";
     client().init();

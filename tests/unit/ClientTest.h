@@ -69,6 +69,14 @@ class ClientTest : public ::testing::Test {
         return dynamic_cast<OrvServiceRegistryClient&>(*context.getServiceRegistryClient());
     }
     ClientTestAccess access() { return ClientTestAccess(client()); }
+    /// The request ids of all registrations.
+    std::vector<std::uint64_t> registrationIds() const {
+        std::vector<std::uint64_t> ids;
+        for (const RegistrationStatus& registration : context.getRegistrations()) {
+            ids.push_back(registration.requestId);
+        }
+        return ids;
+    }
 
     static std::shared_ptr<common::ServiceCreate> service(const std::string& name,
                                                           const std::string& uri = "") {

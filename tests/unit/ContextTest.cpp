@@ -206,7 +206,7 @@ TEST_F(Context, RefusesASecondInitAndKeepsTheClient) {
     IOrvServiceRegistryClient* const first = context.getServiceRegistryClient();
     EXPECT_EQ(refusal([this] { context.init(); }), "OrvServiceRegistryContext already initiated");
     EXPECT_EQ(context.getServiceRegistryClient(), first);
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(Context, DoesNothingOnDeinitWhenItIsNotInitiated) {
@@ -224,9 +224,9 @@ TEST_F(Context, MakesANewClientWithEveryInit) {
     context.deinit();
     context.setHeadTimeout(7ms);
     start();
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     registerService("other");
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(Context, EndsItsClientWhenItIsDestroyed) {

@@ -78,7 +78,7 @@ TEST_F(Description, NeedsNeitherTheNetworkNorARunningClient) {
     client().deinit();
     EXPECT_EQ(client().getServiceCreate({"echo", "host", 80}).getName(), "echo");
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
 }
 
 TEST_F(Description, CanBeRegisteredAsItIs) {

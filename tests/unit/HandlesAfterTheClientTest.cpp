@@ -40,7 +40,7 @@ TEST_F(HandlesAfterTheClient, DoNotReachTheNextClientOfTheContext) {
     handle(record("withdrawal"));
     world.settle();
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_THAT(access().ids(), ::testing::ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ::testing::ElementsAre(1));
 }
 
 TEST_F(HandlesAfterTheClient, OfServicesThatWereRefusedSayNothing) {

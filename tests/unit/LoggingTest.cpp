@@ -69,7 +69,7 @@ class Logging : public ClientTest {
                                 Outcome{"echo", "OK", "NONE", 201},
                                 Outcome{"withdrawal", "ERROR", "SERVICE_REGISTRY_ERROR", 500},
                                 Outcome{"refused", "ERROR", "SERVICE_REGISTRY_ERROR", 201}));
-        EXPECT_THAT(access().ids(), ElementsAre(1));
+        EXPECT_THAT(registrationIds(), ElementsAre(1));
     }
 };
 

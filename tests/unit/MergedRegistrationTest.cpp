@@ -58,7 +58,7 @@ TEST_F(MergedRegistration, IsWithdrawnThroughEither) {
         simulation::Request request = next("DELETE");
         EXPECT_EQ(request.path(), "/abc");
         request.answer(200);
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
         world.settle();
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
         EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", false}))
@@ -97,10 +97,10 @@ TEST_F(MergedRegistration, OfThreeIsWithdrawnWithOne) {
     merge();
     registered("third", "abc");
     registered("other", "def");
-    EXPECT_THAT(access().ids(), ElementsAre(1, 2, 3, 4));
+    EXPECT_THAT(registrationIds(), ElementsAre(1, 2, 3, 4));
     withdrawSecond({});
     next("DELETE").answer(200);
-    EXPECT_THAT(access().ids(), ElementsAre(4));
+    EXPECT_THAT(registrationIds(), ElementsAre(4));
 }
 
 TEST_F(MergedRegistration, StaysForBothWhenItsWithdrawalIsRefused) {
@@ -129,7 +129,7 @@ TEST_F(MergedRegistration, JoinsARecordThatIsBeingWithdrawn) {
     EXPECT_EQ(world.requestsToTake(), 0U);
     request.answer(200);
     world.settle();
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200},
                                             Outcome{"joined", "OK", "NONE", 200}));
     world.advance(Seconds(10));
@@ -191,7 +191,7 @@ TEST_F(MergedRegistration, LeavesTheOtherEntryWhenItIsWithdrawnAfterANewRegistra
     withdrawSecond(record("second"));
     next("DELETE").answer(200);
     world.settle();
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_EQ(world.requestsToTake(), 0U) << "nobody withdraws /def";
 }
 
@@ -224,7 +224,7 @@ TEST_F(MergedRegistration, IsWithdrawnThroughTheOtherOneDuringANewRegistration) 
 
     request.answer(200);
     world.settle();
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", false}));
 }
@@ -236,7 +236,7 @@ TEST_F(MergedRegistration, IsGoneForBothWhenANewRegistrationFailsDuringItsWithdr
     simulation::Request request = next("DELETE");
     forgetThePast();
     put.answer(500);
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 500}));
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", false}));
@@ -254,7 +254,7 @@ TEST_F(MergedRegistration, IsForgottenWithItsEntry) {
     next("DELETE").answer(200);
     forgetThePast();
     registered("third", "abc");
-    EXPECT_THAT(access().ids(), ElementsAre(3));
+    EXPECT_THAT(registrationIds(), ElementsAre(3));
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"third", "abc", true}));
 }
 

@@ -21,7 +21,7 @@ class RegistrationAnswer : public ClientTest {
     void expectGivenUp(int status) {
         EXPECT_THAT(takeOutcomes(),
                     ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", status}));
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
         EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
     }
 };
@@ -32,7 +32,7 @@ TEST_F(RegistrationAnswer, IsASuccessWithOkOrCreated) {
         answerPut(status, location("/abc" + std::to_string(status)));
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", status}));
     }
-    EXPECT_THAT(access().ids(), ElementsAre(1, 2));
+    EXPECT_THAT(registrationIds(), ElementsAre(1, 2));
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
 
@@ -250,7 +250,7 @@ TEST_F(RegistrationAnswer, ToAServiceWhoseDeleteIsOutWaitsForThatDelete) {
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
 }
 
 }  // namespace

@@ -103,7 +103,7 @@ TEST_F(RegistrationFailure, LeavesOtherServicesAlone) {
     registered("first", "abc");
     registerService("second");
     next("PUT").answer(400);
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(RegistrationFailure, DoesNotTellTheListener) {
@@ -198,7 +198,7 @@ TEST_F(RegistrationFailure, OfALostServiceBeingWithdrawnCompletesTheWithdrawal) 
         access().setState(1, withdrawing);
         forgetThePast();
         access().handlePutError(1, access().record(1)->requestContainer, answer(500, "", "body"));
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
         world.settle();
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"first", "OK", "NONE", 500},
                                                 Outcome{"second", "OK", "NONE", 500}));

@@ -19,7 +19,7 @@ class RegistrationRefusal : public ClientTest {
         EXPECT_THAT(outcomes, IsEmpty()) << "never on the caller's thread";
         deliver();
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "ERROR", code, -1}));
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
         EXPECT_EQ(access().lastRequestId(), 0U);
         EXPECT_EQ(world.requestsToTake(), 0U);
         return handle;
@@ -114,7 +114,7 @@ TEST_F(RegistrationRefusal, DoesNotUseUpAnId) {
     start();
     refused(service(""), "SERVICE_NAME_MISSING");
     registerService("echo");
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ TEST_F(Registration, OfTheSameDescriptionTwiceMakesTwoEntries) {
     EXPECT_EQ(access().lastRequestId(), 0U);
     registerDescription(description);
     registerDescription(description);
-    EXPECT_THAT(access().ids(), ElementsAre(1, 2));
+    EXPECT_THAT(registrationIds(), ElementsAre(1, 2));
     EXPECT_NE(access().record(1), access().record(2));
     EXPECT_NE(access().service(1), access().service(2));
     EXPECT_EQ(next("PUT").body(), next("PUT").body());
@@ -177,7 +177,7 @@ TEST_F(Registration, GivesAHandleThatWithdrawsTheService) {
     withdrawal.answer(200);
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(Registration, DoesNotSendAgainWhatHasLeftTheTable) {

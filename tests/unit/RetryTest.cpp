@@ -31,14 +31,14 @@ class Retry : public ClientTest {
     void expectGivenUp(int status) {
         EXPECT_THAT(takeOutcomes(),
                     ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", status}));
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
         EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
         EXPECT_THAT(world.pendingDelays(), IsEmpty());
     }
     void expectScheduled(std::initializer_list<Milliseconds> delays) {
         EXPECT_THAT(world.takeAddedDelays(), ::testing::ElementsAreArray(delays));
         EXPECT_THAT(outcomes, IsEmpty());
-        EXPECT_THAT(access().ids(), ElementsAre(1));
+        EXPECT_THAT(registrationIds(), ElementsAre(1));
         EXPECT_EQ(access().state(1), state::registering);
     }
 };
@@ -230,7 +230,7 @@ TEST_F(Retry, IsDroppedByDeinitAndTheServiceKept) {
     client().init();
     world.advance(1h);
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(Retry, IsNotAnnouncedWhereTheLoggerWantsNoInfo) {

@@ -75,7 +75,7 @@ TEST_F(SameEntry, AsOneThatIsBeingWithdrawnGoesWithIt) {
     withdrawal.answer(200);
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
 }
 
 TEST_F(SameEntry, AsBeforeItsLossIsNoneForALostService) {
@@ -134,7 +134,7 @@ TEST_F(SameEntry, IsTriedAgainLikeALostServiceWhenItsPutFails) {
     EXPECT_THAT(log->takeLines(), ElementsAre(testing::info("re-register request: /second")));
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
     EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_THAT(access().ids(), ElementsAre(1, 2));
+    EXPECT_THAT(registrationIds(), ElementsAre(1, 2));
 }
 
 TEST_F(SameEntry, IsNotFoundByAnEmptyUuidWhereNoIdWasEverSet) {
@@ -189,7 +189,7 @@ TEST_F(SameEntry, IsTheOneWithTheLowestIdWhateverBecameItFirst) {
     EXPECT_EQ(access().record(3), access().record(1));
     ClientTestAccess::Callbacks dropped;
     access().deleteEntries(1, dropped);
-    EXPECT_THAT(access().ids(), ElementsAre(2));
+    EXPECT_THAT(registrationIds(), ElementsAre(2));
     registered("fourth", "");
     EXPECT_EQ(access().record(4), access().record(2));
 }

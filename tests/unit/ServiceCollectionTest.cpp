@@ -89,7 +89,7 @@ TEST_F(ServiceCollection, GivesAHandleForEachService) {
     request.answer(200);
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
-    EXPECT_EQ(access().ids().size(), 2U);
+    EXPECT_EQ(registrationIds().size(), 2U);
 }
 
 TEST_F(ServiceCollection, GoesThroughTheInterface) {
@@ -123,7 +123,7 @@ TEST_F(ServiceCollection, WithoutACallbackRegistersAllTheSame) {
     start();
     client().registerServicesAtRegistry(registry, services, {});
     answerAll();
-    EXPECT_EQ(access().ids().size(), 3U);
+    EXPECT_EQ(registrationIds().size(), 3U);
     registerService("next");
     answerAll();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"next", "OK", "NONE", 201}));
@@ -189,7 +189,7 @@ TEST_F(SynchronousServiceCollection, SucceedsWhenAllDo) {
                                                          Outcome{"two", "OK", "NONE", 201},
                                                          Outcome{"three", "OK", "NONE", 201}));
     EXPECT_EQ(result.second.count(named("one")), 1U) << "under the caller's own object";
-    EXPECT_EQ(access().ids().size(), 3U);
+    EXPECT_EQ(registrationIds().size(), 3U);
 }
 
 TEST_F(SynchronousServiceCollection, FailsWhenOneDoes) {
@@ -213,10 +213,10 @@ TEST_F(SynchronousServiceCollection, GivesFunctionsThatWithdrawAndOutliveTheCall
     }
     scripted().onRegister = nullptr;
     EXPECT_EQ(outcome("", withdraw.at("two")()), (Outcome{"", "OK", "NONE", 200}));
-    EXPECT_EQ(access().ids().size(), 2U);
+    EXPECT_EQ(registrationIds().size(), 2U);
     EXPECT_EQ(outcome("", withdraw.at("one")()), (Outcome{"", "OK", "NONE", 200}));
-    EXPECT_EQ(access().ids().size(), 1U);
-    EXPECT_EQ(access().service(access().ids().front())->getName(), "three");
+    EXPECT_EQ(registrationIds().size(), 1U);
+    EXPECT_EQ(access().service(registrationIds().front())->getName(), "three");
 }
 
 TEST_F(SynchronousServiceCollection, GivesFunctionsThatThrowWithoutAHandle) {

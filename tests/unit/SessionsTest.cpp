@@ -125,7 +125,7 @@ TEST_F(Sessions, ThatCannotBeMadeAnswerARegistrationWithTheErrorAtOnce) {
         world.settle();
         EXPECT_THAT(takeOutcomes(),
                     ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
         context.deinit();
     }
 }
@@ -167,7 +167,7 @@ TEST_F(Sessions, ThatWereMadeLeaveEachFailureToBeRetried) {
     registerService("echo");
     next("PUT").answer(communication::HttpResponse(CommunicationStatus::NoSession));
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(::testing::Le(500ms)));
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(Sessions, ThatCannotBeMadeFailThePutOfALostServiceLikeAnyOther) {

@@ -25,7 +25,7 @@ class Stop : public ClientTest {
     /// Nothing that was pending happens at or after the stop.
     void stopAndStartAgain() {
         forgetThePast();
-        const std::vector<std::uint64_t> ids = access().ids();
+        const std::vector<std::uint64_t> ids = registrationIds();
         const std::uint32_t checkState = access().checkState();
         client().deinit();
         EXPECT_EQ(world.outstandingRequests(), 0U);
@@ -39,7 +39,7 @@ class Stop : public ClientTest {
         EXPECT_THAT(outcomes, IsEmpty());
         EXPECT_THAT(notifications, IsEmpty());
         EXPECT_THAT(log->takeLines(), IsEmpty());
-        EXPECT_EQ(access().ids(), ids);
+        EXPECT_EQ(registrationIds(), ids);
         EXPECT_EQ(access().checkState(), checkState);
     }
     void expectNotFound(const Handle& withdraw) {
@@ -53,7 +53,7 @@ class Stop : public ClientTest {
         next("DELETE").answer(200);
         world.settle();
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
-        EXPECT_THAT(access().ids(), IsEmpty());
+        EXPECT_THAT(registrationIds(), IsEmpty());
     }
     simulation::Request dueHead() {
         world.advance(Seconds(10));
@@ -149,7 +149,7 @@ TEST_F(Stop, DropsTheOutcomeOfAWithdrawalThatIsQueued) {
     withdraw(record("withdrawal"));
     next("DELETE").answer(200);
     stopAndStartAgain();
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
 }
 
 TEST_F(Stop, FromInsideTheListenerDropsWhatIsQueuedBehindIt) {

@@ -50,7 +50,7 @@ TEST_F(UnregisterAll, WithdrawsEveryServiceInTheOrderOfTheirIds) {
                                             Outcome{"one", "ERROR", "SERVICE_REGISTRY_ERROR", 204},
                                             Outcome{"two", "OK", "NONE", 200}));
     EXPECT_THAT(models, ElementsAre(held[2], held[0], held[1]));
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(UnregisterAll, WithdrawsWhicheverRegistryItIsFrom) {
@@ -80,7 +80,7 @@ TEST_F(UnregisterAll, LetsEachServiceAnswerAsItsStateIs) {
                 ElementsAre(Outcome{"registering", "ERROR", "SERVICE_NOT_FOUND", -1},
                             Outcome{"asked before", "OK", "NONE", 200},
                             Outcome{"leaving", "OK", "NONE", 200}));
-    EXPECT_THAT(access().ids(), ElementsAre(2));
+    EXPECT_THAT(registrationIds(), ElementsAre(2));
 }
 
 TEST_F(UnregisterAll, OfNothingDoesNothing) {
@@ -102,7 +102,7 @@ TEST_F(UnregisterAll, OfAStoppedClientAnswersForEachService) {
                             Outcome{"two", "ERROR", "DELEGATOR_NOT_INITIATED", -1},
                             Outcome{"three", "ERROR", "DELEGATOR_NOT_INITIATED", -1}));
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_THAT(access().ids(), SizeIs(3));
+    EXPECT_THAT(registrationIds(), SizeIs(3));
 }
 
 TEST_F(UnregisterAll, LeavesAServiceAloneThatComesMeanwhile) {
@@ -115,7 +115,7 @@ TEST_F(UnregisterAll, LeavesAServiceAloneThatComesMeanwhile) {
     next("PUT").answer(201, location("/d"));
     world.settle();
     EXPECT_THAT(models, SizeIs(3));
-    EXPECT_THAT(access().ids(), ElementsAre(4));
+    EXPECT_THAT(registrationIds(), ElementsAre(4));
     EXPECT_EQ(access().state(4), state::registered);
     EXPECT_EQ(world.requestsToTake(), 0U);
 }
@@ -127,7 +127,7 @@ TEST_F(UnregisterAll, WithoutACallbackWithdrawsAllTheSame) {
         next("DELETE").answer(200);
     }
     world.settle();
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     registered("next", "d");
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"next", "OK", "NONE", 201}));
 }
@@ -166,7 +166,7 @@ TEST_F(SynchronousUnregisterAll, GoesOnWhenItsTimeIsUpAndDropsTheAnswers) {
     EXPECT_THAT(takeNotifications(),
                 ElementsAre(Notification{"one", "a", false}, Notification{"two", "b", false},
                             Notification{"three", "c", false}));
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty());
 }
 

@@ -195,7 +195,7 @@ TEST_F(UnregistrationState, OfAnIdThatIsGoneBeforeTheConfirmationChangesNothing)
     EXPECT_THAT(log->takeLines(), IsEmpty());
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
 
 TEST_F(UnregistrationState, IsRemovedWithItsWaitingCallbacks) {
@@ -208,7 +208,7 @@ TEST_F(UnregistrationState, IsRemovedWithItsWaitingCallbacks) {
     ClientTestAccess::Callbacks callbacks(5);
     access().deleteEntries(1, callbacks);
     EXPECT_EQ(callbacks.size(), 2U) << "what the list held before is discarded";
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     world.settle();
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "abc", false}));
 }
@@ -219,7 +219,7 @@ TEST_F(UnregistrationState, IsRemovedThoughNobodyWaits) {
     ClientTestAccess::Callbacks callbacks(5);
     access().deleteEntries(1, callbacks);
     EXPECT_THAT(callbacks, IsEmpty());
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_EQ(world.queuedTasks(), 0U) << "there is no listener";
 }
 
@@ -230,7 +230,7 @@ TEST_F(UnregistrationState, ThatIsGoneIsNotRemovedAgain) {
     ClientTestAccess::Callbacks callbacks(5);
     access().deleteEntries(7, callbacks);
     EXPECT_EQ(callbacks.size(), 5U);
-    EXPECT_THAT(access().ids(), ElementsAre(1));
+    EXPECT_THAT(registrationIds(), ElementsAre(1));
     EXPECT_EQ(world.queuedTasks(), 0U);
 }
 

@@ -38,7 +38,7 @@ TEST_F(Unregistration, SendsTheDeleteAndForgetsTheService) {
     EXPECT_THAT(outcomes, IsEmpty()) << "not before the answer";
 
     request.answer(200);
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty()) << "never on the thread that brings the answer";
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
@@ -147,7 +147,7 @@ TEST_F(Unregistration, CanBeTriedAgainAfterARefusal) {
     next("DELETE").answer(200);
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 200}));
-    EXPECT_THAT(access().ids(), IsEmpty());
+    EXPECT_THAT(registrationIds(), IsEmpty());
 }
 
 TEST_F(Unregistration, AskedForAgainMeanwhileSendsNothingMore) {
@@ -201,7 +201,7 @@ TEST_F(Unregistration, MakesRoomForANewRegistrationOfTheSameService) {
     registeredEcho()({});
     next("DELETE").answer(200);
     registered("echo", "abc");
-    EXPECT_THAT(access().ids(), ElementsAre(2));
+    EXPECT_THAT(registrationIds(), ElementsAre(2));
     EXPECT_EQ(access().state(2), state::registered);
     EXPECT_THAT(takeNotifications(),
                 ElementsAre(Notification{"echo", "abc", false}, Notification{"echo", "abc", true}));

@@ -1,13 +1,12 @@
 // The files of TLS, looked at before the first connection needs them.
 
+#include "Folder.h"
 #include "HttpTest.h"
 
 #include <orvx/utility/OrvFoundationException.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 namespace orvx::testing {
@@ -17,18 +16,11 @@ using communication::TlsConfig;
 
 class TheFilesOfTls : public HttpTest {
   protected:
-    TheFilesOfTls() {
-        std::string pattern = ::testing::TempDir() + "orvx-files-XXXXXX";
-        folder = ::mkdtemp(pattern.data());
-        tls.enabled = true;
-    }
-    ~TheFilesOfTls() override { std::filesystem::remove_all(folder); }
+    TheFilesOfTls() { tls.enabled = true; }
 
-    std::string file(const std::string& name, const std::string& content) const {
-        std::ofstream(folder + "/" + name) << content;
-        return folder + "/" + name;
+    std::string certificate() const {
+        return folder.write("certificate.pem", begin("CERTIFICATE"));
     }
-    std::string certificate() const { return file("certificate.pem", begin("CERTIFICATE")); }
     static std::string begin(const std::string& what) { return "-----BEGIN " + what + "-----\n"; }
     std::string refusal() const {
         OrvClientCommunicationContext context;
@@ -43,22 +35,22 @@ class TheFilesOfTls : public HttpTest {
         return "";
     }
 
-    std::string folder;
+    const Folder folder;
     TlsConfig tls;
 };
 
 TEST_F(TheFilesOfTls, AreFineWhenTheyHoldWhatTheyShould) {
     tls.authorityFile = certificate();
-    tls.authorityFolder = folder;
+    tls.authorityFolder = folder.path();
     tls.clientCertificateFile = certificate();
     for (const char* const key : {"PRIVATE KEY", "EC PRIVATE KEY", "RSA PRIVATE KEY"}) {
-        tls.clientKeyFile = file("key.pem", begin(key));
+        tls.clientKeyFile = folder.write("key.pem", begin(key));
         EXPECT_EQ(refusal(), "");
     }
 }
 
 TEST_F(TheFilesOfTls, MustBeThere) {
-    const std::string missing = folder + "/missing";
+    const std::string missing = folder.file("missing");
     const std::string rest = ": " + missing + " cannot be read: No such file or directory.";
     tls.authorityFile = missing;
     EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFile" + rest);
@@ -74,8 +66,8 @@ TEST_F(TheFilesOfTls, MustBeThere) {
 }
 
 TEST_F(TheFilesOfTls, AreFilesAndFolders) {
-    tls.authorityFile = folder;
-    EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFile: " + folder + " is no file.");
+    tls.authorityFile = folder.path();
+    EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFile: " + folder.path() + " is no file.");
     tls.authorityFile.clear();
     tls.authorityFolder = certificate();
     EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFolder: " + certificate() +
@@ -83,18 +75,18 @@ TEST_F(TheFilesOfTls, AreFilesAndFolders) {
 }
 
 TEST_F(TheFilesOfTls, AreNoPipesThatAreWaitedFor) {
-    tls.authorityFile = folder + "/pipe";
+    tls.authorityFile = folder.file("pipe");
     ASSERT_EQ(::mkfifo(tls.authorityFile.c_str(), S_IRUSR | S_IWUSR), 0);
     EXPECT_EQ(refusal(), "HttpConfig::tls.authorityFile: " + tls.authorityFile + " is no file.");
 }
 
 TEST_F(TheFilesOfTls, HoldWhatTheirNamesSay) {
-    const std::string empty = file("empty.pem", "");
+    const std::string empty = folder.write("empty.pem", "");
     tls.authorityFile = empty;
     EXPECT_EQ(refusal(),
               "HttpConfig::tls.authorityFile: " + empty + " contains no certificate in PEM.");
     tls.authorityFile.clear();
-    const std::string key = file("key.pem", begin("PRIVATE KEY"));
+    const std::string key = folder.write("key.pem", begin("PRIVATE KEY"));
     tls.clientCertificateFile = key;
     EXPECT_EQ(refusal(),
               "HttpConfig::tls.clientCertificateFile: " + key + " contains no certificate in PEM.");
@@ -108,7 +100,8 @@ TEST_F(TheFilesOfTls, MayHoldTheCertificateAndItsKeyTogetherAndNeedTheKey) {
     tls.clientCertificateFile = certificate();
     EXPECT_EQ(refusal(), "HttpConfig::tls.clientCertificateFile: " + certificate() +
                              " contains no private key in PEM.");
-    tls.clientCertificateFile = file("both.pem", begin("CERTIFICATE") + begin("PRIVATE KEY"));
+    tls.clientCertificateFile =
+        folder.write("both.pem", begin("CERTIFICATE") + begin("PRIVATE KEY"));
     EXPECT_EQ(refusal(), "");
 }
 
@@ -116,7 +109,7 @@ TEST_F(TheFilesOfTls, HoldNoKeyThatNeedsAPassword) {
     tls.clientCertificateFile = certificate();
     for (const std::string& content :
          {begin("ENCRYPTED PRIVATE KEY"), begin("RSA PRIVATE KEY") + "Proc-Type: 4,ENCRYPTED\n"}) {
-        tls.clientKeyFile = file("key.pem", content);
+        tls.clientKeyFile = folder.write("key.pem", content);
         EXPECT_EQ(refusal(), "HttpConfig::tls.clientKeyFile: " + tls.clientKeyFile +
                                  " contains an encrypted key, which nobody is asked to open.");
     }
@@ -125,7 +118,7 @@ TEST_F(TheFilesOfTls, HoldNoKeyThatNeedsAPassword) {
 TEST_F(TheFilesOfTls, AreNotLookedAtForASession) {
     HttpConfig config;
     config.tls = tls;
-    config.tls.authorityFile = folder + "/replaced-at-this-moment";
+    config.tls.authorityFile = folder.file("replaced-at-this-moment");
     EXPECT_NO_THROW(session(config));
 }
 
