@@ -1,5 +1,5 @@
-# Test programs: one precompiled header and few translation units each, their tests known to ctest by
-# name, and labels, which name sets of tests for ctest and sets of targets for the build.
+# Test programs: they share one precompiled header, are compiled in few translation units, and register
+# their tests with ctest. Labels select tests in ctest and targets in the build.
 
 # orvx_label(TARGET LABEL...): the target is built with orvx_tests_LABEL.
 function(orvx_label target)
@@ -36,9 +36,9 @@ function(orvx_compile_together target)
 endfunction()
 
 # orvx_gtest(TARGET [ALONE] [PREFIX PREFIX] [TIMEOUT SECONDS] [LABELS LABEL...] [OPTION_OF_gtest_discover_tests])
-# ALONE: each source is compiled as it stands, as a user would compile it.
-# The tests are listed when ctest starts, which spares builds that run none. A test has one label for
-# ctest, all of them with a space between: gtest_discover_tests() takes no list.
+# ALONE: each source is compiled separately, as a user would compile it.
+# The tests are listed when ctest starts, not by each build. A test has one label for ctest, which joins
+# all labels with spaces, because gtest_discover_tests() takes no list.
 function(orvx_gtest target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "ALONE" "PREFIX;TIMEOUT" "LABELS")
   orvx_label(${target} ${arg_LABELS})
@@ -56,7 +56,7 @@ function(orvx_gtest target)
 endfunction()
 
 # orvx_command_test(NAME TARGET [LABELS LABEL...] [ARGUMENTS ARGUMENT...])
-# A test that is a run of a program of its own. It has the label "command", too.
+# A test that runs a program. It also has the label "command".
 function(orvx_command_test name target)
   cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "LABELS;ARGUMENTS")
   orvx_label(${target} ${arg_LABELS})

@@ -78,14 +78,14 @@ class PrometheusText {
         return time ? std::optional(std::chrono::duration<double>(time->time_since_epoch()).count())
                     : std::nullopt;
     }
-    /// The id tells two registrations of one entry from each other.
+    /// The id distinguishes two registrations of one entry.
     static Labels labelsOf(const Status& one) {
         return {{"id", std::to_string(one.requestId)},
                 {"service", one.name},
                 {"uri", one.uri},
                 {"registry", one.endpoint}};
     }
-    /// The samples that follow are of this metric.
+    /// Begins a metric. The following samples belong to it.
     void metric(const std::string& name, const char* type, const char* help) {
         name_ = name;
         text_ << "# HELP " << name << ' ' << help << "\n# TYPE " << name << ' ' << type << '\n';

@@ -1,4 +1,4 @@
-// Announces the service "echo" and serves what becomes of it, as text for Prometheus, until
+// Announces the service "echo" and serves its state and its requests as text for Prometheus until
 // standard input ends. Usage: metrics REGISTRY_HOST REGISTRY_PORT METRICS_PORT
 #include "PrometheusText.h"
 

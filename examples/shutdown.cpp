@@ -1,6 +1,6 @@
-// Serves until SIGTERM or SIGINT, or until the registry refuses it, then withdraws within a bound.
-// Ends with 0 unless it was refused or its entry may be left. Usage: shutdown REGISTRY_HOST
-// REGISTRY_PORT
+// Serves until SIGTERM, SIGINT or a refusal by the registry, then withdraws within a time limit.
+// Exits with 0 unless the service was refused or its entry may be left.
+// Usage: shutdown REGISTRY_HOST REGISTRY_PORT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <unistd.h>
@@ -19,12 +19,12 @@ int main(int argc, char** argv) {
         std::cerr << "usage: shutdown REGISTRY_HOST REGISTRY_PORT\n";
         return 2;
     }
-    sigset_t signals;  // blocked before the first thread is made: only sigwait() takes them
+    sigset_t signals;  // blocked before the first thread is created, for sigwait()
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // Before the context, which uses them.
+    // Declared before the context, whose callbacks use them.
     std::atomic<bool> isRefused{false}, wasAnnounced{false}, isWithdrawn{false};
     OrvServiceRegistryContext context;
     context.enableResilience(true);

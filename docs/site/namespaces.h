@@ -1,23 +1,22 @@
-// What the namespaces of the public headers are for. Read by Doxygen only.
+// Describes the namespaces of the public headers. For Doxygen only.
 
-/// The client library and what it stands on.
+/// The client library and the framework that it is built on.
 namespace orvx {
 
-/// The client: begin with OrvServiceRegistryContext, and go on with IOrvServiceRegistryClient.
+/// The client: start with OrvServiceRegistryContext, then IOrvServiceRegistryClient.
 namespace serviceregistryclient {}
 
 /// Descriptions of services and of endpoints: ServiceInfo, ServiceCreate, ServiceModel.
 namespace common {}
 
-/// HTTP: HttpConfig says how it is spoken, HttpResponse what came of a request. The sessions
-/// beneath are the client's own; users need them to replace it.
+/// HTTP: HttpConfig configures it, HttpResponse is the result of a request. The client uses the
+/// sessions; users need them only to replace the client.
 namespace communication {}
 
-/// Log, threads, executor and timer. Users meet ILoggerFactory, to bring log lines into their own
-/// log.
+/// Log, threads, executor and timer. Users implement ILoggerFactory to receive the log lines.
 namespace utility {}
 
-/// Simulated time, threads and network, to test a service without any of them: World, and Registry.
+/// Simulated time, threads and network for tests of services: World and Registry.
 namespace simulation {}
 
 }  // namespace orvx

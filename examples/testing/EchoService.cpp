@@ -1,5 +1,5 @@
-// The service under test. It announces itself and listens to what becomes of that.
-// The listener runs on the client's callback thread; the flag is all that it shares.
+// The service under test. It announces itself and tracks the state of its registration.
+// The listener runs on the client's callback thread; only the flag is shared.
 #include "EchoService.h"
 
 EchoService::EchoService(orvx::serviceregistryclient::IOrvServiceRegistryClient& client,

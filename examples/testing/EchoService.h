@@ -14,7 +14,7 @@ class EchoService {
     bool canBeFound() const { return *canBeFound_; }
 
   private:
-    /// Shared with the listener, which the client may call longer than the service lives.
+    /// Shared with the listener, which the client may call after the end of the service.
     const std::shared_ptr<std::atomic<bool>> canBeFound_ =
         std::make_shared<std::atomic<bool>>(false);
 };

@@ -1,4 +1,4 @@
-// What a service does when the registry forgets it: in simulated time, so at once and exactly.
+// Tests a service whose registry loses its entry, in simulated time: fast and deterministic.
 #include "EchoService.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
@@ -32,9 +32,9 @@ TEST_F(TheEchoService, CannotBeFoundUntilTheRegistryThatForgotItTakesItAgain) {
     registry.forgetAll();
     registry.fails(HttpResponse(HttpResponse::StatusCode::ServiceUnavailable, "", ""), "PUT");
     registry.settle();
-    EXPECT_TRUE(service->canBeFound()) << "nobody has looked yet";
+    EXPECT_TRUE(service->canBeFound()) << "no check was due yet";
     registry.advance(10s);
-    EXPECT_FALSE(service->canBeFound()) << "the check has";
+    EXPECT_FALSE(service->canBeFound()) << "the check has found the loss";
     registry.works();
     registry.advance(10s);  // longer than the longest pause between two attempts, 8 s
     EXPECT_TRUE(service->canBeFound()) << "it was announced again";

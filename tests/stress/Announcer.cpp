@@ -99,7 +99,7 @@ std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> Announcer::held(
 }
 
 std::size_t Announcer::heldCount() {
-    return options_.resilience ? registrations().size() : access().ids().size();
+    return registrations().size();
 }
 
 std::chrono::milliseconds Announcer::stop() {

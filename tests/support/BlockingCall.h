@@ -15,7 +15,7 @@
 
 namespace orvx::testing {
 
-/// A call that blocks, made on a thread of its own. A call that never returns ends the process.
+/// Runs a blocking call on its own thread. Ends the process if the call does not return.
 template <typename Result>
 class BlockingCall {
   public:
@@ -28,8 +28,8 @@ class BlockingCall {
     BlockingCall(const BlockingCall&) = delete;
     BlockingCall& operator=(const BlockingCall&) = delete;
 
-    /// True as soon as the thread sleeps inside the call; false when the call returns instead, or
-    /// does neither for long. To be asked once.
+    /// Waits until the thread sleeps inside the call. Returns false if the call returns, or if
+    /// neither happens within ten seconds. Call it once.
     bool isWaiting() {
         const pid_t thread = thread_.get_future().get();
         const auto end = std::chrono::steady_clock::now() + patience;
@@ -43,7 +43,7 @@ class BlockingCall {
         return false;
     }
 
-    /// What the call returns.
+    /// The result of the call.
     Result get() {
         expectReturn();
         return result_.get();

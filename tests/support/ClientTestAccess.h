@@ -12,7 +12,7 @@
 
 namespace orvx::serviceregistryclient {
 
-/// The one friend of the client: reads its state and enters where only its own threads do.
+/// The only friend of the client: reads its state and calls functions that its own threads call.
 class ClientTestAccess {
   public:
     using Client = OrvServiceRegistryClient;
@@ -35,7 +35,7 @@ class ClientTestAccess {
         const utility::MutexLock lock(client_.mutex);
         return client_.mapRegistryCallback->find(id);
     }
-    /// These throw std::out_of_range when there is no such registration.
+    // These throw std::out_of_range for an unknown id.
     std::shared_ptr<common::ServiceCreate> service(std::uint64_t id) const {
         return existing(id)->requestContainer->serviceCreate;
     }
@@ -61,8 +61,8 @@ class ClientTestAccess {
         }
         return keys;
     }
-    /// Whether no thread holds the client's lock. A thread must not try a lock that it holds:
-    /// another one does.
+    /// Whether no thread holds the client's lock. Another thread tries the lock, because a thread
+    /// must not try a lock that it holds.
     bool isLockFree() const {
         return std::async(std::launch::async,
                           [this] {
@@ -85,7 +85,7 @@ class ClientTestAccess {
         return client_.createOrGetRegistryClientSession(info);
     }
 
-    // Entries that the client's own threads use.
+    // Functions that the client's own threads call.
 
     void sendPut(std::uint64_t id, const Request& request) { client_.sendPutRequest(id, request); }
     void sendHead(std::uint64_t id, const Request& request) {

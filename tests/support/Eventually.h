@@ -6,8 +6,7 @@
 
 namespace orvx::testing {
 
-/// Polls a condition of which no event tells the test. Returns false when the condition does not
-/// hold within ten seconds.
+/// Polls a condition that no event signals. Returns false if it does not hold within ten seconds.
 inline bool eventually(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!condition()) {

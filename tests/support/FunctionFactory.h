@@ -8,7 +8,7 @@
 
 namespace orvx::serviceregistryclient {
 
-/// A client factory made of a function.
+/// A client factory that calls a function.
 class FunctionFactory : public IOrvServiceRegistryClientFactory {
   public:
     using Create = std::function<std::unique_ptr<IOrvServiceRegistryClient>(

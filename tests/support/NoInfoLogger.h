@@ -4,7 +4,7 @@
 
 namespace orvx::testing {
 
-/// Its loggers record what they are given but answer that info output is not wanted.
+/// Creates loggers that record all lines, but report that info output is disabled.
 class NoInfoLoggerFactory : public RecordingLoggerFactory {
   public:
     std::shared_ptr<utility::ILogger> createLogger(const std::string& component,

@@ -11,7 +11,7 @@
 
 namespace orvx::testing {
 
-/// One line that was logged, with the number of its level.
+/// A logged line with the number of its level.
 struct LogLine {
     int level;
     std::string text;
@@ -33,12 +33,12 @@ inline LogLine warning(std::string text) {
 inline LogLine info(std::string text) {
     return {2, std::move(text)};
 }
-/// What is handed to the logger as a complete message, with level 0.
+/// A complete message, which the client logs with level 0.
 inline LogLine message(std::string text) {
     return {0, std::move(text)};
 }
 
-/// Keeps what is logged. Everything but an end of line is kept as it came.
+/// Records logged lines unchanged.
 class RecordingLoggerFactory : public utility::ILoggerFactory {
   public:
     std::shared_ptr<utility::ILogger> createLogger(const std::string& component,
@@ -62,7 +62,7 @@ class RecordingLoggerFactory : public utility::ILoggerFactory {
         const utility::MutexLock lock(shared_->mutex);
         return std::exchange(shared_->lines, {});
     }
-    /// The (component, name) pairs that loggers were asked for with.
+    /// The component and name of each created logger.
     std::vector<std::pair<std::string, std::string>> names() const {
         const utility::MutexLock lock(shared_->mutex);
         return shared_->names;

@@ -8,7 +8,7 @@
 
 namespace orvx::serviceregistryclient {
 
-/// The library's client, but that what an asynchronous registration does is the test's to say.
+/// The library's client, with asynchronous registrations that a function of the test replaces.
 class ScriptedClient : public OrvServiceRegistryClient {
   public:
     using OrvServiceRegistryClient::OrvServiceRegistryClient;
@@ -19,7 +19,7 @@ class ScriptedClient : public OrvServiceRegistryClient {
         const std::shared_ptr<common::ServiceCreate>& service, ResponseCallback callback) override {
         return onRegister(serviceInfo, service, std::move(callback));
     }
-    /// What the library's client does.
+    /// The replaced registration of the library's client.
     UnregisterHandle registerForReal(const common::ServiceInfo& serviceInfo,
                                      const std::shared_ptr<common::ServiceCreate>& service,
                                      ResponseCallback callback) {

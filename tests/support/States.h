@@ -4,13 +4,13 @@
 
 namespace orvx::serviceregistryclient {
 
-/// The states of a registration, written out so that a change of their values is noticed.
+/// The states of a registration, repeated here so that tests notice a change of their values.
 namespace state {
 constexpr std::uint32_t registering = 0;
 constexpr std::uint32_t reregistering = 1;
 constexpr std::uint32_t registered = 2;
 constexpr std::uint32_t unregistering = 3;
-/// Never set; where unregistering counts, it counts too.
+/// Never set; handled like unregistering.
 constexpr std::uint32_t alsoUnregistering = 4;
 constexpr std::uint32_t created = 5;
 }  // namespace state
