@@ -3,6 +3,8 @@
 // Entered by the test's thread and the registry's; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
+#include <unistd.h>
+
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -43,13 +45,15 @@ class TheContainer : public AnnounceTest {
         }
         return words;
     }
-    /// Runs the container's process 1 with that command.
+    /// Runs the container's process 1 with that command. Root needs no user namespace, and may not
+    /// have one inside a chroot.
     std::unique_ptr<ChildProcess> run(const Words& command) const {
         const Words entrypoint = json::parse(instruction("ENTRYPOINT"));
+        const Words asRoot = ::geteuid() == 0 ? Words{} : Words{"--map-root-user"};
         return std::make_unique<ChildProcess>(
             "/usr/bin/env", environment() + Words{"ORVX_REGISTRY=" + urlOf(registry.port())} +
-                                Words{"unshare", "--map-root-user", "--pid", "--fork",
-                                      "--mount-proc", "--kill-child"} +
+                                Words{"unshare"} + asRoot +
+                                Words{"--pid", "--fork", "--mount-proc", "--kill-child"} +
                                 entrypoint + command);
     }
     /// Its process 1, as a number outside.

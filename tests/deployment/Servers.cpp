@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace orvx::testing {
@@ -57,9 +58,17 @@ void CertificateFolder::makeExpiredCertificate(const std::string& name,
     makeCertificate(name, authority);
     openssl({"x509", "-x509toreq", "-in", file(name + ".pem"), "-signkey", file(name + ".key"),
              "-copy_extensions", "copy", "-out", file("made.csr")});
-    openssl({"x509", "-req", "-in", file("made.csr"), "-CA", file(authority + ".pem"), "-CAkey",
-             file(authority + ".key"), "-set_serial", "2", "-days", "-1", "-copy_extensions",
-             "copy", "-out", file(name + ".pem")});
+    // "openssl x509" of Debian 12 knows no dates, that of Debian 13 refuses to make what has
+    // expired.
+    std::ofstream(file("index")).close();
+    std::ofstream(file("ca.conf"))
+        << "[ca]\ndefault_ca=here\n[any]\ncommonName=supplied\n[here]\nrand_serial=yes\npolicy="
+           "any\n"
+        << "default_md=sha256\ncopy_extensions=copy\ndatabase=" << file("index")
+        << "\nnew_certs_dir=" << file("") << '\n';
+    openssl({"ca", "-batch", "-notext", "-config", file("ca.conf"), "-in", file("made.csr"),
+             "-cert", file(authority + ".pem"), "-keyfile", file(authority + ".key"), "-startdate",
+             "20010101000000Z", "-enddate", "20020101000000Z", "-out", file(name + ".pem")});
 }
 
 Program::Program(const Start& start) {

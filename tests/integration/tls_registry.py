@@ -183,16 +183,20 @@ def serve(connection):
 
 
 def ask_to_turn(to):
+    """Handles a signal. Prints nothing: the signal may interrupt print()."""
     global wanted
     wanted = to
-    if not busy:
-        turn_if_asked()
 
 
 def await_connection():
-    """A signal that comes just before is not slept over: it has made something readable."""
-    while listener not in select.select([listener, awoken], [], [])[0]:
-        awoken.recv(4096)
+    """Turns meanwhile. A signal makes `awoken` readable, so one that comes before select() counts."""
+    while True:
+        ready = select.select([listener, awoken], [], [])[0]
+        if awoken in ready:
+            awoken.recv(4096)
+            turn_if_asked()
+        if listener in ready:
+            return
 
 
 def turn_if_asked():
@@ -221,7 +225,7 @@ for name in {"None", fault} & CERTIFICATES.keys():
     make_certificate(name, *CERTIFICATES[name])
 contexts = {name: make_context(name) for name in {"None", fault}}
 current, entries, turns, held, cut = fault, set(), [], [], 0
-wanted, busy = None, False
+wanted = None
 signal.signal(signal.SIGUSR1, lambda *_: ask_to_turn("None"))
 signal.signal(signal.SIGUSR2, lambda *_: ask_to_turn(fault))
 awoken, awake = socket.socketpair()
@@ -233,10 +237,8 @@ print(f"port {listener.getsockname()[1]}.", flush=True)
 while True:
     await_connection()
     with listener.accept()[0] as accepted:
-        busy = True
         try:
             serve(accepted)
         except OSError as error:
             print(f"failed: {error}", flush=True)
-    busy = False
     turn_if_asked()

@@ -225,7 +225,9 @@ TEST_F(AStopAtARandomMoment, LeavesNothingDuringChecksWithoutAPause) {
         for (int i = 0; i < 5; ++i) {
             scene.registerService("lamp-" + std::to_string(i));
         }
-        EXPECT_TRUE(scene.server.waitForRequests(10));
+        // On a busy machine no HEAD may arrive: it times out before it is sent, which ends the
+        // check.
+        EXPECT_TRUE(scene.server.waitForRequests(5));
     });
 }
 
