@@ -72,6 +72,7 @@ class Registry {
         if (reaction.watch) {
             return requireListed(*reaction.watch);
         }
+        complete(reaction);
         requireWellFormed(request, *reaction.response);
         if (!isKnown_) {
             return adopt();
@@ -138,8 +139,20 @@ class Registry {
                     "the length");
     }
 
+    /// A list of which only the beginning is there.
+    void complete(Reaction& reaction) {
+        while (reaction.rest && !reaction.rest->isDone()) {
+            reaction.response->body() += reaction.rest->next(dispatcher_.store()).value();
+        }
+        if (reaction.rest) {
+            reaction.response->prepare_payload();
+        }
+    }
+
     Response get(const char* target) {
-        return dispatcher_.react({http::verb::get, target, 11}).response.value();
+        Reaction reaction = dispatcher_.react({http::verb::get, target, 11});
+        complete(reaction);
+        return reaction.response.value();
     }
 
     bool hasFaults() { return get("/-/faults").body() != R"({"faults":[]})"; }
@@ -147,8 +160,8 @@ class Registry {
     void adopt() {
         known_.clear();
         for (const Entry& entry : dispatcher_.store().entries()) {
-            known_.push_back(
-                {entry.uuid, entry.path, entry.service, static_cast<int>(entry.checks)});
+            known_.push_back({entry.uuid, entry.path, json::parse(entry.service),
+                              static_cast<int>(entry.checks)});
         }
     }
 
@@ -210,7 +223,7 @@ class Registry {
         return http::status::ok;
     }
 
-    Dispatcher dispatcher_{{{}, 100'000, "", [] { return EntryStore::Time(); }}, true};
+    Dispatcher dispatcher_{{{}, 100'000, "", [] { return EntryStore::Time(); }}, {true}};
     std::vector<KnownEntry> known_;
     bool isKnown_ = true;  // whether the list knows what the answer must be
 };

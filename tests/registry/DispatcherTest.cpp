@@ -47,7 +47,7 @@ class TheDispatcher : public ::testing::Test {
 
     EntryStore::Time now_{};
     StoreOptions options_{10s, 3, "", [this] { return now_; }};
-    Dispatcher dispatcher_{options_, true};
+    Dispatcher dispatcher_{options_, {true}};
 };
 
 constexpr const char* kBrowser = "text/html,application/xhtml+xml,*/*;q=0.8";
@@ -196,7 +196,7 @@ TEST_F(TheDispatcher, CarriesOutARequestWhoseAnswerIsDelayed) {
 }
 
 TEST_F(TheDispatcher, TakesTheControlForAPathLikeAnyOtherUnlessItIsEnabled) {
-    Dispatcher closed(options_, false);
+    Dispatcher closed(options_, {});
     Request request(verb::put, "/-/faults", 11);
     request.body() = R"({"fault":"reset"})";
     EXPECT_EQ(closed.react(request).response->result(), http::status::created);

@@ -36,7 +36,7 @@ TEST(TheEntryStore, FindsAnEntryByItsUuid) {
     const Entry* entry = store.find(uuid);
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->path, "/a");
-    EXPECT_EQ(entry->service, nlohmann::json({{"name", "a"}}));
+    EXPECT_EQ(entry->service, R"({"name":"a"})");
 }
 
 TEST(TheEntryStore, FindsNothingUnderAPathOrAnUnknownUuid) {
@@ -53,7 +53,7 @@ TEST(TheEntryStore, KeepsTheUuidOfAPathThatIsPutAgain) {
     EXPECT_TRUE(first.created);
     EXPECT_FALSE(second.created);
     EXPECT_EQ(&second.entry, &first.entry);
-    EXPECT_EQ(second.entry.service, nlohmann::json({{"port", 2}}));
+    EXPECT_EQ(second.entry.service, R"({"port":2})");
     EXPECT_EQ(store.entries().size(), 1U);
 }
 

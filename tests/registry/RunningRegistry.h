@@ -19,6 +19,8 @@ class RunningRegistry {
     std::uint16_t port() const { return server_.port(); }
     RawConnection connect() const { return RawConnection(port()); }
 
+    void reload() { server_.reload(); }
+
     /// Returns when run() has.
     void stop() {
         server_.stop();

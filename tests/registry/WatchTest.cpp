@@ -265,7 +265,7 @@ TEST_F(TheWatch, TellsALongServiceInShort) {
     const json entry = read(watch).at(1).data;
     EXPECT_EQ(entry.at("service"),
               json({{"name", std::string(199, 'x') + "…"}, {"port", 80}, {"host", "10.0.0.1"}}));
-    EXPECT_EQ(entry.at("cut"), store_.entries().front().size);
+    EXPECT_EQ(entry.at("cut"), store_.entries().front().service.size());
 }
 
 TEST_F(TheWatch, TellsAChangeInAsManyBytesHoweverManyEntriesThereAre) {
@@ -347,7 +347,7 @@ TEST_F(TheWatch, LeavesEveryReaderWithTheEntriesOfTheStoreWhereverItsConnections
         }
         std::map<std::string, json> expected;
         for (const Entry& entry : store_.entries()) {
-            expected[entry.uuid] = {entry.path, entry.service, entry.checks};
+            expected[entry.uuid] = {entry.path, json::parse(entry.service), entry.checks};
         }
         for (std::size_t i = 0; i < readers.size(); ++i) {
             for (std::string piece = watches[i].next(store_, 0); !piece.empty();

@@ -1,4 +1,5 @@
-// The life of one connection, as a chain of asynchronous steps: first bytes, header, body, answer.
+// The life of one connection, as a chain of asynchronous steps: handshake, first bytes, header,
+// body, answer. What the header alone decides is decided before the body is read.
 // A step that fails and is not followed by another one ends the connection. One that watches the
 // entries goes round in another circle: send a piece, wait for news.
 // Entered only by the thread that runs the server's io_context.
@@ -19,6 +20,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Tls.h"
+
 namespace orvx::registry {
 
 namespace asio = boost::asio;
@@ -32,9 +35,9 @@ constexpr std::size_t kMaxBuffer = 16'384;
 constexpr std::uint32_t kMaxHeader = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-// The kernel takes twice as much, and a piece is shorter than 16 KiB: a watcher that reads nothing
-// costs less than 64 KiB.
-constexpr int kWatcherSendBuffer = 16'384;
+// The kernel takes twice as much, and a piece is not much longer than 16 KiB: a reader of the
+// stream or of a list that reads nothing costs less than 64 KiB.
+constexpr int kReaderSendBuffer = 16'384;
 constexpr std::string_view kRetry = "retry: 1000\n\n";
 // A watcher that is awake sends at most so often, one that sleeps looks for checks and what
 // expired.
@@ -43,15 +46,15 @@ constexpr std::chrono::seconds kLongestSleep{1};
 
 }  // namespace
 
-Connection::Connection(asio::ip::tcp::socket socket, Shared& shared)
+Connection::Connection(asio::ip::tcp::socket socket, const asio::ip::address& address,
+                       Shared& shared)
     : shared_(shared),
       position_(shared_.connections.insert(shared_.connections.end(), this)),
-      stream_(std::move(socket)),
+      stream_(std::move(socket), shared.tls.get()),
+      peer_{address, {}},
+      generation_(shared.generation),
       buffer_(kMaxBuffer),
-      delay_(stream_.get_executor()) {
-    Error error;
-    address_ = stream_.socket().remote_endpoint(error).address().to_string();
-}
+      delay_(stream_.get_executor()) {}
 
 Connection::~Connection() {
     close();
@@ -60,7 +63,7 @@ Connection::~Connection() {
 void Connection::close() {
     if (isOpen()) {
         shared_.connections.erase(std::exchange(position_, shared_.connections.end()));
-        stream_.close();
+        stream_.tcp().close();
         delay_.cancel();
     }
 }
@@ -68,6 +71,16 @@ void Connection::close() {
 void Connection::Shared::closeOldest() {
     if (!connections.empty()) {
         connections.front()->close();
+    }
+}
+
+void Connection::Shared::endOldOnes() {
+    ++generation;
+    for (auto next = connections.begin(); next != connections.end();) {
+        Connection* const connection = *next++;
+        if (connection->isIdle_ || connection->watch_) {
+            connection->close();
+        }
     }
 }
 
@@ -80,6 +93,35 @@ void Connection::Shared::wakeWatchers() {
     }
 }
 
+bool Connection::hasFailed(Error error) const {
+    if (error == beast::error::timeout) {
+        shared_.dispatcher.counts().countDrop(Drop::TIMEOUT);
+    }
+    return error || !isOpen();
+}
+
+void Connection::begin() {
+    if (stream_.tls() == nullptr) {
+        return awaitRequest();
+    }
+    stream_.tcp().expires_after(shared_.options.requestTimeout);
+    stream_.handshake(beast::bind_front_handler(&Connection::onHandshake, shared_from_this()));
+}
+
+void Connection::onHandshake(Error error) {
+    if (hasFailed(error)) {
+        if (error != beast::error::timeout && isOpen()) {
+            shared_.dispatcher.counts().countDrop(Drop::HANDSHAKE);
+        }
+        return;
+    }
+    if (generation_ != shared_.generation) {
+        return;  // the certificate was verified with files that do not count any more
+    }
+    peer_.certificate = subjectOfPeer(*stream_.tls());
+    awaitRequest();
+}
+
 void Connection::awaitRequest() {
     response_ = {};
     parser_.emplace();
@@ -88,21 +130,23 @@ void Connection::awaitRequest() {
     if (buffer_.size() > 0) {
         return readHeader();  // sent along with the request before
     }
-    stream_.expires_after(shared_.options.idleTimeout);
+    isIdle_ = true;
+    stream_.tcp().expires_after(shared_.options.idleTimeout);
     stream_.async_read_some(
         buffer_.prepare(kFirstRead),
         beast::bind_front_handler(&Connection::onFirstBytes, shared_from_this()));
 }
 
 void Connection::onFirstBytes(Error error, std::size_t size) {
-    if (!error) {
+    isIdle_ = false;
+    if (!error && isOpen()) {
         buffer_.commit(size);
         readHeader();
     }
 }
 
 void Connection::readHeader() {
-    stream_.expires_after(shared_.options.requestTimeout);  // for the body too
+    stream_.tcp().expires_after(shared_.options.requestTimeout);  // for the body too
     http::async_read_header(stream_, buffer_, *parser_,
                             beast::bind_front_handler(&Connection::onHeader, shared_from_this()));
 }
@@ -112,6 +156,9 @@ void Connection::onHeader(Error error, std::size_t) {
         return refuse(error);
     }
     const auto& header = parser_->get();
+    if (auto refusal = shared_.dispatcher.refuse(header, peer_, caller_ = {})) {
+        return refuse(std::move(*refusal));
+    }
     if (header.version() >= 11 && beast::iequals(header[http::field::expect], "100-continue")) {
         return asio::async_write(
             stream_, asio::buffer(kContinue),
@@ -131,24 +178,33 @@ void Connection::onRequest(Error error, std::size_t) {
     if (error) {
         return refuse(error);
     }
-    Reaction reaction = shared_.dispatcher.react(parser_->get());
-    record(parser_->get(), reaction.response, reaction.remark);
+    Reaction reaction = shared_.dispatcher.react(parser_->get(), caller_);
+    record(parser_->get(), reaction.response, reaction.remark, !reaction.rest);
     parser_.reset();
     shared_.wakeWatchers();
     if (reaction.watch) {
         return beginWatch(*reaction.response, *reaction.watch);
     }
     if (reaction.delay.count() == 0) {
-        return reaction.response ? respond(std::move(*reaction.response)) : reset();
+        return follow(std::move(reaction));
     }
-    stream_.expires_never();
+    stream_.tcp().expires_never();
     delay_.expires_after(reaction.delay);
-    delay_.async_wait(
-        [self = shared_from_this(), response = std::move(reaction.response)](Error) mutable {
-            if (self->isOpen()) {
-                response ? self->respond(std::move(*response)) : self->reset();
-            }
-        });
+    delay_.async_wait([self = shared_from_this(), reaction = std::move(reaction)](Error) mutable {
+        if (self->isOpen()) {
+            self->follow(std::move(reaction));
+        }
+    });
+}
+
+void Connection::follow(Reaction reaction) {
+    if (!reaction.response) {
+        reset();
+    } else if (reaction.rest) {
+        beginList(std::move(*reaction.response), *reaction.rest);
+    } else {
+        respond(std::move(*reaction.response));
+    }
 }
 
 bool Connection::isOpen() const {
@@ -157,12 +213,12 @@ bool Connection::isOpen() const {
 
 void Connection::reset() {
     Error error;
-    stream_.socket().set_option(asio::socket_base::linger(true, 0), error);
+    stream_.tcp().socket().set_option(asio::socket_base::linger(true, 0), error);
     close();
 }
 
 void Connection::record(const Request& request, const std::optional<Response>& response,
-                        std::string_view remark) const {
+                        std::string_view remark, bool isWhole) const {
     if (!shared_.log) {
         return;
     }
@@ -172,13 +228,15 @@ void Connection::record(const Request& request, const std::optional<Response>& r
                " HTTP/" + std::to_string(request.version() / 10) + '.' +
                std::to_string(request.version() % 10);
     }
-    shared_.log->write(address_, line, response ? response->result_int() : 0,
-                       response ? response->body().size() : 0, remark);
+    shared_.log->write(caller_.address.empty() ? peer_.address.to_string() : caller_.address,
+                       caller_.name, line, response ? response->result_int() : 0,
+                       response && isWhole ? response->body().size() : 0, remark);
 }
 
 void Connection::refuse(Error error) {
     static const Error kHttpError = http::error::bad_method;
-    if (error.category() != kHttpError.category() || error == http::error::end_of_stream) {
+    if (hasFailed(error) &&
+        (error.category() != kHttpError.category() || error == http::error::end_of_stream)) {
         return;  // gone, too slow, or closed by us
     }
     auto status = http::status::bad_request;
@@ -189,22 +247,30 @@ void Connection::refuse(Error error) {
     }
     Response response = failure(status, error.message());
     response.keep_alive(false);
+    shared_.dispatcher.counts().countRequest(http::verb::unknown, response.result_int());
+    caller_ = {};
     record({}, response, {});
+    respond(std::move(response));
+}
+
+/// By the header alone. What is left of the request is not read.
+void Connection::refuse(Response response) {
+    response.keep_alive(parser_->is_done() && parser_->get().keep_alive());
+    record(parser_->get(), response, {});
+    parser_.reset();
     respond(std::move(response));
 }
 
 void Connection::respond(Response response) {
     response_ = std::move(response);
-    stream_.expires_after(shared_.options.writeTimeout);
+    response_.keep_alive(response_.keep_alive() && generation_ == shared_.generation);
+    stream_.tcp().expires_after(shared_.options.writeTimeout);
     http::async_write(stream_, response_,
                       beast::bind_front_handler(&Connection::onAnswered, shared_from_this()));
 }
 
 void Connection::onAnswered(Error error, std::size_t) {
-    if (error) {
-        return;
-    }
-    if (!isOpen()) {
+    if (hasFailed(error)) {
         return;
     }
     auto& connections = shared_.connections;
@@ -212,9 +278,21 @@ void Connection::onAnswered(Error error, std::size_t) {
     if (response_.keep_alive()) {
         return awaitRequest();
     }
-    stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, error);
     farewell_ = std::chrono::steady_clock::now() + shared_.options.farewellTimeout;
-    stream_.expires_at(farewell_);
+    stream_.tcp().expires_at(farewell_);
+    if (stream_.tls() == nullptr) {
+        return sendEnd();
+    }
+    stream_.shutdown([self = shared_from_this()](Error) {
+        if (self->isOpen()) {
+            self->sendEnd();
+        }
+    });
+}
+
+void Connection::sendEnd() {
+    Error error;
+    stream_.tcp().socket().shutdown(asio::ip::tcp::socket::shutdown_send, error);
     discardInput(error, 0);
 }
 
@@ -224,10 +302,59 @@ void Connection::onAnswered(Error error, std::size_t) {
 void Connection::discardInput(Error error, std::size_t) {
     if (!error && std::chrono::steady_clock::now() < farewell_) {
         buffer_.clear();
-        stream_.async_read_some(
+        stream_.tcp().async_read_some(
             buffer_.prepare(kFirstRead),
             beast::bind_front_handler(&Connection::discardInput, shared_from_this()));
     }
+}
+
+// The length is not known before: the answer is in chunks, or ends with the connection. One that is
+// broken off is reset: nothing that a client has not taken stays in the kernel.
+void Connection::beginList(Response response, const EntryWriter& rest) {
+    Error error;
+    auto& socket = stream_.tcp().socket();
+    socket.set_option(asio::socket_base::send_buffer_size(kReaderSendBuffer), error);
+    socket.set_option(asio::socket_base::linger(true, 0), error);  // until it is sent
+    list_ = rest;
+    const std::string first = std::exchange(response.body(), {});
+    response_ = std::move(response);
+    const bool isChunked = response_.version() >= 11;
+    response_.chunked(isChunked);
+    response_.keep_alive(isChunked && response_.keep_alive() && generation_ == shared_.generation);
+    std::ostringstream header;
+    header << response_.base() << framed(first, false);
+    sendList(header.str());
+}
+
+/// A piece of a list as it is sent.
+std::string Connection::framed(const std::string& piece, bool isLast) const {
+    if (!response_.chunked()) {
+        return piece;
+    }
+    std::ostringstream chunk;
+    chunk << std::hex << piece.size() << "\r\n" << piece << "\r\n" << (isLast ? "0\r\n\r\n" : "");
+    return chunk.str();
+}
+
+void Connection::sendList(std::string piece) {
+    piece_ = std::move(piece);
+    stream_.tcp().expires_after(shared_.options.writeTimeout);
+    asio::async_write(stream_, asio::buffer(piece_),
+                      beast::bind_front_handler(&Connection::onListSent, shared_from_this()));
+}
+
+void Connection::onListSent(Error error, std::size_t) {
+    if (hasFailed(error)) {
+        return;
+    }
+    if (list_->isDone()) {
+        list_.reset();
+        piece_ = {};
+        stream_.tcp().socket().set_option(asio::socket_base::linger(false, 0), error);
+        return onAnswered({}, 0);
+    }
+    const auto piece = list_->next(shared_.dispatcher.store());
+    piece ? sendList(framed(*piece, list_->isDone())) : reset();
 }
 
 // Nothing is read any more: that the client is gone shows when it is sent the next heartbeat. What
@@ -236,8 +363,9 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
     buffer_.consume(buffer_.size());
     buffer_.shrink_to_fit();
     Error error;
-    stream_.socket().set_option(asio::socket_base::send_buffer_size(kWatcherSendBuffer), error);
-    stream_.socket().set_option(asio::socket_base::linger(true, 0), error);
+    auto& socket = stream_.tcp().socket();
+    socket.set_option(asio::socket_base::send_buffer_size(kReaderSendBuffer), error);
+    socket.set_option(asio::socket_base::linger(true, 0), error);
     watch_ = watch;
     std::ostringstream header;
     header << response.base() << kRetry << shared_.dispatcher.news(*watch_);
@@ -251,16 +379,16 @@ void Connection::sendNews() {
 
 void Connection::send(std::string piece) {
     piece_ = std::move(piece);
-    stream_.expires_after(shared_.options.writeTimeout);
+    stream_.tcp().expires_after(shared_.options.writeTimeout);
     asio::async_write(stream_, asio::buffer(piece_),
                       beast::bind_front_handler(&Connection::onNewsSent, shared_from_this()));
 }
 
 void Connection::onNewsSent(Error error, std::size_t size) {
-    if (error || !isOpen()) {
+    if (hasFailed(error)) {
         return;
     }
-    stream_.expires_never();
+    stream_.tcp().expires_never();
     shared_.connections.splice(shared_.connections.end(), shared_.connections, position_);
     if (size >= Watch::kPiece) {
         return sendNews();

@@ -4,7 +4,6 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <chrono>
 #include <cstddef>
@@ -19,12 +18,13 @@
 #include "RegistryServer.h"
 #include "RequestHandler.h"
 #include "RequestLog.h"
+#include "Stream.h"
 
 namespace orvx::registry {
 
 /// One accepted connection: reads a request, answers it, and again, until a request is to watch the
 /// entries; from then on it only sends. It lives as long as something is under way, and needs
-/// memory for one request and its answer only, or for one piece of the stream.
+/// memory for one request and its answer only, or for one piece of the list or of the stream.
 ///
 /// Thread-safety: the thread that runs the socket's io_context only.
 class Connection : public std::enable_shared_from_this<Connection> {
@@ -34,44 +34,65 @@ class Connection : public std::enable_shared_from_this<Connection> {
         const RegistryOptions options;
         Dispatcher dispatcher;
         std::optional<RequestLog> log;
+        /// For new connections; null: they are plain.
+        std::unique_ptr<boost::asio::ssl::context> tls;
         /// Those that are open, the one that was accepted or answered longest ago first.
         std::list<Connection*> connections;
         /// Those that watch and have nothing to send.
         std::list<Connection*> idleWatchers{};
         std::uint64_t announcedRevision = 0;
+        /// How often files were read again. A connection that is older ends soon.
+        std::uint64_t generation = 0;
 
         /// Does nothing when none is open.
         void closeOldest();
+
+        /// After files were read again: ends those that watch or wait for a request at once, and
+        /// all others after their answer.
+        void endOldOnes();
 
         /// After a request: what it has changed is sent to those that watch. Checks wait until the
         /// watcher looks by itself.
         void wakeWatchers();
     };
 
-    Connection(boost::asio::ip::tcp::socket socket, Shared& shared);
+    Connection(boost::asio::ip::tcp::socket socket, const boost::asio::ip::address& address,
+               Shared& shared);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    void awaitRequest();
+    /// Once: shakes hands, if there is TLS, and answers requests.
+    void begin();
     void close();
 
   private:
     using Error = boost::beast::error_code;
 
     bool isOpen() const;
+    /// Whether a step has failed; counts that it took too long.
+    bool hasFailed(Error error) const;
+    void onHandshake(Error error);
+    void awaitRequest();
     void onFirstBytes(Error error, std::size_t size);
     void readHeader();
     void onHeader(Error error, std::size_t);
     void readBody(Error error, std::size_t);
     void onRequest(Error error, std::size_t);
     void refuse(Error error);
+    void refuse(Response response);
+    void follow(Reaction reaction);
     void reset();
     void respond(Response response);
     void record(const Request& request, const std::optional<Response>& response,
-                std::string_view remark) const;
+                std::string_view remark, bool isWhole = true) const;
     void onAnswered(Error error, std::size_t);
+    void sendEnd();
     void discardInput(Error error, std::size_t);
+    void beginList(Response response, const EntryWriter& rest);
+    std::string framed(const std::string& piece, bool isLast) const;
+    void sendList(std::string piece);
+    void onListSent(Error error, std::size_t);
     void beginWatch(const Response& response, const Watch& watch);
     void sendNews();
     void send(std::string piece);
@@ -80,14 +101,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     Shared& shared_;
     std::list<Connection*>::iterator position_;
-    boost::beast::tcp_stream stream_;
+    Stream stream_;
+    Peer peer_;
+    Caller caller_;  // of the request
+    const std::uint64_t generation_;
+    bool isIdle_ = false;
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     Response response_;
+    std::optional<EntryWriter> list_;
     std::optional<Watch> watch_;
     std::string piece_;
     boost::asio::steady_timer delay_;
-    std::string address_;
     std::chrono::steady_clock::time_point farewell_;
 };
 

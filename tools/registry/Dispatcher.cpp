@@ -28,14 +28,55 @@ bool asksFor(const char* target, const Request& request) {
 
 }  // namespace
 
-Reaction Dispatcher::react(const Request& request) {
+Dispatcher::Dispatcher(StoreOptions store, const DispatcherOptions& options)
+    : store_([&] {
+          if (!options.audit.empty()) {
+              audit_.emplace(options.audit);
+              store.listener = [this](Change change, const Entry& entry) {
+                  auditChange(change, entry);
+              };
+          }
+          return std::move(store);
+      }()),
+      guard_(options.requestsPerSecond, options.admin),
+      admin_(options.admin) {}
+
+// What expires or is forgotten when a request comes is not the caller's doing.
+void Dispatcher::auditChange(Change change, const Entry& entry) {
+    const bool isTheCallers = change != Change::EXPIRED && change != Change::FORGOTTEN;
+    audit_->write(change, entry, isTheCallers ? caller_ : nullptr);
+}
+
+void Dispatcher::audit(std::string_view what, const Caller* caller) {
+    if (audit_) {
+        audit_->write(what, caller);
+    }
+}
+
+std::optional<Response> Dispatcher::refuse(const Request& header, const Peer& peer,
+                                           Caller& caller) {
+    auto refusal = guard_.refuse(header, peer, store_, caller);
+    if (refusal) {
+        metrics_.countRequest(header.method(), refusal->result_int());
+        refusal->version(header.version());
+        if (header.method() == http::verb::head) {
+            refusal->body().clear();
+            refusal->erase(http::field::content_length);
+        }
+    }
+    return refusal;
+}
+
+Reaction Dispatcher::react(const Request& request, const Caller& caller) {
     Reaction reaction;
+    caller_ = &caller;
     try {
-        reaction = decide(request);
+        reaction = decide(request, caller);
     } catch (const FileError& error) {
         std::cerr << "orvx-registry: " << error.what() << std::endl;
         reaction.response = failure(http::status::internal_server_error, error.what());
     }
+    caller_ = nullptr;
     metrics_.countRequest(request.method(),
                           reaction.response ? reaction.response->result_int() : 0);
     if (!reaction.remark.empty()) {
@@ -53,13 +94,13 @@ Reaction Dispatcher::react(const Request& request) {
     return reaction;
 }
 
-Reaction Dispatcher::decide(const Request& request) {
+Reaction Dispatcher::decide(const Request& request, const Caller& caller) {
     store_.expire();
     if (auto asset = pageAsset(request)) {
         return {std::move(asset)};
     }
     if (admin_ && request.target() == "/-/faults") {
-        Response response = control(request);
+        Response response = control(request, caller);
         forgetWhatIsDue();
         return {std::move(response)};
     }
@@ -78,7 +119,10 @@ Reaction Dispatcher::decide(const Request& request) {
     if (fate.status != 0) {
         reaction.response = failure(static_cast<http::status>(fate.status), "a fault on demand");
     } else {
-        reaction.response = answer(store_, request, &reaction.remark);
+        AnswerExtras extras;
+        reaction.response = answer(store_, request, caller, &extras);
+        reaction.remark = std::move(extras.remark);
+        reaction.rest = extras.rest;
     }
     return reaction;
 }
@@ -119,7 +163,7 @@ void Dispatcher::forgetWhatIsDue() {
     faults_.meet(std::nullopt, store_);
 }
 
-Response Dispatcher::control(const Request& request) {
+Response Dispatcher::control(const Request& request, const Caller& caller) {
     switch (request.method()) {
         case http::verb::put:
             try {
@@ -127,9 +171,11 @@ Response Dispatcher::control(const Request& request) {
             } catch (const std::invalid_argument& error) {
                 return failure(http::status::bad_request, error.what());
             }
+            audit("faults set", &caller);
             break;
         case http::verb::delete_:
             faults_.set({});
+            audit("faults dropped", &caller);
             break;
         case http::verb::get:
         case http::verb::head:

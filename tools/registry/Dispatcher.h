@@ -4,8 +4,10 @@
 #include <optional>
 #include <string>
 
+#include "AuditLog.h"
 #include "EntryStore.h"
 #include "Faults.h"
+#include "Guard.h"
 #include "Metrics.h"
 #include "RequestHandler.h"
 #include "Watch.h"
@@ -19,6 +21,15 @@ struct Reaction {
     std::string remark{};  ///< what the log is to say of the request
     /// Follows the entries: what it has to tell goes behind the response, which has no end.
     std::optional<Watch> watch{};
+    /// Has what follows the response's body, whose length is not known.
+    std::optional<EntryWriter> rest{};
+};
+
+/// What a dispatcher allows and writes down.
+struct DispatcherOptions {
+    bool admin = false;                   ///< whether /-/faults is there
+    std::uint32_t requestsPerSecond = 0;  ///< of one client address; 0: no limit
+    std::string audit{};                  ///< file for changes; `-`: stdout; empty: none
 };
 
 /// Gives each request to what answers it: the entries, the page, the stream of changes, the
@@ -27,13 +38,30 @@ struct Reaction {
 /// Thread-safety: none; one thread at a time.
 class Dispatcher {
   public:
-    /// `admin`: whether /-/faults is there. Throws a FileError.
-    Dispatcher(StoreOptions options, bool admin) : store_(std::move(options)), admin_(admin) {}
+    /// Throws a FileError.
+    Dispatcher(StoreOptions store, const DispatcherOptions& options);
 
     /// In place of all others; counted from now. Throws as parseFaults().
     void setFaults(std::string_view text) { faults_.set(parseFaults(text, store_.now())); }
 
-    Reaction react(const Request& request);
+    /// In place of those before; null: no token is needed.
+    void setTokens(std::shared_ptr<const Tokens> tokens) { guard_.setTokens(std::move(tokens)); }
+
+    /// The refusal of a request of which only the header is known, or nothing: then react() is to
+    /// be called with `caller`, which is set here.
+    std::optional<Response> refuse(const Request& header, const Peer& peer, Caller& caller);
+
+    /// Whether that address may make one more connection, if that costs as much as a request.
+    bool admitsConnection(const boost::asio::ip::address& address) {
+        return guard_.admitsConnection(address, store_.now());
+    }
+
+    Reaction react(const Request& request, const Caller& caller = {});
+
+    /// A line in the audit log about what is no change of an entry.
+    void audit(std::string_view what, const Caller* caller);
+
+    Metrics& counts() { return metrics_; }
 
     /// What a watch has to tell, after what is due has happened to the entries. Says on stderr when
     /// the store's file fails.
@@ -42,16 +70,20 @@ class Dispatcher {
     const EntryStore& store() const { return store_; }
 
   private:
-    Reaction decide(const Request& request);
+    Reaction decide(const Request& request, const Caller& caller);
     Reaction beginWatch(const Request& request);
     Response metrics();
-    Response control(const Request& request);
+    Response control(const Request& request, const Caller& caller);
+    void auditChange(Change change, const Entry& entry);
     void forgetWhatIsDue();
 
+    std::optional<AuditLog> audit_;
     EntryStore store_;
     Faults faults_;
     Metrics metrics_;
+    Guard guard_;
     const bool admin_;
+    const Caller* caller_ = nullptr;  // of the request that is carried out
 };
 
 }  // namespace orvx::registry

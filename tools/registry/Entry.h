@@ -1,9 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -20,8 +19,9 @@ struct Entry {
     std::string uuid;          ///< random (version 4), lower case; the name of the entry
     std::uint64_t number = 0;  ///< counts the entries in the order of their creation
     std::string path;          ///< the request target it was put at, byte by byte
-    nlohmann::json service;    ///< the object that was put there last
-    std::size_t size = 0;      ///< of the service as JSON text, in bytes
+    std::string service;       ///< the object that was put there last, as JSON text
+    std::string address{};     ///< where the service is reached, as addressOf() gives it
+    std::string owner{};       ///< the name of the token that put it last; empty: none
     std::uint64_t checks = 0;  ///< how often it was asked whether it is there, in this process
     std::chrono::system_clock::time_point created{};
     std::chrono::steady_clock::time_point renewed{};  ///< put, checked or loaded last
@@ -30,6 +30,16 @@ struct Entry {
     /// The store's revisions of the last put and of the last renewal, which every put is as well.
     std::uint64_t putRevision = 0;
     std::uint64_t renewalRevision = 0;
+};
+
+/// What can happen to an entry, but for checks.
+enum class Change { ANNOUNCED, REPLACED, WITHDRAWN, EXPIRED, FORGOTTEN };
+
+/// Whose an entry becomes by a put, and what all entries of that name may take.
+struct Owner {
+    std::string name{};  ///< empty: nobody's; the limits do not count then
+    std::size_t maxEntries = 0;
+    std::uint64_t maxBytes = 0;  ///< of paths and services
 };
 
 /// Where the service is reached, as "host:port". "?" stands for a host or a port that it does not

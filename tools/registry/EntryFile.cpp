@@ -5,6 +5,7 @@
 
 #include "EntryFile.h"
 
+#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace orvx::registry {
@@ -34,6 +35,11 @@ bool isEmpty(sqlite::Database& database) {
     return numberOf(database, "SELECT count(*) FROM sqlite_master") == 0;
 }
 
+bool hasOwners(sqlite::Database& database) {
+    return numberOf(database,
+                    "SELECT count(*) FROM pragma_table_info('entries') WHERE name = 'owner'") == 1;
+}
+
 std::int64_t seconds(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
@@ -52,7 +58,10 @@ EntryFile::EntryFile(const std::string& path)
             database_.run("PRAGMA application_id = " + std::to_string(kApplication));
             database_.run(
                 "CREATE TABLE entries (position INTEGER PRIMARY KEY, uuid TEXT NOT NULL UNIQUE, "
-                "path BLOB NOT NULL UNIQUE, service TEXT NOT NULL, created INTEGER NOT NULL)");
+                "path BLOB NOT NULL UNIQUE, service TEXT NOT NULL, created INTEGER NOT NULL, "
+                "owner TEXT NOT NULL DEFAULT '')");
+        } else if (!hasOwners(database_)) {  // made before there were tokens
+            database_.run("ALTER TABLE entries ADD COLUMN owner TEXT NOT NULL DEFAULT ''");
         }
         creation.commit();
     });
@@ -72,13 +81,15 @@ void EntryFile::requireOurs() {
 std::vector<Entry> EntryFile::load() {
     return naming(path_, [this] {
         std::vector<Entry> entries;
-        sqlite::Statement rows =
-            database_.prepare("SELECT uuid, path, service, created FROM entries ORDER BY position");
+        sqlite::Statement rows = database_.prepare(
+            "SELECT uuid, path, service, created, owner FROM entries ORDER BY position");
         while (rows.step()) {
             Entry entry;
             entry.uuid = rows.text(0);
             entry.path = rows.text(1);
-            entry.service = nlohmann::json::parse(rows.text(2));
+            entry.service = rows.text(2);
+            entry.address = addressOf(nlohmann::json::parse(entry.service));
+            entry.owner = rows.text(4);
             entry.created =
                 std::chrono::system_clock::time_point(std::chrono::seconds(rows.number(3)));
             entries.push_back(std::move(entry));
@@ -89,22 +100,26 @@ std::vector<Entry> EntryFile::load() {
 
 void EntryFile::add(const Entry& entry) {
     naming(path_, [&] {
-        const std::string service = entry.service.dump();
-        database_.prepare("INSERT INTO entries (uuid, path, service, created) VALUES (?, ?, ?, ?)")
+        database_
+            .prepare(
+                "INSERT INTO entries (uuid, path, service, created, owner) "
+                "VALUES (?, ?, ?, ?, ?)")
             .bind(1, entry.uuid)
             .bindBytes(2, entry.path)
-            .bind(3, service)
+            .bind(3, entry.service)
             .bind(4, seconds(entry.created))
+            .bind(5, entry.owner)
             .step();
     });
 }
 
-void EntryFile::replace(const std::string& uuid, const nlohmann::json& service) {
+void EntryFile::replace(const std::string& uuid, const std::string& service,
+                        const std::string& owner) {
     naming(path_, [&] {
-        const std::string text = service.dump();
-        database_.prepare("UPDATE entries SET service = ? WHERE uuid = ?")
-            .bind(1, text)
-            .bind(2, uuid)
+        database_.prepare("UPDATE entries SET service = ?, owner = ? WHERE uuid = ?")
+            .bind(1, service)
+            .bind(2, owner)
+            .bind(3, uuid)
             .step();
     });
 }

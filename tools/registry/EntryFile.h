@@ -22,7 +22,7 @@ class EntryFile {
     std::vector<Entry> load();
 
     void add(const Entry& entry);
-    void replace(const std::string& uuid, const nlohmann::json& service);
+    void replace(const std::string& uuid, const std::string& service, const std::string& owner);
     void remove(const std::vector<std::string>& uuids);
     void clear();
 

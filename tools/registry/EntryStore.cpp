@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "EntryFile.h"
@@ -20,6 +21,10 @@ constexpr const char* kNoAddress = "?:?";
 
 std::string randomUuid() {
     return to_string(boost::uuids::random_generator()());
+}
+
+std::uint64_t bytesOf(const Entry& entry) {
+    return entry.path.size() + entry.service.size();
 }
 
 /// The entry that is first after a revision, in an index by revision.
@@ -59,34 +64,92 @@ EntryStore::EntryStore(StoreOptions options)
 
 EntryStore::~EntryStore() = default;
 
-EntryStore::PutResult EntryStore::put(std::string path, nlohmann::json service) {
-    if (const auto known = byPath_.find(path); known != byPath_.end()) {
-        Entry& entry = *known->second;
-        if (file_) {
-            file_->replace(entry.uuid, service);
-        }
-        std::string before = addressOf(entry.service);
-        entry.service = std::move(service);
-        recordPut(known->second);
-        if (before == kNoAddress || before == addressOf(entry.service)) {
-            return {entry, false, {}};
-        }
-        entry.moved = {before, entry.renewed};
-        return {entry, false, std::move(before)};
-    }
-    if (entries_.size() >= options_.maxEntries) {
+EntryStore::PutResult EntryStore::put(std::string path, const nlohmann::json& service,
+                                      const Owner& owner) {
+    const auto known = byPath_.find(path);
+    const bool isNew = known == byPath_.end();
+    if (isNew && entries_.size() >= options_.maxEntries) {
         throw StoreFull("the registry is full: it holds " + std::to_string(entries_.size()) +
                         " entries");
     }
-    Entry entry;
-    entry.uuid = randomUuid();
-    entry.path = std::move(path);
-    entry.service = std::move(service);
-    entry.created = std::chrono::system_clock::now();
-    if (file_) {
-        file_->add(entry);
+    std::string text = service.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    requireRoom(owner, path.size() + text.size(), isNew ? nullptr : &*known->second);
+    if (isNew) {
+        Entry entry;
+        entry.uuid = randomUuid();
+        entry.path = std::move(path);
+        entry.service = std::move(text);
+        entry.address = addressOf(service);
+        entry.owner = owner.name;
+        entry.created = std::chrono::system_clock::now();
+        if (file_) {
+            file_->add(entry);
+        }
+        const Entry& added = add(std::move(entry));
+        tell(Change::ANNOUNCED, added);
+        return {added, true, {}};
     }
-    return {add(std::move(entry)), true, {}};
+    Entry& entry = *known->second;
+    if (file_) {
+        file_->replace(entry.uuid, text, owner.name);
+    }
+    discountUsage(entry);
+    entry.service = std::move(text);
+    entry.owner = owner.name;
+    countUsage(entry);
+    const std::string before = std::exchange(entry.address, addressOf(service));
+    const bool hasMoved = before != kNoAddress && before != entry.address;
+    if (hasMoved) {
+        entry.moved = {before, now()};
+    }
+    recordPut(known->second);
+    tell(Change::REPLACED, entry);
+    return {entry, false, hasMoved ? before : std::string()};
+}
+
+void EntryStore::tell(Change change, const Entry& entry) const {
+    if (options_.listener) {
+        options_.listener(change, entry);
+    }
+}
+
+void EntryStore::requireRoom(const Owner& owner, std::uint64_t bytes, const Entry* replaced) const {
+    if (owner.name.empty()) {
+        return;
+    }
+    const auto known = usage_.find(owner.name);
+    Usage usage = known == usage_.end() ? Usage{} : known->second;
+    if (replaced != nullptr && replaced->owner == owner.name) {
+        --usage.entries;
+        usage.bytes -= bytesOf(*replaced);
+    }
+    if (usage.entries >= owner.maxEntries) {
+        throw StoreFull("the token " + owner.name + " is full: it holds " +
+                        std::to_string(usage.entries) + " entries");
+    }
+    if (bytes > owner.maxBytes || usage.bytes > owner.maxBytes - bytes) {
+        throw StoreFull("the token " + owner.name + " is full: its entries take " +
+                        std::to_string(usage.bytes) + " bytes");
+    }
+}
+
+void EntryStore::countUsage(const Entry& entry) {
+    if (!entry.owner.empty()) {
+        Usage& usage = usage_[entry.owner];
+        ++usage.entries;
+        usage.bytes += bytesOf(entry);
+    }
+}
+
+void EntryStore::discountUsage(const Entry& entry) {
+    const auto usage = usage_.find(entry.owner);
+    if (usage == usage_.end()) {
+        return;
+    }
+    usage->second.bytes -= bytesOf(entry);
+    if (--usage->second.entries == 0) {
+        usage_.erase(usage);
+    }
 }
 
 const Entry& EntryStore::add(Entry entry) {
@@ -95,6 +158,8 @@ const Entry& EntryStore::add(Entry entry) {
     added->number = ++created_;
     byUuid_.emplace(added->uuid, added);
     byPath_.emplace(added->path, added);
+    byNumber_.emplace_hint(byNumber_.end(), added->number, added);
+    countUsage(*added);
     recordPut(added);
     return *added;
 }
@@ -105,8 +170,6 @@ void EntryStore::renew(Position entry) {
 }
 
 void EntryStore::recordPut(Position entry) {
-    entry->size =
-        entry->service.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).size();
     renew(entry);
     moveToEnd(byPut_, entry->putRevision, revision_, entry);
     lastPutOrRemoval_ = revision_;
@@ -136,6 +199,11 @@ const EntryStore::Removal* EntryStore::nextRemoval(std::uint64_t after) const {
     return found == removals_.end() ? nullptr : &*found;
 }
 
+const Entry* EntryStore::entryFrom(std::uint64_t number) const {
+    const auto found = byNumber_.lower_bound(number);
+    return found == byNumber_.end() ? nullptr : &*found->second;
+}
+
 const Entry* EntryStore::find(std::string_view uuid) const {
     const auto found = byUuid_.find(uuid);
     return found == byUuid_.end() ? nullptr : &*found->second;
@@ -153,7 +221,7 @@ bool EntryStore::check(std::string_view uuid) {
     return true;
 }
 
-std::optional<Entry> EntryStore::remove(std::string_view uuid) {
+std::optional<Entry> EntryStore::remove(std::string_view uuid, Change how) {
     const auto found = byUuid_.find(uuid);
     if (found == byUuid_.end()) {
         return std::nullopt;
@@ -161,18 +229,21 @@ std::optional<Entry> EntryStore::remove(std::string_view uuid) {
     if (file_) {
         file_->remove({std::string(uuid)});
     }
-    return take(found);
+    return take(found, how);
 }
 
-Entry EntryStore::take(ByName::iterator known) {
+Entry EntryStore::take(ByName::iterator known, Change how) {
     const Position position = known->second;
     byUuid_.erase(known);
     byPath_.erase(position->path);
+    byNumber_.erase(position->number);
+    discountUsage(*position);
     byPut_.erase(position->putRevision);
     byRenewal_.erase(position->renewalRevision);
     Entry taken = std::move(*position);
     entries_.erase(position);
     recordRemoval(taken.uuid);
+    tell(how, taken);
     return taken;
 }
 
@@ -181,7 +252,7 @@ void EntryStore::clear() {
         file_->clear();
     }
     while (!entries_.empty()) {
-        take(byUuid_.find(entries_.front().uuid));
+        take(byUuid_.find(entries_.front().uuid), Change::FORGOTTEN);
     }
 }
 
@@ -202,7 +273,7 @@ void EntryStore::expire() {
     }
     expirations_ += expired.size();
     for (const std::string& uuid : expired) {
-        take(byUuid_.find(uuid));
+        take(byUuid_.find(uuid), Change::EXPIRED);
     }
 }
 

@@ -27,9 +27,11 @@ struct StoreOptions {
     std::size_t maxEntries = 100'000;
     std::string file;  ///< keeps the entries over a restart; empty: only in memory
     std::function<std::chrono::steady_clock::time_point()> clock = std::chrono::steady_clock::now;
+    /// Is told each change after it took place, with the entry as it was last.
+    std::function<void(Change, const Entry&)> listener{};
 };
 
-/// One more entry than the store may hold.
+/// More than the store, or one owner, may hold.
 class StoreFull : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -69,7 +71,7 @@ class EntryStore {
 
     /// Makes `service` the service of the one entry of `path`, which keeps its uuid and its place.
     /// Throws StoreFull, or a FileError.
-    PutResult put(std::string path, nlohmann::json service);
+    PutResult put(std::string path, const nlohmann::json& service, const Owner& owner = {});
 
     /// The entry of that name, or null. Owned by the store.
     const Entry* find(std::string_view uuid) const;
@@ -77,10 +79,11 @@ class EntryStore {
     /// Counts a check of the entry of that name and renews it. False: there is none.
     bool check(std::string_view uuid);
 
-    /// Takes the entry of that name out. Empty: there is none. Throws a FileError.
-    std::optional<Entry> remove(std::string_view uuid);
+    /// Takes the entry of that name out. Empty: there is none. `how`: what the listener is told.
+    /// Throws a FileError.
+    std::optional<Entry> remove(std::string_view uuid, Change how = Change::WITHDRAWN);
 
-    /// Takes all out. Throws a FileError.
+    /// Takes all out: they are forgotten. Throws a FileError.
     void clear();
 
     /// Takes out what was not renewed for `ttl`. Nothing expires without this call. Throws a
@@ -88,6 +91,10 @@ class EntryStore {
     void expire();
 
     const std::list<Entry>& entries() const { return entries_; }
+
+    /// The first entry in the order of creation whose number is at least that. Null: there is
+    /// none. Owned by the store.
+    const Entry* entryFrom(std::uint64_t number) const;
 
     /// How many entries have expired in this process.
     std::uint64_t expirations() const { return expirations_; }
@@ -119,17 +126,29 @@ class EntryStore {
     using ByName = std::unordered_map<std::string_view, Position>;
     using ByRevision = std::map<std::uint64_t, Position>;
 
+    /// What the entries of one owner take.
+    struct Usage {
+        std::size_t entries = 0;
+        std::uint64_t bytes = 0;
+    };
+
     const Entry& add(Entry entry);
+    void tell(Change change, const Entry& entry) const;
+    void requireRoom(const Owner& owner, std::uint64_t bytes, const Entry* replaced) const;
+    void countUsage(const Entry& entry);
+    void discountUsage(const Entry& entry);
     void renew(Position entry);
     void recordPut(Position entry);
     void recordRemoval(std::string uuid);
-    Entry take(ByName::iterator known);
+    Entry take(ByName::iterator known, Change how);
 
     const StoreOptions options_;
     std::unique_ptr<EntryFile> file_;
     std::list<Entry> entries_;
     ByName byUuid_;
     ByName byPath_;
+    ByRevision byNumber_;
+    std::unordered_map<std::string, Usage> usage_;  // by owner; of those that have entries
 
     const std::string instance_;
     std::uint64_t created_ = 0;

@@ -45,7 +45,8 @@ void apply(const Fault& fault, Fate& fate, EntryStore& store) {
             fate.status = fault.status;
             break;
         case Fault::Kind::FORGET:
-            fault.uuid.empty() ? store.clear() : static_cast<void>(store.remove(fault.uuid));
+            fault.uuid.empty() ? store.clear()
+                               : static_cast<void>(store.remove(fault.uuid, Change::FORGOTTEN));
             break;
     }
 }

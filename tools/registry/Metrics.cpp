@@ -48,6 +48,12 @@ std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
              << (method == http::verb::unknown ? "other" : http::to_string(method)) << "\",code=\""
              << code << "\"} " << count << '\n';
     }
+    describe(text, "orvx_registry_drops_total", "counter",
+             "Connections that were ended without an answer, by reason.");
+    constexpr const char* kReasons[] = {"handshake", "timeout", "connections", "rate"};
+    for (std::size_t i = 0; i < drops_.size(); ++i) {
+        text << "orvx_registry_drops_total{reason=\"" << kReasons[i] << "\"} " << drops_[i] << '\n';
+    }
     return text.str();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <boost/beast/http/verb.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +12,10 @@
 
 namespace orvx::registry {
 
+/// Why a connection is ended without an answer: the handshake failed; it was too slow to send or to
+/// take something; another one needed its place; its address had made too many requests.
+enum class Drop { HANDSHAKE, TIMEOUT, CONNECTIONS, RATE };
+
 /// What the registry counts, for Prometheus.
 ///
 /// Thread-safety: none; one thread at a time.
@@ -20,6 +25,8 @@ class Metrics {
     void countRequest(boost::beast::http::verb method, unsigned status) {
         ++requests_[{method, status}];
     }
+    /// A connection that was ended without an answer.
+    void countDrop(Drop reason) { ++drops_[static_cast<std::size_t>(reason)]; }
     /// A put of a living service with another host or port.
     void countMove() { ++moves_; }
 
@@ -29,6 +36,7 @@ class Metrics {
   private:
     std::map<std::pair<boost::beast::http::verb, unsigned>, std::uint64_t> requests_;
     std::uint64_t moves_ = 0;
+    std::array<std::uint64_t, 4> drops_{};  // by Drop
 };
 
 }  // namespace orvx::registry

@@ -9,13 +9,14 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <fstream>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "Connection.h"
 #include "FileError.h"
+#include "Tls.h"
 
 namespace orvx::registry {
 
@@ -26,7 +27,11 @@ using boost::system::error_code;
 class RegistryServer::Impl {
   public:
     explicit Impl(const RegistryOptions& options)
-        : shared_{options, {storeOptions(options), options.admin}, {}, {}},
+        : shared_{options,
+                  {storeOptions(options), {options.admin, options.rate, options.audit}},
+                  {},
+                  makeTlsContext(options.tls),
+                  {}},
           acceptor_(context_, resolve(options)),
           endpoint_(acceptor_.local_endpoint()),
           retry_(context_) {
@@ -36,6 +41,9 @@ class RegistryServer::Impl {
         if (!options.script.empty()) {
             runScript(options.script);
         }
+        if (!options.tokens.empty()) {
+            shared_.dispatcher.setTokens(readTokens(options.tokens));
+        }
         accept();
     }
 
@@ -44,6 +52,10 @@ class RegistryServer::Impl {
     void stop() {
         asio::post(context_, [this] { close(); });
     }
+    void reload() {
+        asio::post(context_, [this] { readFilesAgain(); });
+    }
+    bool hasTls() const { return !shared_.options.tls.certificate.empty(); }
 
   private:
     static StoreOptions storeOptions(const RegistryOptions& options) {
@@ -55,21 +67,46 @@ class RegistryServer::Impl {
     }
 
     void runScript(const std::string& path) {
-        std::ifstream file(path);
-        std::ostringstream text;
-        text << file.rdbuf();
-        if (!file || text.fail()) {
-            throw FileError("script " + path + ": it cannot be read");
-        }
         try {
-            shared_.dispatcher.setFaults(text.str());
+            shared_.dispatcher.setFaults(contentOf("script", path));
         } catch (const std::invalid_argument& error) {
             throw FileError("script " + path + ": " + error.what());
         }
     }
 
     tcp::endpoint resolve(const RegistryOptions& options) {
-        return *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
+        const tcp::endpoint endpoint =
+            *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
+        const bool isGuarded = !options.tokens.empty() || !options.tls.authority.empty();
+        if (!isGuarded && !options.open && !isLoopback(endpoint.address())) {
+            throw std::runtime_error(
+                "at " + endpoint.address().to_string() +
+                " anybody could announce: it takes --tokens, --client-ca, or --open");
+        }
+        return endpoint;
+    }
+
+    static bool isLoopback(const asio::ip::address& address) {
+        return address.is_v6() && address.to_v6().is_v4_mapped()
+                   ? make_address_v4(asio::ip::v4_mapped, address.to_v6()).is_loopback()
+                   : address.is_loopback();
+    }
+
+    void readFilesAgain() {
+        const RegistryOptions& options = shared_.options;
+        try {
+            auto tls = makeTlsContext(options.tls);
+            auto tokens = options.tokens.empty() ? nullptr : readTokens(options.tokens);
+            shared_.tls = std::move(tls);
+            shared_.dispatcher.setTokens(std::move(tokens));
+        } catch (const FileError& error) {
+            std::cerr << "orvx-registry: " << error.what() << "; nothing is taken over"
+                      << std::endl;
+            return;
+        }
+        shared_.dispatcher.audit("files read again", nullptr);
+        shared_.endOldOnes();
+        std::cout << "orvx-registry has read its files again" << std::endl;
     }
 
     void accept() {
@@ -84,13 +121,24 @@ class RegistryServer::Impl {
             if (error) {
                 return acceptLater();
             }
-            if (shared_.connections.size() >= shared_.options.maxConnections) {
-                shared_.closeOldest();
-            }
-            socket.set_option(tcp::no_delay(true), error);
-            std::make_shared<Connection>(std::move(socket), shared_)->awaitRequest();
+            serve(std::move(socket));
             accept();
         });
+    }
+
+    void serve(tcp::socket socket) {
+        error_code error;
+        const auto address = socket.remote_endpoint(error).address();
+        // A handshake takes as much time as many requests.
+        if (hasTls() && !shared_.dispatcher.admitsConnection(address)) {
+            return shared_.dispatcher.counts().countDrop(Drop::RATE);
+        }
+        if (shared_.connections.size() >= shared_.options.maxConnections) {
+            shared_.dispatcher.counts().countDrop(Drop::CONNECTIONS);
+            shared_.closeOldest();
+        }
+        socket.set_option(tcp::no_delay(true), error);
+        std::make_shared<Connection>(std::move(socket), address, shared_)->begin();
     }
 
     // Without a free file descriptor accepting fails whether somebody waits or not. Another
@@ -103,6 +151,7 @@ class RegistryServer::Impl {
             if (shared_.connections.empty()) {
                 return acceptLater();
             }
+            shared_.dispatcher.counts().countDrop(Drop::CONNECTIONS);
             shared_.closeOldest();
             accept();
         });
@@ -140,7 +189,7 @@ std::uint16_t RegistryServer::port() const {
 
 std::string RegistryServer::url() const {
     std::ostringstream text;
-    text << "http://" << impl_->endpoint();
+    text << (impl_->hasTls() ? "https://" : "http://") << impl_->endpoint();
     return text.str();
 }
 
@@ -150,6 +199,10 @@ void RegistryServer::run() {
 
 void RegistryServer::stop() {
     impl_->stop();
+}
+
+void RegistryServer::reload() {
+    impl_->reload();
 }
 
 }  // namespace orvx::registry

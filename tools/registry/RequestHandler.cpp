@@ -44,11 +44,12 @@ json parseObject(const std::string& text) {
     return value;
 }
 
-json toJson(const Entry& entry) {
-    return {{"uuid", entry.uuid},
-            {"path", entry.path},
-            {"service", entry.service},
-            {"checks", entry.checks}};
+Response jsonResponse(http::status status, std::string text) {
+    Response response(status, 11);
+    response.set(http::field::content_type, "application/json");
+    response.body() = std::move(text);
+    response.prepare_payload();
+    return response;
 }
 
 Response noSuchEntry() {
@@ -60,16 +61,17 @@ std::string uuidOf(const Request& request) {
     return target.starts_with('/') ? std::string(target.substr(1)) : std::string();
 }
 
-Response put(EntryStore& store, const Request& request, std::string* remark) {
+Response put(EntryStore& store, const Request& request, const Caller& caller,
+             AnswerExtras* extras) {
     try {
-        json service = parseObject(request.body());
+        const json service = parseObject(request.body());
         const auto [entry, created, movedFrom] =
-            store.put(std::string(request.target()), std::move(service));
-        if (remark != nullptr && !movedFrom.empty()) {
-            *remark = "moved from " + movedFrom + " to " + addressOf(entry.service);
+            store.put(std::string(request.target()), service, caller.owner);
+        if (extras != nullptr && !movedFrom.empty()) {
+            extras->remark = "moved from " + movedFrom + " to " + entry.address;
         }
         Response response =
-            makeResponse(created ? http::status::created : http::status::ok, toJson(entry));
+            jsonResponse(created ? http::status::created : http::status::ok, textOf(entry));
         response.set(http::field::location, "/" + entry.uuid);
         return response;
     } catch (const std::invalid_argument& error) {
@@ -77,21 +79,33 @@ Response put(EntryStore& store, const Request& request, std::string* remark) {
     }
 }
 
-Response get(const EntryStore& store, const Request& request) {
+/// The first piece is the body, and all others too if nobody takes the rest.
+Response write(const EntryStore& store, EntryWriter writer, AnswerExtras* extras) {
+    std::string text = *writer.next(store);
+    while (extras == nullptr && !writer.isDone()) {
+        text += *writer.next(store);
+    }
+    Response response = jsonResponse(http::status::ok, std::move(text));
+    if (!writer.isDone()) {
+        response.erase(http::field::content_length);
+        extras->rest = writer;
+    }
+    return response;
+}
+
+Response get(const EntryStore& store, const Request& request, AnswerExtras* extras) {
     if (request.target() == "/") {
-        json list = json::array();
-        for (const Entry& entry : store.entries()) {
-            list.push_back(toJson(entry));
-        }
-        return makeResponse(http::status::ok, {{"entries", std::move(list)}});
+        return write(store, EntryWriter(), extras);
     }
     const Entry* entry = store.find(uuidOf(request));
-    return entry ? makeResponse(http::status::ok, toJson(*entry)) : noSuchEntry();
+    return entry ? write(store, EntryWriter(*entry), extras) : noSuchEntry();
 }
 
 // Without a Content-Length: to know it, the body would have to be written.
-Response head(EntryStore& store, const Request& request) {
-    const bool isThere = request.target() == "/" || store.check(uuidOf(request));
+Response head(EntryStore& store, const Request& request, const Caller& caller) {
+    const std::string uuid = uuidOf(request);
+    const bool isThere = request.target() == "/" ||
+                         (caller.mayRenew ? store.check(uuid) : store.find(uuid) != nullptr);
     Response response(isThere ? http::status::ok : http::status::not_found, 11);
     response.set(http::field::content_type, "application/json");
     return response;
@@ -99,17 +113,18 @@ Response head(EntryStore& store, const Request& request) {
 
 Response remove(EntryStore& store, const Request& request) {
     const auto entry = store.remove(uuidOf(request));
-    return entry ? makeResponse(http::status::ok, toJson(*entry)) : noSuchEntry();
+    return entry ? jsonResponse(http::status::ok, textOf(*entry)) : noSuchEntry();
 }
 
-Response dispatch(EntryStore& store, const Request& request, std::string* remark) {
+Response dispatch(EntryStore& store, const Request& request, const Caller& caller,
+                  AnswerExtras* extras) {
     switch (request.method()) {
         case http::verb::put:
-            return put(store, request, remark);
+            return put(store, request, caller, extras);
         case http::verb::get:
-            return get(store, request);
+            return get(store, request, extras);
         case http::verb::head:
-            return head(store, request);
+            return head(store, request, caller);
         case http::verb::delete_:
             return remove(store, request);
         default:
@@ -117,9 +132,10 @@ Response dispatch(EntryStore& store, const Request& request, std::string* remark
     }
 }
 
-Response tryToDispatch(EntryStore& store, const Request& request, std::string* remark) {
+Response tryToDispatch(EntryStore& store, const Request& request, const Caller& caller,
+                       AnswerExtras* extras) {
     try {
-        return dispatch(store, request, remark);
+        return dispatch(store, request, caller, extras);
     } catch (const StoreFull& full) {
         return failure(http::status::insufficient_storage, full.what());
     } catch (const FileError& error) {
@@ -130,20 +146,16 @@ Response tryToDispatch(EntryStore& store, const Request& request, std::string* r
 
 }  // namespace
 
-Response answer(EntryStore& store, const Request& request, std::string* remark) {
-    Response response = tryToDispatch(store, request, remark);
+Response answer(EntryStore& store, const Request& request, const Caller& caller,
+                AnswerExtras* extras) {
+    Response response = tryToDispatch(store, request, caller, extras);
     response.version(request.version());
     response.keep_alive(request.keep_alive());
     return response;
 }
 
 Response makeResponse(http::status status, const json& body) {
-    Response response(status, 11);
-    response.set(http::field::content_type, "application/json");
-    // A request target may hold bytes that are no UTF-8; they must not make dump() throw.
-    response.body() = body.dump(-1, ' ', false, json::error_handler_t::replace);
-    response.prepare_payload();
-    return response;
+    return jsonResponse(status, body.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 Response failure(http::status status, std::string_view why) {

@@ -2,22 +2,33 @@
 
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "Caller.h"
 #include "EntryStore.h"
+#include "EntryWriter.h"
 
 namespace orvx::registry {
 
 using Request = boost::beast::http::request<boost::beast::http::string_body>;
 using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
+/// What belongs to an answer beside the response.
+struct AnswerExtras {
+    std::string remark{};  ///< what the log is to say of the request
+    /// Has what follows the body of the response, whose length is not known then.
+    std::optional<EntryWriter> rest{};
+};
+
 /// What the registry answers to a request that arrived whole, ready to be sent. Every answer is
 /// JSON; one to HEAD has neither a body nor its length. Reports on stderr when the store's file
-/// fails. `remark`: set to what the log is to say of the request; may be null.
+/// fails. `extras`: may be null; the body is whole then.
 ///
 /// Thread-safety: that of `store`. No sockets are involved.
-Response answer(EntryStore& store, const Request& request, std::string* remark = nullptr);
+Response answer(EntryStore& store, const Request& request, const Caller& caller = {},
+                AnswerExtras* extras = nullptr);
 
 /// An answer with that text in JSON.
 Response makeResponse(boost::beast::http::status status, const nlohmann::json& body);

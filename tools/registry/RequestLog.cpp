@@ -41,6 +41,14 @@ std::string escaped(std::string_view text) {
     return safe;
 }
 
+std::string oneWord(std::string_view text) {
+    std::string safe = escaped(text);
+    for (auto at = safe.find(' '); at != std::string::npos; at = safe.find(' ', at)) {
+        safe.replace(at, 1, "\\x20");
+    }
+    return safe;
+}
+
 }  // namespace
 
 RequestLog::RequestLog(const std::string& path) : out_(path == "-" ? std::cout : file_) {
@@ -53,10 +61,11 @@ RequestLog::RequestLog(const std::string& path) : out_(path == "-" ? std::cout :
     }
 }
 
-void RequestLog::write(std::string_view address, std::string_view request, unsigned status,
-                       std::size_t size, std::string_view remark) {
+void RequestLog::write(std::string_view address, std::string_view user, std::string_view request,
+                       unsigned status, std::size_t size, std::string_view remark) {
     std::string line(address);
-    line += " - - [" + now() + "] \"" + (request.empty() ? "-" : escaped(request)) + "\" ";
+    line += " - " + (user.empty() ? "-" : oneWord(user)) + " [" + now() + "] \"" +
+            (request.empty() ? "-" : escaped(request)) + "\" ";
     line += status == 0 ? "-" : std::to_string(status);
     line += size == 0 ? " -" : ' ' + std::to_string(size);
     line += remark.empty() ? "\n" : " \"" + escaped(remark.substr(0, kLongestRemark)) + "\"\n";

@@ -18,10 +18,11 @@ class RequestLog {
     RequestLog(const RequestLog&) = delete;
     RequestLog& operator=(const RequestLog&) = delete;
 
-    /// `request`: its first line, with any bytes; empty: there was none. `status` 0: no answer.
-    /// Says on stderr when the file cannot be written any more.
-    void write(std::string_view address, std::string_view request, unsigned status,
-               std::size_t size, std::string_view remark);
+    /// `user`: empty for one that is not known. `request`: its first line, with any bytes; empty:
+    /// there was none. `status` 0: no answer. Says on stderr when the file cannot be written any
+    /// more.
+    void write(std::string_view address, std::string_view user, std::string_view request,
+               unsigned status, std::size_t size, std::string_view remark);
 
   private:
     std::ofstream file_;

@@ -43,26 +43,29 @@ json shortened(const json& service) {
     return less;
 }
 
+/// A path may hold bytes that are no UTF-8.
+std::string dumped(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
 template <typename Duration>
 std::int64_t milliseconds(Duration duration) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
 }
 
 /// The entry as the protocol has it, and its times as ages in milliseconds: the reader's clock may
-/// be another one.
-json describe(const Entry& entry, const EntryStore& store) {
+/// be another one. The service is put in as the text that it is.
+std::string describe(const Entry& entry, const EntryStore& store) {
     const auto now = store.now();
     // Each byte of a path that is no UTF-8 becomes three.
-    const bool isLong = entry.size + 3 * entry.path.size() > Watch::kLongestService;
-    json object{{"uuid", entry.uuid},
-                {"path", isLong ? shortened(entry.path) : entry.path},
-                {"service", isLong ? shortened(entry.service) : entry.service},
+    const bool isLong = entry.service.size() + 3 * entry.path.size() > Watch::kLongestService;
+    json object{{"path", isLong ? shortened(entry.path) : entry.path},
                 {"checks", entry.checks},
                 {"number", entry.number},
                 {"age", milliseconds(std::chrono::system_clock::now() - entry.created)},
                 {"renewed", milliseconds(now - entry.renewed)}};
     if (isLong) {
-        object["cut"] = entry.size;
+        object["cut"] = entry.service.size();
     }
     if (entry.checked) {
         object["checked"] = milliseconds(now - *entry.checked);
@@ -71,18 +74,25 @@ json describe(const Entry& entry, const EntryStore& store) {
         object["moved"] = {{"from", shortened(entry.moved->from)},
                            {"age", milliseconds(now - entry.moved->when)}};
     }
-    return object;
+    std::string text = dumped(object);
+    text.pop_back();
+    text += ",\"service\":";
+    text += isLong ? dumped(shortened(json::parse(entry.service))) : entry.service;
+    return text + ",\"uuid\":\"" + entry.uuid + "\"}";
 }
 
 /// An event without an id, if that is empty.
-void append(std::string& events, const char* name, const json& data, const std::string& id) {
+void append(std::string& events, const char* name, const std::string& data, const std::string& id) {
     events += "event: ";
     events += name;
     if (!id.empty()) {
         events += "\nid: " + id;
     }
-    // A path may hold bytes that are no UTF-8.
-    events += "\ndata: " + data.dump(-1, ' ', false, json::error_handler_t::replace) + "\n\n";
+    events += "\ndata: " + data + "\n\n";
+}
+
+void append(std::string& events, const char* name, const json& data, const std::string& id) {
+    append(events, name, dumped(data), id);
 }
 
 std::string idOf(const EntryStore& store, std::uint64_t revision) {

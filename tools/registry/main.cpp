@@ -1,7 +1,7 @@
 // The program orvx-registry: options, one line that says where it listens, and a clean end. What it
 // cannot do it says in one line, and ends as orvx-announce does then.
-// The registry runs on a thread of its own, while the main thread waits for a signal to stop. Both
-// signals are blocked before that thread starts, so that only sigwait() takes them.
+// The registry runs on a thread of its own, while the main thread waits for a signal. The signals
+// are blocked before that thread starts, so that only sigwait() takes them.
 // There is no lock.
 
 #include <CLI/CLI.hpp>
@@ -29,24 +29,30 @@ int fail(const std::string& why) {
     return kOwnFailure;
 }
 
-sigset_t prepareSignals() {
+/// Those that read files again on SIGHUP take it; all others end by it.
+sigset_t prepareSignals(const RegistryOptions& options) {
     std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    if (!options.tls.certificate.empty() || !options.tokens.empty()) {
+        sigaddset(&signals, SIGHUP);
+    }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
 }
 
 void serve(const RegistryOptions& options) {
-    const sigset_t stopSignals = prepareSignals();
+    const sigset_t signals = prepareSignals(options);
     RegistryServer server(options);
     std::cout << "orvx-registry listening on " << server.url() << std::endl;
     std::thread thread([&server] { server.run(); });
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-    server.stop();
+    int signal = SIGHUP;
+    while (signal == SIGHUP) {
+        sigwait(&signals, &signal);
+        signal == SIGHUP ? server.reload() : server.stop();
+    }
     thread.join();
 }
 
@@ -55,6 +61,25 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
     app.add_option("--host", options.host, "Address or name to listen at")->capture_default_str();
     app.add_option("--port", options.port, "Port to listen at, 0 for any free one")
         ->capture_default_str();
+    app.add_flag("--open", options.open,
+                 "Let anybody announce who reaches a host that is not loopback");
+    auto* certificate = app.add_option("--tls-cert", options.tls.certificate,
+                                       "File with the certificate, in PEM: speak TLS only");
+    app.add_option("--tls-key", options.tls.key, "File with its key, if not in the same file")
+        ->needs(certificate);
+    app.add_option("--client-ca", options.tls.authority,
+                   "File with the authority of the clients, which must show a certificate")
+        ->needs(certificate);
+    app.add_option("--tokens", options.tokens,
+                   "File with tokens, one JSON object a line; every request needs one");
+    app.add_option("--rate", options.rate,
+                   "Most requests a second of one client address, 0 for no limit")
+        ->check(CLI::Range(0U, 1U << 20U))
+        ->capture_default_str();
+    app.add_option("--audit", options.audit,
+                   "One line of JSON for each change, to stdout or appended to that file")
+        ->expected(0, 1)
+        ->default_str("-");
     app.add_option("--max-body", options.maxBody, "Largest body of a request, in bytes")
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 30))
         ->capture_default_str();

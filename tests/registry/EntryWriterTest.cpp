@@ -1,0 +1,118 @@
+// The list piece by piece, while the entries change.
+// Everything runs on the test's thread.
+// There is no lock.
+
+#include "EntryWriter.h"
+
+#include <gmock/gmock.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+
+namespace orvx::registry {
+namespace {
+
+using nlohmann::json;
+using ::testing::EndsWith;
+using ::testing::IsEmpty;
+
+json service(std::size_t size) {
+    return {{"a", std::string(size, 'x')}};
+}
+
+/// What is left to be written; all pieces are short.
+std::string rest(EntryWriter& writer, const EntryStore& store) {
+    std::string text;
+    while (!writer.isDone()) {
+        const std::string piece = writer.next(store).value();
+        EXPECT_LE(piece.size(), 4 * EntryWriter::kPiece);
+        text += piece;
+    }
+    return text;
+}
+
+TEST(TheEntryWriter, WritesTheListInTheOrderOfCreation) {
+    EntryStore store;
+    EntryWriter empty;
+    EXPECT_EQ(rest(empty, store), R"({"entries":[]})");
+    const Entry& first = store.put("/b", {{"port", 1}}).entry;
+    const Entry& second = store.put("/a\"\xff", {}).entry;
+    store.check(second.uuid);
+    EntryWriter list;
+    EXPECT_EQ(
+        json::parse(rest(list, store)).at("entries"),
+        json::array(
+            {{{"uuid", first.uuid}, {"path", "/b"}, {"service", {{"port", 1}}}, {"checks", 0}},
+             {{"uuid", second.uuid},
+              {"path", "/a\"\xef\xbf\xbd"},
+              {"service", nullptr},
+              {"checks", 1}}}));
+    EntryWriter single(first);
+    EXPECT_EQ(rest(single, store), textOf(first));
+}
+
+TEST(TheEntryWriter, KeepsItsPiecesShortHoweverLongAnEntryIs) {
+    EntryStore store;
+    for (const std::size_t size : {1U, 1'000'000U, 0U, 8'150U, 16'300U, 16'384U, 100'000U}) {
+        store.put('/' + std::string(8'000, '\xff') + std::to_string(size), service(size));
+    }
+    EntryWriter list;
+    const json entries = json::parse(rest(list, store)).at("entries");
+    ASSERT_EQ(entries.size(), 7U);
+    EXPECT_EQ(entries[1].at("service"), service(1'000'000));
+    EXPECT_EQ(entries[4].at("service"), service(16'300));
+}
+
+TEST(TheEntryWriter, StopsWhenTheEntryOfWhichAPartIsWrittenChanges) {
+    EntryStore store;
+    const std::string uuid = store.put("/a", service(100'000)).entry.uuid;
+    store.put("/b", service(100'000));
+    EntryWriter replaced;
+    EntryWriter removed;
+    EntryWriter checked;
+    for (EntryWriter* writer : {&replaced, &removed, &checked}) {
+        writer->next(store);
+    }
+    store.check(uuid);
+    EXPECT_THAT(rest(checked, store), EndsWith("]}"));
+    store.put("/a", service(100'000));
+    EXPECT_FALSE(replaced.next(store));
+    store.remove(uuid);
+    EXPECT_FALSE(removed.next(store));
+}
+
+TEST(TheEntryWriter, HasEveryEntryThatLivesMeanwhileOnce) {
+    EntryStore store;
+    std::minstd_rand random(1);
+    const auto below = [&random](std::size_t limit) { return random() % limit; };
+    for (int round = 0; round < 50; ++round) {
+        std::map<std::string, bool> lives;  // by uuid
+        for (const Entry& entry : store.entries()) {
+            lives[entry.uuid] = true;
+        }
+        EntryWriter list;
+        std::string text;
+        while (!list.isDone()) {
+            text += list.next(store).value();
+            for (std::size_t changes = below(50); changes > 0 && !list.isDone(); --changes) {
+                const auto uuid =
+                    store.put('/' + std::to_string(below(500)), service(below(400))).entry.uuid;
+                if (below(5) == 0) {
+                    lives.erase(uuid);
+                    store.remove(uuid);
+                }
+            }
+        }
+        for (const json& entry : json::parse(text).at("entries")) {
+            const std::string uuid = entry.at("uuid");
+            lives.erase(uuid);
+            ASSERT_EQ(text.find(uuid), text.rfind(uuid));
+        }
+        ASSERT_THAT(lives, IsEmpty());
+    }
+}
+
+}  // namespace
+}  // namespace orvx::registry

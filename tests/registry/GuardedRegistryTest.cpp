@@ -1,0 +1,238 @@
+// The program with tokens, as it is started, told to read its files again, and attacked: where it
+// listens, what it reads of those whom it refuses, and that no log has a secret.
+// Everything runs on the test's thread; the program is a process of its own.
+// There is no lock.
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "RegistryProcess.h"
+#include "RunningRegistry.h"
+#include "TemporaryFolder.h"
+#include "TokenLine.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+std::string requestAs(const std::string& token, const std::string& method,
+                      const std::string& target, const std::string& body = {}) {
+    const std::string request = makeRequest(method, target, body);
+    const auto line = request.find("\r\n") + 2;
+    return request.substr(0, line) + "Authorization: Bearer " + token + "-secret\r\n" +
+           request.substr(line);
+}
+
+class AGuardedRegistry : public ::testing::Test {
+  protected:
+    std::string write(const char* name, const std::string& text) const {
+        std::ofstream(folder_ / name) << text;
+        return folder_ / name;
+    }
+
+    static std::string contentOf(const std::string& path) {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    static RegistryProcess::Result run(std::vector<std::string> arguments) {
+        arguments.insert(arguments.end(), {"--port", "0"});
+        return RegistryProcess(arguments).wait();
+    }
+
+    const TemporaryFolder folder_;
+    const std::string tokens_ =
+        write("tokens", tokenLine("lamps", R"("announce":"/lamps","read":true)") +
+                            tokenLine("admin", R"("administer":true)"));
+};
+
+bool exitedWith(const RegistryProcess::Result& result, int code) {
+    return WIFEXITED(result.status) && WEXITSTATUS(result.status) == code;
+}
+
+TEST_F(AGuardedRegistry, IsWhatListensElsewhereThanAtLoopback) {
+    for (const char* host : {"0.0.0.0", "::"}) {
+        const auto result = run({"--host", host});
+        EXPECT_TRUE(exitedWith(result, 125)) << result.status;
+        EXPECT_THAT(result.errors,
+                    HasSubstr(std::string("at ") + host + " anybody could announce"));
+        EXPECT_THAT(result.output, IsEmpty());
+    }
+    for (const std::vector<std::string>& more :
+         {std::vector<std::string>{"--open"}, std::vector<std::string>{"--tokens", tokens_}}) {
+        std::vector<std::string> arguments{"--host", "0.0.0.0", "--port", "0"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        RegistryProcess program(arguments);
+        EXPECT_GT(program.port(), 0);
+    }
+    RegistryProcess elsewhereAtLoopback({"--host", "127.0.0.2", "--port", "0"});
+    EXPECT_GT(elsewhereAtLoopback.port(), 0);
+}
+
+TEST_F(AGuardedRegistry, RefusesATokenFileOrOptionsThatMakeNoSense) {
+    EXPECT_THAT(run({"--tokens", folder_ / "none"}).errors, HasSubstr("none: it cannot be read"));
+    EXPECT_THAT(run({"--tokens", write("bad", "\nhunter2\n")}).errors,
+                AllOf(HasSubstr("bad: line 2: not a JSON object"), Not(HasSubstr("hunter2"))));
+    EXPECT_THAT(run({"--client-ca", "x"}).errors, HasSubstr("--tls-cert"));
+    EXPECT_THAT(run({"--tls-key", "x"}).errors, HasSubstr("--tls-cert"));
+    EXPECT_THAT(run({"--audit", folder_ / "none/audit"}).errors, HasSubstr("No such file"));
+}
+
+TEST_F(AGuardedRegistry, RefusesBeforeItReadsTheBody) {
+    RegistryOptions options;
+    options.tokens = tokens_;
+    const RunningRegistry registry(options);
+    for (const auto& [token, status] : {std::pair{"nobody", http::status::unauthorized},
+                                        std::pair{"admin", http::status::forbidden}}) {
+        for (const char* more : {"", "Expect: 100-continue\r\n"}) {
+            RawConnection connection = registry.connect();
+            connection.send("PUT /lamps/1 HTTP/1.1\r\nAuthorization: Bearer " + std::string(token) +
+                            "-secret\r\nContent-Length: 1000000\r\n" + more + "\r\n");
+            EXPECT_EQ(connection.receive().result(), status);
+            EXPECT_TRUE(connection.isClosedByPeer());
+        }
+    }
+}
+
+TEST_F(AGuardedRegistry, KeepsAConnectionOpenWhoseRequestWasRefusedWhole) {
+    RegistryOptions options;
+    options.tokens = tokens_;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    connection.send(makeRequest("HEAD", "/") + makeRequest("GET", "/") +
+                    requestAs("lamps", "PUT", "/lamps/1", "{}"));
+    EXPECT_EQ(connection.receive(true).result(), http::status::unauthorized);
+    EXPECT_EQ(connection.receive().result(), http::status::unauthorized);
+    EXPECT_EQ(connection.receive().result(), http::status::created);
+}
+
+TEST_F(AGuardedRegistry, SaysThatAnAddressAsksTooOften) {
+    RegistryOptions options;
+    options.rate = 1;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    std::string requests;
+    for (int i = 0; i < 30; ++i) {
+        requests += makeRequest("GET", "/");
+    }
+    connection.send(requests);
+    int refused = 0;
+    for (int i = 0; i < 30; ++i) {
+        const auto response = connection.receive();
+        if (response.result() == http::status::too_many_requests) {
+            ++refused;
+            EXPECT_EQ(response[http::field::retry_after], "1");
+        }
+    }
+    EXPECT_GE(refused, 15);
+    EXPECT_LE(refused, 20);
+}
+
+TEST_F(AGuardedRegistry, ReadsItsTokensAgainOnSighup) {
+    RegistryProcess program({"--port", "0", "--tokens", tokens_});
+    const auto port = program.port();
+    RawConnection idle(port);
+    EXPECT_EQ(idle.ask(requestAs("lamps", "GET", "/")).result(), http::status::ok);
+    RawConnection watcher(port);
+    watcher.send(requestAs("lamps", "GET", "/-/watch"));
+    watcher.readUntil("event: listed\n");
+    write("tokens", tokenLine("doors", R"("announce":"/doors","read":true)"));
+    program.signal(SIGHUP);
+    program.awaitOutput("orvx-registry has read its files again\n");
+    EXPECT_TRUE(idle.isClosedByPeer());
+    EXPECT_TRUE(watcher.endsWithin(std::chrono::seconds(10)));
+    RawConnection connection(port);
+    EXPECT_EQ(connection.ask(requestAs("lamps", "GET", "/")).result(), http::status::unauthorized);
+    EXPECT_EQ(connection.ask(requestAs("doors", "GET", "/")).result(), http::status::ok);
+}
+
+TEST_F(AGuardedRegistry, ChangesNothingWhenAFileIsWrongOnSighup) {
+    RegistryProcess program({"--port", "0", "--tokens", tokens_});
+    RawConnection connection(program.port());
+    EXPECT_EQ(connection.ask(requestAs("lamps", "GET", "/")).result(), http::status::ok);
+    write("tokens", tokenLine("doors", R"("announce":"/doors","read":true)") + "hunter2\n");
+    program.signal(SIGHUP);
+    program.awaitErrors("tokens: line 2: not a JSON object; nothing is taken over\n");
+    EXPECT_EQ(connection.ask(requestAs("lamps", "GET", "/")).result(), http::status::ok);
+    EXPECT_EQ(connection.ask(requestAs("doors", "GET", "/")).result(), http::status::unauthorized);
+    program.signal(SIGTERM);
+    EXPECT_TRUE(exitedWith(program.wait(), 0));
+}
+
+TEST(ARegistryWithoutAGuard, EndsBySighupAsEver) {
+    RegistryProcess program({"--port", "0"});
+    program.port();
+    program.signal(SIGHUP);
+    const auto result = program.wait();
+    EXPECT_TRUE(WIFSIGNALED(result.status) && WTERMSIG(result.status) == SIGHUP);
+}
+
+TEST_F(AGuardedRegistry, HasNoSecretInAnyLog) {
+    const std::string log = folder_ / "log";
+    const std::string audit = folder_ / "audit";
+    RegistryProcess program({"--port", "0", "--admin", "--tokens", tokens_, "--log", log, "--audit",
+                             audit, "--rate", "1000"});
+    const auto port = program.port();
+    RawConnection connection(port);
+    for (const char* token : {"lamps", "admin", "unknown"}) {
+        for (const char* method : {"GET", "HEAD", "DELETE", "POST", "EVIL"}) {
+            for (const char* target : {"/", "/-/faults", "/none"}) {
+                RawConnection(port).ask(requestAs(token, method, target));
+            }
+        }
+        RawConnection(port).ask(requestAs(token, "PUT", "/lamps/1", R"({"host":"a","port":1})"));
+        RawConnection(port).ask(requestAs(token, "PUT", "/lamps/..", "{}"));
+        RawConnection(port).ask(requestAs(token, "PUT", "/lamps/1", "no JSON"));
+        RawConnection(port).ask("GET / HTTP/1.1\r\nAuthorization: Bearer " + std::string(token) +
+                                "-secret\r\nAuthorization broken\r\n\r\n");
+        RawConnection(port).ask("GET / HTTP/1.1\r\nAuthorization: Bearer " + std::string(token) +
+                                "-secret" + std::string(9'000, 'x') + "\r\n\r\n");
+    }
+    program.signal(SIGHUP);
+    program.awaitOutput("again\n");
+    program.signal(SIGTERM);
+    const auto result = program.wait();
+    for (const std::string& text :
+         {contentOf(log), contentOf(audit), result.output, result.errors}) {
+        EXPECT_THAT(text, Not(HasSubstr("secret")));
+    }
+    EXPECT_THAT(contentOf(log), HasSubstr("127.0.0.1 - lamps ["));
+    EXPECT_THAT(contentOf(log), HasSubstr("127.0.0.1 - - ["));
+    EXPECT_THAT(contentOf(audit), HasSubstr(R"("what":"announced","who":"lamps"})"));
+    EXPECT_THAT(contentOf(audit), HasSubstr(R"("what":"files read again")"));
+}
+
+TEST_F(AGuardedRegistry, KnowsWhoseItsEntriesAreAfterARestart) {
+    write("tokens", tokenLine("lamps", R"("announce":"/lamps","entries":1)"));
+    const std::vector<std::string> arguments{"--port", "0",       "--tokens",
+                                             tokens_,  "--store", folder_ / "store"};
+    {
+        RegistryProcess program(arguments);
+        EXPECT_EQ(
+            RawConnection(program.port()).ask(requestAs("lamps", "PUT", "/lamps/1", "{}")).result(),
+            http::status::created);
+        program.signal(SIGKILL);
+        program.wait();
+    }
+    RegistryProcess program(arguments);
+    RawConnection connection(program.port());
+    EXPECT_EQ(connection.ask(requestAs("lamps", "PUT", "/lamps/2", "{}")).result(),
+              http::status::insufficient_storage);
+    EXPECT_EQ(connection.ask(requestAs("lamps", "PUT", "/lamps/1", "{}")).result(),
+              http::status::ok);
+}
+
+}  // namespace
+}  // namespace orvx::registry

@@ -1,0 +1,151 @@
+// Readers of long lists: what they get, what those cost that read nothing, and that others are
+// served meanwhile.
+// The registry runs on its own thread or as a program, the test on the main thread; they share
+// sockets only. There is no lock.
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "RegistryProcess.h"
+#include "RunningRegistry.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using Clock = std::chrono::steady_clock;
+
+/// Puts that many entries, of so many bytes each; gives the location of the last one.
+std::string putMany(RawConnection& connection, int count, std::size_t size) {
+    const std::string service = R"({"a":")" + std::string(size, 'x') + R"("})";
+    std::string location;
+    for (int first = 0; first < count; first += 100) {
+        std::string requests;
+        for (int i = first; i < first + 100; ++i) {
+            requests += makeRequest("PUT", '/' + std::to_string(i), service);
+        }
+        connection.send(requests);
+        for (int i = 0; i < 100; ++i) {
+            location = std::string(connection.receive()[http::field::location]);
+        }
+    }
+    return location;
+}
+
+TEST(AReaderOfALongList, GetsItWhole) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    putMany(connection, 3'000, 100);
+    const auto list = connection.ask(makeRequest("GET", "/"));
+    EXPECT_EQ(list[http::field::transfer_encoding], "chunked");
+    const json entries = json::parse(list.body()).at("entries");
+    ASSERT_EQ(entries.size(), 3'000U);
+    EXPECT_EQ(entries[2'999].at("path"), "/2999");
+    EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
+TEST(AReaderOfALongList, GetsItUpToTheEndOfTheConnectionInTheOldProtocol) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    putMany(connection, 300, 100);
+    connection.send("GET / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n");
+    EXPECT_THAT(connection.readUntil("\r\n\r\n"), Not(HasSubstr("chunked")));
+    const std::string list = connection.readUntil("]}");
+    EXPECT_TRUE(connection.isClosedByPeer());
+    EXPECT_EQ(json::parse(list).at("entries").size(), 300U);
+}
+
+TEST(AReaderOfAShortList, GetsItsLength) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    const auto list = connection.ask(makeRequest("GET", "/"));
+    EXPECT_EQ(list[http::field::content_length], std::to_string(list.body().size()));
+}
+
+TEST(AReaderOfALongList, IsDroppedWhenItReadsNothing) {
+    RegistryOptions options;
+    options.writeTimeout = 200ms;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    putMany(connection, 2'000, 1'000);
+    RawConnection reader(registry.port(), 4'096);
+    reader.send(makeRequest("GET", "/"));
+    EXPECT_TRUE(reader.endsWithin(10s));
+    EXPECT_THAT(connection.ask(makeRequest("GET", "/-/metrics")).body(),
+                HasSubstr("drops_total{reason=\"timeout\"} 1\n"));
+}
+
+TEST(AReaderOfALongList, IsCutOffWhenAnEntryChangesOfWhichItHasAPart) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    const std::string service = R"({"a":")" + std::string(900'000, 'x') + R"("})";
+    connection.ask(makeRequest("PUT", "/a", service));
+    RawConnection reader(registry.port(), 4'096);
+    reader.send(makeRequest("GET", "/"));
+    reader.readUntil("xxx");
+    connection.ask(makeRequest("PUT", "/a", "{}"));
+    EXPECT_THROW(reader.readUntil("]}"), std::exception);
+}
+
+long residentKilobytes(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string word; status >> word;) {
+        if (word == "VmRSS:") {
+            status >> word;
+            return std::stol(word);
+        }
+    }
+    throw std::runtime_error("no VmRSS");
+}
+
+/// How long 99 of 100 checks take at most.
+Clock::duration checkOften(RawConnection& connection, const std::string& location, int count) {
+    std::vector<Clock::duration> times;
+    const std::string check = makeRequest("HEAD", location);
+    for (int i = 0; i < count; ++i) {
+        const auto begin = Clock::now();
+        EXPECT_EQ(connection.ask(check).result(), http::status::ok);
+        times.push_back(Clock::now() - begin);
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() * 99 / 100];
+}
+
+// The kernel's part is not seen here: it is bounded by the size of the socket's buffer, 32 KiB.
+TEST(AReaderThatReadsNothing, CostsLittleMemoryAndHoldsUpNoCheckHoweverLongTheListIs) {
+    RegistryProcess registry({"--port", "0"});
+    RawConnection connection(registry.port());
+    const std::string location = putMany(connection, 10'000, 1'000);
+    checkOften(connection, location, 100);
+    const long before = residentKilobytes(registry.pid());
+    std::vector<RawConnection> readers;
+    for (int i = 0; i < 100; ++i) {
+        readers.emplace_back(registry.port(), 4'096);
+        readers.back().send(makeRequest("GET", "/") + makeRequest("GET", location));
+    }
+    const auto slowest = checkOften(connection, location, 2'000);
+    const long each = (residentKilobytes(registry.pid()) - before) / 100;
+    RecordProperty("kilobytes", static_cast<int>(each));
+    RecordProperty(
+        "microseconds",
+        static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(slowest).count()));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(each, 32);
+    EXPECT_LT(slowest, 20ms);
+#endif
+}
+
+}  // namespace
+}  // namespace orvx::registry

@@ -1,0 +1,173 @@
+// A client over TLS on blocking sockets with time-outs, and what it trusts.
+// Entered by the one thread that owns the connection.
+// There is no lock.
+
+#include "TlsConnection.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <csignal>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+
+namespace {
+
+void require(bool good, const char* what) {
+    if (!good) {
+        std::array<char, 200> reason{};
+        ERR_error_string_n(ERR_get_error(), reason.data(), reason.size());
+        throw std::runtime_error(std::string(what) + ": " + reason.data());
+    }
+}
+
+void runOpenssl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "openssl");
+    const auto result = ChildProcess("/usr/bin/env", arguments).wait();
+    if (result.status != 0) {
+        throw std::runtime_error("openssl: " + result.errors);
+    }
+}
+
+int connectTo(std::uint16_t port) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval longest{10, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(socket);
+        throw std::runtime_error("connect");
+    }
+    return socket;
+}
+
+}  // namespace
+
+Certificates::Certificates(std::string folder) : folder_(std::move(folder)) {
+    runOpenssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                "-keyout", file("ca.key"), "-out", file("ca.pem"), "-subj", "/CN=authority"});
+}
+
+void Certificates::make(const std::string& name) const {
+    runOpenssl({"req",
+                "-x509",
+                "-newkey",
+                "ec",
+                "-pkeyopt",
+                "ec_paramgen_curve:P-256",
+                "-nodes",
+                "-keyout",
+                file(name + ".key"),
+                "-out",
+                file(name + ".pem"),
+                "-subj",
+                "/CN=" + name,
+                "-CA",
+                file("ca.pem"),
+                "-CAkey",
+                file("ca.key"),
+                "-addext",
+                "subjectAltName=IP:127.0.0.1",
+                "-addext",
+                "basicConstraints=critical,CA:FALSE"});
+}
+
+void TlsConnection::CloseSocket::operator()(SSL* ssl) const {
+    ::close(SSL_get_fd(ssl));
+    SSL_free(ssl);
+}
+
+TlsConnection::TlsConnection(std::uint16_t port, const Certificates& certificates,
+                             const std::string& own) {
+    std::signal(SIGPIPE, SIG_IGN);
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(
+        SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    SSL_CTX_load_verify_file(context.get(), certificates.file("ca.pem").c_str());
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    if (!own.empty()) {
+        SSL_CTX_use_certificate_file(context.get(), certificates.file(own + ".pem").c_str(),
+                                     SSL_FILETYPE_PEM);
+        SSL_CTX_use_PrivateKey_file(context.get(), certificates.file(own + ".key").c_str(),
+                                    SSL_FILETYPE_PEM);
+    }
+    const int socket = connectTo(port);
+    ssl_.reset(SSL_new(context.get()));
+    SSL_set_fd(ssl_.get(), socket);
+    X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), "127.0.0.1");
+    require(SSL_connect(ssl_.get()) == 1, "handshake");
+}
+
+void TlsConnection::send(const std::string& bytes) {
+    require(SSL_write(ssl_.get(), bytes.data(), static_cast<int>(bytes.size())) > 0, "send");
+}
+
+RawConnection::Response TlsConnection::receive(bool toHead) {
+    http::response_parser<http::string_body> parser;
+    parser.eager(true);
+    parser.skip(toHead);
+    parser.body_limit(64'000'000);
+    while (!parser.is_done()) {
+        boost::system::error_code error;
+        unread_.erase(0, parser.put(boost::asio::buffer(unread_), error));
+        if (error && error != http::error::need_more) {
+            throw std::runtime_error("bad answer: " + error.message());
+        }
+        if (!parser.is_done() && !readMore()) {
+            throw std::runtime_error("the connection ended within an answer");
+        }
+    }
+    return parser.release();
+}
+
+RawConnection::Response TlsConnection::ask(const std::string& request) {
+    send(request);
+    return receive(request.rfind("HEAD ", 0) == 0);
+}
+
+std::string TlsConnection::readUntil(const std::string& text) {
+    std::size_t at = 0;
+    while ((at = unread_.find(text)) == std::string::npos) {
+        if (!readMore()) {
+            throw std::runtime_error("the connection ended without: " + text);
+        }
+    }
+    std::string bytes = unread_.substr(0, at + text.size());
+    unread_.erase(0, bytes.size());
+    return bytes;
+}
+
+bool TlsConnection::isClosedByPeer() {
+    std::array<char, 1> byte{};
+    const int size = unread_.empty() ? SSL_read(ssl_.get(), byte.data(), 1) : 1;
+    return size <= 0 && SSL_get_error(ssl_.get(), size) == SSL_ERROR_ZERO_RETURN;
+}
+
+bool TlsConnection::readMore() {
+    std::array<char, 16'384> bytes;
+    const int size = SSL_read(ssl_.get(), bytes.data(), bytes.size());
+    if (size <= 0) {
+        require(SSL_get_error(ssl_.get(), size) == SSL_ERROR_ZERO_RETURN, "receive");
+        return false;
+    }
+    unread_.append(bytes.data(), static_cast<std::size_t>(size));
+    return true;
+}
+
+}  // namespace orvx::registry

@@ -1,0 +1,223 @@
+// The registry over TLS: who is let in, what is read again, and clients that mean it harm before
+// the first request.
+// The registry runs on its own thread, the test on the main one; they share sockets only.
+// There is no lock.
+
+#include <gmock/gmock.h>
+
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "FileError.h"
+#include "RunningRegistry.h"
+#include "TemporaryFolder.h"
+#include "TlsConnection.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
+
+class ARegistryOverTls : public ::testing::Test {
+  protected:
+    ARegistryOverTls() {
+        certificates_.make("registry");
+        options_.tls.certificate = certificates_.file("registry.pem");
+        options_.tls.key = certificates_.file("registry.key");
+    }
+
+    void start() { registry_ = std::make_unique<RunningRegistry>(options_); }
+
+    TlsConnection connect(const std::string& own = {}) {
+        return TlsConnection(registry_->port(), certificates_, own);
+    }
+
+    std::string metrics() { return connect().ask(makeRequest("GET", "/-/metrics")).body(); }
+
+    /// Until the registry has counted so many.
+    void awaitDrops(const std::string& reason, int count) {
+        const std::string line =
+            "drops_total{reason=\"" + reason + "\"} " + std::to_string(count) + "\n";
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (metrics().find(line) == std::string::npos) {
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << metrics();
+        }
+    }
+
+    const TemporaryFolder folder_;
+    const Certificates certificates_{folder_ / ""};
+    RegistryOptions options_;
+    std::unique_ptr<RunningRegistry> registry_;
+};
+
+TEST_F(ARegistryOverTls, AnswersAsWithout) {
+    start();
+    TlsConnection connection = connect();
+    const auto put = connection.ask(makeRequest("PUT", "/a", R"({"name":"lamp"})"));
+    EXPECT_EQ(put.result(), http::status::created);
+    const std::string location(put[http::field::location]);
+    EXPECT_EQ(connection.ask(makeRequest("HEAD", location)).result(), http::status::ok);
+    EXPECT_THAT(connection.ask(makeRequest("GET", "/")).body(), HasSubstr("lamp"));
+    const auto page = connection.ask("GET / HTTP/1.1\r\nAccept: text/html\r\n\r\n");
+    EXPECT_THAT(page.body(), HasSubstr("<!doctype html>"));
+    EXPECT_EQ(connection.ask(makeRequest("DELETE", location)).result(), http::status::ok);
+    const auto last = connection.ask("GET / HTTP/1.1\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(last.body(), R"({"entries":[]})");
+    EXPECT_TRUE(connection.isClosedByPeer());  // and says so: nobody has cut it off
+}
+
+TEST_F(ARegistryOverTls, SendsLongListsAndTakesLongBodies) {
+    start();
+    TlsConnection connection = connect();
+    const std::string service = R"({"a":")" + std::string(700'000, 'x') + R"("})";
+    const auto put = connection.ask(makeRequest("PUT", "/a", service));
+    EXPECT_THAT(connection.ask(makeRequest("GET", "/")).body(), HasSubstr(service));
+    EXPECT_THAT(connection.ask(makeRequest("GET", std::string(put[http::field::location]))).body(),
+                HasSubstr(service));
+}
+
+TEST_F(ARegistryOverTls, StreamsWhatChanges) {
+    start();
+    TlsConnection watcher = connect();
+    watcher.send(makeRequest("GET", "/-/watch"));
+    watcher.readUntil("event: listed\n");
+    connect().ask(makeRequest("PUT", "/lamp", "{}"));
+    EXPECT_THAT(watcher.readUntil("/lamp"), HasSubstr("event: put\n"));
+}
+
+TEST_F(ARegistryOverTls, LetsInWhoShowsACertificateOfTheAuthority) {
+    options_.tls.authority = certificates_.file("ca.pem");
+    certificates_.make("lamp");
+    start();
+    EXPECT_EQ(connect("lamp").ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    EXPECT_THROW(connect().ask(makeRequest("HEAD", "/")), std::runtime_error);
+    const TemporaryFolder elsewhere;
+    const Certificates others(elsewhere / "");
+    others.make("lamp");
+    std::filesystem::copy_file(others.file("lamp.pem"), certificates_.file("evil.pem"));
+    std::filesystem::copy_file(others.file("lamp.key"), certificates_.file("evil.key"));
+    EXPECT_THROW(connect("evil").ask(makeRequest("HEAD", "/")), std::runtime_error);
+    EXPECT_THAT(connect("lamp").ask(makeRequest("GET", "/-/metrics")).body(),
+                HasSubstr("drops_total{reason=\"handshake\"} 2\n"));
+}
+
+TEST_F(ARegistryOverTls, ReadsItsFilesAgainAndEndsWhoeverCameWithTheOldOnes) {
+    options_.tls.authority = certificates_.file("ca.pem");
+    certificates_.make("lamp");
+    start();
+    TlsConnection idle = connect("lamp");
+    idle.ask(makeRequest("HEAD", "/"));
+    TlsConnection watcher = connect("lamp");
+    watcher.send(makeRequest("GET", "/-/watch"));
+    watcher.readUntil("event: listed\n");
+    const std::string before = certificates_.file("before.");
+    std::filesystem::copy_file(certificates_.file("lamp.pem"), before + "pem");
+    std::filesystem::copy_file(certificates_.file("lamp.key"), before + "key");
+    const Certificates renewed(folder_ / "");  // another authority in the same file
+    renewed.make("registry");
+    renewed.make("lamp");
+    registry_->reload();
+    EXPECT_THROW(idle.receive(true), std::runtime_error);
+    EXPECT_THROW(watcher.readUntil("never"), std::runtime_error);
+    EXPECT_EQ(connect("lamp").ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    EXPECT_THROW(connect("before").ask(makeRequest("HEAD", "/")), std::runtime_error);
+}
+
+TEST_F(ARegistryOverTls, RefusesFilesThatAreNone) {
+    const auto expectRefused = [this](const std::string& why) {
+        EXPECT_THAT([this] { RegistryServer{options_}; }, ThrowsMessage<FileError>(HasSubstr(why)));
+    };
+    options_.port = 0;
+    options_.tls.key = certificates_.file("ca.key");
+    expectRefused("ca.key: ");
+    options_.tls.key = folder_ / "none";
+    expectRefused("none: it cannot be read");
+    options_.tls.key = certificates_.file("registry.key");
+    options_.tls.authority = certificates_.file("registry.key");
+    expectRefused("registry.key: it holds no certificate in PEM");
+    options_.tls.certificate = certificates_.file("registry.key");
+    expectRefused("registry.key: it holds no certificate in PEM");
+}
+
+TEST_F(ARegistryOverTls, DropsAHandshakeThatStalls) {
+    options_.requestTimeout = 200ms;
+    start();
+    RawConnection silent = registry_->connect();
+    RawConnection slow = registry_->connect();
+    slow.send(std::string("\x16\x03\x01\x02\x00\x01", 6));
+    EXPECT_TRUE(silent.endsWithin(10s));
+    EXPECT_TRUE(slow.endsWithin(10s));
+    awaitDrops("timeout", 2);
+}
+
+TEST_F(ARegistryOverTls, CountsAHandshakeThatStallsAmongTheConnections) {
+    options_.maxConnections = 3;
+    start();
+    std::vector<RawConnection> silent;
+    for (int i = 0; i < 20; ++i) {
+        silent.push_back(registry_->connect());
+    }
+    EXPECT_EQ(connect().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    for (std::size_t i = 0; i < 17; ++i) {
+        EXPECT_TRUE(silent[i].endsWithin(5s)) << i;  // long before it is too slow
+    }
+}
+
+TEST_F(ARegistryOverTls, DropsWhoSpeaksSomethingElse) {
+    start();
+    RawConnection plain = registry_->connect();
+    plain.send(makeRequest("PUT", "/a", "{}"));
+    EXPECT_TRUE(plain.endsWithin(10s));
+    std::minstd_rand random(1);
+    for (int i = 0; i < 100; ++i) {
+        std::string bytes(1 + random() % 2'000, ' ');
+        for (char& byte : bytes) {
+            byte = static_cast<char>(random());
+        }
+        RawConnection connection = registry_->connect();
+        connection.send((i % 2 == 0 ? std::string("\x16\x03\x01") : std::string()) + bytes);
+        connection.endSending();
+        EXPECT_TRUE(connection.endsWithin(10s));
+    }
+    awaitDrops("handshake", 101);
+    EXPECT_EQ(connect().ask(makeRequest("GET", "/")).body(), R"({"entries":[]})");
+}
+
+TEST_F(ARegistryOverTls, SurvivesAClientThatEndsAnywhere) {
+    start();
+    for (int i = 0; i < 30; ++i) {
+        TlsConnection connection = connect();
+        if (i % 3 > 0) {
+            connection.send(std::string("PUT /a HTTP/1.1\r\nContent-Length: 9\r\n\r\n")
+                                .substr(0, static_cast<std::size_t>(i)));
+        }
+        if (i % 3 == 2) {
+            connection.send(makeRequest("GET", "/-/watch"));
+        }
+    }
+    EXPECT_EQ(connect().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
+TEST_F(ARegistryOverTls, DropsAConnectionWithoutAHandshakeWhenItsAddressHasAskedTooOften) {
+    options_.rate = 1;
+    start();
+    std::vector<RawConnection> connections;
+    for (int i = 0; i < 50; ++i) {
+        connections.push_back(registry_->connect());
+    }
+    EXPECT_TRUE(connections.back().endsWithin(5s));  // long before it is too slow
+    EXPECT_FALSE(connections.front().endsWithin(0s));
+}
+
+}  // namespace
+}  // namespace orvx::registry

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "EntryStore.h"
+
+namespace orvx::registry {
+
+/// An entry as JSON.
+std::string textOf(const Entry& entry);
+
+/// Writes the list of entries, or one entry, as JSON, piece by piece, each entry as it is when it
+/// is written. It holds nothing but its place: who reads slowly costs no copy of the list. An entry
+/// that lives while the list is written is in it, and none is in it twice.
+///
+/// Thread-safety: that of the store.
+class EntryWriter {
+  public:
+    /// A piece that is as long is not continued. None is longer than four times as much.
+    static constexpr std::size_t kPiece = 8'192;
+
+    /// All entries: `{"entries":[...]}`.
+    EntryWriter() = default;
+    /// That entry, which the store has.
+    explicit EntryWriter(const Entry& only) : number_(only.number), isSingle_(true) {}
+
+    /// The next piece. Empty: the entry of which a part is written already has changed, and the
+    /// text cannot be continued. `store`: the same one each time.
+    std::optional<std::string> next(const EntryStore& store);
+
+    bool isDone() const { return isDone_; }
+
+  private:
+    void begin(const Entry& entry, std::string& piece);
+
+    std::uint64_t number_ = 0;    // of the next entry
+    std::uint64_t revision_ = 0;  // of the put of the entry that is written; 0: none is
+    std::size_t offset_ = 0;      // how much of its service is written
+    bool isSingle_ = false;
+    bool hasBegun_ = false;
+    bool hasEntry_ = false;
+    bool isDone_ = false;
+};
+
+}  // namespace orvx::registry

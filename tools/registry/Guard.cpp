@@ -1,0 +1,155 @@
+// Who may do what: the rate of the address, the token, and what the token may do with the target.
+// An entry is found by its uuid here as in the store, so that the decision is about the entry that
+// is changed; its path never changes.
+// Entered by the thread that runs the server, or a test's, one at a time.
+// There is no lock.
+
+#include "Guard.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/status.hpp>
+#include <boost/beast/http/verb.hpp>
+#include <iterator>
+
+#include "PathScope.h"
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+namespace beast = boost::beast;
+
+namespace {
+
+std::string_view view(beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+/// What follows the name of a scheme; empty: it is another one.
+std::string_view credentialsOf(std::string_view scheme, std::string_view header) {
+    if (header.size() <= scheme.size() || header[scheme.size()] != ' ' ||
+        !beast::iequals(beast::string_view(header.data(), scheme.size()),
+                        beast::string_view(scheme.data(), scheme.size()))) {
+        return {};
+    }
+    header.remove_prefix(scheme.size());
+    header.remove_prefix(std::min(header.find_first_not_of(' '), header.size()));
+    return header;
+}
+
+/// Empty: it is no Base64.
+std::string decodeBase64(std::string_view text) {
+    std::string decoded(text.size() / 4 * 3, '\0');
+    const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(decoded.data()),
+                                     reinterpret_cast<const unsigned char*>(text.data()),
+                                     static_cast<int>(text.size()));
+    const auto padding = text.size() - std::min(text.find('='), text.size());
+    if (text.size() % 4 != 0 || size < 0 || padding > 2 ||
+        static_cast<std::size_t>(size) < padding) {
+        return {};
+    }
+    decoded.resize(static_cast<std::size_t>(size) - padding);
+    return decoded;
+}
+
+/// The token that the value of an Authorization header shows: of the scheme Bearer, or the password
+/// of Basic, which browsers can ask for.
+std::string secretIn(std::string_view header) {
+    if (const auto bearer = credentialsOf("Bearer", header); !bearer.empty()) {
+        return std::string(bearer);
+    }
+    const std::string pair = decodeBase64(credentialsOf("Basic", header));
+    const auto colon = pair.find(':');
+    return colon == std::string::npos ? std::string() : pair.substr(colon + 1);
+}
+
+Response unauthorized() {
+    Response response = failure(http::status::unauthorized, "a valid token is needed");
+    response.set(http::field::www_authenticate, "Bearer realm=\"orvx-registry\"");
+    response.insert(http::field::www_authenticate, "Basic realm=\"orvx-registry\"");
+    return response;
+}
+
+Response forbidden(std::string_view what) {
+    return failure(http::status::forbidden, "the token may not " + std::string(what));
+}
+
+std::optional<Response> unless(bool may, std::string_view what) {
+    return may ? std::nullopt : std::optional(forbidden(what));
+}
+
+Response tooMany(std::chrono::seconds wait) {
+    Response response =
+        failure(http::status::too_many_requests, "too many requests from this address");
+    response.set(http::field::retry_after, std::to_string(wait.count()));
+    return response;
+}
+
+/// The registry's own resources; nobody announces there once there are tokens.
+bool isOwn(std::string_view target) {
+    return target == "/" || target == "/-" || target.substr(0, 3) == "/-/";
+}
+
+}  // namespace
+
+std::shared_ptr<const Token> Guard::authenticate(const Request& header) const {
+    const auto values = header.equal_range(http::field::authorization);
+    if (std::distance(values.first, values.second) != 1) {
+        return nullptr;
+    }
+    const std::string secret = secretIn(view(values.first->value()));
+    return secret.empty() ? nullptr : tokens_->find(secret);
+}
+
+std::optional<Response> Guard::refuse(const Request& header, const Peer& peer,
+                                      const EntryStore& store, Caller& caller) {
+    caller.address = peer.address.to_string();
+    caller.name = peer.certificate;
+    if (const auto wait = limiter_.refuse(peer.address, store.now())) {
+        return tooMany(*wait);
+    }
+    if (!tokens_) {
+        return std::nullopt;
+    }
+    const auto token = authenticate(header);
+    if (!token) {
+        return unauthorized();
+    }
+    caller.name = token->name;
+    caller.owner = token->owner();
+    return refuse(header, *token, store, caller);
+}
+
+std::optional<Response> Guard::refuse(const Request& header, const Token& token,
+                                      const EntryStore& store, Caller& caller) const {
+    const std::string_view target = view(header.target());
+    if (admin_ && target == "/-/faults") {
+        return unless(token.mayAdminister, "administer");
+    }
+    const http::verb method = header.method();
+    if (method == http::verb::put) {
+        const auto path = plainPath(target);
+        if (!path) {
+            return failure(http::status::bad_request, "the path can be read in two ways");
+        }
+        return unless(token.mayAnnounce(target) && !isWithin(*path, "/-"), "announce there");
+    }
+    if (method == http::verb::get || (method == http::verb::head && isOwn(target))) {
+        return unless(token.mayRead, "read");
+    }
+    if (method != http::verb::head && method != http::verb::delete_) {
+        return std::nullopt;
+    }
+    const Entry* const entry = store.find(target.substr(std::min<std::size_t>(target.size(), 1)));
+    const bool mayChange =
+        entry != nullptr ? token.mayAnnounce(entry->path) : token.scope.has_value();
+    if (method == http::verb::head && token.mayRead) {
+        caller.mayRenew = mayChange;
+        return std::nullopt;
+    }
+    return unless(mayChange, method == http::verb::head ? "check that" : "withdraw that");
+}
+
+}  // namespace orvx::registry

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace orvx::registry {
+
+/// The fields of one JSON object, read strictly: each is taken out as it is read, so that what
+/// remains is unknown. Everything throws a std::invalid_argument that names the field and never
+/// shows its value, which may be a secret.
+///
+/// Thread-safety: none.
+class JsonFields {
+  public:
+    explicit JsonFields(std::string_view line);
+
+    bool has(const char* name) const { return object_.contains(name); }
+    std::string text(const char* name);
+    bool flag(const char* name);
+    std::uint64_t number(const char* name, std::uint64_t least, std::uint64_t most);
+    double fraction(const char* name, double most, const char* unit);
+    void requireNoMore() const;
+
+    /// Calls `read` with each line of a text that is neither empty nor begins with #. What that
+    /// throws is given the number of the line.
+    template <typename Read>
+    static void forEachLine(std::string_view text, Read&& read);
+
+  private:
+    nlohmann::json take(const char* name);
+
+    nlohmann::json object_;
+};
+
+template <typename Read>
+void JsonFields::forEachLine(std::string_view text, Read&& read) {
+    for (int number = 1; !text.empty(); ++number) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(line.size() < text.size() ? line.size() + 1 : text.size());
+        const auto first = line.find_first_not_of(" \t\r");
+        if (first == std::string_view::npos || line[first] == '#') {
+            continue;
+        }
+        try {
+            read(line);
+        } catch (const std::invalid_argument& error) {
+            throw std::invalid_argument("line " + std::to_string(number) + ": " + error.what());
+        }
+    }
+}
+
+}  // namespace orvx::registry

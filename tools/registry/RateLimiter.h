@@ -1,0 +1,46 @@
+#pragma once
+
+#include <boost/asio/ip/address.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <unordered_map>
+
+namespace orvx::registry {
+
+/// How many requests each client address may make: a rate in the long run, and ten seconds' worth
+/// of it at once. Addresses of IPv6 that share their first 64 bits are one. Of those that were
+/// active last kMaxAddresses are known: the memory is bounded, and an address that is forgotten
+/// begins anew.
+///
+/// Thread-safety: none.
+class RateLimiter {
+  public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    static constexpr std::size_t kMaxAddresses = 65'536;
+    static constexpr std::chrono::seconds kBurst{10};
+
+    /// `perSecond`: 0 for no limit.
+    explicit RateLimiter(std::uint32_t perSecond) : perSecond_(perSecond) {}
+
+    /// Counts a request. Empty: it may be carried out. Else it does not count, and one is possible
+    /// again after so long.
+    std::optional<std::chrono::seconds> refuse(const boost::asio::ip::address& address, Time now);
+
+    std::size_t size() const { return clients_.size(); }
+
+  private:
+    struct Client {
+        std::uint64_t key;
+        Time due;  // when the requests so far would be over at the rate
+    };
+
+    const std::uint32_t perSecond_;
+    std::list<Client> clients_;  // the one that was active longest ago in front
+    std::unordered_map<std::uint64_t, std::list<Client>::iterator> byKey_;
+};
+
+}  // namespace orvx::registry

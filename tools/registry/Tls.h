@@ -1,0 +1,18 @@
+#pragma once
+
+#include <boost/asio/ssl/context.hpp>
+#include <memory>
+#include <string>
+
+#include "TlsFiles.h"
+
+namespace orvx::registry {
+
+/// What a server needs for its connections; null without a certificate. Throws a FileError.
+std::unique_ptr<boost::asio::ssl::context> makeTlsContext(const TlsFiles& files);
+
+/// The subject of the certificate that the other side has shown, as "CN=lamp"; empty: none. What is
+/// longer than 200 bytes is cut.
+std::string subjectOfPeer(const SSL& ssl);
+
+}  // namespace orvx::registry
