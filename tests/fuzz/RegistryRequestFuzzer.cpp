@@ -177,7 +177,7 @@ class Registry {
                 return put(request, response);
             case http::verb::get:
             case http::verb::head:
-                return look(request);
+                return look(request, response);
             case http::verb::delete_:
                 return remove(request);
             default:
@@ -202,7 +202,10 @@ class Registry {
         return isNew ? http::status::created : http::status::ok;
     }
 
-    http::status look(const Request& request) {
+    http::status look(const Request& request, const Response& response) {
+        if (request.target().starts_with("/?")) {
+            return response.result();  // the list does not know queries
+        }
         if (request.target() == "/") {
             return http::status::ok;
         }

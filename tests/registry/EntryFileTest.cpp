@@ -41,6 +41,22 @@ class AStoreWithAFile : public ::testing::Test {
     const std::string file_ = folder_ / "entries";
 };
 
+TEST_F(AStoreWithAFile, TakesOneThatWasMadeBeforeEntriesHadOwners) {
+    {
+        EntryStore(options()).put("/a", {});
+        sqlite::Database(file_).run("ALTER TABLE entries DROP COLUMN owner");
+    }
+    {
+        EntryStore store(options());
+        EXPECT_THAT(store.entries(), ElementsAre(Field(&Entry::owner, "")));
+        store.put("/b", {}, {"lamps", 1, 1'000});
+    }
+    EntryStore store(options());
+    EXPECT_THAT(store.entries(),
+                ElementsAre(Field(&Entry::owner, ""), Field(&Entry::owner, "lamps")));
+    EXPECT_THROW(store.put("/c", {}, {"lamps", 1, 1'000}), StoreFull);
+}
+
 TEST_F(AStoreWithAFile, HasItsEntriesAgainInTheirOrder) {
     std::string uuid;
     std::chrono::system_clock::time_point created;

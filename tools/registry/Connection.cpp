@@ -332,7 +332,10 @@ std::string Connection::framed(const std::string& piece, bool isLast) const {
         return piece;
     }
     std::ostringstream chunk;
-    chunk << std::hex << piece.size() << "\r\n" << piece << "\r\n" << (isLast ? "0\r\n\r\n" : "");
+    if (!piece.empty()) {
+        chunk << std::hex << piece.size() << "\r\n" << piece << "\r\n";
+    }
+    chunk << (isLast ? "0\r\n\r\n" : "");
     return chunk.str();
 }
 

@@ -13,6 +13,8 @@ namespace orvx::registry {
 
 namespace {
 
+constexpr std::size_t kPerEntry = 256;  // what it costs to look at a short one
+
 std::string quoted(const std::string& text) {
     // A path may hold bytes that are no UTF-8.
     return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -38,15 +40,20 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
     if (!std::exchange(hasBegun_, true) && !isSingle_) {
         piece = "{\"entries\":[";
     }
-    while (!isDone_ && piece.size() < kPiece) {
+    std::size_t searched = 0;
+    while (!isDone_ && piece.size() < kPiece && searched < kSearch) {
         const Entry* const entry = store.entryFrom(number_);
         if (revision_ != 0 && (entry == nullptr || entry->putRevision != revision_)) {
             return std::nullopt;
         }
-        if (entry == nullptr) {
-            piece += "]}";
-            isDone_ = true;
+        if (entry == nullptr || (revision_ == 0 && count_ == query_.limit)) {
+            end(store, piece);
             break;
+        }
+        if (revision_ == 0 && !query_.matches(*entry)) {
+            searched += kPerEntry + entry->service.size();
+            number_ = entry->number + 1;
+            continue;
         }
         if (revision_ == 0) {
             begin(*entry, piece);
@@ -65,11 +72,19 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
     return piece;
 }
 
+void EntryWriter::end(const EntryStore& store, std::string& piece) {
+    piece += ']';
+    if (count_ == query_.limit) {
+        piece += ",\"next\":\"" + placeAfter(number_ - 1, store.instance()) + '"';
+    }
+    piece += '}';
+    isDone_ = true;
+}
+
 void EntryWriter::begin(const Entry& entry, std::string& piece) {
-    if (hasEntry_) {
+    if (count_++ > 0) {
         piece += ',';
     }
-    hasEntry_ = true;
     piece += headOf(entry);
     number_ = entry.number;
     revision_ = entry.putRevision;

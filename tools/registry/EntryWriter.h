@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "EntryStore.h"
+#include "ListQuery.h"
 
 namespace orvx::registry {
 
@@ -21,27 +23,32 @@ class EntryWriter {
   public:
     /// A piece that is as long is not continued. None is longer than four times as much.
     static constexpr std::size_t kPiece = 8'192;
+    /// How much of services that are not wanted is looked at for one piece.
+    static constexpr std::size_t kSearch = 262'144;
 
-    /// All entries: `{"entries":[...]}`.
-    EntryWriter() = default;
+    /// The entries that are wanted: `{"entries":[...]}`, and `"next"` where the limit is reached.
+    explicit EntryWriter(ListQuery query = {})
+        : query_(std::move(query)), number_(query_.after + 1) {}
     /// That entry, which the store has.
     explicit EntryWriter(const Entry& only) : number_(only.number), isSingle_(true) {}
 
-    /// The next piece. Empty: the entry of which a part is written already has changed, and the
-    /// text cannot be continued. `store`: the same one each time.
+    /// The next piece, which may be empty. None: the entry of which a part is written already has
+    /// changed, and the text cannot be continued. `store`: the same one each time.
     std::optional<std::string> next(const EntryStore& store);
 
     bool isDone() const { return isDone_; }
 
   private:
     void begin(const Entry& entry, std::string& piece);
+    void end(const EntryStore& store, std::string& piece);
 
+    ListQuery query_{};
+    std::size_t count_ = 0;       // of entries so far
     std::uint64_t number_ = 0;    // of the next entry
     std::uint64_t revision_ = 0;  // of the put of the entry that is written; 0: none is
     std::size_t offset_ = 0;      // how much of its service is written
     bool isSingle_ = false;
     bool hasBegun_ = false;
-    bool hasEntry_ = false;
     bool isDone_ = false;
 };
 

@@ -89,7 +89,8 @@ Response tooMany(std::chrono::seconds wait) {
 
 /// The registry's own resources; nobody announces there once there are tokens.
 bool isOwn(std::string_view target) {
-    return target == "/" || target == "/-" || target.substr(0, 3) == "/-/";
+    return target == "/" || target.substr(0, 2) == "/?" || target == "/-" ||
+           target.substr(0, 3) == "/-/";
 }
 
 }  // namespace

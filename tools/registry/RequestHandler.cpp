@@ -5,6 +5,7 @@
 
 #include "RequestHandler.h"
 
+#include <algorithm>
 #include <boost/beast/http/verb.hpp>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -61,6 +62,17 @@ std::string uuidOf(const Request& request) {
     return target.starts_with('/') ? std::string(target.substr(1)) : std::string();
 }
 
+bool isList(const Request& request) {
+    return request.target() == "/" || request.target().starts_with("/?");
+}
+
+ListQuery queryOf(const EntryStore& store, const Request& request) {
+    const auto target = request.target();
+    return parseListQuery({target.data() + std::min<std::size_t>(2, target.size()),
+                           target.size() - std::min<std::size_t>(2, target.size())},
+                          store.instance());
+}
+
 Response put(EntryStore& store, const Request& request, const Caller& caller,
              AnswerExtras* extras) {
     try {
@@ -94,8 +106,14 @@ Response write(const EntryStore& store, EntryWriter writer, AnswerExtras* extras
 }
 
 Response get(const EntryStore& store, const Request& request, AnswerExtras* extras) {
-    if (request.target() == "/") {
-        return write(store, EntryWriter(), extras);
+    if (isList(request)) {
+        try {
+            return write(store, EntryWriter(queryOf(store, request)), extras);
+        } catch (const UnknownPlace& error) {
+            return failure(http::status::gone, error.what());
+        } catch (const std::invalid_argument& error) {
+            return failure(http::status::bad_request, error.what());
+        }
     }
     const Entry* entry = store.find(uuidOf(request));
     return entry ? write(store, EntryWriter(*entry), extras) : noSuchEntry();
@@ -104,8 +122,8 @@ Response get(const EntryStore& store, const Request& request, AnswerExtras* extr
 // Without a Content-Length: to know it, the body would have to be written.
 Response head(EntryStore& store, const Request& request, const Caller& caller) {
     const std::string uuid = uuidOf(request);
-    const bool isThere = request.target() == "/" ||
-                         (caller.mayRenew ? store.check(uuid) : store.find(uuid) != nullptr);
+    const bool isThere =
+        isList(request) || (caller.mayRenew ? store.check(uuid) : store.find(uuid) != nullptr);
     Response response(isThere ? http::status::ok : http::status::not_found, 11);
     response.set(http::field::content_type, "application/json");
     return response;
