@@ -119,6 +119,45 @@ TEST_F(TheDispatcher, CountsForPrometheus) {
     }
 }
 
+TEST_F(TheDispatcher, TellsPrometheusWhatItCanScrape) {
+    EXPECT_EQ(ask(verb::get, "/-/prometheus").body(), "[]");
+    ask(verb::put, "/a?\xff",
+        R"({"name":"lamp","host":"::1","port":80,"versions":["1","2"],"serviceCategories":[]})");
+    ask(verb::put, "/b", R"({"name":"bell","host":"a b","port":80})");
+    ask(verb::put, "/c",
+        json{{"name", std::string(1'001, 'x')}, {"host", "c"}, {"port", 9}}.dump());
+    const Response response = ask(verb::get, "/-/prometheus");
+    EXPECT_EQ(response[http::field::content_type], "application/json");
+    const json groups = json::parse(response.body());
+    ASSERT_EQ(groups.size(), 2U);
+    json labels = groups[0].at("labels");
+    labels.erase("__meta_orvx_uuid");
+    EXPECT_EQ(labels, json({{"__meta_orvx_name", "lamp"},
+                            {"__meta_orvx_path", "/a?\xef\xbf\xbd"},
+                            {"__meta_orvx_versions", ",1,2,"}}));
+    EXPECT_EQ(groups[0].at("targets"), json({"[::1]:80"}));
+    EXPECT_FALSE(groups[1].at("labels").contains("__meta_orvx_name"));
+    EXPECT_EQ(json::parse(ask(verb::get, "/-/prometheus?name=lamp").body()).size(), 1U);
+    EXPECT_TRUE(ask(verb::head, "/-/prometheus").body().empty());
+    for (const char* target : {"/-/prometheus?limit=1", "/-/prometheus?x"}) {
+        EXPECT_EQ(ask(verb::get, target).result(), http::status::bad_request);
+    }
+    EXPECT_EQ(ask(verb::get, "/-/prometheusx").result(), http::status::not_found);
+}
+
+TEST_F(TheDispatcher, IsNotStoppedInTellingPrometheusByServicesThatMakeNoSense) {
+    for (const char* body :
+         {R"({"host":"","port":80})", R"({"host":"a/b","port":80})", R"({"host":1,"port":80})",
+          R"({"host":"a","port":0})", R"({"host":"a","port":65536})", R"({"host":"a","port":"80"})",
+          R"({"host":"a","port":-1})", R"({"host":"a","port":1.5})", R"({"host":"a"})", "{}",
+          R"({"host":"a","port":80,"name":{},"versions":{"a":1},"serviceCategories":[1,[]]})"}) {
+        ask(verb::put, "/a", body);
+        EXPECT_EQ(json::parse(ask(verb::get, "/-/prometheus").body()).size(),
+                  std::string(body).find("name") == std::string::npos ? 0U : 1U)
+            << body;
+    }
+}
+
 TEST_F(TheDispatcher, ForgetsWhatIsDueWhileAReaderWatches) {
     Reaction reaction = react(verb::get, "/-/watch");
     ask(verb::put, "/a", "{}");

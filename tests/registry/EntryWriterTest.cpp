@@ -105,7 +105,8 @@ TEST(TheEntryWriter, HasEveryEntryThatLivesMeanwhileOnce) {
                 }
             }
         }
-        for (const json& entry : json::parse(text).at("entries")) {
+        const json written = json::parse(text);
+        for (const json& entry : written.at("entries")) {
             const std::string uuid = entry.at("uuid");
             lives.erase(uuid);
             ASSERT_EQ(text.find(uuid), text.rfind(uuid));

@@ -6,6 +6,7 @@
 
 #include "Dispatcher.h"
 
+#include <algorithm>
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
 #include <iostream>
@@ -21,8 +22,10 @@ namespace http = boost::beast::http;
 
 namespace {
 
-bool asksFor(const char* target, const Request& request) {
-    return request.target() == target &&
+/// With a query or without, if `mayHaveQuery`.
+bool asksFor(const char* target, const Request& request, bool mayHaveQuery = false) {
+    const auto asked = request.target();
+    return (mayHaveQuery ? asked.substr(0, asked.find('?')) : asked) == target &&
            (request.method() == http::verb::get || request.method() == http::verb::head);
 }
 
@@ -110,6 +113,9 @@ Reaction Dispatcher::decide(const Request& request, const Caller& caller) {
     if (asksFor("/-/metrics", request)) {
         return {metrics()};
     }
+    if (asksFor("/-/prometheus", request, true)) {
+        return targetGroups(request);
+    }
     const Fate fate = faults_.meet(request.method(), store_);
     Reaction reaction;
     reaction.delay = fate.delay;
@@ -147,6 +153,28 @@ Response Dispatcher::metrics() {
     response.body() = metrics_.text(store_, faults_.count(store_.now()));
     response.prepare_payload();
     return response;
+}
+
+Reaction Dispatcher::targetGroups(const Request& request) {
+    forgetWhatIsDue();
+    const auto target = request.target();
+    const auto end = std::min(target.find('?'), target.size() - 1) + 1;
+    try {
+        ListQuery query =
+            parseListQuery({target.data() + end, target.size() - end}, store_.instance());
+        if (query.limit || query.after != 0) {
+            throw std::invalid_argument("the query takes name, category and version");
+        }
+        AnswerExtras extras;
+        Response response = write(
+            store_, EntryWriter(std::move(query), EntryWriter::Format::TARGET_GROUPS), &extras);
+        const bool hasBody = request.method() == http::verb::get;
+        return {std::move(response), {}, {}, {}, hasBody ? extras.rest : std::nullopt};
+    } catch (const UnknownPlace& error) {
+        return {failure(http::status::bad_request, error.what())};
+    } catch (const std::invalid_argument& error) {
+        return {failure(http::status::bad_request, error.what())};
+    }
 }
 
 std::string Dispatcher::news(Watch& watch) {

@@ -73,6 +73,7 @@ class Dispatcher {
     Reaction decide(const Request& request, const Caller& caller);
     Reaction beginWatch(const Request& request);
     Response metrics();
+    Reaction targetGroups(const Request& request);
     Response control(const Request& request, const Caller& caller);
     void auditChange(Change change, const Entry& entry);
     void forgetWhatIsDue();

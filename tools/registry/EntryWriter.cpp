@@ -11,17 +11,58 @@
 
 namespace orvx::registry {
 
+using nlohmann::json;
+
 namespace {
 
+constexpr std::size_t kLongestHost = 253;
+constexpr const char* kHostLetters =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:";
 constexpr std::size_t kPerEntry = 256;  // what it costs to look at a short one
 
-std::string quoted(const std::string& text) {
+std::string dumped(const json& value) {
     // A path may hold bytes that are no UTF-8.
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string textIn(const json& service, const char* field) {
+    const auto found = service.find(field);
+    return found != service.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+/// As `,a,b,`, so that a pattern can look for `,a,`.
+std::string listIn(const json& service, const char* field) {
+    const auto found = service.find(field);
+    std::string list;
+    if (found != service.end() && found->is_array()) {
+        for (const json& item : *found) {
+            list += item.is_string() ? ',' + item.get<std::string>() : "";
+        }
+    }
+    return list.empty() ? list : list + ',';
+}
+
+void addLabel(json& labels, const char* name, const std::string& value) {
+    if (!value.empty() && value.size() <= kLongestLabel) {
+        labels[std::string("__meta_orvx_") + name] = value;
+    }
+}
+
+/// One that makes no sense would make Prometheus refuse the whole list.
+std::string targetOf(const json& service) {
+    const std::string host = textIn(service, "host");
+    const auto port = service.find("port");
+    if (host.empty() || host.size() > kLongestHost ||
+        host.find_first_not_of(kHostLetters) != std::string::npos || port == service.end() ||
+        !port->is_number_unsigned() || *port == 0 || *port > 65'535) {
+        return {};
+    }
+    const bool isIpv6 = host.find(':') != std::string::npos;
+    return (isIpv6 ? '[' + host + ']' : host) + ':' + port->dump();
 }
 
 std::string headOf(const Entry& entry) {
-    return "{\"checks\":" + std::to_string(entry.checks) + ",\"path\":" + quoted(entry.path) +
+    return "{\"checks\":" + std::to_string(entry.checks) + ",\"path\":" + dumped(entry.path) +
            ",\"service\":";
 }
 
@@ -31,6 +72,21 @@ std::string tailOf(const Entry& entry) {
 
 }  // namespace
 
+std::string targetGroupOf(const Entry& entry) {
+    const json service = json::parse(entry.service);
+    const std::string target = targetOf(service);
+    if (target.empty()) {
+        return {};
+    }
+    json labels{{"__meta_orvx_uuid", entry.uuid}};
+    addLabel(labels, "path", entry.path);
+    addLabel(labels, "name", textIn(service, "name"));
+    addLabel(labels, "uri", textIn(service, "uri"));
+    addLabel(labels, "categories", listIn(service, "serviceCategories"));
+    addLabel(labels, "versions", listIn(service, "versions"));
+    return dumped({{"targets", {target}}, {"labels", std::move(labels)}});
+}
+
 std::string textOf(const Entry& entry) {
     return headOf(entry) + entry.service + tailOf(entry);
 }
@@ -38,7 +94,7 @@ std::string textOf(const Entry& entry) {
 std::optional<std::string> EntryWriter::next(const EntryStore& store) {
     std::string piece;
     if (!std::exchange(hasBegun_, true) && !isSingle_) {
-        piece = "{\"entries\":[";
+        piece = format_ == Format::ENTRIES ? "{\"entries\":[" : "[";
     }
     std::size_t searched = 0;
     while (!isDone_ && piece.size() < kPiece && searched < kSearch) {
@@ -51,6 +107,12 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
             break;
         }
         if (revision_ == 0 && !query_.matches(*entry)) {
+            searched += kPerEntry + entry->service.size();
+            number_ = entry->number + 1;
+            continue;
+        }
+        if (format_ == Format::TARGET_GROUPS) {
+            appendTargetGroup(*entry, piece);
             searched += kPerEntry + entry->service.size();
             number_ = entry->number + 1;
             continue;
@@ -74,11 +136,21 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
 
 void EntryWriter::end(const EntryStore& store, std::string& piece) {
     piece += ']';
+    isDone_ = true;
+    if (format_ == Format::TARGET_GROUPS) {
+        return;
+    }
     if (count_ == query_.limit) {
         piece += ",\"next\":\"" + placeAfter(number_ - 1, store.instance()) + '"';
     }
     piece += '}';
-    isDone_ = true;
+}
+
+void EntryWriter::appendTargetGroup(const Entry& entry, std::string& piece) {
+    const std::string group = targetGroupOf(entry);
+    if (!group.empty()) {
+        piece += (count_++ > 0 ? "," : "") + group;
+    }
 }
 
 void EntryWriter::begin(const Entry& entry, std::string& piece) {

@@ -14,6 +14,11 @@ namespace orvx::registry {
 /// An entry as JSON.
 std::string textOf(const Entry& entry);
 
+/// The service as a group of Prometheus' HTTP service discovery. Empty: it has no host that could
+/// be one, or no port. Labels of more than kLongestLabel bytes are left out.
+std::string targetGroupOf(const Entry& entry);
+constexpr std::size_t kLongestLabel = 1'000;
+
 /// Writes the list of entries, or one entry, as JSON, piece by piece, each entry as it is when it
 /// is written. It holds nothing but its place: who reads slowly costs no copy of the list. An entry
 /// that lives while the list is written is in it, and none is in it twice.
@@ -26,9 +31,12 @@ class EntryWriter {
     /// How much of services that are not wanted is looked at for one piece.
     static constexpr std::size_t kSearch = 262'144;
 
-    /// The entries that are wanted: `{"entries":[...]}`, and `"next"` where the limit is reached.
-    explicit EntryWriter(ListQuery query = {})
-        : query_(std::move(query)), number_(query_.after + 1) {}
+    enum class Format { ENTRIES, TARGET_GROUPS };
+
+    /// The entries that are wanted: `{"entries":[...]}`, and `"next"` where the limit is reached;
+    /// or the target groups of their services: `[...]`.
+    explicit EntryWriter(ListQuery query = {}, Format format = Format::ENTRIES)
+        : query_(std::move(query)), format_(format), number_(query_.after + 1) {}
     /// That entry, which the store has.
     explicit EntryWriter(const Entry& only) : number_(only.number), isSingle_(true) {}
 
@@ -40,9 +48,11 @@ class EntryWriter {
 
   private:
     void begin(const Entry& entry, std::string& piece);
+    void appendTargetGroup(const Entry& entry, std::string& piece);
     void end(const EntryStore& store, std::string& piece);
 
     ListQuery query_{};
+    Format format_ = Format::ENTRIES;
     std::size_t count_ = 0;       // of entries so far
     std::uint64_t number_ = 0;    // of the next entry
     std::uint64_t revision_ = 0;  // of the put of the entry that is written; 0: none is

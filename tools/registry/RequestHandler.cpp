@@ -91,20 +91,6 @@ Response put(EntryStore& store, const Request& request, const Caller& caller,
     }
 }
 
-/// The first piece is the body, and all others too if nobody takes the rest.
-Response write(const EntryStore& store, EntryWriter writer, AnswerExtras* extras) {
-    std::string text = *writer.next(store);
-    while (extras == nullptr && !writer.isDone()) {
-        text += *writer.next(store);
-    }
-    Response response = jsonResponse(http::status::ok, std::move(text));
-    if (!writer.isDone()) {
-        response.erase(http::field::content_length);
-        extras->rest = writer;
-    }
-    return response;
-}
-
 Response get(const EntryStore& store, const Request& request, AnswerExtras* extras) {
     if (isList(request)) {
         try {
@@ -169,6 +155,19 @@ Response answer(EntryStore& store, const Request& request, const Caller& caller,
     Response response = tryToDispatch(store, request, caller, extras);
     response.version(request.version());
     response.keep_alive(request.keep_alive());
+    return response;
+}
+
+Response write(const EntryStore& store, EntryWriter writer, AnswerExtras* extras) {
+    std::string text = *writer.next(store);
+    while (extras == nullptr && !writer.isDone()) {
+        text += *writer.next(store);
+    }
+    Response response = jsonResponse(http::status::ok, std::move(text));
+    if (!writer.isDone()) {
+        response.erase(http::field::content_length);
+        extras->rest = writer;
+    }
     return response;
 }
 

@@ -30,6 +30,9 @@ struct AnswerExtras {
 Response answer(EntryStore& store, const Request& request, const Caller& caller = {},
                 AnswerExtras* extras = nullptr);
 
+/// What that writer writes: the first piece, or all if `extras` is null.
+Response write(const EntryStore& store, EntryWriter writer, AnswerExtras* extras);
+
 /// An answer with that text in JSON.
 Response makeResponse(boost::beast::http::status status, const nlohmann::json& body);
 
