@@ -136,7 +136,17 @@ TEST(TheCompletion, OffersEveryOptionAndTheFilesThatSomeTake) {
     for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
         options.insert((*at)[1]);
     }
-    EXPECT_EQ(completions({""}), options);
+    std::set<std::string> words = options;
+    words.insert({"list", "get", "rm", "watch"});
+    EXPECT_EQ(completions({""}), words);
+    for (const char* command : {"list", "get", "rm", "watch"}) {
+        const std::string its = RegistryProcess({command, "--help"}).wait().output;
+        std::set<std::string> known;
+        for (std::sregex_iterator at(its.begin(), its.end(), option), end; at != end; ++at) {
+            known.insert((*at)[1]);
+        }
+        EXPECT_EQ(completions({command, "--"}), known) << command;
+    }
     EXPECT_EQ(completions({"--st"}), std::set<std::string>{"--store"});
     EXPECT_THAT(completions({"--port", ""}), IsEmpty());
     const TemporaryFolder folder;

@@ -105,7 +105,8 @@ void Connection::begin() {
         return awaitRequest();
     }
     stream_.tcp().expires_after(shared_.options.requestTimeout);
-    stream_.handshake(beast::bind_front_handler(&Connection::onHandshake, shared_from_this()));
+    stream_.handshake(asio::ssl::stream_base::server,
+                      beast::bind_front_handler(&Connection::onHandshake, shared_from_this()));
 }
 
 void Connection::onHandshake(Error error) {

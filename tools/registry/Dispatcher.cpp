@@ -10,6 +10,7 @@
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 

@@ -6,6 +6,7 @@
 #include "Faults.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace orvx::registry {
 

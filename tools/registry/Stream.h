@@ -50,9 +50,8 @@ class Stream {
 
     /// Only with TLS.
     template <typename Handler>
-    void handshake(Handler&& handler) {
-        tls_->async_handshake(boost::asio::ssl::stream_base::server,
-                              std::forward<Handler>(handler));
+    void handshake(boost::asio::ssl::stream_base::handshake_type side, Handler&& handler) {
+        tls_->async_handshake(side, std::forward<Handler>(handler));
     }
     template <typename Handler>
     void shutdown(Handler&& handler) {

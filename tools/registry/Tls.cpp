@@ -35,17 +35,6 @@ asio::const_buffer buffer(const std::string& text) {
     return {text.data(), text.size()};
 }
 
-void loadOwn(asio::ssl::context& context, const TlsFiles& files) {
-    error_code error;
-    context.use_certificate_chain(buffer(contentOf("TLS", files.certificate)), error);
-    require(!error, files.certificate, "it holds no certificate in PEM");
-    const std::string& key = files.key.empty() ? files.certificate : files.key;
-    context.use_private_key(buffer(contentOf("TLS", key)), asio::ssl::context::pem, error);
-    require(!error, key, "it holds no key in PEM that is not encrypted and fits the certificate");
-    require(SSL_CTX_check_private_key(context.native_handle()) == 1, key,
-            "the key does not fit the certificate");
-}
-
 /// Clients are told which authorities are meant, so that they can choose a certificate.
 void loadAuthority(asio::ssl::context& context, const std::string& path) {
     SSL_CTX* const native = context.native_handle();
@@ -66,6 +55,20 @@ void loadAuthority(asio::ssl::context& context, const std::string& path) {
 
 }  // namespace
 
+void loadOwn(asio::ssl::context& context, const TlsFiles& files) {
+    // Else the terminal is asked for the password of a key that has one.
+    SSL_CTX_set_default_passwd_cb(context.native_handle(),
+                                  [](char*, int, int, void*) { return -1; });
+    error_code error;
+    context.use_certificate_chain(buffer(contentOf("TLS", files.certificate)), error);
+    require(!error, files.certificate, "it holds no certificate in PEM");
+    const std::string& key = files.key.empty() ? files.certificate : files.key;
+    context.use_private_key(buffer(contentOf("TLS", key)), asio::ssl::context::pem, error);
+    require(!error, key, "it holds no key in PEM that is not encrypted and fits the certificate");
+    require(SSL_CTX_check_private_key(context.native_handle()) == 1, key,
+            "the key does not fit the certificate");
+}
+
 std::unique_ptr<asio::ssl::context> makeTlsContext(const TlsFiles& files) {
     if (files.certificate.empty()) {
         return nullptr;
@@ -76,8 +79,6 @@ std::unique_ptr<asio::ssl::context> makeTlsContext(const TlsFiles& files) {
     SSL_CTX_set_options(
         native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_CIPHER_SERVER_PREFERENCE);
     SSL_CTX_set_mode(native, SSL_MODE_RELEASE_BUFFERS);  // an idle connection holds none
-    // Else the terminal is asked for the password of a key that has one.
-    SSL_CTX_set_default_passwd_cb(native, [](char*, int, int, void*) { return -1; });
     // Sessions are in tickets, which cost the server no memory and end with the context.
     SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
     constexpr unsigned char kId[] = "orvx-registry";

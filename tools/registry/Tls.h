@@ -11,6 +11,9 @@ namespace orvx::registry {
 /// What a server needs for its connections; null without a certificate. Throws a FileError.
 std::unique_ptr<boost::asio::ssl::context> makeTlsContext(const TlsFiles& files);
 
+/// Loads the certificate and the key of those files. Throws a FileError.
+void loadOwn(boost::asio::ssl::context& context, const TlsFiles& files);
+
 /// The subject of the certificate that the other side has shown, as "CN=lamp"; empty: none. What is
 /// longer than 200 bytes is cut.
 std::string subjectOfPeer(const SSL& ssl);

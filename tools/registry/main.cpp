@@ -8,10 +8,12 @@
 #include <boost/system/system_error.hpp>
 #include <csignal>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <thread>
 
+#include "Commands.h"
 #include "FileError.h"
 #include "RegistryServer.h"
 
@@ -108,9 +110,14 @@ int main(int argc, char** argv) {
     RegistryOptions options;
     CLI::App app("A small HTTP registry to develop and test against.", "orvx-registry");
     addOptions(app, options);
+    std::function<int()> run = [&options] {
+        serve(options);
+        return 0;
+    };
+    orvx::registry::addCommands(app, run);
     try {
         app.parse(argc, argv);
-        serve(options);
+        return run();
     } catch (const CLI::Success& answered) {
         return app.exit(answered);
     } catch (const CLI::ParseError& error) {

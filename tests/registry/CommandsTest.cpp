@@ -1,0 +1,191 @@
+// The commands that ask a registry, as they are typed, at registries of every kind.
+// Everything runs on the test's thread; the registry runs on its own, the commands are processes.
+// There is no lock.
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "RegistryProcess.h"
+#include "RunningRegistry.h"
+#include "TemporaryFolder.h"
+#include "TlsConnection.h"
+#include "TokenLine.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+std::string urlOf(const RunningRegistry& registry, const std::string& scheme = "http") {
+    return scheme + "://127.0.0.1:" + std::to_string(registry.port());
+}
+
+RegistryProcess::Result run(const RunningRegistry& registry, std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--registry", urlOf(registry)});
+    return RegistryProcess(arguments).wait();
+}
+
+int statusOf(const RegistryProcess::Result& result) {
+    return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
+}
+
+std::string put(const RunningRegistry& registry, const std::string& path,
+                const std::string& service) {
+    const auto response = registry.connect().ask(makeRequest("PUT", path, service));
+    return std::string(response[http::field::location]).substr(1);
+}
+
+constexpr const char* kLamp = R"({"name":"lamp","host":"10.0.0.5","port":80})";
+
+TEST(TheListCommand, PrintsALineForEachEntry) {
+    const RunningRegistry registry;
+    EXPECT_THAT(run(registry, {"list"}).output, IsEmpty());
+    const std::string lamp = put(registry, "/lamp", kLamp);
+    const std::string evil = put(registry, "/evil", R"({"name":"\u001b[2J\u202ex"})");
+    const auto result = run(registry, {"list"});
+    EXPECT_EQ(statusOf(result), 0);
+    EXPECT_EQ(result.output,
+              lamp + "  10.0.0.5:80  /lamp  lamp\n" + evil + "  -:-  /evil  \\u001b[2J\\u202ex\n");
+    EXPECT_THAT(run(registry, {"list", "--name", "lamp"}).output, StartsWith(lamp));
+    EXPECT_THAT(run(registry, {"list", "--name", "a b&c"}).output, IsEmpty());
+    const json entry = json::parse(run(registry, {"list", "--json", "--name", "lamp"}).output);
+    EXPECT_EQ(entry.at("uuid"), lamp);
+}
+
+TEST(TheListCommand, PrintsAllPages) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    for (int i = 0; i < 2'500; ++i) {
+        connection.ask(makeRequest("PUT", '/' + std::to_string(i), "{}"));
+    }
+    const std::string output = run(registry, {"list"}).output;
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2'500);
+    EXPECT_THAT(output, HasSubstr("  /2499  "));
+}
+
+TEST(TheGetCommand, PrintsEntriesAndSaysWhichAreNotThere) {
+    const RunningRegistry registry;
+    const std::string lamp = put(registry, "/lamp", kLamp);
+    const auto result = run(registry, {"get", lamp});
+    EXPECT_EQ(statusOf(result), 0);
+    EXPECT_THAT(result.output, HasSubstr("\n"));
+    EXPECT_EQ(json::parse(result.output).at("path"), "/lamp");
+    const auto missing = run(registry, {"get", "none", lamp, "--json"});
+    EXPECT_EQ(statusOf(missing), 1);
+    EXPECT_EQ(json::parse(missing.output).at("path"), "/lamp");
+    EXPECT_THAT(missing.errors, HasSubstr("there is no entry \"none\""));
+}
+
+TEST(TheRmCommand, RemovesEntries) {
+    const RunningRegistry registry;
+    const std::string lamp = put(registry, "/lamp", kLamp);
+    const auto result = run(registry, {"rm", lamp});
+    EXPECT_EQ(statusOf(result), 0);
+    EXPECT_EQ(result.output, lamp + "  10.0.0.5:80  /lamp  lamp\n");
+    EXPECT_EQ(statusOf(run(registry, {"rm", lamp})), 1);
+    EXPECT_EQ(statusOf(run(registry, {"rm"})), 125);
+}
+
+TEST(TheWatchCommand, PrintsTheListAndWhatChanges) {
+    const RunningRegistry registry;
+    const std::string lamp = put(registry, "/lamp", kLamp);
+    RegistryProcess watch({"watch", "--registry", urlOf(registry)});
+    watch.awaitOutput("put      " + lamp + "  10.0.0.5:80  /lamp  lamp\n");
+    const std::string bell = put(registry, "/bell", "{}");
+    watch.awaitOutput("put      " + bell);
+    registry.connect().ask(makeRequest("DELETE", '/' + lamp));
+    watch.awaitOutput("removed  " + lamp + "\n");
+    RegistryProcess asJson({"watch", "--json", "--registry", urlOf(registry)});
+    asJson.awaitOutput(R"({"data":{"entries":1},"event":"list"})");
+    asJson.awaitOutput(R"("event":"listed"})");
+}
+
+TEST(TheWatchCommand, GoesOnWhereItsConnectionWasCut) {
+    const TemporaryFolder folder;
+    RegistryOptions options;
+    options.tokens = folder / "tokens";
+    std::ofstream(options.tokens) << tokenLine("all", R"("read":true,"announce":"/")");
+    std::ofstream(folder / "token") << "all-secret\n";
+    RunningRegistry registry(options);
+    const auto putAs = [&](const std::string& path) {
+        registry.connect().ask("PUT " + path +
+                               " HTTP/1.1\r\nAuthorization: Bearer all-secret\r\n"
+                               "Content-Length: 2\r\n\r\n{}");
+    };
+    putAs("/lamp");
+    RegistryProcess watch(
+        {"watch", "--json", "--registry", urlOf(registry), "--token-file", folder / "token"});
+    watch.awaitOutput("\"listed\"");
+    registry.reload();  // ends the stream
+    putAs("/bell");
+    const std::string output = watch.awaitOutput("/bell");
+    EXPECT_EQ(output.find("\"event\":\"list\""), output.rfind("\"event\":\"list\""));
+    EXPECT_EQ(output.find("/lamp"), output.rfind("/lamp"));
+}
+
+TEST(TheCommands, ShowATokenAndSayWhenItIsNotEnough) {
+    const TemporaryFolder folder;
+    RegistryOptions options;
+    options.tokens = folder / "tokens";
+    std::ofstream(options.tokens) << tokenLine("lamps", R"("announce":"/lamps")");
+    std::ofstream(folder / "token") << "lamps-secret\n";
+    const RunningRegistry registry(options);
+    const auto nobody = run(registry, {"list"});
+    EXPECT_EQ(statusOf(nobody), 125);
+    EXPECT_EQ(nobody.errors,
+              "orvx-registry: the registry answers 401: \"a valid token is needed\"\n");
+    const auto forbidden = run(registry, {"list", "--token-file", folder / "token"});
+    EXPECT_THAT(forbidden.errors, HasSubstr("answers 403: \"the token may not read\""));
+    EXPECT_THAT(forbidden.errors, Not(HasSubstr("secret")));
+    EXPECT_EQ(statusOf(run(registry, {"rm", "none", "--token-file", folder / "token"})), 1);
+    EXPECT_EQ(statusOf(run(registry, {"watch"})), 125);
+}
+
+TEST(TheCommands, SpeakTlsAndTrustTheAuthorityThatIsNamedOnly) {
+    const TemporaryFolder folder;
+    const Certificates certificates(folder / "");
+    certificates.make("registry");
+    certificates.make("me");
+    RegistryOptions options;
+    options.tls = {certificates.file("registry.pem"), certificates.file("registry.key"),
+                   certificates.file("ca.pem")};
+    const RunningRegistry registry(options);
+    const std::vector<std::string> list{"list",
+                                        "--registry",
+                                        urlOf(registry, "https"),
+                                        "--client-cert",
+                                        certificates.file("me.pem"),
+                                        "--client-key",
+                                        certificates.file("me.key")};
+    std::vector<std::string> trusting = list;
+    trusting.insert(trusting.end(), {"--ca-file", certificates.file("ca.pem")});
+    EXPECT_EQ(statusOf(RegistryProcess(trusting).wait()), 0);
+    const auto untrusted = RegistryProcess(list).wait();
+    EXPECT_EQ(statusOf(untrusted), 125);
+    EXPECT_THAT(untrusted.errors, HasSubstr("certificate verify failed"));
+    const auto plain = run(registry, {"list"});
+    EXPECT_EQ(statusOf(plain), 125);
+}
+
+TEST(TheCommands, RefuseAnAddressThatIsNone) {
+    for (const char* url : {"", "127.0.0.1:8500", "ftp://a", "http://", "http://a:x", "http://a/b",
+                            "http://user:secret@a"}) {
+        const auto result = RegistryProcess({"list", "--registry", url}).wait();
+        EXPECT_EQ(statusOf(result), 125) << url;
+        EXPECT_THAT(result.errors, Not(HasSubstr("secret")));
+    }
+    EXPECT_EQ(statusOf(RegistryProcess({"list", "--registry", "http://127.0.0.1:1"}).wait()), 125);
+}
+
+}  // namespace
+}  // namespace orvx::registry

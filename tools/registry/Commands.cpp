@@ -1,0 +1,204 @@
+// The commands that ask a registry: their options, and what they print. What comes from a registry
+// is printed in JSON's ASCII, so that it cannot steer a terminal.
+// Entered by the main thread; there is no other one and no lock.
+
+#include "Commands.h"
+
+#include <CLI/CLI.hpp>
+#include <boost/beast/http/status.hpp>
+#include <cctype>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Client.h"
+
+namespace orvx::registry {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+
+namespace {
+
+constexpr int kNotFound = 1;
+constexpr const char* kPage = "1000";
+
+struct Arguments {
+    ClientOptions client{};
+    bool asJson = false;
+    std::string name{};
+    std::string category{};
+    std::string version{};
+    std::vector<std::string> uuids{};
+};
+
+std::string ascii(const json& value) {
+    return value.dump(-1, ' ', true, json::error_handler_t::replace);
+}
+
+std::string word(const json& object, const char* field) {
+    const auto value = object.find(field);
+    if (value == object.end() || value->is_null()) {
+        return "-";
+    }
+    const std::string text = ascii(*value);
+    return value->is_string() && text.size() > 2 ? text.substr(1, text.size() - 2) : text;
+}
+
+/// One line: uuid, address, path, name.
+std::string lineOf(const json& entry) {
+    const json& service = entry.at("service");
+    const json empty = json::object();
+    const json& fields = service.is_object() ? service : empty;
+    return word(entry, "uuid") + "  " + word(fields, "host") + ':' + word(fields, "port") + "  " +
+           word(entry, "path") + "  " + word(fields, "name");
+}
+
+std::string escaped(const std::string& text) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string safe;
+    for (const char letter : text) {
+        const auto byte = static_cast<unsigned char>(letter);
+        const bool isPlain = byte < 0x80 && (std::isalnum(byte) != 0 || letter == '-' ||
+                                             letter == '.' || letter == '_');
+        safe += isPlain ? std::string(1, letter)
+                        : std::string{'%', kDigits[byte / 16U], kDigits[byte % 16U]};
+    }
+    return safe;
+}
+
+/// Throws a std::runtime_error for an answer other than 200.
+const Response& expectOk(const Response& response) {
+    if (response.result() == http::status::ok) {
+        return response;
+    }
+    const json body = json::parse(response.body(), nullptr, false);
+    const json why = body.is_object() ? body.value("error", json()) : json();
+    throw std::runtime_error("the registry answers " + std::to_string(response.result_int()) +
+                             (why.is_string() ? ": " + ascii(why) : ""));
+}
+
+int list(const Arguments& arguments) {
+    Client client(arguments.client);
+    std::string query = std::string("/?limit=") + kPage;
+    const auto add = [&query](const char* field, const std::string& value) {
+        query += value.empty() ? "" : std::string("&") + field + '=' + escaped(value);
+    };
+    add("name", arguments.name);
+    add("category", arguments.category);
+    add("version", arguments.version);
+    std::string after;
+    do {
+        const json page = json::parse(
+            expectOk(client.ask(http::verb::get, query + (after.empty() ? "" : "&after=" + after)))
+                .body());
+        for (const json& entry : page.at("entries")) {
+            std::cout << (arguments.asJson ? ascii(entry) : lineOf(entry)) << '\n';
+        }
+        after = page.value("next", "");
+    } while (!after.empty());
+    std::cout << std::flush;
+    return 0;
+}
+
+/// Asks for each uuid; those that are not there are said, and make the exit status 1.
+int forEach(const Arguments& arguments, http::verb method) {
+    Client client(arguments.client);
+    int status = 0;
+    for (const std::string& uuid : arguments.uuids) {
+        const Response response = client.ask(method, '/' + escaped(uuid));
+        if (response.result() == http::status::not_found) {
+            std::cerr << "orvx-registry: there is no entry " << ascii(uuid) << std::endl;
+            status = kNotFound;
+            continue;
+        }
+        const json entry = json::parse(expectOk(response).body());
+        const bool isLine = !arguments.asJson && method == http::verb::delete_;
+        std::cout << (isLine ? lineOf(entry)
+                             : entry.dump(arguments.asJson ? -1 : 2, ' ', true,
+                                          json::error_handler_t::replace))
+                  << std::endl;
+    }
+    return status;
+}
+
+void printEvent(std::string_view name, std::string_view data, bool asJson) {
+    const json value = json::parse(data);
+    if (asJson) {
+        std::cout << ascii({{"event", name}, {"data", value}}) << std::endl;
+    } else if (name == "put") {
+        std::cout << "put      " << lineOf(value) << std::endl;
+    } else if (name == "removed") {
+        std::cout << "removed  " << word(value, "uuid") << std::endl;
+    }
+}
+
+/// Follows for ever, and connects again by itself.
+[[noreturn]] int watch(const Arguments& arguments) {
+    Client client(arguments.client);
+    std::string lastId;
+    for (;;) {
+        try {
+            const auto refusal =
+                client.watch(lastId, [&](std::string_view name, std::string_view data) {
+                    printEvent(name, data, arguments.asJson);
+                });
+            if (refusal && refusal->result() != http::status::too_many_requests) {
+                expectOk(*refusal);
+            }
+        } catch (const std::runtime_error& error) {
+            if (lastId.empty()) {
+                throw;
+            }
+            std::cerr << "orvx-registry: " << error.what() << std::endl;
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+}
+
+void addClientOptions(CLI::App& command, Arguments& arguments) {
+    ClientOptions& client = arguments.client;
+    command.add_option("--registry", client.url, "Address of the registry")
+        ->envname("ORVX_REGISTRY")
+        ->capture_default_str();
+    command.add_option("--token-file", client.tokenFile, "File with the token that is shown")
+        ->envname("ORVX_TOKEN_FILE");
+    command.add_option("--ca-file", client.authority, "File with the authority of the registry");
+    auto* own = command.add_option("--client-cert", client.own.certificate,
+                                   "File with the certificate that is shown");
+    command
+        .add_option("--client-key", client.own.key, "File with its key, if not in the same file")
+        ->needs(own);
+    command.add_flag("--json", arguments.asJson, "One JSON object a line");
+}
+
+}  // namespace
+
+void addCommands(CLI::App& app, std::function<int()>& run) {
+    const auto arguments = std::make_shared<Arguments>();
+    const auto add = [&](const char* name, const char* text, auto command) {
+        CLI::App* const added = app.add_subcommand(name, text);
+        addClientOptions(*added, *arguments);
+        added->callback([&run, arguments, command] { run = [=] { return command(*arguments); }; });
+        return added;
+    };
+    CLI::App* const listed = add("list", "Print the entries of a registry that runs", list);
+    listed->add_option("--name", arguments->name, "Only services of that name");
+    listed->add_option("--category", arguments->category, "Only services of that category");
+    listed->add_option("--version", arguments->version, "Only services of that version");
+    for (auto* const each :
+         {add("get", "Print entries of a registry that runs",
+              [](const Arguments& given) { return forEach(given, http::verb::get); }),
+          add("rm", "Remove entries of a registry that runs",
+              [](const Arguments& given) { return forEach(given, http::verb::delete_); })}) {
+        each->add_option("uuid", arguments->uuids, "Names of the entries")->required();
+    }
+    add("watch", "Print what changes at a registry that runs", watch);
+    app.require_subcommand(0, 1);
+}
+
+}  // namespace orvx::registry
