@@ -308,6 +308,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     StatusListener statusListener ORVX_GUARDED_BY(mutex);
     HeadState checkState ORVX_GUARDED_BY(mutex) = IDLE;
 
+    // Constant after construction, or safe by themselves.
+
     /// Notified when the last registration is removed.
     std::condition_variable empty;
     const std::shared_ptr<const RegistrationListener> registrationListener;

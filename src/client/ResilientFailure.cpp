@@ -1,5 +1,6 @@
 // With resilience: which failures are transient, whether a failed request may have taken effect,
-// and when to try again. Entered by the I/O thread; the static functions by any thread.
+// and when to try again, including Retry-After. Entered by the I/O thread, by the timer's thread
+// when a check times out, and the static functions by any thread.
 
 #include "ResilientRecords.h"
 

@@ -1,6 +1,7 @@
 // With resilience: registrations and entries, their due times, queued user code, start and stop.
-// Entered by the user's threads and the timer's thread. An entry is always in `dues_`, so changing
-// its due time allocates nothing. The timer has a task for the earliest due time.
+// Entered by the user's threads, the timer's thread and the I/O thread; queued user code runs on
+// the callback thread, or in stop(). An entry is always in `dues_`, so changing its due time
+// allocates nothing. The timer has a task for the earliest due time.
 
 #include "Memory.h"
 #include "RegistrationTable.h"

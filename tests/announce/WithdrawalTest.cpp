@@ -13,7 +13,7 @@ namespace {
 
 using AWithdrawal = AnnounceTest;
 
-/// Far above every bound that the tests set, far below those that they do not.
+/// Long enough for a busy machine, and far below the withdrawal time-out of 3,600 s.
 constexpr auto kSoon = 4s;
 
 /// Whether a process of this machine waits for a connection to that port.
@@ -124,7 +124,7 @@ TEST_F(AWithdrawal, TakesPlaceWhenTheCommandDies) {
     EXPECT_THAT(announce.ended(128 + SIGABRT).errors, HasSubstr(" withdrawn "));
 }
 
-TEST_F(AWithdrawal, ThatIsNotAnsweredDoesNotHoldUpWhoseCommandDied) {
+TEST_F(AWithdrawal, ThatIsNotAnsweredEndsWithinItsBoundAfterTheCommandDied) {
     holdBack("DELETE");
     Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"} +
                       shell("read line; exit 8"));
@@ -142,7 +142,7 @@ TEST_F(AWithdrawal, ThatIsNotDoneIsToldByTheExitStatusOfACommandThatSucceeds) {
     announce.ended(123);
 }
 
-TEST_F(AWithdrawal, BehindTheEndOfTheCommandIsNotGivenUpForTheFirstSignal) {
+TEST_F(AWithdrawal, AfterTheEndOfTheCommandIsNotGivenUpForTheFirstSignal) {
     holdBack("DELETE");
     Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "3600"} +
                       shell("read line; exit 8"));

@@ -1,7 +1,7 @@
 // The client in a deployment: a server in front of the registry that speaks TLS or listens at a
-// Unix domain socket, a proxy between client and registry, credentials, and the replacement of all
-// that can be replaced while services are announced. Entered by the test thread and the client's
-// threads; everything else is a child process. No lock.
+// Unix domain socket, a proxy between client and registry, credentials, and the replacement of
+// certificates and credentials while services are announced. Entered by the test thread and the
+// client's threads; all servers and proxies are child processes. No lock.
 #include "IntegrationTest.h"
 #include "RegistryProcess.h"
 #include "Servers.h"
@@ -43,7 +43,7 @@ class ADeployment : public ::testing::Test {
         http.tls.clientCertificateFile = folder.file("client.pem");
         http.tls.clientKeyFile = folder.file("client.key");
     }
-    /// Beside the authority's file, as an administrator should: never a part of it is seen.
+    /// Renames a complete file over the authority's file, so that no reader sees a partial file.
     void replaceAuthorityBy(const std::string& name) const {
         folder.write("next.pem", testing::contentOf(folder.file(name + ".pem")));
         std::filesystem::rename(folder.file("next.pem"), folder.file("authority.pem"));
@@ -95,7 +95,7 @@ class ADeployment : public ::testing::Test {
     std::uint64_t answersToChecks(int httpStatus) const {
         return counted(Method::Head).byHttpStatus[httpStatus];
     }
-    /// Until there are some more of them than now.
+    /// Waits until five more checks have been answered with this status.
     void awaitAnswersToChecks(int httpStatus) const {
         const auto before = answersToChecks(httpStatus);
         EXPECT_TRUE(eventually([&] { return answersToChecks(httpStatus) >= before + 5; }))

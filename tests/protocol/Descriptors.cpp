@@ -1,4 +1,4 @@
-// The file descriptors of this process: how many there are, and none left.
+// Counts the open file descriptors of this process, and opens all that are left.
 //
 // Threads: the limit is the whole process's; one NoDescriptors at a time. No locks.
 
@@ -39,7 +39,7 @@ std::size_t openDescriptors() {
     return count - 3;  // itself, its parent, and the folder just opened
 }
 
-// The limit comes down first, so that few need to be taken.
+// Lowers the limit first, so that only a few descriptors have to be opened.
 NoDescriptors::NoDescriptors() : limit_(setLimit(kLow)) {
     int fd = 0;
     while ((fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) {

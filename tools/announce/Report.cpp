@@ -28,7 +28,7 @@ using nlohmann::json;
 namespace {
 
 std::string environment(const char* name) {
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets one
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): never set
     return value == nullptr ? "" : value;
 }
 

@@ -1,6 +1,6 @@
-// The way of a request: what is due happens to the entries first, then the page, the stream of
-// changes, the metrics and the control of the faults are served, which no fault meets; the rest is
-// the protocol.
+// Expires entries, then passes a request to its handler. The page, the stream of changes, the
+// metrics, the targets and the control of the faults are not affected by faults; all other requests
+// belong to the protocol.
 // Entered by the thread that runs the server, or a test's, one at a time.
 // There is no lock.
 

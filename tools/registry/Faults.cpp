@@ -1,5 +1,5 @@
-// Decides what goes wrong with a request: every fault that takes it is counted down; delays add up,
-// a reset goes before a status, and the last status counts.
+// Applies the injected faults to a request. Every fault that matches the request is counted down;
+// delays add up, a reset takes precedence over a status, and the last status counts.
 // Entered by whichever thread owns the store, one at a time.
 // There is no lock.
 

@@ -47,9 +47,9 @@ class Faults {
     /// In place of all others.
     void set(std::vector<Fault> faults) { faults_ = std::move(faults); }
 
-    /// Decides about the next request with that method; forgets entries of `store` if that is due.
-    /// Without a method it is a request about the registry, such as the page's, that nothing but
-    /// due forgetting meets. Throws what the store throws.
+    /// Returns the effect of the faults on the next request with that method, and applies a due
+    /// `forget` to `store`. Without a method, only a `forget` without method and skip takes effect:
+    /// for requests about the registry itself, such as the metrics. Throws what the store throws.
     Fate meet(std::optional<boost::beast::http::verb> method, EntryStore& store);
 
     /// What is left, as `{"faults":[...]}`.

@@ -8,9 +8,9 @@
 
 namespace orvx::registry {
 
-/// The fields of one JSON object, read strictly: each is taken out as it is read, so that what
-/// remains is unknown. Everything throws a std::invalid_argument that names the field and never
-/// shows its value, which may be a secret.
+/// The fields of one JSON object, read strictly: reading a field removes it, so the fields that
+/// remain are unknown ones. All functions throw a std::invalid_argument that names the field, but
+/// never contains its value, which may be a secret.
 ///
 /// Thread-safety: none.
 class JsonFields {

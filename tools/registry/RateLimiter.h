@@ -10,10 +10,9 @@
 
 namespace orvx::registry {
 
-/// How many requests each client address may make: a rate in the long run, and ten seconds' worth
-/// of it at once. Addresses of IPv6 that share their first 64 bits are one. Of those that were
-/// active last kMaxAddresses are known: the memory is bounded, and an address that is forgotten
-/// begins anew.
+/// Limits the requests of each client address to a rate, with bursts of kBurst at that rate. IPv6
+/// addresses with the same first 64 bits count as one. Only the kMaxAddresses addresses that were
+/// active last are stored, which bounds the memory; the count of any other address starts at zero.
 ///
 /// Thread-safety: none.
 class RateLimiter {

@@ -1,5 +1,5 @@
-// What the registry does: turns a request into changes of the store and an answer. Knows HTTP's
-// words, but neither sockets nor time.
+// Turns a request of the protocol into changes of the store and a response. Uses the types of HTTP
+// messages, but no sockets and no clock.
 // Entered by whichever thread owns the store, one at a time: the server's own, or a test's.
 // There is no lock and no state.
 

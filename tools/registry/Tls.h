@@ -8,7 +8,7 @@
 
 namespace orvx::registry {
 
-/// What a server needs for its connections; null without a certificate. Throws a FileError.
+/// Makes the TLS context of a server; null if no certificate is configured. Throws a FileError.
 std::unique_ptr<boost::asio::ssl::context> makeTlsContext(const TlsFiles& files);
 
 /// Loads the certificate and the key of those files. Throws a FileError.

@@ -1,5 +1,5 @@
-// What a reader of the stream is sent: the puts, checks and removals after the revision that it has
-// got to, in the order of their revisions, each entry in its present state.
+// Builds the events for a reader of the stream: the puts, checks and removals after the reader's
+// revision, in the order of their revisions, each entry in its present state.
 // Entered by whichever thread owns the store, one at a time.
 // There is no lock.
 

@@ -12,13 +12,13 @@
 namespace orvx::registry {
 
 /// One reader that follows a store by server-sent events: first the list, then what changes.
-/// docs/registry-protocol.md describes the events. It holds no queue, only the revision that the
-/// reader has got to: a reader that is slow gets the present state of what changed meanwhile.
+/// docs/registry-protocol.md describes the events. Holds no queue, only the revision up to which
+/// the reader is informed: a slow reader gets only the latest state of each entry.
 ///
 /// Thread-safety: that of the store.
 class Watch {
   public:
-    /// A piece that is as long is not continued, and no event is longer than kLongestEvent.
+    /// next() adds no event to a piece of at least kPiece bytes. No event exceeds kLongestEvent.
     static constexpr std::size_t kPiece = 8'192;
     static constexpr std::size_t kLongestEvent = 8'192;
     /// An entry whose service and path are longer is told in short.
@@ -50,8 +50,8 @@ class Watch {
     void appendChecks(const EntryStore& store, std::string& events);
     void appendState(const EntryStore& store, std::size_t faults, std::string& events);
 
-    // The list is what was put after revision 0; of renewals and removals only those matter that
-    // came after the list was begun. Behind that revision both positions are the same.
+    // The list consists of all puts after revision 0, and of the renewals and removals since the
+    // start of the list. Once the list is complete, both positions are equal.
     std::uint64_t puts_ = 0;
     std::uint64_t others_ = 0;
     bool beginsList_ = false;

@@ -1,5 +1,6 @@
-// The request queues and the connections of one endpoint. All HEADs have the same time-out, and all
-// other requests have the same time-out, so each queue is ordered by deadline.
+// The request queues and the connections of one endpoint, and the repetition of a request that a
+// kept connection lost. The session requires one time-out for all HEADs, and all other requests
+// have the same time-out, so each queue is ordered by deadline.
 // Entered by the I/O thread only; there is no lock. A dropped connection lives until the next
 // process(), because the call may come from that connection.
 

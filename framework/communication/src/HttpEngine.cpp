@@ -1,8 +1,9 @@
 // The I/O thread: waits for events, drives the endpoints, and calls the handlers without holding a
 // lock.
-// start() and stop() are entered by the thread that initialises; everything else runs on the I/O
-// thread. There is no lock here: other threads communicate through the inbox and the resolver. The
-// loop never throws: an allocation failure fails the request that needed the memory.
+// start() is entered by the thread that initialises, stop() by the one that ends the context, which
+// may be the I/O thread; everything else runs on the I/O thread. There is no lock here: other
+// threads communicate through the inbox and the resolver. The loop never throws: an allocation
+// failure fails the request that needed the memory.
 
 #include "HttpEngine.h"
 

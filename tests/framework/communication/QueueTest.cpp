@@ -34,7 +34,8 @@ class TheQueue : public HttpTest {
     }
 };
 
-// One that waited for the total time-out held its connection, and in the end all of them.
+// Regression: an unanswered HEAD held its connection until the request time-out, so that repeated
+// checks used up all connections.
 TEST_F(TheQueue, IsFreedByAHeadWhoseOwnTimeHasPassed) {
     server_.onRequest([](const Request& request) {
         return request.method == "HEAD" ? Script().silence() : Script(response(200));
