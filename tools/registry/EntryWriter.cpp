@@ -67,7 +67,7 @@ std::string headOf(const Entry& entry) {
 }
 
 std::string tailOf(const Entry& entry) {
-    return ",\"uuid\":\"" + entry.uuid + "\"}";
+    return R"(,"uuid":")" + entry.uuid + R"("})";
 }
 
 }  // namespace
@@ -141,7 +141,7 @@ void EntryWriter::end(const EntryStore& store, std::string& piece) {
         return;
     }
     if (count_ == query_.limit) {
-        piece += ",\"next\":\"" + placeAfter(number_ - 1, store.instance()) + '"';
+        piece += R"(,"next":")" + placeAfter(number_ - 1, store.instance()) + '"';
     }
     piece += '}';
 }

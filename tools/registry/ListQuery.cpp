@@ -18,7 +18,7 @@ namespace {
 std::string decode(std::string_view text) {
     std::string decoded;
     for (std::size_t at = 0; at < text.size(); ++at) {
-        unsigned char byte = static_cast<unsigned char>(text[at] == '+' ? ' ' : text[at]);
+        auto byte = static_cast<unsigned char>(text[at] == '+' ? ' ' : text[at]);
         if (text[at] == '%') {
             const char* const digits = text.data() + at + 1;
             if (text.size() - at < 3 ||
@@ -44,7 +44,7 @@ Number toNumber(std::string_view text, const char* otherwise) {
 }
 
 std::uint64_t toNumberAfter(std::string_view text, std::string_view instance) {
-    constexpr const char* kNone = "\"after\" is not one that was given as \"next\"";
+    constexpr const char* kNone = R"("after" is not one that was given as "next")";
     const auto dash = text.find('-');
     if (dash == std::string_view::npos) {
         throw std::invalid_argument(kNone);

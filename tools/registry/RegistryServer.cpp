@@ -75,7 +75,7 @@ class RegistryServer::Impl {
     }
 
     tcp::endpoint resolve(const RegistryOptions& options) {
-        const tcp::endpoint endpoint =
+        tcp::endpoint endpoint =
             *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
         const bool isGuarded = !options.tokens.empty() || !options.tls.authority.empty();
         if (!isGuarded && !options.open && !isLoopback(endpoint.address())) {

@@ -78,7 +78,7 @@ std::string describe(const Entry& entry, const EntryStore& store) {
     text.pop_back();
     text += ",\"service\":";
     text += isLong ? dumped(shortened(json::parse(entry.service))) : entry.service;
-    return text + ",\"uuid\":\"" + entry.uuid + "\"}";
+    return text + R"(,"uuid":")" + entry.uuid + R"("})";
 }
 
 /// An event without an id, if that is empty.
