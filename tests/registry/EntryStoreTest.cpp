@@ -74,6 +74,23 @@ TEST(TheEntryStore, NoticesThatALivingPathIsPutForAnotherHostOrPort) {
     EXPECT_EQ(put({{"host", "x"}, {"port", 1}}), "");
 }
 
+TEST(TheEntryStore, KeepsNoMoreOfAnAddressThanAHostCanHave) {
+    EntryStore store;
+    store.put("/a", {{"host", std::string(1'000, 'x')}, {"port", 1}});
+    store.put("/a", {{"host", "y"}, {"port", 1}});
+    EXPECT_EQ(store.entries().front().moved->from, std::string(300, 'x') + ":1");
+}
+
+TEST(TheEntryStore, LetsAnOwnerReplaceItsEntriesAfterItsLimitWasLowered) {
+    EntryStore store;
+    const Owner two{"lamps", 2, 1'000};
+    store.put("/a", {}, two);
+    store.put("/b", {}, two);
+    const Owner one{"lamps", 1, 1'000};
+    EXPECT_FALSE(store.put("/a", {}, one).created);
+    EXPECT_THROW(store.put("/c", {}, one), StoreFull);
+}
+
 TEST(TheEntryStore, CountsTheChecksOfAnEntryAlsoWhenItsPathIsPutAgain) {
     EntryStore store;
     const Entry& entry = store.put("/a", {}).entry;

@@ -11,7 +11,9 @@
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "RegistryProcess.h"
@@ -25,6 +27,7 @@ namespace {
 namespace http = boost::beast::http;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 
 std::string requestAs(const std::string& token, const std::string& method,
@@ -77,6 +80,11 @@ TEST_F(AGuardedRegistry, IsWhatListensElsewhereThanAtLoopback) {
         RegistryProcess program(arguments);
         EXPECT_GT(program.port(), 0);
     }
+    RegistryOptions withoutTls;
+    withoutTls.host = "0.0.0.0";
+    withoutTls.port = 0;
+    withoutTls.tls.authority = tokens_;  // verifies nobody without TLS
+    EXPECT_THROW(RegistryServer{withoutTls}, std::runtime_error);
     RegistryProcess elsewhereAtLoopback({"--host", "127.0.0.2", "--port", "0"});
     EXPECT_GT(elsewhereAtLoopback.port(), 0);
 }
@@ -90,16 +98,32 @@ TEST_F(AGuardedRegistry, RefusesATokenFileOrOptionsThatMakeNoSense) {
     EXPECT_THAT(run({"--audit", folder_ / "none/audit"}).errors, HasSubstr("No such file"));
 }
 
+TEST_F(AGuardedRegistry, RefusesAnEmptyFileName) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"--host", "0.0.0.0", "--tls-cert", "", "--client-ca", tokens_},
+          std::vector<std::string>{"--tls-cert", tokens_, "--tls-key", ""},
+          std::vector<std::string>{"--tls-cert", tokens_, "--client-ca", ""},
+          std::vector<std::string>{"--tokens", ""}, std::vector<std::string>{"--store", ""},
+          std::vector<std::string>{"--script", ""}}) {
+        const auto result = run(arguments);
+        EXPECT_TRUE(exitedWith(result, 125)) << result.status;
+        EXPECT_THAT(result.output, IsEmpty());
+        EXPECT_THAT(result.errors, MatchesRegex("orvx-registry: [^\n]*file name is empty[^\n]*\n"));
+    }
+}
+
 TEST_F(AGuardedRegistry, RefusesBeforeItReadsTheBody) {
     RegistryOptions options;
     options.tokens = tokens_;
     const RunningRegistry registry(options);
-    for (const auto& [token, status] : {std::pair{"nobody", http::status::unauthorized},
-                                        std::pair{"admin", http::status::forbidden}}) {
+    for (const auto& [method, token, status] :
+         {std::tuple{"PUT", "nobody", http::status::unauthorized},
+          std::tuple{"PUT", "admin", http::status::forbidden},
+          std::tuple{"POST", "admin", http::status::method_not_allowed}}) {
         for (const char* more : {"", "Expect: 100-continue\r\n"}) {
             RawConnection connection = registry.connect();
-            connection.send("PUT /lamps/1 HTTP/1.1\r\nAuthorization: Bearer " + std::string(token) +
-                            "-secret\r\nContent-Length: 1000000\r\n" + more + "\r\n");
+            connection.send(std::string(method) + " /lamps/1 HTTP/1.1\r\nAuthorization: Bearer " +
+                            token + "-secret\r\nContent-Length: 1000000\r\n" + more + "\r\n");
             EXPECT_EQ(connection.receive().result(), status);
             EXPECT_TRUE(connection.isClosedByPeer());
         }
@@ -156,6 +180,33 @@ TEST_F(AGuardedRegistry, ReadsItsTokensAgainOnSighup) {
     RawConnection connection(port);
     EXPECT_EQ(connection.ask(requestAs("lamps", "GET", "/")).result(), http::status::unauthorized);
     EXPECT_EQ(connection.ask(requestAs("doors", "GET", "/")).result(), http::status::ok);
+}
+
+TEST_F(AGuardedRegistry, BeginsNoStreamForATokenThatWasWithdrawnMeanwhile) {
+    RegistryProcess program({"--port", "0", "--tokens", tokens_});
+    RawConnection connection(program.port());
+    connection.send(
+        "GET /-/watch HTTP/1.1\r\nAuthorization: Bearer lamps-secret\r\n"
+        "Expect: 100-continue\r\nContent-Length: 1\r\n\r\n");
+    connection.readUntil("100 Continue\r\n\r\n");
+    write("tokens", tokenLine("doors", R"("read":true)"));
+    program.signal(SIGHUP);
+    program.awaitOutput("orvx-registry has read its files again\n");
+    connection.send("x");
+    EXPECT_TRUE(connection.isClosedByPeer());
+}
+
+TEST_F(AGuardedRegistry, ClosesAConnectionWhoseAnswerWasSentWhileItReadItsFilesAgain) {
+    RegistryProcess program({"--port", "0", "--tokens", tokens_});
+    const std::string service = R"({"a":")" + std::string(1'000'000, 'x') + R"("})";
+    RawConnection(program.port()).ask(requestAs("lamps", "PUT", "/lamps/1", service));
+    RawConnection reader(program.port(), 65'536);
+    reader.send(requestAs("lamps", "GET", "/"));
+    reader.readUntil("\r\n\r\n");
+    program.signal(SIGHUP);
+    program.awaitOutput("orvx-registry has read its files again\n");
+    reader.readUntil("]}\r\n0\r\n\r\n");
+    EXPECT_TRUE(reader.isClosedByPeer());
 }
 
 TEST_F(AGuardedRegistry, ChangesNothingWhenAFileIsWrongOnSighup) {

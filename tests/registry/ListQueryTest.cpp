@@ -95,6 +95,8 @@ TEST_F(TheQuery, IsRefusedWhenItMakesNoSense) {
           "/?after=", "/?after=x", "/?after=-", "/?&name=a", "/?name=a&&"}) {
         EXPECT_EQ(get(target).result(), http::status::bad_request) << target;
     }
+    EXPECT_EQ(get("/?after=" + store_.instance() + "-18446744073709551615").result(),
+              http::status::bad_request);
     const Response gone = get("/?after=00000000-1");
     EXPECT_EQ(gone.result(), http::status::gone);
     EXPECT_THAT(gone.body(), HasSubstr("another run"));

@@ -20,8 +20,6 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::size_t kLongestAddress = 300;
-
 std::string now() {
     const std::time_t time = std::time(nullptr);
     std::tm utc{};
@@ -62,7 +60,7 @@ void AuditLog::write(Change change, const Entry& entry, const Caller* caller) {
     write(json{{"what", nameOf(change)},
                {"path", entry.path},
                {"uuid", entry.uuid},
-               {"address", entry.address.substr(0, kLongestAddress)}},
+               {"address", entry.address}},
           caller);
 }
 

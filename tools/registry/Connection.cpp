@@ -1,7 +1,7 @@
-// The life of one connection, as a chain of asynchronous steps: handshake, first bytes, header,
-// body, answer. What the header alone decides is decided before the body is read.
-// A step that fails and is not followed by another one ends the connection. One that watches the
-// entries goes round in another circle: send a piece, wait for news.
+// A connection is a chain of asynchronous steps: handshake, first bytes, header, body, answer. A
+// request that the header alone refuses is answered before the body is read.
+// A step that fails and starts no other step ends the connection. A connection that watches the
+// entries repeats two other steps: send a piece, wait for changes.
 // Entered only by the thread that runs the server's io_context.
 // There is no lock.
 
@@ -180,6 +180,9 @@ void Connection::onRequest(Error error, std::size_t) {
         return refuse(error);
     }
     Reaction reaction = shared_.dispatcher.react(parser_->get(), caller_);
+    if (reaction.watch && generation_ != shared_.generation) {
+        return;  // the token may have been withdrawn since the header was checked
+    }
     record(parser_->get(), reaction.response, reaction.remark, !reaction.rest);
     parser_.reset();
     shared_.wakeWatchers();
@@ -276,7 +279,7 @@ void Connection::onAnswered(Error error, std::size_t) {
     }
     auto& connections = shared_.connections;
     connections.splice(connections.end(), connections, position_);
-    if (response_.keep_alive()) {
+    if (response_.keep_alive() && generation_ == shared_.generation) {
         return awaitRequest();
     }
     farewell_ = std::chrono::steady_clock::now() + shared_.options.farewellTimeout;
@@ -309,8 +312,8 @@ void Connection::discardInput(Error error, std::size_t) {
     }
 }
 
-// The length is not known before: the answer is in chunks, or ends with the connection. One that is
-// broken off is reset: nothing that a client has not taken stays in the kernel.
+// The length of the list is unknown: it is sent in chunks, or ends with the connection. A
+// connection that breaks off is reset, so that the kernel keeps no unsent bytes.
 void Connection::beginList(Response response, const EntryWriter& rest) {
     Error error;
     auto& socket = stream_.tcp().socket();
@@ -361,8 +364,8 @@ void Connection::onListSent(Error error, std::size_t) {
     piece ? sendList(framed(*piece, list_->isDone())) : reset();
 }
 
-// Nothing is read any more: that the client is gone shows when it is sent the next heartbeat. What
-// ends is reset, as a stream has no end: nothing that a client has not taken stays in the kernel.
+// From here on nothing is read: a lost client is noticed when the next heartbeat is sent. The
+// stream has no regular end: the connection is reset, so that the kernel keeps no unsent bytes.
 void Connection::beginWatch(const Response& response, const Watch& watch) {
     buffer_.consume(buffer_.size());
     buffer_.shrink_to_fit();

@@ -35,15 +35,15 @@ struct Entry {
 /// What can happen to an entry, but for checks.
 enum class Change { ANNOUNCED, REPLACED, WITHDRAWN, EXPIRED, FORGOTTEN };
 
-/// Whose an entry becomes by a put, and what all entries of that name may take.
+/// The token that puts an entry, and the limits for all entries of that token.
 struct Owner {
-    std::string name{};  ///< empty: nobody's; the limits do not count then
+    std::string name{};  ///< the token's; empty: there is no token, and the limits do not apply
     std::size_t maxEntries = 0;
     std::uint64_t maxBytes = 0;  ///< of paths and services
 };
 
 /// Where the service is reached, as "host:port". "?" stands for a host or a port that it does not
-/// name.
+/// name; a host is cut after 300 bytes.
 std::string addressOf(const nlohmann::json& service);
 
 }  // namespace orvx::registry

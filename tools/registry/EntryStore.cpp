@@ -18,6 +18,7 @@ namespace orvx::registry {
 namespace {
 
 constexpr const char* kNoAddress = "?:?";
+constexpr std::size_t kLongestHost = 300;  // longer than a name in the DNS can be
 
 std::string randomUuid() {
     return to_string(boost::uuids::random_generator()());
@@ -47,8 +48,10 @@ void moveToEnd(Index& index, std::uint64_t& revision, std::uint64_t last, Positi
 std::string addressOf(const nlohmann::json& service) {
     const auto host = service.find("host");
     const auto port = service.find("port");
-    return (host != service.end() && host->is_string() ? host->get<std::string>() : "?") + ':' +
-           (port != service.end() && port->is_number() ? port->dump() : "?");
+    return (host != service.end() && host->is_string()
+                ? host->get_ref<const std::string&>().substr(0, kLongestHost)
+                : "?") +
+           ':' + (port != service.end() && port->is_number() ? port->dump() : "?");
 }
 
 EntryStore::EntryStore(StoreOptions options)
@@ -119,11 +122,11 @@ void EntryStore::requireRoom(const Owner& owner, std::uint64_t bytes, const Entr
     }
     const auto known = usage_.find(owner.name);
     Usage usage = known == usage_.end() ? Usage{} : known->second;
-    if (replaced != nullptr && replaced->owner == owner.name) {
-        --usage.entries;
+    const bool isOwned = replaced != nullptr && replaced->owner == owner.name;
+    if (isOwned) {
         usage.bytes -= bytesOf(*replaced);
     }
-    if (usage.entries >= owner.maxEntries) {
+    if (!isOwned && usage.entries >= owner.maxEntries) {
         throw StoreFull("the token " + owner.name + " is full: it holds " +
                         std::to_string(usage.entries) + " entries");
     }

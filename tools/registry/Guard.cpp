@@ -1,6 +1,6 @@
-// Who may do what: the rate of the address, the token, and what the token may do with the target.
-// An entry is found by its uuid here as in the store, so that the decision is about the entry that
-// is changed; its path never changes.
+// Checks the rate of the address, the token, and the token's rights at the target. An entry is
+// looked up by its uuid, as in the store, so that the check applies to the entry that the request
+// changes. The path of an entry never changes.
 // Entered by the thread that runs the server, or a test's, one at a time.
 // There is no lock.
 
@@ -141,7 +141,7 @@ std::optional<Response> Guard::refuse(const Request& header, const Token& token,
         return unless(token.mayRead, "read");
     }
     if (method != http::verb::head && method != http::verb::delete_) {
-        return std::nullopt;
+        return methodNotAllowed();
     }
     const Entry* const entry = store.find(target.substr(std::min<std::size_t>(target.size(), 1)));
     const bool mayChange =

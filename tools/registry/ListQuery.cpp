@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -52,6 +53,9 @@ std::uint64_t toNumberAfter(std::string_view text, std::string_view instance) {
     const auto number = toNumber<std::uint64_t>(text.substr(dash + 1), kNone);
     if (text.substr(0, dash) != instance) {
         throw UnknownPlace("\"after\" is of another run of the registry: begin anew");
+    }
+    if (number == std::numeric_limits<std::uint64_t>::max()) {
+        throw std::invalid_argument(kNone);  // there is no number after it
     }
     return number;
 }

@@ -77,7 +77,9 @@ class RegistryServer::Impl {
     tcp::endpoint resolve(const RegistryOptions& options) {
         tcp::endpoint endpoint =
             *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
-        const bool isGuarded = !options.tokens.empty() || !options.tls.authority.empty();
+        const bool verifiesClients =
+            !options.tls.certificate.empty() && !options.tls.authority.empty();
+        const bool isGuarded = !options.tokens.empty() || verifiesClients;
         if (!isGuarded && !options.open && !isLoopback(endpoint.address())) {
             throw std::runtime_error(
                 "at " + endpoint.address().to_string() +

@@ -1,5 +1,5 @@
-// The program orvx-registry: options, one line that says where it listens, and a clean end. What it
-// cannot do it says in one line, and ends as orvx-announce does then.
+// The program orvx-registry: reads the options, prints the address, and stops on a signal. A
+// failure is one line on stderr and the exit status 125, as with orvx-announce.
 // The registry runs on a thread of its own, while the main thread waits for a signal. The signals
 // are blocked before that thread starts, so that only sigwait() takes them.
 // There is no lock.
@@ -31,7 +31,8 @@ int fail(const std::string& why) {
     return kOwnFailure;
 }
 
-/// Those that read files again on SIGHUP take it; all others end by it.
+/// Blocks the signals that serve() waits for. SIGHUP is one of them if there are files to read
+/// again; otherwise it ends the process.
 sigset_t prepareSignals(const RegistryOptions& options) {
     std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
     sigset_t signals;
@@ -58,6 +59,14 @@ void serve(const RegistryOptions& options) {
     thread.join();
 }
 
+/// An option for a file that the registry needs. An empty name, such as that of an unset variable,
+/// is refused: it would switch off what the option is for.
+CLI::Option* addFile(CLI::App& app, const char* name, std::string& file, const char* text) {
+    return app.add_option(name, file, text)->check([](const std::string& value) {
+        return std::string(value.empty() ? "the file name is empty" : "");
+    });
+}
+
 void addOptions(CLI::App& app, RegistryOptions& options) {
     app.set_version_flag("--version", "orvx-registry " ORVX_VERSION, "Print the version and end");
     app.add_option("--host", options.host, "Address or name to listen at")->capture_default_str();
@@ -65,15 +74,15 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
         ->capture_default_str();
     app.add_flag("--open", options.open,
                  "Let anybody announce who reaches a host that is not loopback");
-    auto* certificate = app.add_option("--tls-cert", options.tls.certificate,
-                                       "File with the certificate, in PEM: speak TLS only");
-    app.add_option("--tls-key", options.tls.key, "File with its key, if not in the same file")
+    auto* certificate = addFile(app, "--tls-cert", options.tls.certificate,
+                                "File with the certificate, in PEM: speak TLS only");
+    addFile(app, "--tls-key", options.tls.key, "File with its key, if not in the same file")
         ->needs(certificate);
-    app.add_option("--client-ca", options.tls.authority,
-                   "File with the authority of the clients, which must show a certificate")
+    addFile(app, "--client-ca", options.tls.authority,
+            "File with the authority of the clients, which must show a certificate")
         ->needs(certificate);
-    app.add_option("--tokens", options.tokens,
-                   "File with tokens, one JSON object a line; every request needs one");
+    addFile(app, "--tokens", options.tokens,
+            "File with tokens, one JSON object a line; every request needs one");
     app.add_option("--rate", options.rate,
                    "Most requests a second of one client address, 0 for no limit")
         ->check(CLI::Range(0U, 1U << 20U))
@@ -95,8 +104,8 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
     app.add_option_function<std::uint32_t>(
         "--ttl", [&options](std::uint32_t ttl) { options.ttl = std::chrono::seconds(ttl); },
         "Seconds after which an entry that is neither put nor checked expires, 0 for never");
-    app.add_option("--store", options.store, "File that keeps the entries over a restart");
-    app.add_option("--script", options.script, "File with faults, one JSON object a line");
+    addFile(app, "--store", options.store, "File that keeps the entries over a restart");
+    addFile(app, "--script", options.script, "File with faults, one JSON object a line");
     app.add_flag("--admin", options.admin, "Take faults at /-/faults while it runs");
     app.add_option("--log", options.log,
                    "One line for each request, to stdout or appended to that file")
