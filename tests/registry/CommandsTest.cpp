@@ -3,10 +3,18 @@
 // There is no lock.
 
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/wait.h>
 
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/write.hpp>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,7 +27,9 @@
 namespace orvx::registry {
 namespace {
 
+namespace asio = boost::asio;
 namespace http = boost::beast::http;
+using asio::ip::tcp;
 using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -44,6 +54,36 @@ std::string put(const RunningRegistry& registry, const std::string& path,
     const auto response = registry.connect().ask(makeRequest("PUT", path, service));
     return std::string(response[http::field::location]).substr(1);
 }
+
+/// Accepts one connection and answers it with any bytes.
+class FakeServer {
+  public:
+    explicit FakeServer(const char* address)
+        : acceptor_(context_, {asio::ip::make_address(address), 0}) {}
+
+    std::string authority() const {
+        std::ostringstream text;
+        text << acceptor_.local_endpoint();
+        return text.str();
+    }
+
+    /// Returns the header of the request.
+    std::string answer(const std::string& bytes) {
+        pollfd polled{acceptor_.native_handle(), POLLIN, 0};
+        if (::poll(&polled, 1, 10'000) != 1) {
+            throw std::runtime_error("no connection within ten seconds");
+        }
+        tcp::socket socket = acceptor_.accept();
+        std::string request;
+        asio::read_until(socket, asio::dynamic_buffer(request), "\r\n\r\n");
+        asio::write(socket, asio::buffer(bytes));
+        return request;
+    }
+
+  private:
+    asio::io_context context_;
+    tcp::acceptor acceptor_;
+};
 
 constexpr const char* kLamp = R"({"name":"lamp","host":"10.0.0.5","port":80})";
 
@@ -84,6 +124,9 @@ TEST(TheGetCommand, PrintsEntriesAndSaysWhichAreNotThere) {
     EXPECT_EQ(statusOf(missing), 1);
     EXPECT_EQ(json::parse(missing.output).at("path"), "/lamp");
     EXPECT_THAT(missing.errors, HasSubstr("there is no entry \"none\""));
+    const auto empty = run(registry, {"get", ""});
+    EXPECT_EQ(statusOf(empty), 1);
+    EXPECT_THAT(empty.output, IsEmpty());
 }
 
 TEST(TheRmCommand, RemovesEntries) {
@@ -175,6 +218,58 @@ TEST(TheCommands, SpeakTlsAndTrustTheAuthorityThatIsNamedOnly) {
     EXPECT_THAT(untrusted.errors, HasSubstr("certificate verify failed"));
     const auto plain = run(registry, {"list"});
     EXPECT_EQ(statusOf(plain), 125);
+}
+
+TEST(TheCommands, ShowNothingOfAnAnswerThatIsNoJson) {
+    for (const char* command : {"list", "get", "rm"}) {
+        FakeServer server("127.0.0.1");
+        std::vector<std::string> arguments{command, "--registry", "http://" + server.authority()};
+        if (command != std::string("list")) {
+            arguments.push_back("uuid");
+        }
+        RegistryProcess process(arguments);
+        server.answer("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\n{\"\x1b[2J");
+        const auto result = process.wait();
+        EXPECT_EQ(statusOf(result), 125);
+        EXPECT_EQ(result.errors,
+                  "orvx-registry: the registry answers with something that is not JSON\n");
+    }
+    FakeServer server("127.0.0.1");
+    RegistryProcess watch({"watch", "--registry", "http://" + server.authority()});
+    server.answer("HTTP/1.1 200 OK\r\n\r\nevent: put\ndata: {\"\x1b[2J\n\n");
+    const auto result = watch.wait();
+    EXPECT_EQ(statusOf(result), 125);
+    EXPECT_EQ(result.errors,
+              "orvx-registry: the registry answers with something that is not JSON\n");
+}
+
+TEST(TheCommands, EndWithAFailureWhenStdoutCannotBeWritten) {
+    const RunningRegistry registry;
+    const std::string lamp = put(registry, "/lamp", kLamp);
+    for (const std::string& command :
+         {std::string("list"), std::string("watch"), "get " + lamp, "rm " + lamp}) {
+        const auto result =
+            ChildProcess("/bin/sh",
+                         {"-c", "exec \"$0\" " + command + " >/dev/full --registry \"$1\"",
+                          RegistryProcess::path(), urlOf(registry)})
+                .wait();
+        EXPECT_EQ(statusOf(result), 125) << command;
+        EXPECT_EQ(result.errors, "orvx-registry: stdout cannot be written\n") << command;
+    }
+}
+
+TEST(TheCommands, SendTheHostAndThePortOfTheirUrl) {
+    for (const char* address : {"127.0.0.1", "::1"}) {
+        if (address == std::string("::1") &&
+            std::ifstream("/proc/net/if_inet6").peek() == std::ifstream::traits_type::eof()) {
+            GTEST_SKIP() << "this machine has no IPv6";
+        }
+        FakeServer server(address);
+        RegistryProcess list({"list", "--registry", "http://" + server.authority() + '/'});
+        EXPECT_THAT(server.answer("HTTP/1.1 503 \r\nContent-Length: 0\r\n\r\n"),
+                    HasSubstr("\r\nHost: " + server.authority() + "\r\n"));
+        EXPECT_EQ(statusOf(list.wait()), 125);
+    }
 }
 
 TEST(TheCommands, RefuseAnAddressThatIsNone) {

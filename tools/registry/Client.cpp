@@ -1,4 +1,4 @@
-// A client that waits for each step, with a time limit, and tells who asks in words what failed.
+// A blocking client. Each step has a time limit; an exception says what failed.
 // Entered by the thread that asks; there is no other one and no lock.
 
 #include "Client.h"
@@ -82,6 +82,7 @@ void Client::readUrl(const std::string& url) {
     if (!rest.empty() && rest.back() == '/') {
         rest.pop_back();
     }
+    authority_ = rest;
     const auto bracket = rest.find(']');
     const auto colon = rest.find(':', bracket == std::string::npos ? 0 : bracket);
     host_ = rest.substr(0, colon);
@@ -165,7 +166,7 @@ void Client::send(http::verb method, const std::string& target, const std::strin
         connect();
     }
     http::request<http::empty_body> request(method, target, 11);
-    request.set(http::field::host, host_);
+    request.set(http::field::host, authority_);
     request.set(http::field::accept, "application/json");
     if (!authorization_.empty()) {
         request.set(http::field::authorization, authorization_);

@@ -56,6 +56,7 @@ class Client {
     Error await(Start&& start);
     void require(Error error) const;
 
+    std::string authority_{};  // of the URL, as it stands there
     std::string host_{};
     std::string port_{};
     std::string authorization_{};

@@ -12,6 +12,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -38,6 +39,22 @@ struct Arguments {
 
 std::string ascii(const json& value) {
     return value.dump(-1, ' ', true, json::error_handler_t::replace);
+}
+
+/// Throws a std::runtime_error without a byte of the text, which nlohmann's exception would show.
+json parse(std::string_view text) {
+    json value = json::parse(text, nullptr, false);
+    if (value.is_discarded()) {
+        throw std::runtime_error("the registry answers with something that is not JSON");
+    }
+    return value;
+}
+
+/// Throws a std::runtime_error when what was printed so far cannot be written.
+void flushOutput() {
+    if (!std::cout.flush()) {
+        throw std::runtime_error("stdout cannot be written");
+    }
 }
 
 std::string word(const json& object, const char* field) {
@@ -93,15 +110,15 @@ int list(const Arguments& arguments) {
     add("version", arguments.version);
     std::string after;
     do {
-        const json page = json::parse(
+        const json page = parse(
             expectOk(client.ask(http::verb::get, query + (after.empty() ? "" : "&after=" + after)))
                 .body());
         for (const json& entry : page.at("entries")) {
             std::cout << (arguments.asJson ? ascii(entry) : lineOf(entry)) << '\n';
         }
+        flushOutput();
         after = page.value("next", "");
     } while (!after.empty());
-    std::cout << std::flush;
     return 0;
 }
 
@@ -110,34 +127,38 @@ int forEach(const Arguments& arguments, http::verb method) {
     Client client(arguments.client);
     int status = 0;
     for (const std::string& uuid : arguments.uuids) {
-        const Response response = client.ask(method, '/' + escaped(uuid));
+        // Without a uuid the target would be the list.
+        const Response response = uuid.empty() ? Response(http::status::not_found, 11)
+                                               : client.ask(method, '/' + escaped(uuid));
         if (response.result() == http::status::not_found) {
             std::cerr << "orvx-registry: there is no entry " << ascii(uuid) << std::endl;
             status = kNotFound;
             continue;
         }
-        const json entry = json::parse(expectOk(response).body());
+        const json entry = parse(expectOk(response).body());
         const bool isLine = !arguments.asJson && method == http::verb::delete_;
         std::cout << (isLine ? lineOf(entry)
                              : entry.dump(arguments.asJson ? -1 : 2, ' ', true,
                                           json::error_handler_t::replace))
-                  << std::endl;
+                  << '\n';
+        flushOutput();
     }
     return status;
 }
 
 void printEvent(std::string_view name, std::string_view data, bool asJson) {
-    const json value = json::parse(data);
+    const json value = parse(data);
     if (asJson) {
-        std::cout << ascii({{"event", name}, {"data", value}}) << std::endl;
+        std::cout << ascii({{"event", name}, {"data", value}}) << '\n';
     } else if (name == "put") {
-        std::cout << "put      " << lineOf(value) << std::endl;
+        std::cout << "put      " << lineOf(value) << '\n';
     } else if (name == "removed") {
-        std::cout << "removed  " << word(value, "uuid") << std::endl;
+        std::cout << "removed  " << word(value, "uuid") << '\n';
     }
+    flushOutput();
 }
 
-/// Follows for ever, and connects again by itself.
+/// Follows until stdout fails, and connects again by itself.
 [[noreturn]] int watch(const Arguments& arguments) {
     Client client(arguments.client);
     std::string lastId;
@@ -151,7 +172,7 @@ void printEvent(std::string_view name, std::string_view data, bool asJson) {
                 expectOk(*refusal);
             }
         } catch (const std::runtime_error& error) {
-            if (lastId.empty()) {
+            if (lastId.empty() || !std::cout) {
                 throw;
             }
             std::cerr << "orvx-registry: " << error.what() << std::endl;
