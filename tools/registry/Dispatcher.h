@@ -14,18 +14,18 @@
 
 namespace orvx::registry {
 
-/// What is done about a request.
+/// The result of a request.
 struct Reaction {
     std::optional<Response> response;  ///< empty: the connection is reset
     std::chrono::milliseconds delay{0};
-    std::string remark{};  ///< what the log is to say of the request
-    /// Follows the entries: what it has to tell goes behind the response, which has no end.
+    std::string remark{};  ///< an additional field of the log line; may be empty
+    /// The events that follow the header of the response, without end.
     std::optional<Watch> watch{};
-    /// Has what follows the response's body, whose length is not known.
+    /// Writes the remainder of the response's body, whose length is unknown.
     std::optional<EntryWriter> rest{};
 };
 
-/// What a dispatcher allows and writes down.
+/// Options of a dispatcher.
 struct DispatcherOptions {
     bool admin = false;                   ///< whether /-/faults is there
     std::uint32_t requestsPerSecond = 0;  ///< of one client address; 0: no limit

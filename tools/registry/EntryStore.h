@@ -27,7 +27,7 @@ struct StoreOptions {
     std::size_t maxEntries = 100'000;
     std::string file;  ///< keeps the entries over a restart; empty: only in memory
     std::function<std::chrono::steady_clock::time_point()> clock = std::chrono::steady_clock::now;
-    /// Is told each change after it took place, with the entry as it was last.
+    /// Called after each change, with the last state of the entry.
     std::function<void(Change, const Entry&)> listener{};
 };
 

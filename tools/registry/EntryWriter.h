@@ -26,9 +26,9 @@ constexpr std::size_t kLongestLabel = 1'000;
 /// Thread-safety: that of the store.
 class EntryWriter {
   public:
-    /// A piece that is as long is not continued. None is longer than four times as much.
+    /// A piece ends once it has this many bytes. No piece is longer than four times this.
     static constexpr std::size_t kPiece = 8'192;
-    /// How much of services that are not wanted is looked at for one piece.
+    /// How many bytes of services that do not match the query are searched for one piece.
     static constexpr std::size_t kSearch = 262'144;
 
     enum class Format { ENTRIES, TARGET_GROUPS };

@@ -6,14 +6,17 @@
 
 namespace orvx::registry {
 
-/// The path of a request target as everyone must read it: decoded, and without the query and a
-/// slash at its end ("/" becomes an empty text). Empty: it has no such reading. That is a target
-/// that does not begin with a slash; has an empty, `.` or `..` segment, decoded or not, or one that
-/// is so up to its first semicolon; has a backslash or a control character, decoded or not; names a
-/// slash or a percent sign by an escape; has an escape that is none; or is no UTF-8.
+/// The decoded path of a request target, without the query and a final slash ("/" becomes an empty
+/// string). Empty if two readers could understand the target as different paths. Such a target
+/// - does not begin with a slash,
+/// - has a segment that is empty, `.` or `..`, as a whole or up to its first semicolon,
+/// - has a backslash or a control character,
+/// - has an escaped slash or percent sign, or an invalid escape, or
+/// - is not UTF-8.
+/// Segments, backslashes and control characters are examined as they stand and decoded.
 std::optional<std::string> plainPath(std::string_view target);
 
-/// Whether a path is the scope or below it. Both as plainPath() gives them: `/ab` is not below
+/// Whether a path is the scope or below it. Both are results of plainPath(). `/ab` is not below
 /// `/a`.
 bool isWithin(std::string_view path, std::string_view scope);
 
