@@ -45,14 +45,14 @@ class TheContainer : public AnnounceTest {
         }
         return words;
     }
-    /// Runs the container's process 1 with that command. Root needs no user namespace, and may not
-    /// have one inside a chroot.
+    /// Runs the container's process 1 with that command. Inside a chroot, root may have no user
+    /// namespace and needs none, and "/" may be no mount point whose propagation can be changed.
     std::unique_ptr<ChildProcess> run(const Words& command) const {
         const Words entrypoint = json::parse(instruction("ENTRYPOINT"));
         const Words asRoot = ::geteuid() == 0 ? Words{} : Words{"--map-root-user"};
         return std::make_unique<ChildProcess>(
             "/usr/bin/env", environment() + Words{"ORVX_REGISTRY=" + urlOf(registry.port())} +
-                                Words{"unshare"} + asRoot +
+                                Words{"unshare", "--propagation", "unchanged"} + asRoot +
                                 Words{"--pid", "--fork", "--mount-proc", "--kill-child"} +
                                 entrypoint + command);
     }
