@@ -1,4 +1,4 @@
-// A plain socket for tests that must decide about every byte, with Beast's parser for the answers.
+// A plain socket for tests that must decide about every byte.
 // Entered by the one thread that owns the connection.
 // There is no lock.
 
@@ -11,16 +11,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <boost/asio/buffer.hpp>
-#include <boost/beast/http/parser.hpp>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 namespace orvx::registry {
-
-namespace http = boost::beast::http;
 
 namespace {
 
@@ -47,7 +43,7 @@ RawConnection::RawConnection(std::uint16_t port, int receiveBuffer)
 }
 
 RawConnection::RawConnection(RawConnection&& other) noexcept
-    : socket_(std::exchange(other.socket_, -1)), unread_(std::move(other.unread_)) {}
+    : TestConnection(std::move(other)), socket_(std::exchange(other.socket_, -1)) {}
 
 RawConnection::~RawConnection() {
     if (socket_ >= 0) {
@@ -73,41 +69,6 @@ void RawConnection::reset() {
     const linger atOnce{1, 0};
     ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
     ::close(std::exchange(socket_, -1));
-}
-
-RawConnection::Response RawConnection::receive(bool toHead) {
-    http::response_parser<http::string_body> parser;
-    parser.eager(true);
-    parser.skip(toHead);
-    parser.body_limit(64'000'000);
-    while (!parser.is_done()) {
-        boost::system::error_code error;
-        unread_.erase(0, parser.put(boost::asio::buffer(unread_), error));
-        if (error && error != http::error::need_more) {
-            throw std::runtime_error("bad answer: " + error.message());
-        }
-        if (!parser.is_done() && !readMore()) {
-            throw std::runtime_error("the connection ended within an answer");
-        }
-    }
-    return parser.release();
-}
-
-RawConnection::Response RawConnection::ask(const std::string& request) {
-    send(request);
-    return receive(request.rfind("HEAD ", 0) == 0);
-}
-
-std::string RawConnection::readUntil(const std::string& text) {
-    std::size_t at = 0;
-    while ((at = unread_.find(text)) == std::string::npos) {
-        if (!readMore()) {
-            throw std::runtime_error("the connection ended without: " + text);
-        }
-    }
-    std::string bytes = unread_.substr(0, at + text.size());
-    unread_.erase(0, bytes.size());
-    return bytes;
 }
 
 bool RawConnection::isClosedByPeer() {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "ChildProcess.h"
-#include "RawConnection.h"
+#include "TestConnection.h"
 
 namespace orvx::registry {
 
@@ -29,7 +29,7 @@ class Certificates {
 /// seconds.
 ///
 /// Thread-safety: none.
-class TlsConnection {
+class TlsConnection final : public TestConnection {
   public:
     /// `own`: the name of the certificate that is shown; empty: none. Throws a std::runtime_error
     /// when the handshake fails.
@@ -37,10 +37,7 @@ class TlsConnection {
                   const std::string& own = {});
     TlsConnection(TlsConnection&& other) noexcept = default;
 
-    void send(const std::string& bytes);
-    RawConnection::Response receive(bool toHead = false);
-    RawConnection::Response ask(const std::string& request);
-    std::string readUntil(const std::string& text);
+    void send(const std::string& bytes) override;
     /// True when the other side ends the connection without another byte; false when it breaks it.
     bool isClosedByPeer();
 
@@ -49,10 +46,9 @@ class TlsConnection {
         void operator()(SSL* ssl) const;
     };
 
-    bool readMore();
+    bool readMore() override;
 
     std::unique_ptr<SSL, CloseSocket> ssl_;
-    std::string unread_;
 };
 
 }  // namespace orvx::registry
