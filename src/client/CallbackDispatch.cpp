@@ -11,12 +11,20 @@ namespace orvx::serviceregistryclient {
 
 using communication::HttpResponse;
 
-// Throws std::bad_alloc; used for outcomes that are known immediately.
+// This and callCallbackLocked() throw std::bad_alloc; used for outcomes that are known immediately.
 void OrvServiceRegistryClient::callCallback(ResponseCallback callback, const Response& response) {
-    if (!callback) {
-        return;
+    if (callback) {
+        upkeep->queueTask([callback = std::move(callback), response] { callback(*response); });
     }
-    upkeep->queueTask([callback = std::move(callback), response] { callback(*response); });
+}
+
+void OrvServiceRegistryClient::callCallbackLocked(ResponseCallback callback,
+                                                  const Response& response) {
+    if (callback) {
+        Tasks task;
+        task.emplace_back([callback = std::move(callback), response] { callback(*response); });
+        upkeep->queueTasksLocked(std::move(task));
+    }
 }
 
 // Used for outcomes that no other code would report: retries until there is memory. Each step

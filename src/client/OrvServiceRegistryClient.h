@@ -58,9 +58,10 @@ class OrvServiceRegistryContext;
 /// (`handle...Response`).
 ///
 /// Lock rule: `mutex` guards the client's state. The only other lock is that of ClientReference;
-/// the two are never held together. Guarded data is read and changed under `mutex`. User code is
-/// neither called, copied nor destroyed under it: callbacks and listeners are moved or shared
-/// there, and released after unlocking. A log line may be written under it.
+/// the two are never held together. Guarded data is read and changed under `mutex`; the fields of a
+/// record are annotated, so clang checks each access, in every function that shares the record.
+/// User code is neither called, copied nor destroyed under it: callbacks and listeners are moved or
+/// shared there, and released after unlocking. A log line may be written under it.
 ///
 /// Memory: a step of the library's threads under the lock allocates everything before it changes
 /// anything, or can be repeated from its beginning; see retryOnBadAlloc().
@@ -181,7 +182,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     Callbacks recordEntryLocked(RegistrationData& record, RequestContainer& request,
                                 const std::string& uuid, const std::string& location)
         ORVX_REQUIRES(mutex);
-    /// The lock may be held or not: it only adds a timer task.
+    /// Only adds a timer task, so the lock may be held or not.
     void scheduleCheck(std::uint64_t id, const std::shared_ptr<RequestContainer>& request);
 
     // RegistrationFailure.cpp
@@ -231,9 +232,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     static bool isUnregistering(const RegistrationState& state);
 
     // CallbackDispatch.cpp
-    /// Without resilience the lock may be held or not: it only queues a task. With resilience it
-    /// takes the lock.
-    void callCallback(ResponseCallback callback, const Response& response);
+    void callCallback(ResponseCallback callback, const Response& response) ORVX_EXCLUDES(mutex);
+    void callCallbackLocked(ResponseCallback callback, const Response& response)
+        ORVX_REQUIRES(mutex);
     void callCallbacks(Callbacks callbacks, OrvRegistrationResponse::Status status,
                        OrvRegistrationResponse::ErrorCode reason,
                        communication::HttpResponse response) ORVX_EXCLUDES(mutex);

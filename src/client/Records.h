@@ -13,6 +13,10 @@
 #include <utility>
 #include <vector>
 
+/// The lock that guards a record: that of its client. A record does not know its client, so clang
+/// accepts the lock of any client.
+#define ORVX_CLIENT_LOCK &OrvServiceRegistryClient::mutex
+
 namespace orvx::serviceregistryclient {
 
 /// The registry id and the lowest request id of a record.
@@ -68,37 +72,38 @@ class RequestIds {
 /// the description's id and uri, which follow the registry's entry.
 struct OrvServiceRegistryClient::RequestContainer {
     std::shared_ptr<const common::ServiceInfo> serviceInfo;
-    std::shared_ptr<common::ServiceCreate> serviceCreate;
+    std::shared_ptr<common::ServiceCreate> serviceCreate ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     std::shared_ptr<const std::string> uri;
     std::shared_ptr<const std::string> body;
     /// The record that holds this request, while the table holds that record. Maintained by the
     /// table.
-    RegistrationData* record = nullptr;
+    RegistrationData* record ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = nullptr;
 };
 
-/// Callbacks that wait for one outcome.
+/// Callbacks that wait for one outcome. Reached through its record only.
 struct OrvServiceRegistryClient::CallbackList {
     Callbacks callbacks;
     std::uint16_t retryCount = 0;
 };
 
-/// One managed registration. Guarded by the client's lock.
+/// One managed registration.
 struct OrvServiceRegistryClient::RegistrationData {
-    std::shared_ptr<RequestContainer> requestContainer;
-    std::shared_ptr<common::ServiceModel> registryEntry;
+    std::shared_ptr<RequestContainer> requestContainer ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    std::shared_ptr<common::ServiceModel> registryEntry ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// Both are released on the first success.
-    std::unique_ptr<communication::QunaConnectionBackoffSequence> backoffSequence;
-    std::unique_ptr<CallbackList> registerCallbacks;
+    std::unique_ptr<communication::QunaConnectionBackoffSequence> backoffSequence
+        ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    std::unique_ptr<CallbackList> registerCallbacks ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// Set by the first request to withdraw.
-    std::unique_ptr<CallbackList> unregisterCallbacks;
-    RegistrationState state;
-    bool wasRegistered = false;
+    std::unique_ptr<CallbackList> unregisterCallbacks ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    RegistrationState state ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    bool wasRegistered ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// Whether the record is in the index, and the request ids that lead to the record. Maintained
     /// by the table.
-    bool isIndexed = false;
-    RequestIds ids;
-    RegistryIdIndex::iterator place;
-    RegistrationFacts facts;
+    bool isIndexed ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
+    RequestIds ids ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    RegistryIdIndex::iterator place ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    RegistrationFacts facts ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
 
     /// Moves the callbacks out of the list, if there is one.
     static Callbacks take(const std::unique_ptr<CallbackList>& list) {

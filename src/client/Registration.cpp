@@ -150,16 +150,18 @@ std::uint64_t OrvServiceRegistryClient::storeRegistration(
     ResponseCallback callback, UnregisterHandle& handle) {
     const auto retryInterval =
         std::max<std::chrono::milliseconds::rep>(context.getRetryInterval().count(), 0);
-    auto record = std::make_shared<RegistrationData>();
-    record->requestContainer = request;
-    record->backoffSequence = std::make_unique<communication::QunaConnectionBackoffSequence>(
+    auto backoffSequence = std::make_unique<communication::QunaConnectionBackoffSequence>(
         4, static_cast<std::uint64_t>(retryInterval));
-    record->registerCallbacks = std::make_unique<CallbackList>();
-    record->registerCallbacks->callbacks.push_back(std::move(callback));
-    record->state = REGISTERING;
-    record->facts.since = timer.now();
+    auto callbacks = std::make_unique<CallbackList>();
+    callbacks->callbacks.push_back(std::move(callback));
+    const auto record = std::make_shared<RegistrationData>();
 
     const utility::MutexLock lock(mutex);
+    record->requestContainer = request;
+    record->backoffSequence = std::move(backoffSequence);
+    record->registerCallbacks = std::move(callbacks);
+    record->state = REGISTERING;
+    record->facts.since = timer.now();
     request->serviceInfo = mapRegistryCallback->share(serviceInfo);
     const std::uint64_t id = ++lastRequestId;
     handle = makeHandle([id](OrvServiceRegistryClient& client, const ResponseCallback& done) {

@@ -15,58 +15,62 @@ struct OrvServiceRegistryClient::ResilientUpkeep::Waiting {
 
 /// One managed registration.
 struct OrvServiceRegistryClient::ResilientUpkeep::Registration {
-    std::shared_ptr<RequestContainer> request;
-    Entry* entry = nullptr;
-    std::unique_ptr<Waiting> waiting;
-    RegistrationFacts facts;
+    std::shared_ptr<RequestContainer> request ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    Entry* entry ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = nullptr;
+    std::unique_ptr<Waiting> waiting ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    RegistrationFacts facts ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// Whether the registration callback was answered.
-    bool answered = false;
+    bool answered ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// Whether the registration was withdrawn or given up.
-    bool withdrawn = false;
+    bool withdrawn ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// The last value that the status listener received.
-    bool notified = false;
+    bool notified ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
 };
 
 /// The entry that a registry holds under one path, and the registrations that share it.
 struct OrvServiceRegistryClient::ResilientUpkeep::Entry : std::enable_shared_from_this<Entry> {
     explicit Entry(Endpoint& owner);
 
-    Endpoint& endpoint;
+    Endpoint& endpoint ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// By ascending request id. Empty: the entry was split off and is to be deleted.
-    std::vector<Member*> members;
+    std::vector<Member*> members ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// The position in the endpoint's map.
-    Entries::iterator path;
+    Entries::iterator path ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// The uuid while the entry is present, or while that is unknown, if the uuid is known.
-    std::string uuid;
-    Dues::iterator due;
+    std::string uuid ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
+    Dues::iterator due ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// Set while requests fail.
-    std::unique_ptr<communication::QunaConnectionBackoffSequence> backoff;
+    std::unique_ptr<communication::QunaConnectionBackoffSequence> backoff
+        ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// From the last Retry-After.
-    Milliseconds notBefore = Milliseconds::min();
+    Milliseconds notBefore ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Milliseconds::min();
     /// The request id whose description the registry holds; 0 if unknown.
-    std::uint64_t held = 0;
+    std::uint64_t held ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = 0;
     /// The request id whose description the outstanding PUT carries.
-    std::uint64_t sent = 0;
+    std::uint64_t sent ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = 0;
     /// The number of the last request; answers to earlier ones are ignored.
-    std::uint32_t number = 0;
-    Known known = Known::Absent;
-    Request outstanding = Request::None;
+    std::uint32_t number ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = 0;
+    Known known ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Known::Absent;
+    Request outstanding ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Request::None;
     /// Whether other paths lead to this entry, too.
-    bool isMerged = false;
+    bool isMerged ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// Set if all entries were made due while this entry's check was outstanding: if that check
     /// fails, the next one is due soon.
-    bool mustRecheck = false;
+    bool mustRecheck ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
 };
 
 struct OrvServiceRegistryClient::ResilientUpkeep::ByUuid {
     using is_transparent = void;
-    bool operator()(const std::shared_ptr<Entry>& one, const std::shared_ptr<Entry>& other) const {
+    bool operator()(const std::shared_ptr<Entry>& one, const std::shared_ptr<Entry>& other) const
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK) {
         return one->uuid < other->uuid;
     }
-    bool operator()(const std::shared_ptr<Entry>& one, const std::string& uuid) const {
+    bool operator()(const std::shared_ptr<Entry>& one, const std::string& uuid) const
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK) {
         return one->uuid < uuid;
     }
-    bool operator()(const std::string& uuid, const std::shared_ptr<Entry>& one) const {
+    bool operator()(const std::string& uuid, const std::shared_ptr<Entry>& one) const
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK) {
         return uuid < one->uuid;
     }
 };
@@ -74,18 +78,18 @@ struct OrvServiceRegistryClient::ResilientUpkeep::ByUuid {
 /// A registry and its entries.
 struct OrvServiceRegistryClient::ResilientUpkeep::Endpoint {
     /// The endpoint of the first registration.
-    std::shared_ptr<const common::ServiceInfo> info;
+    std::shared_ptr<const common::ServiceInfo> info ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// Several paths may lead to one entry.
-    Entries byPath;
+    Entries byPath ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// The entries that have a uuid.
-    std::set<std::shared_ptr<Entry>, ByUuid> byUuid;
+    std::set<std::shared_ptr<Entry>, ByUuid> byUuid ORVX_GUARDED_BY(ORVX_CLIENT_LOCK);
     /// Until this time all entries are already due or checked.
-    Milliseconds checkAllUntil = Milliseconds::min();
+    Milliseconds checkAllUntil ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Milliseconds::min();
     /// The additional pause before all entries may be made due again.
-    Milliseconds checkAllPause{0};
+    Milliseconds checkAllPause ORVX_GUARDED_BY(ORVX_CLIENT_LOCK){0};
     /// The last time that all entries were made due because the registry answered again.
-    Milliseconds lastRecovery = Milliseconds::min();
-    bool isAnswering = true;
+    Milliseconds lastRecovery ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Milliseconds::min();
+    bool isAnswering ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = true;
 };
 
 inline OrvServiceRegistryClient::ResilientUpkeep::Entry::Entry(Endpoint& owner)

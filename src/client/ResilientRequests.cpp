@@ -71,9 +71,10 @@ OrvServiceRegistryClient::ResilientUpkeep::nextRequest(const Entry& entry) const
 /// The latest registration that is not withdrawn; null if there is none.
 OrvServiceRegistryClient::ResilientUpkeep::Member*
 OrvServiceRegistryClient::ResilientUpkeep::latestWanted(const Entry& entry) {
-    const auto latest =
-        std::find_if(entry.members.rbegin(), entry.members.rend(),
-                     [](const Member* member) { return !member->second.withdrawn; });
+    const auto latest = std::find_if(entry.members.rbegin(), entry.members.rend(),
+                                     [](const Member* member) ORVX_REQUIRES(ORVX_CLIENT_LOCK) {
+                                         return !member->second.withdrawn;
+                                     });
     return latest == entry.members.rend() ? nullptr : *latest;
 }
 

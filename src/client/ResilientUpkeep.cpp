@@ -228,7 +228,6 @@ void OrvServiceRegistryClient::ResilientUpkeep::queueTask(std::function<void()> 
 }
 
 void OrvServiceRegistryClient::ResilientUpkeep::queueTasksLocked(Tasks tasks) {
-    lockIsHeld();
     Tasks runs;
     for (std::size_t i = 0; i < tasks.size(); ++i) {
         runs.emplace_back([this] { runFirstTask(); });

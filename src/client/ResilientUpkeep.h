@@ -59,7 +59,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     void start() override;
     void stop() override;
     void queueTask(std::function<void()> task) override;
-    void queueTasksLocked(Tasks tasks) override;
+    void queueTasksLocked(Tasks tasks) ORVX_REQUIRES(ORVX_CLIENT_LOCK) override;
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() override;
     std::vector<RegistrationStatus> statuses() override;
     std::vector<std::string> withdrawWithin(Milliseconds bound) override;
@@ -131,9 +131,9 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     void wantedChangedLocked(Entry& entry) ORVX_REQUIRES(client_.mutex);
     void reconcileLocked(Entry& entry, const HttpResponse* reason = nullptr)
         ORVX_REQUIRES(client_.mutex);
-    Request nextRequest(const Entry& entry) const;
+    Request nextRequest(const Entry& entry) const ORVX_REQUIRES(client_.mutex);
     void sendLocked(Entry& entry, Request request) ORVX_REQUIRES(client_.mutex);
-    static Member* latestWanted(const Entry& entry);
+    static Member* latestWanted(const Entry& entry) ORVX_REQUIRES(ORVX_CLIENT_LOCK);
 
     // ResilientAnnouncing.cpp
     void handlePut(const std::shared_ptr<Entry>& entry, std::uint32_t number,

@@ -17,7 +17,7 @@ class OrvServiceRegistryClient::SpecifiedUpkeep final : public Upkeep {
     void start() override {}
     void stop() override {}
     void queueTask(std::function<void()> task) override;
-    void queueTasksLocked(Tasks tasks) override;
+    void queueTasksLocked(Tasks tasks) ORVX_REQUIRES(ORVX_CLIENT_LOCK) override;
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() override;
     std::vector<RegistrationStatus> statuses() override;
     std::vector<std::string> withdrawWithin(std::chrono::milliseconds bound) override;

@@ -45,15 +45,15 @@ void OrvServiceRegistryClient::internal_unregisterFromRegistry(const std::uint64
             logger->logWarning(false)
                 << "Trying to unregister a service that is not registered (anymore). Ignore. id="
                 << id;
-            callCallback(waiting,
-                         answer(OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
+            callCallbackLocked(waiting,
+                               answer(OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE));
             return;
         }
         if (RegistrationTable::registryIdOf(*record->requestContainer).empty()) {
             logger->logWarning(false)
                 << "Trying to unregister a service that is not registered yet. Ignore. id=" << id;
-            callCallback(waiting, answer(OrvRegistrationResponse::ERROR,
-                                         OrvRegistrationResponse::SERVICE_NOT_FOUND));
+            callCallbackLocked(waiting, answer(OrvRegistrationResponse::ERROR,
+                                               OrvRegistrationResponse::SERVICE_NOT_FOUND));
             return;
         }
         if (!record->unregisterCallbacks) {
@@ -141,6 +141,7 @@ void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint6
         }
         empty.notify_all();
         record->ids.forEach([&](std::uint64_t one) {
+            Upkeep::lockIsHeld();
             upkeep->reportLocked(one, *record->requestContainer, record->facts,
                                  RegistrationEvent::Kind::Withdrawn);
         });

@@ -38,7 +38,7 @@ class OrvServiceRegistryClient::Upkeep {
     virtual void stop() = 0;
     /// Queues user code for the callback executor.
     virtual void queueTask(std::function<void()> task) = 0;
-    virtual void queueTasksLocked(Tasks tasks) = 0;
+    virtual void queueTasksLocked(Tasks tasks) ORVX_REQUIRES(ORVX_CLIENT_LOCK) = 0;
 
     /// The description of each registration.
     virtual std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> descriptions() = 0;
@@ -56,19 +56,25 @@ class OrvServiceRegistryClient::Upkeep {
         const common::ServiceInfo& registry, const ServiceSet& services) = 0;
     virtual std::pair<bool, ServiceResponses> withdrawAllAndWait() = 0;
 
+    /// Tells clang, inside a lambda, that the function around it holds the lock.
+    static void lockIsHeld() ORVX_ANNOTATION(assert_capability(ORVX_CLIENT_LOCK)) {}
+
     // Reporting of status and events, for both sets of rules: RegistrationFacts.cpp. The client's
-    // members call these operations under their lock; clang cannot see that it is the lock of
-    // client_.
+    // members call these operations under their lock.
 
     /// Records that a request about the registration succeeded.
-    void succeedLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts);
+    void succeedLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts)
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK);
     void failLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts,
-                    std::shared_ptr<const RegistrationFacts::Failure> failure);
+                    std::shared_ptr<const RegistrationFacts::Failure> failure)
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK);
     /// Enters the state, and reports the event if the state has changed.
     void enterLocked(std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts,
-                     RegistrationStatus::State state, RegistrationEvent::Kind event);
+                     RegistrationStatus::State state, RegistrationEvent::Kind event)
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK);
     void reportLocked(std::uint64_t id, const RequestContainer& request,
-                      const RegistrationFacts& facts, RegistrationEvent::Kind event);
+                      const RegistrationFacts& facts, RegistrationEvent::Kind event)
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK);
 
   protected:
     /// The timer's clock and the system's clock at the same moment.
@@ -81,11 +87,10 @@ class OrvServiceRegistryClient::Upkeep {
         std::chrono::time_point<std::chrono::system_clock, std::chrono::milliseconds> system;
     };
     Clocks readClocks() const;
-    /// Tells clang that the caller holds the lock.
-    void lockIsHeld() const ORVX_ANNOTATION(assert_capability(client_.mutex)) {}
     std::chrono::milliseconds now() const { return client_.timer.now(); }
     RegistrationStatus statusLocked(std::uint64_t id, const RequestContainer& request,
-                                    const RegistrationFacts& facts, const Clocks& clocks) const;
+                                    const RegistrationFacts& facts, const Clocks& clocks) const
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK);
 
     OrvServiceRegistryClient& client_;
 };

@@ -270,10 +270,9 @@ class Pair {
     std::vector<std::string> table() {
         const ClientTestAccess access(client());
         std::vector<std::string> rows{"check " + std::to_string(access.checkState())};
-        for (const std::uint64_t id : access.ids()) {
+        for (const auto& [id, service] : access.services()) {
             rows.push_back(std::to_string(id) + " state " + std::to_string(access.state(id)) +
-                           " id '" + access.service(id)->getId() + "' uri " +
-                           access.service(id)->getUri());
+                           " id '" + service->getId() + "' uri " + service->getUri());
         }
         return rows;
     }

@@ -89,13 +89,7 @@ ClientTestAccess Announcer::access() {
 }
 
 std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> Announcer::held() {
-    std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> held;
-    for (const std::uint64_t id : access().ids()) {
-        if (const auto record = access().record(id)) {
-            held.emplace(id, record->requestContainer->serviceCreate);
-        }
-    }
-    return held;
+    return access().services();
 }
 
 std::size_t Announcer::heldCount() {

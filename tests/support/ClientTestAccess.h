@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <future>
+#include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -23,24 +25,53 @@ class ClientTestAccess {
 
     // State.
 
-    std::vector<std::uint64_t> ids() const {
-        const utility::MutexLock lock(client_.mutex);
-        std::vector<std::uint64_t> ids;
-        for (const auto& [id, record] : *client_.mapRegistryCallback) {
-            ids.push_back(id);
-        }
-        return ids;
+    std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> services() const {
+        return client_.snapshot();
     }
-    std::shared_ptr<Client::RegistrationData> record(std::uint64_t id) const {
+    // These throw std::out_of_range for an unknown id.
+    Request request(std::uint64_t id) const {
+        const utility::MutexLock lock(client_.mutex);
+        return existingLocked(id).requestContainer;
+    }
+    std::shared_ptr<common::ServiceCreate> service(std::uint64_t id) const {
+        const utility::MutexLock lock(client_.mutex);
+        return existingLocked(id).requestContainer->serviceCreate;
+    }
+    std::uint32_t state(std::uint64_t id) const { return copyOf(id).state; }
+    void setState(std::uint64_t id, std::uint32_t state) {
+        const utility::MutexLock lock(client_.mutex);
+        existingLocked(id).state = state;
+    }
+    /// A copy of fields of a record. A list of callbacks is absent or has a size.
+    struct Fields {
+        std::uint32_t state;
+        std::optional<std::size_t> registerCallbacks;
+        std::optional<std::size_t> unregisterCallbacks;
+        std::uint16_t retryCount;
+        bool wasRegistered;
+        bool hasBackoffSequence;
+        bool hasRegistryEntry;
+    };
+    Fields copyOf(std::uint64_t id) const {
+        const utility::MutexLock lock(client_.mutex);
+        const Client::RegistrationData& record = existingLocked(id);
+        return {record.state,
+                sizeOf(record.registerCallbacks.get()),
+                sizeOf(record.unregisterCallbacks.get()),
+                record.registerCallbacks ? record.registerCallbacks->retryCount : std::uint16_t{0},
+                record.wasRegistered,
+                record.backoffSequence != nullptr,
+                record.registryEntry != nullptr};
+    }
+    void addRegisterCallback(std::uint64_t id, Client::ResponseCallback callback) {
+        const utility::MutexLock lock(client_.mutex);
+        existingLocked(id).registerCallbacks->callbacks.push_back(std::move(callback));
+    }
+    /// Expires when the record is destroyed.
+    std::weak_ptr<const void> lifetimeOf(std::uint64_t id) const {
         const utility::MutexLock lock(client_.mutex);
         return client_.mapRegistryCallback->find(id);
     }
-    // These throw std::out_of_range for an unknown id.
-    std::shared_ptr<common::ServiceCreate> service(std::uint64_t id) const {
-        return existing(id)->requestContainer->serviceCreate;
-    }
-    std::uint32_t state(std::uint64_t id) const { return existing(id)->state; }
-    void setState(std::uint64_t id, std::uint32_t state) { existing(id)->state = state; }
     std::uint64_t lastRequestId() const {
         const utility::MutexLock lock(client_.mutex);
         return client_.lastRequestId;
@@ -138,9 +169,12 @@ class ClientTestAccess {
     }
 
   private:
-    std::shared_ptr<Client::RegistrationData> existing(std::uint64_t id) const {
-        const auto found = record(id);
-        return found ? found : throw std::out_of_range("no registration " + std::to_string(id));
+    Client::RegistrationData& existingLocked(std::uint64_t id) const ORVX_REQUIRES(client_.mutex) {
+        const auto found = client_.mapRegistryCallback->find(id);
+        return found ? *found : throw std::out_of_range("no registration " + std::to_string(id));
+    }
+    static std::optional<std::size_t> sizeOf(const Client::CallbackList* list) {
+        return list != nullptr ? std::optional(list->callbacks.size()) : std::nullopt;
     }
 
     Client& client_;

@@ -61,6 +61,7 @@ class ClientTest : public ::testing::Test {
     using Milliseconds = std::chrono::milliseconds;
     using Seconds = std::chrono::seconds;
     using Handle = IOrvServiceRegistryClient::UnregisterHandle;
+    using State = RegistrationStatus::State;
 
     ClientTest() { context.setLoggerFactory(log); }
 
@@ -69,6 +70,21 @@ class ClientTest : public ::testing::Test {
         return dynamic_cast<OrvServiceRegistryClient&>(*context.getServiceRegistryClient());
     }
     ClientTestAccess access() { return ClientTestAccess(client()); }
+    ClientTestAccess::Request request(std::uint64_t id) { return access().request(id); }
+    /// The public status of a registration. Throws std::out_of_range for an unknown id.
+    RegistrationStatus statusOf(std::uint64_t id) const {
+        for (const RegistrationStatus& registration : context.getRegistrations()) {
+            if (registration.requestId == id) {
+                return registration;
+            }
+        }
+        throw std::out_of_range("no registration " + std::to_string(id));
+    }
+    RegistrationStatus::State stateOf(std::uint64_t id) const { return statusOf(id).state; }
+    std::string uuidOf(std::uint64_t id) const { return statusOf(id).uuid; }
+    /// The name in the record that the id leads to. The ids of merged registrations lead to one
+    /// record, with the name of the first.
+    std::string nameOf(std::uint64_t id) const { return statusOf(id).name; }
     /// The request ids of all registrations.
     std::vector<std::uint64_t> registrationIds() const {
         std::vector<std::uint64_t> ids;

@@ -11,6 +11,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Key;
 using ::testing::Pair;
 
 class Factory : public ClientTest {};
@@ -23,7 +24,7 @@ TEST_F(Factory, MakesANewSeparateClientWithEachCall) {
     for (const auto& client : {first.get(), second.get()}) {
         client->registerServiceAtRegistry(registry, service("echo"), record("echo"));
         ClientTestAccess clientAccess(dynamic_cast<OrvServiceRegistryClient&>(*client));
-        EXPECT_THAT(clientAccess.ids(), ElementsAre(1));
+        EXPECT_THAT(clientAccess.services(), ElementsAre(Key(1)));
     }
     EXPECT_EQ(world.outstandingRequests(), 2U);
     second.reset();

@@ -70,9 +70,8 @@ TEST_F(LockRule, HoldsForARecordThatIsReplacedWithWithdrawalsWaiting) {
     registered("first", "abc");
     const Handle handle = registered("second", "def");
     handle(probe());
-    const auto request = access().record(2)->requestContainer;
-    access().handlePut(2, request, answer(201, location("/abc")));
-    EXPECT_EQ(access().record(2), access().record(1));
+    access().handlePut(2, request(2), answer(201, location("/abc")));
+    EXPECT_EQ(nameOf(2), "first");
     world.settle();
     EXPECT_EQ(count.use_count(), 1);
 }
@@ -96,7 +95,7 @@ TEST_F(LockRule, HoldsForAWithdrawalThatEndsWithAFailedRegistration) {
     start();
     const Handle handle = registered("echo", "abc");
     handle(probe());
-    access().handlePutError(1, access().record(1)->requestContainer, answer(500));
+    access().handlePutError(1, request(1), answer(500));
     expectCalls(1);
 }
 
@@ -108,7 +107,7 @@ TEST_F(LockRule, HoldsForCallbacksThatAStopDrops) {
     EXPECT_EQ(count->called, 0);
     EXPECT_EQ(count.use_count(), 2) << "the waiting registration's";
     next("PUT");
-    access().handlePutError(1, access().record(1)->requestContainer, answer(400));
+    access().handlePutError(1, request(1), answer(400));
     client().init();
     expectCalls(1);
 }

@@ -1,7 +1,6 @@
 // Two request ids that lead to one record, since the registry gave both the same entry: their
 // withdrawal, their checks, and what follows when the entry is lost.
 #include "ClientTest.h"
-#include "States.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -112,8 +111,8 @@ TEST_F(MergedRegistration, StaysForBothWhenItsWithdrawalIsRefused) {
     EXPECT_THAT(takeOutcomes(),
                 ElementsAre(Outcome{"second", "ERROR", "SERVICE_REGISTRY_ERROR", 409},
                             Outcome{"first", "ERROR", "SERVICE_REGISTRY_ERROR", 409}));
-    EXPECT_EQ(access().record(1), access().record(2));
-    EXPECT_EQ(access().state(2), state::registered);
+    EXPECT_EQ(nameOf(2), "first");
+    EXPECT_EQ(stateOf(2), State::Announced);
 }
 
 TEST_F(MergedRegistration, JoinsARecordThatIsBeingWithdrawn) {
@@ -151,15 +150,15 @@ TEST_F(MergedRegistration, IsRegisteredAgainWithTheRequestOfTheOneThatIsLost) {
     merge();
     simulation::Request put = loseSecond();
     EXPECT_EQ(put.path(), "/second");
-    EXPECT_EQ(access().state(1), state::reregistering) << "they share it";
+    EXPECT_EQ(stateOf(1), State::Lost) << "they share it";
     world.settle();
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"second", "", false}));
     EXPECT_THAT(log->takeLines(), ElementsAre(info("automatic re-register with request: /second")));
-    EXPECT_EQ(access().service(2)->getId(), "abc") << "the record keeps its own description";
+    EXPECT_EQ(uuidOf(2), "abc") << "the record keeps its own description";
 
     put.answer(201, location("/def"));
     world.settle();
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"second", "def", true}));
     EXPECT_THAT(outcomes, IsEmpty());
     world.advance(Seconds(10));
@@ -210,14 +209,14 @@ TEST_F(MergedRegistration, IsWithdrawnThroughTheOtherOneDuringANewRegistration) 
     simulation::Request put = loseSecond();
     forgetThePast();
     withdrawFirst(record("withdrawal"));
-    EXPECT_EQ(access().state(1), state::unregistering);
+    EXPECT_EQ(stateOf(1), State::Withdrawing);
     simulation::Request request = next("DELETE");
     EXPECT_EQ(request.path(), "/abc");
 
     put.answer(201, location("/def"));
     world.settle();
-    EXPECT_EQ(access().state(1), state::unregistering) << "the answer asks for the withdrawal too";
-    EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 2U);
+    EXPECT_EQ(stateOf(1), State::Withdrawing) << "the answer asks for the withdrawal too";
+    EXPECT_EQ(access().copyOf(1).unregisterCallbacks, 2U);
     EXPECT_EQ(world.requestsToTake(), 0U) << "which is out already";
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty());

@@ -82,7 +82,7 @@ TEST_F(RegistrationAnswer, GivesTheUuidAfterTheLastSlashOfTheLocation) {
         answerPut(201, location(value));
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
         EXPECT_TRUE(access().service(++id)->hasId());
-        EXPECT_EQ(access().service(id)->getId(), uuid);
+        EXPECT_EQ(uuidOf(id), uuid);
         EXPECT_EQ(access().service(id)->getUri(), value);
     }
     EXPECT_THAT(log->takeLines(), IsEmpty());
@@ -91,12 +91,12 @@ TEST_F(RegistrationAnswer, GivesTheUuidAfterTheLastSlashOfTheLocation) {
 TEST_F(RegistrationAnswer, EndsTheFirstRegistrationForGood) {
     start();
     const Handle handle = registered("echo", "abc");
-    const auto record = access().record(1);
-    EXPECT_EQ(record->state, state::registered);
-    EXPECT_TRUE(record->wasRegistered);
-    EXPECT_EQ(record->backoffSequence, nullptr);
-    EXPECT_EQ(record->registerCallbacks, nullptr);
-    EXPECT_EQ(*record->requestContainer->uri, "/echo");
+    const auto record = access().copyOf(1);
+    EXPECT_EQ(record.state, state::registered);
+    EXPECT_TRUE(record.wasRegistered);
+    EXPECT_FALSE(record.hasBackoffSequence);
+    EXPECT_EQ(record.registerCallbacks, std::nullopt);
+    EXPECT_EQ(statusOf(1).uri, "/echo");
 }
 
 TEST_F(RegistrationAnswer, TellsTheListenerFirstAndThenTheCallbacksInTheirOrder) {
@@ -108,8 +108,7 @@ TEST_F(RegistrationAnswer, TellsTheListenerFirstAndThenTheCallbacksInTheirOrder)
     });
     client().registerServiceAtRegistry(registry, service("echo"),
                                        [&](const auto&) { told.push_back("first"); });
-    access().record(1)->registerCallbacks->callbacks.push_back(
-        [&](const auto&) { told.push_back("second"); });
+    access().addRegisterCallback(1, [&](const auto&) { told.push_back("second"); });
     next("PUT").answer(201, location("/abc"));
     EXPECT_THAT(told, IsEmpty());
     world.settle();
@@ -123,7 +122,7 @@ TEST_F(RegistrationAnswer, IsSharedByTheCallbacksAsACopyOfWhatCame) {
         answers.push_back(response.httpResponse);
     };
     client().registerServiceAtRegistry(registry, service("echo"), keep);
-    access().record(1)->registerCallbacks->callbacks.push_back(keep);
+    access().addRegisterCallback(1, keep);
     next("PUT").answer(201, location("/abc"), "body");
     world.settle();
     ASSERT_EQ(answers.size(), 2U);
@@ -144,7 +143,7 @@ TEST_F(RegistrationAnswer, OfALostServiceTellsTheListenerButNoCallback) {
     world.settle();
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "def", true}));
     EXPECT_THAT(takeOutcomes(), IsEmpty());
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_EQ(access().service(1)->getUri(), "/entries/def");
 }
 
@@ -201,7 +200,7 @@ TEST_F(RegistrationAnswer, ForAnIdThatIsGoneIsOnlyLogged) {
     client().addServiceRegisterStatusListener(listen());
     registerService("echo");
     simulation::Request put = next("PUT");
-    const auto request = access().record(1)->requestContainer;
+    const auto description = access().service(1);
     ClientTestAccess::Callbacks dropped;
     access().deleteEntries(1, dropped);
     world.settle();
@@ -214,7 +213,7 @@ TEST_F(RegistrationAnswer, ForAnIdThatIsGoneIsOnlyLogged) {
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
-    EXPECT_FALSE(request->serviceCreate->hasId());
+    EXPECT_FALSE(description->hasId());
 }
 
 TEST_F(RegistrationAnswer, ToAServiceBeingWithdrawnWithdrawsItAndTellsNobody) {
@@ -231,9 +230,10 @@ TEST_F(RegistrationAnswer, ToAServiceBeingWithdrawnWithdrawsItAndTellsNobody) {
         EXPECT_THAT(outcomes, IsEmpty());
         EXPECT_THAT(notifications, IsEmpty());
         EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
-        EXPECT_EQ(access().state(1), withdrawing);
-        EXPECT_FALSE(access().record(1)->wasRegistered);
-        EXPECT_EQ(access().record(1)->registerCallbacks->callbacks.size(), 1U);
+        const auto record = access().copyOf(1);
+        EXPECT_EQ(record.state, withdrawing);
+        EXPECT_FALSE(record.wasRegistered);
+        EXPECT_EQ(record.registerCallbacks, 1U);
         context.deinit();
     }
 }
@@ -242,9 +242,9 @@ TEST_F(RegistrationAnswer, ToAServiceWhoseDeleteIsOutWaitsForThatDelete) {
     start();
     const Handle handle = registered("echo", "abc");
     handle(record("withdrawal"));
-    access().handlePut(1, access().record(1)->requestContainer, answer(201, location("/def")));
-    EXPECT_EQ(access().service(1)->getId(), "abc");
-    EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 2U);
+    access().handlePut(1, request(1), answer(201, location("/def")));
+    EXPECT_EQ(uuidOf(1), "abc");
+    EXPECT_EQ(access().copyOf(1).unregisterCallbacks, 2U);
     takeOutcomes();
     next("DELETE").answer(200);
     world.settle();

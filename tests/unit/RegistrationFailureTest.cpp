@@ -44,7 +44,7 @@ TEST_F(RegistrationFailure, IsToldToEveryCallbackInOrderWithTheSharedAnswer) {
         };
     };
     client().registerServiceAtRegistry(registry, service("echo"), keep("first"));
-    access().record(1)->registerCallbacks->callbacks.push_back(keep("second"));
+    access().addRegisterCallback(1, keep("second"));
     next("PUT").answer(400, "X-Reason: none\r\n", "bad");
     EXPECT_THAT(told, IsEmpty());
     world.settle();
@@ -146,7 +146,7 @@ TEST_F(RegistrationFailure, OfALostServiceIsTriedAgainEveryCheckIntervalWhatever
         }
         EXPECT_THAT(log->takeLines(), ElementsAre(info("re-register request: /echo")));
         EXPECT_THAT(world.takeAddedDelays(), ElementsAre(4000ms));
-        EXPECT_EQ(access().state(1), state::reregistering);
+        EXPECT_EQ(stateOf(1), State::Lost);
         world.advance(3999ms);
         EXPECT_EQ(world.requestsToTake(), 0U);
         world.advance(1ms);
@@ -163,7 +163,7 @@ TEST_F(RegistrationFailure, OfALostServiceThatSucceedsLaterIsForgotten) {
     world.advance(10s);
     next("PUT").answer(200, location("/def"));
     world.settle();
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "def", true}));
     EXPECT_THAT(takeOutcomes(), IsEmpty());
 }
@@ -173,7 +173,7 @@ TEST_F(RegistrationFailure, OfALostServiceHandsTheLargestIntervalToTheTimerWitho
     start();
     registered("echo", "abc");
     world.takeAddedDelays();
-    access().handlePutError(1, access().record(1)->requestContainer, answer(500));
+    access().handlePutError(1, request(1), answer(500));
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds::max()));
 }
 
@@ -197,7 +197,7 @@ TEST_F(RegistrationFailure, OfALostServiceBeingWithdrawnCompletesTheWithdrawal) 
         handle(record("second"));
         access().setState(1, withdrawing);
         forgetThePast();
-        access().handlePutError(1, access().record(1)->requestContainer, answer(500, "", "body"));
+        access().handlePutError(1, request(1), answer(500, "", "body"));
         EXPECT_THAT(registrationIds(), IsEmpty());
         world.settle();
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"first", "OK", "NONE", 500},

@@ -1,5 +1,7 @@
-// The table of registrations against a naive model that walks it.
+// The table of registrations against a naive model that walks it. There is no client, so the
+// annotations are told that its lock is held.
 #include "RegistrationTable.h"
+#include "Upkeep.h"
 
 #include <orvx/common/XObject.h>
 
@@ -17,6 +19,7 @@ using Record = Client::RegistrationTable::Record;
 using Request = std::shared_ptr<Client::RequestContainer>;
 
 Record newRecord() {
+    Client::Upkeep::lockIsHeld();
     auto record = std::make_shared<Client::RegistrationData>();
     record->requestContainer = std::make_shared<Client::RequestContainer>();
     record->requestContainer->serviceCreate =
@@ -47,6 +50,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
     }
 
     void expectSame() {
+        Client::Upkeep::lockIsHeld();
         EXPECT_TRUE(std::equal(model_.begin(), model_.end(), table_.begin(), table_.end()));
         const std::uint64_t id = number(lastId_ + 2);
         const auto found = model_.find(id);
@@ -59,6 +63,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
   private:
     /// The lowest id whose description has this registry id.
     Record walk(const std::string& registryId) const {
+        Client::Upkeep::lockIsHeld();
         for (const auto& [id, record] : model_) {
             const common::ServiceCreate& service = *record->requestContainer->serviceCreate;
             if (service.hasId() && service.getId() == registryId) {
@@ -69,6 +74,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
     }
 
     void insert() {
+        Client::Upkeep::lockIsHeld();
         if (model_.size() == 12) {
             return;
         }
@@ -79,6 +85,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
     }
     /// To the record of an entry, as an answer does it, or to any.
     void redirect() {
+        Client::Upkeep::lockIsHeld();
         if (model_.empty()) {
             return;
         }
@@ -91,6 +98,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
         EXPECT_EQ(table_.redirect(id, target), before);
     }
     void erase() {
+        Client::Upkeep::lockIsHeld();
         if (!model_.empty()) {
             const std::uint64_t id = anyId();
             table_.erase(id);
@@ -98,6 +106,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
         }
     }
     void eraseAll() {
+        Client::Upkeep::lockIsHeld();
         if (model_.empty()) {
             return;
         }
@@ -109,6 +118,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
     }
     /// Through a request id that is there: its own request may be another record's by now.
     void setRegistryEntry() {
+        Client::Upkeep::lockIsHeld();
         if (requests_.empty()) {
             return;
         }
@@ -141,6 +151,7 @@ TEST_P(RegistrationTable, SaysWhatAWalkOverItWouldSay) {
 }
 
 TEST(TheRegistrationTable, KeepsOneCopyOfAnEndpointForRegistrationsInARow) {
+    Client::Upkeep::lockIsHeld();
     Client::RegistrationTable table;
     const common::ServiceInfo one("registry", "a", 80);
     const auto shared = table.share(one);

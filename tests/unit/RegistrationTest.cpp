@@ -46,7 +46,7 @@ TEST_F(Registration, SendsThePutAndReportsTheEntry) {
     EXPECT_THAT(outcomes, IsEmpty()) << "never on the thread that brings the answer";
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
-    EXPECT_EQ(access().service(1)->getId(), "abc");
+    EXPECT_EQ(uuidOf(1), "abc");
     EXPECT_EQ(access().service(1)->getUri(), "/entries/abc");
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
@@ -54,27 +54,25 @@ TEST_F(Registration, SendsThePutAndReportsTheEntry) {
 TEST_F(Registration, LeavesARecordThatWaitsForTheFirstAnswer) {
     start();
     registerDescription(fullService());
-    const auto record = access().record(1);
-    EXPECT_EQ(record->state, state::registering);
-    EXPECT_FALSE(record->wasRegistered);
-    EXPECT_EQ(record->registerCallbacks->callbacks.size(), 1U);
-    EXPECT_EQ(record->registerCallbacks->retryCount, 0);
-    EXPECT_EQ(record->unregisterCallbacks, nullptr);
-    EXPECT_EQ(record->registryEntry, nullptr);
-    EXPECT_NE(record->backoffSequence, nullptr);
-    EXPECT_EQ(record->requestContainer->serviceInfo->getKey(), registry.getKey());
-    EXPECT_EQ(*record->requestContainer->uri, "/own/path");
-    EXPECT_EQ(*record->requestContainer->body, next("PUT").body());
+    const auto record = access().copyOf(1);
+    EXPECT_EQ(record.state, state::registering);
+    EXPECT_FALSE(record.wasRegistered);
+    EXPECT_EQ(record.registerCallbacks, 1U);
+    EXPECT_EQ(record.retryCount, 0);
+    EXPECT_EQ(record.unregisterCallbacks, std::nullopt);
+    EXPECT_FALSE(record.hasRegistryEntry);
+    EXPECT_TRUE(record.hasBackoffSequence);
+    EXPECT_EQ(statusOf(1).endpoint, registry.getKey());
+    EXPECT_EQ(statusOf(1).uri, "/own/path");
+    EXPECT_EQ(*request(1)->body, next("PUT").body());
 }
 
 TEST_F(Registration, OfTheSameDescriptionTwiceMakesTwoEntries) {
     start();
     const auto description = service("echo");
-    EXPECT_EQ(access().lastRequestId(), 0U);
     registerDescription(description);
     registerDescription(description);
     EXPECT_THAT(registrationIds(), ElementsAre(1, 2));
-    EXPECT_NE(access().record(1), access().record(2));
     EXPECT_NE(access().service(1), access().service(2));
     EXPECT_EQ(next("PUT").body(), next("PUT").body());
 }
@@ -137,7 +135,7 @@ TEST_F(Registration, NeverChangesTheCallersDescription) {
     next("PUT").answer(201, location("/def"));
     world.settle();
     EXPECT_EQ(json(*description), before);
-    EXPECT_EQ(access().service(1)->getId(), "def");
+    EXPECT_EQ(uuidOf(1), "def");
 }
 
 TEST_F(Registration, IsNotTouchedByWhatTheCallerDoesWithTheDescriptionLater) {
@@ -162,7 +160,7 @@ TEST_F(Registration, KeepsItsOwnCopyOfTheRegistrysEndpoint) {
     client().registerServiceAtRegistry(*endpoint, service("echo"), record("echo"));
     endpoint.reset();
     EXPECT_EQ(next("PUT").host(), "127.0.0.9");
-    access().sendPut(1, access().record(1)->requestContainer);
+    access().sendPut(1, request(1));
     EXPECT_EQ(next("PUT").port(), 9999);
 }
 
@@ -183,8 +181,7 @@ TEST_F(Registration, GivesAHandleThatWithdrawsTheService) {
 TEST_F(Registration, DoesNotSendAgainWhatHasLeftTheTable) {
     start();
     registered("echo", "abc");
-    const auto request = access().record(1)->requestContainer;
-    access().sendPut(7, request);
+    access().sendPut(7, request(1));
     EXPECT_THAT(log->takeLines(),
                 ElementsAre(warning(
                     "sendPutRequest called but id not found in mapRegistryCallback. id=7")));
@@ -196,12 +193,12 @@ TEST_F(Registration, DoesNotSendAgainAfterDeinit) {
     registered("echo", "abc");
     takeOutcomes();
     client().deinit();
-    access().sendPut(1, access().record(1)->requestContainer);
-    access().sendPut(7, access().record(1)->requestContainer);
+    access().sendPut(1, request(1));
+    access().sendPut(7, request(1));
     EXPECT_EQ(world.requestsToTake(), 0U);
     EXPECT_EQ(world.queuedTasks(), 0U);
     EXPECT_THAT(log->takeLines(), IsEmpty());
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
 }
 
 }  // namespace

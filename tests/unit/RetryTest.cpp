@@ -1,7 +1,6 @@
 // The answer to a PUT that is no success: retry, give up, or try a lost service again.
 #include "ClientTest.h"
 #include "NoInfoLogger.h"
-#include "States.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -39,7 +38,7 @@ class Retry : public ClientTest {
         EXPECT_THAT(world.takeAddedDelays(), ::testing::ElementsAreArray(delays));
         EXPECT_THAT(outcomes, IsEmpty());
         EXPECT_THAT(registrationIds(), ElementsAre(1));
-        EXPECT_EQ(access().state(1), state::registering);
+        EXPECT_EQ(stateOf(1), State::Announcing);
     }
 };
 
@@ -48,7 +47,7 @@ TEST_F(Retry, OfALimitedNumberIsSpacedEvenly) {
     context.setRetryInterval(700ms);
     start();
     registerService("echo");
-    const std::string body = *access().record(1)->requestContainer->body;
+    const std::string body = *request(1)->body;
     for (const std::string number : {"1", "2", "3"}) {
         next("PUT").answer(unreachable());
         world.settle();
@@ -84,7 +83,7 @@ TEST_F(Retry, WithoutLimitFollowsTheBackoff) {
     }
     world.settle();
     EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_EQ(access().record(1)->registerCallbacks->retryCount, 40);
+    EXPECT_EQ(access().copyOf(1).retryCount, 40);
 }
 
 TEST_F(Retry, OfEachServiceHasABackoffOfItsOwn) {

@@ -1,7 +1,6 @@
 // Answers with a uuid that another registration has already: both then lead to one record. It is
 // found by a walk over the table in ascending id order.
 #include "ClientTest.h"
-#include "States.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -12,9 +11,6 @@ using testing::warning;
 
 class SameEntry : public ClientTest {
   protected:
-    ClientTestAccess::Request request(std::uint64_t id) {
-        return access().record(id)->requestContainer;
-    }
     void answerPut(std::uint64_t id, const ClientTestAccess::Request& to, const std::string& uuid) {
         access().handlePut(id, to, answer(201, location("/" + uuid)));
     }
@@ -36,21 +32,21 @@ TEST_F(SameEntry, AnswersTheSecondServiceAndLeadsItToTheFirst) {
     registered("first", "abc");
     client().addServiceRegisterStatusListener(listen());
     registerService("second");
-    access().record(2)->registerCallbacks->callbacks.push_back(record("another"));
-    const std::weak_ptr<OrvServiceRegistryClient::RegistrationData> ownRecord = access().record(2);
-    const auto own = request(2);
+    access().addRegisterCallback(2, record("another"));
+    const auto ownRecord = access().lifetimeOf(2);
+    const auto own = access().service(2);
     forgetThePast();
     next("PUT").answer(201, location("/entries/abc"));
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 201},
                                             Outcome{"another", "OK", "NONE", 201}));
-    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_EQ(nameOf(2), "first");
     EXPECT_TRUE(ownRecord.expired());
     EXPECT_THAT(notifications, IsEmpty());
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_EQ(access().service(1)->getUri(), "/abc");
-    EXPECT_FALSE(own->serviceCreate->hasId());
-    EXPECT_EQ(own->serviceCreate->getUri(), "/second");
+    EXPECT_FALSE(own->hasId());
+    EXPECT_EQ(own->getUri(), "/second");
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
@@ -60,7 +56,7 @@ TEST_F(SameEntry, StartsNoCheckWhenChecksAreDisabled) {
     start();
     registered("first", "abc");
     registered("second", "abc");
-    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_EQ(nameOf(2), "first");
     EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
 }
 
@@ -88,7 +84,7 @@ TEST_F(SameEntry, AsBeforeItsLossIsNoneForALostService) {
     next("PUT").answer(201, location("/abc"));
     world.settle();
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"first", "abc", true}));
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
 }
 
 TEST_F(SameEntry, EndsARegistrationAgainWithoutTellingAnybody) {
@@ -96,15 +92,15 @@ TEST_F(SameEntry, EndsARegistrationAgainWithoutTellingAnybody) {
     registered("first", "abc");
     registered("second", "def");
     client().addServiceRegisterStatusListener(listen());
-    const auto own = request(2);
-    lose(2, own);
+    const auto own = access().service(2);
+    lose(2, request(2));
     forgetThePast();
     next("PUT").answer(201, location("/abc"));
     world.settle();
-    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_EQ(nameOf(2), "first");
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_THAT(notifications, IsEmpty());
-    EXPECT_EQ(own->serviceCreate->getId(), "");
+    EXPECT_EQ(own->getId(), "");
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
 }
 
@@ -117,7 +113,7 @@ TEST_F(SameEntry, TwiceChangesNothing) {
     forgetThePast();
     answerPut(2, own, "abc");
     world.settle();
-    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_EQ(nameOf(2), "first");
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
 }
@@ -142,11 +138,11 @@ TEST_F(SameEntry, IsNotFoundByAnEmptyUuidWhereNoIdWasEverSet) {
     registerService("first");
     simulation::Request first = next("PUT");
     registered("second", "");
-    EXPECT_NE(access().record(2), access().record(1));
-    EXPECT_EQ(access().state(2), state::registered);
+    EXPECT_EQ(nameOf(2), "second");
+    EXPECT_EQ(stateOf(2), State::Announced);
     EXPECT_TRUE(access().service(2)->hasId());
     first.answer(201, location("/"));
-    EXPECT_EQ(access().record(1), access().record(2));
+    EXPECT_EQ(nameOf(1), "second");
 }
 
 TEST_F(SameEntry, IsFoundByAnEmptyUuidWhereTheIdWasCleared) {
@@ -157,7 +153,7 @@ TEST_F(SameEntry, IsFoundByAnEmptyUuidWhereTheIdWasCleared) {
     forgetThePast();
     next("PUT");
     registered("third", "");
-    EXPECT_EQ(access().record(3), access().record(1));
+    EXPECT_EQ(nameOf(3), "first");
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"third", "OK", "NONE", 201}));
 }
 
@@ -169,7 +165,7 @@ TEST_F(SameEntry, OfALostServiceWithAnEmptyUuidIsItsOwn) {
     forgetThePast();
     next("PUT").answer(201, location("/"));
     world.settle();
-    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_EQ(stateOf(1), State::Lost);
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)));
     world.advance(Seconds(10));
@@ -186,12 +182,12 @@ TEST_F(SameEntry, IsTheOneWithTheLowestIdWhateverBecameItFirst) {
     next("PUT");
     next("PUT");
     registered("third", "");
-    EXPECT_EQ(access().record(3), access().record(1));
+    EXPECT_EQ(nameOf(3), "first");
     ClientTestAccess::Callbacks dropped;
     access().deleteEntries(1, dropped);
     EXPECT_THAT(registrationIds(), ElementsAre(2));
     registered("fourth", "");
-    EXPECT_EQ(access().record(4), access().record(2));
+    EXPECT_EQ(nameOf(4), "second");
 }
 
 TEST_F(SameEntry, IsNotFoundByTheDescriptionOfARequestThatWasLedElsewhere) {
@@ -199,18 +195,19 @@ TEST_F(SameEntry, IsNotFoundByTheDescriptionOfARequestThatWasLedElsewhere) {
     registered("first", "abc");
     registerService("second");
     const auto own = request(2);
+    const auto description = access().service(2);
     next("PUT").answer(201, location("/abc"));
     lose(2, own);
     next("PUT");
-    EXPECT_EQ(own->serviceCreate->getId(), "");
+    EXPECT_EQ(description->getId(), "");
     registered("third", "");
-    EXPECT_NE(access().record(3), access().record(1));
+    EXPECT_EQ(nameOf(3), "third");
     answerPut(2, own, "def");
-    EXPECT_EQ(own->serviceCreate->getId(), "def");
-    EXPECT_EQ(access().service(2)->getId(), "abc");
+    EXPECT_EQ(description->getId(), "def");
+    EXPECT_EQ(uuidOf(2), "abc");
     registered("fourth", "def");
-    EXPECT_NE(access().record(4), access().record(1));
-    EXPECT_EQ(access().state(4), state::registered);
+    EXPECT_EQ(nameOf(4), "fourth");
+    EXPECT_EQ(stateOf(4), State::Announced);
 }
 
 // The description of a request that was led elsewhere is still the one of its record as long as
@@ -223,14 +220,15 @@ TEST_F(SameEntry, IsFoundByItsDescriptionThoughTheIdOfItsRequestWasLedElsewhere)
     const auto own = request(2);
     lose(2, own);
     next("PUT").answer(201, location("/abc"));
-    EXPECT_EQ(access().record(2), access().record(1));
+    EXPECT_EQ(nameOf(2), "first");
     EXPECT_EQ(request(3), own);
     answerPut(2, own, "ghi");
-    EXPECT_EQ(access().service(3)->getId(), "ghi");
+    EXPECT_EQ(uuidOf(3), "ghi");
     registered("fourth", "ghi");
-    EXPECT_EQ(access().record(4), access().record(3));
+    EXPECT_EQ(nameOf(3), "second");
+    EXPECT_EQ(nameOf(4), "second");
     registered("fifth", "");
-    EXPECT_NE(access().record(5), access().record(3));
+    EXPECT_EQ(nameOf(5), "fifth");
 }
 
 }  // namespace

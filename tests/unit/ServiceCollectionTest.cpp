@@ -216,7 +216,7 @@ TEST_F(SynchronousServiceCollection, GivesFunctionsThatWithdrawAndOutliveTheCall
     EXPECT_EQ(registrationIds().size(), 2U);
     EXPECT_EQ(outcome("", withdraw.at("one")()), (Outcome{"", "OK", "NONE", 200}));
     EXPECT_EQ(registrationIds().size(), 1U);
-    EXPECT_EQ(access().service(registrationIds().front())->getName(), "three");
+    EXPECT_EQ(nameOf(registrationIds().front()), "three");
 }
 
 TEST_F(SynchronousServiceCollection, GivesFunctionsThatThrowWithoutAHandle) {

@@ -1,6 +1,5 @@
 // One HTTP session for each registry endpoint, and what happens where none can be made.
 #include "ClientTest.h"
-#include "States.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -174,18 +173,17 @@ TEST_F(Sessions, ThatCannotBeMadeFailThePutOfALostServiceLikeAnyOther) {
     start();
     refuseSessions();
     registerService("echo");
-    const auto request = access().record(1)->requestContainer;
-    access().handlePut(1, request, answer(201, location("/abc")));
+    access().handlePut(1, request(1), answer(201, location("/abc")));
     world.settle();
     world.takeAddedDelays();
     log->takeLines();
-    access().handleHead(1, request, answer(404));
+    access().handleHead(1, request(1), answer(404));
     EXPECT_THAT(world.takeAddedDelays(), IsEmpty()) << "not while that answer is handled";
     world.runIo();
     EXPECT_THAT(log->takeLines(), ElementsAre(info("automatic re-register with request: /echo"),
                                               info("re-register request: /echo")));
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(10000ms));
-    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_EQ(stateOf(1), State::Lost);
     EXPECT_EQ(attempts, 1);
 }
 

@@ -20,9 +20,6 @@ class StatusCheck : public ClientTest {
         world.advance(context.getCheckInterval());
         return next("HEAD");
     }
-    ClientTestAccess::Request request(std::uint64_t id) {
-        return access().record(id)->requestContainer;
-    }
     void forgetThePast() {
         takeOutcomes();
         takeNotifications();
@@ -83,9 +80,9 @@ TEST_F(StatusCheck, RegistersALostServiceAgain) {
     forgetThePast();
 
     dueHead().answer(404);
-    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_EQ(stateOf(1), State::Lost);
     EXPECT_TRUE(access().service(1)->hasId());
-    EXPECT_EQ(access().service(1)->getId(), "");
+    EXPECT_EQ(uuidOf(1), "");
     EXPECT_EQ(access().service(1)->getUri(), "");
     EXPECT_THAT(log->takeLines(), ElementsAre(info("automatic re-register with request: /echo")));
     EXPECT_THAT(notifications, IsEmpty()) << "never on the thread that brings the answer";
@@ -98,7 +95,7 @@ TEST_F(StatusCheck, RegistersALostServiceAgain) {
 
     again.answer(201, location("/entries/def"));
     world.settle();
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_EQ(access().service(1)->getUri(), "/entries/def");
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "def", true}));
     EXPECT_THAT(takeOutcomes(), IsEmpty()) << "the callback was told of the first time";
@@ -146,7 +143,7 @@ TEST_F(StatusCheck, TakesNothingButNotFoundForALoss) {
     }
     world.settle();
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_EQ(access().service(1)->getId(), "abc");
+    EXPECT_EQ(uuidOf(1), "abc");
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_THAT(log->takeLines(), IsEmpty());
@@ -171,7 +168,7 @@ TEST_F(StatusCheck, EndsWhenItIsDueDuringAWithdrawalEvenIfThatIsRefused) {
     EXPECT_THAT(log->takeLines(),
                 ElementsAre(warning("sendHeadRequest called but service is not REGISTERED. id=1")));
     withdrawal.answer(500);
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_EQ(world.requestsToTake(), 0U);
     EXPECT_THAT(world.pendingDelays(), IsEmpty());
 }
@@ -216,7 +213,7 @@ TEST_F(StatusCheck, ChangesNothingWhenTheEntryIsNotFoundDuringItsWithdrawal) {
         head.answer(404);
         world.settle();
         EXPECT_EQ(access().state(1), value);
-        EXPECT_EQ(access().service(1)->getId(), "abc");
+        EXPECT_EQ(uuidOf(1), "abc");
         EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
         EXPECT_EQ(world.requestsToTake(), 0U);
         EXPECT_THAT(notifications, IsEmpty());

@@ -15,9 +15,6 @@ const LogLine lateLine = message("TIMEOUT on head request, ignore response.");
 
 class StatusCheckTimeout : public ClientTest {
   protected:
-    ClientTestAccess::Request request(std::uint64_t id) {
-        return access().record(id)->requestContainer;
-    }
 };
 
 TEST_F(StatusCheckTimeout, EndsTheCheckForGood) {
@@ -44,7 +41,7 @@ TEST_F(StatusCheckTimeout, EndsTheCheckForGood) {
     world.advance(std::chrono::hours(1));
     EXPECT_EQ(world.requestsToTake(), 0U);
     EXPECT_EQ(access().state(1), state::registered);
-    EXPECT_EQ(access().service(1)->getId(), "abc");
+    EXPECT_EQ(uuidOf(1), "abc");
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty());
 }
@@ -56,7 +53,7 @@ TEST_F(StatusCheckTimeout, MakesALateNotFoundAnswerBeIgnoredToo) {
     access().handleHead(1, request(1), answer(404));
     EXPECT_THAT(log->takeLines(), ElementsAre(timeoutLine, lateLine));
     EXPECT_EQ(access().state(1), state::registered);
-    EXPECT_EQ(access().service(1)->getId(), "abc");
+    EXPECT_EQ(uuidOf(1), "abc");
     next("HEAD");
     EXPECT_EQ(world.requestsToTake(), 0U);
     EXPECT_THAT(world.pendingDelays(), IsEmpty());

@@ -68,7 +68,7 @@ TEST_F(Stop, LeavesAServiceRegisteringWhoseFirstPutWasOut) {
     put.answer(201, location("/abc"));
     world.settle();
     EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_EQ(access().state(1), state::registering);
+    EXPECT_EQ(stateOf(1), State::Announcing);
     expectNotFound(withdraw);
 }
 
@@ -76,14 +76,14 @@ TEST_F(Stop, LeavesAServiceRegisteringWhoseRetryWasPending) {
     const Handle withdraw = registerService("echo");
     next("PUT").answer(HttpResponse(CommunicationStatus::ConnectFailed));
     stopAndStartAgain();
-    EXPECT_EQ(access().state(1), state::registering);
+    EXPECT_EQ(stateOf(1), State::Announcing);
     expectNotFound(withdraw);
 }
 
 TEST_F(Stop, LeavesAServiceRegisteredAndEndsItsCheck) {
     const Handle withdraw = registered("echo", "abc");
     stopAndStartAgain();
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     expectWithdrawn(withdraw);
 }
 
@@ -93,7 +93,7 @@ TEST_F(Stop, LeavesAServiceRegisteredWhoseHeadWasOut) {
     stopAndStartAgain();
     EXPECT_EQ(access().checkState(), check::pending);
     head.answer(404);
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     expectWithdrawn(withdraw);
 }
 
@@ -116,7 +116,7 @@ TEST_F(Stop, LeavesALostServiceLostWhosePutWasOut) {
     world.settle();
     stopAndStartAgain();
     put.answer(201, location("/def"));
-    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_EQ(stateOf(1), State::Lost);
     expectNotFound(withdraw);
 }
 
@@ -126,7 +126,7 @@ TEST_F(Stop, LeavesALostServiceLostWhoseNextTryWasPending) {
     next("PUT").answer(500);
     world.settle();
     stopAndStartAgain();
-    EXPECT_EQ(access().state(1), state::reregistering);
+    EXPECT_EQ(stateOf(1), State::Lost);
     expectNotFound(withdraw);
 }
 
@@ -136,12 +136,12 @@ TEST_F(Stop, LeavesAServiceBeingWithdrawnWhoseDeleteWasOut) {
     simulation::Request request = next("DELETE");
     stopAndStartAgain();
     request.answer(200);
-    EXPECT_EQ(access().state(1), state::unregistering);
+    EXPECT_EQ(stateOf(1), State::Withdrawing);
     withdraw(record("second"));
     world.settle();
     EXPECT_THAT(outcomes, IsEmpty()) << "it only waits";
     EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 2U);
+    EXPECT_EQ(access().copyOf(1).unregisterCallbacks, 2U);
 }
 
 TEST_F(Stop, DropsTheOutcomeOfAWithdrawalThatIsQueued) {
@@ -161,7 +161,7 @@ TEST_F(Stop, FromInsideTheListenerDropsWhatIsQueuedBehindIt) {
     client().init();
     world.settle();
     EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
 }
 
 TEST_F(Stop, KeepsTheListener) {
@@ -185,16 +185,16 @@ TEST_F(Stop, AllowsTheListenerToBeSetAndRemoved) {
 
 TEST_F(Stop, MakesWhatItsThreadsWouldSendBeDroppedInSilence) {
     registered("echo", "abc");
-    const auto request = access().record(1)->requestContainer;
+    const auto sent = request(1);
     forgetThePast();
     world.takeAddedDelays();
     client().deinit();
-    access().sendPut(1, request);
-    access().sendHead(1, request);
-    access().sendDelete(1, request);
-    access().sendPut(7, request);
-    access().sendHead(7, request);
-    access().sendDelete(7, request);
+    access().sendPut(1, sent);
+    access().sendHead(1, sent);
+    access().sendDelete(1, sent);
+    access().sendPut(7, sent);
+    access().sendHead(7, sent);
+    access().sendDelete(7, sent);
     client().init();
     world.settle();
     EXPECT_EQ(world.requestsToTake(), 0U);

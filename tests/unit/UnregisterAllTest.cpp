@@ -1,6 +1,5 @@
 // Withdrawing every service that the client holds, in both forms.
 #include "ClientTest.h"
-#include "States.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -116,7 +115,7 @@ TEST_F(UnregisterAll, LeavesAServiceAloneThatComesMeanwhile) {
     world.settle();
     EXPECT_THAT(models, SizeIs(3));
     EXPECT_THAT(registrationIds(), ElementsAre(4));
-    EXPECT_EQ(access().state(4), state::registered);
+    EXPECT_EQ(stateOf(4), State::Announced);
     EXPECT_EQ(world.requestsToTake(), 0U);
 }
 

@@ -33,10 +33,7 @@ class UnregistrationState : public ClientTest {
                     ElementsAre(Outcome{"withdrawal", "ERROR", "SERVICE_NOT_FOUND", -1}));
         EXPECT_THAT(log->takeLines(), ElementsAre(notRegisteredYet));
         EXPECT_EQ(access().state(1), before);
-        EXPECT_EQ(access().record(1)->unregisterCallbacks, nullptr);
-    }
-    ClientTestAccess::Request request(std::uint64_t id) {
-        return access().record(id)->requestContainer;
+        EXPECT_EQ(access().copyOf(1).unregisterCallbacks, std::nullopt);
     }
 };
 
@@ -59,7 +56,7 @@ TEST_F(UnregistrationState, FindsNothingWhileARetryIsPending) {
     world.advance(Seconds(10));
     expectNotFound(withdraw);
     next("PUT").answer(201, location("/abc"));
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
 }
 
 TEST_F(UnregistrationState, FindsNothingDuringANewRegistrationOfALostService) {
@@ -123,7 +120,7 @@ TEST_F(UnregistrationState, OfAStoppedClientIsNotInitiated) {
     takeOutcomes();
     withdraw(record("withdrawal"));
     access().unregister(0, record("zero"));
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     client().init();
     world.settle();
     EXPECT_THAT(takeOutcomes(),
@@ -154,7 +151,7 @@ TEST_F(UnregistrationState, OfBeingWithdrawnOnlyWaits) {
         access().setState(1, value);
         withdraw({});
         EXPECT_EQ(access().state(1), value);
-        EXPECT_EQ(access().record(1)->unregisterCallbacks->callbacks.size(), 1U);
+        EXPECT_EQ(access().copyOf(1).unregisterCallbacks, 1U);
         EXPECT_EQ(world.requestsToTake(), 0U);
     }
 }

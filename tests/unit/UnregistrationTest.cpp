@@ -1,6 +1,5 @@
 // Withdrawing a service: the DELETE, what its answers do, who is told.
 #include "ClientTest.h"
-#include "States.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -27,7 +26,7 @@ class Unregistration : public ClientTest {
 TEST_F(Unregistration, SendsTheDeleteAndForgetsTheService) {
     const Handle withdraw = registeredEcho();
     withdraw(record("withdrawal"));
-    EXPECT_EQ(access().state(1), state::unregistering);
+    EXPECT_EQ(stateOf(1), State::Withdrawing);
     simulation::Request request = next("DELETE");
     EXPECT_EQ(request.path(), "/abc");
     EXPECT_EQ(request.contentType(), "application/json");
@@ -71,7 +70,7 @@ TEST_F(Unregistration, TellsTheListenerBeforeTheCallbacks) {
 
 TEST_F(Unregistration, OfAServiceReleasesAllThatWasKeptOfIt) {
     const Handle withdraw = registeredEcho();
-    const std::weak_ptr<void> kept = access().record(1);
+    const auto kept = access().lifetimeOf(1);
     const std::weak_ptr<void> description = access().service(1);
     withdraw({});
     next("DELETE").answer(200);
@@ -87,8 +86,8 @@ TEST_F(Unregistration, WithAnyOtherAnswerIsRefused) {
         withdraw(record("withdrawal"));
         next("DELETE").answer(status);
         world.settle();
-        EXPECT_EQ(access().state(1), state::registered);
-        EXPECT_EQ(access().service(1)->getId(), "abc");
+        EXPECT_EQ(stateOf(1), State::Announced);
+        EXPECT_EQ(uuidOf(1), "abc");
         EXPECT_THAT(takeOutcomes(),
                     ElementsAre(Outcome{"withdrawal", "ERROR", "SERVICE_REGISTRY_ERROR", status}));
         EXPECT_THAT(log->takeLines(),
@@ -103,7 +102,7 @@ TEST_F(Unregistration, WithoutAnAnswerFromTheRegistryIsRefused) {
     withdraw(record("withdrawal"));
     next("DELETE").answer(HttpResponse(CommunicationStatus::ConnectFailed));
     world.settle();
-    EXPECT_EQ(access().state(1), state::registered);
+    EXPECT_EQ(stateOf(1), State::Announced);
     EXPECT_THAT(takeOutcomes(),
                 ElementsAre(Outcome{"withdrawal", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
     EXPECT_THAT(log->takeLines(),
@@ -143,7 +142,7 @@ TEST_F(Unregistration, CanBeTriedAgainAfterARefusal) {
     world.settle();
     takeOutcomes();
     withdraw(record("second"));
-    EXPECT_EQ(access().state(1), state::unregistering);
+    EXPECT_EQ(stateOf(1), State::Withdrawing);
     next("DELETE").answer(200);
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 200}));
@@ -202,7 +201,7 @@ TEST_F(Unregistration, MakesRoomForANewRegistrationOfTheSameService) {
     next("DELETE").answer(200);
     registered("echo", "abc");
     EXPECT_THAT(registrationIds(), ElementsAre(2));
-    EXPECT_EQ(access().state(2), state::registered);
+    EXPECT_EQ(stateOf(2), State::Announced);
     EXPECT_THAT(takeNotifications(),
                 ElementsAre(Notification{"echo", "abc", false}, Notification{"echo", "abc", true}));
 }
@@ -216,7 +215,7 @@ TEST_F(TheDelete, ThatIsNeverAnsweredLeavesTheServiceBeingWithdrawn) {
     world.advance(std::chrono::hours(24));
     withdraw(record("second"));
     world.settle();
-    EXPECT_EQ(access().state(1), state::unregistering);
+    EXPECT_EQ(stateOf(1), State::Withdrawing);
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_EQ(world.requestsToTake(), 0U);
     request.answer(200);
