@@ -1,5 +1,5 @@
 // The whole library, from the call to the user's callback, with the listener set: registrations,
-// checks and withdrawals beside the same requests through libcurl alone.
+// checks and withdrawals compared with the same requests through libcurl alone.
 // The main thread asks and waits; callbacks run on the client's callback thread and only count.
 // Usage: orvx_bench_client [ROUNDS [SERVICES [tls]]]
 

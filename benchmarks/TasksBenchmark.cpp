@@ -1,4 +1,4 @@
-// The executor and the timer alone, beside the plainest thing that does the same: a loop on a mutex
+// The executor and the timer alone, compared with the simplest implementation: a loop on a mutex
 // and a deque, or on a mutex and a multimap.
 // One or two benchmark threads add tasks and wait until theirs have run; the worker runs them.
 

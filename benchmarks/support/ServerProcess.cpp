@@ -1,6 +1,5 @@
-// Starts the benchmark server, which lies beside the program that runs, and gives it orders over a
-// connection of its own, always without TLS.
-// One thread, no lock.
+// Starts the benchmark server, which lies in the folder of the program that runs, and gives it
+// orders over a connection of its own, always without TLS. One thread, no lock.
 
 #include "ServerProcess.h"
 
@@ -24,7 +23,7 @@ namespace {
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     const std::string certificate = certificateFile();
-    const std::string key = fileBesideProgram("key.pem");
+    const std::string key = fileInProgramFolder("key.pem");
     ::execl(program.c_str(), program.c_str(), certificate.c_str(), key.c_str(), nullptr);
     ::_exit(127);
 }
@@ -43,7 +42,7 @@ int connectTo(std::uint16_t port) {
 }  // namespace
 
 ServerProcess::ServerProcess() {
-    const std::string program = fileBesideProgram("orvx_bench_server");
+    const std::string program = fileInProgramFolder("orvx_bench_server");
     std::array<int, 2> input{};
     std::array<int, 2> output{};
     require(::pipe2(input.data(), O_CLOEXEC) == 0 && ::pipe2(output.data(), O_CLOEXEC) == 0,

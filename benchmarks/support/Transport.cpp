@@ -1,4 +1,4 @@
-// Addresses of the benchmark server and the files beside the programs.
+// Addresses of the benchmark server and the files in the programs' folder.
 // No thread, no lock.
 
 #include "Transport.h"
@@ -7,12 +7,12 @@
 
 namespace orvx::benchmarks {
 
-std::string fileBesideProgram(const char* name) {
+std::string fileInProgramFolder(const char* name) {
     return std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
 }
 
 std::string certificateFile() {
-    return fileBesideProgram("certificate.pem");
+    return fileInProgramFolder("certificate.pem");
 }
 
 std::string Address::url() const {

@@ -8,7 +8,7 @@ namespace orvx::benchmarks {
 enum class Transport { Plain, Tls };
 
 /// The path of a file in the folder of the running program.
-std::string fileBesideProgram(const char* name);
+std::string fileInProgramFolder(const char* name);
 /// The benchmark server's certificate, which is its own authority.
 std::string certificateFile();
 

@@ -2,9 +2,9 @@
 // or ends the context; the end may come from inside a callback. The lock is held only to test and
 // clear `initiated`, because the threads that are being stopped may need it to finish.
 
+#include "BasicUpkeep.h"
 #include "RegistrationTable.h"
 #include "ResilientUpkeep.h"
-#include "SpecifiedUpkeep.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -36,7 +36,7 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
       registrationListener(shared(owner.getRegistrationListener())),
       upkeep(owner.isResilienceEnabled()
                  ? std::shared_ptr<Upkeep>(std::make_shared<ResilientUpkeep>(*this))
-                 : std::make_shared<SpecifiedUpkeep>(*this)) {
+                 : std::make_shared<BasicUpkeep>(*this)) {
     loggerFactory = std::move(factory);
     logger = std::make_shared<utility::StreamingLogger>(
         loggerFactory->createLogger("OrvxServiceRegistryClient", "OrvServiceRegistryClient"));

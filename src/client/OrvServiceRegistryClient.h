@@ -35,7 +35,7 @@ class OrvServiceRegistryContext;
 ///   Sessions.cpp             one HTTP session for each registry endpoint
 ///   Description.cpp          descriptions built from an endpoint
 ///   Upkeep.h                 the interface of the two ways to keep registrations: by the members
-///                            below (SpecifiedUpkeep.h), or with resilience (ResilientUpkeep.h)
+///                            below (BasicUpkeep.h), or with resilience (ResilientUpkeep.h)
 ///   Registration.cpp         the PUT
 ///   RegistrationAnswer.cpp   the answer to a successful PUT
 ///   RegistrationFailure.cpp  the answer to a failed PUT: retry, or give up
@@ -72,7 +72,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     struct RegistrationData;
     class RegistrationTable;
     class Upkeep;
-    class SpecifiedUpkeep;
+    class BasicUpkeep;
     class ResilientUpkeep;
 
     // Lifecycle.cpp

@@ -12,7 +12,7 @@ namespace orvx::serviceregistryclient {
 
 /// The interface between the client and its two sets of rules for keeping registrations. The
 /// implementation is selected when the client is made:
-///   SpecifiedUpkeep   resilience is off: the client's own members (SpecifiedUpkeep.h)
+///   BasicUpkeep       resilience is off: the client's own members (BasicUpkeep.h)
 ///   ResilientUpkeep   resilience is on (ResilientUpkeep.h)
 /// Operations are called without the client's lock, except those named `...Locked`.
 class OrvServiceRegistryClient::Upkeep {

@@ -35,7 +35,7 @@ using Words = std::vector<std::string>;
 
 Words operator+(Words left, const Words& right);
 
-/// tests/announce/command.py as the command behind "--".
+/// tests/announce/command.py as the command after "--".
 Words command(const Words& arguments = {});
 /// A shell script as the command.
 Words shell(const std::string& script);

@@ -1,5 +1,5 @@
-// A command that is run beside its announcement: how it starts, what it finds, and how it ends.
-// Entered by the test's thread; orvx-announce and its command are processes. No lock.
+// A command that runs while its service is announced: how it starts, what it finds, and how it
+// ends. Entered by the test's thread; orvx-announce and its command are processes. No lock.
 #include "AnnounceTest.h"
 
 #include <sys/wait.h>
@@ -72,8 +72,8 @@ TEST_F(TheCommand, HasTheStandardStreamsForItself) {
 
 TEST_F(TheCommand, InheritsNoDescriptorOfTheProgram) {
     const auto alone = ChildProcess("/bin/ls", {"/proc/self/fd"}).wait();
-    const auto beside = Announce(echo() + Words{"--", "/bin/ls", "/proc/self/fd"}).ended(0);
-    EXPECT_EQ(beside.output, alone.output);
+    const auto announced = Announce(echo() + Words{"--", "/bin/ls", "/proc/self/fd"}).ended(0);
+    EXPECT_EQ(announced.output, alone.output);
 }
 
 TEST_F(TheCommand, MayBeStartedWithoutStandardStreams) {
@@ -92,8 +92,8 @@ TEST_F(TheCommand, MayBeStartedWithoutStandardStreams) {
 TEST_F(TheCommand, HasTheSignalsAsTheStarterHadThem) {
     const auto signals = Words{"-E", "^Sig(Blk|Ign|Cgt)", "/proc/self/status"};
     const auto alone = ChildProcess("/bin/grep", signals).wait();
-    const auto beside = Announce(echo() + Words{"--", "/bin/grep"} + signals).ended(0);
-    EXPECT_EQ(beside.output, alone.output);
+    const auto announced = Announce(echo() + Words{"--", "/bin/grep"} + signals).ended(0);
+    EXPECT_EQ(announced.output, alone.output);
 }
 
 TEST_F(TheCommand, IsWaitedForAndSoAreOrphansThatComeToTheProgram) {

@@ -1,4 +1,4 @@
-// The manual page, the completion and the how-to, beside the program.
+// The manual page, the completion and the how-to agree with the program.
 // Entered by the test's thread and the registry's; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
@@ -80,7 +80,7 @@ TEST_F(TheCompletion, OffersWhatAnOptionTakes) {
     EXPECT_THAT(completions("--name ''"), IsEmpty());
 }
 
-TEST_F(TheCompletion, OffersCommandsBehindTwoDashesAndFilesBehindThese) {
+TEST_F(TheCompletion, OffersCommandsAfterTwoDashesAndThenFiles) {
     const Folder folder;
     const auto file = folder.write("input", "");
     EXPECT_EQ(completions("--json -- printen").count("printenv"), 1U);

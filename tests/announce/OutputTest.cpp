@@ -101,7 +101,7 @@ TEST_F(TheOutput, IsALineForEachEvent) {
                     "(announcing|announced|stopping|withdrawing|withdrawn) [^\n\x1b]*\n){5}"));
 }
 
-TEST_F(TheOutput, GoesToStandardErrorBesideACommand) {
+TEST_F(TheOutput, GoesToStandardErrorWhenThereIsACommand) {
     Announce announce(echo() + shell("read line; exit 2"));
     announce.awaitErrors(" announced ");
     announce.endInput();

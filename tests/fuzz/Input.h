@@ -10,7 +10,7 @@
 
 namespace orvx::fuzz {
 
-/// The bytes of one run, taken from front to back. Behind their end everything is zero and empty,
+/// The bytes of one run, taken from front to back. After their end everything is zero and empty,
 /// so that every input means something.
 class Input {
   public:

@@ -57,7 +57,7 @@ constexpr int kForks = 200;
 
 class AForkingProcess : public IntegrationTest {};
 
-TEST_F(AForkingProcess, GoesOnAndSoDoItsChildrenHoweverTheyEnd) {
+TEST_F(AForkingProcess, KeepsRunningHoweverItsChildrenEnd) {
     HostileServer silent;
     silent.onRequest([](const auto& /*request*/) { return Script().silence(); });
     context.setCheckInterval(0s);

@@ -16,7 +16,7 @@ namespace {
 using testing::openDescriptors;
 using testing::threadNames;
 
-/// The second context beside the fixture's. Both check as often as they can.
+/// A second context in addition to the fixture's. Both check as often as they can.
 class TwoContexts : public IntegrationTest {
   protected:
     TwoContexts() {

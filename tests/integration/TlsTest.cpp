@@ -289,10 +289,10 @@ INSTANTIATE_TEST_SUITE_P(
     nameOf);
 INSTANTIATE_TEST_SUITE_P(Handshake, AFaultyTlsRegistry,
                          Values(Fault{"OldProtocol"}, Fault{"Silent", "TIMED_OUT"},
-                                Fault{"StopsBehindItsHello", "TIMED_OUT"},
+                                Fault{"StopsAfterItsHello", "TIMED_OUT"},
                                 Fault{"StopsBeforeItsLastByte", "TIMED_OUT"}, Fault{"EndsAtOnce"},
-                                Fault{"EndsBehindItsHello"}, Fault{"BreaksAtOnce"},
-                                Fault{"Refuses"}, Fault{"TalksGarbage"}, Fault{"SpeaksPlainHttp"}),
+                                Fault{"EndsAfterItsHello"}, Fault{"BreaksAtOnce"}, Fault{"Refuses"},
+                                Fault{"TalksGarbage"}, Fault{"SpeaksPlainHttp"}),
                          nameOf);
 
 class ATlsRegistryThatTurnsBad : public AFaultyTlsRegistry {};

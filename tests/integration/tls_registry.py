@@ -118,12 +118,12 @@ def cut_a_little_later_each_time(connection, hello):
 # What is done instead of a handshake, before the connection is closed.
 INSTEAD = {
     "Silent": lambda connection, hello: hold(connection),
-    "StopsBehindItsHello": lambda connection, hello: (
+    "StopsAfterItsHello": lambda connection, hello: (
         connection.sendall(first_record(flight(hello))), hold(connection)),
     "StopsBeforeItsLastByte": lambda connection, hello: (
         connection.sendall(flight(hello)[:-1]), hold(connection)),
     "EndsAtOnce": lambda connection, hello: None,
-    "EndsBehindItsHello": lambda connection, hello: connection.sendall(first_record(flight(hello))),
+    "EndsAfterItsHello": lambda connection, hello: connection.sendall(first_record(flight(hello))),
     "BreaksAtOnce": lambda connection, hello: reset(connection),
     "Refuses": lambda connection, hello: connection.sendall(bytes.fromhex("15030300020228")),
     "TalksGarbage": lambda connection, hello: connection.sendall(b"\x16\x03\x03" + b"x" * 9999),

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The dashboard and the alert rules beside what the programs serve.
+"""The dashboard and the alert rules, compared with the metrics that the programs serve.
 
 usage: monitoring_test.py METRICS_EXAMPLE ORVX_REGISTRY [--promtool]
 

@@ -114,7 +114,7 @@ TEST_F(ARegistry, MayAnswerWithNumbersThatNobodyKnows) {
     expectItWorks();
 }
 
-TEST_F(ARegistry, ThatAnswersWithoutContentRefusesWhateverItSendsBehind) {
+TEST_F(ARegistry, ThatAnswersWithoutContentRefusesWhateverBytesFollow) {
     start();
     const std::string noContent = response(204, {{"Location", "/x"}});
     expectOutcomes(

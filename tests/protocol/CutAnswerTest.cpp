@@ -36,7 +36,7 @@ class AnAnswer : public KindTest {
     static auto isNoAnswer() {
         return AnyOf(refused("CUT_SHORT"), refused("RECEIVE_FAILED"), refused("MALFORMED"));
     }
-    /// `end` ends the connection behind what it is given.
+    /// `end` ends the connection after the bytes that it is given.
     void expectSuccessOnlyWhenWhole(const End& end) {
         const std::string whole = answerTo("/cut");
         start();
@@ -96,7 +96,7 @@ TEST_F(AnAnswer, ToARegistrationThatIsBrokenOffIsNoneWhereverItBreaks) {
     expectSuccessOnlyWhenWhole(reset);
 }
 
-TEST_F(AnAnswer, ThatIsCutBehindItsStatusLineIsCalledCutShort) {
+TEST_F(AnAnswer, ThatIsCutAfterItsStatusLineIsCalledCutShort) {
     start();
     for (const char* bytes :
          {"HTTP/1.1 201 Created\r\n", "HTTP/1.1 201 Created\r\nLocation: /a",

@@ -1,5 +1,5 @@
-// Connections that the registry ends while a request is on its way: behind each of its bytes. The
-// last place is behind the whole request, before any answer.
+// Connections that the registry ends while a request is on its way: after each of its bytes. The
+// last place is after the whole request, before any answer.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -25,8 +25,8 @@ class ARequestOnItsWay : public KindTest, public ::testing::WithParamInterface<D
     static auto isBroken() {
         return AnyOf(refused("CONNECT_FAILED"), refused("SEND_FAILED"), refused("RECEIVE_FAILED"));
     }
-    /// The next connection ends behind so many bytes more than `begin` takes.
-    void endNextBehind(std::size_t bytes, Script begin = {}) {
+    /// The next connection ends after so many bytes more than `begin` takes.
+    void endNextAfter(std::size_t bytes, Script begin = {}) {
         begin.readBytes(bytes);
         server.nextConnection((begin.*GetParam().step)());
     }
@@ -45,7 +45,7 @@ TEST_P(ARequestOnItsWay, ForARegistrationFailsOnce) {
     const std::size_t size = lastSize();
     for (std::size_t bytes = 0; bytes <= size; ++bytes) {
         SCOPED_TRACE(bytes);
-        endNextBehind(bytes);
+        endNextAfter(bytes);
         registerService("lamp");
         EXPECT_THAT(outcomes->next(), isBroken());
     }
@@ -65,7 +65,7 @@ TEST_P(ARequestOnItsWay, ForAWithdrawalFailsOnce) {
     const std::size_t size = lastSize();
     for (std::size_t bytes = 0; bytes <= size; ++bytes) {
         SCOPED_TRACE(bytes);
-        endNextBehind(bytes);
+        endNextAfter(bytes);
         EXPECT_THAT(outcomeOfWithdrawal(lamp), isBroken());
     }
     EXPECT_EQ(outcomeOfWithdrawal(lamp), kWithdrawn);
@@ -82,7 +82,7 @@ TEST_P(ARequestOnItsWay, ForACheckFailsAndIsFollowedByTheNext) {
     ASSERT_TRUE(server.waitForRequests(2));
     const std::size_t size = lastSize();
     for (std::size_t bytes = 0; bytes <= size; ++bytes) {
-        endNextBehind(bytes);
+        endNextAfter(bytes);
     }
     server.release("measured");
     ASSERT_TRUE(server.waitForRequests(5));
@@ -99,7 +99,7 @@ TEST_P(ARequestOnItsWay, OverAKeptConnectionIsSentAgainOverANewOne) {
     const std::size_t size = lastSize();
     for (std::size_t bytes = 0; bytes <= size; ++bytes) {
         SCOPED_TRACE(bytes);
-        endNextBehind(bytes, Script().readRequest().send(created("/kept")));
+        endNextAfter(bytes, Script().readRequest().send(created("/kept")));
         registered("lamp");
         registered("lamp");
     }

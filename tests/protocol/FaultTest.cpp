@@ -16,7 +16,7 @@ using namespace std::string_literals;
 
 enum class Ending { Open, Fin, Reset };
 
-/// An answer as text, see withParts(); what stands behind "..." is sent over and over.
+/// An answer as text, see withParts(); the text after "..." is repeated.
 struct Answer {
     std::string name;
     std::string text;
@@ -58,14 +58,14 @@ const std::vector<Answer> kCut{
     {"IsMissingForAReset", "", Ending::Reset, "RECEIVE_FAILED"},
     {"EndsInsideItsStatusLine", "HTTP/1.1 2", Ending::Fin, "CUT_SHORT"},
     {"BreaksInsideItsStatusLine", "HTTP/1.1 2", Ending::Reset, "CUT_SHORT"},
-    {"EndsBehindItsStatusLine", "HTTP/1.1 $status\r\n", Ending::Fin, "CUT_SHORT"},
-    {"BreaksBehindItsStatusLine", "HTTP/1.1 $status\r\n", Ending::Reset, "CUT_SHORT"},
+    {"EndsAfterItsStatusLine", "HTTP/1.1 $status\r\n", Ending::Fin, "CUT_SHORT"},
+    {"BreaksAfterItsStatusLine", "HTTP/1.1 $status\r\n", Ending::Reset, "CUT_SHORT"},
     {"EndsInsideAHeader", "$headX-Head", Ending::Fin, "CUT_SHORT"},
     {"BreaksInsideAHeader", "$headX-Head", Ending::Reset, "CUT_SHORT"},
-    {"EndsBehindAHeader", "$head", Ending::Fin, "CUT_SHORT"},
+    {"EndsAfterAHeader", "$head", Ending::Fin, "CUT_SHORT"},
     {"EndsInsideTheBlankLine", "$headContent-Length: 0\r\n\r", Ending::Fin, "CUT_SHORT"},
     {"IsInterimOnly", "HTTP/1.1 100 Continue\r\n\r\n", Ending::Fin, "CUT_SHORT"},
-    {"EndsBehindAnInterimOne", "HTTP/1.1 103 Hints\r\n\r\n$head", Ending::Fin, "CUT_SHORT"},
+    {"EndsAfterAnInterimOne", "HTTP/1.1 103 Hints\r\n\r\n$head", Ending::Fin, "CUT_SHORT"},
 };
 
 const std::vector<Answer> kNoHttp{
@@ -74,7 +74,7 @@ const std::vector<Answer> kNoHttp{
     {"HasALowNumber", "HTTP/1.1 99 Low\r\n" + kEnd, Ending::Open, "MALFORMED"},
     {"HasANumberOfFourDigits", "HTTP/1.1 2000 High\r\n" + kEnd, Ending::Open, "MALFORMED"},
     {"HasANegativeNumber", "HTTP/1.1 -$status\r\n" + kEnd, Ending::Fin, "MALFORMED"},
-    {"HasNoSpaceBehindItsNumber", "HTTP/1.1 $codeX\r\n$fields" + kEnd, Ending::Open, "MALFORMED"},
+    {"HasNoSpaceAfterItsNumber", "HTTP/1.1 $codeX\r\n$fields" + kEnd, Ending::Open, "MALFORMED"},
     {"IsGarbage", "garbage\r\n\r\n", Ending::Open, "MALFORMED"},
     {"IsATextAlone", "<html>It works.</html>", Ending::Fin, "MALFORMED"},
     {"BeginsWithAnEmptyLine", "\r\n" + kWhole, Ending::Open, "MALFORMED"},
@@ -147,7 +147,7 @@ const std::vector<Answer> kLength{
     withLength("HasTwoNumbersForALength", " 2 2"),
     withLength("HasAListForALength", " 2,3"),
     withLength("HasAFoldedLength", "\r\n 2"),
-    withLength("HasALengthThatGoesOnInAFoldedLine", " 2\r\n 2"),
+    withLength("HasALengthThatContinuesInAFoldedLine", " 2\r\n 2"),
     withLength("HasTwoLengths", " 2\r\nContent-Length: 3"),
     withLength("HasTwoSpellingsOfALength", " 2\r\nContent-Length: 02"),
     withLength("HasALengthAndNone", " 2\r\nContent-Length:"),
@@ -191,8 +191,7 @@ const std::vector<Answer> kOdd{
     {"IsOfTheOlderProtocol", "HTTP/1.0 $status\r\n$fields\r\n", Ending::Fin},
     {"IsInLowerCase", "HTTP/1.1 $status\r\nlocation: /again\r\ncontent-length: 0\r\n\r\n"},
     {"IsInUpperCase", "HTTP/1.1 $status\r\nLOCATION: /again\r\nCONTENT-LENGTH: 0\r\n\r\n"},
-    {"HasNoSpaceBehindItsColons",
-     "HTTP/1.1 $status\r\nLocation:/again\r\nContent-Length:0\r\n\r\n"},
+    {"HasNoSpaceAfterItsColons", "HTTP/1.1 $status\r\nLocation:/again\r\nContent-Length:0\r\n\r\n"},
     {"HasAFoldedHeader", "$headX: y\r\n\t z\r\n" + kEnd},
     {"HasAFoldedLocation", "HTTP/1.1 $status\r\nLocation:\r\n /again\r\n" + kEnd},
     {"HasSeveralLocations", "HTTP/1.1 $status\r\nLocation: /again\r\nLocation: /other\r\n" + kEnd},

@@ -23,7 +23,7 @@ void HostileConnection::run(short revents) {
     if (!hasCause(revents)) {
         return;
     }
-    // A step that reads finds the peer's end behind the peer's last bytes, any other step here.
+    // A step that reads finds the peer's end after the peer's last bytes, any other step here.
     const bool ended = (revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
     Outcome outcome = ended && (events_ & POLLIN) == 0 ? Outcome::PeerGone : Outcome::Done;
     while (outcome == Outcome::Done) {

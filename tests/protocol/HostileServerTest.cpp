@@ -182,7 +182,7 @@ TEST(TheHostileServer, DripsEachByteInASegmentOfItsOwn) {
     EXPECT_EQ(info.tcpi_data_segs_in, 5U);
 }
 
-TEST(TheHostileServer, PausesBeforeItGoesOn) {
+TEST(TheHostileServer, PausesAndThenSends) {
     HostileServer server;
     server.nextConnection(Script().pause(milliseconds(20)).send("late"));
     const auto start = Clock::now();

@@ -22,7 +22,7 @@ class ALocation : public ProtocolTest {
     std::string deletedAt(const std::string& location) { return deletedAfter(created(location)); }
 };
 
-TEST_F(ALocation, NamesTheEntryBehindItsLastSlash) {
+TEST_F(ALocation, NamesTheEntryAfterItsLastSlash) {
     start();
     EXPECT_EQ(deletedAt("/uuid"), "/uuid");
     EXPECT_EQ(deletedAt("/entries/of/uuid"), "/uuid");

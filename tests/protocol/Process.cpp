@@ -42,7 +42,7 @@ std::uint64_t sleepsOf(const std::string& threadName) {
     return sleeps;
 }
 
-// Each line holds the remote address and, behind it, the state, which is 2 for a SYN that was sent.
+// Each line holds the remote address and then the state, which is 2 for a SYN that was sent.
 bool isConnecting(std::uint16_t port) {
     char wanted[32];
     std::snprintf(wanted, sizeof wanted, " 0100007F:%04X 02 ", static_cast<unsigned>(port));

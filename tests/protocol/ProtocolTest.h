@@ -60,7 +60,8 @@ class ProtocolTest : public ::testing::Test {
     using Handle = IOrvServiceRegistryClient::UnregisterHandle;
     using Service = std::shared_ptr<common::ServiceCreate>;
 
-    /// deinit() promises a second beside the callback that is running. Sanitizers take their time.
+    /// deinit() promises a second in addition to the callback that is running. Sanitizers take
+    /// their time.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     static constexpr milliseconds kStopBound{5000};
 #else
@@ -88,7 +89,7 @@ class ProtocolTest : public ::testing::Test {
     }
     static Service service(const std::string& name, const std::string& uri = "");
 
-    /// Adds what it is told to `outcomes`, behind the label.
+    /// Adds what it is told to `outcomes`, after the label.
     IOrvServiceRegistryClient::ResponseCallback record(const std::string& label = "");
     Handle registerService(const std::string& name, const std::string& label = "") {
         return client().registerServiceAtRegistry(registry(), service(name), record(label));

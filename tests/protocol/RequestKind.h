@@ -48,7 +48,7 @@ class KindTest : public ProtocolTest {
     /// Makes the client send a check whenever the one before has been answered.
     void checkAtOnce();
     void answer(const std::vector<Script>& answers);
-    /// An answer behind which the connection is closed.
+    /// An answer after which the connection is closed.
     static std::string last(int status, const testing::Headers& headers = {});
 
   private:

@@ -15,7 +15,7 @@ using ::testing::Each;
 using ::testing::UnorderedElementsAre;
 using namespace std::string_literals;
 
-/// That the request is nothing but its parts: nothing before, between or behind them.
+/// That the request is nothing but its parts: nothing before, between or after them.
 void expectWellFormed(const Request& request) {
     std::string bytes = request.method + ' ' + request.target + " HTTP/1.1\r\n";
     for (const std::string& line : request.headerLines) {

@@ -153,7 +153,7 @@ TEST(TheWatchCommand, PrintsTheListAndWhatChanges) {
     asJson.awaitOutput(R"("event":"listed"})");
 }
 
-TEST(TheWatchCommand, GoesOnWhereItsConnectionWasCut) {
+TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     const TemporaryFolder folder;
     RegistryOptions options;
     options.tokens = folder / "tokens";

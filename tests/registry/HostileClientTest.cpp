@@ -70,7 +70,7 @@ TEST(AHostileClient, IsDroppedWhenItsRequestTricklesInWithoutAnEnd) {
     }
 }
 
-TEST(AHostileClient, IsDroppedWhenItGoesOnAfterItWasRefused) {
+TEST(AHostileClient, IsDroppedWhenItKeepsSendingAfterItWasRefused) {
     RegistryOptions options;
     options.farewellTimeout = 200ms;
     const RunningRegistry registry(options);

@@ -8,9 +8,7 @@
 #include <algorithm>
 #include <boost/beast/http/status.hpp>
 #include <chrono>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -99,17 +97,6 @@ TEST(AReaderOfALongList, IsCutOffWhenAnEntryChangesOfWhichItHasAPart) {
     EXPECT_THROW(reader.readUntil("]}"), std::exception);
 }
 
-long residentKilobytes(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:") {
-            status >> word;
-            return std::stol(word);
-        }
-    }
-    throw std::runtime_error("no VmRSS");
-}
-
 /// How long 99 of 100 checks take at most.
 Clock::duration checkOften(RawConnection& connection, const std::string& location, int count) {
     std::vector<Clock::duration> times;
@@ -129,14 +116,14 @@ TEST(AReaderThatReadsNothing, CostsLittleMemoryAndHoldsUpNoCheckHoweverLongTheLi
     RawConnection connection(registry.port());
     const std::string location = putMany(connection, 10'000, 1'000);
     checkOften(connection, location, 100);
-    const long before = residentKilobytes(registry.pid());
+    const long before = registry.residentKilobytes();
     std::vector<RawConnection> readers;
     for (int i = 0; i < 100; ++i) {
         readers.emplace_back(registry.port(), 4'096);
         readers.back().send(makeRequest("GET", "/") + makeRequest("GET", location));
     }
     const auto slowest = checkOften(connection, location, 2'000);
-    const long each = (residentKilobytes(registry.pid()) - before) / 100;
+    const long each = (registry.residentKilobytes() - before) / 100;
     RecordProperty("kilobytes", static_cast<int>(each));
     RecordProperty(
         "microseconds",

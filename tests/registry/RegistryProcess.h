@@ -15,8 +15,11 @@ class RegistryProcess : public ChildProcess {
   public:
     explicit RegistryProcess(std::vector<std::string> arguments);
 
-    /// Where the program lies.
+    /// The path of the program.
     static std::string path();
+
+    /// The memory that the process has in use, without what is swapped out.
+    long residentKilobytes() const;
 
     /// The port in its first line, when that is there.
     std::uint16_t port() {

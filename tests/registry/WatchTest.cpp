@@ -172,7 +172,7 @@ TEST_F(TheWatch, DoesNotLoseAnEntryThatIsCheckedWhileTheListIsTold) {
               500);
 }
 
-TEST_F(TheWatch, GoesOnAfterTheEventThatTheReaderKnows) {
+TEST_F(TheWatch, ResumesAfterTheEventThatTheReaderKnows) {
     put("/a");
     const std::string b = put("/b");
     Watch first(store_, "");

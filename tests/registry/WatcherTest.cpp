@@ -6,7 +6,6 @@
 
 #include <boost/beast/http/status.hpp>
 #include <chrono>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -109,7 +108,7 @@ TEST(AWatcher, IsToldOfChecksAndOfWhatExpiresWhileNobodyAsks) {
     watcher.connection.readUntil("event: removed\n");
 }
 
-TEST(AWatcher, GoesOnWhereItsConnectionWasCut) {
+TEST(AWatcher, ResumesWhereItsConnectionWasCut) {
     const RunningRegistry registry;
     RawConnection other = registry.connect();
     put(other, "/lamp");
@@ -211,31 +210,20 @@ TEST(AWatcherThatReadsNothing, IsDropped) {
     EXPECT_EQ(other.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
-long residentKilobytes(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:") {
-            status >> word;
-            return std::stol(word);
-        }
-    }
-    throw std::runtime_error("no VmRSS");
-}
-
 // The kernel's part is not seen here: it is bounded by the size of the socket's buffer.
 TEST(AWatcherThatReadsNothing, CostsLittleMemoryHoweverMuchHappens) {
     RegistryProcess registry({"--port", "0"});
     RawConnection other(registry.port());
     putMany(other, 2'000, 1'000);
     putMany(other, 2'000, 1'000);
-    const long before = residentKilobytes(registry.pid());
+    const long before = registry.residentKilobytes();
     std::vector<RawConnection> watchers;
     for (int i = 0; i < 200; ++i) {
         watchers.emplace_back(registry.port(), 4'096);
         watchers.back().send(kWatch);
     }
     putMany(other, 2'000, 1'000);
-    const long each = (residentKilobytes(registry.pid()) - before) / 200;
+    const long each = (registry.residentKilobytes() - before) / 200;
     RecordProperty("kilobytes", static_cast<int>(each));
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LT(each, 32);

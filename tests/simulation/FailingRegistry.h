@@ -16,7 +16,7 @@ class FailingRegistry {
         NewUuids,       ///< An entry that is new gets a uuid that is new.
         UuidsOfPaths,   ///< A path has the same uuid always.
         Renames,        ///< Each PUT gives its entry another uuid.
-        KeepsVersions,  ///< Each PUT makes an entry, with the older ones beside it.
+        KeepsVersions,  ///< Each PUT makes an entry, and keeps the older ones.
     };
     struct Entry {
         std::string path;

@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
     bool isResilient = false;
     CLI::App app("Clients under chaos: a registry behind a network that fails");
     app.add_option("--seed", options.seed, "Of all decisions; drawn when absent");
-    app.add_option("--seconds", seconds, "How long, beside the judgement")
+    app.add_option("--seconds", seconds, "How long, without the judgement")
         ->check(CLI::Range(1, 86400));
     app.add_flag("--resilience", isResilient, "With resilience: the registry must converge");
     const auto* const services =

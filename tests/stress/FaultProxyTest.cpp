@@ -203,7 +203,7 @@ TEST_F(AFaultProxy, RefusesForAWhileAtTheSamePort) {
     EXPECT_EQ(proxy.counters().refusals, 1U);
 }
 
-TEST_F(AFaultProxy, GoesOnWithoutFaultsWhereTheyCeaseInTheMiddle) {
+TEST_F(AFaultProxy, ForwardsTheRestWithoutFaultsOnceTheyCease) {
     Faults faults;
     faults.longestDelay = 24h;
     harmAnswers(faults);

@@ -45,7 +45,8 @@ class Traffic {
         std::size_t most = 0;
         std::size_t tooMany = 0;
     };
-    /// With so many times in a row of attempts that back off, beside those that users ask for.
+    /// With so many times in a row of attempts that back off, in addition to those that users ask
+    /// for.
     Load puts(std::size_t rows = 1) const ORVX_EXCLUDES(mutex_);
     /// With at most so many for an entry in a second.
     Load checks(std::size_t most = 2) const ORVX_EXCLUDES(mutex_);

@@ -82,7 +82,7 @@ TEST_F(ABlockingCall, WithdrawingNothingNeverReturnsWithoutLimit) {
     }));
 }
 
-/// The answer is queued behind the call that waits for it.
+/// The answer is queued after the call that waits for it.
 TEST_F(ABlockingCall, ThatRegistersFromACallbackNeverReturns) {
     EXPECT_TRUE(neverReturns([this](const Report& report) {
         start();

@@ -380,7 +380,7 @@ TEST_F(AResilientCall, IsNotNeededAtTheEndForWhatNeverCameIntoBeing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rules, WithdrawalAtTheEnd, ::testing::Bool(),
-                         [](const auto& rules) { return rules.param ? "Resilient" : "Specified"; });
+                         [](const auto& rules) { return rules.param ? "Resilient" : "Basic"; });
 
 }  // namespace
 }  // namespace orvx::serviceregistryclient

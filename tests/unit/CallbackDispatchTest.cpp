@@ -84,7 +84,7 @@ TEST_F(CallbackDispatch, ReleasesACallbackWhenItHasRun) {
     EXPECT_TRUE(watched.expired());
 }
 
-TEST_F(CallbackDispatch, GoesOnAfterACallbackThatThrows) {
+TEST_F(CallbackDispatch, RunsTheNextCallbackAfterOneThatThrows) {
     start();
     client().registerServiceAtRegistry(registry, service("first"),
                                        [](const auto&) { throw std::runtime_error("callback"); });
@@ -98,7 +98,7 @@ TEST_F(CallbackDispatch, GoesOnAfterACallbackThatThrows) {
     EXPECT_THAT(registrationIds(), ElementsAre(1, 2, 3));
 }
 
-TEST_F(CallbackDispatch, GoesOnAfterAListenerThatThrows) {
+TEST_F(CallbackDispatch, CallsCallbacksAfterAListenerThatThrows) {
     start();
     client().addServiceRegisterStatusListener(
         [](const auto&, bool) { throw std::runtime_error("listener"); });

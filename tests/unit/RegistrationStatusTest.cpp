@@ -119,7 +119,7 @@ TEST_P(TheStatusOfARegistration, MayBeAskedForInACallback) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rules, TheStatusOfARegistration, ::testing::Bool(),
-                         [](const auto& rules) { return rules.param ? "Resilient" : "Specified"; });
+                         [](const auto& rules) { return rules.param ? "Resilient" : "Basic"; });
 
 /// The time-out of a check without resilience ends it.
 TEST_F(ResilientTest, TellsThatACheckWasGivenUpWithoutResilience) {

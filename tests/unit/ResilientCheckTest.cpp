@@ -134,7 +134,7 @@ TEST_F(AnIndependentCheck, TakesNothingButNotFoundAndGoneForALoss) {
     EXPECT_EQ(state(), "lost");
 }
 
-TEST_F(AnIndependentCheck, GoesOnAfterARegistrationThatFailedAgain) {
+TEST_F(AnIndependentCheck, ResumesAfterARegistrationThatFailedAgain) {
     start();
     registered("echo", "abc");
     checkIsAnswered(404);

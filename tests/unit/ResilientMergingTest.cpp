@@ -149,7 +149,7 @@ TEST_F(OneEntryOfTwo, IsFoundByItsUuidWhereThePathsDiffer) {
     expectNothingFor(std::chrono::hours(1));
 }
 
-TEST_F(OneEntryOfTwo, LeavesNoEntryBehindWhereTheRegistryGivesAnotherUuid) {
+TEST_F(OneEntryOfTwo, DeletesTheOldEntryWhereTheRegistryGivesAnotherUuid) {
     start();
     first = registerAs("first");
     expectPutOf("first", 201, "abc");

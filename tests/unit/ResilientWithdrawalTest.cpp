@@ -97,7 +97,7 @@ TEST_F(AKeptWithdrawal, IsTriedAgainByTheBackOffUntilTheEntryIsGone) {
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdraw", "OK", "NONE", 404}));
 }
 
-TEST_F(AKeptWithdrawal, IsAnsweredOnceWhenItTakesTooLongAndGoesOn) {
+TEST_F(AKeptWithdrawal, IsAnsweredOnceWhenItTakesTooLongAndIsStillTried) {
     context.setSyncCallUnregisterTimeout(Milliseconds(2000));
     start();
     registered("echo", "abc")(record("withdraw"));
@@ -141,7 +141,7 @@ TEST_F(AKeptWithdrawal, OfALostServiceWaitsForItsPutAndDeletesTheEntry) {
     expectNothingFor(std::chrono::hours(1));
 }
 
-TEST_F(AKeptWithdrawal, IsAnsweredAtOnceWhereItWillNeverBeAllowedAndGoesOnAtTheCheckInterval) {
+TEST_F(AKeptWithdrawal, IsAnsweredAtOnceWhereItWillNeverBeAllowedAndIsTriedAtTheCheckInterval) {
     start();
     registered("echo", "abc")(record("withdraw"));
     expect("DELETE", "/abc", 403);

@@ -173,7 +173,7 @@ TEST_F(StatusCheck, EndsWhenItIsDueDuringAWithdrawalEvenIfThatIsRefused) {
     EXPECT_THAT(world.pendingDelays(), IsEmpty());
 }
 
-TEST_F(StatusCheck, GoesOnAfterAWithdrawalThatWasRefusedInBetween) {
+TEST_F(StatusCheck, ContinuesAfterAWithdrawalThatWasRefusedInBetween) {
     start();
     registered("echo", "abc")({});
     next("DELETE").answer(500);
@@ -222,7 +222,7 @@ TEST_F(StatusCheck, ChangesNothingWhenTheEntryIsNotFoundDuringItsWithdrawal) {
     }
 }
 
-TEST_F(StatusCheck, GoesOnWhenTheEntryIsFoundDuringItsWithdrawal) {
+TEST_F(StatusCheck, ContinuesWhenTheEntryIsFoundDuringItsWithdrawal) {
     start();
     const Handle withdraw = registered("echo", "abc");
     simulation::Request head = dueHead();

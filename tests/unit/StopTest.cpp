@@ -152,7 +152,7 @@ TEST_F(Stop, DropsTheOutcomeOfAWithdrawalThatIsQueued) {
     EXPECT_THAT(registrationIds(), IsEmpty());
 }
 
-TEST_F(Stop, FromInsideTheListenerDropsWhatIsQueuedBehindIt) {
+TEST_F(Stop, FromInsideTheListenerDropsTheTasksQueuedAfterIt) {
     client().addServiceRegisterStatusListener([this](const auto&, bool) { client().deinit(); });
     registerService("echo");
     next("PUT").answer(201, location("/abc"));

@@ -149,7 +149,7 @@ TEST_F(UnregisterAll, TellsOfIdsWithOneRecordUnderItsDescription) {
 
 using SynchronousUnregisterAll = UnregisterAll;
 
-TEST_F(SynchronousUnregisterAll, GoesOnWhenItsTimeIsUpAndDropsTheAnswers) {
+TEST_F(SynchronousUnregisterAll, WithdrawsAllAfterItsTimeOutAndDropsTheAnswers) {
     context.setSyncCallUnregisterTimeout(Milliseconds(-1));
     registeredThree();
     client().addServiceRegisterStatusListener(listen());

@@ -8,7 +8,7 @@ enum ExitCode {
     /// Without a command: an entry may be left, or the registry has refused a service.
     kNotWithdrawn = 1,
     /// The command ended with 0, but an entry may be left at the registry.
-    kLeftBehind = 123,
+    kEntryMayBeLeft = 123,
     kNotReadyInTime = 124,
     kOwnFailure = 125,
     kCannotBeExecuted = 126,

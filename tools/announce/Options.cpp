@@ -208,7 +208,7 @@ Options parseOptions(int argc, char** argv) {
     }
     CLI::App app("Announces services at a registry while a command runs, or until it is stopped.\n",
                  "orvx-announce");
-    app.footer("Behind -- stands the command, with its arguments. man orvx-announce says more.");
+    app.footer("The command and its arguments follow --. See man orvx-announce.");
     addServices(app, options.service);
     addRegistry(app, options.registry);
     addReady(app, options.ready, !options.command.empty());
@@ -227,7 +227,7 @@ Options parseOptions(int argc, char** argv) {
     try {
         app.parse(static_cast<int>(dashes - argv), argv);
         if (dashes != end && options.command.empty()) {
-            throw UsageError("there is no command behind --");
+            throw UsageError("no command follows --");
         }
         completeOptions(options);
     } catch (const CLI::ParseError& error) {

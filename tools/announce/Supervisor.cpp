@@ -237,7 +237,7 @@ int Supervisor::exitCodeWithoutCommand() const {
 /// The command's failure takes precedence over an entry that may be left.
 int Supervisor::exitCodeWithCommand() const {
     const bool isLeft = announcer_.count(Announcement::State::Left) > 0;
-    return command_.exitCode() == 0 && isLeft ? kLeftBehind : command_.exitCode();
+    return command_.exitCode() == 0 && isLeft ? kEntryMayBeLeft : command_.exitCode();
 }
 
 void Supervisor::tick() {

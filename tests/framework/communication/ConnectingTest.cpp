@@ -240,7 +240,7 @@ TEST_F(Connecting, IsGivenUpWhenThePeerSpeaksUnaskedEachTime) {
     EXPECT_EQ(server_.counters().requests, 0U);
 }
 
-TEST_F(Connecting, LeavesNothingBehindAfterTenThousandConnections) {
+TEST_F(Connecting, LeaksNothingInTenThousandConnections) {
     server_.onRequest([](const Request&) { return Script().send(response(200)).close(); });
     context_.deinit();
     const auto descriptors = openDescriptors();

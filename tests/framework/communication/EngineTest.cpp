@@ -1,4 +1,4 @@
-// What is beside the requests: logging, counting, scarce descriptors, forked children.
+// Everything but the requests: logging, counting, scarce descriptors, forked children.
 
 #include "BusyIoThread.h"
 #include "HttpTest.h"

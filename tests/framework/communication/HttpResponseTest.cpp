@@ -127,7 +127,7 @@ TEST(TheHeadersOfAResponse, DoNotHoldLinesWithoutAColon) {
     EXPECT_EQ(withHeaders("\n\n\r\n").getHeaders(), Headers{});
 }
 
-TEST(TheHeadersOfAResponse, GoOnInLinesThatBeginWithSpace) {
+TEST(TheHeadersOfAResponse, ContinueInLinesThatBeginWithSpace) {
     EXPECT_EQ(withHeaders("A: x \r\n  y\r\n\t z\t\r\nB: 1\r\n").getHeaders(),
               (Headers{{"A", "x y z"}, {"B", "1"}}));
 }
@@ -141,7 +141,7 @@ TEST(TheHeadersOfAResponse, DoNotTakeAFoldForAHeader) {
     EXPECT_EQ(withHeaders("A: x\r\n Location: /y\r\n").getLocation(), std::nullopt);
 }
 
-TEST(TheHeadersOfAResponse, DoNotGoOnAfterALineThatIsNone) {
+TEST(TheHeadersOfAResponse, DoNotContinueAfterALineThatIsNoHeader) {
     EXPECT_EQ(withHeaders(" lost: 1\r\nA: x\r\ngarbage\r\n lost\r\n").getHeaders(),
               (Headers{{"A", "x"}}));
 }

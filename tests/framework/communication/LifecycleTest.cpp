@@ -197,7 +197,7 @@ TEST_F(ACommunicationContext, MakesSessionsBeforeItIsInitialised) {
     EXPECT_EQ(codeOf(head(early)), 200);
 }
 
-TEST_F(ACommunicationContext, LeavesItsSessionsBehindHarmless) {
+TEST_F(ACommunicationContext, LeavesItsSessionsHarmlessWhenItIsDestroyed) {
     SessionPointer orphan;
     Outcome outcome;
     {

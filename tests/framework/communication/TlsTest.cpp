@@ -170,7 +170,7 @@ TEST_F(Tls, SaysInWordsWhatFailed) {
     }
 }
 
-TEST_F(Tls, TrustsNoAuthorityOfTheSystemBesideItsOwn) {
+TEST_F(Tls, TrustsItsOwnAuthorityAndNoneOfTheSystem) {
     const TlsServer server({}, answering(kLastAnswer));
     const TlsServer stranger({}, [](SSL&) {});
     const SystemsAuthorities authorities(server.authority());

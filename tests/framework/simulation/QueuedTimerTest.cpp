@@ -144,7 +144,7 @@ TEST_F(TheSimulatedTimer, TakesNothingFromTheDestructorsOfDroppedTasks) {
     EXPECT_THAT(world.pendingDelays(), IsEmpty());
 }
 
-TEST_F(TheSimulatedTimer, DropsATaskThatThrowsAndGoesOn) {
+TEST_F(TheSimulatedTimer, DropsATaskThatThrowsAndRunsTheNext) {
     timer->addTask(1ms, [] { throw std::runtime_error("it broke"); });
     timer->addTask(1ms, [] { throw 1; });
     timer->addTask(1ms, note("next"));

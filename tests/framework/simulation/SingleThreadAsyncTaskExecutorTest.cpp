@@ -124,7 +124,7 @@ TEST_F(TheSimulatedExecutor, DropsQueuedTasksWithItself) {
     EXPECT_THAT(ran, IsEmpty());
 }
 
-TEST_F(TheSimulatedExecutor, TellsTheErrorHandlerWhatATaskThrewAndGoesOn) {
+TEST_F(TheSimulatedExecutor, PassesAnExceptionToTheErrorHandlerAndRunsTheNextTask) {
     executor->add([] { throw std::runtime_error("it broke"); });
     executor->add([] { throw 1; });
     executor->add(note("next"));
@@ -160,7 +160,7 @@ TEST_F(TheSimulatedExecutor, EndsWithTheTaskThatStopsIt) {
     EXPECT_THAT(ran, ElementsAre("last"));
 }
 
-TEST_F(TheSimulatedExecutor, GoesOnWhenATaskStopsAndStartsIt) {
+TEST_F(TheSimulatedExecutor, RunsTasksAfterATaskHasStoppedAndStartedIt) {
     executor->add([this] {
         executor->stopAndClear();
         executor->add(note("next"));

@@ -65,7 +65,7 @@ TEST(AForkMark, KnowsAChildThatWasMadeWithoutTheHandlersOfAFork) {
     EXPECT_TRUE(isKnownInTwoGenerations(cloneWithoutTheSystemLibrary));
 }
 
-TEST(AForkMark, IsNotLeftBehindInTheProcessThatForked) {
+TEST(AForkMark, ReportsNoForkedChildInTheProcessThatForked) {
     const ForkMark mark;
     EXPECT_TRUE(isTrueInChild([] { return ::fork(); }, [] { return true; }));
     EXPECT_FALSE(mark.isInForkedChild());

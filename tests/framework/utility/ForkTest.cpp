@@ -125,9 +125,9 @@ TEST(AForkedChild, StartsAndEndsAThreadOfItsOwn) {
     WorkerThread worker;
     EXPECT_EQ(statusOfChild([&] {
                   worker.start("ORVX_Fork", [&] { ran = true; });
-                  const bool leftBehind = worker.isInForkedChild();
+                  const bool isInForkedChild = worker.isInForkedChild();
                   worker.end();
-                  return ran && !leftBehind;
+                  return ran && !isInForkedChild;
               }),
               0);
 }
@@ -182,15 +182,15 @@ TEST(AForkedChild, OfAWorkerKeepsAMaskThatWasSetThere) {
     }));
 }
 
-TEST(AForkedChild, FindsAWorkerThreadLeftBehind) {
+TEST(AForkedChild, KnowsThatAWorkerThreadIsItsParents) {
     Gate gate;
     auto worker = std::make_unique<WorkerThread>();
     worker->start("ORVX_Fork", gate.task());
     ASSERT_TRUE(gate.isEntered());
     EXPECT_EQ(statusOfChild([&] {
-                  const bool leftBehind = worker->isInForkedChild();
+                  const bool isInForkedChild = worker->isInForkedChild();
                   worker->end();
-                  return destroy(worker) && leftBehind;
+                  return destroy(worker) && isInForkedChild;
               }),
               0);
     gate.open();

@@ -34,7 +34,7 @@ TEST(TheExecutor, RunsTasksInTheOrderInWhichTheyWereAdded) {
     EXPECT_EQ(journal.await(1000), countedTo(1000));
 }
 
-TEST(TheExecutor, RunsAListBehindWhatWasAddedBeforeAndAheadOfWhatComesAfter) {
+TEST(TheExecutor, RunsAListAfterEarlierTasksAndBeforeLaterOnes) {
     Journal<int> journal;
     SingleThreadAsyncTaskExecutor executor("ORVX_List", nullptr);
     executor.add([&] { journal.write(0); });

@@ -57,7 +57,7 @@ TYPED_TEST(ATaskRunner, StartedTwiceHasOneThread) {
     EXPECT_EQ(test::threadsNamed("ORVX_RunnerTest"), 1u);
 }
 
-TYPED_TEST(ATaskRunner, GoesOnAfterATaskThatThrows) {
+TYPED_TEST(ATaskRunner, RunsTheNextTaskAfterOneThatThrows) {
     this->runner->start();
     this->runner->add([] { throw std::runtime_error("failed"); });
     this->runner->add([] { throw 7; });
@@ -147,7 +147,7 @@ TYPED_TEST(ATaskRunner, WaitsForATaskThatHasStoppedItWhenItIsDestroyed) {
     EXPECT_TRUE(test::isReady(end));
 }
 
-TYPED_TEST(ATaskRunner, StoppedAndStartedByATaskGoesOn) {
+TYPED_TEST(ATaskRunner, StoppedAndStartedByATaskRunsItsTasks) {
     this->runner->start();
     this->runner->add([&] {
         this->runner->stop();

@@ -187,7 +187,7 @@ TEST(AWorkerThread, ThatCannotBeMadeThrowsAndCanBeStartedLater) {
     EXPECT_TRUE(ran);
 }
 
-TEST(AWorkerThread, IsNotLeftBehindInTheProcessThatMadeIt) {
+TEST(AWorkerThread, ReportsNoForkedChildInTheProcessThatMadeIt) {
     WorkerThread worker;
     EXPECT_FALSE(worker.isInForkedChild());
     worker.start("ORVX_Here", test::nothing);

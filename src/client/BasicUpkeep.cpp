@@ -1,7 +1,7 @@
 // Without resilience: forwards operations to the client's own members, and adds the withdrawal at
 // deinit(). Entered by the user's threads.
 
-#include "SpecifiedUpkeep.h"
+#include "BasicUpkeep.h"
 
 #include "RegistrationTable.h"
 
@@ -18,7 +18,7 @@ constexpr std::chrono::milliseconds kPause{50};
 
 }  // namespace
 
-IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::SpecifiedUpkeep::announce(
+IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::BasicUpkeep::announce(
     const common::ServiceInfo& registry, const std::shared_ptr<RequestContainer>& request,
     ResponseCallback callback) {
     UnregisterHandle handle;
@@ -28,25 +28,25 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::SpecifiedU
     return handle;
 }
 
-void OrvServiceRegistryClient::SpecifiedUpkeep::withdraw(std::uint64_t id,
-                                                         const ResponseCallback& callback) {
+void OrvServiceRegistryClient::BasicUpkeep::withdraw(std::uint64_t id,
+                                                     const ResponseCallback& callback) {
     client_.internal_unregisterFromRegistry(id, callback);
 }
 
-void OrvServiceRegistryClient::SpecifiedUpkeep::queueTask(std::function<void()> task) {
+void OrvServiceRegistryClient::BasicUpkeep::queueTask(std::function<void()> task) {
     client_.callbackExecutor.add(std::move(task));
 }
 
-void OrvServiceRegistryClient::SpecifiedUpkeep::queueTasksLocked(Tasks tasks) {
+void OrvServiceRegistryClient::BasicUpkeep::queueTasksLocked(Tasks tasks) {
     client_.callbackExecutor.add(std::move(tasks));
 }
 
 std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>
-OrvServiceRegistryClient::SpecifiedUpkeep::descriptions() {
+OrvServiceRegistryClient::BasicUpkeep::descriptions() {
     return client_.snapshot();
 }
 
-std::vector<RegistrationStatus> OrvServiceRegistryClient::SpecifiedUpkeep::statuses() {
+std::vector<RegistrationStatus> OrvServiceRegistryClient::BasicUpkeep::statuses() {
     std::vector<RegistrationStatus> statuses;
     const utility::MutexLock lock(client_.mutex);
     const Clocks clocks = readClocks();
@@ -58,7 +58,7 @@ std::vector<RegistrationStatus> OrvServiceRegistryClient::SpecifiedUpkeep::statu
 
 // A service without an entry cannot be withdrawn, so the withdrawal is repeated until there is an
 // entry.
-std::vector<std::string> OrvServiceRegistryClient::SpecifiedUpkeep::withdrawWithin(
+std::vector<std::string> OrvServiceRegistryClient::BasicUpkeep::withdrawWithin(
     std::chrono::milliseconds bound) {
     const auto deadline = std::chrono::steady_clock::now() + bound;
     std::vector<std::string> left;
@@ -88,19 +88,19 @@ std::vector<std::string> OrvServiceRegistryClient::SpecifiedUpkeep::withdrawWith
     return left;
 }
 
-SyncOrvRegistrationResponse OrvServiceRegistryClient::SpecifiedUpkeep::registerAndWait(
+SyncOrvRegistrationResponse OrvServiceRegistryClient::BasicUpkeep::registerAndWait(
     const common::ServiceInfo& registry, const std::shared_ptr<common::ServiceCreate>& service) {
     return client_.registerAndWait(registry, service);
 }
 
 std::pair<bool, OrvServiceRegistryClient::Upkeep::SyncServiceResponses>
-OrvServiceRegistryClient::SpecifiedUpkeep::registerAllAndWait(const common::ServiceInfo& registry,
-                                                              const ServiceSet& services) {
+OrvServiceRegistryClient::BasicUpkeep::registerAllAndWait(const common::ServiceInfo& registry,
+                                                          const ServiceSet& services) {
     return client_.registerAllAndWait(registry, services);
 }
 
 std::pair<bool, OrvServiceRegistryClient::Upkeep::ServiceResponses>
-OrvServiceRegistryClient::SpecifiedUpkeep::withdrawAllAndWait() {
+OrvServiceRegistryClient::BasicUpkeep::withdrawAllAndWait() {
     return client_.withdrawAllAndWait();
 }
 

@@ -6,9 +6,9 @@ namespace orvx::serviceregistryclient {
 
 /// Keeps registrations when resilience is off, by the members of the client.
 /// OrvServiceRegistryClient.h lists their files, from Registration.cpp on.
-class OrvServiceRegistryClient::SpecifiedUpkeep final : public Upkeep {
+class OrvServiceRegistryClient::BasicUpkeep final : public Upkeep {
   public:
-    explicit SpecifiedUpkeep(OrvServiceRegistryClient& client) : Upkeep(client) {}
+    explicit BasicUpkeep(OrvServiceRegistryClient& client) : Upkeep(client) {}
 
     UnregisterHandle announce(const common::ServiceInfo& registry,
                               const std::shared_ptr<RequestContainer>& request,
