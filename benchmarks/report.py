@@ -34,7 +34,7 @@ def cells(one):
 
 
 def table(rows):
-    lines = [("what", "figure", "goal", "min to max", "of", "reached"), *map(cells, rows)]
+    lines = [("measurement", "figure", "goal", "min to max", "rounds", "reached"), *map(cells, rows)]
     widths = [max(map(len, column)) for column in zip(*lines)]
     lines.insert(1, ["-" * width for width in widths])
     return "\n".join(

@@ -250,18 +250,25 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"pause", "The registry pauses for 6 s, and restarts empty later: of 20 services come back",
+    {"pause",
+     "The registry pauses for 6 s and later restarts empty; services that are registered again, of "
+     "20",
      afterPauseAndRestart},
-    {"hour", "Nothing fails for an hour: of 200 services in one context are still checked",
+    {"hour", "Nothing fails for an hour; services that are still checked, of 200 in one context",
      afterAnHour},
-    {"lost-answer", "The answer to a withdrawal is lost: an hour later the registry holds",
+    {"lost-answer", "The answer to a withdrawal is lost; content of the registry an hour later",
      withdrawnWithoutAnswer},
-    {"away", "A withdrawal is asked for while the registry is away: an hour later it holds",
+    {"away",
+     "A service is withdrawn while the registry is unreachable; content of the registry an hour "
+     "later",
      withdrawnWhileAway},
-    {"nothing", "Everything is withdrawn where nothing is registered: the blocking call returns",
+    {"nothing", "All services are withdrawn while none is registered; the blocking call returns",
      withdrawnWithNothingThere},
-    {"set", "256 services are registered in one blocking call: it returns", registeredInOneCall},
-    {"restart", "The registry restarts empty: all of 1,000 services are back after", afterRestart},
+    {"set", "256 services are registered in one blocking call; the call returns",
+     registeredInOneCall},
+    {"restart",
+     "The registry restarts empty; time until all of 1,000 services are registered again",
+     afterRestart},
 };
 
 std::string rowOf(const Case& one) {
@@ -285,7 +292,7 @@ bool isOn(const std::string& page, const std::string& row) {
 
 int main(int argc, char** argv) {
     using namespace orvx::simulation;
-    CLI::App app("Prints what becomes of announcements without resilience and with it");
+    CLI::App app("Prints the results of failures without resilience and with it");
     std::vector<std::string> names;
     std::string page;
     std::set<std::string> all;
