@@ -72,10 +72,6 @@ class ClientTestAccess {
         const utility::MutexLock lock(client_.mutex);
         return client_.mapRegistryCallback->find(id);
     }
-    std::uint64_t lastRequestId() const {
-        const utility::MutexLock lock(client_.mutex);
-        return client_.lastRequestId;
-    }
     std::uint32_t checkState() const {
         const utility::MutexLock lock(client_.mutex);
         return client_.checkState;

@@ -12,7 +12,7 @@ using testing::warning;
 
 class RegistrationRefusal : public ClientTest {
   protected:
-    /// Registers; must be refused with this code, and leave nothing behind but its handle.
+    /// Registers; must be refused with this code, and leave only its handle.
     Handle refused(const std::shared_ptr<common::ServiceCreate>& description,
                    const std::string& code) {
         Handle handle = client().registerServiceAtRegistry(registry, description, record("echo"));
@@ -20,7 +20,6 @@ class RegistrationRefusal : public ClientTest {
         deliver();
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "ERROR", code, -1}));
         EXPECT_THAT(registrationIds(), IsEmpty());
-        EXPECT_EQ(access().lastRequestId(), 0U);
         EXPECT_EQ(world.requestsToTake(), 0U);
         return handle;
     }
@@ -112,7 +111,14 @@ TEST_F(RegistrationRefusal, StaysSoWhateverHappensToTheNameLater) {
 
 TEST_F(RegistrationRefusal, DoesNotUseUpAnId) {
     start();
+    const auto unwritable = service("echo");
+    unwritable->setDescription("\xff");
     refused(service(""), "SERVICE_NAME_MISSING");
+    refused(nullptr, "SERVICE_NAME_MISSING");
+    refused(unwritable, "OTHER");
+    client().deinit();
+    refused(service("echo"), "DELEGATOR_NOT_INITIATED");
+    client().init();
     registerService("echo");
     EXPECT_THAT(registrationIds(), ElementsAre(1));
 }
