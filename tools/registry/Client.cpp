@@ -3,9 +3,6 @@
 
 #include "Client.h"
 
-#include <arpa/inet.h>
-#include <openssl/ssl.h>
-
 #include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http/empty_body.hpp>
@@ -62,9 +59,13 @@ void takeEvents(std::string& text, std::string& lastId,
 }  // namespace
 
 Client::Client(const ClientOptions& options) {
-    readUrl(options.url);
-    if (options.url.substr(0, 5) == "https") {
-        makeTls(options);
+    const auto url = parseUrl(options.url);
+    if (!url) {
+        throw std::runtime_error("the registry must be a url such as http://127.0.0.1:8500");
+    }
+    url_ = *url;
+    if (url_.isTls) {
+        tls_ = makeClientTlsContext({options.own.certificate, options.own.key, options.authority});
     }
     if (!options.tokenFile.empty()) {
         std::string token = contentOf("token", options.tokenFile);
@@ -73,49 +74,6 @@ Client::Client(const ClientOptions& options) {
             throw FileError("token " + options.tokenFile + ": it has more than one line");
         }
         authorization_ = "Bearer " + token;
-    }
-}
-
-void Client::readUrl(const std::string& url) {
-    const auto scheme = url.find("://");
-    std::string rest = scheme == std::string::npos ? "" : url.substr(scheme + 3);
-    if (!rest.empty() && rest.back() == '/') {
-        rest.pop_back();
-    }
-    authority_ = rest;
-    const auto bracket = rest.find(']');
-    const auto colon = rest.find(':', bracket == std::string::npos ? 0 : bracket);
-    host_ = rest.substr(0, colon);
-    port_ = colon != std::string::npos         ? rest.substr(colon + 1)
-            : url.substr(0, scheme) == "https" ? "443"
-                                               : "80";
-    if (!host_.empty() && host_.front() == '[' && host_.back() == ']') {
-        host_ = host_.substr(1, host_.size() - 2);
-    }
-    if ((url.substr(0, scheme) != "http" && url.substr(0, scheme) != "https") || host_.empty() ||
-        host_.find_first_of("/@?#[] \r\n") != std::string::npos || port_.empty() ||
-        port_.find_first_not_of("0123456789") != std::string::npos) {
-        throw std::runtime_error("the registry must be a url such as http://127.0.0.1:8500");
-    }
-}
-
-void Client::makeTls(const ClientOptions& options) {
-    tls_ = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_client);
-    SSL_CTX* const native = tls_->native_handle();
-    SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
-    SSL_CTX_set_verify(native, SSL_VERIFY_PEER, nullptr);
-    Error error;
-    if (options.authority.empty()) {
-        tls_->set_default_verify_paths(error);
-    } else {
-        const std::string pem = contentOf("TLS", options.authority);
-        tls_->add_certificate_authority(asio::buffer(pem.data(), pem.size()), error);
-    }
-    if (error) {
-        throw FileError("TLS " + options.authority + ": it holds no certificate in PEM");
-    }
-    if (!options.own.certificate.empty()) {
-        loadOwn(*tls_, options.own);
     }
 }
 
@@ -131,13 +89,14 @@ Client::Error Client::await(Start&& start) {
 
 void Client::require(Error error) const {
     if (error) {
-        throw std::runtime_error("registry " + host_ + " port " + port_ + ": " + error.message());
+        throw std::runtime_error("registry " + url_.host + " port " + url_.port + ": " +
+                                 error.message());
     }
 }
 
 void Client::connect() {
     Error error;
-    const auto endpoints = tcp::resolver(context_).resolve(host_, port_, error);
+    const auto endpoints = tcp::resolver(context_).resolve(url_.host, url_.port, error);
     require(error);
     buffer_.clear();
     stream_.emplace(tcp::socket(context_), tls_.get());
@@ -148,15 +107,7 @@ void Client::connect() {
 }
 
 void Client::shakeHands() {
-    SSL* const ssl = stream_->tls();
-    in6_addr ignored;
-    if (::inet_pton(AF_INET, host_.c_str(), &ignored) == 1 ||
-        ::inet_pton(AF_INET6, host_.c_str(), &ignored) == 1) {
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host_.c_str());
-    } else {
-        SSL_set1_host(ssl, host_.c_str());
-        SSL_set_tlsext_host_name(ssl, host_.c_str());
-    }
+    expectHost(*stream_->tls(), url_.host);
     require(await(
         [this](auto handler) { stream_->handshake(asio::ssl::stream_base::client, handler); }));
 }
@@ -166,7 +117,7 @@ void Client::send(http::verb method, const std::string& target, const std::strin
         connect();
     }
     http::request<http::empty_body> request(method, target, 11);
-    request.set(http::field::host, authority_);
+    request.set(http::field::host, url_.authority);
     request.set(http::field::accept, "application/json");
     if (!authorization_.empty()) {
         request.set(http::field::authorization, authorization_);

@@ -14,6 +14,7 @@
 #include "RequestHandler.h"
 #include "Stream.h"
 #include "TlsFiles.h"
+#include "Url.h"
 
 namespace orvx::registry {
 
@@ -45,8 +46,6 @@ class Client {
   private:
     using Error = boost::beast::error_code;
 
-    void readUrl(const std::string& url);
-    void makeTls(const ClientOptions& options);
     void connect();
     void shakeHands();
     void send(boost::beast::http::verb method, const std::string& target,
@@ -56,9 +55,7 @@ class Client {
     Error await(Start&& start);
     void require(Error error) const;
 
-    std::string authority_{};  // of the URL, as it stands there
-    std::string host_{};
-    std::string port_{};
+    Url url_{};
     std::string authorization_{};
     boost::asio::io_context context_;
     std::unique_ptr<boost::asio::ssl::context> tls_;

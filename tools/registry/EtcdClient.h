@@ -63,7 +63,8 @@ class EtcdClient {
 
     /// Sends `body` to /v3/`call`, such as "kv/txn": to the member that answered last, then to each
     /// other one once, until one answers or refuses. `handler` is called once: at the latest after
-    /// tryTimeout for each member, or twice as long when the call had to wait for others.
+    /// tryTimeout for each member, or twice as long when the call had to wait for others. Throws a
+    /// json::type_error for a body with a text that is not UTF-8.
     void call(std::string_view call, const nlohmann::json& body, Handler handler);
 
     /// Starts a watch, and ends the watch before it, if any, without its onEnd. Each watch asks the

@@ -1,14 +1,16 @@
-// Sets OpenSSL up for a server.
-// Entered by the thread that makes or runs the server.
+// Sets OpenSSL up for a server or a client.
+// Entered by the thread that makes or runs it.
 // There is no lock.
 
 #include "Tls.h"
 
+#include <arpa/inet.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/system/error_code.hpp>
@@ -88,6 +90,35 @@ std::unique_ptr<asio::ssl::context> makeTlsContext(const TlsFiles& files) {
         loadAuthority(*context, files.authority);
     }
     return context;
+}
+
+std::unique_ptr<asio::ssl::context> makeClientTlsContext(const TlsFiles& files) {
+    auto context = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_client);
+    SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
+    SSL_CTX_set_verify(context->native_handle(), SSL_VERIFY_PEER, nullptr);
+    error_code error;
+    if (files.authority.empty()) {
+        context->set_default_verify_paths(error);
+        require(!error, "certificates of the system", "they cannot be read");
+    } else {
+        context->add_certificate_authority(buffer(contentOf("TLS", files.authority)), error);
+        require(!error, files.authority, "it holds no certificate in PEM");
+    }
+    if (!files.certificate.empty()) {
+        loadOwn(*context, files);
+    }
+    return context;
+}
+
+void expectHost(SSL& ssl, const std::string& host) {
+    in6_addr ignored;
+    if (::inet_pton(AF_INET, host.c_str(), &ignored) == 1 ||
+        ::inet_pton(AF_INET6, host.c_str(), &ignored) == 1) {
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(&ssl), host.c_str());
+    } else {
+        SSL_set1_host(&ssl, host.c_str());
+        SSL_set_tlsext_host_name(&ssl, host.c_str());
+    }
 }
 
 std::string subjectOfPeer(const SSL& ssl) {
