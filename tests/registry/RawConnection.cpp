@@ -100,6 +100,33 @@ bool RawConnection::readMore() {
     return size > 0;
 }
 
+RawListener::RawListener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    check(socket_ >= 0, "socket");
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    check(::bind(socket_, generic, size) == 0 && ::listen(socket_, SOMAXCONN) == 0 &&
+              ::getsockname(socket_, generic, &size) == 0,
+          "listen");
+    port_ = ntohs(address.sin_port);
+}
+
+RawListener::~RawListener() {
+    ::close(socket_);
+}
+
+RawConnection RawListener::accept() const {
+    pollfd polled{socket_, POLLIN, 0};
+    if (::poll(&polled, 1, 10'000) != 1) {
+        throw std::runtime_error("nobody connected within ten seconds");
+    }
+    const int accepted = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+    check(accepted >= 0, "accept");
+    return RawConnection(RawConnection::Accepted{accepted});
+}
+
 std::string makeRequest(const std::string& method, const std::string& target,
                         const std::string& body) {
     std::string request = method + " " + target + " HTTP/1.1\r\nHost: localhost\r\n";

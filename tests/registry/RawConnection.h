@@ -32,10 +32,35 @@ class RawConnection final : public TestConnection {
     bool endsWithin(std::chrono::milliseconds longest) const;
 
   private:
+    friend class RawListener;
+    struct Accepted {
+        int socket;
+    };
+
+    explicit RawConnection(Accepted accepted) : socket_(accepted.socket) {}
     void await(short events);
     bool readMore() override;
 
     int socket_;
+};
+
+/// Listens at 127.0.0.1, at any free port, for tests that play a server.
+///
+/// Thread-safety: none.
+class RawListener {
+  public:
+    RawListener();
+    ~RawListener();
+    RawListener(const RawListener&) = delete;
+    RawListener& operator=(const RawListener&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    /// Waits for the next connection.
+    RawConnection accept() const;
+
+  private:
+    int socket_;
+    std::uint16_t port_ = 0;
 };
 
 /// A whole request, with a Content-Length if there is a body.
