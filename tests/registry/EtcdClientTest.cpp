@@ -1,33 +1,23 @@
-// The client of etcd: against etcd itself, and against members that a test plays byte by byte.
+// Calls of the client of etcd: to etcd itself, and to members that a test plays byte by byte.
 // The client runs on its own thread, the test on the main one; they share futures and a queue,
 // which has a lock of its own.
 
 #include <gmock/gmock.h>
 
-#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "Base64.h"
 #include "EtcdClient.h"
 #include "EtcdProcess.h"
-#include "FileError.h"
 #include "RawConnection.h"
-#include "TemporaryFolder.h"
-#include "TlsConnection.h"
+#include "RunningEtcdClient.h"
 
 namespace orvx::registry {
 namespace {
@@ -41,164 +31,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using Result = EtcdClient::Result;
-
-/// Texts that one thread adds and another one waits for.
-class Texts {
-  public:
-    void add(std::string text) {
-        const std::lock_guard lock(mutex_);
-        texts_.push_back(std::move(text));
-        added_.notify_one();
-    }
-
-    std::string next() {
-        std::unique_lock lock(mutex_);
-        if (!added_.wait_for(lock, 10s, [this] { return !texts_.empty(); })) {
-            throw std::runtime_error("nothing came for ten seconds");
-        }
-        std::string text = std::move(texts_.front());
-        texts_.pop_front();
-        return text;
-    }
-
-    bool isEmpty() {
-        const std::lock_guard lock(mutex_);
-        return texts_.empty();
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable added_;
-    std::deque<std::string> texts_;
-};
-
-Result resultOf(std::future<Result>& result) {
-    if (result.wait_for(15s) != std::future_status::ready) {
-        throw std::runtime_error("a call did not end");
-    }
-    return result.get();
-}
-
-/// A client on a thread of its own.
-class RunningEtcdClient {
-  public:
-    explicit RunningEtcdClient(EtcdOptions options) : client_(context_, std::move(options)) {}
-    ~RunningEtcdClient() {
-        asio::post(context_, [this] {
-            client_.close();
-            work_.reset();
-        });
-        thread_.join();
-    }
-    RunningEtcdClient(const RunningEtcdClient&) = delete;
-    RunningEtcdClient& operator=(const RunningEtcdClient&) = delete;
-
-    void run(const std::function<void(EtcdClient&)>& task) {
-        std::promise<void> done;
-        asio::post(context_, [&] {
-            task(client_);
-            done.set_value();
-        });
-        done.get_future().wait();
-    }
-
-    std::future<Result> call(const std::string& name, const json& body) {
-        auto result = std::make_shared<std::promise<Result>>();
-        run([&](EtcdClient& client) {
-            client.call(name, body, [result](Result r) { result->set_value(std::move(r)); });
-        });
-        return result->get_future();
-    }
-    std::future<Result> call() { return call("kv/range", {{"key", "YQ=="}}); }
-
-    Result ask(const std::string& name, const json& body) {
-        auto result = call(name, body);
-        return resultOf(result);
-    }
-    Result put(const std::string& key, const std::string& value) {
-        return ask("kv/put", {{"key", encode64(key)}, {"value", encode64(value)}});
-    }
-    Result get(const std::string& key) { return ask("kv/range", {{"key", encode64(key)}}); }
-
-    void watch(const json& request, Texts& texts) {
-        run([&](EtcdClient& client) {
-            client.watch(
-                request, [&](const json& result) { texts.add(result.dump()); },
-                [&](const std::string& error) { texts.add("end: " + error); });
-        });
-    }
-
-  private:
-    asio::io_context context_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_{context_.get_executor()};
-    EtcdClient client_;
-    std::thread thread_{[this] { context_.run(); }};
-};
-
-EtcdOptions optionsOf(std::vector<std::string> members,
-                      std::chrono::milliseconds tryTimeout = 10s) {
-    EtcdOptions options;
-    options.members = std::move(members);
-    options.tryTimeout = tryTimeout;
-    return options;
-}
-
-std::string urlOf(std::uint16_t port) {
-    return "http://127.0.0.1:" + std::to_string(port);
-}
-
-/// A member of etcd that the test plays.
-struct FakeMember {
-    RawListener listener{};
-
-    std::string url() const { return urlOf(listener.port()); }
-};
-
-std::string answerOf(const std::string& body, const std::string& status = "200 OK") {
-    return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n\r\n" + body;
-}
-
-/// Header and body of a request whose body is one object in JSON without another one.
-std::string readRequest(RawConnection& connection) {
-    const std::string header = connection.readUntil("\r\n\r\n");
-    return header + connection.readUntil("}");
-}
-
-RawConnection acceptWatch(const FakeMember& member) {
-    RawConnection connection = member.listener.accept();
-    connection.readUntil("}}");
-    connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
-    return connection;
-}
-
-std::string chunkOf(const std::string& text) {
-    std::ostringstream chunk;
-    chunk << std::hex << text.size() << "\r\n" << text << "\r\n";
-    return chunk.str();
-}
-
-const json kWatchOfA{{"key", "YQ=="}};
-
-TEST(Base64, IsReadAsItWasWritten) {
-    std::string bytes;
-    for (int i = 0; i < 300; ++i) {
-        EXPECT_EQ(decode64(encode64(bytes)), bytes);
-        bytes += static_cast<char>(i);
-    }
-    EXPECT_EQ(encode64(""), "");
-    EXPECT_EQ(encode64("a"), "YQ==");
-    EXPECT_EQ(encode64("ab\xff"), "YWL/");
-}
-
-TEST(Base64, IsNotReadInAnotherForm) {
-    for (const std::string text :
-         {"Y", "YQ", "YQ=", "Y===", "====", "=", "YQ==YQ==", "Y=Q=", " YQ==", "YQ==\n",
-          "YQ\n=", "YWL_", "YW-L", "YQ= ", "YWJj ", "\xff\xff\xff\xff"}) {
-        EXPECT_EQ(decode64(text), std::nullopt) << text;
-    }
-    EXPECT_EQ(decode64(std::string("YW\0j", 4)), std::nullopt);
-}
 
 TEST(MembersOfEtcd, AreReadFromAList) {
     EXPECT_THAT(parseMembers("http://a:2379,https://[::1]:2379"),
@@ -214,6 +46,8 @@ TEST(MembersOfEtcd, AreRefusedWhenOneIsNoUrl) {
     asio::io_context context;
     EXPECT_THROW(EtcdClient(context, EtcdOptions{}), std::invalid_argument);
 }
+
+const json kKeyA{{"key", "YQ=="}};
 
 TEST(AnEtcdClient, WritesAndReads) {
     const EtcdProcess etcd;
@@ -304,7 +138,7 @@ TEST(AnEtcdClient, DoesNotWaitForALeader) {
     RunningEtcdClient client(optionsOf({cluster.urls()[0]}));
     ASSERT_TRUE(client.put("a", "1").answer);
     Texts texts;
-    client.watch(kWatchOfA, texts);
+    client.watch(kKeyA, texts);
     EXPECT_THAT(texts.next(), HasSubstr("created"));
     cluster[1].stop();
     cluster[2].stop();
@@ -610,17 +444,17 @@ TEST(AnEtcdClient, CallsNothingFromInsideItsFunctionsOrAfterClose) {
     const auto unexpected = [owned](auto&&...) { ADD_FAILURE() << "a handler was called"; };
     EtcdClient client(context, optionsOf({silent.url()}));
     for (std::size_t i = 0; i < EtcdClient::kMaxCalls + 1; ++i) {
-        client.call("kv/range", kWatchOfA, unexpected);
+        client.call("kv/range", kKeyA, unexpected);
     }
-    client.watch(kWatchOfA, unexpected, unexpected);
+    client.watch(kKeyA, unexpected, unexpected);
     for (std::size_t i = 0; i < EtcdClient::kMaxCalls + 1; ++i) {
         context.run_for(10ms);
         connections.push_back(silent.listener.accept());
     }
     client.close();
     client.close();
-    client.call("kv/range", kWatchOfA, unexpected);
-    client.watch(kWatchOfA, unexpected, unexpected);
+    client.call("kv/range", kKeyA, unexpected);
+    client.watch(kKeyA, unexpected, unexpected);
     context.restart();
     context.run();  // ends: nothing is under way any more
     EXPECT_EQ(owned.use_count(), 2);
@@ -632,264 +466,13 @@ TEST(AnEtcdClient, MayBeDestroyedByAHandler) {
     auto client = std::make_unique<EtcdClient>(context, optionsOf({urlOf(nobody.number())}));
     int calls = 0;
     for (int i = 0; i < 3; ++i) {
-        client->call("kv/range", kWatchOfA, [&](const Result&) {
+        client->call("kv/range", kKeyA, [&](const Result&) {
             ++calls;
             client.reset();
         });
     }
     context.run();
     EXPECT_EQ(calls, 1);
-}
-
-TEST(AWatchOfEtcd, TellsWhatChanges) {
-    const EtcdProcess etcd;
-    RunningEtcdClient client(optionsOf({etcd.url()}));
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    EXPECT_TRUE(json::parse(texts.next()).at("created"));
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_TRUE(client.put("a", std::to_string(i)).answer);
-    }
-    int count = 0;
-    while (count < 100) {
-        const json result = json::parse(texts.next());
-        for (const json& event : result.at("events")) {
-            EXPECT_EQ(event.at("kv").at("value"), encode64(std::to_string(count++)));
-        }
-    }
-}
-
-TEST(AWatchOfEtcd, IsCanceledByACompaction) {
-    const EtcdProcess etcd;
-    RunningEtcdClient client(optionsOf({etcd.url()}));
-    ASSERT_TRUE(client.put("a", "1").answer);
-    ASSERT_TRUE(client.put("a", "2").answer);
-    ASSERT_TRUE(client.ask("kv/compaction", {{"revision", "3"}}).answer);
-    Texts texts;
-    client.watch({{"key", "YQ=="}, {"start_revision", "2"}}, texts);
-    EXPECT_THAT(texts.next(), HasSubstr("created"));
-    const json canceled = json::parse(texts.next());
-    EXPECT_TRUE(canceled.at("canceled"));
-    EXPECT_EQ(canceled.at("compact_revision"), "3");
-}
-
-TEST(AWatchOfEtcd, EndsWithEtcdAndBeginsAtTheNextMember) {
-    EtcdProcess first;
-    const EtcdProcess second;
-    RunningEtcdClient client(optionsOf({first.url(), second.url()}));
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    EXPECT_THAT(texts.next(), HasSubstr("created"));
-    first.stop();
-    EXPECT_THAT(texts.next(), StartsWith("end: " + first.url() + ": "));
-    client.watch(kWatchOfA, texts);
-    EXPECT_THAT(texts.next(), HasSubstr("created"));
-    second.pause();
-    client.watch(kWatchOfA, texts);
-    EXPECT_THAT(texts.next(), AllOf(StartsWith("end: " + first.url()), HasSubstr("refused")));
-    EXPECT_TRUE(texts.isEmpty());
-}
-
-TEST(AWatchOfEtcd, EndsWhenTheMemberDoesNotBeginToAnswer) {
-    const EtcdProcess etcd;
-    etcd.pause();
-    RunningEtcdClient client(optionsOf({etcd.url()}, 200ms));
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    EXPECT_THAT(texts.next(), StartsWith("end: " + etcd.url() + ": "));
-}
-
-TEST(AWatchOfEtcd, WaitsForEverOnceItHasBegun) {
-    const FakeMember member;
-    RunningEtcdClient client(optionsOf({member.url()}, 200ms));
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    RawConnection connection = acceptWatch(member);
-    connection.send(chunkOf("{\"result\":{}}\n"));
-    EXPECT_EQ(texts.next(), "{}");
-    EXPECT_FALSE(connection.endsWithin(600ms));
-    connection.send(chunkOf("{\"result\":{\"a\":1}}\n"));
-    EXPECT_EQ(texts.next(), "{\"a\":1}");
-}
-
-TEST(AWatchOfEtcd, ReadsLinesHoweverTheyAreCut) {
-    const FakeMember member;
-    RunningEtcdClient client(optionsOf({member.url()}));
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    RawConnection connection = acceptWatch(member);
-    const std::string lines = "{\"result\":{\"a\":1}}\n{\"result\":{\"b\":[2]}}\n";
-    connection.send(chunkOf(lines + lines.substr(0, 5)));
-    EXPECT_EQ(texts.next(), "{\"a\":1}");
-    EXPECT_EQ(texts.next(), "{\"b\":[2]}");
-    for (const char byte : chunkOf(lines.substr(5, 3)) + chunkOf(lines.substr(8))) {
-        connection.send({byte});
-    }
-    EXPECT_EQ(texts.next(), "{\"a\":1}");
-    EXPECT_EQ(texts.next(), "{\"b\":[2]}");
-    const std::string big(1'000'000, 'x');
-    connection.send(chunkOf("{\"result\":{\"c\":\"" + big) + chunkOf("\"}}\n") + "0\r\n\r\n");
-    EXPECT_EQ(texts.next(), "{\"c\":\"" + big + "\"}");
-    EXPECT_EQ(texts.next(), "end: " + member.url() + ": the stream ended");
-}
-
-TEST(AWatchOfEtcd, EndsAtALineThatIsNoResult) {
-    const FakeMember member;
-    RunningEtcdClient client(optionsOf({member.url()}));
-    Texts texts;
-    for (const auto& [line, reason] : std::vector<std::pair<std::string, std::string>>{
-             {R"({"error":{"grpc_code":14,"http_code":503,"message":"etcdserver: no leader"}})",
-              "HTTP 200: etcdserver: no leader"},
-             {R"({"result":[]})", "HTTP 200: no answer of etcd"},
-             {R"({"result":1})", "HTTP 200: no answer of etcd"},
-             {"[]", "HTTP 200: no answer of etcd"},
-             {"", "HTTP 200: no answer of etcd"},
-             {"{\"result\":{}", "HTTP 200: no answer of etcd"},
-             {std::string(1'000'000, '['), "HTTP 200: no answer of etcd"},
-             {"\xff", "HTTP 200: no answer of etcd"}}) {
-        client.watch(kWatchOfA, texts);
-        RawConnection connection = acceptWatch(member);
-        connection.send(chunkOf(line + "\n{\"result\":{}}\n"));
-        EXPECT_EQ(texts.next(), "end: " + member.url() + ": " + reason) << line.substr(0, 100);
-    }
-    EXPECT_TRUE(texts.isEmpty());
-}
-
-TEST(AWatchOfEtcd, EndsWhenItIsNotBegunOrCut) {
-    const FakeMember member;
-    RunningEtcdClient client(optionsOf({member.url()}));
-    Texts texts;
-    const std::string ok = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-    for (const auto& [bytes, reason] : std::vector<std::pair<std::string, std::string>>{
-             {"", "end of stream"},
-             {"HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\n", "body limit"},
-             {answerOf(R"({"error":{"message":"etcdserver: no leader"}})", "503 X"),
-              "HTTP 503: etcdserver: no leader"},
-             {answerOf("Not Found\n", "404 X"), "HTTP 404: no answer of etcd"},
-             {ok + "zz\r\n", "bad chunk"},
-             {ok, "partial message"},
-             {ok + "10\r\n{\"result\"", "partial message"}}) {
-        client.watch(kWatchOfA, texts);
-        RawConnection connection = member.listener.accept();
-        connection.readUntil("}}");
-        connection.send(bytes);
-        connection.endSending();
-        EXPECT_THAT(texts.next(), AllOf(StartsWith("end: " + member.url()), HasSubstr(reason)));
-    }
-    EXPECT_TRUE(texts.isEmpty());
-}
-
-TEST(AWatchOfEtcd, EndsAtALineBeyondTheBound) {
-    const FakeMember member;
-    RunningEtcdClient client(optionsOf({member.url()}));
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    RawConnection connection = acceptWatch(member);
-    const std::string chunk = chunkOf(std::string(EtcdClient::kMaxAnswer / 2, ' '));
-    connection.send(chunk);
-    connection.send(chunk);
-    connection.send(chunkOf(" "));
-    EXPECT_EQ(texts.next(), "end: " + member.url() + ": a line is too long");
-}
-
-TEST(AWatchOfEtcd, MayBeReplacedOrStoppedByItsHandler) {
-    const FakeMember member;
-    RunningEtcdClient client(optionsOf({member.url()}));
-    Texts texts;
-    client.run([&](EtcdClient& etcd) {
-        etcd.watch(
-            kWatchOfA,
-            [&](const json&) {
-                texts.add("first");
-                etcd.watch(
-                    kWatchOfA,
-                    [&](const json&) {
-                        texts.add("second");
-                        etcd.stopWatch();
-                    },
-                    [&](const std::string& error) { texts.add(error); });
-            },
-            [&](const std::string& error) { texts.add(error); });
-    });
-    RawConnection first = acceptWatch(member);
-    first.send(chunkOf("{\"result\":{}}\n{\"result\":{}}\n"));
-    EXPECT_EQ(texts.next(), "first");
-    EXPECT_TRUE(first.isClosedByPeer());
-    RawConnection second = acceptWatch(member);
-    second.send(chunkOf("{\"result\":{}}\n{\"result\":{}}\n"));
-    EXPECT_EQ(texts.next(), "second");
-    EXPECT_TRUE(second.isClosedByPeer());
-    EXPECT_TRUE(texts.isEmpty());
-}
-
-class AnEtcdClientOverTls : public ::testing::Test {
-  protected:
-    AnEtcdClientOverTls() {
-        certificates_.make("etcd");
-        certificates_.make("registry");
-        options_.tls = {certificates_.file("registry.pem"), certificates_.file("registry.key"),
-                        certificates_.file("ca.pem")};
-    }
-
-    void start() {
-        etcd_ = std::make_unique<EtcdProcess>(&certificates_);
-        options_.members = {etcd_->url()};
-    }
-    Result put() { return RunningEtcdClient(options_).put("a", "1"); }
-
-    const TemporaryFolder folder_;
-    const Certificates certificates_{folder_ / ""};
-    EtcdOptions options_ = optionsOf({});
-    std::unique_ptr<EtcdProcess> etcd_;
-};
-
-TEST_F(AnEtcdClientOverTls, CallsAndWatches) {
-    start();
-    RunningEtcdClient client(options_);
-    Texts texts;
-    client.watch(kWatchOfA, texts);
-    EXPECT_THAT(texts.next(), HasSubstr("created"));
-    for (int i = 0; i < 20; ++i) {
-        const Result put = client.put("a", "1");
-        EXPECT_TRUE(put.answer) << put.error;
-        EXPECT_FALSE(put.isUncertain);
-        EXPECT_THAT(texts.next(), HasSubstr("\"events\""));
-    }
-}
-
-TEST_F(AnEtcdClientOverTls, ShowsItsCertificate) {
-    start();
-    ASSERT_TRUE(put().answer);
-    options_.tls.certificate.clear();
-    EXPECT_FALSE(put().answer);
-}
-
-TEST_F(AnEtcdClientOverTls, TrustsOnlyItsAuthority) {
-    start();
-    const TemporaryFolder elsewhere;
-    options_.tls.authority = Certificates(elsewhere / "").file("ca.pem");
-    const Result untrusted = put();
-    EXPECT_THAT(untrusted.error, HasSubstr("certificate verify failed"));
-    EXPECT_FALSE(untrusted.isUncertain);
-    options_.tls.authority.clear();  // those of the system
-    EXPECT_THAT(put().error, HasSubstr("certificate verify failed"));
-}
-
-TEST_F(AnEtcdClientOverTls, RefusesACertificateForAnotherName) {
-    start();
-    options_.members = {"https://localhost" + etcd_->url().substr(etcd_->url().rfind(':'))};
-    EXPECT_THAT(put().error, HasSubstr("certificate verify failed"));
-}
-
-TEST_F(AnEtcdClientOverTls, RefusesFilesThatAreNone) {
-    options_.members = {"https://127.0.0.1:1"};
-    asio::io_context context;
-    for (std::string TlsFiles::*file :
-         {&TlsFiles::certificate, &TlsFiles::key, &TlsFiles::authority}) {
-        EtcdOptions options = options_;
-        options.tls.*file = folder_ / "none";
-        EXPECT_THROW(EtcdClient(context, options), FileError);
-    }
 }
 
 }  // namespace
