@@ -311,6 +311,22 @@ TEST(AnEtcdClient, KeepsItsConnections) {
     }
 }
 
+TEST(AnEtcdClient, GivesACallOnAKeptConnectionItsFullTime) {
+    const FakeMember member;
+    RunningEtcdClient client(optionsOf({member.url()}, 1s));
+    auto result = client.call();
+    RawConnection connection = member.listener.accept();
+    readRequest(connection);
+    connection.send(answerOf("{}"));
+    EXPECT_TRUE(resultOf(result).answer);
+    EXPECT_FALSE(connection.endsWithin(1'100ms));  // the time of the first call is over
+    result = client.call();
+    readRequest(connection);
+    connection.send(answerOf("{}"));
+    const Result got = resultOf(result);
+    EXPECT_TRUE(got.answer) << got.error;
+}
+
 TEST(AnEtcdClient, ConnectsAgainWhenEtcdHasClosedAKeptConnection) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}));
