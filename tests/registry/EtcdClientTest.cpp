@@ -322,6 +322,7 @@ TEST(AnEtcdClient, GivesACallOnAKeptConnectionItsFullTime) {
     EXPECT_FALSE(connection.endsWithin(1'100ms));  // the time of the first call is over
     result = client.call();
     readRequest(connection);
+    EXPECT_FALSE(connection.endsWithin(50ms));  // nor does it end this one
     connection.send(answerOf("{}"));
     const Result got = resultOf(result);
     EXPECT_TRUE(got.answer) << got.error;
