@@ -30,15 +30,15 @@ std::string now() {
 
 const char* nameOf(Change change) {
     switch (change) {
-        case Change::ANNOUNCED:
+        case Change::Announced:
             return "announced";
-        case Change::REPLACED:
+        case Change::Replaced:
             return "replaced";
-        case Change::WITHDRAWN:
+        case Change::Withdrawn:
             return "withdrawn";
-        case Change::EXPIRED:
+        case Change::Expired:
             return "expired";
-        case Change::FORGOTTEN:
+        case Change::Forgotten:
             return "forgotten";
     }
     return "";

@@ -95,7 +95,7 @@ void Connection::Shared::wakeWatchers() {
 
 bool Connection::hasFailed(Error error) const {
     if (error == beast::error::timeout) {
-        shared_.dispatcher.counts().countDrop(Drop::TIMEOUT);
+        shared_.dispatcher.counts().countDrop(Drop::Timeout);
     }
     return error || !isOpen();
 }
@@ -112,7 +112,7 @@ void Connection::begin() {
 void Connection::onHandshake(Error error) {
     if (hasFailed(error)) {
         if (error != beast::error::timeout && isOpen()) {
-            shared_.dispatcher.counts().countDrop(Drop::HANDSHAKE);
+            shared_.dispatcher.counts().countDrop(Drop::Handshake);
         }
         return;
     }

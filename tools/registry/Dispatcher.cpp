@@ -47,7 +47,7 @@ Dispatcher::Dispatcher(StoreOptions store, const DispatcherOptions& options)
 
 // What expires or is forgotten when a request comes is not the caller's doing.
 void Dispatcher::auditChange(Change change, const Entry& entry) {
-    const bool isTheCallers = change != Change::EXPIRED && change != Change::FORGOTTEN;
+    const bool isTheCallers = change != Change::Expired && change != Change::Forgotten;
     audit_->write(change, entry, isTheCallers ? caller_ : nullptr);
 }
 
@@ -168,7 +168,7 @@ Reaction Dispatcher::targetGroups(const Request& request) {
         }
         AnswerExtras extras;
         Response response = write(
-            store_, EntryWriter(std::move(query), EntryWriter::Format::TARGET_GROUPS), &extras);
+            store_, EntryWriter(std::move(query), EntryWriter::Format::TargetGroups), &extras);
         const bool hasBody = request.method() == http::verb::get;
         return {std::move(response), {}, {}, {}, hasBody ? extras.rest : std::nullopt};
     } catch (const UnknownPlace& error) {

@@ -33,7 +33,7 @@ struct Entry {
 };
 
 /// What can happen to an entry, but for checks.
-enum class Change { ANNOUNCED, REPLACED, WITHDRAWN, EXPIRED, FORGOTTEN };
+enum class Change { Announced, Replaced, Withdrawn, Expired, Forgotten };
 
 /// The token that puts an entry, and the limits for all entries of that token.
 struct Owner {

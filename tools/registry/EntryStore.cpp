@@ -89,7 +89,7 @@ EntryStore::PutResult EntryStore::put(std::string path, const nlohmann::json& se
             file_->add(entry);
         }
         const Entry& added = add(std::move(entry));
-        tell(Change::ANNOUNCED, added);
+        tell(Change::Announced, added);
         return {added, true, {}};
     }
     Entry& entry = *known->second;
@@ -106,7 +106,7 @@ EntryStore::PutResult EntryStore::put(std::string path, const nlohmann::json& se
         entry.moved = {before, now()};
     }
     recordPut(known->second);
-    tell(Change::REPLACED, entry);
+    tell(Change::Replaced, entry);
     return {entry, false, hasMoved ? before : std::string()};
 }
 
@@ -255,7 +255,7 @@ void EntryStore::clear() {
         file_->clear();
     }
     while (!entries_.empty()) {
-        take(byUuid_.find(entries_.front().uuid), Change::FORGOTTEN);
+        take(byUuid_.find(entries_.front().uuid), Change::Forgotten);
     }
 }
 
@@ -276,7 +276,7 @@ void EntryStore::expire() {
     }
     expirations_ += expired.size();
     for (const std::string& uuid : expired) {
-        take(byUuid_.find(uuid), Change::EXPIRED);
+        take(byUuid_.find(uuid), Change::Expired);
     }
 }
 

@@ -81,7 +81,7 @@ class EntryStore {
 
     /// Takes the entry of that name out. Empty: there is none. `how`: what the listener is told.
     /// Throws a FileError.
-    std::optional<Entry> remove(std::string_view uuid, Change how = Change::WITHDRAWN);
+    std::optional<Entry> remove(std::string_view uuid, Change how = Change::Withdrawn);
 
     /// Takes all out: they are forgotten. Throws a FileError.
     void clear();

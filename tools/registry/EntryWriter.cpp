@@ -94,7 +94,7 @@ std::string textOf(const Entry& entry) {
 std::optional<std::string> EntryWriter::next(const EntryStore& store) {
     std::string piece;
     if (!std::exchange(hasBegun_, true) && !isSingle_) {
-        piece = format_ == Format::ENTRIES ? "{\"entries\":[" : "[";
+        piece = format_ == Format::Entries ? "{\"entries\":[" : "[";
     }
     std::size_t searched = 0;
     while (!isDone_ && piece.size() < kPiece && searched < kSearch) {
@@ -111,7 +111,7 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
             number_ = entry->number + 1;
             continue;
         }
-        if (format_ == Format::TARGET_GROUPS) {
+        if (format_ == Format::TargetGroups) {
             appendTargetGroup(*entry, piece);
             searched += kPerEntry + entry->service.size();
             number_ = entry->number + 1;
@@ -137,7 +137,7 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
 void EntryWriter::end(const EntryStore& store, std::string& piece) {
     piece += ']';
     isDone_ = true;
-    if (format_ == Format::TARGET_GROUPS) {
+    if (format_ == Format::TargetGroups) {
         return;
     }
     if (count_ == query_.limit) {

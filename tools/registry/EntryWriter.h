@@ -31,11 +31,11 @@ class EntryWriter {
     /// How many bytes of services that do not match the query are searched for one piece.
     static constexpr std::size_t kSearch = 262'144;
 
-    enum class Format { ENTRIES, TARGET_GROUPS };
+    enum class Format { Entries, TargetGroups };
 
     /// The entries that are wanted: `{"entries":[...]}`, and `"next"` where the limit is reached;
     /// or the target groups of their services: `[...]`.
-    explicit EntryWriter(ListQuery query = {}, Format format = Format::ENTRIES)
+    explicit EntryWriter(ListQuery query = {}, Format format = Format::Entries)
         : query_(std::move(query)), format_(format), number_(query_.after + 1) {}
     /// That entry, which the store has.
     explicit EntryWriter(const Entry& only) : number_(only.number), isSingle_(true) {}
@@ -52,7 +52,7 @@ class EntryWriter {
     void end(const EntryStore& store, std::string& piece);
 
     ListQuery query_{};
-    Format format_ = Format::ENTRIES;
+    Format format_ = Format::Entries;
     std::size_t count_ = 0;       // of entries so far
     std::uint64_t number_ = 0;    // of the next entry
     std::uint64_t revision_ = 0;  // of the put of the entry that is written; 0: none is

@@ -31,15 +31,15 @@ std::chrono::milliseconds seconds(JsonFields& fields, const char* name) {
 void readKind(JsonFields& fields, Fault& fault) {
     const std::string kind = fields.text("fault");
     if (kind == "delay") {
-        fault.kind = Fault::Kind::DELAY;
+        fault.kind = Fault::Kind::Delay;
         fault.delay = std::chrono::milliseconds(fields.number("milliseconds", 1, kMaxDelay));
     } else if (kind == "reset") {
-        fault.kind = Fault::Kind::RESET;
+        fault.kind = Fault::Kind::Reset;
     } else if (kind == "status") {
-        fault.kind = Fault::Kind::STATUS;
+        fault.kind = Fault::Kind::Status;
         fault.status = static_cast<unsigned>(fields.number("status", 400, 599));
     } else if (kind == "forget") {
-        fault.kind = Fault::Kind::FORGET;
+        fault.kind = Fault::Kind::Forget;
         fault.uuid = fields.has("uuid") ? fields.text("uuid") : "";
         fault.requests = 1;
     } else {

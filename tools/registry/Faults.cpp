@@ -17,7 +17,7 @@ namespace {
 
 bool takes(const Fault& fault, std::optional<http::verb> method) {
     if (!method) {
-        return fault.kind == Fault::Kind::FORGET && !fault.method && fault.skip == 0;
+        return fault.kind == Fault::Kind::Forget && !fault.method && fault.skip == 0;
     }
     return fault.method ? fault.method == method : method != http::verb::get;
 }
@@ -36,18 +36,18 @@ bool countDown(Fault& fault) {
 
 void apply(const Fault& fault, Fate& fate, EntryStore& store) {
     switch (fault.kind) {
-        case Fault::Kind::DELAY:
+        case Fault::Kind::Delay:
             fate.delay += fault.delay;
             break;
-        case Fault::Kind::RESET:
+        case Fault::Kind::Reset:
             fate.reset = true;
             break;
-        case Fault::Kind::STATUS:
+        case Fault::Kind::Status:
             fate.status = fault.status;
             break;
-        case Fault::Kind::FORGET:
+        case Fault::Kind::Forget:
             fault.uuid.empty() ? store.clear()
-                               : static_cast<void>(store.remove(fault.uuid, Change::FORGOTTEN));
+                               : static_cast<void>(store.remove(fault.uuid, Change::Forgotten));
             break;
     }
 }
@@ -60,10 +60,10 @@ json toJson(const Fault& fault, EntryStore::Time now) {
     };
     const auto begin = std::max(fault.begin, now);
     json object{{"fault", kKinds[static_cast<int>(fault.kind)]}, {"skip", fault.skip}};
-    if (fault.kind == Fault::Kind::DELAY) {
+    if (fault.kind == Fault::Kind::Delay) {
         object["milliseconds"] = fault.delay.count();
     }
-    if (fault.kind == Fault::Kind::STATUS) {
+    if (fault.kind == Fault::Kind::Status) {
         object["status"] = fault.status;
     }
     if (!fault.uuid.empty()) {

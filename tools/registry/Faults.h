@@ -15,7 +15,7 @@ namespace orvx::registry {
 
 /// One thing that goes wrong on demand. docs/registry-tool.md describes its fields.
 struct Fault {
-    enum class Kind { DELAY, RESET, STATUS, FORGET };
+    enum class Kind { Delay, Reset, Status, Forget };
 
     Kind kind{};
     std::chrono::milliseconds delay{0};

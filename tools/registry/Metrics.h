@@ -14,7 +14,7 @@ namespace orvx::registry {
 
 /// Why a connection is ended without an answer: the handshake failed; it was too slow to send or to
 /// take something; another one needed its place; its address had made too many requests.
-enum class Drop { HANDSHAKE, TIMEOUT, CONNECTIONS, RATE };
+enum class Drop { Handshake, Timeout, Connections, Rate };
 
 /// What the registry counts, for Prometheus.
 ///

@@ -133,10 +133,10 @@ class RegistryServer::Impl {
         const auto address = socket.remote_endpoint(error).address();
         // A handshake takes as much time as many requests.
         if (hasTls() && !shared_.dispatcher.admitsConnection(address)) {
-            return shared_.dispatcher.counts().countDrop(Drop::RATE);
+            return shared_.dispatcher.counts().countDrop(Drop::Rate);
         }
         if (shared_.connections.size() >= shared_.options.maxConnections) {
-            shared_.dispatcher.counts().countDrop(Drop::CONNECTIONS);
+            shared_.dispatcher.counts().countDrop(Drop::Connections);
             shared_.closeOldest();
         }
         socket.set_option(tcp::no_delay(true), error);
@@ -153,7 +153,7 @@ class RegistryServer::Impl {
             if (shared_.connections.empty()) {
                 return acceptLater();
             }
-            shared_.dispatcher.counts().countDrop(Drop::CONNECTIONS);
+            shared_.dispatcher.counts().countDrop(Drop::Connections);
             shared_.closeOldest();
             accept();
         });

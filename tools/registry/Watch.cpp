@@ -152,18 +152,18 @@ std::string Watch::next(const EntryStore& store, std::size_t faults) {
 Watch::Change Watch::peek(const EntryStore& store) const {
     Change change;
     const auto consider = [&change](Change other) {
-        if (change.kind == Kind::NOTHING || other.revision < change.revision) {
+        if (change.kind == Kind::Nothing || other.revision < change.revision) {
             change = other;
         }
     };
     if (const Entry* put = store.nextPut(puts_)) {
-        consider({Kind::PUT, put->putRevision, put, put->uuid});
+        consider({Kind::Put, put->putRevision, put, put->uuid});
     }
     if (const Entry* renewed = store.nextRenewal(others_)) {
-        consider({Kind::CHECK, renewed->renewalRevision, renewed, renewed->uuid});
+        consider({Kind::Check, renewed->renewalRevision, renewed, renewed->uuid});
     }
     if (const EntryStore::Removal* removed = store.nextRemoval(others_)) {
-        consider({Kind::REMOVAL, removed->revision, nullptr, removed->uuid});
+        consider({Kind::Removal, removed->revision, nullptr, removed->uuid});
     }
     return change;
 }
@@ -176,22 +176,22 @@ void Watch::advance(std::uint64_t revision) {
 /// False: there is nothing more.
 bool Watch::appendNext(const EntryStore& store, std::string& events) {
     const Change change = peek(store);
-    if (listed_ && (change.kind == Kind::NOTHING || change.revision > *listed_)) {
+    if (listed_ && (change.kind == Kind::Nothing || change.revision > *listed_)) {
         append(events, "listed", json::object(), idOf(store, *listed_));
         advance(*listed_);
         listed_.reset();
         return true;
     }
     switch (change.kind) {
-        case Kind::NOTHING:
+        case Kind::Nothing:
             return false;
-        case Kind::CHECK:
+        case Kind::Check:
             appendChecks(store, events);
             return true;
-        case Kind::PUT:
+        case Kind::Put:
             append(events, "put", describe(*change.entry, store), idOf(store, change.revision));
             break;
-        case Kind::REMOVAL:
+        case Kind::Removal:
             append(events, "removed", {{"uuid", change.uuid}}, idOf(store, change.revision));
             break;
     }
@@ -204,7 +204,7 @@ void Watch::appendChecks(const EntryStore& store, std::string& events) {
     constexpr std::size_t kMaxChecks = kLongestEvent / 128;
     json checks = json::array();
     Change change = peek(store);
-    while (change.kind == Kind::CHECK && checks.size() < kMaxChecks &&
+    while (change.kind == Kind::Check && checks.size() < kMaxChecks &&
            (!listed_ || change.revision <= *listed_)) {
         checks.push_back(
             {change.uuid, change.entry->checks, milliseconds(store.now() - change.entry->renewed)});

@@ -35,9 +35,9 @@ class Watch {
     std::string next(const EntryStore& store, std::size_t faults);
 
   private:
-    enum class Kind { NOTHING, PUT, CHECK, REMOVAL };
+    enum class Kind { Nothing, Put, Check, Removal };
     struct Change {
-        Kind kind = Kind::NOTHING;
+        Kind kind = Kind::Nothing;
         std::uint64_t revision = 0;
         const Entry* entry = nullptr;
         std::string_view uuid{};
