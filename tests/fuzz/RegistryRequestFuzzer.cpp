@@ -64,7 +64,7 @@ class Registry {
   public:
     void ask(const Request& request) {
         isKnown_ = !isForTool(request) && (isKnown_ || !hasFaults());
-        Reaction reaction = dispatcher_.react(request);
+        Reaction reaction = react(request);
         if (!reaction.response) {
             require(!isKnown_, "a connection is reset by a fault only");
             return adopt();
@@ -88,7 +88,7 @@ class Registry {
     }
 
     void requireAllListed() {
-        dispatcher_.react({http::verb::delete_, "/-/faults", 11});
+        react({http::verb::delete_, "/-/faults", 11});
         const json listed = json::parse(get("/").body());
         std::size_t at = 0;
         for (const json& entry : listed.at("entries")) {
@@ -102,6 +102,12 @@ class Registry {
 
   private:
     using Position = std::vector<KnownEntry>::iterator;
+
+    Reaction react(const Request& request) {
+        Reaction reaction;
+        dispatcher_.react(request, {}, [&reaction](Reaction made) { reaction = std::move(made); });
+        return reaction;
+    }
 
     /// One whose answer says nothing about the entries.
     static bool isForTool(const Request& request) {
@@ -150,7 +156,7 @@ class Registry {
     }
 
     Response get(const char* target) {
-        Reaction reaction = dispatcher_.react({http::verb::get, target, 11});
+        Reaction reaction = react({http::verb::get, target, 11});
         complete(reaction);
         return reaction.response.value();
     }

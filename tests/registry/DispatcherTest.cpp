@@ -12,6 +12,7 @@
 #include <regex>
 #include <string>
 
+#include "Asking.h"
 #include "Page.h"
 
 namespace orvx::registry {
@@ -33,7 +34,7 @@ class TheDispatcher : public ::testing::Test {
         if (!accept.empty()) {
             request.set(http::field::accept, accept);
         }
-        return dispatcher_.react(request);
+        return reactionOf(dispatcher_, request);
     }
 
     Response ask(verb method, const std::string& target, const std::string& body = {},
@@ -104,7 +105,7 @@ TEST_F(TheDispatcher, CountsForPrometheus) {
     react(verb::head, "/d");
     Request unknown(verb::unknown, "/", 11);
     unknown.method_string("EVIL\"");
-    dispatcher_.react(unknown);
+    reactionOf(dispatcher_, unknown);
     const Response metrics = ask(verb::get, "/-/metrics");
     EXPECT_EQ(metrics[http::field::content_type], "text/plain; version=0.0.4; charset=utf-8");
     for (const char* line : {"orvx_registry_entries 1\n", "orvx_registry_entries_limit 3\n",
@@ -238,10 +239,30 @@ TEST_F(TheDispatcher, TakesTheControlForAPathLikeAnyOtherUnlessItIsEnabled) {
     Dispatcher closed(options_, {});
     Request request(verb::put, "/-/faults", 11);
     request.body() = R"({"fault":"reset"})";
-    EXPECT_EQ(closed.react(request).response->result(), http::status::created);
-    EXPECT_EQ(closed.react({verb::get, "/-/faults", 11}).response->result(),
+    EXPECT_EQ(reactionOf(closed, request).response->result(), http::status::created);
+    EXPECT_EQ(reactionOf(closed, {verb::get, "/-/faults", 11}).response->result(),
               http::status::not_found);
-    EXPECT_TRUE(closed.react({verb::head, "/", 11}).response);
+    EXPECT_TRUE(reactionOf(closed, {verb::head, "/", 11}).response);
+}
+
+TEST_F(TheDispatcher, SaysThatItLivesAndThatItIsReady) {
+    EXPECT_EQ(ask(verb::get, "/-/health").body(), R"({"live":true})");
+    EXPECT_EQ(ask(verb::get, "/-/ready").body(), R"({"ready":true})");
+    EXPECT_EQ(ask(verb::head, "/-/ready").result(), http::status::ok);
+    EXPECT_EQ(ask(verb::put, "/-/ready", "{}").result(), http::status::created);
+}
+
+TEST_F(TheDispatcher, CountsHowLongRequestsTakeAndWhoWatches) {
+    ask(verb::put, "/a", "{}");
+    ask(verb::head, "/a");
+    dispatcher_.counts().addWatcher();
+    const std::string metrics = ask(verb::get, "/-/metrics").body();
+    EXPECT_THAT(metrics,
+                HasSubstr("orvx_registry_request_duration_seconds_bucket{le=\"+Inf\"} 2\n"));
+    EXPECT_THAT(metrics, HasSubstr("orvx_registry_request_duration_seconds_count 2\n"));
+    EXPECT_THAT(metrics, HasSubstr("orvx_registry_watchers 1\n"));
+    dispatcher_.counts().removeWatcher();
+    EXPECT_THAT(ask(verb::get, "/-/metrics").body(), HasSubstr("orvx_registry_watchers 0\n"));
 }
 
 }  // namespace

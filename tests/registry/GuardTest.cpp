@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "Dispatcher.h"
+#include "Asking.h"
 #include "TemporaryFolder.h"
 #include "TokenLine.h"
 
@@ -59,7 +59,7 @@ class TheGuard : public ::testing::Test {
         if (auto refusal = dispatcher_.refuse(request, peer_, caller)) {
             return *refusal;
         }
-        return dispatcher_.react(request, caller).response.value();
+        return reactionOf(dispatcher_, request, caller).response.value();
     }
 
     unsigned statusOf(verb method, const std::string& target, const std::string& token,
@@ -251,6 +251,13 @@ TEST_F(TheGuard, NamesTheCertificateWhereThereAreNoTokens) {
     peer_.certificate = "CN=lamp\x1b[2J";
     EXPECT_EQ(statusOf(verb::put, "/a", "", "{}"), 201U);
     EXPECT_THAT(auditText(), HasSubstr(R"("who":"CN=lamp\u001b[2J")"));
+}
+
+TEST_F(TheGuard, TellsEverybodyWhetherTheRegistryIsReady) {
+    EXPECT_EQ(statusOf(verb::get, "/-/health", ""), 200);
+    EXPECT_EQ(statusOf(verb::head, "/-/ready", ""), 200);
+    EXPECT_EQ(statusOf(verb::put, "/-/ready", "", "{}"), 401);
+    EXPECT_EQ(statusOf(verb::get, "/-/readyness", ""), 401);
 }
 
 TEST_F(TheGuard, CountsWhatItRefuses) {

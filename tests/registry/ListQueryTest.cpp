@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "RequestHandler.h"
+#include "Asking.h"
 
 namespace orvx::registry {
 namespace {
@@ -28,7 +28,7 @@ class TheQuery : public ::testing::Test {
     void put(const std::string& path, const json& service) { store_.put(path, service); }
 
     Response get(const std::string& target) {
-        return answer(store_, Request(http::verb::get, target, 11));
+        return answerOf(store_, Request(http::verb::get, target, 11));
     }
 
     json list(const std::string& target) { return json::parse(get(target).body()); }
@@ -95,7 +95,7 @@ TEST_F(TheQuery, IsRefusedWhenItMakesNoSense) {
           "/?after=", "/?after=x", "/?after=-", "/?&name=a", "/?name=a&&"}) {
         EXPECT_EQ(get(target).result(), http::status::bad_request) << target;
     }
-    EXPECT_EQ(get("/?after=" + store_.instance() + "-18446744073709551615").result(),
+    EXPECT_EQ(get("/?after=" + store_.places() + "-18446744073709551615").result(),
               http::status::bad_request);
     const Response gone = get("/?after=00000000-1");
     EXPECT_EQ(gone.result(), http::status::gone);
@@ -107,7 +107,7 @@ TEST_F(TheQuery, LooksAtABoundedPartOfTheEntriesForEachPiece) {
         put('/' + std::to_string(i), {{"name", "b"}, {"description", "lamp"}});
     }
     put("/lamp", {{"name", "lamp"}});
-    EntryWriter writer(parseListQuery("name=lamp", store_.instance()));
+    EntryWriter writer(parseListQuery("name=lamp", store_.places()));
     std::string text;
     int pieces = 0;
     for (; !writer.isDone(); ++pieces) {

@@ -11,6 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "Asking.h"
+
 namespace orvx::registry {
 namespace {
 
@@ -23,7 +25,7 @@ class TheRequestHandler : public ::testing::Test {
     Response ask(http::verb method, const std::string& target, const std::string& body = {}) {
         Request request(method, target, 11);
         request.body() = body;
-        return answer(store_, request);
+        return answerOf(store_, request);
     }
 
     Response put(const std::string& target, const std::string& body) {
@@ -193,10 +195,10 @@ TEST_F(TheRequestHandler, NamesTheMethodsItKnowsWhenAskedForAnother) {
 
 TEST_F(TheRequestHandler, KeepsTheConnectionAsTheRequestAsks) {
     Request request(http::verb::get, "/", 11);
-    EXPECT_TRUE(answer(store_, request).keep_alive());
+    EXPECT_TRUE(answerOf(store_, request).keep_alive());
     request.keep_alive(false);
-    EXPECT_FALSE(answer(store_, request).keep_alive());
-    EXPECT_FALSE(answer(store_, Request(http::verb::get, "/", 10)).keep_alive());
+    EXPECT_FALSE(answerOf(store_, request).keep_alive());
+    EXPECT_FALSE(answerOf(store_, Request(http::verb::get, "/", 10)).keep_alive());
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <boost/asio/ip/address.hpp>
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "Entry.h"
+#include "Tokens.h"
 
 namespace orvx::registry {
 
@@ -17,8 +20,12 @@ struct Peer {
 struct Caller {
     std::string name{};  ///< of the token, or of the certificate; empty: nobody says
     std::string address{};
-    Owner owner{};
-    bool mayRenew = true;  ///< whether a HEAD of an entry is a check of it
+    std::shared_ptr<const Token> token{};  ///< null: none is needed
+
+    Owner owner() const { return token ? token->owner() : Owner{}; }
+    bool mayRead() const { return !token || token->mayRead; }
+    /// Whether the caller may renew, replace and withdraw the entry of that path.
+    bool mayAnnounce(std::string_view path) const { return !token || token->mayAnnounce(path); }
 };
 
 }  // namespace orvx::registry

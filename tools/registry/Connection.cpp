@@ -63,6 +63,9 @@ Connection::~Connection() {
 void Connection::close() {
     if (isOpen()) {
         shared_.connections.erase(std::exchange(position_, shared_.connections.end()));
+        if (watch_) {
+            shared_.dispatcher.counts().removeWatcher();
+        }
         stream_.tcp().close();
         delay_.cancel();
     }
@@ -179,13 +182,21 @@ void Connection::onRequest(Error error, std::size_t) {
     if (error) {
         return refuse(error);
     }
-    Reaction reaction = shared_.dispatcher.react(parser_->get(), caller_);
+    shared_.dispatcher.react(
+        parser_->get(), caller_,
+        beast::bind_front_handler(&Connection::onReaction, shared_from_this()));
+}
+
+void Connection::onReaction(Reaction reaction) {
     if (reaction.watch && generation_ != shared_.generation) {
         return;  // the token may have been withdrawn since the header was checked
     }
     record(parser_->get(), reaction.response, reaction.remark, !reaction.rest);
     parser_.reset();
     shared_.wakeWatchers();
+    if (!isOpen()) {
+        return;
+    }
     if (reaction.watch) {
         return beginWatch(*reaction.response, *reaction.watch);
     }
@@ -251,7 +262,7 @@ void Connection::refuse(Error error) {
     }
     Response response = failure(status, error.message());
     response.keep_alive(false);
-    shared_.dispatcher.counts().countRequest(http::verb::unknown, response.result_int());
+    shared_.dispatcher.counts().countRequest(http::verb::unknown, response.result_int(), {});
     caller_ = {};
     record({}, response, {});
     respond(std::move(response));
@@ -374,6 +385,7 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
     socket.set_option(asio::socket_base::send_buffer_size(kReaderSendBuffer), error);
     socket.set_option(asio::socket_base::linger(true, 0), error);
     watch_ = watch;
+    shared_.dispatcher.counts().addWatcher();
     std::ostringstream header;
     header << response.base() << kRetry << shared_.dispatcher.news(*watch_);
     send(header.str());

@@ -79,6 +79,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void onHeader(Error error, std::size_t);
     void readBody(Error error, std::size_t);
     void onRequest(Error error, std::size_t);
+    void onReaction(Reaction reaction);
     void refuse(Error error);
     void refuse(Response response);
     void follow(Reaction reaction);

@@ -37,19 +37,13 @@ Dispatcher::Dispatcher(StoreOptions store, const DispatcherOptions& options)
           if (!options.audit.empty()) {
               audit_.emplace(options.audit);
               store.listener = [this](Change change, const Entry& entry) {
-                  auditChange(change, entry);
+                  audit_->write(change, entry, nullptr);
               };
           }
           return std::move(store);
       }()),
       guard_(options.requestsPerSecond, options.admin),
       admin_(options.admin) {}
-
-// What expires or is forgotten when a request comes is not the caller's doing.
-void Dispatcher::auditChange(Change change, const Entry& entry) {
-    const bool isTheCallers = change != Change::Expired && change != Change::Forgotten;
-    audit_->write(change, entry, isTheCallers ? caller_ : nullptr);
-}
 
 void Dispatcher::audit(std::string_view what, const Caller* caller) {
     if (audit_) {
@@ -59,79 +53,96 @@ void Dispatcher::audit(std::string_view what, const Caller* caller) {
 
 std::optional<Response> Dispatcher::refuse(const Request& header, const Peer& peer,
                                            Caller& caller) {
-    auto refusal = guard_.refuse(header, peer, store_, caller);
+    auto refusal = guard_.refuse(header, peer, store_.now(), caller);
     if (refusal) {
-        metrics_.countRequest(header.method(), refusal->result_int());
+        metrics_.countRequest(header.method(), refusal->result_int(), {});
         refusal->version(header.version());
         if (header.method() == http::verb::head) {
-            refusal->body().clear();
-            refusal->erase(http::field::content_length);
+            dropBody(*refusal);
         }
     }
     return refusal;
 }
 
-Reaction Dispatcher::react(const Request& request, const Caller& caller) {
-    Reaction reaction;
-    caller_ = &caller;
+void Dispatcher::react(const Request& request, const Caller& caller,
+                       std::function<void(Reaction)> done) {
+    const Handler finish = [this, done = std::move(done), method = request.method(),
+                            version = request.version(), keepAlive = request.keep_alive(),
+                            begin = std::chrono::steady_clock::now()](Reaction reaction) {
+        metrics_.countRequest(method, reaction.response ? reaction.response->result_int() : 0,
+                              std::chrono::steady_clock::now() - begin);
+        if (!reaction.remark.empty()) {
+            metrics_.countMove();
+        }
+        if (reaction.response) {
+            Response& response = *reaction.response;
+            response.version(version);
+            response.keep_alive(keepAlive && !reaction.watch);
+            if (method == http::verb::head) {
+                dropBody(response);
+            }
+        }
+        done(std::move(reaction));
+    };
     try {
-        reaction = decide(request, caller);
+        decide(request, caller, finish);
     } catch (const FileError& error) {
         std::cerr << "orvx-registry: " << error.what() << std::endl;
-        reaction.response = failure(http::status::internal_server_error, error.what());
+        finish({failure(http::status::internal_server_error, error.what())});
     }
-    caller_ = nullptr;
-    metrics_.countRequest(request.method(),
-                          reaction.response ? reaction.response->result_int() : 0);
-    if (!reaction.remark.empty()) {
-        metrics_.countMove();
-    }
-    if (reaction.response) {
-        Response& response = *reaction.response;
-        response.version(request.version());
-        response.keep_alive(request.keep_alive() && !reaction.watch);
-        if (request.method() == http::verb::head) {
-            response.body().clear();
-            response.erase(http::field::content_length);
-        }
-    }
-    return reaction;
 }
 
-Reaction Dispatcher::decide(const Request& request, const Caller& caller) {
-    store_.expire();
+void Dispatcher::decide(const Request& request, const Caller& caller, const Handler& done) {
+    backend_->expire();
     if (auto asset = pageAsset(request)) {
-        return {std::move(asset)};
+        return done({std::move(asset)});
     }
     if (admin_ && request.target() == "/-/faults") {
         Response response = control(request, caller);
         forgetWhatIsDue();
-        return {std::move(response)};
+        return done({std::move(response)});
     }
-    if (asksFor("/-/watch", request)) {
-        return beginWatch(request);
+    if (asksFor("/-/health", request)) {
+        return done({makeResponse(http::status::ok, {{"live", true}})});
+    }
+    if (asksFor("/-/ready", request)) {
+        const bool isReady = backend_->isCurrent();
+        return done({makeResponse(isReady ? http::status::ok : http::status::service_unavailable,
+                                  {{"ready", isReady}})});
     }
     if (asksFor("/-/metrics", request)) {
-        return {metrics()};
+        return done({metrics()});
     }
-    if (asksFor("/-/prometheus", request, true)) {
-        return targetGroups(request);
+    const bool isWatch = asksFor("/-/watch", request);
+    if (isWatch || asksFor("/-/prometheus", request, true)) {
+        if (!backend_->isLoaded()) {
+            return done({unavailable()});
+        }
+        return done(isWatch ? beginWatch(request) : targetGroups(request));
     }
+    askForEntries(request, caller, done);
+}
+
+void Dispatcher::askForEntries(const Request& request, const Caller& caller, Handler done) {
     const Fate fate = faults_.meet(request.method(), store_);
-    Reaction reaction;
-    reaction.delay = fate.delay;
     if (fate.reset) {
-        return reaction;
+        return done({std::nullopt, fate.delay});
     }
     if (fate.status != 0) {
-        reaction.response = failure(static_cast<http::status>(fate.status), "a fault on demand");
-    } else {
-        AnswerExtras extras;
-        reaction.response = answer(store_, request, caller, &extras);
-        reaction.remark = std::move(extras.remark);
-        reaction.rest = extras.rest;
+        return done(
+            {failure(static_cast<http::status>(fate.status), "a fault on demand"), fate.delay});
     }
-    return reaction;
+    answer(*backend_, request, caller,
+           [this, caller, delay = fate.delay, done = std::move(done)](Answer answer) {
+               if (audit_ && answer.change) {
+                   audit_->write(answer.change->first, answer.change->second, &caller);
+               }
+               done({std::move(answer.response),
+                     delay,
+                     std::move(answer.remark),
+                     {},
+                     std::move(answer.rest)});
+           });
 }
 
 Reaction Dispatcher::beginWatch(const Request& request) {
@@ -162,15 +173,14 @@ Reaction Dispatcher::targetGroups(const Request& request) {
     const auto end = std::min(target.find('?'), target.size() - 1) + 1;
     try {
         ListQuery query =
-            parseListQuery({target.data() + end, target.size() - end}, store_.instance());
+            parseListQuery({target.data() + end, target.size() - end}, store_.places());
         if (query.limit || query.after != 0) {
             throw std::invalid_argument("the query takes name, category and version");
         }
-        AnswerExtras extras;
-        Response response = write(
-            store_, EntryWriter(std::move(query), EntryWriter::Format::TargetGroups), &extras);
+        Answer answer =
+            write(store_, EntryWriter(std::move(query), EntryWriter::Format::TargetGroups));
         const bool hasBody = request.method() == http::verb::get;
-        return {std::move(response), {}, {}, {}, hasBody ? extras.rest : std::nullopt};
+        return {std::move(answer.response), {}, {}, {}, hasBody ? answer.rest : std::nullopt};
     } catch (const UnknownPlace& error) {
         return {failure(http::status::bad_request, error.what())};
     } catch (const std::invalid_argument& error) {
@@ -180,7 +190,7 @@ Reaction Dispatcher::targetGroups(const Request& request) {
 
 std::string Dispatcher::news(Watch& watch) {
     try {
-        store_.expire();
+        backend_->expire();
         forgetWhatIsDue();
     } catch (const FileError& error) {
         std::cerr << "orvx-registry: " << error.what() << std::endl;

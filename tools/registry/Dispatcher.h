@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -56,7 +57,13 @@ class Dispatcher {
         return guard_.admitsConnection(address, store_.now());
     }
 
-    Reaction react(const Request& request, const Caller& caller = {});
+    /// `done`: called once, from inside the call or later, as the backend does. The dispatcher has
+    /// to exist until then, the arguments need not.
+    void react(const Request& request, const Caller& caller, std::function<void(Reaction)> done);
+
+    /// Changes and finds the entries from now on, in place of the store itself. It fills the
+    /// store, and outlives the requests to the dispatcher.
+    void setBackend(EntryBackend& backend) { backend_ = &backend; }
 
     /// A line in the audit log about what is no change of an entry.
     void audit(std::string_view what, const Caller* caller);
@@ -68,14 +75,17 @@ class Dispatcher {
     std::string news(Watch& watch);
 
     const EntryStore& store() const { return store_; }
+    EntryStore& store() { return store_; }
 
   private:
-    Reaction decide(const Request& request, const Caller& caller);
+    using Handler = std::function<void(Reaction)>;
+
+    void decide(const Request& request, const Caller& caller, const Handler& done);
+    void askForEntries(const Request& request, const Caller& caller, Handler done);
     Reaction beginWatch(const Request& request);
     Response metrics();
     Reaction targetGroups(const Request& request);
     Response control(const Request& request, const Caller& caller);
-    void auditChange(Change change, const Entry& entry);
     void forgetWhatIsDue();
 
     std::optional<AuditLog> audit_;
@@ -84,7 +94,8 @@ class Dispatcher {
     Metrics metrics_;
     Guard guard_;
     const bool admin_;
-    const Caller* caller_ = nullptr;  // of the request that is carried out
+    LocalBackend local_{store_};
+    EntryBackend* backend_ = &local_;
 };
 
 }  // namespace orvx::registry

@@ -30,6 +30,7 @@ struct Entry {
     /// The store's revisions of the last put and of the last renewal, which every put is as well.
     std::uint64_t putRevision = 0;
     std::uint64_t renewalRevision = 0;
+    std::uint64_t etcdRevision = 0;  ///< etcd's revision of the last put; 0: it is not at etcd
 };
 
 /// What can happen to an entry, but for checks.
@@ -45,5 +46,11 @@ struct Owner {
 /// Where the service is reached, as "host:port". "?" stands for a host or a port that it does not
 /// name; a host is cut after 300 bytes.
 std::string addressOf(const nlohmann::json& service);
+
+/// The service as it is kept. What is no UTF-8 is replaced.
+std::string serialize(const nlohmann::json& service);
+
+/// A new name of an entry.
+std::string randomUuid();
 
 }  // namespace orvx::registry

@@ -20,8 +20,8 @@ namespace {
 constexpr const char* kNoAddress = "?:?";
 constexpr std::size_t kLongestHost = 300;  // longer than a name in the DNS can be
 
-std::string randomUuid() {
-    return to_string(boost::uuids::random_generator()());
+bool hasMoved(const std::string& before, const std::string& now) {
+    return before != kNoAddress && before != now;
 }
 
 std::uint64_t bytesOf(const Entry& entry) {
@@ -44,6 +44,14 @@ void moveToEnd(Index& index, std::uint64_t& revision, std::uint64_t last, Positi
 }
 
 }  // namespace
+
+std::string serialize(const nlohmann::json& service) {
+    return service.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string randomUuid() {
+    return to_string(boost::uuids::random_generator()());
+}
 
 std::string addressOf(const nlohmann::json& service) {
     const auto host = service.find("host");
@@ -69,15 +77,10 @@ EntryStore::~EntryStore() = default;
 
 EntryStore::PutResult EntryStore::put(std::string path, const nlohmann::json& service,
                                       const Owner& owner) {
+    std::string text = serialize(service);
+    requireRoom(path, text.size(), owner);
     const auto known = byPath_.find(path);
-    const bool isNew = known == byPath_.end();
-    if (isNew && entries_.size() >= options_.maxEntries) {
-        throw StoreFull("the registry is full: it holds " + std::to_string(entries_.size()) +
-                        " entries");
-    }
-    std::string text = service.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    requireRoom(owner, path.size() + text.size(), isNew ? nullptr : &*known->second);
-    if (isNew) {
+    if (known == byPath_.end()) {
         Entry entry;
         entry.uuid = randomUuid();
         entry.path = std::move(path);
@@ -88,32 +91,53 @@ EntryStore::PutResult EntryStore::put(std::string path, const nlohmann::json& se
         if (file_) {
             file_->add(entry);
         }
-        const Entry& added = add(std::move(entry));
-        tell(Change::Announced, added);
-        return {added, true, {}};
+        return {add(std::move(entry)), true, {}};
     }
     Entry& entry = *known->second;
     if (file_) {
         file_->replace(entry.uuid, text, owner.name);
     }
-    discountUsage(entry);
-    entry.service = std::move(text);
-    entry.owner = owner.name;
-    countUsage(entry);
-    const std::string before = std::exchange(entry.address, addressOf(service));
-    const bool hasMoved = before != kNoAddress && before != entry.address;
-    if (hasMoved) {
-        entry.moved = {before, now()};
-    }
-    recordPut(known->second);
-    tell(Change::Replaced, entry);
-    return {entry, false, hasMoved ? before : std::string()};
+    const std::string before = entry.address;
+    replace(known->second, std::move(text), addressOf(service), owner.name);
+    return {entry, false, hasMoved(before, entry.address) ? before : std::string()};
 }
 
-void EntryStore::tell(Change change, const Entry& entry) const {
-    if (options_.listener) {
-        options_.listener(change, entry);
+void EntryStore::replace(Position position, std::string service, std::string address,
+                         std::string owner) {
+    Entry& entry = *position;
+    discountUsage(entry);
+    entry.service = std::move(service);
+    entry.owner = std::move(owner);
+    countUsage(entry);
+    const std::string before = std::exchange(entry.address, std::move(address));
+    if (hasMoved(before, entry.address)) {
+        entry.moved = {before, now()};
     }
+    recordPut(position);
+}
+
+void EntryStore::adopt(Entry entry) {
+    const auto samePath = byPath_.find(entry.path);
+    if (samePath != byPath_.end() && samePath->second->uuid != entry.uuid) {
+        take(byUuid_.find(samePath->second->uuid), Change::Withdrawn);
+    }
+    const auto known = byUuid_.find(entry.uuid);
+    if (known == byUuid_.end()) {
+        add(std::move(entry));
+        return;
+    }
+    known->second->etcdRevision = entry.etcdRevision;
+    replace(known->second, std::move(entry.service), std::move(entry.address),
+            std::move(entry.owner));
+}
+
+void EntryStore::requireRoom(const std::string& path, std::size_t bytes, const Owner& owner) const {
+    const Entry* const replaced = findByPath(path);
+    if (replaced == nullptr && entries_.size() >= options_.maxEntries) {
+        throw StoreFull("the registry is full: it holds " + std::to_string(entries_.size()) +
+                        " entries");
+    }
+    requireRoom(owner, path.size() + bytes, replaced);
 }
 
 void EntryStore::requireRoom(const Owner& owner, std::uint64_t bytes, const Entry* replaced) const {
@@ -158,7 +182,9 @@ void EntryStore::discountUsage(const Entry& entry) {
 const Entry& EntryStore::add(Entry entry) {
     entries_.push_back(std::move(entry));
     const auto added = std::prev(entries_.end());
-    added->number = ++created_;
+    if (added->number == 0) {
+        added->number = ++created_;
+    }
     byUuid_.emplace(added->uuid, added);
     byPath_.emplace(added->path, added);
     byNumber_.emplace_hint(byNumber_.end(), added->number, added);
@@ -212,6 +238,19 @@ const Entry* EntryStore::find(std::string_view uuid) const {
     return found == byUuid_.end() ? nullptr : &*found->second;
 }
 
+const Entry* EntryStore::findByPath(std::string_view path) const {
+    const auto found = byPath_.find(path);
+    return found == byPath_.end() ? nullptr : &*found->second;
+}
+
+void EntryStore::renew(std::string_view uuid) {
+    const auto found = byUuid_.find(uuid);
+    if (found != byUuid_.end()) {
+        renew(found->second);
+        found->second->checked = found->second->renewed;
+    }
+}
+
 bool EntryStore::check(std::string_view uuid) {
     const auto found = byUuid_.find(uuid);
     if (found == byUuid_.end()) {
@@ -246,7 +285,9 @@ Entry EntryStore::take(ByName::iterator known, Change how) {
     Entry taken = std::move(*position);
     entries_.erase(position);
     recordRemoval(taken.uuid);
-    tell(how, taken);
+    if (how != Change::Withdrawn && options_.listener) {
+        options_.listener(how, taken);
+    }
     return taken;
 }
 
@@ -259,18 +300,22 @@ void EntryStore::clear() {
     }
 }
 
+std::vector<std::string> EntryStore::notRenewedSince(Time time) const {
+    std::vector<std::string> found;
+    for (const auto& [revision, entry] : byRenewal_) {
+        if (entry->renewed > time) {
+            break;
+        }
+        found.push_back(entry->uuid);
+    }
+    return found;
+}
+
 void EntryStore::expire() {
     if (options_.ttl.count() == 0) {
         return;
     }
-    const Time oldest = now() - options_.ttl;
-    std::vector<std::string> expired;
-    for (const auto& [revision, entry] : byRenewal_) {
-        if (entry->renewed > oldest) {
-            break;
-        }
-        expired.push_back(entry->uuid);
-    }
+    const std::vector<std::string> expired = notRenewedSince(now() - options_.ttl);
     if (file_ && !expired.empty()) {
         file_->remove(expired);
     }

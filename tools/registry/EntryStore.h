@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Entry.h"
@@ -27,7 +28,7 @@ struct StoreOptions {
     std::size_t maxEntries = 100'000;
     std::string file;  ///< keeps the entries over a restart; empty: only in memory
     std::function<std::chrono::steady_clock::time_point()> clock = std::chrono::steady_clock::now;
-    /// Called after each change, with the last state of the entry.
+    /// Called after each change that no request asked for, with the last state of the entry.
     std::function<void(Change, const Entry&)> listener{};
 };
 
@@ -69,6 +70,9 @@ class EntryStore {
     EntryStore(const EntryStore&) = delete;
     EntryStore& operator=(const EntryStore&) = delete;
 
+    /// Throws StoreFull if a put of a service of that many bytes would exceed a limit.
+    void requireRoom(const std::string& path, std::size_t bytes, const Owner& owner) const;
+
     /// Makes `service` the service of the one entry of `path`, which keeps its uuid and its place.
     /// Throws StoreFull, or a FileError.
     PutResult put(std::string path, const nlohmann::json& service, const Owner& owner = {});
@@ -76,11 +80,22 @@ class EntryStore {
     /// The entry of that name, or null. Owned by the store.
     const Entry* find(std::string_view uuid) const;
 
+    /// The entry of that path, or null. Owned by the store.
+    const Entry* findByPath(std::string_view path) const;
+
     /// Counts a check of the entry of that name and renews it. False: there is none.
     bool check(std::string_view uuid);
 
-    /// Takes the entry of that name out. Empty: there is none. `how`: what the listener is told.
-    /// Throws a FileError.
+    /// Renews an entry that was checked at another replica. Does nothing when there is none.
+    void renew(std::string_view uuid);
+
+    /// Takes over an entry that another process keeps, with its uuid, number, path, service,
+    /// address, owner, time of creation and etcdRevision. The same with the same uuid, or at the
+    /// same path, is replaced. No file is written, and no limit applies.
+    void adopt(Entry entry);
+
+    /// Takes the entry of that name out. Empty: there is none. `how`: the listener is told unless
+    /// it was withdrawn. Throws a FileError.
     std::optional<Entry> remove(std::string_view uuid, Change how = Change::Withdrawn);
 
     /// Takes all out: they are forgotten. Throws a FileError.
@@ -89,6 +104,9 @@ class EntryStore {
     /// Takes out what was not renewed for `ttl`. Nothing expires without this call. Throws a
     /// FileError.
     void expire();
+
+    /// The names of the entries that were renewed last at that time or before.
+    std::vector<std::string> notRenewedSince(Time time) const;
 
     const std::list<Entry>& entries() const { return entries_; }
 
@@ -101,6 +119,11 @@ class EntryStore {
 
     /// Tells this store from those of other processes: revisions count in one store only.
     const std::string& instance() const { return instance_; }
+
+    /// Tells the numbers of the entries from those of other stores: unless it was set, they count
+    /// in this store only.
+    const std::string& places() const { return places_; }
+    void setPlaces(std::string places) { places_ = std::move(places); }
 
     /// The revision of the last change.
     std::uint64_t revision() const { return revision_; }
@@ -133,7 +156,7 @@ class EntryStore {
     };
 
     const Entry& add(Entry entry);
-    void tell(Change change, const Entry& entry) const;
+    void replace(Position entry, std::string service, std::string address, std::string owner);
     void requireRoom(const Owner& owner, std::uint64_t bytes, const Entry* replaced) const;
     void countUsage(const Entry& entry);
     void discountUsage(const Entry& entry);
@@ -151,6 +174,7 @@ class EntryStore {
     std::unordered_map<std::string, Usage> usage_;  // by owner; of those that have entries
 
     const std::string instance_;
+    std::string places_ = instance_;
     std::uint64_t created_ = 0;
     std::uint64_t expirations_ = 0;
     std::uint64_t revision_ = 0;

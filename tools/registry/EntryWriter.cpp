@@ -141,7 +141,7 @@ void EntryWriter::end(const EntryStore& store, std::string& piece) {
         return;
     }
     if (count_ == query_.limit) {
-        piece += R"(,"next":")" + placeAfter(number_ - 1, store.instance()) + '"';
+        piece += R"(,"next":")" + placeAfter(number_ - 1, store.places()) + '"';
     }
     piece += '}';
 }

@@ -72,10 +72,6 @@ Response unauthorized() {
     return response;
 }
 
-Response forbidden(std::string_view what) {
-    return failure(http::status::forbidden, "the token may not " + std::string(what));
-}
-
 std::optional<Response> unless(bool may, std::string_view what) {
     return may ? std::nullopt : std::optional(forbidden(what));
 }
@@ -93,6 +89,13 @@ bool isOwn(std::string_view target) {
            target.substr(0, 3) == "/-/";
 }
 
+/// What asks whether the registry serves has no token, and learns nothing else.
+bool isForEverybody(const Request& header) {
+    const auto target = header.target();
+    return (target == "/-/health" || target == "/-/ready") &&
+           (header.method() == http::verb::get || header.method() == http::verb::head);
+}
+
 }  // namespace
 
 std::shared_ptr<const Token> Guard::authenticate(const Request& header) const {
@@ -104,27 +107,25 @@ std::shared_ptr<const Token> Guard::authenticate(const Request& header) const {
     return secret.empty() ? nullptr : tokens_->find(secret);
 }
 
-std::optional<Response> Guard::refuse(const Request& header, const Peer& peer,
-                                      const EntryStore& store, Caller& caller) {
+std::optional<Response> Guard::refuse(const Request& header, const Peer& peer, EntryStore::Time now,
+                                      Caller& caller) {
     caller.address = peer.address.to_string();
     caller.name = peer.certificate;
-    if (const auto wait = limiter_.refuse(peer.address, store.now())) {
+    if (const auto wait = limiter_.refuse(peer.address, now)) {
         return tooMany(*wait);
     }
-    if (!tokens_) {
+    if (!tokens_ || isForEverybody(header)) {
         return std::nullopt;
     }
-    const auto token = authenticate(header);
-    if (!token) {
+    caller.token = authenticate(header);
+    if (!caller.token) {
         return unauthorized();
     }
-    caller.name = token->name;
-    caller.owner = token->owner();
-    return refuse(header, *token, store, caller);
+    caller.name = caller.token->name;
+    return refuse(header, *caller.token);
 }
 
-std::optional<Response> Guard::refuse(const Request& header, const Token& token,
-                                      const EntryStore& store, Caller& caller) const {
+std::optional<Response> Guard::refuse(const Request& header, const Token& token) const {
     const std::string_view target = view(header.target());
     if (admin_ && target == "/-/faults") {
         return unless(token.mayAdminister, "administer");
@@ -140,17 +141,11 @@ std::optional<Response> Guard::refuse(const Request& header, const Token& token,
     if (method == http::verb::get || (method == http::verb::head && isOwn(target))) {
         return unless(token.mayRead, "read");
     }
-    if (method != http::verb::head && method != http::verb::delete_) {
-        return methodNotAllowed();
+    if (method == http::verb::head) {
+        return unless(token.mayRead || token.scope, "check that");
     }
-    const Entry* const entry = store.find(target.substr(std::min<std::size_t>(target.size(), 1)));
-    const bool mayChange =
-        entry != nullptr ? token.mayAnnounce(entry->path) : token.scope.has_value();
-    if (method == http::verb::head && token.mayRead) {
-        caller.mayRenew = mayChange;
-        return std::nullopt;
-    }
-    return unless(mayChange, method == http::verb::head ? "check that" : "withdraw that");
+    return method == http::verb::delete_ ? unless(token.scope.has_value(), "withdraw that")
+                                         : methodNotAllowed();
 }
 
 }  // namespace orvx::registry

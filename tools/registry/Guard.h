@@ -12,7 +12,8 @@
 namespace orvx::registry {
 
 /// Decides whether a request may be carried out, by its header alone. Without tokens every request
-/// may.
+/// may. Whether a token may check or withdraw one entry depends on the path of that entry, so
+/// answer() decides that.
 ///
 /// Thread-safety: none; one thread at a time.
 class Guard {
@@ -26,7 +27,7 @@ class Guard {
 
     /// The refusal, or nothing; `caller` is set as far as it is known. `header`: of a request whose
     /// body may be missing.
-    std::optional<Response> refuse(const Request& header, const Peer& peer, const EntryStore& store,
+    std::optional<Response> refuse(const Request& header, const Peer& peer, EntryStore::Time now,
                                    Caller& caller);
 
     /// Whether that address may make one more connection, if that costs as much as a request.
@@ -36,8 +37,7 @@ class Guard {
 
   private:
     std::shared_ptr<const Token> authenticate(const Request& header) const;
-    std::optional<Response> refuse(const Request& header, const Token& token,
-                                   const EntryStore& store, Caller& caller) const;
+    std::optional<Response> refuse(const Request& header, const Token& token) const;
 
     RateLimiter limiter_;
     std::shared_ptr<const Tokens> tokens_;

@@ -5,6 +5,7 @@
 
 #include "Metrics.h"
 
+#include <algorithm>
 #include <boost/beast/http/status.hpp>
 #include <sstream>
 #include <string_view>
@@ -29,6 +30,15 @@ void add(std::ostream& text, std::string_view name, std::string_view type, std::
 
 }  // namespace
 
+void Metrics::countRequest(http::verb method, unsigned status,
+                           std::chrono::steady_clock::duration duration) {
+    ++requests_[{method, status}];
+    const double seconds = std::chrono::duration<double>(duration).count();
+    const auto bound = std::lower_bound(kDurations.begin(), kDurations.end(), seconds);
+    ++durations_[static_cast<std::size_t>(bound - kDurations.begin())];
+    secondsOfRequests_ += seconds;
+}
+
 std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
     std::ostringstream text;
     add(text, "orvx_registry_entries", "gauge", "Entries that the registry holds.",
@@ -48,6 +58,18 @@ std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
              << (method == http::verb::unknown ? "other" : http::to_string(method)) << "\",code=\""
              << code << "\"} " << count << '\n';
     }
+    describe(text, "orvx_registry_request_duration_seconds", "histogram",
+             "From a whole request to its answer, without the time that the network takes.");
+    std::uint64_t count = 0;
+    for (std::size_t i = 0; i < durations_.size(); ++i) {
+        count += durations_[i];
+        text << "orvx_registry_request_duration_seconds_bucket{le=\"";
+        i < kDurations.size() ? text << kDurations[i] : text << "+Inf";
+        text << "\"} " << count << '\n';
+    }
+    text << "orvx_registry_request_duration_seconds_sum " << secondsOfRequests_
+         << "\norvx_registry_request_duration_seconds_count " << count << '\n';
+    add(text, "orvx_registry_watchers", "gauge", "Readers of the stream of changes.", watchers_);
     describe(text, "orvx_registry_drops_total", "counter",
              "Connections that were ended without an answer, by reason.");
     constexpr const char* kReasons[] = {"handshake", "timeout", "connections", "rate"};

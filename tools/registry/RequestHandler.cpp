@@ -70,105 +70,147 @@ ListQuery queryOf(const EntryStore& store, const Request& request) {
     const auto target = request.target();
     return parseListQuery({target.data() + std::min<std::size_t>(2, target.size()),
                            target.size() - std::min<std::size_t>(2, target.size())},
-                          store.instance());
+                          store.places());
 }
 
-Response put(EntryStore& store, const Request& request, const Caller& caller,
-             AnswerExtras* extras) {
-    try {
-        const json service = parseObject(request.body());
-        const auto [entry, created, movedFrom] =
-            store.put(std::string(request.target()), service, caller.owner);
-        if (extras != nullptr && !movedFrom.empty()) {
-            extras->remark = "moved from " + movedFrom + " to " + entry.address;
-        }
-        Response response =
-            jsonResponse(created ? http::status::created : http::status::ok, textOf(entry));
-        response.set(http::field::location, "/" + entry.uuid);
-        return response;
-    } catch (const std::invalid_argument& error) {
-        return failure(http::status::bad_request, error.what());
+using Handler = std::function<void(Answer)>;
+using Presence = EntryBackend::Presence;
+
+Answer answerToPut(const EntryBackend::PutResult& result) {
+    const Entry& entry = result.entry;
+    Answer answer{
+        jsonResponse(result.created ? http::status::created : http::status::ok, textOf(entry))};
+    answer.response.set(http::field::location, "/" + entry.uuid);
+    if (!result.movedFrom.empty()) {
+        answer.remark = "moved from " + result.movedFrom + " to " + entry.address;
     }
+    answer.change = {result.created ? Change::Announced : Change::Replaced, entry};
+    return answer;
 }
 
-Response get(const EntryStore& store, const Request& request, AnswerExtras* extras) {
-    if (isList(request)) {
-        try {
-            return write(store, EntryWriter(queryOf(store, request)), extras);
-        } catch (const UnknownPlace& error) {
-            return failure(http::status::gone, error.what());
-        } catch (const std::invalid_argument& error) {
-            return failure(http::status::bad_request, error.what());
-        }
-    }
-    const Entry* entry = store.find(uuidOf(request));
-    return entry ? write(store, EntryWriter(*entry), extras) : noSuchEntry();
+void put(EntryBackend& backend, const Request& request, const Caller& caller, Handler done) {
+    backend.put(std::string(request.target()), parseObject(request.body()), caller.owner(),
+                [done = std::move(done)](const auto& result) {
+                    done(result ? answerToPut(*result) : Answer{unavailable()});
+                });
+}
+
+void get(const EntryBackend& backend, const Request& request, const Handler& done) {
+    done(backend.isLoaded() ? write(backend.store(), EntryWriter(queryOf(backend.store(), request)))
+                            : Answer{unavailable()});
+}
+
+/// The answer to a request for one entry that is not there for certain.
+Answer answerWithout(Presence presence) {
+    return {presence == Presence::Absent ? noSuchEntry() : unavailable()};
+}
+
+void getOne(EntryBackend& backend, const Request& request, Handler done) {
+    const EntryStore& store = backend.store();
+    backend.find(uuidOf(request),
+                 [&store, done = std::move(done)](Presence presence, const Entry* entry) {
+                     if (entry == nullptr) {
+                         return done(answerWithout(presence));
+                     }
+                     // One that the store does not hold yet cannot be written in pieces.
+                     done(store.find(entry->uuid) == entry
+                              ? write(store, EntryWriter(*entry))
+                              : Answer{jsonResponse(http::status::ok, textOf(*entry))});
+                 });
 }
 
 // Without a Content-Length: to know it, the body would have to be written.
-Response head(EntryStore& store, const Request& request, const Caller& caller) {
-    const std::string uuid = uuidOf(request);
-    const bool isThere =
-        isList(request) || (caller.mayRenew ? store.check(uuid) : store.find(uuid) != nullptr);
-    Response response(isThere ? http::status::ok : http::status::not_found, 11);
-    response.set(http::field::content_type, "application/json");
-    return response;
+Answer answerToHead() {
+    return {jsonResponse(http::status::ok, {})};
 }
 
-Response remove(EntryStore& store, const Request& request) {
-    const auto entry = store.remove(uuidOf(request));
-    return entry ? jsonResponse(http::status::ok, textOf(*entry)) : noSuchEntry();
+void head(EntryBackend& backend, const Request& request, const Caller& caller, Handler done) {
+    backend.find(uuidOf(request),
+                 [&backend, caller, done = std::move(done)](Presence presence, const Entry* entry) {
+                     if (entry == nullptr) {
+                         return done(answerWithout(presence));
+                     }
+                     if (caller.mayAnnounce(entry->path)) {
+                         backend.check(entry->uuid);
+                     } else if (!caller.mayRead()) {
+                         return done({forbidden("check that")});
+                     }
+                     done(answerToHead());
+                 });
 }
 
-Response dispatch(EntryStore& store, const Request& request, const Caller& caller,
-                  AnswerExtras* extras) {
+void remove(EntryBackend& backend, const Request& request, const Caller& caller, Handler done) {
+    backend.find(uuidOf(request),
+                 [&backend, caller, done = std::move(done)](Presence presence, const Entry* entry) {
+                     if (entry == nullptr) {
+                         return done(answerWithout(presence));
+                     }
+                     if (!caller.mayAnnounce(entry->path)) {
+                         return done({forbidden("withdraw that")});
+                     }
+                     backend.remove(*entry, [done, removed = *entry](Presence wasThere) {
+                         if (wasThere != Presence::Present) {
+                             return done(answerWithout(wasThere));
+                         }
+                         Answer answer{jsonResponse(http::status::ok, textOf(removed))};
+                         answer.change = {Change::Withdrawn, removed};
+                         done(std::move(answer));
+                     });
+                 });
+}
+
+void dispatch(EntryBackend& backend, const Request& request, const Caller& caller, Handler done) {
     switch (request.method()) {
         case http::verb::put:
-            return put(store, request, caller, extras);
+            return put(backend, request, caller, std::move(done));
         case http::verb::get:
-            return get(store, request, extras);
+            return isList(request) ? get(backend, request, done)
+                                   : getOne(backend, request, std::move(done));
         case http::verb::head:
-            return head(store, request, caller);
+            return isList(request) ? done(answerToHead())
+                                   : head(backend, request, caller, std::move(done));
         case http::verb::delete_:
-            return remove(store, request);
+            return remove(backend, request, caller, std::move(done));
         default:
-            return methodNotAllowed();
-    }
-}
-
-Response tryToDispatch(EntryStore& store, const Request& request, const Caller& caller,
-                       AnswerExtras* extras) {
-    try {
-        return dispatch(store, request, caller, extras);
-    } catch (const StoreFull& full) {
-        return failure(http::status::insufficient_storage, full.what());
-    } catch (const FileError& error) {
-        std::cerr << "orvx-registry: " << error.what() << std::endl;
-        return failure(http::status::internal_server_error, error.what());
+            return done({methodNotAllowed()});
     }
 }
 
 }  // namespace
 
-Response answer(EntryStore& store, const Request& request, const Caller& caller,
-                AnswerExtras* extras) {
-    Response response = tryToDispatch(store, request, caller, extras);
-    response.version(request.version());
-    response.keep_alive(request.keep_alive());
-    return response;
+void answer(EntryBackend& backend, const Request& request, const Caller& caller,
+            std::function<void(Answer)> done) {
+    const auto finish = [done = std::move(done), version = request.version(),
+                         keepAlive = request.keep_alive(),
+                         isHead = request.method() == http::verb::head](Answer answer) {
+        if (isHead) {
+            dropBody(answer.response);
+        }
+        answer.response.version(version);
+        answer.response.keep_alive(keepAlive);
+        done(std::move(answer));
+    };
+    try {
+        dispatch(backend, request, caller, finish);
+    } catch (const UnknownPlace& error) {
+        finish({failure(http::status::gone, error.what())});
+    } catch (const std::invalid_argument& error) {
+        finish({failure(http::status::bad_request, error.what())});
+    } catch (const StoreFull& full) {
+        finish({failure(http::status::insufficient_storage, full.what())});
+    } catch (const FileError& error) {
+        std::cerr << "orvx-registry: " << error.what() << std::endl;
+        finish({failure(http::status::internal_server_error, error.what())});
+    }
 }
 
-Response write(const EntryStore& store, EntryWriter writer, AnswerExtras* extras) {
-    std::string text = *writer.next(store);
-    while (extras == nullptr && !writer.isDone()) {
-        text += *writer.next(store);
-    }
-    Response response = jsonResponse(http::status::ok, std::move(text));
+Answer write(const EntryStore& store, EntryWriter writer) {
+    Answer answer{jsonResponse(http::status::ok, *writer.next(store))};
     if (!writer.isDone()) {
-        response.erase(http::field::content_length);
-        extras->rest = writer;
+        answer.response.erase(http::field::content_length);
+        answer.rest = std::move(writer);
     }
-    return response;
+    return answer;
 }
 
 Response makeResponse(http::status status, const json& body) {
@@ -177,6 +219,22 @@ Response makeResponse(http::status status, const json& body) {
 
 Response failure(http::status status, std::string_view why) {
     return makeResponse(status, {{"error", why}});
+}
+
+void dropBody(Response& response) {
+    response.body().clear();
+    response.erase(http::field::content_length);
+}
+
+Response forbidden(std::string_view what) {
+    return failure(http::status::forbidden, "the token may not " + std::string(what));
+}
+
+Response unavailable() {
+    Response response =
+        failure(http::status::service_unavailable, "the registry does not know at the moment");
+    response.set(http::field::retry_after, "1");
+    return response;
 }
 
 Response methodNotAllowed() {

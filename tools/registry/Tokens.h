@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "EntryStore.h"
+#include "Entry.h"
 
 namespace orvx::registry {
 

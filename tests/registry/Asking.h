@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+
+#include "Dispatcher.h"
+#include "RequestHandler.h"
+
+namespace orvx::registry {
+
+/// The reaction of a dispatcher whose entries are those of its own store: it is there at once.
+inline Reaction reactionOf(Dispatcher& dispatcher, const Request& request,
+                           const Caller& caller = {}) {
+    std::optional<Reaction> reaction;
+    dispatcher.react(request, caller, [&reaction](Reaction made) { reaction = std::move(made); });
+    return std::move(reaction).value();
+}
+
+/// The answer of that store, with its whole body.
+inline Response answerOf(EntryStore& store, const Request& request) {
+    LocalBackend backend(store);
+    std::optional<Response> response;
+    answer(backend, request, {}, [&](Answer made) {
+        while (made.rest && !made.rest->isDone()) {
+            made.response.body() += made.rest->next(store).value();
+        }
+        if (made.rest) {
+            made.response.prepare_payload();
+        }
+        response = std::move(made.response);
+    });
+    return std::move(response).value();
+}
+
+}  // namespace orvx::registry

@@ -1,0 +1,27 @@
+// Passes each call on to the store.
+// Entered by whichever thread owns the store, one at a time.
+// There is no lock.
+
+#include <utility>
+
+#include "EntryBackend.h"
+
+namespace orvx::registry {
+
+void LocalBackend::put(const std::string& path, const nlohmann::json& service, const Owner& owner,
+                       std::function<void(std::optional<PutResult>)> done) {
+    auto [entry, created, movedFrom] = store_.put(path, service, owner);
+    done(PutResult{entry, created, std::move(movedFrom)});
+}
+
+void LocalBackend::find(const std::string& uuid, std::function<void(Presence, const Entry*)> done) {
+    const Entry* const entry = store_.find(uuid);
+    done(entry == nullptr ? Presence::Absent : Presence::Present, entry);
+}
+
+void LocalBackend::remove(const Entry& entry, std::function<void(Presence)> done) {
+    const std::string uuid = entry.uuid;  // the entry ends with the removal
+    done(store_.remove(uuid) ? Presence::Present : Presence::Absent);
+}
+
+}  // namespace orvx::registry
