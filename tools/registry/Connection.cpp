@@ -66,6 +66,9 @@ void Connection::close() {
         if (watch_) {
             shared_.dispatcher.counts().removeWatcher();
         }
+        if (shared_.connections.empty() && shared_.onLastClosed) {
+            std::exchange(shared_.onLastClosed, nullptr)();
+        }
         stream_.tcp().close();
         delay_.cancel();
     }

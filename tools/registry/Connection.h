@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -43,6 +44,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
         std::uint64_t announcedRevision = 0;
         /// How often files were read again. A connection that is older ends soon.
         std::uint64_t generation = 0;
+
+        /// Called when the last connection has closed, if set.
+        std::function<void()> onLastClosed{};
 
         /// Does nothing when none is open.
         void closeOldest();

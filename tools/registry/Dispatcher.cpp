@@ -162,7 +162,7 @@ Response Dispatcher::metrics() {
     forgetWhatIsDue();
     Response response(http::status::ok, 11);
     response.set(http::field::content_type, "text/plain; version=0.0.4; charset=utf-8");
-    response.body() = metrics_.text(store_, faults_.count(store_.now()));
+    response.body() = metrics_.text(store_, faults_.count(store_.now())) + backend_->metrics();
     response.prepare_payload();
     return response;
 }

@@ -47,6 +47,9 @@ struct Owner {
 /// name; a host is cut after 300 bytes.
 std::string addressOf(const nlohmann::json& service);
 
+/// Whether a service that was at an address that it named is at another one now.
+bool hasMoved(const std::string& before, const std::string& now);
+
 /// The service as it is kept. What is no UTF-8 is replaced.
 std::string serialize(const nlohmann::json& service);
 

@@ -56,6 +56,9 @@ class EntryBackend {
 
     /// Whether the store follows the changes that others make.
     virtual bool isCurrent() const = 0;
+
+    /// Further metrics in Prometheus' text format.
+    virtual std::string metrics() const = 0;
 };
 
 /// The backend whose entries are those of the store, in memory or in its file. All handlers are
@@ -74,6 +77,7 @@ class LocalBackend : public EntryBackend {
     void expire() override { store_.expire(); }
     bool isLoaded() const override { return true; }
     bool isCurrent() const override { return true; }
+    std::string metrics() const override { return {}; }
 
   private:
     EntryStore& store_;

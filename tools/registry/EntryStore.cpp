@@ -20,10 +20,6 @@ namespace {
 constexpr const char* kNoAddress = "?:?";
 constexpr std::size_t kLongestHost = 300;  // longer than a name in the DNS can be
 
-bool hasMoved(const std::string& before, const std::string& now) {
-    return before != kNoAddress && before != now;
-}
-
 std::uint64_t bytesOf(const Entry& entry) {
     return entry.path.size() + entry.service.size();
 }
@@ -60,6 +56,10 @@ std::string addressOf(const nlohmann::json& service) {
                 ? host->get_ref<const std::string&>().substr(0, kLongestHost)
                 : "?") +
            ':' + (port != service.end() && port->is_number() ? port->dump() : "?");
+}
+
+bool hasMoved(const std::string& before, const std::string& now) {
+    return before != kNoAddress && before != now;
 }
 
 EntryStore::EntryStore(StoreOptions options)
@@ -309,6 +309,13 @@ std::vector<std::string> EntryStore::notRenewedSince(Time time) const {
         found.push_back(entry->uuid);
     }
     return found;
+}
+
+void EntryStore::recordExpiration(const Entry& entry) {
+    ++expirations_;
+    if (options_.listener) {
+        options_.listener(Change::Expired, entry);
+    }
 }
 
 void EntryStore::expire() {

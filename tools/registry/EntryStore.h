@@ -114,6 +114,9 @@ class EntryStore {
     /// none. Owned by the store.
     const Entry* entryFrom(std::uint64_t number) const;
 
+    /// An entry that another process keeps was taken out because it was not renewed.
+    void recordExpiration(const Entry& entry);
+
     /// How many entries have expired in this process.
     std::uint64_t expirations() const { return expirations_; }
 

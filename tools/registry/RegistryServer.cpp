@@ -10,11 +10,13 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "Connection.h"
+#include "EtcdBackend.h"
 #include "FileError.h"
 #include "Tls.h"
 
@@ -35,6 +37,14 @@ class RegistryServer::Impl {
           acceptor_(context_, resolve(options)),
           endpoint_(acceptor_.local_endpoint()),
           retry_(context_) {
+        if (!options.etcd.empty()) {
+            EtcdOptions etcd;
+            etcd.members = options.etcd;
+            etcd.tls = options.etcdTls;
+            etcd_.emplace(context_, etcd, options.etcdPrefix, shared_.dispatcher.store(),
+                          [this] { shared_.wakeWatchers(); });
+            shared_.dispatcher.setBackend(*etcd_);
+        }
         if (!options.log.empty()) {
             shared_.log.emplace(options.log);
         }
@@ -167,8 +177,23 @@ class RegistryServer::Impl {
     void close() {
         acceptor_.close();
         retry_.cancel();
-        while (!shared_.connections.empty()) {
-            shared_.closeOldest();
+        shared_.endOldOnes();
+        shared_.onLastClosed = [this] { finish(); };
+        if (shared_.connections.empty()) {
+            return finish();
+        }
+        retry_.expires_after(shared_.options.farewellTimeout);
+        retry_.async_wait([this](error_code) {
+            while (!shared_.connections.empty()) {
+                shared_.closeOldest();
+            }
+        });
+    }
+
+    void finish() {
+        retry_.cancel();
+        if (etcd_) {
+            etcd_->stop();
         }
     }
 
@@ -178,6 +203,7 @@ class RegistryServer::Impl {
     tcp::acceptor acceptor_;
     const tcp::endpoint endpoint_;
     asio::steady_timer retry_;
+    std::optional<EtcdBackend> etcd_;
 };
 
 RegistryServer::RegistryServer(const RegistryOptions& options)

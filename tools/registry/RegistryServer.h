@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "TlsFiles.h"
 
@@ -23,7 +24,10 @@ struct RegistryOptions {
     std::string log;                     ///< file for requests; `-`: stdout; empty: none
     std::string script;                  ///< file with faults; empty: none
     bool admin = false;                  ///< whether /-/faults is served
-    TlsFiles tls{};                      ///< no certificate: no TLS
+    std::vector<std::string> etcd{};     ///< members, which keep the entries; empty: none do
+    std::string etcdPrefix = "/orvx-registry/";  ///< of all keys
+    TlsFiles etcdTls{};                          ///< for members that speak TLS
+    TlsFiles tls{};                              ///< no certificate: no TLS
     std::string tokens;      ///< file with tokens, which every request needs; empty: none
     std::uint32_t rate = 0;  ///< requests a second of one client address; 0: no limit
     std::string audit;       ///< file for changes; `-`: stdout; empty: none
@@ -60,7 +64,8 @@ class RegistryServer {
     void run();
 
     /// Makes run() return soon, or at once if it is still to be called. Does not wait for it.
-    /// Stopped is for good. Calling it again does nothing.
+    /// Requests that have arrived in part or whole are answered if that takes no more than
+    /// `farewellTimeout`. Stopped is for good. Calling it again does nothing.
     void stop();
 
     /// Reads the files of TLS and the tokens again, soon, on the thread of run(). All are taken

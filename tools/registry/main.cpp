@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "Commands.h"
+#include "EtcdClient.h"
 #include "FileError.h"
 #include "RegistryServer.h"
 
@@ -25,6 +26,9 @@ using orvx::registry::RegistryServer;
 
 // As env(1) and timeout(1) do for what is their own failure.
 constexpr int kOwnFailure = 125;
+
+// etcd takes requests of 1.5 MiB.
+constexpr std::uint64_t kMaxBodyAtEtcd = 1'048'576;
 
 int fail(const std::string& why) {
     std::cerr << "orvx-registry: " << why << std::endl;
@@ -47,6 +51,10 @@ sigset_t prepareSignals(const RegistryOptions& options) {
 }
 
 void serve(const RegistryOptions& options) {
+    if (!options.etcd.empty() && options.maxBody > kMaxBodyAtEtcd) {
+        throw std::runtime_error("with --etcd the largest --max-body is " +
+                                 std::to_string(kMaxBodyAtEtcd));
+    }
     const sigset_t signals = prepareSignals(options);
     RegistryServer server(options);
     std::cout << "orvx-registry listening on " << server.url() << std::endl;
@@ -65,6 +73,35 @@ CLI::Option* addFile(CLI::App& app, const char* name, std::string& file, const c
     return app.add_option(name, file, text)->check([](const std::string& value) {
         return std::string(value.empty() ? "the file name is empty" : "");
     });
+}
+
+/// Replicas share what etcd keeps: what belongs to one process is excluded.
+void addEtcdOptions(CLI::App& app, RegistryOptions& options) {
+    auto* etcd = app.add_option_function<std::string>(
+        "--etcd",
+        [&options](const std::string& list) {
+            try {
+                options.etcd = orvx::registry::parseMembers(list);
+            } catch (const std::invalid_argument& error) {
+                throw CLI::ValidationError("--etcd", error.what());
+            }
+        },
+        "Members of etcd, as http://host:2379 or https://, separated by commas: they keep the "
+        "entries for all replicas");
+    app.add_option("--etcd-prefix", options.etcdPrefix, "What the keys at etcd begin with")
+        ->capture_default_str()
+        ->needs(etcd);
+    addFile(app, "--etcd-ca", options.etcdTls.authority,
+            "File with the authority of etcd's members, in PEM, in place of the system's")
+        ->needs(etcd);
+    auto* certificate = addFile(app, "--etcd-cert", options.etcdTls.certificate,
+                                "File with the certificate that is shown to etcd, in PEM");
+    certificate->needs(etcd);
+    addFile(app, "--etcd-key", options.etcdTls.key, "File with its key, if not in the same file")
+        ->needs(certificate);
+    for (const char* option : {"--store", "--script", "--admin"}) {
+        etcd->excludes(app.get_option(option));
+    }
 }
 
 void addOptions(CLI::App& app, RegistryOptions& options) {
@@ -111,6 +148,7 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
                    "One line for each request, to stdout or appended to that file")
         ->expected(0, 1)
         ->default_str("-");
+    addEtcdOptions(app, options);
 }
 
 }  // namespace

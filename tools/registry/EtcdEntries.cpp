@@ -1,0 +1,286 @@
+// Three kinds of keys below the prefix:
+//   entries/<uuid>  the path, the address, the owner and the time of creation as JSON on one line;
+//                   the service follows on the next one, as the text that it is
+//   paths/<path>    "<uuid> <time of creation in milliseconds>"
+//   checks          the names of entries that were checked at one replica
+// Every transaction changes an entry and its path together. The checks and the entries are next to
+// one another in the order of the keys, so that one watch follows both, and no paths.
+// There is no lock and no state.
+
+#include "EtcdEntries.h"
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+#include "Base64.h"
+
+namespace orvx::registry {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr std::string_view kChecks = "checks";
+constexpr std::string_view kEntries = "entries/";
+constexpr std::string_view kPaths = "paths/";
+constexpr std::string_view kEndOfEntries = "entries0";  // '0' follows '/'
+
+std::int64_t milliseconds(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+
+std::chrono::system_clock::time_point timeAt(std::int64_t milliseconds) {
+    return std::chrono::system_clock::time_point(std::chrono::milliseconds(milliseconds));
+}
+
+/// A member of an object, or null.
+const json& at(const json& object, const char* name) {
+    static const json kNull;
+    const auto found = object.is_object() ? object.find(name) : object.end();
+    return found == object.end() ? kNull : *found;
+}
+
+/// The gateway writes numbers of 64 bits as texts, and leaves zeros out.
+template <typename Number>
+Number numberIn(std::string_view text) {
+    Number number = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+    return read.ec == std::errc() && read.ptr == text.data() + text.size() ? number : 0;
+}
+
+std::string_view textIn(const json& object, const char* name) {
+    const json& value = at(object, name);
+    return value.is_string() ? std::string_view(value.get_ref<const std::string&>())
+                             : std::string_view();
+}
+
+std::string decodedIn(const json& object, const char* name) {
+    return decode64(textIn(object, name)).value_or(std::string());
+}
+
+std::string nameOf(const Entry& entry) {
+    return entry.uuid + ' ' + std::to_string(milliseconds(entry.created));
+}
+
+std::string valueOf(const Entry& entry) {
+    // A path may hold bytes that are no UTF-8, which JSON cannot; so may an address.
+    return json{{"path", encode64(entry.path)},
+                {"address", encode64(entry.address)},
+                {"owner", entry.owner},
+                {"created", milliseconds(entry.created)}}
+               .dump() +
+           '\n' + entry.service;
+}
+
+json operation(const char* kind, json request) {
+    json made = json::object();
+    made[kind] = std::move(request);
+    return made;
+}
+
+/// `conditions`: when all hold, the first operations are carried out, otherwise the second ones.
+json transaction(json conditions, json operations, json otherwise) {
+    json made = json::object();
+    made["compare"] = std::move(conditions);
+    made["success"] = std::move(operations);
+    made["failure"] = std::move(otherwise);
+    return made;
+}
+
+/// The keys and values of a range, or of the range in a transaction.
+const json& pairsIn(const json& range) {
+    return at(range, "kvs");
+}
+
+}  // namespace
+
+bool isUuid(std::string_view text) {
+    constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    return std::equal(
+        text.begin(), text.end(), kForm.begin(), kForm.end(), [](char letter, char form) {
+            return form == '-'
+                       ? letter == '-'
+                       : (letter >= '0' && letter <= '9') || (letter >= 'a' && letter <= 'f');
+        });
+}
+
+json EtcdEntries::key(std::string_view kind, std::string_view name) const {
+    return encode64(prefix_ + std::string(kind) + std::string(name));
+}
+
+json EtcdEntries::putIf(json condition, const Entry& entry) const {
+    const json path = key(kPaths, entry.path);
+    condition["key"] = path;
+    condition["result"] = "EQUAL";
+    return transaction(
+        json::array({std::move(condition)}),
+        json::array({operation("request_put", {{"key", path}, {"value", encode64(nameOf(entry))}}),
+                     operation("request_put", {{"key", key(kEntries, entry.uuid)},
+                                               {"value", encode64(valueOf(entry))}})}),
+        json::array({operation("request_range", {{"key", path}})}));
+}
+
+json EtcdEntries::create(const Entry& entry) const {
+    return putIf({{"target", "CREATE"}, {"create_revision", "0"}}, entry);
+}
+
+json EtcdEntries::replace(const Entry& entry) const {
+    return putIf({{"target", "VALUE"}, {"value", encode64(nameOf(entry))}}, entry);
+}
+
+json EtcdEntries::remove(const std::vector<Entry>& entries, bool isUnchanged) const {
+    json conditions = json::array();
+    json removals = json::array();
+    for (const Entry& entry : entries) {
+        const json name = key(kEntries, entry.uuid);
+        conditions.push_back(isUnchanged
+                                 ? json{{"key", name},
+                                        {"target", "MOD"},
+                                        {"result", "EQUAL"},
+                                        {"mod_revision", std::to_string(entry.etcdRevision)}}
+                                 : json{{"key", name},
+                                        {"target", "CREATE"},
+                                        {"result", "GREATER"},
+                                        {"create_revision", "0"}});
+        for (const json& removed : {name, key(kPaths, entry.path)}) {
+            removals.push_back(operation("request_delete_range", {{"key", removed}}));
+        }
+    }
+    return transaction(std::move(conditions), std::move(removals), json::array());
+}
+
+json EtcdEntries::find(const std::string& uuid) const {
+    return {{"key", key(kEntries, uuid)}};
+}
+
+json EtcdEntries::list(const std::string& afterKey, std::size_t limit,
+                       std::uint64_t revision) const {
+    // The first key that is greater than another one is that one and a NUL.
+    return {{"key", afterKey.empty() ? key(kEntries, "") : json(encode64(afterKey + '\0'))},
+            {"range_end", key(kEndOfEntries, "")},
+            {"limit", std::to_string(limit)},
+            {"revision", std::to_string(revision)}};
+}
+
+json EtcdEntries::tellChecks(const std::string& replica,
+                             const std::vector<std::string>& uuids) const {
+    return {{"key", key(kChecks, "")},
+            {"value", encode64(json{{"from", replica}, {"uuids", uuids}}.dump())}};
+}
+
+json EtcdEntries::watch(std::uint64_t fromRevision) const {
+    return {{"key", key(kChecks, "")},
+            {"range_end", key(kEndOfEntries, "")},
+            {"start_revision", std::to_string(fromRevision)}};
+}
+
+std::uint64_t EtcdEntries::revisionOf(const json& answer) {
+    return numberIn<std::uint64_t>(textIn(at(answer, "header"), "revision"));
+}
+
+std::string EtcdEntries::clusterOf(const json& answer) {
+    return std::string(textIn(at(answer, "header"), "cluster_id"));
+}
+
+std::string EtcdEntries::keyBeforeNextPage(const json& range) {
+    const json& pairs = pairsIn(range);
+    return at(range, "more") == true && !pairs.empty() ? decodedIn(pairs.back(), "key") : "";
+}
+
+bool EtcdEntries::isCanceled(const json& result) {
+    return at(result, "canceled") == true;
+}
+
+bool EtcdEntries::hasSucceeded(const json& transaction) {
+    return at(transaction, "succeeded") == true;
+}
+
+std::optional<EtcdEntries::Name> EtcdEntries::nameIn(const json& transaction) const {
+    for (const json& response : at(transaction, "responses")) {
+        for (const json& pair : pairsIn(at(response, "response_range"))) {
+            const std::string value = decodedIn(pair, "value");
+            const auto space = value.find(' ');
+            if (space != std::string::npos && isUuid(value.substr(0, space))) {
+                return Name{value.substr(0, space),
+                            timeAt(numberIn<std::int64_t>(value.substr(space + 1)))};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<Entry> EtcdEntries::entriesIn(const json& range) const {
+    std::vector<Entry> entries;
+    for (const json& pair : pairsIn(range)) {
+        if (auto entry = entryIn(pair)) {
+            entries.push_back(std::move(*entry));
+        }
+    }
+    return entries;
+}
+
+/// Nothing: it is no entry. Somebody else may have written it.
+std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
+    const std::string name = decodedIn(pair, "key");
+    const std::string begin = prefix_ + std::string(kEntries);
+    const std::string value = decodedIn(pair, "value");
+    const auto line = value.find('\n');
+    if (name.compare(0, begin.size(), begin) != 0 || !isUuid(name.substr(begin.size())) ||
+        line == std::string::npos) {
+        return std::nullopt;
+    }
+    const json head = json::parse(value.begin(), value.begin() + static_cast<std::ptrdiff_t>(line),
+                                  nullptr, false);
+    Entry entry;
+    entry.uuid = name.substr(begin.size());
+    entry.number = numberIn<std::uint64_t>(textIn(pair, "create_revision"));
+    entry.etcdRevision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
+    entry.path = decodedIn(head, "path");
+    entry.address = decodedIn(head, "address");
+    entry.owner = textIn(head, "owner");
+    entry.service = value.substr(line + 1);
+    entry.created = at(head, "created").is_number_integer()
+                        ? timeAt(at(head, "created").get<std::int64_t>())
+                        : timeAt(0);
+    const bool isComplete = !entry.path.empty() && entry.number != 0 &&
+                            json::parse(entry.service, nullptr, false).is_object();
+    return isComplete ? std::optional(std::move(entry)) : std::nullopt;
+}
+
+std::vector<EtcdEntries::Change> EtcdEntries::changesIn(const json& result) const {
+    std::vector<Change> changes;
+    for (const json& event : at(result, "events")) {
+        changes.push_back(changeIn(event));
+    }
+    return changes;
+}
+
+EtcdEntries::Change EtcdEntries::changeIn(const json& event) const {
+    const json& pair = at(event, "kv");
+    Change change;
+    change.revision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
+    const std::string name = decodedIn(pair, "key");
+    const std::string entries = prefix_ + std::string(kEntries);
+    if (textIn(event, "type") == "DELETE") {
+        if (name.compare(0, entries.size(), entries) == 0) {
+            change.kind = Change::Kind::Removal;
+            change.uuid = name.substr(entries.size());
+        }
+    } else if (name == prefix_ + std::string(kChecks)) {
+        const json checks = json::parse(decodedIn(pair, "value"), nullptr, false);
+        change.kind = Change::Kind::Checks;
+        change.replica = textIn(checks, "from");
+        for (const json& uuid : at(checks, "uuids")) {
+            if (uuid.is_string()) {
+                change.uuids.push_back(uuid.get<std::string>());
+            }
+        }
+    } else if (auto entry = entryIn(pair)) {
+        change.kind = Change::Kind::Put;
+        change.entry = std::move(*entry);
+    }
+    return change;
+}
+
+}  // namespace orvx::registry
