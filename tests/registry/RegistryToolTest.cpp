@@ -299,7 +299,7 @@ TEST(TheDocumentationOfTheTool, NamesEveryOption) {
         EXPECT_THAT(manual, HasSubstr("\n.It Fl " + name.substr(1)));
         EXPECT_THAT(page, HasSubstr("| `" + name + "` |"));
     }
-    EXPECT_EQ(count, 18);
+    EXPECT_EQ(count, 23);
 }
 
 }  // namespace
