@@ -8,10 +8,14 @@
 
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
+#include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "Asking.h"
+#include "TokenLine.h"
 
 namespace orvx::registry {
 namespace {
@@ -199,6 +203,119 @@ TEST_F(TheRequestHandler, KeepsTheConnectionAsTheRequestAsks) {
     request.keep_alive(false);
     EXPECT_FALSE(answerOf(store_, request).keep_alive());
     EXPECT_FALSE(answerOf(store_, Request(http::verb::get, "/", 10)).keep_alive());
+}
+
+/// A backend that keeps the handlers until the test calls them.
+class LateBackend final : public EntryBackend {
+  public:
+    const EntryStore& store() const override { return store_; }
+    void put(const std::string&, const json&, const Owner&,
+             std::function<void(std::optional<PutResult>)> done) override {
+        put_ = std::move(done);
+    }
+    void find(const std::string&, std::function<void(Presence, const Entry*)> done) override {
+        find_ = std::move(done);
+    }
+    void check(const std::string& uuid) override { checked_ += uuid; }
+    void remove(const Entry&, std::function<void(Presence)> done) override {
+        remove_ = std::move(done);
+    }
+    void expire() override {}
+    bool isLoaded() const override { return isLoaded_; }
+    bool isCurrent() const override { return true; }
+    std::string metrics() const override { return {}; }
+
+    EntryStore store_;
+    bool isLoaded_ = true;
+    std::string checked_;
+    std::function<void(std::optional<PutResult>)> put_;
+    std::function<void(Presence, const Entry*)> find_;
+    std::function<void(Presence)> remove_;
+};
+
+class ALateAnswer : public ::testing::Test {
+  protected:
+    using Presence = EntryBackend::Presence;
+
+    ALateAnswer() {
+        entry_.uuid = "u";
+        entry_.path = "/lamps/1";
+        entry_.service = R"({"a":1})";
+    }
+
+    void ask(http::verb method, const std::string& target, const Caller& caller = {}) {
+        Request request(method, target, 11);
+        request.body() = "{}";
+        answer(backend_, request, caller, [this](Answer made) { answer_ = std::move(made); });
+    }
+
+    static Caller holderOf(const std::string& rights) {
+        Caller caller;
+        caller.token = std::make_shared<const Tokens>(tokenLine("x", rights))->find("x-secret");
+        return caller;
+    }
+
+    LateBackend backend_{};
+    Entry entry_{};
+    std::optional<Answer> answer_{};
+};
+
+TEST_F(ALateAnswer, ComesWhenTheBackendHasAnswered) {
+    ask(http::verb::put, "/lamps/1");
+    EXPECT_FALSE(answer_);
+    backend_.put_(EntryBackend::PutResult{entry_, true, {}});
+    EXPECT_EQ(answer_->response.result(), http::status::created);
+    EXPECT_EQ(answer_->response[http::field::location], "/u");
+    EXPECT_EQ(answer_->change->first, Change::Announced);
+}
+
+TEST_F(ALateAnswer, IsThatNothingIsKnownWhereTheBackendKnowsNothing) {
+    ask(http::verb::put, "/lamps/1");
+    backend_.put_(std::nullopt);
+    EXPECT_EQ(answer_->response.result(), http::status::service_unavailable);
+    EXPECT_FALSE(answer_->change);
+    for (const auto method : {http::verb::get, http::verb::head, http::verb::delete_}) {
+        ask(method, "/u");
+        backend_.find_(Presence::Unknown, nullptr);
+        EXPECT_EQ(answer_->response.result(), http::status::service_unavailable);
+        EXPECT_EQ(answer_->response[http::field::retry_after], "1");
+        EXPECT_EQ(answer_->response.body().empty(), method == http::verb::head);
+    }
+    ask(http::verb::delete_, "/u");
+    backend_.find_(Presence::Present, &entry_);
+    backend_.remove_(Presence::Unknown);
+    EXPECT_EQ(answer_->response.result(), http::status::service_unavailable);
+    backend_.isLoaded_ = false;
+    ask(http::verb::get, "/");
+    EXPECT_EQ(answer_->response.result(), http::status::service_unavailable);
+}
+
+TEST_F(ALateAnswer, ShowsAnEntryThatTheStoreDoesNotHold) {
+    ask(http::verb::get, "/u");
+    backend_.find_(Presence::Present, &entry_);
+    EXPECT_EQ(json::parse(answer_->response.body()).at("path"), "/lamps/1");
+    ask(http::verb::head, "/u");
+    backend_.find_(Presence::Present, &entry_);
+    EXPECT_EQ(answer_->response.result(), http::status::ok);
+    EXPECT_EQ(backend_.checked_, "u");
+}
+
+TEST_F(ALateAnswer, IsLimitedByTheTokenOnceThePathIsKnown) {
+    for (const auto method : {http::verb::head, http::verb::delete_}) {
+        ask(method, "/u", holderOf(R"("announce":"/doors")"));
+        backend_.find_(Presence::Present, &entry_);
+        EXPECT_EQ(answer_->response.result(), http::status::forbidden);
+        EXPECT_FALSE(backend_.remove_);
+    }
+    ask(http::verb::head, "/u", holderOf(R"("announce":"/doors","read":true)"));
+    backend_.find_(Presence::Present, &entry_);
+    EXPECT_EQ(answer_->response.result(), http::status::ok);
+    EXPECT_EQ(backend_.checked_, "");
+    ask(http::verb::delete_, "/u", holderOf(R"("announce":"/lamps")"));
+    backend_.find_(Presence::Present, &entry_);
+    backend_.remove_(Presence::Present);
+    EXPECT_EQ(answer_->response.result(), http::status::ok);
+    EXPECT_EQ(answer_->change->first, Change::Withdrawn);
 }
 
 }  // namespace

@@ -1,0 +1,338 @@
+// Registries that share what a real etcd keeps. Each runs on a thread of its own; the tests ask
+// over sockets. Where a state comes by itself, a test asks again until it is there.
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "EtcdProcess.h"
+#include "RunningRegistry.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace http = boost::beast::http;
+using nlohmann::json;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr const char* kNobody = "/00000000-0000-4000-8000-000000000000";
+
+void await(const std::function<bool()>& isTrue) {
+    const auto end = Clock::now() + 20s;
+    while (!isTrue()) {
+        if (Clock::now() > end) {
+            throw std::runtime_error("it did not come true within 20 seconds");
+        }
+        std::this_thread::yield();
+    }
+}
+
+class Replica {
+  public:
+    explicit Replica(std::vector<std::string> etcd, std::chrono::milliseconds ttl = 0ms)
+        : registry_(optionsFor(std::move(etcd), ttl)) {}
+
+    TestConnection::Response ask(const std::string& method, const std::string& target,
+                                 const std::string& body = {}) const {
+        return registry_.connect().ask(makeRequest(method, target, body));
+    }
+    unsigned statusOf(const std::string& method, const std::string& target) const {
+        RawConnection connection = registry_.connect();
+        connection.send(makeRequest(method, target));
+        return connection.receive(method == "HEAD").result_int();
+    }
+    /// The target of the entry.
+    std::string put(const std::string& path, const std::string& body = "{}") const {
+        return std::string(ask("PUT", path, body)[http::field::location]);
+    }
+    std::vector<std::string> paths(const std::string& query = {}) const {
+        std::vector<std::string> paths;
+        const auto answer = ask("GET", "/" + query);
+        if (answer.result() != http::status::ok) {
+            return {"status " + std::to_string(answer.result_int())};
+        }
+        const json list = json::parse(answer.body());
+        for (const json& entry : list.at("entries")) {
+            paths.push_back(entry.at("path"));
+        }
+        return paths;
+    }
+    bool has(const std::string& path) const {
+        const auto all = paths();
+        return std::find(all.begin(), all.end(), path) != all.end();
+    }
+    std::string metrics() const { return ask("GET", "/-/metrics").body(); }
+    bool isReady() const { return statusOf("GET", "/-/ready") == 200; }
+    Replica& ready() {
+        await([this] { return isReady(); });
+        return *this;
+    }
+    RunningRegistry& registry() { return registry_; }
+
+  private:
+    static RegistryOptions optionsFor(std::vector<std::string> etcd,
+                                      std::chrono::milliseconds ttl) {
+        RegistryOptions options;
+        options.etcd = std::move(etcd);
+        options.ttl = ttl;
+        return options;
+    }
+
+    RunningRegistry registry_;
+};
+
+class TheReplicas : public ::testing::Test {
+  protected:
+    EtcdProcess etcd_;
+};
+
+TEST_F(TheReplicas, MakeOneEntryOfAPathThatIsPutAtAllOfThemAtOnce) {
+    Replica a({etcd_.url()});
+    Replica b({etcd_.url()});
+    a.ready();
+    b.ready();
+    for (int round = 0; round < 20; ++round) {
+        const std::string path = "/" + std::to_string(round);
+        std::vector<std::string> found(6);
+        std::vector<std::thread> callers;
+        for (std::size_t i = 0; i < found.size(); ++i) {
+            callers.emplace_back([&, i] { found[i] = (i % 2 == 0 ? a : b).put(path); });
+        }
+        for (std::thread& caller : callers) {
+            caller.join();
+        }
+        EXPECT_EQ(std::set<std::string>(found.begin(), found.end()).size(), 1U);
+    }
+    EXPECT_EQ(a.paths().size(), 20U);
+}
+
+TEST_F(TheReplicas, AnswerToAPutWhenTheEntryIsListed) {
+    Replica a({etcd_.url()});
+    a.ready();
+    for (int i = 0; i < 50; ++i) {
+        a.put("/" + std::to_string(i));
+        EXPECT_EQ(a.paths().size(), static_cast<std::size_t>(i + 1));
+    }
+}
+
+TEST_F(TheReplicas, KnowAnEntryThatAnotherOneHasJustTaken) {
+    Replica a({etcd_.url()});
+    Replica b({etcd_.url()});
+    a.ready();
+    b.ready();
+    for (int i = 0; i < 50; ++i) {
+        const std::string target = a.put("/" + std::to_string(i), R"({"a":1})");
+        EXPECT_EQ(b.statusOf("HEAD", target), 200U);
+        EXPECT_EQ(json::parse(b.ask("GET", target).body()).at("service").dump(), R"({"a":1})");
+        EXPECT_EQ(b.ask("DELETE", target).result(), http::status::ok);
+        EXPECT_EQ(b.statusOf("HEAD", target), 404U);
+        EXPECT_EQ(b.statusOf("DELETE", target), 404U);
+    }
+    await([&] { return a.paths().empty(); });
+}
+
+TEST_F(TheReplicas, KeepTheUuidOfAPathThroughAllReplacementsAndGiveANewOneAfterARemoval) {
+    Replica a({etcd_.url()});
+    Replica b({etcd_.url()});
+    const std::string first = a.ready().put("/lamp", R"({"host":"a","port":1})");
+    const auto replaced = b.ready().ask("PUT", "/lamp", R"({"host":"b","port":2})");
+    EXPECT_EQ(replaced.result(), http::status::ok);
+    EXPECT_EQ(replaced[http::field::location], first);
+    await([&] { return a.ask("GET", first).body().find(R"("host":"b")") != std::string::npos; });
+    EXPECT_EQ(a.ask("DELETE", first).result(), http::status::ok);
+    const auto again = b.ask("PUT", "/lamp", "{}");  // its copy may still hold the first one
+    EXPECT_EQ(again.result(), http::status::created);
+    EXPECT_NE(again[http::field::location], first);
+}
+
+TEST_F(TheReplicas, SayNothingOfAnUnknownEntryWhileEtcdIsSilent) {
+    Replica a({etcd_.url()});
+    const std::string known = a.ready().put("/lamp");
+    etcd_.pause();
+    RawConnection connection = a.registry().connect();
+    connection.send(makeRequest("HEAD", kNobody));
+    const auto answer = connection.receive(true);
+    EXPECT_EQ(answer.result(), http::status::service_unavailable);
+    EXPECT_EQ(answer[http::field::retry_after], "1");
+    EXPECT_EQ(a.ask("PUT", "/other", "{}").result(), http::status::service_unavailable);
+    EXPECT_EQ(a.ask("DELETE", known).result(), http::status::service_unavailable);
+    EXPECT_EQ(a.statusOf("HEAD", known), 200U);
+    EXPECT_EQ(a.statusOf("HEAD", "/no-uuid"), 404U);
+    await([&] { return !a.isReady(); });
+    EXPECT_EQ(a.statusOf("GET", "/-/health"), 200U);
+    etcd_.resume();
+    a.ready();
+    EXPECT_EQ(a.statusOf("HEAD", kNobody), 404U);
+}
+
+TEST_F(TheReplicas, AskEtcdOnceForAllWhoMissTheSameEntry) {
+    Replica a({etcd_.url()});
+    a.ready();
+    etcd_.pause();
+    std::vector<RawConnection> callers;
+    for (int i = 0; i < 20; ++i) {
+        callers.push_back(a.registry().connect());
+        callers.back().send(makeRequest("HEAD", kNobody));
+    }
+    a.statusOf("GET", "/-/health");  // those before have arrived
+    etcd_.resume();
+    for (RawConnection& caller : callers) {
+        EXPECT_EQ(caller.receive(true).result_int(), 404U);
+    }
+    EXPECT_THAT(a.metrics(), HasSubstr("orvx_registry_etcd_lookups_total 1\n"));
+}
+
+TEST_F(TheReplicas, AreNotReadyBeforeTheyKnowTheEntries) {
+    std::string known;
+    {
+        Replica a({etcd_.url()});
+        known = a.ready().put("/lamp");
+    }
+    etcd_.stop();
+    Replica b({etcd_.url()});
+    EXPECT_EQ(b.statusOf("GET", "/-/ready"), 503U);
+    EXPECT_EQ(b.statusOf("GET", "/"), 503U);
+    EXPECT_EQ(b.statusOf("GET", "/-/watch"), 503U);
+    EXPECT_EQ(b.statusOf("GET", "/-/prometheus"), 503U);
+    EXPECT_EQ(b.statusOf("HEAD", known), 503U);
+    EXPECT_EQ(b.statusOf("GET", "/-/health"), 200U);
+    etcd_.start();
+    EXPECT_EQ(b.ready().statusOf("HEAD", known), 200U);
+    EXPECT_EQ(b.paths(), std::vector<std::string>{"/lamp"});
+}
+
+TEST_F(TheReplicas, ListInTheSameOrderAndContinueTheirPages) {
+    Replica a({etcd_.url()});
+    Replica b({etcd_.url()});
+    a.ready();
+    b.ready();
+    for (int i = 0; i < 100; ++i) {
+        (i % 2 == 0 ? a : b).put("/" + std::to_string(i));
+    }
+    await([&] { return a.paths().size() == 100 && b.paths().size() == 100; });
+    EXPECT_EQ(a.paths(), b.paths());
+    Replica c({etcd_.url()});  // reads more than one page of etcd's
+    EXPECT_EQ(c.ready().paths(), a.paths());
+    const json page = json::parse(a.ask("GET", "/?limit=60").body());
+    const auto rest = c.paths("?after=" + page.at("next").get<std::string>());
+    EXPECT_EQ(rest.size(), 40U);
+    EXPECT_EQ(rest.front(), a.paths().at(60));
+}
+
+TEST_F(TheReplicas, TellTheirWatchersOfChangesAtOthers) {
+    Replica a({etcd_.url()});
+    Replica b({etcd_.url()});
+    a.ready();
+    b.ready();
+    RawConnection watcher = a.registry().connect();
+    watcher.send(makeRequest("GET", "/-/watch"));
+    watcher.readUntil("event: listed");
+    const std::string target = b.put("/lamp");
+    EXPECT_THAT(watcher.readUntil("event: put"), Not(HasSubstr("event: removed")));
+    b.ask("DELETE", target);
+    watcher.readUntil("event: removed");
+}
+
+TEST_F(TheReplicas, HoldEntriesOfAnyPathAndAnyServiceThatEtcdTakes) {
+    Replica a({etcd_.url()});
+    Replica b({etcd_.url()});
+    a.ready();
+    b.ready();
+    const std::string big = R"({"x":")" + std::string(1'000'000, 'y') + R"("})";
+    for (const auto& [path, body] : std::vector<std::pair<std::string, std::string>>{
+             {"/big", big}, {"/\xff%2f?q=\"\\ä", R"({"host":"ä\"\n","port":1})"}, {"*", "{}"}}) {
+        const std::string target = a.put(path, body);
+        await([&] { return b.ask("GET", target).body() == a.ask("GET", target).body(); });
+        EXPECT_EQ(json::parse(b.ask("GET", target).body()).at("service"), json::parse(body));
+    }
+    Replica c({etcd_.url()});
+    EXPECT_EQ(c.ready().paths().size(), 3U);
+}
+
+class TheReplicasWithATimeToLive : public TheReplicas {
+  protected:
+    static constexpr auto kTtl = 4'000ms;
+};
+
+TEST_F(TheReplicasWithATimeToLive, KeepWhatIsCheckedAtAnyOfThemAndLetTheRestExpire) {
+    Replica a({etcd_.url()}, kTtl);
+    Replica b({etcd_.url()}, kTtl);
+    a.ready();
+    b.ready();
+    const auto begin = Clock::now();
+    const std::string live = a.put("/live");
+    a.put("/dead");
+    Clock::duration gone{};
+    while (Clock::now() - begin < 3 * kTtl) {
+        EXPECT_EQ(b.statusOf("HEAD", live), 200U);
+        if (gone == Clock::duration{} && !a.has("/dead")) {
+            gone = Clock::now() - begin;
+        }
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(a.has("/live"));
+    EXPECT_GE(gone, kTtl);
+    EXPECT_LE(gone, kTtl * 3 / 2);
+    const auto counts = [](const Replica& replica) {
+        return replica.metrics().find("orvx_registry_expirations_total 1\n") != std::string::npos;
+    };
+    EXPECT_NE(counts(a), counts(b));
+}
+
+TEST_F(TheReplicasWithATimeToLive, LetNothingExpireForTheTimeWithoutEtcd) {
+    Replica a({etcd_.url()}, kTtl);
+    const std::string target = a.ready().put("/lamp");
+    etcd_.stop();
+    const auto begin = Clock::now();
+    await([&] { return Clock::now() - begin > kTtl * 3 / 2; });
+    etcd_.start();
+    a.ready();
+    EXPECT_EQ(a.statusOf("HEAD", target), 200U);
+    const auto back = Clock::now();
+    await([&] { return Clock::now() - back > kTtl / 2; });
+    EXPECT_EQ(a.statusOf("HEAD", target), 200U);
+    await([&] { return !a.has("/lamp"); });
+    EXPECT_GE(Clock::now() - back, kTtl);
+}
+
+TEST_F(TheReplicasWithATimeToLive, TellTheirLastChecksBeforeTheyEnd) {
+    Replica b({etcd_.url()}, kTtl);
+    auto a = std::make_unique<Replica>(std::vector{etcd_.url()}, kTtl);
+    a->ready();
+    const std::string target = b.ready().put("/lamp");
+    RawConnection watcher = b.registry().connect();
+    watcher.send(makeRequest("GET", "/-/watch"));
+    watcher.readUntil("event: listed");
+    EXPECT_EQ(a->statusOf("HEAD", target), 200U);
+    a.reset();
+    EXPECT_THAT(watcher.readUntil("event: checked"), Not(HasSubstr("event: removed")));
+}
+
+TEST(TheReplicasOfACluster, GoOnWithTheMembersThatAreLeft) {
+    EtcdCluster etcd;
+    Replica a(etcd.urls());
+    const std::string target = a.ready().put("/lamp");
+    for (std::size_t i = 0; i < 3; ++i) {
+        etcd[i].stop();
+        await([&] { return a.ask("PUT", "/lamp", "{}").result() == http::status::ok; });
+        a.ready();
+        EXPECT_EQ(a.statusOf("HEAD", target), 200U);
+        etcd[i].start();
+    }
+}
+
+}  // namespace
+}  // namespace orvx::registry
