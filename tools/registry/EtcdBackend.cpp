@@ -184,12 +184,13 @@ void EtcdBackend::put(const std::string& path, const json& service, const Owner&
     entry.created = known != nullptr ? known->created : std::chrono::system_clock::now();
     const std::string movedFrom =
         known != nullptr && hasMoved(known->address, entry.address) ? known->address : "";
-    tryToPut({std::move(entry), known == nullptr, movedFrom}, 1, std::move(done));
+    const std::uint64_t revision = known != nullptr ? known->etcdRevision : 0;
+    tryToPut({std::move(entry), known == nullptr, movedFrom}, revision, 1, std::move(done));
 }
 
-void EtcdBackend::tryToPut(PutResult wanted, int tries, PutHandler done) {
-    json transaction =
-        wanted.created ? entries_.create(wanted.entry) : entries_.replace(wanted.entry);
+/// `revision`: of the last change of the path's key, as far as this replica knows.
+void EtcdBackend::tryToPut(PutResult wanted, std::uint64_t revision, int tries, PutHandler done) {
+    const json transaction = entries_.put(wanted.entry, revision);
     client_.call("kv/txn", transaction,
                  [this, wanted = std::move(wanted), tries,
                   done = std::move(done)](const EtcdClient::Result& result) mutable {
@@ -203,10 +204,10 @@ void EtcdBackend::onPut(PutResult wanted, int tries, PutHandler done,
         report(result.error);
         return done(std::nullopt);
     }
-    const auto name = entries_.nameIn(*result.answer);
+    const EtcdEntries::Place place = entries_.placeIn(*result.answer);
     // The second case: an attempt that brought no answer has created the entry.
     if (EtcdEntries::hasSucceeded(*result.answer) ||
-        (wanted.created && name && name->uuid == wanted.entry.uuid)) {
+        (wanted.created && place.uuid == wanted.entry.uuid)) {
         return whenReached(EtcdEntries::revisionOf(*result.answer),
                            [this, wanted = std::move(wanted), done = std::move(done)]() mutable {
                                const Entry* const known = store_.find(wanted.entry.uuid);
@@ -217,11 +218,11 @@ void EtcdBackend::onPut(PutResult wanted, int tries, PutHandler done,
     if (tries == kMostTries) {
         return done(std::nullopt);
     }
-    // The copy did not know yet that the entry of this path is another one, or none.
-    wanted.created = !name;
-    wanted.entry.uuid = name ? name->uuid : randomUuid();
-    wanted.entry.created = name ? name->created : std::chrono::system_clock::now();
-    tryToPut(std::move(wanted), tries + 1, std::move(done));
+    // The copy did not know yet that the entry of this path has changed, is another one, or none.
+    wanted.created = place.uuid.empty();
+    wanted.entry.uuid = wanted.created ? randomUuid() : place.uuid;
+    wanted.entry.created = wanted.created ? std::chrono::system_clock::now() : place.created;
+    tryToPut(std::move(wanted), place.revision, tries + 1, std::move(done));
 }
 
 void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, const Entry*)> done) {
@@ -253,19 +254,50 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
 }
 
 void EtcdBackend::remove(const Entry& entry, std::function<void(Presence)> done) {
-    client_.call("kv/txn", entries_.remove({entry}, false),
-                 [this, done = std::move(done)](const EtcdClient::Result& result) mutable {
+    tryToRemove(entry, 1, std::move(done));
+}
+
+void EtcdBackend::tryToRemove(const Entry& entry, int tries, std::function<void(Presence)> done) {
+    callToRemove({entry}, [this, tries,
+                           done = std::move(done)](const EtcdClient::Result& result) mutable {
+        if (!result.answer) {
+            return done(Presence::Unknown);
+        }
+        const auto left = entries_.entriesIn(*result.answer);
+        if (!EtcdEntries::hasSucceeded(*result.answer) && !left.empty()) {  // was put meanwhile
+            return tries == kMostTries ? done(Presence::Unknown)
+                                       : tryToRemove(left.front(), tries + 1, std::move(done));
+        }
+        // An attempt that brought no answer may have removed the entry.
+        const bool wasThere = EtcdEntries::hasSucceeded(*result.answer) || result.isUncertain;
+        whenReached(EtcdEntries::revisionOf(*result.answer), [done = std::move(done), wasThere] {
+            done(wasThere ? Presence::Present : Presence::Absent);
+        });
+    });
+}
+
+/// Calls etcd to remove the entries, with a lease that lives long enough.
+void EtcdBackend::callToRemove(std::vector<Entry> entries, EtcdClient::Handler done) {
+    if (!leaseBegin_ || store_.now() - *leaseBegin_ > EtcdEntries::kMemory / 6) {
+        return client_.call("lease/grant", EtcdEntries::grantLease(),
+                            [this, entries = std::move(entries),
+                             done = std::move(done)](EtcdClient::Result result) mutable {
+                                if (!result.answer) {
+                                    report(result.error);
+                                    return done(std::move(result));
+                                }
+                                lease_ = EtcdEntries::leaseIn(*result.answer);
+                                leaseBegin_ = store_.now();
+                                callToRemove(std::move(entries), std::move(done));
+                            });
+    }
+    client_.call("kv/txn", entries_.remove(entries, lease_),
+                 [this, done = std::move(done)](EtcdClient::Result result) {
                      if (!result.answer) {
+                         leaseBegin_.reset();  // etcd may have lost the lease
                          report(result.error);
-                         return done(Presence::Unknown);
                      }
-                     // An attempt that brought no answer may have removed the entry.
-                     const bool wasThere =
-                         EtcdEntries::hasSucceeded(*result.answer) || result.isUncertain;
-                     whenReached(EtcdEntries::revisionOf(*result.answer),
-                                 [done = std::move(done), wasThere] {
-                                     done(wasThere ? Presence::Present : Presence::Absent);
-                                 });
+                     done(std::move(result));
                  });
 }
 
@@ -386,30 +418,29 @@ void EtcdBackend::expire(std::vector<std::string> names, Time since) {
 
 /// All of them, or each one by itself: one that changed meanwhile stays.
 void EtcdBackend::expire(std::vector<Entry> entries, std::function<void()> done) {
-    client_.call("kv/txn", entries_.remove(entries, true),
-                 [this, entries, done = std::move(done)](const EtcdClient::Result& result) mutable {
-                     if (!result.answer) {
-                         isExpiring_ = false;
-                         return report(result.error);
-                     }
-                     if (EtcdEntries::hasSucceeded(*result.answer)) {
-                         for (const Entry& entry : entries) {
-                             store_.recordExpiration(entry);
-                         }
-                         return done();
-                     }
-                     if (entries.size() == 1) {
-                         return done();
-                     }
-                     const auto middle =
-                         entries.begin() + static_cast<std::ptrdiff_t>(entries.size() / 2);
-                     std::vector<Entry> rest(middle, entries.end());
-                     entries.erase(middle, entries.end());
-                     expire(std::move(entries),
-                            [this, rest = std::move(rest), done = std::move(done)]() mutable {
-                                expire(std::move(rest), std::move(done));
-                            });
-                 });
+    callToRemove(
+        entries, [this, entries, done = std::move(done)](const EtcdClient::Result& result) mutable {
+            if (!result.answer) {
+                isExpiring_ = false;
+                return;
+            }
+            if (EtcdEntries::hasSucceeded(*result.answer)) {
+                for (const Entry& entry : entries) {
+                    store_.recordExpiration(entry);
+                }
+                return done();
+            }
+            if (entries.size() == 1) {
+                return done();
+            }
+            const auto middle = entries.begin() + static_cast<std::ptrdiff_t>(entries.size() / 2);
+            std::vector<Entry> rest(middle, entries.end());
+            entries.erase(middle, entries.end());
+            expire(std::move(entries),
+                   [this, rest = std::move(rest), done = std::move(done)]() mutable {
+                       expire(std::move(rest), std::move(done));
+                   });
+        });
 }
 
 // ---- The rest

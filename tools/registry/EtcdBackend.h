@@ -84,8 +84,10 @@ class EtcdBackend : public EntryBackend {
     void later(std::function<void()> next);
 
     // Changes
-    void tryToPut(PutResult wanted, int tries, PutHandler done);
+    void tryToPut(PutResult wanted, std::uint64_t revision, int tries, PutHandler done);
     void onPut(PutResult wanted, int tries, PutHandler done, const EtcdClient::Result& result);
+    void tryToRemove(const Entry& entry, int tries, std::function<void(Presence)> done);
+    void callToRemove(std::vector<Entry> entries, EtcdClient::Handler done);
     void whenReached(std::uint64_t revision, std::function<void()> done);
 
     // Checks and expiry
@@ -121,6 +123,9 @@ class EtcdBackend : public EntryBackend {
     std::multimap<std::uint64_t, Waiter> waiters_;
     std::unordered_map<std::string, std::vector<std::function<void(Presence, const Entry*)>>>
         misses_;
+
+    std::string lease_;  // of the paths whose entries were removed
+    std::optional<Time> leaseBegin_{};
 
     std::unordered_set<std::string> checked_;  // in this round
     std::unordered_set<std::string> untold_;   // those that etcd does not know yet

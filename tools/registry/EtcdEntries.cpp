@@ -1,7 +1,7 @@
 // Three kinds of keys below the prefix:
 //   entries/<uuid>  the path, the address, the owner and the time of creation as JSON on one line;
 //                   the service follows on the next one, as the text that it is
-//   paths/<path>    "<uuid> <time of creation in milliseconds>"
+//   paths/<path>    "<uuid> <time of creation in milliseconds>"; "-" for an hour after the entry
 //   checks          the names of entries that were checked at one replica
 // Every transaction changes an entry and its path together. The checks and the entries are next to
 // one another in the order of the keys, so that one watch follows both, and no paths.
@@ -24,6 +24,7 @@ namespace {
 constexpr std::string_view kChecks = "checks";
 constexpr std::string_view kEntries = "entries/";
 constexpr std::string_view kPaths = "paths/";
+constexpr std::string_view kNoEntry = "-";
 constexpr std::string_view kEndOfEntries = "entries0";  // '0' follows '/'
 
 std::int64_t milliseconds(std::chrono::system_clock::time_point time) {
@@ -88,9 +89,23 @@ json transaction(json conditions, json operations, json otherwise) {
     return made;
 }
 
-/// The keys and values of a range, or of the range in a transaction.
-const json& pairsIn(const json& range) {
-    return at(range, "kvs");
+json unchangedSince(const json& key, std::uint64_t revision) {
+    return {{"key", key},
+            {"target", "MOD"},
+            {"result", "EQUAL"},
+            {"mod_revision", std::to_string(revision)}};
+}
+
+/// The keys and values of a range, or of all ranges of a transaction.
+json pairsIn(const json& answer) {
+    const json& own = at(answer, "kvs");
+    json pairs = own.is_array() ? own : json::array();
+    for (const json& response : at(answer, "responses")) {
+        for (const json& pair : at(at(response, "response_range"), "kvs")) {
+            pairs.push_back(pair);
+        }
+    }
+    return pairs;
 }
 
 }  // namespace
@@ -109,45 +124,34 @@ json EtcdEntries::key(std::string_view kind, std::string_view name) const {
     return encode64(prefix_ + std::string(kind) + std::string(name));
 }
 
-json EtcdEntries::putIf(json condition, const Entry& entry) const {
+json EtcdEntries::put(const Entry& entry, std::uint64_t revision) const {
     const json path = key(kPaths, entry.path);
-    condition["key"] = path;
-    condition["result"] = "EQUAL";
     return transaction(
-        json::array({std::move(condition)}),
+        json::array({unchangedSince(path, revision)}),
         json::array({operation("request_put", {{"key", path}, {"value", encode64(nameOf(entry))}}),
                      operation("request_put", {{"key", key(kEntries, entry.uuid)},
                                                {"value", encode64(valueOf(entry))}})}),
         json::array({operation("request_range", {{"key", path}})}));
 }
 
-json EtcdEntries::create(const Entry& entry) const {
-    return putIf({{"target", "CREATE"}, {"create_revision", "0"}}, entry);
-}
-
-json EtcdEntries::replace(const Entry& entry) const {
-    return putIf({{"target", "VALUE"}, {"value", encode64(nameOf(entry))}}, entry);
-}
-
-json EtcdEntries::remove(const std::vector<Entry>& entries, bool isUnchanged) const {
+json EtcdEntries::remove(const std::vector<Entry>& entries, const std::string& lease) const {
     json conditions = json::array();
     json removals = json::array();
+    json ranges = json::array();
     for (const Entry& entry : entries) {
         const json name = key(kEntries, entry.uuid);
-        conditions.push_back(isUnchanged
-                                 ? json{{"key", name},
-                                        {"target", "MOD"},
-                                        {"result", "EQUAL"},
-                                        {"mod_revision", std::to_string(entry.etcdRevision)}}
-                                 : json{{"key", name},
-                                        {"target", "CREATE"},
-                                        {"result", "GREATER"},
-                                        {"create_revision", "0"}});
-        for (const json& removed : {name, key(kPaths, entry.path)}) {
-            removals.push_back(operation("request_delete_range", {{"key", removed}}));
-        }
+        conditions.push_back(unchangedSince(name, entry.etcdRevision));
+        removals.push_back(operation("request_delete_range", {{"key", name}}));
+        removals.push_back(operation(
+            "request_put",
+            {{"key", key(kPaths, entry.path)}, {"value", encode64(kNoEntry)}, {"lease", lease}}));
+        ranges.push_back(operation("request_range", {{"key", name}}));
     }
-    return transaction(std::move(conditions), std::move(removals), json::array());
+    return transaction(std::move(conditions), std::move(removals), std::move(ranges));
+}
+
+json EtcdEntries::grantLease() {
+    return {{"TTL", std::to_string(kMemory.count())}};
 }
 
 json EtcdEntries::find(const std::string& uuid) const {
@@ -184,7 +188,7 @@ std::string EtcdEntries::clusterOf(const json& answer) {
 }
 
 std::string EtcdEntries::keyBeforeNextPage(const json& range) {
-    const json& pairs = pairsIn(range);
+    const json& pairs = at(range, "kvs");
     return at(range, "more") == true && !pairs.empty() ? decodedIn(pairs.back(), "key") : "";
 }
 
@@ -196,23 +200,27 @@ bool EtcdEntries::hasSucceeded(const json& transaction) {
     return at(transaction, "succeeded") == true;
 }
 
-std::optional<EtcdEntries::Name> EtcdEntries::nameIn(const json& transaction) const {
-    for (const json& response : at(transaction, "responses")) {
-        for (const json& pair : pairsIn(at(response, "response_range"))) {
-            const std::string value = decodedIn(pair, "value");
-            const auto space = value.find(' ');
-            if (space != std::string::npos && isUuid(value.substr(0, space))) {
-                return Name{value.substr(0, space),
-                            timeAt(numberIn<std::int64_t>(value.substr(space + 1)))};
-            }
-        }
-    }
-    return std::nullopt;
+std::string EtcdEntries::leaseIn(const json& answer) {
+    return std::string(textIn(answer, "ID"));
 }
 
-std::vector<Entry> EtcdEntries::entriesIn(const json& range) const {
+EtcdEntries::Place EtcdEntries::placeIn(const json& transaction) const {
+    Place place;
+    for (const json& pair : pairsIn(transaction)) {
+        const std::string value = decodedIn(pair, "value");
+        const auto space = value.find(' ');
+        place.revision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
+        if (space != std::string::npos && isUuid(value.substr(0, space))) {
+            place.uuid = value.substr(0, space);
+            place.created = timeAt(numberIn<std::int64_t>(value.substr(space + 1)));
+        }
+    }
+    return place;
+}
+
+std::vector<Entry> EtcdEntries::entriesIn(const json& answer) const {
     std::vector<Entry> entries;
-    for (const json& pair : pairsIn(range)) {
+    for (const json& pair : pairsIn(answer)) {
         if (auto entry = entryIn(pair)) {
             entries.push_back(std::move(*entry));
         }

@@ -18,10 +18,11 @@ namespace orvx::registry {
 /// Thread-safety: immutable.
 class EtcdEntries {
   public:
-    /// The one entry of a path, as the key of the path names it.
-    struct Name {
-        std::string uuid;
-        std::chrono::system_clock::time_point created;
+    /// What the key of a path holds.
+    struct Place {
+        std::uint64_t revision = 0;  ///< of its last change; 0: there is no such key
+        std::string uuid{};          ///< of the one entry of the path; empty: there is none
+        std::chrono::system_clock::time_point created{};  ///< of that entry
     };
 
     /// One event of a watch, or one key of a range.
@@ -41,14 +42,22 @@ class EtcdEntries {
     /// `prefix`: of all keys.
     explicit EtcdEntries(std::string prefix) : prefix_(std::move(prefix)) {}
 
-    /// A transaction that puts the entry, and its path, if there is none of that path. Its answer
-    /// tells nameIn() the entry that is there.
-    nlohmann::json create(const Entry& entry) const;
-    /// A transaction that puts the entry if it still is the one of its path, likewise.
-    nlohmann::json replace(const Entry& entry) const;
-    /// A transaction that takes out those entries, at most kMaxRemovals, if all of them are there.
-    /// `isUnchanged`: and none was put since its etcdRevision.
-    nlohmann::json remove(const std::vector<Entry>& entries, bool isUnchanged) const;
+    /// How long the key of a path remembers that its entry was taken out.
+    static constexpr std::chrono::seconds kMemory{3'600};
+
+    // Each transaction demands that nothing has changed since the state that its sender knows. So
+    // one that arrives late, or twice, does nothing, even if it waited in a member that slept. The
+    // key of a path is kept for a while after its entry, so that a late creation fails as well.
+
+    /// A transaction that puts the entry if the key of its path was changed last at that revision.
+    /// Its answer tells placeIn() otherwise.
+    nlohmann::json put(const Entry& entry, std::uint64_t revision) const;
+    /// A transaction that takes out those entries, at most kMaxRemovals, if none of them has
+    /// changed since its etcdRevision. Its answer tells entriesIn() otherwise. `lease`: of
+    /// grantLease().
+    nlohmann::json remove(const std::vector<Entry>& entries, const std::string& lease) const;
+    /// A lease of kMemory; its name is leaseIn() the answer.
+    static nlohmann::json grantLease();
     /// A range of one entry. etcd answers with its latest state.
     nlohmann::json find(const std::string& uuid) const;
     /// A range of entries in the order of their keys. `afterKey`: empty for the first page.
@@ -69,16 +78,16 @@ class EtcdEntries {
     static std::string keyBeforeNextPage(const nlohmann::json& range);
     /// Whether etcd has ended a watch.
     static bool isCanceled(const nlohmann::json& result);
-    /// The entry of the path that a transaction has found instead. Nothing: there is none.
-    std::optional<Name> nameIn(const nlohmann::json& transaction) const;
-    /// The entries of a range.
-    std::vector<Entry> entriesIn(const nlohmann::json& range) const;
+    static std::string leaseIn(const nlohmann::json& answer);
+    /// What put() has found instead.
+    Place placeIn(const nlohmann::json& transaction) const;
+    /// The entries of a range, or those that remove() has found instead.
+    std::vector<Entry> entriesIn(const nlohmann::json& answer) const;
     /// The events of a watch. Events of keys and values that are none of ours are Other.
     std::vector<Change> changesIn(const nlohmann::json& result) const;
 
   private:
     nlohmann::json key(std::string_view kind, std::string_view name) const;
-    nlohmann::json putIf(nlohmann::json condition, const Entry& entry) const;
     std::optional<Entry> entryIn(const nlohmann::json& pair) const;
     Change changeIn(const nlohmann::json& event) const;
 

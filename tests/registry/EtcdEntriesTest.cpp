@@ -1,0 +1,191 @@
+// Keys, values and transactions, carried out by a real etcd, and values that are none of ours.
+
+#include "EtcdEntries.h"
+
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "EtcdProcess.h"
+#include "RunningEtcdClient.h"
+
+namespace orvx::registry {
+namespace {
+
+using nlohmann::json;
+using ::testing::IsEmpty;
+
+const std::string kUuid = "00000000-0000-4000-8000-000000000001";
+
+Entry lamp(const std::string& uuid = kUuid) {
+    Entry entry;
+    entry.uuid = uuid;
+    entry.path = "/lamp";
+    entry.service = R"({"a":1})";
+    return entry;
+}
+
+class ATransactionOfEtcd : public ::testing::Test {
+  protected:
+    json ask(const std::string& call, const json& body) {
+        return client_.ask(call, body).answer.value();
+    }
+    bool put(const Entry& entry, std::uint64_t revision) {
+        answer_ = ask("kv/txn", entries_.put(entry, revision));
+        return EtcdEntries::hasSucceeded(answer_);
+    }
+    bool remove(Entry entry, std::uint64_t revision) {
+        entry.etcdRevision = revision;
+        const json lease = ask("lease/grant", EtcdEntries::grantLease());
+        answer_ = ask("kv/txn", entries_.remove({entry}, EtcdEntries::leaseIn(lease)));
+        return EtcdEntries::hasSucceeded(answer_);
+    }
+    std::uint64_t revision() const { return EtcdEntries::revisionOf(answer_); }
+    std::vector<Entry> list() {
+        return entries_.entriesIn(ask("kv/range", entries_.list({}, 10, 0)));
+    }
+
+    EtcdProcess etcd_;
+    RunningEtcdClient client_{optionsOf({etcd_.url()})};
+    EtcdEntries entries_{"/test/"};
+    json answer_;
+};
+
+TEST_F(ATransactionOfEtcd, KeepsAllThatMakesAnEntry) {
+    Entry entry = lamp();
+    entry.path = "/\xff ä";
+    entry.address = "ä:1";
+    entry.owner = "lamps";
+    entry.created = std::chrono::system_clock::time_point(std::chrono::milliseconds(1'234));
+    ASSERT_TRUE(put(entry, 0));
+    const Entry kept = list().at(0);
+    EXPECT_EQ(kept.uuid, entry.uuid);
+    EXPECT_EQ(kept.path, entry.path);
+    EXPECT_EQ(kept.address, entry.address);
+    EXPECT_EQ(kept.owner, entry.owner);
+    EXPECT_EQ(kept.created, entry.created);
+    EXPECT_EQ(kept.service, entry.service);
+    EXPECT_EQ(kept.number, revision());
+    EXPECT_EQ(kept.etcdRevision, revision());
+}
+
+TEST_F(ATransactionOfEtcd, ThatCreatesFailsOnceThePathHasAnEntryAndTellsWhich) {
+    ASSERT_TRUE(put(lamp(), 0));
+    const auto created = revision();
+    EXPECT_FALSE(put(lamp("00000000-0000-4000-8000-000000000002"), 0));
+    EXPECT_EQ(entries_.placeIn(answer_).uuid, kUuid);
+    EXPECT_EQ(entries_.placeIn(answer_).revision, created);
+}
+
+TEST_F(ATransactionOfEtcd, ThatCreatesDoesNothingWhenItArrivesAfterTheRemoval) {
+    ASSERT_TRUE(put(lamp(), 0));
+    ASSERT_TRUE(remove(lamp(), revision()));
+    const auto removed = revision();
+    EXPECT_FALSE(put(lamp(), 0));
+    EXPECT_THAT(list(), IsEmpty());
+    EXPECT_EQ(entries_.placeIn(answer_).uuid, "");
+    EXPECT_TRUE(put(lamp(), entries_.placeIn(answer_).revision));
+    EXPECT_EQ(entries_.placeIn(answer_).revision, 0U);
+    EXPECT_GT(revision(), removed);
+}
+
+TEST_F(ATransactionOfEtcd, ThatReplacesDoesNothingWhenItArrivesAfterALaterOne) {
+    ASSERT_TRUE(put(lamp(), 0));
+    const auto created = revision();
+    Entry later = lamp();
+    later.service = R"({"a":2})";
+    ASSERT_TRUE(put(later, created));
+    EXPECT_FALSE(put(lamp(), created));
+    EXPECT_EQ(list().at(0).service, later.service);
+}
+
+TEST_F(ATransactionOfEtcd, ThatRemovesDoesNothingWhenItArrivesAfterALaterPut) {
+    ASSERT_TRUE(put(lamp(), 0));
+    const auto created = revision();
+    ASSERT_TRUE(put(lamp(), created));
+    const auto replaced = revision();
+    EXPECT_FALSE(remove(lamp(), created));
+    EXPECT_EQ(entries_.entriesIn(answer_).at(0).etcdRevision, replaced);
+    EXPECT_TRUE(remove(lamp(), replaced));
+    EXPECT_FALSE(remove(lamp(), replaced));
+    EXPECT_THAT(entries_.entriesIn(answer_), IsEmpty());
+}
+
+TEST_F(ATransactionOfEtcd, ThatRemovesManyLeavesAllIfOneHasChanged) {
+    std::vector<Entry> all;
+    for (std::size_t i = 0; i < EtcdEntries::kMaxRemovals; ++i) {
+        Entry entry =
+            lamp("00000000-0000-4000-8000-0000000001" + std::to_string(10 + static_cast<int>(i)));
+        entry.path += std::to_string(i);
+        ASSERT_TRUE(put(entry, 0));
+        entry.etcdRevision = revision();
+        all.push_back(entry);
+    }
+    const json lease = ask("lease/grant", EtcdEntries::grantLease());
+    --all.back().etcdRevision;
+    const auto removeAll = [&] {
+        return EtcdEntries::hasSucceeded(
+            ask("kv/txn", entries_.remove(all, EtcdEntries::leaseIn(lease))));
+    };
+    EXPECT_FALSE(removeAll());
+    EXPECT_EQ(list().size(), 10U);  // of the first page
+    ++all.back().etcdRevision;
+    EXPECT_TRUE(removeAll());
+    EXPECT_THAT(list(), IsEmpty());
+}
+
+json pairOf(const std::string& key, const std::string& value) {
+    return {{"key", encode64(key)},
+            {"value", encode64(value)},
+            {"create_revision", "2"},
+            {"mod_revision", "3"}};
+}
+
+TEST(AKeyOfEtcd, IsNoEntryIfAnyPartOfItIsMissing) {
+    const EtcdEntries entries("/test/");
+    const auto count = [&](const json& pair) {
+        return entries.entriesIn({{"kvs", json::array({pair})}}).size();
+    };
+    const std::string name = "/test/entries/" + kUuid;
+    const std::string good = R"({"path":"L2E="})"
+                             "\n{}";
+    EXPECT_EQ(count(pairOf(name, good)), 1U);
+    EXPECT_EQ(count(pairOf("/other/entries/" + kUuid, good)), 0U);
+    EXPECT_EQ(count(pairOf("/test/entries/" + kUuid + "x", good)), 0U);
+    for (const char* value :
+         {"", "\n", "{}\n{}", R"({"path":"L2E="})", "{\"path\":\"L2E=\"}\n[]", "x\n{}", "[]\n{}",
+          "{\"path\":\"L2E=\"}\n{", "{\"path\":1}\n{}", "{\"path\":\"?\"}\n{}"}) {
+        EXPECT_EQ(count(pairOf(name, value)), 0U) << value;
+    }
+    EXPECT_EQ(count(json()), 0U);
+    EXPECT_EQ(count({{"key", 1}, {"value", json::array()}}), 0U);
+}
+
+TEST(AnEventOfEtcd, IsIgnoredIfItIsNoneOfOurs) {
+    const EtcdEntries entries("/test/");
+    using Kind = EtcdEntries::Change::Kind;
+    const auto kindOf = [&](const json& event) {
+        return entries.changesIn({{"events", json::array({event})}}).at(0).kind;
+    };
+    EXPECT_EQ(kindOf(json()), Kind::Other);
+    EXPECT_EQ(kindOf({{"type", "DELETE"}, {"kv", pairOf("/test/other", "")}}), Kind::Other);
+    EXPECT_EQ(kindOf({{"type", "DELETE"}, {"kv", pairOf("/test/entries/x", "")}}), Kind::Removal);
+    EXPECT_EQ(kindOf({{"kv", pairOf("/test/checks", "x")}}), Kind::Checks);
+    EXPECT_EQ(kindOf({{"kv", pairOf("/test/entries/x", "x")}}), Kind::Other);
+    EXPECT_THAT(entries.changesIn(json()), IsEmpty());
+    EXPECT_EQ(entries.changesIn({{"events", {{{"kv", pairOf("/test/x", "")}}}}}).at(0).revision,
+              3U);
+}
+
+TEST(TheNameOfAnEntry, HasTheFormOfAUuidInLowerCase) {
+    EXPECT_TRUE(isUuid(kUuid));
+    for (const char* text :
+         {"", "x", "00000000-0000-4000-8000-00000000000", "00000000-0000-4000-8000-0000000000011",
+          "00000000-0000-4000-8000-00000000000A", "000000000000-4000-8000-0000000000010"}) {
+        EXPECT_FALSE(isUuid(text)) << text;
+    }
+}
+
+}  // namespace
+}  // namespace orvx::registry
