@@ -322,6 +322,12 @@ std::chrono::milliseconds EtcdBackend::interval() const {
     return ttl.count() == 0 ? 1'000ms : std::clamp<std::chrono::milliseconds>(ttl / 24, 100ms, 1s);
 }
 
+/// A check that etcd does not get to know must not be followed by too many others.
+std::chrono::milliseconds EtcdBackend::longestLag() const {
+    const auto ttl = store_.options().ttl;
+    return ttl.count() == 0 ? 3'000ms : std::min<std::chrono::milliseconds>(ttl / 6, 3s);
+}
+
 void EtcdBackend::beat() {
     beat_.expires_after(interval());
     beat_.async_wait([this](boost::system::error_code error) {
@@ -446,7 +452,7 @@ void EtcdBackend::expire(std::vector<Entry> entries, std::function<void()> done)
 // ---- The rest
 
 bool EtcdBackend::isCurrent() const {
-    return isLoaded_ && current_ && store_.now() - *current_ < kLag;
+    return isLoaded_ && current_ && store_.now() - *current_ < longestLag();
 }
 
 /// Once until etcd answers again.

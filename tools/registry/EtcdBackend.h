@@ -26,14 +26,12 @@ namespace orvx::registry {
 ///
 /// Every interval() this replica writes to etcd which entries were checked here. When the copy has
 /// got that write from the watch, it has got every change before it: so the same write tells
-/// whether the copy is current, and which entries no replica has renewed.
+/// whether the copy is current, and which entries no replica has renewed. The copy is current while
+/// the last write that it got back began no longer ago than longestLag().
 ///
 /// Thread-safety: the thread that runs the io_context only.
 class EtcdBackend : public EntryBackend {
   public:
-    /// The copy is current while the last write that it got back began no longer ago than this.
-    static constexpr std::chrono::seconds kLag{3};
-
     /// `store`: empty; outlives the backend. `changed`: called after changes of the store. Throws a
     /// FileError for a file of TLS. Nothing is sent before the io_context runs.
     EtcdBackend(boost::asio::io_context& context, const EtcdOptions& options,
@@ -92,6 +90,7 @@ class EtcdBackend : public EntryBackend {
 
     // Checks and expiry
     std::chrono::milliseconds interval() const;
+    std::chrono::milliseconds longestLag() const;
     std::chrono::milliseconds round() const { return store_.options().ttl / 8; }
     std::chrono::milliseconds limit() const { return store_.options().ttl + round() + interval(); }
     void beat();
