@@ -43,15 +43,22 @@ EtcdBackend::EtcdBackend(boost::asio::io_context& context, const EtcdOptions& op
 
 // ---- The copy
 
+/// In place of a list that is under way.
 void EtcdBackend::load() {
+    client_.stopWatch();
     listed_.clear();
+    isLoading_ = true;
+    ++loads_;
     loadAfter({}, 0);
 }
 
 /// `revision`: that of the first page, at which all others are read; 0: this is the first one.
 void EtcdBackend::loadAfter(const std::string& key, std::uint64_t revision) {
     client_.call("kv/range", entries_.list(key, kPage, revision),
-                 [this, revision](const EtcdClient::Result& result) {
+                 [this, revision, number = loads_](const EtcdClient::Result& result) {
+                     if (number != loads_) {
+                         return;
+                     }
                      if (!result.answer) {
                          report(result.error);
                          return later([this] { load(); });
@@ -94,6 +101,7 @@ void EtcdBackend::takeOver(std::uint64_t revision) {
         }
     }
     listed_ = {};
+    isLoading_ = false;
     isLoaded_ = true;
     told_.clear();
     revision_ = revision;  // an earlier one, if etcd was restored from a backup
@@ -114,8 +122,7 @@ void EtcdBackend::follow() {
 
 void EtcdBackend::apply(const json& result) {
     if (EtcdEntries::isCanceled(result)) {  // its history was compacted
-        client_.stopWatch();
-        return later([this] { load(); });
+        return load();
     }
     std::uint64_t revision = revision_;
     for (EtcdEntries::Change& change : entries_.changesIn(result)) {
@@ -162,8 +169,8 @@ void EtcdBackend::later(std::function<void()> next) {
         return;
     }
     retry_.expires_after(kRetryPause);
-    retry_.async_wait([next = std::move(next)](boost::system::error_code error) {
-        if (!error) {
+    retry_.async_wait([this, next = std::move(next)](boost::system::error_code error) {
+        if (!error && !isStopped_) {
             next();
         }
     });
@@ -221,6 +228,7 @@ void EtcdBackend::onPut(PutResult wanted, int tries, PutHandler done,
     // The copy did not know yet that the entry of this path has changed, is another one, or none.
     wanted.created = place.uuid.empty();
     wanted.entry.uuid = wanted.created ? randomUuid() : place.uuid;
+    wanted.movedFrom = wanted.created ? "" : wanted.movedFrom;
     wanted.entry.created = wanted.created ? std::chrono::system_clock::now() : place.created;
     tryToPut(std::move(wanted), place.revision, tries + 1, std::move(done));
 }
@@ -325,13 +333,14 @@ std::chrono::milliseconds EtcdBackend::interval() const {
 /// A check that etcd does not get to know must not be followed by too many others.
 std::chrono::milliseconds EtcdBackend::longestLag() const {
     const auto ttl = store_.options().ttl;
-    return ttl.count() == 0 ? 3'000ms : std::min<std::chrono::milliseconds>(ttl / 6, 3s);
+    return ttl.count() == 0 ? 3'000ms
+                            : std::clamp<std::chrono::milliseconds>(ttl / 6, 3 * interval(), 3s);
 }
 
 void EtcdBackend::beat() {
     beat_.expires_after(interval());
     beat_.async_wait([this](boost::system::error_code error) {
-        if (!error) {
+        if (!error && !isStopped_) {
             beat();
         }
     });
@@ -347,7 +356,7 @@ void EtcdBackend::beat() {
         roundBegin_ = now;
         checked_.clear();
     }
-    if (!told_.empty() && now - told_.begin()->second >= kSilence) {
+    if (!isLoading_ && !told_.empty() && now - told_.begin()->second >= kSilence) {
         told_.clear();
         report("the watch is silent");
         follow();
@@ -370,17 +379,24 @@ void EtcdBackend::tellChecks() {
                      isTelling_ = false;
                      if (!result.answer) {
                          untold_.insert(uuids.begin(), uuids.end());
-                         return report(result.error);
+                         report(result.error);
+                     } else if (!isStopped_) {
+                         onTold(begin, before, *result.answer);
                      }
-                     onTold(begin, before, EtcdEntries::revisionOf(*result.answer));
+                     if (isStopped_) {
+                         result.answer ? tellLastChecks() : close();
+                     }
                  });
 }
 
 /// `before`: what the copy had reached when the write began.
-void EtcdBackend::onTold(Time begin, std::uint64_t before, std::uint64_t revision) {
-    if (revision <= before) {  // etcd was restored from a backup: its history is another one
-        client_.stopWatch();
-        return load();
+void EtcdBackend::onTold(Time begin, std::uint64_t before, const json& answer) {
+    const std::uint64_t revision = EtcdEntries::revisionOf(answer);
+    if (isLoading_) {
+        return;
+    }
+    if (revision <= before || EtcdEntries::clusterOf(answer) != store_.places()) {
+        return load();  // etcd was restored from a backup: its history is another one
     }
     told_.emplace(revision, begin);
     reach(revision_);
@@ -481,17 +497,20 @@ void EtcdBackend::stop() {
     beat_.cancel();
     client_.stopWatch();
     waiters_.clear();
-    if (untold_.empty() || !isLoaded_) {
-        retry_.cancel();
-        return client_.close();
-    }
     retry_.expires_after(kFarewell);
     retry_.async_wait([this](boost::system::error_code) { client_.close(); });
-    client_.call("kv/put", entries_.tellChecks(replica_, {untold_.begin(), untold_.end()}),
-                 [this](const EtcdClient::Result&) {
-                     client_.close();
-                     retry_.cancel();
-                 });
+    if (!isTelling_) {
+        tellLastChecks();
+    }
+}
+
+void EtcdBackend::tellLastChecks() {
+    isLoaded_ && !untold_.empty() ? tellChecks() : close();
+}
+
+void EtcdBackend::close() {
+    client_.close();
+    retry_.cancel();
 }
 
 }  // namespace orvx::registry

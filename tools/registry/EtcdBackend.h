@@ -95,11 +95,13 @@ class EtcdBackend : public EntryBackend {
     std::chrono::milliseconds limit() const { return store_.options().ttl + round() + interval(); }
     void beat();
     void tellChecks();
-    void onTold(Time begin, std::uint64_t before, std::uint64_t revision);
+    void onTold(Time begin, std::uint64_t before, const Json& answer);
     void onCurrent(Time begin);
     void expire(std::vector<std::string> names, Time since);
     void expire(std::vector<Entry> entries, std::function<void()> done);
     void report(const std::string& error);
+    void tellLastChecks();
+    void close();
 
     EntryStore& store_;
     const std::function<void()> changed_;
@@ -110,6 +112,8 @@ class EtcdBackend : public EntryBackend {
     boost::asio::steady_timer retry_;
 
     bool isLoaded_ = false;
+    bool isLoading_ = false;
+    std::uint64_t loads_ = 0;     // begun
     std::vector<Entry> listed_;   // until the copy is loaded
     std::uint64_t revision_ = 0;  // of the copy
     bool hasFollowed_ = false;    // whether this watch has brought something
