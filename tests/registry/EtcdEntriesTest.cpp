@@ -38,7 +38,7 @@ class ATransactionOfEtcd : public ::testing::Test {
     bool remove(Entry entry, std::uint64_t revision) {
         entry.etcdRevision = revision;
         const json lease = ask("lease/grant", EtcdEntries::grantLease());
-        answer_ = ask("kv/txn", entries_.remove({entry}, EtcdEntries::leaseIn(lease)));
+        answer_ = ask("kv/txn", entries_.remove({entry}, EtcdEntries::leaseIn(lease), 0));
         return EtcdEntries::hasSucceeded(answer_);
     }
     std::uint64_t revision() const { return EtcdEntries::revisionOf(answer_); }
@@ -106,10 +106,22 @@ TEST_F(ATransactionOfEtcd, ThatRemovesDoesNothingWhenItArrivesAfterALaterPut) {
     ASSERT_TRUE(put(lamp(), created));
     const auto replaced = revision();
     EXPECT_FALSE(remove(lamp(), created));
-    EXPECT_EQ(entries_.entriesIn(answer_).at(0).etcdRevision, replaced);
+    EXPECT_EQ(entries_.revisionsIn(answer_).at(kUuid), replaced);
     EXPECT_TRUE(remove(lamp(), replaced));
     EXPECT_FALSE(remove(lamp(), replaced));
-    EXPECT_THAT(entries_.entriesIn(answer_), IsEmpty());
+    EXPECT_THAT(entries_.revisionsIn(answer_), IsEmpty());
+}
+
+TEST_F(ATransactionOfEtcd, ThatExpiresDoesNothingWhenChecksWereToldMeanwhile) {
+    Entry entry = lamp();
+    ASSERT_TRUE(put(entry, 0));
+    entry.etcdRevision = revision();
+    const auto told = EtcdEntries::revisionOf(ask("kv/put", entries_.tellChecks("a", {})));
+    const auto lease = EtcdEntries::leaseIn(ask("lease/grant", EtcdEntries::grantLease()));
+    const json expire = entries_.remove({entry}, lease, told);
+    const auto later = EtcdEntries::revisionOf(ask("kv/put", entries_.tellChecks("a", {kUuid})));
+    EXPECT_FALSE(EtcdEntries::hasSucceeded(ask("kv/txn", expire)));
+    EXPECT_TRUE(EtcdEntries::hasSucceeded(ask("kv/txn", entries_.remove({entry}, lease, later))));
 }
 
 TEST_F(ATransactionOfEtcd, ThatRemovesManyLeavesAllIfOneHasChanged) {
@@ -126,7 +138,7 @@ TEST_F(ATransactionOfEtcd, ThatRemovesManyLeavesAllIfOneHasChanged) {
     --all.back().etcdRevision;
     const auto removeAll = [&] {
         return EtcdEntries::hasSucceeded(
-            ask("kv/txn", entries_.remove(all, EtcdEntries::leaseIn(lease))));
+            ask("kv/txn", entries_.remove(all, EtcdEntries::leaseIn(lease), 0)));
     };
     EXPECT_FALSE(removeAll());
     EXPECT_EQ(list().size(), 10U);  // of the first page
@@ -155,7 +167,8 @@ TEST(AKeyOfEtcd, IsNoEntryIfAnyPartOfItIsMissing) {
     EXPECT_EQ(count(pairOf("/test/entries/" + kUuid + "x", good)), 0U);
     for (const char* value :
          {"", "\n", "{}\n{}", R"({"path":"L2E="})", "{\"path\":\"L2E=\"}\n[]", "x\n{}", "[]\n{}",
-          "{\"path\":\"L2E=\"}\n{", "{\"path\":1}\n{}", "{\"path\":\"?\"}\n{}"}) {
+          "{\"path\":\"L2E=\"}\n{", "{\"path\":\"L2E=\"}\n{\n}", "{\"path\":1}\n{}",
+          "{\"path\":\"?\"}\n{}"}) {
         EXPECT_EQ(count(pairOf(name, value)), 0U) << value;
     }
     EXPECT_EQ(count(json()), 0U);

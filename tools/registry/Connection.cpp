@@ -66,11 +66,11 @@ void Connection::close() {
         if (watch_) {
             shared_.dispatcher.counts().removeWatcher();
         }
-        if (shared_.connections.empty() && shared_.onLastClosed) {
-            std::exchange(shared_.onLastClosed, nullptr)();
-        }
         stream_.tcp().close();
         delay_.cancel();
+        if (shared_.connections.empty() && shared_.onLastClosed) {
+            std::exchange(shared_.onLastClosed, nullptr)();  // may destroy this connection
+        }
     }
 }
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 namespace orvx::registry {
@@ -21,9 +22,18 @@ namespace {
 
 constexpr auto kRetryPause = 200ms;
 constexpr auto kSilence = 2s;  // of a watch that should have brought a write
-constexpr auto kFarewell = 1s;
-// A page of the largest entries is shorter than the longest answer.
-constexpr std::size_t kPage = 40;
+constexpr auto kFarewell = 2s;
+constexpr auto kLongestTry = 5s;   // while others change the same path
+constexpr int kNotFound = 5;       // of gRPC
+constexpr int kMostFruitless = 4;  // watches
+constexpr std::size_t kMostLookups = 1'000;
+// A put with base64 and JSON has to fit into 1.5 MiB.
+constexpr std::size_t kLongestService = 1'048'576;
+
+/// Something else than etcd may answer at its address.
+bool isFromEtcd(const EtcdClient::Result& result) {
+    return result.answer && EtcdEntries::revisionOf(*result.answer) != 0;
+}
 
 }  // namespace
 
@@ -35,6 +45,7 @@ EtcdBackend::EtcdBackend(boost::asio::io_context& context, const EtcdOptions& op
       entries_(prefix),
       replica_(randomUuid()),
       client_(context, options),
+      control_(context, options),
       beat_(context),
       retry_(context) {
     load();
@@ -43,38 +54,44 @@ EtcdBackend::EtcdBackend(boost::asio::io_context& context, const EtcdOptions& op
 
 // ---- The copy
 
-/// In place of a list that is under way.
+/// In place of a list, or a watch, that is under way.
 void EtcdBackend::load() {
-    client_.stopWatch();
+    control_.stopWatch();
+    retry_.cancel();
     listed_.clear();
     isLoading_ = true;
+    fruitlessWatches_ = 0;
     ++loads_;
     loadAfter({}, 0);
 }
 
 /// `revision`: that of the first page, at which all others are read; 0: this is the first one.
 void EtcdBackend::loadAfter(const std::string& key, std::uint64_t revision) {
-    client_.call("kv/range", entries_.list(key, kPage, revision),
-                 [this, revision, number = loads_](const EtcdClient::Result& result) {
-                     if (number != loads_) {
-                         return;
-                     }
-                     if (!result.answer) {
-                         report(result.error);
-                         return later([this] { load(); });
-                     }
-                     const std::uint64_t read =
-                         revision != 0 ? revision : EtcdEntries::revisionOf(*result.answer);
-                     for (Entry& entry : entries_.entriesIn(*result.answer)) {
-                         listed_.push_back(std::move(entry));
-                     }
-                     const std::string last = EtcdEntries::keyBeforeNextPage(*result.answer);
-                     if (!last.empty()) {
-                         return loadAfter(last, read);
-                     }
-                     store_.setPlaces(EtcdEntries::clusterOf(*result.answer));
-                     takeOver(read);
-                 });
+    control_.call("kv/range", entries_.list(key, page_, revision),
+                  [this, key, revision, number = loads_](const EtcdClient::Result& result) {
+                      if (number != loads_) {
+                          return;
+                      }
+                      if (!isFromEtcd(result)) {
+                          report(result.error);
+                          page_ = std::max<std::size_t>(1, page_ / 2);  // it may have been too long
+                          return later([this, key, revision, isRefused = result.refusal != 0] {
+                              isRefused ? load() : loadAfter(key, revision);
+                          });
+                      }
+                      page_ = std::min(2 * page_, kLongestPage);
+                      const std::uint64_t read =
+                          revision != 0 ? revision : EtcdEntries::revisionOf(*result.answer);
+                      for (Entry& entry : entries_.entriesIn(*result.answer)) {
+                          listed_.push_back(std::move(entry));
+                      }
+                      const std::string last = EtcdEntries::keyBeforeNextPage(*result.answer);
+                      if (!last.empty()) {
+                          return loadAfter(last, read);
+                      }
+                      store_.setPlaces(EtcdEntries::clusterOf(*result.answer));
+                      takeOver(read);
+                  });
 }
 
 /// The copy becomes what was listed.
@@ -104,32 +121,38 @@ void EtcdBackend::takeOver(std::uint64_t revision) {
     isLoading_ = false;
     isLoaded_ = true;
     told_.clear();
+    currentSince_ = store_.now();
     revision_ = revision;  // an earlier one, if etcd was restored from a backup
     reach(revision);
     follow();
 }
 
 void EtcdBackend::follow() {
-    hasFollowed_ = false;
-    client_.watch(
+    if (isLoading_) {
+        return;
+    }
+    ++fruitlessWatches_;
+    control_.watch(
         entries_.watch(revision_ + 1), [this](const json& result) { apply(result); },
         [this](const std::string& error) {
             report(error);
-            // A watch that brings nothing may be asked for too much, or for what is gone.
-            later([this] { hasFollowed_ ? follow() : load(); });
+            // Watches that bring nothing may ask for too much, or for what is gone.
+            later([this] { fruitlessWatches_ < kMostFruitless ? follow() : load(); });
         });
 }
 
 void EtcdBackend::apply(const json& result) {
     if (EtcdEntries::isCanceled(result)) {  // its history was compacted
-        return load();
+        control_.stopWatch();
+        isLoading_ = true;
+        return later([this] { load(); });
     }
     std::uint64_t revision = revision_;
     for (EtcdEntries::Change& change : entries_.changesIn(result)) {
         apply(change);
         revision = std::max(revision, change.revision);
     }
-    hasFollowed_ = hasFollowed_ || revision > revision_;
+    fruitlessWatches_ = revision > revision_ ? 0 : fruitlessWatches_;
     reach(revision);
 }
 
@@ -141,6 +164,7 @@ void EtcdBackend::apply(EtcdEntries::Change& change) {
             store_.remove(change.uuid);
             return;
         case EtcdEntries::Change::Kind::Checks:
+            checksRevision_ = change.revision;
             if (change.replica != replica_) {
                 for (const std::string& uuid : change.uuids) {
                     store_.renew(uuid);
@@ -185,6 +209,12 @@ void EtcdBackend::put(const std::string& path, const json& service, const Owner&
     entry.service = serialize(service);
     entry.address = addressOf(service);
     entry.owner = owner.name;
+    if (entry.service.size() > kLongestService) {
+        throw std::invalid_argument("the service is longer than 1 MiB when it is written as JSON");
+    }
+    if (!isLoaded_) {  // the limits cannot be compared
+        return done(std::nullopt);
+    }
     store_.requireRoom(path, entry.service.size(), owner);
     const Entry* const known = store_.findByPath(path);
     entry.uuid = known != nullptr ? known->uuid : randomUuid();
@@ -192,22 +222,23 @@ void EtcdBackend::put(const std::string& path, const json& service, const Owner&
     const std::string movedFrom =
         known != nullptr && hasMoved(known->address, entry.address) ? known->address : "";
     const std::uint64_t revision = known != nullptr ? known->etcdRevision : 0;
-    tryToPut({std::move(entry), known == nullptr, movedFrom}, revision, 1, std::move(done));
+    tryToPut({std::move(entry), known == nullptr, movedFrom}, revision, store_.now() + kLongestTry,
+             std::move(done));
 }
 
 /// `revision`: of the last change of the path's key, as far as this replica knows.
-void EtcdBackend::tryToPut(PutResult wanted, std::uint64_t revision, int tries, PutHandler done) {
+void EtcdBackend::tryToPut(PutResult wanted, std::uint64_t revision, Time until, PutHandler done) {
     const json transaction = entries_.put(wanted.entry, revision);
     client_.call("kv/txn", transaction,
-                 [this, wanted = std::move(wanted), tries,
+                 [this, wanted = std::move(wanted), until,
                   done = std::move(done)](const EtcdClient::Result& result) mutable {
-                     onPut(std::move(wanted), tries, std::move(done), result);
+                     onPut(std::move(wanted), until, std::move(done), result);
                  });
 }
 
-void EtcdBackend::onPut(PutResult wanted, int tries, PutHandler done,
+void EtcdBackend::onPut(PutResult wanted, Time until, PutHandler done,
                         const EtcdClient::Result& result) {
-    if (!result.answer) {
+    if (!isFromEtcd(result)) {
         report(result.error);
         return done(std::nullopt);
     }
@@ -222,15 +253,15 @@ void EtcdBackend::onPut(PutResult wanted, int tries, PutHandler done,
                                done(std::move(wanted));
                            });
     }
-    if (tries == kMostTries) {
+    if (store_.now() > until) {
         return done(std::nullopt);
     }
     // The copy did not know yet that the entry of this path has changed, is another one, or none.
     wanted.created = place.uuid.empty();
+    wanted.movedFrom = place.uuid == wanted.entry.uuid ? wanted.movedFrom : "";
     wanted.entry.uuid = wanted.created ? randomUuid() : place.uuid;
-    wanted.movedFrom = wanted.created ? "" : wanted.movedFrom;
     wanted.entry.created = wanted.created ? std::chrono::system_clock::now() : place.created;
-    tryToPut(std::move(wanted), place.revision, tries + 1, std::move(done));
+    tryToPut(std::move(wanted), place.revision, until, std::move(done));
 }
 
 void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, const Entry*)> done) {
@@ -240,6 +271,9 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
     if (!isUuid(uuid)) {
         return done(Presence::Absent, nullptr);
     }
+    if (misses_.size() >= kMostLookups && misses_.count(uuid) == 0) {
+        return done(Presence::Unknown, nullptr);
+    }
     // A name is never given again, so who asks later may share the answer.
     auto& waiting = misses_[uuid];
     waiting.push_back(std::move(done));
@@ -248,12 +282,12 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
     }
     ++lookups_;
     client_.call("kv/range", entries_.find(uuid), [this, uuid](const EtcdClient::Result& result) {
-        const auto found =
-            result.answer ? entries_.entriesIn(*result.answer) : std::vector<Entry>();
-        if (!result.answer) {
+        const bool isAnswered = isFromEtcd(result);
+        const auto found = isAnswered ? entries_.entriesIn(*result.answer) : std::vector<Entry>();
+        if (!isAnswered) {
             report(result.error);
         }
-        const auto answered = result.answer ? Presence::Absent : Presence::Unknown;
+        const auto answered = isAnswered ? Presence::Absent : Presence::Unknown;
         const auto asked = misses_.extract(uuid);
         for (const auto& handler : asked.mapped()) {
             found.empty() ? handler(answered, nullptr) : handler(Presence::Present, &found.front());
@@ -262,51 +296,68 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
 }
 
 void EtcdBackend::remove(const Entry& entry, std::function<void(Presence)> done) {
-    tryToRemove(entry, 1, std::move(done));
+    tryToRemove(entry, store_.now() + kLongestTry, std::move(done));
 }
 
-void EtcdBackend::tryToRemove(const Entry& entry, int tries, std::function<void(Presence)> done) {
-    callToRemove({entry}, [this, tries,
-                           done = std::move(done)](const EtcdClient::Result& result) mutable {
-        if (!result.answer) {
-            return done(Presence::Unknown);
-        }
-        const auto left = entries_.entriesIn(*result.answer);
-        if (!EtcdEntries::hasSucceeded(*result.answer) && !left.empty()) {  // was put meanwhile
-            return tries == kMostTries ? done(Presence::Unknown)
-                                       : tryToRemove(left.front(), tries + 1, std::move(done));
-        }
-        // An attempt that brought no answer may have removed the entry.
-        const bool wasThere = EtcdEntries::hasSucceeded(*result.answer) || result.isUncertain;
-        whenReached(EtcdEntries::revisionOf(*result.answer), [done = std::move(done), wasThere] {
-            done(wasThere ? Presence::Present : Presence::Absent);
+void EtcdBackend::tryToRemove(Entry entry, Time until, std::function<void(Presence)> done) {
+    callToRemove(
+        {entry}, 0,
+        [this, entry, until, done = std::move(done)](const EtcdClient::Result& result) mutable {
+            if (!isFromEtcd(result)) {
+                return done(Presence::Unknown);
+            }
+            const bool isRemoved = EtcdEntries::hasSucceeded(*result.answer);
+            const auto left = entries_.revisionsIn(*result.answer);
+            if (!isRemoved && !left.empty()) {  // was put meanwhile
+                entry.etcdRevision = left.begin()->second;
+                return store_.now() > until ? done(Presence::Unknown)
+                                            : tryToRemove(entry, until, std::move(done));
+            }
+            // An attempt that brought no answer may have removed the entry.
+            const bool wasThere = isRemoved || result.isUncertain;
+            const std::uint64_t revision = EtcdEntries::revisionOf(*result.answer);
+            whenReached(revision, [this, entry, revision, done = std::move(done), wasThere] {
+                done(wasThere ? Presence::Present : Presence::Absent);
+                requireGone(entry, revision);
+            });
         });
-    });
 }
 
-/// Calls etcd to remove the entries, with a lease that lives long enough.
-void EtcdBackend::callToRemove(std::vector<Entry> entries, EtcdClient::Handler done) {
+/// Lists the entries again if the copy holds one at a revision at which etcd has none.
+void EtcdBackend::requireGone(const Entry& entry, std::uint64_t revision) {
+    if (revision_ >= revision && !isLoading_ && !isStopped_ && store_.find(entry.uuid) != nullptr) {
+        report("the copy holds an entry that etcd has not");
+        load();
+    }
+}
+
+/// Calls etcd to remove the entries, with a lease that lives long enough. `checks`: as in
+/// EtcdEntries::remove().
+void EtcdBackend::callToRemove(std::vector<Entry> entries, std::uint64_t checks,
+                               EtcdClient::Handler done) {
     if (!leaseBegin_ || store_.now() - *leaseBegin_ > EtcdEntries::kMemory / 6) {
         return client_.call("lease/grant", EtcdEntries::grantLease(),
-                            [this, entries = std::move(entries),
+                            [this, entries = std::move(entries), checks,
                              done = std::move(done)](EtcdClient::Result result) mutable {
-                                if (!result.answer) {
+                                if (!isFromEtcd(result)) {
                                     report(result.error);
                                     return done(std::move(result));
                                 }
                                 lease_ = EtcdEntries::leaseIn(*result.answer);
                                 leaseBegin_ = store_.now();
-                                callToRemove(std::move(entries), std::move(done));
+                                callToRemove(std::move(entries), checks, std::move(done));
                             });
     }
-    client_.call("kv/txn", entries_.remove(entries, lease_),
-                 [this, done = std::move(done)](EtcdClient::Result result) {
-                     if (!result.answer) {
-                         leaseBegin_.reset();  // etcd may have lost the lease
-                         report(result.error);
-                     }
-                     done(std::move(result));
-                 });
+    const json transaction = entries_.remove(entries, lease_, checks);
+    client_.call("kv/txn", transaction, [this, done = std::move(done)](EtcdClient::Result result) {
+        if (!isFromEtcd(result)) {
+            report(result.error);
+        }
+        if (result.refusal == kNotFound) {  // etcd has lost the lease
+            leaseBegin_.reset();
+        }
+        done(std::move(result));
+    });
 }
 
 void EtcdBackend::whenReached(std::uint64_t revision, std::function<void()> done) {
@@ -338,12 +389,7 @@ std::chrono::milliseconds EtcdBackend::longestLag() const {
 }
 
 void EtcdBackend::beat() {
-    beat_.expires_after(interval());
-    beat_.async_wait([this](boost::system::error_code error) {
-        if (!error && !isStopped_) {
-            beat();
-        }
-    });
+    beatAfter(interval());
     const Time now = store_.now();
     for (auto waiter = waiters_.begin(); waiter != waiters_.end();) {
         const auto next = std::next(waiter);
@@ -366,6 +412,15 @@ void EtcdBackend::beat() {
     }
 }
 
+void EtcdBackend::beatAfter(std::chrono::milliseconds pause) {
+    beat_.expires_after(pause);
+    beat_.async_wait([this](boost::system::error_code error) {
+        if (!error && !isStopped_) {
+            beat();
+        }
+    });
+}
+
 void EtcdBackend::tellChecks() {
     isTelling_ = true;
     std::vector<std::string> uuids;
@@ -373,20 +428,20 @@ void EtcdBackend::tellChecks() {
         uuids.push_back(std::move(untold_.extract(untold_.begin()).value()));
     }
     const json write = entries_.tellChecks(replica_, uuids);
-    client_.call("kv/put", write,
-                 [this, uuids = std::move(uuids), begin = store_.now(),
-                  before = revision_](const EtcdClient::Result& result) {
-                     isTelling_ = false;
-                     if (!result.answer) {
-                         untold_.insert(uuids.begin(), uuids.end());
-                         report(result.error);
-                     } else if (!isStopped_) {
-                         onTold(begin, before, *result.answer);
-                     }
-                     if (isStopped_) {
-                         result.answer ? tellLastChecks() : close();
-                     }
-                 });
+    control_.call("kv/put", write,
+                  [this, uuids = std::move(uuids), begin = store_.now(),
+                   before = revision_](const EtcdClient::Result& result) {
+                      isTelling_ = false;
+                      const bool isTold = isFromEtcd(result);
+                      if (!isTold) {
+                          untold_.insert(uuids.begin(), uuids.end());
+                          report(result.error);
+                      }
+                      if (isStopped_) {
+                          return isTold ? tellLastChecks() : close();
+                      }
+                      isTold ? onTold(begin, before, *result.answer) : beatAfter(kRetryPause / 2);
+                  });
 }
 
 /// `before`: what the copy had reached when the write began.
@@ -420,7 +475,8 @@ void EtcdBackend::onCurrent(Time begin) {
     }
 }
 
-/// Takes out those of `names` that still were not renewed since, some after the other.
+/// Takes out those of `names` that still were not renewed since, a part at a time, as long as no
+/// replica has told of further checks.
 void EtcdBackend::expire(std::vector<std::string> names, Time since) {
     std::vector<Entry> entries;
     while (!names.empty() && entries.size() < EtcdEntries::kMaxRemovals) {
@@ -431,37 +487,31 @@ void EtcdBackend::expire(std::vector<std::string> names, Time since) {
         names.pop_back();
     }
     isExpiring_ = !entries.empty();
-    if (isExpiring_) {
-        expire(std::move(entries), [this, names = std::move(names), since]() mutable {
-            expire(std::move(names), since);
-        });
+    if (!isExpiring_) {
+        return;
     }
-}
-
-/// All of them, or each one by itself: one that changed meanwhile stays.
-void EtcdBackend::expire(std::vector<Entry> entries, std::function<void()> done) {
     callToRemove(
-        entries, [this, entries, done = std::move(done)](const EtcdClient::Result& result) mutable {
-            if (!result.answer) {
-                isExpiring_ = false;
+        entries, checksRevision_,
+        [this, entries, names = std::move(names), since](const EtcdClient::Result& result) mutable {
+            isExpiring_ = false;
+            if (!isFromEtcd(result)) {
                 return;
             }
             if (EtcdEntries::hasSucceeded(*result.answer)) {
                 for (const Entry& entry : entries) {
                     store_.recordExpiration(entry);
                 }
-                return done();
+                return expire(std::move(names), since);
             }
-            if (entries.size() == 1) {
-                return done();
-            }
-            const auto middle = entries.begin() + static_cast<std::ptrdiff_t>(entries.size() / 2);
-            std::vector<Entry> rest(middle, entries.end());
-            entries.erase(middle, entries.end());
-            expire(std::move(entries),
-                   [this, rest = std::move(rest), done = std::move(done)]() mutable {
-                       expire(std::move(rest), std::move(done));
-                   });
+            const auto left = entries_.revisionsIn(*result.answer);
+            const std::uint64_t revision = EtcdEntries::revisionOf(*result.answer);
+            whenReached(revision, [this, entries, left, revision] {
+                for (const Entry& entry : entries) {
+                    if (left.count(entry.uuid) == 0) {
+                        requireGone(entry, revision);
+                    }
+                }
+            });
         });
 }
 
@@ -495,10 +545,12 @@ std::string EtcdBackend::metrics() const {
 void EtcdBackend::stop() {
     isStopped_ = true;
     beat_.cancel();
-    client_.stopWatch();
-    waiters_.clear();
+    control_.stopWatch();
+    for (auto& [revision, waiter] : std::exchange(waiters_, {})) {
+        waiter.done();  // it has taken place, and the audit log should say so
+    }
     retry_.expires_after(kFarewell);
-    retry_.async_wait([this](boost::system::error_code) { client_.close(); });
+    retry_.async_wait([this](boost::system::error_code) { close(); });
     if (!isTelling_) {
         tellLastChecks();
     }
@@ -510,6 +562,7 @@ void EtcdBackend::tellLastChecks() {
 
 void EtcdBackend::close() {
     client_.close();
+    control_.close();
     retry_.cancel();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
@@ -39,9 +40,17 @@ class EtcdBackend : public EntryBackend {
     EtcdBackend(const EtcdBackend&) = delete;
     EtcdBackend& operator=(const EtcdBackend&) = delete;
 
+    /// For one request at one member, so that a silent member does not make the copy old.
+    static std::chrono::milliseconds tryTimeout(std::chrono::milliseconds ttl) {
+        return ttl.count() == 0
+                   ? std::chrono::milliseconds(1'000)
+                   : std::clamp<std::chrono::milliseconds>(ttl / 18, std::chrono::milliseconds(500),
+                                                           std::chrono::milliseconds(1'000));
+    }
+
     const EntryStore& store() const override { return store_; }
 
-    /// `done` is called when the copy has the entry, or after kLongestWait.
+    /// `done` is called when the copy has the entry, or about kLongestWait later.
     void put(const std::string& path, const nlohmann::json& service, const Owner& owner,
              std::function<void(std::optional<PutResult>)> done) override;
 
@@ -50,7 +59,7 @@ class EtcdBackend : public EntryBackend {
 
     void check(const std::string& uuid) override;
 
-    /// `done` is called when the copy does not have the entry any more, or after kLongestWait.
+    /// `done` is called when the copy does not have the entry any more, or about kLongestWait later.
     void remove(const Entry& entry, std::function<void(Presence)> done) override;
 
     void expire() override {}
@@ -59,7 +68,8 @@ class EtcdBackend : public EntryBackend {
     std::string metrics() const override;
 
     /// Tells etcd of the last checks, and ends everything else. Handlers that were not called are
-    /// destroyed. At the latest after one second nothing keeps the io_context running.
+    /// destroyed. After two seconds at the latest only a lookup of a name keeps the io_context
+    /// running.
     void stop();
 
   private:
@@ -69,7 +79,8 @@ class EtcdBackend : public EntryBackend {
 
     static constexpr std::chrono::seconds kLongestWait{1};
     static constexpr std::size_t kMaxChecks = 10'000;  // in one write
-    static constexpr int kMostTries = 10;
+    /// The largest entries of a page are shorter than the longest answer.
+    static constexpr std::size_t kLongestPage = 40;
 
     // The copy
     void load();
@@ -82,10 +93,11 @@ class EtcdBackend : public EntryBackend {
     void later(std::function<void()> next);
 
     // Changes
-    void tryToPut(PutResult wanted, std::uint64_t revision, int tries, PutHandler done);
-    void onPut(PutResult wanted, int tries, PutHandler done, const EtcdClient::Result& result);
-    void tryToRemove(const Entry& entry, int tries, std::function<void(Presence)> done);
-    void callToRemove(std::vector<Entry> entries, EtcdClient::Handler done);
+    void tryToPut(PutResult wanted, std::uint64_t revision, Time until, PutHandler done);
+    void onPut(PutResult wanted, Time until, PutHandler done, const EtcdClient::Result& result);
+    void tryToRemove(Entry entry, Time until, std::function<void(Presence)> done);
+    void callToRemove(std::vector<Entry> entries, std::uint64_t checks, EtcdClient::Handler done);
+    void requireGone(const Entry& entry, std::uint64_t revision);
     void whenReached(std::uint64_t revision, std::function<void()> done);
 
     // Checks and expiry
@@ -94,11 +106,11 @@ class EtcdBackend : public EntryBackend {
     std::chrono::milliseconds round() const { return store_.options().ttl / 8; }
     std::chrono::milliseconds limit() const { return store_.options().ttl + round() + interval(); }
     void beat();
+    void beatAfter(std::chrono::milliseconds pause);
     void tellChecks();
     void onTold(Time begin, std::uint64_t before, const Json& answer);
     void onCurrent(Time begin);
     void expire(std::vector<std::string> names, Time since);
-    void expire(std::vector<Entry> entries, std::function<void()> done);
     void report(const std::string& error);
     void tellLastChecks();
     void close();
@@ -107,7 +119,8 @@ class EtcdBackend : public EntryBackend {
     const std::function<void()> changed_;
     const EtcdEntries entries_;
     const std::string replica_;
-    EtcdClient client_;
+    EtcdClient client_;   // for what clients ask for
+    EtcdClient control_;  // for the list, the watch and the checks, which must not wait for them
     boost::asio::steady_timer beat_;
     boost::asio::steady_timer retry_;
 
@@ -116,7 +129,9 @@ class EtcdBackend : public EntryBackend {
     std::uint64_t loads_ = 0;     // begun
     std::vector<Entry> listed_;   // until the copy is loaded
     std::uint64_t revision_ = 0;  // of the copy
-    bool hasFollowed_ = false;    // whether this watch has brought something
+    int fruitlessWatches_ = 0;    // in a row
+    std::size_t page_ = kLongestPage;
+    std::uint64_t checksRevision_ = 0;  // of the last checks that were told
 
     /// What waits until the copy has reached a revision, or until a time.
     struct Waiter {

@@ -32,7 +32,9 @@ std::int64_t milliseconds(std::chrono::system_clock::time_point time) {
 }
 
 std::chrono::system_clock::time_point timeAt(std::int64_t milliseconds) {
-    return std::chrono::system_clock::time_point(std::chrono::milliseconds(milliseconds));
+    constexpr std::int64_t kEnd = 4'102'444'800'000;  // the year 2100; what is beyond overflows
+    return std::chrono::system_clock::time_point(
+        std::chrono::milliseconds(std::clamp<std::int64_t>(milliseconds, 0, kEnd)));
 }
 
 /// A member of an object, or null.
@@ -96,11 +98,10 @@ json unchangedSince(const json& key, std::uint64_t revision) {
             {"mod_revision", std::to_string(revision)}};
 }
 
-/// The keys and values of a range, or of all ranges of a transaction.
-json pairsIn(const json& answer) {
-    const json& own = at(answer, "kvs");
-    json pairs = own.is_array() ? own : json::array();
-    for (const json& response : at(answer, "responses")) {
+/// The keys and values of all ranges of a transaction.
+json foundIn(const json& transaction) {
+    json pairs = json::array();
+    for (const json& response : at(transaction, "responses")) {
         for (const json& pair : at(at(response, "response_range"), "kvs")) {
             pairs.push_back(pair);
         }
@@ -134,8 +135,12 @@ json EtcdEntries::put(const Entry& entry, std::uint64_t revision) const {
         json::array({operation("request_range", {{"key", path}})}));
 }
 
-json EtcdEntries::remove(const std::vector<Entry>& entries, const std::string& lease) const {
+json EtcdEntries::remove(const std::vector<Entry>& entries, const std::string& lease,
+                         std::uint64_t checks) const {
     json conditions = json::array();
+    if (checks != 0) {
+        conditions.push_back(unchangedSince(key(kChecks, ""), checks));
+    }
     json removals = json::array();
     json ranges = json::array();
     for (const Entry& entry : entries) {
@@ -145,7 +150,7 @@ json EtcdEntries::remove(const std::vector<Entry>& entries, const std::string& l
         removals.push_back(operation(
             "request_put",
             {{"key", key(kPaths, entry.path)}, {"value", encode64(kNoEntry)}, {"lease", lease}}));
-        ranges.push_back(operation("request_range", {{"key", name}}));
+        ranges.push_back(operation("request_range", {{"key", name}, {"keys_only", true}}));
     }
     return transaction(std::move(conditions), std::move(removals), std::move(ranges));
 }
@@ -206,7 +211,7 @@ std::string EtcdEntries::leaseIn(const json& answer) {
 
 EtcdEntries::Place EtcdEntries::placeIn(const json& transaction) const {
     Place place;
-    for (const json& pair : pairsIn(transaction)) {
+    for (const json& pair : foundIn(transaction)) {
         const std::string value = decodedIn(pair, "value");
         const auto space = value.find(' ');
         place.revision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
@@ -218,9 +223,21 @@ EtcdEntries::Place EtcdEntries::placeIn(const json& transaction) const {
     return place;
 }
 
-std::vector<Entry> EtcdEntries::entriesIn(const json& answer) const {
+std::map<std::string, std::uint64_t> EtcdEntries::revisionsIn(const json& transaction) const {
+    std::map<std::string, std::uint64_t> revisions;
+    const std::size_t begin = prefix_.size() + kEntries.size();
+    for (const json& pair : foundIn(transaction)) {
+        const std::string name = decodedIn(pair, "key");
+        if (name.size() > begin) {
+            revisions[name.substr(begin)] = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
+        }
+    }
+    return revisions;
+}
+
+std::vector<Entry> EtcdEntries::entriesIn(const json& range) const {
     std::vector<Entry> entries;
-    for (const json& pair : pairsIn(answer)) {
+    for (const json& pair : at(range, "kvs")) {
         if (auto entry = entryIn(pair)) {
             entries.push_back(std::move(*entry));
         }
@@ -251,7 +268,9 @@ std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
     entry.created = at(head, "created").is_number_integer()
                         ? timeAt(at(head, "created").get<std::int64_t>())
                         : timeAt(0);
+    // What this program writes has no line breaks, which events to watchers cannot have.
     const bool isComplete = !entry.path.empty() && entry.number != 0 &&
+                            entry.service.find_first_of("\r\n") == std::string::npos &&
                             json::parse(entry.service, nullptr, false).is_object();
     return isComplete ? std::optional(std::move(entry)) : std::nullopt;
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -53,9 +54,11 @@ class EtcdEntries {
     /// Its answer tells placeIn() otherwise.
     nlohmann::json put(const Entry& entry, std::uint64_t revision) const;
     /// A transaction that takes out those entries, at most kMaxRemovals, if none of them has
-    /// changed since its etcdRevision. Its answer tells entriesIn() otherwise. `lease`: of
-    /// grantLease().
-    nlohmann::json remove(const std::vector<Entry>& entries, const std::string& lease) const;
+    /// changed since its etcdRevision. Its answer tells revisionsIn() otherwise. `lease`: of
+    /// grantLease(). `checks`: the revision at which checks were told last, if no replica may
+    /// have told others since; 0: it does not matter.
+    nlohmann::json remove(const std::vector<Entry>& entries, const std::string& lease,
+                          std::uint64_t checks) const;
     /// A lease of kMemory; its name is leaseIn() the answer.
     static nlohmann::json grantLease();
     /// A range of one entry. etcd answers with its latest state.
@@ -81,8 +84,10 @@ class EtcdEntries {
     static std::string leaseIn(const nlohmann::json& answer);
     /// What put() has found instead.
     Place placeIn(const nlohmann::json& transaction) const;
-    /// The entries of a range, or those that remove() has found instead.
-    std::vector<Entry> entriesIn(const nlohmann::json& answer) const;
+    /// By uuid, the revisions of the last changes of the entries that remove() has found instead.
+    std::map<std::string, std::uint64_t> revisionsIn(const nlohmann::json& transaction) const;
+    /// The entries of a range.
+    std::vector<Entry> entriesIn(const nlohmann::json& range) const;
     /// The events of a watch. Events of keys and values that are none of ours are Other.
     std::vector<Change> changesIn(const nlohmann::json& result) const;
 

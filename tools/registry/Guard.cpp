@@ -111,10 +111,13 @@ std::optional<Response> Guard::refuse(const Request& header, const Peer& peer, E
                                       Caller& caller) {
     caller.address = peer.address.to_string();
     caller.name = peer.certificate;
+    if (isForEverybody(header)) {
+        return std::nullopt;
+    }
     if (const auto wait = limiter_.refuse(peer.address, now)) {
         return tooMany(*wait);
     }
-    if (!tokens_ || isForEverybody(header)) {
+    if (!tokens_) {
         return std::nullopt;
     }
     caller.token = authenticate(header);

@@ -41,6 +41,7 @@ class RegistryServer::Impl {
             EtcdOptions etcd;
             etcd.members = options.etcd;
             etcd.tls = options.etcdTls;
+            etcd.tryTimeout = EtcdBackend::tryTimeout(options.ttl);
             etcd_.emplace(context_, etcd, options.etcdPrefix, shared_.dispatcher.store(),
                           [this] { shared_.wakeWatchers(); });
             shared_.dispatcher.setBackend(*etcd_);

@@ -38,9 +38,9 @@ struct RegistryOptions {
 };
 
 /// A registry over HTTP. It listens from construction on, and answers while run() runs, all
-/// connections on that one thread. Its entries live as long as it does, or in the
-/// store. When there are too many
-/// connections, or too few file descriptors, the connection that had no answer for longest ends.
+/// connections on that one thread. Its entries live as long as it does, unless a file or etcd
+/// keeps them. When there are too many connections, or too few file descriptors, the connection
+/// that had no answer for longest ends.
 ///
 /// Thread-safety: run() by one thread, once; everything else by any thread. Destroy it only when
 /// run() has returned or was never called.

@@ -167,8 +167,9 @@ void dispatch(EntryBackend& backend, const Request& request, const Caller& calle
             return isList(request) ? get(backend, request, done)
                                    : getOne(backend, request, std::move(done));
         case http::verb::head:
-            return isList(request) ? done(answerToHead())
-                                   : head(backend, request, caller, std::move(done));
+            return isList(request)
+                       ? done(backend.isLoaded() ? answerToHead() : Answer{unavailable()})
+                       : head(backend, request, caller, std::move(done));
         case http::verb::delete_:
             return remove(backend, request, caller, std::move(done));
         default:
