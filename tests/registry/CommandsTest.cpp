@@ -3,21 +3,14 @@
 // There is no lock.
 
 #include <gmock/gmock.h>
-#include <poll.h>
 #include <sys/wait.h>
 
-#include <boost/asio/buffer.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "FakeServer.h"
 #include "RegistryProcess.h"
 #include "RunningRegistry.h"
 #include "TemporaryFolder.h"
@@ -27,9 +20,7 @@
 namespace orvx::registry {
 namespace {
 
-namespace asio = boost::asio;
 namespace http = boost::beast::http;
-using asio::ip::tcp;
 using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -54,36 +45,6 @@ std::string put(const RunningRegistry& registry, const std::string& path,
     const auto response = registry.connect().ask(makeRequest("PUT", path, service));
     return std::string(response[http::field::location]).substr(1);
 }
-
-/// Accepts one connection and answers it with any bytes.
-class FakeServer {
-  public:
-    explicit FakeServer(const char* address)
-        : acceptor_(context_, {asio::ip::make_address(address), 0}) {}
-
-    std::string authority() const {
-        std::ostringstream text;
-        text << acceptor_.local_endpoint();
-        return text.str();
-    }
-
-    /// Returns the header of the request.
-    std::string answer(const std::string& bytes) {
-        pollfd polled{acceptor_.native_handle(), POLLIN, 0};
-        if (::poll(&polled, 1, 10'000) != 1) {
-            throw std::runtime_error("no connection within ten seconds");
-        }
-        tcp::socket socket = acceptor_.accept();
-        std::string request;
-        asio::read_until(socket, asio::dynamic_buffer(request), "\r\n\r\n");
-        asio::write(socket, asio::buffer(bytes));
-        return request;
-    }
-
-  private:
-    asio::io_context context_;
-    tcp::acceptor acceptor_;
-};
 
 constexpr const char* kLamp = R"({"name":"lamp","host":"10.0.0.5","port":80})";
 
@@ -111,6 +72,16 @@ TEST(TheListCommand, PrintsAllPages) {
     const std::string output = run(registry, {"list"}).output;
     EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2'500);
     EXPECT_THAT(output, HasSubstr("  /2499  "));
+}
+
+TEST(TheListCommand, AsksForTheNextPageWhateverItsName) {
+    FakeServer server("127.0.0.1");
+    RegistryProcess list({"list", "--registry", "http://" + server.authority()});
+    server.answer(
+        "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n{\"entries\":[],\"next\":\"a b&c\"}");
+    EXPECT_THAT(server.answer("HTTP/1.1 200 OK\r\n\r\n{\"entries\":[]}"),
+                HasSubstr("&after=a%20b%26c HTTP/1.1\r\n"));
+    EXPECT_EQ(statusOf(list.wait()), 0);
 }
 
 TEST(TheGetCommand, PrintsEntriesAndSaysWhichAreNotThere) {

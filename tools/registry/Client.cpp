@@ -154,7 +154,7 @@ std::optional<Response> Client::watch(
         return parser.release();
     }
     std::string text;
-    while (!error) {
+    while (!error && !parser.is_done()) {
         error =
             await([&](auto handler) { http::async_read_some(*stream_, buffer_, parser, handler); });
         text += std::exchange(parser.get().body(), {});

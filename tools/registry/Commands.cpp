@@ -1,6 +1,6 @@
 // The commands that ask a registry: their options, and what they print. What comes from a registry
 // is printed in JSON's ASCII, so that it cannot steer a terminal.
-// Entered by the main thread; there is no other one and no lock.
+// Entered by the main thread; a CommandRunner has a thread of its own. There is no lock.
 
 #include "Commands.h"
 
@@ -14,9 +14,13 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Client.h"
+#include "CommandRunner.h"
+#include "GrowingPause.h"
+#include "WatchedEntries.h"
 
 namespace orvx::registry {
 
@@ -35,6 +39,8 @@ struct Arguments {
     std::string category{};
     std::string version{};
     std::vector<std::string> uuids{};
+    bool executes = false;
+    std::vector<std::string> command{};  ///< with its arguments
 };
 
 std::string ascii(const json& value) {
@@ -110,9 +116,10 @@ int list(const Arguments& arguments) {
     add("version", arguments.version);
     std::string after;
     do {
-        const json page = parse(
-            expectOk(client.ask(http::verb::get, query + (after.empty() ? "" : "&after=" + after)))
-                .body());
+        const json page =
+            parse(expectOk(client.ask(http::verb::get,
+                                      query + (after.empty() ? "" : "&after=" + escaped(after))))
+                      .body());
         for (const json& entry : page.at("entries")) {
             std::cout << (arguments.asJson ? ascii(entry) : lineOf(entry)) << '\n';
         }
@@ -158,26 +165,92 @@ void printEvent(std::string_view name, std::string_view data, bool asJson) {
     flushOutput();
 }
 
-/// Follows until stdout fails, and connects again by itself.
-[[noreturn]] int watch(const Arguments& arguments) {
-    Client client(arguments.client);
+using TakeEvent = std::function<void(std::string_view name, std::string_view data)>;
+
+/// Follows the stream, and connects again by itself: after a second if the registry cannot be
+/// reached, after a growing pause if it refuses. Throws what fails before the first event, and what
+/// `take` throws when stdout has failed.
+[[noreturn]] void follow(const ClientOptions& options, const TakeEvent& take) {
     std::string lastId;
+    bool hasBegun = false;
+    std::string reported;
+    GrowingPause refused;
     for (;;) {
+        std::chrono::seconds pause(1);
         try {
+            // Anew, so that replaced files of tokens and TLS are read.
             const auto refusal =
-                client.watch(lastId, [&](std::string_view name, std::string_view data) {
-                    printEvent(name, data, arguments.asJson);
+                Client(options).watch(lastId, [&](std::string_view name, std::string_view data) {
+                    try {
+                        take(name, data);
+                    } catch (...) {
+                        lastId.clear();  // the event has no effect: the next stream must have it
+                        throw;
+                    }
+                    hasBegun = true;
+                    reported.clear();
+                    refused.reset();
                 });
-            if (refusal && refusal->result() != http::status::too_many_requests) {
-                expectOk(*refusal);
+            if (refusal) {
+                pause = refused.next();
+                if (hasBegun || refusal->result() != http::status::too_many_requests) {
+                    expectOk(*refusal);
+                }
             }
         } catch (const std::runtime_error& error) {
-            if (lastId.empty() || !std::cout) {
+            if (!hasBegun || !std::cout) {
                 throw;
             }
-            std::cerr << "orvx-registry: " << error.what() << std::endl;
+            if (error.what() != reported) {
+                reported = error.what();
+                std::cerr << "orvx-registry: " + reported + '\n' << std::flush;
+            }
         }
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+/// Runs the command with the list of the entries that match, and again when that changes.
+[[noreturn]] void execute(const Arguments& arguments) {
+    const auto given = [](const std::string& value) {
+        return value.empty() ? std::nullopt : std::optional(value);
+    };
+    WatchedEntries entries(
+        {given(arguments.name), given(arguments.category), given(arguments.version)},
+        [&](const std::string& uuid) -> std::optional<json> {
+            const Response response =
+                Client(arguments.client).ask(http::verb::get, '/' + escaped(uuid));
+            if (response.result() == http::status::not_found) {
+                return std::nullopt;
+            }
+            return parse(expectOk(response).body());
+        });
+    CommandRunner runner(arguments.command);
+    follow(arguments.client, [&](std::string_view name, std::string_view data) {
+        if (entries.apply(name, parse(data))) {
+            runner.submit(entries.text());
+        }
+    });
+}
+
+[[noreturn]] int watch(const Arguments& arguments) {
+    if (arguments.executes) {
+        execute(arguments);
+    }
+    follow(arguments.client, [&](std::string_view name, std::string_view data) {
+        printEvent(name, data, arguments.asJson);
+    });
+}
+
+/// A command takes all that follows its name; before it stand options only.
+void takeCommand(Arguments& arguments, const CLI::App& watched) {
+    arguments.command = watched.remaining();
+    const bool isCommand = !arguments.command.empty() && arguments.command[0].rfind('-', 0) != 0;
+    if (arguments.executes && arguments.command.empty()) {
+        throw CLI::ArgumentMismatch("--exec: the command is missing");
+    }
+    if (arguments.executes != isCommand || (!isCommand && !arguments.command.empty())) {
+        throw CLI::ExtrasError(watched.get_name(), arguments.command);
     }
 }
 
@@ -207,10 +280,14 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
         added->callback([&run, arguments, command] { run = [=] { return command(*arguments); }; });
         return added;
     };
-    CLI::App* const listed = add("list", "Print the entries of a registry that runs", list);
-    listed->add_option("--name", arguments->name, "Only services of that name");
-    listed->add_option("--category", arguments->category, "Only services of that category");
-    listed->add_option("--version", arguments->version, "Only services of that version");
+    const auto addFilters = [&](CLI::App& filtered) {
+        return std::vector{
+            filtered.add_option("--name", arguments->name, "Only services of that name"),
+            filtered.add_option("--category", arguments->category,
+                                "Only services of that category"),
+            filtered.add_option("--version", arguments->version, "Only services of that version")};
+    };
+    addFilters(*add("list", "Print the entries of a registry that runs", list));
     for (auto* const each :
          {add("get", "Print entries of a registry that runs",
               [](const Arguments& given) { return forEach(given, http::verb::get); }),
@@ -218,7 +295,18 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
               [](const Arguments& given) { return forEach(given, http::verb::delete_); })}) {
         each->add_option("uuid", arguments->uuids, "Names of the entries")->required();
     }
-    add("watch", "Print what changes at a registry that runs", watch);
+    CLI::App* const watched = add("watch", "Print what changes at a registry that runs", watch);
+    auto* const executes = watched->add_flag(
+        "--exec", arguments->executes,
+        "Run the command that follows, with its arguments, with the list on stdin, at each change");
+    for (CLI::Option* const filter : addFilters(*watched)) {
+        filter->needs(executes);
+    }
+    watched->prefix_command();
+    watched->callback([&run, arguments, watched] {
+        takeCommand(*arguments, *watched);
+        run = [arguments] { return watch(*arguments); };
+    });
     app.require_subcommand(0, 1);
 }
 

@@ -1,0 +1,196 @@
+// A command that runs with the list at each change: when it runs, with what, and what becomes of
+// it. The test and the registry are threads, the program and the command processes. There is no
+// lock.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "FakeServer.h"
+#include "RegistryProcess.h"
+#include "RunningRegistry.h"
+#include "TemporaryFolder.h"
+#include "TokenLine.h"
+
+namespace orvx::registry {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class TheWatchedCommand : public ::testing::Test {
+  protected:
+    static std::vector<std::string> watching(const std::string& url,
+                                             const std::vector<std::string>& rest) {
+        std::vector<std::string> arguments{"watch", "--registry", url};
+        arguments.insert(arguments.end(), rest.begin(), rest.end());
+        return arguments;
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(registry.port()); }
+    /// Starts the program with a shell script for a command.
+    RegistryProcess& watch(const std::string& script, std::vector<std::string> options = {}) {
+        options.insert(options.end(), {"--exec", "sh", "-c", script, "-x"});
+        return program.emplace(watching(url(), options));
+    }
+    void put(const std::string& path, const std::string& service = "{}") const {
+        registry.connect().ask(makeRequest("PUT", path, service));
+    }
+
+    const TemporaryFolder folder;
+    RunningRegistry registry;
+    std::optional<RegistryProcess> program;
+};
+
+TEST_F(TheWatchedCommand, RunsWithTheFirstListAndWithEachChange) {
+    RegistryProcess& watched = watch("cat; echo \"$0 end\"");
+    watched.awaitOutput("{\"entries\":[]}\n-x end\n");
+    put("/lamp", R"({"name":"lamp"})");
+    watched.awaitOutput(R"([{"path":"/lamp","service":{"name":"lamp"},"uuid":")");
+    const std::string list = registry.connect().ask(makeRequest("GET", "/")).body();
+    const std::string uuid = nlohmann::json::parse(list).at("entries").at(0).at("uuid");
+    registry.connect().ask(makeRequest("DELETE", '/' + uuid));
+    const std::string end = "\"}]}\n-x end\n{\"entries\":[]}\n-x end\n";
+    EXPECT_THAT(watched.awaitOutput(end), HasSubstr(end));
+}
+
+TEST_F(TheWatchedCommand, GetsOnlyEntriesThatMatch) {
+    RegistryProcess& watched = watch("cat", {"--name", "lamp", "--version", "1.0"});
+    watched.awaitOutput("[]}\n");
+    put("/bell", R"({"name":"bell","versions":["1.0"]})");
+    put("/lamp", R"({"name":"lamp","versions":["1.0"]})");
+    EXPECT_THAT(watched.awaitOutput("/lamp"), Not(HasSubstr("bell")));
+}
+
+TEST_F(TheWatchedCommand, GetsTheWholeOfALongService) {
+    put("/lamp", R"({"name":"lamp","text":")" + std::string(100'000, 'x') + "\"}");
+    watch("cat", {"--name", "lamp"}).awaitOutput(std::string(100'000, 'x') + "\"},\"uuid\":");
+}
+
+TEST_F(TheWatchedCommand, NeedNotReadItsInput) {
+    put("/lamp", R"({"text":")" + std::string(1'000'000, 'x') + "\"}");
+    RegistryProcess& watched = watch("exec 0<&-; echo run");
+    watched.awaitOutput("run\n");
+    put("/bell");
+    watched.awaitOutput("run\nrun\n");
+}
+
+TEST_F(TheWatchedCommand, RunsOnceMoreForAllChangesDuringARun) {
+    ASSERT_EQ(::mkfifo((folder / "go").c_str(), 0600), 0);
+    RegistryProcess& watched = watch("echo begin; read line <'" + (folder / "go") +
+                                     "'; grep -o '/[a-z]*' | tr -d '\\n'; echo");
+    watched.awaitOutput("begin\n");
+    RegistryProcess other({"watch", "--registry", url()});
+    for (const char* path : {"/a", "/b", "/c"}) {
+        put(path);
+        other.awaitOutput(path);
+    }
+    std::ofstream(folder / "go") << "go\n";
+    watched.awaitOutput("begin\n\nbegin\n");
+    std::ofstream(folder / "go") << "go\n";
+    watched.awaitOutput("begin\n\nbegin\n/a/b/c\n");
+}
+
+TEST_F(TheWatchedCommand, RunsAgainWhenItFailed) {
+    RegistryProcess& watched =
+        watch("cat; cd '" + (folder / "") + "' && mkdir once && exit 3; echo done");
+    EXPECT_THAT(watched.awaitErrors("\n"),
+                HasSubstr("orvx-registry: sh: ended with exit status 3\n"));
+    watched.awaitOutput("[]}\n{\"entries\":[]}\ndone\n");
+}
+
+TEST_F(TheWatchedCommand, RunsAgainWithTheNextChangeAlsoAfterAFailure) {
+    RegistryProcess& watched = watch("grep -q /lamp || kill -9 $$; echo done");
+    EXPECT_THAT(watched.awaitErrors("\n"), HasSubstr("sh: ended by signal 9\n"));
+    put("/lamp");
+    watched.awaitOutput("done\n");
+}
+
+TEST_F(TheWatchedCommand, IsReportedWhenItCannotBeStarted) {
+    RegistryProcess watched(watching(url(), {"--exec", "/there/is/none"}));
+    EXPECT_THAT(watched.awaitErrors("\n"),
+                HasSubstr("orvx-registry: /there/is/none: ended with exit status 127\n"));
+}
+
+TEST_F(TheWatchedCommand, HasNoDescriptorOfTheProgram) {
+    const std::string& output = watch("ls -l /proc/self/fd; echo end").awaitOutput("end\n");
+    EXPECT_THAT(output, Not(HasSubstr("socket")));
+    EXPECT_THAT(output, Not(HasSubstr(" 4 -> ")));
+}
+
+TEST_F(TheWatchedCommand, IsEndedWithTheProgram) {
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        const std::string fifo = folder / std::to_string(signal).c_str();
+        ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+        RegistryProcess& watched = watch("echo begin; exec 3>'" + fifo + "'; exec sleep 1000");
+        std::ifstream ends(fifo);  // until the command is gone
+        watched.awaitOutput("begin\n");
+        watched.signal(signal);
+        EXPECT_EQ(ends.get(), std::ifstream::traits_type::eof());
+        EXPECT_EQ(WTERMSIG(watched.wait().status), signal);
+    }
+}
+
+TEST_F(TheWatchedCommand, LeavesNoZombie) {
+    RegistryProcess& watched = watch("echo run");
+    for (const char* path : {"/a", "/b", "/c"}) {
+        put(path);
+        watched.awaitOutput("run\n");
+    }
+    const auto result =
+        ChildProcess("/bin/sh", {"-c", "ps --no-headers -o stat= --ppid \"$0\" | grep Z",
+                                 std::to_string(watched.pid())})
+            .wait();
+    EXPECT_EQ(result.output, "");
+}
+
+TEST_F(TheWatchedCommand, DoesNotRunWhileTheRegistryIsAwayAndRunsWithTheListAfterwards) {
+    std::optional<RegistryProcess> first(std::in_place, std::vector<std::string>{"--port", "0"});
+    const std::uint16_t port = first->port();
+    RawConnection(port).ask(makeRequest("PUT", "/lamp", "{}"));
+    RegistryProcess watched(
+        watching("http://127.0.0.1:" + std::to_string(port), {"--exec", "cat"}));
+    watched.awaitOutput("/lamp");
+    first.reset();
+    watched.awaitErrors("orvx-registry: registry ");
+    RegistryProcess second({"--port", std::to_string(port)});
+    const std::string output = watched.awaitOutput("\n{\"entries\":[]}\n");
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2);
+}
+
+TEST_F(TheWatchedCommand, StandsAfterExecAndAfterNothingElse) {
+    const auto statusOf = [this](const std::vector<std::string>& rest) {
+        const auto result = RegistryProcess(watching(url(), rest)).wait();
+        return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
+    };
+    EXPECT_EQ(statusOf({"--exec"}), 125);
+    EXPECT_EQ(statusOf({"--exec", "--unknown"}), 125);
+    EXPECT_EQ(statusOf({"--unknown"}), 125);
+    EXPECT_EQ(statusOf({"true"}), 125);
+    EXPECT_EQ(statusOf({"--name", "lamp"}), 125);
+}
+
+TEST(AWatchThatIsRefused, SaysSoOnceAndAsksLessAndLessOften) {
+    FakeServer server("127.0.0.1");
+    RegistryProcess watch({"watch", "--registry", "http://" + server.authority()});
+    server.answer("HTTP/1.1 200 OK\r\n\r\nevent: listed\nid: 1-1\ndata: {}\n\n");
+    const std::string refusal = "HTTP/1.1 401 \r\nContent-Length: 0\r\n\r\n";
+    server.answer(refusal);
+    const auto begin = std::chrono::steady_clock::now();
+    server.answer(refusal);
+    server.answer(refusal);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+    server.answer("HTTP/1.1 200 OK\r\n\r\nevent: removed\nid: 1-2\ndata: {\"uuid\":\"end\"}\n\n");
+    watch.awaitOutput("end");
+    watch.signal(SIGTERM);
+    EXPECT_EQ(watch.wait().errors, "orvx-registry: the registry answers 401\n");
+}
+
+}  // namespace
+}  // namespace orvx::registry
