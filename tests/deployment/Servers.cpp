@@ -11,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <stdexcept>
 
 namespace orvx::testing {
@@ -130,6 +131,31 @@ void Nginx::configure(std::uint16_t port, const Config& config) const {
             (config.tls ? "ssl_certificate server.pem; ssl_certificate_key server.key;\n" : "") +
             config.options + "\nlocation / { proxy_pass http://127.0.0.1:" +
             std::to_string(registry_) + "; }\n}\n}\n");
+}
+
+Haproxy::Haproxy(const Folder& folder) {
+    const std::string example = inFolder(contentOf(ORVX_HAPROXY_EXAMPLE "/haproxy.cfg"), folder);
+    program_ = std::make_unique<Program>([&](std::uint16_t port) {
+        const std::string config = folder.write(
+            "haproxy.cfg",
+            std::regex_replace(example, std::regex(":8080\\b"), ":" + std::to_string(port)));
+        auto process = std::make_unique<ChildProcess>(ORVX_HAPROXY,
+                                                      std::vector<std::string>{"-W", "-f", config});
+        process->awaitErrors("Loading success");
+        return process;
+    });
+}
+
+void Haproxy::reload() const {
+    program_->process().signal(SIGUSR2);
+    program_->process().awaitErrors("Former worker");
+}
+
+std::string Haproxy::inFolder(std::string text, const Folder& folder) {
+    for (const char* path : {"/run/haproxy/", "/var/lib/haproxy/"}) {
+        text = std::regex_replace(text, std::regex(path), folder.file(""));
+    }
+    return text;
 }
 
 Proxy::Proxy(const Folder& folder, const std::string& user, const std::string& password) {

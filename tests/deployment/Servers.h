@@ -72,6 +72,21 @@ class Nginx {
     std::unique_ptr<Program> program_;
 };
 
+/// haproxy with the configuration of examples/haproxy, whose files are in the folder.
+class Haproxy {
+  public:
+    explicit Haproxy(const Folder& folder);
+
+    std::uint16_t port() const { return program_->port(); }
+    /// From its return on new processes of haproxy serve, which know only its files.
+    void reload() const;
+    /// The paths of the example, and these in the folder in their place.
+    static std::string inFolder(std::string text, const Folder& folder);
+
+  private:
+    std::unique_ptr<Program> program_;
+};
+
 /// tinyproxy, for whoever shows user and password.
 class Proxy {
   public:

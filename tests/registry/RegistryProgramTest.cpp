@@ -147,6 +147,7 @@ TEST(TheCompletion, OffersEveryOptionAndTheFilesThatSomeTake) {
         }
         EXPECT_EQ(completions({command, "--"}), known) << command;
     }
+    EXPECT_EQ(completions({"watch", "--exec", "printen"}), std::set<std::string>{"printenv"});
     EXPECT_EQ(completions({"--st"}), std::set<std::string>{"--store"});
     EXPECT_THAT(completions({"--port", ""}), IsEmpty());
     const TemporaryFolder folder;

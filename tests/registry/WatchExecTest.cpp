@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -137,17 +139,26 @@ TEST_F(TheWatchedCommand, IsEndedWithTheProgram) {
     }
 }
 
-TEST_F(TheWatchedCommand, LeavesNoZombie) {
-    RegistryProcess& watched = watch("echo run");
-    for (const char* path : {"/a", "/b", "/c"}) {
-        put(path);
-        watched.awaitOutput("run\n");
+/// Those that run, and those that are not reaped.
+std::size_t childrenOf(pid_t pid) {
+    std::size_t count = 0;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        std::ifstream file(task.path() / "children");
+        count += static_cast<std::size_t>(
+            std::distance(std::istream_iterator<pid_t>(file), std::istream_iterator<pid_t>()));
     }
-    const auto result =
-        ChildProcess("/bin/sh", {"-c", "ps --no-headers -o stat= --ppid \"$0\" | grep Z",
-                                 std::to_string(watched.pid())})
-            .wait();
-    EXPECT_EQ(result.output, "");
+    return count;
+}
+
+TEST_F(TheWatchedCommand, IsReapedBeforeItRunsAgain) {
+    RegistryProcess& watched = watch("grep -o '\"path\":\"/[a-z]*' || echo none");
+    watched.awaitOutput("none\n");
+    for (const std::string path : {"/a", "/b", "/c"}) {
+        put(path);
+        watched.awaitOutput(path);
+        EXPECT_LE(childrenOf(watched.pid()), 1U);
+    }
 }
 
 TEST_F(TheWatchedCommand, DoesNotRunWhileTheRegistryIsAwayAndRunsWithTheListAfterwards) {

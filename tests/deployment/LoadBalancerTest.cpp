@@ -1,0 +1,149 @@
+// haproxy whose servers are the services at the registry, as the how-to sets it up.
+// Entered by the test's thread, the client's and those of the services; haproxy, the registry and
+// the command of the how-to are child processes. No lock.
+#include "IntegrationTest.h"
+#include "RawConnection.h"
+#include "RegistryProcess.h"
+#include "Servers.h"
+
+#include <csignal>
+#include <map>
+#include <regex>
+
+namespace orvx::serviceregistryclient {
+namespace {
+
+using communication::CommunicationStatus;
+using registry::ChildProcess;
+using registry::RegistryProcess;
+using testing::Folder;
+using testing::Haproxy;
+using testing::HostileServer;
+using Clock = std::chrono::steady_clock;
+
+/// A service that answers with its name, and counts its requests.
+struct Backend {
+    explicit Backend(const std::string& name) {
+        service.onRequest(
+            [name](const auto& /*request*/) { return testing::response(200, {}, name); });
+    }
+    HostileServer service;
+};
+
+class TheLoadBalancer : public ::testing::Test {
+  protected:
+    TheLoadBalancer() {
+        context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+        context.enableResilience(true);
+        context.init();
+        std::smatch block;
+        const std::string page = testing::contentOf(ORVX_LOAD_BALANCER_PAGE);
+        EXPECT_TRUE(
+            std::regex_search(page, block, std::regex("```sh\n(orvx-registry watch[^`]*)```")));
+        std::string script = Haproxy::inFolder(block[1], folder);
+        script = std::regex_replace(script, std::regex("8500"), std::to_string(registry.port()));
+        script = std::regex_replace(script, std::regex("/usr/local/bin"), ORVX_HAPROXY_EXAMPLE);
+        script = std::regex_replace(script, std::regex("^orvx-registry"),
+                                    "exec " + RegistryProcess::path());
+        watch.emplace("/bin/sh", std::vector<std::string>{"-c", script});
+    }
+
+    std::function<OrvRegistrationResponse()> announce(const Backend& backend) {
+        auto& client = *context.getServiceRegistryClient();
+        const auto description =
+            client.getSharedServiceCreate({"web", "127.0.0.1", backend.service.port()});
+        description->setUri("/web/" + std::to_string(backend.service.port()));
+        const auto outcome = client.registerServiceAtRegistry(
+            {"registry", "127.0.0.1", registry.port()}, description);
+        EXPECT_EQ(outcome.response.status, OrvRegistrationResponse::OK);
+        return outcome.unregister;
+    }
+    /// Who answers a request to haproxy: the name of a service, or "503".
+    std::string ask() const {
+        const auto response =
+            registry::RawConnection(haproxy.port()).ask(registry::makeRequest("GET", "/"));
+        return response.result_int() == 200 ? response.body()
+                                            : std::to_string(response.result_int());
+    }
+    /// Waits until ten requests in a row have been answered by these only, at most two seconds.
+    void expectAnswersOf(const std::set<std::string>& wanted) const {
+        const auto begin = Clock::now();
+        EXPECT_TRUE(eventually([&] {
+            std::set<std::string> seen;
+            for (int i = 0; i < 10; ++i) {
+                seen.insert(ask());
+            }
+            return seen == wanted;
+        })) << *wanted.begin();
+        EXPECT_LT(Clock::now() - begin, 2s);
+    }
+
+    const Folder folder;
+    RegistryProcess registry{{"--port", "0"}};
+    const Haproxy haproxy{folder};
+    std::optional<ChildProcess> watch;
+    OrvServiceRegistryContext context;
+};
+
+TEST_F(TheLoadBalancer, SendsRequestsToAnnouncedServicesOnly) {
+    const Backend one("one");
+    const Backend two("two");
+    expectAnswersOf({"503"});
+    const auto withdrawOne = announce(one);
+    expectAnswersOf({"one"});
+    const auto withdrawTwo = announce(two);
+    expectAnswersOf({"one", "two"});
+    withdrawOne();
+    expectAnswersOf({"two"});
+    withdrawTwo();
+    expectAnswersOf({"503"});
+}
+
+TEST_F(TheLoadBalancer, KnowsItsServicesAfterAReload) {
+    const Backend one("one");
+    announce(one);
+    expectAnswersOf({"one"});
+    haproxy.reload();
+    expectAnswersOf({"one"});
+}
+
+TEST_F(TheLoadBalancer, KeepsItsServicesWhileTheRegistryIsAway) {
+    const Backend one("one");
+    announce(one);
+    expectAnswersOf({"one"});
+    registry.signal(SIGKILL);
+    watch->awaitErrors("orvx-registry: registry ");
+    expectAnswersOf({"one"});
+}
+
+TEST_F(TheLoadBalancer, IsTheConfigurationThatThePageShows) {
+    EXPECT_THAT(testing::contentOf(ORVX_LOAD_BALANCER_PAGE),
+                ::testing::HasSubstr(testing::contentOf(ORVX_HAPROXY_EXAMPLE "/haproxy.cfg")));
+}
+
+TEST_F(TheLoadBalancer, SaysWhenItHasTooFewSlots) {
+    registry::RawConnection connection(registry.port());
+    for (int i = 1; i <= 22; ++i) {
+        connection.ask(registry::makeRequest(
+            "PUT", "/" + std::to_string(i),
+            R"({"name":"web","host":"127.0.0.1","port":)" + std::to_string(i) + "}"));
+    }
+    watch->awaitErrors("orvx-haproxy: backend web has no slots for 2 services\n");
+}
+
+TEST_F(TheLoadBalancer, LeavesOutServicesThatCannotBeReached) {
+    registry::RawConnection connection(registry.port());
+    int count = 0;
+    for (const char* service :
+         {R"({"name":"web"})", R"({"name":"web","host":"a b;c","port":1})",
+          R"({"name":"web","host":"127.0.0.1","port":70000})",
+          R"({"name":"web","host":"127.0.0.1\ndisable server web/slot1","port":1})"}) {
+        connection.ask(registry::makeRequest("PUT", "/" + std::to_string(++count), service));
+    }
+    const Backend one("one");
+    announce(one);
+    expectAnswersOf({"one"});
+}
+
+}  // namespace
+}  // namespace orvx::serviceregistryclient
