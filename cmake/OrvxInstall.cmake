@@ -1,6 +1,6 @@
-# What is installed, in three parts: the shared library (runtime), what a build against the library
-# needs (development, with the test kit), and the tools, which install themselves. A shared build can
-# be packed as Debian packages, one for each part.
+# What is installed, in parts: the shared library (runtime), what a build against the library needs
+# (development, with the test kit), and the tools and the service, which install themselves. A shared
+# build can be packed as Debian packages, one for each part.
 
 include(CMakePackageConfigHelpers)
 
@@ -53,7 +53,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL runtime development)
 if(ORVX_BUILD_TOOLS)
-  list(APPEND CPACK_COMPONENTS_ALL tools)
+  list(APPEND CPACK_COMPONENTS_ALL tools service)
 endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -80,4 +80,15 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION}
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Service registry to develop and test against
 orvx-registry is a small service registry with a page for browsers and faults on
 demand. orvx-announce announces any command at a registry while it runs.")
+set(CPACK_DEBIAN_SERVICE_PACKAGE_NAME orvx-registry)
+set(CPACK_DEBIAN_SERVICE_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_SERVICE_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "orvx-tools (= ${PROJECT_VERSION}), systemd")
+set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
+set(service_folder "${PROJECT_SOURCE_DIR}/tools/registry/service")
+set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA
+  "${service_folder}/conffiles;${service_folder}/postinst;${service_folder}/prerm;${service_folder}/postrm")
+set(CPACK_COMPONENT_SERVICE_DESCRIPTION "Service registry as a service of systemd
+A unit that runs orvx-registry as a user of its own. It is neither enabled nor
+started by the installation.")
 include(CPack)

@@ -131,7 +131,7 @@ class ManyServices : public AnnounceTest {
     /// Runs the program with a watchdog, stops it when all services have been tried, and bounds the
     /// gaps between two signs of life, and the time to the end.
     void expectPromptness(std::uint16_t registryPort) const {
-        const Notifications told(folder.file("notify"));
+        const testing::Notifications told(folder.file("notify"));
         const auto interval = std::chrono::microseconds(kWatchdog).count();
         ChildProcess announce("/usr/bin/env", Words{"NOTIFY_SOCKET=" + folder.file("notify"),
                                                     "WATCHDOG_USEC=" + std::to_string(interval),

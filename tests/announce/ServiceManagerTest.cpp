@@ -8,6 +8,8 @@
 namespace orvx::announce {
 namespace {
 
+using testing::Notifications;
+
 class TheServiceManager : public AnnounceTest {
   protected:
     /// The program as a service manager starts it.

@@ -58,7 +58,7 @@ class Supervisor {
     const Options& options_;
     TokenFile token_;
     Report report_;
-    ServiceManager serviceManager_;
+    tools::ServiceManager serviceManager_;
     StatusFile statusFile_;
     EventLoop loop_;
     Signals signals_;

@@ -17,12 +17,14 @@
 #include "EtcdClient.h"
 #include "FileError.h"
 #include "RegistryServer.h"
+#include "ServiceManager.h"
 
 namespace {
 
 using orvx::registry::FileError;
 using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
+using orvx::tools::ServiceManager;
 
 // As env(1) and timeout(1) do for what is their own failure.
 constexpr int kOwnFailure = 125;
@@ -36,14 +38,14 @@ int fail(const std::string& why) {
 }
 
 /// Blocks the signals that serve() waits for. SIGHUP is one of them if there are files to read
-/// again; otherwise it ends the process.
-sigset_t prepareSignals(const RegistryOptions& options) {
+/// again, or if a service manager may send it; otherwise it ends the process.
+sigset_t prepareSignals(const RegistryOptions& options, bool isManaged) {
     std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
-    if (!options.tls.certificate.empty() || !options.tokens.empty()) {
+    if (!options.tls.certificate.empty() || !options.tokens.empty() || isManaged) {
         sigaddset(&signals, SIGHUP);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -55,15 +57,20 @@ void serve(const RegistryOptions& options) {
         throw std::runtime_error("with --etcd the largest --max-body is " +
                                  std::to_string(kMaxBodyAtEtcd));
     }
-    const sigset_t signals = prepareSignals(options);
+    const ServiceManager manager;
+    const sigset_t signals = prepareSignals(options, manager.isThere());
     RegistryServer server(options);
     std::cout << "orvx-registry listening on " << server.url() << std::endl;
     std::thread thread([&server] { server.run(); });
-    int signal = SIGHUP;
-    while (signal == SIGHUP) {
-        sigwait(&signals, &signal);
-        signal == SIGHUP ? server.reload() : server.stop();
+    manager.notify("READY=1\nSTATUS=listening on " + server.url());
+    int signal = 0;
+    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+        manager.notify("RELOADING=1");
+        server.reload();
+        manager.notify("READY=1");
     }
+    manager.notify("STOPPING=1");
+    server.stop();
     thread.join();
 }
 

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-namespace orvx::announce {
+namespace orvx::tools {
 
 /// Sends the datagrams of sd_notify(3) to the service manager that started the program. Does
 /// nothing if there is none. Thread-safety: none.
@@ -15,6 +15,8 @@ class ServiceManager {
     ServiceManager(const ServiceManager&) = delete;
     ServiceManager& operator=(const ServiceManager&) = delete;
 
+    /// Whether there is one.
+    bool isThere() const { return socket_ >= 0; }
     /// Sends assignments such as "READY=1", separated by line feeds.
     void notify(const std::string& state) const;
     /// Sends the text that the service manager shows to users, if it has changed.
@@ -30,4 +32,4 @@ class ServiceManager {
     std::chrono::milliseconds watchdogInterval_{0};
 };
 
-}  // namespace orvx::announce
+}  // namespace orvx::tools

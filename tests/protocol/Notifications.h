@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace orvx::announce {
+namespace orvx::testing {
 
 /// The socket at which a service manager receives the datagrams of sd_notify(3).
 /// Thread-safety: none.
@@ -23,7 +23,7 @@ class Notifications {
     void await(const std::string& wanted) const;
 
   private:
-    testing::Socket socket_;
+    Socket socket_;
 };
 
-}  // namespace orvx::announce
+}  // namespace orvx::testing

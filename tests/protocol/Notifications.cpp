@@ -12,7 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace orvx::announce {
+namespace orvx::testing {
 
 using namespace std::chrono_literals;
 
@@ -53,4 +53,4 @@ void Notifications::await(const std::string& wanted) const {
     }
 }
 
-}  // namespace orvx::announce
+}  // namespace orvx::testing

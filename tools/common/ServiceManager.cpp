@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace orvx::announce {
+namespace orvx::tools {
 
 using std::chrono::milliseconds;
 
@@ -72,4 +72,4 @@ void ServiceManager::notifyStatus(const std::string& text) {
     }
 }
 
-}  // namespace orvx::announce
+}  // namespace orvx::tools

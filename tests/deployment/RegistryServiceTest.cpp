@@ -1,0 +1,96 @@
+// orvx-registry as a service of systemd: what it notifies, and its unit.
+// Entered by the test's thread; the program is a process. No lock.
+#include "Folder.h"
+#include "Notifications.h"
+#include "RegistryProcess.h"
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+namespace orvx::registry {
+namespace {
+
+using testing::contentOf;
+using testing::Folder;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using testing::Notifications;
+
+const std::string kUnit = ORVX_REGISTRY_SERVICE "/orvx-registry.service";
+
+TEST(TheRegistryService, NotifiesReadinessReloadsAndItsEnd) {
+    const Folder folder;
+    const Notifications told(folder.file("notify"));
+    ChildProcess registry("/usr/bin/env", {"NOTIFY_SOCKET=" + folder.file("notify"),
+                                           RegistryProcess::path(), "--port", "0"});
+    EXPECT_THAT(told.next(), MatchesRegex("READY=1\nSTATUS=listening on http://127.0.0.1:[0-9]+"));
+    registry.signal(SIGHUP);
+    EXPECT_EQ(told.next(), "RELOADING=1");
+    EXPECT_EQ(told.next(), "READY=1");
+    registry.awaitOutput("has read its files again\n");
+    registry.signal(SIGTERM);
+    EXPECT_EQ(told.next(), "STOPPING=1");
+    EXPECT_EQ(registry.wait().status, 0);
+}
+
+TEST(TheRegistryService, IsNotReadyWhenItCannotListen) {
+    const Folder folder;
+    const Notifications told(folder.file("notify"));
+    RegistryProcess other({"--port", "0"});
+    const auto result = ChildProcess("/usr/bin/env", {"NOTIFY_SOCKET=" + folder.file("notify"),
+                                                      RegistryProcess::path(), "--port",
+                                                      std::to_string(other.port())})
+                            .wait();
+    EXPECT_EQ(WEXITSTATUS(result.status), 125);
+    EXPECT_FALSE(told.within(std::chrono::milliseconds(0)));
+}
+
+class TheUnitOfTheRegistry : public ::testing::Test {
+  protected:
+    /// The unit with the program of this build, in the folder.
+    std::string unit() const {
+        std::string text = contentOf(kUnit);
+        replace(text, "/usr/bin/orvx-registry", RegistryProcess::path());
+        return folder.write("orvx-registry.service", text);
+    }
+    static void replace(std::string& text, const std::string& from, const std::string& to) {
+        ASSERT_NE(text.find(from), std::string::npos) << from;
+        text.replace(text.find(from), from.size(), to);
+    }
+    static ChildProcess::Result analyze(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "systemd-analyze");
+        return ChildProcess("/usr/bin/env", arguments).wait();
+    }
+
+    const Folder folder;
+};
+
+TEST_F(TheUnitOfTheRegistry, IsUnderstoodBySystemd) {
+    const auto result = analyze({"verify", "--man=no", unit()});
+    EXPECT_EQ(WEXITSTATUS(result.status), 0) << result.errors;
+    EXPECT_THAT(result.errors, Not(HasSubstr("orvx-registry")));
+}
+
+TEST_F(TheUnitOfTheRegistry, IsHardened) {
+    const auto result =
+        analyze({"security", "--offline=yes", "--threshold=16", "--no-pager", unit()});
+    EXPECT_EQ(WEXITSTATUS(result.status), 0) << result.output << result.errors;
+}
+
+TEST_F(TheUnitOfTheRegistry, StartsTheProgramWithTheOptionsOfItsFile) {
+    const std::string options = contentOf(ORVX_REGISTRY_SERVICE "/default");
+    const std::string script = options + "exec \"$0\" $ORVX_REGISTRY_OPTIONS --port 0";
+    const std::string store = folder.file("entries");
+    std::string here = script;
+    replace(here, "--store /var/lib/orvx-registry/entries", "--store " + store);
+    ChildProcess registry("/bin/sh", {"-c", here, RegistryProcess::path()});
+    registry.awaitOutput("listening on ");
+    EXPECT_TRUE(std::ifstream(store).good());
+    EXPECT_THAT(contentOf(kUnit), HasSubstr("\nEnvironmentFile=-/etc/default/orvx-registry\n"));
+}
+
+}  // namespace
+}  // namespace orvx::registry
