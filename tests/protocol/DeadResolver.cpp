@@ -161,5 +161,8 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
     if (endsWith(name, ".several.test")) {
         return lookUpFixed(name, {"127.0.0.2", "127.0.0.1", "::1"}, hints, result);
     }
+    if (endsWith(name, ".replicas.test")) {
+        return lookUpFixed(name, {"127.0.0.1", "127.0.0.2", "127.0.0.3"}, hints, result);
+    }
     return next()(node, service, hints, result);
 }

@@ -14,6 +14,7 @@ namespace orvx::testing {
 /// - ".both.test": ::1 and 127.0.0.1, in this order, at once
 /// - ".crowd.test": 127.0.0.2 99 times, then 127.0.0.1, at once
 /// - ".several.test": 127.0.0.2, 127.0.0.1, and ::1, in this order, at once
+/// - ".replicas.test": 127.0.0.1, 127.0.0.2, and 127.0.0.3, in this order, at once
 ///
 /// Silence needs an object; without one silent names fail at once. One object at a time. Works for
 /// libraries too: an executable's getaddrinfo comes before that of the C library. Thread-safe.
