@@ -28,6 +28,7 @@ TEST_P(TheDocumentation, HasProgramsThatRun) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, TheDocumentation, ::testing::Values(&guide, &howto_tls));
+INSTANTIATE_TEST_SUITE_P(, TheDocumentation,
+                         ::testing::Values(&guide, &howto_replicas, &howto_tls));
 
 }  // namespace

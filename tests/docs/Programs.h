@@ -6,6 +6,7 @@
 using Programs = std::vector<void (*)()>;
 
 extern const Programs guide;
+extern const Programs howto_replicas;
 extern const Programs howto_testing;
 extern const Programs howto_tls;
 

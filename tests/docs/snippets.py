@@ -5,8 +5,8 @@ usage: snippets.py OUTPUT EXAMPLES_FOLDER PAGE
 A block that is the text of an example is left to the tests of the examples. The first other one is the
 page's program. Each further block is pasted into it: where it says "// <options>" when it sets an option of
 the context, which takes options before init() only, and where it says "// <operations>" otherwise. So
-the compiler sees nothing but what the page shows. One thing is replaced: the port at which a registry
-listens by default, by that of the registry of the test.
+the compiler sees nothing but what the page shows. Replaced are: the port at which a registry
+listens by default, and its name, by those of the registry of the test.
 """
 
 import pathlib
@@ -35,7 +35,7 @@ programs = [pasted(snippet) for snippet in snippets] or [frame]
 includes = re.match(r"(#include.*\n|\n)*", frame)[0]
 text = [includes, "extern unsigned short portOfTheRegistry;", "// NOLINTBEGIN"]
 for number, program in enumerate(programs):
-    body = program[len(includes):].replace("8500", "portOfTheRegistry")
+    body = program[len(includes):].replace("8500", "portOfTheRegistry").replace("registry.example.com", "127.0.0.1")
     text += [f"namespace program{number} {{", MAIN.sub("static void run() {", body), "}"]
 # After the programs, which see nothing of it.
 name = page.stem.replace("-", "_")
