@@ -7,13 +7,12 @@
 #include "Servers.h"
 
 #include <csignal>
-#include <map>
 #include <regex>
+#include <set>
 
 namespace orvx::serviceregistryclient {
 namespace {
 
-using communication::CommunicationStatus;
 using registry::ChildProcess;
 using registry::RegistryProcess;
 using testing::Folder;

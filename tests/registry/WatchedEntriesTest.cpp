@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 namespace orvx::registry {
 namespace {
 
