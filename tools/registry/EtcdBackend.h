@@ -59,7 +59,8 @@ class EtcdBackend : public EntryBackend {
 
     void check(const std::string& uuid) override;
 
-    /// `done` is called when the copy does not have the entry any more, or about kLongestWait later.
+    /// `done` is called when the copy does not have the entry any more, or about kLongestWait
+    /// later.
     void remove(const Entry& entry, std::function<void(Presence)> done) override;
 
     void expire() override {}

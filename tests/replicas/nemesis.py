@@ -1,0 +1,127 @@
+"""Disturbs a cluster in one way at a time, and heals it again before the next one."""
+
+import itertools
+import json
+import signal
+import time
+
+from cluster import now
+
+REST = 2.0  # seconds between two faults
+
+
+class Nemesis:
+    def __init__(self, cluster, random, sampler, say):
+        self.cluster = cluster
+        self.random = random
+        self.sampler = sampler
+        self.say = say
+        self.phases = open(cluster.folder / "phases.log", "a")
+        self.kinds = {
+            "kill-replica": self.kill_replica,
+            "pause-replica": lambda: self.pause(self.one_of(cluster.replicas), self.between(1, 4)),
+            "pause-replica-long": lambda: self.pause(self.one_of(cluster.replicas), cluster.ttl * 1.5),
+            "cut-haproxy-replica": lambda: self.cut(cluster.haproxy, [self.one_of(cluster.replicas)],
+                                                    self.between(2, 6)),
+            "rolling-restart": self.restart_replicas,
+            "kill-etcd": self.kill_member,
+            "pause-etcd": lambda: self.pause(self.one_of(cluster.members), self.between(1, 4)),
+            "pause-etcd-long": lambda: self.pause(self.one_of(cluster.members), cluster.ttl * 1.5),
+            "cut-replica-etcd": lambda: self.cut(self.one_of(cluster.replicas), [self.one_of(cluster.members)],
+                                                 self.between(3, 7)),
+            "cut-replica-all-etcd": lambda: self.cut(self.one_of(cluster.replicas), cluster.members,
+                                                     self.between(3, 9)),
+            "cut-etcd-etcd": lambda: self.cut(*self.pair(cluster.members), self.between(3, 7)),
+            "full-disk": self.fill_disk,
+            "compaction": self.compact,
+        }
+
+    def one_of(self, nodes):
+        return self.random.choice(nodes)
+
+    def pair(self, nodes):
+        first, second = self.random.sample(nodes, 2)
+        return first, [second]
+
+    def between(self, least, most):
+        return self.random.uniform(least, most)
+
+    def run(self, seconds):
+        """Each kind once in random order, over and over, until the time has passed; all kinds at least once."""
+        begin = time.monotonic()
+        for turn in itertools.count():
+            for kind in self.random.sample(list(self.kinds), len(self.kinds)):
+                if turn > 0 and time.monotonic() - begin > seconds:
+                    return
+                self.disturb(kind)
+
+    def disturb(self, kind):
+        self.say(kind)
+        begin = now()
+        try:
+            self.kinds[kind]()
+            self.cluster.wait_until_healed()
+        finally:
+            self.phases.write(json.dumps({"kind": kind, "begin": begin, "end": now()}) + "\n")
+            self.phases.flush()
+        crashed = self.cluster.crashed()
+        if crashed:
+            raise RuntimeError(f"ended by itself: {' '.join(crashed)}")
+        time.sleep(REST)
+        self.sampler.sample_replicas()
+
+    def kill_replica(self):
+        replica = self.one_of(self.cluster.replicas)
+        replica.end()
+        time.sleep(self.between(0, 3))
+        replica.start()
+
+    def kill_member(self):
+        member = self.one_of(self.cluster.members)
+        member.end()
+        time.sleep(self.between(0, 4))
+        member.start()
+
+    def restart_replicas(self):
+        for replica in self.random.sample(self.cluster.replicas, len(self.cluster.replicas)):
+            replica.end(signal.SIGTERM)
+            replica.start()
+            self.cluster.wait_until_healed()
+            time.sleep(1)  # until haproxy has seen it
+
+    def pause(self, node, seconds):
+        node.send(signal.SIGSTOP)
+        try:
+            time.sleep(seconds)
+        finally:
+            node.send(signal.SIGCONT)
+
+    def cut(self, node, others, seconds):
+        node.cut(others)
+        try:
+            time.sleep(seconds)
+        finally:
+            node.mend()
+
+    # A member whose data base cannot grow ends by itself; one that has not yet is killed.
+    def fill_disk(self):
+        member = self.one_of(self.cluster.members)
+        member.ended = True
+        member.fill_disk()
+        deadline = time.monotonic() + 10
+        while member.process.poll() is None and time.monotonic() < deadline:
+            time.sleep(0.1)
+        self.say(f"  {member.name} " + ("runs on" if member.process.poll() is None else "ended"))
+        member.end()
+        member.free_disk()
+        member.start()
+
+    # The replica resumes its watch at a revision that is forgotten, and with it checks of all entries.
+    def compact(self):
+        replica = self.one_of(self.cluster.replicas)
+        replica.cut(self.cluster.members)
+        try:
+            time.sleep(self.cluster.ttl + 2)
+            self.cluster.compact()
+        finally:
+            replica.mend()
