@@ -3,20 +3,17 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <boost/beast/http/status.hpp>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "EtcdProcess.h"
-#include "RunningRegistry.h"
+#include "Replica.h"
 
 namespace orvx::registry {
 namespace {
@@ -29,70 +26,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr const char* kNobody = "/00000000-0000-4000-8000-000000000000";
-
-void await(const std::function<bool()>& isTrue) {
-    const auto end = Clock::now() + 20s;
-    while (!isTrue()) {
-        if (Clock::now() > end) {
-            throw std::runtime_error("it did not come true within 20 seconds");
-        }
-        std::this_thread::yield();
-    }
-}
-
-class Replica {
-  public:
-    explicit Replica(std::vector<std::string> etcd, std::chrono::milliseconds ttl = 0ms)
-        : registry_(optionsFor(std::move(etcd), ttl)) {}
-
-    TestConnection::Response ask(const std::string& method, const std::string& target,
-                                 const std::string& body = {}) const {
-        return registry_.connect().ask(makeRequest(method, target, body));
-    }
-    unsigned statusOf(const std::string& method, const std::string& target) const {
-        RawConnection connection = registry_.connect();
-        connection.send(makeRequest(method, target));
-        return connection.receive(method == "HEAD").result_int();
-    }
-    /// The target of the entry.
-    std::string put(const std::string& path, const std::string& body = "{}") const {
-        return std::string(ask("PUT", path, body)[http::field::location]);
-    }
-    std::vector<std::string> paths(const std::string& query = {}) const {
-        std::vector<std::string> paths;
-        const auto answer = ask("GET", "/" + query);
-        if (answer.result() != http::status::ok) {
-            return {"status " + std::to_string(answer.result_int())};
-        }
-        const json list = json::parse(answer.body());
-        for (const json& entry : list.at("entries")) {
-            paths.push_back(entry.at("path"));
-        }
-        return paths;
-    }
-    bool has(const std::string& path) const {
-        const auto all = paths();
-        return std::find(all.begin(), all.end(), path) != all.end();
-    }
-    std::string metrics() const { return ask("GET", "/-/metrics").body(); }
-    bool isReady() const { return statusOf("GET", "/-/ready") == 200; }
-    Replica& ready() {
-        await([this] { return isReady(); });
-        return *this;
-    }
-    RunningRegistry& registry() { return registry_; }
-
-  private:
-    static RegistryOptions optionsFor(std::vector<std::string> etcd,
-                                      std::chrono::milliseconds ttl) {
-        RegistryOptions options;
-        options.etcd = std::move(etcd);
-        options.ttl = ttl;
-        return options;
-    }
-
-    RunningRegistry registry_;
-};
 
 class TheReplicas : public ::testing::Test {
   protected:

@@ -1,0 +1,601 @@
+// A registry in front of an etcd that the test plays: what a real one shows rarely, or never on
+// demand. The registry and etcd have threads of their own. The tests ask over sockets, and wait for
+// requests that must come.
+
+#include "EtcdBackend.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/http/status.hpp>
+#include <chrono>
+#include <future>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "Base64.h"
+#include "EtcdEntries.h"
+#include "PlayedEtcd.h"
+#include "Replica.h"
+#include "RunningEtcdClient.h"
+
+namespace orvx::registry {
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using nlohmann::json;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Step = std::function<PlayedEtcd::Answer()>;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+
+const std::string kPrefix = "/orvx-registry/";
+const std::string kUuidBegin = "00000000-0000-4000-8000-";
+constexpr auto kShortTtl = 2'400ms;  // a write every 100 ms, a round of three
+constexpr auto kLongTtl = 40'000ms;  // a write every second, a round of five
+
+std::string uuidOf(int number) {
+    const std::string digits = std::to_string(number);
+    return kUuidBegin + std::string(12 - digits.size(), '0') + digits;
+}
+
+std::string targetOf(int number) {
+    return "/" + uuidOf(number);
+}
+
+/// The first request is carried out, but its answer is lost.
+PlayedEtcd::Script losingTheFirstAnswer(const PlayedEtcd::Answer& instead) {
+    return [instead, isFirst = std::make_shared<std::atomic<bool>>(true)](const json&,
+                                                                          const Step& carryOut) {
+        PlayedEtcd::Answer answer = carryOut();
+        return isFirst->exchange(false) ? instead : answer;
+    };
+}
+
+/// The stream of changes of a replica: "put 1" for the entry of that number, "removed 1",
+/// "checked 1".
+class Watcher {
+  public:
+    explicit Watcher(const Replica& replica) : connection_(replica.connect()) {
+        connection_.send(makeRequest("GET", "/-/watch"));
+        connection_.readUntil("event: listed");
+    }
+
+    /// All changes up to that one.
+    std::vector<std::string> until(const std::string& last) {
+        std::vector<std::string> changes;
+        while (changes.empty() || changes.back() != last) {
+            const std::string event = connection_.readUntil("\n\n");
+            const auto uuid = event.find(kUuidBegin);
+            if (uuid != std::string::npos) {
+                const std::string name = event.substr(event.find("event: ") + 7);
+                changes.push_back(
+                    name.substr(0, name.find('\n')) + ' ' +
+                    std::to_string(std::stoi(event.substr(uuid + kUuidBegin.size(), 12))));
+            }
+        }
+        return changes;
+    }
+
+  private:
+    RawConnection connection_;
+};
+
+class AReplica : public ::testing::Test {
+  protected:
+    /// Another replica puts the entry of that number, at the path "/<number>".
+    void put(int number, const std::string& service = "{}") {
+        Entry& entry = theirs_[number];
+        entry.uuid = uuidOf(number);
+        entry.path = '/' + std::to_string(number);
+        entry.service = service;
+        entry.address = addressOf(json::parse(service));
+        const json answer = etcd_.ask("kv/txn", entries_.put(entry, entry.etcdRevision));
+        entry.etcdRevision = EtcdEntries::revisionOf(answer);
+    }
+    void remove(int number) {
+        const json lease = etcd_.ask("lease/grant", EtcdEntries::grantLease());
+        etcd_.ask("kv/txn", entries_.remove({theirs_.at(number)}, EtcdEntries::leaseIn(lease), 0));
+        theirs_.erase(number);
+    }
+    std::size_t count(const std::string& call) const { return etcd_.requests(call).size(); }
+    /// How often the replica has told of checks of that entry.
+    std::size_t tellings(int number) const {
+        std::size_t times = 0;
+        for (const json& write : etcd_.requests("kv/put")) {
+            times += namesIn(write).count(uuidOf(number));
+        }
+        return times;
+    }
+    static std::set<std::string> namesIn(const json& write) {
+        return json::parse(decode64(write.at("value").get<std::string>()).value()).at("uuids");
+    }
+    std::vector<std::string> members(std::size_t count) const {
+        return std::vector<std::string>(count, etcd_.url());
+    }
+
+    PlayedEtcd etcd_;
+    const EtcdEntries entries_{kPrefix};
+    std::map<int, Entry> theirs_;
+};
+
+// ---- The copy
+
+TEST_F(AReplica, ListsAgainAfterACompactionAndTouchesWhatHasChangedOnly) {
+    put(1);
+    put(2);
+    put(3);
+    Replica replica(members(1));
+    Watcher watcher(replica.ready());
+    etcd_.silenceWatches();
+    remove(1);
+    put(2, R"({"a":2})");
+    put(4);
+    etcd_.endSilence();
+    etcd_.cancelWatches();
+    EXPECT_THAT(watcher.until("put 4"), ElementsAre("removed 1", "put 2", "put 4"));
+    put(5);
+    EXPECT_THAT(watcher.until("put 5"), ElementsAre("put 5"));
+    EXPECT_THAT(replica.ask("GET", targetOf(2)).body(), HasSubstr(R"({"a":2})"));
+    EXPECT_THAT(replica.paths(), ElementsAre("/2", "/3", "/4", "/5"));
+}
+
+TEST_F(AReplica, BeginsASilentWatchAnewAndIsNotReadyMeanwhile) {
+    Replica replica(members(1));
+    replica.ready();
+    etcd_.silenceWatches();
+    await([&] { return !replica.isReady(); });
+    etcd_.awaitRequests("watch", 2);
+    put(1);
+    etcd_.endSilence();
+    EXPECT_TRUE(replica.ready().has("/1"));
+    EXPECT_EQ(count("kv/range"), 1U);
+}
+
+TEST_F(AReplica, ContinuesAWatchThatHasBroughtSomethingAndListsAgainAfterSomeThatHaveNot) {
+    Replica replica(members(1));
+    replica.ready();
+    etcd_.silenceWatches();
+    etcd_.endWatches();
+    etcd_.awaitRequests("watch", 2);
+    EXPECT_EQ(count("kv/range"), 1U);
+    await([&] {
+        etcd_.endWatches();
+        return count("kv/range") == 2;
+    });
+    etcd_.endSilence();
+    etcd_.endWatches();
+    put(1);
+    await([&] { return replica.has("/1"); });
+}
+
+TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredFromABackup) {
+    put(1, R"({"a":1})");
+    Replica replica(members(1));
+    replica.ready();
+    const auto backup = etcd_.backup();
+    for (int i = 0; i < 200; ++i) {
+        etcd_.put("/other", "x");
+    }
+    put(1, R"({"a":2})");
+    put(2);
+    await([&] { return replica.has("/2"); });
+    etcd_.restore(backup);
+    await([&] { return !replica.has("/2"); });
+    EXPECT_THAT(replica.ask("GET", targetOf(1)).body(), HasSubstr(R"({"a":1})"));
+    put(3);
+    await([&] { return replica.has("/3"); });
+    replica.ready();
+}
+
+TEST_F(AReplica, ReadsOneListAtATime) {
+    for (int number = 1; number <= 50; ++number) {
+        put(number);
+    }
+    Replica replica(members(1), kShortTtl);
+    replica.ready();
+    const auto backup = etcd_.backup();
+    for (int i = 0; i < 200; ++i) {
+        etcd_.put("/other", "x");
+    }
+    put(51);
+    await([&] { return replica.has("/51"); });
+    const std::size_t writes = count("kv/put");
+    etcd_.setScript("kv/range", [this, writes](const json& page, const Step& carryOut) {
+        if (page.at("revision") != "0") {  // the second page, while five further writes are made
+            etcd_.awaitRequests("kv/put", writes + 8);
+        }
+        return carryOut();
+    });
+    etcd_.restore(backup);
+    Watcher watcher(replica);
+    watcher.until("removed 51");
+    put(52);
+    EXPECT_THAT(watcher.until("put 52"), ElementsAre("put 52"));
+    EXPECT_THAT(replica.paths(), SizeIs(51));
+}
+
+TEST_F(AReplica, ListsInPagesOfOneRevisionAndInTheOrderOfCreation) {
+    for (int number = 90; number > 0; --number) {
+        put(number);
+    }
+    Replica replica(members(1));
+    const auto paths = replica.ready().paths();
+    ASSERT_EQ(paths.size(), 90U);
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        EXPECT_EQ(paths[i], '/' + std::to_string(90 - i));
+    }
+    const auto pages = etcd_.requests("kv/range");
+    ASSERT_GT(pages.size(), 1U);
+    EXPECT_EQ(pages[0].at("revision"), "0");
+    for (std::size_t i = 1; i < pages.size(); ++i) {
+        EXPECT_EQ(pages[i].at("revision"), "91");
+    }
+    EXPECT_EQ(etcd_.requests("watch").at(0).at("create_request").at("start_revision"), "92");
+}
+
+TEST_F(AReplica, AsksAgainForLessWhenAPageIsMissingAndForAllWhenEtcdRefusesIt) {
+    for (int number = 1; number <= 90; ++number) {
+        put(number);
+    }
+    etcd_.setScript("kv/range", [times = std::make_shared<std::atomic<int>>(0)](
+                                    const json&, const Step& carryOut) {
+        switch (++*times) {
+            case 2:
+                return PlayedEtcd::unavailable();
+            case 3:
+                return PlayedEtcd::Answer{{{"code", 11}, {"message", "compacted"}}, 400};
+            default:
+                return carryOut();
+        }
+    });
+    Replica replica(members(1));
+    EXPECT_THAT(replica.ready().paths(), SizeIs(90));
+    const auto pages = etcd_.requests("kv/range");
+    EXPECT_EQ(pages.at(2).at("key"), pages.at(1).at("key"));
+    EXPECT_LT(std::stoi(pages.at(2).at("limit").get<std::string>()),
+              std::stoi(pages.at(1).at("limit").get<std::string>()));
+    EXPECT_EQ(pages.at(3).at("key"), pages.at(0).at("key"));
+    EXPECT_EQ(pages.at(3).at("revision"), "0");
+}
+
+TEST_F(AReplica, IgnoresWhatOthersWriteBelowThePrefix) {
+    const auto litter = [this] {
+        etcd_.put(kPrefix + "entries/x", "x");
+        etcd_.put(kPrefix + "entries/" + uuidOf(7), "{\"path\":\"L2E=\"}");
+        etcd_.put(kPrefix + "entries/" + uuidOf(8) + "/x", "{\"path\":\"L2E=\"}\n{}");
+        etcd_.put(kPrefix + "checks", "x");
+        etcd_.put(kPrefix + "checks", R"({"from":"x","uuids":[1,"x"]})");
+        etcd_.put(kPrefix + "checksum", "x");
+        etcd_.put(kPrefix + "paths/x", "x");
+        etcd_.ask("kv/txn",
+                  {{"compare", json::array()},
+                   {"success",
+                    {{{"request_delete_range", {{"key", encode64(kPrefix + "entries/x")}}}}}}});
+    };
+    litter();
+    put(1);
+    Replica replica(members(1), kLongTtl);
+    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1"));
+    litter();
+    put(2);
+    await([&] { return replica.has("/2"); });
+    EXPECT_THAT(replica.paths(), ElementsAre("/1", "/2"));
+    EXPECT_EQ(replica.ask("PUT", "/x", "{}").result(), http::status::created);
+}
+
+// ---- Changes
+
+TEST_F(AReplica, DoesNotKnowTheResultOfAPutThatEtcdDoesNotAnswer) {
+    Replica replica(members(1));
+    replica.ready();
+    etcd_.setScript("kv/txn", [](const json&, const Step&) { return PlayedEtcd::unavailable(); });
+    const auto answer = replica.ask("PUT", "/lamp", "{}");
+    EXPECT_EQ(answer.result(), http::status::service_unavailable);
+    EXPECT_EQ(answer[http::field::retry_after], "1");
+    EXPECT_THAT(replica.paths(), IsEmpty());
+}
+
+TEST_F(AReplica, MakesOneEntryOfAPutWhoseFirstAttemptBroughtNoAnswer) {
+    Replica replica(members(2));
+    replica.ready();
+    for (const PlayedEtcd::Answer& instead :
+         {PlayedEtcd::unavailable(), PlayedEtcd::Answer{{}, 0}}) {
+        const std::string path = "/" + std::to_string(instead.status);
+        etcd_.setScript("kv/txn", losingTheFirstAnswer(instead));
+        const auto created = replica.ask("PUT", path, R"({"a":1})");
+        EXPECT_EQ(created.result(), http::status::created);
+        const std::string target(created[http::field::location]);
+        EXPECT_EQ(replica.statusOf("HEAD", target), 200U);
+        etcd_.setScript("kv/txn", losingTheFirstAnswer(instead));
+        const auto replaced = replica.ask("PUT", path, R"({"a":2})");
+        EXPECT_EQ(replaced.result(), http::status::ok);
+        EXPECT_EQ(replaced[http::field::location], target);
+        EXPECT_THAT(replica.ask("GET", target).body(), HasSubstr(R"({"a":2})"));
+    }
+    EXPECT_THAT(replica.paths(), SizeIs(2));
+    EXPECT_THAT(entries_.entriesIn(etcd_.ask("kv/range", entries_.list({}, 10, 0))), SizeIs(2));
+}
+
+TEST_F(AReplica, HasRemovedAnEntryThoughTheFirstAttemptBroughtNoAnswer) {
+    put(1);
+    put(2);
+    Replica replica(members(2));
+    replica.ready();
+    int number = 0;
+    for (const PlayedEtcd::Answer& instead :
+         {PlayedEtcd::unavailable(), PlayedEtcd::Answer{{}, 0}}) {
+        etcd_.setScript("kv/txn", losingTheFirstAnswer(instead));
+        EXPECT_EQ(replica.statusOf("DELETE", targetOf(++number)), 200U);
+        EXPECT_EQ(replica.statusOf("DELETE", targetOf(number)), 404U);
+    }
+}
+
+TEST_F(AReplica, LearnsFromEtcdWhatAPutOrADeleteFinds) {
+    for (int number = 1; number <= 4; ++number) {
+        put(number, R"({"host":"a","port":1})");
+    }
+    Replica replica(members(1));
+    replica.ready();
+    etcd_.silenceWatches();
+    remove(1);
+    put(2, R"({"a":2})");
+    remove(3);
+    put(4, R"({"a":2})");
+    put(5);
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 404U);
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(2)), 200U);
+    const auto again = replica.ask("PUT", "/3", "{}");
+    EXPECT_EQ(again.result(), http::status::created);
+    EXPECT_NE(again[http::field::location], targetOf(3));
+    EXPECT_THAT(replica.metrics(), HasSubstr("orvx_registry_moves_total 0\n"));
+    for (const int number : {4, 5}) {
+        const auto replaced = replica.ask("PUT", '/' + std::to_string(number), "{}");
+        EXPECT_EQ(replaced.result(), http::status::ok);
+        EXPECT_EQ(replaced[http::field::location], targetOf(number));
+    }
+    EXPECT_THAT(entries_.entriesIn(etcd_.ask("kv/range", entries_.list({}, 10, 0))), SizeIs(3));
+}
+
+TEST_F(AReplica, GivesUpAPathThatOthersChangeAgainAndAgain) {
+    Replica replica(members(1));
+    replica.ready();
+    etcd_.setScript("kv/txn", [this](const json&, const Step& carryOut) {
+        put(1);
+        return carryOut();
+    });
+    EXPECT_EQ(replica.ask("PUT", "/1", "{}").result(), http::status::service_unavailable);
+    EXPECT_GT(count("kv/txn"), 1U);
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 503U);
+}
+
+TEST_F(AReplica, TakesALeaseForManyRemovalsAndANewOneWhenEtcdHasLostIt) {
+    for (int number = 1; number <= 3; ++number) {
+        put(number);
+    }
+    Replica replica(members(1));
+    replica.ready();
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 200U);
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(2)), 200U);
+    EXPECT_EQ(count("lease/grant"), 1U);
+    etcd_.forgetLeases();
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(3)), 503U);
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(3)), 200U);
+    EXPECT_EQ(count("lease/grant"), 2U);
+}
+
+TEST_F(AReplica, AnswersWhenTheCopyHasTheChangeOrAfterASecond) {
+    Replica replica(members(1));
+    replica.ready();
+    const auto timeOf = [](const std::function<void()>& task) {
+        const auto begin = Clock::now();
+        task();
+        return Clock::now() - begin;
+    };
+    Clock::duration quickest = 1h;
+    for (int i = 0; i < 5; ++i) {
+        quickest = std::min(quickest, timeOf([&] { replica.put("/lamp"); }));
+    }
+    EXPECT_LT(quickest, 1s);
+    etcd_.holdEvents();
+    std::string target;
+    EXPECT_GE(timeOf([&] { target = replica.put("/other"); }), 1s);
+    EXPECT_THAT(replica.paths(), ElementsAre("/lamp"));
+    EXPECT_GE(timeOf([&] { replica.ask("DELETE", target); }), 1s);
+    etcd_.releaseEvents();
+}
+
+// ---- Checks and expiry
+
+TEST_F(AReplica, RenewsWhatIsCheckedAtOthers) {
+    put(1);
+    put(2);
+    etcd_.setScript("kv/put", [this](const json&, const Step& carryOut) {
+        etcd_.ask("kv/put", entries_.tellChecks("other", {uuidOf(1)}));
+        return carryOut();
+    });
+    Replica replica(members(1), kShortTtl);
+    Watcher watcher(replica.ready());
+    EXPECT_THAT(watcher.until("removed 2"), Contains("checked 1"));
+    EXPECT_TRUE(replica.has("/1"));
+    EXPECT_THAT(replica.metrics(), HasSubstr("orvx_registry_expirations_total 1\n"));
+    etcd_.setScript("kv/put", {});
+    watcher.until("removed 1");
+}
+
+TEST_F(AReplica, TellsACheckOnceInARoundAndDoesNotTakeItForAnotherOne) {
+    put(1);
+    Replica replica(members(1), kLongTtl);
+    Watcher watcher(replica.ready());
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    }
+    watcher.until("checked 1");
+    await([&] { return tellings(1) == 1; });
+    etcd_.awaitRequests("kv/put", count("kv/put") + 2);
+    EXPECT_EQ(tellings(1), 1U);
+    put(2);
+    EXPECT_THAT(watcher.until("put 2"), Not(Contains("checked 1")));
+}
+
+TEST_F(AReplica, TellsACheckInEachRound) {
+    put(1);
+    Replica replica(members(1), kShortTtl);
+    replica.ready();
+    await([&] {
+        EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+        return tellings(1) == 3;
+    });
+}
+
+TEST_F(AReplica, TellsAgainOfChecksWhoseWriteFailed) {
+    put(1);
+    Replica replica(members(1), kLongTtl);
+    replica.ready();
+    etcd_.setScript("kv/put", [isFirst = std::make_shared<std::atomic<bool>>(true)](
+                                  const json& write, const Step& carryOut) {
+        return !namesIn(write).empty() && isFirst->exchange(false) ? PlayedEtcd::unavailable()
+                                                                   : carryOut();
+    });
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    await([&] { return tellings(1) == 2; });
+}
+
+TEST_F(AReplica, LetsExpireInSeveralTransactionsAndKeepsWhatChangesMeanwhile) {
+    constexpr int kCount = 130;
+    for (int number = 1; number <= kCount; ++number) {
+        put(number);
+    }
+    etcd_.setScript("kv/txn", [this, isFirst = std::make_shared<std::atomic<bool>>(true)](
+                                  const json& transaction, const Step& carryOut) {
+        EXPECT_LE(transaction.at("compare").size(), EtcdEntries::kMaxRemovals + 1);
+        if (isFirst->exchange(false)) {
+            put(kCount, R"({"a":2})");
+        }
+        return carryOut();
+    });
+    Replica replica(members(1), kShortTtl);
+    Watcher watcher(replica.ready());
+    const auto changes = watcher.until("removed " + std::to_string(kCount));
+    const auto position = [&](const std::string& change) {
+        return std::find(changes.begin(), changes.end(), change) - changes.begin();
+    };
+    for (int number = 1; number < kCount; ++number) {
+        EXPECT_LT(position("removed " + std::to_string(number)),
+                  position("removed " + std::to_string(kCount)));
+    }
+    await([&] {
+        return replica.metrics().find("orvx_registry_expirations_total 130\n") != std::string::npos;
+    });
+}
+
+TEST_F(AReplica, LetsExpireNothingOnceAnotherOneHasToldOfChecks) {
+    constexpr int kCount = 100;
+    std::vector<std::string> all;
+    for (int number = 1; number <= kCount; ++number) {
+        put(number);
+        all.push_back(uuidOf(number));
+    }
+    etcd_.setScript("kv/txn", [&, isFirst = std::make_shared<std::atomic<bool>>(true)](
+                                  const json&, const Step& carryOut) {
+        if (isFirst->exchange(false)) {
+            etcd_.ask("kv/put", entries_.tellChecks("other", all));
+        }
+        return carryOut();
+    });
+    Replica replica(members(1), kShortTtl);
+    etcd_.awaitRequests("kv/txn", 1);
+    etcd_.awaitRequests("kv/put", count("kv/put") + 3);
+    EXPECT_EQ(count("kv/txn"), 1U);
+    EXPECT_THAT(replica.paths(), SizeIs(kCount));
+}
+
+// ---- The end
+
+TEST_F(AReplica, TellsItsLastChecksBeforeItEnds) {
+    put(1);
+    Replica replica(members(1), kLongTtl);
+    replica.ready();
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    replica.registry().stop();
+    EXPECT_EQ(tellings(1), 1U);
+}
+
+TEST_F(AReplica, EndsSoonWhenEtcdIsSilent) {
+    put(1);
+    Replica replica(members(5), kLongTtl);
+    replica.ready();
+    std::promise<void> end;
+    etcd_.setScript("kv/put", [ended = end.get_future().share()](const json&, const Step&) {
+        ended.wait();
+        return PlayedEtcd::unavailable();
+    });
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    const auto begin = Clock::now();
+    replica.registry().stop();
+    EXPECT_LT(Clock::now() - begin, 4s);
+    end.set_value();
+}
+
+TEST_F(AReplica, EndsAfterTheWriteThatIsUnderWayAndTellsWhatCameSince) {
+    put(1);
+    put(2);
+    Replica replica(members(1), kLongTtl);
+    replica.ready();
+    std::promise<void> release;
+    etcd_.setScript("kv/put", [isReleased = release.get_future().share()](const json& write,
+                                                                          const Step& carryOut) {
+        if (namesIn(write).count(uuidOf(1)) != 0) {
+            isReleased.wait();
+        }
+        return carryOut();
+    });
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    await([&] { return tellings(1) == 1; });
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 200U);
+    std::thread end([&] { replica.registry().stop(); });
+    await([&] {
+        try {
+            replica.connect();
+            return false;
+        } catch (const std::system_error&) {
+            return true;
+        }
+    });
+    release.set_value();
+    end.join();
+    EXPECT_EQ(tellings(2), 1U);
+}
+
+TEST(AnEtcdBackend, EndsThoughItsNextWriteIsDueWhenItIsStopped) {
+    const PlayedEtcd etcd;
+    asio::io_context context;
+    EntryStore store;
+    EtcdBackend backend(context, optionsOf({etcd.url()}), kPrefix, store, [] {});
+    asio::post(context, [&] { backend.stop(); });
+    const auto due = Clock::now() + 1'100ms;  // the timer has expired, its handler has not run
+    while (Clock::now() < due) {
+        std::this_thread::yield();
+    }
+    context.run_for(5s);
+    EXPECT_TRUE(context.stopped());
+}
+
+}  // namespace
+}  // namespace orvx::registry

@@ -1,0 +1,133 @@
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace orvx::registry {
+
+/// The JSON gateway of an etcd of one member, at any free port of 127.0.0.1. It keeps keys,
+/// revisions and leases as etcd does. A test decides which requests it carries out and answers, and
+/// what its watches bring, so that it shows on demand what etcd shows rarely.
+///
+/// Thread-safety: any thread.
+class PlayedEtcd {
+  public:
+    using Json = nlohmann::json;
+
+    struct Answer {
+        Json body{};
+        unsigned status = 200;  ///< 0: the connection ends without an answer
+    };
+    /// Answers a request, on the thread of its connection. `carryOut` does what etcd does. A script
+    /// that waits holds up its connection only.
+    using Script =
+        std::function<Answer(const Json& request, const std::function<Answer()>& carryOut)>;
+
+    /// The keys and their history at one time.
+    struct Backup {
+        struct Value {
+            std::string value;
+            std::uint64_t created;
+            std::uint64_t modified;
+        };
+        struct Event {
+            std::uint64_t revision;
+            std::string key;
+            Json event;
+        };
+        std::map<std::string, Value> keys{};
+        std::vector<Event> events{};
+        std::uint64_t revision = 1;
+    };
+
+    PlayedEtcd();
+    /// All scripts must return.
+    ~PlayedEtcd();
+    PlayedEtcd(const PlayedEtcd&) = delete;
+    PlayedEtcd& operator=(const PlayedEtcd&) = delete;
+
+    std::string url() const;
+
+    /// That script answers the calls of that name from now on, such as "kv/txn"; empty: etcd does.
+    void setScript(const std::string& call, Script script);
+    /// An answer that no member is available. The client may try the next member.
+    static Answer unavailable();
+
+    /// Carries a request out as that of another client. No script sees it.
+    Json ask(const std::string& call, const Json& request);
+    void put(const std::string& key, const std::string& value);
+
+    /// All requests of that name so far, but for those of ask().
+    std::vector<Json> requests(const std::string& call) const;
+    /// Waits until there are so many. Throws a std::runtime_error after 20 seconds.
+    void awaitRequests(const std::string& call, std::size_t count) const;
+
+    /// Watches bring nothing while their events are held.
+    void holdEvents();
+    void releaseEvents();
+    /// The watches that there are bring nothing any more, nor do those that begin before
+    /// endSilence().
+    void silenceWatches();
+    void endSilence();
+    /// As after a compaction of what they are to bring.
+    void cancelWatches();
+    /// Breaks their connections off.
+    void endWatches();
+
+    void forgetLeases();
+    Backup backup() const;
+    /// etcd restarts with the keys and the history of the backup.
+    void restore(const Backup& backup);
+
+  private:
+    struct Connection {
+        explicit Connection(boost::asio::ip::tcp::socket accepted) : socket(std::move(accepted)) {}
+        boost::asio::ip::tcp::socket socket;
+        bool isWatch = false;
+        bool isSilent = false;
+        bool isCanceled = false;
+        bool isEnded = false;
+    };
+
+    void accept();
+    void serve(Connection& connection);
+    void serveWatch(Connection& connection, const Json& create);
+    Answer answer(const std::string& call, const Json& request);
+    Answer carryOut(const std::string& call, const Json& request);
+    Json range(const Json& request) const;
+    Json transaction(const Json& request);
+    void write(const Json& request, std::uint64_t revision);
+    void remove(const Json& request, std::uint64_t revision);
+    Json header() const;
+    void end(Connection& connection);
+    void forEachWatch(const std::function<void(Connection&)>& change);
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::map<std::string, Script> scripts_{};
+    std::map<std::string, std::vector<Json>> requests_{};
+    Backup state_{};
+    std::uint64_t lease_ = 0;
+    std::uint64_t forgottenLease_ = 0;
+    bool isHeld_ = false;
+    bool isSilent_ = false;
+
+    boost::asio::io_context context_{};
+    boost::asio::ip::tcp::acceptor acceptor_;
+    std::list<Connection> connections_{};
+    std::list<std::thread> threads_{};
+    std::thread accepting_;
+};
+
+}  // namespace orvx::registry
