@@ -1,0 +1,37 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <initializer_list>
+
+namespace orvx::benchmarks {
+
+using Time = std::chrono::steady_clock::time_point;
+
+/// Sockets that are read by one thread, together with others.
+class Source {
+  public:
+    Source();
+    virtual ~Source();
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    /// An epoll instance: readable when receive() has something to do.
+    int epoll() const { return epoll_; }
+    /// Reads some of what has arrived. Never blocks.
+    virtual void receive() = 0;
+
+  protected:
+    /// Connects to a port of this machine. Throws when that fails.
+    int connect(std::uint16_t port) const;
+    /// `index`: in the event's data. Needed once for each socket.
+    void follow(int socket, std::size_t index) const;
+
+  private:
+    const int epoll_;
+};
+
+/// Reads what arrives until that time, to within some microseconds.
+void receiveUntil(Time time, const std::initializer_list<Source*>& sources);
+
+}  // namespace orvx::benchmarks
