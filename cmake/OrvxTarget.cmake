@@ -20,7 +20,8 @@ function(orvx_target name)
   # static object that makes a client.
   file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
   if(NOT folder MATCHES "^(tests|examples|benchmarks)")
-    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:Clang>:-Wglobal-constructors>)
+    target_compile_options(${name} PRIVATE
+      $<$<CXX_COMPILER_ID:Clang>:-Wglobal-constructors -Wreserved-identifier>)
   endif()
   get_target_property(type ${name} TYPE)
   if(NOT type STREQUAL "EXECUTABLE")
