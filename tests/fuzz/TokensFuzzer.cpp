@@ -19,7 +19,7 @@ using nlohmann::json;
 using orvx::fuzz::Input;
 using orvx::fuzz::require;
 using orvx::fuzz::requireSame;
-using orvx::registry::plainPath;
+using orvx::registry::scopeOf;
 using orvx::registry::Token;
 using orvx::registry::Tokens;
 
@@ -101,7 +101,7 @@ class File {
         if ((rights & 4U) != 0) {
             const std::string path = (rights & 0x40U) != 0 ? "/lamps" : asUtf8(input.text());
             line["announce"] = path;
-            isFine_ = isFine_ && plainPath(path) && path.find('?') == std::string::npos;
+            isFine_ = isFine_ && scopeOf(path);
         }
         if ((rights & 8U) != 0) {
             const std::uint64_t entries = (rights & 0x80U) != 0 ? input.number() : input.byte();
@@ -132,7 +132,7 @@ class File {
         requireSame(token.mayRead, line.value("read", false), "the right to read");
         requireSame(token.mayAdminister, line.value("administer", false),
                     "the right to administer");
-        require(token.scope == (line.contains("announce") ? plainPath(std::string(line["announce"]))
+        require(token.scope == (line.contains("announce") ? scopeOf(std::string(line["announce"]))
                                                           : std::nullopt),
                 "the scope");
         requireSame(token.maxEntries, line.value("entries", Token().maxEntries), "the entries");

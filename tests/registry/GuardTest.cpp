@@ -181,10 +181,13 @@ TEST_F(TheGuard, LetsNoTokenOutOfItsScope) {
 
 TEST_F(TheGuard, LetsNobodyAnnounceAmongItsOwnResources) {
     dispatcher_.setTokens(std::make_shared<const Tokens>(tokenLine("root", R"("announce":"/")")));
-    for (const char* path : {"/-/watch", "/-/faults", "/%2d/watch", "/-"}) {
+    for (const char* path :
+         {"/-/watch", "/-/faults", "/%2d/watch", "/-", "/-;x", "/-;x/watch", "/-%3bx/watch"}) {
         EXPECT_EQ(statusOf(verb::put, path, "root", "{}"), 403U) << path;
     }
-    EXPECT_EQ(statusOf(verb::put, "/-watch", "root", "{}"), 201U);
+    for (const char* path : {"/-watch", "/a;/-/watch"}) {
+        EXPECT_EQ(statusOf(verb::put, path, "root", "{}"), 201U) << path;
+    }
 }
 
 TEST_F(TheGuard, LetsThoseWhoAdministerSetFaultsAndNothingElse) {

@@ -69,6 +69,15 @@ TEST(APath, IsNoneWhenItHasTwoReadings) {
     }
 }
 
+TEST(AScope, IsAPathWithoutAQueryAndASemicolon) {
+    EXPECT_THAT(scopeOf("/"), Optional(std::string()));
+    EXPECT_THAT(scopeOf("/la%6Dps/"), Optional(std::string("/lamps")));
+    for (const char* text : {"", "lamps", "/lamps/..", "/lamps?", "/lamps;", "/lamps;v=1/a",
+                             "/lamps%3bx", "/a/lamps;x"}) {
+        EXPECT_EQ(scopeOf(text), std::nullopt) << text;
+    }
+}
+
 TEST(APath, IsWithinAScopeFromASlashToTheNext) {
     EXPECT_TRUE(isWithin("/a", "/a"));
     EXPECT_TRUE(isWithin("/a/b", "/a"));

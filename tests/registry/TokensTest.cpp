@@ -82,6 +82,8 @@ TEST(TheTokens, AreRefusedWithTheLineOfAMistake) {
           {line("a", kOther, R"(,"announce":"lamps")"), "line 1: \"announce\" must be a path"},
           {line("a", kOther, R"(,"announce":"/a/../b")"), "line 1: \"announce\" must be a path"},
           {line("a", kOther, R"(,"announce":"/a?b=1")"), "line 1: \"announce\" must be a path"},
+          {line("a", kOther, R"(,"announce":"/a;b=1")"), "line 1: \"announce\" must be a path"},
+          {line("a", kOther, R"(,"announce":"/a%3bb")"), "line 1: \"announce\" must be a path"},
           {line("a", kOther, R"(,"entries":0)"), "line 1: \"entries\" must be"},
           {line("a", kOther, R"(,"bytes":-1)"), "line 1: \"bytes\" must be"},
           {line("a", kOther, R"(,"reed":true)"), "line 1: \"reed\" has no meaning"},

@@ -139,7 +139,9 @@ std::optional<Response> Guard::refuse(const Request& header, const Token& token)
         if (!path) {
             return failure(http::status::bad_request, "the path can be read in two ways");
         }
-        return unless(token.mayAnnounce(target) && !isWithin(*path, "/-"), "announce there");
+        // A reader may cut a segment at its semicolon.
+        const bool isReserved = isWithin(path->substr(0, path->find(';')), "/-");
+        return unless(token.mayAnnounce(target) && !isReserved, "announce there");
     }
     if (method == http::verb::get || (method == http::verb::head && isOwn(target))) {
         return unless(token.mayRead, "read");

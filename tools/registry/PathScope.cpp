@@ -71,6 +71,12 @@ std::optional<std::string> plainPath(std::string_view target) {
     return isUtf8(path) ? std::optional(path) : std::nullopt;
 }
 
+std::optional<std::string> scopeOf(std::string_view text) {
+    const bool hasQuery = text.find('?') != std::string_view::npos;
+    auto path = hasQuery ? std::nullopt : plainPath(text);
+    return path && path->find(';') == std::string::npos ? path : std::nullopt;
+}
+
 bool isWithin(std::string_view path, std::string_view scope) {
     return path.substr(0, scope.size()) == scope &&
            (path.size() == scope.size() || path[scope.size()] == '/');

@@ -16,6 +16,10 @@ namespace orvx::registry {
 /// Segments, backslashes and control characters are examined as they stand and decoded.
 std::optional<std::string> plainPath(std::string_view target);
 
+/// The path of a scope. Empty if plainPath() is, if the text has a query, or if the path has a
+/// semicolon: a reader that cuts segments there would find what is below outside of the scope.
+std::optional<std::string> scopeOf(std::string_view text);
+
 /// Whether a path is the scope or below it. Both are results of plainPath(). `/ab` is not below
 /// `/a`.
 bool isWithin(std::string_view path, std::string_view scope);

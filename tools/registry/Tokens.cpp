@@ -59,10 +59,9 @@ Token readToken(std::string_view line) {
         token.mayAdminister = fields.flag("administer");
     }
     if (fields.has("announce")) {
-        const std::string path = fields.text("announce");
-        token.scope = plainPath(path);
-        require(token.scope && path.find('?') == std::string::npos,
-                "\"announce\" must be a path such as / or /lamps, without ? and . and .. and //");
+        token.scope = scopeOf(fields.text("announce"));
+        require(token.scope.has_value(),
+                "\"announce\" must be a path such as / or /lamps, without ? ; . .. and //");
     }
     if (fields.has("entries")) {
         token.maxEntries = fields.number("entries", 1, std::uint64_t{1} << 24);

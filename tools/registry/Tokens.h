@@ -19,7 +19,7 @@ struct Token {
     std::array<unsigned char, 32> hash{};
     bool mayRead = false;
     bool mayAdminister = false;
-    std::optional<std::string> scope{};  ///< announces there and below; as plainPath() gives it
+    std::optional<std::string> scope{};  ///< announces there and below; as scopeOf() gives it
     std::size_t maxEntries = 10'000;
     std::uint64_t maxBytes = 64'000'000;
 
