@@ -1,6 +1,7 @@
 """The servers that the registry's benchmark asks, and the rows of what it prints.
 
-All run on the last processor, but for etcd, which is on the client's: it is no part of the registry.
+All run on the last processor, but for etcd, which is on the client's: it is no part of the registry. The watchers do
+not ask for the checks.
 """
 
 import contextlib

@@ -32,7 +32,8 @@ Watchers::~Watchers() {
 
 void Watchers::begin(int socket, const std::string& lastId) {
     const std::string request =
-        "GET /-/watch HTTP/1.1\r\nHost: 127.0.0.1\r\nLast-Event-ID: " + lastId + "\r\n\r\n";
+        "GET /-/watch?checks=no HTTP/1.1\r\nHost: 127.0.0.1\r\nLast-Event-ID: " + lastId +
+        "\r\n\r\n";
     require(::send(socket, request.data(), request.size(), MSG_NOSIGNAL) > 0,
             "a watch does not begin");
 }

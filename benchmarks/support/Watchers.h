@@ -12,7 +12,7 @@ namespace orvx::benchmarks {
 /// What the service of a change begins with; the time of the change follows, in nanoseconds.
 inline constexpr std::string_view kChanged = "{\"changed\":";
 
-/// Readers of a registry's stream of changes, from now on.
+/// Readers of a registry's stream of changes, without the checks, from now on.
 class Watchers : public Source {
   public:
     Watchers(std::uint16_t port, std::size_t count);

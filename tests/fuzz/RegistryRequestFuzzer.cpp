@@ -118,11 +118,11 @@ class Registry {
     /// A reader that begins is told every entry.
     void requireListed(Watch& watch) {
         std::size_t count = 0;
-        for (std::string piece = dispatcher_.news(watch); !piece.empty();
+        for (auto piece = dispatcher_.news(watch); !piece->empty();
              piece = dispatcher_.news(watch)) {
-            require(piece.size() < Watch::kPiece + Watch::kLongestEvent, "a short piece");
-            for (auto at = piece.find("event: put\n"); at != std::string::npos;
-                 at = piece.find("event: put\n", at + 1)) {
+            require(piece->size() < Watch::kPiece + Watch::kLongestEvent, "a short piece");
+            for (auto at = piece->find("event: put\n"); at != std::string::npos;
+                 at = piece->find("event: put\n", at + 1)) {
                 ++count;
             }
         }

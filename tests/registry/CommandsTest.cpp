@@ -124,6 +124,22 @@ TEST(TheWatchCommand, PrintsTheListAndWhatChanges) {
     asJson.awaitOutput(R"("event":"listed"})");
 }
 
+TEST(TheWatchCommand, AsksForTheChecksOnlyIfItPrintsThem) {
+    using Arguments = std::vector<std::string>;
+    for (const auto& [arguments, target] :
+         {std::pair<Arguments, std::string>{{"watch"}, "/-/watch?checks=no"},
+          {{"watch", "--json"}, "/-/watch"},
+          {{"watch", "--exec", "cat"}, "/-/watch?checks=no"}}) {
+        FakeServer server("127.0.0.1");
+        Arguments all = arguments;
+        all.insert(all.begin() + 1, {"--registry", "http://" + server.authority()});
+        RegistryProcess watch(all);
+        EXPECT_THAT(server.answer("HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\n{}"),
+                    StartsWith("GET " + target + " HTTP/1.1\r\n"));
+        EXPECT_EQ(statusOf(watch.wait()), 125);
+    }
+}
+
 TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     const TemporaryFolder folder;
     RegistryOptions options;

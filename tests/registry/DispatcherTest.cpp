@@ -87,9 +87,9 @@ TEST_F(TheDispatcher, LetsAReaderWatchTheEntries) {
     EXPECT_EQ((*reaction.response)[http::field::content_type], "text/event-stream");
     EXPECT_FALSE(reaction.response->keep_alive());
     ask(verb::put, "/a", "{}");
-    EXPECT_THAT(dispatcher_.news(reaction.watch.value()), HasSubstr("\nevent: put\n"));
+    EXPECT_THAT(*dispatcher_.news(reaction.watch.value()), HasSubstr("\nevent: put\n"));
     now_ += 10s;
-    EXPECT_THAT(dispatcher_.news(*reaction.watch), HasSubstr("\nevent: removed\n"));
+    EXPECT_THAT(*dispatcher_.news(*reaction.watch), HasSubstr("\nevent: removed\n"));
     EXPECT_FALSE(react(verb::head, "/-/watch").watch);
     EXPECT_EQ(react(verb::put, "/-/watch", "{}").response->result(), http::status::created);
 }
@@ -163,9 +163,9 @@ TEST_F(TheDispatcher, ForgetsWhatIsDueWhileAReaderWatches) {
     Reaction reaction = react(verb::get, "/-/watch");
     ask(verb::put, "/a", "{}");
     ask(verb::put, "/-/faults", R"({"fault":"forget","after":2})");
-    EXPECT_THAT(dispatcher_.news(reaction.watch.value()), HasSubstr("{\"faults\":1,"));
+    EXPECT_THAT(*dispatcher_.news(reaction.watch.value()), HasSubstr("{\"faults\":1,"));
     now_ += 2s;
-    const std::string news = dispatcher_.news(*reaction.watch);
+    const std::string news = *dispatcher_.news(*reaction.watch);
     EXPECT_THAT(news, HasSubstr("\nevent: removed\n"));
     EXPECT_THAT(news, HasSubstr("{\"faults\":0,"));
 }

@@ -157,6 +157,20 @@ TEST_F(TheWatch, TellsManyChecksInOneEvent) {
     EXPECT_EQ(events[0].data, json::array({{b, 1, 1'000}, {a, 2, 1'000}}));
 }
 
+TEST_F(TheWatch, LeavesOutTheChecksForAReaderThatDoesNotWantThem) {
+    const std::string a = put("/a");
+    store_.check(a);
+    Watch watch(store_, "", false);
+    EXPECT_THAT(readNames(watch), ElementsAre("list", "put/a", "listed"));
+    store_.check(a);
+    EXPECT_THAT(readNames(watch), IsEmpty());
+    store_.check(a);
+    put("/b");
+    store_.check(a);
+    store_.remove(a);
+    EXPECT_THAT(readNames(watch), ElementsAre("put/b", "removed"));
+}
+
 TEST_F(TheWatch, DoesNotLoseAnEntryThatIsCheckedWhileTheListIsTold) {
     std::vector<std::string> uuids;
     for (int i = 0; i < 500; ++i) {
@@ -285,6 +299,78 @@ TEST_F(TheWatch, TellsAChangeInAsManyBytesHoweverManyEntriesThereAre) {
     EXPECT_THAT(sizes, Each(::testing::Le(sizes[0] + 4)));  // its age may have more digits
 }
 
+class TheRecentPieces : public TheWatch {
+  protected:
+    Watch reader(bool hasChecks = true) {
+        Watch watch(store_, "", hasChecks);
+        while (!watch.next(store_, 0).empty()) {
+        }
+        return watch;
+    }
+
+    RecentPieces pieces_;
+};
+
+TEST_F(TheRecentPieces, AreMadeOnceForAllReadersInTheSamePosition) {
+    const std::string a = put("/a");
+    Watch one = reader();
+    Watch other = one;
+    put("/b");
+    store_.check(a);
+    const auto piece = pieces_.next(one, store_, 0);
+    EXPECT_THAT(*piece, ::testing::HasSubstr("event: checked\n"));
+    EXPECT_EQ(pieces_.next(other, store_, 0), piece);
+    EXPECT_EQ(*pieces_.next(other, store_, 0), "");
+}
+
+TEST_F(TheRecentPieces, AreOtherOnesForReadersInOtherPositions) {
+    const std::string a = put("/a");
+    Watch early = reader();
+    put("/b");
+    Watch late = reader();
+    Watch withoutChecks = reader(false);
+    store_.check(a);
+    put("/c");
+    const auto piece = pieces_.next(early, store_, 0);
+    EXPECT_THAT(parse(*piece), ::testing::SizeIs(3));
+    EXPECT_THAT(parse(*pieces_.next(late, store_, 0)), ::testing::SizeIs(2));
+    EXPECT_THAT(parse(*pieces_.next(withoutChecks, store_, 0)), ::testing::SizeIs(1));
+}
+
+TEST_F(TheRecentPieces, AreNotThoseFromBeforeAChange) {
+    const std::string a = put("/a");
+    Watch one = reader();
+    Watch other = one;
+    Watch third = one;
+    put("/b");
+    EXPECT_THAT(parse(*pieces_.next(one, store_, 0)), ::testing::SizeIs(1));
+    store_.check(a);
+    EXPECT_THAT(parse(*pieces_.next(other, store_, 0)), ::testing::SizeIs(2));
+    EXPECT_THAT(*pieces_.next(third, store_, 7), StartsWith("event: state\ndata: {\"faults\":7"));
+}
+
+TEST_F(TheRecentPieces, DoNotDifferByChecksForAReaderThatDoesNotWantThem) {
+    const std::string a = put("/a");
+    Watch one = reader(false);
+    Watch other = one;
+    put("/b");
+    const auto piece = pieces_.next(one, store_, 0);
+    store_.check(a);
+    EXPECT_EQ(pieces_.next(other, store_, 0), piece);
+}
+
+TEST_F(TheRecentPieces, AreMadeAnewWhenTheirTimesAreTooOld) {
+    Watch one = reader();
+    Watch other = one;
+    Watch third = one;
+    put("/a");
+    const auto piece = pieces_.next(one, store_, 0);
+    now_ += RecentPieces::kLifetime;
+    EXPECT_EQ(pieces_.next(other, store_, 0), piece);
+    now_ += 1ms;
+    EXPECT_EQ(parse(*pieces_.next(third, store_, 0)).at(0).data.at("renewed"), 51);
+}
+
 /// A reader that builds the list from what it is told, and remembers the last id.
 class Reader {
   public:
@@ -296,6 +382,15 @@ class Reader {
             }
             apply(event);
             id = event.id.empty() ? id : event.id;
+        }
+    }
+
+    /// The counts of checks of a reader that does not get them become those.
+    void forgetChecks(const std::map<std::string, json>& known) {
+        for (const auto& [uuid, entry] : known) {
+            if (const auto own = entries.find(uuid); own != entries.end()) {
+                own->second[2] = entry[2];
+            }
         }
     }
 
@@ -325,7 +420,9 @@ TEST_F(TheWatch, LeavesEveryReaderWithTheEntriesOfTheStoreWhereverItsConnections
     const auto below = [&random](std::size_t limit) { return random() % limit; };
     for (int round = 0; round < 20; ++round) {
         std::vector<Reader> readers(3);
-        std::vector<Watch> watches(3, Watch(store_, ""));
+        std::vector<Watch> watches(2, Watch(store_, ""));
+        watches.emplace_back(store_, "", false);
+        RecentPieces pieces;
         for (int step = 0; step < 300; ++step) {
             for (std::size_t changes = below(30); changes > 0; --changes) {
                 const std::string path = '/' + std::to_string(below(200));
@@ -338,11 +435,11 @@ TEST_F(TheWatch, LeavesEveryReaderWithTheEntriesOfTheStoreWhereverItsConnections
                 store_.clear();
             }
             const auto which = below(3);
-            const std::string piece = watches[which].next(store_, 0);
+            const std::string piece = *pieces.next(watches[which], store_, 0);
             const bool isCut = below(4) == 0;
             readers[which].take(piece, isCut ? below(20) : piece.size());
             if (isCut) {
-                watches[which] = Watch(store_, readers[which].id);
+                watches[which] = Watch(store_, readers[which].id, which < 2);
             }
         }
         std::map<std::string, json> expected;
@@ -350,10 +447,11 @@ TEST_F(TheWatch, LeavesEveryReaderWithTheEntriesOfTheStoreWhereverItsConnections
             expected[entry.uuid] = {entry.path, json::parse(entry.service), entry.checks};
         }
         for (std::size_t i = 0; i < readers.size(); ++i) {
-            for (std::string piece = watches[i].next(store_, 0); !piece.empty();
-                 piece = watches[i].next(store_, 0)) {
-                readers[i].take(piece, piece.size());
+            for (auto piece = pieces.next(watches[i], store_, 0); !piece->empty();
+                 piece = pieces.next(watches[i], store_, 0)) {
+                readers[i].take(*piece, piece->size());
             }
+            readers[i].forgetChecks(i == 2 ? expected : std::map<std::string, json>());
             ASSERT_EQ(readers[i].entries, expected);
         }
     }

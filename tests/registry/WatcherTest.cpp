@@ -108,6 +108,26 @@ TEST(AWatcher, IsToldOfChecksAndOfWhatExpiresWhileNobodyAsks) {
     watcher.connection.readUntil("event: removed\n");
 }
 
+TEST(AWatcher, IsNotToldOfChecksThatItDoesNotWant) {
+    const RunningRegistry registry;
+    RawConnection other = registry.connect();
+    const std::string location = put(other, "/lamp");
+    Watcher watcher(registry.port(), "GET /-/watch?checks=no HTTP/1.1\r\n\r\n");
+    other.ask(makeRequest("HEAD", location));
+    put(other, "/doorbell");
+    const std::string events = watcher.connection.readUntil("/doorbell");
+    EXPECT_THAT(events, Not(HasSubstr("event: checked\n")));
+}
+
+TEST(AWatcher, IsRefusedWithAQueryThatMakesNoSense) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    for (const char* query : {"checks", "checks=maybe", "check=no", "checks=no&checks=no", "x=%"}) {
+        const auto response = connection.ask(makeRequest("GET", std::string("/-/watch?") + query));
+        EXPECT_EQ(response.result(), http::status::bad_request) << query;
+    }
+}
+
 TEST(AWatcher, ResumesWhereItsConnectionWasCut) {
     const RunningRegistry registry;
     RawConnection other = registry.connect();

@@ -227,6 +227,8 @@ def ask_an_open_registry(registry):
     registry.ask("GET", "/?unknown=1", "/")
     registry.ask("GET", "/-/prometheus")
     registry.ask("GET", "/-/prometheus?limit=1", "/-/prometheus")
+    registry.ask("GET", "/-/watch?checks=no", "/-/watch")
+    registry.ask("GET", "/-/watch?checks=maybe", "/-/watch")
     registry.ask("PUT", "/lamp", "/{path}", body="no JSON")
     registry.ask("PUT", "/lamp", "/{path}", body="x" * 30000)
     registry.ask("PUT", "/-/faults", body="x" * 30000)

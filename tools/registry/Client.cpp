@@ -140,9 +140,10 @@ Response Client::ask(http::verb method, const std::string& target) {
 }
 
 std::optional<Response> Client::watch(
-    std::string& lastId, const std::function<void(std::string_view, std::string_view)>& take) {
+    const std::string& target, std::string& lastId,
+    const std::function<void(std::string_view, std::string_view)>& take) {
     stream_.reset();
-    send(http::verb::get, "/-/watch", lastId);
+    send(http::verb::get, target, lastId);
     http::response_parser<http::string_body> parser;
     parser.body_limit(std::numeric_limits<std::uint64_t>::max());
     require(

@@ -37,11 +37,12 @@ class Client {
 
     Response ask(boost::beast::http::verb method, const std::string& target);
 
-    /// Follows the stream of changes until the connection ends. `lastId`: of the last event that is
-    /// known; is kept up to date. `take` is called with name and data of each event. What the
-    /// registry answers if it is no stream is returned.
+    /// Follows the stream of changes at `target` until the connection ends. `lastId`: of the last
+    /// event that is known; is kept up to date. `take` is called with name and data of each event.
+    /// What the registry answers if it is no stream is returned.
     std::optional<Response> watch(
-        std::string& lastId, const std::function<void(std::string_view, std::string_view)>& take);
+        const std::string& target, std::string& lastId,
+        const std::function<void(std::string_view, std::string_view)>& take);
 
   private:
     using Error = boost::beast::error_code;

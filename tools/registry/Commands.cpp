@@ -31,6 +31,7 @@ namespace {
 
 constexpr int kNotFound = 1;
 constexpr const char* kPage = "1000";
+constexpr const char* kChanges = "/-/watch?checks=no";
 
 struct Arguments {
     ClientOptions client{};
@@ -170,7 +171,8 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
 /// Follows the stream, and connects again by itself: after a second if the registry cannot be
 /// reached, after a growing pause if it refuses. Throws what fails before the first event, and what
 /// `take` throws when stdout has failed.
-[[noreturn]] void follow(const ClientOptions& options, const TakeEvent& take) {
+[[noreturn]] void follow(const ClientOptions& options, const std::string& target,
+                         const TakeEvent& take) {
     std::string lastId;
     bool hasBegun = false;
     std::string reported;
@@ -179,8 +181,8 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
         std::chrono::seconds pause(1);
         try {
             // Anew, so that replaced files of tokens and TLS are read.
-            const auto refusal =
-                Client(options).watch(lastId, [&](std::string_view name, std::string_view data) {
+            const auto refusal = Client(options).watch(
+                target, lastId, [&](std::string_view name, std::string_view data) {
                     try {
                         take(name, data);
                     } catch (...) {
@@ -226,7 +228,7 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
             return parse(expectOk(response).body());
         });
     CommandRunner runner(arguments.command);
-    follow(arguments.client, [&](std::string_view name, std::string_view data) {
+    follow(arguments.client, kChanges, [&](std::string_view name, std::string_view data) {
         if (entries.apply(name, parse(data))) {
             runner.submit(entries.text());
         }
@@ -237,9 +239,11 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
     if (arguments.executes) {
         execute(arguments);
     }
-    follow(arguments.client, [&](std::string_view name, std::string_view data) {
-        printEvent(name, data, arguments.asJson);
-    });
+    // As JSON every event is printed; the lines are of what is put and removed.
+    follow(arguments.client, arguments.asJson ? "/-/watch" : kChanges,
+           [&](std::string_view name, std::string_view data) {
+               printEvent(name, data, arguments.asJson);
+           });
 }
 
 /// A command takes all that follows its name; before it stand options only.

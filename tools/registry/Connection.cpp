@@ -358,9 +358,9 @@ std::string Connection::framed(const std::string& piece, bool isLast) const {
 }
 
 void Connection::sendList(std::string piece) {
-    piece_ = std::move(piece);
+    piece_ = std::make_shared<const std::string>(std::move(piece));
     stream_.tcp().expires_after(shared_.options.writeTimeout);
-    asio::async_write(stream_, asio::buffer(piece_),
+    asio::async_write(stream_, asio::buffer(*piece_),
                       beast::bind_front_handler(&Connection::onListSent, shared_from_this()));
 }
 
@@ -370,7 +370,7 @@ void Connection::onListSent(Error error, std::size_t) {
     }
     if (list_->isDone()) {
         list_.reset();
-        piece_ = {};
+        piece_.reset();
         stream_.tcp().socket().set_option(asio::socket_base::linger(false, 0), error);
         return onAnswered({}, 0);
     }
@@ -390,19 +390,19 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
     watch_ = watch;
     shared_.dispatcher.counts().addWatcher();
     std::ostringstream header;
-    header << response.base() << kRetry << shared_.dispatcher.news(*watch_);
-    send(header.str());
+    header << response.base() << kRetry << *shared_.dispatcher.news(*watch_);
+    send(std::make_shared<const std::string>(header.str()));
 }
 
 void Connection::sendNews() {
-    std::string piece = shared_.dispatcher.news(*watch_);
-    piece.empty() ? awaitNews() : send(std::move(piece));
+    auto piece = shared_.dispatcher.news(*watch_);
+    piece->empty() ? awaitNews() : send(std::move(piece));
 }
 
-void Connection::send(std::string piece) {
+void Connection::send(RecentPieces::Piece piece) {
     piece_ = std::move(piece);
     stream_.tcp().expires_after(shared_.options.writeTimeout);
-    asio::async_write(stream_, asio::buffer(piece_),
+    asio::async_write(stream_, asio::buffer(*piece_),
                       beast::bind_front_handler(&Connection::onNewsSent, shared_from_this()));
 }
 
@@ -415,7 +415,7 @@ void Connection::onNewsSent(Error error, std::size_t size) {
     if (size >= Watch::kPiece) {
         return sendNews();
     }
-    piece_ = {};
+    piece_.reset();
     delay_.expires_after(kBetweenNews);
     delay_.async_wait([self = shared_from_this()](Error) {
         if (self->isOpen()) {

@@ -100,7 +100,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void onListSent(Error error, std::size_t);
     void beginWatch(const Response& response, const Watch& watch);
     void sendNews();
-    void send(std::string piece);
+    void send(RecentPieces::Piece piece);
     void onNewsSent(Error error, std::size_t size);
     void awaitNews();
 
@@ -116,7 +116,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Response response_;
     std::optional<EntryWriter> list_;
     std::optional<Watch> watch_;
-    std::string piece_;
+    RecentPieces::Piece piece_;  // that is being sent
     boost::asio::steady_timer delay_;
     std::chrono::steady_clock::time_point farewell_;
 };

@@ -30,6 +30,13 @@ bool asksFor(const char* target, const Request& request, bool mayHaveQuery = fal
            (request.method() == http::verb::get || request.method() == http::verb::head);
 }
 
+/// What follows the `?` of the target.
+std::string_view queryIn(const Request& request) {
+    const auto target = request.target();
+    const auto end = std::min(target.find('?'), target.size() - 1) + 1;
+    return {target.data() + end, target.size() - end};
+}
+
 }  // namespace
 
 Dispatcher::Dispatcher(StoreOptions store, const DispatcherOptions& options)
@@ -113,7 +120,7 @@ void Dispatcher::decide(const Request& request, const Caller& caller, const Hand
     if (asksFor("/-/metrics", request)) {
         return done({metrics()});
     }
-    const bool isWatch = asksFor("/-/watch", request);
+    const bool isWatch = asksFor("/-/watch", request, true);
     if (isWatch || asksFor("/-/prometheus", request, true)) {
         if (!backend_->isLoaded()) {
             return done({unavailable()});
@@ -147,13 +154,19 @@ void Dispatcher::askForEntries(const Request& request, const Caller& caller, Han
 
 Reaction Dispatcher::beginWatch(const Request& request) {
     forgetWhatIsDue();
+    bool hasChecks = true;
+    try {
+        hasChecks = wantsChecks(queryIn(request));
+    } catch (const std::invalid_argument& error) {
+        return {failure(http::status::bad_request, error.what())};
+    }
     Reaction reaction{Response(http::status::ok, 11)};
     reaction.response->set(http::field::content_type, "text/event-stream");
     reaction.response->set(http::field::cache_control, "no-store");
     reaction.response->set("X-Content-Type-Options", "nosniff");
     if (request.method() == http::verb::get) {
         const auto lastId = request["Last-Event-ID"];
-        reaction.watch.emplace(store_, std::string_view(lastId.data(), lastId.size()));
+        reaction.watch.emplace(store_, std::string_view(lastId.data(), lastId.size()), hasChecks);
     }
     return reaction;
 }
@@ -169,11 +182,8 @@ Response Dispatcher::metrics() {
 
 Reaction Dispatcher::targetGroups(const Request& request) {
     forgetWhatIsDue();
-    const auto target = request.target();
-    const auto end = std::min(target.find('?'), target.size() - 1) + 1;
     try {
-        ListQuery query =
-            parseListQuery({target.data() + end, target.size() - end}, store_.places());
+        ListQuery query = parseListQuery(queryIn(request), store_.places());
         if (query.limit || query.after != 0) {
             throw std::invalid_argument("the query takes name, category and version");
         }
@@ -188,14 +198,14 @@ Reaction Dispatcher::targetGroups(const Request& request) {
     }
 }
 
-std::string Dispatcher::news(Watch& watch) {
+RecentPieces::Piece Dispatcher::news(Watch& watch) {
     try {
         backend_->expire();
         forgetWhatIsDue();
     } catch (const FileError& error) {
         std::cerr << "orvx-registry: " << error.what() << std::endl;
     }
-    return watch.next(store_, faults_.count(store_.now()));
+    return pieces_.next(watch, store_, faults_.count(store_.now()));
 }
 
 void Dispatcher::forgetWhatIsDue() {

@@ -72,7 +72,7 @@ class Dispatcher {
 
     /// What a watch has to tell, after what is due has happened to the entries. Says on stderr when
     /// the store's file fails.
-    std::string news(Watch& watch);
+    RecentPieces::Piece news(Watch& watch);
 
     const EntryStore& store() const { return store_; }
     EntryStore& store() { return store_; }
@@ -92,6 +92,7 @@ class Dispatcher {
     EntryStore store_;
     Faults faults_;
     Metrics metrics_;
+    RecentPieces pieces_{};
     Guard guard_;
     const bool admin_;
     LocalBackend local_{store_};

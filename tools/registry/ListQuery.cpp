@@ -1,4 +1,4 @@
-// Which entries are asked for, and whether one is.
+// Which entries are asked for, and whether one is; and which events of the stream.
 // Entered by any thread; there is no state and no lock.
 
 #include "ListQuery.h"
@@ -60,6 +60,22 @@ std::uint64_t toNumberAfter(std::string_view text, std::string_view instance) {
     return number;
 }
 
+/// Calls `take` with the name and the value of each field. Throws a std::invalid_argument.
+template <typename Take>
+void forEachField(std::string_view text, Take&& take) {
+    std::string known;
+    while (!text.empty()) {
+        const std::string_view pair = text.substr(0, text.find('&'));
+        text.remove_prefix(std::min(pair.size() + 1, text.size()));
+        const std::string_view key = pair.substr(0, pair.find('='));
+        if (known.find('&' + std::string(key) + '&') != std::string::npos) {
+            throw std::invalid_argument("the query has a field twice");
+        }
+        take(key, decode(pair.substr(std::min(key.size() + 1, pair.size()))));
+        known += '&' + std::string(key) + '&';
+    }
+}
+
 void set(ListQuery& query, std::string_view key, std::string value, std::string_view instance) {
     if (key == "name") {
         query.name = std::move(value);
@@ -113,18 +129,21 @@ bool ListQuery::matches(const Entry& entry) const {
 
 ListQuery parseListQuery(std::string_view text, std::string_view instance) {
     ListQuery query;
-    std::string known;
-    while (!text.empty()) {
-        const std::string_view pair = text.substr(0, text.find('&'));
-        text.remove_prefix(std::min(pair.size() + 1, text.size()));
-        const std::string_view key = pair.substr(0, pair.find('='));
-        if (known.find('&' + std::string(key) + '&') != std::string::npos) {
-            throw std::invalid_argument("the query has a field twice");
-        }
-        set(query, key, decode(pair.substr(std::min(key.size() + 1, pair.size()))), instance);
-        known += '&' + std::string(key) + '&';
-    }
+    forEachField(text, [&](std::string_view key, std::string value) {
+        set(query, key, std::move(value), instance);
+    });
     return query;
+}
+
+bool wantsChecks(std::string_view text) {
+    bool isWanted = true;
+    forEachField(text, [&isWanted](std::string_view key, const std::string& value) {
+        if (key != "checks" || (value != "yes" && value != "no")) {
+            throw std::invalid_argument("the query takes checks=yes or checks=no");
+        }
+        isWanted = value == "yes";
+    });
+    return isWanted;
 }
 
 std::string placeAfter(std::uint64_t number, std::string_view instance) {

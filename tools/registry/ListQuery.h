@@ -33,6 +33,10 @@ struct ListQuery {
 /// or UnknownPlace.
 ListQuery parseListQuery(std::string_view text, std::string_view instance);
 
+/// Whether a reader of the stream gets the checks, by what follows the `?` of its target. Throws a
+/// std::invalid_argument.
+bool wantsChecks(std::string_view text);
+
 /// What `after` is to be, for the entries that follow that number.
 std::string placeAfter(std::uint64_t number, std::string_view instance);
 

@@ -1,5 +1,6 @@
 // Builds the events for a reader of the stream: the puts, checks and removals after the reader's
-// revision, in the order of their revisions, each entry in its present state.
+// revision, in the order of their revisions, each entry in its present state. Heartbeats are at the
+// same time for all readers, so that readers who know the same are in the same position.
 // Entered by whichever thread owns the store, one at a time.
 // There is no lock.
 
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 namespace orvx::registry {
 
@@ -51,6 +53,11 @@ std::string dumped(const json& value) {
 template <typename Duration>
 std::int64_t milliseconds(Duration duration) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+}
+
+/// The number of the heartbeat that a time belongs to.
+EntryStore::Time::rep heartbeatAt(EntryStore::Time time) {
+    return time.time_since_epoch() / Watch::kHeartbeat;
 }
 
 /// The entry as the protocol has it, and its times as ages in milliseconds: the reader's clock may
@@ -116,7 +123,8 @@ std::optional<std::uint64_t> revisionOf(const EntryStore& store, std::string_vie
 
 }  // namespace
 
-Watch::Watch(const EntryStore& store, std::string_view lastId) {
+Watch::Watch(const EntryStore& store, std::string_view lastId, bool hasChecks)
+    : hasChecks_(hasChecks) {
     const auto revision = revisionOf(store, lastId);
     beginList(store);
     if (revision) {
@@ -127,14 +135,22 @@ Watch::Watch(const EntryStore& store, std::string_view lastId) {
 
 void Watch::beginList(const EntryStore& store) {
     puts_ = 0;
-    others_ = store.revision();
-    listed_ = store.revision();
+    others_ = latest(store);
+    listed_ = others_;
     beginsList_ = true;
+}
+
+bool Watch::operator==(const Watch& other) const {
+    const auto position = [](const Watch& watch) {
+        return std::tie(watch.puts_, watch.others_, watch.beginsList_, watch.listed_,
+                        watch.heartbeat_, watch.faults_, watch.hasChecks_);
+    };
+    return position(*this) == position(other);
 }
 
 std::string Watch::next(const EntryStore& store, std::size_t faults) {
     std::string events;
-    if (!spoke_ || faults != faults_ || store.now() - *spoke_ >= kHeartbeat) {
+    if (heartbeat_ != heartbeatAt(store.now()) || faults != faults_) {
         appendState(store, faults, events);
     }
     if (others_ < store.forgottenRevision()) {
@@ -159,7 +175,7 @@ Watch::Change Watch::peek(const EntryStore& store) const {
     if (const Entry* put = store.nextPut(puts_)) {
         consider({Kind::Put, put->putRevision, put, put->uuid});
     }
-    if (const Entry* renewed = store.nextRenewal(others_)) {
+    if (const Entry* renewed = hasChecks_ ? store.nextRenewal(others_) : nullptr) {
         consider({Kind::Check, renewed->renewalRevision, renewed, renewed->uuid});
     }
     if (const EntryStore::Removal* removed = store.nextRemoval(others_)) {
@@ -202,16 +218,19 @@ bool Watch::appendNext(const EntryStore& store, std::string& events) {
 /// Those that follow one another make one event.
 void Watch::appendChecks(const EntryStore& store, std::string& events) {
     constexpr std::size_t kMaxChecks = kLongestEvent / 128;
-    json checks = json::array();
+    std::string checks;
     Change change = peek(store);
-    while (change.kind == Kind::Check && checks.size() < kMaxChecks &&
-           (!listed_ || change.revision <= *listed_)) {
-        checks.push_back(
-            {change.uuid, change.entry->checks, milliseconds(store.now() - change.entry->renewed)});
+    for (std::size_t count = 0; change.kind == Kind::Check && count < kMaxChecks &&
+                                (!listed_ || change.revision <= *listed_);
+         ++count) {
+        checks += checks.empty() ? "[[\"" : ",[\"";
+        checks += change.uuid;
+        checks += "\"," + std::to_string(change.entry->checks) + ',' +
+                  std::to_string(milliseconds(store.now() - change.entry->renewed)) + ']';
         advance(change.revision);
         change = peek(store);
     }
-    append(events, "checked", checks, idOf(store, puts_));
+    append(events, "checked", checks + ']', idOf(store, puts_));
 }
 
 /// Also tells a reader that the registry is alive.
@@ -219,7 +238,29 @@ void Watch::appendState(const EntryStore& store, std::size_t faults, std::string
     const auto ttl = store.options().ttl.count();
     append(events, "state", {{"faults", faults}, {"ttl", ttl == 0 ? json() : json(ttl)}}, {});
     faults_ = faults;
-    spoke_ = store.now();
+    heartbeat_ = heartbeatAt(store.now());
+}
+
+RecentPieces::Piece RecentPieces::next(Watch& watch, const EntryStore& store, std::size_t faults) {
+    const auto now = store.now();
+    while (!made_.empty() && now - made_.front().when > kLifetime) {
+        made_.pop_front();
+    }
+    const std::uint64_t latest = watch.latest(store);
+    const auto known = std::find_if(made_.rbegin(), made_.rend(), [&](const Made& made) {
+        return made.latest == latest && made.faults == faults && made.before == watch;
+    });
+    if (known != made_.rend()) {
+        watch = known->after;
+        return known->piece;
+    }
+    const Watch before = watch;
+    auto piece = std::make_shared<const std::string>(watch.next(store, faults));
+    if (made_.size() == kMost) {
+        made_.pop_front();
+    }
+    made_.push_back({before, watch, latest, faults, now, piece});
+    return piece;
 }
 
 }  // namespace orvx::registry

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,12 +29,20 @@ class Watch {
     static constexpr std::chrono::seconds kHeartbeat{2};
 
     /// `lastId`: the id of the last event that the reader knows. With one that is not of this
-    /// store, or too long ago, it gets the list anew.
-    Watch(const EntryStore& store, std::string_view lastId);
+    /// store, or too long ago, it gets the list anew. `hasChecks`: whether it gets the checks.
+    Watch(const EntryStore& store, std::string_view lastId, bool hasChecks = true);
 
     /// The next events, or an empty text: nothing changed since. `faults`: how many are set.
     /// `store`: that of the constructor.
     std::string next(const EntryStore& store, std::size_t faults);
+
+    /// The revision of the last change that this reader gets.
+    std::uint64_t latest(const EntryStore& store) const {
+        return hasChecks_ ? store.revision() : store.lastPutOrRemoval();
+    }
+
+    /// Whether next() gives both the same.
+    bool operator==(const Watch& other) const;
 
   private:
     enum class Kind { Nothing, Put, Check, Removal };
@@ -56,8 +66,38 @@ class Watch {
     std::uint64_t others_ = 0;
     bool beginsList_ = false;
     std::optional<std::uint64_t> listed_{};  // where the list is complete, until that was told
-    std::optional<EntryStore::Time> spoke_{};
+    std::optional<EntryStore::Time::rep> heartbeat_{};  // the number of the last one
     std::size_t faults_ = 0;
+    bool hasChecks_;
+};
+
+/// The pieces of the stream that were made last. Readers in the same position share a piece: the
+/// text of an event is made once, however many readers get it.
+///
+/// Thread-safety: that of the store.
+class RecentPieces {
+  public:
+    using Piece = std::shared_ptr<const std::string>;
+
+    static constexpr std::size_t kMost = 16;
+    /// A piece is shared for so long. The times in it are wrong by no more.
+    static constexpr std::chrono::milliseconds kLifetime{50};
+
+    /// What watch.next() returns, with times that may be older by kLifetime. Never null. `store`:
+    /// the same in each call.
+    Piece next(Watch& watch, const EntryStore& store, std::size_t faults);
+
+  private:
+    struct Made {
+        Watch before;
+        Watch after;
+        std::uint64_t latest;
+        std::size_t faults;
+        EntryStore::Time when;
+        Piece piece;
+    };
+
+    std::deque<Made> made_{};
 };
 
 }  // namespace orvx::registry
