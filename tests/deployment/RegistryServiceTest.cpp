@@ -5,6 +5,7 @@
 #include "RegistryProcess.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -18,6 +19,7 @@ using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 using testing::Notifications;
+using ::testing::StartsWith;
 
 const std::string kUnit = ORVX_REGISTRY_SERVICE "/orvx-registry.service";
 
@@ -30,6 +32,38 @@ TEST(TheRegistryService, NotifiesReadinessReloadsAndItsEnd) {
     registry.signal(SIGHUP);
     EXPECT_EQ(told.next(), "RELOADING=1");
     EXPECT_EQ(told.next(), "READY=1");
+    registry.awaitOutput("has read its files again\n");
+    registry.signal(SIGTERM);
+    EXPECT_EQ(told.next(), "STOPPING=1");
+    EXPECT_EQ(registry.wait().status, 0);
+}
+
+TEST(TheRegistryService, IsReadyAgainOnlyWhenItHasReadItsFiles) {
+    const Folder folder;
+    const Notifications told(folder.file("notify"));
+    const std::string tokens = folder.file("tokens");
+    ASSERT_EQ(::mkfifo(tokens.c_str(), 0600), 0);  // who reads it waits for somebody to write
+    ChildProcess registry("/usr/bin/env",
+                          {"NOTIFY_SOCKET=" + folder.file("notify"), RegistryProcess::path(),
+                           "--port", "0", "--tokens", tokens});
+    std::ofstream(tokens) << "\n";
+    EXPECT_THAT(told.next(), StartsWith("READY=1\n"));
+    registry.signal(SIGHUP);
+    EXPECT_EQ(told.next(), "RELOADING=1");
+    EXPECT_FALSE(told.within(std::chrono::milliseconds(200)));
+    std::ofstream(tokens) << "\n";
+    EXPECT_EQ(told.next(), "READY=1");
+}
+
+TEST(TheRegistryService, IsNotReadyBeforeAReplicaKnowsTheEntries) {
+    const Folder folder;
+    const Notifications told(folder.file("notify"));
+    ChildProcess registry("/usr/bin/env",
+                          {"NOTIFY_SOCKET=" + folder.file("notify"), RegistryProcess::path(),
+                           "--port", "0", "--etcd", "http://127.0.0.1:1"});
+    EXPECT_EQ(told.next(), "STATUS=waiting for etcd");
+    registry.signal(SIGHUP);
+    EXPECT_EQ(told.next(), "RELOADING=1");
     registry.awaitOutput("has read its files again\n");
     registry.signal(SIGTERM);
     EXPECT_EQ(told.next(), "STOPPING=1");

@@ -53,6 +53,17 @@ TEST(TheRegistryProgram, EndsCleanlyOnSigint) {
     expectCleanEndAfter(SIGINT);
 }
 
+// Otherwise the end would wait for the name servers, which may take minutes.
+TEST(TheRegistryProgram, EndsCleanlyWhileTheLookupOfAMemberHangs) {
+    ChildProcess program(
+        "/usr/bin/env",
+        {"LD_PRELOAD=" ORVX_HANGING_LOOKUP, "ASAN_OPTIONS=verify_asan_link_order=0",
+         RegistryProcess::path(), "--port", "0", "--etcd", "http://hangs.test:2379"});
+    program.awaitErrors("looking up hangs.test\n");
+    program.signal(SIGTERM);
+    EXPECT_TRUE(exitedWith(program.wait(), 0));
+}
+
 TEST(TheRegistryProgram, PutsBracketsAroundAnAddressWithColons) {
     if (std::ifstream("/proc/net/if_inet6").peek() == std::ifstream::traits_type::eof()) {
         GTEST_SKIP() << "this machine has no IPv6";

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <boost/beast/http/status.hpp>
+#include <future>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -45,6 +46,12 @@ TEST_F(TheRegistry, RegistersAPathAndSaysWhere) {
                                                   {"path", "/lamp"},
                                                   {"service", {{"name", "lamp"}}},
                                                   {"checks", 0}}));
+}
+
+TEST(TheRegistryWithoutEtcd, IsReadyAtOnce) {
+    std::promise<bool> ready;
+    const RunningRegistry registry({}, [&ready](bool isCurrent) { ready.set_value(isCurrent); });
+    EXPECT_TRUE(ready.get_future().get());
 }
 
 TEST_F(TheRegistry, MakesOneEntryOfAPathThatIsPutTwiceOverTwoConnections) {

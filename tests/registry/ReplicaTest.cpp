@@ -5,6 +5,7 @@
 
 #include <boost/beast/http/status.hpp>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -145,6 +146,33 @@ TEST_F(TheReplicas, AreNotReadyBeforeTheyKnowTheEntries) {
     etcd_.start();
     EXPECT_EQ(b.ready().statusOf("HEAD", known), 200U);
     EXPECT_EQ(b.paths(), std::vector<std::string>{"/lamp"});
+}
+
+TEST_F(TheReplicas, SayThatTheyAreReadyWhenTheyKnowTheEntries) {
+    etcd_.stop();
+    RegistryOptions options;
+    options.etcd = {etcd_.url()};
+    std::promise<bool> ready;
+    auto isReady = ready.get_future();
+    const RunningRegistry registry(options,
+                                   [&ready](bool isCurrent) { ready.set_value(isCurrent); });
+    RawConnection connection = registry.connect();
+    EXPECT_EQ(connection.ask(makeRequest("GET", "/-/ready")).result_int(), 503U);
+    EXPECT_EQ(isReady.wait_for(0s), std::future_status::timeout);
+    etcd_.start();
+    EXPECT_TRUE(isReady.get());
+    EXPECT_EQ(connection.ask(makeRequest("GET", "/-/ready")).result_int(), 200U);
+}
+
+TEST_F(TheReplicas, SayInTimeThatTheyAreReadyAlthoughEtcdDoesNotAnswer) {
+    etcd_.stop();
+    RegistryOptions options;
+    options.etcd = {etcd_.url()};
+    options.readyTimeout = 100ms;
+    std::promise<bool> ready;
+    const RunningRegistry registry(options,
+                                   [&ready](bool isCurrent) { ready.set_value(isCurrent); });
+    EXPECT_FALSE(ready.get_future().get());
 }
 
 TEST_F(TheReplicas, TakeAPutAsSoonAsTheyKnowTheEntries) {

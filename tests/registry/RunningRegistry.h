@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <thread>
 
 #include "RawConnection.h"
@@ -10,8 +11,15 @@ namespace orvx::registry {
 /// A registry at any free port that runs on a thread of its own as long as this object lives.
 class RunningRegistry {
   public:
-    explicit RunningRegistry(RegistryOptions options = {})
-        : server_(atAnyPort(std::move(options))), thread_([this] { server_.run(); }) {}
+    /// `ready`: for onReady(), or null.
+    explicit RunningRegistry(RegistryOptions options = {},
+                             const std::function<void(bool)>& ready = {})
+        : server_(atAnyPort(std::move(options))), thread_([this, ready] {
+              if (ready) {
+                  server_.onReady(ready);
+              }
+              server_.run();
+          }) {}
     ~RunningRegistry() { stop(); }
     RunningRegistry(const RunningRegistry&) = delete;
     RunningRegistry& operator=(const RunningRegistry&) = delete;

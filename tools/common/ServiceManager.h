@@ -6,7 +6,7 @@
 namespace orvx::tools {
 
 /// Sends the datagrams of sd_notify(3) to the service manager that started the program. Does
-/// nothing if there is none. Thread-safety: none.
+/// nothing if there is none. Thread-safety: none, but several threads may call notify().
 class ServiceManager {
   public:
     /// Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID.

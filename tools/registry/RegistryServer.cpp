@@ -36,14 +36,15 @@ class RegistryServer::Impl {
                   {}},
           acceptor_(context_, resolve(options)),
           endpoint_(acceptor_.local_endpoint()),
-          retry_(context_) {
+          retry_(context_),
+          readyLimit_(context_) {
         if (!options.etcd.empty()) {
             EtcdOptions etcd;
             etcd.members = options.etcd;
             etcd.tls = options.etcdTls;
             etcd.tryTimeout = EtcdBackend::tryTimeout(options.ttl);
             etcd_.emplace(context_, etcd, options.etcdPrefix, shared_.dispatcher.store(),
-                          [this] { shared_.wakeWatchers(); });
+                          [this] { onChangeAtEtcd(); });
             shared_.dispatcher.setBackend(*etcd_);
         }
         if (!options.log.empty()) {
@@ -59,12 +60,25 @@ class RegistryServer::Impl {
     }
 
     const tcp::endpoint& endpoint() const { return endpoint_; }
+    void onReady(std::function<void(bool)> ready) {
+        onReady_ = std::move(ready);
+        if (!etcd_) {
+            return asio::post(context_, [this] { tellReady(true); });
+        }
+        readyLimit_.expires_after(shared_.options.readyTimeout);
+        readyLimit_.async_wait([this](error_code) { tellReady(false); });
+    }
     void run() { context_.run(); }
     void stop() {
         asio::post(context_, [this] { close(); });
     }
-    void reload() {
-        asio::post(context_, [this] { readFilesAgain(); });
+    void reload(std::function<void()> done) {
+        asio::post(context_, [this, done = std::move(done)] {
+            readFilesAgain();
+            if (done) {
+                done();
+            }
+        });
     }
     bool hasTls() const { return !shared_.options.tls.certificate.empty(); }
 
@@ -75,6 +89,20 @@ class RegistryServer::Impl {
         store.maxEntries = options.maxEntries;
         store.file = options.store;
         return store;
+    }
+
+    void onChangeAtEtcd() {
+        shared_.wakeWatchers();
+        if (onReady_ && etcd_->isCurrent()) {
+            readyLimit_.cancel();
+            tellReady(true);
+        }
+    }
+
+    void tellReady(bool isCurrent) {
+        if (onReady_) {
+            std::exchange(onReady_, nullptr)(isCurrent);
+        }
     }
 
     void runScript(const std::string& path) {
@@ -178,6 +206,8 @@ class RegistryServer::Impl {
     void close() {
         acceptor_.close();
         retry_.cancel();
+        onReady_ = nullptr;
+        readyLimit_.cancel();
         shared_.endOldOnes();
         shared_.onLastClosed = [this] { finish(); };
         if (shared_.connections.empty()) {
@@ -204,6 +234,8 @@ class RegistryServer::Impl {
     tcp::acceptor acceptor_;
     const tcp::endpoint endpoint_;
     asio::steady_timer retry_;
+    asio::steady_timer readyLimit_;
+    std::function<void(bool)> onReady_{};
     std::optional<EtcdBackend> etcd_;
 };
 
@@ -222,6 +254,10 @@ std::string RegistryServer::url() const {
     return text.str();
 }
 
+void RegistryServer::onReady(std::function<void(bool isCurrent)> ready) {
+    impl_->onReady(std::move(ready));
+}
+
 void RegistryServer::run() {
     impl_->run();
 }
@@ -230,8 +266,8 @@ void RegistryServer::stop() {
     impl_->stop();
 }
 
-void RegistryServer::reload() {
-    impl_->reload();
+void RegistryServer::reload(std::function<void()> done) {
+    impl_->reload(std::move(done));
 }
 
 }  // namespace orvx::registry

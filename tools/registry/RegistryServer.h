@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,6 +36,7 @@ struct RegistryOptions {
     std::chrono::milliseconds requestTimeout{10'000};  ///< from its first byte to its last
     std::chrono::milliseconds writeTimeout{10'000};    ///< for an answer to be taken
     std::chrono::milliseconds farewellTimeout{2'000};  ///< for the other side to end, after ours
+    std::chrono::milliseconds readyTimeout{30'000};    ///< for etcd to answer; see onReady()
 };
 
 /// A registry over HTTP. It listens from construction on, and answers while run() runs, all
@@ -60,6 +62,12 @@ class RegistryServer {
     /// Where it listens, as `http://127.0.0.1:8500` or `https://[::1]:8500`.
     std::string url() const;
 
+    /// Before run(): `ready` will be called once, on the thread of run(), unless stop() comes
+    /// first. With etcd it is called when /-/ready is answered with 200 for the first time, and
+    /// says true; or after `readyTimeout`, and says false. Without etcd it is called at once, and
+    /// says true.
+    void onReady(std::function<void(bool isCurrent)> ready);
+
     /// Answers requests until stop(). When it returns, the port and all connections are closed.
     void run();
 
@@ -71,8 +79,9 @@ class RegistryServer {
     /// Reads the files of TLS and the tokens again, soon, on the thread of run(). All are taken
     /// over, or none when one cannot be used, and a line on stdout or stderr says which. Streams
     /// and idle connections end then, so that nobody goes on with what was withdrawn; the others
-    /// end after their answer.
-    void reload();
+    /// end after their answer. `done` is called on that thread after that, whether the files were
+    /// taken over or not.
+    void reload(std::function<void()> done = {});
 
   private:
     class Impl;

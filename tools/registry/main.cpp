@@ -1,14 +1,18 @@
 // The program orvx-registry: reads the options, prints the address, and stops on a signal. A
 // failure is one line on stderr and the exit status 125, as with orvx-announce.
 // The registry runs on a thread of its own, while the main thread waits for a signal. The signals
-// are blocked before that thread starts, so that only sigwait() takes them.
+// are blocked before that thread starts, so that only sigwait() takes them. Both threads notify the
+// service manager.
 // There is no lock.
 
 #include <CLI/CLI.hpp>
 #include <boost/system/system_error.hpp>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -28,6 +32,9 @@ using orvx::tools::ServiceManager;
 
 // As env(1) and timeout(1) do for what is their own failure.
 constexpr int kOwnFailure = 125;
+
+// The server needs four seconds: two for its connections and two for etcd.
+constexpr std::chrono::seconds kLongestEnd{5};
 
 // etcd takes requests of 1.5 MiB.
 constexpr std::uint64_t kMaxBodyAtEtcd = 1'048'576;
@@ -61,16 +68,37 @@ void serve(const RegistryOptions& options) {
     const sigset_t signals = prepareSignals(options, manager.isThere());
     RegistryServer server(options);
     std::cout << "orvx-registry listening on " << server.url() << std::endl;
-    std::thread thread([&server] { server.run(); });
-    manager.notify("READY=1\nSTATUS=listening on " + server.url());
+    if (!options.etcd.empty()) {
+        manager.notify("STATUS=waiting for etcd");
+    }
+    bool isReady = false;  // used by the server's thread only
+    server.onReady([&](bool isCurrent) {
+        isReady = true;
+        manager.notify("READY=1\nSTATUS=listening on " + server.url() +
+                       (isCurrent ? "" : ", without etcd"));
+    });
+    std::promise<void> ended;
+    std::thread thread([&] {
+        server.run();
+        ended.set_value();
+    });
     int signal = 0;
     while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
         manager.notify("RELOADING=1");
-        server.reload();
-        manager.notify("READY=1");
+        server.reload([&] {
+            if (isReady) {
+                manager.notify("READY=1");
+            }
+        });
     }
     manager.notify("STOPPING=1");
     server.stop();
+    if (!options.etcd.empty() &&
+        ended.get_future().wait_for(kLongestEnd) == std::future_status::timeout) {
+        // Only a lookup of a name is under way, which nothing can interrupt.
+        std::cout.flush();
+        std::_Exit(0);
+    }
     thread.join();
 }
 

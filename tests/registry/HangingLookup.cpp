@@ -1,0 +1,23 @@
+// Loaded into a program before all other libraries: there the lookup of "hangs.test" says on stderr
+// that it has begun, and never ends. Entered by any thread; there is no lock.
+
+#include <dlfcn.h>
+#include <netdb.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string_view>
+
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* name,
+                                                                  const char* service,
+                                                                  const addrinfo* hints,
+                                                                  addrinfo** result) {
+    constexpr std::string_view kBegun = "looking up hangs.test\n";
+    while (name != nullptr && std::strcmp(name, "hangs.test") == 0) {
+        [[maybe_unused]] const auto size = ::write(STDERR_FILENO, kBegun.data(), kBegun.size());
+        ::pause();
+    }
+    using Lookup = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
+    return reinterpret_cast<Lookup>(::dlsym(RTLD_NEXT, "getaddrinfo"))(name, service, hints,
+                                                                       result);
+}
