@@ -29,6 +29,7 @@ using ::testing::AllOf;
 using ::testing::Each;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 using Result = EtcdClient::Result;
 
@@ -45,6 +46,19 @@ TEST(MembersOfEtcd, AreRefusedWhenOneIsNoUrl) {
     }
     asio::io_context context;
     EXPECT_THROW(EtcdClient(context, EtcdOptions{}), std::invalid_argument);
+}
+
+TEST(MembersOfEtcd, AreRefusedByTheirNumberWithoutShowingAPassword) {
+    for (const char* list : {"http://a:1,http://user:hunter2@b:2",
+                             "http://a:1,http://u:hunter2,c@b", "http://a:1,hunter2"}) {
+        try {
+            parseMembers(list);
+            ADD_FAILURE() << list;
+        } catch (const std::invalid_argument& error) {
+            EXPECT_THAT(error.what(),
+                        AllOf(StartsWith("member 2 of etcd"), Not(HasSubstr("hunter2"))));
+        }
+    }
 }
 
 const json kKeyA{{"key", "YQ=="}};

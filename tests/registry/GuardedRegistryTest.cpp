@@ -51,7 +51,7 @@ class AGuardedRegistry : public ::testing::Test {
     }
 
     static RegistryProcess::Result run(std::vector<std::string> arguments) {
-        arguments.insert(arguments.end(), {"--port", "0"});
+        arguments.insert(arguments.begin(), {"--port", "0"});
         return RegistryProcess(arguments).wait();
     }
 
@@ -98,17 +98,21 @@ TEST_F(AGuardedRegistry, RefusesATokenFileOrOptionsThatMakeNoSense) {
     EXPECT_THAT(run({"--audit", folder_ / "none/audit"}).errors, HasSubstr("No such file"));
 }
 
-TEST_F(AGuardedRegistry, RefusesAnEmptyFileName) {
+TEST_F(AGuardedRegistry, RefusesAnEmptyValueWhateverTheOption) {
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"--host", "0.0.0.0", "--tls-cert", "", "--client-ca", tokens_},
           std::vector<std::string>{"--tls-cert", tokens_, "--tls-key", ""},
           std::vector<std::string>{"--tls-cert", tokens_, "--client-ca", ""},
           std::vector<std::string>{"--tokens", ""}, std::vector<std::string>{"--store", ""},
-          std::vector<std::string>{"--script", ""}}) {
+          std::vector<std::string>{"--script", ""}, std::vector<std::string>{"--audit", ""},
+          std::vector<std::string>{"--log", ""}, std::vector<std::string>{"--host", ""},
+          std::vector<std::string>{"--etcd", "http://127.0.0.1:1", "--etcd-prefix", ""},
+          std::vector<std::string>{"list", "--token-file", "", "--registry", "http://127.0.0.1:1"},
+          std::vector<std::string>{"watch", "--name", "", "--exec", "true"}}) {
         const auto result = run(arguments);
         EXPECT_TRUE(exitedWith(result, 125)) << result.status;
         EXPECT_THAT(result.output, IsEmpty());
-        EXPECT_THAT(result.errors, MatchesRegex("orvx-registry: [^\n]*file name is empty[^\n]*\n"));
+        EXPECT_THAT(result.errors, MatchesRegex("orvx-registry: [^\n]*the value is empty[^\n]*\n"));
     }
 }
 

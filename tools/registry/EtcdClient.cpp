@@ -99,10 +99,9 @@ std::vector<std::string> parseMembers(std::string_view list) {
         const std::size_t end = std::min(list.find(',', begin), list.size());
         members.emplace_back(list.substr(begin, end - begin));
         if (!parseUrl(members.back())) {
-            throw std::invalid_argument(
-                "a member of etcd must be a URL such as "
-                "http://127.0.0.1:2379, not \"" +
-                printable(members.back()) + '"');
+            throw std::invalid_argument("member " + std::to_string(members.size()) +
+                                        " of etcd must be a URL such as http://127.0.0.1:2379, "
+                                        "without a user and a path");
         }
         begin = end + 1;
     }

@@ -25,8 +25,8 @@ struct EtcdOptions {
     std::chrono::milliseconds tryTimeout{1'000};
 };
 
-/// The members in a list that is separated by commas. Throws a std::invalid_argument that names the
-/// first element that is no URL of a member, or says that there is none.
+/// The members in a list that is separated by commas. Throws a std::invalid_argument that tells
+/// which element is no URL of a member, without its text, which may have a password.
 std::vector<std::string> parseMembers(std::string_view list);
 
 /// An asynchronous client of etcd's JSON gateway. Requests run in parallel over connections that

@@ -6,6 +6,7 @@
 // There is no lock.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <boost/system/system_error.hpp>
 #include <chrono>
 #include <csignal>
@@ -14,6 +15,7 @@
 #include <functional>
 #include <future>
 #include <iostream>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -42,6 +44,11 @@ constexpr std::uint64_t kMaxBodyAtEtcd = 1'048'576;
 int fail(const std::string& why) {
     std::cerr << "orvx-registry: " << why << std::endl;
     return kOwnFailure;
+}
+
+/// The text with URLs that show no user and no password.
+std::string withoutPasswords(const std::string& text) {
+    return std::regex_replace(text, std::regex("://[^ ]*@"), "://***@");
 }
 
 /// Blocks the signals that serve() waits for. SIGHUP is one of them if there are files to read
@@ -102,12 +109,18 @@ void serve(const RegistryOptions& options) {
     thread.join();
 }
 
-/// An option for a file that the registry needs. An empty name, such as that of an unset variable,
-/// is refused: it would switch off what the option is for.
-CLI::Option* addFile(CLI::App& app, const char* name, std::string& file, const char* text) {
-    return app.add_option(name, file, text)->check([](const std::string& value) {
-        return std::string(value.empty() ? "the file name is empty" : "");
-    });
+/// No option takes an empty value, such as that of an unset variable: it would switch off what the
+/// option is for. A check() of CLI11 is not called with the value of an option that may have none.
+void refuseEmptyValues(const CLI::App& app) {
+    for (const CLI::Option* const option : app.get_options()) {
+        const auto& values = option->results();
+        if (!option->get_positional() && std::count(values.begin(), values.end(), "") > 0) {
+            throw CLI::ValidationError(option->get_name(), "the value is empty");
+        }
+    }
+    for (const CLI::App* const command : app.get_subcommands()) {
+        refuseEmptyValues(*command);
+    }
 }
 
 /// Replicas share what etcd keeps: what belongs to one process is excluded.
@@ -126,13 +139,13 @@ void addEtcdOptions(CLI::App& app, RegistryOptions& options) {
     app.add_option("--etcd-prefix", options.etcdPrefix, "What the keys at etcd begin with")
         ->capture_default_str()
         ->needs(etcd);
-    addFile(app, "--etcd-ca", options.etcdTls.authority,
-            "File with the authority of etcd's members, in PEM, in place of the system's")
+    app.add_option("--etcd-ca", options.etcdTls.authority,
+                   "File with the authority of etcd's members, in PEM, in place of the system's")
         ->needs(etcd);
-    auto* certificate = addFile(app, "--etcd-cert", options.etcdTls.certificate,
-                                "File with the certificate that is shown to etcd, in PEM");
+    auto* certificate = app.add_option("--etcd-cert", options.etcdTls.certificate,
+                                       "File with the certificate that is shown to etcd, in PEM");
     certificate->needs(etcd);
-    addFile(app, "--etcd-key", options.etcdTls.key, "File with its key, if not in the same file")
+    app.add_option("--etcd-key", options.etcdTls.key, "File with its key, if not in the same file")
         ->needs(certificate);
     for (const char* option : {"--store", "--script", "--admin"}) {
         etcd->excludes(app.get_option(option));
@@ -146,15 +159,15 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
         ->capture_default_str();
     app.add_flag("--open", options.open,
                  "Let anybody announce who reaches a host that is not loopback");
-    auto* certificate = addFile(app, "--tls-cert", options.tls.certificate,
-                                "File with the certificate, in PEM: speak TLS only");
-    addFile(app, "--tls-key", options.tls.key, "File with its key, if not in the same file")
+    auto* certificate = app.add_option("--tls-cert", options.tls.certificate,
+                                       "File with the certificate, in PEM: speak TLS only");
+    app.add_option("--tls-key", options.tls.key, "File with its key, if not in the same file")
         ->needs(certificate);
-    addFile(app, "--client-ca", options.tls.authority,
-            "File with the authority of the clients, which must show a certificate")
+    app.add_option("--client-ca", options.tls.authority,
+                   "File with the authority of the clients, which must show a certificate")
         ->needs(certificate);
-    addFile(app, "--tokens", options.tokens,
-            "File with tokens, one JSON object a line; every request needs one");
+    app.add_option("--tokens", options.tokens,
+                   "File with tokens, one JSON object a line; every request needs one");
     app.add_option("--rate", options.rate,
                    "Most requests a second of one client address, 0 for no limit")
         ->check(CLI::Range(0U, 1U << 20U))
@@ -176,8 +189,8 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
     app.add_option_function<std::uint32_t>(
         "--ttl", [&options](std::uint32_t ttl) { options.ttl = std::chrono::seconds(ttl); },
         "Seconds after which an entry that is neither put nor checked expires, 0 for never");
-    addFile(app, "--store", options.store, "File that keeps the entries over a restart");
-    addFile(app, "--script", options.script, "File with faults, one JSON object a line");
+    app.add_option("--store", options.store, "File that keeps the entries over a restart");
+    app.add_option("--script", options.script, "File with faults, one JSON object a line");
     app.add_flag("--admin", options.admin, "Take faults at /-/faults while it runs");
     app.add_option("--log", options.log,
                    "One line for each request, to stdout or appended to that file")
@@ -199,11 +212,12 @@ int main(int argc, char** argv) {
     orvx::registry::addCommands(app, run);
     try {
         app.parse(argc, argv);
+        refuseEmptyValues(app);
         return run();
     } catch (const CLI::Success& answered) {
         return app.exit(answered);
     } catch (const CLI::ParseError& error) {
-        return fail(std::string(error.what()) + " (orvx-registry --help lists the options)");
+        return fail(withoutPasswords(error.what()) + " (orvx-registry --help lists the options)");
     } catch (const FileError& error) {
         return fail(error.what());
     } catch (const boost::system::system_error& error) {  // its what() may name a line of Boost
