@@ -230,6 +230,51 @@ TEST(TheCommands, ShowNothingOfAnAnswerThatIsNoJson) {
               "orvx-registry: the registry answers with something that is not JSON\n");
 }
 
+/// What a command that asks for the list or for an entry says about an answer.
+std::string errorAt(const std::string& command, const std::string& body) {
+    FakeServer server("127.0.0.1");
+    std::vector<std::string> arguments{command, "--registry", "http://" + server.authority()};
+    if (command != "list") {
+        arguments.push_back("uuid");
+    }
+    RegistryProcess process(arguments);
+    server.answer("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                  body);
+    const auto result = process.wait();
+    EXPECT_EQ(statusOf(result), 125) << command << ' ' << body.substr(0, 80);
+    return result.errors;
+}
+
+TEST(TheCommands, RefuseAnAnswerThatNestsTooDeeply) {
+    const std::string deep = std::string(200'000, '[') + std::string(200'000, ']');
+    const std::string entry = R"({"uuid":"u","path":"/","service":{"name":)" + deep + "}}";
+    for (const char* command : {"get", "rm"}) {
+        EXPECT_THAT(errorAt(command, entry), HasSubstr("is not JSON"));
+    }
+    EXPECT_THAT(errorAt("list", R"({"entries":[)" + entry + "]}"), HasSubstr("is not JSON"));
+}
+
+TEST(TheCommands, ShowNothingOfJsonOfAnotherForm) {
+    const std::string error =
+        "orvx-registry: the registry answers with JSON that is not as expected\n";
+    for (const char* body : {"[]", "{}", R"({"entries":[1]})", R"({"entries":[],"next":null})"}) {
+        EXPECT_EQ(errorAt("list", body), error) << body;
+    }
+    EXPECT_EQ(errorAt("rm", "{}"), error);
+}
+
+TEST(TheListCommand, EndsWhenAPageIsFollowedByItself) {
+    FakeServer server("127.0.0.1");
+    RegistryProcess list({"list", "--registry", "http://" + server.authority()});
+    const std::string page = R"({"entries":[],"next":"x-1"})";
+    const std::string answer = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + page;
+    server.answer(answer);
+    server.answer(answer);
+    const auto result = list.wait();
+    EXPECT_EQ(statusOf(result), 125);
+    EXPECT_THAT(result.errors, HasSubstr("the same page again"));
+}
+
 TEST(TheCommands, EndWithAFailureWhenStdoutCannotBeWritten) {
     const RunningRegistry registry;
     const std::string lamp = put(registry, "/lamp", kLamp);

@@ -171,6 +171,13 @@ TEST(AKeyOfEtcd, IsNoEntryIfAnyPartOfItIsMissing) {
           "{\"path\":\"?\"}\n{}"}) {
         EXPECT_EQ(count(pairOf(name, value)), 0U) << value;
     }
+    // These would make the list of all entries something else than JSON, or make readers recurse.
+    const std::string head = "{\"path\":\"L2E=\"}\n";
+    EXPECT_EQ(count(pairOf(name, head + "\xef\xbb\xbf{}")), 0U);
+    EXPECT_EQ(count(pairOf(name, head + "{\"a\":1}" + '\0' + "}],\"b\":[{")), 0U);
+    EXPECT_EQ(
+        count(pairOf(name, head + "{\"a\":" + std::string(64, '[') + std::string(64, ']') + "}")),
+        0U);
     EXPECT_EQ(count(json()), 0U);
     EXPECT_EQ(count({{"key", 1}, {"value", json::array()}}), 0U);
 }

@@ -5,7 +5,9 @@
 #include "RequestHandler.h"
 
 #include <gmock/gmock.h>
+#include <time.h>
 
+#include <algorithm>
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
 #include <functional>
@@ -129,6 +131,36 @@ TEST_F(TheRequestHandler, RefusesDeepNesting) {
     expectRefused(nested(100'000), "too deeply");
     expectRefused(std::string(500'000, '['), "too deeply");
     EXPECT_EQ(put("/a", nested(64)).result(), http::status::created);
+}
+
+/// Of this thread, which other processes do not lengthen.
+double processorSeconds() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+TEST_F(TheRequestHandler, ReadsABodyInTimeProportionalToItsLength) {
+    const auto secondsFor = [this](std::size_t objects) {
+        std::string body = R"({"a":[{})";
+        for (std::size_t i = 1; i < objects; ++i) {
+            body += ",{}";
+        }
+        double least = 1e9;
+        for (int i = 0; i < 3; ++i) {
+            const double begin = processorSeconds();
+            EXPECT_LE(put("/a", body + "]}").result_int(), 201U);
+            least = std::min(least, processorSeconds() - begin);
+        }
+        return least;
+    };
+    EXPECT_LT(secondsFor(40'000) / secondsFor(4'000), 30);  // quadratic: 100
+}
+
+TEST_F(TheRequestHandler, CountsNoBracketsInStringsAsNesting) {
+    expectRefused(R"({"a\\":)" + nested(64) + "}", "too deeply");
+    EXPECT_EQ(put("/a", R"({"a":")" + std::string(100, '[') + R"(\"[","b\\":[]})").result(),
+              http::status::created);
 }
 
 TEST_F(TheRequestHandler, AnswersHeadLikeGetWithoutABody) {

@@ -267,7 +267,7 @@ TEST_F(TheWatch, KeepsItsPiecesShortWhateverIsPut) {
         }
     }
     EXPECT_LE(longest, Watch::kLongestEvent);
-    EXPECT_GT(longest, Watch::kLongestService / 2);
+    EXPECT_GT(longest, kLongestShownWhole / 2);
     EXPECT_GT(count, 10U);
 }
 
@@ -280,6 +280,10 @@ TEST_F(TheWatch, TellsALongServiceInShort) {
     EXPECT_EQ(entry.at("service"),
               json({{"name", std::string(199, 'x') + "…"}, {"port", 80}, {"host", "10.0.0.1"}}));
     EXPECT_EQ(entry.at("cut"), store_.entries().front().service.size());
+    put("/a", {{"name", "lamp"}, {"more", name}});
+    EXPECT_EQ(read(watch).at(0).data.at("service"), json({{"name", "lamp"}}));
+    put("/a", {{"name", "lamp"}});
+    EXPECT_EQ(read(watch).at(0).data.at("service"), json({{"name", "lamp"}}));
 }
 
 TEST_F(TheWatch, TellsAChangeInAsManyBytesHoweverManyEntriesThereAre) {

@@ -20,6 +20,7 @@
 #include "Client.h"
 #include "CommandRunner.h"
 #include "GrowingPause.h"
+#include "Json.h"
 #include "WatchedEntries.h"
 
 namespace orvx::registry {
@@ -50,7 +51,7 @@ std::string ascii(const json& value) {
 
 /// Throws a std::runtime_error without a byte of the text, which nlohmann's exception would show.
 json parse(std::string_view text) {
-    json value = json::parse(text, nullptr, false);
+    json value = parseJson(text);
     if (value.is_discarded()) {
         throw std::runtime_error("the registry answers with something that is not JSON");
     }
@@ -100,7 +101,7 @@ const Response& expectOk(const Response& response) {
     if (response.result() == http::status::ok) {
         return response;
     }
-    const json body = json::parse(response.body(), nullptr, false);
+    const json body = parseJson(response.body());
     const json why = body.is_object() ? body.value("error", json()) : json();
     throw std::runtime_error("the registry answers " + std::to_string(response.result_int()) +
                              (why.is_string() ? ": " + ascii(why) : ""));
@@ -125,7 +126,11 @@ int list(const Arguments& arguments) {
             std::cout << (arguments.asJson ? ascii(entry) : lineOf(entry)) << '\n';
         }
         flushOutput();
-        after = page.value("next", "");
+        const std::string next = page.value("next", "");
+        if (!next.empty() && next == after) {
+            throw std::runtime_error("the registry answers with the same page again");
+        }
+        after = next;
     } while (!after.empty());
     return 0;
 }
@@ -246,6 +251,16 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
            });
 }
 
+/// Throws a std::runtime_error without a byte of the answer, like parse().
+template <typename Command>
+int runCommand(const Command& command) {
+    try {
+        return command();
+    } catch (const json::exception&) {
+        throw std::runtime_error("the registry answers with JSON that is not as expected");
+    }
+}
+
 /// A command takes all that follows its name; before it stand options only.
 void takeCommand(Arguments& arguments, const CLI::App& watched) {
     arguments.command = watched.remaining();
@@ -281,7 +296,9 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
     const auto add = [&](const char* name, const char* text, auto command) {
         CLI::App* const added = app.add_subcommand(name, text);
         addClientOptions(*added, *arguments);
-        added->callback([&run, arguments, command] { run = [=] { return command(*arguments); }; });
+        added->callback([&run, arguments, command] {
+            run = [=] { return runCommand([&] { return command(*arguments); }); };
+        });
         return added;
     };
     const auto addFilters = [&](CLI::App& filtered) {
@@ -309,7 +326,7 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
     watched->prefix_command();
     watched->callback([&run, arguments, watched] {
         takeCommand(*arguments, *watched);
-        run = [arguments] { return watch(*arguments); };
+        run = [arguments] { return runCommand([&] { return watch(*arguments); }); };
     });
     app.require_subcommand(0, 1);
 }

@@ -1,12 +1,17 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace orvx::registry {
+
+/// The events of the stream show an entry whose service and path are longer by its summary.
+constexpr std::size_t kLongestShownWhole = 6'144;
 
 /// One registered service.
 struct Entry {
@@ -20,6 +25,7 @@ struct Entry {
     std::uint64_t number = 0;  ///< counts the entries in the order of their creation
     std::string path;          ///< the request target it was put at, byte by byte
     std::string service;       ///< the object that was put there last, as JSON text
+    std::string summary{};     ///< if isLong(): what summaryOf() makes of the service
     std::string address{};     ///< where the service is reached, as addressOf() gives it
     std::string owner{};       ///< the name of the token that put it last; empty: none
     std::uint64_t checks = 0;  ///< how often it was asked whether it is there, in this process
@@ -49,6 +55,15 @@ std::string addressOf(const nlohmann::json& service);
 
 /// Whether a service that was at an address that it named is at another one now.
 bool hasMoved(const std::string& before, const std::string& now);
+
+/// Whether the events of the stream show only a part of the entry.
+bool isLong(const Entry& entry);
+
+/// Name, uri, host and port of a service, shortened, as JSON text.
+std::string summaryOf(std::string_view service);
+
+/// At most 200 bytes of the text, which is not cut within a letter, and "…" if that is not all.
+std::string shortened(const std::string& text);
 
 /// The service as it is kept. What is no UTF-8 is replaced.
 std::string serialize(const nlohmann::json& service);

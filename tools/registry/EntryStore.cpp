@@ -19,9 +19,15 @@ namespace {
 
 constexpr const char* kNoAddress = "?:?";
 constexpr std::size_t kLongestHost = 300;  // longer than a name in the DNS can be
+constexpr std::size_t kLongestText = 200;  // of a summary
 
 std::uint64_t bytesOf(const Entry& entry) {
     return entry.path.size() + entry.service.size();
+}
+
+/// Once for each put, since many readers of the stream may show the same entry.
+void summarize(Entry& entry) {
+    entry.summary = isLong(entry) ? summaryOf(entry.service) : std::string();
 }
 
 /// The entry that is first after a revision, in an index by revision.
@@ -43,6 +49,36 @@ void moveToEnd(Index& index, std::uint64_t& revision, std::uint64_t last, Positi
 
 std::string serialize(const nlohmann::json& service) {
     return service.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+bool isLong(const Entry& entry) {
+    // Each byte of a path that is not UTF-8 becomes three.
+    return entry.service.size() + 3 * entry.path.size() > kLongestShownWhole;
+}
+
+std::string shortened(const std::string& text) {
+    if (text.size() <= kLongestText) {
+        return text;
+    }
+    std::size_t size = kLongestText;
+    while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0U) == 0x80U) {
+        --size;
+    }
+    return text.substr(0, size) + "…";
+}
+
+std::string summaryOf(std::string_view service) {
+    const auto fields = nlohmann::json::parse(service);
+    auto summary = nlohmann::json::object();
+    for (const char* name : {"name", "uri", "host", "port"}) {
+        const auto value = fields.find(name);
+        if (value != fields.end() && value->is_string()) {
+            summary[name] = shortened(value->get_ref<const std::string&>());
+        } else if (value != fields.end() && value->is_number()) {
+            summary[name] = *value;
+        }
+    }
+    return serialize(summary);
 }
 
 std::string randomUuid() {
@@ -107,6 +143,7 @@ void EntryStore::replace(Position position, std::string service, std::string add
     Entry& entry = *position;
     discountUsage(entry);
     entry.service = std::move(service);
+    summarize(entry);
     entry.owner = std::move(owner);
     countUsage(entry);
     const std::string before = std::exchange(entry.address, std::move(address));
@@ -180,6 +217,7 @@ void EntryStore::discountUsage(const Entry& entry) {
 }
 
 const Entry& EntryStore::add(Entry entry) {
+    summarize(entry);
     entries_.push_back(std::move(entry));
     const auto added = std::prev(entries_.end());
     if (added->number == 0) {

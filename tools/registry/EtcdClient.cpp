@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "EtcdConnection.h"
+#include "Json.h"
 #include "Tls.h"
 #include "Url.h"
 
@@ -30,21 +31,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr int kMaxDepth = 32;  // etcd's own answers have less than 10
 constexpr std::size_t kMaxReason = 200;
-
-/// Discarded when it is no JSON, or nested too deeply.
-json parse(std::string_view text) {
-    bool isTooDeep = false;
-    json value = json::parse(
-        text,
-        [&isTooDeep](int depth, json::parse_event_t, const json&) {
-            isTooDeep |= depth > kMaxDepth;
-            return !isTooDeep;
-        },
-        false);
-    return isTooDeep ? json(json::value_t::discarded) : value;
-}
 
 /// One line for a log, of printable ASCII.
 std::string printable(std::string text) {
@@ -255,7 +242,7 @@ void EtcdClient::Impl::onBody(const CallPointer& call, Error error) {
     }
     const auto connection = std::move(call->connection);
     const http::status status = connection->status();
-    json answer = parse(connection->takeBody());
+    json answer = parseJson(connection->takeBody());
     if (connection->isReusable()) {
         members_[call->member].idle.push_back(connection);
     }
@@ -341,9 +328,9 @@ void EtcdClient::Impl::onWatchHeader(const WatchPointer& watch, Error error) {
         return awaitPiece(watch);
     }
     watch->connection->readRest([self = shared_from_this(), watch, status](Error failure) {
-        self->endWatch(watch, failure
-                                  ? failure.message()
-                                  : EtcdError(status, parse(watch->connection->takeBody())).reason);
+        self->endWatch(
+            watch, failure ? failure.message()
+                           : EtcdError(status, parseJson(watch->connection->takeBody())).reason);
     });
 }
 
@@ -380,7 +367,7 @@ void EtcdClient::Impl::onPiece(const WatchPointer& watch, Error error) {
 
 void EtcdClient::Impl::takeLine(const WatchPointer& watch, http::status status,
                                 std::string_view line) {
-    json value = parse(line);
+    json value = parseJson(line);
     const auto result = value.is_object() ? value.find("result") : value.end();
     if (result == value.end() || !result->is_object()) {
         return endWatch(watch, EtcdError(status, value).reason);

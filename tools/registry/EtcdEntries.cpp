@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "Base64.h"
+#include "Json.h"
 
 namespace orvx::registry {
 
@@ -255,8 +256,7 @@ std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
         line == std::string::npos) {
         return std::nullopt;
     }
-    const json head = json::parse(value.begin(), value.begin() + static_cast<std::ptrdiff_t>(line),
-                                  nullptr, false);
+    const json head = parseJson(std::string_view(value).substr(0, line));
     Entry entry;
     entry.uuid = name.substr(begin.size());
     entry.number = numberIn<std::uint64_t>(textIn(pair, "create_revision"));
@@ -268,10 +268,12 @@ std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
     entry.created = at(head, "created").is_number_integer()
                         ? timeAt(at(head, "created").get<std::int64_t>())
                         : timeAt(0);
-    // What this program writes has no line breaks, which events to watchers cannot have.
-    const bool isComplete = !entry.path.empty() && entry.number != 0 &&
+    // The text becomes a part of lists and events. What this program writes has neither line
+    // breaks, which events cannot have, nor a byte order mark, which the parser skips.
+    const bool isComplete = !entry.path.empty() && entry.number != 0 && !entry.service.empty() &&
+                            entry.service.front() == '{' &&
                             entry.service.find_first_of("\r\n") == std::string::npos &&
-                            json::parse(entry.service, nullptr, false).is_object();
+                            parseJson(entry.service).is_object();
     return isComplete ? std::optional(std::move(entry)) : std::nullopt;
 }
 
@@ -295,7 +297,7 @@ EtcdEntries::Change EtcdEntries::changeIn(const json& event) const {
             change.uuid = name.substr(entries.size());
         }
     } else if (name == prefix_ + std::string(kChecks)) {
-        const json checks = json::parse(decodedIn(pair, "value"), nullptr, false);
+        const json checks = parseJson(decodedIn(pair, "value"));
         change.kind = Change::Kind::Checks;
         change.replica = textIn(checks, "from");
         for (const json& uuid : at(checks, "uuids")) {

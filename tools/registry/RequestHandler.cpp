@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "FileError.h"
+#include "Json.h"
 
 namespace orvx::registry {
 
@@ -22,21 +23,12 @@ using nlohmann::json;
 
 namespace {
 
-// Descriptions are flat. Writing JSON recurses, so what is stored must not nest without limit.
-constexpr int kMaxDepth = 64;
-
 json parseObject(const std::string& text) {
-    const auto limitDepth = [](int depth, json::parse_event_t event, const json&) {
-        const bool opens =
-            event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
-        if (opens && depth == kMaxDepth) {
-            throw std::invalid_argument("the body nests too deeply");
-        }
-        return true;
-    };
-    json value = json::parse(text, limitDepth, false);
-    // The parser takes a NUL for the end of the text.
-    if (value.is_discarded() || text.find('\0') != std::string::npos) {
+    if (jsonDepthOf(text) > kMaxJsonDepth) {
+        throw std::invalid_argument("the body nests too deeply");
+    }
+    json value = parseJson(text);
+    if (value.is_discarded()) {
         throw std::invalid_argument("the body is not valid JSON in UTF-8");
     }
     if (!value.is_object()) {

@@ -17,34 +17,6 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::size_t kLongestText = 200;
-
-/// Not cut within a letter.
-std::string shortened(const std::string& text) {
-    if (text.size() <= kLongestText) {
-        return text;
-    }
-    std::size_t size = kLongestText;
-    while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0U) == 0x80U) {
-        --size;
-    }
-    return text.substr(0, size) + "…";
-}
-
-/// What tells a service from others and where it is.
-json shortened(const json& service) {
-    json less = json::object();
-    for (const char* name : {"name", "uri", "host", "port"}) {
-        const auto value = service.find(name);
-        if (value != service.end() && value->is_string()) {
-            less[name] = shortened(value->get_ref<const std::string&>());
-        } else if (value != service.end() && value->is_number()) {
-            less[name] = *value;
-        }
-    }
-    return less;
-}
-
 /// A path may hold bytes that are no UTF-8.
 std::string dumped(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -64,14 +36,13 @@ EntryStore::Time::rep heartbeatAt(EntryStore::Time time) {
 /// be another one. The service is put in as the text that it is.
 std::string describe(const Entry& entry, const EntryStore& store) {
     const auto now = store.now();
-    // Each byte of a path that is no UTF-8 becomes three.
-    const bool isLong = entry.service.size() + 3 * entry.path.size() > Watch::kLongestService;
-    json object{{"path", isLong ? shortened(entry.path) : entry.path},
+    const bool isCut = isLong(entry);
+    json object{{"path", isCut ? shortened(entry.path) : entry.path},
                 {"checks", entry.checks},
                 {"number", entry.number},
                 {"age", milliseconds(std::chrono::system_clock::now() - entry.created)},
                 {"renewed", milliseconds(now - entry.renewed)}};
-    if (isLong) {
+    if (isCut) {
         object["cut"] = entry.service.size();
     }
     if (entry.checked) {
@@ -84,7 +55,7 @@ std::string describe(const Entry& entry, const EntryStore& store) {
     std::string text = dumped(object);
     text.pop_back();
     text += ",\"service\":";
-    text += isLong ? dumped(shortened(json::parse(entry.service))) : entry.service;
+    text += isCut ? entry.summary : entry.service;
     return text + R"(,"uuid":")" + entry.uuid + R"("})";
 }
 

@@ -23,8 +23,6 @@ class Watch {
     /// next() adds no event to a piece of at least kPiece bytes. No event exceeds kLongestEvent.
     static constexpr std::size_t kPiece = 8'192;
     static constexpr std::size_t kLongestEvent = 8'192;
-    /// An entry whose service and path are longer is told in short.
-    static constexpr std::size_t kLongestService = 6'144;
     /// From one `state` event to the next at most, provided that next() is called so often.
     static constexpr std::chrono::seconds kHeartbeat{2};
 
