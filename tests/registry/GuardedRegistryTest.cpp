@@ -186,18 +186,22 @@ TEST_F(AGuardedRegistry, ReadsItsTokensAgainOnSighup) {
     EXPECT_EQ(connection.ask(requestAs("doors", "GET", "/")).result(), http::status::ok);
 }
 
-TEST_F(AGuardedRegistry, BeginsNoStreamForATokenThatWasWithdrawnMeanwhile) {
-    RegistryProcess program({"--port", "0", "--tokens", tokens_});
-    RawConnection connection(program.port());
-    connection.send(
-        "GET /-/watch HTTP/1.1\r\nAuthorization: Bearer lamps-secret\r\n"
-        "Expect: 100-continue\r\nContent-Length: 1\r\n\r\n");
-    connection.readUntil("100 Continue\r\n\r\n");
-    write("tokens", tokenLine("doors", R"("read":true)"));
-    program.signal(SIGHUP);
-    program.awaitOutput("orvx-registry has read its files again\n");
-    connection.send("x");
-    EXPECT_TRUE(connection.isClosedByPeer());
+TEST_F(AGuardedRegistry, CarriesOutNoRequestOfATokenThatWasWithdrawnBeforeTheEndOfTheBody) {
+    for (const char* line : {"GET /-/watch", "PUT /lamps/1"}) {
+        write("tokens", tokenLine("lamps", R"("announce":"/lamps","read":true)"));
+        RegistryProcess program({"--port", "0", "--tokens", tokens_});
+        RawConnection connection(program.port());
+        connection.send(line + std::string(" HTTP/1.1\r\nAuthorization: Bearer lamps-secret\r\n"
+                                           "Expect: 100-continue\r\nContent-Length: 2\r\n\r\n"));
+        connection.readUntil("100 Continue\r\n\r\n");
+        write("tokens", tokenLine("doors", R"("read":true)"));
+        program.signal(SIGHUP);
+        program.awaitOutput("orvx-registry has read its files again\n");
+        EXPECT_EQ(connection.ask("{}").result(), http::status::unauthorized);
+        EXPECT_TRUE(connection.isClosedByPeer());
+        const auto list = RawConnection(program.port()).ask(requestAs("doors", "GET", "/"));
+        EXPECT_THAT(list.body(), HasSubstr(R"("entries":[])"));
+    }
 }
 
 TEST_F(AGuardedRegistry, ClosesAConnectionWhoseAnswerWasSentWhileItReadItsFilesAgain) {

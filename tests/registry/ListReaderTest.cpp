@@ -134,5 +134,26 @@ TEST(AReaderThatReadsNothing, CostsLittleMemoryAndHoldsUpNoCheckHoweverLongTheLi
 #endif
 }
 
+// Each answer is short, and is sent as soon as the kernel has taken the one before.
+TEST(AClientThatReadsNoAnswer, GetsNoMoreThanASmallBufferOfThem) {
+    RegistryOptions options;
+    options.writeTimeout = 300ms;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    putMany(connection, 100, 50);
+    RawConnection reader(registry.port(), 4'096);
+    std::string requests;
+    for (int i = 0; i < 2'000; ++i) {
+        requests += "GET / HTTP/1.1\r\n\r\n";
+    }
+    reader.send(requests);
+    EXPECT_TRUE(reader.endsWithin(10s));
+    const std::string metrics = connection.ask(makeRequest("GET", "/-/metrics")).body();
+    const std::string name = R"(requests_total{method="GET",code="200"} )";
+    const auto begin = metrics.find(name);
+    ASSERT_NE(begin, std::string::npos) << metrics;
+    EXPECT_LT(std::stoi(metrics.substr(begin + name.size())), 20);
+}
+
 }  // namespace
 }  // namespace orvx::registry

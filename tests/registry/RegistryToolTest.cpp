@@ -223,6 +223,45 @@ TEST_F(TheTool, SaysWhenItsStoreCannotBeWrittenAndChangesNothingThen) {
     EXPECT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(), http::status::created);
 }
 
+TEST_F(TheTool, AnswersAndTakesChecksWhileItsStoreCannotBeWrittenAndAnEntryIsDueToExpire) {
+    RegistryProcess program({"--port", "0", "--store", folder_ / "store", "--ttl", "1"});
+    RawConnection connection(program.port());
+    const auto checked = connection.ask(makeRequest("PUT", "/checked", "{}"));
+    connection.ask(makeRequest("PUT", "/dead", "{}"));
+    const auto check = [&] {
+        const std::string location(checked[http::field::location]);
+        return connection.ask(makeRequest("HEAD", location)).result();
+    };
+    const rlimit noGrowth{0, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &noGrowth, nullptr), 0);
+    const auto end = std::chrono::steady_clock::now() + 1'500ms;
+    while (std::chrono::steady_clock::now() < end) {
+        ASSERT_EQ(check(), http::status::ok);
+    }
+    program.awaitErrors("nothing expires\n");
+    EXPECT_EQ(connection.ask(makeRequest("GET", "/-/health")).result(), http::status::ok);
+    const rlimit growth{RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &growth, nullptr), 0);
+    const auto countEntries = [&] {
+        EXPECT_EQ(check(), http::status::ok);
+        return json::parse(connection.ask(makeRequest("GET", "/")).body()).at("entries").size();
+    };
+    while (countEntries() != 1) {
+    }
+}
+
+TEST_F(TheTool, GoesOnWhenTheReaderOfItsLogHasEnded) {
+    ChildProcess program("/bin/sh", {"-c", "exec \"$@\" --log | (read -r line; echo \"$line\" >&2)",
+                                     "sh", RegistryProcess::path(), "--port", "0"});
+    const std::string line = program.awaitErrors("\n");
+    const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+    RawConnection connection(port);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    }
+    program.awaitErrors("the log cannot be written\n");
+}
+
 /// The program where no file can grow, as on a full disk. It has no folder for temporary files,
 /// because the thread sanitizer writes one of its own there before main(), and the limit would end
 /// the program.

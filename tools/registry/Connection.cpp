@@ -35,9 +35,6 @@ constexpr std::size_t kMaxBuffer = 16'384;
 constexpr std::uint32_t kMaxHeader = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-// The kernel takes twice as much, and a piece is not much longer than 16 KiB: a reader of the
-// stream or of a list that reads nothing costs less than 64 KiB.
-constexpr int kReaderSendBuffer = 16'384;
 constexpr std::string_view kRetry = "retry: 1000\n\n";
 // A watcher that is awake sends at most so often, one that sleeps looks for checks and what
 // expired.
@@ -185,6 +182,12 @@ void Connection::onRequest(Error error, std::size_t) {
     if (error) {
         return refuse(error);
     }
+    if (generation_ != shared_.generation) {
+        // The token may have been withdrawn since the header was checked.
+        if (auto refusal = shared_.dispatcher.refuse(parser_->get(), peer_, caller_ = {})) {
+            return refuse(std::move(*refusal));
+        }
+    }
     shared_.dispatcher.react(
         parser_->get(), caller_,
         beast::bind_front_handler(&Connection::onReaction, shared_from_this()));
@@ -192,7 +195,7 @@ void Connection::onRequest(Error error, std::size_t) {
 
 void Connection::onReaction(Reaction reaction) {
     if (reaction.watch && generation_ != shared_.generation) {
-        return;  // the token may have been withdrawn since the header was checked
+        return;  // the certificate may not count any more
     }
     record(parser_->get(), reaction.response, reaction.remark, !reaction.rest);
     parser_.reset();
@@ -331,7 +334,6 @@ void Connection::discardInput(Error error, std::size_t) {
 void Connection::beginList(Response response, const EntryWriter& rest) {
     Error error;
     auto& socket = stream_.tcp().socket();
-    socket.set_option(asio::socket_base::send_buffer_size(kReaderSendBuffer), error);
     socket.set_option(asio::socket_base::linger(true, 0), error);  // until it is sent
     list_ = rest;
     const std::string first = std::exchange(response.body(), {});
@@ -384,9 +386,7 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
     buffer_.consume(buffer_.size());
     buffer_.shrink_to_fit();
     Error error;
-    auto& socket = stream_.tcp().socket();
-    socket.set_option(asio::socket_base::send_buffer_size(kReaderSendBuffer), error);
-    socket.set_option(asio::socket_base::linger(true, 0), error);
+    stream_.tcp().socket().set_option(asio::socket_base::linger(true, 0), error);
     watch_ = watch;
     shared_.dispatcher.counts().addWatcher();
     std::ostringstream header;

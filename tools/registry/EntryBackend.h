@@ -48,7 +48,6 @@ class EntryBackend {
     virtual void remove(const Entry& entry, std::function<void(Presence)> done) = 0;
 
     /// Takes out the entries that were not renewed in time, unless the backend does so by itself.
-    /// Throws a FileError.
     virtual void expire() = 0;
 
     /// Whether the store has been filled: before that it holds less than there is.
@@ -74,13 +73,16 @@ class LocalBackend : public EntryBackend {
     void find(const std::string& uuid, std::function<void(Presence, const Entry*)> done) override;
     void check(const std::string& uuid) override { store_.check(uuid); }
     void remove(const Entry& entry, std::function<void(Presence)> done) override;
-    void expire() override { store_.expire(); }
+    /// While the file cannot be written its entries stay: it is tried again after a second.
+    void expire() override;
     bool isLoaded() const override { return true; }
     bool isCurrent() const override { return true; }
     std::string metrics() const override { return {}; }
 
   private:
     EntryStore& store_;
+    EntryStore::Time nextExpiry_{};
+    bool hasFailed_ = false;
 };
 
 }  // namespace orvx::registry

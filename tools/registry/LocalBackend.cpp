@@ -2,9 +2,12 @@
 // Entered by whichever thread owns the store, one at a time.
 // There is no lock.
 
+#include <chrono>
+#include <iostream>
 #include <utility>
 
 #include "EntryBackend.h"
+#include "FileError.h"
 
 namespace orvx::registry {
 
@@ -22,6 +25,21 @@ void LocalBackend::find(const std::string& uuid, std::function<void(Presence, co
 void LocalBackend::remove(const Entry& entry, std::function<void(Presence)> done) {
     const std::string uuid = entry.uuid;  // the entry ends with the removal
     done(store_.remove(uuid) ? Presence::Present : Presence::Absent);
+}
+
+void LocalBackend::expire() {
+    if (store_.now() < nextExpiry_) {
+        return;
+    }
+    try {
+        store_.expire();
+        hasFailed_ = false;
+    } catch (const FileError& error) {
+        nextExpiry_ = store_.now() + std::chrono::seconds(1);
+        if (!std::exchange(hasFailed_, true)) {
+            std::cerr << "orvx-registry: " << error.what() << "; nothing expires" << std::endl;
+        }
+    }
 }
 
 }  // namespace orvx::registry

@@ -55,6 +55,7 @@ std::string withoutPasswords(const std::string& text) {
 /// again, or if a service manager may send it; otherwise it ends the process.
 sigset_t prepareSignals(const RegistryOptions& options, bool isManaged) {
     std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
+    std::signal(SIGPIPE, SIG_IGN);  // a log that nobody reads any more is one of the log
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
