@@ -93,7 +93,17 @@ def promtool(*arguments, text=None):
           f"promtool {' '.join(arguments)}\n{result.stdout}{result.stderr}")
 
 
-texts = served()
+def served_by_a_replica():
+    """The text of a replica whose etcd is away, which has metrics of its own."""
+    replica, at = started(registry, "--port", "0", "--etcd", "http://127.0.0.1:1")
+    try:
+        return read(f"{at}/-/metrics")
+    finally:
+        replica.terminate()
+        replica.wait(timeout=30)
+
+
+texts = *served(), served_by_a_replica()
 labels = {}
 for text in texts:
     labels.update(labels_by_metric(text))
