@@ -20,9 +20,9 @@ namespace orvx::testing {
 
 using utility::MutexLock;
 
-HostileServer::HostileServer(Loopback loopback)
+HostileServer::HostileServer(Loopback loopback, std::uint16_t port)
     : loopback_(loopback),
-      reservation_(bindLoopback(loopback)),
+      reservation_(bindLoopback(loopback, port)),
       port_(portOf(reservation_)),
       wakeUp_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       handler_([](const Request&) { return response(500); }),
@@ -40,8 +40,7 @@ HostileServer::~HostileServer() {
 }
 
 std::string HostileServer::url(const std::string& target) const {
-    const std::string host = loopback_ == Loopback::V4 ? "127.0.0.1" : "[::1]";
-    return "http://" + host + ":" + std::to_string(port_) + target;
+    return "http://" + hostOf(loopback_) + ":" + std::to_string(port_) + target;
 }
 
 void HostileServer::nextConnection(Script script) {

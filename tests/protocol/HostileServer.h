@@ -53,8 +53,8 @@ class HostileServer final : private IScriptSource {
 
     static constexpr std::chrono::milliseconds kPatience{10000};
 
-    /// Listens when it returns. Throws std::system_error.
-    explicit HostileServer(Loopback loopback = Loopback::V4);
+    /// Listens at `port`, zero for any free one, when it returns. Throws std::system_error.
+    explicit HostileServer(Loopback loopback = Loopback::V4, std::uint16_t port = 0);
     ~HostileServer();
 
     std::uint16_t port() const { return port_; }

@@ -27,10 +27,11 @@ union Address {
 
 Address addressOf(Loopback loopback, std::uint16_t port) {
     Address address{};
-    if (loopback == Loopback::V4) {
-        address.v4 = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    } else {
+    if (loopback == Loopback::V6) {
         address.v6 = {AF_INET6, htons(port), 0, in6addr_loopback, 0};
+    } else {
+        const auto number = static_cast<in_addr_t>(loopback) - static_cast<in_addr_t>(Loopback::V4);
+        address.v4 = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK + number)}, {}};
     }
     return address;
 }
@@ -42,7 +43,7 @@ void check(int result, const char* what) {
 }
 
 Socket openSocket(Loopback loopback) {
-    const int family = loopback == Loopback::V4 ? AF_INET : AF_INET6;
+    const int family = loopback == Loopback::V6 ? AF_INET6 : AF_INET;
     const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     check(fd, "socket");
     return Socket(fd);
@@ -54,6 +55,11 @@ Socket::~Socket() {
     if (fd_ >= 0) {
         ::close(fd_);
     }
+}
+
+std::string hostOf(Loopback loopback) {
+    const auto number = static_cast<int>(loopback) - static_cast<int>(Loopback::V4) + 1;
+    return loopback == Loopback::V6 ? "[::1]" : "127.0.0." + std::to_string(number);
 }
 
 Socket bindLoopback(Loopback loopback, std::uint16_t port) {

@@ -6,8 +6,11 @@
 
 namespace orvx::testing {
 
-/// Which loopback address: 127.0.0.1 or ::1.
-enum class Loopback { V4, V6 };
+/// Which loopback address: 127.0.0.1, 127.0.0.2, 127.0.0.3, or ::1.
+enum class Loopback { V4, SecondV4, ThirdV4, V6 };
+
+/// The address as the host of a URL.
+std::string hostOf(Loopback loopback);
 
 /// Owns a file descriptor. Not thread-safe.
 class Socket {

@@ -10,8 +10,9 @@
 
 namespace orvx::communication {
 
-Connection::Connection(std::shared_ptr<Stream> stream, std::uint64_t lastWaiting, Owner& owner)
-    : stream_(std::move(stream)), lastWaiting_(lastWaiting), owner_(owner) {
+Connection::Connection(std::shared_ptr<Stream> stream, const Address& address,
+                       std::uint64_t lastWaiting, Owner& owner)
+    : stream_(std::move(stream)), address_(address), lastWaiting_(lastWaiting), owner_(owner) {
     stream_->setListener(this);
     stream_->read();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Address.h"
 #include "AnswerReader.h"
 #include "Request.h"
 #include "Stream.h"
@@ -31,7 +32,8 @@ class Connection final : private Stream::Listener {
     };
 
     /// Starts to read, so that the end of the connection is noticed. Throws std::bad_alloc.
-    Connection(std::shared_ptr<Stream> stream, std::uint64_t lastWaiting, Owner& owner);
+    Connection(std::shared_ptr<Stream> stream, const Address& address, std::uint64_t lastWaiting,
+               Owner& owner);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -49,12 +51,16 @@ class Connection final : private Stream::Listener {
 
     /// The request that is outstanding, or null.
     const Request* request() const { return request_.get(); }
+    const Address& address() const { return address_; }
     /// The number of the newest request that was waiting when this connection was started.
     std::uint64_t lastWaiting() const { return lastWaiting_; }
     /// The cause of a TLS failure for human readers; empty without a failure.
     const std::string& tlsError() const { return stream_->tlsError(); }
     /// Whether no request has been sent over this connection.
     bool isNew() const { return isNew_; }
+    /// The connection is idle, and must send no request any more.
+    void outdate() { isOutdated_ = true; }
+    bool isOutdated() const { return isOutdated_; }
 
   private:
     void onRead() override;
@@ -67,11 +73,13 @@ class Connection final : private Stream::Listener {
     CommunicationStatus statusOf(Stream::End end) const;
 
     const std::shared_ptr<Stream> stream_;
+    const Address address_;
     const std::uint64_t lastWaiting_;
     Owner& owner_;
     AnswerReader reader_;
     std::unique_ptr<Request> request_;
     bool isNew_ = true;
+    bool isOutdated_ = false;
     bool isRepeatable_ = false;  // The outstanding request was sent over a kept connection.
     bool isWriting_ = false;
     bool isWriteBroken_ = false;

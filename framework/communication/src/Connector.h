@@ -50,6 +50,8 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     /// Starts with the first address. The owner may be called before start() returns.
     void start(Addresses addresses);
     bool isStarted() const { return !addresses_.empty(); }
+    /// The address that accepted the connection; equal to no address before.
+    const Address& connected() const { return connected_; }
     /// The time at which onTime() must be called; the maximum if no call is needed.
     std::chrono::steady_clock::time_point nextTime() const { return nextAttempt_; }
     void onTime();

@@ -19,6 +19,21 @@ namespace {
 // again and again does not look the name up each time.
 constexpr std::chrono::seconds kAddressesLast(60);
 
+/// Whether a connection that broke with this status has ended without a whole answer. Otherwise the
+/// answer was refused, or memory ran out.
+bool hasEnded(CommunicationStatus status) {
+    switch (status) {
+        case CommunicationStatus::Ok:  // The request is repeated.
+        case CommunicationStatus::SendFailed:
+        case CommunicationStatus::ReceiveFailed:
+        case CommunicationStatus::CutShort:
+        case CommunicationStatus::TlsFailed:
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 HttpEndpoint::HttpEndpoint(const EndpointContext& context,
@@ -56,6 +71,7 @@ std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
     }
     auto request = oldest->giveUp();
     --busy_;
+    avoid(oldest->address());
     drop(*oldest);
     return request;
 }
@@ -90,6 +106,7 @@ void HttpEndpoint::expire(Clock::time_point now) {
         }
         complete(connection.giveUp(), CommunicationStatus::TimedOut);
         --busy_;
+        avoid(connection.address());
         drop(connection);
     }
     for (std::size_t i = connecting_.size(); i-- > 0;) {
@@ -132,7 +149,9 @@ void HttpEndpoint::expireRepeats(Clock::time_point now) {
 void HttpEndpoint::serveIdle() {
     for (std::size_t i = idle_.size(); i-- > 0 && waiting() != 0;) {
         Connection& connection = *idle_[i];
-        if (connection.hasNoInput()) {
+        if (connection.isOutdated()) {
+            drop(connection);
+        } else if (connection.hasNoInput()) {
             idle_.erase(idle_.begin() + static_cast<std::ptrdiff_t>(i));
             serve(connection);
         } else if (!connection.isNew()) {
@@ -209,7 +228,7 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
         connecting_.push_back({connector, deadline, added_});
         wakeAt(deadline);
         if (findAddresses()) {
-            connector->start(addresses_);
+            connector->start(addresses_.inOrder());
             wakeAt(connector->nextTime());
         }
     } catch (const std::bad_alloc&) {
@@ -221,20 +240,18 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
 
 /// Whether the addresses are known. If not, starts a look-up.
 bool HttpEndpoint::findAddresses() {
-    const EndpointSettings& settings = *settings_;
-    const Origin& next = settings.proxy.host.empty() ? settings.origin : settings.proxy;
     if (Clock::now() < addressesEnd_) {
         return true;
     }
     if (isLookingUp_) {
         return false;
     }
-    const std::string& socketPath = settings.config.unixSocketPath;
+    const Origin& next = nextHop();
+    const std::string& socketPath = settings_->config.unixSocketPath;
     auto fixed = socketPath.empty() ? addressesFromText(next.host)
                                     : std::make_optional(Addresses{unixAddress(socketPath)});
     if (fixed) {
-        addresses_ = std::move(*fixed);
-        setPort(addresses_, next.port);
+        setAddresses(std::move(*fixed));
         addressesEnd_ = Clock::time_point::max();
         return true;
     }
@@ -243,19 +260,35 @@ bool HttpEndpoint::findAddresses() {
     return false;
 }
 
+/// Takes addresses without a port.
+void HttpEndpoint::setAddresses(Addresses found) {
+    setPort(found, nextHop().port);
+    addresses_.replace(std::move(found));
+}
+
+/// Prefers other addresses, if there are any, to one that gave no answer. Its idle connections send
+/// no request any more. A connection over which an answer arrives after this call is kept.
+void HttpEndpoint::avoid(const Address& address) {
+    if (addresses_.avoid(address)) {
+        for (Connection* const connection : idle_) {
+            if (connection->address() == address) {
+                connection->outdate();
+            }
+        }
+    }
+}
+
 void HttpEndpoint::onResolved(const Resolver::LookUp& lookUp) {
-    const EndpointSettings& settings = *settings_;
-    const Origin& next = settings.proxy.host.empty() ? settings.origin : settings.proxy;
-    if (!isLookingUp_ || lookUp.name != next.host) {
+    if (!isLookingUp_ || lookUp.name != nextHop().host) {
         return;
     }
     isLookingUp_ = false;
     auto status = lookUp.answer.status;
     try {
-        addresses_ = lookUp.answer.addresses;
-        setPort(addresses_, next.port);
-        addressesEnd_ =
-            addresses_.empty() ? Clock::time_point::min() : Clock::now() + kAddressesLast;
+        if (status == CommunicationStatus::Ok) {
+            setAddresses(lookUp.answer.addresses);
+            addressesEnd_ = Clock::now() + kAddressesLast;
+        }
     } catch (const std::bad_alloc&) {
         status = CommunicationStatus::OutOfMemory;
     }
@@ -268,7 +301,7 @@ void HttpEndpoint::onResolved(const Resolver::LookUp& lookUp) {
             connector->cancel();
             onConnectFailed(*connector, status, {});
         } else {
-            connector->start(addresses_);
+            connector->start(addresses_.inOrder());
             wakeAt(connector->nextTime());
         }
     }
@@ -281,18 +314,14 @@ void HttpEndpoint::onConnected(Connector& connector, std::shared_ptr<Stream> str
                      [&](const Connecting& one) { return one.connector.get() == &connector; });
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
-    // Move the address that answered to the front.
-    const auto answered = std::find(addresses_.begin(), addresses_.end(), address);
-    if (answered != addresses_.end()) {
-        std::rotate(addresses_.begin(), answered, answered + 1);
-    }
+    addresses_.prefer(address);
     try {
         // Reserve space for all connections, so that moving one between the lists cannot fail.
         idle_.reserve(connections_.size() + 1);
         dropped_.reserve(dropped_.size() + connections_.size() + 1);
         connections_.reserve(connections_.size() + 1);
         connections_.push_back(
-            std::make_unique<Connection>(std::move(stream), ended.lastWaiting, *this));
+            std::make_unique<Connection>(std::move(stream), address, ended.lastWaiting, *this));
     } catch (const std::exception&) {
         failWaiting(CommunicationStatus::OutOfMemory, added_, false);
         return;
@@ -307,6 +336,7 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
                      [&](const Connecting& one) { return one.connector.get() == &connector; });
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
+    avoid(connector.connected());
     const std::string cause = causeOf(status, detail);
     logOnce(cause);
     if (settings_->config.unixSocketPath.empty() && addressesEnd_ != Clock::time_point::max()) {
@@ -327,13 +357,12 @@ void HttpEndpoint::logOnce(const std::string& cause) {
 /// The cause for human readers, with the endpoint. Empty if memory runs out.
 std::string HttpEndpoint::causeOf(CommunicationStatus status,
                                   const std::string& detail) const noexcept {
-    const Origin& next = settings_->proxy.host.empty() ? settings_->origin : settings_->proxy;
     try {
         switch (status) {
             case CommunicationStatus::TimedOut:
                 return "no answer from " + settings_->origin.authority + " in time";
             case CommunicationStatus::ResolveFailed:
-                return "the host " + next.host + " is not known";
+                return "the host " + nextHop().host + " is not known";
             default:
                 return detail;
         }
@@ -385,6 +414,9 @@ void HttpEndpoint::onAnswered(Connection& connection, std::unique_ptr<Request> r
 
 void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> request,
                             CommunicationStatus status) {
+    if (hasEnded(status) && (request || connection.isNew())) {
+        avoid(connection.address());
+    }
     if (request) {
         --busy_;
         if (status == CommunicationStatus::Ok) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Address.h"
+#include "AddressList.h"
 #include "Connection.h"
 #include "Connector.h"
 #include "Request.h"
@@ -63,6 +63,10 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     };
     using Connections = std::vector<std::unique_ptr<Connection>>;
 
+    /// The server, or the proxy if there is one.
+    const Origin& nextHop() const {
+        return settings_->proxy.host.empty() ? settings_->origin : settings_->proxy;
+    }
     std::size_t waiting() const { return repeats_.size() + heads_.size() + others_.size(); }
     void wakeAt(Clock::time_point time) { nextTime_ = std::min(nextTime_, time); }
     void expire(Clock::time_point now);
@@ -79,6 +83,8 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void connect(Clock::time_point now);
     void startConnecting(Clock::time_point now);
     bool findAddresses();
+    void setAddresses(Addresses found);
+    void avoid(const Address& address);
     bool needsConnection() const;
     void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool failsAll,
                      const std::string& cause = {});
@@ -111,7 +117,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     Connections dropped_;  // Destroyed by the next process().
     std::vector<Connecting> connecting_;
 
-    Addresses addresses_;
+    AddressList addresses_;
     Clock::time_point addressesEnd_ = Clock::time_point::min();
     bool isLookingUp_ = false;
     std::string lastLoggedCause_;  // Empty after an answer.

@@ -218,6 +218,22 @@ TEST_F(Connecting, IsDoneAgainWhenThePeerHasSpokenUnasked) {
     EXPECT_EQ(server_.counters().requests, 1U);
 }
 
+TEST_F(Connecting, PrefersAnotherAddressWhenOneEndsTheConnectionUnused) {
+    HostileServer second(Loopback::SecondV4, server_.port());
+    second.onRequest([](const Request&) { return response(200); });
+    server_.nextRequest(Script().send(response(200)).close());
+    const SessionPointer named = session(server_.port(), {}, "a.replicas.test");
+    EXPECT_EQ(codeOf(put(named)), 200) << "the addresses are known";
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    server_.everyConnection(Script().close());
+    const HttpResponse unused = putWhile(named, [this] {
+        ASSERT_TRUE(
+            server_.waitFor([](const auto& now) { return now.connections == 2 && now.open == 0; }));
+    });
+    EXPECT_EQ(unused.getCommunicationStatus(), CommunicationStatus::ReceiveFailed);
+    EXPECT_EQ(codeOf(put(named)), 200);
+}
+
 TEST_F(Connecting, IsGivenUpWhenThePeerSpeaksUnaskedEachTime) {
     server_.everyConnection(Script().send("220 mail\r\n"));
     const SessionPointer unasked = session();

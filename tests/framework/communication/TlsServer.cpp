@@ -58,7 +58,7 @@ Certificate makeCertificate(EVP_PKEY* key, const TlsServer::Options& options) {
 TlsServer::TlsServer(const Options& options, Script script)
     : script_(std::move(script)),
       context_(SSL_CTX_new(TLS_server_method())),
-      listener_(bindLoopback()),
+      listener_(bindLoopback(options.loopback, options.port)),
       port_(portOf(listener_)) {
     setUp(options);
     listenOn(listener_, 100);

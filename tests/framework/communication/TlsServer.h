@@ -28,6 +28,8 @@ class TlsServer {
         long validFrom = -3600;                ///< In seconds from now.
         long validUntil = 3600;
         bool isMutual = false;  ///< Clients have to show a certificate: the server's own.
+        Loopback loopback = Loopback::V4;
+        std::uint16_t port = 0;  ///< Zero for any free one.
     };
 
     TlsServer(const Options& options, Script script);

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Address.h"
+
+#include <cstddef>
+
+namespace orvx::communication {
+
+/// The addresses of one name, in the order in which they are tried: first those of which nothing
+/// bad is known, then those that gave no answer, the oldest failure first.
+///
+/// Not synchronised. Functions do not throw.
+class AddressList {
+  public:
+    const Addresses& inOrder() const { return addresses_; }
+
+    /// Takes the result of a look-up. The addresses that gave no answer stay at the end.
+    void replace(Addresses found) noexcept;
+    /// Moves an address that accepted a connection to the front.
+    void prefer(const Address& address) noexcept;
+    /// Moves an address that gave no answer to the end. Returns false if there is no other.
+    bool avoid(const Address& address) noexcept;
+
+  private:
+    Addresses::iterator firstAvoided() {
+        return addresses_.end() - static_cast<std::ptrdiff_t>(avoided_);
+    }
+
+    Addresses addresses_;
+    std::size_t avoided_ = 0;  // The number of addresses at the end that gave no answer.
+};
+
+}  // namespace orvx::communication
