@@ -70,6 +70,7 @@ class TheReplicas : public ::testing::Test {
         context.enableResilience(true);
         context.setHttpConfig(http);
         context.setCheckInterval(1s);
+        context.setHeadTimeout(1s);
         context.init();
         const auto outcome = context.getServiceRegistryClient()->registerServiceAtRegistry(
             {"registry", "registry.replicas.test", replicas.port()}, service("lamp"));
@@ -106,6 +107,18 @@ TEST_F(TheReplicas, AreTriedOneAfterTheOtherUntilOneAnswers) {
     replicas.signal(0, SIGKILL);
     expectConfirmed();
     replicas.signal(1, SIGKILL);
+    expectConfirmed();
+}
+
+// The kernel still accepts connections to a stopped process.
+TEST_F(TheReplicas, AreLeftWhenTheyAcceptConnectionsAndDoNotAnswer) {
+    expectConfirmed();
+    replicas.signal(0, SIGSTOP);
+    expectConfirmed();
+    replicas.signal(1, SIGSTOP);
+    expectConfirmed();
+    replicas.signal(0, SIGCONT);
+    replicas.signal(2, SIGSTOP);
     expectConfirmed();
 }
 

@@ -149,12 +149,10 @@ void HttpEndpoint::expireRepeats(Clock::time_point now) {
 void HttpEndpoint::serveIdle() {
     for (std::size_t i = idle_.size(); i-- > 0 && waiting() != 0;) {
         Connection& connection = *idle_[i];
-        if (connection.isOutdated()) {
-            drop(connection);
-        } else if (connection.hasNoInput()) {
+        if (!connection.isOutdated() && connection.hasNoInput()) {
             idle_.erase(idle_.begin() + static_cast<std::ptrdiff_t>(i));
             serve(connection);
-        } else if (!connection.isNew()) {
+        } else if (connection.isOutdated() || !connection.isNew()) {
             drop(connection);
         }
         // Input on a new connection may be TLS session tickets. The outstanding read consumes it or
