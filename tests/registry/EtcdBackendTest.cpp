@@ -80,7 +80,11 @@ class Watcher {
     /// All changes up to that one.
     std::vector<std::string> until(const std::string& last) {
         std::vector<std::string> changes;
+        const auto deadline = Clock::now() + 10s;  // comments keep the stream alive
         while (changes.empty() || changes.back() != last) {
+            if (Clock::now() > deadline) {
+                throw std::runtime_error("the change \"" + last + "\" did not come");
+            }
             const std::string event = connection_.readUntil("\n\n");
             const auto uuid = event.find(kUuidBegin);
             if (uuid != std::string::npos) {
@@ -201,7 +205,36 @@ TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredFromABackup) {
     EXPECT_THAT(replica.ask("GET", targetOf(1)).body(), HasSubstr(R"({"a":1})"));
     put(3);
     await([&] { return replica.has("/3"); });
+    etcd_.awaitRequests("kv/put", count("kv/put") + 2);
+    EXPECT_EQ(count("kv/range"), 2U);
     replica.ready();
+}
+
+// The cluster is another one, even if it has caught up with the revisions that are known.
+TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredAsAnotherCluster) {
+    put(1);
+    Replica replica(members(1));
+    replica.ready();
+    const auto backup = etcd_.backup();
+    put(2);
+    await([&] { return replica.has("/2"); });
+    etcd_.restore(backup, "2");
+    for (int i = 0; i < 200; ++i) {
+        etcd_.put("/other", "x");
+    }
+    await([&] { return !replica.has("/2"); });
+    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1"));
+}
+
+TEST_F(AReplica, ListsAgainThoughACanceledWatchEnds) {
+    Replica replica(members(1), kShortTtl);
+    replica.ready();
+    etcd_.cancelWatches();
+    etcd_.awaitRequests("kv/put", count("kv/put") + 1);
+    etcd_.endWatches();
+    etcd_.awaitRequests("kv/range", 2);
+    put(1);
+    await([&] { return replica.has("/1"); });
 }
 
 TEST_F(AReplica, ReadsOneListAtATime) {
@@ -229,6 +262,12 @@ TEST_F(AReplica, ReadsOneListAtATime) {
     put(52);
     EXPECT_THAT(watcher.until("put 52"), ElementsAre("put 52"));
     EXPECT_THAT(replica.paths(), SizeIs(51));
+    const auto pages = etcd_.requests("kv/range");
+    EXPECT_LE(std::count_if(pages.begin(), pages.end(),
+                            [](const json& page) { return page.at("revision") == "0"; }),
+              3)
+        << "the first list, the one after the restoration, and one for a write that began before "
+           "it";
 }
 
 TEST_F(AReplica, ListsInPagesOfOneRevisionAndInTheOrderOfCreation) {
@@ -269,8 +308,11 @@ TEST_F(AReplica, AsksAgainForLessWhenAPageIsMissingAndForAllWhenEtcdRefusesIt) {
     EXPECT_THAT(replica.ready().paths(), SizeIs(90));
     const auto pages = etcd_.requests("kv/range");
     EXPECT_EQ(pages.at(2).at("key"), pages.at(1).at("key"));
-    EXPECT_LT(std::stoi(pages.at(2).at("limit").get<std::string>()),
-              std::stoi(pages.at(1).at("limit").get<std::string>()));
+    const auto limit = [&pages](std::size_t number) {
+        return std::stoi(pages.at(number).at("limit").get<std::string>());
+    };
+    EXPECT_LT(limit(2), limit(1));
+    EXPECT_GT(limit(4), limit(3)) << "the limit grows again";
     EXPECT_EQ(pages.at(3).at("key"), pages.at(0).at("key"));
     EXPECT_EQ(pages.at(3).at("revision"), "0");
 }
@@ -492,6 +534,11 @@ TEST_F(AReplica, LetsExpireInSeveralTransactionsAndKeepsWhatChangesMeanwhile) {
     });
     Replica replica(members(1), kShortTtl);
     Watcher watcher(replica.ready());
+    etcd_.awaitRequests("kv/txn", 1);
+    await([&] {  // the checks keep it until the others have gone, however long that takes
+        EXPECT_EQ(replica.statusOf("HEAD", targetOf(kCount)), 200U);
+        return replica.paths().size() == 1;
+    });
     const auto changes = watcher.until("removed " + std::to_string(kCount));
     const auto position = [&](const std::string& change) {
         return std::find(changes.begin(), changes.end(), change) - changes.begin();

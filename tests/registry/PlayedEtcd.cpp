@@ -136,6 +136,7 @@ void PlayedEtcd::serveWatch(Connection& connection, const json& create) {
     json result = header();
     result["created"] = true;
     const std::uint64_t begin = numberIn(create, "start_revision");
+    connection.isCanceled = begin <= compacted_;
     std::size_t next = 0;
     for (;;) {
         lock.unlock();
@@ -152,7 +153,7 @@ void PlayedEtcd::serveWatch(Connection& connection, const json& create) {
         if (std::exchange(connection.isCanceled, false)) {
             connection.isSilent = true;
             result["canceled"] = true;
-            result["compact_revision"] = std::to_string(state_.revision);
+            result["compact_revision"] = std::to_string(compacted_);
             continue;
         }
         result["events"] = json::array();
@@ -296,7 +297,7 @@ void PlayedEtcd::remove(const json& request, std::uint64_t revision) {
 }
 
 json PlayedEtcd::header() const {
-    return {{"header", {{"cluster_id", "1"}, {"revision", std::to_string(state_.revision)}}}};
+    return {{"header", {{"cluster_id", cluster_}, {"revision", std::to_string(state_.revision)}}}};
 }
 
 // ---- What a test does
@@ -360,7 +361,10 @@ void PlayedEtcd::endSilence() {
 }
 
 void PlayedEtcd::cancelWatches() {
-    forEachWatch([](Connection& watch) { watch.isCanceled = true; });
+    forEachWatch([this](Connection& watch) {
+        watch.isCanceled = true;
+        compacted_ = state_.revision;
+    });
 }
 
 void PlayedEtcd::endWatches() {
@@ -377,12 +381,14 @@ PlayedEtcd::Backup PlayedEtcd::backup() const {
     return state_;
 }
 
-void PlayedEtcd::restore(const Backup& backup) {
+void PlayedEtcd::restore(const Backup& backup, const std::string& cluster) {
     const std::lock_guard lock(mutex_);
     for (Connection& connection : connections_) {
         end(connection);
     }
     state_ = backup;
+    compacted_ = 0;
+    cluster_ = cluster;
 }
 
 void PlayedEtcd::forEachWatch(const std::function<void(Connection&)>& change) {

@@ -80,15 +80,15 @@ class PlayedEtcd {
     /// endSilence().
     void silenceWatches();
     void endSilence();
-    /// As after a compaction of what they are to bring.
+    /// The history is compacted, and the watches are to bring some of it.
     void cancelWatches();
     /// Breaks their connections off.
     void endWatches();
 
     void forgetLeases();
     Backup backup() const;
-    /// etcd restarts with the keys and the history of the backup.
-    void restore(const Backup& backup);
+    /// etcd restarts with the keys and the history of the backup, as that cluster.
+    void restore(const Backup& backup, const std::string& cluster = "1");
 
   private:
     struct Connection {
@@ -120,6 +120,8 @@ class PlayedEtcd {
     Backup state_{};
     std::uint64_t lease_ = 0;
     std::uint64_t forgottenLease_ = 0;
+    std::uint64_t compacted_ = 0;
+    std::string cluster_ = "1";
     bool isHeld_ = false;
     bool isSilent_ = false;
 
