@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AwakeClock.h"
 #include "EntryStore.h"
 
 namespace orvx::registry {
@@ -58,6 +59,35 @@ TEST_F(AnEntryThatIsNotRenewed, IsNotRenewedByBeingLookedAt) {
     EXPECT_THAT(pathsAfter(1s), IsEmpty());
     EXPECT_FALSE(store_.check(uuid));
     EXPECT_TRUE(store_.put("/a", {}).created);
+}
+
+class AnEntryInAProcessThatIsHeldUp : public ::testing::Test {
+  protected:
+    bool livesAfter(std::chrono::milliseconds time) {
+        now_ += time;
+        store_.expire();
+        return !store_.entries().empty();
+    }
+
+    EntryStore::Time now_{};
+    EntryStore store_{{10s, 100, "", AwakeClock(1s, [this] { return now_; })}};
+};
+
+TEST_F(AnEntryInAProcessThatIsHeldUp, LivesForTheTimeInWhichTheProcessIsAwake) {
+    store_.put("/a", {});
+    EXPECT_TRUE(livesAfter(1h));  // counts as one second
+    for (int i = 0; i < 17; ++i) {
+        EXPECT_TRUE(livesAfter(500ms));
+    }
+    EXPECT_FALSE(livesAfter(500ms));
+}
+
+TEST_F(AnEntryInAProcessThatIsHeldUp, IsRenewedByACheckThatHasWaited) {
+    const std::string uuid = store_.put("/a", {}).entry.uuid;
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(livesAfter(1h));
+        EXPECT_TRUE(store_.check(uuid));
+    }
 }
 
 TEST(AnEntryWithoutATimeToLive, NeverExpires) {

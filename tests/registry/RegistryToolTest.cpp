@@ -15,6 +15,7 @@
 #include <regex>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -316,6 +317,18 @@ TEST_F(TheTool, LetsEntriesExpireThatAreNotChecked) {
         ASSERT_LT(Clock::now() - begin, 10s);
     }
     EXPECT_GE(Clock::now() - begin, 900ms);
+}
+
+TEST_F(TheTool, LetsNothingExpireForATimeInWhichItWasStopped) {
+    constexpr auto kTtl = 2s;
+    RegistryProcess program({"--port", "0", "--ttl", std::to_string(kTtl.count())});
+    RawConnection connection(program.port());
+    const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
+    program.signal(SIGSTOP);
+    connection.send(makeRequest("HEAD", std::string(response[http::field::location])));
+    std::this_thread::sleep_for(kTtl + 100ms);  // what the registry must not count
+    program.signal(SIGCONT);
+    EXPECT_EQ(connection.receive(true).result(), http::status::ok);
 }
 
 TEST_F(TheTool, HoldsAsManyEntriesAsItIsTold) {

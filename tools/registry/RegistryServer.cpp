@@ -5,16 +5,19 @@
 
 #include "RegistryServer.h"
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <iostream>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
+#include "AwakeClock.h"
 #include "Connection.h"
 #include "EtcdBackend.h"
 #include "FileError.h"
@@ -45,7 +48,8 @@ class RegistryServer::Impl {
           acceptor_(context_, resolve(options)),
           endpoint_(acceptor_.local_endpoint()),
           retry_(context_),
-          readyLimit_(context_) {
+          readyLimit_(context_),
+          look_(context_) {
         if (!options.etcd.empty()) {
             EtcdOptions etcd;
             etcd.members = options.etcd;
@@ -65,6 +69,9 @@ class RegistryServer::Impl {
             shared_.dispatcher.setTokens(readTokens(options.tokens));
         }
         acceptor_.set_option(asio::socket_base::send_buffer_size(kSendBuffer));
+        if (countsAwakeTimeOnly(options)) {
+            lookAtClock();
+        }
         accept();
     }
 
@@ -97,6 +104,9 @@ class RegistryServer::Impl {
         store.ttl = options.ttl;
         store.maxEntries = options.maxEntries;
         store.file = options.store;
+        if (countsAwakeTimeOnly(options)) {
+            store.clock = AwakeClock(longestGap(options));
+        }
         return store;
     }
 
@@ -112,6 +122,29 @@ class RegistryServer::Impl {
         if (onReady_) {
             std::exchange(onReady_, nullptr)(isCurrent);
         }
+    }
+
+    /// An entry expires only if its checks could be read. A replica takes care of that itself, and
+    /// has to know how old its copy is.
+    static bool countsAwakeTimeOnly(const RegistryOptions& options) {
+        return options.ttl.count() > 0 && options.etcd.empty();
+    }
+
+    /// A short part of the time between two checks, of which there are three in a ttl.
+    static AwakeClock::Duration longestGap(const RegistryOptions& options) {
+        return std::min<AwakeClock::Duration>(AwakeClock::Duration(options.ttl) / 6,
+                                              std::chrono::seconds(1));
+    }
+
+    /// The clock of the store stands still while nothing looks at it.
+    void lookAtClock() {
+        shared_.dispatcher.store().now();
+        look_.expires_after(longestGap(shared_.options) / 2);
+        look_.async_wait([this](error_code) {
+            if (acceptor_.is_open()) {
+                lookAtClock();
+            }
+        });
     }
 
     void runScript(const std::string& path) {
@@ -217,6 +250,7 @@ class RegistryServer::Impl {
         retry_.cancel();
         onReady_ = nullptr;
         readyLimit_.cancel();
+        look_.cancel();
         shared_.endOldOnes();
         shared_.onLastClosed = [this] { finish(); };
         if (shared_.connections.empty()) {
@@ -245,6 +279,7 @@ class RegistryServer::Impl {
     asio::steady_timer retry_;
     asio::steady_timer readyLimit_;
     std::function<void(bool)> onReady_{};
+    asio::steady_timer look_;
     std::optional<EtcdBackend> etcd_;
 };
 

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <utility>
+
+namespace orvx::registry {
+
+/// A steady clock that counts only the time in which the process is awake. Between two looks it
+/// advances by `longestGap` at most: a process that looks more often was stopped, or held up, for
+/// the rest of a longer time.
+///
+/// Thread-safety: none; one thread at a time. A copy is a clock of its own.
+class AwakeClock {
+  public:
+    using Time = std::chrono::steady_clock::time_point;
+    using Duration = std::chrono::steady_clock::duration;
+
+    explicit AwakeClock(Duration longestGap,
+                        std::function<Time()> clock = std::chrono::steady_clock::now)
+        : longestGap_(longestGap), clock_(std::move(clock)) {}
+
+    /// The time at this look.
+    Time operator()() {
+        const Time seen = clock_();
+        time_ += std::min(seen - seen_, longestGap_);
+        seen_ = seen;
+        return time_;
+    }
+
+  private:
+    Duration longestGap_;
+    std::function<Time()> clock_;
+    Time seen_ = clock_();
+    Time time_ = seen_;
+};
+
+}  // namespace orvx::registry
