@@ -12,6 +12,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/beast/http/status.hpp>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <map>
 #include <memory>
@@ -26,6 +27,7 @@
 #include "Base64.h"
 #include "EtcdEntries.h"
 #include "PlayedEtcd.h"
+#include "RegistryProcess.h"
 #include "Replica.h"
 #include "RunningEtcdClient.h"
 
@@ -134,6 +136,21 @@ class AReplica : public ::testing::Test {
         return std::vector<std::string>(count, etcd_.url());
     }
 
+    static PlayedEtcd::Backup ofCluster(const std::string& cluster) {
+        PlayedEtcd::Backup empty;
+        empty.cluster = cluster;
+        return empty;
+    }
+    static void setAvailable(PlayedEtcd& etcd, bool isAvailable) {
+        for (const char* const call : {"kv/range", "kv/put", "kv/txn", "lease/grant", "watch"}) {
+            etcd.setScript(
+                call, isAvailable ? PlayedEtcd::Script() : [](const json&, const Step&) {
+                    return PlayedEtcd::unavailable();
+                });
+        }
+        etcd.endWatches();
+    }
+
     PlayedEtcd etcd_;
     const EtcdEntries entries_{kPrefix};
     std::map<int, Entry> theirs_;
@@ -215,10 +232,11 @@ TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredAsAnotherCluster) {
     put(1);
     Replica replica(members(1));
     replica.ready();
-    const auto backup = etcd_.backup();
+    auto backup = etcd_.backup();
     put(2);
     await([&] { return replica.has("/2"); });
-    etcd_.restore(backup, "2");
+    backup.cluster = "2";
+    etcd_.restore(backup);
     for (int i = 0; i < 200; ++i) {
         etcd_.put("/other", "x");
     }
@@ -340,6 +358,89 @@ TEST_F(AReplica, IgnoresWhatOthersWriteBelowThePrefix) {
     await([&] { return replica.has("/2"); });
     EXPECT_THAT(replica.paths(), ElementsAre("/1", "/2"));
     EXPECT_EQ(replica.ask("PUT", "/x", "{}").result(), http::status::created);
+}
+
+TEST_F(AReplica, DoesNotTakeAnEntryForAnotherOneThatItHasAskedFor) {
+    put(1);
+    Replica replica(members(1));
+    replica.ready();
+    etcd_.setScript("kv/range", [this](const json&, const Step&) {
+        return PlayedEtcd::Answer{etcd_.ask("kv/range", entries_.find(uuidOf(1)))};
+    });
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 503U);
+}
+
+// ---- Another cluster
+
+TEST_F(AReplica, TakesNoAnswerOfAMemberOfAnotherCluster) {
+    PlayedEtcd stranger;
+    stranger.restore(ofCluster("2"));
+    put(1);
+    Replica replica({etcd_.url(), stranger.url()}, kLongTtl);
+    Watcher watcher(replica.ready());
+    setAvailable(etcd_, false);
+    stranger.awaitRequests("watch", 1);
+    stranger.awaitRequests("kv/put", 2);
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 503U);
+    EXPECT_EQ(replica.ask("PUT", "/3", "{}").result(), http::status::service_unavailable);
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 503U);
+    await([&] { return !replica.isReady(); });
+    setAvailable(etcd_, true);
+    put(4);
+    EXPECT_THAT(watcher.until("put 4"), Not(Contains("removed 1")));
+    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1", "/4"));
+}
+
+TEST_F(AReplica, NamesAMemberOfAnotherClusterOnce) {
+    PlayedEtcd stranger;
+    stranger.restore(ofCluster("2"));
+    RegistryProcess program({"--port", "0", "--etcd", etcd_.url() + ',' + stranger.url()});
+    for (std::size_t i = 1; i <= 2; ++i) {  // the members take turns with the watch
+        etcd_.awaitRequests("watch", i);
+        await([&] {
+            etcd_.endWatches();
+            return stranger.requests("watch").size() >= i;
+        });
+    }
+    const std::string line = "orvx-registry: etcd: " + stranger.url() +
+                             " is a member of another cluster, its answers are not taken\n";
+    program.awaitErrors(line);
+    program.signal(SIGTERM);
+    const std::string errors = program.wait().errors;
+    EXPECT_EQ(errors.find(line), errors.rfind(line)) << errors;
+}
+
+TEST_F(AReplica, TakesOverTheEntriesOfAnotherClusterOnceEveryMemberIsOfIt) {
+    PlayedEtcd second;
+    setAvailable(second, false);
+    put(1);
+    Replica replica({etcd_.url(), second.url()});
+    replica.ready();
+    etcd_.restore(ofCluster("2"));
+    await([&] { return !replica.isReady(); });
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 503U);
+    second.restore(ofCluster("2"));
+    setAvailable(second, true);
+    await([&] { return !replica.has("/1"); });
+}
+
+TEST_F(AReplica, GoesOnWithEtcdWhenItWasRestoredAsAnotherCluster) {
+    put(1);
+    auto backup = etcd_.backup();
+    Replica replica(members(1));
+    put(2);
+    await([&] { return replica.has("/2"); });
+    const std::string target = replica.ready().put("/lamp");
+    EXPECT_EQ(replica.statusOf("DELETE", target), 200U);
+    backup.cluster = "2";
+    etcd_.restore(backup);
+    await([&] { return !replica.has("/2"); });
+    put(3);
+    await([&] { return replica.has("/3"); });
+    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1", "/3"));
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 200U);
 }
 
 // ---- Changes

@@ -137,6 +137,51 @@ TEST(AnEtcdClient, StaysWithTheMemberThatAnsweredLast) {
     EXPECT_FALSE(got.isUncertain);
 }
 
+TEST(AnEtcdClient, TakesAnswersOfTheRequiredClusterOnly) {
+    const EtcdProcess other;
+    EtcdProcess etcd;
+    const auto clusterOf = [](const Result& result) {
+        return result.answer->at("header").at("cluster_id").get<std::string>();
+    };
+    const auto require = [](RunningEtcdClient& client, const std::string& cluster, Texts& others) {
+        client.run([&](EtcdClient& inner) {
+            inner.requireCluster(cluster, [&](const std::string& name) { others.add(name); });
+        });
+    };
+    Texts others;
+    RunningEtcdClient single(optionsOf({etcd.url()}));
+    const std::string cluster = clusterOf(single.get("a"));
+    RunningEtcdClient client(optionsOf({other.url(), etcd.url()}));
+    const std::string otherCluster = clusterOf(client.get("a"));
+    require(client, cluster, others);
+    const Result put = client.put("a", "1");
+    ASSERT_TRUE(put.answer) << put.error;
+    EXPECT_EQ(clusterOf(put), cluster);
+    EXPECT_FALSE(put.isUncertain);
+    EXPECT_THAT(put.otherCluster, IsEmpty());
+    EXPECT_EQ(others.next(), other.url());
+    etcd.stop();
+    const Result failed = client.get("a");
+    EXPECT_FALSE(failed.answer);
+    EXPECT_THAT(failed.error, HasSubstr(other.url() + ": a member of another cluster"));
+    EXPECT_THAT(failed.otherCluster, IsEmpty());
+    etcd.start();
+    require(client, "1", others);
+    EXPECT_THAT(client.get("a").otherCluster, IsEmpty());
+    require(single, "1", others);
+    EXPECT_EQ(single.get("a").otherCluster, cluster);
+    EXPECT_NE(cluster, otherCluster);
+}
+
+TEST(AnEtcdClient, EndsAWatchThatIsOfAnotherCluster) {
+    const EtcdProcess etcd;
+    Texts texts;
+    RunningEtcdClient client(optionsOf({etcd.url()}));
+    client.run([](EtcdClient& inner) { inner.requireCluster("1", [](const std::string&) {}); });
+    client.watch(kKeyA, texts);
+    EXPECT_EQ(texts.next(), "end: " + etcd.url() + ": a member of another cluster");
+}
+
 TEST(AnEtcdClient, AsksTheNextMemberWhenOneRefusesTheConnection) {
     const ReservedPort nobody;
     const EtcdProcess etcd;

@@ -178,6 +178,11 @@ TEST(AKeyOfEtcd, IsNoEntryIfAnyPartOfItIsMissing) {
     EXPECT_EQ(
         count(pairOf(name, head + "{\"a\":" + std::string(64, '[') + std::string(64, ']') + "}")),
         0U);
+    json numbered = pairOf(name, good);
+    numbered["create_revision"] = "9223372036854775807";
+    EXPECT_EQ(count(numbered), 1U);
+    numbered["create_revision"] = "9223372036854775808";  // etcd's revisions end before
+    EXPECT_EQ(count(numbered), 0U);
     EXPECT_EQ(count(json()), 0U);
     EXPECT_EQ(count({{"key", 1}, {"value", json::array()}}), 0U);
 }

@@ -297,7 +297,8 @@ void PlayedEtcd::remove(const json& request, std::uint64_t revision) {
 }
 
 json PlayedEtcd::header() const {
-    return {{"header", {{"cluster_id", cluster_}, {"revision", std::to_string(state_.revision)}}}};
+    return {{"header",
+             {{"cluster_id", state_.cluster}, {"revision", std::to_string(state_.revision)}}}};
 }
 
 // ---- What a test does
@@ -381,14 +382,13 @@ PlayedEtcd::Backup PlayedEtcd::backup() const {
     return state_;
 }
 
-void PlayedEtcd::restore(const Backup& backup, const std::string& cluster) {
+void PlayedEtcd::restore(const Backup& backup) {
     const std::lock_guard lock(mutex_);
     for (Connection& connection : connections_) {
         end(connection);
     }
     state_ = backup;
     compacted_ = 0;
-    cluster_ = cluster;
 }
 
 void PlayedEtcd::forEachWatch(const std::function<void(Connection&)>& change) {

@@ -49,6 +49,7 @@ class PlayedEtcd {
         std::map<std::string, Value> keys{};
         std::vector<Event> events{};
         std::uint64_t revision = 1;
+        std::string cluster{"1"};  ///< the id of the cluster
     };
 
     PlayedEtcd();
@@ -87,8 +88,8 @@ class PlayedEtcd {
 
     void forgetLeases();
     Backup backup() const;
-    /// etcd restarts with the keys and the history of the backup, as that cluster.
-    void restore(const Backup& backup, const std::string& cluster = "1");
+    /// etcd restarts with the keys, the history and the cluster of the backup.
+    void restore(const Backup& backup);
 
   private:
     struct Connection {
@@ -121,7 +122,6 @@ class PlayedEtcd {
     std::uint64_t lease_ = 0;
     std::uint64_t forgottenLease_ = 0;
     std::uint64_t compacted_ = 0;
-    std::string cluster_ = "1";
     bool isHeld_ = false;
     bool isSilent_ = false;
 

@@ -75,10 +75,12 @@ void EtcdBackend::loadAfter(const std::string& key, std::uint64_t revision) {
                       if (!isFromEtcd(result)) {
                           report(result.error);
                           page_ = std::max<std::size_t>(1, page_ / 2);  // it may have been too long
-                          return later([this, key, revision, isRefused = result.refusal != 0] {
-                              isRefused ? load() : loadAfter(key, revision);
+                          const bool isAnew = isReplaced(result) || result.refusal != 0;
+                          return later([this, key, revision, isAnew] {
+                              isAnew ? load() : loadAfter(key, revision);
                           });
                       }
+                      requireCluster(EtcdEntries::clusterOf(*result.answer));
                       page_ = std::min(2 * page_, kLongestPage);
                       const std::uint64_t read =
                           revision != 0 ? revision : EtcdEntries::revisionOf(*result.answer);
@@ -89,9 +91,41 @@ void EtcdBackend::loadAfter(const std::string& key, std::uint64_t revision) {
                       if (!last.empty()) {
                           return loadAfter(last, read);
                       }
-                      store_.setPlaces(EtcdEntries::clusterOf(*result.answer));
+                      store_.setPlaces(cluster_);
                       takeOver(read);
                   });
+}
+
+/// No answer of a member of another cluster is taken from now on.
+void EtcdBackend::requireCluster(const std::string& id) {
+    if (id == cluster_) {
+        return;
+    }
+    cluster_ = id;
+    foreign_.clear();
+    leaseBegin_.reset();
+    for (EtcdClient* const client : {&client_, &control_}) {
+        client->requireCluster(id, [this](const std::string& member) {
+            if (foreign_.insert(member).second) {
+                std::cerr << "orvx-registry: etcd: " << member
+                          << " is a member of another cluster, its answers are not taken"
+                          << std::endl;
+            }
+        });
+    }
+}
+
+/// Whether etcd is another cluster now: every member is of the same other one. A member that does
+/// not answer may still be of the former cluster.
+bool EtcdBackend::isReplaced(const EtcdClient::Result& result) {
+    if (result.otherCluster.empty() || result.otherCluster == cluster_) {
+        return false;
+    }
+    requireCluster(result.otherCluster);
+    std::cerr << "orvx-registry: etcd: all members are of another cluster now, whose entries are "
+                 "taken over"
+              << std::endl;
+    return true;
 }
 
 /// The copy becomes what was listed.
@@ -296,15 +330,17 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
     }
     ++lookups_;
     client_.call("kv/range", entries_.find(uuid), [this, uuid](const EtcdClient::Result& result) {
-        const bool isAnswered = isFromEtcd(result);
-        const auto found = isAnswered ? entries_.entriesIn(*result.answer) : std::vector<Entry>();
-        if (!isAnswered) {
+        if (!isFromEtcd(result)) {
             report(result.error);
         }
+        const auto found =
+            result.answer ? entries_.entriesIn(*result.answer) : std::vector<Entry>();
+        const bool isAnswered = isFromEtcd(result) && (found.empty() || found.front().uuid == uuid);
         const auto answered = isAnswered ? Presence::Absent : Presence::Unknown;
         const auto asked = misses_.extract(uuid);
         for (const auto& handler : asked.mapped()) {
-            found.empty() ? handler(answered, nullptr) : handler(Presence::Present, &found.front());
+            isAnswered && !found.empty() ? handler(Presence::Present, &found.front())
+                                         : handler(answered, nullptr);
         }
     });
 }
@@ -454,6 +490,9 @@ void EtcdBackend::tellChecks() {
                       if (isStopped_) {
                           return isTold ? tellLastChecks() : close();
                       }
+                      if (isReplaced(result)) {
+                          return load();
+                      }
                       isTold ? onTold(begin, before, *result.answer) : beatAfter(kRetryPause / 2);
                   });
 }
@@ -464,7 +503,7 @@ void EtcdBackend::onTold(Time begin, std::uint64_t before, const json& answer) {
     if (isLoading_) {
         return;
     }
-    if (revision <= before || EtcdEntries::clusterOf(answer) != store_.places()) {
+    if (revision <= before) {
         return load();  // etcd was restored from a backup: its history is another one
     }
     told_.emplace(revision, begin);

@@ -9,6 +9,7 @@
 #include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -86,6 +87,8 @@ class EtcdBackend : public EntryBackend {
     // The copy
     void load();
     void loadAfter(const std::string& key, std::uint64_t revision);
+    void requireCluster(const std::string& id);
+    bool isReplaced(const EtcdClient::Result& result);
     void takeOver(std::uint64_t revision);
     void follow();
     void apply(const Json& result);
@@ -126,6 +129,9 @@ class EtcdBackend : public EntryBackend {
     EtcdClient control_;  // for the list, the watch and the checks, which must not wait for them
     boost::asio::steady_timer beat_;
     boost::asio::steady_timer retry_;
+
+    std::string cluster_;            // whose entries are listed; empty: not known yet
+    std::set<std::string> foreign_;  // the members of other clusters that were reported
 
     bool isLoaded_ = false;
     bool isLoading_ = false;

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "EtcdConnection.h"
+#include "EtcdEntries.h"
 #include "Json.h"
 #include "Tls.h"
 #include "Url.h"
@@ -99,6 +100,10 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
   public:
     Impl(asio::io_context& context, const EtcdOptions& options);
 
+    void requireCluster(std::string id, std::function<void(const std::string&)> onOther) {
+        cluster_ = std::move(id);
+        onOther_ = std::move(onOther);
+    }
     void call(std::string target, std::string body, Handler handler);
     void watch(std::string body, std::function<void(json)> onResult,
                std::function<void(std::string)> onEnd);
@@ -122,7 +127,8 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
         std::size_t tries = 0;
         Clock::time_point deadline{};  // of this try
         std::shared_ptr<EtcdConnection> connection{};
-        bool isKept = false;  // the connection
+        bool isKept = false;     // the connection
+        std::size_t others = 0;  // tries that were answered by result.otherCluster
         Result result{};
     };
     struct Watch {
@@ -135,6 +141,7 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
     using CallPointer = std::shared_ptr<Call>;
     using WatchPointer = std::shared_ptr<Watch>;
 
+    std::string objectionTo(const std::string& cluster, const std::string& member) const;
     void startCalls();
     void beginTry(const CallPointer& call);
     void send(const CallPointer& call);
@@ -159,6 +166,8 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
     asio::io_context& context_;
     const std::chrono::milliseconds tryTimeout_;
     std::vector<Member> members_{};
+    std::string cluster_{};  // that is required; empty: each
+    std::function<void(const std::string&)> onOther_{};
     std::unique_ptr<asio::ssl::context> tls_{};
     std::size_t preferred_ = 0;  // the member that answered last
     std::deque<CallPointer> waiting_{};
@@ -190,6 +199,19 @@ void EtcdClient::Impl::call(std::string target, std::string body, Handler handle
         Call{std::move(target), std::move(body), std::move(handler),
              Clock::now() + tryTimeout_ * static_cast<int>(members_.size())}));
     asio::post(context_, [self = shared_from_this()] { self->startCalls(); });
+}
+
+/// Why the answer of a member is not taken: it is of that cluster. Empty: it is taken.
+std::string EtcdClient::Impl::objectionTo(const std::string& cluster,
+                                          const std::string& member) const {
+    if (cluster_.empty() || cluster == cluster_) {
+        return {};
+    }
+    if (cluster.empty()) {
+        return "no answer of etcd";
+    }
+    onOther_(member);
+    return "a member of another cluster";
 }
 
 void EtcdClient::Impl::startCalls() {
@@ -261,6 +283,13 @@ void EtcdClient::Impl::onFailure(const CallPointer& call, Error error) {
 
 void EtcdClient::Impl::judge(const CallPointer& call, http::status status, json answer) {
     if (status == http::status::ok && answer.is_object() && !answer.contains("error")) {
+        const std::string cluster = EtcdEntries::clusterOf(answer);
+        const std::string objection = objectionTo(cluster, members_[call->member].name);
+        if (!objection.empty()) {
+            call->others = cluster == call->result.otherCluster ? call->others + 1 : 1;
+            call->result.otherCluster = cluster;
+            return tryNext(call, objection);
+        }
         preferred_ = call->member;
         call->result.answer = std::move(answer);
         call->result.error.clear();
@@ -290,6 +319,9 @@ void EtcdClient::Impl::tryNext(const CallPointer& call, const std::string& reaso
 void EtcdClient::Impl::finish(const CallPointer& call) {
     call->connection.reset();
     running_.erase(call);
+    if (call->others != members_.size()) {
+        call->result.otherCluster.clear();
+    }
     if (!waiting_.empty()) {
         asio::post(context_, [self = shared_from_this()] { self->startCalls(); });
     }
@@ -372,6 +404,10 @@ void EtcdClient::Impl::takeLine(const WatchPointer& watch, http::status status,
     if (result == value.end() || !result->is_object()) {
         return endWatch(watch, EtcdError(status, value).reason);
     }
+    const std::string objection = objectionTo(EtcdEntries::clusterOf(*result), watch->name);
+    if (!objection.empty()) {
+        return endWatch(watch, objection);
+    }
     watch->onResult(std::move(*result));
 }
 
@@ -397,6 +433,10 @@ EtcdClient::EtcdClient(asio::io_context& context, const EtcdOptions& options)
 
 EtcdClient::~EtcdClient() {
     close();
+}
+
+void EtcdClient::requireCluster(std::string id, std::function<void(const std::string&)> onOther) {
+    impl_->requireCluster(std::move(id), std::move(onOther));
 }
 
 void EtcdClient::call(std::string_view call, const json& body, Handler handler) {

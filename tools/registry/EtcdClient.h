@@ -50,6 +50,9 @@ class EtcdClient {
         int refusal = 0;
         /// An earlier attempt, or without an answer any attempt, may have been carried out.
         bool isUncertain = false;
+        /// If every member answered, and all are of the same other cluster than requireCluster()
+        /// demands: the id of that cluster.
+        std::string otherCluster{};
     };
     using Handler = std::function<void(Result)>;
 
@@ -60,6 +63,12 @@ class EtcdClient {
     ~EtcdClient();
     EtcdClient(const EtcdClient&) = delete;
     EtcdClient& operator=(const EtcdClient&) = delete;
+
+    /// Takes answers, and results of a watch, of that cluster only from now on. A member that gives
+    /// others counts as one that does not answer, whatever it has done. `id`: etcd's `cluster_id`;
+    /// empty: each cluster. `onOther`: called with the URL of a member of another cluster each time
+    /// that it answers; calls no function of the client.
+    void requireCluster(std::string id, std::function<void(const std::string&)> onOther);
 
     /// Sends `body` to /v3/`call`, such as "kv/txn": to the member that answered last, then to each
     /// other one once, until one answers or refuses. `handler` is called once: at the latest after

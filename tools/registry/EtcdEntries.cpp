@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 #include <utility>
 
 #include "Base64.h"
@@ -26,6 +27,7 @@ constexpr std::string_view kChecks = "checks";
 constexpr std::string_view kEntries = "entries/";
 constexpr std::string_view kPaths = "paths/";
 constexpr std::string_view kNoEntry = "-";
+constexpr std::uint64_t kLastRevision = std::numeric_limits<std::int64_t>::max();
 constexpr std::string_view kEndOfEntries = "entries0";  // '0' follows '/'
 
 std::int64_t milliseconds(std::chrono::system_clock::time_point time) {
@@ -270,7 +272,8 @@ std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
                         : timeAt(0);
     // The text becomes a part of lists and events. What this program writes has neither line
     // breaks, which events cannot have, nor a byte order mark, which the parser skips.
-    const bool isComplete = !entry.path.empty() && entry.number != 0 && !entry.service.empty() &&
+    const bool isComplete = !entry.path.empty() && entry.number != 0 &&
+                            entry.number <= kLastRevision && !entry.service.empty() &&
                             entry.service.front() == '{' &&
                             entry.service.find_first_of("\r\n") == std::string::npos &&
                             parseJson(entry.service).is_object();
