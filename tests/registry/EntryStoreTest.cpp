@@ -39,6 +39,24 @@ TEST(TheEntryStore, FindsAnEntryByItsUuid) {
     EXPECT_EQ(entry->service, R"({"name":"a"})");
 }
 
+TEST(TheEntryStore, MovesAnEntryThatAnotherProcessKeepsToItsNewPath) {
+    EntryStore store;
+    Entry entry;
+    entry.uuid = "a";
+    entry.number = 1;
+    entry.path = "/a";
+    entry.service = "{}";
+    store.adopt(entry);
+    const std::uint64_t before = store.revision();
+    entry.path = "/b";
+    store.adopt(entry);
+    EXPECT_EQ(store.findByPath("/a"), nullptr);
+    ASSERT_NE(store.findByPath("/b"), nullptr);
+    EXPECT_EQ(store.findByPath("/b"), store.find("a"));
+    EXPECT_EQ(store.entries().size(), 1U);
+    EXPECT_NE(store.nextRemoval(before), nullptr);
+}
+
 TEST(TheEntryStore, FindsNothingUnderAPathOrAnUnknownUuid) {
     EntryStore store;
     store.put("/a", {});

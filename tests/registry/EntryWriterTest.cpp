@@ -53,6 +53,41 @@ TEST(TheEntryWriter, WritesTheListInTheOrderOfCreation) {
     EXPECT_EQ(rest(single, store), textOf(first));
 }
 
+TEST(TheEntryWriter, WritesAllEntriesOfANumberInOnePage) {
+    EntryStore store;
+    const auto adopt = [&store](const std::string& uuid, std::uint64_t number) {
+        Entry entry;
+        entry.uuid = uuid;
+        entry.number = number;
+        entry.path = '/' + uuid;
+        entry.service = "{}";
+        store.adopt(std::move(entry));
+    };
+    for (const char* const uuid : {"c", "a", "b"}) {
+        adopt(uuid, 2);
+    }
+    adopt("d", 1);
+    adopt("e", 3);
+    const auto uuids = [&store](std::optional<std::size_t> limit, std::uint64_t after) {
+        ListQuery query;
+        query.limit = limit;
+        query.after = after;
+        EntryWriter writer(std::move(query));
+        const json list = json::parse(rest(writer, store));
+        std::string all;
+        for (const json& entry : list.at("entries")) {
+            all += entry.at("uuid").get<std::string>();
+        }
+        return all + list.value("next", "").substr(list.value("next", "").find('-') + 1);
+    };
+    EXPECT_EQ(uuids({}, 0), "dabce");
+    EXPECT_EQ(uuids(1, 0), "d1");
+    EXPECT_EQ(uuids(1, 1), "abc2");
+    EXPECT_EQ(uuids(1, 2), "e3");
+    EXPECT_TRUE(store.remove("b"));
+    EXPECT_EQ(uuids({}, 0), "dace");
+}
+
 TEST(TheEntryWriter, KeepsItsPiecesShortHoweverLongAnEntryIs) {
     EntryStore store;
     for (const std::size_t size : {1U, 1'000'000U, 0U, 8'150U, 16'300U, 16'384U, 100'000U}) {

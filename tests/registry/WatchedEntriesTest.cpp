@@ -52,6 +52,13 @@ TEST_F(TheWatchedEntries, AreTheListAndItsChangesInTheOrderOfCreation) {
     EXPECT_EQ(uuidsIn(entries), "d");
 }
 
+TEST_F(TheWatchedEntries, AreAllThereThoughTheirNumbersAreEqual) {
+    list({entry("b", 1), entry("a", 1), entry("c", 1)});
+    EXPECT_EQ(uuidsIn(entries), "abc");
+    EXPECT_TRUE(remove("b"));
+    EXPECT_EQ(uuidsIn(entries), "ac");
+}
+
 TEST_F(TheWatchedEntries, AreInAscii) {
     list({entry("a", 1, {{"name", "\xc3\xa4\x1b"}})});
     EXPECT_NE(entries.text().find(R"("\u00e4\u001b")"), std::string::npos);

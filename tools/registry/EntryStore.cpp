@@ -158,7 +158,11 @@ void EntryStore::adopt(Entry entry) {
     if (samePath != byPath_.end() && samePath->second->uuid != entry.uuid) {
         take(byUuid_.find(samePath->second->uuid), Change::Withdrawn);
     }
-    const auto known = byUuid_.find(entry.uuid);
+    auto known = byUuid_.find(entry.uuid);
+    if (known != byUuid_.end() && known->second->path != entry.path) {
+        take(known, Change::Withdrawn);
+        known = byUuid_.end();
+    }
     if (known == byUuid_.end()) {
         add(std::move(entry));
         return;
@@ -225,7 +229,7 @@ const Entry& EntryStore::add(Entry entry) {
     }
     byUuid_.emplace(added->uuid, added);
     byPath_.emplace(added->path, added);
-    byNumber_.emplace_hint(byNumber_.end(), added->number, added);
+    byNumber_.emplace_hint(byNumber_.end(), ByNumber::key_type(added->number, added->uuid), added);
     countUsage(*added);
     recordPut(added);
     return *added;
@@ -266,8 +270,8 @@ const EntryStore::Removal* EntryStore::nextRemoval(std::uint64_t after) const {
     return found == removals_.end() ? nullptr : &*found;
 }
 
-const Entry* EntryStore::entryFrom(std::uint64_t number) const {
-    const auto found = byNumber_.lower_bound(number);
+const Entry* EntryStore::entryFrom(std::uint64_t number, std::string_view uuid) const {
+    const auto found = byNumber_.lower_bound({number, uuid});
     return found == byNumber_.end() ? nullptr : &*found->second;
 }
 
@@ -316,7 +320,7 @@ Entry EntryStore::take(ByName::iterator known, Change how) {
     const Position position = known->second;
     byUuid_.erase(known);
     byPath_.erase(position->path);
-    byNumber_.erase(position->number);
+    byNumber_.erase({position->number, position->uuid});
     discountUsage(*position);
     byPut_.erase(position->putRevision);
     byRenewal_.erase(position->renewalRevision);

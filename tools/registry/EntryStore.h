@@ -110,9 +110,9 @@ class EntryStore {
 
     const std::list<Entry>& entries() const { return entries_; }
 
-    /// The first entry in the order of creation whose number is at least that. Null: there is
-    /// none. Owned by the store.
-    const Entry* entryFrom(std::uint64_t number) const;
+    /// The first entry in the order of creation, which is that of the numbers and, for equal
+    /// numbers, of the uuids, from that place on. Null: there is none. Owned by the store.
+    const Entry* entryFrom(std::uint64_t number, std::string_view uuid = {}) const;
 
     /// An entry that another process keeps was taken out because it was not renewed.
     void recordExpiration(const Entry& entry);
@@ -151,6 +151,8 @@ class EntryStore {
     using Position = std::list<Entry>::iterator;
     using ByName = std::unordered_map<std::string_view, Position>;
     using ByRevision = std::map<std::uint64_t, Position>;
+    /// Entries that one transaction at etcd has created have the same number.
+    using ByNumber = std::map<std::pair<std::uint64_t, std::string_view>, Position>;
 
     /// What the entries of one owner take.
     struct Usage {
@@ -173,7 +175,7 @@ class EntryStore {
     std::list<Entry> entries_;
     ByName byUuid_;
     ByName byPath_;
-    ByRevision byNumber_;
+    ByNumber byNumber_;
     std::unordered_map<std::string, Usage> usage_;  // by owner; of those that have entries
 
     const std::string instance_;

@@ -98,23 +98,23 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
     }
     std::size_t searched = 0;
     while (!isDone_ && piece.size() < kPiece && searched < kSearch) {
-        const Entry* const entry = store.entryFrom(number_);
+        const Entry* const entry = store.entryFrom(number_, uuid_);
         if (revision_ != 0 && (entry == nullptr || entry->putRevision != revision_)) {
             return std::nullopt;
         }
-        if (entry == nullptr || (revision_ == 0 && count_ == query_.limit)) {
+        if (entry == nullptr || (revision_ == 0 && isAtLimit(*entry))) {
             end(store, piece);
             break;
         }
         if (revision_ == 0 && !query_.matches(*entry)) {
             searched += kPerEntry + entry->service.size();
-            number_ = entry->number + 1;
+            advance(*entry);
             continue;
         }
         if (format_ == Format::TargetGroups) {
             appendTargetGroup(*entry, piece);
             searched += kPerEntry + entry->service.size();
-            number_ = entry->number + 1;
+            advance(*entry);
             continue;
         }
         if (revision_ == 0) {
@@ -127,7 +127,7 @@ std::optional<std::string> EntryWriter::next(const EntryStore& store) {
         if (offset_ == entry->service.size()) {
             piece += tailOf(*entry);
             revision_ = 0;
-            ++number_;
+            advance(*entry);
             isDone_ = isSingle_;
         }
     }
@@ -140,8 +140,8 @@ void EntryWriter::end(const EntryStore& store, std::string& piece) {
     if (format_ == Format::TargetGroups) {
         return;
     }
-    if (count_ == query_.limit) {
-        piece += R"(,"next":")" + placeAfter(number_ - 1, store.places()) + '"';
+    if (query_.limit && count_ >= *query_.limit) {
+        piece += R"(,"next":")" + placeAfter(number_, store.places()) + '"';
     }
     piece += '}';
 }
@@ -153,12 +153,24 @@ void EntryWriter::appendTargetGroup(const Entry& entry, std::string& piece) {
     }
 }
 
+/// A page ends after the last entry of a number: the next page begins after that number.
+bool EntryWriter::isAtLimit(const Entry& next) const {
+    return query_.limit && count_ >= *query_.limit && next.number != number_;
+}
+
+/// The first uuid that is greater than another one is that one and a NUL.
+void EntryWriter::advance(const Entry& entry) {
+    number_ = entry.number;
+    uuid_ = entry.uuid + '\0';
+}
+
 void EntryWriter::begin(const Entry& entry, std::string& piece) {
     if (count_++ > 0) {
         piece += ',';
     }
     piece += headOf(entry);
     number_ = entry.number;
+    uuid_ = entry.uuid;
     revision_ = entry.putRevision;
     offset_ = 0;
 }

@@ -38,7 +38,8 @@ class EntryWriter {
     explicit EntryWriter(ListQuery query = {}, Format format = Format::Entries)
         : query_(std::move(query)), format_(format), number_(query_.after + 1) {}
     /// That entry, which the store has.
-    explicit EntryWriter(const Entry& only) : number_(only.number), isSingle_(true) {}
+    explicit EntryWriter(const Entry& only)
+        : number_(only.number), uuid_(only.uuid), isSingle_(true) {}
 
     /// The next piece, which may be empty. None: the entry of which a part is written already has
     /// changed, and the text cannot be continued. `store`: the same one each time.
@@ -48,13 +49,16 @@ class EntryWriter {
 
   private:
     void begin(const Entry& entry, std::string& piece);
+    void advance(const Entry& entry);
+    bool isAtLimit(const Entry& next) const;
     void appendTargetGroup(const Entry& entry, std::string& piece);
     void end(const EntryStore& store, std::string& piece);
 
     ListQuery query_{};
     Format format_ = Format::Entries;
     std::size_t count_ = 0;       // of entries so far
-    std::uint64_t number_ = 0;    // of the next entry
+    std::uint64_t number_ = 0;    // of the next entry, or of the last one: then
+    std::string uuid_{};          // follows that of the last one; otherwise that of the next one
     std::uint64_t revision_ = 0;  // of the put of the entry that is written; 0: none is
     std::size_t offset_ = 0;      // how much of its service is written
     bool isSingle_ = false;

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 namespace orvx::registry {
@@ -130,8 +131,9 @@ bool EtcdBackend::isReplaced(const EtcdClient::Result& result) {
 
 /// The copy becomes what was listed.
 void EtcdBackend::takeOver(std::uint64_t revision) {
-    std::sort(listed_.begin(), listed_.end(),
-              [](const Entry& one, const Entry& other) { return one.number < other.number; });
+    std::sort(listed_.begin(), listed_.end(), [](const Entry& one, const Entry& other) {
+        return std::tie(one.number, one.uuid) < std::tie(other.number, other.uuid);
+    });
     std::unordered_set<std::string_view> names;
     for (const Entry& entry : listed_) {
         names.insert(entry.uuid);

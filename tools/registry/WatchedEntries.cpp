@@ -47,7 +47,7 @@ bool WatchedEntries::put(json entry) {
         json{{"path", entry.at("path")}, {"service", entry.at("service")}, {"uuid", uuid}}.dump(
             -1, ' ', true);
     numbers_[uuid] = number;
-    std::string& known = texts_[number];
+    std::string& known = texts_[{number, uuid}];
     const bool isChanged = known != text;
     known = std::move(text);
     return isChanged;
@@ -58,14 +58,14 @@ bool WatchedEntries::remove(const std::string& uuid) {
     if (found == numbers_.end()) {
         return false;
     }
-    texts_.erase(found->second);
+    texts_.erase({found->second, uuid});
     numbers_.erase(found);
     return true;
 }
 
 std::string WatchedEntries::text() const {
     std::string list = "{\"entries\":[";
-    for (const auto& [number, text] : texts_) {
+    for (const auto& [place, text] : texts_) {
         list += (list.back() == '[' ? "" : ",") + text;
     }
     return list + "]}\n";

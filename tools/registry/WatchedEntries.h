@@ -40,7 +40,8 @@ class WatchedEntries {
     const ListQuery query_;
     const Fetch fetch_;
     bool isComplete_ = false;
-    std::map<std::uint64_t, std::string> texts_{};  // by the number of the entry
+    // By the number and the uuid of the entry, since numbers may be equal.
+    std::map<std::pair<std::uint64_t, std::string>, std::string> texts_{};
     std::unordered_map<std::string, std::uint64_t> numbers_{};
 };
 
