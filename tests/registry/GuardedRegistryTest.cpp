@@ -25,6 +25,7 @@ namespace orvx::registry {
 namespace {
 
 namespace http = boost::beast::http;
+using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
@@ -144,6 +145,22 @@ TEST_F(AGuardedRegistry, KeepsAConnectionOpenWhoseRequestWasRefusedWhole) {
     EXPECT_EQ(connection.receive(true).result(), http::status::unauthorized);
     EXPECT_EQ(connection.receive().result(), http::status::unauthorized);
     EXPECT_EQ(connection.receive().result(), http::status::created);
+}
+
+// Somebody without a token kept its connections that way, and ended those of the others.
+TEST_F(AGuardedRegistry, EndsAConnectionThatWasOnlyRefusedBeforeOneThatWasServed) {
+    RegistryProcess registry({"--port", "0", "--tokens", tokens_, "--max-connections", "2"});
+    for (const std::string& refused : {makeRequest("GET", "/"), requestAs("admin", "GET", "/")}) {
+        RawConnection hostile(registry.port());
+        hostile.ask(refused);
+        RawConnection honest(registry.port());
+        EXPECT_EQ(honest.ask(requestAs("lamps", "GET", "/")).result(), http::status::ok);
+        hostile.ask(refused);
+        EXPECT_EQ(RawConnection(registry.port()).ask(requestAs("lamps", "GET", "/")).result(),
+                  http::status::ok);
+        EXPECT_TRUE(hostile.endsWithin(10s));
+        EXPECT_EQ(honest.ask(requestAs("lamps", "GET", "/")).result(), http::status::ok);
+    }
 }
 
 TEST_F(AGuardedRegistry, SaysThatAnAddressAsksTooOften) {

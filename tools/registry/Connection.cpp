@@ -41,6 +41,14 @@ constexpr std::string_view kRetry = "retry: 1000\n\n";
 constexpr std::chrono::milliseconds kBetweenNews{50};
 constexpr std::chrono::seconds kLongestSleep{1};
 
+/// A connection with nothing but refusals keeps its place: otherwise a client without a token could
+/// end the idle connections of the others.
+bool isRefusal(http::status status) {
+    return status == http::status::bad_request || status == http::status::unauthorized ||
+           status == http::status::forbidden || status == http::status::too_many_requests ||
+           status == http::status::request_header_fields_too_large;
+}
+
 }  // namespace
 
 Connection::Connection(asio::ip::tcp::socket socket, const asio::ip::address& address,
@@ -294,8 +302,9 @@ void Connection::onAnswered(Error error, std::size_t) {
     if (hasFailed(error)) {
         return;
     }
-    auto& connections = shared_.connections;
-    connections.splice(connections.end(), connections, position_);
+    if (auto& connections = shared_.connections; !isRefusal(response_.result())) {
+        connections.splice(connections.end(), connections, position_);
+    }
     if (response_.keep_alive() && generation_ == shared_.generation) {
         return awaitRequest();
     }

@@ -37,7 +37,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
         std::optional<RequestLog> log;
         /// For new connections; null: they are plain.
         std::unique_ptr<boost::asio::ssl::context> tls;
-        /// Those that are open, the one that was accepted or answered longest ago first.
+        /// Those that are open, the one that was accepted or served longest ago first.
         std::list<Connection*> connections;
         /// Those that watch and have nothing to send.
         std::list<Connection*> idleWatchers{};
