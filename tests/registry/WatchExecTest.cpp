@@ -202,5 +202,34 @@ TEST(AWatchThatIsRefused, SaysSoOnceAndAsksLessAndLessOften) {
     EXPECT_EQ(watch.wait().errors, "orvx-registry: the registry answers 401\n");
 }
 
+// A fetch that failed was answered with a new stream and its whole list: for ever if an entry was
+// replaced often.
+TEST(ALongServiceThatCannotBeFetched, IsFetchedAgainWhileTheStreamGoesOn) {
+    FakeServer server("127.0.0.1");
+    RegistryProcess watch(
+        {"watch", "--registry", "http://" + server.authority(), "--name", "lamp", "--exec", "cat"});
+    const auto put = [](const std::string& uuid, const std::string& name) {
+        return R"(event: put
+data: {"cut":7000,"number":1,"path":"/lamp","service":{"name":")" +
+               name + R"("},"uuid":")" + uuid + "\"}\n\n";
+    };
+    server.answer("HTTP/1.1 200 OK\r\n\r\nevent: list\ndata: {}\n\n" + put("a", "bell") +
+                  put("b", "lamp") + "event: listed\nid: 1-1\ndata: {}\n\n");
+    const std::string fetched =
+        server.answer("HTTP/1.1 200 OK\r\nContent-Length: 90\r\n\r\n{\"path\"");
+    EXPECT_THAT(fetched, HasSubstr("GET /b "));
+    EXPECT_THAT(server.answer("HTTP/1.1 200 OK\r\n\r\nevent: state\ndata: {}\n\n"),
+                HasSubstr("Last-Event-ID: 1-1"));
+    const std::string body = R"({"path":"/lamp","service":{"name":"lamp"},"uuid":"b"})";
+    server.answer("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                  body);
+    watch.awaitOutput("{\"entries\":[" + body + "]}\n");
+    watch.signal(SIGTERM);
+    EXPECT_EQ(watch.wait().errors,
+              "orvx-registry: registry 127.0.0.1 port " +
+                  server.authority().substr(server.authority().rfind(':') + 1) +
+                  ": partial message\n");
+}
+
 }  // namespace
 }  // namespace orvx::registry

@@ -7,10 +7,14 @@
 #include <CLI/CLI.hpp>
 #include <boost/beast/http/status.hpp>
 #include <cctype>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -217,25 +221,71 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
     }
 }
 
+/// The pause that the registry asks for; 0: none.
+std::chrono::seconds retryAfter(const Response& response) {
+    const auto text = response[http::field::retry_after];
+    std::uint32_t seconds = 0;
+    std::from_chars(text.data(), text.data() + text.size(), seconds);
+    return std::chrono::seconds(seconds);
+}
+
+/// Fetches entries over one connection, which is made anew after a failure. Reports a failure on
+/// stderr unless the one before was the same.
+class EntryFetcher {
+  public:
+    explicit EntryFetcher(const ClientOptions& options) : options_(options) {}
+
+    /// Empty: the entry is gone. Throws a FetchFailure.
+    std::optional<json> fetch(const std::string& uuid) {
+        std::chrono::seconds pause(0);
+        try {
+            if (!client_) {
+                client_.emplace(options_);
+            }
+            const Response response = client_->ask(http::verb::get, '/' + escaped(uuid));
+            if (response.result() == http::status::not_found) {
+                return std::nullopt;
+            }
+            pause = retryAfter(response);
+            return parse(expectOk(response).body());
+        } catch (const std::runtime_error& error) {
+            disconnect();
+            if (error.what() != reported_) {
+                reported_ = error.what();
+                std::cerr << "orvx-registry: " + reported_ + '\n' << std::flush;
+            }
+            throw FetchFailure(error.what(), pause);
+        }
+    }
+    void disconnect() { client_.reset(); }
+    /// The next failure is another one.
+    void reset() { reported_.clear(); }
+
+  private:
+    const ClientOptions& options_;
+    std::optional<Client> client_;
+    std::string reported_{};
+};
+
 /// Runs the command with the list of the entries that match, and again when that changes.
 [[noreturn]] void execute(const Arguments& arguments) {
     const auto given = [](const std::string& value) {
         return value.empty() ? std::nullopt : std::optional(value);
     };
+    EntryFetcher fetcher(arguments.client);
     WatchedEntries entries(
         {given(arguments.name), given(arguments.category), given(arguments.version)},
-        [&](const std::string& uuid) -> std::optional<json> {
-            const Response response =
-                Client(arguments.client).ask(http::verb::get, '/' + escaped(uuid));
-            if (response.result() == http::status::not_found) {
-                return std::nullopt;
-            }
-            return parse(expectOk(response).body());
-        });
+        [&fetcher](const std::string& uuid) { return fetcher.fetch(uuid); });
     CommandRunner runner(arguments.command);
     follow(arguments.client, kChanges, [&](std::string_view name, std::string_view data) {
         if (entries.apply(name, parse(data))) {
             runner.submit(entries.text());
+        }
+        if (name == "state") {
+            fetcher.disconnect();  // every few seconds: the registry ends an idle connection
+        }
+        if (!entries.isWaiting()) {
+            fetcher.reset();
         }
     });
 }

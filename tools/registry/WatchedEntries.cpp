@@ -1,66 +1,150 @@
 // Applies the events of the stream: the list replaces everything, a change replaces one entry. An
 // entry that no longer matches the query is removed. Events that leave the texts as they are, such
-// as checks, are no change.
+// as checks, are no change. Each event is also the occasion to fetch the entries that are due; the
+// stream has one every few seconds.
 // Entered by the thread that reads the stream; there is no lock.
 
 #include "WatchedEntries.h"
 
-#include <utility>
+#include <algorithm>
+
+#include "Entry.h"
 
 namespace orvx::registry {
 
 using nlohmann::json;
 
+namespace {
+
+constexpr std::chrono::seconds kShortestPause{1};
+constexpr std::chrono::seconds kLongestPause{60};
+constexpr std::chrono::seconds kLongestIncomplete{30};
+
+}  // namespace
+
 bool WatchedEntries::apply(std::string_view event, const json& data) {
-    bool isChanged = false;
     if (event == "list") {
-        isComplete_ = false;
-        texts_.clear();
-        numbers_.clear();
+        beginList();
     } else if (event == "put") {
-        isChanged = put(data);
+        put(data);
     } else if (event == "removed") {
-        isChanged = remove(data.at("uuid").get<std::string>());
+        remove(data.at("uuid").get<std::string>());
     } else if (event == "listed") {
-        isComplete_ = true;
-        isChanged = true;
+        endList();
     }
-    return isComplete_ && isChanged;
+    fetchDue();
+    return isComplete() && std::exchange(isChanged_, false);
 }
 
-bool WatchedEntries::put(json entry) {
+void WatchedEntries::beginList() {
+    for (const auto& [uuid, number] : numbers_) {
+        previous_[uuid] = std::move(texts_[{number, uuid}]);
+    }
+    texts_.clear();
+    numbers_.clear();
+    waiting_.clear();
+    isListed_ = false;
+    isComplete_ = false;
+}
+
+void WatchedEntries::endList() {
+    previous_.clear();
+    isChanged_ = true;
+    if (!isListed_) {
+        isListed_ = true;
+        completeBy_ = now_() + kLongestIncomplete;
+    }
+}
+
+void WatchedEntries::put(const json& entry) {
     const auto uuid = entry.at("uuid").get<std::string>();
     const auto number = entry.at("number").get<std::uint64_t>();
-    if (entry.contains("cut")) {
-        auto whole = fetch_(uuid);
-        if (!whole) {
-            return remove(uuid);
-        }
-        entry = *std::move(whole);
+    if (!entry.contains("cut")) {
+        return putWhole(entry, uuid, number);
     }
+    if (!mayMatch(entry.at("service"))) {
+        return remove(uuid);
+    }
+    if (const auto previous = previous_.find(uuid); previous != previous_.end()) {
+        putText(uuid, number, std::move(previous->second));
+    }
+    waiting_.try_emplace(uuid, Waiting{number, now_()});
+}
+
+void WatchedEntries::putWhole(const json& entry, const std::string& uuid, std::uint64_t number) {
     Entry candidate;
     candidate.service = entry.at("service").dump();
     if (!query_.matches(candidate)) {
         return remove(uuid);
     }
-    std::string text =
-        json{{"path", entry.at("path")}, {"service", entry.at("service")}, {"uuid", uuid}}.dump(
-            -1, ' ', true);
-    numbers_[uuid] = number;
-    std::string& known = texts_[{number, uuid}];
-    const bool isChanged = known != text;
-    known = std::move(text);
-    return isChanged;
+    waiting_.erase(uuid);
+    putText(uuid, number,
+            json{{"path", entry.at("path")}, {"service", entry.at("service")}, {"uuid", uuid}}.dump(
+                -1, ' ', true));
 }
 
-bool WatchedEntries::remove(const std::string& uuid) {
-    const auto found = numbers_.find(uuid);
-    if (found == numbers_.end()) {
-        return false;
+void WatchedEntries::putText(const std::string& uuid, std::uint64_t number, std::string text) {
+    previous_.erase(uuid);
+    numbers_[uuid] = number;
+    std::string& known = texts_[{number, uuid}];
+    isChanged_ = isChanged_ || known != text;
+    known = std::move(text);
+}
+
+void WatchedEntries::remove(const std::string& uuid) {
+    previous_.erase(uuid);
+    waiting_.erase(uuid);
+    if (const auto found = numbers_.find(uuid); found != numbers_.end()) {
+        texts_.erase({found->second, uuid});
+        numbers_.erase(found);
+        isChanged_ = true;
     }
-    texts_.erase({found->second, uuid});
-    numbers_.erase(found);
-    return true;
+}
+
+/// A service that was cut has no name if its name is a list.
+bool WatchedEntries::mayMatch(const json& cutService) const {
+    const auto name = cutService.find("name");
+    return !query_.name || name == cutService.end() || *name == shortened(*query_.name);
+}
+
+WatchedEntries::WaitingByUuid::iterator WatchedEntries::nextToFetch() {
+    const Time now = now_();
+    return now < resumesAt_
+               ? waiting_.end()
+               : std::find_if(waiting_.begin(), waiting_.end(),
+                              [now](const auto& waiting) { return waiting.second.due <= now; });
+}
+
+/// A failure may be due to the entry or to the registry. Hence it delays the others for as long as
+/// the registry asks for, or a second, but not for the pause of the entry.
+void WatchedEntries::fetchDue() {
+    for (auto next = nextToFetch(); next != waiting_.end(); next = nextToFetch()) {
+        const std::string uuid = next->first;
+        Waiting& waiting = next->second;
+        try {
+            if (const auto entry = fetch_(uuid)) {
+                putWhole(*entry, uuid, waiting.number);
+            } else {
+                remove(uuid);
+            }
+        } catch (const FetchFailure& failure) {
+            const Time now = now_();
+            resumesAt_ = now + std::clamp(failure.retryAfter(), kShortestPause, kLongestPause);
+            waiting.due = now + waiting.pause.next();
+        }
+    }
+}
+
+/// An entry that cannot be fetched delays a new list, since the services of a list that is
+/// incomplete would lose their requests; but not for ever.
+bool WatchedEntries::isComplete() {
+    const auto isMissing = [this](const auto& waiting) {
+        return numbers_.count(waiting.first) == 0;
+    };
+    isComplete_ =
+        isComplete_ || (isListed_ && (now_() >= completeBy_ ||
+                                      std::none_of(waiting_.begin(), waiting_.end(), isMissing)));
+    return isComplete_;
 }
 
 std::string WatchedEntries::text() const {
