@@ -653,6 +653,28 @@ TEST_F(AReplica, LetsExpireInSeveralTransactionsAndKeepsWhatChangesMeanwhile) {
     });
 }
 
+TEST_F(AReplica, KeepsWhatIsCheckedWhileOthersExpire) {
+    constexpr int kCount = 130;
+    constexpr int kChecked = 70;  // of the second transaction
+    for (int number = 1; number <= kCount; ++number) {
+        put(number);
+    }
+    std::promise<void> check;
+    etcd_.setScript("kv/txn",
+                    [isChecked = check.get_future().share()](const json&, const Step& carryOut) {
+                        isChecked.wait();
+                        return carryOut();
+                    });
+    Replica replica(members(1), kShortTtl);
+    etcd_.awaitRequests("kv/txn", 1);
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(kChecked)), 200U);
+    check.set_value();
+    await([&] {
+        EXPECT_EQ(replica.statusOf("HEAD", targetOf(kChecked)), 200U);
+        return replica.paths().size() == 1;
+    });
+}
+
 TEST_F(AReplica, LetsExpireNothingOnceAnotherOneHasToldOfChecks) {
     constexpr int kCount = 100;
     std::vector<std::string> all;
