@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 
 #include <iomanip>
-#include <memory>
 #include <sstream>
 
 namespace orvx::announce {
@@ -62,12 +61,11 @@ TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedIsShort) {
 }
 
 TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedDoesNotWaitForTheAttemptThatIsUnderWay) {
-    auto refused = std::make_unique<testing::RefusedPort>();
-    const std::uint16_t port = refused->port();
+    const testing::RefusedPort refused;
+    const std::uint16_t port = refused.port();
     Announce announce(echo(port) + Words{"--withdraw-timeout", "3600"} + command({"3"}));
     announce.awaitErrors("CONNECT_FAILED");
     announce.awaitOutput("up\n");
-    refused.reset();
     const testing::BlackHole silent(testing::Loopback::V4, port);
     EXPECT_TRUE(eventually([&] { return isConnectingTo(port); }));
     const auto begin = steady_clock::now();

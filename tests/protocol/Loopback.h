@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace orvx::testing {
@@ -50,6 +52,21 @@ bool waitForEvents(const Socket& socket, short events, int timeoutMilliseconds);
 
 /// Whether this machine has ::1 at all.
 bool hasIpv6Loopback();
+
+/// Servers at the same port of several addresses. A port that the kernel gives at one address may
+/// be in use at another one: then all of them are made anew. Throws std::system_error.
+template <typename Servers>
+std::unique_ptr<Servers> atAFreePort() {
+    for (int tries = 1;; ++tries) {
+        try {
+            return std::make_unique<Servers>();
+        } catch (const std::system_error& error) {
+            if (error.code() != std::errc::address_in_use || tries == 20) {
+                throw;
+            }
+        }
+    }
+}
 
 /// A port where every connect is refused, and that nobody else gets as long as the object lives.
 class RefusedPort {

@@ -27,6 +27,20 @@ TEST(ARefusedPort, RefusesEveryConnect) {
     EXPECT_EQ(connectError(connectLoopback(refused.port())), ECONNREFUSED);
 }
 
+TEST(ServersAtAFreePort, AreMadeAnewWhenThePortIsInUse) {
+    static int made;
+    made = 0;
+    struct Servers {
+        Servers() {
+            if (++made < 3) {
+                throw std::system_error(std::make_error_code(std::errc::address_in_use));
+            }
+        }
+    };
+    EXPECT_NE(atAFreePort<Servers>(), nullptr);
+    EXPECT_EQ(made, 3);
+}
+
 TEST(ABlackHole, LeavesConnectsWithoutAnAnswer) {
     const BlackHole hole;
     const Socket first = connectLoopback(hole.port());

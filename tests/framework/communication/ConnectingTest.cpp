@@ -146,11 +146,15 @@ TEST_F(Connecting, TriesTheNewerFamilyWhenTheOlderOneIsSilent) {
     if (!hasIpv6Loopback()) {
         GTEST_SKIP() << "This machine has no ::1.";
     }
-    HostileServer newer(Loopback::V6);
-    newer.onRequest([](const Request&) { return response(200); });
-    const BlackHole hole(Loopback::V4, newer.port());
+    struct Both {
+        HostileServer newer{Loopback::V6};
+        const BlackHole hole{Loopback::V4, newer.port()};
+    };
+    const auto both = atAFreePort<Both>();
+    both->newer.onRequest([](const Request&) { return response(200); });
+    const auto port = both->newer.port();
     const auto taken =
-        durationOf([&] { EXPECT_EQ(codeOf(put(session(newer.port(), {}, "localhost"))), 200); });
+        durationOf([&] { EXPECT_EQ(codeOf(put(session(port, {}, "localhost"))), 200); });
     EXPECT_GE(taken, 250ms);
     EXPECT_LT(taken, 3s);
 }
@@ -167,10 +171,14 @@ TEST_F(Connecting, LetsTheFamiliesTakeTurns) {
         GTEST_SKIP() << "This machine has no ::1.";
     }
     const DeadResolver resolver;
-    HostileServer newer(Loopback::V6);
+    struct Both {
+        HostileServer newer{Loopback::V6};
+        const Socket older = bindLoopback(Loopback::V4, newer.port());
+    };
+    const auto both = atAFreePort<Both>();
+    HostileServer& newer = both->newer;
     newer.onRequest([](const Request&) { return response(200); });
-    const Socket older = bindLoopback(Loopback::V4, newer.port());
-    listenOn(older, 1);  // Connections stand, and nobody answers over them.
+    listenOn(both->older, 1);  // Connections stand, and nobody answers over them.
     HttpConfig config;
     config.requestTimeout = 5s;
     EXPECT_EQ(codeOf(put(session(newer.port(), config, "a.several.test"))), 200)
