@@ -195,6 +195,43 @@ TEST_F(ARegistryOverTls, DropsWhoSpeaksSomethingElse) {
     EXPECT_EQ(connect().ask(makeRequest("GET", "/")).body(), R"({"entries":[]})");
 }
 
+TEST_F(ARegistryOverTls, RefusesWhatItRefusesWithout) {
+    start();
+    const std::string filler(100'000, 'x');
+    const std::string chunks = "PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (const std::string& request :
+         {filler, "GET /" + filler + " HTTP/1.1\r\n\r\n",
+          "GET / HTTP/1.1\r\n" + filler + ": a\r\n\r\n", chunks + "2;" + filler + "\r\n{}\r\n",
+          chunks + "2\r\n{}\r\n0\r\nA: " + filler + "\r\n\r\n", chunks + "FFFFFFFFFFFFFFFFF\r\n",
+          std::string("PUT /a HTTP/1.1\r\nContent-Length: 1048577\r\n\r\n"),
+          std::string("PUT /a HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n{}")}) {
+        TlsConnection connection = connect();
+        EXPECT_EQ(connection.ask(request).result_int() / 100, 4U) << request.substr(0, 80);
+        EXPECT_TRUE(connection.isClosedByPeer()) << request.substr(0, 80);
+    }
+    TlsConnection connection = connect();
+    const std::string deep = R"({"a":)" + std::string(100'000, '[');
+    EXPECT_EQ(connection.ask(makeRequest("PUT", "/a", deep)).result(), http::status::bad_request);
+    EXPECT_EQ(connection.ask(makeRequest("GET", "/")).body(), R"({"entries":[]})");
+}
+
+TEST_F(ARegistryOverTls, DropsAClientThatReadsNoneOfItsAnswers) {
+    options_.writeTimeout = 100ms;
+    start();
+    const std::string service = R"({"a":")" + std::string(500'000, 'x') + R"("})";
+    connect().ask(makeRequest("PUT", "/a", service));
+    TlsConnection mute = connect();
+    EXPECT_THROW(
+        {
+            for (const auto end = std::chrono::steady_clock::now() + 10s;
+                 std::chrono::steady_clock::now() < end;) {
+                mute.send(makeRequest("GET", "/"));
+            }
+        },
+        std::runtime_error);
+    awaitDrops("timeout", 1);
+}
+
 TEST_F(ARegistryOverTls, SurvivesAClientThatEndsAnywhere) {
     start();
     for (int i = 0; i < 30; ++i) {
