@@ -7,11 +7,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -316,22 +314,6 @@ class TheRecentPieces : public TheWatch {
 
     RecentPieces pieces_;
 };
-
-TEST(TheTurnOfAReader, ComesOnceInFiftyMillisecondsAndAtAnotherTimeThanThatOfTheNextReader) {
-    const EntryStore::Time now = EntryStore::Time() + 12'345'678us;
-    std::set<EntryStore::Time> turns;
-    for (std::size_t reader = 0; reader < 10; ++reader) {
-        const auto turn = nextTurn(now, reader);
-        EXPECT_GT(turn, now);
-        EXPECT_LE(turn, now + 50ms);
-        EXPECT_EQ(nextTurn(turn, reader), turn + 50ms);
-        EXPECT_EQ(nextTurn(turn + 7ms, reader), turn + 50ms);
-        EXPECT_EQ(nextTurn(now, reader + 10), turn);
-        turns.insert(turn);
-    }
-    ASSERT_EQ(turns.size(), 10U);
-    EXPECT_EQ(*turns.rbegin() - *turns.begin(), 45ms);
-}
 
 TEST_F(TheRecentPieces, AreMadeOnceForAllReadersInTheSamePosition) {
     const std::string a = put("/a");

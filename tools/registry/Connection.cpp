@@ -36,7 +36,9 @@ constexpr std::uint32_t kMaxHeader = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 constexpr std::string_view kRetry = "retry: 1000\n\n";
-// A watcher that sleeps looks so often for checks and what expired.
+// A watcher that is awake sends at most so often, one that sleeps looks for checks and what
+// expired.
+constexpr std::chrono::milliseconds kBetweenNews{50};
 constexpr std::chrono::seconds kLongestSleep{1};
 
 /// A connection with nothing but refusals keeps its place: otherwise a client without a token could
@@ -395,7 +397,6 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
     Error error;
     stream_.tcp().socket().set_option(asio::socket_base::linger(true, 0), error);
     watch_ = watch;
-    watcher_ = shared_.watchersBegun++;
     shared_.dispatcher.counts().addWatcher();
     std::ostringstream header;
     header << response.base() << kRetry << *shared_.dispatcher.news(*watch_);
@@ -424,7 +425,7 @@ void Connection::onNewsSent(Error error, std::size_t size) {
         return sendNews();
     }
     piece_.reset();
-    delay_.expires_at(nextTurn(std::chrono::steady_clock::now(), watcher_));
+    delay_.expires_after(kBetweenNews);
     delay_.async_wait([self = shared_from_this()](Error) {
         if (self->isOpen()) {
             self->sendNews();

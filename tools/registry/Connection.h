@@ -41,7 +41,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
         std::list<Connection*> connections;
         /// Those that watch and have nothing to send.
         std::list<Connection*> idleWatchers{};
-        std::size_t watchersBegun = 0;
         std::uint64_t announcedRevision = 0;
         /// How often files were read again. A connection that is older ends soon.
         std::uint64_t generation = 0;
@@ -117,7 +116,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Response response_;
     std::optional<EntryWriter> list_;
     std::optional<Watch> watch_;
-    std::size_t watcher_ = 0;    // its number among those that watch
     RecentPieces::Piece piece_;  // that is being sent
     boost::asio::steady_timer delay_;
     std::chrono::steady_clock::time_point farewell_;

@@ -212,14 +212,6 @@ void Watch::appendState(const EntryStore& store, std::size_t faults, std::string
     heartbeat_ = heartbeatAt(store.now());
 }
 
-std::chrono::steady_clock::time_point nextTurn(std::chrono::steady_clock::time_point now,
-                                               std::size_t reader) {
-    constexpr std::chrono::milliseconds kRound(50);
-    constexpr std::size_t kGroups = 10;
-    const auto begin = kRound / kGroups * (reader % kGroups);
-    return now + kRound - (now.time_since_epoch() - begin) % kRound;
-}
-
 RecentPieces::Piece RecentPieces::next(Watch& watch, const EntryStore& store, std::size_t faults) {
     const auto now = store.now();
     while (!made_.empty() && now - made_.front().when > kLifetime) {

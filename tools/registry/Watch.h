@@ -69,12 +69,6 @@ class Watch {
     bool hasChecks_;
 };
 
-/// When the reader with that number may send again: once in 50 ms. Readers take turns in ten
-/// groups, so that the server answers other requests between two groups. Readers of a group are in
-/// the same position, and share the pieces.
-std::chrono::steady_clock::time_point nextTurn(std::chrono::steady_clock::time_point now,
-                                               std::size_t reader);
-
 /// The pieces of the stream that were made last. Readers in the same position share a piece: the
 /// text of an event is made once, however many readers get it.
 ///
