@@ -91,7 +91,8 @@ TEST_F(AGuardedRegistry, IsWhatListensElsewhereThanAtLoopback) {
 }
 
 TEST_F(AGuardedRegistry, RefusesATokenFileOrOptionsThatMakeNoSense) {
-    EXPECT_THAT(run({"--tokens", folder_ / "none"}).errors, HasSubstr("none: it cannot be read"));
+    EXPECT_THAT(run({"--tokens", folder_ / "none"}).errors,
+                HasSubstr("none: it cannot be read: No such file or directory"));
     EXPECT_THAT(run({"--tokens", write("bad", "\nhunter2\n")}).errors,
                 AllOf(HasSubstr("bad: line 2: not a JSON object"), Not(HasSubstr("hunter2"))));
     EXPECT_THAT(run({"--client-ca", "x"}).errors, HasSubstr("--tls-cert"));

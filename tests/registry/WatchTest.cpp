@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "ProcessorTime.h"
+
 namespace orvx::registry {
 namespace {
 
@@ -284,6 +286,18 @@ TEST_F(TheWatch, TellsALongServiceInShort) {
     EXPECT_EQ(read(watch).at(0).data.at("service"), json({{"name", "lamp"}}));
     put("/a", {{"name", "lamp"}});
     EXPECT_EQ(read(watch).at(0).data.at("service"), json({{"name", "lamp"}}));
+}
+
+TEST_F(TheWatch, ReadsALongServiceAtThePutAndNotForEachReader) {
+    const json service{{"name", "lamp"}, {"more", std::vector<json>(100'000, json::array())}};
+    const double forThePut = processorSeconds([&] { put("/a", service); });
+    const double forTheReaders = processorSeconds([&] {
+        for (int i = 0; i < 20; ++i) {
+            Watch watch(store_, "");
+            EXPECT_EQ(read(watch).at(1).data.at("service"), json({{"name", "lamp"}}));
+        }
+    });
+    EXPECT_LT(forTheReaders, 5 * forThePut);  // with a parse for each of them: 20 times or so
 }
 
 TEST_F(TheWatch, TellsAChangeInAsManyBytesHoweverManyEntriesThereAre) {
