@@ -35,6 +35,24 @@ function(orvx_compile_together target)
   target_include_directories(${target} BEFORE PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 endfunction()
 
+# orvx_paths(TARGET [NAME PATH]...): the target's sources include Paths.h, which declares each path as
+# orvx::paths::NAME. Only one generated source has the paths themselves. They differ in each clone, so
+# ccache finds all other sources.
+function(orvx_paths target)
+  set(declarations "#pragma once\n\nnamespace orvx::paths {\n")
+  set(definitions "#include \"Paths.h\"\n\nnamespace orvx::paths {\n")
+  while(ARGN)
+    list(POP_FRONT ARGN name path)
+    string(APPEND declarations "extern const char* const ${name};\n")
+    string(APPEND definitions "const char* const ${name} = \"${path}\";\n")
+  endwhile()
+  set(folder ${CMAKE_CURRENT_BINARY_DIR}/${target}_paths)
+  file(CONFIGURE OUTPUT ${folder}/Paths.h CONTENT "${declarations}}\n" @ONLY)
+  file(GENERATE OUTPUT ${folder}/Paths.cpp CONTENT "${definitions}}\n")
+  target_sources(${target} PRIVATE ${folder}/Paths.cpp)
+  target_include_directories(${target} PRIVATE ${folder})
+endfunction()
+
 # orvx_gtest(TARGET [ALONE] [PREFIX PREFIX] [TIMEOUT SECONDS] [LABELS LABEL...] [OPTION_OF_gtest_discover_tests])
 # ALONE: each source is compiled separately, as a user would compile it.
 # The tests are listed when ctest starts, not by each build. A test has one label for ctest, which joins

@@ -2,6 +2,8 @@
 // Entered by the test's thread; what the server in front passes on, by that server's. No lock.
 #include "AnnounceTest.h"
 
+#include "Paths.h"
+
 #include <sys/wait.h>
 
 #include <sstream>
@@ -14,7 +16,7 @@ Words operator+(Words left, const Words& right) {
 }
 
 Words command(const Words& arguments) {
-    return Words{"--", "python3", ORVX_ANNOUNCE_TESTS "/command.py"} + arguments;
+    return Words{"--", "python3", std::string(paths::kAnnounceTests) + "/command.py"} + arguments;
 }
 
 Words shell(const std::string& script) {

@@ -3,6 +3,7 @@
 #include "ChildProcess.h"
 #include "Folder.h"
 #include "IntegrationSupport.h"
+#include "Paths.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -80,7 +81,7 @@ class AnnounceTest : public ::testing::Test {
 class Announce : public ChildProcess {
   public:
     explicit Announce(Words arguments)
-        : ChildProcess(ORVX_ANNOUNCE_PROGRAM, std::move(arguments)) {}
+        : ChildProcess(paths::kAnnounceProgram, std::move(arguments)) {}
 
     /// Stops it; what it printed, when it ended with this code.
     Result stopped(int code, int number = SIGTERM);

@@ -1,6 +1,7 @@
 // A command that runs while its service is announced: how it starts, what it finds, and how it
 // ends. Entered by the test's thread; orvx-announce and its command are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 #include <sys/wait.h>
 
@@ -77,9 +78,9 @@ TEST_F(TheCommand, InheritsNoDescriptorOfTheProgram) {
 }
 
 TEST_F(TheCommand, MayBeStartedWithoutStandardStreams) {
-    ChildProcess announce(
-        "/bin/sh", Words{"-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", ORVX_ANNOUNCE_PROGRAM} + echo() +
-                       Words{"--", "sleep", "3600"});
+    ChildProcess announce("/bin/sh",
+                          Words{"-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", paths::kAnnounceProgram} +
+                              echo() + Words{"--", "sleep", "3600"});
     EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
     const std::string descriptors = "/proc/" + std::to_string(announce.pid()) + "/fd/";
     for (const char* stream : {"0", "1", "2"}) {
@@ -101,7 +102,7 @@ TEST_F(TheCommand, IsWaitedForAndSoAreOrphansThatComeToTheProgram) {
         "import ctypes, os, sys; ctypes.CDLL(None).prctl(36, 1, 0, 0, 0); "
         "os.execv(sys.argv[1], sys.argv[1:])";
     ChildProcess announce("/usr/bin/env",
-                          Words{"python3", "-c", becomeReaper, ORVX_ANNOUNCE_PROGRAM} + echo() +
+                          Words{"python3", "-c", becomeReaper, paths::kAnnounceProgram} + echo() +
                               shell("(/bin/true & echo $! >&2); echo started; read line"));
     announce.awaitOutput("started");
     announce.awaitErrors(" announced ");

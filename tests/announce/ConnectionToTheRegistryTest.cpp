@@ -1,6 +1,7 @@
 // TLS, tokens, proxies and sockets on the way to the registry.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 namespace orvx::announce {
 namespace {
@@ -18,7 +19,7 @@ class TheConnectionToTheRegistry : public AnnounceTest {
 
 TEST_F(TheConnectionToTheRegistry, MayUseTlsWithAClientCertificate) {
     ChildProcess secure("/usr/bin/env",
-                        {"python3", ORVX_TLS_REGISTRY, folder.file(""), "WantsACertificate"});
+                        {"python3", paths::kTlsRegistry, folder.file(""), "WantsACertificate"});
     const std::string& output = secure.awaitOutput(".");
     const auto port = std::stoi(output.substr(std::string("port ").size()));
     Announce announce(at("https://127.0.0.1:" + std::to_string(port)) +
@@ -30,7 +31,7 @@ TEST_F(TheConnectionToTheRegistry, MayUseTlsWithAClientCertificate) {
 }
 
 TEST_F(TheConnectionToTheRegistry, RefusesAnUntrustedCertificate) {
-    ChildProcess secure("/usr/bin/env", {"python3", ORVX_TLS_REGISTRY, folder.file(""), "None"});
+    ChildProcess secure("/usr/bin/env", {"python3", paths::kTlsRegistry, folder.file(""), "None"});
     const std::string& output = secure.awaitOutput(".");
     const auto port = std::stoi(output.substr(std::string("port ").size()));
     Announce announce(at("https://127.0.0.1:" + std::to_string(port)));
@@ -91,8 +92,9 @@ TEST_F(TheConnectionToTheRegistry, MayUseAProxy) {
 
 TEST_F(TheConnectionToTheRegistry, MayUseAUnixSocket) {
     const auto socket = folder.file("socket");
-    ChildProcess local("/usr/bin/env",
-                       {"python3", ORVX_ANNOUNCE_TESTS "/unix_registry.py", socket});
+    ChildProcess local(
+        "/usr/bin/env",
+        {"python3", std::string(paths::kAnnounceTests) + "/unix_registry.py", socket});
     local.awaitOutput("up\n");
     Announce announce(at("http://registry.invalid") + Words{"--unix-socket", socket});
     announce.awaitOutput(" announced ");

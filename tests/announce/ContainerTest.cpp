@@ -2,6 +2,7 @@
 // It cannot prove that the images can be built.
 // Entered by the test's thread and the registry's; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 #include <unistd.h>
 
@@ -17,7 +18,8 @@ class TheContainer : public AnnounceTest {
     /// The rest of each instruction of that name, with continued lines joined.
     static Words instructions(const std::string& name) {
         const std::string text = std::regex_replace(
-            contentOf(ORVX_ANNOUNCE_SOURCES "/container/Dockerfile"), std::regex("\\\\\n"), " ");
+            contentOf(std::string(paths::kAnnounceSources) + "/container/Dockerfile"),
+            std::regex("\\\\\n"), " ");
         Words found;
         std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) {
@@ -35,7 +37,7 @@ class TheContainer : public AnnounceTest {
         text = std::regex_replace(text, std::regex("/run/orvx-announce.json"), status);
         text = std::regex_replace(text, std::regex("\\b8080\\b"), std::to_string(port.port()));
         return std::regex_replace(text, std::regex("\"orvx-announce\""),
-                                  "\"" ORVX_ANNOUNCE_PROGRAM "\"");
+                                  "\"" + std::string(paths::kAnnounceProgram) + "\"");
     }
     Words environment() const {
         std::istringstream stream(instruction("ENV"));

@@ -1,6 +1,7 @@
 // Programs read the events and the status file: each is as the schema and the manual page say.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 #include <set>
 
@@ -9,13 +10,14 @@ namespace {
 
 class TheContract : public AnnounceTest {
   protected:
-    static inline const std::string kSchema = ORVX_ANNOUNCE_SOURCES "/orvx-announce.schema.json";
+    static inline const std::string kSchema =
+        std::string(paths::kAnnounceSources) + "/orvx-announce.schema.json";
 
     /// What is wrong with the documents, one a line.
     std::string faultsOf(const std::string& documents) const {
         const auto result =
-            ChildProcess("/usr/bin/python3", {ORVX_ANNOUNCE_TESTS "/validate.py", kSchema,
-                                              folder.write("documents", documents)})
+            ChildProcess("/usr/bin/python3", {std::string(paths::kAnnounceTests) + "/validate.py",
+                                              kSchema, folder.write("documents", documents)})
                 .wait();
         EXPECT_EQ(exitCode(result), 0) << result.errors;
         return result.output;
@@ -156,7 +158,7 @@ TEST_F(TheContract, IsInTheManualPage) {
     std::set<std::string> keys;
     collect(json::parse(contentOf(kSchema)), events, keys);
     EXPECT_FALSE(events.empty());
-    const std::string page = contentOf(ORVX_ANNOUNCE_SOURCES "/orvx-announce.1");
+    const std::string page = contentOf(std::string(paths::kAnnounceSources) + "/orvx-announce.1");
     for (const std::string& event : events) {
         EXPECT_THAT(page, HasSubstr("\n.It Cm " + event + "\n"));
     }

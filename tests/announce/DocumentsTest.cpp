@@ -1,6 +1,7 @@
 // The manual page, the completion and the how-to agree with the program.
 // Entered by the test's thread and the registry's; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 #include <regex>
 #include <set>
@@ -12,7 +13,7 @@ using TheManualPage = AnnounceTest;
 using TheCompletion = AnnounceTest;
 using TheHowTo = AnnounceTest;
 
-const std::string kManualPage = ORVX_ANNOUNCE_SOURCES "/orvx-announce.1";
+const std::string kManualPage = std::string(paths::kAnnounceSources) + "/orvx-announce.1";
 
 std::set<std::string> optionsOfTheProgram() {
     const std::string help = Announce({"--help"}).ended(0).output;
@@ -32,7 +33,8 @@ std::set<std::string> completions(const std::string& line) {
         COMP_CWORD=$(($# - 1))
         _orvx_announce
         printf '%s\n' "${COMPREPLY[@]}")";
-    Words arguments{"bash", "-c", script, ORVX_ANNOUNCE_SOURCES "/orvx-announce.bash-completion",
+    Words arguments{"bash", "-c", script,
+                    std::string(paths::kAnnounceSources) + "/orvx-announce.bash-completion",
                     "orvx-announce"};
     std::istringstream words(line);
     for (std::string word; words >> word;) {
@@ -89,7 +91,7 @@ TEST_F(TheCompletion, OffersCommandsAfterTwoDashesAndThenFiles) {
 
 TEST_F(TheHowTo, HasCommandsThatAnnounceAndWithdraw) {
     const testing::RefusedPort port;
-    const std::string text = contentOf(ORVX_HOWTO);
+    const std::string text = contentOf(paths::kHowto);
     const std::regex block("```sh\n([^`]*)```");
     int count = 0;
     for (std::sregex_iterator i(text.begin(), text.end(), block), end; i != end; ++i, ++count) {
@@ -98,7 +100,7 @@ TEST_F(TheHowTo, HasCommandsThatAnnounceAndWithdraw) {
         script = std::regex_replace(script, std::regex("8500"), std::to_string(registry.port()));
         script = std::regex_replace(script, std::regex("8080"), std::to_string(port.port()));
         script = std::regex_replace(script, std::regex("\norvx-announce"),
-                                    "\nexec " ORVX_ANNOUNCE_PROGRAM);
+                                    "\nexec " + std::string(paths::kAnnounceProgram));
         ChildProcess process("/usr/bin/env", {"--chdir", folder.file(""), "bash", "-c", script});
         EXPECT_TRUE(eventually([this] { return !entries().empty(); })) << script;
         process.signal(SIGTERM);

@@ -3,6 +3,7 @@
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Notifications.h"
+#include "Paths.h"
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -135,7 +136,7 @@ class ManyServices : public AnnounceTest {
         const auto interval = std::chrono::microseconds(kWatchdog).count();
         ChildProcess announce("/usr/bin/env", Words{"NOTIFY_SOCKET=" + folder.file("notify"),
                                                     "WATCHDOG_USEC=" + std::to_string(interval),
-                                                    ORVX_ANNOUNCE_PROGRAM} +
+                                                    paths::kAnnounceProgram} +
                                                   options(kMany, registryPort));
         auto last = steady_clock::now();
         steady_clock::duration longest{0};
@@ -179,7 +180,7 @@ TEST_F(ManyServices, HaveNoMoreThreadsThanOne) {
 
 TEST_F(ManyServices, FitIntoTheUsualLimitOfDescriptors) {
     ChildProcess announce(
-        "/bin/sh", Words{"-c", "ulimit -n 1024 && exec \"$0\" \"$@\"", ORVX_ANNOUNCE_PROGRAM} +
+        "/bin/sh", Words{"-c", "ulimit -n 1024 && exec \"$0\" \"$@\"", paths::kAnnounceProgram} +
                        options(500, registry.port()));
     awaitEntries(500);
     announce.signal(SIGTERM);

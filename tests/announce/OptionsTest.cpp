@@ -1,6 +1,7 @@
 // The command line and the file with descriptions.
 // Entered by the test's thread; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 #include <unistd.h>
 
@@ -153,10 +154,10 @@ TEST_F(TheOptions, TellTheVersionOfTheProgram) {
 TEST_F(TheOptions, MayComeFromTheEnvironment) {
     const auto token = folder.write("token", "secret");
     passOnInFront();
-    ChildProcess announce(
-        "/usr/bin/env", {"ORVX_REGISTRY=" + urlOf(front.port()), "ORVX_NAME=echo", "ORVX_PORT=8080",
-                         "ORVX_SERVICE_VERSION=1.2", "ORVX_HOST=10.0.0.9",
-                         "ORVX_TOKEN_FILE=" + token, ORVX_ANNOUNCE_PROGRAM, "--host", "10.0.0.7"});
+    ChildProcess announce("/usr/bin/env", {"ORVX_REGISTRY=" + urlOf(front.port()), "ORVX_NAME=echo",
+                                           "ORVX_PORT=8080", "ORVX_SERVICE_VERSION=1.2",
+                                           "ORVX_HOST=10.0.0.9", "ORVX_TOKEN_FILE=" + token,
+                                           paths::kAnnounceProgram, "--host", "10.0.0.7"});
     announce.awaitOutput(" announced ");
     EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer secret");
     const json described = entries().at(0).at("service");

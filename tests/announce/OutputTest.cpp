@@ -1,6 +1,7 @@
 // What the program says of itself: lines, JSON, colours, the status on request and in a file.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 #include "Terminal.h"
 
 #include <fcntl.h>
@@ -76,7 +77,7 @@ class ALongLine : public TheStatusFile {
         return Words{"-c",
                      "exec \"$@\" >" + pipe.name(),
                      "sh",
-                     ORVX_ANNOUNCE_PROGRAM,
+                     paths::kAnnounceProgram,
                      "--json",
                      "--registry",
                      urlOf(registry.port()),
@@ -124,7 +125,7 @@ TEST_F(TheOutput, MayBeJson) {
 TEST_F(TheOutput, IsColouredOnATerminalUnlessThatIsNotWanted) {
     for (const bool isWanted : {true, false}) {
         Terminal terminal(Words{"/usr/bin/env", isWanted ? "NO_COLOR=" : "NO_COLOR=1", "TERM=xterm",
-                                ORVX_ANNOUNCE_PROGRAM} +
+                                paths::kAnnounceProgram} +
                           echo());
         terminal.await("uuid=");
         terminal.type("\x03");

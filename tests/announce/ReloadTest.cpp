@@ -1,6 +1,7 @@
 // The file of --from, read again while the program runs.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 
 #include <sys/stat.h>
 
@@ -162,7 +163,7 @@ TEST_F(AReload, OfAPipeFromTheShellIsRefusedAndTheStartIsNot) {
     const auto file = write(json::array({lamp("same", "a")}));
     ChildProcess announce(
         "/bin/bash", Words{"-c", "exec \"$@\" --from <(cat " + file + ")", "bash",
-                           ORVX_ANNOUNCE_PROGRAM, "--json", "--registry", urlOf(front.port())});
+                           paths::kAnnounceProgram, "--json", "--registry", urlOf(front.port())});
     announce.awaitOutput("\"announced\"");
     announce.signal(SIGHUP);
     announce.awaitOutput("not a regular file");

@@ -2,6 +2,7 @@
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Notifications.h"
+#include "Paths.h"
 
 #include <unistd.h>
 
@@ -14,7 +15,7 @@ class TheServiceManager : public AnnounceTest {
   protected:
     /// The program as a service manager starts it.
     static Words started(const Words& variables, const Words& rest) {
-        return variables + Words{ORVX_ANNOUNCE_PROGRAM} + rest;
+        return variables + Words{paths::kAnnounceProgram} + rest;
     }
 
     const Folder folder;
@@ -96,9 +97,10 @@ TEST_F(TheServiceManager, IsNotForTheCommand) {
 }
 
 TEST_F(TheServiceManager, UnderstandsTheUnitFile) {
-    std::string unit = contentOf(ORVX_ANNOUNCE_SOURCES "/orvx-announce-example.service");
+    std::string unit =
+        contentOf(std::string(paths::kAnnounceSources) + "/orvx-announce-example.service");
     for (const auto& [installed, built] :
-         {std::pair<std::string, std::string>{"/usr/bin/orvx-announce", ORVX_ANNOUNCE_PROGRAM},
+         {std::pair<std::string, std::string>{"/usr/bin/orvx-announce", paths::kAnnounceProgram},
           {"/usr/local/bin/echo-server", "/bin/true"}}) {
         ASSERT_NE(unit.find(installed), std::string::npos);
         unit.replace(unit.find(installed), installed.size(), built);

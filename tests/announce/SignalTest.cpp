@@ -1,6 +1,7 @@
 // Signals to the program, and what its command gets of them, and when.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
+#include "Paths.h"
 #include "Terminal.h"
 
 namespace orvx::announce {
@@ -79,7 +80,7 @@ TEST_F(ASignal, ThatFollowsTheFirstOneReachesACommandThatIsEnding) {
 }
 
 TEST_F(ASignal, FromTheTerminalReachesTheCommandOnceAndWithdrawsIt) {
-    Terminal terminal(Words{ORVX_ANNOUNCE_PROGRAM, "--stop-timeout", "0.2"} + echo() +
+    Terminal terminal(Words{paths::kAnnounceProgram, "--stop-timeout", "0.2"} + echo() +
                       command({"never"}));
     terminal.await("announced\x1b[0m service=echo");
     terminal.await("up");
@@ -95,9 +96,9 @@ TEST_F(ASignal, FromTheTerminalReachesTheCommandOnceAndWithdrawsIt) {
 }
 
 TEST_F(ASignal, ThatTheStarterIgnoresIsIgnored) {
-    ChildProcess announce(
-        "/bin/sh", Words{"-c", "trap '' HUP; exec \"$0\" \"$@\"", ORVX_ANNOUNCE_PROGRAM} + echo() +
-                       shell("kill -HUP $$ $PPID; read line; exit 8"));
+    ChildProcess announce("/bin/sh",
+                          Words{"-c", "trap '' HUP; exec \"$0\" \"$@\"", paths::kAnnounceProgram} +
+                              echo() + shell("kill -HUP $$ $PPID; read line; exit 8"));
     announce.awaitErrors(" announced ");
     announce.endInput();
     EXPECT_EQ(exitCode(announce.wait()), 8);

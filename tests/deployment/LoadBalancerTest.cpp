@@ -2,6 +2,7 @@
 // Entered by the test's thread, the client's and those of the services; haproxy, the registry and
 // the command of the how-to are child processes. No lock.
 #include "IntegrationTest.h"
+#include "Paths.h"
 #include "RawConnection.h"
 #include "RegistryProcess.h"
 #include "Servers.h"
@@ -36,12 +37,12 @@ class TheLoadBalancer : public ::testing::Test {
         context.enableResilience(true);
         context.init();
         std::smatch block;
-        const std::string page = testing::contentOf(ORVX_LOAD_BALANCER_PAGE);
+        const std::string page = testing::contentOf(paths::kLoadBalancerPage);
         EXPECT_TRUE(
             std::regex_search(page, block, std::regex("```sh\n(orvx-registry watch[^`]*)```")));
         std::string script = Haproxy::inFolder(block[1], folder);
         script = std::regex_replace(script, std::regex("8500"), std::to_string(registry.port()));
-        script = std::regex_replace(script, std::regex("/usr/local/bin"), ORVX_HAPROXY_EXAMPLE);
+        script = std::regex_replace(script, std::regex("/usr/local/bin"), paths::kHaproxyExample);
         script = std::regex_replace(script, std::regex("^orvx-registry"),
                                     "exec " + RegistryProcess::path());
         watch.emplace("/bin/sh", std::vector<std::string>{"-c", script});
@@ -116,8 +117,9 @@ TEST_F(TheLoadBalancer, KeepsItsServicesWhileTheRegistryIsAway) {
 }
 
 TEST_F(TheLoadBalancer, IsTheConfigurationThatThePageShows) {
-    EXPECT_THAT(testing::contentOf(ORVX_LOAD_BALANCER_PAGE),
-                ::testing::HasSubstr(testing::contentOf(ORVX_HAPROXY_EXAMPLE "/haproxy.cfg")));
+    EXPECT_THAT(testing::contentOf(paths::kLoadBalancerPage),
+                ::testing::HasSubstr(
+                    testing::contentOf(std::string(paths::kHaproxyExample) + "/haproxy.cfg")));
 }
 
 TEST_F(TheLoadBalancer, SaysWhenItHasTooFewSlots) {

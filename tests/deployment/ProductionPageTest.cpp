@@ -1,6 +1,7 @@
 // The commands and the configurations of the page for production.
 // Entered by the test's thread; the programs are processes. No lock.
 #include "Folder.h"
+#include "Paths.h"
 #include "RawConnection.h"
 #include "RegistryProcess.h"
 
@@ -22,7 +23,7 @@ class ThePageForProduction : public ::testing::Test {
   protected:
     /// The first block of that language that contains the text, with paths of the folder.
     std::string block(const std::string& language, const std::string& text) const {
-        const std::string page = contentOf(ORVX_PRODUCTION_PAGE);
+        const std::string page = contentOf(paths::kProductionPage);
         const std::regex blocks("```" + language + "\n([^`]*)```");
         for (std::sregex_iterator i(page.begin(), page.end(), blocks), end; i != end; ++i) {
             if ((*i)[1].str().find(text) != std::string::npos) {

@@ -2,6 +2,7 @@
 // Entered by the test's thread; the program is a process. No lock.
 #include "Folder.h"
 #include "Notifications.h"
+#include "Paths.h"
 #include "RegistryProcess.h"
 
 #include <gmock/gmock.h>
@@ -21,7 +22,7 @@ using ::testing::Not;
 using testing::Notifications;
 using ::testing::StartsWith;
 
-const std::string kUnit = ORVX_REGISTRY_SERVICE "/orvx-registry.service";
+const std::string kUnit = std::string(paths::kRegistryService) + "/orvx-registry.service";
 
 TEST(TheRegistryService, NotifiesReadinessReloadsAndItsEnd) {
     const Folder folder;
@@ -115,7 +116,7 @@ TEST_F(TheUnitOfTheRegistry, IsHardened) {
 }
 
 TEST_F(TheUnitOfTheRegistry, StartsTheProgramWithTheOptionsOfItsFile) {
-    const std::string options = contentOf(ORVX_REGISTRY_SERVICE "/default");
+    const std::string options = contentOf(std::string(paths::kRegistryService) + "/default");
     const std::string script = options + "exec \"$0\" $ORVX_REGISTRY_OPTIONS --port 0";
     const std::string store = folder.file("entries");
     std::string here = script;

@@ -5,6 +5,7 @@
 #include "Servers.h"
 
 #include "Loopback.h"
+#include "Paths.h"
 
 #include <sys/wait.h>
 
@@ -134,7 +135,8 @@ void Nginx::configure(std::uint16_t port, const Config& config) const {
 }
 
 Haproxy::Haproxy(const Folder& folder) {
-    const std::string example = inFolder(contentOf(ORVX_HAPROXY_EXAMPLE "/haproxy.cfg"), folder);
+    const std::string example =
+        inFolder(contentOf(std::string(paths::kHaproxyExample) + "/haproxy.cfg"), folder);
     program_ = std::make_unique<Program>([&](std::uint16_t port) {
         const std::string config = folder.write(
             "haproxy.cfg",

@@ -1,6 +1,8 @@
 // What the shared form of the library shows to the process that loads it, and what it takes from
 // it. One thread; no lock.
 
+#include "Paths.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -44,8 +46,8 @@ std::vector<std::string> all(const std::string& pattern, const std::string& comm
 }
 
 TEST(TheSharedLibrary, ShowsOnlyNamesOfItsOwn) {
-    const auto names =
-        all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " -D --defined-only " ORVX_SHARED_LIBRARY);
+    const auto names = all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n",
+                           ORVX_NM " -D --defined-only " + std::string(paths::kSharedLibrary));
     EXPECT_THAT(names,
                 Contains("_ZN4orvx21serviceregistryclient25OrvServiceRegistryContext4initEv"));
     EXPECT_THAT(names, Not(Contains(HasSubstr("24OrvServiceRegistryClient"))))
@@ -59,20 +61,22 @@ TEST(TheSharedLibrary, ShowsOnlyNamesOfItsOwn) {
 // libfmt is what the console logger writes its lines with; a sanitizer brings a library of its own.
 TEST(TheSharedLibrary, NeedsOnlyTheSystemOpensslAndLibfmt) {
     const auto needed = all("Shared library: \\[lib([^\n]*)\\.so[^\n]*\\]\n",
-                            ORVX_READELF " -d " ORVX_SHARED_LIBRARY);
+                            ORVX_READELF " -d " + std::string(paths::kSharedLibrary));
     EXPECT_THAT(needed, Contains("ssl"));
     EXPECT_THAT(needed, Each(MatchesRegex("c|m|stdc\\+\\+|gcc_s|ssl|crypto|fmt|[a-z]+san")));
 }
 
 // A program that it is linked into may bring Boost in another version.
 TEST(TheStaticLibrary, HasNoNameOfBoosts) {
-    const auto names = all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " " ORVX_STATIC_LIBRARY);
+    const auto names =
+        all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " " + std::string(paths::kStaticLibrary));
     EXPECT_THAT(names, Contains(HasSubstr("10orvx_boost4asio")));
     EXPECT_THAT(names, Each(Not(AnyOf(HasSubstr("5boost"), StartsWith("boost_")))));
 }
 
 TEST(ThePlugin, HasNoSymbolThatKeepsItLoaded) {
-    EXPECT_THAT(all("[0-9a-f]+ u ([^\n]+)\n", ORVX_NM " -C -D " ORVX_PLUGIN), IsEmpty());
+    EXPECT_THAT(all("[0-9a-f]+ u ([^\n]+)\n", ORVX_NM " -C -D " + std::string(paths::kPlugin)),
+                IsEmpty());
 }
 
 }  // namespace

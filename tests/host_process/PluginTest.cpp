@@ -4,6 +4,7 @@
 
 #include "DeadResolver.h"
 #include "Descriptors.h"
+#include "Paths.h"
 #include "Process.h"
 #include "RunningRegistry.h"
 #include "plugin/Plugin.h"
@@ -30,7 +31,7 @@ using ::testing::Not;
 
 class Plugin {
   public:
-    Plugin() : library_(::dlopen(ORVX_PLUGIN, RTLD_NOW | RTLD_LOCAL)) {
+    Plugin() : library_(::dlopen(paths::kPlugin, RTLD_NOW | RTLD_LOCAL)) {
         if (library_ == nullptr) {
             throw std::runtime_error(::dlerror());
         }
@@ -78,7 +79,7 @@ class APlugin : public ::testing::Test {
     void live() const {
         const Plugin plugin;
         EXPECT_TRUE(plugin.announce(registry_.port()));
-        EXPECT_THAT(loaded(), HasSubstr(ORVX_PLUGIN));
+        EXPECT_THAT(loaded(), HasSubstr(paths::kPlugin));
         EXPECT_TRUE(plugin.withdraw());
     }
 
@@ -89,7 +90,7 @@ TEST_F(APlugin, LeavesNothingInTheProcessThatUnloadsIt) {
     const auto threads = threadNames();
     const auto descriptors = openDescriptors();
     live();
-    EXPECT_THAT(loaded(), Not(HasSubstr(ORVX_PLUGIN)));
+    EXPECT_THAT(loaded(), Not(HasSubstr(paths::kPlugin)));
     EXPECT_EQ(threadNames(), threads);
     EXPECT_TRUE(isSoon([&] { return openDescriptors() == descriptors; })) << "the registry's, too";
 }
@@ -117,7 +118,7 @@ TEST_F(APlugin, StaysLoadedIfItEndsWhileAHostIsStillLookedUp) {
         EXPECT_TRUE(plugin.withdraw());
     }
     EXPECT_EQ(resolver.waiting(), 1U);
-    EXPECT_THAT(loaded(), HasSubstr(ORVX_LOADED_LIBRARY));
+    EXPECT_THAT(loaded(), HasSubstr(paths::kLoadedLibrary));
     resolver.release();
     EXPECT_TRUE(isSoon([&] { return threadNames() == threads; }));
 }

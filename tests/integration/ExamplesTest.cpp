@@ -4,6 +4,7 @@
 // only. Each example is a process of its own.
 #include "ChildProcess.h"
 #include "IntegrationTest.h"
+#include "Paths.h"
 #include "PrometheusText.h"
 
 #include <sys/wait.h>
@@ -43,7 +44,7 @@ constexpr auto kShutdownBound = 7s;
 class Example : public ChildProcess {
   public:
     Example(const std::string& name, std::vector<std::string> arguments)
-        : ChildProcess(std::string(ORVX_EXAMPLE_PROGRAMS) + "/" + name, std::move(arguments)) {}
+        : ChildProcess(std::string(paths::kExamplePrograms) + "/" + name, std::move(arguments)) {}
     Example(const std::string& name, std::uint16_t port)
         : Example(name, std::vector<std::string>{"127.0.0.1", std::to_string(port)}) {}
 
@@ -377,7 +378,7 @@ std::optional<std::chrono::milliseconds> timeSetBy(const std::string& setter,
 // A check that is out when the time-out of the one before it passes would be given up for good.
 TEST_F(TheExamples, KeepTheHeadTimeoutBelowTheCheckInterval) {
     int count = 0;
-    for (const auto& file : std::filesystem::recursive_directory_iterator(ORVX_EXAMPLE_SOURCES)) {
+    for (const auto& file : std::filesystem::recursive_directory_iterator(paths::kExampleSources)) {
         if (file.path().extension() == ".cpp") {
             std::ifstream stream(file.path());
             const std::string program{std::istreambuf_iterator<char>(stream), {}};
@@ -392,7 +393,7 @@ TEST_F(TheExamples, KeepTheHeadTimeoutBelowTheCheckInterval) {
 
 TEST_F(TheExamples, FitOnOneScreenEach) {
     int count = 0;
-    for (const auto& file : std::filesystem::directory_iterator(ORVX_EXAMPLE_SOURCES)) {
+    for (const auto& file : std::filesystem::directory_iterator(paths::kExampleSources)) {
         if (file.path().extension() == ".cpp") {
             std::ifstream stream(file.path());
             EXPECT_LE(std::count(std::istreambuf_iterator<char>(stream), {}, '\n'), 60) << file;

@@ -6,6 +6,7 @@
 #include "ChildProcess.h"
 #include "Folder.h"
 #include "IntegrationTest.h"
+#include "Paths.h"
 
 #include <orvx/utility/OrvFoundationException.h>
 
@@ -28,7 +29,7 @@ using ::testing::Values;
 class TlsRegistry {
   public:
     explicit TlsRegistry(const std::string& fault = "None")
-        : process_("/usr/bin/env", {"python3", ORVX_TLS_REGISTRY, folder_.path(), fault}) {
+        : process_("/usr/bin/env", {"python3", paths::kTlsRegistry, folder_.path(), fault}) {
         const std::string& output = process_.awaitOutput(".");
         port_ = static_cast<std::uint16_t>(std::stoi(output.substr(std::string("port ").size())));
     }

@@ -1,5 +1,6 @@
-// Apart, since the path of the program differs from one build folder to the next.
 #include "RegistryProcess.h"
+
+#include "Paths.h"
 
 #include <fstream>
 #include <stdexcept>
@@ -11,7 +12,7 @@ RegistryProcess::RegistryProcess(std::vector<std::string> arguments)
     : ChildProcess(path(), std::move(arguments)) {}
 
 std::string RegistryProcess::path() {
-    return ORVX_REGISTRY_PROGRAM;
+    return paths::kRegistryProgram;
 }
 
 long RegistryProcess::residentKilobytes() const {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Paths.h"
 #include "RawConnection.h"
 #include "RegistryProcess.h"
 #include "TemporaryFolder.h"
@@ -58,9 +59,9 @@ TEST(TheRegistryProgram, EndsCleanlyOnSigint) {
 // Otherwise the end would wait for the name servers, which may take minutes.
 TEST(TheRegistryProgram, EndsCleanlyWhileTheLookupOfAMemberHangs) {
     ChildProcess program(
-        "/usr/bin/env",
-        {"LD_PRELOAD=" ORVX_HANGING_LOOKUP, "ASAN_OPTIONS=verify_asan_link_order=0",
-         RegistryProcess::path(), "--port", "0", "--etcd", "http://hangs.test:2379"});
+        "/usr/bin/env", {"LD_PRELOAD=" + std::string(paths::kHangingLookup),
+                         "ASAN_OPTIONS=verify_asan_link_order=0", RegistryProcess::path(), "--port",
+                         "0", "--etcd", "http://hangs.test:2379"});
     program.awaitErrors("looking up hangs.test\n");
     program.signal(SIGTERM);
     EXPECT_TRUE(exitedWith(program.wait(), 0));
@@ -146,9 +147,10 @@ std::set<std::string> completions(std::vector<std::string> words) {
         COMP_CWORD=$(($# - 1))
         _orvx_registry
         printf '%s\n' "${COMPREPLY[@]}")";
-    words.insert(words.begin(),
-                 {"bash", "-c", script, ORVX_REGISTRY_SOURCES "/orvx-registry.bash-completion",
-                  "orvx-registry"});
+    words.insert(
+        words.begin(),
+        {"bash", "-c", script,
+         std::string(paths::kRegistrySources) + "/orvx-registry.bash-completion", "orvx-registry"});
     const auto result = ChildProcess("/usr/bin/env", words).wait();
     EXPECT_THAT(result.errors, IsEmpty());
     std::istringstream output(result.output);

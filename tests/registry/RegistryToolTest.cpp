@@ -20,6 +20,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Paths.h"
 #include "RegistryProcess.h"
 #include "RunningRegistry.h"
 #include "TemporaryFolder.h"
@@ -341,8 +342,9 @@ TEST_F(TheTool, HoldsAsManyEntriesAsItIsTold) {
 
 TEST(TheDocumentationOfTheTool, NamesEveryOption) {
     const std::string help = RegistryProcess({"--help"}).wait().output;
-    const std::string manual = contentOf(ORVX_REGISTRY_SOURCES "/orvx-registry.1");
-    const std::string page = contentOf(ORVX_REGISTRY_SOURCES "/../../docs/registry-tool.md");
+    const std::string manual = contentOf(std::string(paths::kRegistrySources) + "/orvx-registry.1");
+    const std::string page =
+        contentOf(std::string(paths::kRegistrySources) + "/../../docs/registry-tool.md");
     const std::regex option("  (--[a-z-]+) ");
     int count = 0;
     for (std::sregex_iterator at(help.begin(), help.end(), option); at != std::sregex_iterator();
