@@ -4,12 +4,13 @@
 
 namespace orvx::registry {
 
-/// The processor time of this thread for a call, in seconds. Other processes do not lengthen it.
+/// The processor time that the owner of the clock uses during a call, in seconds: this thread by
+/// default. Other processes do not lengthen it.
 template <typename Call>
-double processorSeconds(const Call& call) {
-    const auto now = [] {
+double processorSeconds(const Call& call, clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
+    const auto now = [clock] {
         timespec time{};
-        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        ::clock_gettime(clock, &time);
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
     };
     const double begin = now();
