@@ -28,8 +28,8 @@ std::string outcomeOf(
     auto future = promise->get_future();
     operation(
         [promise](const OrvRegistrationResponse& outcome) { promise->set_value(text(outcome)); });
-    if (future.wait_for(10s) != std::future_status::ready) {
-        throw std::runtime_error("no outcome for ten seconds");
+    if (future.wait_for(30s) != std::future_status::ready) {
+        throw std::runtime_error("no outcome for thirty seconds");
     }
     return future.get();
 }

@@ -58,8 +58,8 @@ pid_t spawn(std::vector<std::string> arguments, const std::array<int, 3>& files)
 /// False at the end.
 bool readMore(int pipe, std::string& text) {
     pollfd polled{pipe, POLLIN, 0};
-    if (::poll(&polled, 1, 10'000) != 1) {
-        throw std::runtime_error("the program was silent for ten seconds after: " + text);
+    if (::poll(&polled, 1, 30'000) != 1) {
+        throw std::runtime_error("the program was silent for thirty seconds after: " + text);
     }
     std::array<char, 4096> bytes;
     const auto size = ::read(pipe, bytes.data(), bytes.size());

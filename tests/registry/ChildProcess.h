@@ -7,7 +7,7 @@
 
 namespace orvx::registry {
 
-/// A program as a child process. All that waits throws a std::runtime_error after ten seconds in
+/// A program as a child process. All that waits throws a std::runtime_error after thirty seconds in
 /// which the program says nothing. A child that still runs at the end is killed.
 ///
 /// Thread-safety: none.

@@ -82,7 +82,7 @@ class Watcher {
     /// All changes up to that one.
     std::vector<std::string> until(const std::string& last) {
         std::vector<std::string> changes;
-        const auto deadline = Clock::now() + 10s;  // comments keep the stream alive
+        const auto deadline = Clock::now() + 30s;  // comments keep the stream alive
         while (changes.empty() || changes.back() != last) {
             if (Clock::now() > deadline) {
                 throw std::runtime_error("the change \"" + last + "\" did not come");

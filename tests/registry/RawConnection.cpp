@@ -86,8 +86,8 @@ bool RawConnection::endsWithin(std::chrono::milliseconds longest) const {
 
 void RawConnection::await(short events) {
     pollfd polled{socket_, events, 0};
-    if (::poll(&polled, 1, 10'000) != 1) {
-        throw std::runtime_error("nothing happened on a connection for ten seconds");
+    if (::poll(&polled, 1, 30'000) != 1) {
+        throw std::runtime_error("nothing happened on a connection for thirty seconds");
     }
 }
 
@@ -119,8 +119,8 @@ RawListener::~RawListener() {
 
 RawConnection RawListener::accept() const {
     pollfd polled{socket_, POLLIN, 0};
-    if (::poll(&polled, 1, 10'000) != 1) {
-        throw std::runtime_error("nobody connected within ten seconds");
+    if (::poll(&polled, 1, 30'000) != 1) {
+        throw std::runtime_error("nobody connected within thirty seconds");
     }
     const int accepted = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
     check(accepted >= 0, "accept");

@@ -42,9 +42,15 @@ class Replica {
         connection.send(makeRequest(method, target));
         return connection.receive(method == "HEAD").result_int();
     }
-    /// The target of the entry.
+    /// The target of the entry. A 503, because etcd did not answer in time, is followed by another
+    /// PUT.
     std::string put(const std::string& path, const std::string& body = "{}") const {
-        return std::string(ask("PUT", path, body)[boost::beast::http::field::location]);
+        TestConnection::Response response;
+        await([&] {
+            response = ask("PUT", path, body);
+            return response.result() != boost::beast::http::status::service_unavailable;
+        });
+        return std::string(response[boost::beast::http::field::location]);
     }
     std::vector<std::string> paths(const std::string& query = {}) const {
         std::vector<std::string> paths;

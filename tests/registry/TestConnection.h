@@ -7,7 +7,7 @@
 namespace orvx::registry {
 
 /// A connection to a registry, in plain text or over TLS. Each wait throws a std::runtime_error
-/// after ten seconds.
+/// after thirty seconds.
 ///
 /// Thread-safety: none.
 class TestConnection {

@@ -95,7 +95,7 @@ TEST(AWatcher, IsToldAtOnceWhatIsPutAndWithdrawn) {
 
 TEST(AWatcher, IsToldOfChecksAndOfWhatExpiresWhileNobodyAsks) {
     RegistryOptions options;
-    options.ttl = 1s;
+    options.ttl = 3s;
     const RunningRegistry registry(options);
     Watcher watcher(registry.port());
     {

@@ -6,9 +6,10 @@
 
 namespace orvx::testing {
 
-/// Polls a condition that no event signals. Returns false if it does not hold within ten seconds.
+/// Polls a condition that no event signals. Returns false if it does not hold within thirty
+/// seconds.
 inline bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
