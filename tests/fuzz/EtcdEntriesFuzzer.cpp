@@ -43,8 +43,8 @@ void readAll(const json& answer) {
             requireEntry(change.entry);
         }
     }
-    const EtcdEntries::Place place = entries().placeIn(answer);
-    require(place.uuid.empty() || isUuid(place.uuid), "a place has a uuid or none");
+    const EtcdEntries::PathState state = entries().pathStateIn(answer);
+    require(state.uuid.empty() || isUuid(state.uuid), "a place has a uuid or none");
     EtcdEntries::revisionOf(answer);
     EtcdEntries::clusterOf(answer);
     EtcdEntries::hasSucceeded(answer);

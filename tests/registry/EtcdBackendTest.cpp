@@ -570,7 +570,7 @@ TEST_F(AReplica, RenewsWhatIsCheckedAtOthers) {
     put(1);
     put(2);
     etcd_.setScript("kv/put", [this](const json&, const Step& carryOut) {
-        etcd_.ask("kv/put", entries_.tellChecks("other", {uuidOf(1)}));
+        etcd_.ask("kv/put", entries_.putChecks("other", {uuidOf(1)}));
         return carryOut();
     });
     Replica replica(members(1), kShortTtl);
@@ -703,7 +703,7 @@ TEST_F(AReplica, LetsExpireNothingOnceAnotherOneHasToldOfChecks) {
     etcd_.setScript("kv/txn", [&, isFirst = std::make_shared<std::atomic<bool>>(true)](
                                   const json&, const Step& carryOut) {
         if (isFirst->exchange(false)) {
-            etcd_.ask("kv/put", entries_.tellChecks("other", all));
+            etcd_.ask("kv/put", entries_.putChecks("other", all));
         }
         return carryOut();
     });

@@ -74,8 +74,8 @@ TEST_F(ATransactionOfEtcd, ThatCreatesFailsOnceThePathHasAnEntryAndTellsWhich) {
     ASSERT_TRUE(put(lamp(), 0));
     const auto created = revision();
     EXPECT_FALSE(put(lamp("00000000-0000-4000-8000-000000000002"), 0));
-    EXPECT_EQ(entries_.placeIn(answer_).uuid, kUuid);
-    EXPECT_EQ(entries_.placeIn(answer_).revision, created);
+    EXPECT_EQ(entries_.pathStateIn(answer_).uuid, kUuid);
+    EXPECT_EQ(entries_.pathStateIn(answer_).revision, created);
 }
 
 TEST_F(ATransactionOfEtcd, ThatCreatesDoesNothingWhenItArrivesAfterTheRemoval) {
@@ -84,9 +84,9 @@ TEST_F(ATransactionOfEtcd, ThatCreatesDoesNothingWhenItArrivesAfterTheRemoval) {
     const auto removed = revision();
     EXPECT_FALSE(put(lamp(), 0));
     EXPECT_THAT(list(), IsEmpty());
-    EXPECT_EQ(entries_.placeIn(answer_).uuid, "");
-    EXPECT_TRUE(put(lamp(), entries_.placeIn(answer_).revision));
-    EXPECT_EQ(entries_.placeIn(answer_).revision, 0U);
+    EXPECT_EQ(entries_.pathStateIn(answer_).uuid, "");
+    EXPECT_TRUE(put(lamp(), entries_.pathStateIn(answer_).revision));
+    EXPECT_EQ(entries_.pathStateIn(answer_).revision, 0U);
     EXPECT_GT(revision(), removed);
 }
 
@@ -116,10 +116,10 @@ TEST_F(ATransactionOfEtcd, ThatExpiresDoesNothingWhenChecksWereToldMeanwhile) {
     Entry entry = lamp();
     ASSERT_TRUE(put(entry, 0));
     entry.etcdRevision = revision();
-    const auto told = EtcdEntries::revisionOf(ask("kv/put", entries_.tellChecks("a", {})));
+    const auto told = EtcdEntries::revisionOf(ask("kv/put", entries_.putChecks("a", {})));
     const auto lease = EtcdEntries::leaseIn(ask("lease/grant", EtcdEntries::grantLease()));
     const json expire = entries_.remove({entry}, lease, told);
-    const auto later = EtcdEntries::revisionOf(ask("kv/put", entries_.tellChecks("a", {kUuid})));
+    const auto later = EtcdEntries::revisionOf(ask("kv/put", entries_.putChecks("a", {kUuid})));
     EXPECT_FALSE(EtcdEntries::hasSucceeded(ask("kv/txn", expire)));
     EXPECT_TRUE(EtcdEntries::hasSucceeded(ask("kv/txn", entries_.remove({entry}, lease, later))));
 }

@@ -23,10 +23,10 @@ class AFault : public ::testing::Test {
   protected:
     void set(const std::string& text) { faults_.set(parseFaults(text, now_)); }
 
-    unsigned status(verb method) { return faults_.meet(method, store_).status; }
+    unsigned status(verb method) { return faults_.apply(method, store_).status; }
 
     std::size_t entriesAfter(std::optional<verb> method) {
-        faults_.meet(method, store_);
+        faults_.apply(method, store_);
         return store_.entries().size();
     }
 
@@ -80,10 +80,10 @@ TEST_F(AFault, MeetsARequestTogetherWithOthers) {
     set("{\"fault\":\"delay\",\"milliseconds\":200}\n{\"fault\":\"delay\",\"milliseconds\":50}\n"
         "{\"fault\":\"status\",\"status\":500}\n{\"fault\":\"status\",\"status\":404}\n"
         "{\"fault\":\"reset\"}\n");
-    const Fate fate = faults_.meet(verb::head, store_);
-    EXPECT_EQ(fate.delay, 250ms);
-    EXPECT_EQ(fate.status, 404U);
-    EXPECT_TRUE(fate.reset);
+    const FaultEffect effect = faults_.apply(verb::head, store_);
+    EXPECT_EQ(effect.delay, 250ms);
+    EXPECT_EQ(effect.status, 404U);
+    EXPECT_TRUE(effect.reset);
 }
 
 TEST_F(AFault, ForgetsAllEntriesOnce) {

@@ -22,7 +22,7 @@ namespace {
 constexpr milliseconds kLongestInterval = std::chrono::hours(1);
 
 std::string environment(const char* name) {
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets one
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): no thread sets one
     return value == nullptr ? "" : value;
 }
 

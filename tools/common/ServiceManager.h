@@ -6,7 +6,8 @@
 namespace orvx::tools {
 
 /// Sends the datagrams of sd_notify(3) to the service manager that started the program. Does
-/// nothing if there is none. Thread-safety: none, but several threads may call notify().
+/// nothing if the program was not started by one. Thread-safety: none, except that several threads
+/// may call notify().
 class ServiceManager {
   public:
     /// Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID.
@@ -15,11 +16,11 @@ class ServiceManager {
     ServiceManager(const ServiceManager&) = delete;
     ServiceManager& operator=(const ServiceManager&) = delete;
 
-    /// Whether there is one.
+    /// Whether a service manager started the program.
     bool isThere() const { return socket_ >= 0; }
     /// Sends assignments such as "READY=1", separated by line feeds.
     void notify(const std::string& state) const;
-    /// Sends the text that the service manager shows to users, if it has changed.
+    /// Sends the text that the service manager shows to users, unless it equals the last one.
     void notifyStatus(const std::string& text);
     /// The interval at which to send "WATCHDOG=1": a third of the watchdog's timeout, so that a
     /// delayed notification still arrives in time. Zero: there is no watchdog.

@@ -7,11 +7,11 @@
 
 namespace orvx::registry {
 
-/// A steady clock that counts only the time in which the process is awake. Between two looks it
-/// advances by `longestGap` at most: a process that looks more often was stopped, or held up, for
-/// the rest of a longer time.
+/// A steady clock that counts only the time in which the process is awake. Between two calls it
+/// advances by at most `longestGap`. In a process that calls it more often, the rest of a longer
+/// gap is time in which the process was stopped or blocked.
 ///
-/// Thread-safety: none; one thread at a time. A copy is a clock of its own.
+/// Thread-safety: none; one thread at a time. A copy advances independently.
 class AwakeClock {
   public:
     using Time = std::chrono::steady_clock::time_point;
@@ -21,7 +21,7 @@ class AwakeClock {
                         std::function<Time()> clock = std::chrono::steady_clock::now)
         : longestGap_(longestGap), clock_(std::move(clock)) {}
 
-    /// The time at this look.
+    /// Advances the clock and returns its time.
     Time operator()() {
         const Time seen = clock_();
         time_ += std::min(seen - seen_, longestGap_);

@@ -1,5 +1,5 @@
-// Base64 by OpenSSL, whose decoder alone would accept spaces and count the padding as bytes.
-// Entered by any thread; there is no state and no lock.
+// Base64 by OpenSSL. The text is checked first, because OpenSSL's decoder accepts spaces and counts
+// padding as bytes. Entered by any thread; there is no state and no lock.
 
 #include "Base64.h"
 
@@ -8,7 +8,7 @@
 namespace orvx::registry {
 
 std::string encode64(std::string_view bytes) {
-    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // and the zero that OpenSSL writes
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // OpenSSL also writes a NUL
     const int size = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
                                      reinterpret_cast<const unsigned char*>(bytes.data()),
                                      static_cast<int>(bytes.size()));

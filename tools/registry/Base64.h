@@ -6,10 +6,11 @@
 
 namespace orvx::registry {
 
-/// Base64 with padding and without line breaks (RFC 4648, section 4), as JSON holds bytes.
+/// Encodes bytes in base64 with padding and without line breaks (RFC 4648, section 4).
 std::string encode64(std::string_view bytes);
 
-/// Empty for a text that is not base64 of that form.
+/// Decodes a text of that form. Returns nothing for any other text, such as one with spaces or
+/// without padding.
 std::optional<std::string> decode64(std::string_view text);
 
 }  // namespace orvx::registry

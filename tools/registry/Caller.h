@@ -16,11 +16,11 @@ struct Peer {
     std::string certificate{};  ///< the subject of its certificate, which was verified; or empty
 };
 
-/// Who makes a request.
+/// The client that sends a request.
 struct Caller {
-    std::string name{};  ///< of the token, or of the certificate; empty: nobody says
+    std::string name{};  ///< of the token or the certificate; empty if the request has neither
     std::string address{};
-    std::shared_ptr<const Token> token{};  ///< null: none is needed
+    std::shared_ptr<const Token> token{};  ///< null if the registry needs no tokens
 
     Owner owner() const { return token ? token->owner() : Owner{}; }
     bool mayRead() const { return !token || token->mayRead; }

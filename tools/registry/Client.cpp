@@ -1,5 +1,5 @@
-// A blocking client. Each step has a time limit; an exception says what failed.
-// Entered by the thread that asks; there is no other one and no lock.
+// A blocking client. Each step but the name lookup has a time limit.
+// Runs on the caller's thread only; there is no lock.
 
 #include "Client.h"
 
@@ -28,7 +28,7 @@ namespace {
 
 constexpr std::chrono::seconds kTimeout{10};
 
-/// Calls `take` with each whole event and takes it out of the text.
+/// Calls `take` with each complete event, and removes it from the text.
 void takeEvents(std::string& text, std::string& lastId,
                 const std::function<void(std::string_view, std::string_view)>& take) {
     for (auto end = text.find("\n\n"); end != std::string::npos; end = text.find("\n\n")) {

@@ -18,28 +18,30 @@
 
 namespace orvx::registry {
 
-/// How a registry is reached.
+/// The address of a registry, and the credentials and files of TLS for it.
 struct ClientOptions {
     std::string url = "http://127.0.0.1:8500";  ///< or https://
-    std::string tokenFile{};                    ///< with the token; empty: none is shown
+    std::string tokenFile{};                    ///< with the token; empty: no token is sent
     std::string authority{};                    ///< file; empty: the system's authorities
-    TlsFiles own{};                             ///< the certificate that is shown, and its key
+    TlsFiles own{};                             ///< the client's certificate and its key
 };
 
-/// Asks a registry, one request after the other over one connection. Everything blocks, and throws
-/// a std::runtime_error that says what failed when ten seconds bring nothing.
+/// Sends requests to a registry, one after the other over one connection. All functions block. They
+/// throw a std::runtime_error that says what failed, also when a step takes more than ten seconds.
+/// The steps are: connect, the handshake, send the request, and read the answer, or one piece of a
+/// stream. The look-up of the registry's name has no limit of its own.
 ///
 /// Thread-safety: none.
 class Client {
   public:
-    /// Throws a FileError, or a std::runtime_error for a url that is none.
+    /// Throws a FileError, or a std::runtime_error for an invalid URL.
     explicit Client(const ClientOptions& options);
 
     Response ask(boost::beast::http::verb method, const std::string& target);
 
-    /// Follows the stream of changes at `target` until the connection ends. `lastId`: of the last
-    /// event that is known; is kept up to date. `take` is called with name and data of each event.
-    /// What the registry answers if it is no stream is returned.
+    /// Follows the stream of changes at `target` until the connection ends. `lastId`: the id of the
+    /// last known event; updated with each event. `take` is called with the name and the data of
+    /// each event. Returns the registry's answer if it is not a stream.
     std::optional<Response> watch(
         const std::string& target, std::string& lastId,
         const std::function<void(std::string_view, std::string_view)>& take);
@@ -51,7 +53,7 @@ class Client {
     void shakeHands();
     void send(boost::beast::http::verb method, const std::string& target,
               const std::string& lastId = {});
-    /// Starts something that calls the handler it is given when it is done, and waits for it.
+    /// Starts an asynchronous operation, waits until it calls the handler, and returns its error.
     template <typename Start>
     Error await(Start&& start);
     void require(Error error) const;

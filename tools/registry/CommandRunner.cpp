@@ -1,7 +1,7 @@
-// Starts the command and waits for it. The command is forked, not spawned, because it asks for the
-// signal at its parent's end itself.
-// submit() is entered by the thread that reads the stream, work() is the runner's own thread. The
-// lock guards the next text and the running process; it is not held while the command runs.
+// Starts the command and waits for it. fork() is used and not posix_spawn(), because the child
+// itself must request the signal that it gets when its parent ends.
+// submit() is called by the thread that reads the stream; work() runs on the runner's own thread.
+// The lock guards the next text and the running process; it is not held while the command runs.
 
 #include "CommandRunner.h"
 
@@ -22,7 +22,7 @@ namespace orvx::registry {
 
 namespace {
 
-// As shells do.
+// The exit statuses that shells use.
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
@@ -30,7 +30,7 @@ constexpr int kNotFound = 127;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// A file in memory with that text, to be read from its beginning.
+/// A file in memory that contains a text. Its offset is at the start.
 class MemoryFile {
   public:
     explicit MemoryFile(const std::string& text) : file_(::memfd_create("list", MFD_CLOEXEC)) {
@@ -65,7 +65,7 @@ class MemoryFile {
     int file_;
 };
 
-/// In the forked child, where only async-signal-safe functions may be called.
+/// Runs in the forked child, where only async-signal-safe functions may be called.
 [[noreturn]] void execute(char* const* arguments, int input, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent) {
@@ -157,7 +157,7 @@ pid_t CommandRunner::start(const std::string& text) {
         arguments.push_back(argument.data());
     }
     arguments.push_back(nullptr);
-    const utility::MutexLock lock(mutex_);  // the destructor ends what is forked
+    const utility::MutexLock lock(mutex_);  // so that the destructor knows the new process
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ == 0) {

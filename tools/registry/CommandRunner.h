@@ -10,12 +10,12 @@
 
 namespace orvx::registry {
 
-/// Runs a command with a text on its stdin, each time the text changes: one run at a time, and one
-/// further run for all changes during a run. A run that fails is reported on stderr; the command
-/// runs again with the next change, or after a pause that grows from a second to a minute.
+/// Runs a command with a text on its stdin each time the text changes. There is one run at a time;
+/// all changes during a run cause one further run. A run that fails is reported on stderr; the
+/// command runs again with the next change, or after a pause that grows from a second to a minute.
 ///
-/// The text is a file in memory: a command need not read it. The command inherits stdout, stderr
-/// and no other descriptor. It gets SIGTERM when this process ends.
+/// The stdin is a file in memory, so a command need not read it. The command inherits stdout and
+/// stderr, but no other descriptor. It gets SIGTERM when this process ends.
 ///
 /// Thread-safety: one thread may call. The runs take place on a thread of its own.
 class CommandRunner {
@@ -27,7 +27,7 @@ class CommandRunner {
     CommandRunner(const CommandRunner&) = delete;
     CommandRunner& operator=(const CommandRunner&) = delete;
 
-    /// Returns at once. Does nothing if `text` equals the one before.
+    /// Returns at once. Does nothing if `text` equals the previous text.
     void submit(const std::string& text);
 
   private:
@@ -43,7 +43,7 @@ class CommandRunner {
     std::string text_ ORVX_GUARDED_BY(mutex_);
     bool isNew_ ORVX_GUARDED_BY(mutex_) = false;
     bool stops_ ORVX_GUARDED_BY(mutex_) = false;
-    pid_t pid_ ORVX_GUARDED_BY(mutex_) = 0;  // not reaped yet; 0: none runs
+    pid_t pid_ ORVX_GUARDED_BY(mutex_) = 0;  // of the process that is not reaped yet; 0: none
     std::thread thread_;                     // last: it uses all of the above
 };
 

@@ -1,6 +1,6 @@
-// The commands that ask a registry: their options, and what they print. What comes from a registry
-// is printed in JSON's ASCII, so that it cannot steer a terminal.
-// Entered by the main thread; a CommandRunner has a thread of its own. There is no lock.
+// The commands that send requests to a registry: their options and their output. Texts from a
+// registry are printed as ASCII JSON, so that they cannot control a terminal.
+// Runs on the main thread; a CommandRunner has a thread of its own. There is no lock.
 
 #include "Commands.h"
 
@@ -53,7 +53,8 @@ std::string ascii(const json& value) {
     return value.dump(-1, ' ', true, json::error_handler_t::replace);
 }
 
-/// Throws a std::runtime_error without a byte of the text, which nlohmann's exception would show.
+/// Throws a std::runtime_error that contains no byte of the text; nlohmann's exception would
+/// contain some.
 json parse(std::string_view text) {
     json value = parseJson(text);
     if (value.is_discarded()) {
@@ -62,14 +63,14 @@ json parse(std::string_view text) {
     return value;
 }
 
-/// Throws a std::runtime_error when what was printed so far cannot be written.
+/// Throws a std::runtime_error if the output so far cannot be written.
 void flushOutput() {
     if (!std::cout.flush()) {
         throw std::runtime_error("stdout cannot be written");
     }
 }
 
-std::string word(const json& object, const char* field) {
+std::string fieldText(const json& object, const char* field) {
     const auto value = object.find(field);
     if (value == object.end() || value->is_null()) {
         return "-";
@@ -83,8 +84,9 @@ std::string lineOf(const json& entry) {
     const json& service = entry.at("service");
     const json empty = json::object();
     const json& fields = service.is_object() ? service : empty;
-    return word(entry, "uuid") + "  " + word(fields, "host") + ':' + word(fields, "port") + "  " +
-           word(entry, "path") + "  " + word(fields, "name");
+    return fieldText(entry, "uuid") + "  " + fieldText(fields, "host") + ':' +
+           fieldText(fields, "port") + "  " + fieldText(entry, "path") + "  " +
+           fieldText(fields, "name");
 }
 
 std::string escaped(const std::string& text) {
@@ -139,12 +141,13 @@ int list(const Arguments& arguments) {
     return 0;
 }
 
-/// Asks for each uuid; those that are not there are said, and make the exit status 1.
-int forEach(const Arguments& arguments, http::verb method) {
+/// Sends a request for each uuid. A uuid without an entry is reported on stderr, and the exit
+/// status is then 1.
+int requestEach(const Arguments& arguments, http::verb method) {
     Client client(arguments.client);
     int status = 0;
     for (const std::string& uuid : arguments.uuids) {
-        // Without a uuid the target would be the list.
+        // With an empty uuid the target would be the list.
         const Response response = uuid.empty() ? Response(http::status::not_found, 11)
                                                : client.ask(method, '/' + escaped(uuid));
         if (response.result() == http::status::not_found) {
@@ -170,16 +173,16 @@ void printEvent(std::string_view name, std::string_view data, bool asJson) {
     } else if (name == "put") {
         std::cout << "put      " << lineOf(value) << '\n';
     } else if (name == "removed") {
-        std::cout << "removed  " << word(value, "uuid") << '\n';
+        std::cout << "removed  " << fieldText(value, "uuid") << '\n';
     }
     flushOutput();
 }
 
 using TakeEvent = std::function<void(std::string_view name, std::string_view data)>;
 
-/// Follows the stream, and connects again by itself: after a second if the registry cannot be
-/// reached, after a growing pause if it refuses. Throws what fails before the first event, and what
-/// `take` throws when stdout has failed.
+/// Follows the stream and reconnects automatically: after a second if the registry cannot be
+/// reached, after a growing pause if it refuses. Throws the failures before the first event, and
+/// the exceptions of `take` if stdout has failed.
 [[noreturn]] void follow(const ClientOptions& options, const std::string& target,
                          const TakeEvent& take) {
     std::string lastId;
@@ -189,13 +192,14 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
     for (;;) {
         std::chrono::seconds pause(1);
         try {
-            // Anew, so that replaced files of tokens and TLS are read.
+            // A new client reads the files of the token and of TLS again.
             const auto refusal = Client(options).watch(
                 target, lastId, [&](std::string_view name, std::string_view data) {
                     try {
                         take(name, data);
                     } catch (...) {
-                        lastId.clear();  // the event has no effect: the next stream must have it
+                        lastId
+                            .clear();  // the event had no effect, so the next stream must repeat it
                         throw;
                     }
                     hasBegun = true;
@@ -221,7 +225,7 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
     }
 }
 
-/// The pause that the registry asks for; 0: none.
+/// The pause that the registry requests; 0: none.
 std::chrono::seconds retryAfter(const Response& response) {
     const auto text = response[http::field::retry_after];
     std::uint32_t seconds = 0;
@@ -229,8 +233,8 @@ std::chrono::seconds retryAfter(const Response& response) {
     return std::chrono::seconds(seconds);
 }
 
-/// Fetches entries over one connection, which is made anew after a failure. Reports a failure on
-/// stderr unless the one before was the same.
+/// Fetches entries over one connection, and makes a new one after a failure. Reports a failure on
+/// stderr unless the previous failure was the same.
 class EntryFetcher {
   public:
     explicit EntryFetcher(const ClientOptions& options) : options_(options) {}
@@ -258,8 +262,8 @@ class EntryFetcher {
         }
     }
     void disconnect() { client_.reset(); }
-    /// The next failure is another one.
-    void reset() { reported_.clear(); }
+    /// Makes the next failure be reported even if it equals the last one.
+    void clearReported() { reported_.clear(); }
 
   private:
     const ClientOptions& options_;
@@ -267,7 +271,7 @@ class EntryFetcher {
     std::string reported_{};
 };
 
-/// Runs the command with the list of the entries that match, and again when that changes.
+/// Runs the command with the list of the matching entries, and again whenever the list changes.
 [[noreturn]] void execute(const Arguments& arguments) {
     const auto given = [](const std::string& value) {
         return value.empty() ? std::nullopt : std::optional(value);
@@ -282,10 +286,10 @@ class EntryFetcher {
             runner.submit(entries.text());
         }
         if (name == "state") {
-            fetcher.disconnect();  // every few seconds: the registry ends an idle connection
+            fetcher.disconnect();  // the registry would end the idle connection
         }
         if (!entries.isWaiting()) {
-            fetcher.reset();
+            fetcher.clearReported();
         }
     });
 }
@@ -294,14 +298,15 @@ class EntryFetcher {
     if (arguments.executes) {
         execute(arguments);
     }
-    // As JSON every event is printed; the lines are of what is put and removed.
+    // The JSON output has all events. The lines only show puts and removals, so they need no
+    // checks.
     follow(arguments.client, arguments.asJson ? "/-/watch" : kChanges,
            [&](std::string_view name, std::string_view data) {
                printEvent(name, data, arguments.asJson);
            });
 }
 
-/// Throws a std::runtime_error without a byte of the answer, like parse().
+/// Throws a std::runtime_error that contains no byte of the answer, like parse().
 template <typename Command>
 int runCommand(const Command& command) {
     try {
@@ -311,8 +316,8 @@ int runCommand(const Command& command) {
     }
 }
 
-/// A command takes all that follows its name; before it stand options only.
-void takeCommand(Arguments& arguments, const CLI::App& watched) {
+/// Everything after the command's name is its argument. Only options may precede the command.
+void setCommand(Arguments& arguments, const CLI::App& watched) {
     arguments.command = watched.remaining();
     const bool isCommand = !arguments.command.empty() && arguments.command[0].rfind('-', 0) != 0;
     if (arguments.executes && arguments.command.empty()) {
@@ -361,9 +366,9 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
     addFilters(*add("list", "Print the entries of a registry that runs", list));
     for (auto* const each :
          {add("get", "Print entries of a registry that runs",
-              [](const Arguments& given) { return forEach(given, http::verb::get); }),
+              [](const Arguments& given) { return requestEach(given, http::verb::get); }),
           add("rm", "Remove entries of a registry that runs",
-              [](const Arguments& given) { return forEach(given, http::verb::delete_); })}) {
+              [](const Arguments& given) { return requestEach(given, http::verb::delete_); })}) {
         each->add_option("uuid", arguments->uuids, "Names of the entries")->required();
     }
     CLI::App* const watched = add("watch", "Print what changes at a registry that runs", watch);
@@ -375,7 +380,7 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
     }
     watched->prefix_command();
     watched->callback([&run, arguments, watched] {
-        takeCommand(*arguments, *watched);
+        setCommand(*arguments, *watched);
         run = [arguments] { return runCommand([&] { return watch(*arguments); }); };
     });
     app.require_subcommand(0, 1);

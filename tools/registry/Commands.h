@@ -8,8 +8,8 @@ class App;
 
 namespace orvx::registry {
 
-/// Adds list, get, rm and watch, which ask a registry that runs. `run`: set to what the command
-/// does when it is the one that was given; that returns the exit status.
+/// Adds the commands list, get, rm and watch, which send requests to a running registry. `run`: set
+/// to the function of the command that the user gives; the function returns the exit status.
 void addCommands(CLI::App& app, std::function<int()>& run);
 
 }  // namespace orvx::registry

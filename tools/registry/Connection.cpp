@@ -1,5 +1,5 @@
 // A connection is a chain of asynchronous steps: handshake, first bytes, header, body, answer. A
-// request that the header alone refuses is answered before the body is read.
+// request that is refused by its header alone is answered before its body is read.
 // A step that fails and starts no other step ends the connection. A connection that watches the
 // entries repeats two other steps: send a piece, wait for changes.
 // Entered only by the thread that runs the server's io_context.
@@ -36,8 +36,8 @@ constexpr std::uint32_t kMaxHeader = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 constexpr std::string_view kRetry = "retry: 1000\n\n";
-// A watcher that is awake sends at most so often, one that sleeps looks for checks and what
-// expired.
+// The minimum time between two pieces for a watcher, and the time after which an idle watcher looks
+// for checks and expired entries.
 constexpr std::chrono::milliseconds kBetweenNews{50};
 constexpr std::chrono::seconds kLongestSleep{1};
 
@@ -128,7 +128,7 @@ void Connection::onHandshake(Error error) {
         return;
     }
     if (generation_ != shared_.generation) {
-        return;  // the certificate was verified with files that do not count any more
+        return;  // the certificate was verified with files that were replaced since
     }
     peer_.certificate = subjectOfPeer(*stream_.tls());
     awaitRequest();
@@ -140,7 +140,7 @@ void Connection::awaitRequest() {
     parser_->header_limit(kMaxHeader);
     parser_->body_limit(shared_.options.maxBody);
     if (buffer_.size() > 0) {
-        return readHeader();  // sent along with the request before
+        return readHeader();  // arrived together with the previous request
     }
     isIdle_ = true;
     stream_.tcp().expires_after(shared_.options.idleTimeout);
@@ -203,7 +203,7 @@ void Connection::onRequest(Error error, std::size_t) {
 
 void Connection::onReaction(Reaction reaction) {
     if (reaction.watch && generation_ != shared_.generation) {
-        return;  // the certificate may not count any more
+        return;  // the certificate may no longer be valid
     }
     record(parser_->get(), reaction.response, reaction.remark, !reaction.rest);
     parser_.reset();
@@ -266,7 +266,7 @@ void Connection::refuse(Error error) {
     static const Error kHttpError = http::error::bad_method;
     if (hasFailed(error) &&
         (error.category() != kHttpError.category() || error == http::error::end_of_stream)) {
-        return;  // gone, too slow, or closed by us
+        return;  // the client is gone or too slow, or the registry has closed the connection
     }
     auto status = http::status::bad_request;
     if (error == http::error::body_limit) {
@@ -282,7 +282,7 @@ void Connection::refuse(Error error) {
     respond(std::move(response));
 }
 
-/// By the header alone. What is left of the request is not read.
+/// Refuses a request by its header alone. The rest of the request is not read.
 void Connection::refuse(Response response) {
     response.keep_alive(parser_->is_done() && parser_->get().keep_alive());
     record(parser_->get(), response, {});
@@ -326,9 +326,9 @@ void Connection::sendEnd() {
     discardInput(error, 0);
 }
 
-// Closing while the client still sends would reset the connection, and take the answer with it. The
-// stream's time-out alone is for a client that is silent: it never comes between reads that
-// succeed.
+// Closing while the client still sends would reset the connection, and the client could lose the
+// answer. The stream's time-out only ends a pending read, so the clock is checked, too, for a
+// client that keeps sending.
 void Connection::discardInput(Error error, std::size_t) {
     if (!error && std::chrono::steady_clock::now() < farewell_) {
         buffer_.clear();
@@ -338,8 +338,8 @@ void Connection::discardInput(Error error, std::size_t) {
     }
 }
 
-// The length of the list is unknown: it is sent in chunks, or ends with the connection. A
-// connection that breaks off is reset, so that the kernel keeps no unsent bytes.
+// The length of the list is unknown: it is sent in chunks, or ends with the connection. If the list
+// cannot be completed, the connection is reset, so that the kernel keeps no unsent bytes.
 void Connection::beginList(Response response, const EntryWriter& rest) {
     Error error;
     auto& socket = stream_.tcp().socket();
@@ -355,7 +355,7 @@ void Connection::beginList(Response response, const EntryWriter& rest) {
     sendList(header.str());
 }
 
-/// A piece of a list as it is sent.
+/// A piece of a list, as a chunk if the response is chunked.
 std::string Connection::framed(const std::string& piece, bool isLast) const {
     if (!response_.chunked()) {
         return piece;
@@ -389,8 +389,9 @@ void Connection::onListSent(Error error, std::size_t) {
     piece ? sendList(framed(*piece, list_->isDone())) : reset();
 }
 
-// From here on nothing is read: a lost client is noticed when the next heartbeat is sent. The
-// stream has no regular end: the connection is reset, so that the kernel keeps no unsent bytes.
+// Nothing more is read from the connection: a lost client is noticed when the next heartbeat is
+// sent. The stream has no regular end: the connection is reset, so that the kernel keeps no unsent
+// bytes.
 void Connection::beginWatch(const Response& response, const Watch& watch) {
     buffer_.consume(buffer_.size());
     buffer_.shrink_to_fit();

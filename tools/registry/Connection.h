@@ -23,40 +23,42 @@
 
 namespace orvx::registry {
 
-/// One accepted connection: reads a request, answers it, and again, until a request is to watch the
-/// entries; from then on it only sends. It lives as long as something is under way, and needs
-/// memory for one request and its answer only, or for one piece of the list or of the stream.
+/// One accepted connection. It reads and answers one request after the other. After a request to
+/// watch the entries it only sends. It lives as long as an operation is pending. It needs memory
+/// for one request and its answer, or for one piece of the list or of the stream.
 ///
 /// Thread-safety: the thread that runs the socket's io_context only.
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    /// What all connections of a server work on. Outlives them.
+    /// The state that all connections of a server share. It must outlive them.
     struct Shared {
         const RegistryOptions options;
         Dispatcher dispatcher;
         std::optional<RequestLog> log;
-        /// For new connections; null: they are plain.
+        /// For new connections; null: they do not use TLS.
         std::unique_ptr<boost::asio::ssl::context> tls;
-        /// Those that are open, the one that was accepted or served longest ago first.
+        /// The open connections. The one that was accepted or served longest ago is the first.
         std::list<Connection*> connections;
-        /// Those that watch and have nothing to send.
+        /// The connections that watch the entries and have nothing to send.
         std::list<Connection*> idleWatchers{};
         std::uint64_t announcedRevision = 0;
-        /// How often files were read again. A connection that is older ends soon.
+        /// Counts how often the files were read again. A connection of an earlier generation ends
+        /// soon.
         std::uint64_t generation = 0;
 
         /// Called when the last connection has closed, if set.
         std::function<void()> onLastClosed{};
 
-        /// Does nothing when none is open.
+        /// Does nothing if no connection is open.
         void closeOldest();
 
-        /// After files were read again: ends those that watch or wait for a request at once, and
-        /// all others after their answer.
+        /// Called after the files were read again, and when the server stops. Connections that
+        /// watch or wait for a request end at once, all others after their answer.
         void endOldOnes();
 
-        /// After a request: what it has changed is sent to those that watch. Checks wait until the
-        /// watcher looks by itself.
+        /// Called after a request, and after changes at etcd. Wakes the idle watchers if an entry
+        /// was put or removed. Checks alone wake none: a watcher sends them when its own timer
+        /// expires.
         void wakeWatchers();
     };
 
@@ -66,7 +68,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Once: shakes hands, if there is TLS, and answers requests.
+    /// Performs the TLS handshake, if there is TLS, and answers requests. To be called once.
     void begin();
     void close();
 
@@ -74,7 +76,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     using Error = boost::beast::error_code;
 
     bool isOpen() const;
-    /// Whether a step has failed; counts that it took too long.
+    /// Returns whether a step has failed. Counts a step that took too long.
     bool hasFailed(Error error) const;
     void onHandshake(Error error);
     void awaitRequest();
@@ -116,7 +118,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Response response_;
     std::optional<EntryWriter> list_;
     std::optional<Watch> watch_;
-    RecentPieces::Piece piece_;  // that is being sent
+    RecentPieces::Piece piece_;  // the piece that is being sent
     boost::asio::steady_timer delay_;
     std::chrono::steady_clock::time_point farewell_;
 };

@@ -1,7 +1,7 @@
-// Expires entries, then passes a request to its handler. The page, the stream of changes, the
-// metrics, the targets and the control of the faults are not affected by faults; all other requests
-// belong to the protocol.
-// Entered by the thread that runs the server, or a test's, one at a time.
+// Expires entries, then passes a request to its handler. Faults affect only the requests of the
+// protocol. They do not affect the page, the stream of changes, the health and readiness, the
+// metrics, the targets and the control of the faults.
+// Runs on the server's thread, or a test's thread.
 // There is no lock.
 
 #include "Dispatcher.h"
@@ -23,14 +23,14 @@ namespace http = boost::beast::http;
 
 namespace {
 
-/// With a query or without, if `mayHaveQuery`.
+/// Whether the request is a GET or HEAD of the target. Ignores the query if `mayHaveQuery`.
 bool asksFor(const char* target, const Request& request, bool mayHaveQuery = false) {
     const auto asked = request.target();
     return (mayHaveQuery ? asked.substr(0, asked.find('?')) : asked) == target &&
            (request.method() == http::verb::get || request.method() == http::verb::head);
 }
 
-/// What follows the `?` of the target.
+/// The query of the target, without its `?`.
 std::string_view queryIn(const Request& request) {
     const auto target = request.target();
     const auto end = std::min(target.find('?'), target.size() - 1) + 1;
@@ -131,16 +131,16 @@ void Dispatcher::decide(const Request& request, const Caller& caller, const Hand
 }
 
 void Dispatcher::askForEntries(const Request& request, const Caller& caller, Handler done) {
-    const Fate fate = faults_.meet(request.method(), store_);
-    if (fate.reset) {
-        return done({std::nullopt, fate.delay});
+    const FaultEffect effect = faults_.apply(request.method(), store_);
+    if (effect.reset) {
+        return done({std::nullopt, effect.delay});
     }
-    if (fate.status != 0) {
+    if (effect.status != 0) {
         return done(
-            {failure(static_cast<http::status>(fate.status), "a fault on demand"), fate.delay});
+            {failure(static_cast<http::status>(effect.status), "a fault on demand"), effect.delay});
     }
     answer(*backend_, request, caller,
-           [this, caller, delay = fate.delay, done = std::move(done)](Answer answer) {
+           [this, caller, delay = effect.delay, done = std::move(done)](Answer answer) {
                if (audit_ && answer.change) {
                    audit_->write(answer.change->first, answer.change->second, &caller);
                }
@@ -209,7 +209,7 @@ RecentPieces::Piece Dispatcher::news(Watch& watch) {
 }
 
 void Dispatcher::forgetWhatIsDue() {
-    faults_.meet(std::nullopt, store_);
+    faults_.apply(std::nullopt, store_);
 }
 
 Response Dispatcher::control(const Request& request, const Caller& caller) {

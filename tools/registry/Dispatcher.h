@@ -17,24 +17,24 @@ namespace orvx::registry {
 
 /// The result of a request.
 struct Reaction {
-    std::optional<Response> response;  ///< empty: the connection is reset
+    std::optional<Response> response;  ///< none: the connection is reset
     std::chrono::milliseconds delay{0};
     std::string remark{};  ///< an additional field of the log line; may be empty
-    /// The events that follow the header of the response, without end.
+    /// The source of the events that follow the response's header.
     std::optional<Watch> watch{};
-    /// Writes the remainder of the response's body, whose length is unknown.
+    /// Writes the rest of the response's body, whose length is unknown.
     std::optional<EntryWriter> rest{};
 };
 
 /// Options of a dispatcher.
 struct DispatcherOptions {
-    bool admin = false;                   ///< whether /-/faults is there
-    std::uint32_t requestsPerSecond = 0;  ///< of one client address; 0: no limit
+    bool admin = false;                   ///< whether /-/faults is served
+    std::uint32_t requestsPerSecond = 0;  ///< from one client address; 0: no limit
     std::string audit{};                  ///< file for changes; `-`: stdout; empty: none
 };
 
-/// Gives each request to what answers it: the entries, the page, the stream of changes, the
-/// metrics, the faults and their control.
+/// Passes each request to the handler of its target: the entries, the page, the stream of changes,
+/// the health and readiness, the metrics, the targets for Prometheus, or the control of the faults.
 ///
 /// Thread-safety: none; one thread at a time.
 class Dispatcher {
@@ -42,36 +42,36 @@ class Dispatcher {
     /// Throws a FileError.
     Dispatcher(StoreOptions store, const DispatcherOptions& options);
 
-    /// In place of all others; counted from now. Throws as parseFaults().
+    /// Replaces all faults. Their times count from now. Throws like parseFaults().
     void setFaults(std::string_view text) { faults_.set(parseFaults(text, store_.now())); }
 
-    /// In place of those before; null: no token is needed.
+    /// Replaces the tokens; null: no token is needed.
     void setTokens(std::shared_ptr<const Tokens> tokens) { guard_.setTokens(std::move(tokens)); }
 
-    /// The refusal of a request of which only the header is known, or nothing: then react() is to
-    /// be called with `caller`, which is set here.
+    /// Checks a request of which only the header is known. Returns the refusal; nothing if the
+    /// request may be carried out. Sets `caller`, which is then passed to react().
     std::optional<Response> refuse(const Request& header, const Peer& peer, Caller& caller);
 
-    /// Whether that address may make one more connection, if that costs as much as a request.
+    /// Counts a connection as one request of the address. Returns whether it may be made.
     bool admitsConnection(const boost::asio::ip::address& address) {
         return guard_.admitsConnection(address, store_.now());
     }
 
-    /// `done`: called once, from inside the call or later, as the backend does. The dispatcher has
-    /// to exist until then, the arguments need not.
+    /// `done`: called once, from inside the call or later, as the backend does. The dispatcher must
+    /// exist until then; the arguments need not.
     void react(const Request& request, const Caller& caller, std::function<void(Reaction)> done);
 
-    /// Changes and finds the entries from now on, in place of the store itself. It fills the
-    /// store, and outlives the requests to the dispatcher.
+    /// Uses `backend` from now on to change and find entries, in place of the store itself. The
+    /// backend fills the store, and must outlive the requests to the dispatcher.
     void setBackend(EntryBackend& backend) { backend_ = &backend; }
 
-    /// A line in the audit log about what is no change of an entry.
+    /// Writes a line to the audit log about an event that changes no entry.
     void audit(std::string_view what, const Caller* caller);
 
     Metrics& counts() { return metrics_; }
 
-    /// What a watch has to tell, after what is due has happened to the entries. Says on stderr when
-    /// the store's file fails.
+    /// Applies due expiries and faults, and returns the next events of a watch. Reports on stderr
+    /// when the store's file fails.
     RecentPieces::Piece news(Watch& watch);
 
     const EntryStore& store() const { return store_; }

@@ -1,4 +1,4 @@
-# Writes OUTPUT, a source file with the page's three texts from the folder SOURCE.
+# Writes the source file OUTPUT, which contains the page's three files from the folder SOURCE.
 set(text "#include \"Page.h\"\n\nnamespace orvx::registry::asset {\n")
 foreach(name Html Css Js)
   string(TOLOWER ${name} suffix)

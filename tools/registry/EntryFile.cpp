@@ -1,7 +1,7 @@
-// One table of one SQLite database. Its write-ahead log makes a change one append to a file, and
-// keeps it when the process is killed; a machine that loses power may forget the last changes.
-// Entered by whichever thread owns the entries, one at a time.
-// There is no lock but SQLite's on the file, which keeps other processes out.
+// One table of one SQLite database. With the write-ahead log a change is one append to a file, and
+// survives a kill of the process. A power failure may lose the last changes. Runs on the thread
+// that owns the entries.
+// The only lock is SQLite's lock of the file, which excludes other processes.
 
 #include "EntryFile.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::int64_t kApplication = 0x4F525652;
 
-/// What SQLite reports becomes an error that names the file.
+/// Turns the errors of SQLite and of damaged entries into a FileError that names the file.
 template <typename Action>
 auto naming(const std::string& path, Action&& action) {
     try {
@@ -53,14 +53,14 @@ EntryFile::EntryFile(const std::string& path)
         requireOurs();
         database_.run("PRAGMA journal_mode = WAL");
         database_.run("PRAGMA synchronous = NORMAL");
-        sqlite::Transaction creation(database_);  // takes the lock for as long as the file is open
-        if (isEmpty(database_)) {  // otherwise nothing is written: the disk may be full
+        sqlite::Transaction creation(database_);  // locks the file as long as it is open
+        if (isEmpty(database_)) {  // an existing store is not written: the disk may be full
             database_.run("PRAGMA application_id = " + std::to_string(kApplication));
             database_.run(
                 "CREATE TABLE entries (position INTEGER PRIMARY KEY, uuid TEXT NOT NULL UNIQUE, "
                 "path BLOB NOT NULL UNIQUE, service TEXT NOT NULL, created INTEGER NOT NULL, "
                 "owner TEXT NOT NULL DEFAULT '')");
-        } else if (!hasOwners(database_)) {  // made before there were tokens
+        } else if (!hasOwners(database_)) {  // a store of a version without tokens
             database_.run("ALTER TABLE entries ADD COLUMN owner TEXT NOT NULL DEFAULT ''");
         }
         creation.commit();

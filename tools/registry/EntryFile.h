@@ -9,16 +9,16 @@
 
 namespace orvx::registry {
 
-/// Entries in a file. A change that returned is there after the process was killed at any moment;
-/// one that threw a FileError did not take place. Checks are not kept.
+/// Keeps entries in a file. A change that has returned survives a kill of the process at any later
+/// time. A change that threw a FileError did not take place. Checks are not stored.
 ///
 /// Thread-safety: none. One process at a time: the file is locked.
 class EntryFile {
   public:
-    /// Throws a FileError when the file is in use, damaged or something else.
+    /// Throws a FileError if the file is in use, damaged, or of another program.
     explicit EntryFile(const std::string& path);
 
-    /// In the order of their creation.
+    /// Returns the entries in the order of their creation.
     std::vector<Entry> load();
 
     void add(const Entry& entry);

@@ -1,6 +1,7 @@
-// The entries in a list, in the order of their creation, with an index for each way to find one.
-// The indexes by revision grow at their end only, which takes constant time.
-// Entered by whichever thread its owner uses, one at a time: the server's own, or a test's.
+// The entries are a list in the order of their creation, with an index for each kind of search. The
+// indexes by revision grow only at their end, where an insertion takes constant time; a removal
+// takes logarithmic time.
+// Runs on the thread that owns the store: the server's, or a test's.
 // There is no lock.
 
 #include "EntryStore.h"
@@ -18,26 +19,26 @@ namespace orvx::registry {
 namespace {
 
 constexpr const char* kNoAddress = "?:?";
-constexpr std::size_t kLongestHost = 300;  // longer than a name in the DNS can be
-constexpr std::size_t kLongestText = 200;  // of a summary
+constexpr std::size_t kLongestHost = 300;  // longer than any name in the DNS
+constexpr std::size_t kLongestText = 200;  // in a summary
 
 std::uint64_t bytesOf(const Entry& entry) {
     return entry.path.size() + entry.service.size();
 }
 
-/// Once for each put, since many readers of the stream may show the same entry.
+/// Called once for each put, since many readers of the stream may get the same summary.
 void summarize(Entry& entry) {
     entry.summary = isLong(entry) ? summaryOf(entry.service) : std::string();
 }
 
-/// The entry that is first after a revision, in an index by revision.
+/// The first entry after a revision in an index by revision.
 template <typename Index>
 const Entry* next(const Index& index, std::uint64_t after) {
     const auto found = index.upper_bound(after);
     return found == index.end() ? nullptr : &*found->second;
 }
 
-/// The entry of an index by revision becomes its last one.
+/// Makes an entry the last one of an index by revision.
 template <typename Index, typename Position>
 void moveToEnd(Index& index, std::uint64_t& revision, std::uint64_t last, Position entry) {
     index.erase(revision);
@@ -52,7 +53,7 @@ std::string serialize(const nlohmann::json& service) {
 }
 
 bool isLong(const Entry& entry) {
-    // Each byte of a path that is not UTF-8 becomes three.
+    // A byte of the path that is not UTF-8 is replaced by three bytes.
     return entry.service.size() + 3 * entry.path.size() > kLongestShownWhole;
 }
 

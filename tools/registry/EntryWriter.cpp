@@ -1,6 +1,6 @@
-// The entries as text. The service of an entry is text already and is copied only; a long one is
-// cut wherever a piece is full.
-// Entered by whichever thread owns the store, one at a time.
+// Writes entries as JSON. The service of an entry is stored as JSON text and is only copied. A long
+// service continues in the next piece.
+// Runs on the thread that owns the store.
 // There is no lock.
 
 #include "EntryWriter.h"
@@ -18,10 +18,10 @@ namespace {
 constexpr std::size_t kLongestHost = 253;
 constexpr const char* kHostLetters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:";
-constexpr std::size_t kPerEntry = 256;  // what it costs to look at a short one
+constexpr std::size_t kPerEntry = 256;  // the cost of an entry without its service, in bytes
 
 std::string dumped(const json& value) {
-    // A path may hold bytes that are no UTF-8.
+    // A path may contain bytes that are not UTF-8.
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
@@ -30,7 +30,7 @@ std::string textIn(const json& service, const char* field) {
     return found != service.end() && found->is_string() ? found->get<std::string>() : "";
 }
 
-/// As `,a,b,`, so that a pattern can look for `,a,`.
+/// The list as `,a,b,`, so that a pattern can search for `,a,`.
 std::string listIn(const json& service, const char* field) {
     const auto found = service.find(field);
     std::string list;
@@ -48,7 +48,7 @@ void addLabel(json& labels, const char* name, const std::string& value) {
     }
 }
 
-/// One that makes no sense would make Prometheus refuse the whole list.
+/// The address as `host:port`. Empty if it is invalid: Prometheus would refuse the whole list.
 std::string targetOf(const json& service) {
     const std::string host = textIn(service, "host");
     const auto port = service.find("port");
@@ -153,12 +153,13 @@ void EntryWriter::appendTargetGroup(const Entry& entry, std::string& piece) {
     }
 }
 
-/// A page ends after the last entry of a number: the next page begins after that number.
+/// A page does not end between entries with equal numbers, because the next page begins after the
+/// last number.
 bool EntryWriter::isAtLimit(const Entry& next) const {
     return query_.limit && count_ >= *query_.limit && next.number != number_;
 }
 
-/// The first uuid that is greater than another one is that one and a NUL.
+/// The smallest text that is greater than a uuid is that uuid followed by a NUL.
 void EntryWriter::advance(const Entry& entry) {
     number_ = entry.number;
     uuid_ = entry.uuid + '\0';

@@ -1,8 +1,8 @@
-// The copy: listed once, then changed by the events of etcd's watch in the order of their
+// The copy is listed once. Then the events of etcd's watch change it in the order of their
 // revisions. The entries are listed again when the watch cannot be continued.
-// A change: a transaction at etcd, whose answer is passed on when the copy has reached its
+// A change is a transaction at etcd. Its result is passed on when the copy has reached its
 // revision.
-// Checks: counted in the copy, and written to etcd together every interval.
+// Checks are counted in the copy, and written to etcd together every interval.
 // Everything runs on the thread of the io_context. There is no lock.
 
 #include "EtcdBackend.h"
@@ -22,16 +22,16 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kRetryPause = 200ms;
-constexpr auto kSilence = 2s;  // of a watch that should have brought a write
+constexpr auto kSilence = 2s;  // until a watch without an expected write is restarted
 constexpr auto kFarewell = 2s;
-constexpr auto kLongestTry = 5s;   // while others change the same path
-constexpr int kNotFound = 5;       // of gRPC
-constexpr int kMostFruitless = 4;  // watches
-constexpr std::size_t kMostLookups = 1'000;
-// A put with base64 and JSON has to fit into 1.5 MiB.
+constexpr auto kLongestTry = 5s;  // for a change, while others change the same path
+constexpr int kNotFound = 5;      // gRPC's NOT_FOUND
+constexpr int kMaxEmptyWatches = 4;
+constexpr std::size_t kMaxLookups = 1'000;
+// A put with base64 and JSON must fit into etcd's limit of 1.5 MiB.
 constexpr std::size_t kLongestService = 1'048'576;
 
-/// Something else than etcd may answer at its address.
+/// Another server than etcd may answer at its address.
 bool isFromEtcd(const EtcdClient::Result& result) {
     return result.answer && EtcdEntries::revisionOf(*result.answer) != 0;
 }
@@ -47,67 +47,68 @@ EtcdBackend::EtcdBackend(boost::asio::io_context& context, const EtcdOptions& op
       replica_(randomUuid()),
       client_(context, options),
       control_(context, options),
-      beat_(context),
+      timer_(context),
       retry_(context) {
     load();
-    beat();
+    onTimer();
 }
 
 // ---- The copy
 
-/// In place of a list, or a watch, that is under way.
+/// Lists all entries. Replaces a list or a watch that is running.
 void EtcdBackend::load() {
     control_.stopWatch();
     retry_.cancel();
     listed_.clear();
     isLoading_ = true;
-    fruitlessWatches_ = 0;
+    emptyWatches_ = 0;
     ++loads_;
     loadAfter({}, 0);
 }
 
-/// `revision`: that of the first page, at which all others are read; 0: this is the first one.
+/// Reads the next page. `revision`: of the first page; all pages are read at this revision. 0 for
+/// the first page.
 void EtcdBackend::loadAfter(const std::string& key, std::uint64_t revision) {
-    control_.call("kv/range", entries_.list(key, page_, revision),
-                  [this, key, revision, number = loads_](const EtcdClient::Result& result) {
-                      if (number != loads_) {
-                          return;
-                      }
-                      if (!isFromEtcd(result)) {
-                          report(result.error);
-                          page_ = std::max<std::size_t>(1, page_ / 2);  // it may have been too long
-                          const bool isAnew = isReplaced(result) || result.refusal != 0;
-                          return later([this, key, revision, isAnew] {
-                              isAnew ? load() : loadAfter(key, revision);
-                          });
-                      }
-                      requireCluster(EtcdEntries::clusterOf(*result.answer));
-                      page_ = std::min(2 * page_, kLongestPage);
-                      const std::uint64_t read =
-                          revision != 0 ? revision : EtcdEntries::revisionOf(*result.answer);
-                      for (Entry& entry : entries_.entriesIn(*result.answer)) {
-                          listed_.push_back(std::move(entry));
-                      }
-                      const std::string last = EtcdEntries::keyBeforeNextPage(*result.answer);
-                      if (!last.empty()) {
-                          return loadAfter(last, read);
-                      }
-                      store_.setPlaces(cluster_);
-                      takeOver(read);
-                  });
+    control_.call(
+        "kv/range", entries_.list(key, page_, revision),
+        [this, key, revision, number = loads_](const EtcdClient::Result& result) {
+            if (number != loads_) {
+                return;
+            }
+            if (!isFromEtcd(result)) {
+                report(result.error);
+                page_ = std::max<std::size_t>(1, page_ / 2);  // the page may have been too long
+                const bool isAnew = isReplaced(result) || result.refusal != 0;
+                return retryLater(
+                    [this, key, revision, isAnew] { isAnew ? load() : loadAfter(key, revision); });
+            }
+            requireCluster(EtcdEntries::clusterOf(*result.answer));
+            page_ = std::min(2 * page_, kLongestPage);
+            const std::uint64_t read =
+                revision != 0 ? revision : EtcdEntries::revisionOf(*result.answer);
+            for (Entry& entry : entries_.entriesIn(*result.answer)) {
+                listed_.push_back(std::move(entry));
+            }
+            const std::string last = EtcdEntries::keyBeforeNextPage(*result.answer);
+            if (!last.empty()) {
+                return loadAfter(last, read);
+            }
+            store_.setPlaces(cluster_);
+            replaceCopy(read);
+        });
 }
 
-/// No answer of a member of another cluster is taken from now on.
+/// From now on answers of members of other clusters are ignored.
 void EtcdBackend::requireCluster(const std::string& id) {
     if (id == cluster_) {
         return;
     }
     cluster_ = id;
-    foreign_.clear();
+    reportedMembers_.clear();
     leaseBegin_.reset();
     for (EtcdClient* const client : {&client_, &control_}) {
         client->requireCluster(id, [this](const std::string& member) {
-            if (foreign_.insert(member).second) {
+            if (reportedMembers_.insert(member).second) {
                 std::cerr << "orvx-registry: etcd: " << member
                           << " is a member of another cluster, its answers are not taken"
                           << std::endl;
@@ -116,8 +117,8 @@ void EtcdBackend::requireCluster(const std::string& id) {
     }
 }
 
-/// Whether etcd is another cluster now: every member is of the same other one. A member that does
-/// not answer may still be of the former cluster.
+/// Whether every member is now of the same other cluster. Then this cluster is required from now
+/// on. A member that does not answer may still be of the former cluster.
 bool EtcdBackend::isReplaced(const EtcdClient::Result& result) {
     if (result.otherCluster.empty() || result.otherCluster == cluster_) {
         return false;
@@ -129,8 +130,8 @@ bool EtcdBackend::isReplaced(const EtcdClient::Result& result) {
     return true;
 }
 
-/// The copy becomes what was listed.
-void EtcdBackend::takeOver(std::uint64_t revision) {
+/// Replaces the content of the copy by the listed entries.
+void EtcdBackend::replaceCopy(std::uint64_t revision) {
     std::sort(listed_.begin(), listed_.end(), [](const Entry& one, const Entry& other) {
         return std::tie(one.number, one.uuid) < std::tie(other.number, other.uuid);
     });
@@ -156,10 +157,10 @@ void EtcdBackend::takeOver(std::uint64_t revision) {
     listed_ = {};
     isLoading_ = false;
     isLoaded_ = true;
-    told_.clear();
+    pendingWrites_.clear();
     currentSince_ = store_.now();
-    revision_ = revision;  // an earlier one, if etcd was restored from a backup
-    reach(revision);
+    revision_ = revision;  // may be lower than before, if etcd was restored from a backup
+    advance(revision);
     follow();
 }
 
@@ -167,29 +168,29 @@ void EtcdBackend::follow() {
     if (isLoading_) {
         return;
     }
-    ++fruitlessWatches_;
+    ++emptyWatches_;
     control_.watch(
         entries_.watch(revision_ + 1), [this](const json& result) { apply(result); },
         [this](const std::string& error) {
             report(error);
-            // Watches that bring nothing may ask for too much, or for what is gone.
-            later([this] { fruitlessWatches_ < kMostFruitless ? follow() : load(); });
+            // Several watches without an event may ask for a revision that etcd cannot deliver.
+            retryLater([this] { emptyWatches_ < kMaxEmptyWatches ? follow() : load(); });
         });
 }
 
 void EtcdBackend::apply(const json& result) {
-    if (EtcdEntries::isCanceled(result)) {  // its history was compacted
+    if (EtcdEntries::isCanceled(result)) {  // etcd's history was compacted
         control_.stopWatch();
         isLoading_ = true;
-        return later([this] { load(); });
+        return retryLater([this] { load(); });
     }
     std::uint64_t revision = revision_;
     for (EtcdEntries::Change& change : entries_.changesIn(result)) {
         apply(change);
         revision = std::max(revision, change.revision);
     }
-    fruitlessWatches_ = revision > revision_ ? 0 : fruitlessWatches_;
-    reach(revision);
+    emptyWatches_ = revision > revision_ ? 0 : emptyWatches_;
+    advance(revision);
 }
 
 void EtcdBackend::apply(EtcdEntries::Change& change) {
@@ -212,11 +213,11 @@ void EtcdBackend::apply(EtcdEntries::Change& change) {
     }
 }
 
-/// The copy has all changes up to that revision.
-void EtcdBackend::reach(std::uint64_t revision) {
+/// Called when the copy has all changes up to that revision.
+void EtcdBackend::advance(std::uint64_t revision) {
     revision_ = std::max(revision_, revision);
-    while (!told_.empty() && told_.begin()->first <= revision_) {
-        onCurrent(told_.extract(told_.begin()).mapped());
+    while (!pendingWrites_.empty() && pendingWrites_.begin()->first <= revision_) {
+        onCurrent(pendingWrites_.extract(pendingWrites_.begin()).mapped());
     }
     while (!waiters_.empty() && waiters_.begin()->first <= revision_) {
         waiters_.extract(waiters_.begin()).mapped().done();
@@ -224,7 +225,7 @@ void EtcdBackend::reach(std::uint64_t revision) {
     changed_();
 }
 
-void EtcdBackend::later(std::function<void()> next) {
+void EtcdBackend::retryLater(std::function<void()> next) {
     if (isStopped_) {
         return;
     }
@@ -262,21 +263,20 @@ void EtcdBackend::put(const std::string& path, const json& service, const Owner&
              std::move(done));
 }
 
-/// A replica that has just started knows the entries soon. Without them the limits cannot be
-/// compared.
+/// Waits up to kLongestWait for the entries, without which the limits cannot be checked.
 void EtcdBackend::putWhenLoaded(const std::string& path, const json& service, const Owner& owner,
                                 PutHandler done) {
     const auto continuePut = [this, path, service, owner, done = std::move(done)] {
         try {
             isLoaded_ && !isStopped_ ? put(path, service, owner, done) : done(std::nullopt);
         } catch (const StoreFull&) {
-            done(std::nullopt);  // the next try is refused
+            done(std::nullopt);  // a further attempt of the client will be refused
         }
     };
     waiters_.emplace(1, Waiter{store_.now() + kLongestWait, continuePut});
 }
 
-/// `revision`: of the last change of the path's key, as far as this replica knows.
+/// `revision`: of the last known change of the path's key.
 void EtcdBackend::tryToPut(PutResult wanted, std::uint64_t revision, Time until, PutHandler done) {
     const json transaction = entries_.put(wanted.entry, revision);
     client_.call("kv/txn", transaction,
@@ -292,10 +292,10 @@ void EtcdBackend::onPut(PutResult wanted, Time until, PutHandler done,
         report(result.error);
         return done(std::nullopt);
     }
-    const EtcdEntries::Place place = entries_.placeIn(*result.answer);
-    // The second case: an attempt that brought no answer has created the entry.
+    const EtcdEntries::PathState pathState = entries_.pathStateIn(*result.answer);
+    // In the second case an earlier attempt without an answer has created the entry.
     if (EtcdEntries::hasSucceeded(*result.answer) ||
-        (wanted.created && place.uuid == wanted.entry.uuid)) {
+        (wanted.created && pathState.uuid == wanted.entry.uuid)) {
         return whenReached(EtcdEntries::revisionOf(*result.answer),
                            [this, wanted = std::move(wanted), done = std::move(done)]() mutable {
                                const Entry* const known = store_.find(wanted.entry.uuid);
@@ -306,12 +306,13 @@ void EtcdBackend::onPut(PutResult wanted, Time until, PutHandler done,
     if (store_.now() > until) {
         return done(std::nullopt);
     }
-    // The copy did not know yet that the entry of this path has changed, is another one, or none.
-    wanted.created = place.uuid.empty();
-    wanted.movedFrom = place.uuid == wanted.entry.uuid ? wanted.movedFrom : "";
-    wanted.entry.uuid = wanted.created ? randomUuid() : place.uuid;
-    wanted.entry.created = wanted.created ? std::chrono::system_clock::now() : place.created;
-    tryToPut(std::move(wanted), place.revision, until, std::move(done));
+    // The copy was not current: the path's entry has changed, was replaced by another one, or
+    // removed.
+    wanted.created = pathState.uuid.empty();
+    wanted.movedFrom = pathState.uuid == wanted.entry.uuid ? wanted.movedFrom : "";
+    wanted.entry.uuid = wanted.created ? randomUuid() : pathState.uuid;
+    wanted.entry.created = wanted.created ? std::chrono::system_clock::now() : pathState.created;
+    tryToPut(std::move(wanted), pathState.revision, until, std::move(done));
 }
 
 void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, const Entry*)> done) {
@@ -321,11 +322,11 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
     if (!isUuid(uuid)) {
         return done(Presence::Absent, nullptr);
     }
-    if (misses_.size() >= kMostLookups && misses_.count(uuid) == 0) {
+    if (lookupHandlers_.size() >= kMaxLookups && lookupHandlers_.count(uuid) == 0) {
         return done(Presence::Unknown, nullptr);
     }
-    // A name is never given again, so who asks later may share the answer.
-    auto& waiting = misses_[uuid];
+    // A uuid is never used again, so later requests may share the answer of this lookup.
+    auto& waiting = lookupHandlers_[uuid];
     waiting.push_back(std::move(done));
     if (waiting.size() > 1) {
         return;
@@ -339,7 +340,7 @@ void EtcdBackend::find(const std::string& uuid, std::function<void(Presence, con
             result.answer ? entries_.entriesIn(*result.answer) : std::vector<Entry>();
         const bool isAnswered = isFromEtcd(result) && (found.empty() || found.front().uuid == uuid);
         const auto answered = isAnswered ? Presence::Absent : Presence::Unknown;
-        const auto asked = misses_.extract(uuid);
+        const auto asked = lookupHandlers_.extract(uuid);
         for (const auto& handler : asked.mapped()) {
             isAnswered && !found.empty() ? handler(Presence::Present, &found.front())
                                          : handler(answered, nullptr);
@@ -352,7 +353,7 @@ void EtcdBackend::remove(const Entry& entry, std::function<void(Presence)> done)
 }
 
 void EtcdBackend::tryToRemove(Entry entry, Time until, std::function<void(Presence)> done) {
-    callToRemove(
+    requestRemoval(
         {entry}, 0,
         [this, entry, until, done = std::move(done)](const EtcdClient::Result& result) mutable {
             if (!isFromEtcd(result)) {
@@ -360,34 +361,34 @@ void EtcdBackend::tryToRemove(Entry entry, Time until, std::function<void(Presen
             }
             const bool isRemoved = EtcdEntries::hasSucceeded(*result.answer);
             const auto left = entries_.revisionsIn(*result.answer);
-            if (!isRemoved && !left.empty()) {  // was put meanwhile
+            if (!isRemoved && !left.empty()) {  // the entry was put meanwhile
                 entry.etcdRevision = left.begin()->second;
                 return store_.now() > until ? done(Presence::Unknown)
                                             : tryToRemove(entry, until, std::move(done));
             }
-            // An attempt that brought no answer may have removed the entry.
+            // An earlier attempt without an answer may have removed the entry.
             const bool wasThere = isRemoved || result.isUncertain;
             const std::uint64_t revision = EtcdEntries::revisionOf(*result.answer);
             whenReached(revision, [this, entry, revision, done = std::move(done), wasThere] {
                 done(wasThere ? Presence::Present : Presence::Absent);
-                requireGone(entry, revision);
+                relistIfPresent(entry, revision);
             });
         });
 }
 
-/// Lists the entries again if the copy holds one at a revision at which etcd has none.
-void EtcdBackend::requireGone(const Entry& entry, std::uint64_t revision) {
+/// Lists the entries again if the copy has the entry at a revision at which etcd does not have it.
+void EtcdBackend::relistIfPresent(const Entry& entry, std::uint64_t revision) {
     if (revision_ >= revision && !isLoading_ && !isStopped_ && store_.find(entry.uuid) != nullptr) {
         report("the copy holds an entry that etcd has not");
         load();
     }
 }
 
-/// Calls etcd to remove the entries, with a lease that lives long enough. `checks`: as in
-/// EtcdEntries::remove().
-void EtcdBackend::callToRemove(std::vector<Entry> entries, std::uint64_t checks,
-                               EtcdClient::Handler done) {
-    if (!leaseBegin_ || store_.now() - *leaseBegin_ > EtcdEntries::kMemory / 6) {
+/// Sends a request to remove the entries, and before it one for a lease if the present lease is
+/// old. `checks`: as in EtcdEntries::remove().
+void EtcdBackend::requestRemoval(std::vector<Entry> entries, std::uint64_t checks,
+                                 EtcdClient::Handler done) {
+    if (!leaseBegin_ || store_.now() - *leaseBegin_ > EtcdEntries::kPathRetention / 6) {
         return client_.call("lease/grant", EtcdEntries::grantLease(),
                             [this, entries = std::move(entries), checks,
                              done = std::move(done)](EtcdClient::Result result) mutable {
@@ -397,7 +398,7 @@ void EtcdBackend::callToRemove(std::vector<Entry> entries, std::uint64_t checks,
                                 }
                                 lease_ = EtcdEntries::leaseIn(*result.answer);
                                 leaseBegin_ = store_.now();
-                                callToRemove(std::move(entries), checks, std::move(done));
+                                requestRemoval(std::move(entries), checks, std::move(done));
                             });
     }
     const json transaction = entries_.remove(entries, lease_, checks);
@@ -424,7 +425,7 @@ void EtcdBackend::whenReached(std::uint64_t revision, std::function<void()> done
 void EtcdBackend::check(const std::string& uuid) {
     store_.check(uuid);
     if (store_.options().ttl.count() > 0 && checked_.insert(uuid).second) {
-        untold_.insert(uuid);
+        unwrittenChecks_.insert(uuid);
     }
 }
 
@@ -433,15 +434,16 @@ std::chrono::milliseconds EtcdBackend::interval() const {
     return ttl.count() == 0 ? 1'000ms : std::clamp<std::chrono::milliseconds>(ttl / 24, 100ms, 1s);
 }
 
-/// A check that etcd does not get to know must not be followed by too many others.
+/// The maximum age of a current copy. It bounds the time in which checks are answered but cannot be
+/// written to etcd.
 std::chrono::milliseconds EtcdBackend::longestLag() const {
     const auto ttl = store_.options().ttl;
     return ttl.count() == 0 ? 3'000ms
                             : std::clamp<std::chrono::milliseconds>(ttl / 6, 3 * interval(), 3s);
 }
 
-void EtcdBackend::beat() {
-    beatAfter(interval());
+void EtcdBackend::onTimer() {
+    startTimer(interval());
     const Time now = store_.now();
     for (auto waiter = waiters_.begin(); waiter != waiters_.end();) {
         const auto next = std::next(waiter);
@@ -454,68 +456,70 @@ void EtcdBackend::beat() {
         roundBegin_ = now;
         checked_.clear();
     }
-    if (!isLoading_ && !told_.empty() && now - told_.begin()->second >= kSilence) {
-        told_.clear();
+    if (!isLoading_ && !pendingWrites_.empty() &&
+        now - pendingWrites_.begin()->second >= kSilence) {
+        pendingWrites_.clear();
         report("the watch is silent");
         follow();
     }
-    if (isLoaded_ && !isTelling_) {
-        tellChecks();
+    if (isLoaded_ && !isWriting_) {
+        writeChecks();
     }
 }
 
-void EtcdBackend::beatAfter(std::chrono::milliseconds pause) {
-    beat_.expires_after(pause);
-    beat_.async_wait([this](boost::system::error_code error) {
+void EtcdBackend::startTimer(std::chrono::milliseconds pause) {
+    timer_.expires_after(pause);
+    timer_.async_wait([this](boost::system::error_code error) {
         if (!error && !isStopped_) {
-            beat();
+            onTimer();
         }
     });
 }
 
-void EtcdBackend::tellChecks() {
-    isTelling_ = true;
+void EtcdBackend::writeChecks() {
+    isWriting_ = true;
     std::vector<std::string> uuids;
-    while (!untold_.empty() && uuids.size() < kMaxChecks) {
-        uuids.push_back(std::move(untold_.extract(untold_.begin()).value()));
+    while (!unwrittenChecks_.empty() && uuids.size() < kMaxChecks) {
+        uuids.push_back(std::move(unwrittenChecks_.extract(unwrittenChecks_.begin()).value()));
     }
-    const json write = entries_.tellChecks(replica_, uuids);
+    const json write = entries_.putChecks(replica_, uuids);
     control_.call("kv/put", write,
                   [this, uuids = std::move(uuids), begin = store_.now(),
                    before = revision_](const EtcdClient::Result& result) {
-                      isTelling_ = false;
-                      const bool isTold = isFromEtcd(result);
-                      if (!isTold) {
-                          untold_.insert(uuids.begin(), uuids.end());
+                      isWriting_ = false;
+                      const bool isWritten = isFromEtcd(result);
+                      if (!isWritten) {
+                          unwrittenChecks_.insert(uuids.begin(), uuids.end());
                           report(result.error);
                       }
                       if (isStopped_) {
-                          return isTold ? tellLastChecks() : close();
+                          return isWritten ? writeLastChecks() : close();
                       }
                       if (isReplaced(result)) {
                           return load();
                       }
-                      isTold ? onTold(begin, before, *result.answer) : beatAfter(kRetryPause / 2);
+                      isWritten ? onChecksWritten(begin, before, *result.answer)
+                                : startTimer(kRetryPause / 2);
                   });
 }
 
-/// `before`: what the copy had reached when the write began.
-void EtcdBackend::onTold(Time begin, std::uint64_t before, const json& answer) {
+/// `before`: the copy's revision when the write began.
+void EtcdBackend::onChecksWritten(Time begin, std::uint64_t before, const json& answer) {
     const std::uint64_t revision = EtcdEntries::revisionOf(answer);
     if (isLoading_) {
         return;
     }
     if (revision <= before) {
-        return load();  // etcd was restored from a backup: its history is another one
+        return load();  // etcd was restored from a backup and has another history
     }
-    told_.emplace(revision, begin);
-    reach(revision_);
-    if (untold_.size() >= kMaxChecks) {
-        tellChecks();
+    pendingWrites_.emplace(revision, begin);
+    advance(revision_);
+    if (unwrittenChecks_.size() >= kMaxChecks) {
+        writeChecks();
     }
 }
 
-/// The copy has every change that took place before `begin`.
+/// Called when the copy has every change that was made before `begin`.
 void EtcdBackend::onCurrent(Time begin) {
     if (!isCurrent()) {
         currentSince_ = store_.now();
@@ -525,13 +529,13 @@ void EtcdBackend::onCurrent(Time begin) {
         std::cerr << "orvx-registry: etcd answers again" << std::endl;
     }
     current_ = std::max(current_.value_or(begin), begin);
-    if (store_.options().ttl.count() > 0 && !isExpiring_ && begin - currentSince_ >= limit()) {
-        expire(store_.notRenewedSince(begin - limit()), begin - limit());
+    if (store_.options().ttl.count() > 0 && !isExpiring_ && begin - currentSince_ >= expiryAge()) {
+        expire(store_.notRenewedSince(begin - expiryAge()), begin - expiryAge());
     }
 }
 
-/// Takes out those of `names` that still were not renewed since, a part at a time, as long as no
-/// replica has told of further checks.
+/// Removes the entries of `names` that have not been renewed since. Sends one transaction at a
+/// time, and stops when a replica has written further checks.
 void EtcdBackend::expire(std::vector<std::string> names, Time since) {
     std::vector<Entry> entries;
     while (!names.empty() && entries.size() < EtcdEntries::kMaxRemovals) {
@@ -545,7 +549,7 @@ void EtcdBackend::expire(std::vector<std::string> names, Time since) {
     if (!isExpiring_) {
         return;
     }
-    callToRemove(
+    requestRemoval(
         entries, checksRevision_,
         [this, entries, names = std::move(names), since](const EtcdClient::Result& result) mutable {
             isExpiring_ = false;
@@ -563,20 +567,20 @@ void EtcdBackend::expire(std::vector<std::string> names, Time since) {
             whenReached(revision, [this, entries, left, revision] {
                 for (const Entry& entry : entries) {
                     if (left.count(entry.uuid) == 0) {
-                        requireGone(entry, revision);
+                        relistIfPresent(entry, revision);
                     }
                 }
             });
         });
 }
 
-// ---- The rest
+// ---- State, metrics and stop
 
 bool EtcdBackend::isCurrent() const {
     return isLoaded_ && current_ && store_.now() - *current_ < longestLag();
 }
 
-/// Once until etcd answers again.
+/// Reports the first error only, until etcd answers again.
 void EtcdBackend::report(const std::string& error) {
     if (!std::exchange(isReported_, true)) {
         std::cerr << "orvx-registry: etcd: " << error << std::endl;
@@ -599,20 +603,20 @@ std::string EtcdBackend::metrics() const {
 
 void EtcdBackend::stop() {
     isStopped_ = true;
-    beat_.cancel();
+    timer_.cancel();
     control_.stopWatch();
     for (auto& [revision, waiter] : std::exchange(waiters_, {})) {
-        waiter.done();  // it has taken place, and the audit log should say so
+        waiter.done();  // the change was carried out, and the audit log should contain it
     }
     retry_.expires_after(kFarewell);
     retry_.async_wait([this](boost::system::error_code) { close(); });
-    if (!isTelling_) {
-        tellLastChecks();
+    if (!isWriting_) {
+        writeLastChecks();
     }
 }
 
-void EtcdBackend::tellLastChecks() {
-    isLoaded_ && !untold_.empty() ? tellChecks() : close();
+void EtcdBackend::writeLastChecks() {
+    isLoaded_ && !unwrittenChecks_.empty() ? writeChecks() : close();
 }
 
 void EtcdBackend::close() {

@@ -22,26 +22,28 @@
 
 namespace orvx::registry {
 
-/// Keeps the entries at etcd, where any number of replicas share them. The store is a copy that
-/// follows etcd's watch, and changes with it only. docs/adr/0016-replicas-in-front-of-etcd.md
-/// describes what holds.
+/// Keeps the entries at etcd, where any number of replicas share them. The store is a copy, which
+/// only a list from etcd and the events of etcd's watch change.
+/// docs/adr/0016-replicas-in-front-of-etcd.md describes the guarantees.
 ///
-/// Every interval() this replica writes to etcd which entries were checked here. When the copy has
-/// got that write from the watch, it has got every change before it: so the same write tells
-/// whether the copy is current, and which entries no replica has renewed. The copy is current while
-/// the last write that it got back began no longer ago than longestLag().
+/// Every interval() this replica writes to etcd which entries were checked here. When the watch
+/// brings this write back, the copy has all earlier changes. The write therefore shows whether the
+/// copy is current, and which entries no replica has renewed. The copy is current if the last write
+/// that came back began at most longestLag() ago.
 ///
 /// Thread-safety: the thread that runs the io_context only.
 class EtcdBackend : public EntryBackend {
   public:
-    /// `store`: empty; outlives the backend. `changed`: called after changes of the store. Throws a
-    /// FileError for a file of TLS. Nothing is sent before the io_context runs.
+    /// `store`: empty; must outlive the backend. `changed`: called after changes of the store.
+    /// Throws a FileError for a file of TLS that cannot be used. Nothing is sent before the
+    /// io_context runs.
     EtcdBackend(boost::asio::io_context& context, const EtcdOptions& options,
                 const std::string& prefix, EntryStore& store, std::function<void()> changed);
     EtcdBackend(const EtcdBackend&) = delete;
     EtcdBackend& operator=(const EtcdBackend&) = delete;
 
-    /// For one request at one member, so that a silent member does not make the copy old.
+    /// The time limit for one request to one member. It is so short that one silent member does not
+    /// make the copy outdated.
     static std::chrono::milliseconds tryTimeout(std::chrono::milliseconds ttl) {
         return ttl.count() == 0
                    ? std::chrono::milliseconds(1'000)
@@ -51,17 +53,17 @@ class EtcdBackend : public EntryBackend {
 
     const EntryStore& store() const override { return store_; }
 
-    /// `done` is called when the copy has the entry, or about kLongestWait later.
+    /// `done` is called when the copy has the entry, or about kLongestWait after etcd's answer.
     void put(const std::string& path, const nlohmann::json& service, const Owner& owner,
              std::function<void(std::optional<PutResult>)> done) override;
 
-    /// An entry that the copy does not hold is looked for at etcd.
+    /// Asks etcd for an entry that is not in the copy.
     void find(const std::string& uuid, std::function<void(Presence, const Entry*)> done) override;
 
     void check(const std::string& uuid) override;
 
-    /// `done` is called when the copy does not have the entry any more, or about kLongestWait
-    /// later.
+    /// `done` is called when the copy no longer has the entry, or about kLongestWait after etcd's
+    /// answer.
     void remove(const Entry& entry, std::function<void(Presence)> done) override;
 
     void expire() override {}
@@ -69,9 +71,8 @@ class EtcdBackend : public EntryBackend {
     bool isCurrent() const override;
     std::string metrics() const override;
 
-    /// Tells etcd of the last checks, and ends everything else. Handlers that were not called are
-    /// destroyed. After two seconds at the latest only a lookup of a name keeps the io_context
-    /// running.
+    /// Writes the last checks to etcd, and ends all other operations. Handlers that were not called
+    /// are destroyed. After at most two seconds only a name lookup can keep the io_context running.
     void stop();
 
   private:
@@ -80,8 +81,8 @@ class EtcdBackend : public EntryBackend {
     using PutHandler = std::function<void(std::optional<PutResult>)>;
 
     static constexpr std::chrono::seconds kLongestWait{1};
-    static constexpr std::size_t kMaxChecks = 10'000;  // in one write
-    /// The largest entries of a page are shorter than the longest answer.
+    static constexpr std::size_t kMaxChecks = 10'000;  // for one write
+    /// So many entries of the largest size fit into EtcdClient::kMaxAnswer.
     static constexpr std::size_t kLongestPage = 40;
 
     // The copy
@@ -89,12 +90,12 @@ class EtcdBackend : public EntryBackend {
     void loadAfter(const std::string& key, std::uint64_t revision);
     void requireCluster(const std::string& id);
     bool isReplaced(const EtcdClient::Result& result);
-    void takeOver(std::uint64_t revision);
+    void replaceCopy(std::uint64_t revision);
     void follow();
     void apply(const Json& result);
     void apply(EtcdEntries::Change& change);
-    void reach(std::uint64_t revision);
-    void later(std::function<void()> next);
+    void advance(std::uint64_t revision);
+    void retryLater(std::function<void()> next);
 
     // Changes
     void putWhenLoaded(const std::string& path, const Json& service, const Owner& owner,
@@ -102,65 +103,67 @@ class EtcdBackend : public EntryBackend {
     void tryToPut(PutResult wanted, std::uint64_t revision, Time until, PutHandler done);
     void onPut(PutResult wanted, Time until, PutHandler done, const EtcdClient::Result& result);
     void tryToRemove(Entry entry, Time until, std::function<void(Presence)> done);
-    void callToRemove(std::vector<Entry> entries, std::uint64_t checks, EtcdClient::Handler done);
-    void requireGone(const Entry& entry, std::uint64_t revision);
+    void requestRemoval(std::vector<Entry> entries, std::uint64_t checks, EtcdClient::Handler done);
+    void relistIfPresent(const Entry& entry, std::uint64_t revision);
     void whenReached(std::uint64_t revision, std::function<void()> done);
 
     // Checks and expiry
     std::chrono::milliseconds interval() const;
     std::chrono::milliseconds longestLag() const;
     std::chrono::milliseconds round() const { return store_.options().ttl / 8; }
-    std::chrono::milliseconds limit() const { return store_.options().ttl + round() + interval(); }
-    void beat();
-    void beatAfter(std::chrono::milliseconds pause);
-    void tellChecks();
-    void onTold(Time begin, std::uint64_t before, const Json& answer);
+    std::chrono::milliseconds expiryAge() const {
+        return store_.options().ttl + round() + interval();
+    }
+    void onTimer();
+    void startTimer(std::chrono::milliseconds pause);
+    void writeChecks();
+    void onChecksWritten(Time begin, std::uint64_t before, const Json& answer);
     void onCurrent(Time begin);
     void expire(std::vector<std::string> names, Time since);
     void report(const std::string& error);
-    void tellLastChecks();
+    void writeLastChecks();
     void close();
 
     EntryStore& store_;
     const std::function<void()> changed_;
     const EtcdEntries entries_;
     const std::string replica_;
-    EtcdClient client_;   // for what clients ask for
-    EtcdClient control_;  // for the list, the watch and the checks, which must not wait for them
-    boost::asio::steady_timer beat_;
+    EtcdClient client_;   // for the requests of clients
+    EtcdClient control_;  // for the list, the watch and the checks, which must not wait for client_
+    boost::asio::steady_timer timer_;
     boost::asio::steady_timer retry_;
 
-    std::string cluster_;            // whose entries are listed; empty: not known yet
-    std::set<std::string> foreign_;  // the members of other clusters that were reported
+    std::string cluster_;  // id of the cluster whose entries are listed; empty: not known yet
+    std::set<std::string> reportedMembers_;  // members of other clusters that were reported
 
     bool isLoaded_ = false;
     bool isLoading_ = false;
-    std::uint64_t loads_ = 0;     // begun
-    std::vector<Entry> listed_;   // until the copy is loaded
+    std::uint64_t loads_ = 0;     // how many were begun
+    std::vector<Entry> listed_;   // the pages so far, until the list is complete
     std::uint64_t revision_ = 0;  // of the copy
-    int fruitlessWatches_ = 0;    // in a row
+    int emptyWatches_ = 0;        // in a row
     std::size_t page_ = kLongestPage;
     std::uint64_t checksRevision_ = 0;  // of the last checks that were told
 
-    /// What waits until the copy has reached a revision, or until a time.
+    /// A function that waits until the copy has reached a revision, or until a time.
     struct Waiter {
         Time until;
         std::function<void()> done;
     };
     std::multimap<std::uint64_t, Waiter> waiters_;
     std::unordered_map<std::string, std::vector<std::function<void(Presence, const Entry*)>>>
-        misses_;
+        lookupHandlers_;
 
-    std::string lease_;  // of the paths whose entries were removed
+    std::string lease_;  // for the keys of paths whose entries were removed
     std::optional<Time> leaseBegin_{};
 
-    std::unordered_set<std::string> checked_;  // in this round
-    std::unordered_set<std::string> untold_;   // those that etcd does not know yet
+    std::unordered_set<std::string> checked_;          // entries, in this round
+    std::unordered_set<std::string> unwrittenChecks_;  // checked entries that are not written yet
     Time roundBegin_{};
-    bool isTelling_ = false;
-    std::map<std::uint64_t, Time> told_;  // by revision: when the write began
-    std::optional<Time> current_{};       // when the last write began that came back
-    Time currentSince_{};                 // when the copy was not current last
+    bool isWriting_ = false;
+    std::map<std::uint64_t, Time> pendingWrites_;  // by revision: the time at which the write began
+    std::optional<Time> current_{};  // the time at which the last write that came back began
+    Time currentSince_{};            // the time since which the copy is current
     const Time begin_ = store_.now();
     bool isExpiring_ = false;
 

@@ -1,7 +1,8 @@
-// Decides which member gets a request, which failure leads to the next member, and which of etcd's
-// errors are final. The connections are those of EtcdConnection.
+// Decides which member gets a request, after which failures the next member is tried, and which of
+// etcd's errors are final.
 // Entered only by the thread that runs the io_context.
-// There is no lock. A handler is called last: it may end the client.
+// There is no lock. A function calls a handler as its last action, because the handler may destroy
+// the client.
 
 #include "EtcdClient.h"
 
@@ -34,7 +35,7 @@ namespace {
 
 constexpr std::size_t kMaxReason = 200;
 
-/// One line for a log, of printable ASCII.
+/// Makes the text one line of printable ASCII, cut for a log.
 std::string printable(std::string text) {
     text.resize(std::min(text.size(), kMaxReason));
     std::replace_if(
@@ -42,8 +43,8 @@ std::string printable(std::string text) {
     return text;
 }
 
-/// An error as etcd's gateway words it: in an object of its own in a stream, else in several
-/// fields.
+/// An error of etcd's gateway: an object `error` in a stream, otherwise the fields of the answer
+/// itself.
 struct EtcdError {
     EtcdError(http::status status, const json& answer) {
         if (answer.is_object()) {
@@ -62,21 +63,22 @@ struct EtcdError {
                            (message.empty() ? "no answer of etcd" : message));
     }
 
-    /// Whether every other member would refuse the request, too: it is invalid or not permitted.
+    /// Whether every other member would refuse the request, too, since it is invalid or not
+    /// permitted.
     bool isFinal() const {
         constexpr std::uint64_t kFinal[] = {3, 5, 6, 7, 9, 11, 12, 16};
         return std::find(std::begin(kFinal), std::end(kFinal), code) != std::end(kFinal);
     }
 
-    /// Whether etcd refused the request before it did anything.
-    bool isBeforehand() const {
+    /// Whether etcd has refused the request without carrying out any of it.
+    bool hadNoEffect() const {
         return message == "etcdserver: no leader" || message == "etcdserver: too many requests" ||
                message == "raft proposal dropped";
     }
 
     std::string message{};
     std::string reason{};
-    std::uint64_t code = 0;  // of gRPC
+    std::uint64_t code = 0;  // gRPC's status code
 };
 
 }  // namespace
@@ -125,10 +127,10 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
         Clock::time_point latestStart;
         std::size_t member = 0;
         std::size_t tries = 0;
-        Clock::time_point deadline{};  // of this try
+        Clock::time_point deadline{};  // of the present attempt
         std::shared_ptr<EtcdConnection> connection{};
-        bool isKept = false;     // the connection
-        std::size_t others = 0;  // tries that were answered by result.otherCluster
+        bool isReused = false;                // whether the connection was used before
+        std::size_t otherClusterAnswers = 0;  // answers of members of result.otherCluster
         Result result{};
     };
     struct Watch {
@@ -136,19 +138,19 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
         std::shared_ptr<EtcdConnection> connection;
         std::function<void(json)> onResult;
         std::function<void(std::string)> onEnd;
-        std::string text{};  // what follows the last whole line
+        std::string text{};  // the begin of a line that is not complete
     };
     using CallPointer = std::shared_ptr<Call>;
     using WatchPointer = std::shared_ptr<Watch>;
 
-    std::string objectionTo(const std::string& cluster, const std::string& member) const;
+    std::string rejectionOf(const std::string& cluster, const std::string& member) const;
     void startCalls();
     void beginTry(const CallPointer& call);
     void send(const CallPointer& call);
     void onHeader(const CallPointer& call, Error error);
     void onBody(const CallPointer& call, Error error);
     void onFailure(const CallPointer& call, Error error);
-    void judge(const CallPointer& call, http::status status, json answer);
+    void onAnswer(const CallPointer& call, http::status status, json answer);
     void tryNext(const CallPointer& call, const std::string& reason);
     void finish(const CallPointer& call);
 
@@ -166,7 +168,7 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
     asio::io_context& context_;
     const std::chrono::milliseconds tryTimeout_;
     std::vector<Member> members_{};
-    std::string cluster_{};  // that is required; empty: each
+    std::string cluster_{};  // the required cluster; empty: any
     std::function<void(const std::string&)> onOther_{};
     std::unique_ptr<asio::ssl::context> tls_{};
     std::size_t preferred_ = 0;  // the member that answered last
@@ -201,8 +203,8 @@ void EtcdClient::Impl::call(std::string target, std::string body, Handler handle
     asio::post(context_, [self = shared_from_this()] { self->startCalls(); });
 }
 
-/// Why the answer of a member is not taken: it is of that cluster. Empty: it is taken.
-std::string EtcdClient::Impl::objectionTo(const std::string& cluster,
+/// The reason to ignore an answer of a member of `cluster`; empty if it is accepted.
+std::string EtcdClient::Impl::rejectionOf(const std::string& cluster,
                                           const std::string& member) const {
     if (cluster_.empty() || cluster == cluster_) {
         return {};
@@ -236,13 +238,13 @@ void EtcdClient::Impl::beginTry(const CallPointer& call) {
 
 void EtcdClient::Impl::send(const CallPointer& call) {
     Member& member = members_[call->member];
-    call->isKept = false;
-    while (!call->isKept && !member.idle.empty()) {
+    call->isReused = false;
+    while (!call->isReused && !member.idle.empty()) {
         call->connection = std::move(member.idle.back());
         member.idle.pop_back();
-        call->isKept = call->connection->isReusable();
+        call->isReused = call->connection->isReusable();
     }
-    if (!call->isKept) {
+    if (!call->isReused) {
         call->connection = makeConnection(member);
     }
     call->connection->post(
@@ -268,27 +270,28 @@ void EtcdClient::Impl::onBody(const CallPointer& call, Error error) {
     if (connection->isReusable()) {
         members_[call->member].idle.push_back(connection);
     }
-    judge(call, status, std::move(answer));
+    onAnswer(call, status, std::move(answer));
 }
 
 void EtcdClient::Impl::onFailure(const CallPointer& call, Error error) {
-    // The other connections to the member probably do not work any more either.
+    // The idle connections to the member have probably failed as well.
     members_[call->member].idle.clear();
     call->result.isUncertain |= call->connection->isSent();
-    if (call->isKept && !call->connection->isAnswered() && error != beast::error::timeout) {
-        return send(call);  // closed while it was idle, which says nothing about the member
+    if (call->isReused && !call->connection->isAnswered() && error != beast::error::timeout) {
+        return send(call);  // the idle connection was closed, so the member itself may work
     }
     tryNext(call, error.message());
 }
 
-void EtcdClient::Impl::judge(const CallPointer& call, http::status status, json answer) {
+void EtcdClient::Impl::onAnswer(const CallPointer& call, http::status status, json answer) {
     if (status == http::status::ok && answer.is_object() && !answer.contains("error")) {
         const std::string cluster = EtcdEntries::clusterOf(answer);
-        const std::string objection = objectionTo(cluster, members_[call->member].name);
-        if (!objection.empty()) {
-            call->others = cluster == call->result.otherCluster ? call->others + 1 : 1;
+        const std::string rejection = rejectionOf(cluster, members_[call->member].name);
+        if (!rejection.empty()) {
+            call->otherClusterAnswers =
+                cluster == call->result.otherCluster ? call->otherClusterAnswers + 1 : 1;
             call->result.otherCluster = cluster;
-            return tryNext(call, objection);
+            return tryNext(call, rejection);
         }
         preferred_ = call->member;
         call->result.answer = std::move(answer);
@@ -302,7 +305,7 @@ void EtcdClient::Impl::judge(const CallPointer& call, http::status status, json 
         call->result.error = error.reason;
         return finish(call);
     }
-    call->result.isUncertain |= !error.isBeforehand();
+    call->result.isUncertain |= !error.hadNoEffect();
     tryNext(call, error.reason);
 }
 
@@ -319,7 +322,7 @@ void EtcdClient::Impl::tryNext(const CallPointer& call, const std::string& reaso
 void EtcdClient::Impl::finish(const CallPointer& call) {
     call->connection.reset();
     running_.erase(call);
-    if (call->others != members_.size()) {
+    if (call->otherClusterAnswers != members_.size()) {
         call->result.otherCluster.clear();
     }
     if (!waiting_.empty()) {
@@ -404,9 +407,9 @@ void EtcdClient::Impl::takeLine(const WatchPointer& watch, http::status status,
     if (result == value.end() || !result->is_object()) {
         return endWatch(watch, EtcdError(status, value).reason);
     }
-    const std::string objection = objectionTo(EtcdEntries::clusterOf(*result), watch->name);
-    if (!objection.empty()) {
-        return endWatch(watch, objection);
+    const std::string rejection = rejectionOf(EtcdEntries::clusterOf(*result), watch->name);
+    if (!rejection.empty()) {
+        return endWatch(watch, rejection);
     }
     watch->onResult(std::move(*result));
 }

@@ -1,6 +1,6 @@
 // A request is a chain of asynchronous steps: look the name up, connect to one address after the
-// other, shake hands, send, read the header; the body is read on demand. A step that fails ends the
-// chain.
+// other, TLS handshake, send, read the header. The body is read on demand. A failure ends the
+// chain, except that the next address is tried when connecting fails.
 // Entered only by the thread that runs the io_context.
 // There is no lock.
 
@@ -49,7 +49,7 @@ void EtcdConnection::post(const std::string& target, std::string body, Time dead
     request_ = {http::verb::post, target, kHttp11, std::move(body)};
     request_.set(http::field::host, member_.authority);
     request_.set(http::field::content_type, "application/json");
-    // A member without a leader refuses at once; else it lets the request wait.
+    // With this header a member without a leader refuses at once; otherwise the request would wait.
     request_.set("Grpc-Metadata-hasleader", "true");
     request_.prepare_payload();
     parser_.emplace();
@@ -66,7 +66,7 @@ void EtcdConnection::post(const std::string& target, std::string body, Time dead
         addresses_ = {{address, static_cast<std::uint16_t>(std::stoul(member_.port))}};
         return connect();
     }
-    // A lookup cannot be interrupted: its handler may come long after the deadline.
+    // A lookup cannot be interrupted: its handler may be called long after the deadline.
     isLookingUp_ = true;
     resolver_.async_resolve(member_.host, member_.port, then(&EtcdConnection::onResolved));
     lookupTimer_.expires_at(deadline);
@@ -92,7 +92,8 @@ void EtcdConnection::onResolved(Error error, const tcp::resolver::results_type& 
 }
 
 void EtcdConnection::connect() {
-    // An address that does not answer leaves the others their share of the time.
+    // Each address gets an equal share of the remaining time, so that a silent one does not use it
+    // up.
     const auto share = (deadline_ - std::chrono::steady_clock::now()) /
                        static_cast<std::ptrdiff_t>(addresses_.size());
     stream_.emplace(tcp::socket(context_), tls_);
@@ -178,7 +179,7 @@ void EtcdConnection::close() {
 }
 
 bool EtcdConnection::isReusable() {
-    // Bytes that wait can only be the end of the connection, or belong to no request.
+    // Readable bytes mean that the connection has ended, or are no answer to any request.
     char byte = 0;
     return parser_ && parser_->keep_alive() && buffer_.size() == 0 &&
            ::recv(stream_->tcp().socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&

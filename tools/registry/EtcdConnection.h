@@ -26,30 +26,31 @@
 namespace orvx::registry {
 
 /// An HTTP connection to one member of etcd, which sends one request after the other. It lives as
-/// long as something is under way.
+/// long as an operation is pending.
 ///
 /// Thread-safety: the thread that runs the io_context only. Handlers are never called from inside a
-/// member function. After an error nothing may follow.
+/// member function. After an error only close() may be called.
 class EtcdConnection : public std::enable_shared_from_this<EtcdConnection> {
   public:
     using Error = boost::beast::error_code;
     using Handler = std::function<void(Error)>;
     using Time = std::chrono::steady_clock::time_point;
 
-    /// `tls`: null for none; lives until close(). `maxBody`: of an answer, in bytes.
+    /// `tls`: null for plain HTTP; must exist until close(). `maxBody`: limit for the body of an
+    /// answer, in bytes.
     EtcdConnection(boost::asio::io_context& context, Url member, boost::asio::ssl::context* tls,
                    std::uint64_t maxBody);
 
     /// Connects if necessary, sends the request, and reads the header of the answer. The deadline
-    /// holds for readRest(), too.
+    /// also applies to readRest().
     void post(const std::string& target, std::string body, Time deadline, Handler handler);
     /// After post(): reads the body.
     void readRest(Handler handler);
-    /// After post(): waits for the next piece of a body of any size, if need be for ever. isEnded()
-    /// tells whether it was the last one.
+    /// After post(): waits, without a limit, for the next piece of a body of any size. isEnded()
+    /// then returns whether it was the last piece.
     void readPiece(Handler handler);
 
-    /// Ends everything without calling the handler. May be repeated.
+    /// Ends the connection without calling the handler. May be called again.
     void close();
 
     boost::beast::http::status status() const { return parser_->get().result(); }
@@ -60,8 +61,8 @@ class EtcdConnection : public std::enable_shared_from_this<EtcdConnection> {
     bool isSent() const { return isSent_; }
     /// Whether a byte of the answer was read.
     bool isAnswered() const { return parser_ && parser_->got_some(); }
-    /// After a whole answer: whether another request can be sent. False as soon as the member has
-    /// closed the connection.
+    /// After a complete answer: whether another request can be sent. False as soon as the member
+    /// has closed the connection.
     bool isReusable();
 
   private:
@@ -84,11 +85,11 @@ class EtcdConnection : public std::enable_shared_from_this<EtcdConnection> {
     boost::asio::ssl::context* const tls_;
     const std::uint64_t maxBody_;
     Time deadline_{};
-    Handler handler_{};  // empty: nothing is under way
+    Handler handler_{};  // empty: no operation is pending
     boost::asio::ip::tcp::resolver resolver_;
     boost::asio::steady_timer lookupTimer_;
     bool isLookingUp_ = false;
-    std::vector<boost::asio::ip::tcp::endpoint> addresses_{};  // to be tried, the last one first
+    std::vector<boost::asio::ip::tcp::endpoint> addresses_{};  // not tried yet, the next one last
     std::optional<Stream> stream_{};
     boost::beast::flat_buffer buffer_;
     boost::beast::http::request<boost::beast::http::string_body> request_{};

@@ -5,7 +5,7 @@
 //   checks          the names of entries that were checked at one replica
 // Every transaction changes an entry and its path together. The checks and the entries are next to
 // one another in the order of the keys, so that one watch follows both, and no paths.
-// There is no lock and no state.
+// Thread-safe: the only state is the constant prefix.
 
 #include "EtcdEntries.h"
 
@@ -28,14 +28,14 @@ constexpr std::string_view kEntries = "entries/";
 constexpr std::string_view kPaths = "paths/";
 constexpr std::string_view kNoEntry = "-";
 constexpr std::uint64_t kLastRevision = std::numeric_limits<std::int64_t>::max();
-constexpr std::string_view kEndOfEntries = "entries0";  // '0' follows '/'
+constexpr std::string_view kEndOfEntries = "entries0";  // '0' is the character after '/'
 
 std::int64_t milliseconds(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
 std::chrono::system_clock::time_point timeAt(std::int64_t milliseconds) {
-    constexpr std::int64_t kEnd = 4'102'444'800'000;  // the year 2100; what is beyond overflows
+    constexpr std::int64_t kEnd = 4'102'444'800'000;  // the year 2100; much later times overflow
     return std::chrono::system_clock::time_point(
         std::chrono::milliseconds(std::clamp<std::int64_t>(milliseconds, 0, kEnd)));
 }
@@ -47,7 +47,7 @@ const json& at(const json& object, const char* name) {
     return found == object.end() ? kNull : *found;
 }
 
-/// The gateway writes numbers of 64 bits as texts, and leaves zeros out.
+/// The gateway writes 64-bit numbers as texts, and omits zeros.
 template <typename Number>
 Number numberIn(std::string_view text) {
     Number number = 0;
@@ -70,7 +70,7 @@ std::string nameOf(const Entry& entry) {
 }
 
 std::string valueOf(const Entry& entry) {
-    // A path may hold bytes that are no UTF-8, which JSON cannot; so may an address.
+    // A path or an address may contain bytes that are not UTF-8, which JSON cannot contain.
     return json{{"path", encode64(entry.path)},
                 {"address", encode64(entry.address)},
                 {"owner", entry.owner},
@@ -85,7 +85,7 @@ json operation(const char* kind, json request) {
     return made;
 }
 
-/// `conditions`: when all hold, the first operations are carried out, otherwise the second ones.
+/// A transaction that carries out `operations` if all conditions hold, and `otherwise` if not.
 json transaction(json conditions, json operations, json otherwise) {
     json made = json::object();
     made["compare"] = std::move(conditions);
@@ -159,7 +159,7 @@ json EtcdEntries::remove(const std::vector<Entry>& entries, const std::string& l
 }
 
 json EtcdEntries::grantLease() {
-    return {{"TTL", std::to_string(kMemory.count())}};
+    return {{"TTL", std::to_string(kPathRetention.count())}};
 }
 
 json EtcdEntries::find(const std::string& uuid) const {
@@ -168,15 +168,15 @@ json EtcdEntries::find(const std::string& uuid) const {
 
 json EtcdEntries::list(const std::string& afterKey, std::size_t limit,
                        std::uint64_t revision) const {
-    // The first key that is greater than another one is that one and a NUL.
+    // The smallest key that is greater than a key is that key followed by a NUL.
     return {{"key", afterKey.empty() ? key(kEntries, "") : json(encode64(afterKey + '\0'))},
             {"range_end", key(kEndOfEntries, "")},
             {"limit", std::to_string(limit)},
             {"revision", std::to_string(revision)}};
 }
 
-json EtcdEntries::tellChecks(const std::string& replica,
-                             const std::vector<std::string>& uuids) const {
+json EtcdEntries::putChecks(const std::string& replica,
+                            const std::vector<std::string>& uuids) const {
     return {{"key", key(kChecks, "")},
             {"value", encode64(json{{"from", replica}, {"uuids", uuids}}.dump())}};
 }
@@ -212,18 +212,18 @@ std::string EtcdEntries::leaseIn(const json& answer) {
     return std::string(textIn(answer, "ID"));
 }
 
-EtcdEntries::Place EtcdEntries::placeIn(const json& transaction) const {
-    Place place;
+EtcdEntries::PathState EtcdEntries::pathStateIn(const json& transaction) const {
+    PathState state;
     for (const json& pair : foundIn(transaction)) {
         const std::string value = decodedIn(pair, "value");
         const auto space = value.find(' ');
-        place.revision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
+        state.revision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
         if (space != std::string::npos && isUuid(value.substr(0, space))) {
-            place.uuid = value.substr(0, space);
-            place.created = timeAt(numberIn<std::int64_t>(value.substr(space + 1)));
+            state.uuid = value.substr(0, space);
+            state.created = timeAt(numberIn<std::int64_t>(value.substr(space + 1)));
         }
     }
-    return place;
+    return state;
 }
 
 std::map<std::string, std::uint64_t> EtcdEntries::revisionsIn(const json& transaction) const {
@@ -248,7 +248,7 @@ std::vector<Entry> EtcdEntries::entriesIn(const json& range) const {
     return entries;
 }
 
-/// Nothing: it is no entry. Somebody else may have written it.
+/// Nothing if it is not a valid entry, since other programs may write below the prefix.
 std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
     const std::string name = decodedIn(pair, "key");
     const std::string begin = prefix_ + std::string(kEntries);
@@ -270,8 +270,8 @@ std::optional<Entry> EtcdEntries::entryIn(const json& pair) const {
     entry.created = at(head, "created").is_number_integer()
                         ? timeAt(at(head, "created").get<std::int64_t>())
                         : timeAt(0);
-    // The text becomes a part of lists and events. What this program writes has neither line
-    // breaks, which events cannot have, nor a byte order mark, which the parser skips.
+    // The text is copied into lists and events, so it must not contain line breaks, which would end
+    // an event, nor a byte order mark, which the parser would skip. This program writes neither.
     const bool isComplete = !entry.path.empty() && entry.number != 0 &&
                             entry.number <= kLastRevision && !entry.service.empty() &&
                             entry.service.front() == '{' &&

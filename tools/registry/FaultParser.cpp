@@ -1,5 +1,5 @@
-// Reads faults from lines of JSON, strictly: what is misspelt is refused, not ignored.
-// Entered by any thread; there is no state and no lock.
+// Reads faults from lines of JSON. Unknown fields are refused, not ignored.
+// Thread-safe: there is no state.
 
 #include <initializer_list>
 #include <stdexcept>

@@ -1,6 +1,6 @@
 // Applies the injected faults to a request. Every fault that matches the request is counted down;
 // delays add up, a reset takes precedence over a status, and the last status counts.
-// Entered by whichever thread owns the store, one at a time.
+// Runs on the thread that owns the store.
 // There is no lock.
 
 #include "Faults.h"
@@ -15,14 +15,14 @@ using nlohmann::json;
 
 namespace {
 
-bool takes(const Fault& fault, std::optional<http::verb> method) {
+bool matches(const Fault& fault, std::optional<http::verb> method) {
     if (!method) {
         return fault.kind == Fault::Kind::Forget && !fault.method && fault.skip == 0;
     }
     return fault.method ? fault.method == method : method != http::verb::get;
 }
 
-/// Whether the fault meets a request that it takes.
+/// Counts a request that the fault matches. Returns whether the fault affects it.
 bool countDown(Fault& fault) {
     if (fault.skip > 0) {
         --fault.skip;
@@ -34,16 +34,16 @@ bool countDown(Fault& fault) {
     return true;
 }
 
-void apply(const Fault& fault, Fate& fate, EntryStore& store) {
+void addEffect(const Fault& fault, FaultEffect& effect, EntryStore& store) {
     switch (fault.kind) {
         case Fault::Kind::Delay:
-            fate.delay += fault.delay;
+            effect.delay += fault.delay;
             break;
         case Fault::Kind::Reset:
-            fate.reset = true;
+            effect.reset = true;
             break;
         case Fault::Kind::Status:
-            fate.status = fault.status;
+            effect.status = fault.status;
             break;
         case Fault::Kind::Forget:
             fault.uuid.empty() ? store.clear()
@@ -84,16 +84,16 @@ json toJson(const Fault& fault, EntryStore::Time now) {
 
 }  // namespace
 
-Fate Faults::meet(std::optional<http::verb> method, EntryStore& store) {
+FaultEffect Faults::apply(std::optional<http::verb> method, EntryStore& store) {
     const auto now = store.now();
     dropSpent(now);
-    Fate fate;
+    FaultEffect effect;
     for (Fault& fault : faults_) {
-        if (now >= fault.begin && takes(fault, method) && countDown(fault)) {
-            apply(fault, fate, store);
+        if (now >= fault.begin && matches(fault, method) && countDown(fault)) {
+            addEffect(fault, effect, store);
         }
     }
-    return fate;
+    return effect;
 }
 
 json Faults::list(EntryStore::Time now) {

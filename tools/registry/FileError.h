@@ -5,7 +5,7 @@
 
 namespace orvx::registry {
 
-/// A file that was named and cannot be used; what() names it and says why.
+/// A file cannot be used; what() gives its path and the reason.
 class FileError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };

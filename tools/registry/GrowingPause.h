@@ -5,7 +5,8 @@
 
 namespace orvx::registry {
 
-/// The pauses between repeated attempts: a second, then twice the pause before, up to a minute.
+/// The pauses between repeated attempts: one second, then twice the previous pause, up to one
+/// minute.
 ///
 /// Thread-safety: none.
 class GrowingPause {
@@ -15,7 +16,7 @@ class GrowingPause {
         pause_ = std::min(2 * pause_, kLongest);
         return pause;
     }
-    /// After a success.
+    /// To be called after a success.
     void reset() { pause_ = kShortest; }
 
   private:

@@ -1,7 +1,5 @@
-// Checks the rate of the address, the token, and the token's rights at the target. An entry is
-// looked up by its uuid, as in the store, so that the check applies to the entry that the request
-// changes. The path of an entry never changes.
-// Entered by the thread that runs the server, or a test's, one at a time.
+// Checks the rate of the address, the token, and the token's rights for the method and the target.
+// Runs on the server's thread, or a test's thread.
 // There is no lock.
 
 #include "Guard.h"
@@ -27,7 +25,7 @@ std::string_view view(beast::string_view text) {
     return {text.data(), text.size()};
 }
 
-/// What follows the name of a scheme; empty: it is another one.
+/// The credentials that follow the name of the scheme; empty if it is another scheme.
 std::string_view credentialsOf(std::string_view scheme, std::string_view header) {
     if (header.size() <= scheme.size() || header[scheme.size()] != ' ' ||
         !beast::iequals(beast::string_view(header.data(), scheme.size()),
@@ -39,7 +37,7 @@ std::string_view credentialsOf(std::string_view scheme, std::string_view header)
     return header;
 }
 
-/// Empty: it is no Base64.
+/// Empty if the text is not base64.
 std::string decodeBase64(std::string_view text) {
     std::string decoded(text.size() / 4 * 3, '\0');
     const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(decoded.data()),
@@ -54,8 +52,8 @@ std::string decodeBase64(std::string_view text) {
     return decoded;
 }
 
-/// The token that the value of an Authorization header shows: of the scheme Bearer, or the password
-/// of Basic, which browsers can ask for.
+/// The secret in the value of an Authorization header: the token of the scheme Bearer, or the
+/// password of the scheme Basic, which browsers can ask for.
 std::string secretIn(std::string_view header) {
     if (const auto bearer = credentialsOf("Bearer", header); !bearer.empty()) {
         return std::string(bearer);
@@ -72,7 +70,7 @@ Response unauthorized() {
     return response;
 }
 
-std::optional<Response> unless(bool may, std::string_view what) {
+std::optional<Response> forbidUnless(bool may, std::string_view what) {
     return may ? std::nullopt : std::optional(forbidden(what));
 }
 
@@ -83,8 +81,8 @@ Response tooMany(std::chrono::seconds wait) {
     return response;
 }
 
-/// The registry's own resources; nobody announces there once there are tokens.
-bool isOwn(std::string_view target) {
+/// Whether the target is the list or a resource of the registry itself, and not an entry.
+bool isOwnResource(std::string_view target) {
     return target == "/" || target.substr(0, 2) == "/?" || target == "/-" ||
            target.substr(0, 3) == "/-/";
 }
@@ -131,7 +129,7 @@ std::optional<Response> Guard::refuse(const Request& header, const Peer& peer, E
 std::optional<Response> Guard::refuse(const Request& header, const Token& token) const {
     const std::string_view target = view(header.target());
     if (admin_ && target == "/-/faults") {
-        return unless(token.mayAdminister, "administer");
+        return forbidUnless(token.mayAdminister, "administer");
     }
     const http::verb method = header.method();
     if (method == http::verb::put) {
@@ -139,17 +137,17 @@ std::optional<Response> Guard::refuse(const Request& header, const Token& token)
         if (!path) {
             return failure(http::status::bad_request, "the path can be read in two ways");
         }
-        // A reader may cut a segment at its semicolon.
+        // A reader of the path may cut a segment at its semicolon.
         const bool isReserved = isWithin(path->substr(0, path->find(';')), "/-");
-        return unless(token.mayAnnounce(target) && !isReserved, "announce there");
+        return forbidUnless(token.mayAnnounce(target) && !isReserved, "announce there");
     }
-    if (method == http::verb::get || (method == http::verb::head && isOwn(target))) {
-        return unless(token.mayRead, "read");
+    if (method == http::verb::get || (method == http::verb::head && isOwnResource(target))) {
+        return forbidUnless(token.mayRead, "read");
     }
     if (method == http::verb::head) {
-        return unless(token.mayRead || token.scope, "check that");
+        return forbidUnless(token.mayRead || token.scope, "check that");
     }
-    return method == http::verb::delete_ ? unless(token.scope.has_value(), "withdraw that")
+    return method == http::verb::delete_ ? forbidUnless(token.scope.has_value(), "withdraw that")
                                          : methodNotAllowed();
 }
 

@@ -18,19 +18,19 @@ namespace orvx::registry {
 /// Thread-safety: none; one thread at a time.
 class Guard {
   public:
-    /// `admin`: whether /-/faults is there.
+    /// `admin`: whether /-/faults is served.
     Guard(std::uint32_t requestsPerSecond, bool admin)
         : limiter_(requestsPerSecond), admin_(admin) {}
 
-    /// In place of those before.
+    /// Replaces the tokens; null: no token is needed.
     void setTokens(std::shared_ptr<const Tokens> tokens) { tokens_ = std::move(tokens); }
 
-    /// The refusal, or nothing; `caller` is set as far as it is known. `header`: of a request whose
-    /// body may be missing.
+    /// Returns the refusal, or nothing. Sets the known fields of `caller`. `header`: a request
+    /// whose body may be missing.
     std::optional<Response> refuse(const Request& header, const Peer& peer, EntryStore::Time now,
                                    Caller& caller);
 
-    /// Whether that address may make one more connection, if that costs as much as a request.
+    /// Counts a connection as one request of the address. Returns whether it may be made.
     bool admitsConnection(const boost::asio::ip::address& address, EntryStore::Time now) {
         return !limiter_.refuse(address, now);
     }

@@ -1,6 +1,6 @@
-// Reads JSON that others wrote. The depth is counted before parsing: nlohmann's parser could count
-// it with a callback, but then takes time in proportion to the square of the elements of an array.
-// Thread-safe: there is no state.
+// Parses JSON from outside. The depth is counted before parsing: nlohmann's parser could count it
+// with a callback, but then needs time in proportion to the square of the number of an array's
+// elements. Thread-safe: there is no state.
 
 #include "Json.h"
 
@@ -31,7 +31,7 @@ std::size_t jsonDepthOf(std::string_view text) {
 }
 
 json parseJson(std::string_view text) {
-    // The parser takes a NUL for the end of the text.
+    // The parser would treat a NUL as the end of the text.
     if (text.find('\0') != std::string_view::npos || jsonDepthOf(text) > kMaxJsonDepth) {
         return json(json::value_t::discarded);
     }

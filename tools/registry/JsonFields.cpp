@@ -1,5 +1,5 @@
-// Reads the fields of an object one by one; what is misspelt is refused, not ignored.
-// Entered by any thread; there is no shared state and no lock.
+// Reads the fields of an object one by one. Unknown fields are refused, not ignored.
+// There is no shared state and no lock.
 
 #include "JsonFields.h"
 

@@ -8,9 +8,9 @@
 
 namespace orvx::registry {
 
-/// The fields of one JSON object, read strictly: reading a field removes it, so the fields that
-/// remain are unknown ones. All functions throw a std::invalid_argument that names the field, but
-/// never contains its value, which may be a secret.
+/// Reads the fields of one JSON object strictly. Reading a field removes it, so the fields that
+/// remain at the end are unknown ones. Errors are a std::invalid_argument with the name of the
+/// field, but without its value, which may be a secret.
 ///
 /// Thread-safety: none.
 class JsonFields {
@@ -24,8 +24,8 @@ class JsonFields {
     double fraction(const char* name, double most, const char* unit);
     void requireNoMore() const;
 
-    /// Calls `read` with each line of a text that is neither empty nor begins with #. What that
-    /// throws is given the number of the line.
+    /// Calls `read` with each line of a text that is neither empty nor begins with #. The message
+    /// of a std::invalid_argument that `read` throws gets the line's number as a prefix.
     template <typename Read>
     static void forEachLine(std::string_view text, Read&& read);
 

@@ -1,5 +1,5 @@
-// Which entries are asked for, and whether one is; and which events of the stream.
-// Entered by any thread; there is no state and no lock.
+// Reads the queries of the list and of the stream, and compares an entry with a query.
+// Thread-safe: there is no state.
 
 #include "ListQuery.h"
 
@@ -15,7 +15,7 @@ using nlohmann::json;
 
 namespace {
 
-/// A plus stands for a space, as forms have it.
+/// Decodes a value of a query. As in HTML forms, a plus stands for a space.
 std::string decode(std::string_view text) {
     std::string decoded;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -34,24 +34,24 @@ std::string decode(std::string_view text) {
 }
 
 template <typename Number>
-Number toNumber(std::string_view text, const char* otherwise) {
+Number toNumber(std::string_view text, const char* error) {
     Number number = 0;
     const char* const end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, number);
     if (read.ec != std::errc() || read.ptr != end) {
-        throw std::invalid_argument(otherwise);
+        throw std::invalid_argument(error);
     }
     return number;
 }
 
-std::uint64_t toNumberAfter(std::string_view text, std::string_view instance) {
+std::uint64_t toNumberAfter(std::string_view text, std::string_view places) {
     constexpr const char* kNone = R"("after" is not one that was given as "next")";
     const auto dash = text.find('-');
     if (dash == std::string_view::npos) {
         throw std::invalid_argument(kNone);
     }
     const auto number = toNumber<std::uint64_t>(text.substr(dash + 1), kNone);
-    if (text.substr(0, dash) != instance) {
+    if (text.substr(0, dash) != places) {
         throw UnknownPlace("\"after\" is of another run of the registry: begin anew");
     }
     if (number == std::numeric_limits<std::uint64_t>::max()) {
@@ -76,7 +76,7 @@ void forEachField(std::string_view text, Take&& take) {
     }
 }
 
-void set(ListQuery& query, std::string_view key, std::string value, std::string_view instance) {
+void set(ListQuery& query, std::string_view key, std::string value, std::string_view places) {
     if (key == "name") {
         query.name = std::move(value);
     } else if (key == "category") {
@@ -84,7 +84,7 @@ void set(ListQuery& query, std::string_view key, std::string value, std::string_
     } else if (key == "version") {
         query.version = std::move(value);
     } else if (key == "after") {
-        query.after = toNumberAfter(value, instance);
+        query.after = toNumberAfter(value, places);
     } else if (key == "limit") {
         constexpr const char* kLimit = "\"limit\" must be a number from 1 to 10000";
         query.limit = toNumber<std::size_t>(value, kLimit);
@@ -96,13 +96,14 @@ void set(ListQuery& query, std::string_view key, std::string value, std::string_
     }
 }
 
-/// Whether the text can hold that value. Both are written alike, so most services need not be read.
+/// Whether the service's text may contain the value. The same writer escapes both, so most services
+/// need not be parsed.
 bool mayHold(const std::string& service, const std::optional<std::string>& value) {
     return !value || service.find(json(*value).dump(
                          -1, ' ', false, json::error_handler_t::replace)) != std::string::npos;
 }
 
-bool isAt(const json& service, const char* field, const std::optional<std::string>& value) {
+bool hasValue(const json& service, const char* field, const std::optional<std::string>& value) {
     const auto found = value ? service.find(field) : service.end();
     if (!value || found == service.end()) {
         return !value;
@@ -123,14 +124,14 @@ bool ListQuery::matches(const Entry& entry) const {
         return true;
     }
     const json service = json::parse(entry.service);
-    return isAt(service, "name", name) && isAt(service, "serviceCategories", category) &&
-           isAt(service, "versions", version);
+    return hasValue(service, "name", name) && hasValue(service, "serviceCategories", category) &&
+           hasValue(service, "versions", version);
 }
 
-ListQuery parseListQuery(std::string_view text, std::string_view instance) {
+ListQuery parseListQuery(std::string_view text, std::string_view places) {
     ListQuery query;
     forEachField(text, [&](std::string_view key, std::string value) {
-        set(query, key, std::move(value), instance);
+        set(query, key, std::move(value), places);
     });
     return query;
 }
@@ -146,8 +147,8 @@ bool wantsChecks(std::string_view text) {
     return isWanted;
 }
 
-std::string placeAfter(std::uint64_t number, std::string_view instance) {
-    return std::string(instance) + '-' + std::to_string(number);
+std::string placeAfter(std::uint64_t number, std::string_view places) {
+    return std::string(places) + '-' + std::to_string(number);
 }
 
 }  // namespace orvx::registry

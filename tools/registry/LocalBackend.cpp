@@ -1,5 +1,5 @@
 // Passes each call on to the store.
-// Entered by whichever thread owns the store, one at a time.
+// Runs on the thread that owns the store.
 // There is no lock.
 
 #include <chrono>
@@ -23,7 +23,7 @@ void LocalBackend::find(const std::string& uuid, std::function<void(Presence, co
 }
 
 void LocalBackend::remove(const Entry& entry, std::function<void(Presence)> done) {
-    const std::string uuid = entry.uuid;  // the entry ends with the removal
+    const std::string uuid = entry.uuid;  // `entry` is destroyed by the removal
     done(store_.remove(uuid) ? Presence::Present : Presence::Absent);
 }
 

@@ -1,6 +1,6 @@
-// The counts as text. Methods that HTTP does not know are one, so that no client can make the text
+// Writes the metrics as text. All unknown methods count as one, so that no client can make the text
 // grow without limit.
-// Entered by the thread that runs the server, or a test's.
+// Runs on the server's thread, or a test's thread.
 // There is no lock.
 
 #include "Metrics.h"
@@ -16,15 +16,15 @@ namespace http = boost::beast::http;
 
 namespace {
 
-void describe(std::ostream& text, std::string_view name, std::string_view type,
-              std::string_view help) {
+void writeHeader(std::ostream& text, std::string_view name, std::string_view type,
+                 std::string_view help) {
     text << "# HELP " << name << ' ' << help << "\n# TYPE " << name << ' ' << type << '\n';
 }
 
 template <typename Number>
 void add(std::ostream& text, std::string_view name, std::string_view type, std::string_view help,
          Number value) {
-    describe(text, name, type, help);
+    writeHeader(text, name, type, help);
     text << name << ' ' << value << '\n';
 }
 
@@ -50,16 +50,16 @@ std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
     add(text, "orvx_registry_moves_total", "counter",
         "Puts of another host or port at the path of a living service.", moves_);
     add(text, "orvx_registry_faults", "gauge", "Faults on demand that are set.", faults);
-    describe(text, "orvx_registry_requests_total", "counter",
-             "Requests by method and status of the answer; code 0: the connection was reset.");
+    writeHeader(text, "orvx_registry_requests_total", "counter",
+                "Requests by method and status of the answer; code 0: the connection was reset.");
     for (const auto& [request, count] : requests_) {
         const auto& [method, code] = request;
         text << "orvx_registry_requests_total{method=\""
              << (method == http::verb::unknown ? "other" : http::to_string(method)) << "\",code=\""
              << code << "\"} " << count << '\n';
     }
-    describe(text, "orvx_registry_request_duration_seconds", "histogram",
-             "From a whole request to its answer, without the time that the network takes.");
+    writeHeader(text, "orvx_registry_request_duration_seconds", "histogram",
+                "From a whole request to its answer, without the time that the network takes.");
     std::uint64_t count = 0;
     for (std::size_t i = 0; i < durations_.size(); ++i) {
         count += durations_[i];
@@ -70,8 +70,8 @@ std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
     text << "orvx_registry_request_duration_seconds_sum " << secondsOfRequests_
          << "\norvx_registry_request_duration_seconds_count " << count << '\n';
     add(text, "orvx_registry_watchers", "gauge", "Readers of the stream of changes.", watchers_);
-    describe(text, "orvx_registry_drops_total", "counter",
-             "Connections that were ended without an answer, by reason.");
+    writeHeader(text, "orvx_registry_drops_total", "counter",
+                "Connections that were ended without an answer, by reason.");
     constexpr const char* kReasons[] = {"handshake", "timeout", "connections", "rate"};
     for (std::size_t i = 0; i < drops_.size(); ++i) {
         text << "orvx_registry_drops_total{reason=\"" << kReasons[i] << "\"} " << drops_[i] << '\n';

@@ -1,6 +1,6 @@
-// What a browser is given: three fixed texts. The page follows the entries as any other reader of
-// the stream does.
-// Entered by any thread. There is no lock and no state.
+// Serves the three fixed files of the page. The page reads the stream of changes like any other
+// client.
+// Thread-safe: there is no state.
 
 #include "Page.h"
 
@@ -13,7 +13,7 @@ namespace http = boost::beast::http;
 
 namespace {
 
-// No text of a service can become a script, and no other site can frame the page.
+// Prevents that a text of a service runs as a script, and that another site frames the page.
 constexpr const char* kPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src data:; "
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";

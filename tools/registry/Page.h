@@ -7,7 +7,7 @@
 
 namespace orvx::registry {
 
-/// The texts of the page, which the build takes from page.html, page.css and page.js.
+/// The files page.html, page.css and page.js, which the build embeds.
 namespace asset {
 extern const std::string_view kHtml;
 extern const std::string_view kCss;
@@ -15,7 +15,7 @@ extern const std::string_view kJs;
 }  // namespace asset
 
 /// The page that shows the entries, for a GET or HEAD of / that accepts text/html, or its
-/// /-/page.css or /-/page.js. Empty: the request is another one.
+/// /-/page.css or /-/page.js. Nothing for any other request.
 std::optional<Response> pageAsset(const Request& request);
 
 }  // namespace orvx::registry

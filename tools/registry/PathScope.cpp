@@ -1,6 +1,6 @@
-// Decides which paths are below which. A target that two readers could understand in two ways, one
-// that decodes twice or resolves `..`, is none: so there is nothing to normalise and to get wrong.
-// Entered by any thread; there is no state and no lock.
+// Decides whether a path is below another path. A target with two meanings, for example to a reader
+// that decodes twice or resolves `..`, is refused, so that no normalisation is needed. Thread-safe:
+// there is no state.
 
 #include "PathScope.h"
 
@@ -15,7 +15,8 @@ bool isPlain(char letter) {
     return static_cast<unsigned char>(letter) >= 0x20 && letter != 0x7f && letter != '\\';
 }
 
-/// Replaces the escapes of a segment; false: it has one that is none, or that hides something.
+/// Decodes the escapes of a segment. Returns false if an escape is invalid or forbidden, or if
+/// plainPath() refuses the result.
 bool decode(std::string_view segment, std::string& decoded) {
     for (std::size_t at = 0; at < segment.size(); ++at) {
         if (segment[at] != '%') {

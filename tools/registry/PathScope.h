@@ -12,12 +12,12 @@ namespace orvx::registry {
 /// - has a segment that is empty, `.` or `..`, as a whole or up to its first semicolon,
 /// - has a backslash or a control character,
 /// - has an escaped slash or percent sign, or an invalid escape, or
-/// - is not UTF-8.
-/// Segments, backslashes and control characters are examined as they stand and decoded.
+/// - is not UTF-8. /// These rules apply to the target both before and after decoding.
 std::optional<std::string> plainPath(std::string_view target);
 
-/// The path of a scope. Empty if plainPath() is, if the text has a query, or if the path has a
-/// semicolon: a reader that cuts segments there would find what is below outside of the scope.
+/// The path of a scope. Nothing if plainPath() returns nothing, if the text has a query, or if the
+/// path has a semicolon: a reader that cuts segments at it would see the paths below as outside of
+/// the scope.
 std::optional<std::string> scopeOf(std::string_view text);
 
 /// Whether a path is the scope or below it. Both are results of plainPath(). `/ab` is not below

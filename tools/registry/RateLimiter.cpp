@@ -1,5 +1,5 @@
-// A leaky bucket for each address, as one point of time: when its requests would be over if they
-// had come at the rate. Entered by the thread that runs the server, or a test's. There is no lock.
+// A leaky bucket for each address. It is stored as one time: the end of the address's requests if
+// they had come at the rate. Runs on the server's thread, or a test's thread. There is no lock.
 
 #include "RateLimiter.h"
 
@@ -12,7 +12,7 @@ namespace ip = boost::asio::ip;
 
 namespace {
 
-/// An address of IPv4 by itself and as one of IPv6 is the same.
+/// An IPv4 address and the IPv4-mapped IPv6 address have the same key.
 std::uint64_t keyOf(const ip::address& address) {
     constexpr std::uint64_t kIpv4 = std::uint64_t{0xFFFF} << 32U;  // no network has that prefix
     if (address.is_v4()) {

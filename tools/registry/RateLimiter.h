@@ -25,8 +25,8 @@ class RateLimiter {
     /// `perSecond`: 0 for no limit.
     explicit RateLimiter(std::uint32_t perSecond) : perSecond_(perSecond) {}
 
-    /// Counts a request. Empty: it may be carried out. Else it does not count, and one is possible
-    /// again after so long.
+    /// Counts a request and returns nothing if it may be carried out. Otherwise returns the time
+    /// until the next request is possible, and does not count this one.
     std::optional<std::chrono::seconds> refuse(const boost::asio::ip::address& address, Time now);
 
     std::size_t size() const { return clients_.size(); }
@@ -34,11 +34,11 @@ class RateLimiter {
   private:
     struct Client {
         std::uint64_t key;
-        Time due;  // when the requests so far would be over at the rate
+        Time due;  // when the requests so far would have ended at the rate
     };
 
     const std::uint32_t perSecond_;
-    std::list<Client> clients_;  // the one that was active longest ago in front
+    std::list<Client> clients_;  // the one that was active longest ago first
     std::unordered_map<std::uint64_t, std::list<Client>::iterator> byKey_;
 };
 

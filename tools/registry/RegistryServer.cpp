@@ -1,7 +1,7 @@
-// Listens, makes a Connection of what is accepted, and closes everything when stopped.
-// Everything runs on the thread that calls run(); stop() only leaves a message for it, and port()
-// and url() read what never changes.
-// There is no lock: the io_context is what the threads share.
+// Accepts connections, makes a Connection for each, and closes them when stopped.
+// Everything runs on the thread that calls run(). stop() and reload() post a task to it; port() and
+// url() read constants.
+// There is no lock: the threads share only the io_context.
 
 #include "RegistryServer.h"
 
@@ -31,8 +31,9 @@ using boost::system::error_code;
 
 namespace {
 
-// Connections inherit it from the socket that listens. The kernel takes twice as much, and a piece
-// of a list is not much longer than 16 KiB: a client that reads nothing costs less than 64 KiB.
+// Connections inherit this size from the listening socket. The kernel uses twice as much, and a
+// piece of a list is not much longer than 16 KiB, so a client that reads nothing costs less than 64
+// KiB.
 constexpr int kSendBuffer = 16'384;
 
 }  // namespace
@@ -49,7 +50,7 @@ class RegistryServer::Impl {
           endpoint_(acceptor_.local_endpoint()),
           retry_(context_),
           readyLimit_(context_),
-          look_(context_) {
+          clockTimer_(context_) {
         if (!options.etcd.empty()) {
             EtcdOptions etcd;
             etcd.members = options.etcd;
@@ -70,7 +71,7 @@ class RegistryServer::Impl {
         }
         acceptor_.set_option(asio::socket_base::send_buffer_size(kSendBuffer));
         if (countsAwakeTimeOnly(options)) {
-            lookAtClock();
+            advanceClock();
         }
         accept();
     }
@@ -79,10 +80,10 @@ class RegistryServer::Impl {
     void onReady(std::function<void(bool)> ready) {
         onReady_ = std::move(ready);
         if (!etcd_) {
-            return asio::post(context_, [this] { tellReady(true); });
+            return asio::post(context_, [this] { callOnReady(true); });
         }
         readyLimit_.expires_after(shared_.options.readyTimeout);
-        readyLimit_.async_wait([this](error_code) { tellReady(false); });
+        readyLimit_.async_wait([this](error_code) { callOnReady(false); });
     }
     void run() { context_.run(); }
     void stop() {
@@ -114,35 +115,36 @@ class RegistryServer::Impl {
         shared_.wakeWatchers();
         if (onReady_ && etcd_->isCurrent()) {
             readyLimit_.cancel();
-            tellReady(true);
+            callOnReady(true);
         }
     }
 
-    void tellReady(bool isCurrent) {
+    void callOnReady(bool isCurrent) {
         if (onReady_) {
             std::exchange(onReady_, nullptr)(isCurrent);
         }
     }
 
-    /// An entry expires only if its checks could be read. A replica takes care of that itself, and
-    /// has to know how old its copy is.
+    /// Whether the store's clock stands still while the process is stopped, so that no entry
+    /// expires whose checks could not be read. A replica handles this itself, and needs the real
+    /// time to know the age of its copy.
     static bool countsAwakeTimeOnly(const RegistryOptions& options) {
         return options.ttl.count() > 0 && options.etcd.empty();
     }
 
-    /// A short part of the time between two checks, of which there are three in a ttl.
+    /// At most half of the time between two checks, of which there are at least three in a ttl.
     static AwakeClock::Duration longestGap(const RegistryOptions& options) {
         return std::min<AwakeClock::Duration>(AwakeClock::Duration(options.ttl) / 6,
                                               std::chrono::seconds(1));
     }
 
-    /// The clock of the store stands still while nothing looks at it.
-    void lookAtClock() {
+    /// Calls the store's clock so often that no gap is counted while the process is awake.
+    void advanceClock() {
         shared_.dispatcher.store().now();
-        look_.expires_after(longestGap(shared_.options) / 2);
-        look_.async_wait([this](error_code) {
+        clockTimer_.expires_after(longestGap(shared_.options) / 2);
+        clockTimer_.async_wait([this](error_code) {
             if (acceptor_.is_open()) {
-                lookAtClock();
+                advanceClock();
             }
         });
     }
@@ -224,8 +226,9 @@ class RegistryServer::Impl {
         std::make_shared<Connection>(std::move(socket), address, shared_)->begin();
     }
 
-    // Without a free file descriptor accepting fails whether somebody waits or not. Another
-    // connection ends for one that waits; if there is none, the next try could fail at once.
+    // Without a free file descriptor async_accept() fails even if no client is waiting. So this
+    // function first waits for a client, and then closes another connection for it. If there is no
+    // other connection, it tries again after a pause, because the next attempt could fail at once.
     void acceptWithoutDescriptor() {
         acceptor_.async_wait(tcp::acceptor::wait_read, [this](error_code error) {
             if (error) {
@@ -250,7 +253,7 @@ class RegistryServer::Impl {
         retry_.cancel();
         onReady_ = nullptr;
         readyLimit_.cancel();
-        look_.cancel();
+        clockTimer_.cancel();
         shared_.endOldOnes();
         shared_.onLastClosed = [this] { finish(); };
         if (shared_.connections.empty()) {
@@ -271,7 +274,7 @@ class RegistryServer::Impl {
         }
     }
 
-    // Connections end no later than the context does, and need this until then.
+    // Declared before the context, which may destroy connections that use it.
     Connection::Shared shared_;
     asio::io_context context_;
     tcp::acceptor acceptor_;
@@ -279,7 +282,7 @@ class RegistryServer::Impl {
     asio::steady_timer retry_;
     asio::steady_timer readyLimit_;
     std::function<void(bool)> onReady_{};
-    asio::steady_timer look_;
+    asio::steady_timer clockTimer_;
     std::optional<EtcdBackend> etcd_;
 };
 

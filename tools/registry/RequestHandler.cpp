@@ -1,6 +1,6 @@
-// Turns a request of the protocol into changes of the store and a response. Uses the types of HTTP
+// Turns a request of the protocol into calls of the backend and a response. Uses the types of HTTP
 // messages, but no sockets and no clock.
-// Entered by whichever thread owns the store, one at a time: the server's own, or a test's.
+// Runs on the thread that owns the store: the server's, or a test's.
 // There is no lock and no state.
 
 #include "RequestHandler.h"
@@ -92,7 +92,7 @@ void get(const EntryBackend& backend, const Request& request, const Handler& don
                             : Answer{unavailable()});
 }
 
-/// The answer to a request for one entry that is not there for certain.
+/// The answer to a request for an entry that is absent or unknown.
 Answer answerWithout(Presence presence) {
     return {presence == Presence::Absent ? noSuchEntry() : unavailable()};
 }
@@ -104,14 +104,14 @@ void getOne(EntryBackend& backend, const Request& request, Handler done) {
                      if (entry == nullptr) {
                          return done(answerWithout(presence));
                      }
-                     // One that the store does not hold yet cannot be written in pieces.
+                     // An entry that is not in the store cannot be written in pieces.
                      done(store.find(entry->uuid) == entry
                               ? write(store, EntryWriter(*entry))
                               : Answer{jsonResponse(http::status::ok, textOf(*entry))});
                  });
 }
 
-// Without a Content-Length: to know it, the body would have to be written.
+// There is no Content-Length: it is known only after the body is written.
 Answer answerToHead() {
     return {jsonResponse(http::status::ok, {})};
 }

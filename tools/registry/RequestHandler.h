@@ -20,41 +20,41 @@ using Response = boost::beast::http::response<boost::beast::http::string_body>;
 /// The answer to a request.
 struct Answer {
     Response response;
-    /// Writes the remainder of the response's body, whose length is unknown.
+    /// Writes the rest of the response's body, whose length is unknown.
     std::optional<EntryWriter> rest{};
     std::string remark{};  ///< an additional field of the log line; may be empty
     /// The change that was carried out, with the last state of the entry.
     std::optional<std::pair<Change, Entry>> change{};
 };
 
-/// Answers a request that arrived whole. Every answer is JSON; one to HEAD has neither a body nor
-/// its length. Reports on stderr when the store's file fails. `done`: called once, from inside the
-/// call or later, as the backend does; `backend` has to exist until then, the other arguments need
-/// not.
+/// Answers a complete request. Every answer is JSON; an answer to HEAD has neither a body nor a
+/// Content-Length. Reports on stderr when the store's file fails. `done`: called once, from inside
+/// the call or later, as the backend does. `backend` must exist until then; the other arguments
+/// need not.
 ///
 /// Thread-safety: that of `backend`. No sockets are involved.
 void answer(EntryBackend& backend, const Request& request, const Caller& caller,
             std::function<void(Answer)> done);
 
-/// The answer that the writer writes.
+/// An answer whose body the writer writes.
 Answer write(const EntryStore& store, EntryWriter writer);
 
-/// An answer with that text in JSON.
+/// An answer with that value as JSON.
 Response makeResponse(boost::beast::http::status status, const nlohmann::json& body);
 
 /// An answer `{"error": why}`.
 Response failure(boost::beast::http::status status, std::string_view why);
 
-/// Makes an answer one to HEAD: without a body and without its length.
+/// Turns an answer into an answer to HEAD, without a body and a Content-Length.
 void dropBody(Response& response);
 
-/// The answer to what a token does not allow.
+/// The answer 403: the token does not allow `what`, a verb such as "read".
 Response forbidden(std::string_view what);
 
-/// The answer while the place where the entries are kept does not answer.
+/// The answer 503, for a time in which etcd does not answer.
 Response unavailable();
 
-/// The answer to a method other than the four.
+/// The answer 405, for a method other than GET, HEAD, PUT and DELETE.
 Response methodNotAllowed();
 
 }  // namespace orvx::registry

@@ -1,5 +1,5 @@
-// SQLite's C interface with owners for its handles and exceptions for its results.
-// Entered by whichever thread owns the database, one at a time.
+// Wraps SQLite's C interface: handles have owners, errors are exceptions.
+// Runs on the thread that owns the database.
 // There is no lock.
 
 #include "Sqlite.h"
@@ -89,7 +89,7 @@ Transaction::~Transaction() {
             database_.run("ROLLBACK");
         }
     } catch (const Error&) {
-        // Some failures have taken the changes back already.
+        // After some failures SQLite has already rolled back.
     }
 }
 

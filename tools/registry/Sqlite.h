@@ -11,26 +11,26 @@ struct sqlite3_stmt;
 
 namespace orvx::registry::sqlite {
 
-/// What SQLite says went wrong.
+/// An error that SQLite reports.
 class Error : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// One SQL statement, ready to run once. Ends before its database does.
+/// One prepared SQL statement, to be run once. Its database must outlive it.
 class Statement {
   public:
     Statement(sqlite3* database, std::string_view sql);
 
-    /// For the parameter of that number, from 1. What is bound as a view is not copied: it must
-    /// last.
+    /// Parameters are numbered from 1. A bound view is not copied: it must be valid until the
+    /// statement has run.
     Statement& bind(int parameter, std::string_view text);
     Statement& bindBytes(int parameter, std::string_view bytes);
     Statement& bind(int parameter, std::int64_t number);
 
-    /// True: there is a (further) row. Throws an Error.
+    /// Runs the statement up to its next row. Returns whether there is one. Throws an Error.
     bool step();
 
-    /// Of the row; text and bytes alike. From 0.
+    /// The value of a column of the row, as text or bytes. Columns are numbered from 0.
     std::string text(int column) const;
     std::int64_t number(int column) const;
 
@@ -49,11 +49,11 @@ class Statement {
 /// Thread-safety: none.
 class Database {
   public:
-    /// Creates a file that does not exist.
+    /// Creates the file if it does not exist.
     explicit Database(const std::string& path);
 
     Statement prepare(std::string_view sql) { return {database_.get(), sql}; }
-    /// A statement without parameters whose rows, if any, do not matter.
+    /// Runs a statement without parameters, and ignores its rows.
     void run(std::string_view sql) { prepare(sql).step(); }
 
   private:
@@ -64,7 +64,7 @@ class Database {
     std::unique_ptr<sqlite3, Close> database_;
 };
 
-/// All changes or none: without commit() everything since its beginning is taken back.
+/// Its changes take effect together with commit(); without commit() the destructor reverts them.
 class Transaction {
   public:
     explicit Transaction(Database& database);

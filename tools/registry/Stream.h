@@ -9,15 +9,15 @@
 
 namespace orvx::registry {
 
-/// The bytes of a connection, over TLS or not, as Asio and Beast read and write them. Its time-outs
-/// are those of tcp().
+/// A TCP or TLS connection with the stream interface of Asio and Beast. The time-outs of tcp()
+/// apply to it.
 ///
 /// Thread-safety: that of tcp().
 class Stream {
   public:
     using executor_type = boost::beast::tcp_stream::executor_type;
 
-    /// `tls`: null for none; need not outlive the constructor.
+    /// `tls`: null for plain TCP; need not outlive the constructor.
     Stream(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* tls)
         : tcp_(std::move(socket)) {
         if (tls != nullptr) {
@@ -27,7 +27,7 @@ class Stream {
 
     executor_type get_executor() { return tcp_.get_executor(); }
     boost::beast::tcp_stream& tcp() { return tcp_; }
-    /// Null: there is no TLS.
+    /// Null without TLS.
     SSL* tls() { return tls_ ? tls_->native_handle() : nullptr; }
 
     template <typename Buffers, typename Handler>

@@ -1,5 +1,5 @@
 // Sets OpenSSL up for a server or a client.
-// Entered by the thread that makes or runs it.
+// Runs on the thread that owns the context or connection.
 // There is no lock.
 
 #include "Tls.h"
@@ -37,7 +37,8 @@ asio::const_buffer buffer(const std::string& text) {
     return {text.data(), text.size()};
 }
 
-/// Clients are told which authorities are meant, so that they can choose a certificate.
+/// Requires certificates of these authorities from clients. The authorities' names are sent to the
+/// clients, so that they can choose a certificate.
 void loadAuthority(asio::ssl::context& context, const std::string& path) {
     SSL_CTX* const native = context.native_handle();
     const std::string pem = contentOf("TLS", path);
@@ -58,7 +59,7 @@ void loadAuthority(asio::ssl::context& context, const std::string& path) {
 }  // namespace
 
 void loadOwn(asio::ssl::context& context, const TlsFiles& files) {
-    // Else the terminal is asked for the password of a key that has one.
+    // Otherwise OpenSSL asks at the terminal for the password of an encrypted key.
     SSL_CTX_set_default_passwd_cb(context.native_handle(),
                                   [](char*, int, int, void*) { return -1; });
     error_code error;
@@ -80,8 +81,8 @@ std::unique_ptr<asio::ssl::context> makeTlsContext(const TlsFiles& files) {
     SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
     SSL_CTX_set_options(
         native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_CIPHER_SERVER_PREFERENCE);
-    SSL_CTX_set_mode(native, SSL_MODE_RELEASE_BUFFERS);  // an idle connection holds none
-    // Sessions are in tickets, which cost the server no memory and end with the context.
+    SSL_CTX_set_mode(native, SSL_MODE_RELEASE_BUFFERS);  // frees the buffers of idle connections
+    // Sessions are resumed by tickets, which use no memory of the server and end with the context.
     SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
     constexpr unsigned char kId[] = "orvx-registry";
     SSL_CTX_set_session_id_context(native, kId, sizeof kId);

@@ -1,5 +1,5 @@
-// Reads the file of tokens, and finds the one of a secret by its hash.
-// Entered by any thread; nothing changes after construction, and there is no lock.
+// Reads the file of tokens, and finds a token by the hash of its secret.
+// Thread-safe: nothing changes after construction.
 
 #include "Tokens.h"
 
@@ -80,7 +80,7 @@ bool Token::mayAnnounce(std::string_view target) const {
         return false;
     }
     const auto path = plainPath(target);
-    // An entry may have any path where it was put before there were tokens.
+    // An entry that was put without tokens may have any path.
     return path ? isWithin(*path, *scope) : scope->empty();
 }
 

@@ -13,13 +13,13 @@
 
 namespace orvx::registry {
 
-/// What the holder of one secret may do. The secret itself is not known, only its hash.
+/// The rights of one secret. Only the hash of the secret is stored.
 struct Token {
     std::string name;  ///< of letters, digits, and `.`, `_`, `-`; not a secret
     std::array<unsigned char, 32> hash{};
     bool mayRead = false;
     bool mayAdminister = false;
-    std::optional<std::string> scope{};  ///< announces there and below; as scopeOf() gives it
+    std::optional<std::string> scope{};  ///< where it may announce; the result of scopeOf()
     std::size_t maxEntries = 10'000;
     std::uint64_t maxBytes = 64'000'000;
 
@@ -39,8 +39,8 @@ class Tokens {
     /// Throws a std::invalid_argument that begins with `line 3: ` and shows no value of the text.
     explicit Tokens(std::string_view text);
 
-    /// The token of that secret, or null. Takes as long for a secret that is nearly right as for
-    /// any other one.
+    /// The token of that secret, or null. The time does not depend on how much of the secret is
+    /// right.
     std::shared_ptr<const Token> find(std::string_view secret) const;
 
   private:

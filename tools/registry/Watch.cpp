@@ -1,7 +1,7 @@
 // Builds the events for a reader of the stream: the puts, checks and removals after the reader's
-// revision, in the order of their revisions, each entry in its present state. Heartbeats are at the
-// same time for all readers, so that readers who know the same are in the same position.
-// Entered by whichever thread owns the store, one at a time.
+// revision, in the order of their revisions, with the present state of each entry. All readers get
+// heartbeats at the same time, so that equally informed readers are in the same position.
+// Runs on the thread that owns the store.
 // There is no lock.
 
 #include "Watch.h"
@@ -17,7 +17,7 @@ using nlohmann::json;
 
 namespace {
 
-/// A path may hold bytes that are no UTF-8.
+/// A path may contain bytes that are not UTF-8.
 std::string dumped(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
@@ -27,14 +27,14 @@ std::int64_t milliseconds(Duration duration) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
 }
 
-/// The number of the heartbeat that a time belongs to.
+/// The number of the heartbeat interval that contains the time.
 EntryStore::Time::rep heartbeatAt(EntryStore::Time time) {
     return time.time_since_epoch() / Watch::kHeartbeat;
 }
 
-/// The entry as the protocol has it, and its times as ages in milliseconds: the reader's clock may
-/// be another one. The service is put in as the text that it is.
-std::string describe(const Entry& entry, const EntryStore& store) {
+/// The data of a `put` event. Times are ages in milliseconds, because the reader's clock may
+/// differ. The service is copied as text.
+std::string entryData(const Entry& entry, const EntryStore& store) {
     const auto now = store.now();
     const bool isCut = isLong(entry);
     json object{{"path", isCut ? shortened(entry.path) : entry.path},
@@ -59,7 +59,7 @@ std::string describe(const Entry& entry, const EntryStore& store) {
     return text + R"(,"uuid":")" + entry.uuid + R"("})";
 }
 
-/// An event without an id, if that is empty.
+/// Appends an event; without an id if `id` is empty.
 void append(std::string& events, const char* name, const std::string& data, const std::string& id) {
     events += "event: ";
     events += name;
@@ -77,7 +77,7 @@ std::string idOf(const EntryStore& store, std::uint64_t revision) {
     return store.instance() + '-' + std::to_string(revision);
 }
 
-/// The revision that an id names; empty: it is not one of that store.
+/// The revision of an id; nothing if the id is not of that store.
 std::optional<std::uint64_t> revisionOf(const EntryStore& store, std::string_view id) {
     const std::string& instance = store.instance();
     if (id.size() <= instance.size() || id.substr(0, instance.size()) != instance ||
@@ -160,7 +160,7 @@ void Watch::advance(std::uint64_t revision) {
     others_ = std::max(others_, revision);
 }
 
-/// False: there is nothing more.
+/// Returns false if there is no further event.
 bool Watch::appendNext(const EntryStore& store, std::string& events) {
     const Change change = peek(store);
     if (listed_ && (change.kind == Kind::Nothing || change.revision > *listed_)) {
@@ -176,7 +176,7 @@ bool Watch::appendNext(const EntryStore& store, std::string& events) {
             appendChecks(store, events);
             return true;
         case Kind::Put:
-            append(events, "put", describe(*change.entry, store), idOf(store, change.revision));
+            append(events, "put", entryData(*change.entry, store), idOf(store, change.revision));
             break;
         case Kind::Removal:
             append(events, "removed", {{"uuid", change.uuid}}, idOf(store, change.revision));
@@ -186,7 +186,7 @@ bool Watch::appendNext(const EntryStore& store, std::string& events) {
     return true;
 }
 
-/// Those that follow one another make one event.
+/// Appends one event for all checks up to the next put or removal.
 void Watch::appendChecks(const EntryStore& store, std::string& events) {
     constexpr std::size_t kMaxChecks = kLongestEvent / 128;
     std::string checks;
@@ -204,7 +204,7 @@ void Watch::appendChecks(const EntryStore& store, std::string& events) {
     append(events, "checked", checks + ']', idOf(store, puts_));
 }
 
-/// Also tells a reader that the registry is alive.
+/// Appends a `state` event, which also serves as a heartbeat.
 void Watch::appendState(const EntryStore& store, std::size_t faults, std::string& events) {
     const auto ttl = store.options().ttl.count();
     append(events, "state", {{"faults", faults}, {"ttl", ttl == 0 ? json() : json(ttl)}}, {});
@@ -227,7 +227,7 @@ RecentPieces::Piece RecentPieces::next(Watch& watch, const EntryStore& store, st
     }
     const Watch before = watch;
     auto piece = std::make_shared<const std::string>(watch.next(store, faults));
-    if (made_.size() == kMost) {
+    if (made_.size() == kMaxPieces) {
         made_.pop_front();
     }
     made_.push_back({before, watch, latest, faults, now, piece});

@@ -13,9 +13,9 @@
 
 namespace orvx::registry {
 
-/// One reader that follows a store by server-sent events: first the list, then what changes.
-/// docs/registry-protocol.md describes the events. Holds no queue, only the revision up to which
-/// the reader is informed: a slow reader gets only the latest state of each entry.
+/// The position of one reader of the stream of server-sent events: first the list, then the
+/// changes. docs/registry-protocol.md describes the events. There is no queue, only the revision up
+/// to which the reader is informed, so a slow reader gets only the latest state of each entry.
 ///
 /// Thread-safety: that of the store.
 class Watch {
@@ -23,14 +23,14 @@ class Watch {
     /// next() adds no event to a piece of at least kPiece bytes. No event exceeds kLongestEvent.
     static constexpr std::size_t kPiece = 8'192;
     static constexpr std::size_t kLongestEvent = 8'192;
-    /// From one `state` event to the next at most, provided that next() is called so often.
+    /// The maximum time between two `state` events, provided that next() is called that often.
     static constexpr std::chrono::seconds kHeartbeat{2};
 
-    /// `lastId`: the id of the last event that the reader knows. With one that is not of this
-    /// store, or too long ago, it gets the list anew. `hasChecks`: whether it gets the checks.
+    /// `lastId`: the id of the last event that the reader knows. If it is not an id of this store,
+    /// or too old, the reader gets the list again. `hasChecks`: whether the reader gets the checks.
     Watch(const EntryStore& store, std::string_view lastId, bool hasChecks = true);
 
-    /// The next events, or an empty text: nothing changed since. `faults`: how many are set.
+    /// The next events; empty if nothing has changed. `faults`: the number of faults that are set.
     /// `store`: that of the constructor.
     std::string next(const EntryStore& store, std::size_t faults);
 
@@ -39,7 +39,7 @@ class Watch {
         return hasChecks_ ? store.revision() : store.lastPutOrRemoval();
     }
 
-    /// Whether next() gives both the same.
+    /// Whether next() returns the same events for both.
     bool operator==(const Watch& other) const;
 
   private:
@@ -58,30 +58,32 @@ class Watch {
     void appendChecks(const EntryStore& store, std::string& events);
     void appendState(const EntryStore& store, std::size_t faults, std::string& events);
 
-    // The list consists of all puts after revision 0, and of the renewals and removals since the
-    // start of the list. Once the list is complete, both positions are equal.
+    // The reader has got all puts up to `puts_`, and all renewals and removals up to `others_`. A
+    // list consists of all puts after revision 0, and of the renewals and removals since its start.
+    // Once it is complete, both positions are equal.
     std::uint64_t puts_ = 0;
     std::uint64_t others_ = 0;
     bool beginsList_ = false;
-    std::optional<std::uint64_t> listed_{};  // where the list is complete, until that was told
-    std::optional<EntryStore::Time::rep> heartbeat_{};  // the number of the last one
+    std::optional<std::uint64_t>
+        listed_{};  // the revision that completes the list, until `listed` is sent
+    std::optional<EntryStore::Time::rep> heartbeat_{};  // the number of the last heartbeat
     std::size_t faults_ = 0;
     bool hasChecks_;
 };
 
-/// The pieces of the stream that were made last. Readers in the same position share a piece: the
-/// text of an event is made once, however many readers get it.
+/// The latest pieces of the stream. Readers in the same position share a piece, so the text of an
+/// event is made once for many readers.
 ///
 /// Thread-safety: that of the store.
 class RecentPieces {
   public:
     using Piece = std::shared_ptr<const std::string>;
 
-    static constexpr std::size_t kMost = 16;
-    /// A piece is shared for so long. The times in it are wrong by no more.
+    static constexpr std::size_t kMaxPieces = 16;
+    /// How long a piece is shared. The times in it are wrong by at most this.
     static constexpr std::chrono::milliseconds kLifetime{50};
 
-    /// What watch.next() returns, with times that may be older by kLifetime. Never null. `store`:
+    /// The result of watch.next(), with times that may be older by kLifetime. Never null. `store`:
     /// the same in each call.
     Piece next(Watch& watch, const EntryStore& store, std::size_t faults);
 

@@ -1,7 +1,7 @@
 // Applies the events of the stream: the list replaces everything, a change replaces one entry. An
-// entry that no longer matches the query is removed. Events that leave the texts as they are, such
-// as checks, are no change. Each event is also the occasion to fetch the entries that are due; the
-// stream has one every few seconds.
+// entry that no longer matches the query is removed. Events that do not change the texts, such as
+// checks, do not count as a change. Each event also causes due entries to be fetched; the stream
+// has an event every few seconds.
 // Entered by the thread that reads the stream; there is no lock.
 
 #include "WatchedEntries.h"
@@ -101,7 +101,8 @@ void WatchedEntries::remove(const std::string& uuid) {
     }
 }
 
-/// A service that was cut has no name if its name is a list.
+/// Whether the query may match an entry whose service was cut. A cut service has no name if its
+/// name is not a text or a number.
 bool WatchedEntries::mayMatch(const json& cutService) const {
     const auto name = cutService.find("name");
     return !query_.name || name == cutService.end() || *name == shortened(*query_.name);
@@ -115,8 +116,9 @@ WatchedEntries::WaitingByUuid::iterator WatchedEntries::nextToFetch() {
                               [now](const auto& waiting) { return waiting.second.due <= now; });
 }
 
-/// A failure may be due to the entry or to the registry. Hence it delays the others for as long as
-/// the registry asks for, or a second, but not for the pause of the entry.
+/// The cause of a failure may be the entry or the registry. So a failure delays other entries by
+/// the pause that the registry requests, at least a second, but not by the pause of the failed
+/// entry.
 void WatchedEntries::fetchDue() {
     for (auto next = nextToFetch(); next != waiting_.end(); next = nextToFetch()) {
         const std::string uuid = next->first;
@@ -135,8 +137,8 @@ void WatchedEntries::fetchDue() {
     }
 }
 
-/// An entry that cannot be fetched delays a new list, since the services of a list that is
-/// incomplete would lose their requests; but not for ever.
+/// An entry that cannot be fetched delays a new list, because services that are missing in it would
+/// lose their requests. The delay is limited.
 bool WatchedEntries::isComplete() {
     const auto isMissing = [this](const auto& waiting) {
         return numbers_.count(waiting.first) == 0;

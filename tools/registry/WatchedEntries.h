@@ -17,7 +17,7 @@
 
 namespace orvx::registry {
 
-/// An entry cannot be fetched now.
+/// The registry did not return an entry; a later attempt may succeed.
 class FetchFailure : public std::runtime_error {
   public:
     /// `retryAfter`: the pause that the registry asks for; 0: none.
@@ -91,7 +91,7 @@ class WatchedEntries {
     std::unordered_map<std::string, std::uint64_t> numbers_{};
     std::unordered_map<std::string, std::string> previous_{};  // texts of the list before, by uuid
     WaitingByUuid waiting_{};
-    Time resumesAt_{};  // nothing is fetched before
+    Time resumesAt_{};  // nothing is fetched before this time
 };
 
 }  // namespace orvx::registry

@@ -1,8 +1,8 @@
 // The program orvx-registry: reads the options, prints the address, and stops on a signal. A
 // failure is one line on stderr and the exit status 125, as with orvx-announce.
 // The registry runs on a thread of its own, while the main thread waits for a signal. The signals
-// are blocked before that thread starts, so that only sigwait() takes them. Both threads notify the
-// service manager.
+// are blocked before that thread starts, so that only sigwait() receives them. Both threads notify
+// the service manager.
 // There is no lock.
 
 #include <CLI/CLI.hpp>
@@ -32,13 +32,13 @@ using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
 using orvx::tools::ServiceManager;
 
-// As env(1) and timeout(1) do for what is their own failure.
+// The exit status that env(1) and timeout(1) use for their own failures.
 constexpr int kOwnFailure = 125;
 
-// The server needs four seconds: two for its connections and two for etcd.
+// The server needs at most four seconds: two for its connections and two for etcd.
 constexpr std::chrono::seconds kLongestEnd{5};
 
-// etcd takes requests of 1.5 MiB.
+// etcd accepts requests of up to 1.5 MiB, which contain the body in base64.
 constexpr std::uint64_t kMaxBodyAtEtcd = 1'048'576;
 
 int fail(const std::string& why) {
@@ -46,7 +46,7 @@ int fail(const std::string& why) {
     return kOwnFailure;
 }
 
-/// The text with URLs that show no user and no password.
+/// Hides users and passwords in the URLs of a text.
 std::string withoutPasswords(const std::string& text) {
     return std::regex_replace(text, std::regex("://[^ ]*@"), "://***@");
 }
@@ -54,8 +54,8 @@ std::string withoutPasswords(const std::string& text) {
 /// Blocks the signals that serve() waits for. SIGHUP is one of them if there are files to read
 /// again, or if a service manager may send it; otherwise it ends the process.
 sigset_t prepareSignals(const RegistryOptions& options, bool isManaged) {
-    std::signal(SIGXFSZ, SIG_IGN);  // a file that cannot grow is an error of a request
-    std::signal(SIGPIPE, SIG_IGN);  // a log that nobody reads any more is one of the log
+    std::signal(SIGXFSZ, SIG_IGN);  // then a write beyond the limit returns an error
+    std::signal(SIGPIPE, SIG_IGN);  // then a write to a closed pipe returns an error
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -110,8 +110,8 @@ void serve(const RegistryOptions& options) {
     thread.join();
 }
 
-/// No option takes an empty value, such as that of an unset variable: it would switch off what the
-/// option is for. A check() of CLI11 is not called with the value of an option that may have none.
+/// Refuses empty values, such as that of an unset variable, which would switch off the option's
+/// purpose. A check() of CLI11 would not be called for an option whose value is optional.
 void refuseEmptyValues(const CLI::App& app) {
     for (const CLI::Option* const option : app.get_options()) {
         const auto& values = option->results();
@@ -124,7 +124,7 @@ void refuseEmptyValues(const CLI::App& app) {
     }
 }
 
-/// Replicas share what etcd keeps: what belongs to one process is excluded.
+/// Excludes options for data of one process, because replicas share the entries.
 void addEtcdOptions(CLI::App& app, RegistryOptions& options) {
     auto* etcd = app.add_option_function<std::string>(
         "--etcd",

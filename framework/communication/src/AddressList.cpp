@@ -1,6 +1,7 @@
-// The order of a name's addresses.
-// Entered by the I/O thread only; there is no lock. A name has 64 addresses at most, and they are
-// searched when a connection is made or ends without an answer, not for each request.
+// Keeps the addresses of a host name in the order in which they are tried.
+// Runs on the I/O thread only; there is no lock. The search is linear: a name has at most 64
+// addresses, and they are searched when a connection is made or ends without an answer, not for
+// each request.
 
 #include "AddressList.h"
 

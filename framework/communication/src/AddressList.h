@@ -6,15 +6,16 @@
 
 namespace orvx::communication {
 
-/// The addresses of one name, in the order in which they are tried: first those of which nothing
-/// bad is known, then those that gave no answer, the oldest failure first.
+/// The addresses of one name, in the order in which they are tried: first those without a known
+/// failure, then those that gave no answer, the oldest failure first.
 ///
-/// Not synchronised. Functions do not throw.
+/// Thread-safety: none. Functions do not throw.
 class AddressList {
   public:
     const Addresses& inOrder() const { return addresses_; }
 
-    /// Takes the result of a look-up. The addresses that gave no answer stay at the end.
+    /// Replaces the addresses by the result of a look-up. Addresses that gave no answer stay at the
+    /// end.
     void replace(Addresses found) noexcept;
     /// Moves an address that accepted a connection to the front.
     void prefer(const Address& address) noexcept;
