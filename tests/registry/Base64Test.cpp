@@ -1,4 +1,4 @@
-// Bytes as texts in JSON.
+// Tests base64 texts and their bytes.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 namespace orvx::registry {
 namespace {
 
-TEST(Base64, IsReadAsItWasWritten) {
+TEST(Base64, DecodesWhatItHasEncoded) {
     std::string bytes;
     for (int i = 0; i < 300; ++i) {
         EXPECT_EQ(decode64(encode64(bytes)), bytes);
@@ -21,7 +21,7 @@ TEST(Base64, IsReadAsItWasWritten) {
     EXPECT_EQ(encode64("ab\xff"), "YWL/");
 }
 
-TEST(Base64, IsNotReadInAnotherForm) {
+TEST(Base64, RefusesTextsOfAnotherForm) {
     for (const std::string text :
          {"Y", "YQ", "YQ=", "Y===", "====", "=", "YQ==YQ==", "Y=Q=", " YQ==", "YQ==\n",
           "YQ\n=", "YWL_", "YW-L", "YQ= ", "YWJj ", "\xff\xff\xff\xff"}) {

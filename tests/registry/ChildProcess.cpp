@@ -1,5 +1,5 @@
-// Starts a program with its input and output in pipes, and reads these with a limit to the waiting.
-// Entered by the one thread that owns the process.
+// Starts a program with pipes for its input and output. Reads from them with a time limit. Runs on
+// the thread that owns the process.
 // There is no lock.
 
 #include "ChildProcess.h"
@@ -34,7 +34,7 @@ struct Pipe {
     int write;
 };
 
-/// `files`: what becomes its stdin, stdout and stderr.
+/// `files`: its stdin, stdout and stderr.
 pid_t spawn(std::vector<std::string> arguments, const std::array<int, 3>& files) {
     std::vector<char*> pointers;
     for (std::string& argument : arguments) {
@@ -55,7 +55,7 @@ pid_t spawn(std::vector<std::string> arguments, const std::array<int, 3>& files)
     return pid;
 }
 
-/// False at the end.
+/// Returns false at the end of the output.
 bool readMore(int pipe, std::string& text) {
     pollfd polled{pipe, POLLIN, 0};
     if (::poll(&polled, 1, 30'000) != 1) {

@@ -7,8 +7,8 @@
 
 namespace orvx::registry {
 
-/// A program as a child process. All that waits throws a std::runtime_error after thirty seconds in
-/// which the program says nothing. A child that still runs at the end is killed.
+/// A program as a child process. A function that waits throws a std::runtime_error after thirty
+/// seconds without output. The destructor kills a child that still runs.
 ///
 /// Thread-safety: none.
 class ChildProcess {
@@ -26,13 +26,13 @@ class ChildProcess {
 
     pid_t pid() const { return pid_; }
     void signal(int number) const;
-    /// Its stdin, which is open and empty, ends.
+    /// Closes its stdin, which is open and empty until then.
     void endInput();
-    /// All of stdout and of stderr so far, as soon as they contain `text`. Throws when they end
-    /// without it.
+    /// Waits until stdout or stderr contains `text`, and returns all of it so far. Throws if it
+    /// ends without `text`.
     const std::string& awaitOutput(const std::string& text);
     const std::string& awaitErrors(const std::string& text);
-    /// When it has ended.
+    /// Waits until the process has ended.
     Result wait();
 
   private:

@@ -1,4 +1,5 @@
-// The commands that ask a registry, as they are typed, at registries of every kind.
+// Tests the commands that send requests to a registry, at real registries and at servers with wrong
+// answers.
 // Everything runs on the test's thread; the registry runs on its own, the commands are processes.
 // There is no lock.
 
@@ -74,7 +75,7 @@ TEST(TheListCommand, PrintsAllPages) {
     EXPECT_THAT(output, HasSubstr("  /2499  "));
 }
 
-TEST(TheListCommand, AsksForTheNextPageWhateverItsName) {
+TEST(TheListCommand, EscapesTheNameOfTheNextPage) {
     FakeServer server("127.0.0.1");
     RegistryProcess list({"list", "--registry", "http://" + server.authority()});
     server.answer(
@@ -84,7 +85,7 @@ TEST(TheListCommand, AsksForTheNextPageWhateverItsName) {
     EXPECT_EQ(statusOf(list.wait()), 0);
 }
 
-TEST(TheGetCommand, PrintsEntriesAndSaysWhichAreNotThere) {
+TEST(TheGetCommand, PrintsEntriesAndReportsThoseThatDoNotExist) {
     const RunningRegistry registry;
     const std::string lamp = put(registry, "/lamp", kLamp);
     const auto result = run(registry, {"get", lamp});
@@ -163,7 +164,7 @@ TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     EXPECT_EQ(output.find("/lamp"), output.rfind("/lamp"));
 }
 
-TEST(TheCommands, ShowATokenAndSayWhenItIsNotEnough) {
+TEST(TheCommands, SendATokenAndReportItsRefusal) {
     const TemporaryFolder folder;
     RegistryOptions options;
     options.tokens = folder / "tokens";
@@ -181,7 +182,7 @@ TEST(TheCommands, ShowATokenAndSayWhenItIsNotEnough) {
     EXPECT_EQ(statusOf(run(registry, {"watch"})), 125);
 }
 
-TEST(TheCommands, SpeakTlsAndTrustTheAuthorityThatIsNamedOnly) {
+TEST(TheCommands, SpeakTlsAndTrustOnlyTheGivenAuthority) {
     const TemporaryFolder folder;
     const Certificates certificates(folder / "");
     certificates.make("registry");
@@ -207,7 +208,7 @@ TEST(TheCommands, SpeakTlsAndTrustTheAuthorityThatIsNamedOnly) {
     EXPECT_EQ(statusOf(plain), 125);
 }
 
-TEST(TheCommands, ShowNothingOfAnAnswerThatIsNoJson) {
+TEST(TheCommands, DoNotPrintAnAnswerThatIsNotJson) {
     for (const char* command : {"list", "get", "rm"}) {
         FakeServer server("127.0.0.1");
         std::vector<std::string> arguments{command, "--registry", "http://" + server.authority()};
@@ -230,7 +231,7 @@ TEST(TheCommands, ShowNothingOfAnAnswerThatIsNoJson) {
               "orvx-registry: the registry answers with something that is not JSON\n");
 }
 
-/// What a command that asks for the list or for an entry says about an answer.
+/// The errors of a command that gets this answer to a request for the list or for an entry.
 std::string errorAt(const std::string& command, const std::string& body) {
     FakeServer server("127.0.0.1");
     std::vector<std::string> arguments{command, "--registry", "http://" + server.authority()};
@@ -254,7 +255,7 @@ TEST(TheCommands, RefuseAnAnswerThatNestsTooDeeply) {
     EXPECT_THAT(errorAt("list", R"({"entries":[)" + entry + "]}"), HasSubstr("is not JSON"));
 }
 
-TEST(TheCommands, ShowNothingOfJsonOfAnotherForm) {
+TEST(TheCommands, DoNotPrintJsonOfAnUnexpectedForm) {
     const std::string error =
         "orvx-registry: the registry answers with JSON that is not as expected\n";
     for (const char* body : {"[]", "{}", R"({"entries":[1]})", R"({"entries":[],"next":null})"}) {
@@ -263,7 +264,7 @@ TEST(TheCommands, ShowNothingOfJsonOfAnotherForm) {
     EXPECT_EQ(errorAt("rm", "{}"), error);
 }
 
-TEST(TheListCommand, EndsWhenAPageIsFollowedByItself) {
+TEST(TheListCommand, EndsWhenAPageRefersToItself) {
     FakeServer server("127.0.0.1");
     RegistryProcess list({"list", "--registry", "http://" + server.authority()});
     const std::string page = R"({"entries":[],"next":"x-1"})";
@@ -304,7 +305,7 @@ TEST(TheCommands, SendTheHostAndThePortOfTheirUrl) {
     }
 }
 
-TEST(TheCommands, RefuseAnAddressThatIsNone) {
+TEST(TheCommands, RefuseAnInvalidUrl) {
     for (const char* url : {"", "127.0.0.1:8500", "ftp://a", "http://", "http://a:x", "http://a/b",
                             "http://user:secret@a"}) {
         const auto result = RegistryProcess({"list", "--registry", url}).wait();

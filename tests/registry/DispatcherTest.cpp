@@ -1,5 +1,5 @@
-// Who answers a request: the protocol, the page, or the control of the faults. Without sockets.
-// Everything runs on the test's thread.
+// Tests which handler answers a request: the protocol, the page, or the control of the faults. No
+// sockets are involved. Everything runs on the test's thread.
 // There is no lock.
 
 #include "Dispatcher.h"
@@ -12,8 +12,8 @@
 #include <regex>
 #include <string>
 
-#include "Asking.h"
 #include "Page.h"
+#include "SynchronousAnswer.h"
 
 namespace orvx::registry {
 namespace {
@@ -53,7 +53,7 @@ class TheDispatcher : public ::testing::Test {
 
 constexpr const char* kBrowser = "text/html,application/xhtml+xml,*/*;q=0.8";
 
-TEST_F(TheDispatcher, GivesThePageToThoseWhoAcceptHtmlAndTheListToAllOthers) {
+TEST_F(TheDispatcher, ServesThePageToClientsThatAcceptHtmlAndTheListToOthers) {
     const Response page = ask(verb::get, "/", {}, kBrowser);
     EXPECT_EQ(page[http::field::content_type], "text/html; charset=utf-8");
     EXPECT_THAT(page.body(), HasSubstr("<!doctype html>"));
@@ -72,7 +72,7 @@ TEST_F(TheDispatcher, LetsThePageRunNothingButItsOwnScript) {
     EXPECT_FALSE(std::regex_search(page, std::regex("(src|href)=\"(?!/-/page|data:)")));
 }
 
-TEST_F(TheDispatcher, ServesWhatThePageNeeds) {
+TEST_F(TheDispatcher, ServesTheStyleSheetAndTheScriptOfThePage) {
     EXPECT_EQ(ask(verb::get, "/-/page.css")[http::field::content_type], "text/css; charset=utf-8");
     EXPECT_EQ(ask(verb::get, "/-/page.js")[http::field::content_type],
               "text/javascript; charset=utf-8");
@@ -94,7 +94,7 @@ TEST_F(TheDispatcher, LetsAReaderWatchTheEntries) {
     EXPECT_EQ(react(verb::put, "/-/watch", "{}").response->result(), http::status::created);
 }
 
-TEST_F(TheDispatcher, CountsForPrometheus) {
+TEST_F(TheDispatcher, WritesMetricsForPrometheus) {
     ask(verb::put, "/a", R"({"host":"10.0.0.1"})");
     ask(verb::put, "/a", R"({"host":"10.0.0.2"})");
     ask(verb::put, "/b", "{}");
@@ -120,7 +120,7 @@ TEST_F(TheDispatcher, CountsForPrometheus) {
     }
 }
 
-TEST_F(TheDispatcher, TellsPrometheusWhatItCanScrape) {
+TEST_F(TheDispatcher, ListsTargetsForPrometheus) {
     EXPECT_EQ(ask(verb::get, "/-/prometheus").body(), "[]");
     ask(verb::put, "/a?\xff",
         R"({"name":"lamp","host":"::1","port":80,"versions":["1","2"],"serviceCategories":[]})");
@@ -146,7 +146,7 @@ TEST_F(TheDispatcher, TellsPrometheusWhatItCanScrape) {
     EXPECT_EQ(ask(verb::get, "/-/prometheusx").result(), http::status::not_found);
 }
 
-TEST_F(TheDispatcher, IsNotStoppedInTellingPrometheusByServicesThatMakeNoSense) {
+TEST_F(TheDispatcher, LeavesInvalidAddressesAndLabelsOutOfTheTargets) {
     for (const char* body :
          {R"({"host":"","port":80})", R"({"host":"a/b","port":80})", R"({"host":1,"port":80})",
           R"({"host":"a","port":0})", R"({"host":"a","port":65536})", R"({"host":"a","port":"80"})",
@@ -159,7 +159,7 @@ TEST_F(TheDispatcher, IsNotStoppedInTellingPrometheusByServicesThatMakeNoSense) 
     }
 }
 
-TEST_F(TheDispatcher, ForgetsWhatIsDueWhileAReaderWatches) {
+TEST_F(TheDispatcher, ForgetsDueEntriesWhileAReaderWatches) {
     Reaction reaction = react(verb::get, "/-/watch");
     ask(verb::put, "/a", "{}");
     ask(verb::put, "/-/faults", R"({"fault":"forget","after":2})");
@@ -170,13 +170,13 @@ TEST_F(TheDispatcher, ForgetsWhatIsDueWhileAReaderWatches) {
     EXPECT_THAT(news, HasSubstr("{\"faults\":0,"));
 }
 
-TEST_F(TheDispatcher, ForgetsWhatHasExpiredBeforeItAnswers) {
+TEST_F(TheDispatcher, RemovesExpiredEntriesBeforeItAnswers) {
     const std::string location(ask(verb::put, "/a", "{}")[http::field::location]);
     now_ += 10s;
     EXPECT_EQ(ask(verb::head, location).result(), http::status::not_found);
 }
 
-TEST_F(TheDispatcher, AnswersThatTheRegistryIsFull) {
+TEST_F(TheDispatcher, RefusesANewEntryWhenTheRegistryIsFull) {
     for (const char* path : {"/a", "/b", "/c"}) {
         EXPECT_EQ(ask(verb::put, path, "{}").result(), http::status::created);
     }
@@ -186,7 +186,7 @@ TEST_F(TheDispatcher, AnswersThatTheRegistryIsFull) {
     EXPECT_EQ(ask(verb::put, "/a", "{}").result(), http::status::ok);
 }
 
-TEST_F(TheDispatcher, TakesShowsAndDropsFaults) {
+TEST_F(TheDispatcher, SetsShowsAndRemovesFaults) {
     const Response set = ask(verb::put, "/-/faults", R"({"fault":"reset","requests":1})");
     EXPECT_EQ(set.result(), http::status::ok);
     EXPECT_EQ(ask(verb::get, "/-/faults").body(), set.body());
@@ -203,7 +203,7 @@ TEST_F(TheDispatcher, ShowsTheTimesOfFaultsInWholeMilliseconds) {
     EXPECT_EQ(fault.at("seconds").dump(), "2.0");
 }
 
-TEST_F(TheDispatcher, ChangesNoFaultWhenItIsGivenABadOne) {
+TEST_F(TheDispatcher, KeepsItsFaultsWhenNewOnesAreInvalid) {
     ask(verb::put, "/-/faults", R"({"fault":"reset"})");
     const Response refused = ask(verb::put, "/-/faults", "\n{\"fault\":\"rest\"}");
     EXPECT_EQ(refused.result(), http::status::bad_request);
@@ -212,13 +212,13 @@ TEST_F(TheDispatcher, ChangesNoFaultWhenItIsGivenABadOne) {
     EXPECT_EQ(ask(verb::post, "/-/faults").result(), http::status::method_not_allowed);
 }
 
-TEST_F(TheDispatcher, ForgetsAtOnceWhatItIsToldToForget) {
+TEST_F(TheDispatcher, ForgetsAnEntryAsSoonAsTheFaultIsSet) {
     ask(verb::put, "/a", "{}");
     ask(verb::put, "/-/faults", R"({"fault":"forget"})");
     EXPECT_EQ(ask(verb::get, "/").body(), R"({"entries":[]})");
 }
 
-TEST_F(TheDispatcher, AnswersAFaultLikeAnyRequestAndDoesNotCarryTheRequestOut) {
+TEST_F(TheDispatcher, AnswersWithTheStatusOfAFaultAndDoesNotCarryTheRequestOut) {
     ask(verb::put, "/-/faults", R"({"fault":"status","status":503})");
     EXPECT_EQ(ask(verb::put, "/a", "{}").result(), http::status::service_unavailable);
     const Response head = ask(verb::head, "/");
@@ -235,7 +235,7 @@ TEST_F(TheDispatcher, CarriesOutARequestWhoseAnswerIsDelayed) {
     EXPECT_EQ(countEntries(), 1U);
 }
 
-TEST_F(TheDispatcher, TakesTheControlForAPathLikeAnyOtherUnlessItIsEnabled) {
+TEST_F(TheDispatcher, TreatsTheControlOfFaultsAsAnOrdinaryPathUnlessItIsEnabled) {
     Dispatcher closed(options_, {});
     Request request(verb::put, "/-/faults", 11);
     request.body() = R"({"fault":"reset"})";
@@ -245,14 +245,14 @@ TEST_F(TheDispatcher, TakesTheControlForAPathLikeAnyOtherUnlessItIsEnabled) {
     EXPECT_TRUE(reactionOf(closed, {verb::head, "/", 11}).response);
 }
 
-TEST_F(TheDispatcher, SaysThatItLivesAndThatItIsReady) {
+TEST_F(TheDispatcher, ReportsThatItIsLiveAndReady) {
     EXPECT_EQ(ask(verb::get, "/-/health").body(), R"({"live":true})");
     EXPECT_EQ(ask(verb::get, "/-/ready").body(), R"({"ready":true})");
     EXPECT_EQ(ask(verb::head, "/-/ready").result(), http::status::ok);
     EXPECT_EQ(ask(verb::put, "/-/ready", "{}").result(), http::status::created);
 }
 
-TEST_F(TheDispatcher, CountsHowLongRequestsTakeAndWhoWatches) {
+TEST_F(TheDispatcher, MeasuresTheDurationOfRequestsAndCountsWatchers) {
     ask(verb::put, "/a", "{}");
     ask(verb::head, "/a");
     dispatcher_.counts().addWatcher();

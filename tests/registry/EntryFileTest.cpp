@@ -1,5 +1,5 @@
-// Entries in a file: what is there again when it is opened anew, and which files are refused.
-// Everything runs on the test's thread.
+// Tests a store with a file: which entries it restores when it is opened again, and which files it
+// refuses. Everything runs on the test's thread.
 // There is no lock.
 
 #include "EntryFile.h"
@@ -41,7 +41,7 @@ class AStoreWithAFile : public ::testing::Test {
     const std::string file_ = folder_ / "entries";
 };
 
-TEST_F(AStoreWithAFile, TakesOneThatWasMadeBeforeEntriesHadOwners) {
+TEST_F(AStoreWithAFile, ConvertsAFileOfAVersionWithoutOwners) {
     {
         EntryStore(options()).put("/a", {});
         sqlite::Database(file_).run("ALTER TABLE entries DROP COLUMN owner");
@@ -57,7 +57,7 @@ TEST_F(AStoreWithAFile, TakesOneThatWasMadeBeforeEntriesHadOwners) {
     EXPECT_THROW(store.put("/c", {}, {"lamps", 1, 1'000}), StoreFull);
 }
 
-TEST_F(AStoreWithAFile, HasItsEntriesAgainInTheirOrder) {
+TEST_F(AStoreWithAFile, RestoresItsEntriesInTheirOrder) {
     std::string uuid;
     std::chrono::system_clock::time_point created;
     {
@@ -77,7 +77,7 @@ TEST_F(AStoreWithAFile, HasItsEntriesAgainInTheirOrder) {
     EXPECT_LE(created - entry->created, std::chrono::seconds(1));
 }
 
-TEST_F(AStoreWithAFile, HasWhatWasPutLastUnderItsUuid) {
+TEST_F(AStoreWithAFile, RestoresTheLastServiceOfAnEntryUnderItsUuid) {
     std::string uuid;
     {
         EntryStore store(options());
@@ -89,7 +89,7 @@ TEST_F(AStoreWithAFile, HasWhatWasPutLastUnderItsUuid) {
     EXPECT_FALSE(store.put("/a", {}).created);
 }
 
-TEST_F(AStoreWithAFile, DoesNotHaveAgainWhatWasRemoved) {
+TEST_F(AStoreWithAFile, DoesNotRestoreARemovedEntry) {
     {
         EntryStore store(options());
         store.remove(store.put("/a", {}).entry.uuid);
@@ -98,7 +98,7 @@ TEST_F(AStoreWithAFile, DoesNotHaveAgainWhatWasRemoved) {
     EXPECT_THAT(EntryStore(options()).entries(), ElementsAre(Field(&Entry::path, "/b")));
 }
 
-TEST_F(AStoreWithAFile, DoesNotHaveAgainWhatWasCleared) {
+TEST_F(AStoreWithAFile, DoesNotRestoreClearedEntries) {
     {
         EntryStore store(options());
         store.put("/a", {});
@@ -107,7 +107,7 @@ TEST_F(AStoreWithAFile, DoesNotHaveAgainWhatWasCleared) {
     EXPECT_THAT(EntryStore(options()).entries(), IsEmpty());
 }
 
-TEST_F(AStoreWithAFile, GivesEntriesTheirWholeTimeAgainAndForgetsTheExpired) {
+TEST_F(AStoreWithAFile, RestartsTheTimeToLiveOfEntriesAndDoesNotRestoreExpiredOnes) {
     EntryStore::Time now{};
     StoreOptions withTtl = options();
     withTtl.ttl = std::chrono::seconds(10);
@@ -125,33 +125,33 @@ TEST_F(AStoreWithAFile, GivesEntriesTheirWholeTimeAgainAndForgetsTheExpired) {
     EXPECT_THAT(EntryStore(withTtl).entries(), IsEmpty());
 }
 
-TEST_F(AStoreWithAFile, IsRefusedTheFileOfAnotherOne) {
+TEST_F(AStoreWithAFile, RefusesAFileThatIsInUse) {
     const EntryStore store(options());
     expectRefused("locked");
 }
 
-TEST_F(AStoreWithAFile, IsRefusedAFileThatIsNoDatabase) {
+TEST_F(AStoreWithAFile, RefusesAFileThatIsNotADatabase) {
     std::ofstream(file_) << "This is a text, and long enough to be taken for a database's header.";
     expectRefused("not a database");
 }
 
-TEST_F(AStoreWithAFile, IsRefusedADatabaseOfAnotherProgram) {
+TEST_F(AStoreWithAFile, RefusesADatabaseOfAnotherProgram) {
     sqlite::Database(file_).run("CREATE TABLE entries (name TEXT)");
     expectRefused("another program");
 }
 
-TEST_F(AStoreWithAFile, IsRefusedAFolderThatIsNotThere) {
+TEST_F(AStoreWithAFile, RefusesAPathWhoseFolderDoesNotExist) {
     EXPECT_THAT([this] { EntryFile{folder_ / "none/entries"}; },
                 ThrowsMessage<FileError>(HasSubstr("unable to open")));
 }
 
-TEST_F(AStoreWithAFile, IsRefusedAnEntryThatIsNoJson) {
+TEST_F(AStoreWithAFile, RefusesAnEntryThatIsNotJson) {
     EntryStore(options()).put("/a", {});
     sqlite::Database(file_).run("UPDATE entries SET service = '{'");
     expectRefused("an entry is damaged");
 }
 
-TEST_F(AStoreWithAFile, IsRefusedADamagedDatabase) {
+TEST_F(AStoreWithAFile, RefusesADamagedDatabase) {
     {
         EntryStore store(options());
         for (int i = 0; i < 200; ++i) {
@@ -165,7 +165,7 @@ TEST_F(AStoreWithAFile, IsRefusedADamagedDatabase) {
     expectRefused("it is damaged");
 }
 
-TEST(ATransaction, TakesBackWhatWasNotCommitted) {
+TEST(ATransaction, RevertsChangesThatWereNotCommitted) {
     const TemporaryFolder folder;
     sqlite::Database database(folder / "file");
     database.run("CREATE TABLE numbers (number INTEGER)");

@@ -1,4 +1,4 @@
-// How many entries a store holds and how long, by a clock that the test turns.
+// Tests the number of entries and their time to live, with a clock that the test sets.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -41,7 +41,7 @@ TEST_F(AnEntryThatIsNotRenewed, ExpiresWhenItsTimeIsOver) {
     EXPECT_THAT(pathsAfter(1ms), IsEmpty());
 }
 
-TEST_F(AnEntryThatIsNotRenewed, ExpiresAloneWhereOthersAreRenewed) {
+TEST_F(AnEntryThatIsNotRenewed, ExpiresAlthoughOthersAreRenewed) {
     const std::string checked = put("/checked");
     put("/put");
     put("/idle");
@@ -52,7 +52,7 @@ TEST_F(AnEntryThatIsNotRenewed, ExpiresAloneWhereOthersAreRenewed) {
     EXPECT_THAT(pathsAfter(1s), IsEmpty());
 }
 
-TEST_F(AnEntryThatIsNotRenewed, IsNotRenewedByBeingLookedAt) {
+TEST_F(AnEntryThatIsNotRenewed, IsNotRenewedByALookup) {
     const std::string uuid = put("/a");
     now_ += 9s;
     store_.find(uuid);
@@ -61,7 +61,7 @@ TEST_F(AnEntryThatIsNotRenewed, IsNotRenewedByBeingLookedAt) {
     EXPECT_TRUE(store_.put("/a", {}).created);
 }
 
-class AnEntryInAProcessThatIsHeldUp : public ::testing::Test {
+class AnEntryInAStoppedProcess : public ::testing::Test {
   protected:
     bool livesAfter(std::chrono::milliseconds time) {
         now_ += time;
@@ -73,7 +73,7 @@ class AnEntryInAProcessThatIsHeldUp : public ::testing::Test {
     EntryStore store_{{10s, 100, "", AwakeClock(1s, [this] { return now_; })}};
 };
 
-TEST_F(AnEntryInAProcessThatIsHeldUp, LivesForTheTimeInWhichTheProcessIsAwake) {
+TEST_F(AnEntryInAStoppedProcess, ExpiresAfterItsTimeToLiveOfAwakeTime) {
     store_.put("/a", {});
     EXPECT_TRUE(livesAfter(1h));  // counts as one second
     for (int i = 0; i < 17; ++i) {
@@ -82,7 +82,7 @@ TEST_F(AnEntryInAProcessThatIsHeldUp, LivesForTheTimeInWhichTheProcessIsAwake) {
     EXPECT_FALSE(livesAfter(500ms));
 }
 
-TEST_F(AnEntryInAProcessThatIsHeldUp, IsRenewedByACheckThatHasWaited) {
+TEST_F(AnEntryInAStoppedProcess, IsRenewedByACheckThatArrivedMeanwhile) {
     const std::string uuid = store_.put("/a", {}).entry.uuid;
     for (int i = 0; i < 5; ++i) {
         EXPECT_TRUE(livesAfter(1h));
@@ -99,7 +99,7 @@ TEST(AnEntryWithoutATimeToLive, NeverExpires) {
     EXPECT_EQ(store.entries().size(), 1U);
 }
 
-TEST(TheEntryStore, RefusesOneEntryMoreThanItMayHoldAndReplacesThoseItHas) {
+TEST(TheEntryStore, RefusesAnEntryBeyondItsLimitButReplacesExistingOnes) {
     StoreOptions options;
     options.maxEntries = 2;
     EntryStore store(options);
@@ -112,7 +112,7 @@ TEST(TheEntryStore, RefusesOneEntryMoreThanItMayHoldAndReplacesThoseItHas) {
     EXPECT_EQ(store.entries().size(), 2U);
 }
 
-TEST(TheEntryStore, HoldsNothingAfterItWasCleared) {
+TEST(TheEntryStore, IsEmptyAfterItWasCleared) {
     EntryStore store;
     const std::string uuid = store.put("/a", {}).entry.uuid;
     store.clear();

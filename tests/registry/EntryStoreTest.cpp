@@ -1,4 +1,4 @@
-// The store on its own.
+// Tests the store without a file.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -75,7 +75,7 @@ TEST(TheEntryStore, KeepsTheUuidOfAPathThatIsPutAgain) {
     EXPECT_EQ(store.entries().size(), 1U);
 }
 
-TEST(TheEntryStore, NoticesThatALivingPathIsPutForAnotherHostOrPort) {
+TEST(TheEntryStore, ReturnsThePreviousAddressWhenAPutChangesTheHostOrPort) {
     EntryStore store;
     const auto put = [&](nlohmann::json service) {
         return store.put("/a", std::move(service)).movedFrom;
@@ -92,7 +92,7 @@ TEST(TheEntryStore, NoticesThatALivingPathIsPutForAnotherHostOrPort) {
     EXPECT_EQ(put({{"host", "x"}, {"port", 1}}), "");
 }
 
-TEST(TheEntryStore, KeepsNoMoreOfAnAddressThanAHostCanHave) {
+TEST(TheEntryStore, CutsAHostThatIsLongerThanAnyHostName) {
     EntryStore store;
     store.put("/a", {{"host", std::string(1'000, 'x')}, {"port", 1}});
     store.put("/a", {{"host", "y"}, {"port", 1}});
@@ -109,7 +109,7 @@ TEST(TheEntryStore, LetsAnOwnerReplaceItsEntriesAfterItsLimitWasLowered) {
     EXPECT_THROW(store.put("/c", {}, one), StoreFull);
 }
 
-TEST(TheEntryStore, CountsTheChecksOfAnEntryAlsoWhenItsPathIsPutAgain) {
+TEST(TheEntryStore, KeepsTheCountOfChecksWhenThePathIsPutAgain) {
     EntryStore store;
     const Entry& entry = store.put("/a", {}).entry;
     EXPECT_TRUE(store.check(entry.uuid));
@@ -129,7 +129,7 @@ TEST(TheEntryStore, ListsEntriesInTheOrderOfTheirCreation) {
                                              Field(&Entry::path, "/b")));
 }
 
-TEST(TheEntryStore, HandsOverAnEntryThatIsRemovedAndForgetsIt) {
+TEST(TheEntryStore, ReturnsARemovedEntryAndNoLongerFindsIt) {
     EntryStore store;
     const std::string uuid = store.put("/a", {{"name", "a"}}).entry.uuid;
     const auto removed = store.remove(uuid);
@@ -141,7 +141,7 @@ TEST(TheEntryStore, HandsOverAnEntryThatIsRemovedAndForgetsIt) {
     EXPECT_TRUE(store.entries().empty());
 }
 
-TEST(TheEntryStore, MakesANewEntryOfAPathWhoseEntryWasRemoved) {
+TEST(TheEntryStore, CreatesANewEntryForAPathWhoseEntryWasRemoved) {
     EntryStore store;
     const std::string uuid = store.put("/a", {}).entry.uuid;
     store.remove(uuid);

@@ -1,4 +1,4 @@
-// The list piece by piece, while the entries change.
+// Tests the pieces of the list, while the entries change.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -22,7 +22,7 @@ json service(std::size_t size) {
     return {{"a", std::string(size, 'x')}};
 }
 
-/// What is left to be written; all pieces are short.
+/// Returns the text that is still to be written, and checks the length of its pieces.
 std::string rest(EntryWriter& writer, const EntryStore& store) {
     std::string text;
     while (!writer.isDone()) {
@@ -53,7 +53,7 @@ TEST(TheEntryWriter, WritesTheListInTheOrderOfCreation) {
     EXPECT_EQ(rest(single, store), textOf(first));
 }
 
-TEST(TheEntryWriter, WritesAllEntriesOfANumberInOnePage) {
+TEST(TheEntryWriter, WritesEntriesWithEqualNumbersOnOnePage) {
     EntryStore store;
     const auto adopt = [&store](const std::string& uuid, std::uint64_t number) {
         Entry entry;
@@ -100,7 +100,7 @@ TEST(TheEntryWriter, KeepsItsPiecesShortHoweverLongAnEntryIs) {
     EXPECT_EQ(entries[4].at("service"), service(16'300));
 }
 
-TEST(TheEntryWriter, StopsWhenTheEntryOfWhichAPartIsWrittenChanges) {
+TEST(TheEntryWriter, StopsWhenAPartlyWrittenEntryChanges) {
     EntryStore store;
     const std::string uuid = store.put("/a", service(100'000)).entry.uuid;
     store.put("/b", service(100'000));
@@ -118,7 +118,7 @@ TEST(TheEntryWriter, StopsWhenTheEntryOfWhichAPartIsWrittenChanges) {
     EXPECT_FALSE(removed.next(store));
 }
 
-TEST(TheEntryWriter, HasEveryEntryThatLivesMeanwhileOnce) {
+TEST(TheEntryWriter, WritesEveryEntryThatExistsThroughoutExactlyOnce) {
     EntryStore store;
     std::minstd_rand random(1);
     const auto below = [&random](std::size_t limit) { return random() % limit; };

@@ -1,6 +1,6 @@
-// A registry in front of an etcd that the test plays: what a real one shows rarely, or never on
-// demand. The registry and etcd have threads of their own. The tests ask over sockets, and wait for
-// requests that must come.
+// Tests a registry in front of a fake etcd, in situations that a real etcd shows rarely or never on
+// demand. The registry and etcd have threads of their own. The tests send requests over sockets,
+// and wait for expected requests to etcd.
 
 #include "EtcdBackend.h"
 
@@ -26,7 +26,7 @@
 
 #include "Base64.h"
 #include "EtcdEntries.h"
-#include "PlayedEtcd.h"
+#include "FakeEtcd.h"
 #include "RegistryProcess.h"
 #include "Replica.h"
 #include "RunningEtcdClient.h"
@@ -39,7 +39,7 @@ namespace http = boost::beast::http;
 using nlohmann::json;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Step = std::function<PlayedEtcd::Answer()>;
+using Step = std::function<FakeEtcd::Answer()>;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -49,8 +49,8 @@ using ::testing::SizeIs;
 
 const std::string kPrefix = "/orvx-registry/";
 const std::string kUuidBegin = "00000000-0000-4000-8000-";
-constexpr auto kShortTtl = 2'400ms;  // a write every 100 ms, a round of three
-constexpr auto kLongTtl = 40'000ms;  // a write every second, a round of five
+constexpr auto kShortTtl = 2'400ms;  // a write every 100 ms, three writes in a round
+constexpr auto kLongTtl = 40'000ms;  // a write every second, five writes in a round
 
 std::string uuidOf(int number) {
     const std::string digits = std::to_string(number);
@@ -61,16 +61,16 @@ std::string targetOf(int number) {
     return "/" + uuidOf(number);
 }
 
-/// The first request is carried out, but its answer is lost.
-PlayedEtcd::Script losingTheFirstAnswer(const PlayedEtcd::Answer& instead) {
+/// Carries out every request, but returns `instead` for the first one, as if its answer were lost.
+FakeEtcd::Script losingTheFirstAnswer(const FakeEtcd::Answer& instead) {
     return [instead, isFirst = std::make_shared<std::atomic<bool>>(true)](const json&,
                                                                           const Step& carryOut) {
-        PlayedEtcd::Answer answer = carryOut();
+        FakeEtcd::Answer answer = carryOut();
         return isFirst->exchange(false) ? instead : answer;
     };
 }
 
-/// The stream of changes of a replica: "put 1" for the entry of that number, "removed 1",
+/// Reads the stream of changes of a replica as texts: "put 1" for the entry number 1, "removed 1",
 /// "checked 1".
 class Watcher {
   public:
@@ -79,10 +79,10 @@ class Watcher {
         connection_.readUntil("event: listed");
     }
 
-    /// All changes up to that one.
+    /// Returns all changes up to `last`.
     std::vector<std::string> until(const std::string& last) {
         std::vector<std::string> changes;
-        const auto deadline = Clock::now() + 30s;  // comments keep the stream alive
+        const auto deadline = Clock::now() + 30s;  // heartbeats keep the stream alive
         while (changes.empty() || changes.back() != last) {
             if (Clock::now() > deadline) {
                 throw std::runtime_error("the change \"" + last + "\" did not come");
@@ -105,7 +105,7 @@ class Watcher {
 
 class AReplica : public ::testing::Test {
   protected:
-    /// Another replica puts the entry of that number, at the path "/<number>".
+    /// Puts the entry of that number at the path "/<number>", as another replica.
     void put(int number, const std::string& service = "{}") {
         Entry& entry = theirs_[number];
         entry.uuid = uuidOf(number);
@@ -121,8 +121,8 @@ class AReplica : public ::testing::Test {
         theirs_.erase(number);
     }
     std::size_t count(const std::string& call) const { return etcd_.requests(call).size(); }
-    /// How often the replica has told of checks of that entry.
-    std::size_t tellings(int number) const {
+    /// The number of the replica's writes that contain checks of that entry.
+    std::size_t checkWrites(int number) const {
         std::size_t times = 0;
         for (const json& write : etcd_.requests("kv/put")) {
             times += namesIn(write).count(uuidOf(number));
@@ -136,34 +136,34 @@ class AReplica : public ::testing::Test {
         return std::vector<std::string>(count, etcd_.url());
     }
 
-    static PlayedEtcd::Backup ofCluster(const std::string& cluster) {
-        PlayedEtcd::Backup empty;
+    static FakeEtcd::Backup ofCluster(const std::string& cluster) {
+        FakeEtcd::Backup empty;
         empty.cluster = cluster;
         return empty;
     }
-    static void setAvailable(PlayedEtcd& etcd, bool isAvailable) {
+    static void setAvailable(FakeEtcd& etcd, bool isAvailable) {
         for (const char* const call : {"kv/range", "kv/put", "kv/txn", "lease/grant", "watch"}) {
             etcd.setScript(
-                call, isAvailable ? PlayedEtcd::Script() : [](const json&, const Step&) {
-                    return PlayedEtcd::unavailable();
+                call, isAvailable ? FakeEtcd::Script() : [](const json&, const Step&) {
+                    return FakeEtcd::unavailable();
                 });
         }
         etcd.endWatches();
     }
 
-    PlayedEtcd etcd_;
+    FakeEtcd etcd_;
     const EtcdEntries entries_{kPrefix};
     std::map<int, Entry> theirs_;
 };
 
 // ---- The copy
 
-TEST_F(AReplica, ListsAgainAfterACompactionAndTouchesWhatHasChangedOnly) {
+TEST_F(AReplica, ListsAgainAfterACompactionAndReportsOnlyTheChanges) {
     put(1);
     put(2);
     put(3);
     Replica replica(members(1));
-    Watcher watcher(replica.ready());
+    Watcher watcher(replica.awaitReady());
     etcd_.silenceWatches();
     remove(1);
     put(2, R"({"a":2})");
@@ -177,21 +177,21 @@ TEST_F(AReplica, ListsAgainAfterACompactionAndTouchesWhatHasChangedOnly) {
     EXPECT_THAT(replica.paths(), ElementsAre("/2", "/3", "/4", "/5"));
 }
 
-TEST_F(AReplica, BeginsASilentWatchAnewAndIsNotReadyMeanwhile) {
+TEST_F(AReplica, RestartsASilentWatchAndIsNotReadyMeanwhile) {
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     etcd_.silenceWatches();
     await([&] { return !replica.isReady(); });
     etcd_.awaitRequests("watch", 2);
     put(1);
     etcd_.endSilence();
-    EXPECT_TRUE(replica.ready().has("/1"));
+    EXPECT_TRUE(replica.awaitReady().has("/1"));
     EXPECT_EQ(count("kv/range"), 1U);
 }
 
-TEST_F(AReplica, ContinuesAWatchThatHasBroughtSomethingAndListsAgainAfterSomeThatHaveNot) {
+TEST_F(AReplica, ListsAgainOnlyAfterSeveralWatchesWithoutAnEvent) {
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     etcd_.silenceWatches();
     etcd_.endWatches();
     etcd_.awaitRequests("watch", 2);
@@ -209,7 +209,7 @@ TEST_F(AReplica, ContinuesAWatchThatHasBroughtSomethingAndListsAgainAfterSomeTha
 TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredFromABackup) {
     put(1, R"({"a":1})");
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     const auto backup = etcd_.backup();
     for (int i = 0; i < 200; ++i) {
         etcd_.put("/other", "x");
@@ -224,14 +224,14 @@ TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredFromABackup) {
     await([&] { return replica.has("/3"); });
     etcd_.awaitRequests("kv/put", count("kv/put") + 2);
     EXPECT_EQ(count("kv/range"), 2U);
-    replica.ready();
+    replica.awaitReady();
 }
 
-// The cluster is another one, even if it has caught up with the revisions that are known.
+// The restored etcd has a higher revision than the replica knows, but belongs to another cluster.
 TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredAsAnotherCluster) {
     put(1);
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     auto backup = etcd_.backup();
     put(2);
     await([&] { return replica.has("/2"); });
@@ -241,12 +241,12 @@ TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredAsAnotherCluster) {
         etcd_.put("/other", "x");
     }
     await([&] { return !replica.has("/2"); });
-    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1"));
+    EXPECT_THAT(replica.awaitReady().paths(), ElementsAre("/1"));
 }
 
-TEST_F(AReplica, ListsAgainThoughACanceledWatchEnds) {
+TEST_F(AReplica, ListsAgainAlthoughACanceledWatchEnds) {
     Replica replica(members(1), kShortTtl);
-    replica.ready();
+    replica.awaitReady();
     etcd_.cancelWatches();
     etcd_.awaitRequests("kv/put", count("kv/put") + 1);
     etcd_.endWatches();
@@ -260,7 +260,7 @@ TEST_F(AReplica, ReadsOneListAtATime) {
         put(number);
     }
     Replica replica(members(1), kShortTtl);
-    replica.ready();
+    replica.awaitReady();
     const auto backup = etcd_.backup();
     for (int i = 0; i < 200; ++i) {
         etcd_.put("/other", "x");
@@ -269,7 +269,7 @@ TEST_F(AReplica, ReadsOneListAtATime) {
     await([&] { return replica.has("/51"); });
     const std::size_t writes = count("kv/put");
     etcd_.setScript("kv/range", [this, writes](const json& page, const Step& carryOut) {
-        if (page.at("revision") != "0") {  // the second page, while five further writes are made
+        if (page.at("revision") != "0") {  // the second page waits for further writes
             etcd_.awaitRequests("kv/put", writes + 8);
         }
         return carryOut();
@@ -293,7 +293,7 @@ TEST_F(AReplica, ListsInPagesOfOneRevisionAndInTheOrderOfCreation) {
         put(number);
     }
     Replica replica(members(1));
-    const auto paths = replica.ready().paths();
+    const auto paths = replica.awaitReady().paths();
     ASSERT_EQ(paths.size(), 90U);
     for (std::size_t i = 0; i < paths.size(); ++i) {
         EXPECT_EQ(paths[i], '/' + std::to_string(90 - i));
@@ -307,7 +307,7 @@ TEST_F(AReplica, ListsInPagesOfOneRevisionAndInTheOrderOfCreation) {
     EXPECT_EQ(etcd_.requests("watch").at(0).at("create_request").at("start_revision"), "92");
 }
 
-TEST_F(AReplica, AsksAgainForLessWhenAPageIsMissingAndForAllWhenEtcdRefusesIt) {
+TEST_F(AReplica, RepeatsAFailedPageWithASmallerLimitAndListsAgainAfterARefusal) {
     for (int number = 1; number <= 90; ++number) {
         put(number);
     }
@@ -315,15 +315,15 @@ TEST_F(AReplica, AsksAgainForLessWhenAPageIsMissingAndForAllWhenEtcdRefusesIt) {
                                     const json&, const Step& carryOut) {
         switch (++*times) {
             case 2:
-                return PlayedEtcd::unavailable();
+                return FakeEtcd::unavailable();
             case 3:
-                return PlayedEtcd::Answer{{{"code", 11}, {"message", "compacted"}}, 400};
+                return FakeEtcd::Answer{{{"code", 11}, {"message", "compacted"}}, 400};
             default:
                 return carryOut();
         }
     });
     Replica replica(members(1));
-    EXPECT_THAT(replica.ready().paths(), SizeIs(90));
+    EXPECT_THAT(replica.awaitReady().paths(), SizeIs(90));
     const auto pages = etcd_.requests("kv/range");
     EXPECT_EQ(pages.at(2).at("key"), pages.at(1).at("key"));
     const auto limit = [&pages](std::size_t number) {
@@ -336,7 +336,7 @@ TEST_F(AReplica, AsksAgainForLessWhenAPageIsMissingAndForAllWhenEtcdRefusesIt) {
 }
 
 TEST_F(AReplica, IgnoresWhatOthersWriteBelowThePrefix) {
-    const auto litter = [this] {
+    const auto writeForeignKeys = [this] {
         etcd_.put(kPrefix + "entries/x", "x");
         etcd_.put(kPrefix + "entries/" + uuidOf(7), "{\"path\":\"L2E=\"}");
         etcd_.put(kPrefix + "entries/" + uuidOf(8) + "/x", "{\"path\":\"L2E=\"}\n{}");
@@ -349,38 +349,38 @@ TEST_F(AReplica, IgnoresWhatOthersWriteBelowThePrefix) {
                    {"success",
                     {{{"request_delete_range", {{"key", encode64(kPrefix + "entries/x")}}}}}}});
     };
-    litter();
+    writeForeignKeys();
     put(1);
     Replica replica(members(1), kLongTtl);
-    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1"));
-    litter();
+    EXPECT_THAT(replica.awaitReady().paths(), ElementsAre("/1"));
+    writeForeignKeys();
     put(2);
     await([&] { return replica.has("/2"); });
     EXPECT_THAT(replica.paths(), ElementsAre("/1", "/2"));
     EXPECT_EQ(replica.ask("PUT", "/x", "{}").result(), http::status::created);
 }
 
-TEST_F(AReplica, DoesNotTakeAnEntryForAnotherOneThatItHasAskedFor) {
+TEST_F(AReplica, DoesNotAcceptAnotherEntryThanTheOneItAskedFor) {
     put(1);
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     etcd_.setScript("kv/range", [this](const json&, const Step&) {
-        return PlayedEtcd::Answer{etcd_.ask("kv/range", entries_.find(uuidOf(1)))};
+        return FakeEtcd::Answer{etcd_.ask("kv/range", entries_.find(uuidOf(1)))};
     });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 503U);
 }
 
 // ---- Another cluster
 
-TEST_F(AReplica, TakesNoAnswerOfAMemberOfAnotherCluster) {
-    PlayedEtcd stranger;
-    stranger.restore(ofCluster("2"));
+TEST_F(AReplica, IgnoresAnswersOfAMemberOfAnotherCluster) {
+    FakeEtcd otherCluster;
+    otherCluster.restore(ofCluster("2"));
     put(1);
-    Replica replica({etcd_.url(), stranger.url()}, kLongTtl);
-    Watcher watcher(replica.ready());
+    Replica replica({etcd_.url(), otherCluster.url()}, kLongTtl);
+    Watcher watcher(replica.awaitReady());
     setAvailable(etcd_, false);
-    stranger.awaitRequests("watch", 1);
-    stranger.awaitRequests("kv/put", 2);
+    otherCluster.awaitRequests("watch", 1);
+    otherCluster.awaitRequests("kv/put", 2);
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 503U);
     EXPECT_EQ(replica.ask("PUT", "/3", "{}").result(), http::status::service_unavailable);
@@ -389,21 +389,21 @@ TEST_F(AReplica, TakesNoAnswerOfAMemberOfAnotherCluster) {
     setAvailable(etcd_, true);
     put(4);
     EXPECT_THAT(watcher.until("put 4"), Not(Contains("removed 1")));
-    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1", "/4"));
+    EXPECT_THAT(replica.awaitReady().paths(), ElementsAre("/1", "/4"));
 }
 
-TEST_F(AReplica, NamesAMemberOfAnotherClusterOnce) {
-    PlayedEtcd stranger;
-    stranger.restore(ofCluster("2"));
-    RegistryProcess program({"--port", "0", "--etcd", etcd_.url() + ',' + stranger.url()});
-    for (std::size_t i = 1; i <= 2; ++i) {  // the members take turns with the watch
+TEST_F(AReplica, ReportsAMemberOfAnotherClusterOnce) {
+    FakeEtcd otherCluster;
+    otherCluster.restore(ofCluster("2"));
+    RegistryProcess program({"--port", "0", "--etcd", etcd_.url() + ',' + otherCluster.url()});
+    for (std::size_t i = 1; i <= 2; ++i) {  // each watch is sent to the next member
         etcd_.awaitRequests("watch", i);
         await([&] {
             etcd_.endWatches();
-            return stranger.requests("watch").size() >= i;
+            return otherCluster.requests("watch").size() >= i;
         });
     }
-    const std::string line = "orvx-registry: etcd: " + stranger.url() +
+    const std::string line = "orvx-registry: etcd: " + otherCluster.url() +
                              " is a member of another cluster, its answers are not taken\n";
     program.awaitErrors(line);
     program.signal(SIGTERM);
@@ -412,11 +412,11 @@ TEST_F(AReplica, NamesAMemberOfAnotherClusterOnce) {
 }
 
 TEST_F(AReplica, TakesOverTheEntriesOfAnotherClusterOnceEveryMemberIsOfIt) {
-    PlayedEtcd second;
+    FakeEtcd second;
     setAvailable(second, false);
     put(1);
     Replica replica({etcd_.url(), second.url()});
-    replica.ready();
+    replica.awaitReady();
     etcd_.restore(ofCluster("2"));
     await([&] { return !replica.isReady(); });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
@@ -426,40 +426,39 @@ TEST_F(AReplica, TakesOverTheEntriesOfAnotherClusterOnceEveryMemberIsOfIt) {
     await([&] { return !replica.has("/1"); });
 }
 
-TEST_F(AReplica, GoesOnWithEtcdWhenItWasRestoredAsAnotherCluster) {
+TEST_F(AReplica, ContinuesWithEtcdAfterARestoreAsAnotherCluster) {
     put(1);
     auto backup = etcd_.backup();
     Replica replica(members(1));
     put(2);
     await([&] { return replica.has("/2"); });
-    const std::string target = replica.ready().put("/lamp");
+    const std::string target = replica.awaitReady().put("/lamp");
     EXPECT_EQ(replica.statusOf("DELETE", target), 200U);
     backup.cluster = "2";
     etcd_.restore(backup);
     await([&] { return !replica.has("/2"); });
     put(3);
     await([&] { return replica.has("/3"); });
-    EXPECT_THAT(replica.ready().paths(), ElementsAre("/1", "/3"));
+    EXPECT_THAT(replica.awaitReady().paths(), ElementsAre("/1", "/3"));
     EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 200U);
 }
 
 // ---- Changes
 
-TEST_F(AReplica, DoesNotKnowTheResultOfAPutThatEtcdDoesNotAnswer) {
+TEST_F(AReplica, AnswersThatItIsUnavailableWhenEtcdDoesNotAnswerAPut) {
     Replica replica(members(1));
-    replica.ready();
-    etcd_.setScript("kv/txn", [](const json&, const Step&) { return PlayedEtcd::unavailable(); });
+    replica.awaitReady();
+    etcd_.setScript("kv/txn", [](const json&, const Step&) { return FakeEtcd::unavailable(); });
     const auto answer = replica.ask("PUT", "/lamp", "{}");
     EXPECT_EQ(answer.result(), http::status::service_unavailable);
     EXPECT_EQ(answer[http::field::retry_after], "1");
     EXPECT_THAT(replica.paths(), IsEmpty());
 }
 
-TEST_F(AReplica, MakesOneEntryOfAPutWhoseFirstAttemptBroughtNoAnswer) {
+TEST_F(AReplica, CreatesOneEntryWhenTheFirstAttemptOfAPutGetsNoAnswer) {
     Replica replica(members(2));
-    replica.ready();
-    for (const PlayedEtcd::Answer& instead :
-         {PlayedEtcd::unavailable(), PlayedEtcd::Answer{{}, 0}}) {
+    replica.awaitReady();
+    for (const FakeEtcd::Answer& instead : {FakeEtcd::unavailable(), FakeEtcd::Answer{{}, 0}}) {
         const std::string path = "/" + std::to_string(instead.status);
         etcd_.setScript("kv/txn", losingTheFirstAnswer(instead));
         const auto created = replica.ask("PUT", path, R"({"a":1})");
@@ -476,26 +475,25 @@ TEST_F(AReplica, MakesOneEntryOfAPutWhoseFirstAttemptBroughtNoAnswer) {
     EXPECT_THAT(entries_.entriesIn(etcd_.ask("kv/range", entries_.list({}, 10, 0))), SizeIs(2));
 }
 
-TEST_F(AReplica, HasRemovedAnEntryThoughTheFirstAttemptBroughtNoAnswer) {
+TEST_F(AReplica, ReportsARemovalWhoseFirstAttemptGotNoAnswer) {
     put(1);
     put(2);
     Replica replica(members(2));
-    replica.ready();
+    replica.awaitReady();
     int number = 0;
-    for (const PlayedEtcd::Answer& instead :
-         {PlayedEtcd::unavailable(), PlayedEtcd::Answer{{}, 0}}) {
+    for (const FakeEtcd::Answer& instead : {FakeEtcd::unavailable(), FakeEtcd::Answer{{}, 0}}) {
         etcd_.setScript("kv/txn", losingTheFirstAnswer(instead));
         EXPECT_EQ(replica.statusOf("DELETE", targetOf(++number)), 200U);
         EXPECT_EQ(replica.statusOf("DELETE", targetOf(number)), 404U);
     }
 }
 
-TEST_F(AReplica, LearnsFromEtcdWhatAPutOrADeleteFinds) {
+TEST_F(AReplica, RepeatsAPutOrDeleteWithTheStateThatEtcdReports) {
     for (int number = 1; number <= 4; ++number) {
         put(number, R"({"host":"a","port":1})");
     }
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     etcd_.silenceWatches();
     remove(1);
     put(2, R"({"a":2})");
@@ -516,9 +514,9 @@ TEST_F(AReplica, LearnsFromEtcdWhatAPutOrADeleteFinds) {
     EXPECT_THAT(entries_.entriesIn(etcd_.ask("kv/range", entries_.list({}, 10, 0))), SizeIs(3));
 }
 
-TEST_F(AReplica, GivesUpAPathThatOthersChangeAgainAndAgain) {
+TEST_F(AReplica, GivesUpAChangeThatConflictsWithOthersAgainAndAgain) {
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     etcd_.setScript("kv/txn", [this](const json&, const Step& carryOut) {
         put(1);
         return carryOut();
@@ -528,12 +526,12 @@ TEST_F(AReplica, GivesUpAPathThatOthersChangeAgainAndAgain) {
     EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 503U);
 }
 
-TEST_F(AReplica, TakesALeaseForManyRemovalsAndANewOneWhenEtcdHasLostIt) {
+TEST_F(AReplica, UsesOneLeaseForManyRemovalsAndANewOneAfterEtcdHasLostIt) {
     for (int number = 1; number <= 3; ++number) {
         put(number);
     }
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 200U);
     EXPECT_EQ(replica.statusOf("DELETE", targetOf(2)), 200U);
     EXPECT_EQ(count("lease/grant"), 1U);
@@ -545,7 +543,7 @@ TEST_F(AReplica, TakesALeaseForManyRemovalsAndANewOneWhenEtcdHasLostIt) {
 
 TEST_F(AReplica, AnswersWhenTheCopyHasTheChangeOrAfterASecond) {
     Replica replica(members(1));
-    replica.ready();
+    replica.awaitReady();
     const auto timeOf = [](const std::function<void()>& task) {
         const auto begin = Clock::now();
         task();
@@ -566,7 +564,7 @@ TEST_F(AReplica, AnswersWhenTheCopyHasTheChangeOrAfterASecond) {
 
 // ---- Checks and expiry
 
-TEST_F(AReplica, RenewsWhatIsCheckedAtOthers) {
+TEST_F(AReplica, RenewsEntriesThatAreCheckedAtOtherReplicas) {
     put(1);
     put(2);
     etcd_.setScript("kv/put", [this](const json&, const Step& carryOut) {
@@ -574,7 +572,7 @@ TEST_F(AReplica, RenewsWhatIsCheckedAtOthers) {
         return carryOut();
     });
     Replica replica(members(1), kShortTtl);
-    Watcher watcher(replica.ready());
+    Watcher watcher(replica.awaitReady());
     EXPECT_THAT(watcher.until("removed 2"), Contains("checked 1"));
     EXPECT_TRUE(replica.has("/1"));
     EXPECT_THAT(replica.metrics(), HasSubstr("orvx_registry_expirations_total 1\n"));
@@ -582,11 +580,11 @@ TEST_F(AReplica, RenewsWhatIsCheckedAtOthers) {
     watcher.until("removed 1");
 }
 
-TEST_F(AReplica, TellsACheckOnceInARoundAndDoesNotTakeItForAnotherOne) {
+TEST_F(AReplica, WritesACheckOnceInARoundAndDoesNotCountItsOwnWriteAsACheck) {
     put(1);
     put(2);
     Replica replica(members(1), kLongTtl);
-    Watcher watcher(replica.ready());
+    Watcher watcher(replica.awaitReady());
     // All checks of entry 1 come in one round, which ends with the write that names entry 2.
     std::promise<void> release;
     etcd_.setScript("kv/put", [isReleased = release.get_future().share()](const json& write,
@@ -597,7 +595,7 @@ TEST_F(AReplica, TellsACheckOnceInARoundAndDoesNotTakeItForAnotherOne) {
         return carryOut();
     });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 200U);
-    await([&] { return tellings(2) == 1; });
+    await([&] { return checkWrites(2) == 1; });
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
     }
@@ -610,35 +608,35 @@ TEST_F(AReplica, TellsACheckOnceInARoundAndDoesNotTakeItForAnotherOne) {
     watcher.until("put 4");
     release.set_value();
     etcd_.awaitRequests("kv/put", count("kv/put") + 3);
-    EXPECT_EQ(tellings(1), 1U);
+    EXPECT_EQ(checkWrites(1), 1U);
     put(5);
     EXPECT_THAT(watcher.until("put 5"), Not(Contains("checked 1")));
 }
 
-TEST_F(AReplica, TellsACheckInEachRound) {
+TEST_F(AReplica, WritesACheckInEachRound) {
     put(1);
     Replica replica(members(1), kShortTtl);
-    replica.ready();
+    replica.awaitReady();
     await([&] {
         EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
-        return tellings(1) == 3;
+        return checkWrites(1) == 3;
     });
 }
 
-TEST_F(AReplica, TellsAgainOfChecksWhoseWriteFailed) {
+TEST_F(AReplica, WritesChecksAgainAfterAFailedWrite) {
     put(1);
     Replica replica(members(1), kLongTtl);
-    replica.ready();
+    replica.awaitReady();
     etcd_.setScript("kv/put", [isFirst = std::make_shared<std::atomic<bool>>(true)](
                                   const json& write, const Step& carryOut) {
-        return !namesIn(write).empty() && isFirst->exchange(false) ? PlayedEtcd::unavailable()
+        return !namesIn(write).empty() && isFirst->exchange(false) ? FakeEtcd::unavailable()
                                                                    : carryOut();
     });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
-    await([&] { return tellings(1) == 2; });
+    await([&] { return checkWrites(1) == 2; });
 }
 
-TEST_F(AReplica, LetsExpireInSeveralTransactionsAndKeepsWhatChangesMeanwhile) {
+TEST_F(AReplica, RemovesExpiredEntriesInSeveralTransactionsAndKeepsChangedOnes) {
     constexpr int kCount = 130;
     for (int number = 1; number <= kCount; ++number) {
         put(number);
@@ -652,9 +650,9 @@ TEST_F(AReplica, LetsExpireInSeveralTransactionsAndKeepsWhatChangesMeanwhile) {
         return carryOut();
     });
     Replica replica(members(1), kShortTtl);
-    Watcher watcher(replica.ready());
+    Watcher watcher(replica.awaitReady());
     etcd_.awaitRequests("kv/txn", 1);
-    await([&] {  // the checks keep it until the others have gone, however long that takes
+    await([&] {  // the checks keep the entry until the others have expired
         EXPECT_EQ(replica.statusOf("HEAD", targetOf(kCount)), 200U);
         return replica.paths().size() == 1;
     });
@@ -671,9 +669,9 @@ TEST_F(AReplica, LetsExpireInSeveralTransactionsAndKeepsWhatChangesMeanwhile) {
     });
 }
 
-TEST_F(AReplica, KeepsWhatIsCheckedWhileOthersExpire) {
+TEST_F(AReplica, KeepsAnEntryThatIsCheckedWhileOthersExpire) {
     constexpr int kCount = 130;
-    constexpr int kChecked = 70;  // of the second transaction
+    constexpr int kChecked = 70;  // an entry of the second transaction
     for (int number = 1; number <= kCount; ++number) {
         put(number);
     }
@@ -693,7 +691,7 @@ TEST_F(AReplica, KeepsWhatIsCheckedWhileOthersExpire) {
     });
 }
 
-TEST_F(AReplica, LetsExpireNothingOnceAnotherOneHasToldOfChecks) {
+TEST_F(AReplica, ExpiresNothingAfterAnotherReplicaHasWrittenChecks) {
     constexpr int kCount = 100;
     std::vector<std::string> all;
     for (int number = 1; number <= kCount; ++number) {
@@ -716,23 +714,23 @@ TEST_F(AReplica, LetsExpireNothingOnceAnotherOneHasToldOfChecks) {
 
 // ---- The end
 
-TEST_F(AReplica, TellsItsLastChecksBeforeItEnds) {
+TEST_F(AReplica, WritesItsLastChecksBeforeItEnds) {
     put(1);
     Replica replica(members(1), kLongTtl);
-    replica.ready();
+    replica.awaitReady();
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
     replica.registry().stop();
-    EXPECT_EQ(tellings(1), 1U);
+    EXPECT_EQ(checkWrites(1), 1U);
 }
 
 TEST_F(AReplica, EndsSoonWhenEtcdIsSilent) {
     put(1);
     Replica replica(members(5), kLongTtl);
-    replica.ready();
+    replica.awaitReady();
     std::promise<void> end;
     etcd_.setScript("kv/put", [ended = end.get_future().share()](const json&, const Step&) {
         ended.wait();
-        return PlayedEtcd::unavailable();
+        return FakeEtcd::unavailable();
     });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
     const auto begin = Clock::now();
@@ -741,11 +739,11 @@ TEST_F(AReplica, EndsSoonWhenEtcdIsSilent) {
     end.set_value();
 }
 
-TEST_F(AReplica, EndsAfterTheWriteThatIsUnderWayAndTellsWhatCameSince) {
+TEST_F(AReplica, FinishesAPendingWriteAndWritesLaterChecksBeforeItEnds) {
     put(1);
     put(2);
     Replica replica(members(1), kLongTtl);
-    replica.ready();
+    replica.awaitReady();
     std::promise<void> release;
     etcd_.setScript("kv/put", [isReleased = release.get_future().share()](const json& write,
                                                                           const Step& carryOut) {
@@ -755,7 +753,7 @@ TEST_F(AReplica, EndsAfterTheWriteThatIsUnderWayAndTellsWhatCameSince) {
         return carryOut();
     });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
-    await([&] { return tellings(1) == 1; });
+    await([&] { return checkWrites(1) == 1; });
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 200U);
     std::thread end([&] { replica.registry().stop(); });
     await([&] {
@@ -768,16 +766,16 @@ TEST_F(AReplica, EndsAfterTheWriteThatIsUnderWayAndTellsWhatCameSince) {
     });
     release.set_value();
     end.join();
-    EXPECT_EQ(tellings(2), 1U);
+    EXPECT_EQ(checkWrites(2), 1U);
 }
 
-TEST(AnEtcdBackend, EndsThoughItsNextWriteIsDueWhenItIsStopped) {
-    const PlayedEtcd etcd;
+TEST(AnEtcdBackend, EndsAlthoughItsNextWriteIsDueWhenItIsStopped) {
+    const FakeEtcd etcd;
     asio::io_context context;
     EntryStore store;
     EtcdBackend backend(context, optionsOf({etcd.url()}), kPrefix, store, [] {});
     asio::post(context, [&] { backend.stop(); });
-    const auto due = Clock::now() + 1'100ms;  // the timer has expired, its handler has not run
+    const auto due = Clock::now() + 1'100ms;  // the timer has expired, but its handler has not run
     while (Clock::now() < due) {
         std::this_thread::yield();
     }

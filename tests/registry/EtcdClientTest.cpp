@@ -1,4 +1,5 @@
-// Calls of the client of etcd: to etcd itself, and to members that a test plays byte by byte.
+// Tests the calls of the etcd client, with a real etcd and with fake members whose bytes the test
+// writes.
 // The client runs on its own thread, the test on the main one; they share futures and a queue,
 // which has a lock of its own.
 
@@ -98,7 +99,7 @@ TEST(AnEtcdClient, AsksNoOtherMemberAfterARefusal) {
     EXPECT_FALSE(result.isUncertain);
 }
 
-TEST(AnEtcdClient, GoesOnAfterARestartOfEtcd) {
+TEST(AnEtcdClient, WorksAfterARestartOfEtcd) {
     EtcdProcess etcd;
     RunningEtcdClient client(optionsOf({etcd.url()}));
     ASSERT_TRUE(client.put("a", "1").answer);
@@ -110,7 +111,7 @@ TEST(AnEtcdClient, GoesOnAfterARestartOfEtcd) {
     EXPECT_EQ(got.answer->at("kvs").at(0).at("value"), "MQ==");
 }
 
-TEST(AnEtcdClient, IsCertainThoughEtcdWasRestartedBetweenTwoCalls) {
+TEST(AnEtcdClient, HasACertainResultAlthoughEtcdWasRestartedBetweenTwoCalls) {
     EtcdProcess etcd;
     RunningEtcdClient client(optionsOf({etcd.url()}));
     ASSERT_TRUE(client.put("a", "1").answer);
@@ -137,7 +138,7 @@ TEST(AnEtcdClient, StaysWithTheMemberThatAnsweredLast) {
     EXPECT_FALSE(got.isUncertain);
 }
 
-TEST(AnEtcdClient, TakesAnswersOfTheRequiredClusterOnly) {
+TEST(AnEtcdClient, AcceptsOnlyAnswersOfTheRequiredCluster) {
     const EtcdProcess other;
     EtcdProcess etcd;
     const auto clusterOf = [](const Result& result) {
@@ -173,7 +174,7 @@ TEST(AnEtcdClient, TakesAnswersOfTheRequiredClusterOnly) {
     EXPECT_NE(cluster, otherCluster);
 }
 
-TEST(AnEtcdClient, EndsAWatchThatIsOfAnotherCluster) {
+TEST(AnEtcdClient, EndsAWatchOfAnotherCluster) {
     const EtcdProcess etcd;
     Texts texts;
     RunningEtcdClient client(optionsOf({etcd.url()}));
@@ -230,7 +231,7 @@ TEST(AnEtcdClient, AsksEachMemberOnce) {
     EXPECT_TRUE(got.isUncertain);
 }
 
-TEST(AnEtcdClient, KnowsWhichErrorsAreFinalAndWhichAreCertain) {
+TEST(AnEtcdClient, DistinguishesFinalErrorsAndErrorsWithoutAnEffect) {
     struct Case {
         std::string status, message;
         int code;
@@ -274,7 +275,7 @@ TEST(AnEtcdClient, KnowsWhichErrorsAreFinalAndWhichAreCertain) {
     }
 }
 
-TEST(AnEtcdClient, TakesNoAnswerThatIsCutOrHostile) {
+TEST(AnEtcdClient, RefusesTruncatedAndHostileAnswers) {
     const FakeMember member;
     const std::string json200 = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
     for (const std::string& bytes : std::vector<std::string>{
@@ -323,7 +324,7 @@ TEST(AnEtcdClient, TakesNoAnswerThatIsCutOrHostile) {
     }
 }
 
-TEST(AnEtcdClient, TakesNoAnswerBeyondItsBound) {
+TEST(AnEtcdClient, RefusesAnAnswerBeyondItsLimit) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}));
     auto announced = client.call();
@@ -344,7 +345,7 @@ TEST(AnEtcdClient, TakesNoAnswerBeyondItsBound) {
     EXPECT_THAT(resultOf(chunked).error, HasSubstr("body limit exceeded"));
 }
 
-TEST(AnEtcdClient, ShowsNoControlCharacterOfAnAnswer) {
+TEST(AnEtcdClient, ReplacesControlCharactersInItsErrors) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}));
     auto result = client.call();
@@ -480,7 +481,7 @@ TEST(AnEtcdClient, RunsCallsInParallelUpToABound) {
     }
 }
 
-TEST(AnEtcdClient, EndsCallsThatWaitInVainForOthers) {
+TEST(AnEtcdClient, EndsCallsThatWaitTooLongForOthers) {
     const FakeMember silent;
     RunningEtcdClient client(optionsOf({silent.url()}, 200ms));
     std::vector<std::future<Result>> results;
@@ -505,7 +506,7 @@ TEST(AnEtcdClient, ConnectsByName) {
     EXPECT_TRUE(put.answer) << put.error;
 }
 
-TEST(AnEtcdClient, SaysThatANameIsUnknown) {
+TEST(AnEtcdClient, ReportsAnUnknownName) {
     RunningEtcdClient client(optionsOf({"http://name.invalid:1"}));
     const Result put = client.put("a", "1");
     EXPECT_THAT(put.error, StartsWith("http://name.invalid:1: "));

@@ -1,4 +1,5 @@
-// Keys, values and transactions, carried out by a real etcd, and values that are none of ours.
+// Tests keys, values and transactions with a real etcd, and values that this program does not
+// write.
 
 #include "EtcdEntries.h"
 
@@ -52,7 +53,7 @@ class ATransactionOfEtcd : public ::testing::Test {
     json answer_;
 };
 
-TEST_F(ATransactionOfEtcd, KeepsAllThatMakesAnEntry) {
+TEST_F(ATransactionOfEtcd, PreservesAllFieldsOfAnEntry) {
     Entry entry = lamp();
     entry.path = "/\xff ä";
     entry.address = "ä:1";
@@ -70,7 +71,7 @@ TEST_F(ATransactionOfEtcd, KeepsAllThatMakesAnEntry) {
     EXPECT_EQ(kept.etcdRevision, revision());
 }
 
-TEST_F(ATransactionOfEtcd, ThatCreatesFailsOnceThePathHasAnEntryAndTellsWhich) {
+TEST_F(ATransactionOfEtcd, ThatCreatesFailsIfThePathHasAnEntryAndReturnsItsState) {
     ASSERT_TRUE(put(lamp(), 0));
     const auto created = revision();
     EXPECT_FALSE(put(lamp("00000000-0000-4000-8000-000000000002"), 0));
@@ -112,19 +113,19 @@ TEST_F(ATransactionOfEtcd, ThatRemovesDoesNothingWhenItArrivesAfterALaterPut) {
     EXPECT_THAT(entries_.revisionsIn(answer_), IsEmpty());
 }
 
-TEST_F(ATransactionOfEtcd, ThatExpiresDoesNothingWhenChecksWereToldMeanwhile) {
+TEST_F(ATransactionOfEtcd, ThatExpiresDoesNothingWhenChecksWereWrittenMeanwhile) {
     Entry entry = lamp();
     ASSERT_TRUE(put(entry, 0));
     entry.etcdRevision = revision();
-    const auto told = EtcdEntries::revisionOf(ask("kv/put", entries_.putChecks("a", {})));
+    const auto written = EtcdEntries::revisionOf(ask("kv/put", entries_.putChecks("a", {})));
     const auto lease = EtcdEntries::leaseIn(ask("lease/grant", EtcdEntries::grantLease()));
-    const json expire = entries_.remove({entry}, lease, told);
+    const json expire = entries_.remove({entry}, lease, written);
     const auto later = EtcdEntries::revisionOf(ask("kv/put", entries_.putChecks("a", {kUuid})));
     EXPECT_FALSE(EtcdEntries::hasSucceeded(ask("kv/txn", expire)));
     EXPECT_TRUE(EtcdEntries::hasSucceeded(ask("kv/txn", entries_.remove({entry}, lease, later))));
 }
 
-TEST_F(ATransactionOfEtcd, ThatRemovesManyLeavesAllIfOneHasChanged) {
+TEST_F(ATransactionOfEtcd, ThatRemovesManyRemovesNoneIfOneHasChanged) {
     std::vector<Entry> all;
     for (std::size_t i = 0; i < EtcdEntries::kMaxRemovals; ++i) {
         Entry entry =
@@ -171,7 +172,7 @@ TEST(AKeyOfEtcd, IsNoEntryIfAnyPartOfItIsMissing) {
           "{\"path\":\"?\"}\n{}"}) {
         EXPECT_EQ(count(pairOf(name, value)), 0U) << value;
     }
-    // These would make the list of all entries something else than JSON, or make readers recurse.
+    // These values would make the list of all entries invalid JSON, or make readers recurse.
     const std::string head = "{\"path\":\"L2E=\"}\n";
     EXPECT_EQ(count(pairOf(name, head + "\xef\xbb\xbf{}")), 0U);
     EXPECT_EQ(count(pairOf(name, head + "{\"a\":1}" + '\0' + "}],\"b\":[{")), 0U);
@@ -187,7 +188,7 @@ TEST(AKeyOfEtcd, IsNoEntryIfAnyPartOfItIsMissing) {
     EXPECT_EQ(count({{"key", 1}, {"value", json::array()}}), 0U);
 }
 
-TEST(AnEventOfEtcd, IsIgnoredIfItIsNoneOfOurs) {
+TEST(AnEventOfEtcd, IsIgnoredIfItsKeyOrValueIsUnknown) {
     const EtcdEntries entries("/test/");
     using Kind = EtcdEntries::Change::Kind;
     const auto kindOf = [&](const json& event) {
@@ -203,7 +204,7 @@ TEST(AnEventOfEtcd, IsIgnoredIfItIsNoneOfOurs) {
               3U);
 }
 
-TEST(TheNameOfAnEntry, HasTheFormOfAUuidInLowerCase) {
+TEST(TheNameOfAnEntry, IsAUuidInLowerCase) {
     EXPECT_TRUE(isUuid(kUuid));
     for (const char* text :
          {"", "x", "00000000-0000-4000-8000-00000000000", "00000000-0000-4000-8000-0000000000011",

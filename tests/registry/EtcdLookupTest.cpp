@@ -1,4 +1,5 @@
-// How the client of etcd finds the addresses of a member, with names that only this test knows.
+// Tests how the etcd client looks up the addresses of a member, with names that only this test
+// resolves.
 // The client runs on its own thread, lookups on one of Asio's, the test on the main one; they share
 // futures.
 
@@ -19,14 +20,15 @@
 
 namespace {
 
-std::promise<void>* endOfLookup = nullptr;  // of hangs.test
+std::promise<void>* endOfLookup = nullptr;  // ends the lookup of hangs.test
 
 using Lookup = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
 
 }  // namespace
 
-/// Knows two names more than the system's: "several.test" has an address that refuses connections,
-/// one that does not answer, and 127.0.0.1. The lookup of "hangs.test" ends when the test says so.
+/// Replaces the system's function and adds two names. "several.test" has an address that refuses
+/// connections, one that does not answer, and 127.0.0.1. The lookup of "hangs.test" ends when the
+/// test ends it.
 extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints,
                            addrinfo** result) {
     static const auto lookUp = reinterpret_cast<Lookup>(::dlsym(RTLD_NEXT, "getaddrinfo"));
@@ -52,7 +54,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// 127.0.0.2 at that port, where connecting never ends: the queue is full.
+/// Listens at 127.0.0.2 with a full queue, so that connecting to it never ends.
 class FullListener {
   public:
     explicit FullListener(std::uint16_t port) {
@@ -97,7 +99,7 @@ TEST(ALookupOfEtcd, LeadsToTheFirstAddressThatAnswers) {
     EXPECT_FALSE(got.isUncertain);
 }
 
-TEST(ALookupOfEtcd, IsGivenUpInTime) {
+TEST(ALookupOfEtcd, EndsInTimeWhenItHangs) {
     std::promise<void> end;
     endOfLookup = &end;
     {

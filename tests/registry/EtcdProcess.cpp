@@ -1,5 +1,5 @@
-// Starts members of etcd and asks for their health, at a port without TLS.
-// Entered by the one thread that owns the process.
+// Starts members of etcd and requests their health at a port without TLS.
+// Runs on the thread that owns the process.
 // There is no lock.
 
 #include "EtcdProcess.h"
@@ -47,8 +47,8 @@ std::string endOf(const std::string& file) {
 
 }  // namespace
 
-// A socket that is bound, but does not listen, keeps the port from everyone that asks for any free
-// one. SO_REUSEADDR, which etcd sets, too, lets etcd listen there all the same. It is set after the
+// A socket that is bound, but does not listen, reserves the port against programs that ask for any
+// free port. SO_REUSEADDR, which etcd also sets, still lets etcd listen there. It is set after the
 // bind, which could otherwise choose a port that another object of this class reserves.
 ReservedPort::ReservedPort() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in address{};
@@ -105,7 +105,7 @@ void EtcdProcess::resume() const {
 }
 
 void EtcdProcess::launch() {
-    // The log is a file: a pipe that nobody reads would stop etcd when it is full.
+    // The log is a file: etcd would block on a full pipe that nobody reads.
     std::vector<std::string> arguments{"--pdeathsig",
                                        "KILL",
                                        "sh",

@@ -13,8 +13,8 @@ namespace orvx::registry {
 
 class Certificates;
 
-/// A port of 127.0.0.1 that no other program gets while this object lives, whether or not a program
-/// listens at it.
+/// Reserves a port of 127.0.0.1 against other programs while this object lives, whether or not a
+/// program listens at it.
 class ReservedPort {
   public:
     ReservedPort();
@@ -29,25 +29,27 @@ class ReservedPort {
     std::uint16_t number_ = 0;
 };
 
-/// A member of etcd as a child process with a folder of its own. It runs and has a leader when the
-/// constructor returns. All that waits throws a std::runtime_error with the end of its log.
+/// A member of etcd as a child process with a folder of its own. It has a leader when the
+/// constructor returns. A function that waits too long throws a std::runtime_error with the end of
+/// etcd's log.
 ///
 /// Thread-safety: none. The process ends with the thread that started it, at the latest.
 class EtcdProcess {
   public:
-    /// A cluster of one member. `certificates`: null for http; else the member shows "etcd", and
-    /// demands a certificate of the same authority.
+    /// A cluster of one member. `certificates`: null for http; otherwise the member presents the
+    /// certificate "etcd", and requires a certificate of the same authority.
     explicit EtcdProcess(const Certificates* certificates = nullptr);
 
-    /// Where its clients connect.
+    /// The URL for clients.
     std::string url() const;
     pid_t pid() const { return process_->pid(); }
 
     /// Kills it with SIGKILL.
     void stop();
-    /// After stop(): at the same ports, with the same data. Waits until it has a leader.
+    /// After stop(): starts the member again with the same ports and data. Waits until it has a
+    /// leader.
     void start();
-    /// SIGSTOP; resume() is SIGCONT.
+    /// Sends SIGSTOP; resume() sends SIGCONT.
     void pause() const;
     void resume() const;
 
@@ -71,7 +73,7 @@ class EtcdProcess {
     std::unique_ptr<ChildProcess> process_{};
 };
 
-/// Members of etcd that are one cluster with a leader when the constructor returns.
+/// Members of one cluster of etcd, which has a leader when the constructor returns.
 ///
 /// Thread-safety: none.
 class EtcdCluster {

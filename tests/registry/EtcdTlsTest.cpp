@@ -1,4 +1,4 @@
-// The client of etcd over TLS: which members it trusts, and what it shows.
+// Tests the etcd client over TLS: which members it trusts, and which certificate it presents.
 // The client runs on its own thread, the test on the main one; they share futures and a queue,
 // which has a lock of its own.
 
@@ -57,7 +57,7 @@ TEST_F(AnEtcdClientOverTls, CallsAndWatches) {
     }
 }
 
-TEST_F(AnEtcdClientOverTls, ShowsItsCertificate) {
+TEST_F(AnEtcdClientOverTls, PresentsItsCertificate) {
     start();
     ASSERT_TRUE(put().answer);
     options_.tls.certificate.clear();
@@ -71,7 +71,7 @@ TEST_F(AnEtcdClientOverTls, TrustsOnlyItsAuthority) {
     const Result untrusted = put();
     EXPECT_THAT(untrusted.error, HasSubstr("certificate verify failed"));
     EXPECT_FALSE(untrusted.isUncertain);
-    options_.tls.authority.clear();  // those of the system
+    options_.tls.authority.clear();  // uses the system's authorities
     EXPECT_THAT(put().error, HasSubstr("certificate verify failed"));
 }
 

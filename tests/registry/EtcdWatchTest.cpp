@@ -1,4 +1,5 @@
-// Watches of the client of etcd: at etcd itself, and at members that a test plays byte by byte.
+// Tests the watches of the etcd client, with a real etcd and with fake members whose bytes the test
+// writes.
 // The client runs on its own thread, the test on the main one; they share futures and a queue,
 // which has a lock of its own.
 
@@ -27,7 +28,7 @@ using ::testing::StartsWith;
 
 const json kWatchOfA{{"key", "YQ=="}};
 
-TEST(AWatchOfEtcd, TellsWhatChanges) {
+TEST(AWatchOfEtcd, ReportsChanges) {
     const EtcdProcess etcd;
     RunningEtcdClient client(optionsOf({etcd.url()}));
     Texts texts;
@@ -85,7 +86,7 @@ TEST(AWatchOfEtcd, EndsWhenTheMemberDoesNotBeginToAnswer) {
     EXPECT_THAT(texts.next(), StartsWith("end: " + etcd.url() + ": "));
 }
 
-TEST(AWatchOfEtcd, WaitsForEverOnceItHasBegun) {
+TEST(AWatchOfEtcd, HasNoTimeOutOnceItHasBegun) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}, 200ms));
     Texts texts;
@@ -119,7 +120,7 @@ TEST(AWatchOfEtcd, ReadsLinesHoweverTheyAreCut) {
     EXPECT_EQ(texts.next(), "end: " + member.url() + ": the stream ended");
 }
 
-TEST(AWatchOfEtcd, EndsAtALineThatIsNoResult) {
+TEST(AWatchOfEtcd, EndsAtALineThatIsNotAResult) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}));
     Texts texts;
@@ -141,7 +142,7 @@ TEST(AWatchOfEtcd, EndsAtALineThatIsNoResult) {
     EXPECT_TRUE(texts.isEmpty());
 }
 
-TEST(AWatchOfEtcd, EndsWhenItIsNotBegunOrCut) {
+TEST(AWatchOfEtcd, EndsWhenItIsRefusedOrCutOff) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}));
     Texts texts;
@@ -165,7 +166,7 @@ TEST(AWatchOfEtcd, EndsWhenItIsNotBegunOrCut) {
     EXPECT_TRUE(texts.isEmpty());
 }
 
-TEST(AWatchOfEtcd, EndsAtALineBeyondTheBound) {
+TEST(AWatchOfEtcd, EndsAtALineBeyondTheLimit) {
     const FakeMember member;
     RunningEtcdClient client(optionsOf({member.url()}));
     Texts texts;

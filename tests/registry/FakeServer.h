@@ -13,7 +13,7 @@
 
 namespace orvx::registry {
 
-/// Accepts one connection and answers it with any bytes.
+/// Accepts a connection and answers one request with the given bytes.
 class FakeServer {
   public:
     explicit FakeServer(const char* address)

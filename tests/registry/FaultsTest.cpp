@@ -1,4 +1,4 @@
-// Faults: how they are written, and which requests they meet, by a clock that the test turns.
+// Tests the syntax of faults and the requests that they affect, with a clock that the test sets.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -35,7 +35,7 @@ class AFault : public ::testing::Test {
     Faults faults_;
 };
 
-TEST_F(AFault, MeetsEveryRequestOfTheProtocolUntilItIsTakenAway) {
+TEST_F(AFault, AffectsEveryRequestOfTheProtocolUntilItIsRemoved) {
     set(R"({"fault":"status","status":503})");
     for (const verb method : {verb::put, verb::head, verb::delete_, verb::put}) {
         EXPECT_EQ(status(method), 503U);
@@ -45,7 +45,7 @@ TEST_F(AFault, MeetsEveryRequestOfTheProtocolUntilItIsTakenAway) {
     EXPECT_EQ(status(verb::put), 0U);
 }
 
-TEST_F(AFault, MeetsOnlyTheMethodItNames) {
+TEST_F(AFault, AffectsOnlyRequestsOfItsMethod) {
     set(R"({"fault":"status","status":404,"method":"HEAD"})");
     EXPECT_EQ(status(verb::put), 0U);
     EXPECT_EQ(status(verb::head), 404U);
@@ -53,7 +53,7 @@ TEST_F(AFault, MeetsOnlyTheMethodItNames) {
     EXPECT_EQ(status(verb::get), 404U);
 }
 
-TEST_F(AFault, SkipsAndCountsTheRequestsItTakesOnly) {
+TEST_F(AFault, SkipsAndCountsOnlyMatchingRequests) {
     set(R"({"fault":"status","status":503,"method":"PUT","skip":1,"requests":2})");
     EXPECT_EQ(status(verb::head), 0U);
     EXPECT_EQ(status(verb::put), 0U);
@@ -76,7 +76,7 @@ TEST_F(AFault, BeginsAndEndsAtItsTime) {
     EXPECT_EQ(faults_.count(now_), 0U);
 }
 
-TEST_F(AFault, MeetsARequestTogetherWithOthers) {
+TEST_F(AFault, AffectsARequestTogetherWithOthers) {
     set("{\"fault\":\"delay\",\"milliseconds\":200}\n{\"fault\":\"delay\",\"milliseconds\":50}\n"
         "{\"fault\":\"status\",\"status\":500}\n{\"fault\":\"status\",\"status\":404}\n"
         "{\"fault\":\"reset\"}\n");
@@ -103,7 +103,7 @@ TEST_F(AFault, ForgetsTheEntryItNames) {
     EXPECT_EQ(store_.find(uuid), nullptr);
 }
 
-TEST_F(AFault, ForgetsBetweenTwoChecksWhereItCountsThem) {
+TEST_F(AFault, ForgetsAnEntryAfterTheSkippedChecks) {
     store_.put("/a", {});
     set(R"({"fault":"forget","method":"HEAD","skip":1})");
     EXPECT_EQ(entriesAfter(std::nullopt), 1U);
@@ -111,7 +111,7 @@ TEST_F(AFault, ForgetsBetweenTwoChecksWhereItCountsThem) {
     EXPECT_EQ(entriesAfter(verb::head), 0U);
 }
 
-TEST_F(AFault, IsShownWithWhatIsLeftOfIt) {
+TEST_F(AFault, IsShownWithItsRemainingValues) {
     set(R"({"fault":"status","status":503,"method":"PUT","requests":3,"after":1,"seconds":10})");
     now_ += 4s;
     status(verb::put);
@@ -137,7 +137,7 @@ void expectRefused(const std::string& line, const std::string& why) {
         << line;
 }
 
-TEST(FaultsInAText, AreRefusedWhenTheyAreNoObject) {
+TEST(FaultsInAText, AreRefusedWhenALineIsNotAnObject) {
     for (const char* line : {"reset", "[]", "1", "{", "\"fault\"", "\x80", "{} {}"}) {
         expectRefused(line, "not a JSON object");
     }

@@ -1,6 +1,6 @@
-// Who may do what at a registry with tokens: every method and resource beside every right, and what
-// is refused without the body of a request.
-// Everything runs on the test's thread, and the clock is turned by hand.
+// Tests the rights of tokens: every method and resource with every right, and refusals without the
+// body of a request.
+// Everything runs on the test's thread, which also sets the clock.
 // There is no lock.
 
 #include "Guard.h"
@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "Asking.h"
+#include "SynchronousAnswer.h"
 #include "TemporaryFolder.h"
 #include "TokenLine.h"
 
@@ -89,7 +89,7 @@ class TheGuard : public ::testing::Test {
     Dispatcher dispatcher_{{10s, 100, "", [this] { return now_; }, {}}, {true, 0, audit_}};
 };
 
-TEST_F(TheGuard, AsksEverybodyForATokenWhateverTheyWant) {
+TEST_F(TheGuard, RequiresATokenForEveryMethodAndTarget) {
     for (const verb method : {verb::get, verb::head, verb::put, verb::delete_, verb::post}) {
         for (const char* target :
              {"/", "/x", "/-/watch", "/-/metrics", "/-/faults", "/-/page.js"}) {
@@ -102,7 +102,7 @@ TEST_F(TheGuard, AsksEverybodyForATokenWhateverTheyWant) {
     EXPECT_TRUE(dispatcher_.store().entries().empty());
 }
 
-TEST_F(TheGuard, TakesNothingForATokenButOne) {
+TEST_F(TheGuard, RefusesAnythingButOneValidToken) {
     for (const char* text :
          {"reader-secret", "Bearer", "Bearer ", "Bearer  ", "Bearer reader-secre",
           "Bearer reader-secrets", "Bearer Reader-secret", "Bearer reader-secret,lamps-secret",
@@ -116,7 +116,7 @@ TEST_F(TheGuard, TakesNothingForATokenButOne) {
     EXPECT_EQ(carryOut(twice).result(), http::status::unauthorized);
 }
 
-TEST_F(TheGuard, TakesATokenAsPasswordTooForTheSakeOfBrowsers) {
+TEST_F(TheGuard, AcceptsATokenAsThePasswordOfABrowser) {
     EXPECT_EQ(ask(verb::get, "/", "bEARER   reader-secret").result(), http::status::ok);
     EXPECT_EQ(ask(verb::get, "/", "Basic eDpyZWFkZXItc2VjcmV0").result(), http::status::ok);
 }
@@ -135,7 +135,7 @@ TEST_F(TheGuard, LetsReadersReadEverythingAndChangeNothing) {
     EXPECT_EQ(statusOf(verb::put, "/-/faults", "reader", ""), 403U);
 }
 
-TEST_F(TheGuard, DoesNotTakeTheHeadOfAReaderForACheck) {
+TEST_F(TheGuard, DoesNotCountTheHeadOfAReaderAsACheck) {
     const std::string location = putAs("lamps", "/lamps/1");
     EXPECT_EQ(statusOf(verb::head, location, "reader"), 200U);
     EXPECT_EQ(statusOf(verb::head, location, "doors"), 200U);
@@ -163,7 +163,7 @@ TEST_F(TheGuard, LetsATokenAnnounceCheckAndWithdrawInItsScope) {
     }
 }
 
-TEST_F(TheGuard, LetsNoTokenOutOfItsScope) {
+TEST_F(TheGuard, RefusesATokenOutsideItsScope) {
     const std::string door = putAs("doors", "/doors/1");
     for (const char* path : {"/", "/lampshade", "/lamp", "/doors/1", "/LAMPS/1", "/-/x", "/-"}) {
         EXPECT_EQ(statusOf(verb::put, path, "lamps", "{}"), 403U) << path;
@@ -179,7 +179,7 @@ TEST_F(TheGuard, LetsNoTokenOutOfItsScope) {
     EXPECT_EQ(dispatcher_.store().entries().size(), 1U);
 }
 
-TEST_F(TheGuard, LetsNobodyAnnounceAmongItsOwnResources) {
+TEST_F(TheGuard, RefusesToAnnounceAtReservedPaths) {
     dispatcher_.setTokens(std::make_shared<const Tokens>(tokenLine("root", R"("announce":"/")")));
     for (const char* path :
          {"/-/watch", "/-/faults", "/%2d/watch", "/-", "/-;x", "/-;x/watch", "/-%3bx/watch"}) {
@@ -190,7 +190,7 @@ TEST_F(TheGuard, LetsNobodyAnnounceAmongItsOwnResources) {
     }
 }
 
-TEST_F(TheGuard, LetsThoseWhoAdministerSetFaultsAndNothingElse) {
+TEST_F(TheGuard, LetsAdministratorsSetFaultsAndNothingElse) {
     EXPECT_EQ(statusOf(verb::put, "/-/faults", "admin", R"({"fault":"forget"})"), 200U);
     EXPECT_EQ(statusOf(verb::get, "/-/faults", "admin"), 200U);
     EXPECT_EQ(statusOf(verb::get, "/", "admin"), 403U);
@@ -199,7 +199,7 @@ TEST_F(TheGuard, LetsThoseWhoAdministerSetFaultsAndNothingElse) {
     EXPECT_EQ(statusOf(verb::put, "/-/faults", "lamps", ""), 403U);
 }
 
-TEST_F(TheGuard, TakesANewFileOfTokensForTheNextRequest) {
+TEST_F(TheGuard, UsesNewTokensForTheNextRequest) {
     const std::string location = putAs("lamps", "/lamps/1");
     dispatcher_.setTokens(
         std::make_shared<const Tokens>(tokenLine("lamps", R"("announce":"/doors")")));
@@ -207,7 +207,7 @@ TEST_F(TheGuard, TakesANewFileOfTokensForTheNextRequest) {
     EXPECT_EQ(statusOf(verb::get, "/", "reader"), 401U);
 }
 
-TEST_F(TheGuard, BoundsTheEntriesAndBytesOfAToken) {
+TEST_F(TheGuard, LimitsTheEntriesAndBytesOfAToken) {
     const std::string first = putAs("lamps", "/lamps/1");
     EXPECT_EQ(statusOf(verb::put, "/lamps/2", "lamps", "{}"), 201U);
     EXPECT_EQ(statusOf(verb::put, "/lamps/3", "lamps", "{}"), 507U);
@@ -222,7 +222,7 @@ TEST_F(TheGuard, BoundsTheEntriesAndBytesOfAToken) {
     EXPECT_EQ(statusOf(verb::put, "/lamps/4", "lamps", large), 201U);
 }
 
-TEST_F(TheGuard, WritesALineForEachChange) {
+TEST_F(TheGuard, WritesAnAuditLineForEachChange) {
     const std::string location = putAs("lamps", "/lamps/\"1");
     putAs("lamps", "/lamps/\"1");
     statusOf(verb::put, "/doors", "lamps", "{}");  // refused: nothing has changed
@@ -249,21 +249,21 @@ TEST_F(TheGuard, WritesALineForEachChange) {
                                      "announced /doors/1 doors", "expired /doors/1 -"));
 }
 
-TEST_F(TheGuard, NamesTheCertificateWhereThereAreNoTokens) {
+TEST_F(TheGuard, NamesTheSubjectOfTheCertificateWithoutTokens) {
     dispatcher_.setTokens(nullptr);
     peer_.certificate = "CN=lamp\x1b[2J";
     EXPECT_EQ(statusOf(verb::put, "/a", "", "{}"), 201U);
     EXPECT_THAT(auditText(), HasSubstr(R"("who":"CN=lamp\u001b[2J")"));
 }
 
-TEST_F(TheGuard, TellsEverybodyWhetherTheRegistryIsReady) {
+TEST_F(TheGuard, AnswersHealthAndReadinessWithoutAToken) {
     EXPECT_EQ(statusOf(verb::get, "/-/health", ""), 200);
     EXPECT_EQ(statusOf(verb::head, "/-/ready", ""), 200);
     EXPECT_EQ(statusOf(verb::put, "/-/ready", "", "{}"), 401);
     EXPECT_EQ(statusOf(verb::get, "/-/readyness", ""), 401);
 }
 
-TEST_F(TheGuard, CountsWhatItRefuses) {
+TEST_F(TheGuard, CountsRefusedRequests) {
     statusOf(verb::get, "/", "");
     statusOf(verb::put, "/doors", "lamps", "{}");
     const std::string metrics = ask(verb::get, "/-/metrics", "Bearer reader-secret").body();
@@ -272,7 +272,7 @@ TEST_F(TheGuard, CountsWhatItRefuses) {
     EXPECT_THAT(metrics, Not(HasSubstr("lamps")));
 }
 
-TEST(TheGuardOfARate, RefusesWhatIsTooOftenAndSaysForHowLong) {
+TEST(TheGuardOfARate, RefusesRequestsBeyondTheRateAndSaysHowLongToWait) {
     EntryStore::Time now{};
     Dispatcher dispatcher({0ms, 100, "", [&now] { return now; }, {}}, {false, 1, ""});
     const Peer peer{boost::asio::ip::make_address("10.0.0.7"), {}};

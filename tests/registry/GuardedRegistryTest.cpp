@@ -1,5 +1,5 @@
-// The program with tokens, as it is started, told to read its files again, and attacked: where it
-// listens, what it reads of those whom it refuses, and that no log has a secret.
+// Tests the program with tokens: where it listens, how much it reads of refused requests, how it
+// reads its files again, and that no log contains a secret.
 // Everything runs on the test's thread; the program is a process of its own.
 // There is no lock.
 
@@ -66,7 +66,7 @@ bool exitedWith(const RegistryProcess::Result& result, int code) {
     return WIFEXITED(result.status) && WEXITSTATUS(result.status) == code;
 }
 
-TEST_F(AGuardedRegistry, IsWhatListensElsewhereThanAtLoopback) {
+TEST_F(AGuardedRegistry, IsRequiredForAnAddressOtherThanLoopback) {
     for (const char* host : {"0.0.0.0", "::"}) {
         const auto result = run({"--host", host});
         EXPECT_TRUE(exitedWith(result, 125)) << result.status;
@@ -90,7 +90,7 @@ TEST_F(AGuardedRegistry, IsWhatListensElsewhereThanAtLoopback) {
     EXPECT_GT(elsewhereAtLoopback.port(), 0);
 }
 
-TEST_F(AGuardedRegistry, RefusesATokenFileOrOptionsThatMakeNoSense) {
+TEST_F(AGuardedRegistry, RefusesInvalidTokenFilesAndOptions) {
     EXPECT_THAT(run({"--tokens", folder_ / "none"}).errors,
                 HasSubstr("none: it cannot be read: No such file or directory"));
     EXPECT_THAT(run({"--tokens", write("bad", "\nhunter2\n")}).errors,
@@ -100,7 +100,7 @@ TEST_F(AGuardedRegistry, RefusesATokenFileOrOptionsThatMakeNoSense) {
     EXPECT_THAT(run({"--audit", folder_ / "none/audit"}).errors, HasSubstr("No such file"));
 }
 
-TEST_F(AGuardedRegistry, RefusesAnEmptyValueWhateverTheOption) {
+TEST_F(AGuardedRegistry, RefusesAnEmptyValueOfAnyOption) {
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"--host", "0.0.0.0", "--tls-cert", "", "--client-ca", tokens_},
           std::vector<std::string>{"--tls-cert", tokens_, "--tls-key", ""},
@@ -136,7 +136,7 @@ TEST_F(AGuardedRegistry, RefusesBeforeItReadsTheBody) {
     }
 }
 
-TEST_F(AGuardedRegistry, KeepsAConnectionOpenWhoseRequestWasRefusedWhole) {
+TEST_F(AGuardedRegistry, KeepsAConnectionAfterARefusedRequestWithoutABody) {
     RegistryOptions options;
     options.tokens = tokens_;
     const RunningRegistry registry(options);
@@ -148,7 +148,7 @@ TEST_F(AGuardedRegistry, KeepsAConnectionOpenWhoseRequestWasRefusedWhole) {
     EXPECT_EQ(connection.receive().result(), http::status::created);
 }
 
-// Somebody without a token kept its connections that way, and ended those of the others.
+// Before, a client without a token kept its connections this way and ended those of other clients.
 TEST_F(AGuardedRegistry, EndsAConnectionThatWasOnlyRefusedBeforeOneThatWasServed) {
     RegistryProcess registry({"--port", "0", "--tokens", tokens_, "--max-connections", "2"});
     for (const std::string& refused : {makeRequest("GET", "/"), requestAs("admin", "GET", "/")}) {
@@ -164,7 +164,7 @@ TEST_F(AGuardedRegistry, EndsAConnectionThatWasOnlyRefusedBeforeOneThatWasServed
     }
 }
 
-TEST_F(AGuardedRegistry, SaysThatAnAddressAsksTooOften) {
+TEST_F(AGuardedRegistry, RefusesRequestsBeyondTheRate) {
     RegistryOptions options;
     options.rate = 1;
     const RunningRegistry registry(options);
@@ -248,7 +248,7 @@ TEST_F(AGuardedRegistry, ChangesNothingWhenAFileIsWrongOnSighup) {
     EXPECT_TRUE(exitedWith(program.wait(), 0));
 }
 
-TEST(ARegistryWithoutAGuard, EndsBySighupAsEver) {
+TEST(ARegistryWithoutAGuard, EndsOnSighup) {
     RegistryProcess program({"--port", "0"});
     program.port();
     program.signal(SIGHUP);
@@ -256,7 +256,7 @@ TEST(ARegistryWithoutAGuard, EndsBySighupAsEver) {
     EXPECT_TRUE(WIFSIGNALED(result.status) && WTERMSIG(result.status) == SIGHUP);
 }
 
-TEST_F(AGuardedRegistry, HasNoSecretInAnyLog) {
+TEST_F(AGuardedRegistry, WritesNoSecretToAnyLog) {
     const std::string log = folder_ / "log";
     const std::string audit = folder_ / "audit";
     RegistryProcess program({"--port", "0", "--admin", "--tokens", tokens_, "--log", log, "--audit",
@@ -291,7 +291,7 @@ TEST_F(AGuardedRegistry, HasNoSecretInAnyLog) {
     EXPECT_THAT(contentOf(audit), HasSubstr(R"("what":"files read again")"));
 }
 
-TEST_F(AGuardedRegistry, KnowsWhoseItsEntriesAreAfterARestart) {
+TEST_F(AGuardedRegistry, KnowsTheOwnersOfItsEntriesAfterARestart) {
     write("tokens", tokenLine("lamps", R"("announce":"/lamps","entries":1)"));
     const std::vector<std::string> arguments{"--port", "0",       "--tokens",
                                              tokens_,  "--store", folder_ / "store"};

@@ -1,5 +1,5 @@
-// Loaded into a program before all other libraries: there the lookup of "hangs.test" says on stderr
-// that it has begun, and never ends. Entered by any thread; there is no lock.
+// A library that is preloaded into a program. A lookup of "hangs.test" then writes to stderr that
+// it has begun, and never ends. Thread-safe: there is no state.
 
 #include <dlfcn.h>
 #include <netdb.h>

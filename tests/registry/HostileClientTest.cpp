@@ -1,5 +1,5 @@
-// Clients that mean the registry harm, by what they send, what they do not, and how many they are:
-// each is refused or dropped, and others are served all the while.
+// Tests hostile clients: by the bytes that they send or do not send, and by their number. Each is
+// refused or dropped, while other clients are served.
 // The registry runs on its own thread or as a program, the test on the main thread; they share
 // sockets only. There is no lock.
 
@@ -30,7 +30,7 @@ using nlohmann::json;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-/// Over a connection that the registry has ended when this returns.
+/// Checks that a new connection is served. The registry has ended it when this returns.
 void expectServed(std::uint16_t port) {
     RawConnection connection(port);
     EXPECT_EQ(connection.ask("HEAD / HTTP/1.1\r\nConnection: close\r\n\r\n").result(),
@@ -38,8 +38,8 @@ void expectServed(std::uint16_t port) {
     EXPECT_TRUE(connection.isClosedByPeer());
 }
 
-/// Sends the piece again and again, at most every `pause`, until the registry ends the connection;
-/// false when it has not after ten seconds.
+/// Sends the piece repeatedly, at most once in `pause`, until the registry ends the connection.
+/// Returns false if it has not ended after ten seconds.
 bool isDroppedWhileSending(RawConnection& connection, const std::string& piece,
                            std::chrono::milliseconds pause) {
     for (const auto end = Clock::now() + 10s; Clock::now() < end;) {
@@ -298,11 +298,11 @@ TEST(AHostileClient, IsNotDroppedForOthersWhileItIsServed) {
     idle.send("GET / HT");
     EXPECT_EQ(used.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
     expectServed(registry.port());
-    EXPECT_TRUE(idle.endsWithin(5s));  // long before it is too slow
+    EXPECT_TRUE(idle.endsWithin(5s));  // long before the time-out of a slow client
     EXPECT_EQ(used.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
-/// Leaves the process so many free file descriptors.
+/// Limits the process to that number of free file descriptors.
 void allowMoreFiles(pid_t pid, int more) {
     const std::string folder = "/proc/" + std::to_string(pid) + "/fd/";
     rlimit files{0, 4'096};
@@ -349,7 +349,7 @@ TEST(ARegistryWithoutFileDescriptors, EndsTheConnectionThatHadNoAnswerForLongest
     idle.send("GET / HT");
     EXPECT_EQ(used.ask(makeRequest("PUT", "/a", "{}")).result(), http::status::created);
     expectServed(port);
-    EXPECT_TRUE(idle.endsWithin(5s));  // long before it is too slow
+    EXPECT_TRUE(idle.endsWithin(5s));  // long before the time-out of a slow client
     EXPECT_EQ(used.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 

@@ -1,4 +1,4 @@
-// The list by name, category and version, and page by page, without sockets.
+// Tests the list with filters and its pages, without sockets.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "Asking.h"
+#include "SynchronousAnswer.h"
 
 namespace orvx::registry {
 namespace {
@@ -69,7 +69,7 @@ TEST_F(TheQuery, IsDecoded) {
     EXPECT_THAT(paths("/?name=%ff"), IsEmpty());
 }
 
-TEST_F(TheQuery, GivesPagesWhoseOrderStandsWhateverHappensBetween) {
+TEST_F(TheQuery, ReturnsPagesInAStableOrderDespiteChanges) {
     std::vector<std::string> uuids;
     for (int i = 0; i < 7; ++i) {
         uuids.push_back(store_.put('/' + std::to_string(i), {{"name", "a"}}).entry.uuid);
@@ -88,7 +88,7 @@ TEST_F(TheQuery, GivesPagesWhoseOrderStandsWhateverHappensBetween) {
     EXPECT_THAT(paths("/?after=" + next), ElementsAre("/3", "/5", "/6", "/7"));
 }
 
-TEST_F(TheQuery, IsRefusedWhenItMakesNoSense) {
+TEST_F(TheQuery, IsRefusedWhenItIsInvalid) {
     for (const char* target :
          {"/?x=1", "/?nam=a", "/?name=a&name=b", "/?name=%", "/?name=%zz", "/?limit=0",
           "/?limit=10001", "/?limit=-1", "/?limit=", "/?limit=1x", "/?limit=99999999999999999999",
@@ -102,7 +102,7 @@ TEST_F(TheQuery, IsRefusedWhenItMakesNoSense) {
     EXPECT_THAT(gone.body(), HasSubstr("another run"));
 }
 
-TEST_F(TheQuery, LooksAtABoundedPartOfTheEntriesForEachPiece) {
+TEST_F(TheQuery, ExaminesABoundedPartOfTheEntriesForEachPiece) {
     for (int i = 0; i < 5'000; ++i) {
         put('/' + std::to_string(i), {{"name", "b"}, {"description", "lamp"}});
     }

@@ -1,5 +1,5 @@
-// Readers of long lists: what they get, what those cost that read nothing, and that others are
-// served meanwhile.
+// Tests readers of long lists: what they get, the memory for readers that read nothing, and that
+// others are served meanwhile.
 // The registry runs on its own thread or as a program, the test on the main thread; they share
 // sockets only. There is no lock.
 
@@ -26,7 +26,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using Clock = std::chrono::steady_clock;
 
-/// Puts that many entries, of so many bytes each; gives the location of the last one.
+/// Puts `count` entries of `bytes` bytes each, and returns the location of the last one.
 std::string putMany(RawConnection& connection, int count, std::size_t size) {
     const std::string service = R"({"a":")" + std::string(size, 'x') + R"("})";
     std::string location;
@@ -55,7 +55,7 @@ TEST(AReaderOfALongList, GetsItWhole) {
     EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
-TEST(AReaderOfALongList, GetsItUpToTheEndOfTheConnectionInTheOldProtocol) {
+TEST(AReaderOfALongList, GetsItUpToTheEndOfTheConnectionWithAnOldVersionOfHttp) {
     const RunningRegistry registry;
     RawConnection connection = registry.connect();
     putMany(connection, 300, 100);
@@ -86,7 +86,7 @@ TEST(AReaderOfALongList, IsDroppedWhenItReadsNothing) {
                 HasSubstr("drops_total{reason=\"timeout\"} 1\n"));
 }
 
-TEST(AReaderOfALongList, IsCutOffWhenAnEntryChangesOfWhichItHasAPart) {
+TEST(AReaderOfALongList, IsCutOffWhenAPartlySentEntryChanges) {
     const RunningRegistry registry;
     RawConnection connection = registry.connect();
     const std::string service = R"({"a":")" + std::string(900'000, 'x') + R"("})";
@@ -98,8 +98,8 @@ TEST(AReaderOfALongList, IsCutOffWhenAnEntryChangesOfWhichItHasAPart) {
     EXPECT_THROW(reader.readUntil("]}"), std::exception);
 }
 
-/// The processor time, in seconds, that the registry uses for a check at most, and for what it does
-/// before the check meanwhile; without the slowest of each hundred checks.
+/// The 99th percentile of the processor time, in seconds, that the registry uses during a check. It
+/// includes other work that the registry does meanwhile.
 double checkOften(const RegistryProcess& registry, RawConnection& connection,
                   const std::string& location, int count) {
     clockid_t clock{};
@@ -114,7 +114,7 @@ double checkOften(const RegistryProcess& registry, RawConnection& connection,
     return times[times.size() * 99 / 100];
 }
 
-// The kernel's part is not seen here: it is bounded by the size of the socket's buffer, 32 KiB.
+// The test does not measure the kernel's memory, which the socket's buffer limits to 32 KiB.
 TEST(AReaderThatReadsNothing, CostsLittleMemoryAndHoldsUpNoCheckHoweverLongTheListIs) {
     RegistryProcess registry({"--port", "0"});
     RawConnection connection(registry.port());
@@ -136,7 +136,7 @@ TEST(AReaderThatReadsNothing, CostsLittleMemoryAndHoldsUpNoCheckHoweverLongTheLi
 #endif
 }
 
-// Each answer is short, and is sent as soon as the kernel has taken the one before.
+// Each answer is short, and is sent as soon as the kernel has accepted the previous one.
 TEST(AClientThatReadsNoAnswer, GetsNoMoreThanASmallBufferOfThem) {
     RegistryOptions options;
     options.writeTimeout = 300ms;

@@ -1,4 +1,4 @@
-// Which paths are below which, and which have two readings and so are below none.
+// Tests which paths are within a scope, and which are refused because they have two meanings.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -22,7 +22,7 @@ TEST(APath, IsDecodedAndHasNeitherAQueryNorASlashAtItsEnd) {
     EXPECT_THAT(plainPath("/k%C3%BCche/..."), Optional(std::string("/küche/...")));
 }
 
-TEST(APath, IsNoneWhenItHasTwoReadings) {
+TEST(APath, IsRefusedWhenItHasTwoMeanings) {
     for (const char* target : {"",
                                "lamps",
                                "*",
@@ -91,8 +91,8 @@ TEST(APath, IsWithinAScopeFromASlashToTheNext) {
     EXPECT_TRUE(isWithin("", ""));
 }
 
-// A reader that decodes twice, takes both slashes for one, and resolves dots, gets to no other
-// place: the worst that may read what was announced.
+// Returns the path that the most lenient reader would see: it decodes repeatedly, treats a
+// backslash as a slash, and resolves dots.
 std::string readCarelessly(std::string path) {
     for (int round = 0; round < 3; ++round) {
         std::string decoded;
@@ -122,7 +122,7 @@ std::string readCarelessly(std::string path) {
     return resolved;
 }
 
-TEST(APath, ThatIsWithinAScopeIsSoForAnyReader) {
+TEST(APath, WithinAScopeIsWithinItForAnyReader) {
     static constexpr const char* kParts[] = {"/",   "a",   "b",   ".",   "..",   "%2f",  "%2e",
                                              "%5c", "%25", "25",  "2f",  "2e",   "\\",   ";",
                                              "%",   "%3b", "%61", "/a/", "/a/.", "%252e"};

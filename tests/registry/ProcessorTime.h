@@ -4,8 +4,8 @@
 
 namespace orvx::registry {
 
-/// The processor time that the owner of the clock uses during a call, in seconds: this thread by
-/// default. Other processes do not lengthen it.
+/// The processor time that the owner of the clock uses during a call, in seconds. The
+/// default is this thread. It does not include the time of other processes.
 template <typename Call>
 double processorSeconds(const Call& call, clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
     const auto now = [clock] {

@@ -1,5 +1,5 @@
-// How often an address may ask, and what the registry remembers of addresses.
-// Everything runs on the test's thread, and the clock is turned by hand.
+// Tests the rate of an address, and how many addresses the registry remembers.
+// Everything runs on the test's thread, which also sets the clock.
 // There is no lock.
 
 #include "RateLimiter.h"
@@ -47,13 +47,13 @@ TEST_F(TheRate, SaysAfterHowLongOneMoreIsAdmitted) {
     EXPECT_FALSE(limiter_.refuse(make_address("10.0.0.1"), now_));
 }
 
-TEST_F(TheRate, IsOfEachAddressAlone) {
+TEST_F(TheRate, IsCountedForEachAddress) {
     countAdmitted("10.0.0.1", 100);
     EXPECT_EQ(countAdmitted("10.0.0.2", 100), 20);
     EXPECT_EQ(countAdmitted("::ffff:10.0.0.2", 100), 0);
 }
 
-TEST_F(TheRate, IsOfANetworkWhereAnybodyHasManyAddresses) {
+TEST_F(TheRate, IsCountedForEachNetworkOfVersionSix) {
     countAdmitted("2001:db8::1", 100);
     EXPECT_EQ(countAdmitted("2001:db8::ffff:2", 100), 0);
     EXPECT_EQ(countAdmitted("2001:db8:0:1::1", 100), 20);
@@ -64,14 +64,14 @@ TEST_F(TheRate, RemembersABoundedNumberOfAddresses) {
     for (unsigned i = 0; i < 2 * RateLimiter::kMaxAddresses; ++i) {
         limiter_.refuse(boost::asio::ip::address_v4(0x0b000000U + i), now_);
         if (i == RateLimiter::kMaxAddresses / 2) {
-            EXPECT_EQ(countAdmitted("10.0.0.1", 1), 0);  // it was active not long ago
+            EXPECT_EQ(countAdmitted("10.0.0.1", 1), 0);  // the address was active recently
         }
     }
     EXPECT_EQ(limiter_.size(), RateLimiter::kMaxAddresses);
     EXPECT_EQ(countAdmitted("10.0.0.1", 100), 20);
 }
 
-TEST_F(TheRate, IsNoneWhenItIsZero) {
+TEST_F(TheRate, IsUnlimitedWhenItIsZero) {
     RateLimiter none(0);
     for (int i = 0; i < 1'000; ++i) {
         EXPECT_FALSE(none.refuse(make_address("10.0.0.1"), now_));

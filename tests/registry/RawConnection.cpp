@@ -1,5 +1,5 @@
-// A plain socket for tests that must decide about every byte.
-// Entered by the one thread that owns the connection.
+// A plain socket for tests that control every byte.
+// Runs on the thread that owns the connection.
 // There is no lock.
 
 #include "RawConnection.h"

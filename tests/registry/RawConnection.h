@@ -13,22 +13,22 @@ namespace orvx::registry {
 /// Thread-safety: none.
 class RawConnection final : public TestConnection {
   public:
-    /// `receiveBuffer`: in bytes; 0 leaves it to the system.
+    /// `receiveBuffer`: in bytes; 0 for the system's default.
     explicit RawConnection(std::uint16_t port, int receiveBuffer = 0);
     RawConnection(RawConnection&& other) noexcept;
     ~RawConnection() override;
 
     void send(const std::string& bytes) override;
-    /// No more will be sent, but answers are still read.
+    /// Ends sending; answers can still be read.
     void endSending();
-    /// Gives the connection up; what is on its way is lost. Nothing may follow.
+    /// Resets the connection and discards unsent bytes. No other function may be called afterwards.
     void reset();
 
-    /// True when the other side ends the connection without another byte.
+    /// Waits for the end of the connection. Returns whether it came without a further byte.
     bool isClosedByPeer();
-    /// Waits until the other side gives the connection up, reading nothing.
+    /// Waits until the peer resets or closes the connection, without reading.
     void awaitReset();
-    /// Whether the other side ends or gives up the connection within that time; reads nothing.
+    /// Whether the peer ends or resets the connection within that time. Does not read.
     bool endsWithin(std::chrono::milliseconds longest) const;
 
   private:
@@ -44,7 +44,7 @@ class RawConnection final : public TestConnection {
     int socket_;
 };
 
-/// Listens at 127.0.0.1, at any free port, for tests that play a server.
+/// Listens at any free port of 127.0.0.1, for tests that act as a server.
 ///
 /// Thread-safety: none.
 class RawListener {
@@ -63,7 +63,7 @@ class RawListener {
     std::uint16_t port_ = 0;
 };
 
-/// A whole request, with a Content-Length if there is a body.
+/// A complete request, with a Content-Length if there is a body.
 std::string makeRequest(const std::string& method, const std::string& target,
                         const std::string& body = {});
 

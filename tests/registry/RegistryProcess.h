@@ -18,10 +18,10 @@ class RegistryProcess : public ChildProcess {
     /// The path of the program.
     static std::string path();
 
-    /// The memory that the process has in use, without what is swapped out.
+    /// The resident memory of the process.
     long residentKilobytes() const;
 
-    /// The port in its first line, when that is there.
+    /// Waits for the first line of the output, and returns the port in it.
     std::uint16_t port() {
         const std::string& line = awaitOutput("\n");
         return static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));

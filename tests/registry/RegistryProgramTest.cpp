@@ -1,4 +1,4 @@
-// The program as it is started, asked and ended from outside.
+// Tests the program as a process: its start, options and end.
 // Everything runs on the test's thread; the program is a process of its own.
 // There is no lock.
 
@@ -48,7 +48,7 @@ void expectCleanEndAfter(int signal) {
     EXPECT_THAT(result.errors, IsEmpty());
 }
 
-TEST(TheRegistryProgram, SaysWhereItListensAndEndsCleanlyOnSigterm) {
+TEST(TheRegistryProgram, PrintsItsUrlAndEndsCleanlyOnSigterm) {
     expectCleanEndAfter(SIGTERM);
 }
 
@@ -56,7 +56,7 @@ TEST(TheRegistryProgram, EndsCleanlyOnSigint) {
     expectCleanEndAfter(SIGINT);
 }
 
-// Otherwise the end would wait for the name servers, which may take minutes.
+// Before, the end waited for the name servers, which may take minutes.
 TEST(TheRegistryProgram, EndsCleanlyWhileTheLookupOfAMemberHangs) {
     ChildProcess program(
         "/usr/bin/env", {"LD_PRELOAD=" + std::string(paths::kHangingLookup),
@@ -77,7 +77,7 @@ TEST(TheRegistryProgram, PutsBracketsAroundAnAddressWithColons) {
     EXPECT_THAT(program.wait().output, HasSubstr(" http://[::1]:"));
 }
 
-TEST(TheRegistryProgram, LimitsBodiesAsItIsTold) {
+TEST(TheRegistryProgram, LimitsBodiesToMaxBody) {
     RegistryProcess program({"--port", "0", "--max-body", "5"});
     RawConnection connection(program.port());
     EXPECT_EQ(connection.ask(makeRequest("PUT", "/", "{   }")).result(), http::status::created);
@@ -85,7 +85,7 @@ TEST(TheRegistryProgram, LimitsBodiesAsItIsTold) {
               http::status::payload_too_large);
 }
 
-TEST(TheRegistryProgram, SaysInOneLineWhyItCannotListen) {
+TEST(TheRegistryProgram, ReportsInOneLineWhyItCannotListen) {
     RegistryProcess first({"--port", "0"});
     const std::string port = std::to_string(first.port());
     RegistryProcess second({"--port", port});
@@ -139,7 +139,7 @@ TEST(TheRegistryProgram, ExplainsItsOptions) {
     }
 }
 
-/// What bash offers for the last word.
+/// The completions of bash for the last word.
 std::set<std::string> completions(std::vector<std::string> words) {
     const std::string script = R"(
         source "$0"
@@ -200,7 +200,7 @@ TEST(TheRegistryProgram, SurvivesAShortageOfFileDescriptors) {
     const rlimit few{32, 32};
     ASSERT_EQ(::prlimit(program.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
     auto served = connect(20, port);
-    auto waiting = connect(20, port);  // most of them for a descriptor
+    auto waiting = connect(20, port);  // most of them wait for a descriptor
     EXPECT_EQ(waiting.back().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
     served.clear();
     for (RawConnection& connection : waiting) {

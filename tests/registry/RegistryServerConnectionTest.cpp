@@ -1,5 +1,6 @@
-// How the registry treats connections: kept, broken off, idle, slow, many, and open when it stops.
-// The registry runs on its own thread, the test on the main one; they share sockets only.
+// Tests connections to the registry: kept, aborted, idle, slow and many connections, and those that
+// are open when it stops. The registry runs on its own thread, the test on the main one; they share
+// sockets only.
 // There is no lock.
 
 #include <gmock/gmock.h>
@@ -53,7 +54,7 @@ TEST(ARegistryConnection, AnswersRequestsSentTogetherInTheirOrder) {
     }
 }
 
-TEST(ARegistryConnection, TakesARequestThatArrivesByteByByte) {
+TEST(ARegistryConnection, ReadsARequestThatArrivesByteByByte) {
     const RunningRegistry registry;
     RawConnection connection = registry.connect();
     for (const char byte : makeRequest("PUT", "/a", R"({"a":1})")) {
@@ -93,7 +94,7 @@ TEST(ARegistryConnection, ChangesNothingByHalfARequest) {
     EXPECT_EQ(json::parse(list.body()), json::parse(R"({"entries":[]})"));
 }
 
-TEST(ARegistryConnection, MayBeDroppedAtAnyTime) {
+TEST(ARegistryConnection, MayCloseItsConnectionAtAnyTime) {
     const RunningRegistry registry;
     const std::string whole = makeRequest("PUT", "/a", R"({"a":1})");
     for (std::size_t size = 0; size <= whole.size(); ++size) {
@@ -135,8 +136,7 @@ TEST(ARegistryConnection, EndsWhenTheClientDoesNotTakeItsAnswer) {
         writer.ask(makeRequest("PUT", "/" + std::to_string(i), service));
     }
     RawConnection connection(registry.port(), 4096);
-    // Bytes that the registry has not read yet turn its closing into a reset, which is seen at
-    // once.
+    // Because of unread bytes the registry's close becomes a reset, which the client sees at once.
     connection.send(makeRequest("GET", "/") + std::string(65'536, 'x'));
     EXPECT_NO_THROW(connection.awaitReset());
     expectAlive(registry);
@@ -176,7 +176,7 @@ TEST(ARegistryConnection, CostsNoThread) {
     askEach(connections);
 }
 
-TEST(ARegistryConnection, EndsInWhateverStateItIsWhenTheRegistryStops) {
+TEST(ARegistryConnection, EndsInEveryStateWhenTheRegistryStops) {
     RunningRegistry registry;
     RawConnection used = registry.connect();
     EXPECT_EQ(used.ask(makeRequest("HEAD", "/")).result(), http::status::ok);

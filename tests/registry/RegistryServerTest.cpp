@@ -1,4 +1,4 @@
-// What the registry answers to whole requests over a real socket.
+// Tests the registry's answers to complete requests over a real socket.
 // The registry runs on its own thread, the test on the main one; they share the socket only.
 // There is no lock.
 
@@ -36,7 +36,7 @@ class TheRegistry : public ::testing::Test {
     RawConnection connection_ = registry_.connect();
 };
 
-TEST_F(TheRegistry, RegistersAPathAndSaysWhere) {
+TEST_F(TheRegistry, RegistersAPathAndReturnsItsLocation) {
     const auto response = ask("PUT", "/lamp", R"({"name":"lamp"})");
     EXPECT_EQ(response.result(), http::status::created);
     EXPECT_EQ(response[http::field::content_type], "application/json");
@@ -64,7 +64,7 @@ TEST_F(TheRegistry, MakesOneEntryOfAPathThatIsPutTwiceOverTwoConnections) {
     EXPECT_EQ(entries[0].at("service").at("port"), 2);
 }
 
-TEST_F(TheRegistry, KnowsAnEntryUntilItIsDeleted) {
+TEST_F(TheRegistry, FindsAnEntryUntilItIsDeleted) {
     const std::string location(ask("PUT", "/lamp", "{}")[http::field::location]);
     EXPECT_EQ(ask("HEAD", location).result(), http::status::ok);
     EXPECT_EQ(json::parse(ask("GET", location).body()).at("path"), "/lamp");
@@ -161,7 +161,7 @@ TEST_F(TheRegistry, RefusesAMalformedRequest) {
     }
 }
 
-TEST_F(TheRegistry, AsksForABodyThatWaitsToBeExpected) {
+TEST_F(TheRegistry, SendsContinueToAClientThatWaitsWithItsBody) {
     connection_.send(
         "PUT /a HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\nExpect: 100-Continue\r\n\r\n");
     EXPECT_EQ(connection_.receive(true).result(), http::status::continue_);
@@ -182,7 +182,7 @@ TEST_F(TheRegistry, DoesNotSendContinueToAnOldClient) {
     EXPECT_TRUE(connection_.isClosedByPeer());
 }
 
-TEST(TheRegistryServer, SaysWhereItListens) {
+TEST(TheRegistryServer, ReturnsItsUrlAndPort) {
     RegistryOptions options;
     options.port = 0;
     const RegistryServer server(options);

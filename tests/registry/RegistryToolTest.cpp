@@ -1,5 +1,5 @@
-// What the program does for those who develop with it: faults over real connections, the log, the
-// store over a kill, entries that expire; and which files it refuses.
+// Tests the program: faults over real connections, the log, the store after a kill, entries that
+// expire, and the files that it refuses.
 // Everything runs on the test's thread; the program is a process of its own.
 // There is no lock.
 
@@ -264,9 +264,9 @@ TEST_F(TheTool, GoesOnWhenTheReaderOfItsLogHasEnded) {
     program.awaitErrors("the log cannot be written\n");
 }
 
-/// The program where no file can grow, as on a full disk. It has no folder for temporary files,
-/// because the thread sanitizer writes one of its own there before main(), and the limit would end
-/// the program.
+/// The program in a process in which no file can grow, as on a full disk. It has no folder for
+/// temporary files, because the thread sanitizer writes one of its own there before main(), and the
+/// limit would end the program.
 ChildProcess startedOnAFullDisk(const std::string& store) {
     return ChildProcess("/bin/sh", {"-c", "ulimit -f 0; TMPDIR=/dev/null exec \"$@\"", "sh",
                                     RegistryProcess::path(), "--port", "0", "--store", store});
@@ -327,7 +327,7 @@ TEST_F(TheTool, LetsNothingExpireForATimeInWhichItWasStopped) {
     const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
     program.signal(SIGSTOP);
     connection.send(makeRequest("HEAD", std::string(response[http::field::location])));
-    std::this_thread::sleep_for(kTtl + 100ms);  // what the registry must not count
+    std::this_thread::sleep_for(kTtl + 100ms);  // the registry must not count this time
     program.signal(SIGCONT);
     EXPECT_EQ(connection.receive(true).result(), http::status::ok);
 }

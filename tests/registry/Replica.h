@@ -16,7 +16,7 @@
 
 namespace orvx::registry {
 
-/// Asks again and again. Throws a std::runtime_error after 20 seconds.
+/// Waits until the condition is true. Throws a std::runtime_error after 20 seconds.
 inline void await(const std::function<bool()>& isTrue) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!isTrue()) {
@@ -27,7 +27,7 @@ inline void await(const std::function<bool()>& isTrue) {
     }
 }
 
-/// A registry in front of etcd, and what the tests ask it.
+/// A registry in front of etcd, with functions for common requests.
 class Replica {
   public:
     explicit Replica(std::vector<std::string> etcd, std::chrono::milliseconds ttl = {})
@@ -42,8 +42,8 @@ class Replica {
         connection.send(makeRequest(method, target));
         return connection.receive(method == "HEAD").result_int();
     }
-    /// The target of the entry. A 503, because etcd did not answer in time, is followed by another
-    /// PUT.
+    /// Puts an entry and returns its target. After a 503, because etcd did not answer in time, it
+    /// puts again.
     std::string put(const std::string& path, const std::string& body = "{}") const {
         TestConnection::Response response;
         await([&] {
@@ -71,7 +71,7 @@ class Replica {
     RawConnection connect() const { return registry_.connect(); }
     std::string metrics() const { return ask("GET", "/-/metrics").body(); }
     bool isReady() const { return statusOf("GET", "/-/ready") == 200; }
-    Replica& ready() {
+    Replica& awaitReady() {
         await([this] { return isReady(); });
         return *this;
     }

@@ -1,5 +1,5 @@
-// Registries that share what a real etcd keeps. Each runs on a thread of its own; the tests ask
-// over sockets. Where a state comes by itself, a test asks again until it is there.
+// Tests registries that share the entries of a real etcd. Each runs on a thread of its own; the
+// tests send requests over sockets. A test polls for a state that comes without a notification.
 
 #include <gmock/gmock.h>
 
@@ -36,8 +36,8 @@ class TheReplicas : public ::testing::Test {
 TEST_F(TheReplicas, MakeOneEntryOfAPathThatIsPutAtAllOfThemAtOnce) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
-    a.ready();
-    b.ready();
+    a.awaitReady();
+    b.awaitReady();
     for (int round = 0; round < 20; ++round) {
         const std::string path = "/" + std::to_string(round);
         std::vector<std::string> found(6);
@@ -55,18 +55,18 @@ TEST_F(TheReplicas, MakeOneEntryOfAPathThatIsPutAtAllOfThemAtOnce) {
 
 TEST_F(TheReplicas, AnswerToAPutWhenTheEntryIsListed) {
     Replica a({etcd_.url()});
-    a.ready();
+    a.awaitReady();
     for (int i = 0; i < 50; ++i) {
         a.put("/" + std::to_string(i));
         EXPECT_EQ(a.paths().size(), static_cast<std::size_t>(i + 1));
     }
 }
 
-TEST_F(TheReplicas, KnowAnEntryThatAnotherOneHasJustTaken) {
+TEST_F(TheReplicas, FindAnEntryThatAnotherReplicaHasJustCreated) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
-    a.ready();
-    b.ready();
+    a.awaitReady();
+    b.awaitReady();
     for (int i = 0; i < 50; ++i) {
         const std::string target = a.put("/" + std::to_string(i), R"({"a":1})");
         EXPECT_EQ(b.statusOf("HEAD", target), 200U);
@@ -81,20 +81,20 @@ TEST_F(TheReplicas, KnowAnEntryThatAnotherOneHasJustTaken) {
 TEST_F(TheReplicas, KeepTheUuidOfAPathThroughAllReplacementsAndGiveANewOneAfterARemoval) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
-    const std::string first = a.ready().put("/lamp", R"({"host":"a","port":1})");
-    const auto replaced = b.ready().ask("PUT", "/lamp", R"({"host":"b","port":2})");
+    const std::string first = a.awaitReady().put("/lamp", R"({"host":"a","port":1})");
+    const auto replaced = b.awaitReady().ask("PUT", "/lamp", R"({"host":"b","port":2})");
     EXPECT_EQ(replaced.result(), http::status::ok);
     EXPECT_EQ(replaced[http::field::location], first);
     await([&] { return a.ask("GET", first).body().find(R"("host":"b")") != std::string::npos; });
     EXPECT_EQ(a.ask("DELETE", first).result(), http::status::ok);
-    const auto again = b.ask("PUT", "/lamp", "{}");  // its copy may still hold the first one
+    const auto again = b.ask("PUT", "/lamp", "{}");  // its copy may still have the first entry
     EXPECT_EQ(again.result(), http::status::created);
     EXPECT_NE(again[http::field::location], first);
 }
 
-TEST_F(TheReplicas, SayNothingOfAnUnknownEntryWhileEtcdIsSilent) {
+TEST_F(TheReplicas, AnswerThatTheyAreUnavailableForAnUnknownEntryWhileEtcdIsSilent) {
     Replica a({etcd_.url()});
-    const std::string known = a.ready().put("/lamp");
+    const std::string known = a.awaitReady().put("/lamp");
     etcd_.pause();
     RawConnection connection = a.registry().connect();
     connection.send(makeRequest("HEAD", kNobody));
@@ -108,20 +108,20 @@ TEST_F(TheReplicas, SayNothingOfAnUnknownEntryWhileEtcdIsSilent) {
     await([&] { return !a.isReady(); });
     EXPECT_EQ(a.statusOf("GET", "/-/health"), 200U);
     etcd_.resume();
-    a.ready();
+    a.awaitReady();
     EXPECT_EQ(a.statusOf("HEAD", kNobody), 404U);
 }
 
-TEST_F(TheReplicas, AskEtcdOnceForAllWhoMissTheSameEntry) {
+TEST_F(TheReplicas, AskEtcdOnceForSeveralRequestsOfAnUnknownEntry) {
     Replica a({etcd_.url()});
-    a.ready();
+    a.awaitReady();
     etcd_.pause();
     std::vector<RawConnection> callers;
     for (int i = 0; i < 20; ++i) {
         callers.push_back(a.registry().connect());
         callers.back().send(makeRequest("HEAD", kNobody));
     }
-    a.statusOf("GET", "/-/health");  // those before have arrived
+    a.statusOf("GET", "/-/health");  // the earlier requests have arrived
     etcd_.resume();
     for (RawConnection& caller : callers) {
         EXPECT_EQ(caller.receive(true).result_int(), 404U);
@@ -133,7 +133,7 @@ TEST_F(TheReplicas, AreNotReadyBeforeTheyKnowTheEntries) {
     std::string known;
     {
         Replica a({etcd_.url()});
-        known = a.ready().put("/lamp");
+        known = a.awaitReady().put("/lamp");
     }
     etcd_.stop();
     Replica b({etcd_.url()});
@@ -144,11 +144,11 @@ TEST_F(TheReplicas, AreNotReadyBeforeTheyKnowTheEntries) {
     EXPECT_EQ(b.statusOf("HEAD", known), 503U);
     EXPECT_EQ(b.statusOf("GET", "/-/health"), 200U);
     etcd_.start();
-    EXPECT_EQ(b.ready().statusOf("HEAD", known), 200U);
+    EXPECT_EQ(b.awaitReady().statusOf("HEAD", known), 200U);
     EXPECT_EQ(b.paths(), std::vector<std::string>{"/lamp"});
 }
 
-TEST_F(TheReplicas, SayThatTheyAreReadyWhenTheyKnowTheEntries) {
+TEST_F(TheReplicas, NotifyReadinessWhenTheyKnowTheEntries) {
     etcd_.stop();
     RegistryOptions options;
     options.etcd = {etcd_.url()};
@@ -164,7 +164,7 @@ TEST_F(TheReplicas, SayThatTheyAreReadyWhenTheyKnowTheEntries) {
     EXPECT_EQ(connection.ask(makeRequest("GET", "/-/ready")).result_int(), 200U);
 }
 
-TEST_F(TheReplicas, SayInTimeThatTheyAreReadyAlthoughEtcdDoesNotAnswer) {
+TEST_F(TheReplicas, NotifyReadinessInTimeAlthoughEtcdDoesNotAnswer) {
     etcd_.stop();
     RegistryOptions options;
     options.etcd = {etcd_.url()};
@@ -175,7 +175,7 @@ TEST_F(TheReplicas, SayInTimeThatTheyAreReadyAlthoughEtcdDoesNotAnswer) {
     EXPECT_FALSE(ready.get_future().get());
 }
 
-TEST_F(TheReplicas, TakeAPutAsSoonAsTheyKnowTheEntries) {
+TEST_F(TheReplicas, AcceptAPutAsSoonAsTheyKnowTheEntries) {
     Replica a({etcd_.url()});
     EXPECT_EQ(a.ask("PUT", "/lamp", "{}").result(), http::status::created);
 }
@@ -183,26 +183,26 @@ TEST_F(TheReplicas, TakeAPutAsSoonAsTheyKnowTheEntries) {
 TEST_F(TheReplicas, ListInTheSameOrderAndContinueTheirPages) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
-    a.ready();
-    b.ready();
+    a.awaitReady();
+    b.awaitReady();
     for (int i = 0; i < 100; ++i) {
         (i % 2 == 0 ? a : b).put("/" + std::to_string(i));
     }
     await([&] { return a.paths().size() == 100 && b.paths().size() == 100; });
     EXPECT_EQ(a.paths(), b.paths());
-    Replica c({etcd_.url()});  // reads more than one page of etcd's
-    EXPECT_EQ(c.ready().paths(), a.paths());
+    Replica c({etcd_.url()});  // reads more than one page from etcd
+    EXPECT_EQ(c.awaitReady().paths(), a.paths());
     const json page = json::parse(a.ask("GET", "/?limit=60").body());
     const auto rest = c.paths("?after=" + page.at("next").get<std::string>());
     EXPECT_EQ(rest.size(), 40U);
     EXPECT_EQ(rest.front(), a.paths().at(60));
 }
 
-TEST_F(TheReplicas, TellTheirWatchersOfChangesAtOthers) {
+TEST_F(TheReplicas, SendChangesAtOtherReplicasToTheirWatchers) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
-    a.ready();
-    b.ready();
+    a.awaitReady();
+    b.awaitReady();
     RawConnection watcher = a.registry().connect();
     watcher.send(makeRequest("GET", "/-/watch"));
     watcher.readUntil("event: listed");
@@ -212,11 +212,11 @@ TEST_F(TheReplicas, TellTheirWatchersOfChangesAtOthers) {
     watcher.readUntil("event: removed");
 }
 
-TEST_F(TheReplicas, HoldEntriesOfAnyPathAndAnyServiceThatEtcdTakes) {
+TEST_F(TheReplicas, KeepEntriesOfAnyPathAndAnyServiceThatEtcdAccepts) {
     Replica a({etcd_.url()});
     Replica b({etcd_.url()});
-    a.ready();
-    b.ready();
+    a.awaitReady();
+    b.awaitReady();
     const std::string big = R"({"x":")" + std::string(1'000'000, 'y') + R"("})";
     for (const auto& [path, body] : std::vector<std::pair<std::string, std::string>>{
              {"/big", big}, {"/\xff%2f?q=\"\\ä", R"({"host":"ä\"\n","port":1})"}, {"*", "{}"}}) {
@@ -225,7 +225,7 @@ TEST_F(TheReplicas, HoldEntriesOfAnyPathAndAnyServiceThatEtcdTakes) {
         EXPECT_EQ(json::parse(b.ask("GET", target).body()).at("service"), json::parse(body));
     }
     Replica c({etcd_.url()});
-    EXPECT_EQ(c.ready().paths().size(), 3U);
+    EXPECT_EQ(c.awaitReady().paths().size(), 3U);
 }
 
 class TheReplicasWithATimeToLive : public TheReplicas {
@@ -233,11 +233,11 @@ class TheReplicasWithATimeToLive : public TheReplicas {
     static constexpr auto kTtl = 4'000ms;
 };
 
-TEST_F(TheReplicasWithATimeToLive, KeepWhatIsCheckedAtAnyOfThemAndLetTheRestExpire) {
+TEST_F(TheReplicasWithATimeToLive, KeepEntriesThatAreCheckedAtAnyReplicaAndLetOthersExpire) {
     Replica a({etcd_.url()}, kTtl);
     Replica b({etcd_.url()}, kTtl);
-    a.ready();
-    b.ready();
+    a.awaitReady();
+    b.awaitReady();
     const auto begin = Clock::now();
     const std::string live = a.put("/live");
     a.put("/dead");
@@ -250,7 +250,7 @@ TEST_F(TheReplicasWithATimeToLive, KeepWhatIsCheckedAtAnyOfThemAndLetTheRestExpi
         std::this_thread::yield();
     }
     EXPECT_TRUE(a.has("/live"));
-    EXPECT_GE(gone, kTtl);  // tests/replicas measures how soon, where nothing else runs
+    EXPECT_GE(gone, kTtl);  // tests/replicas checks the upper limit
     const auto counts = [](const Replica& replica) {
         return replica.metrics().find("orvx_registry_expirations_total 1\n") != std::string::npos;
     };
@@ -259,12 +259,12 @@ TEST_F(TheReplicasWithATimeToLive, KeepWhatIsCheckedAtAnyOfThemAndLetTheRestExpi
 
 TEST_F(TheReplicasWithATimeToLive, LetNothingExpireForTheTimeWithoutEtcd) {
     Replica a({etcd_.url()}, kTtl);
-    const std::string target = a.ready().put("/lamp");
+    const std::string target = a.awaitReady().put("/lamp");
     etcd_.stop();
     const auto begin = Clock::now();
     await([&] { return Clock::now() - begin > kTtl * 3 / 2; });
     etcd_.start();
-    a.ready();
+    a.awaitReady();
     EXPECT_EQ(a.statusOf("HEAD", target), 200U);
     const auto back = Clock::now();
     await([&] { return Clock::now() - back > kTtl / 2; });
@@ -273,11 +273,11 @@ TEST_F(TheReplicasWithATimeToLive, LetNothingExpireForTheTimeWithoutEtcd) {
     EXPECT_GE(Clock::now() - back, kTtl);
 }
 
-TEST_F(TheReplicasWithATimeToLive, TellTheirLastChecksBeforeTheyEnd) {
+TEST_F(TheReplicasWithATimeToLive, WriteTheirLastChecksBeforeTheyEnd) {
     Replica b({etcd_.url()}, kTtl);
     auto a = std::make_unique<Replica>(std::vector{etcd_.url()}, kTtl);
     a->ready();
-    const std::string target = b.ready().put("/lamp");
+    const std::string target = b.awaitReady().put("/lamp");
     RawConnection watcher = b.registry().connect();
     watcher.send(makeRequest("GET", "/-/watch"));
     watcher.readUntil("event: listed");
@@ -286,14 +286,14 @@ TEST_F(TheReplicasWithATimeToLive, TellTheirLastChecksBeforeTheyEnd) {
     EXPECT_THAT(watcher.readUntil("event: checked"), Not(HasSubstr("event: removed")));
 }
 
-TEST(TheReplicasOfACluster, GoOnWithTheMembersThatAreLeft) {
+TEST(TheReplicasOfACluster, ContinueWithTheRemainingMembers) {
     EtcdCluster etcd;
     Replica a(etcd.urls());
-    const std::string target = a.ready().put("/lamp");
+    const std::string target = a.awaitReady().put("/lamp");
     for (std::size_t i = 0; i < 3; ++i) {
         etcd[i].stop();
         await([&] { return a.ask("PUT", "/lamp", "{}").result() == http::status::ok; });
-        a.ready();
+        a.awaitReady();
         EXPECT_EQ(a.statusOf("HEAD", target), 200U);
         etcd[i].start();
     }

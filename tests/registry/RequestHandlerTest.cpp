@@ -1,4 +1,4 @@
-// What is answered to a request, without sockets.
+// Tests the answers to requests, without sockets.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -15,8 +15,8 @@
 #include <optional>
 #include <string>
 
-#include "Asking.h"
 #include "ProcessorTime.h"
+#include "SynchronousAnswer.h"
 #include "TokenLine.h"
 
 namespace orvx::registry {
@@ -52,7 +52,7 @@ class TheRequestHandler : public ::testing::Test {
     EntryStore store_;
 };
 
-TEST_F(TheRequestHandler, AnswersANewPathWithItsEntryAndWhereItIs) {
+TEST_F(TheRequestHandler, AnswersANewPathWithItsEntryAndLocation) {
     const Response response = put("/lamp", R"({"name":"lamp","port":80})");
     EXPECT_EQ(response.result(), http::status::created);
     EXPECT_EQ(response[http::field::content_type], "application/json");
@@ -71,7 +71,7 @@ TEST_F(TheRequestHandler, ReplacesTheServiceOfAPathThatIsPutAgain) {
     EXPECT_EQ(entry.at("service"), json({{"port", 81}}));
 }
 
-TEST_F(TheRequestHandler, TakesAnyPathAsItIs) {
+TEST_F(TheRequestHandler, StoresAnyPathUnchanged) {
     const std::string location = putAndLocate("/");
     for (const std::string& path : {location, location + "/", std::string("/a?b=%2F&c"),
                                     std::string("/a?b=/&c"), std::string("//"), std::string("*")}) {
@@ -168,7 +168,7 @@ TEST_F(TheRequestHandler, AnswersHeadLikeGetWithoutABody) {
     }
 }
 
-TEST_F(TheRequestHandler, ShowsHowOftenAnEntryWasAskedForWithHead) {
+TEST_F(TheRequestHandler, CountsTheChecksOfAnEntry) {
     const std::string location = putAndLocate("/a");
     putAndLocate("/b");
     const auto shown = [&](const std::string& target) {
@@ -203,7 +203,7 @@ TEST_F(TheRequestHandler, DeletesAnEntryOnce) {
     EXPECT_EQ(ask(http::verb::get, location).result(), http::status::not_found);
 }
 
-TEST_F(TheRequestHandler, KnowsNoEntryByAnythingButSlashAndUuid) {
+TEST_F(TheRequestHandler, FindsAnEntryOnlyBySlashAndUuid) {
     const std::string location = putAndLocate("/a");
     for (const std::string& target : {std::string("/a"), location + "/", location.substr(1),
                                       "x" + location.substr(1), "/" + location, location + "?"}) {
@@ -294,7 +294,7 @@ TEST_F(ALateAnswer, ComesWhenTheBackendHasAnswered) {
     EXPECT_EQ(answer_->change->first, Change::Announced);
 }
 
-TEST_F(ALateAnswer, IsThatNothingIsKnownWhereTheBackendKnowsNothing) {
+TEST_F(ALateAnswer, IsThatTheRegistryIsUnavailableWhenTheBackendKnowsNothing) {
     ask(http::verb::put, "/lamps/1");
     backend_.put_(std::nullopt);
     EXPECT_EQ(answer_->response.result(), http::status::service_unavailable);
@@ -325,7 +325,7 @@ TEST_F(ALateAnswer, ShowsAnEntryThatTheStoreDoesNotHold) {
     EXPECT_EQ(backend_.checked_, "u");
 }
 
-TEST_F(ALateAnswer, IsLimitedByTheTokenOnceThePathIsKnown) {
+TEST_F(ALateAnswer, ObeysTheTokenOnceThePathIsKnown) {
     for (const auto method : {http::verb::head, http::verb::delete_}) {
         ask(method, "/u", holderOf(R"("announce":"/doors")"));
         backend_.find_(Presence::Present, &entry_);

@@ -25,7 +25,7 @@
 
 namespace orvx::registry {
 
-/// Texts that one thread adds and another one waits for.
+/// A queue of texts from one thread to another.
 class Texts {
   public:
     void add(std::string text) {
@@ -55,7 +55,7 @@ class Texts {
     std::deque<std::string> texts_;
 };
 
-/// Waits for it.
+/// Waits for the result and returns it. Throws a std::runtime_error when it does not come in time.
 inline EtcdClient::Result resultOf(std::future<EtcdClient::Result>& result) {
     if (result.wait_for(std::chrono::seconds(15)) != std::future_status::ready) {
         throw std::runtime_error("a call did not end");
@@ -80,7 +80,7 @@ class RunningEtcdClient {
     RunningEtcdClient(const RunningEtcdClient&) = delete;
     RunningEtcdClient& operator=(const RunningEtcdClient&) = delete;
 
-    /// Runs the task on the thread of the client, and waits for it.
+    /// Runs the task on the client's thread, and waits for its end.
     void run(const std::function<void(EtcdClient&)>& task) {
         std::promise<void> done;
         boost::asio::post(context_, [&] {
@@ -97,7 +97,7 @@ class RunningEtcdClient {
         });
         return result->get_future();
     }
-    /// Some call.
+    /// Sends a call whose content does not matter.
     std::future<Result> call() { return call("kv/range", {{"key", "YQ=="}}); }
 
     Result ask(const std::string& name, const nlohmann::json& body) {
@@ -109,7 +109,7 @@ class RunningEtcdClient {
     }
     Result get(const std::string& key) { return ask("kv/range", {{"key", encode64(key)}}); }
 
-    /// Adds each result, and "end: " with the reason.
+    /// Starts a watch. Adds each result to `texts`, and at the end "end: " with the reason.
     void watch(const nlohmann::json& request, Texts& texts) {
         run([&](EtcdClient& client) {
             client.watch(
@@ -138,7 +138,7 @@ inline std::string urlOf(std::uint16_t port) {
     return "http://127.0.0.1:" + std::to_string(port);
 }
 
-/// A member of etcd that the test plays.
+/// A fake member of etcd, whose connections the test accepts.
 struct FakeMember {
     RawListener listener{};
 
@@ -150,13 +150,13 @@ inline std::string answerOf(const std::string& body, const std::string& status =
            "\r\n\r\n" + body;
 }
 
-/// Header and body of a request whose body is one object in JSON without another one.
+/// Reads a request whose body is a JSON object without nested objects.
 inline std::string readRequest(RawConnection& connection) {
     const std::string header = connection.readUntil("\r\n\r\n");
     return header + connection.readUntil("}");
 }
 
-/// A connection on which the answer to the watch of the client has begun.
+/// Accepts the connection of the client's watch and begins the answer.
 inline RawConnection acceptWatch(const FakeMember& member) {
     RawConnection connection = member.listener.accept();
     connection.readUntil("}}");
@@ -164,7 +164,7 @@ inline RawConnection acceptWatch(const FakeMember& member) {
     return connection;
 }
 
-/// A piece of the answer.
+/// A chunk of an answer.
 inline std::string chunkOf(const std::string& text) {
     std::ostringstream chunk;
     chunk << std::hex << text.size() << "\r\n" << text << "\r\n";

@@ -11,7 +11,7 @@ namespace orvx::registry {
 /// A registry at any free port that runs on a thread of its own as long as this object lives.
 class RunningRegistry {
   public:
-    /// `ready`: for onReady(), or null.
+    /// `ready`: the argument of onReady(), or null.
     explicit RunningRegistry(RegistryOptions options = {},
                              const std::function<void(bool)>& ready = {})
         : server_(atAnyPort(std::move(options))), thread_([this, ready] {
@@ -29,7 +29,7 @@ class RunningRegistry {
 
     void reload() { server_.reload(); }
 
-    /// Returns when run() has.
+    /// Stops the registry and waits until run() has returned.
     void stop() {
         server_.stop();
         if (thread_.joinable()) {

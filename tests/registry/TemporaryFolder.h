@@ -7,7 +7,7 @@
 
 namespace orvx::registry {
 
-/// A folder of its own that is gone with this object.
+/// A new folder, which the destructor removes.
 class TemporaryFolder {
   public:
     TemporaryFolder() {

@@ -1,5 +1,5 @@
 // Reads responses with Beast's parser.
-// Entered by the one thread that owns the connection.
+// Runs on the thread that owns the connection.
 // There is no lock.
 
 #include "TestConnection.h"

@@ -17,11 +17,11 @@ class TestConnection {
     virtual ~TestConnection() = default;
 
     virtual void send(const std::string& bytes) = 0;
-    /// The next response. One to HEAD has no body, whatever its header says.
+    /// Reads the next response. The response to HEAD has no body.
     Response receive(bool toHead = false);
     /// send() and receive().
     Response ask(const std::string& request);
-    /// All bytes up to the end of that text.
+    /// Reads all bytes up to the end of `text`.
     std::string readUntil(const std::string& text);
 
   protected:

@@ -1,5 +1,5 @@
-// A client over TLS on blocking sockets with time-outs, and what it trusts.
-// Entered by the one thread that owns the connection.
+// A TLS client on blocking sockets with time-outs, and its certificates.
+// Runs on the thread that owns the connection.
 // There is no lock.
 
 #include "TlsConnection.h"

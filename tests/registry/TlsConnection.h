@@ -11,11 +11,11 @@
 
 namespace orvx::registry {
 
-/// An authority, and certificates that it has signed, for 127.0.0.1, each beside its key as
-/// NAME.pem and NAME.key.
+/// An authority and certificates for 127.0.0.1 that it has signed, in the files NAME.pem and
+/// NAME.key.
 class Certificates {
   public:
-    /// `folder`: ends with a slash. Makes the authority, ca.pem.
+    /// Makes the authority, ca.pem, in `folder`, which ends with a slash.
     explicit Certificates(std::string folder);
 
     void make(const std::string& name) const;
@@ -25,20 +25,21 @@ class Certificates {
     const std::string folder_;
 };
 
-/// A connection over TLS to 127.0.0.1. All that waits throws a std::runtime_error after ten
+/// A connection over TLS to 127.0.0.1. A function that waits throws a std::runtime_error after ten
 /// seconds.
 ///
 /// Thread-safety: none.
 class TlsConnection final : public TestConnection {
   public:
-    /// `own`: the name of the certificate that is shown; empty: none. Throws a std::runtime_error
-    /// when the handshake fails.
+    /// `own`: the name of the client's certificate; empty: none. Throws a std::runtime_error if the
+    /// handshake fails.
     TlsConnection(std::uint16_t port, const Certificates& certificates,
                   const std::string& own = {});
     TlsConnection(TlsConnection&& other) noexcept = default;
 
     void send(const std::string& bytes) override;
-    /// True when the other side ends the connection without another byte; false when it breaks it.
+    /// Waits for the end of the connection. Returns whether the peer ended it regularly and without
+    /// a further byte.
     bool isClosedByPeer();
 
   private:

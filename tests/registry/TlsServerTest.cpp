@@ -1,5 +1,5 @@
-// The registry over TLS: who is let in, what is read again, and clients that mean it harm before
-// the first request.
+// Tests the registry over TLS: accepted clients, files that are read again, and hostile clients
+// before their first request.
 // The registry runs on its own thread, the test on the main one; they share sockets only.
 // There is no lock.
 
@@ -44,7 +44,7 @@ class ARegistryOverTls : public ::testing::Test {
 
     std::string metrics() { return connect().ask(makeRequest("GET", "/-/metrics")).body(); }
 
-    /// Until the registry has counted so many.
+    /// Waits until the registry has counted that number of dropped connections.
     void awaitDrops(const std::string& reason, int count) {
         const std::string line =
             "drops_total{reason=\"" + reason + "\"} " + std::to_string(count) + "\n";
@@ -60,7 +60,7 @@ class ARegistryOverTls : public ::testing::Test {
     std::unique_ptr<RunningRegistry> registry_;
 };
 
-TEST_F(ARegistryOverTls, AnswersAsWithout) {
+TEST_F(ARegistryOverTls, AnswersAsWithoutTls) {
     start();
     TlsConnection connection = connect();
     const auto put = connection.ask(makeRequest("PUT", "/a", R"({"name":"lamp"})"));
@@ -95,7 +95,7 @@ TEST_F(ARegistryOverTls, StreamsWhatChanges) {
     EXPECT_THAT(watcher.readUntil("/lamp"), HasSubstr("event: put\n"));
 }
 
-TEST_F(ARegistryOverTls, LetsInWhoShowsACertificateOfTheAuthority) {
+TEST_F(ARegistryOverTls, AcceptsOnlyClientsWithACertificateOfTheAuthority) {
     options_.tls.authority = certificates_.file("ca.pem");
     certificates_.make("lamp");
     start();
@@ -111,7 +111,7 @@ TEST_F(ARegistryOverTls, LetsInWhoShowsACertificateOfTheAuthority) {
                 HasSubstr("drops_total{reason=\"handshake\"} 2\n"));
 }
 
-TEST_F(ARegistryOverTls, ReadsItsFilesAgainAndEndsWhoeverCameWithTheOldOnes) {
+TEST_F(ARegistryOverTls, ReadsItsFilesAgainAndEndsEarlierConnections) {
     options_.tls.authority = certificates_.file("ca.pem");
     certificates_.make("lamp");
     start();
@@ -175,7 +175,7 @@ TEST_F(ARegistryOverTls, CountsAHandshakeThatStallsAmongTheConnections) {
     }
 }
 
-TEST_F(ARegistryOverTls, DropsWhoSpeaksSomethingElse) {
+TEST_F(ARegistryOverTls, DropsAClientThatDoesNotSpeakTls) {
     start();
     RawConnection plain = registry_->connect();
     plain.send(makeRequest("PUT", "/a", "{}"));
@@ -195,7 +195,7 @@ TEST_F(ARegistryOverTls, DropsWhoSpeaksSomethingElse) {
     EXPECT_EQ(connect().ask(makeRequest("GET", "/")).body(), R"({"entries":[]})");
 }
 
-TEST_F(ARegistryOverTls, RefusesWhatItRefusesWithout) {
+TEST_F(ARegistryOverTls, RefusesInvalidRequestsAsWithoutTls) {
     start();
     const std::string filler(100'000, 'x');
     const std::string chunks = "PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
@@ -247,7 +247,7 @@ TEST_F(ARegistryOverTls, SurvivesAClientThatEndsAnywhere) {
     EXPECT_EQ(connect().ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
-TEST_F(ARegistryOverTls, DropsAConnectionWithoutAHandshakeWhenItsAddressHasAskedTooOften) {
+TEST_F(ARegistryOverTls, DropsAConnectionBeforeTheHandshakeWhenItsAddressExceedsTheRate) {
     options_.rate = 1;
     start();
     std::vector<RawConnection> connections;

@@ -1,4 +1,4 @@
-// Makes the line that a user makes with sha256sum(1). Entered by any thread; there is no lock.
+// Makes the line that a user makes with sha256sum(1). Thread-safe: there is no state.
 
 #include "TokenLine.h"
 

@@ -1,4 +1,4 @@
-// What a file of tokens may say, and who is found by a secret.
+// Tests the syntax of a file of tokens, and how a token is found by its secret.
 // Everything runs on the test's thread.
 // There is no lock.
 
@@ -16,7 +16,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-// Of "secret", as sha256sum(1) prints it, and of "other".
+// The hashes of "secret" and "other", as sha256sum(1) prints them.
 constexpr const char* kSecret = "2bb80d537b1da3e38bd30361aa855686bde0eacd7162fef6a25fe97bf527a25b";
 constexpr const char* kOther = "d9298a10d1b0735837dc4bd85dac641b0f3cef27a47e5d53a54f2f3f5b2fcffa";
 
@@ -42,7 +42,7 @@ TEST(TheTokens, AreFoundByTheirSecretOnly) {
     }
 }
 
-TEST(TheTokens, MayDoNothingButWhatTheirLineSays) {
+TEST(TheTokens, HaveOnlyTheRightsOfTheirLine) {
     const Tokens tokens(line("none", kSecret) +
                         line("all", kOther,
                              R"(,"read":true,"announce":"/lamps/","administer":true,)"
@@ -58,7 +58,7 @@ TEST(TheTokens, MayDoNothingButWhatTheirLineSays) {
     EXPECT_EQ(all->maxBytes, 100U);
 }
 
-TEST(TheTokens, ThatMayAnnounceEverywhereMayWithdrawWhateverPathAnEntryHas) {
+TEST(TheTokens, ThatMayAnnounceEverywhereMayWithdrawAnEntryOfAnyPath) {
     const Tokens tokens(line("all", kSecret, R"(,"announce":"/")") +
                         line("lamps", kOther, R"(,"announce":"/lamps")"));
     EXPECT_TRUE(tokens.find("secret")->mayAnnounce("//a/../b"));
@@ -93,7 +93,7 @@ TEST(TheTokens, AreRefusedWithTheLineOfAMistake) {
     }
 }
 
-TEST(TheTokens, AreRefusedWithoutShowingWhatStandsInTheFile) {
+TEST(TheTokens, AreRefusedWithoutShowingTheContentOfTheFile) {
     for (const std::string& text :
          {std::string("hunter2"), line("a", "hunter2"), line("a", kOther, R"(,"read":"hunter2")"),
           line("hunter2 ", kOther), line("a", kOther, R"(,"announce":"hunter2")")}) {

@@ -1,6 +1,5 @@
-// A command that runs with the list at each change: when it runs, with what, and what becomes of
-// it. The test and the registry are threads, the program and the command processes. There is no
-// lock.
+// Tests the command of watch --exec: when it runs, its input, and its end. The test and the
+// registry run on threads; the program and the command are processes. There is no lock.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -35,7 +34,7 @@ class TheWatchedCommand : public ::testing::Test {
         return arguments;
     }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(registry.port()); }
-    /// Starts the program with a shell script for a command.
+    /// Starts the program with a shell script as the command.
     RegistryProcess& watch(const std::string& script, std::vector<std::string> options = {}) {
         options.insert(options.end(), {"--exec", "sh", "-c", script, "-x"});
         return program.emplace(watching(url(), options));
@@ -138,7 +137,7 @@ TEST_F(TheWatchedCommand, IsEndedWithTheProgram) {
     }
 }
 
-/// Those that run, and those that are not reaped.
+/// The processes of the command that run or are not reaped.
 std::size_t childrenOf(pid_t pid) {
     std::size_t count = 0;
     const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
@@ -174,7 +173,7 @@ TEST_F(TheWatchedCommand, DoesNotRunWhileTheRegistryIsAwayAndRunsWithTheListAfte
     EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2);
 }
 
-TEST_F(TheWatchedCommand, StandsAfterExecAndAfterNothingElse) {
+TEST_F(TheWatchedCommand, IsAcceptedOnlyAfterExec) {
     const auto statusOf = [this](const std::vector<std::string>& rest) {
         const auto result = RegistryProcess(watching(url(), rest)).wait();
         return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
@@ -186,7 +185,7 @@ TEST_F(TheWatchedCommand, StandsAfterExecAndAfterNothingElse) {
     EXPECT_EQ(statusOf({"--name", "lamp"}), 125);
 }
 
-TEST(AWatchThatIsRefused, SaysSoOnceAndAsksLessAndLessOften) {
+TEST(AWatchThatIsRefused, ReportsTheRefusalOnceAndRetriesAtGrowingIntervals) {
     FakeServer server("127.0.0.1");
     RegistryProcess watch({"watch", "--registry", "http://" + server.authority()});
     server.answer("HTTP/1.1 200 OK\r\n\r\nevent: listed\nid: 1-1\ndata: {}\n\n");
@@ -202,8 +201,8 @@ TEST(AWatchThatIsRefused, SaysSoOnceAndAsksLessAndLessOften) {
     EXPECT_EQ(watch.wait().errors, "orvx-registry: the registry answers 401\n");
 }
 
-// A fetch that failed was answered with a new stream and its whole list: for ever if an entry was
-// replaced often.
+// Before, the program began a new stream, with the whole list, after each failed fetch. If an entry
+// was replaced often, this did not end.
 TEST(ALongServiceThatCannotBeFetched, IsFetchedAgainWhileTheStreamGoesOn) {
     FakeServer server("127.0.0.1");
     RegistryProcess watch(

@@ -1,5 +1,5 @@
-// What a reader of the stream is told, without sockets.
-// Everything runs on the test's thread, and the clock is turned by hand.
+// Tests the events for a reader of the stream, without sockets.
+// Everything runs on the test's thread, which also sets the clock.
 // There is no lock.
 
 #include "Watch.h"
@@ -58,7 +58,7 @@ class TheWatch : public ::testing::Test {
         return store_.put(path, service).entry.uuid;
     }
 
-    /// All that there is, but for the states.
+    /// All pending events except `state`.
     std::vector<Event> read(Watch& watch) {
         std::vector<Event> events;
         for (std::string piece = watch.next(store_, 0); !piece.empty();
@@ -84,7 +84,7 @@ class TheWatch : public ::testing::Test {
     EntryStore store_{{0ms, 100'000, "", [this] { return now_; }}};
 };
 
-TEST_F(TheWatch, TellsTheListFirst) {
+TEST_F(TheWatch, SendsTheListFirst) {
     put("/a");
     put("/b");
     Watch watch(store_, "");
@@ -92,7 +92,7 @@ TEST_F(TheWatch, TellsTheListFirst) {
     EXPECT_THAT(readNames(watch), IsEmpty());
 }
 
-TEST_F(TheWatch, TellsAnEntryWithItsTimes) {
+TEST_F(TheWatch, SendsAnEntryWithItsTimes) {
     const std::string uuid = put("/a", {{"host", "10.0.0.1"}, {"port", 80}});
     now_ += 2s;
     store_.check(uuid);
@@ -113,7 +113,7 @@ TEST_F(TheWatch, TellsAnEntryWithItsTimes) {
     EXPECT_EQ(second.at("moved"), json({{"from", "10.0.0.1:80"}, {"age", 1'000}}));
 }
 
-TEST_F(TheWatch, TellsTheOrderOfCreationWhateverIsPutAgain) {
+TEST_F(TheWatch, SendsTheNumberOfAnEntryAlsoWhenItIsPutAgain) {
     put("/a");
     put("/b");
     put("/a");
@@ -123,7 +123,7 @@ TEST_F(TheWatch, TellsTheOrderOfCreationWhateverIsPutAgain) {
     EXPECT_GT(events.at(1).data.at("number"), events.at(2).data.at("number"));
 }
 
-TEST_F(TheWatch, TellsChangesInTheirOrder) {
+TEST_F(TheWatch, SendsChangesInTheirOrder) {
     Watch watch(store_, "");
     read(watch);
     const std::string a = put("/a");
@@ -135,7 +135,7 @@ TEST_F(TheWatch, TellsChangesInTheirOrder) {
     EXPECT_THAT(readNames(watch), IsEmpty());
 }
 
-TEST_F(TheWatch, TellsAnEntryThatChangedTwiceOnceAndAsItIs) {
+TEST_F(TheWatch, SendsAnEntryThatChangedTwiceOnceWithItsLatestState) {
     Watch watch(store_, "");
     read(watch);
     put("/a", {{"port", 1}});
@@ -145,7 +145,7 @@ TEST_F(TheWatch, TellsAnEntryThatChangedTwiceOnceAndAsItIs) {
     EXPECT_EQ(events[0].data.at("service").at("port"), 2);
 }
 
-TEST_F(TheWatch, TellsManyChecksInOneEvent) {
+TEST_F(TheWatch, SendsManyChecksInOneEvent) {
     const std::string a = put("/a");
     const std::string b = put("/b");
     Watch watch(store_, "");
@@ -173,7 +173,7 @@ TEST_F(TheWatch, LeavesOutTheChecksForAReaderThatDoesNotWantThem) {
     EXPECT_THAT(readNames(watch), ElementsAre("put/b", "removed"));
 }
 
-TEST_F(TheWatch, DoesNotLoseAnEntryThatIsCheckedWhileTheListIsTold) {
+TEST_F(TheWatch, DoesNotLoseAnEntryThatIsCheckedWhileTheListIsSent) {
     std::vector<std::string> uuids;
     for (int i = 0; i < 500; ++i) {
         uuids.push_back(put("/" + std::to_string(i)));
@@ -201,7 +201,7 @@ TEST_F(TheWatch, ResumesAfterTheEventThatTheReaderKnows) {
     EXPECT_THAT(readNames(third), ElementsAre("listed"));
 }
 
-TEST_F(TheWatch, TellsTheListAnewAfterAnIdThatItDidNotGive) {
+TEST_F(TheWatch, SendsTheListAgainAfterAnUnknownId) {
     put("/a");
     Watch first(store_, "");
     const std::string id = read(first).back().id;
@@ -215,7 +215,7 @@ TEST_F(TheWatch, TellsTheListAnewAfterAnIdThatItDidNotGive) {
     }
 }
 
-TEST_F(TheWatch, TellsTheListAnewToAReaderThatMissedMoreRemovalsThanAreRemembered) {
+TEST_F(TheWatch, SendsTheListAgainToAReaderThatMissedTooManyRemovals) {
     put("/a");
     Watch first(store_, "");
     const std::string id = read(first).back().id;
@@ -230,7 +230,7 @@ TEST_F(TheWatch, TellsTheListAnewToAReaderThatMissedMoreRemovalsThanAreRemembere
     EXPECT_THAT(readNames(first), ElementsAre("list", "put/a", "listed"));
 }
 
-TEST_F(TheWatch, IsAliveEveryTwoSecondsAndTellsTheFaults) {
+TEST_F(TheWatch, SendsAStateEveryTwoSecondsAndWhenTheFaultsChange) {
     Watch watch(store_, "");
     EXPECT_THAT(watch.next(store_, 0), StartsWith("event: state\ndata: {\"faults\":0"));
     now_ += 1'999ms;
@@ -273,7 +273,7 @@ TEST_F(TheWatch, KeepsItsPiecesShortWhateverIsPut) {
     EXPECT_GT(count, 10U);
 }
 
-TEST_F(TheWatch, TellsALongServiceInShort) {
+TEST_F(TheWatch, SendsASummaryOfALongService) {
     std::string name(199, 'x');
     name += "€" + std::string(10'000, 'x');
     put("/a", {{"name", name}, {"uri", {1}}, {"port", 80}, {"host", "10.0.0.1"}, {"more", 1}});
@@ -288,7 +288,7 @@ TEST_F(TheWatch, TellsALongServiceInShort) {
     EXPECT_EQ(read(watch).at(0).data.at("service"), json({{"name", "lamp"}}));
 }
 
-TEST_F(TheWatch, ReadsALongServiceAtThePutAndNotForEachReader) {
+TEST_F(TheWatch, ParsesALongServiceOnceForEachPut) {
     const json service{{"name", "lamp"}, {"more", std::vector<json>(100'000, json::array())}};
     const double forThePut = processorSeconds([&] { put("/a", service); });
     const double forTheReaders = processorSeconds([&] {
@@ -297,10 +297,10 @@ TEST_F(TheWatch, ReadsALongServiceAtThePutAndNotForEachReader) {
             EXPECT_EQ(read(watch).at(1).data.at("service"), json({{"name", "lamp"}}));
         }
     });
-    EXPECT_LT(forTheReaders, 5 * forThePut);  // with a parse for each of them: 20 times or so
+    EXPECT_LT(forTheReaders, 5 * forThePut);  // about 20 times, if each reader parsed the service
 }
 
-TEST_F(TheWatch, TellsAChangeInAsManyBytesHoweverManyEntriesThereAre) {
+TEST_F(TheWatch, SendsAChangeWhoseSizeDoesNotDependOnTheNumberOfEntries) {
     Watch watch(store_, "");
     std::vector<std::size_t> sizes;
     for (const int count : {10, 1'000, 20'000}) {
@@ -314,7 +314,7 @@ TEST_F(TheWatch, TellsAChangeInAsManyBytesHoweverManyEntriesThereAre) {
         const std::string piece = watch.next(store_, 0);
         sizes.push_back(piece.substr(piece.find("data: ")).size());
     }
-    EXPECT_THAT(sizes, Each(::testing::Le(sizes[0] + 4)));  // its age may have more digits
+    EXPECT_THAT(sizes, Each(::testing::Le(sizes[0] + 4)));  // the age may have more digits
 }
 
 class TheRecentPieces : public TheWatch {
@@ -341,7 +341,7 @@ TEST_F(TheRecentPieces, AreMadeOnceForAllReadersInTheSamePosition) {
     EXPECT_EQ(*pieces_.next(other, store_, 0), "");
 }
 
-TEST_F(TheRecentPieces, AreOtherOnesForReadersInOtherPositions) {
+TEST_F(TheRecentPieces, AreDifferentForReadersInDifferentPositions) {
     const std::string a = put("/a");
     Watch early = reader();
     put("/b");
@@ -355,7 +355,7 @@ TEST_F(TheRecentPieces, AreOtherOnesForReadersInOtherPositions) {
     EXPECT_THAT(parse(*pieces_.next(withoutChecks, store_, 0)), ::testing::SizeIs(1));
 }
 
-TEST_F(TheRecentPieces, AreNotThoseFromBeforeAChange) {
+TEST_F(TheRecentPieces, AreMadeAgainAfterAChange) {
     const std::string a = put("/a");
     Watch one = reader();
     Watch other = one;
@@ -367,7 +367,7 @@ TEST_F(TheRecentPieces, AreNotThoseFromBeforeAChange) {
     EXPECT_THAT(*pieces_.next(third, store_, 7), StartsWith("event: state\ndata: {\"faults\":7"));
 }
 
-TEST_F(TheRecentPieces, DoNotDifferByChecksForAReaderThatDoesNotWantThem) {
+TEST_F(TheRecentPieces, AreSharedDespiteChecksByReadersWithoutChecks) {
     const std::string a = put("/a");
     Watch one = reader(false);
     Watch other = one;
@@ -377,7 +377,7 @@ TEST_F(TheRecentPieces, DoNotDifferByChecksForAReaderThatDoesNotWantThem) {
     EXPECT_EQ(pieces_.next(other, store_, 0), piece);
 }
 
-TEST_F(TheRecentPieces, AreMadeAnewWhenTheirTimesAreTooOld) {
+TEST_F(TheRecentPieces, AreMadeAgainWhenTheirTimesAreTooOld) {
     Watch one = reader();
     Watch other = one;
     Watch third = one;
@@ -389,10 +389,10 @@ TEST_F(TheRecentPieces, AreMadeAnewWhenTheirTimesAreTooOld) {
     EXPECT_EQ(parse(*pieces_.next(third, store_, 0)).at(0).data.at("renewed"), 51);
 }
 
-/// A reader that builds the list from what it is told, and remembers the last id.
+/// A reader that builds the list from the events, and remembers the last id.
 class Reader {
   public:
-    /// Takes some of the events of a piece, as if its connection had been cut after them.
+    /// Reads some events of a piece, as if the connection had ended after them.
     void take(const std::string& piece, std::size_t most) {
         for (const Event& event : parse(piece)) {
             if (most-- == 0) {
@@ -403,7 +403,7 @@ class Reader {
         }
     }
 
-    /// The counts of checks of a reader that does not get them become those.
+    /// Sets the counts of checks, for a reader that gets no checks.
     void forgetChecks(const std::map<std::string, json>& known) {
         for (const auto& [uuid, entry] : known) {
             if (const auto own = entries.find(uuid); own != entries.end()) {
@@ -433,7 +433,7 @@ class Reader {
     }
 };
 
-TEST_F(TheWatch, LeavesEveryReaderWithTheEntriesOfTheStoreWhereverItsConnectionsAreCut) {
+TEST_F(TheWatch, GivesEveryReaderTheEntriesOfTheStoreWhereverItsConnectionsAreCut) {
     std::minstd_rand random(1);
     const auto below = [&random](std::size_t limit) { return random() % limit; };
     for (int round = 0; round < 20; ++round) {

@@ -1,5 +1,5 @@
-// The copy of the list that the events of the stream make. Everything runs on the test's thread;
-// there is no lock.
+// Tests the copy of the list that the events of the stream update. Everything runs on the test's
+// thread; there is no lock.
 
 #include "WatchedEntries.h"
 
@@ -40,13 +40,13 @@ class TheWatchedEntries : public ::testing::Test {
         return entries.apply("listed", json::object());
     }
 
-    /// As the stream shows it if its service is long.
+    /// The entry as the stream contains it if its service is long.
     static json cut(const std::string& uuid, int number, json service = json::object()) {
         json shown = entry(uuid, number, std::move(service));
         shown["cut"] = 7000;
         return shown;
     }
-    /// The entries that are fetched with an event in which nothing changes.
+    /// The entries that are fetched with an event that changes nothing.
     std::vector<std::string> fetchesOf(std::chrono::seconds later) {
         asked.clear();
         now += later;
@@ -62,7 +62,7 @@ class TheWatchedEntries : public ::testing::Test {
     }
 
     std::optional<json> fetched;
-    std::set<std::string> fails;  // cannot be fetched
+    std::set<std::string> fails;  // the uuids of entries that cannot be fetched
     std::chrono::seconds retryAfter{0};
     std::vector<std::string> asked;
     WatchedEntries::Time now{std::chrono::hours(1)};
@@ -83,7 +83,7 @@ TEST_F(TheWatchedEntries, AreTheListAndItsChangesInTheOrderOfCreation) {
     EXPECT_EQ(uuidsIn(entries), "d");
 }
 
-TEST_F(TheWatchedEntries, AreAllThereThoughTheirNumbersAreEqual) {
+TEST_F(TheWatchedEntries, AreCompleteAlthoughTheirNumbersAreEqual) {
     list({entry("b", 1), entry("a", 1), entry("c", 1)});
     EXPECT_EQ(uuidsIn(entries), "abc");
     EXPECT_TRUE(remove("b"));
@@ -116,7 +116,7 @@ TEST_F(TheWatchedEntries, AreThoseThatMatch) {
     EXPECT_EQ(uuidsIn(lamps), "");
 }
 
-TEST_F(TheWatchedEntries, HaveTheWholeServiceWhereTheStreamCutsIt) {
+TEST_F(TheWatchedEntries, ContainTheWholeServiceThatTheStreamHasCut) {
     fetched = entry("a", 1, {{"name", "lamp"}, {"more", 1}});
     EXPECT_TRUE(list({cut("a", 1, {{"name", "lamp"}})}));
     EXPECT_NE(entries.text().find("\"more\":1"), std::string::npos);
@@ -125,7 +125,7 @@ TEST_F(TheWatchedEntries, HaveTheWholeServiceWhereTheStreamCutsIt) {
     EXPECT_EQ(uuidsIn(entries), "");
 }
 
-// Whoever replaced long entries of any other name kept the list from its readers.
+// Before, long entries of other names that were replaced often delayed the list.
 TEST_F(TheWatchedEntries, AreNotFetchedIfTheirNameShowsThatTheyDoNotMatch) {
     const std::string longName(201, 'x');
     for (const std::string& name : {std::string("lamp"), longName}) {
@@ -190,7 +190,7 @@ TEST_F(TheWatchedEntries, ThatCannotBeFetchedAreFetchedAgainAfterAGrowingPause) 
     EXPECT_FALSE(entries.isWaiting());
 }
 
-TEST_F(TheWatchedEntries, AreNotFetchedBeforeTheRegistryWantsThat) {
+TEST_F(TheWatchedEntries, AreNotFetchedBeforeTheTimeThatTheRegistryRequests) {
     using std::chrono::seconds;
     fails = {"a", "b"};
     retryAfter = seconds(5);

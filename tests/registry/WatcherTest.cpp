@@ -1,4 +1,4 @@
-// Those that follow the entries over a real socket: what they get, when, and what they cost.
+// Tests readers of the stream over a real socket: their events, the delays, and their memory.
 // The registry runs on its own thread or as a program, the test on the main thread; they share
 // sockets only. There is no lock.
 
@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kWatch = "GET /-/watch HTTP/1.1\r\nHost: localhost\r\n\r\n";
 
-/// A connection that has asked to watch, and whatever came up to the end of the list.
+/// A connection that has requested the stream, and the text up to the end of the list.
 struct Watcher {
     explicit Watcher(std::uint16_t port, const std::string& request = kWatch) : connection(port) {
         connection.send(request);
@@ -69,14 +69,14 @@ TEST(AWatcher, GetsTheListAsServerSentEvents) {
     EXPECT_THAT(watcher.list, HasSubstr("\"service\":{\"host\":\"10.0.0.1\"}"));
 }
 
-/// Asks for nothing that changes, until a watcher has nothing to send and waits.
+/// Sends requests without a change until a watcher has nothing to send and waits.
 void letWatchersRest(RawConnection& connection) {
     for (const auto end = Clock::now() + 100ms; Clock::now() < end;) {
         connection.ask(makeRequest("HEAD", "/"));
     }
 }
 
-TEST(AWatcher, IsToldAtOnceWhatIsPutAndWithdrawn) {
+TEST(AWatcher, GetsPutsAndWithdrawalsAtOnce) {
     const RunningRegistry registry;
     Watcher watcher(registry.port());
     RawConnection other = registry.connect();
@@ -90,10 +90,10 @@ TEST(AWatcher, IsToldAtOnceWhatIsPutAndWithdrawn) {
         watcher.connection.readUntil("event: removed\n");
         watcher.connection.readUntil(uuid);
     }
-    EXPECT_LT(Clock::now() - begin, 6s);  // by itself a watcher looks once a second
+    EXPECT_LT(Clock::now() - begin, 6s);  // an idle watcher looks for changes once a second
 }
 
-TEST(AWatcher, IsToldOfChecksAndOfWhatExpiresWhileNobodyAsks) {
+TEST(AWatcher, GetsChecksAndExpiriesWithoutFurtherRequests) {
     RegistryOptions options;
     options.ttl = 3s;
     const RunningRegistry registry(options);
@@ -108,7 +108,7 @@ TEST(AWatcher, IsToldOfChecksAndOfWhatExpiresWhileNobodyAsks) {
     watcher.connection.readUntil("event: removed\n");
 }
 
-TEST(AWatcher, IsNotToldOfChecksThatItDoesNotWant) {
+TEST(AWatcher, GetsNoChecksUnlessItWantsThem) {
     const RunningRegistry registry;
     RawConnection other = registry.connect();
     const std::string location = put(other, "/lamp");
@@ -119,7 +119,7 @@ TEST(AWatcher, IsNotToldOfChecksThatItDoesNotWant) {
     EXPECT_THAT(events, Not(HasSubstr("event: checked\n")));
 }
 
-TEST(AWatcher, IsRefusedWithAQueryThatMakesNoSense) {
+TEST(AWatcher, IsRefusedWithAnInvalidQuery) {
     const RunningRegistry registry;
     RawConnection connection = registry.connect();
     for (const char* query : {"checks", "checks=maybe", "check=no", "checks=no&checks=no", "x=%"}) {
@@ -145,7 +145,7 @@ TEST(AWatcher, ResumesWhereItsConnectionWasCut) {
     EXPECT_THAT(watcher.list, Not(HasSubstr("event: list\n")));
 }
 
-TEST(AWatcher, IsAskedForNothingButTheHeaderByHead) {
+TEST(AWatcher, GetsOnlyTheHeaderWithHead) {
     const RunningRegistry registry;
     RawConnection connection = registry.connect();
     const auto response = connection.ask(makeRequest("HEAD", "/-/watch"));
@@ -153,7 +153,7 @@ TEST(AWatcher, IsAskedForNothingButTheHeaderByHead) {
     EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
-TEST(AWatcher, IsMetByNoFault) {
+TEST(AWatcher, IsNotAffectedByFaults) {
     RegistryOptions options;
     options.admin = true;
     const RunningRegistry registry(options);
@@ -202,7 +202,7 @@ TEST(AWatcher, CountsAsAnsweredWithEachEvent) {
     watcher.connection.readUntil("/doorbell");
 }
 
-TEST(AWatcher, MayBeDroppedAtAnyTime) {
+TEST(AWatcher, MayCloseItsConnectionAtAnyTime) {
     const RunningRegistry registry;
     RawConnection other = registry.connect();
     putMany(other, 500, 100);
@@ -230,7 +230,7 @@ TEST(AWatcherThatReadsNothing, IsDropped) {
     EXPECT_EQ(other.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
-// The kernel's part is not seen here: it is bounded by the size of the socket's buffer.
+// The test does not measure the kernel's memory, which the socket's buffer limits.
 TEST(AWatcherThatReadsNothing, CostsLittleMemoryHoweverMuchHappens) {
     RegistryProcess registry({"--port", "0"});
     RawConnection other(registry.port());

@@ -21,9 +21,9 @@ import uuid
 import jsonschema
 import yaml
 
-# Only a registry with --etcd answers so.
+# Only a registry with --etcd gives these answers.
 CANNOT_BE_PROVOKED = {"503"}
-# Of every answer; no part of an interface.
+# Headers of every answer, which belong to no interface.
 ORDINARY = {"content-length", "connection", "transfer-encoding"}
 LONG_HEADER = {"X-Long": "x" * 9000}
 LAMP = {"name": "lamp", "uri": "/lamp", "host": "10.0.0.5", "port": 80, "versions": ["1.0"],

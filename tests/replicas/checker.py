@@ -1,23 +1,23 @@
 #!/usr/bin/env python3
-"""Judges the history of a run: checker.py FOLDER judges once more what `run` has left in that folder.
+"""Checks the history of a run. `checker.py FOLDER` checks the recorded history in that folder again.
 
 The history has four sources, whose times are milliseconds since 1970 by the clock of the one machine:
 
-- Requests, from the log of the load balancer, which is between the services and the replicas: the times at which a
-  request arrived and its answer was sent, and the status of that answer. In addition, those of the racer.
+- Requests, from the log of the load balancer between the services and the replicas: the times at which a
+  request arrived and its answer was sent, and the status of the answer. The requests of the racer are added.
 - Events, from the services: operations, their answers, and the library's events.
 - Samples: the entries that etcd has at one revision, read linearizably, and the lists of the replicas.
-- Phases, from the nemesis: what was disturbed, and when.
+- Phases, from the nemesis: the kind and the time of each fault.
 
 An operation takes effect at an unknown time between its begin and its end. A promise counts as broken only if it is
-broken wherever in between that was:
+broken for each of these times:
 
 - An entry is *acknowledged* when a PUT was answered 200 or 201 with its uuid.
-- It is *renewed* by that PUT and by each check that was answered 200, and *kept* at an interval of time if such a
-  request ended before the interval and had begun less than the ttl before the end of the interval.
-- It is *withdrawn* as soon as its service began to withdraw its path or a DELETE of its uuid has begun, even if that
-  was not answered. The load balancer does not log a request on a kept connection that a replica closed; the library
-  repeats it. For that reason the 404 to a DELETE counts only if it was the racer's, who repeats nothing.
+- It is *renewed* by that PUT and by each check that was answered 200. It is *kept* during an interval if such a
+  request ended before the interval, and began less than the ttl before the end of the interval.
+- It is *withdrawn* as soon as its service begins to withdraw its path, or a DELETE of its uuid has begun, even without
+  an answer. The load balancer does not log a request on a kept connection that a replica closed, and the library
+  repeats this request. So the 404 to a DELETE counts only for the racer, which repeats no request.
 
 A 404 is false if the entry is kept and is not withdrawn. The same holds for an entry that a sample lacks, and for a
 later PUT that gives the path another uuid: the entry is lost. A path has two uuids if two PUTs at the same time give
@@ -33,9 +33,10 @@ import json
 import pathlib
 import sys
 
-# A replica that is ready had its last heartbeat back less than three seconds ago: its list may lag by that time.
+# A replica is ready if its last heartbeat that came back is less than three seconds old. Its list
+# may lag by that time.
 REPLICA_LAG = 3000
-GONE = (200, 204, 404, 410)  # a withdrawal that is answered in this way succeeded
+GONE = (200, 204, 404, 410)  # the answers of a successful withdrawal
 NO_ENTRY = (404, 410)
 
 
@@ -46,8 +47,8 @@ class Request:
     method: str
     path: str
     status: int
-    uuid: str = ""  # of a PUT: the answer's
-    direct: bool = False  # at a replica, not through the load balancer
+    uuid: str = ""  # in the answer to a PUT
+    direct: bool = False  # sent to a replica, not through the load balancer
 
 
 @dataclasses.dataclass
@@ -56,8 +57,8 @@ class Sample:
     begin: int
     end: int
     entries: list  # of (uuid, path)
-    paths: dict = dataclasses.field(default_factory=dict)  # of etcd: path to uuid, as its second key has it
-    final: bool = False  # taken when all faults have been over for a while, and nothing comes or goes
+    paths: dict = dataclasses.field(default_factory=dict)  # at etcd: path to uuid, from the keys of the paths
+    final: bool = False  # taken some time after the last fault and the last change
 
 
 @dataclasses.dataclass
@@ -74,13 +75,13 @@ class History:
     events: list = dataclasses.field(default_factory=list)  # dicts, as the services write them
     samples: list = dataclasses.field(default_factory=list)
     phases: list = dataclasses.field(default_factory=list)
-    killed: tuple = ()  # the time, and the prefix of the paths, of the services that were killed at the end
+    killed: tuple = ()  # of the services that were killed at the end: the time, and the prefix of their paths
 
 
 @dataclasses.dataclass
 class Verdict:
     name: str
-    of: str  # the number of things that were looked at
+    of: str  # the number of things that were checked
     broken: list  # a line for each
 
 
@@ -91,7 +92,7 @@ class Life:
         self.path = path
         self.renewals = []  # PUTs and checks that succeeded, by their end
         self.latest = []  # for each renewal the latest begin up to it
-        self.attempts = []  # PUTs and checks, whatever was answered
+        self.attempts = []  # PUTs and checks with any answer
         self.deletes = []
         self.withdrawals = []  # their begins, answered or not
 
@@ -100,12 +101,12 @@ class Life:
         self.latest = list(itertools.accumulate((request.begin for request in self.renewals), max))
 
     def last_renewal(self, time):
-        """The latest begin of a renewal that ended before the time, which is not before the first one."""
+        """The latest begin of a renewal that ended before the time. The time is not before the first renewal."""
         return self.latest[bisect.bisect_right(self.renewals, time, key=lambda request: request.end) - 1]
 
     def is_kept(self, begin, end, ttl):
         if begin < self.renewals[0].end or self.latest[-1] <= end - ttl:
-            return False  # the usual case, which need not search
+            return False  # the usual case, without a search
         return self.last_renewal(begin) > end - ttl
 
     def begin(self):
@@ -143,7 +144,7 @@ def lives(requests):
                 life.renewals.append(request)
         elif life and request.method == "DELETE":
             life.deletes.append(request)
-            if request.status not in NO_ENTRY or not request.direct:  # which is judged itself
+            if request.status not in NO_ENTRY or not request.direct:  # false_404s() checks the others
                 life.withdrawals.append(request.begin)
     for life in found.values():
         life.sort()
@@ -176,7 +177,7 @@ class Checker:
     def with_uuid(self, *methods):
         return [request for request in self.history.requests if request.method in methods]
 
-    # Nothing is judged on the base of a history that lacks requests.
+    # A history without all requests cannot be checked.
     def complete(self):
         lost = {self.lives[request.path[1:]].path for request in self.with_uuid("HEAD", "DELETE")
                 if request.status in NO_ENTRY and request.path[1:] in self.lives}
@@ -261,13 +262,13 @@ class Checker:
                        [line for line in self.failed_in(restarts) if "HEAD" in line])
 
     def failed_in(self, phases):
-        """What the services saw fail."""
+        """The failures that the services reported in these phases."""
         return [f"{at(event['time'])} {event['path']} {event['event']}: {event['reason'].splitlines()[0]}"
                 for event in self.history.events for phase in phases
                 if event["event"] in ("unreachable", "lost") and phase.begin <= event["time"] <= phase.end]
 
     def expiring(self):
-        """The entries of the killed services that they would have kept."""
+        """The entries of the killed services that were kept until then."""
         if not self.history.killed:
             return {}
         time, prefix = self.history.killed
@@ -303,7 +304,7 @@ class Checker:
         return [sample for sample in self.history.samples if sample.final]
 
     def announced(self, when):
-        """What is announced by the services that live at that time: path to uuid."""
+        """The entries that are announced at that time by the running services: path to uuid."""
         paths = {}
         for event in self.history.events:
             if event["time"] > when:
@@ -318,10 +319,10 @@ class Checker:
         return {path: uuid for path, uuid in paths.items()
                 if not (killed and killed < when and path.startswith(prefix))}
 
-    # Figures, which are not judged.
+    # Figures without a limit.
 
     def longest_gap(self):
-        """The longest time between two successful checks of an entry, which nobody withdraws meanwhile."""
+        """The longest time between two successful checks of an entry that is not withdrawn."""
         longest = (0, 0, "")
         for life in self.lives.values():
             ends = [request.end for request in life.renewals if not life.is_withdrawn(request.end)]
@@ -374,7 +375,7 @@ def at(milliseconds):
 
 
 def read_lines(file):
-    """The JSON objects of a file, one a line; the last line of a killed process may be cut."""
+    """The JSON objects of a file, one per line. The last line of a killed process may be incomplete."""
     for line in file.read_text(errors="replace").splitlines():
         if line.startswith("{"):
             try:
@@ -389,7 +390,7 @@ def read(folder):
     history = History(settings["ttl"], killed=tuple(settings["killed"]))
     for name in "haproxy", "race":
         for line in read_lines(folder / f"{name}.log"):
-            if str(line["begin"]).isdigit():  # haproxy has read a whole request
+            if str(line["begin"]).isdigit():  # haproxy has read a complete request
                 history.requests.append(Request(int(line["begin"]), int(line["end"]), line["method"], line["path"],
                                                 int(line["status"]), line["location"].rpartition("/")[2],
                                                 name == "race"))
@@ -397,7 +398,7 @@ def read(folder):
         history.events.extend(read_lines(file))
     history.events.sort(key=lambda event: event["time"])
     for line in read_lines(folder / "samples.log"):
-        # Half an hour has thousands of samples of the same texts.
+        # Shares equal texts: half an hour has thousands of samples.
         line["entries"] = [tuple(map(sys.intern, entry)) for entry in line["entries"]]
         line["paths"] = {sys.intern(path): sys.intern(uuid) for path, uuid in line.get("paths", {}).items()}
         history.samples.append(Sample(**line))

@@ -1,6 +1,6 @@
 """Processes in network namespaces on one bridge: members of etcd, replicas of the registry, haproxy, services.
 
-The caller has a network, a mount and a process namespace of its own (see `run`): all that is made here ends with it.
+The caller has a network, a mount and a process namespace of its own (see `run`), so everything ends with the caller.
 """
 
 import base64
@@ -44,7 +44,7 @@ def ask(host, port, method, path, body=None, timeout=2):
 
 
 class Node:
-    """A network namespace with an address and one program, which can be killed, paused and cut off."""
+    """A network namespace with an address and one program, which can be killed, paused and disconnected."""
 
     def __init__(self, name, number, log):
         self.name = name
@@ -52,7 +52,7 @@ class Node:
         self.log = log
         self.command = []
         self.process = None
-        self.ended = False  # on purpose
+        self.ended = False  # by end()
         link = f"to-{name}"
         shell("ip", "netns", "add", name)
         shell("ip", "link", "add", link, "type", "veth", "peer", "name", "eth0", "netns", name)
@@ -67,7 +67,7 @@ class Node:
         shell("nsenter", f"--net=/run/netns/{self.name}", *command)
 
     def start(self, *command):
-        """Starts the command, or the last one again."""
+        """Starts the command; without a command the last one again."""
         self.command = [str(word) for word in command] or self.command
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(["nsenter", f"--net=/run/netns/{self.name}", *self.command],
@@ -99,7 +99,7 @@ class Node:
 
 
 class Member(Node):
-    """One of etcd; its data is in a file system of its own, which can be full."""
+    """A member of etcd. Its data is in a file system of its own, which can be filled."""
 
     def __init__(self, name, number, log, folder):
         super().__init__(name, number, log)
@@ -151,7 +151,7 @@ class Replica(Node):
             return False
 
     def entries(self):
-        """Uuids and paths. A list that changes while it is sent is broken off, and asked for again."""
+        """Uuids and paths. Repeats the request if the registry aborts the list because of a change."""
         for _ in range(20):
             try:
                 status, body = self.get("/", self.PORT, timeout=5)
@@ -259,16 +259,16 @@ class Cluster:
             if key.startswith("entries/"):
                 head = json.loads(value.partition("\n")[0])
                 entries.append((key[len("entries/"):], plain(head["path"])))
-            elif key.startswith("paths/") and value != "-":  # there was an entry
+            elif key.startswith("paths/") and value != "-":  # "-": the entry was removed
                 paths[key[len("paths/"):]] = value.split()[0]
         return entries, paths
 
     def compact(self):
-        """Forgets etcd's history up to the revision of the last sample."""
+        """Compacts etcd's history up to the revision of the last sample."""
         self.call("kv/compaction", {"revision": str(self.revision), "physical": True})
 
     def call(self, name, request):
-        """The answer of the member that answered last, or else of another one; None if there is no answer."""
+        """Asks the member that answered last, then the others. Returns the first answer, or None."""
         for member in sorted(self.members, key=lambda member: member is not self.answering):
             try:
                 answer = member.call(name, request)
@@ -280,7 +280,7 @@ class Cluster:
 
 
 class Sampler:
-    """Writes samples: those of etcd all the time, on a thread of its own."""
+    """Writes samples. A thread of its own samples etcd periodically."""
 
     def __init__(self, cluster, pause=0.7):
         self.cluster = cluster

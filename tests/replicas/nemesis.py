@@ -1,4 +1,4 @@
-"""Disturbs a cluster in one way at a time, and heals it again before the next one."""
+"""Causes one fault in a cluster at a time, and waits until the cluster is healthy before the next one."""
 
 import itertools
 import json
@@ -47,7 +47,7 @@ class Nemesis:
         return self.random.uniform(least, most)
 
     def run(self, seconds):
-        """Each kind once in random order, over and over, until the time has passed; all kinds at least once."""
+        """Repeats all kinds in random order until the time has passed; each kind occurs at least once."""
         begin = time.monotonic()
         for turn in itertools.count():
             for kind in self.random.sample(list(self.kinds), len(self.kinds)):
@@ -87,7 +87,7 @@ class Nemesis:
             replica.end(signal.SIGTERM)
             replica.start()
             self.cluster.wait_until_healed()
-            time.sleep(1)  # until haproxy has seen it
+            time.sleep(1)  # until haproxy has checked it
 
     def pause(self, node, seconds):
         node.send(signal.SIGSTOP)
@@ -103,7 +103,7 @@ class Nemesis:
         finally:
             node.mend()
 
-    # A member whose data base cannot grow ends by itself; one that has not yet is killed.
+    # A member usually ends when its database cannot grow. If it has not ended, it is killed.
     def fill_disk(self):
         member = self.one_of(self.cluster.members)
         member.ended = True
@@ -116,7 +116,8 @@ class Nemesis:
         member.free_disk()
         member.start()
 
-    # The replica resumes its watch at a revision that is forgotten, and with it checks of all entries.
+    # Compacts the revision at which the replica will resume its watch, and with it the checks of
+    # all entries.
     def compact(self):
         replica = self.one_of(self.cluster.replicas)
         replica.cut(self.cluster.members)

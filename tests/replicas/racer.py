@@ -1,5 +1,5 @@
-"""Puts a path at one replica, or at all at once, checks its entry at all of them immediately and withdraws it; over
-and over."""
+"""Repeatedly puts a path at one replica, or at all at once, immediately checks its entry at all replicas, and
+withdraws it."""
 
 import concurrent.futures
 import http.client
@@ -40,7 +40,7 @@ class Racer:
             self.ask(self.random.choice(self.replicas), "DELETE", location)
 
     def ask(self, replica, method, path):
-        """The location of the answer. Writes what was asked in the format of the load balancer's log."""
+        """Sends a request, logs it in the format of the load balancer, and returns the Location of the answer."""
         begin, status, location = now(), -1, ""
         connection = http.client.HTTPConnection(replica.address, Replica.PORT, timeout=2)
         try:

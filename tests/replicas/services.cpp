@@ -1,6 +1,6 @@
-// Announces COUNT services at /NAME/0, /NAME/1, ... with resilience. A quarter of them is withdrawn
-// and announced again, over and over, until SIGUSR1. SIGTERM withdraws all and ends the program.
-// Writes one JSON line for each operation, each answer and each event, with the time in
+// Announces COUNT services at /NAME/0, /NAME/1, ... with resilience. A quarter of them is
+// repeatedly withdrawn and announced again until SIGUSR1. SIGTERM withdraws all and ends the
+// program. Writes one JSON line for each operation, each answer and each event, with the time in
 // milliseconds since 1970. Usage: services HOST PORT NAME COUNT CHECK_INTERVAL_IN_SECONDS SEED
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 

@@ -1,9 +1,9 @@
 // Each connection has a thread of its own, which reads a request and writes its answer, or writes
-// the events of a watch. Sockets are closed after all threads have ended; before, they are shut
-// down, which ends what waits for them.
+// the events of a watch. At the end the sockets are shut down, which ends pending calls, and closed
+// after all threads have ended.
 // One lock guards the state. It is not held while a script runs or a socket is written.
 
-#include "PlayedEtcd.h"
+#include "FakeEtcd.h"
 
 #include <sys/socket.h>
 
@@ -32,7 +32,7 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int kNotFound = 5;  // of gRPC
+constexpr int kNotFound = 5;  // gRPC's NOT_FOUND
 
 std::string textIn(const json& object, const char* name) {
     return object.value(name, std::string());
@@ -59,11 +59,11 @@ bool sendLine(tcp::socket& socket, const json& result) {
 
 }  // namespace
 
-PlayedEtcd::PlayedEtcd()
+FakeEtcd::FakeEtcd()
     : acceptor_(context_, tcp::endpoint(asio::ip::address_v4::loopback(), 0)),
       accepting_([this] { accept(); }) {}
 
-PlayedEtcd::~PlayedEtcd() {
+FakeEtcd::~FakeEtcd() {
     ::shutdown(acceptor_.native_handle(), SHUT_RDWR);
     accepting_.join();
     {
@@ -77,13 +77,13 @@ PlayedEtcd::~PlayedEtcd() {
     }
 }
 
-std::string PlayedEtcd::url() const {
+std::string FakeEtcd::url() const {
     return urlOf(acceptor_.local_endpoint().port());
 }
 
 // ---- Connections
 
-void PlayedEtcd::accept() {
+void FakeEtcd::accept() {
     for (;;) {
         error_code error;
         tcp::socket socket = acceptor_.accept(error);
@@ -97,7 +97,7 @@ void PlayedEtcd::accept() {
     }
 }
 
-void PlayedEtcd::serve(Connection& connection) {
+void FakeEtcd::serve(Connection& connection) {
     boost::beast::flat_buffer buffer;
     error_code error;
     for (;;) {
@@ -125,7 +125,7 @@ void PlayedEtcd::serve(Connection& connection) {
     end(connection);
 }
 
-void PlayedEtcd::serveWatch(Connection& connection, const json& create) {
+void FakeEtcd::serveWatch(Connection& connection, const json& create) {
     error_code ignored;
     asio::write(connection.socket,
                 asio::buffer(std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")),
@@ -166,7 +166,7 @@ void PlayedEtcd::serveWatch(Connection& connection, const json& create) {
     }
 }
 
-PlayedEtcd::Answer PlayedEtcd::answer(const std::string& call, const json& request) {
+FakeEtcd::Answer FakeEtcd::answer(const std::string& call, const json& request) {
     Script script;
     {
         const std::lock_guard lock(mutex_);
@@ -179,8 +179,8 @@ PlayedEtcd::Answer PlayedEtcd::answer(const std::string& call, const json& reque
     return script ? script(request, carry) : carry();
 }
 
-/// With the lock.
-void PlayedEtcd::end(Connection& connection) {
+/// To be called with the lock.
+void FakeEtcd::end(Connection& connection) {
     connection.isEnded = true;
     ::shutdown(connection.socket.native_handle(), SHUT_RDWR);
     changed_.notify_all();
@@ -188,7 +188,7 @@ void PlayedEtcd::end(Connection& connection) {
 
 // ---- Keys
 
-PlayedEtcd::Answer PlayedEtcd::carryOut(const std::string& call, const json& request) {
+FakeEtcd::Answer FakeEtcd::carryOut(const std::string& call, const json& request) {
     const std::lock_guard lock(mutex_);
     if (call == "kv/range") {
         return {range(request)};
@@ -210,10 +210,10 @@ PlayedEtcd::Answer PlayedEtcd::carryOut(const std::string& call, const json& req
         granted["ID"] = std::to_string(++lease_);
         return {std::move(granted)};
     }
-    return {header()};  // of a watch
+    return {header()};  // the first result of a watch
 }
 
-json PlayedEtcd::range(const json& request) const {
+json FakeEtcd::range(const json& request) const {
     json found = header();
     const std::uint64_t limit = numberIn(request, "limit");
     for (const auto& [key, value] : state_.keys) {
@@ -232,7 +232,7 @@ json PlayedEtcd::range(const json& request) const {
     return found;
 }
 
-json PlayedEtcd::transaction(const json& request) {
+json FakeEtcd::transaction(const json& request) {
     bool holds = true;
     for (const json& condition : request.at("compare")) {
         const auto found = state_.keys.find(keyIn(condition));
@@ -269,7 +269,7 @@ json PlayedEtcd::transaction(const json& request) {
     return made;
 }
 
-void PlayedEtcd::write(const json& request, std::uint64_t revision) {
+void FakeEtcd::write(const json& request, std::uint64_t revision) {
     const std::string key = keyIn(request);
     const auto found = state_.keys.find(key);
     const std::uint64_t created = found == state_.keys.end() ? revision : found->second.created;
@@ -284,7 +284,7 @@ void PlayedEtcd::write(const json& request, std::uint64_t revision) {
     changed_.notify_all();
 }
 
-void PlayedEtcd::remove(const json& request, std::uint64_t revision) {
+void FakeEtcd::remove(const json& request, std::uint64_t revision) {
     const std::string key = keyIn(request);
     if (state_.keys.erase(key) != 0) {
         state_.events.push_back(
@@ -296,37 +296,37 @@ void PlayedEtcd::remove(const json& request, std::uint64_t revision) {
     }
 }
 
-json PlayedEtcd::header() const {
+json FakeEtcd::header() const {
     return {{"header",
              {{"cluster_id", state_.cluster}, {"revision", std::to_string(state_.revision)}}}};
 }
 
-// ---- What a test does
+// ---- Functions for tests
 
-void PlayedEtcd::setScript(const std::string& call, Script script) {
+void FakeEtcd::setScript(const std::string& call, Script script) {
     const std::lock_guard lock(mutex_);
     scripts_[call] = std::move(script);
 }
 
-PlayedEtcd::Answer PlayedEtcd::unavailable() {
+FakeEtcd::Answer FakeEtcd::unavailable() {
     return {{{"error", "unavailable"}, {"code", 14}, {"message", "unavailable"}}, 503};
 }
 
-json PlayedEtcd::ask(const std::string& call, const json& request) {
+json FakeEtcd::ask(const std::string& call, const json& request) {
     return carryOut(call, request).body;
 }
 
-void PlayedEtcd::put(const std::string& key, const std::string& value) {
+void FakeEtcd::put(const std::string& key, const std::string& value) {
     ask("kv/put", {{"key", encode64(key)}, {"value", encode64(value)}});
 }
 
-std::vector<json> PlayedEtcd::requests(const std::string& call) const {
+std::vector<json> FakeEtcd::requests(const std::string& call) const {
     const std::lock_guard lock(mutex_);
     const auto found = requests_.find(call);
     return found == requests_.end() ? std::vector<json>() : found->second;
 }
 
-void PlayedEtcd::awaitRequests(const std::string& call, std::size_t count) const {
+void FakeEtcd::awaitRequests(const std::string& call, std::size_t count) const {
     std::unique_lock lock(mutex_);
     const auto arrived = [&] {
         const auto found = requests_.find(call);
@@ -337,18 +337,18 @@ void PlayedEtcd::awaitRequests(const std::string& call, std::size_t count) const
     }
 }
 
-void PlayedEtcd::holdEvents() {
+void FakeEtcd::holdEvents() {
     const std::lock_guard lock(mutex_);
     isHeld_ = true;
 }
 
-void PlayedEtcd::releaseEvents() {
+void FakeEtcd::releaseEvents() {
     const std::lock_guard lock(mutex_);
     isHeld_ = false;
     changed_.notify_all();
 }
 
-void PlayedEtcd::silenceWatches() {
+void FakeEtcd::silenceWatches() {
     {
         const std::lock_guard lock(mutex_);
         isSilent_ = true;
@@ -356,33 +356,33 @@ void PlayedEtcd::silenceWatches() {
     forEachWatch([](Connection& watch) { watch.isSilent = true; });
 }
 
-void PlayedEtcd::endSilence() {
+void FakeEtcd::endSilence() {
     const std::lock_guard lock(mutex_);
     isSilent_ = false;
 }
 
-void PlayedEtcd::cancelWatches() {
+void FakeEtcd::cancelWatches() {
     forEachWatch([this](Connection& watch) {
         watch.isCanceled = true;
         compacted_ = state_.revision;
     });
 }
 
-void PlayedEtcd::endWatches() {
+void FakeEtcd::endWatches() {
     forEachWatch([this](Connection& watch) { end(watch); });
 }
 
-void PlayedEtcd::forgetLeases() {
+void FakeEtcd::forgetLeases() {
     const std::lock_guard lock(mutex_);
     forgottenLease_ = lease_;
 }
 
-PlayedEtcd::Backup PlayedEtcd::backup() const {
+FakeEtcd::Backup FakeEtcd::backup() const {
     const std::lock_guard lock(mutex_);
     return state_;
 }
 
-void PlayedEtcd::restore(const Backup& backup) {
+void FakeEtcd::restore(const Backup& backup) {
     const std::lock_guard lock(mutex_);
     for (Connection& connection : connections_) {
         end(connection);
@@ -391,7 +391,7 @@ void PlayedEtcd::restore(const Backup& backup) {
     compacted_ = 0;
 }
 
-void PlayedEtcd::forEachWatch(const std::function<void(Connection&)>& change) {
+void FakeEtcd::forEachWatch(const std::function<void(Connection&)>& change) {
     const std::lock_guard lock(mutex_);
     for (Connection& connection : connections_) {
         if (connection.isWatch && !connection.isEnded) {

@@ -7,7 +7,7 @@
 
 namespace orvx::registry {
 
-/// The reaction of a dispatcher whose entries are those of its own store: it is there at once.
+/// The reaction of a dispatcher that uses its own store, which reacts from inside the call.
 inline Reaction reactionOf(Dispatcher& dispatcher, const Request& request,
                            const Caller& caller = {}) {
     std::optional<Reaction> reaction;
@@ -15,7 +15,7 @@ inline Reaction reactionOf(Dispatcher& dispatcher, const Request& request,
     return std::move(reaction).value();
 }
 
-/// The answer of that store, with its whole body.
+/// The answer from that store, with its complete body.
 inline Response answerOf(EntryStore& store, const Request& request) {
     LocalBackend backend(store);
     std::optional<Response> response;

@@ -16,12 +16,12 @@
 
 namespace orvx::registry {
 
-/// The JSON gateway of an etcd of one member, at any free port of 127.0.0.1. It keeps keys,
-/// revisions and leases as etcd does. A test decides which requests it carries out and answers, and
-/// what its watches bring, so that it shows on demand what etcd shows rarely.
+/// A fake of the JSON gateway of an etcd with one member, at any free port of 127.0.0.1. It keeps
+/// keys, revisions and leases like etcd. A test decides which requests it carries out and answers,
+/// and which events its watches send.
 ///
 /// Thread-safety: any thread.
-class PlayedEtcd {
+class FakeEtcd {
   public:
     using Json = nlohmann::json;
 
@@ -29,12 +29,12 @@ class PlayedEtcd {
         Json body{};
         unsigned status = 200;  ///< 0: the connection ends without an answer
     };
-    /// Answers a request, on the thread of its connection. `carryOut` does what etcd does. A script
-    /// that waits holds up its connection only.
+    /// Answers a request on the thread of its connection. `carryOut` carries the request out like
+    /// etcd. A script that waits blocks only its connection.
     using Script =
         std::function<Answer(const Json& request, const std::function<Answer()>& carryOut)>;
 
-    /// The keys and their history at one time.
+    /// The keys and their history at some time.
     struct Backup {
         struct Value {
             std::string value;
@@ -52,38 +52,38 @@ class PlayedEtcd {
         std::string cluster{"1"};  ///< the id of the cluster
     };
 
-    PlayedEtcd();
-    /// All scripts must return.
-    ~PlayedEtcd();
-    PlayedEtcd(const PlayedEtcd&) = delete;
-    PlayedEtcd& operator=(const PlayedEtcd&) = delete;
+    FakeEtcd();
+    /// Waits until all scripts have returned.
+    ~FakeEtcd();
+    FakeEtcd(const FakeEtcd&) = delete;
+    FakeEtcd& operator=(const FakeEtcd&) = delete;
 
     std::string url() const;
 
-    /// That script answers the calls of that name from now on, such as "kv/txn"; empty: etcd does.
+    /// Sets the script that answers a call such as "kv/txn" from now on. Empty: the call is
+    /// answered as by etcd.
     void setScript(const std::string& call, Script script);
-    /// An answer that no member is available. The client may try the next member.
+    /// An answer after which the client may try the next member.
     static Answer unavailable();
 
-    /// Carries a request out as that of another client. No script sees it.
+    /// Carries out a request of another client, without a script.
     Json ask(const std::string& call, const Json& request);
     void put(const std::string& key, const std::string& value);
 
-    /// All requests of that name so far, but for those of ask().
+    /// All requests of that call so far, except those of ask().
     std::vector<Json> requests(const std::string& call) const;
-    /// Waits until there are so many. Throws a std::runtime_error after 20 seconds.
+    /// Waits for that number of requests. Throws a std::runtime_error after 20 seconds.
     void awaitRequests(const std::string& call, std::size_t count) const;
 
-    /// Watches bring nothing while their events are held.
+    /// Delays the events of all watches until releaseEvents().
     void holdEvents();
     void releaseEvents();
-    /// The watches that there are bring nothing any more, nor do those that begin before
-    /// endSilence().
+    /// The existing watches send no further event, nor do watches that begin before endSilence().
     void silenceWatches();
     void endSilence();
-    /// The history is compacted, and the watches are to bring some of it.
+    /// Cancels the watches, as if the history that they need had been compacted.
     void cancelWatches();
-    /// Breaks their connections off.
+    /// Closes the connections of all watches.
     void endWatches();
 
     void forgetLeases();
