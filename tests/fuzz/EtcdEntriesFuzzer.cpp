@@ -44,7 +44,7 @@ void readAll(const json& answer) {
         }
     }
     const EtcdEntries::PathState state = entries().pathStateIn(answer);
-    require(state.uuid.empty() || isUuid(state.uuid), "a place has a uuid or none");
+    require(state.uuid.empty() || isUuid(state.uuid), "the state of a path has a uuid or none");
     EtcdEntries::revisionOf(answer);
     EtcdEntries::clusterOf(answer);
     EtcdEntries::hasSucceeded(answer);

@@ -276,7 +276,7 @@ TEST_F(TheReplicasWithATimeToLive, LetNothingExpireForTheTimeWithoutEtcd) {
 TEST_F(TheReplicasWithATimeToLive, WriteTheirLastChecksBeforeTheyEnd) {
     Replica b({etcd_.url()}, kTtl);
     auto a = std::make_unique<Replica>(std::vector{etcd_.url()}, kTtl);
-    a->ready();
+    a->awaitReady();
     const std::string target = b.awaitReady().put("/lamp");
     RawConnection watcher = b.registry().connect();
     watcher.send(makeRequest("GET", "/-/watch"));

@@ -1,12 +1,12 @@
-// Follows the registry's stream and shows the entries. Of the rows only those near the window are in
-// the document. Text reaches the page only as textContent, in elements that keep its writing direction
-// to themselves. An entry belongs to a path: a service that is registered again returns to its row.
+// Follows the registry's stream and shows the entries. The document contains only the rows near the
+// window. Texts of entries are set only as textContent, in elements that isolate their writing direction.
+// An entry is identified by its path, so a service that is registered again returns to its row.
 'use strict';
 
-const RETRY = 1000;
-const PATIENCE = 6000; // three heartbeats of the stream
-const KEEP_LOST = 8000;
-const KEEP_FRESH = 2000;
+const RETRY_PAUSE = 1000;
+const SILENCE_LIMIT = 6000; // milliseconds without an event: three heartbeats of the stream
+const LOST_SHOWN_FOR = 8000;
+const FRESH_SHOWN_FOR = 2000;
 const MARGIN = 8; // rows in the document before and after those in the window
 const NEWEST_FIRST = 'age';
 
@@ -14,7 +14,7 @@ const $ = id => document.getElementById(id);
 const entries = new Map(); // by key: the path, or the uuid where the path is cut
 const keys = new Map(); // by uuid
 let sorted = [];
-let view = []; // those of `sorted` that fit the filter
+let view = []; // the entries of `sorted` that match the filter
 let isFirstList = true;
 let listing = 0; // the number of the list that is being received, or of the last one
 let ttl = null;
@@ -43,36 +43,36 @@ function duration(milliseconds) {
 const ago = time => `${duration(performance.now() - time)} ago`;
 const asText = value => typeof value === 'string' ? value : JSON.stringify(value);
 
-// --- The entries, as the stream tells them
+// --- The entries from the events of the stream
 
 const hostOf = ({host}) => typeof host === 'string' ? (host.includes(':') ? `[${host}]` : host) : '';
 const portOf = ({port}) => typeof port === 'number' ? `:${port}` : '';
 
-function put(told, raw) {
+function put(data, raw) {
   const now = performance.now();
-  const key = 'cut' in told ? told.uuid : told.path;
-  const {service} = told;
+  const key = 'cut' in data ? data.uuid : data.path;
+  const {service} = data;
   const known = entries.get(key);
   const entry = known ?? {key, freshAt: null};
   if (!known) {
     entries.set(key, entry);
     sorted.push(entry);
-  } else if (known.uuid !== told.uuid) {
+  } else if (known.uuid !== data.uuid) {
     keys.delete(known.uuid);
   }
-  if (!isFirstList && (known?.uuid !== told.uuid || known.lostAt !== null)) entry.freshAt = now;
-  keys.set(told.uuid, key);
-  const name = typeof service.name === 'string' ? service.name : told.path;
-  const uri = typeof service.uri === 'string' ? service.uri : told.path;
+  if (!isFirstList && (known?.uuid !== data.uuid || known.lostAt !== null)) entry.freshAt = now;
+  keys.set(data.uuid, key);
+  const name = typeof service.name === 'string' ? service.name : data.path;
+  const uri = typeof service.uri === 'string' ? service.uri : data.path;
   const shownHost = hostOf(service);
   const shownPort = portOf(service);
   const address = shownHost + shownPort;
   Object.assign(entry, {
-    raw, name, uri, address, shownHost, shownPort, uuid: told.uuid, number: told.number, checks: told.checks, list: listing, lostAt: null, cut: told.cut,
-    created: now - told.age, renewed: now - told.renewed,
-    checked: 'checked' in told ? now - told.checked : null,
-    moved: told.moved ? {from: told.moved.from, at: now - told.moved.age} : null,
-    text: `${name} ${address} ${uri} ${told.uuid}`.toLowerCase(),
+    raw, name, uri, address, shownHost, shownPort, uuid: data.uuid, number: data.number, checks: data.checks, list: listing, lostAt: null, cut: data.cut,
+    created: now - data.age, renewed: now - data.renewed,
+    checked: 'checked' in data ? now - data.checked : null,
+    moved: data.moved ? {from: data.moved.from, at: now - data.moved.age} : null,
+    text: `${name} ${address} ${uri} ${data.uuid}`.toLowerCase(),
     order: name.toLowerCase(), host: asText(service.host ?? ''), port: Number(service.port ?? 0),
   });
 }
@@ -82,31 +82,31 @@ function check([uuid, checks, age]) {
   if (entry) Object.assign(entry, {checks, checked: performance.now() - age, renewed: performance.now() - age});
 }
 
-function lose(entry) {
+function markLost(entry) {
   entry.lostAt ??= performance.now();
 }
 
-function drop(entry) {
+function removeEntry(entry) {
   entries.delete(entry.key);
   if (keys.get(entry.uuid) === entry.key) keys.delete(entry.uuid);
 }
 
 const handlers = {
-  state(told) {
-    ttl = told.ttl;
-    $('faults').hidden = told.faults === 0;
-    setText($('faults'), `${told.faults} ${told.faults === 1 ? 'fault' : 'faults'} set`);
+  state(data) {
+    ttl = data.ttl;
+    $('faults').hidden = data.faults === 0;
+    setText($('faults'), `${data.faults} ${data.faults === 1 ? 'fault' : 'faults'} set`);
   },
   list() { ++listing; },
   put,
-  checked(told) { told.forEach(check); },
+  checked(data) { data.forEach(check); },
   removed({uuid}) {
     const entry = entries.get(keys.get(uuid));
-    if (entry) lose(entry);
+    if (entry) markLost(entry);
   },
   listed() {
     for (const entry of entries.values()) {
-      if (entry.list !== listing) lose(entry); // told in an earlier list, but not in this one
+      if (entry.list !== listing) markLost(entry); // in an earlier list, but not in this one
     }
     isFirstList = false;
   },
@@ -131,14 +131,14 @@ function receive(text) {
 async function read() {
   stream = new AbortController();
   let watchdog;
-  const beAlert = () => {
+  const restartWatchdog = () => {
     clearTimeout(watchdog);
     watchdog = setTimeout(() => {
       setState('gone', 'not answering');
       stream.abort();
-    }, PATIENCE);
+    }, SILENCE_LIMIT);
   };
-  beAlert();
+  restartWatchdog();
   try {
     const answer = await fetch('/-/watch', {
       cache: 'no-store', signal: stream.signal, headers: lastId ? {'Last-Event-ID': lastId} : {}});
@@ -147,7 +147,7 @@ async function read() {
     for (let rest = '';;) {
       const {done, value} = await reader.read();
       if (done) return;
-      beAlert();
+      restartWatchdog();
       isHeard = true;
       setState('live', 'live');
       const events = (rest + value).split('\n\n');
@@ -161,25 +161,25 @@ async function read() {
 }
 
 const pause = time => new Promise(resume => setTimeout(resume, time));
-const visible = () => new Promise(resume => {
+const untilVisible = () => new Promise(resume => {
   if (!document.hidden) return resume();
   document.addEventListener('visibilitychange', resume, {once: true});
 });
 
-// A stream that ended is asked for again; the registry is gone when nothing comes then.
+// Requests the stream again after its end. If no event comes then, the registry counts as gone.
 async function follow() {
   for (;;) {
-    await visible();
+    await untilVisible();
     const begin = performance.now();
     isHeard = false;
     await read().catch(() => {});
     if (document.hidden) continue;
     if (!isHeard) setState('gone', 'not answering');
-    if (performance.now() - begin < RETRY) await pause(isHeard ? RETRY / 10 : RETRY);
+    if (performance.now() - begin < RETRY_PAUSE) await pause(isHeard ? RETRY_PAUSE / 10 : RETRY_PAUSE);
   }
 }
 
-// Said once, not each second.
+// Does nothing if the state is the same, so that screen readers announce it once.
 function setState(state, text) {
   if ($('state').dataset.state === state) return;
   $('state').dataset.state = state;
@@ -190,7 +190,7 @@ function setState(state, text) {
   document.body.classList.toggle('stale', state === 'gone');
 }
 
-// --- Filter and order, which the address keeps: #q=lamp&sort=-name&open=/lamp
+// --- Filter and order, which are stored in the address: #q=lamp&sort=-name&open=/lamp
 
 const byText = (one, other) => one < other ? -1 : one > other ? 1 : 0;
 const orders = {
@@ -281,7 +281,7 @@ function makeRow() {
   const where = makeCell(row, 'where');
   const address = add(where, 'span', 'address');
   const host = add(address, 'span', 'host', true);
-  const port = add(address, 'span', 'port'); // which a long host leaves visible
+  const port = add(address, 'span', 'port'); // in an element of its own, which a long host does not hide
   const moved = add(where, 'span', 'moved');
   const uri = add(makeCell(row, 'path'), 'span', 'uri', true);
   const age = add(makeCell(row, 'time', 'age'), 'span', 'age');
@@ -292,7 +292,7 @@ function makeRow() {
 function fill(shown, entry, index, height) {
   const now = performance.now();
   const {row} = shown;
-  const fresh = entry.freshAt !== null && now - entry.freshAt < KEEP_FRESH;
+  const fresh = entry.freshAt !== null && now - entry.freshAt < FRESH_SHOWN_FOR;
   const state = entry.lostAt !== null ? 'lost' : fresh ? 'fresh' : '';
   if (row.dataset.key !== entry.key) row.dataset.key = entry.key;
   if (row.className !== state) row.className = state;
@@ -340,7 +340,7 @@ function renderRows() {
 
   const focused = document.activeElement.closest?.('#rows tr')?.dataset.key;
   const focusedIndex = focused === undefined || wanted.has(focused) ? -1 : view.findIndex(entry => entry.key === focused);
-  if (focusedIndex >= 0) wanted.set(focused, focusedIndex); // it stays, wherever it is
+  if (focusedIndex >= 0) wanted.set(focused, focusedIndex); // the focused row stays in the document
   const firstInWindow = Math.min(first + (first > 0 ? MARGIN : 0), view.length - 1);
   tabStop = wanted.has(active) ? active : view[firstInWindow]?.key;
 
@@ -350,9 +350,9 @@ function renderRows() {
     unused.push(shown);
     shownRows.delete(key);
   }
-  // A row that is not needed any more becomes another one.
+  // Unneeded rows are reused for other entries.
   for (const {row} of unused.splice(wanted.size - shownRows.size)) row.remove();
-  // In the document they are in the order of their places, for those who read the page.
+  // In the document the rows have the order of the list, for screen readers.
   let next = body.firstElementChild;
   for (const [key, index] of [...wanted].sort((one, other) => one[1] - other[1])) {
     if (!shownRows.has(key)) shownRows.set(key, unused.shift() ?? makeRow());
@@ -361,7 +361,7 @@ function renderRows() {
     fill(shown, entries.get(key), index, height);
     if (shown.row === next) {
       next = next.nextElementSibling;
-    } else if (shown.row.contains(document.activeElement)) { // to move it would take the focus from it
+    } else if (shown.row.contains(document.activeElement)) { // moving the row would remove its focus
       while (next !== shown.row) {
         const other = next;
         next = next.nextElementSibling;
@@ -375,7 +375,7 @@ function renderRows() {
   if (focused !== undefined && !shownRows.has(focused)) shownRows.get(tabStop)?.name.focus({preventScroll: true});
 }
 
-// What is in the window stays there when rows come and go above it.
+// Keeps the visible rows at their position when rows above them are added or removed.
 function keepPlace(change) {
   const top = () => $('rows').getBoundingClientRect().top;
   const height = rowHeight();
@@ -383,7 +383,7 @@ function keepPlace(change) {
   const anchor = -top() > 0 ? view[index] : undefined;
   change();
   const moved = anchor ? view.indexOf(anchor) - index : 0;
-  renderRows(); // gives the table its height first
+  renderRows(); // sets the height of the table before scrolling
   if (anchor && moved !== 0 && view.includes(anchor)) {
     scrollBy({top: moved * height, behavior: 'instant'});
     renderRows();
@@ -421,7 +421,7 @@ $('rows').addEventListener('keydown', event => {
 });
 $('rows').addEventListener('focusin', event => {
   active = event.target.closest('tr').dataset.key;
-  requestUpdate(false); // of the row that Tab reaches
+  requestUpdate(false); // updates the row that Tab reaches
 });
 $('rows').addEventListener('click', event => {
   const key = event.target.closest('.open')?.closest('tr').dataset.key;
@@ -431,23 +431,23 @@ $('rows').addEventListener('click', event => {
   showDetail();
 });
 
-// --- One entry in whole
+// --- The details of one entry
 
 const time = at => `${ago(at)}, ${new Date(Date.now() - performance.now() + at).toLocaleString()}`;
-// Numbers as they were put, however long; nothing that turns the direction of what follows.
+// Shows numbers with all their digits, and escapes the controls of the writing direction.
 const exactly = (key, value, context) => typeof value === 'number' && JSON.rawJSON && context
   && String(value) !== context.source ? JSON.rawJSON(context.source) : value;
 const rawJson = service => JSON.stringify(service, null, 2)
   .replace(/[\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]/g, letter => `\\u${letter.charCodeAt(0).toString(16).padStart(4, '0')}`);
 
-function factsOf(entry, told) {
+function factsOf(entry, data) {
   const facts = [['Address', entry.address || '–']];
-  for (const [name, value] of Object.entries(told.service)) {
+  for (const [name, value] of Object.entries(data.service)) {
     if (['name', 'host', 'port'].includes(name)) continue;
     const isPlainList = Array.isArray(value) && value.every(item => typeof item !== 'object');
     facts.push([name, isPlainList ? value.join(', ') || '–' : asText(value)]);
   }
-  facts.push(['Path of the entry', told.path], ['UUID', entry.uuid], ['Registered', time(entry.created)]);
+  facts.push(['Path of the entry', data.path], ['UUID', entry.uuid], ['Registered', time(entry.created)]);
   facts.push(['Last check', entry.checked === null ? 'not yet' : time(entry.checked)], ['Checks', String(entry.checks)]);
   if (entry.renewed !== entry.checked) facts.push(['Renewed', time(entry.renewed)]);
   if (expiryOf(entry)) facts.push(['Expiry', expiryOf(entry)]);
@@ -465,16 +465,16 @@ function showDetail() {
     if (opened === null && dialog.open) dialog.close();
     return;
   }
-  const told = JSON.parse(entry.raw, exactly);
+  const data = JSON.parse(entry.raw, exactly);
   setText($('detail-name'), entry.name);
-  const facts = factsOf(entry, told);
+  const facts = factsOf(entry, data);
   while ($('facts').childElementCount > facts.length * 2) $('facts').lastElementChild.remove();
   while ($('facts').childElementCount < facts.length * 2) {
     add($('facts'), 'dt', '', true);
     add($('facts'), 'dd', '', true);
   }
   facts.flat().forEach((text, index) => setText($('facts').children[index], text));
-  setText($('raw'), rawJson(told.service));
+  setText($('raw'), rawJson(data.service));
   $('cut').hidden = entry.cut === undefined;
   setText($('cut-size'), String(entry.cut));
   $('cut-link').href = `/${entry.uuid}`;
@@ -492,7 +492,7 @@ $('detail').addEventListener('click', event => event.target === $('detail') && i
 $('close').addEventListener('click', () => $('detail').close());
 $('copy').addEventListener('click', () => {
   getSelection().selectAllChildren($('raw'));
-  // The clipboard of navigator is there over TLS and for localhost only.
+  // navigator.clipboard exists only over TLS and for localhost.
   setText($('copied'), document.execCommand('copy') ? 'Copied' : 'Selected');
 });
 
@@ -500,7 +500,7 @@ function isOutside({clientX}) {
   return clientX < $('detail').getBoundingClientRect().left;
 }
 
-// --- What is to be done, once a frame
+// --- Updates, at most one per frame
 
 let isRequested = false;
 let isChanged = false;
@@ -530,21 +530,21 @@ function everySecond() {
   const now = performance.now();
   let dropped = false;
   for (const entry of sorted) {
-    if (entry.lostAt !== null && now - entry.lostAt >= KEEP_LOST) {
-      drop(entry);
+    if (entry.lostAt !== null && now - entry.lostAt >= LOST_SHOWN_FOR) {
+      removeEntry(entry);
       dropped = true;
     }
   }
   requestUpdate(dropped);
 }
 
-let saying;
+let announcement;
 
 function filterOrSort() {
   writeAddress();
   requestUpdate(true);
-  clearTimeout(saying);
-  saying = setTimeout(() => setText($('found'), summarize()), 500);
+  clearTimeout(announcement);
+  announcement = setTimeout(() => setText($('found'), summarize()), 500);
 }
 
 for (const button of document.querySelectorAll('th button')) {
