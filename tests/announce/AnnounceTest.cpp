@@ -1,5 +1,5 @@
-// Means to run orvx-announce with a registry and a service.
-// Entered by the test's thread; what the server in front passes on, by that server's. No lock.
+// Helpers that run orvx-announce with a registry and a service. Entered by the test's thread; the
+// handlers of the server in front by that server's thread. No lock.
 #include "AnnounceTest.h"
 
 #include "Paths.h"

@@ -36,39 +36,40 @@ using Words = std::vector<std::string>;
 
 Words operator+(Words left, const Words& right);
 
-/// tests/announce/command.py as the command after "--".
+/// The command tests/announce/command.py with these arguments, after "--".
 Words command(const Words& arguments = {});
-/// A shell script as the command.
+/// A command that runs a shell script, after "--".
 Words shell(const std::string& script);
 
 std::string urlOf(std::uint16_t port);
 
-/// The lines that --json makes of the events.
+/// The events that --json prints, one for each line.
 std::vector<json> linesOf(const std::string& output);
-/// Their names, each with a space after it.
+/// The names of the events, each followed by a space.
 std::string eventsOf(const std::vector<json>& lines);
 
-/// The exit code; -1 when a signal ended it.
+/// The exit code; -1 if a signal ended the process.
 int exitCode(const ChildProcess::Result& result);
 
-/// The program with a registry, a server in front of it that tests may have misbehave, and a
-/// service that takes connections, whose ready check so succeeds.
+/// Runs the program with a registry, a server in front of it that tests may make fail, and a
+/// service that accepts connections, so that its ready check succeeds.
 class AnnounceTest : public ::testing::Test {
   protected:
-    /// Gives programs the signals as a terminal does, also where the tests run in a background that
-    /// ignores some of them.
+    /// Gives child processes the default action of each signal, as a terminal does, even if the
+    /// tests run in a background process that ignores some signals.
     AnnounceTest();
 
     json entries() const { return entriesAt(registry.port()); }
-    /// Forgets the only entry.
+    /// Makes the registry forget its only entry.
     void loseTheEntry() const;
-    /// The server in front passes on what has no other script.
+    /// The server in front forwards each request without another script to the registry.
     void passOnInFront();
-    /// Holds the answer to that method back until the server in front is released by its name.
+    /// The server in front holds back the answers to this method until a test releases the method's
+    /// name.
     void holdBack(const std::string& method);
     void answerInFront(const std::string& method, const std::string& answer);
 
-    /// The options that every test needs: a service "echo" at that registry.
+    /// The options that every test needs: a service "echo" at this registry.
     Words echo(std::uint16_t registryPort) const;
     Words echo() const { return echo(registry.port()); }
 
@@ -83,7 +84,7 @@ class Announce : public ChildProcess {
     explicit Announce(Words arguments)
         : ChildProcess(paths::kAnnounceProgram, std::move(arguments)) {}
 
-    /// Stops it; what it printed, when it ended with this code.
+    /// Sends the signal, and expects this exit code. Returns the output.
     Result stopped(int code, int number = SIGTERM);
     Result ended(int code);
 };

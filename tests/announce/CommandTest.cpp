@@ -1,5 +1,5 @@
-// A command that runs while its service is announced: how it starts, what it finds, and how it
-// ends. Entered by the test's thread; orvx-announce and its command are processes. No lock.
+// A command that runs while its service is announced: its start, its environment and its end.
+// Entered by the test's thread; orvx-announce and its command are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
 
@@ -10,7 +10,7 @@ namespace {
 
 class TheCommand : public AnnounceTest {
   protected:
-    /// The exit code of the program with this shell script as its command.
+    /// The exit code of the program with this shell script as the command.
     int codeOf(const std::string& script) const {
         return exitCode(Announce(echo() + Words{"--ready", "none"} + shell(script)).wait());
     }
@@ -113,7 +113,7 @@ TEST_F(TheCommand, IsWaitedForAndSoAreOrphansThatComeToTheProgram) {
         return std::distance(std::istream_iterator<int>(list), {}) == 1;
     })) << contentOf(children);
     announce.endInput();
-    EXPECT_EQ(exitCode(announce.wait()), 1);  // of read, at the end of its input
+    EXPECT_EQ(exitCode(announce.wait()), 1);  // the status of read at the end of its input
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// TLS, tokens, proxies and sockets on the way to the registry.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// TLS, tokens, proxies and Unix sockets between the program and the registry. Entered by the test's
+// thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
 
@@ -8,7 +8,7 @@ namespace {
 
 class TheConnectionToTheRegistry : public AnnounceTest {
   protected:
-    /// The options of the service "echo", whose uri is /echo, at that registry.
+    /// The options of the service "echo", whose uri is /echo, at this registry.
     Words at(const std::string& url) const {
         const std::string port = std::to_string(service.port());
         return {"--registry", url, "--name", "echo", "--port", port, "--uri", "/echo"};

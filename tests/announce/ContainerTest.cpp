@@ -1,6 +1,6 @@
-// The example of a container: its commands, run as process 1 of a process namespace of their own.
-// It cannot prove that the images can be built.
-// Entered by the test's thread and the registry's; the programs are processes. No lock.
+// The example of a container: runs its commands as process 1 of a new process namespace. The tests
+// do not prove that the images can be built. Entered by the test's thread and the registry's; the
+// programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 class TheContainer : public AnnounceTest {
   protected:
-    /// The rest of each instruction of that name, with continued lines joined.
+    /// The arguments of each instruction with this name; continued lines are joined.
     static Words instructions(const std::string& name) {
         const std::string text = std::regex_replace(
             contentOf(std::string(paths::kAnnounceSources) + "/container/Dockerfile"),
@@ -29,7 +29,7 @@ class TheContainer : public AnnounceTest {
         }
         return found;
     }
-    /// The only instruction of that name, with files and ports of this test.
+    /// The only instruction with this name, with the files and ports of this test.
     std::string instruction(const std::string& name) const {
         const Words all = instructions(name);
         EXPECT_EQ(all.size(), 1U) << name;
@@ -58,7 +58,7 @@ class TheContainer : public AnnounceTest {
                                 Words{"--pid", "--fork", "--mount-proc", "--kill-child"} +
                                 entrypoint + command);
     }
-    /// Its process 1, as a number outside.
+    /// The process id of the container's process 1, as seen from outside.
     static pid_t firstProcess(const ChildProcess& container) {
         const std::string pid = std::to_string(container.pid());
         return std::stoi(contentOf("/proc/" + pid + "/task/" + pid + "/children"));

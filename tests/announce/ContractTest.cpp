@@ -1,4 +1,4 @@
-// Programs read the events and the status file: each is as the schema and the manual page say.
+// Programs read the events and the status file, so both must match the schema and the manual page.
 // Entered by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
@@ -13,7 +13,7 @@ class TheContract : public AnnounceTest {
     static inline const std::string kSchema =
         std::string(paths::kAnnounceSources) + "/orvx-announce.schema.json";
 
-    /// What is wrong with the documents, one a line.
+    /// The faults of the documents, one in each line.
     std::string faultsOf(const std::string& documents) const {
         const auto result =
             ChildProcess("/usr/bin/python3", {std::string(paths::kAnnounceTests) + "/validate.py",
@@ -23,7 +23,7 @@ class TheContract : public AnnounceTest {
         return result.output;
     }
 
-    /// All values of that key in the schema, and all keys of "properties".
+    /// Collects the names of all events in the schema, and all keys of "properties".
     static void collect(const json& schema, std::set<std::string>& events,
                         std::set<std::string>& keys) {
         if (!schema.is_structured()) {

@@ -25,7 +25,7 @@ std::set<std::string> optionsOfTheProgram() {
     return options;
 }
 
-/// What is offered for the last word.
+/// The completions that are offered for the last word.
 std::set<std::string> completions(const std::string& line) {
     const std::string script = R"(
         source "$0"

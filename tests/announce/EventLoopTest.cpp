@@ -1,5 +1,4 @@
-// The loop in which the program does everything.
-// Entered by the test's thread. No lock.
+// The program's event loop. Entered by the test's thread. No lock.
 #include "EventLoop.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Services that are withdrawn while they are not well.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// Services that are withdrawn while their health check fails. Entered by the test's thread and
+// those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
 #include <algorithm>
@@ -10,8 +10,8 @@ namespace {
 
 class Health : public AnnounceTest {
   protected:
-    /// A shell command that adds a line to the log and ends with the first digit of `codes`, the
-    /// next time with the second one, and so on; after the last one with the first one again.
+    /// A shell command that adds a line to the log and exits with the next digit of `codes`, which
+    /// are used in turn.
     std::string endingWith(const std::string& codes) const {
         return "echo >>" + log + "; codes=" + codes + "; n=$(wc -l <" + log +
                "); exit $(expr substr $codes $((((n - 1) % ${#codes}) + 1)) 1)";
@@ -20,7 +20,7 @@ class Health : public AnnounceTest {
         const std::string text = contentOf(log);
         return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) >= count;
     }
-    /// The log's lines, sorted.
+    /// The lines of the log, sorted.
     std::vector<std::string> logged() const {
         std::istringstream stream(contentOf(log));
         std::vector<std::string> lines;
@@ -79,13 +79,13 @@ TEST_F(Health, FailsWhenItsAnswerDoesNotComeInTime) {
     Announce announce(echo() + kAtOnce +
                       Words{"--health-timeout", "0.1", "--health-command", "sleep 60 & wait"});
     announce.awaitOutput(" unhealthy reason=\"no answer in time\" ");
-    announce.stopped(0);  // seen when nobody has its outputs any more
+    announce.stopped(0);  // detected when no process has its outputs open any more
 }
 
 TEST_F(Health, LeavesNoAttemptWhenTheProgramEnds) {
     Announce announce(echo() + Words{"--health-command", "echo asked >&2; sleep 60 & wait"});
     announce.awaitErrors("asked\n");
-    announce.stopped(0);  // seen when nobody has its outputs any more
+    announce.stopped(0);  // detected when no process has its outputs open any more
 }
 
 TEST_F(Health, IsNotLostByFewerFailuresInARowThanItsBound) {
@@ -169,7 +169,7 @@ TEST_F(Health, OfManyServicesIsAskedForAllOverTheInterval) {
                        "--health-command", "date +%s%3N >>" + log});
     EXPECT_TRUE(eventually([this] { return isLoggedTimes(20); }));
     const auto times = logged();
-    EXPECT_GE(std::stoll(times.at(19)) - std::stoll(times.at(0)), 1000);  // 1900 but for delays
+    EXPECT_GE(std::stoll(times.at(19)) - std::stoll(times.at(0)), 1000);  // 1900 without delays
     announce.stopped(0);
 }
 

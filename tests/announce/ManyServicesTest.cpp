@@ -1,6 +1,6 @@
-// One program that announces many services: its work grows as their number does, and neither a
-// signal nor the service manager's watchdog waits for that work.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// One program that announces many services: its work is proportional to their number, and neither a
+// signal nor the service manager's watchdog waits for that work. Entered by the test's thread and
+// those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Notifications.h"
 #include "Paths.h"
@@ -19,10 +19,11 @@ namespace {
 
 constexpr int kMany = ORVX_MANY_SERVICES;
 constexpr auto kPatience = 60s;
-/// A service manager that gets no "WATCHDOG=1" for so long kills the program.
+/// A service manager that receives no "WATCHDOG=1" for this time kills the program.
 constexpr auto kWatchdog = 10s;
-/// From the signal to the end: one second, and the half second in which the withdrawal waits for a
-/// registry that was never reached; several times that, for a busy machine.
+/// The limit from the signal to the end. The program needs a second, and half a second in which the
+/// withdrawal waits for a registry that was never reached; the limit is several times that, for a
+/// busy machine.
 constexpr auto kEnd = 6s;
 
 double inSeconds(steady_clock::duration time) {
@@ -43,7 +44,7 @@ class ManyServices : public AnnounceTest {
                 "--retry-interval", "3600"};
     }
 
-    /// Whether the first attempt of each service has ended.
+    /// Whether the first request of each service has ended.
     bool haveAllTried() const {
         const json state = json::parse(contentOf(status), nullptr, false);
         if (!state.is_object()) {
@@ -68,7 +69,7 @@ class ManyServices : public AnnounceTest {
         return processorTimeOfChildren() - before;
     }
 
-    /// The processor time that reading so many services takes, of which the last one is wrong.
+    /// The processor time for reading this many services, of which the last one is invalid.
     std::chrono::microseconds costOfReading(int count) const {
         json set = json::array();
         for (int i = 0; i < count; ++i) {
@@ -106,7 +107,7 @@ class ManyServices : public AnnounceTest {
                std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
     }
 
-    /// How many threads the program has when so many services are announced.
+    /// The number of the program's threads when this many services are announced.
     std::size_t threadsWith(int count) {
         Announce announce(options(count, registry.port()));
         awaitEntries(count);
@@ -129,8 +130,8 @@ class ManyServices : public AnnounceTest {
                                   << " us for 400";
     }
 
-    /// Runs the program with a watchdog, stops it when all services have been tried, and bounds the
-    /// gaps between two signs of life, and the time to the end.
+    /// Runs the program with a watchdog, and stops it when every service was tried. Limits the time
+    /// between two notifications of the watchdog, and the time from the signal to the end.
     void expectPromptness(std::uint16_t registryPort) const {
         const testing::Notifications told(folder.file("notify"));
         const auto interval = std::chrono::microseconds(kWatchdog).count();

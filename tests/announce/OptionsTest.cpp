@@ -15,7 +15,7 @@ namespace {
 
 class TheOptions : public AnnounceTest {
   protected:
-    /// What the program says when it refuses these arguments.
+    /// The error message for these arguments.
     static std::string refusal(const Words& arguments) {
         return Announce(arguments).ended(125).errors;
     }

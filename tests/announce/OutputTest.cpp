@@ -1,5 +1,5 @@
-// What the program says of itself: lines, JSON, colours, the status on request and in a file.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// The output of the program: lines, JSON, colours, the status on request and in a file. Entered by
+// the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
 #include "Terminal.h"
@@ -17,7 +17,7 @@ namespace {
 
 using TheOutput = AnnounceTest;
 
-/// A pipe of the smallest size, of which the program gets the other end.
+/// A pipe of the smallest size. The program writes to it.
 class SmallPipe {
   public:
     explicit SmallPipe(std::string name) : name_(std::move(name)) {
@@ -30,7 +30,7 @@ class SmallPipe {
     SmallPipe& operator=(const SmallPipe&) = delete;
 
     const std::string& name() const { return name_; }
-    /// Up to the end of a line that contains `text`.
+    /// Reads up to the end of a line that contains `text`.
     std::string readUntil(const std::string& text) const {
         std::string read;
         pollfd polled{fd_, POLLIN, 0};
@@ -52,7 +52,8 @@ class SmallPipe {
 
 class TheStatusFile : public AnnounceTest {
   protected:
-    /// The program's own service in the status file, once that is as wanted.
+    /// Waits until the program's service in the status file meets the condition. Returns that
+    /// service.
     json serviceWhen(const std::function<bool(const json&)>& condition) const {
         json found;
         EXPECT_TRUE(eventually([&] {
@@ -72,7 +73,7 @@ class TheStatusFile : public AnnounceTest {
 
 class ALongLine : public TheStatusFile {
   protected:
-    /// The program, whose standard output is that pipe.
+    /// The program, with the pipe as standard output.
     Words writingTo(const SmallPipe& pipe) const {
         return Words{"-c",
                      "exec \"$@\" >" + pipe.name(),
@@ -166,7 +167,8 @@ TEST_F(ALongLine, DoesNotWaitForRoomInAPipeThatNobodyReads) {
 TEST_F(ALongLine, ArrivesWholeWhenThePipeIsReadLater) {
     const SmallPipe pipe(folder.file("pipe"));
     ChildProcess announce("/bin/sh", writingTo(pipe));
-    // By then the line of this event has been dropped. Later it would leave no room for the status.
+    // The line of this event was dropped by then. A later event would leave no space for the
+    // status.
     serviceWhen(isIn("announced"));
     const auto lines = linesOf(pipe.readUntil("\n"));
     EXPECT_EQ(lines.at(0).at("service"), name);

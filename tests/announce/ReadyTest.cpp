@@ -9,10 +9,10 @@ class Readiness : public AnnounceTest {
   protected:
     Readiness() { service.stopListening(); }
 
-    /// Ends the command and takes the exit code that belongs to it.
+    /// Ends the command, and expects its exit code.
     static void end(Announce& announce) {
         announce.endInput();
-        announce.ended(1);  // of read, at the end of its input
+        announce.ended(1);  // the status of read at the end of its input
     }
 };
 
@@ -96,7 +96,7 @@ TEST_F(Readiness, ThatDoesNotComeInTimeEndsTheCommand) {
 TEST_F(Readiness, ThatHangsDoesNotOutliveItsTime) {
     Announce announce(
         echo() + Words{"--ready-timeout", "0.2", "--ready-command", "sleep 60 & wait"} + kWaiting);
-    announce.ended(124);  // seen when nobody has its outputs any more
+    announce.ended(124);  // detected when no process has its outputs open any more
 }
 
 TEST_F(Readiness, IsNotWaitedForWhenTheProgramIsStopped) {

@@ -1,5 +1,5 @@
-// What the registry may do while a service is announced, and what the program makes of it.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// Failures of the registry while a service is announced, and the reaction of the program. Entered
+// by the test's thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// The file of --from, read again while the program runs.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// The file of --from, which is read again while the program runs. Entered by the test's thread and
+// those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
 
@@ -40,7 +40,7 @@ class AReload : public AnnounceTest {
         });
     }
 
-    /// The file of --from becomes something else while the program runs.
+    /// Changes the file of --from while the program runs, and expects that it is refused.
     void expectNotReloaded(const std::function<void(const std::string&)>& replace,
                            const std::string& reason) const {
         const auto file = write(json::array({lamp("same", "a")}));
@@ -73,7 +73,7 @@ TEST_F(AReload, AnnouncesWithdrawsAndUpdatesTheDifferenceOnly) {
     EXPECT_EQ(requestsOf("PUT", "/same"), 1);
     EXPECT_EQ(requestsOf("PUT", "/changed"), 2);
     EXPECT_EQ(requestsOf("DELETE"), 1);
-    EXPECT_TRUE(eventually([&] {  // replaced in one step
+    EXPECT_TRUE(eventually([&] {  // the file is replaced in one step
         return json::parse(contentOf(status)).at("summary") == "3 of 3 announced";
     }));
     announce.stopped(0);

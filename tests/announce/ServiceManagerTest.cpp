@@ -1,5 +1,5 @@
-// What the program tells a service manager, and the unit file for one.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// The notifications to a service manager, and the example of a unit file. Entered by the test's
+// thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Notifications.h"
 #include "Paths.h"

@@ -1,5 +1,5 @@
-// Signals to the program, and what its command gets of them, and when.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// Signals to the program, and the signals that it sends to its command. Entered by the test's
+// thread and those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 #include "Paths.h"
 #include "Terminal.h"
@@ -9,7 +9,7 @@ namespace {
 
 class ASignal : public AnnounceTest {
   protected:
-    /// The program with a command that ends with 3, announced.
+    /// Starts the program with a command that exits with 3, and waits for the announcement.
     std::unique_ptr<Announce> announced(const Words& options = {},
                                         const Words& rest = {"3"}) const {
         auto announce = std::make_unique<Announce>(echo() + options + command(rest));

@@ -1,5 +1,4 @@
-// A pseudo terminal.
-// Entered by the one thread that owns it; no lock.
+// A pseudo terminal. Entered by the thread that owns it; no lock.
 #include "Terminal.h"
 
 #include <poll.h>
@@ -22,7 +21,7 @@ Terminal::Terminal(std::vector<std::string> arguments) {
     pointers.push_back(nullptr);
     pid_ = ::forkpty(&terminal_, nullptr, nullptr, nullptr);
     if (pid_ == 0) {
-        ::setenv("TERM", "xterm", 1);  // a dumb one gets no colours
+        ::setenv("TERM", "xterm", 1);  // a dumb terminal gets no colours
         ::execv(pointers[0], pointers.data());
         ::_exit(127);
     }

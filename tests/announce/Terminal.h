@@ -7,8 +7,8 @@
 
 namespace orvx::announce {
 
-/// A program at a terminal of its own, in whose foreground it is. All that waits throws a
-/// std::runtime_error after ten seconds of silence. A program that still runs at the end is killed.
+/// Runs a program in the foreground of a new terminal. Every operation that waits throws a
+/// std::runtime_error after ten seconds of silence. The destructor kills a program that still runs.
 /// Thread-safety: none.
 class Terminal {
   public:
@@ -19,7 +19,7 @@ class Terminal {
 
     void type(const std::string& keys) const;
     void await(const std::string& wanted);
-    /// The exit code, when it has ended; -1 when a signal ended it.
+    /// Waits for the end. Returns the exit code, or -1 if a signal ended the program.
     int wait();
     const std::string& text() const { return text_; }
 

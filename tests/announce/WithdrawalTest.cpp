@@ -1,5 +1,5 @@
-// The end of an announcement, whatever the registry does meanwhile.
-// Entered by the test's thread and those of its servers; the programs are processes. No lock.
+// The end of an announcement, in whatever state the registry is. Entered by the test's thread and
+// those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
 #include <sys/wait.h>
@@ -12,10 +12,10 @@ namespace {
 
 using AWithdrawal = AnnounceTest;
 
-/// Long enough for a busy machine, and far below the withdrawal time-out of 3,600 s.
+/// Sufficient for a busy machine, and far below the withdrawal time-out of 3,600 s.
 constexpr auto kSoon = 4s;
 
-/// Whether a process of this machine waits for a connection to that port.
+/// Whether a process of this machine waits for a connection to this port.
 bool isConnectingTo(std::uint16_t port) {
     std::ostringstream wanted;
     wanted << std::uppercase << std::hex << std::setfill('0') << ':' << std::setw(4) << port

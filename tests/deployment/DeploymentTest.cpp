@@ -56,7 +56,7 @@ class ADeployment : public ::testing::Test {
     }
     IOrvServiceRegistryClient& client() { return *context.getServiceRegistryClient(); }
 
-    /// "OK", the HTTP status code of a refusal, or the communication status of what failed.
+    /// "OK", the HTTP status code of a refusal, or the communication status of a failure.
     static std::string describe(const OrvRegistrationResponse& outcome) {
         if (outcome.status == OrvRegistrationResponse::OK) {
             return "OK";
@@ -72,7 +72,7 @@ class ADeployment : public ::testing::Test {
         withdraw = outcome.unregister;
         return describe(outcome.response);
     }
-    /// Announces, waits for checks, and withdraws.
+    /// Announces the service, waits for checks, and withdraws it.
     void liveThrough(std::uint16_t port) {
         EXPECT_EQ(registered("lamp", port), "OK");
         EXPECT_EQ(entriesAt(registry.port()).size(), 1U);
@@ -239,7 +239,7 @@ TEST_F(ADeployment, IsReachedOverAUnixSocketByManyAtOnce) {
     EXPECT_EQ(entriesAt(registry.port()).size(), 100U);
 }
 
-/// Lets in who shows this value.
+/// The configuration of a server that accepts only this value of the Authorization header.
 Nginx::Config forThoseWith(const std::string& authorization) {
     return {true, "if ($may = 0) { return 401; }",
             "map $http_authorization $may { default 0; '" + authorization + "' 1; }"};

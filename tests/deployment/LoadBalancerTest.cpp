@@ -1,6 +1,6 @@
-// haproxy whose servers are the services at the registry, as the how-to sets it up.
-// Entered by the test's thread, the client's and those of the services; haproxy, the registry and
-// the command of the how-to are child processes. No lock.
+// haproxy with the services of the registry as its servers, configured as in the how-to. Entered by
+// the test's thread, the client's and those of the services; haproxy, the registry and the command
+// of the how-to are child processes. No lock.
 #include "IntegrationTest.h"
 #include "Paths.h"
 #include "RawConnection.h"
@@ -58,7 +58,7 @@ class TheLoadBalancer : public ::testing::Test {
         EXPECT_EQ(outcome.response.status, OrvRegistrationResponse::OK);
         return outcome.unregister;
     }
-    /// Who answers a request to haproxy: the name of a service, or "503".
+    /// Sends a request to haproxy. Returns the name of the service that answers, or "503".
     std::string ask() const {
         const auto response =
             registry::RawConnection(haproxy.port()).ask(registry::makeRequest("GET", "/"));
@@ -73,8 +73,8 @@ class TheLoadBalancer : public ::testing::Test {
             0);
         return Clock::now() - begin;
     }
-    /// Waits until ten requests in a row have been answered by these only: at most a second, and on
-    /// a busy machine at most the time of twenty starts of the script more.
+    /// Waits until ten requests in a row are answered by these services only: at most a second, and
+    /// in addition the time of twenty starts of the script, for a busy machine.
     void expectAnswersOf(const std::set<std::string>& wanted) const {
         const auto begin = Clock::now();
         EXPECT_TRUE(eventually([&] {

@@ -21,7 +21,8 @@ using ::testing::HasSubstr;
 
 class ThePageForProduction : public ::testing::Test {
   protected:
-    /// The first block of that language that contains the text, with paths of the folder.
+    /// The first block in this language that contains the text, with its paths changed to the
+    /// folder.
     std::string block(const std::string& language, const std::string& text) const {
         const std::string page = contentOf(paths::kProductionPage);
         const std::regex blocks("```" + language + "\n([^`]*)```");
@@ -35,7 +36,7 @@ class ThePageForProduction : public ::testing::Test {
         }
         throw std::runtime_error("the page has no " + text);
     }
-    /// Runs a block in the folder. The test starts and stops the registry itself.
+    /// Runs a block in the folder. The test starts and stops the registry.
     void run(const std::string& script) const {
         const auto result =
             ChildProcess("/bin/sh",

@@ -1,5 +1,5 @@
-// orvx-registry as a service of systemd: what it notifies, and its unit.
-// Entered by the test's thread; the program is a process. No lock.
+// orvx-registry as a service of systemd: its notifications and its unit. Entered by the test's
+// thread; the program is a process. No lock.
 #include "Folder.h"
 #include "Notifications.h"
 #include "Paths.h"
@@ -43,7 +43,7 @@ TEST(TheRegistryService, IsReadyAgainOnlyWhenItHasReadItsFiles) {
     const Folder folder;
     const Notifications told(folder.file("notify"));
     const std::string tokens = folder.file("tokens");
-    ASSERT_EQ(::mkfifo(tokens.c_str(), 0600), 0);  // who reads it waits for somebody to write
+    ASSERT_EQ(::mkfifo(tokens.c_str(), 0600), 0);  // a reader waits for a writer
     ChildProcess registry("/usr/bin/env",
                           {"NOTIFY_SOCKET=" + folder.file("notify"), RegistryProcess::path(),
                            "--port", "0", "--tokens", tokens});
@@ -85,7 +85,7 @@ TEST(TheRegistryService, IsNotReadyWhenItCannotListen) {
 
 class TheUnitOfTheRegistry : public ::testing::Test {
   protected:
-    /// The unit with the program of this build, in the folder.
+    /// The unit in the folder, with the program of this build.
     std::string unit() const {
         std::string text = contentOf(kUnit);
         replace(text, "/usr/bin/orvx-registry", RegistryProcess::path());

@@ -1,7 +1,7 @@
-// A registry's name with three addresses: services stay announced while the replicas at these
-// addresses go and come. The replicas are three nginx in front of one registry, which stands for
-// the store that replicas share.
-// Entered by the test's thread and the client's; the servers are child processes. No lock.
+// A registry name with three addresses: services stay announced while the replicas at these
+// addresses stop and start. The replicas are three nginx in front of one registry, which represents
+// the store that replicas share. Entered by the test's thread and the client's; the servers are
+// child processes. No lock.
 #include "DeadResolver.h"
 #include "IntegrationTest.h"
 #include "Loopback.h"
@@ -19,7 +19,7 @@ using registry::ChildProcess;
 using testing::Folder;
 using Method = ClientStatistics::Method;
 
-/// Passes connections on from the same port of three loopback addresses.
+/// Forwards connections from the same port of three loopback addresses.
 class Replicas {
   public:
     Replicas(const Folder& folder, std::uint16_t registry)
@@ -34,7 +34,7 @@ class Replicas {
     void signal(std::size_t number, int signal) const {
         (number == 0 ? first_.process() : *others_[number - 1]).signal(signal);
     }
-    /// Starts the one at the last address again.
+    /// Starts the replica at the last address again.
     void startLast() { start(2, port()).swap(others_[1]); }
 
   private:
@@ -82,7 +82,7 @@ class TheReplicas : public ::testing::Test {
     ClientStatistics::OfMethod counted(Method method) const {
         return http.statistics->snapshot().byMethod.at(method);
     }
-    /// The service is confirmed again, is the same entry, and was never found missing.
+    /// The service was confirmed again, has the same entry, and was never found missing.
     void expectConfirmed() {
         const auto before = counted(Method::Head).byHttpStatus[200];
         EXPECT_TRUE(
@@ -110,7 +110,7 @@ TEST_F(TheReplicas, AreTriedOneAfterTheOtherUntilOneAnswers) {
     expectConfirmed();
 }
 
-// The kernel still accepts connections to a stopped process.
+// The kernel still accepts connections for a stopped process.
 TEST_F(TheReplicas, AreLeftWhenTheyAcceptConnectionsAndDoNotAnswer) {
     expectConfirmed();
     replicas.signal(0, SIGSTOP);

@@ -1,6 +1,6 @@
-// The programs that stand between a client and its registry elsewhere, as child processes with
-// configurations of their own in a folder of the test's.
-// Entered by the test's thread only; there is no lock.
+// Programs that stand between a client and its registry in a deployment, run as child processes
+// with their configurations in a temporary folder. Entered by the test's thread only; there is no
+// lock.
 
 #include "Servers.h"
 
@@ -60,8 +60,8 @@ void CertificateFolder::makeExpiredCertificate(const std::string& name,
     makeCertificate(name, authority);
     openssl({"x509", "-x509toreq", "-in", file(name + ".pem"), "-signkey", file(name + ".key"),
              "-copy_extensions", "copy", "-out", file("made.csr")});
-    // "openssl x509" of Debian 12 knows no dates, that of Debian 13 refuses to make what has
-    // expired.
+    // "openssl x509" of Debian 12 has no options for dates, and that of Debian 13 refuses to make
+    // an expired certificate.
     std::ofstream(file("index")).close();
     std::ofstream(file("ca.conf"))
         << "[ca]\ndefault_ca=here\n[any]\ncommonName=supplied\n[here]\nrand_serial=yes\npolicy="
@@ -92,7 +92,7 @@ Program::~Program() {
     try {
         process_->wait();
     } catch (const std::runtime_error&) {
-        // Then it is killed.
+        // The destructor of the process kills it.
     }
 }
 

@@ -14,24 +14,26 @@ namespace orvx::testing {
 /// A temporary folder with certificates.
 class CertificateFolder : public Folder {
   public:
-    /// Makes `name`.pem and `name`.key of an authority. All authorities have the same name.
+    /// Makes the certificate and key `name`.pem and `name`.key of an authority. All authorities
+    /// have the same subject.
     void makeAuthority(const std::string& name) const;
-    /// Makes, or replaces as a whole, `name`.pem and `name`.key, for these alternative names.
+    /// Makes `name`.pem and `name`.key for these alternative names, or replaces each of them in one
+    /// step.
     void makeCertificate(const std::string& name, const std::string& authority,
                          const std::string& names = "IP:127.0.0.1,DNS:localhost") const;
-    /// The same with the default names, but expired yesterday.
+    /// As makeCertificate() with the default names, but the certificate expired yesterday.
     void makeExpiredCertificate(const std::string& name, const std::string& authority) const;
 };
 
-/// A server program at a port of its own.
+/// A server program with its own port.
 class Program {
   public:
     using Start = std::function<std::unique_ptr<registry::ChildProcess>(std::uint16_t port)>;
 
-    /// `start` returns when the program listens there, and throws when it does not. It is called
-    /// for one free port after another until it succeeds.
+    /// `start` returns when the program listens at the port, and throws if it does not. It is
+    /// called for one free port after another until it succeeds.
     explicit Program(const Start& start);
-    /// Tells it to end and waits.
+    /// Stops the program, and waits for its end.
     ~Program();
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
@@ -47,8 +49,8 @@ class Program {
 /// nginx in front of a registry.
 class Nginx {
   public:
-    /// `options` go into its server, which listens at a port of its own, speaking TLS or not, and
-    /// at a Unix domain socket, folder.file("registry.socket"), beside. `tables` stand outside.
+    /// `options` go into its server, which listens with or without TLS at its own port, and also at
+    /// the Unix domain socket folder.file("registry.socket"). `tables` stand outside the server.
     struct Config {
         bool tls = false;
         std::string options;
@@ -58,10 +60,11 @@ class Nginx {
     Nginx(const Folder& folder, std::uint16_t registry, const Config& config);
 
     std::uint16_t port() const { return program_->port(); }
-    /// From its return on nobody is served otherwise; connections kept until then are closed. Once.
+    /// When it returns, no request is served with the old configuration any more; connections that
+    /// were kept until then are closed. May be called once.
     void reload(const Config& config);
     /// A line for each request: method, status, the client's Authorization header, the name in its
-    /// certificate, and the how manyth request it is on its connection.
+    /// certificate, and the number of the request on its connection.
     std::string log() const { return contentOf(folder_.file("access.log")); }
 
   private:
@@ -72,22 +75,22 @@ class Nginx {
     std::unique_ptr<Program> program_;
 };
 
-/// haproxy with the configuration of examples/haproxy, whose files are in the folder.
+/// haproxy with the configuration of examples/haproxy and the files in the folder.
 class Haproxy {
   public:
     explicit Haproxy(const Folder& folder);
 
     std::uint16_t port() const { return program_->port(); }
-    /// From its return on new processes of haproxy serve, which know only its files.
+    /// When it returns, new haproxy processes serve, which know only the state in the files.
     void reload() const;
-    /// The paths of the example, and these in the folder in their place.
+    /// Replaces the paths of the example with the corresponding paths in the folder.
     static std::string inFolder(std::string text, const Folder& folder);
 
   private:
     std::unique_ptr<Program> program_;
 };
 
-/// tinyproxy, for whoever shows user and password.
+/// tinyproxy, which accepts requests with this user and password only.
 class Proxy {
   public:
     Proxy(const Folder& folder, const std::string& user, const std::string& password);

@@ -1,7 +1,7 @@
-// Each symptom of the page, made with real processes. The lines that the page quotes are lines that
-// the library logs, that the page's own function prints, or that another program prints. A test has
-// its section's heading for a name.
-// Entered by the test's thread and the clients'; servers are child processes. No lock.
+// Each symptom of the page, caused with real processes. The lines that the page quotes are lines
+// that the library logs, that the page's own function prints, or that another program prints. Each
+// test is named after the heading of its section. Entered by the test's thread and the clients';
+// servers are child processes. No lock.
 #include "DeadResolver.h"
 #include "IntegrationTest.h"
 #include "RawConnection.h"
@@ -25,7 +25,7 @@
 namespace orvx::serviceregistryclient {
 namespace {
 
-#include "page.inc"  // kPage, and the function print() that the page shows
+#include "page.inc"  // kPage, and the page's function print()
 
 using communication::HttpCredentials;
 using testing::CertificateFolder;
@@ -41,7 +41,7 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-/// "A name, not known" is "ANameNotKnown".
+/// For example "ANameNotKnown" for "A name, not known".
 std::string inCamelCase(const std::string& heading) {
     std::string name;
     bool isBegin = true;
@@ -54,7 +54,7 @@ std::string inCamelCase(const std::string& heading) {
     return name;
 }
 
-/// The quoted lines by the names of the sections that have some.
+/// The quoted lines by the name of the section. Sections without quoted lines are absent.
 std::map<std::string, std::vector<std::string>> quotedOutput() {
     std::map<std::string, std::vector<std::string>> quoted;
     std::string section;
@@ -102,7 +102,7 @@ class Troubleshooting : public ::testing::Test {
             .body();
     }
 
-    /// What there is to see now is added to what was seen, one line each.
+    /// Records all output of now: new log lines, and the registrations as the page prints them.
     void look() {
         static const char* const levels[] = {"ERROR ", "WARNING ", "INFO ", "DEBUG "};
         for (const auto& line : log->takeLines()) {
@@ -112,7 +112,7 @@ class Troubleshooting : public ::testing::Test {
         print(context, printed);
         see(printed.str());
     }
-    /// The page says 8500 where the registry's port stands.
+    /// Records each line, with 8500 in place of the registry's port, as on the page.
     void see(const std::string& lines) {
         const std::regex port("127.0.0.1:" + std::to_string(port_));
         for (const std::string& line : linesOf(lines)) {
@@ -131,7 +131,7 @@ class Troubleshooting : public ::testing::Test {
         }
         return lines;
     }
-    /// Of the section with the test's name.
+    /// The quoted lines of the section with the test's name.
     static std::vector<std::string> quoted() {
         return quotedOutput()[::testing::UnitTest::GetInstance()->current_test_info()->name()];
     }
@@ -337,7 +337,7 @@ TEST_F(Troubleshooting, LogLinesAreMissing) {
     expectQuotedOutput();
 }
 
-/// As long as it exists, no descriptor can be opened.
+/// No descriptor can be opened while an object exists.
 class NoDescriptors {
   public:
     NoDescriptors() {

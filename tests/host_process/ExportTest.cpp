@@ -1,5 +1,5 @@
-// What the shared form of the library shows to the process that loads it, and what it takes from
-// it. One thread; no lock.
+// The symbols that the shared library exports to its process and imports from it. One thread; no
+// lock.
 
 #include "Paths.h"
 
@@ -34,7 +34,7 @@ std::string outputOf(const std::string& command) {
     return output;
 }
 
-/// What the pattern's group matches in the output, once for each time.
+/// The text that the pattern's group matches, for each match in the output.
 std::vector<std::string> all(const std::string& pattern, const std::string& command) {
     const std::string output = outputOf(command);
     const std::regex regex(pattern);
@@ -58,7 +58,7 @@ TEST(TheSharedLibrary, ShowsOnlyNamesOfItsOwn) {
     EXPECT_THAT(names, Each(MatchesRegex("_Z(T[VTIS]|T[hv][n0-9_]+)?NK?4orvx.*")));
 }
 
-// libfmt is what the console logger writes its lines with; a sanitizer brings a library of its own.
+// The console logger uses libfmt. A sanitizer adds its own library.
 TEST(TheSharedLibrary, NeedsOnlyTheSystemOpensslAndLibfmt) {
     const auto needed = all("Shared library: \\[lib([^\n]*)\\.so[^\n]*\\]\n",
                             ORVX_READELF " -d " + std::string(paths::kSharedLibrary));
@@ -66,7 +66,7 @@ TEST(TheSharedLibrary, NeedsOnlyTheSystemOpensslAndLibfmt) {
     EXPECT_THAT(needed, Each(MatchesRegex("c|m|stdc\\+\\+|gcc_s|ssl|crypto|fmt|[a-z]+san")));
 }
 
-// A program that it is linked into may bring Boost in another version.
+// The program that links the library may use another version of Boost.
 TEST(TheStaticLibrary, HasNoNameOfBoosts) {
     const auto names =
         all("[0-9a-f]+ [A-Za-z] ([^\n]+)\n", ORVX_NM " " + std::string(paths::kStaticLibrary));

@@ -1,6 +1,6 @@
 // Children that are forked, and programs that are started, at any time while a client works: they
-// end as they like, and neither they nor the process notices.
-// Threads: the test's, its users', the client's three and the servers'.
+// end in any way, and neither the children nor the process are disturbed. Threads: the test's, its
+// users', the client's three and the servers'.
 
 #include "Child.h"
 #include "IntegrationTest.h"
@@ -20,7 +20,7 @@ using testing::HostileServer;
 using testing::Script;
 using testing::statusOfChild;
 
-/// Registers and withdraws as fast as it can as long as it lives.
+/// Registers and withdraws without a pause while the object lives.
 class User {
   public:
     User(IOrvServiceRegistryClient& client, const common::ServiceInfo& registry,
@@ -48,7 +48,7 @@ class User {
     std::thread thread_;
 };
 
-// A fork takes long where the thread sanitizer keeps a shadow of the memory.
+// A fork is slow under the thread sanitizer, which keeps a shadow of the memory.
 #if defined(__SANITIZE_THREAD__)
 constexpr int kForks = 20;
 #else

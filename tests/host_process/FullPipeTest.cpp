@@ -1,5 +1,5 @@
-// A process whose standard error is a pipe that is full and that nobody reads.
-// Threads: the test's, one that uses the client, the client's three, the console's, the registry's.
+// A process whose standard error is a full pipe without a reader. Threads: the test's, one that
+// uses the client, the client's three, the console's, the registry's.
 
 #include "IntegrationTest.h"
 
@@ -11,7 +11,7 @@
 namespace orvx::serviceregistryclient {
 namespace {
 
-/// Standard error is a full pipe as long as it exists.
+/// Standard error is a full pipe while the object lives.
 class FullPipe {
   public:
     FullPipe() : before_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
@@ -33,7 +33,7 @@ class FullPipe {
     FullPipe(const FullPipe&) = delete;
     FullPipe& operator=(const FullPipe&) = delete;
 
-    /// Until nothing is left.
+    /// Reads the pipe until it is empty.
     void drain() const {
         char bytes[4096];
         while (::read(reading_, bytes, sizeof bytes) > 0) {
@@ -47,7 +47,7 @@ class FullPipe {
 
 class AFullPipe : public IntegrationTest {};
 
-// The client's threads stood still in the console logger, one of them with the client's lock.
+// The client's threads waited in the console logger, one of them with the client's lock.
 TEST_F(AFullPipe, KeepsNoCallFromReturningAndNoClientFromItsEnd) {
     const testing::RefusedPort nobody;
     const FullPipe standardError;
@@ -62,7 +62,7 @@ TEST_F(AFullPipe, KeepsNoCallFromReturningAndNoClientFromItsEnd) {
         client().registerServiceAtRegistry(at(registry.port()), service("lamp"), record());
         EXPECT_THAT(outcomes.await(1), ::testing::ElementsAre("OK/NONE"));
         context.deinit();
-        context.setLoggerFactory(nullptr);  // the console ends, and gives up on its reader
+        context.setLoggerFactory(nullptr);  // the console ends, and stops waiting for its reader
     });
     const bool isOver = life.wait_for(20s) == std::future_status::ready;
     EXPECT_TRUE(isOver);

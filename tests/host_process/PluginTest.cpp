@@ -1,5 +1,4 @@
-// A plug-in that has a client inside is loaded, used and unloaded: nothing of it stays in the
-// process.
+// A plug-in with a client is loaded, used and unloaded: nothing of it remains in the process.
 // Threads: the test's, the client's, the registry's, and one of a look-up.
 
 #include "DeadResolver.h"
@@ -64,7 +63,7 @@ std::size_t allocatedBytes() {
     return ::mallinfo2().uordblks;
 }
 
-/// Waits for what nothing announces.
+/// Polls a condition that no event signals.
 bool isSoon(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!condition() && std::chrono::steady_clock::now() < deadline) {
@@ -75,7 +74,7 @@ bool isSoon(const std::function<bool()>& condition) {
 
 class APlugin : public ::testing::Test {
   protected:
-    /// From its loading to its unloading.
+    /// Runs the plug-in from its loading to its unloading.
     void live() const {
         const Plugin plugin;
         EXPECT_TRUE(plugin.announce(registry_.port()));
@@ -106,7 +105,7 @@ TEST_F(APlugin, LetsTheMemoryOfTheProcessGrowNotHoweverOftenItIsLoaded) {
     EXPECT_LT(allocatedBytes(), before + 16 * 1024);
 }
 
-// The thread that looks it up has code of the library to return to.
+// The look-up's thread returns to code of the library.
 TEST_F(APlugin, StaysLoadedIfItEndsWhileAHostIsStillLookedUp) {
     DeadResolver resolver;
     const auto threads = threadNames();

@@ -1,5 +1,5 @@
-// Several contexts in one process: each has a life of its own.
-// Threads: the test's, one for each of ten users, three for each context, the registries'.
+// Several contexts in one process are independent. Threads: the test's, one for each of ten users,
+// three for each context, the registries'.
 
 #include "Descriptors.h"
 #include "IntegrationTest.h"
@@ -16,7 +16,7 @@ namespace {
 using testing::openDescriptors;
 using testing::threadNames;
 
-/// A second context in addition to the fixture's. Both check as often as they can.
+/// A second context in addition to the fixture's. Both check without a pause.
 class TwoContexts : public IntegrationTest {
   protected:
     TwoContexts() {
@@ -33,7 +33,7 @@ class TwoContexts : public IntegrationTest {
         EXPECT_EQ(text(outcome.response), "OK/NONE");
         return outcome;
     }
-    /// That the checks go on, and that it registers and withdraws.
+    /// Expects that the other context still checks its entry, registers and withdraws.
     void expectOtherWorksAt(std::uint16_t port, std::size_t entry) {
         const auto checks = [&] { return entriesAt(port).at(entry).at("checks").get<int>(); };
         const int sofar = checks();
@@ -79,7 +79,7 @@ void liveInOneContext(std::uint16_t port, const std::string& name) {
 }
 
 TEST(TenContexts, StartAndEndInTenThreadsAtOnce) {
-    // The registry's side of the connections ends when it does.
+    // The registry closes its side of the connections when it ends.
     const auto descriptorsBefore = openDescriptors();
     auto registry = std::make_unique<registry::RunningRegistry>();
     liveInOneContext(registry->port(), "first");

@@ -1,6 +1,6 @@
-// The signals of the process are the user's: none is handled, kept away, taken or raised by the
-// library, and none disturbs it.
-// Threads: the test's, a user's in a blocking call, the client's three, the registry's.
+// The signals of the process belong to the user: the library neither handles, blocks, consumes nor
+// raises any, and no signal disturbs it. Threads: the test's, a user's in a blocking call, the
+// client's three, the registry's.
 
 #include "BlockingCall.h"
 #include "DeadResolver.h"
@@ -41,7 +41,8 @@ void count(int /*signal*/) {
     ++(std::strncmp(name, "ORVX_", 5) == 0 ? arrivedInside : arrived);
 }
 
-/// Counts a signal as long as it lives; blocking calls of the system end early by it.
+/// Counts the deliveries of a signal while the object lives. The handler interrupts blocking system
+/// calls.
 class Counted {
   public:
     explicit Counted(int signal) : signal_(signal) {
@@ -71,7 +72,7 @@ std::vector<int> membersOf(const sigset_t& set) {
     return members;
 }
 
-/// What the process does about each signal.
+/// The process's action for each signal.
 std::vector<Action> actions() {
     std::vector<Action> table;
     for (int signal = 1; signal < NSIG; ++signal) {
@@ -93,8 +94,8 @@ std::string lineOf(const std::filesystem::path& status, const std::string& name)
     return "";
 }
 
-/// The signals that the threads block which bear a name of the library's, as the system shows them;
-/// a thread of a look-up bears that of the one that made it.
+/// The signals that the library's threads block, as the system shows them. The threads are found by
+/// name; a look-up's thread has the name of its creator.
 std::vector<std::string> blockedInside() {
     std::vector<std::string> masks;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -115,13 +116,13 @@ constexpr std::size_t forbiddenBytes = 1;
 void* forbidden = nullptr;
 std::atomic<bool> isCrashHandled{false};
 
-/// Permits what crashed, which then goes on.
+/// Removes the cause of the crash; the crashing thread continues.
 void handleCrash(int /*signal*/) {
     isCrashHandled = isOnCallbackThread();
     ::mprotect(forbidden, forbiddenBytes, PROT_READ | PROT_WRITE);
 }
 
-/// The wait status of a program that would end by itself after ten seconds, and gets a SIGTERM.
+/// Sends SIGTERM to a program that would end by itself after ten seconds. Returns its wait status.
 int statusOfStopped(pid_t program) {
     int status = -1;
     ::kill(program, SIGTERM);
@@ -155,7 +156,8 @@ TEST_F(TheSignals, KeepTheirActions) {
     EXPECT_EQ(actions(), before);
 }
 
-// All but SIGKILL, SIGSTOP, the two that the C library keeps for itself, and the seven of a crash.
+// All signals except SIGKILL, SIGSTOP, the two that the C library reserves, and the seven of a
+// crash.
 TEST_F(TheSignals, AreBlockedInEachThreadOfTheLibraryAndOfALookUp) {
     DeadResolver resolver;
     start();
@@ -166,7 +168,7 @@ TEST_F(TheSignals, AreBlockedInEachThreadOfTheLibraryAndOfALookUp) {
     EXPECT_THAT(blockedInside(), Each("fffffffe3ffbfa07"));
 }
 
-// They were blocked: the system ended the process, and its handler did not run.
+// These signals were once blocked: the system ended the process, and its handler did not run.
 TEST_F(TheSignals, OfACrashInACallbackReachTheHandlerOfTheProcess) {
     forbidden = ::mmap(nullptr, forbiddenBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     struct sigaction action {};
@@ -179,7 +181,7 @@ TEST_F(TheSignals, OfACrashInACallbackReachTheHandlerOfTheProcess) {
     ::munmap(forbidden, forbiddenBytes);
 }
 
-// It inherited the mask of the callback thread and ran on.
+// The program once inherited the mask of the callback thread and continued to run.
 TEST_F(TheSignals, StopAProgramThatACallbackForks) {
     int status = -1;
     runInCallback([&] {
@@ -193,7 +195,7 @@ TEST_F(TheSignals, StopAProgramThatACallbackForks) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
 }
 
-// As docs/threading.md says: a program that is spawned inherits the mask as it is.
+// As described in docs/threading.md: a spawned program inherits the mask unchanged.
 TEST_F(TheSignals, StopAProgramThatACallbackSpawnsWithoutItsMask) {
     int status = -1;
     runInCallback([&] {
@@ -263,7 +265,8 @@ TEST_F(TheSignals, DoNotEndABlockingCallEarly) {
     interrupt(withdrawal, "delete");
 }
 
-// As big as no buffer of the system's, so that more is to be sent when the connection is gone.
+// Larger than any buffer of the system, so that bytes are left to be sent when the connection is
+// gone.
 TEST_F(TheSignals, AreNotRaisedByARegistryThatEndsTheConnectionBeforeItsTime) {
     const Counted counted(SIGPIPE);
     HostileServer rude;

@@ -1,6 +1,5 @@
-// How a client starts: inside a static object, before the static objects of the library could be
-// initialised, and with its threads named.
-// Threads: the test's, the client's three.
+// The start of a client: inside a static object, before the static objects of the library could be
+// initialised, and with its threads named. Threads: the test's, the client's three.
 
 #include "Process.h"
 #include "RecordingLogger.h"
@@ -29,14 +28,14 @@ struct EarlyClient {
     std::vector<std::string> threads;
 };
 
-// The program's own objects are linked, and initialised, before the library's.
+// The objects of the program are linked, and initialised, before those of the library.
 const EarlyClient early;
 
 TEST(AStaticObject, GetsAClientWithItsThreadsNamedInFull) {
     EXPECT_THAT(early.threads, IsSupersetOf({"ORVX_HttpIO", "ORVX_SRCBExec", "ORVX_SRRExec"}));
 }
 
-// When init() returned, a thread still had the name of the one that made it in 323 of 500 times.
+// When init() returned, a thread still had the name of its creator in 323 of 500 runs.
 TEST(AClient, HasItsThreadsNamedWhenItIsInitialised) {
     OrvServiceRegistryContext context;
     context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());

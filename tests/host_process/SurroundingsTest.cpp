@@ -1,6 +1,6 @@
-// What a process has one of, and what comes out of it: the library changes nothing of the former,
-// and adds to the latter only the lines of its console logger.
-// Threads: the test's, the client's three, the registry's.
+// The global state and the output of a process: the library does not change the state, and adds
+// only the lines of its console logger to the output. Threads: the test's, the client's three, the
+// registry's.
 
 #include "IntegrationTest.h"
 
@@ -27,7 +27,7 @@ using ::testing::internal::GetCapturedStdout;
 
 using State = std::map<std::string, std::string>;
 
-/// What there is one of in a process, as far as it can be read.
+/// The global state of the process, as far as it can be read.
 State stateOfTheProcess() {
     State state;
     for (char** variable = environ; *variable != nullptr; ++variable) {
@@ -44,7 +44,7 @@ State stateOfTheProcess() {
     return state;
 }
 
-/// How many of this process's sockets take what comes from anybody.
+/// The number of this process's sockets that accept connections or datagrams from any peer.
 std::size_t listeningSockets() {
     std::string mine;
     for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -72,7 +72,7 @@ std::size_t listeningSockets() {
 
 class TheSurroundings : public IntegrationTest {
   protected:
-    /// All that can happen to a service.
+    /// Runs each operation on a service.
     void live() {
         const testing::RefusedPort nobody;
         testing::HostileServer rude;

@@ -1,6 +1,6 @@
-// The blocking forms, with real callers that wait, and what callers do while others are under way.
-// Threads: the test's and those that it makes, the client's three, the registry's, and that of the
-// server in front of it; they share sockets and journals.
+// The blocking forms with real callers that wait, and concurrent calls. Threads: the test's and
+// those that it makes, the client's three, the registry's, and that of the server in front of it;
+// they share sockets and journals.
 #include "IntegrationTest.h"
 
 #include <functional>
@@ -18,8 +18,8 @@ using testing::Script;
 
 class ABlockingCall : public IntegrationTest {
   protected:
-    /// A server in front of the registry that holds the answers to a method back until it is
-    /// released under the method's name.
+    /// Puts a server in front of the registry that holds back the answers to a method until the
+    /// test releases the method's name.
     void holdBack(const std::string& method) {
         front.onRequest([this, method](const Request& request) {
             const std::string answer = passOn(request, registry.port());

@@ -1,5 +1,4 @@
-// Children that are forked out of a process with threads.
-// Entered by any thread; no lock.
+// Children that are forked by a process with threads. Entered by any thread; no lock.
 
 #include "Child.h"
 
@@ -15,8 +14,8 @@ bool isChild = false;
 
 }  // namespace
 
-/// Asked by the leak checker of a sanitizer, where there is one: in a child it would report what
-/// only the stacks of the missing threads led to.
+/// Called by the leak checker of a sanitizer. In a child the checker would report objects that only
+/// the stacks of the missing threads refer to.
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() {
     return isChild ? 1 : 0;
 }

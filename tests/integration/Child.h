@@ -4,8 +4,8 @@
 
 namespace orvx::testing {
 
-/// Runs `work` in a forked child, which then leaves through exit(); its wait status. A child that
-/// hangs is ended by an alarm.
+/// Runs `work` in a forked child, which then calls exit(). Returns its wait status. An alarm ends a
+/// child that hangs.
 int statusOfChild(const std::function<void()>& work);
 
 }  // namespace orvx::testing

@@ -1,7 +1,7 @@
-// A registry that dies in the middle of the withdrawal of all services. A server in front of it
-// lets some of the DELETEs through and then fails in one way or another. Threads: the test's, the
-// client's three, the registry's and that of the server in front, which alone uses the counter;
-// they share sockets only.
+// A registry that fails during the withdrawal of all services. A server in front of it forwards
+// some of the DELETEs and then fails in one of several ways. Threads: the test's, the client's
+// three, the registry's and that of the server in front, which alone uses the counter; they share
+// sockets only.
 #include "IntegrationTest.h"
 #include "RegistryProcess.h"
 
@@ -27,7 +27,8 @@ class ADyingRegistry : public IntegrationTest {
             client().registerServicesAtRegistry(at(port), services("lamp", kServices)).first);
     }
 
-    /// Withdraws all, which must not succeed; how often each outcome came.
+    /// Withdraws all services, which must fail. Returns the number of times that each outcome
+    /// occurred.
     std::map<std::string, int> withdrawAll() {
         const auto [allWithdrawn, withdrawals] = client().unregisterAllServicesFromRegistry();
         EXPECT_FALSE(allWithdrawn);

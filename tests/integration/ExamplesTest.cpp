@@ -1,7 +1,6 @@
-// The example programs as a user runs them: what they print, how they end, and what the registry
-// holds meanwhile.
-// Threads: the test's, the registry's, and that of the server in front of it; they share sockets
-// only. Each example is a process of its own.
+// Runs the example programs as a user does: their output, their exit status, and the entries at the
+// registry. Threads: the test's, the registry's, and that of the server in front of it; they share
+// sockets only. Each example is a process.
 #include "ChildProcess.h"
 #include "IntegrationTest.h"
 #include "Paths.h"
@@ -38,7 +37,7 @@ using testing::Request;
 using testing::Script;
 using ::testing::UnorderedElementsAre;
 
-/// Five seconds to withdraw, one at most to stop, and some room.
+/// Five seconds to withdraw, at most one to stop, and a margin.
 constexpr auto kShutdownBound = 7s;
 
 class Example : public ChildProcess {
@@ -48,7 +47,7 @@ class Example : public ChildProcess {
     Example(const std::string& name, std::uint16_t port)
         : Example(name, std::vector<std::string>{"127.0.0.1", std::to_string(port)}) {}
 
-    /// What it printed, when it has ended with this exit code.
+    /// Expects this exit code. Returns the output.
     std::string printed(int exitCode = 0) {
         const Result result = wait();
         EXPECT_TRUE(WIFEXITED(result.status)) << result.status;
@@ -158,8 +157,8 @@ TEST_F(TheManyExample, WithdrawsAllWhenItIsTerminatedOrInterrupted) {
     }
 }
 
-/// The samples in a text for Prometheus by metric and labels. Fails the test where the text breaks
-/// a rule of the format 0.0.4 or a custom of its names. Prometheus' own checker comes with its
+/// The samples in a text for Prometheus, by metric and labels. Fails the test if the text breaks a
+/// rule of the format 0.0.4 or its naming conventions. Prometheus' own checker is part of its
 /// server.
 std::map<std::string, double> samplesOf(const std::string& text) {
     static const std::string kName = "([a-zA-Z_:][a-zA-Z0-9_:]*)";
@@ -310,7 +309,7 @@ TEST_F(TheShutdownExample, WithdrawsARegistrationThatIsAnsweredAfterTheTerminati
     EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
     shutdown.signal(SIGTERM);
     front.release("PUT");
-    // Whichever is first, the signal or the answer.
+    // Either the signal or the answer may come first.
     EXPECT_THAT(shutdown.printed(), AnyOf("nothing is left\n", "announced\nwithdrawn\n"));
     EXPECT_TRUE(entries().empty());
 }
@@ -364,7 +363,7 @@ TEST_F(TheExamples, TellTheirUsageWithoutTheirArgumentsAndForWhatIsNoPort) {
     }
 }
 
-/// The argument of that setter in a program; empty when it is not called.
+/// The argument of this setter in a program; absent if the program does not call it.
 std::optional<std::chrono::milliseconds> timeSetBy(const std::string& setter,
                                                    const std::string& program) {
     const std::regex call(setter + R"(\((?:std::chrono::)?(?:seconds\()?(\d+)(ms|s|\)))");
@@ -375,7 +374,8 @@ std::optional<std::chrono::milliseconds> timeSetBy(const std::string& setter,
     return std::chrono::milliseconds(std::stoi(match[1]) * (match[2] == "ms" ? 1 : 1000));
 }
 
-// A check that is out when the time-out of the one before it passes would be given up for good.
+// The time-out of a check would abandon a check that is outstanding when it passes, and end it for
+// ever.
 TEST_F(TheExamples, KeepTheHeadTimeoutBelowTheCheckInterval) {
     int count = 0;
     for (const auto& file : std::filesystem::recursive_directory_iterator(paths::kExampleSources)) {

@@ -1,7 +1,7 @@
-// A child that is forked while a client is at work: it ends the context, or leaves it to the end of
-// the process, and its parent does not notice. A child that hangs is ended by an alarm.
-// Threads: the test's, the client's three, the registry's and that of the server in front, which
-// sees whether a connection ended; in the child the test's alone.
+// A child that is forked while a client works: it ends the context, or leaves that to the end of
+// the process, and its parent is not disturbed. An alarm ends a child that hangs. Threads: the
+// test's, the client's three, the registry's and that of the server in front, which observes
+// whether a connection ended; in the child only the test's.
 #include "Child.h"
 #include "IntegrationTest.h"
 
@@ -18,7 +18,7 @@ using testing::HostileServer;
 using testing::Request;
 using testing::statusOfChild;
 
-/// Calls a function with each line, on the thread that logs it.
+/// Calls a function for each line, on the logging thread.
 class CallingLoggerFactory : public testing::RecordingLoggerFactory {
   public:
     using Function = std::function<void(const std::string&)>;
@@ -96,7 +96,7 @@ TEST_F(AForkedChild, MayExitWithAStaticContextThatIsAtWorkInItsParent) {
     parent.deinit();
 }
 
-// A second withdrawal is logged under the client's lock: the child is made there.
+// The second withdrawal is logged under the client's lock; the child is forked there.
 TEST_F(AForkedChild, MayDestroyAContextWhoseClientHeldItsLockWhenItWasForked) {
     std::optional<int> status;
     auto parent = std::make_unique<OrvServiceRegistryContext>();

@@ -1,6 +1,5 @@
-// The HTTP configuration of a context, as a registry sees it on the wire.
-// Threads: the test's, the client's three, the registry's and that of the server in front; they
-// share sockets only.
+// The HTTP configuration of a context, observed at the registry. Threads: the test's, the client's
+// three, the registry's and that of the server in front; they share sockets only.
 #include "IntegrationTest.h"
 
 #include <set>
@@ -13,7 +12,7 @@ using testing::Request;
 
 class TheHttpConfiguration : public IntegrationTest {
   protected:
-    /// Registers, waits for a check, withdraws; the requests that this took.
+    /// Registers a service, waits for a check, and withdraws it. Returns the requests.
     std::vector<Request> requestsOfALifetime() {
         HostileServer front;
         front.onRequest(

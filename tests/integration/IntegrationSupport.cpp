@@ -1,5 +1,5 @@
-// Means to ask a registry and to wait for outcomes. passOn() is entered by the thread of the server
-// in front, everything else by the test's; nothing is shared, and there is no lock.
+// Helpers that ask a registry and wait for outcomes. passOn() is entered by the thread of the
+// server in front, everything else by the test's; nothing is shared, and there is no lock.
 #include "IntegrationSupport.h"
 
 #include <orvx/common/XObject.h>

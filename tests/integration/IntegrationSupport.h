@@ -17,10 +17,10 @@ namespace orvx::serviceregistryclient {
 
 using testing::eventually;
 
-/// "OK/NONE", "ERROR/TIMEOUT" and so on.
+/// The outcome as a text, for example "OK/NONE" or "ERROR/TIMEOUT".
 std::string text(const OrvRegistrationResponse& outcome);
 
-/// The outcome of an asynchronous operation, such as a handle. Throws when none comes within ten
+/// The outcome of an asynchronous operation, such as a handle. Throws if none comes within ten
 /// seconds.
 std::string outcomeOf(
     const std::function<void(IOrvServiceRegistryClient::ResponseCallback)>& operation);
@@ -29,11 +29,11 @@ std::shared_ptr<common::ServiceCreate> service(const std::string& name);
 /// Services named `name0`, `name1` and so on.
 IOrvServiceRegistryClient::ServiceSet services(const std::string& name, int count);
 
-/// The list of the registry at that port.
+/// The list of the registry at this port.
 nlohmann::json entriesAt(std::uint16_t port);
 
-/// What the registry at that port answers to a request that a server in front of it has got. Throws
-/// when it answers nothing.
+/// Forwards a request that a server in front has received to the registry at this port. Returns the
+/// answer. Throws if there is none.
 std::string passOn(const testing::Request& request, std::uint16_t port);
 
 }  // namespace orvx::serviceregistryclient

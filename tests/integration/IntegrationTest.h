@@ -17,16 +17,16 @@ namespace orvx::serviceregistryclient {
 using nlohmann::json;
 using namespace std::chrono_literals;
 
-/// A client with its real threads and sockets, and a registry. Options are set on `context` before
+/// A registry, and a client with real threads and sockets. Options are set on `context` before
 /// start().
 class IntegrationTest : public ::testing::Test {
   protected:
     IntegrationTest() {
         context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
-        context.setHeadTimeout(1min);  // checks may have to wait long on a busy machine
+        context.setHeadTimeout(1min);  // checks may take long on a busy machine
     }
 
-    /// The listener writes what it is told into `notifications`.
+    /// Starts the client with a listener that writes its arguments into `notifications`.
     void start() {
         context.init();
         client().addServiceRegisterStatusListener(
@@ -37,14 +37,13 @@ class IntegrationTest : public ::testing::Test {
     IOrvServiceRegistryClient& client() { return *context.getServiceRegistryClient(); }
 
     static common::ServiceInfo at(std::uint16_t port) { return {"registry", "127.0.0.1", port}; }
-    /// Writes what it is told into `outcomes`.
+    /// A callback that writes its outcome into `outcomes`.
     IOrvServiceRegistryClient::ResponseCallback record() {
         return [this](const auto& outcome) { outcomes.write(text(outcome)); };
     }
     json entries() const { return entriesAt(registry.port()); }
 
-    /// Registers there in the blocking form; the way to withdraw it in the asynchronous one is what
-    /// the test gets.
+    /// Registers a service with a blocking call. Returns a handle that withdraws it asynchronously.
     IOrvServiceRegistryClient::UnregisterHandle registered(const std::string& name,
                                                            std::uint16_t port) {
         IOrvServiceRegistryClient::UnregisterHandle handle;

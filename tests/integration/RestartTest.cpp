@@ -1,5 +1,5 @@
-// A registry that starts again and knows nothing, and what the client costs in threads meanwhile.
-// Threads: the test's and the client's three; the registry is a process of its own.
+// A registry that restarts without its entries, and the number of the client's threads meanwhile.
+// Threads: the test's and the client's three; the registry is a process.
 #include "IntegrationTest.h"
 #include "RegistryProcess.h"
 
@@ -19,10 +19,10 @@ namespace {
 using ::testing::ElementsAre;
 using utility::test::threadsNamed;
 
-// Few enough for a slow machine to check all of them within the interval.
+// Small enough for a slow machine to check all services within the interval.
 constexpr int kCount = 50;
 
-/// A registry program at a port that nobody else gets while it is not running.
+/// A registry program with a port that no other process gets while it is not running.
 class RestartableRegistry {
   public:
     RestartableRegistry() : reservation_(testing::bindLoopback()), port_(portOf(reservation_)) {
@@ -103,7 +103,7 @@ std::ptrdiff_t threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// A thread that ended may be seen for a moment: the system is asked again.
+// A thread that has ended may still be listed for a moment, so the list is read again.
 TEST_F(TheThreads, AreThreeForOneServiceAndForManyAndNoneAfterwards) {
     const auto areThere = [](std::size_t count) {
         return eventually([count] {

@@ -1,6 +1,6 @@
-// TLS against a real server with authorities and certificates made for the test: what is trusted,
-// that everything else fails like any other request, that nothing of a request gets to a registry
-// that is not trusted, and that the client goes on when the registry is good again.
+// TLS against a real server with authorities and certificates made for the test: which servers are
+// trusted, that each failure is handled like that of any other request, that an untrusted registry
+// receives no part of a request, and that the client continues when the registry is trusted again.
 //
 // Entered by the test's thread and the client's; the registry is a child process. No lock.
 #include "ChildProcess.h"
@@ -24,8 +24,8 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::Values;
 
-/// A registry over TLS as a child process, with its certificates in a folder of its own, and a
-/// fault that can be taken away and brought back.
+/// A registry over TLS as a child process, with its certificates in its own folder, and a fault
+/// that can be removed and restored.
 class TlsRegistry {
   public:
     explicit TlsRegistry(const std::string& fault = "None")
@@ -39,7 +39,8 @@ class TlsRegistry {
 
     void turnGood() { turn(SIGUSR1); }
     void turnBad() { turn(SIGUSR2); }
-    /// All that it has seen, when that holds this request.
+    /// Waits until the registry has received this request. Returns all requests that it has
+    /// received.
     std::string seenWhenThereIs(const std::string& request) {
         return process_.awaitOutput("saw " + request + ".");
     }
@@ -83,7 +84,7 @@ class Tls : public ::testing::Test {
         context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
         context.enableRetry(false);
         context.enableCheck(false);
-        http.connectTimeout = 1500ms;  // of handshakes, too
+        http.connectTimeout = 1500ms;  // also limits handshakes
     }
     void start(const communication::TlsConfig& tls) {
         http.tls = tls;
@@ -92,7 +93,7 @@ class Tls : public ::testing::Test {
         context.getServiceRegistryClient()->addServiceRegisterStatusListener(
             [this](const auto& /*service*/, bool isThere) { notifications.write(isThere); });
     }
-    /// "OK", or the communication status of what failed.
+    /// "OK", or the communication status of a failure.
     static std::string describe(const OrvRegistrationResponse& outcome) {
         return outcome.status == OrvRegistrationResponse::OK
                    ? "OK"
@@ -283,8 +284,8 @@ INSTANTIATE_TEST_SUITE_P(
     Values(Fault{"Expired"}, Fault{"NotYetValid"}, Fault{"OfAnotherName"},
            Fault{"OfAnotherAddress"}, Fault{"OfThisNameInItsSubjectOnly"},
            Fault{"OfAnUnknownAuthority"}, Fault{"SelfSigned"}, Fault{"ForClientsOnly"},
-           // In the newest protocol the client's handshake is over before the
-           // registry looks for its certificate.
+           // With TLS 1.3 the client's handshake is complete before the registry checks the
+           // client's certificate.
            Fault{"WantsACertificate", AnyOf("TLS_FAILED", "SEND_FAILED", "RECEIVE_FAILED")},
            Fault{"WantsACertificateInTheHandshake"}),
     nameOf);

@@ -1,4 +1,4 @@
-// Answers to a registration: what is one, what is none, and what is too much of one.
+// Answers to a registration: valid ones, invalid ones, and ones that are too large.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -18,7 +18,7 @@ std::string withStatusLine(const std::string& statusLine) {
 
 class ARegistry : public ProtocolTest {
   protected:
-    /// Each with this outcome, and a good registration after each.
+    /// Expects this outcome for each answer, and a successful registration after each of them.
     void expectOutcomes(const std::vector<Script>& answers, const std::string& expected) {
         for (std::size_t i = 0; i < answers.size(); ++i) {
             SCOPED_TRACE("answer " + std::to_string(i));
@@ -219,7 +219,7 @@ TEST_F(ARegistry, ThatSendsSomethingUnaskedIsNotTakenAtItsWordForTheNextAnswer) 
         server.release(unasked);
         const auto connections = server.counters().connections;
         const testing::Socket other = testing::connectLoopback(server.port());
-        // By the time the server accepts another connection it has sent what was released.
+        // By the time the server accepts another connection, it has sent all released bytes.
         ASSERT_TRUE(server.waitForConnections(connections + 1));
         expectItWorks();
     }

@@ -1,7 +1,7 @@
-// Callbacks and listeners that do what callbacks and listeners do.
+// Callbacks and listeners that call operations, throw, block or stop the client.
 //
-// Threads: the test's, the client's and the server's; a callback that is in the middle of something
-// is held, and let go, through a recorder.
+// Threads: the test's, the client's and the server's. A recorder holds a callback in the middle of
+// its work, and releases it.
 
 #include "ProtocolTest.h"
 

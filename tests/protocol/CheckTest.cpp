@@ -1,4 +1,4 @@
-// Checks and withdrawals: what the registry answers to them, and when they are sent.
+// Checks and withdrawals: the registry's answers to them, and the times at which they are sent.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -111,7 +111,7 @@ class ACheck : public ProtocolTest {
         context->enableCheck(true);
         context->setCheckInterval(seconds(0));
     }
-    /// Registers "lamp" and has the registry answer like this, then keep silent.
+    /// Registers "lamp". The registry gives these answers to its checks, then none.
     Handle checkWith(const std::vector<Script>& answers) {
         server.nextRequest(created("/uuid"));
         for (const Script& answer : answers) {
@@ -123,7 +123,7 @@ class ACheck : public ProtocolTest {
         EXPECT_TRUE(server.waitForRequests(answers.size() + 2));
         return handle;
     }
-    /// Of which all but the first must be HEADs.
+    /// The number of requests. All except the first must be HEADs.
     std::size_t requestsAllOfThemChecks() const {
         const auto lines = requestLines();
         EXPECT_EQ(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), "HEAD /uuid")),
@@ -228,7 +228,7 @@ TEST_F(ACheck, ThatIsNotAnsweredInTimeIsGivenUpForGood) {
 TEST_F(ACheck, BringsEveryServiceBackToARegistryThatHasForgottenThemAll) {
     constexpr std::size_t kServices = 50;
     context->setCheckInterval(seconds(1));
-    const auto known = std::make_shared<std::set<std::string>>();  // of the server's thread
+    const auto known = std::make_shared<std::set<std::string>>();  // used by the server's thread
     const auto hasForgotten = std::make_shared<std::atomic<bool>>(false);
     server.onRequest([known, hasForgotten](const Request& request) -> Script {
         if (hasForgotten->exchange(false)) {

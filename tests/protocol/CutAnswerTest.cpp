@@ -1,4 +1,4 @@
-// Answers that come in pieces, and answers that end too early: what is not whole is no answer.
+// Answers that arrive in pieces, and answers that end too early: a partial answer is not an answer.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -12,7 +12,7 @@ using ::testing::Contains;
 using ::testing::Each;
 using ::testing::EndsWith;
 
-/// A whole answer, with a body.
+/// A complete answer with a body.
 std::string answerTo(const std::string& location) {
     return response(201, {{"Location", location}}, "{}");
 }
@@ -36,7 +36,7 @@ class AnAnswer : public KindTest {
     static auto isNoAnswer() {
         return AnyOf(refused("CUT_SHORT"), refused("RECEIVE_FAILED"), refused("MALFORMED"));
     }
-    /// `end` ends the connection after the bytes that it is given.
+    /// `end` ends the connection after the bytes that it gets.
     void expectSuccessOnlyWhenWhole(const End& end) {
         const std::string whole = answerTo("/cut");
         start();
@@ -50,7 +50,7 @@ class AnAnswer : public KindTest {
         EXPECT_EQ(server.counters().requests, whole.size() + 2);
         EXPECT_THAT(notifications->take(3), Each(EndsWith(" is there")));
     }
-    /// Each of them leaves the service registered.
+    /// After each partial answer the service is still registered.
     void expectWithdrawalOnlyWhenWhole(const End& end) {
         const std::string whole = response(200, {}, "ok");
         server.nextRequest(last(201, {{"Location", "/lamp"}}));
@@ -68,7 +68,7 @@ class AnAnswer : public KindTest {
         expectNotifications({"lamp is there", "lamp is gone"});
         expectItWorks();
     }
-    /// Each of them is followed by the next check.
+    /// After each partial answer the next check follows.
     void expectLossOnlyWhenWhole(const End& end) {
         const std::string lost = response(404);
         checkAtOnce();

@@ -1,5 +1,5 @@
-// Connections that the registry ends while a request is on its way: after each of its bytes. The
-// last place is after the whole request, before any answer.
+// Connections that the registry ends while it receives a request, after each of the request's
+// bytes. The last one ends after the whole request, before any answer.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -25,7 +25,7 @@ class ARequestOnItsWay : public KindTest, public ::testing::WithParamInterface<D
     static auto isBroken() {
         return AnyOf(refused("CONNECT_FAILED"), refused("SEND_FAILED"), refused("RECEIVE_FAILED"));
     }
-    /// The next connection ends after so many bytes more than `begin` takes.
+    /// The next connection ends this many bytes after the steps of `begin`.
     void endNextAfter(std::size_t bytes, Script begin = {}) {
         begin.readBytes(bytes);
         server.nextConnection((begin.*GetParam().step)());

@@ -1,8 +1,8 @@
-// A getaddrinfo of the test executable's own, in front of the C library's: silent for some names,
-// unknowing for others, and passing on the rest.
+// Replaces the C library's getaddrinfo() in the test program: it does not answer for some names,
+// knows no address for others, and forwards all other calls.
 //
-// Threads: any thread may look up a name, and the threads of other libraries do. The state is under
-// its mutex and never destroyed, for such a thread may outlive main().
+// Threads: any thread may look up a name, including threads of other libraries. The state is
+// guarded by its mutex and is never destroyed, because such a thread may outlive main().
 
 #include "DeadResolver.h"
 
@@ -53,7 +53,7 @@ auto* next() {
     return function;
 }
 
-/// To these addresses, in this order.
+/// Resolves to these addresses, in this order.
 int lookUpFixed(std::string_view name, const std::vector<const char*>& addresses,
                 const addrinfo* hints, addrinfo** result) {
     State& s = state();
@@ -137,7 +137,7 @@ bool DeadResolver::waitForLookups(std::size_t count, std::chrono::milliseconds t
 
 }  // namespace orvx::testing
 
-// Exported, or else other libraries would keep using the C library's.
+// Exported, because other libraries would otherwise use the C library's function.
 extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node,
                                                                   const char* service,
                                                                   const addrinfo* hints,

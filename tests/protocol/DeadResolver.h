@@ -21,22 +21,21 @@ namespace orvx::testing {
 class DeadResolver {
   public:
     explicit DeadResolver(std::chrono::seconds atMost = std::chrono::seconds(30));
-    /// Releases.
+    /// Calls release().
     ~DeadResolver();
     DeadResolver(const DeadResolver&) = delete;
     DeadResolver& operator=(const DeadResolver&) = delete;
 
-    /// Ends the silence for good: the waiting look-ups have failed when it returns, later ones fail
-    /// at once.
+    /// Ends the silence permanently: when it returns, the waiting look-ups have failed, and later
+    /// ones fail immediately.
     void release();
 
-    /// The names with these endings that were looked up since construction, in order, including
-    /// those still waiting.
+    /// The names with these endings that were looked up since construction, in order, including the
+    /// waiting look-ups.
     std::vector<std::string> lookups() const;
-    /// How many look-ups wait for an answer now.
+    /// The number of look-ups that wait for an answer.
     std::size_t waiting() const;
-    /// Waits until there are at least `count` lookups(), and returns false if there are not in
-    /// time.
+    /// Waits until there are at least `count` lookups(). Returns false after the time-out.
     bool waitForLookups(std::size_t count,
                         std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 };

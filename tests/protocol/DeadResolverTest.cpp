@@ -1,4 +1,4 @@
-// The dead resolver, as libcurl meets it.
+// The dead resolver, used by libcurl.
 //
 // Threads: a transfer runs on a thread of its own, and libcurl looks names up on further ones.
 

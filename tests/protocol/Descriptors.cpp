@@ -1,6 +1,6 @@
-// Counts the open file descriptors of this process, and opens all that are left.
+// Counts the open file descriptors of this process, and opens all remaining ones.
 //
-// Threads: the limit is the whole process's; one NoDescriptors at a time. No locks.
+// Threads: the limit belongs to the process, so there is one NoDescriptors at a time. No locks.
 
 #include "Descriptors.h"
 
@@ -36,7 +36,7 @@ std::size_t openDescriptors() {
     while (::readdir(folder.get()) != nullptr) {
         ++count;
     }
-    return count - 3;  // itself, its parent, and the folder just opened
+    return count - 3;  // ".", "..", and the folder's own descriptor
 }
 
 // Lowers the limit first, so that only a few descriptors have to be opened.

@@ -9,10 +9,10 @@
 
 namespace orvx::testing {
 
-/// How many file descriptors this process has open.
+/// The number of file descriptors that this process has open.
 std::size_t openDescriptors();
 
-/// Leaves the process without a free file descriptor as long as it lives.
+/// While an object lives, the process has no free file descriptor.
 class NoDescriptors {
   public:
     NoDescriptors();

@@ -1,4 +1,4 @@
-// Every fault of an answer, and every oddity that is none, for each kind of request.
+// Every fault of an answer, and every unusual but valid answer, for each kind of request.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -16,12 +16,12 @@ using namespace std::string_literals;
 
 enum class Ending { Open, Fin, Reset };
 
-/// An answer as text, see withParts(); the text after "..." is repeated.
+/// An answer as text, see withParts(). The text after "..." is repeated.
 struct Answer {
     std::string name;
     std::string text;
     Ending ending = Ending::Open;
-    std::string why = {};  // it is none, as a communication status
+    std::string why = {};  // the communication status if the answer is invalid
 };
 
 Script scriptOf(const Answer& answer, Kind kind) {
@@ -153,7 +153,7 @@ const std::vector<Answer> kLength{
     withLength("HasALengthAndNone", " 2\r\nContent-Length:"),
 };
 
-// What a check does not see: the answer to a HEAD ends with its headers.
+// Faults that a check does not see, because the answer to a HEAD ends with its headers.
 const std::vector<Answer> kBody{
     {"HasNoBody", "$headContent-Length: 5\r\n\r\n", Ending::Fin, "CUT_SHORT"},
     {"EndsInsideItsBody", "$headContent-Length: 5\r\n\r\nfour", Ending::Fin, "CUT_SHORT"},

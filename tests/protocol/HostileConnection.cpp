@@ -1,7 +1,7 @@
-// One connection of the hostile server: a script as a state machine over a non-blocking socket. A
-// step is tried again at each event until it is done.
+// One connection of the hostile server: carries out a script as a state machine over a non-blocking
+// socket. A step is tried again at each event until it is complete.
 //
-// Threads: the server's own thread only; the script source does its own locking. No locks here.
+// Threads: the server's thread only; the script source has its own lock. No locks here.
 
 #include "HostileConnection.h"
 
@@ -23,7 +23,8 @@ void HostileConnection::run(short revents) {
     if (!hasCause(revents)) {
         return;
     }
-    // A step that reads finds the peer's end after the peer's last bytes, any other step here.
+    // A step that reads sees the peer's end after the peer's last bytes; any other step sees it
+    // here.
     const bool ended = (revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
     Outcome outcome = ended && (events_ & POLLIN) == 0 ? Outcome::PeerGone : Outcome::Done;
     while (outcome == Outcome::Done) {
@@ -81,7 +82,7 @@ HostileConnection::Outcome HostileConnection::perform(step::ReadBytes& step) {
     return Outcome::Done;
 }
 
-// One send at a time, so that an endless one leaves room for the other connections.
+// Sends once in each call, so that an endless step leaves time for the other connections.
 HostileConnection::Outcome HostileConnection::perform(step::Send& step) {
     if (step.left == 0) {
         return Outcome::Done;

@@ -12,11 +12,11 @@
 
 namespace orvx::testing {
 
-/// What a connection needs of its server.
+/// The part of the server that a connection uses.
 class IScriptSource {
   public:
     virtual void record(const Request& request) = 0;
-    /// What to do now that this request has been read.
+    /// The script for this request, which was read.
     virtual Script scriptFor(const Request& request) = 0;
     virtual bool isReleased(const std::string& gate) = 0;
 
@@ -25,23 +25,23 @@ class IScriptSource {
 };
 
 /// Carries out scripts on one accepted connection, without ever blocking: the server polls for
-/// events() until due() and calls run(). For the server's thread only.
+/// events() until due() and calls run(). Used by the server's thread only.
 class HostileConnection {
   public:
     using Clock = std::chrono::steady_clock;
     enum class State { Open, ClosedByPeer, ClosedByServer };
 
-    /// Of a non-blocking socket. `source` must outlive the connection.
+    /// Takes a non-blocking socket. `source` must outlive the connection.
     HostileConnection(Socket socket, std::size_t index, const Script& script,
                       IScriptSource& source);
 
-    /// Goes as far as it can, given what poll() reported.
+    /// Carries out steps until one has to wait. `revents` is the result of poll().
     void run(short revents);
 
     int fd() const { return socket_.fd(); }
-    /// What it waits for, as poll() wants it.
+    /// The events to wait for, as for poll().
     short events() const { return events_; }
-    /// When to call run() even without an event.
+    /// The time at which to call run() even without an event.
     std::optional<Clock::time_point> due() const { return due_; }
     State state() const { return state_; }
 
@@ -74,7 +74,7 @@ class HostileConnection {
     std::deque<Step> steps_;
     std::string input_;
     short events_ = 0;
-    std::optional<Clock::time_point> due_;  // of the current step
+    std::optional<Clock::time_point> due_;  // the time of the current step
     State state_ = State::Open;
 };
 

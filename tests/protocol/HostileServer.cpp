@@ -1,8 +1,8 @@
 // The hostile server: one thread that polls the listener and all connections, and the state that
-// tests look at.
+// tests read.
 //
-// Threads: tests call the public functions from any thread; sockets and connections belong to the
-// server's thread alone, others only wake it through an eventfd. Everything both sides use is under
+// Threads: tests call the public functions from any thread. Sockets and connections belong to the
+// server's thread, which other threads wake through an eventfd. All shared state is guarded by
 // mutex_, which is never held during a call of a handler or a connection.
 
 #include "HostileServer.h"
@@ -144,9 +144,9 @@ bool HostileServer::isReleased(const std::string& gate) {
 void HostileServer::serve() {
     while (takeOrders()) {
         const auto polled = poll();
-        // Closings before the accept: a peer that closes one connection and then opens another
-        // never has two at a time. For the same reason poll() looks at the listener first, and
-        // there is one accept for each poll().
+        // Closed connections are handled before the accept: a peer that closes one connection and
+        // then opens another never has two at a time. For the same reason poll() checks the
+        // listener first, and there is one accept for each poll().
         for (std::size_t i = 0; i < connections_.size(); ++i) {
             connections_[i]->run(polled[i + 2].revents);
         }
@@ -177,8 +177,8 @@ std::vector<pollfd> HostileServer::poll() const {
         polled.push_back({connection->fd(), connection->events(), 0});
     }
     ::poll(polled.data(), polled.size(), pollTimeout());
-    // Before anybody looks at what it announces: a wake-up during that look stays for the next
-    // poll.
+    // Cleared before the state that a wake-up announces is read: a wake-up during the reading stays
+    // pending for the next poll.
     eventfd_t ignored = 0;
     ::eventfd_read(wakeUp_.fd(), &ignored);
     return polled;

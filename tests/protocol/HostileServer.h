@@ -39,53 +39,55 @@ namespace orvx::testing {
 /// waiting for any peer: what is still open is closed.
 class HostileServer final : private IScriptSource {
   public:
-    /// Called on the server's thread, without a lock held; may return a response.
+    /// Called on the server's thread without a lock. May return a response.
     using Handler = std::function<Script(const Request&)>;
 
     struct Counters {
-        std::size_t connections = 0;  ///< Ever accepted.
+        std::size_t connections = 0;  ///< All that were accepted.
         std::size_t open = 0;
-        std::size_t maxOpen = 0;       ///< The most that were open at the same time.
+        std::size_t maxOpen = 0;       ///< The maximum number that were open at the same time.
         std::size_t closedByPeer = 0;  ///< Ended by the peer's FIN or RST, not by a script.
-        std::size_t requests = 0;      ///< Completely read.
+        std::size_t requests = 0;      ///< Requests that were read completely.
     };
     using Condition = std::function<bool(const Counters&)>;
 
     static constexpr std::chrono::milliseconds kPatience{10000};
 
-    /// Listens at `port`, zero for any free one, when it returns. Throws std::system_error.
+    /// When it returns, the server listens at `port`; zero means any free port. Throws
+    /// std::system_error.
     explicit HostileServer(Loopback loopback = Loopback::V4, std::uint16_t port = 0);
     ~HostileServer();
 
     std::uint16_t port() const { return port_; }
-    /// Such as "http://127.0.0.1:40001/entries".
+    /// The URL of a target, for example "http://127.0.0.1:40001/entries".
     std::string url(const std::string& target = "") const;
 
-    /// What the next connection without a script begins with, in the order of the calls.
+    /// The script with which the next connection without a script begins, in the order of the
+    /// calls.
     void nextConnection(Script script) ORVX_EXCLUDES(mutex_);
-    /// What every connection beyond those begins with; nothing by default.
+    /// The script with which every further connection begins; empty by default.
     void everyConnection(Script script) ORVX_EXCLUDES(mutex_);
-    /// The answer to the next request without a script, on whatever connection, in the order of the
+    /// The answer to the next request without a script, on any connection, in the order of the
     /// calls. May be a response.
     void nextRequest(Script script) ORVX_EXCLUDES(mutex_);
-    /// The answer to every request beyond those; response(500) by default.
+    /// The handler of every further request; it answers response(500) by default.
     void onRequest(Handler handler) ORVX_EXCLUDES(mutex_);
 
-    /// Lets every script go on that waits for a release of this name, now or later.
+    /// Continues every script that waits for a release of this name, now or later.
     void release(const std::string& gate) ORVX_EXCLUDES(mutex_);
 
-    /// From its return on connects are refused, while open connections go on. The port stays
+    /// When it returns, connects are refused, and open connections continue. The port stays
     /// reserved.
     void stopListening() ORVX_EXCLUDES(mutex_) { setListening(false); }
-    /// From its return on connects at the same port succeed again.
+    /// When it returns, connects at the same port succeed again.
     void listenAgain() ORVX_EXCLUDES(mutex_) { setListening(true); }
 
-    /// Each waits until there are at least `count`, and returns false if there are not in time.
+    /// These wait until there are at least `count`. They return false after the time-out.
     bool waitForConnections(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
     bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
     /// Counts the connections that the peer closed.
     bool waitForClosed(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
-    /// The condition is evaluated with a lock held: it must not call the server.
+    /// The condition is evaluated under a lock: it must not call the server.
     bool waitFor(const Condition& condition, std::chrono::milliseconds timeout = kPatience) const
         ORVX_EXCLUDES(mutex_);
 
@@ -114,7 +116,7 @@ class HostileServer final : private IScriptSource {
     const std::uint16_t port_;
     const Socket wakeUp_;
 
-    // Of the server's thread alone.
+    // Used by the server's thread only.
     Socket listener_;
     std::vector<std::unique_ptr<HostileConnection>> connections_;
 

@@ -1,7 +1,7 @@
-// Each behaviour of the hostile server once, seen from a plain socket.
+// Each behaviour of the hostile server, observed with a plain socket.
 //
-// Threads: the test's and the server's own. That something does not happen is seen after a round
-// trip on a later connection: by then the server has handled all that was sent before it.
+// Threads: the test's and the server's. To show that an event does not happen, a test makes a round
+// trip on a later connection: by then the server has handled everything that was sent before.
 
 #include "HostileServer.h"
 
@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kPatienceMilliseconds = 10000;
 const std::string kGet = "GET / HTTP/1.1\r\n\r\n";
 
-/// A peer of the server. All reads give up after ten seconds.
+/// A peer of the server. Each read ends after ten seconds.
 class Peer {
   public:
     explicit Peer(const HostileServer& server, Loopback loopback = Loopback::V4)
@@ -41,7 +41,7 @@ class Peer {
         EXPECT_EQ(sent, static_cast<ssize_t>(bytes.size()));
     }
 
-    /// So many bytes, or fewer if the connection ends before.
+    /// Reads this many bytes, or fewer if the connection ends before.
     std::string read(std::size_t size) {
         std::string bytes;
         while (bytes.size() < size && waitForEvents(socket_, POLLIN, kPatienceMilliseconds)) {
@@ -61,7 +61,8 @@ class Peer {
         return read(answerSize);
     }
 
-    /// How the connection ends, past all bytes that are left: 0 with a FIN, otherwise an errno.
+    /// Reads all remaining bytes. Returns how the connection ends: 0 with a FIN, otherwise an
+    /// errno.
     int ending() {
         while (waitForEvents(socket_, POLLIN, kPatienceMilliseconds)) {
             std::array<char, 65536> buffer;
@@ -81,7 +82,7 @@ class Peer {
     Socket socket_;
 };
 
-/// A round trip on a connection of its own. The server must have no connection scripts left.
+/// Makes a round trip on a new connection. The server must have no connection scripts left.
 void settle(HostileServer& server) {
     server.nextRequest("settled");
     EXPECT_EQ(Peer(server).exchange(kGet, 7), "settled");
@@ -250,7 +251,7 @@ TEST(TheHostileServer, StallsAPeerThatHasMuchToSend) {
     HostileServer server;
     server.nextConnection(Script().stall());
     const Peer peer(server);
-    // More than the kernel takes on behalf of a server that does not read.
+    // More than the kernel buffers for a server that does not read.
     const std::string much(64 << 20, 'x');
     std::size_t taken = 0;
     while (taken < much.size() && waitForEvents(peer.socket(), POLLOUT, 100)) {

@@ -1,4 +1,4 @@
-// Just enough HTTP to build a response and to take a request apart.
+// The part of HTTP that is needed to build a response and to parse a request.
 //
 // Threads: pure functions, no shared state. No locks.
 
@@ -31,7 +31,8 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-/// Cuts the text up to the separator, or all of it, off the front.
+/// Removes the text up to the separator from the front, or the whole text if there is no separator.
+/// Returns the removed text.
 std::string cut(std::string_view& text, std::string_view separator) {
     const auto end = std::min(text.find(separator), text.size());
     const std::string piece(text.substr(0, end));

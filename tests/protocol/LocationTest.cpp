@@ -1,4 +1,4 @@
-// What the client makes of the location of an entry.
+// The client's interpretation of an entry's location.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -12,7 +12,7 @@ using testing::warning;
 
 class ALocation : public ProtocolTest {
   protected:
-    /// Registers with this answer, and withdraws: the target of the DELETE.
+    /// Registers a service with this answer, and withdraws it. Returns the target of the DELETE.
     std::string deletedAfter(const std::string& answer) {
         server.nextRequest(answer);
         const Handle handle = registered("lamp");

@@ -1,4 +1,4 @@
-// Sockets on the loopback, and ports that misbehave before a connection exists.
+// Sockets on the loopback, and ports that fail before a connection exists.
 //
 // Threads: no shared state; an object belongs to the thread that uses it. No locks.
 
@@ -88,7 +88,7 @@ std::uint16_t portOf(const Socket& socket) {
     Address address{};
     socklen_t size = sizeof address;
     check(::getsockname(socket.fd(), &address.any, &size), "getsockname");
-    // Both families keep the port at the same place.
+    // Both address families store the port at the same offset.
     return ntohs(address.v4.sin_port);
 }
 
@@ -106,8 +106,8 @@ bool hasIpv6Loopback() {
     }
 }
 
-// With a backlog of zero the kernel queues one connection. It is queued only when the last ACK of
-// its handshake has arrived, which is not when connect() returns but when the listener is readable.
+// With a backlog of zero the kernel queues one connection. The connection is queued when the last
+// ACK of its handshake has arrived, not when connect() returns: then the listener is readable.
 BlackHole::BlackHole(Loopback loopback, std::uint16_t port)
     : listener_(bindLoopback(loopback, port)), port_(portOf(listener_)) {
     listenOn(listener_, 0);

@@ -8,7 +8,7 @@
 
 namespace orvx::testing {
 
-/// Which loopback address: 127.0.0.1, 127.0.0.2, 127.0.0.3, or ::1.
+/// A loopback address: 127.0.0.1, 127.0.0.2, 127.0.0.3, or ::1.
 enum class Loopback { V4, SecondV4, ThirdV4, V6 };
 
 /// The address as the host of a URL.
@@ -33,28 +33,29 @@ class Socket {
     int fd_ = -1;
 };
 
-/// A non-blocking TCP socket bound to `port`, zero for any free one; it does not listen. Several
-/// may share a port as long as none of them listens yet. Throws std::system_error.
+/// A non-blocking TCP socket bound to `port`, which does not listen; zero means any free port.
+/// Several sockets may share a port as long as none of them listens. Throws std::system_error.
 Socket bindLoopback(Loopback loopback = Loopback::V4, std::uint16_t port = 0);
 
 /// Makes a bound socket listen. Throws std::system_error.
 void listenOn(const Socket& socket, int backlog);
 
-/// A non-blocking TCP socket whose connect to `port` has begun, not necessarily ended; a refusal
-/// shows later as its SO_ERROR. Throws std::system_error.
+/// A non-blocking TCP socket with a started connect to `port`. A refusal shows later as the
+/// socket's SO_ERROR. Throws std::system_error.
 Socket connectLoopback(std::uint16_t port, Loopback loopback = Loopback::V4);
 
-/// The port a socket is bound to.
+/// The port to which a socket is bound.
 std::uint16_t portOf(const Socket& socket);
 
-/// Waits until the socket shows one of poll()'s `events` or has failed; false after the timeout.
+/// Waits until the socket has one of poll()'s `events` or has failed. Returns false after the
+/// time-out.
 bool waitForEvents(const Socket& socket, short events, int timeoutMilliseconds);
 
-/// Whether this machine has ::1 at all.
+/// Whether this machine has the address ::1.
 bool hasIpv6Loopback();
 
-/// Servers at the same port of several addresses. A port that the kernel gives at one address may
-/// be in use at another one: then all of them are made anew. Throws std::system_error.
+/// Servers at the same port of several addresses. A port that the kernel assigns at one address may
+/// be in use at another one: then all servers are made again. Throws std::system_error.
 template <typename Servers>
 std::unique_ptr<Servers> atAFreePort() {
     for (int tries = 1;; ++tries) {
@@ -68,7 +69,7 @@ std::unique_ptr<Servers> atAFreePort() {
     }
 }
 
-/// A port where every connect is refused, and that nobody else gets as long as the object lives.
+/// A port at which every connect is refused, and that no other process gets while the object lives.
 class RefusedPort {
   public:
     /// Throws std::system_error.
@@ -81,11 +82,11 @@ class RefusedPort {
     std::uint16_t port_;
 };
 
-/// A port where a connect is neither accepted nor refused: no answer comes at all. It listens, and
-/// its queue of connections nobody accepts is full, so that the kernel drops every further SYN.
+/// A port that neither accepts nor refuses a connect, so that no answer comes. The socket listens
+/// with a full queue, and the kernel drops each further SYN.
 class BlackHole {
   public:
-    /// Throws std::system_error, std::runtime_error if the queue does not fill.
+    /// Throws std::system_error, and std::runtime_error if the queue does not fill.
     explicit BlackHole(Loopback loopback = Loopback::V4, std::uint16_t port = 0);
 
     std::uint16_t port() const { return port_; }

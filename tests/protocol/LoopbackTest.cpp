@@ -1,4 +1,4 @@
-// Ports that refuse, and ports that do not answer.
+// Ports that refuse connects, and ports that do not answer.
 //
 // Threads: the test's only.
 

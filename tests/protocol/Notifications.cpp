@@ -1,5 +1,5 @@
-// Receives what a program tells its service manager.
-// Entered by the test's thread. No lock.
+// Receives the notifications of a program to its service manager. Entered by the test's thread. No
+// lock.
 #include "Notifications.h"
 
 #include <poll.h>

@@ -12,14 +12,14 @@ namespace orvx::testing {
 /// Thread-safety: none.
 class Notifications {
   public:
-    /// `name`: a file to be created, or an abstract name after "@". Throws std::runtime_error.
+    /// `name` is a file to be created, or an abstract name after "@". Throws std::runtime_error.
     explicit Notifications(const std::string& name);
 
-    /// The next datagram; empty when none arrives in that time.
+    /// The next datagram; absent if none arrives within the time.
     std::optional<std::string> within(std::chrono::milliseconds patience) const;
-    /// Throws std::runtime_error when nothing arrives for ten seconds.
+    /// The next datagram. Throws std::runtime_error if none arrives within ten seconds.
     std::string next() const;
-    /// Returns after a datagram with this text.
+    /// Reads datagrams until one has this text.
     void await(const std::string& wanted) const;
 
   private:

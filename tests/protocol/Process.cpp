@@ -1,4 +1,4 @@
-// What the system shows of this process.
+// Reads information about this process from the system.
 //
 // Threads: any. No locks.
 
@@ -12,7 +12,7 @@
 
 namespace orvx::testing {
 
-// A thread may end while its name is being read: it is left out then.
+// A thread may end while its name is read; it is left out then.
 std::vector<std::string> threadNames() {
     std::vector<std::string> names;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -42,7 +42,7 @@ std::uint64_t sleepsOf(const std::string& threadName) {
     return sleeps;
 }
 
-// Each line holds the remote address and then the state, which is 2 for a SYN that was sent.
+// Each line contains the remote address and then the state: 2 for a SYN that was sent.
 bool isConnecting(std::uint16_t port) {
     char wanted[32];
     std::snprintf(wanted, sizeof wanted, " 0100007F:%04X 02 ", static_cast<unsigned>(port));

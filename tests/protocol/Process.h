@@ -6,13 +6,13 @@
 
 namespace orvx::testing {
 
-/// The names of this process's threads, in order.
+/// The names of this process's threads, sorted.
 std::vector<std::string> threadNames();
 
-/// How often the threads of that name have gone to sleep.
+/// The number of times that the threads with this name have gone to sleep.
 std::uint64_t sleepsOf(const std::string& threadName);
 
-/// Whether a connect to the port of 127.0.0.1 has begun and is not answered.
+/// Whether a connect to this port of 127.0.0.1 was started and is not answered.
 bool isConnecting(std::uint16_t port);
 
 }  // namespace orvx::testing

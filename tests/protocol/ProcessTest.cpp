@@ -1,5 +1,4 @@
-// What the client takes from the process that it runs in, and what it leaves there: threads,
-// descriptors, the environment, the terminal.
+// The effects of the client on its process: threads, descriptors, the environment, the terminal.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -24,7 +23,7 @@ using testing::RefusedPort;
 using testing::threadNames;
 using testing::warning;
 
-/// Sets a variable of the environment as long as it lives.
+/// Sets an environment variable while the object lives.
 class Variable {
   public:
     Variable(std::string name, const std::string& value) : name_(std::move(name)) {
@@ -40,7 +39,7 @@ class Variable {
 
 class TheProcess : public ProtocolTest {
   protected:
-    /// Beyond those that were there before.
+    /// The threads that were not there before.
     std::vector<std::string> newThreads() const {
         const auto now = threadNames();
         std::vector<std::string> added;
@@ -126,11 +125,11 @@ TEST_F(TheProcess, SeesNoSecretsInItsLog) {
     }
 }
 
-/// What would clear a terminal, change its title, and forge a line.
+/// Clears a terminal, changes its title, and forges a line, unless it is escaped.
 const std::string kHostile =
     "\x1b[2J\x1b]0;title\x07\r\n2026-01-31 12:00:00.123 ERROR forged\x9b"
     "31m\xC2\x9B\b\x7F\t\xFF\\";
-/// As much of it as a header may hold.
+/// The part of it that a header may contain.
 const std::string kHostileLocation = "\x9b[2J\xC2\x9B forged\xFF\\";
 
 TEST_F(TheProcess, GivesItsLoggerTheRegistrysTextsExactly) {

@@ -1,7 +1,6 @@
 // The fixture of the tests over real sockets.
 //
-// Threads: the test's; the callbacks it makes run on the client's callback thread and touch nothing
-// but a recorder.
+// Threads: the test's. Its callbacks run on the client's callback thread and use only a recorder.
 
 #include "ProtocolTest.h"
 
@@ -62,7 +61,7 @@ ProtocolTest::ProtocolTest() {
     context->setLoggerFactory(log);
     context->enableRetry(false);
     context->enableCheck(false);
-    // The time-out of one check ends another one that follows without an interval.
+    // Without an interval the time-out of one check would end a later check.
     context->setHeadTimeout(std::chrono::minutes(10));
     server.onRequest(obey);
 }

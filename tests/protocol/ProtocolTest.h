@@ -33,12 +33,12 @@ using testing::Request;
 using testing::response;
 using testing::Script;
 
-/// An outcome as one text: "OK/NONE 201", "ERROR/SERVICE_REGISTRY_ERROR CUT_SHORT", with the status
-/// code where there was an answer and the communication status where there was none.
+/// An outcome as text, for example "OK/NONE 201" or "ERROR/SERVICE_REGISTRY_ERROR CUT_SHORT": with
+/// the status code if there was an answer, otherwise with the communication status.
 std::string describe(const OrvRegistrationResponse& outcome);
 
-/// What describe() makes of a success, and of a refusal: `why` is a status code or a communication
-/// status.
+/// The text of describe() for a success, and for a refusal: `why` is a status code or a
+/// communication status.
 const std::string kRegistered = "OK/NONE 201";
 const std::string kWithdrawn = "OK/NONE 200";
 std::string refused(const std::string& why);
@@ -46,28 +46,27 @@ std::string refused(const std::string& why);
 /// The answer to a registration: 201 and this location.
 std::string created(const std::string& location);
 
-/// A registry that does what is asked: "/uuid-<last segment>" is the location of what is put.
+/// A registry that carries out each request. The location of a PUT is "/uuid-<last segment>".
 Script obey(const Request& request);
 
-/// A client and a registry of which the test decides what it answers; it obeys where nothing else
-/// is said. Without retries and checks until a test switches them on. Options are set on `context`
-/// and `http` before start().
+/// A client, and a registry whose answers the test decides; without a script the registry carries
+/// out requests. Retries and checks are off unless a test enables them. Options are set on
+/// `context` and `http` before start().
 ///
-/// At the end each test proves that deinit() is quick, that no connection is left, and that there
-/// was no outcome beyond those that it took.
+/// At the end each test verifies that deinit() is quick, that no connection is left, and that there
+/// was no other outcome than those that the test took.
 class ProtocolTest : public ::testing::Test {
   protected:
     using Handle = IOrvServiceRegistryClient::UnregisterHandle;
     using Service = std::shared_ptr<common::ServiceCreate>;
 
-    /// deinit() promises a second in addition to the callback that is running. Sanitizers take
-    /// their time.
+    /// deinit() may take a second in addition to the running callback. Sanitizers take longer.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     static constexpr milliseconds kStopBound{5000};
 #else
     static constexpr milliseconds kStopBound{1500};
 #endif
-    /// A time-out that a test waits for, and that a good registration still keeps.
+    /// A time-out that a test waits for, and that is long enough for a successful registration.
     static constexpr milliseconds kShort{1500};
 
     ProtocolTest();
@@ -75,9 +74,9 @@ class ProtocolTest : public ::testing::Test {
 
     void start();
     OrvServiceRegistryClient& client();
-    /// Ends the client with the context, within the bound.
+    /// Ends the client with the context, within the time limit.
     void stop();
-    /// Stops the client, within the bound, and starts it again.
+    /// Stops the client within the time limit, and starts it again.
     void restart();
 
     common::ServiceInfo registry() const {
@@ -89,43 +88,44 @@ class ProtocolTest : public ::testing::Test {
     }
     static Service service(const std::string& name, const std::string& uri = "");
 
-    /// Adds what it is told to `outcomes`, after the label.
+    /// A callback that adds the label and its outcome to `outcomes`.
     IOrvServiceRegistryClient::ResponseCallback record(const std::string& label = "");
     Handle registerService(const std::string& name, const std::string& label = "") {
         return client().registerServiceAtRegistry(registry(), service(name), record(label));
     }
-    /// Registers a service of another name each time, and waits for the outcome.
+    /// Registers a service with a new name, and waits for the outcome.
     std::string outcomeAt(const common::ServiceInfo& where);
     std::string outcome() {
         return outcomeAt(registry());
     }
-    /// The outcome when this is the registry's next answer.
+    /// The outcome of a registration that gets this answer.
     std::string outcomeOf(Script answer);
-    /// Registers, which must succeed.
+    /// Registers a service, which must succeed.
     Handle registered(const std::string& name);
     std::string outcomeOfWithdrawal(const Handle& handle);
-    /// That a client with a past registers another service as if there had been nothing.
+    /// Expects that the client registers another service successfully after everything that has
+    /// happened.
     void expectItWorks() {
         EXPECT_EQ(outcome(), kRegistered);
     }
 
-    /// That the listener was told this and, so far, nothing else.
+    /// Expects these notifications of the listener, and no others so far.
     void expectNotifications(const Recorder::Lines& expected);
 
-    /// "PUT /lamp" and so on.
+    /// The request lines, for example "PUT /lamp".
     std::vector<std::string> requestLines() const;
     /// Waits for a request with this line.
     void expectRequest(const std::string& line) const;
-    /// All lines of the log so far.
+    /// All log lines so far.
     const std::vector<testing::LogLine>& logged();
-    /// Waits for a line of the log that contains this text.
+    /// Waits for a log line that contains this text.
     void expectLogged(const std::string& text);
 
     HostileServer server;
     HttpConfig http;
     const std::shared_ptr<testing::RecordingLoggerFactory> log =
         std::make_shared<testing::RecordingLoggerFactory>();
-    // Shared with the callbacks, which must not need the test.
+    // Shared with the callbacks, which may outlive the test.
     const std::shared_ptr<Recorder> outcomes = std::make_shared<Recorder>();
     const std::shared_ptr<Recorder> notifications = std::make_shared<Recorder>();
     std::unique_ptr<OrvServiceRegistryContext> context =

@@ -1,6 +1,6 @@
-// Lines that are waited for.
+// Lines for which a test waits.
 //
-// Threads: any. The lines are under mutex_, which is a leaf lock.
+// Threads: any. mutex_ guards the lines and is a leaf lock.
 
 #include "Recorder.h"
 

@@ -9,19 +9,19 @@
 
 namespace orvx::testing {
 
-/// Lines that any thread adds and a test waits for. Thread-safe.
+/// Lines that any thread adds, and for which a test waits. Thread-safe.
 class Recorder {
   public:
     using Lines = std::vector<std::string>;
 
     void add(std::string line) ORVX_EXCLUDES(mutex_);
 
-    /// Takes out the next `count` lines, in their order. What is not there within ten seconds fails
-    /// the test, and is absent.
+    /// Takes the next `count` lines, in order. A line that does not come within ten seconds fails
+    /// the test and is absent.
     Lines take(std::size_t count) ORVX_EXCLUDES(mutex_);
-    /// As take(), one; an empty text when none comes.
+    /// As take(1). Returns an empty text if no line comes.
     std::string next() ORVX_EXCLUDES(mutex_);
-    /// Takes out what is there.
+    /// Takes all lines that have come.
     Lines rest() ORVX_EXCLUDES(mutex_);
 
   private:

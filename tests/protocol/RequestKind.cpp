@@ -1,5 +1,5 @@
-// The four roads of an answer through the client: a registration, its retry, a check with the
-// registration that follows a loss, a withdrawal.
+// The four paths of an answer through the client: a registration, its retry, a check with the
+// registration after a loss, and a withdrawal.
 //
 // Threads: the test's; scripts are carried out by the server's.
 

@@ -8,11 +8,11 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What a client asks a registry for, and when.
+/// A request of the client, by method and situation.
 enum class Kind {
     Put,            ///< The first PUT of a service, which is not retried.
-    PutWithARetry,  ///< The same when one retry is allowed.
-    PutAfterALoss,  ///< The PUT that brings back what the registry has forgotten.
+    PutWithARetry,  ///< The same with one retry allowed.
+    PutAfterALoss,  ///< The PUT that registers a lost service again.
     Head,
     Delete,
 };
@@ -22,30 +22,31 @@ inline void PrintTo(Kind kind, std::ostream* stream) {
     *stream << nameOf(kind);
 }
 
-/// The answer that decides, in its parts: success, but for a check that of a loss.
+/// The parts of the answer that decides: a success, and for a check a loss.
 struct Decisive {
     explicit Decisive(Kind kind);
     std::string head() const { return "HTTP/1.1 " + status + "\r\n" + fields; }
 
-    std::string status;  ///< Such as "201 Created".
+    std::string status;  ///< For example "201 Created".
     std::string fields;  ///< Header lines.
 };
 
-/// Puts the parts of the decisive answer in the place of "$status", its "$code", "$fields" and
-/// "$head".
+/// Replaces "$status", its "$code", "$fields" and "$head" in the text by the parts of the deciding
+/// answer.
 std::string withParts(std::string text, const Decisive& parts);
 
-/// Has one request of a kind answered in a certain way, over a connection of its own, and looks at
-/// what the client makes of it. One call for each test.
+/// Gives an answer to one request of a kind, over a new connection, and verifies the client's
+/// reaction. One call for each test.
 class KindTest : public ProtocolTest {
   protected:
-    /// That this answer is one failure through the ordinary path of its kind, with this
-    /// communication status where that is told, and that the client then takes a good answer.
+    /// Expects that this answer is one failure that is handled in the normal way for its kind, with
+    /// this communication status if it is reported, and that the client then accepts a valid
+    /// answer.
     void expectFailure(Kind kind, const Script& answer, const std::string& why);
-    /// That this answer counts as what it says, and that the client goes on after it.
+    /// Expects that this answer has its normal effect, and that the client continues after it.
     void expectSuccess(Kind kind, const Script& answer);
 
-    /// Makes the client send a check whenever the one before has been answered.
+    /// Makes the client send a check as soon as the previous one is answered.
     void checkAtOnce();
     void answer(const std::vector<Script>& answers);
     /// An answer after which the connection is closed.

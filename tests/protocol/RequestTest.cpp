@@ -1,4 +1,4 @@
-// The requests byte by byte, whatever the descriptions hold.
+// The requests byte by byte, for any description.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -15,7 +15,7 @@ using ::testing::Each;
 using ::testing::UnorderedElementsAre;
 using namespace std::string_literals;
 
-/// That the request is nothing but its parts: nothing before, between or after them.
+/// The request consists of its parts only: there is nothing before, between or after them.
 void expectWellFormed(const Request& request) {
     std::string bytes = request.method + ' ' + request.target + " HTTP/1.1\r\n";
     for (const std::string& line : request.headerLines) {
@@ -29,7 +29,7 @@ void expectWellFormed(const Request& request) {
 
 class ARequest : public ProtocolTest {
   protected:
-    /// The PUT of a service that the registry takes.
+    /// The PUT of a service, which the registry accepts.
     Request put(const Service& service) {
         client().registerServiceAtRegistry(registry(), service, record());
         EXPECT_EQ(outcomes->next(), kRegistered);

@@ -1,4 +1,4 @@
-// Builds scripts out of steps; HostileConnection carries them out.
+// Builds scripts from steps. HostileConnection carries them out.
 //
 // Threads: a plain value, no shared state. No locks.
 
@@ -33,7 +33,7 @@ Script& Script::drip(std::string bytes, std::chrono::milliseconds interval) {
 
 Script& Script::sendEndlessly(std::string bytes, std::size_t cap,
                               std::chrono::milliseconds interval) {
-    // Few bytes at a time would keep the server busier than the peer.
+    // Fewer bytes at a time would cost the server more than the peer.
     constexpr std::size_t kWorthwhile = 16384;
     const std::string round = bytes;
     while (interval.count() == 0 && !round.empty() && bytes.size() < kWorthwhile) {

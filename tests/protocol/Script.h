@@ -10,7 +10,7 @@
 
 namespace orvx::testing {
 
-/// What a Script consists of; tests build them with Script.
+/// The steps of a Script. Tests build them with Script.
 namespace step {
 struct ReadRequest {};
 struct ReadBytes {
@@ -18,7 +18,7 @@ struct ReadBytes {
 };
 struct Send {
     std::string bytes;
-    std::size_t left;  // to be sent, going round `bytes` if it is more than they are
+    std::size_t left;  // bytes that are left to be sent; `bytes` is repeated as needed
     std::size_t piece;
     std::chrono::milliseconds interval;
     std::size_t position = 0;
@@ -40,50 +40,51 @@ using Step =
     std::variant<step::ReadRequest, step::ReadBytes, step::Send, step::Pause, step::WaitForRelease,
                  step::Silence, step::Stall, step::ShutdownWrite, step::Close, step::Reset>;
 
-/// What the server does on a connection, step by step:
+/// The actions of the server on a connection, step by step:
 ///
 ///     Script().send("HTTP/1.1 201").pause(50ms).reset()
 ///
-/// At the end of a script the connection stays open and the server goes on with the next request on
-/// it. Whatever the step, a script ends when the peer is gone; a peer that has shut down its
-/// writing side counts as gone once the server has read what it sent. A plain value.
+/// After a script the connection stays open, and the server continues with the next request. A
+/// script ends when the peer is gone. A peer that has shut down its writing side counts as gone
+/// when the server has read all its bytes. A plain value.
 class Script {
   public:
     static constexpr std::size_t kUncapped = std::numeric_limits<std::size_t>::max();
 
     Script() = default;
-    /// Sends these bytes: a response stands for the script that gives it.
+    /// Sends these bytes, so that a response can be used as a script.
     Script(std::string bytes) { send(std::move(bytes)); }
     Script(const char* bytes) : Script(std::string(bytes)) {}
 
-    /// Reads a whole request and records it. A script for a request does not need it: there the
-    /// request has been read already.
+    /// Reads a whole request and records it. The script of a request does not need this step: the
+    /// request was read already.
     Script& readRequest();
-    /// Reads exactly so many bytes, and records no request.
+    /// Reads exactly this many bytes, and records no request.
     Script& readBytes(std::size_t count);
     Script& send(std::string bytes);
-    /// Sends the bytes one at a time, each in a segment of its own.
+    /// Sends the bytes one at a time, each in its own segment.
     Script& drip(std::string bytes, std::chrono::milliseconds interval);
-    /// Sends the bytes over and over until the peer goes away or `cap` bytes in all are sent. With
-    /// an interval it is one round of them at a time, without as fast as the peer takes them.
+    /// Sends the bytes repeatedly until the peer is gone or `cap` bytes were sent. With an interval
+    /// it sends them once in each interval, without one as fast as the peer reads.
     Script& sendEndlessly(std::string bytes, std::size_t cap = kUncapped,
                           std::chrono::milliseconds interval = std::chrono::milliseconds::zero());
     Script& pause(std::chrono::milliseconds duration);
-    /// Goes on when the test calls HostileServer::release() with this name, or if it already has.
+    /// Continues when the test calls HostileServer::release() with this name, or has called it
+    /// before.
     Script& waitForRelease(std::string gate);
-    /// Says nothing and reads on until the peer closes. Nothing can follow.
+    /// Sends nothing and reads until the peer closes. Must be the last step.
     Script& silence();
-    /// Says nothing and reads nothing, so that a peer with much to send is stuck. Nothing can
-    /// follow.
+    /// Sends and reads nothing, so that a peer with much to send is blocked. Must be the last step.
     Script& stall();
-    /// Sends the FIN and goes on, so that it can still read.
+    /// Sends the FIN and continues, so that it can still read.
     Script& shutdownWrite();
-    /// Closes with a FIN, after reading what has arrived (unread bytes would make it a RST).
+    /// Closes with a FIN, after reading all bytes that have arrived. Unread bytes would cause a
+    /// RST.
     Script& close();
     /// Closes with a RST.
     Script& reset();
 
-    /// In the order of execution.
+    /// The steps in the order of execution.
     const std::deque<Step>& steps() const { return steps_; }
 
   private:

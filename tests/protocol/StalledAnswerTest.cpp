@@ -1,6 +1,6 @@
-// Answers that stop coming in while the connection stays open: the total time-out ends the request,
-// wherever that is. All places at once, each with a service and a connection of its own, since each
-// costs a whole time-out.
+// Answers that stop at any byte while the connection stays open: the request time-out ends the
+// request. All bytes are tested at the same time, each with its own service and connection, because
+// each test takes the whole time-out.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -21,7 +21,7 @@ Script found(const Request& request) {
     return request.method == "PUT" ? created(request.target) : response(200);
 }
 
-/// As many bytes of the answer as the request's target says, and nothing more.
+/// As many bytes of the answer as the request's target names.
 Script begun(const std::string& answer, const Request& request) {
     return Script(answer.substr(0, std::stoul(request.target.substr(1)))).silence();
 }
@@ -33,7 +33,8 @@ class AStalledAnswer : public KindTest {
         http.connectionsPerEndpoint = 500;
         server.onRequest(found);
     }
-    /// Registers one service for each place in the answer, whose number is its name and its uuid.
+    /// Registers one service for each byte of the answer. The number of the byte is the service's
+    /// name and uuid.
     std::vector<Handle> registerOneForEachByteOf(const std::string& answer) {
         std::vector<Handle> handles;
         for (std::size_t size = 0; size < answer.size(); ++size) {
@@ -75,7 +76,7 @@ TEST_F(AStalledAnswer, ToAWithdrawalEndsWithTheTotalTimeout) {
 
 TEST_F(AStalledAnswer, ToACheckIsFollowedByTheNextCheck) {
     const std::string lost = response(404);
-    const auto checks = std::make_shared<std::map<std::string, int>>();  // of the server's thread
+    const auto checks = std::make_shared<std::map<std::string, int>>();  // the server's thread
     server.onRequest([lost, checks](const Request& request) {
         const int check = request.method == "HEAD" ? ++(*checks)[request.target] : 0;
         return check == 0   ? found(request)

@@ -1,5 +1,5 @@
-// Stopping in every phase of a request: quick, without a callback afterwards, with the
-// registrations as they were, and to be started again. The fixture measures every stop.
+// Stops in every phase of a request: they are quick, no callback runs afterwards, the registrations
+// are unchanged, and the client can be started again. The fixture measures every stop.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -30,7 +30,8 @@ class AStop : public ProtocolTest {
         }
         return states;
     }
-    /// Stops, starts again, and registers another service; nothing else may have happened.
+    /// Stops the client, starts it again, and registers another service. Nothing else may have
+    /// happened.
     void expectStopAndStart(const std::vector<State>& expected) {
         EXPECT_EQ(states(), expected);
         restart();
@@ -231,7 +232,7 @@ TEST_F(AStop, WaitsForTheRunningCallback) {
     });
     ASSERT_EQ(outcomes->next(), "runs");
     auto stopped = std::async(std::launch::async, [this] { context->deinit(); });
-    // The connections are closed first: from then on only the callback is waited for.
+    // The connections are closed first; after that the stop waits for the callback only.
     EXPECT_TRUE(server.waitFor([](const auto& now) { return now.open == 0; }));
     EXPECT_EQ(stopped.wait_for(seconds(0)), std::future_status::timeout);
     goOn.add("");
@@ -245,7 +246,7 @@ TEST_F(AStop, DropsQueuedCallbacks) {
     start();
     client().registerServiceAtRegistry(registry(), service("lamp"), [this](const auto&) {
         registerService("behind");
-        // Its check begins when its callback waits already.
+        // The check begins when the callback is waiting.
         expectRequest("HEAD /uuid-behind");
         stop();
         outcomes->add("stopped");

@@ -1,7 +1,8 @@
-// Intervals and time-outs at the ends of what they can be: no loop without a pace, no overflow.
+// Intervals and time-outs at the limits of their ranges: each loop is paced, and nothing overflows.
 //
-// Threads: the test's, the client's and the server's. That no request is sent before the one before
-// it is answered shows in the connections: two at a time would need two.
+// Threads: the test's, the client's and the server's. The number of connections shows that each
+// request is sent after the previous one is answered: two requests at a time would need two
+// connections.
 
 #include "ProtocolTest.h"
 
@@ -12,7 +13,7 @@ using Clock = std::chrono::steady_clock;
 
 class TheTime : public ProtocolTest {
   protected:
-    /// Until so many requests were made, each after the answer to the one before.
+    /// Waits until this many requests were made, each after the answer to the previous one.
     void expectOneAtATime(std::size_t requests) {
         ASSERT_TRUE(server.waitForRequests(requests));
         EXPECT_EQ(server.counters().maxOpen, 1U);

@@ -1,4 +1,4 @@
-// Connections that are refused, break, hang or are too many.
+// Connections that are refused, break, do not answer, or are too many.
 //
 // Threads: the test's, the client's and the server's.
 
@@ -29,7 +29,7 @@ class AConnection : public ProtocolTest {
         big->setDescription(std::string(mebibytes << 20, 'x'));
         return big;
     }
-    /// Leaves so many connections open that were used.
+    /// Leaves this many used connections open.
     void keepConnections(std::size_t count) {
         for (std::size_t i = 0; i < count; ++i) {
             server.nextRequest(Script().waitForRelease("all").send(created("/kept")));
@@ -109,14 +109,14 @@ TEST_F(AConnection, ThatTakesNoMoreOfALongRequestEndsWithTheTotalTimeout) {
     client().registerServiceAtRegistry(registry(), big(6), record());
     EXPECT_EQ(outcomes->next(), refused("TIMED_OUT"));
     expectItWorks();
-    server.release("end");  // what the kernel has to deliver stands before the connection's end
+    server.release("end");  // the kernel delivers these bytes before the end of the connection
 }
 
 TEST_F(AConnection, ThatBreaksWhileTheRequestIsBeingSentIsAFailure) {
     start();
     for (const Script& ending :
          {Script().readBytes(1000).close(), Script().readBytes(1000).reset()}) {
-        restart();  // so that there is no kept connection, which would be given a second chance
+        restart();  // so that there is no kept connection, on which a request would be repeated
         server.nextConnection(ending);
         client().registerServiceAtRegistry(registry(), big(2), record());
         EXPECT_THAT(outcomes->next(), AnyOf(refused("SEND_FAILED"), refused("RECEIVE_FAILED")));

@@ -13,8 +13,8 @@ namespace orvx::testing {
 
 namespace {
 
-std::atomic<long> left{0};     // how many more succeed or fail; at zero all succeed
-std::atomic<long> failing{0};  // the last so many of them fail
+std::atomic<long> left{0};     // allocations until all succeed again; at zero all succeed
+std::atomic<long> failing{0};  // the last `failing` of them fail
 std::atomic<std::size_t> failed{0};
 thread_local int countedIn = 0;
 thread_local int exempt = 0;
@@ -45,7 +45,7 @@ void opensslFree(void* block, const char*, int) {
     std::free(block);
 }
 
-// Before anything uses OpenSSL: it takes no other allocator later.
+// Before the first use of OpenSSL, which accepts no other allocator afterwards.
 const bool isSetUp = CRYPTO_set_mem_functions(opensslMalloc, opensslRealloc, opensslFree) == 1;
 
 }  // namespace

@@ -4,17 +4,17 @@
 
 namespace orvx::testing {
 
-/// Lets allocations fail: those of the library's own threads (by their names, "ORVX_...") and those
-/// of a thread that counts itself in; operator new throws, and OpenSSL's get null. All others
-/// succeed, so that a test's own do.
+/// Makes allocations fail: those of the library's own threads (by their names, "ORVX_...") and
+/// those of a thread that is counted. operator new throws, and OpenSSL's allocations return null.
+/// All others succeed, including those of the test.
 class Memory {
   public:
-    /// `count` allocations fail after so many have succeeded.
+    /// The next `successes` allocations succeed, and `count` allocations after them fail.
     static void failAfter(std::size_t successes, std::size_t count);
-    /// From here on none fails. Returns how many did.
+    /// Makes all later allocations succeed. Returns how many have failed.
     static std::size_t recover();
 
-    /// The thread's own allocations count while one lives.
+    /// The thread's own allocations are counted while an object lives.
     class CountedIn {
       public:
         CountedIn();
@@ -22,7 +22,7 @@ class Memory {
         CountedIn(const CountedIn&) = delete;
         CountedIn& operator=(const CountedIn&) = delete;
     };
-    /// The thread's own allocations succeed while one lives.
+    /// The thread's own allocations succeed while an object lives.
     class Exempt {
       public:
         Exempt();

@@ -1,5 +1,5 @@
-// Memory that runs out at each allocation of the library's, once it has started: on its own
-// threads, in OpenSSL, and in the calls of a user. Real threads and sockets.
+// Memory that runs out at each allocation of a started library: on its own threads, in OpenSSL, and
+// in the calls of a user. Real threads and sockets.
 #include "HostileServer.h"
 #include "Memory.h"
 #include "Recorder.h"
@@ -29,8 +29,8 @@ using testing::Request;
 using testing::response;
 using testing::Script;
 
-/// A registry that refuses the first PUT and the first DELETE, has lost the entry when it is asked
-/// for it, refuses the first PUT after that, and takes its time with further checks.
+/// A registry that refuses the first PUT and the first DELETE, has lost the entry at the first
+/// check, refuses the next PUT, and answers further checks slowly.
 class ForgetfulRegistry {
   public:
     ForgetfulRegistry() {
@@ -78,10 +78,10 @@ IOrvServiceRegistryClient::UnregisterHandle announce(OrvServiceRegistryContext& 
         common::ServiceInfo("registry", "127.0.0.1", port), service("a service with a long name"),
         record(told));
 }
-/// For everything that may fail, and must not for ever.
+/// The limit for operations that may fail, but not for ever.
 constexpr int kRounds = 10;
 
-/// Again if it throws, after which nothing must have happened.
+/// Repeats a call that throws. A call that throws must have had no effect.
 template <typename Call>
 auto call(const Call& callOnce) {
     for (;;) {
@@ -93,8 +93,8 @@ auto call(const Call& callOnce) {
     }
 }
 
-/// A service's life while these allocations fail; how many of them there were. Whatever fails,
-/// each operation is answered once, and with success in the end.
+/// Runs a service from its registration to its withdrawal while these allocations fail. Returns the
+/// number of allocations. Each operation must be answered once, and must succeed in the end.
 std::size_t live(std::size_t successes, std::size_t failures) {
     ForgetfulRegistry registry;
     Recorder told;
@@ -108,7 +108,7 @@ std::size_t live(std::size_t successes, std::size_t failures) {
 
     Memory::failAfter(successes, failures);
     IOrvServiceRegistryClient::UnregisterHandle handle;
-    std::string registered = "ERROR/OTHER";  // what could not be written down
+    std::string registered = "ERROR/OTHER";  // the description could not be written
     for (int round = 0; round < kRounds && registered == "ERROR/OTHER"; ++round) {
         handle = call([&] { return announce(context, registry.server.port(), told); });
         registered = told.next();
@@ -131,7 +131,7 @@ std::size_t live(std::size_t successes, std::size_t failures) {
     return failed;
 }
 
-/// A set that is registered and withdrawn by blocking calls, which must come back.
+/// Registers and withdraws a set with blocking calls, which must return.
 std::size_t liveInASet(std::size_t successes, std::size_t failures) {
     ForgetfulRegistry registry;
     OrvServiceRegistryContext context;
@@ -166,7 +166,7 @@ std::size_t liveInASet(std::size_t successes, std::size_t failures) {
     return failed;
 }
 
-/// How many allocations a life makes, each of which has failed.
+/// Returns the number of allocations of a run. Each of them has failed once.
 template <typename Life>
 std::size_t sweep(const Life& life, std::size_t failures, std::size_t step) {
     std::size_t n = 0;

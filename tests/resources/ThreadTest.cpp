@@ -1,5 +1,5 @@
-// Threads that cannot be made: in a child process of a user of its own, whose threads are limited.
-// It takes root to become that user.
+// Threads that cannot be created: tested in a child process of a separate user with a limited
+// number of threads. Only root can become that user.
 #include "HostileServer.h"
 #include "Recorder.h"
 #include "RecordingLogger.h"
@@ -32,7 +32,7 @@ std::size_t threads() {
         std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
 
-/// From here on only so many more threads than now.
+/// Limits the process to this many more threads than it has now.
 void allow(std::size_t more) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NPROC, &limit);
@@ -40,8 +40,8 @@ void allow(std::size_t more) {
     ::setrlimit(RLIMIT_NPROC, &limit);
 }
 
-/// The wait status of a child that becomes a user without other processes and does this: 0 when it
-/// returns true.
+/// Runs `act` in a child process with a user that has no other process. Returns the wait status: 0
+/// if `act` returns true.
 int inProcessOfItsOwn(const std::function<bool()>& act) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -53,7 +53,7 @@ int inProcessOfItsOwn(const std::function<bool()>& act) {
     return status;
 }
 
-/// A registry, and a context of which the threads are to fail.
+/// A registry, and a context whose threads will fail to start.
 struct Client {
     Client() {
         registry.onRequest([](const auto&) { return response(201, {{"Location", "/1"}}); });
@@ -70,7 +70,7 @@ struct Client {
             });
         return told.next() == "OK";
     }
-    /// That init() throws with so many threads, and leaves none; and that it works with more.
+    /// Whether init() throws with this many more threads and leaves none, and succeeds with more.
     bool failsAndRecovers(std::size_t more) {
         const std::size_t before = threads();
         allow(more);

@@ -1,5 +1,5 @@
-// Convergence: a client with resilience, a registry and a network that fail, and what must be so
-// some time after they have ceased to. One thread.
+// Convergence: a client with resilience, and a registry and a network that fail. Some time after
+// the faults have ended, the conditions below must hold. One thread.
 #include "Convergence.h"
 
 #include "FailingRegistry.h"
@@ -48,8 +48,8 @@ struct RegistryOptions : Options {
         using Kind = FailingRegistry::Kind;
         kind = random.among({Kind::NewUuids, Kind::NewUuids, Kind::UuidsOfPaths, Kind::Renames,
                              Kind::KeepsVersions});
-        // Where uuids change, or nothing is checked, no client can know that two paths share one
-        // entry whose uuid the other path has changed, or which the other path has deleted.
+        // If uuids change, or nothing is checked, no client can know that two paths share an entry
+        // whose uuid the other path has changed, or which the other path has deleted.
         shares =
             check && kind != Kind::Renames && kind != Kind::KeepsVersions && random.below(2) == 0;
     }
@@ -69,10 +69,10 @@ void expect(bool isSo, const std::string& otherwise) {
 struct Call {
     std::string name;
     Milliseconds made;
-    /// Stops and refusals until then.
+    /// The number of stops and refusals at the time of the call.
     unsigned stops;
     unsigned refusals;
-    /// Made while the client was stopped.
+    /// Whether the call was made while the client was stopped.
     bool isLate;
     std::vector<std::string> told;
 };
@@ -83,9 +83,9 @@ struct Service {
     std::string path;
     IOrvServiceRegistryClient::UnregisterHandle handle;
     std::shared_ptr<Call> call;
-    /// Its withdrawal was asked for while the client was running.
+    /// Whether its withdrawal was requested while the client was running.
     bool isWithdrawn = false;
-    /// By the status listener, and by the listener of events.
+    /// The last values that the status listener and the registration listener received.
     bool isNotified = false;
     std::string lastEvent;
 
@@ -155,7 +155,7 @@ class Play {
         expect(told_.empty(), told_);
     }
 
-    /// The faults have ended.
+    /// Ends the faults, and waits until the client must have converged.
     void converge() {
         start();
         const Milliseconds step =
@@ -174,7 +174,7 @@ class Play {
     }
     static std::size_t indexOf(const std::string& name) { return std::stoul(name.substr(1)); }
 
-    // What happens.
+    // The events.
 
     std::shared_ptr<Call> call(const std::string& name) {
         calls_.push_back(
@@ -187,7 +187,7 @@ class Play {
         const auto known = context_.getRegistrations();
         if (std::none_of(known.begin(), known.end(),
                          [&](const RegistrationStatus& one) { return one.uri == path; })) {
-            notBefore_.erase(path);  // a new entry
+            notBefore_.erase(path);  // the entry is new
         }
         services_.push_back({name, path, {}, call("registration of " + name), false, false, ""});
         return services_.back();
@@ -206,7 +206,7 @@ class Play {
         services_[index].handle = std::move(handle);
     }
 
-    /// Of paths that differ: the order within a set is that of addresses.
+    /// The paths of a set differ, because the order within a set is that of addresses.
     void registerSet(unsigned path) {
         IOrvServiceRegistryClient::ServiceSet set;
         for (unsigned i = 0; i < 3; ++i) {
@@ -227,7 +227,7 @@ class Play {
         if (services_.empty()) {
             return;
         }
-        // Mostly one of the last: the others are withdrawn already.
+        // Mostly one of the latest, because the others are withdrawn already.
         const std::size_t last = std::min<std::size_t>(services_.size(), which % 4 == 0 ? 256 : 8);
         Service& service = services_[services_.size() - 1 - (which / 4) % last];
         service.isWithdrawn = service.isWithdrawn || isRunning_;
@@ -306,7 +306,7 @@ class Play {
         }
     }
 
-    /// The answer to a check may come after the client has gone on to another request.
+    /// Not for a check: its answer may come after the client has sent another request.
     std::string retryAfter(const Request& request, unsigned variety) {
         const Milliseconds now = world_.now();
         const std::vector<std::pair<std::string, Milliseconds>> values{
@@ -336,7 +336,7 @@ class Play {
         }
     }
 
-    /// With checks off a loss is noticed by nobody.
+    /// If checks are off, the client cannot notice a loss.
     void loseEntries(unsigned which) {
         if (!options_.check) {
             return;
@@ -348,8 +348,8 @@ class Play {
         }
     }
 
-    /// Of the requests that are out the registry still gets some, each at once or never: one that
-    /// it carries out after later ones is beyond any client.
+    /// The registry processes some of the outstanding requests immediately, and never processes the
+    /// others: no client could handle a request that is processed after later ones.
     void stop(unsigned which) {
         collect();
         if (!isRunning_) {
@@ -379,7 +379,7 @@ class Play {
         return Milliseconds(durations[which % std::size(durations)]);
     }
 
-    /// Callbacks run at once, so that they are told at their time.
+    /// Callbacks run immediately, at the time of their events.
     void advance(Milliseconds duration) {
         const Milliseconds end = world_.now() + duration;
         world_.settle();
@@ -395,7 +395,7 @@ class Play {
         world_.settle();
     }
 
-    /// The registry answers everything at once and well.
+    /// The registry answers everything immediately and with success.
     void settle(Milliseconds duration) {
         const Milliseconds end = world_.now() + duration;
         for (unsigned steps = 0;; ++steps) {
@@ -418,7 +418,7 @@ class Play {
         world_.settle();
     }
 
-    /// In an order that does not depend on addresses.
+    /// Sorted, so that the order does not depend on addresses.
     void collect() {
         std::vector<Request> sent;
         while (auto request = world_.takeRequest()) {
@@ -434,9 +434,9 @@ class Play {
         wire_.insert(wire_.end(), sent.begin(), sent.end());
     }
 
-    // What is told.
+    // The outcomes.
 
-    /// The client catches what a callback throws.
+    /// Stores a failure for later, because the client catches exceptions of a callback.
     void expectTold(bool isSo, const std::string& otherwise) {
         if (!isSo && told_.empty()) {
             told_ = otherwise;
@@ -475,13 +475,14 @@ class Play {
                    call.name + " was told " + call.told.back());
     }
 
-    // What must be so in the end.
+    // The conditions at the end.
 
-    /// By path: the latest that are announced and not withdrawn.
+    /// The latest description for each path that is announced and not withdrawn.
     void expectEntries() const {
         std::multimap<std::string, std::string> held;
         for (const FailingRegistry::Entry& entry : registry_.entries()) {
-            // Nobody but the registry's expiry can remove an entry of which nobody was told.
+            // An entry whose uuid never reached the client can only be removed by the registry's
+            // expiry.
             if (options_.kind != FailingRegistry::Kind::KeepsVersions || entry.isTold) {
                 held.emplace(entry.path, entry.name);
             }
@@ -552,18 +553,18 @@ class Play {
     bool isRunning_ = true;
     unsigned stops_ = 0;
     unsigned refusals_ = 0;
-    /// What a callback was told and must not be.
+    /// A call that a callback must not have received.
     std::string told_;
-    /// When the last Retry-After of each PUT and DELETE ends, by path.
+    /// The end of the last Retry-After of each PUT and DELETE, by path.
     std::map<std::string, Milliseconds> notBefore_;
-    /// When the last Retry-After of all ends.
+    /// The end of the latest Retry-After.
     Milliseconds retryAfter_{0};
 };
 
 }  // namespace
 
 History historyOf(std::uint64_t seed, std::size_t events) {
-    // Letters as often as they are to happen.
+    // The frequency of each letter is that of its event.
     static const std::string letters = "rrrrmwwwwwuaaaaaaaaaaaaaaaaaaaaaaaaphhtttttttteexyyyyy";
     constexpr unsigned noAnswer = 17;
     Random random(~seed);

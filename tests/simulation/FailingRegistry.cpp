@@ -1,4 +1,4 @@
-// The registry of histories with faults.
+// The registry for histories with faults.
 #include "FailingRegistry.h"
 
 #include <algorithm>

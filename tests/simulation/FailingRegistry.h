@@ -8,36 +8,36 @@
 
 namespace orvx::simulation::convergence {
 
-/// A registry, asked for one request at a time: whether it acts, and whether the client hears of
-/// it, is up to the history. One thread.
+/// A registry that processes one request at a time. The history decides whether it processes a
+/// request, and whether the client receives the answer. One thread.
 class FailingRegistry {
   public:
     enum class Kind {
-        NewUuids,       ///< An entry that is new gets a uuid that is new.
-        UuidsOfPaths,   ///< A path has the same uuid always.
+        NewUuids,       ///< A new entry gets a new uuid.
+        UuidsOfPaths,   ///< A path always has the same uuid.
         Renames,        ///< Each PUT gives its entry another uuid.
         KeepsVersions,  ///< Each PUT makes an entry, and keeps the older ones.
     };
     struct Entry {
         std::string path;
         std::string uuid;
-        /// Of the service.
+        /// The name of the service.
         std::string name;
-        /// The client was told the uuid.
+        /// Whether the client received the uuid.
         bool isTold;
     };
 
-    /// `shares`: the paths "/4" and "/5" lead to one entry.
+    /// With `shares` the paths "/4" and "/5" lead to one entry.
     FailingRegistry(Kind kind, bool shares) : kind_(kind), shares_(shares) {}
 
-    /// Does what the request asks for. The answers to one request come in `variety`.
+    /// Processes the request. `variety` selects one of the possible answers.
     communication::HttpResponse act(const Request& request, unsigned variety);
-    /// The client was told the answer to this PUT.
+    /// The client received the answer to this PUT.
     void told(const Request& request);
     void forget(std::size_t which);
     void forgetAll() { entries_.clear(); }
 
-    /// The path that an entry stands under.
+    /// The path under which an entry is stored.
     std::string leadsTo(const std::string& path) const {
         return shares_ && path == "/5" ? "/4" : path;
     }
@@ -45,7 +45,7 @@ class FailingRegistry {
 
   private:
     communication::HttpResponse put(const Request& request, unsigned variety);
-    /// The youngest one under this path.
+    /// The latest entry under this path; null if there is none.
     Entry* find(const std::string& path);
 
     const Kind kind_;

@@ -1,6 +1,6 @@
-// Two thousand processes at one registry that goes away, comes back, and has forgotten everything:
-// how soon all are back, and how hard they press it meanwhile. In simulated time, so that the
-// figures are those of the design on every machine; retries alone are drawn at random.
+// Two thousand processes at one registry that goes away, and comes back without its entries: the
+// time until all are registered again, and the load until then. The time is simulated, so the
+// figures do not depend on the machine; only the retries are random.
 #include "RecordingLogger.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
@@ -42,7 +42,8 @@ class SilentLoggerFactory : public testing::RecordingLoggerFactory {
     }
 };
 
-/// Answers, one step of the clock after it was asked; what arrives while it is down fails at once.
+/// Answers each request one step of the clock after its arrival. While it is down, requests fail
+/// immediately.
 class Registry {
   public:
     explicit Registry(World& world) : world_(world) {}
@@ -68,7 +69,7 @@ class Registry {
         return static_cast<std::size_t>(times_.end() -
                                         std::lower_bound(times_.begin(), times_.end(), begin));
     }
-    /// The most requests within any second since then.
+    /// The maximum number of requests within a second since `begin`.
     std::size_t peakSince(milliseconds begin) const {
         std::size_t peak = 0;
         for (auto first = std::lower_bound(times_.begin(), times_.end(), begin);
@@ -132,7 +133,7 @@ class TheHerd : public ::testing::Test {
             step();
         }
     }
-    /// How long it takes until the registry has them all, at most `bound`.
+    /// The time until the registry has all services, at most `bound`.
     milliseconds timeUntilAllAreIn(milliseconds bound) {
         const milliseconds begin = world.now();
         while (registry.entries() < kClients && world.now() - begin <= bound) {
@@ -155,7 +156,8 @@ class TheHerd : public ::testing::Test {
     std::vector<std::unique_ptr<OrvServiceRegistryContext>> contexts_;
 };
 
-/// Independent arrivals at this mean rate stay below it in every second: six standard deviations.
+/// Independent arrivals at this mean rate stay below the result in every second: six standard
+/// deviations.
 std::size_t burst(double rate) {
     return static_cast<std::size_t>(rate + 6 * std::sqrt(rate));
 }
@@ -172,7 +174,8 @@ TEST_F(TheHerd, IsBackWithinOneIntervalOfARestartAndAddsOneRequestEach) {
     // A check, its answer, the PUT and its answer.
     EXPECT_LE(last, kInterval + 4 * kStep);
     EXPECT_LE(registry.requestsSince(begin), 2 * kClients + kClients / 100);
-    // Spread as the services were announced: a tenth each second, each a HEAD and a PUT.
+    // Spread like the announcements: a tenth of the services in each second, with a HEAD and a PUT
+    // each.
     EXPECT_LE(registry.peakSince(begin), 2 * kClients / 10 + kClients / 100);
 }
 
@@ -207,8 +210,9 @@ TEST_F(TheHerd, AsksOnceEachIntervalWhileTheRegistryIsAwayAndIsBackWithinOneInte
     EXPECT_LE(registry.peakSince(begin), 2 * kClients / 10 + kClients / 100);
 }
 
-// The delays double from 500 ms to 8 s and are drawn from their upper half. Two thousand clients of
-// one birth are so spread over the seconds: each asks every 6 s in the mean.
+// The delays double from 500 ms to 8 s and are random values from the upper half of each step. So
+// two thousand clients that start at the same time spread: each one sends a request every 6 s on
+// average.
 TEST_F(TheHerd, ThatWasBornWhileTheRegistryWasAwaySpreadsItsRetries) {
     registry.goDown();
     announceAllWithin(milliseconds(0));

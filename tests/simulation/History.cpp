@@ -1,5 +1,5 @@
-// Histories: made from a seed, played on a client and the model, and compared after every event.
-// One thread.
+// Histories: generated from a seed, played on a client and on the model, and compared after every
+// event. One thread.
 #include "History.h"
 
 #include "ClientTestAccess.h"
@@ -41,7 +41,7 @@ std::vector<std::string> inMilliseconds(const std::vector<Milliseconds>& duratio
     return texts;
 }
 
-/// A client and the model of it, to which the same happens.
+/// A client and its model, which receive the same events.
 class Pair {
   public:
     explicit Pair(const Options& options) : model_(options) {
@@ -166,7 +166,7 @@ class Pair {
         if (model_.outstanding() == 0) {
             return;
         }
-        // Mostly the oldest: a request that waits for ever stops its service's history.
+        // Mostly the oldest one: a request that is never answered ends the history of its service.
         const std::size_t outstanding = which % 3 == 0 ? (which / 3) % model_.outstanding() : 0;
         reply(outstanding, answerOf(model_.methodOf(outstanding), kind));
     }
@@ -212,7 +212,7 @@ class Pair {
     }
 
     void reply(std::size_t outstanding, const Answer& answer) {
-        // The client's requests that are still outstanding stand in the order of the model's.
+        // The client's outstanding requests are in the order of the model's.
         wire_.erase(std::remove_if(wire_.begin(), wire_.end(),
                                    [](const Request& request) { return !request.isOutstanding(); }),
                     wire_.end());
@@ -307,7 +307,7 @@ Options optionsOf(std::uint64_t seed) {
 
 History historyOf(std::uint64_t seed, std::size_t events) {
     constexpr unsigned kNoAnswer = 15;
-    // Letters as often as they are to happen.
+    // The frequency of each letter is that of its event.
     static const std::string letters = "rrrwwullaaaaaaaaaaaaaagttttttsssssssxyyyyyy";
     Random random(~seed);
     const bool isRegistryAway = random.below(8) == 0;

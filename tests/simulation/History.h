@@ -7,12 +7,12 @@
 
 namespace orvx::simulation {
 
-/// The same for the same seed, on every machine.
+/// Returns the same options for the same seed on every machine.
 Options optionsOf(std::uint64_t seed);
 History historyOf(std::uint64_t seed, std::size_t events);
 
-/// Runs a client and the model side by side. Empty when they agree after every event; otherwise the
-/// number of the event and what differs.
+/// Plays a history on a client and on the model. Returns the number of the first event after which
+/// they differ, and the difference; empty if they agree.
 std::string play(const Options& options, const History& history);
 
 }  // namespace orvx::simulation

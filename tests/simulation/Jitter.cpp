@@ -1,5 +1,5 @@
 // A second definition of the back-off, for programs that must play a history twice: it draws the
-// same delays again. The other one differs from process to process, on purpose. One thread.
+// same delays again, while the delays of the library differ between processes. One thread.
 #include "Jitter.h"
 
 #include "RandomHistory.h"

@@ -4,7 +4,7 @@
 
 namespace orvx::simulation {
 
-/// From here on the delays of back-offs are those of this seed.
+/// Later delays of back-offs are determined by this seed.
 void seedJitter(std::uint64_t seed);
 
 }  // namespace orvx::simulation

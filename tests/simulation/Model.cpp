@@ -1,5 +1,5 @@
-// The rules, as simply as they can be said. One thread; nothing here is clever, and must not be:
-// what it says is what the client is measured by.
+// The rules, written as simply as possible. One thread. The model must stay simple, because the
+// client is compared with it.
 #include "Model.h"
 
 #include <algorithm>

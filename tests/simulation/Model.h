@@ -17,7 +17,7 @@
 
 namespace orvx::simulation {
 
-/// An answer to a request, or, with status 0, none.
+/// An answer to a request. Status 0: the request ends without an answer.
 struct Answer {
     std::string communicationStatus;
     int status = 0;
@@ -25,7 +25,7 @@ struct Answer {
     std::string body;
 };
 
-/// A request on the wire.
+/// A request that was sent.
 struct Sent {
     std::string method;
     std::string path;
@@ -39,16 +39,17 @@ struct Sent {
     }
 };
 
-/// What user code is told, as one line of text.
+/// One call of user code, as a line of text.
 using Told = std::string;
 
-/// The rules of the client, written down as simply as they can be said: one thread, no index, no
-/// lock, whole-table walks. It says what the client must send, log, tell and plan, step by step.
+/// The rules of the client, written as simply as possible: one thread, no index, no lock, and walks
+/// over the whole table. After each event it has the requests, log lines, calls and timers that the
+/// client must have.
 class Model {
   public:
     explicit Model(Options options) : options_(options) {}
 
-    // What happens to a client.
+    // The events.
 
     /// Returns the number of its unregister handle.
     std::size_t registerService(const std::string& name, const std::string& label);
@@ -60,15 +61,16 @@ class Model {
     void advance(Milliseconds duration);
     void start() { initiated_ = true; }
     void stop();
-    /// The executor and the I/O thread run what they have.
+    /// The executor and the I/O thread run their tasks.
     void runIo();
     std::vector<Told> settle();
 
-    // What is expected.
+    // The expected results.
 
     std::vector<testing::LogLine> takeLines() { return std::exchange(lines_, {}); }
     std::vector<Sent> takeSent() { return std::exchange(sent_, {}); }
-    /// Takes note of the delays that the client has really asked for; what is wrong with them.
+    /// Takes over the delays that the client has requested. Returns the difference; empty if they
+    /// are as expected.
     std::string reconcile(const std::vector<Milliseconds>& delays);
     std::vector<Milliseconds> pendingDelays() const;
     /// Each registration's request id, state and registry id, and the state of the check.
@@ -78,7 +80,7 @@ class Model {
         return outstanding_[outstanding].method;
     }
     std::size_t handles() const { return handles_.size(); }
-    /// The registry ids in descriptions now.
+    /// The current registry ids in the descriptions.
     std::vector<std::string> registryIds() const;
 
   private:
@@ -119,7 +121,7 @@ class Model {
     };
     struct Handle {
         std::uint64_t id;     // 0: the registration was refused
-        std::string refusal;  // what calling it logs then
+        std::string refusal;  // the log line of a call of the handle
     };
 
     void log(int level, const std::string& text) { lines_.push_back({level, text}); }
@@ -162,7 +164,7 @@ class Model {
     std::vector<Sent> sent_;
 };
 
-/// "LABEL: OUTCOME http=CODE", as callbacks are written down on both sides.
+/// "LABEL: OUTCOME http=CODE", the form of callbacks on both sides.
 Told told(const std::string& label, const std::string& outcome, int http);
 
 }  // namespace orvx::simulation

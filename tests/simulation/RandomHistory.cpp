@@ -1,4 +1,4 @@
-// Random histories: as text, as a command line, and shortened when they differ. One thread.
+// Random histories: as text, as a command line, and shortened if they differ. One thread.
 #include "RandomHistory.h"
 
 #include <CLI/CLI.hpp>
@@ -10,7 +10,7 @@ namespace orvx::simulation {
 
 namespace {
 
-/// As few of the events as still differ.
+/// Removes events as long as the history still differs.
 History shortened(const Game& game, std::uint64_t seed, History history) {
     for (std::size_t chunk = history.size() / 2; chunk > 0; chunk /= 2) {
         for (std::size_t at = 0; at + chunk <= history.size();) {
@@ -27,7 +27,7 @@ History shortened(const Game& game, std::uint64_t seed, History history) {
     return history;
 }
 
-/// Says what differs, and how to see it again; true when nothing does.
+/// Prints the difference and the command that shows it again. Returns true if there is none.
 bool check(const Game& game, const std::string& program, std::uint64_t seed,
            const History& history) {
     if (game.play(seed, history).empty()) {

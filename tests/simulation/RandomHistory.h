@@ -14,7 +14,7 @@ namespace orvx::simulation {
 
 using Milliseconds = std::chrono::milliseconds;
 
-/// The generator of the seeds: splitmix64, because the standard's distributions differ by library.
+/// The random generator: splitmix64, because the standard's distributions differ between libraries.
 class Random {
   public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
@@ -35,7 +35,7 @@ class Random {
     std::uint64_t state_;
 };
 
-/// The options that matter to the rules.
+/// The options that influence the rules.
 struct Options {
     bool retry = true;
     bool retryOnStatus = false;
@@ -48,17 +48,17 @@ struct Options {
     void set(serviceregistryclient::OrvServiceRegistryContext& context) const;
 };
 
-/// What differs, in words.
+/// Describes a difference.
 class Differs : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-/// "OK/NONE".
+/// The outcome as text, for example "OK/NONE".
 std::string textOf(const serviceregistryclient::OrvRegistrationResponse& response);
 
-/// One thing that happens: a letter says what, the numbers choose among what there is at that
-/// moment, so that a history stays one when events are taken out of it.
+/// One event: a letter names its kind, and the numbers select among the objects at that moment, so
+/// that a history without some of its events is still a history.
 struct Event {
     char what;
     unsigned one;
@@ -67,24 +67,25 @@ struct Event {
 
 using History = std::vector<Event>;
 
-/// "r3.1 a0.7 ..." and back.
+/// Converts a history to text, "r3.1 a0.7 ...", and back.
 std::string textOf(const History& history);
 History historyFrom(const std::string& text);
 
-/// What a program plays.
+/// A program that plays histories.
 struct Game {
-    /// Of the program, for its help.
+    /// The purpose of the program, for its help.
     std::string purpose;
-    /// What a run without a difference has shown.
+    /// The text for a run without a difference.
     std::string success;
-    /// The same for the same seed, on every machine.
+    /// Generates the same history for the same seed on every machine.
     std::function<History(std::uint64_t seed, std::size_t events)> historyOf;
-    /// With the options of the seed. Empty when nothing differs; otherwise the difference.
+    /// Plays a history with the options of the seed. Returns the difference; empty if there is
+    /// none.
     std::function<std::string(std::uint64_t seed, const History& history)> play;
 };
 
-/// The program: plays histories until one differs, and prints a command that shows the difference
-/// with as few events as possible. Returns the exit status.
+/// Plays histories until one differs, and prints a command that shows the difference with as few
+/// events as possible. Returns the exit status of the program.
 int playHistories(int argc, char** argv, const Game& game);
 
 }  // namespace orvx::simulation

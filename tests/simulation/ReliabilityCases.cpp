@@ -1,6 +1,5 @@
-// What becomes of announcements in hard cases, without resilience and with it, in simulated time.
-// Each case prints a row of the table in docs/reliability.md; --verify compares all of them with
-// that page.
+// Hard cases for announcements, without resilience and with it, in simulated time. Each case prints
+// a row of the table in docs/reliability.md; --verify compares all rows with that page.
 #include "BlockingCall.h"
 #include "Jitter.h"
 #include "RandomHistory.h"
@@ -35,35 +34,35 @@ using std::chrono::minutes;
 using std::chrono::seconds;
 using testing::BlockingCall;
 
-/// Answers each request 1 to 20 ms after it came.
+/// Answers each request 1 to 20 ms after its arrival.
 class SlowRegistry {
   public:
     explicit SlowRegistry(World& world) : world_(world) {}
 
-    /// Turns the clock, and answers what is asked meanwhile.
+    /// Advances the clock, and answers requests when their time comes.
     void run(milliseconds duration) {
         runUntil(world_.now() + duration, [] { return false; });
     }
-    /// How long it took until it held so many entries, at most `bound`.
+    /// The time until the registry holds this many entries, at most `bound`.
     milliseconds timeUntilItHolds(std::size_t count, milliseconds bound) {
         const milliseconds begin = world_.now();
         runUntil(begin + bound, [&] { return entries.size() == count; });
         return world_.now() - begin;
     }
-    /// Answers nothing for so long, then all at once.
+    /// Answers no request for this time, then all of them.
     void pause(milliseconds duration) { pausedUntil_ = world_.now() + duration; }
-    /// The entries that were asked for by HEAD within that time.
+    /// The number of entries that were checked with HEAD within this time.
     std::size_t checkedWithin(milliseconds duration) {
         checked_.clear();
         run(duration);
         return checked_.size();
     }
 
-    /// By path.
+    /// The paths.
     std::set<std::string> entries;
-    /// Cannot be connected to.
+    /// Whether connections fail.
     bool isAway = false;
-    /// Acts on a DELETE, and the connection breaks before its answer.
+    /// Whether the connection breaks after a DELETE was processed and before its answer.
     bool losesAnswersToDelete = false;
 
   private:
@@ -114,7 +113,7 @@ class SlowRegistry {
     World& world_;
     Random random_{1};
     milliseconds pausedUntil_{0};
-    std::multimap<milliseconds, Request> asked_;  ///< By when it is answered.
+    std::multimap<milliseconds, Request> asked_;  ///< By the time of the answer.
     std::set<std::string> checked_;
 };
 
@@ -136,7 +135,7 @@ struct Scene {
         const std::string name = std::to_string(number);
         return std::make_shared<ServiceCreate>(std::make_unique<XObject>("", name, "/" + name));
     }
-    /// One service each so many milliseconds.
+    /// Announces services, one in each interval of `pause`.
     void announce(int count, milliseconds pause = milliseconds(0)) {
         for (int i = 0; i < count; ++i) {
             withdraw = client().registerServiceAtRegistry(at, service(i), nullptr);
@@ -145,10 +144,10 @@ struct Scene {
     }
 
     const common::ServiceInfo at{"registry", "registry.test", 8500};
-    World world;  // before all that lives in it
+    World world;  // destroyed after all objects that use it
     SlowRegistry registry{world};
     OrvServiceRegistryContext context;
-    /// The last service.
+    /// Withdraws the last service.
     IOrvServiceRegistryClient::UnregisterHandle withdraw;
 };
 
@@ -192,7 +191,7 @@ std::string withdrawnWhileAway(bool isResilient) {
     return scene.registry.entries.empty() ? "nothing" : "the service still";
 }
 
-// The time-out of blocking calls is a real one.
+// The time-out of blocking calls is in real time.
 std::string withdrawnWithNothingThere(bool isResilient) {
     Scene scene(isResilient);
     const milliseconds timeout(200);
@@ -204,7 +203,7 @@ std::string withdrawnWithNothingThere(bool isResilient) {
            (isLate ? " after the unregister time-out, 30 s" : " at once");
 }
 
-// The call waits on a thread of its own, which is asleep while this one turns the clock.
+// The call waits on its own thread, which sleeps while this thread advances the clock.
 std::string registeredInOneCall(bool isResilient) {
     Scene scene(isResilient);
     const auto returned = std::make_shared<std::promise<void>>();

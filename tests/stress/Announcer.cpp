@@ -1,7 +1,7 @@
-// A client with short times, and what its log says of its checks.
+// A client with short times, and the information about its checks in its log.
 //
-// Threads: the log is written by the client's own and read by the users'; its set is under mutex_,
-// a leaf lock. The rest belongs to the thread that owns the announcer.
+// Threads: the client's threads write the log, and the users' threads read it; mutex_, a leaf lock,
+// guards its set. The rest belongs to the thread that owns the announcer.
 
 #include "Announcer.h"
 
@@ -109,7 +109,7 @@ void Announcer::resume() {
     static_cast<OrvServiceRegistryClient&>(client()).init();
 }
 
-// With resilience a stop answers those who wait.
+// With resilience a stop answers waiting callers.
 std::chrono::milliseconds Announcer::stop(const std::function<void()>& end) {
     const auto begin = std::chrono::steady_clock::now();
     const Ledger::Caller caller(options_.resilience);

@@ -19,12 +19,12 @@
 
 namespace orvx::stress {
 
-/// What a client's log says of the checks that ended. Thread-safe.
+/// Counts the checks that ended, from a client's log. Thread-safe.
 class CheckLog {
   public:
     void note(const std::string& line) ORVX_EXCLUDES(mutex_);
 
-    /// Time-outs; and answers that were ignored, each of which ended a check.
+    /// The number of time-outs, and the number of ignored answers, each of which ended a check.
     std::size_t timeOuts() const { return timeOuts_; }
     std::size_t ignored() const { return ignored_; }
     /// The registrations whose check ended because it was due during a withdrawal.
@@ -37,7 +37,7 @@ class CheckLog {
     std::set<std::uint64_t> endedByWithdrawal_ ORVX_GUARDED_BY(mutex_);
 };
 
-/// A context and its client, from its beginning to its stop. For one thread at a time, but for the
+/// A context and its client, from its start to its stop. Used by one thread at a time, except the
 /// client's own operations.
 class Announcer {
   public:
@@ -46,7 +46,7 @@ class Announcer {
         std::uint16_t maxRetryCount = 0;
         std::size_t connections = 16;
         bool resilience = false;
-        /// How long a withdrawal waits for its answer, with resilience.
+        /// The time-out of a withdrawal, with resilience.
         std::chrono::milliseconds unregisterTimeout{30'000};
     };
     static constexpr std::chrono::seconds kCheckInterval{1};
@@ -60,18 +60,19 @@ class Announcer {
     const CheckLog& log() const { return *log_; }
     void replaceListener();
 
-    /// The registrations it holds: their descriptions by request id.
+    /// The descriptions of the client's registrations by request id.
     std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>> held();
     std::size_t heldCount();
 
-    /// With resilience.
+    /// The status of each registration.
     std::vector<serviceregistryclient::RegistrationStatus> registrations() const {
         return context_.getRegistrations();
     }
 
-    /// How long that took.
+    /// Returns the time that the stop took.
     std::chrono::milliseconds stop();
-    /// Stops the client, which keeps its registrations until resume(). How long that took.
+    /// Stops the client, which keeps its registrations until resume(). Returns the time that this
+    /// took.
     std::chrono::milliseconds pause();
     void resume();
 

@@ -1,6 +1,6 @@
-// The users, and the disturbances while they are at work.
+// The users, and the faults while they work.
 //
-// Threads: this is the main thread's, which owns everything and starts the users. No locks.
+// Threads: used by the main thread, which owns everything and starts the users. No locks.
 
 #include "Chaos.h"
 
@@ -28,7 +28,7 @@ Chaos::Chaos(const ChaosOptions& options)
             std::make_unique<Single>(place_, "single" + std::to_string(i), maxRetryCount));
         units_.push_back(singles_.back().get());
     }
-    // One with times as users have them, whose checks end each other; and one without time-outs.
+    // One crowd with usual times, in which checks end each other, and one without time-outs.
     crowds_.emplace_back(place_, "crowd", options.services, 2s);
     crowds_.emplace_back(place_, "calm", options.services / 4, 1h);
     for (Crowd& crowd : crowds_) {

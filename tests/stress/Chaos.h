@@ -10,15 +10,15 @@
 
 namespace orvx::stress {
 
-/// Users, a registry, and everything that can go wrong between them, for a while; then peace, in
-/// which everything that is promised must hold. For one thread, once.
+/// Users, a registry, and faults between them for some time. Then the faults end, and every
+/// guarantee must hold. Used by one thread, once.
 class Chaos {
   public:
     explicit Chaos(const ChaosOptions& options);
     ~Chaos();
 
     void run();
-    /// Prints one line for each promise; false when one was broken.
+    /// Prints one line for each guarantee. Returns false if one was broken.
     bool judge(std::ostream& out);
 
   private:
@@ -36,7 +36,7 @@ class Chaos {
     Random random_;
     Place place_;  // outlives the proxy's taps and the clients
     FaultyRegistry registry_;
-    const std::size_t descriptors_;  // without a connection
+    const std::size_t descriptors_;  // the number of descriptors without a connection
     std::vector<std::unique_ptr<Single>> singles_;
     std::deque<Crowd> crowds_;
     std::vector<std::unique_ptr<Unit>> members_;

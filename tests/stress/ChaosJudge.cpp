@@ -1,6 +1,6 @@
-// What must hold when peace has come: one verdict for each promise.
+// The conditions after the faults have ended: one verdict for each guarantee.
 //
-// Threads: this is the main thread's, with the users gone; the clients go on. No locks.
+// Threads: used by the main thread, when the users have ended; the clients continue. No locks.
 
 #include "Chaos.h"
 
@@ -22,8 +22,8 @@ bool Chaos::judge(std::ostream& out) {
     return verdicts.print(out);
 }
 
-// A failed attempt is repeated after a check interval; what is under way ends within the request's
-// time-out, and the longest delay is within that.
+// A failed attempt is repeated after a check interval. An outstanding request ends within the
+// request time-out, which also covers the longest delay.
 void Chaos::judgeEntries(Verdicts& verdicts) {
     Verdict& verdict = verdicts.add("p3 what is registered and checked is in the registry");
     const auto peace = Clock::now();
@@ -48,8 +48,8 @@ void Chaos::judgeEntries(Verdicts& verdicts) {
     for (Crowd& crowd : crowds_) {
         crowdsEnded.push_back(crowd.announcer().log().endedByWithdrawal());
     }
-    // The clock of this observation: a check that lives comes at least once while this one's comes
-    // four times.
+    // Determines the duration of this observation: a working check is sent at least once while this
+    // service is checked four times.
     Crowd metronome(place_, "metronome", 1, 1h);
     Service& beat = metronome.services().front();
     beat.announce(metronome.announcer());
@@ -67,7 +67,7 @@ void Chaos::judgeEntries(Verdicts& verdicts) {
     metronome.stop();
 }
 
-/// In the registry, or without a check by the rules, or not held at all.
+/// The service is in the registry, or has no check by the rules, or is not held by the client.
 bool Chaos::isSingleKept(Single& single, const std::set<std::string>& entries) {
     Announcer& announcer = *single.announcer();
     const auto held = announcer.held();
@@ -79,8 +79,8 @@ bool Chaos::isSingleKept(Single& single, const std::set<std::string>& entries) {
     return entries.count(uuid) > 0 || single.service().mayHaveLostItsCheck(uuid);
 }
 
-// A context had one registration only, so its log tells whether its check has ended. The one end
-// without a line is a 404 that came during a withdrawal which then was refused.
+// A context had only one registration, so its log shows whether its check has ended. One end is not
+// logged: a 404 during a withdrawal that was then refused.
 void Chaos::judgeSingles(Verdict& verdict, Traffic::Time mark, const std::vector<bool>& hadEnded) {
     const auto uuids = registry_.entries();
     std::size_t held = 0;
@@ -112,8 +112,7 @@ void Chaos::judgeSingles(Verdict& verdict, Traffic::Time mark, const std::vector
                     << " silently";
 }
 
-// Who ended whose check is not known here, only how many ends there can be: each ignored answer is
-// one.
+// It is unknown whose check ended. Known is the maximum number of ends: each ignored answer is one.
 void Chaos::judgeCrowd(Verdict& verdict, Crowd& crowd, Traffic::Time mark,
                        const std::set<std::uint64_t>& hadEnded) {
     const auto uuids = registry_.entries();
@@ -144,7 +143,7 @@ void Chaos::judgeCrowd(Verdict& verdict, Crowd& crowd, Traffic::Time mark,
                     << ignored << " ignored answers";
 }
 
-/// Entries that no registration claims.
+/// The number of entries without a registration.
 std::size_t Chaos::orphans() {
     auto uuids = registry_.entries();
     const auto claim = [&uuids](Announcer& announcer) {
@@ -161,7 +160,7 @@ std::size_t Chaos::orphans() {
     return uuids.size();
 }
 
-// Stops with operations outstanding, amid faults.
+// Stops the clients with operations outstanding, during faults.
 void Chaos::judgeStop(Verdicts& verdicts) {
     harmStops(registry_);
     for (Unit* const unit : units_) {

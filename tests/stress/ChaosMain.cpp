@@ -1,5 +1,5 @@
-// Runs chaos and prints what became of each promise; 1 when one was broken. A short run comes
-// first, so that what a process makes once and keeps does not count as lost.
+// Runs chaos and prints the result for each guarantee. Exits with 1 if one was broken. A short run
+// comes first, so that memory that a process allocates once and keeps does not count as lost.
 //
 // Threads: main() only.
 
@@ -34,8 +34,8 @@ bool play(const ChaosOptions& options, std::ostream& out) {
     return chaos.judge(out);
 }
 
-// Sanitizers have an allocator of their own: memory is theirs to watch. What the C library keeps of
-// its caches and of exited threads' arenas is no loss.
+// Sanitizers have their own allocator and check for leaks themselves. Caches of the C library, and
+// arenas of ended threads, are not leaks.
 bool judgeMeans(const Means& before, const Means& after, std::ostream& out) {
     constexpr std::size_t kCaches = 512 * 1024;
     const bool isGood = after.descriptors == before.descriptors &&

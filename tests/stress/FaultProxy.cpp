@@ -1,8 +1,8 @@
-// Forwards between a client and a server, and spoils it as planned. Each connection is a Link with
-// two pipes that read, wait and write in turn; it lives as long as something of it is under way.
+// Forwards between a client and a server, with planned faults. Each connection is a Link with two
+// pipes that read, wait and write in turn. A Link lives while one of its operations is outstanding.
 //
-// Threads: all state belongs to the proxy's thread; orders of others are run there while the one
-// who gave them waits. No locks.
+// Threads: all state belongs to the proxy's thread. Orders of other threads are run there while the
+// caller waits. No locks.
 
 #include "FaultProxy.h"
 
@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// Whether the other side has ended the connection, also with bytes that are still to be read.
+/// Whether the peer has ended the connection, even if bytes are left to be read.
 bool hasEnded(tcp::socket& socket) {
     pollfd poll{socket.native_handle(), POLLRDHUP, 0};
     return ::poll(&poll, 1, 0) == 1;
@@ -64,7 +64,7 @@ class FaultProxy::Link : public std::enable_shared_from_this<Link> {
         const bool hasLost = up_.hasLost || down_.hasLost;
         for (Pipe* const pipe : {&up_, &down_}) {
             pipe->faults = {};
-            pipe->timer.cancel();  // what waits goes on at once
+            pipe->timer.cancel();  // a waiting pipe continues immediately
         }
         if (hasLost) {
             reset();
@@ -82,7 +82,7 @@ class FaultProxy::Link : public std::enable_shared_from_this<Link> {
         Faults faults;
         boost::asio::steady_timer timer;
         std::array<char, 16'384> buffer;
-        std::size_t begin = 0;  // of what is left to be forwarded
+        std::size_t begin = 0;  // the beginning of the bytes that are left to be forwarded
         std::size_t end = 0;
         std::size_t forwarded = 0;
         bool hasLost = false;
@@ -168,7 +168,8 @@ class FaultProxy::Link : public std::enable_shared_from_this<Link> {
     }
 
     void write(Pipe& pipe, std::size_t size) {
-        // Asked before: what the client sends after it has ended this connection comes later.
+        // Read before the forwarding: bytes that the client sends after it has ended this
+        // connection arrive later.
         const bool isLate = &pipe == &up_ && hasEnded(client_);
         boost::asio::async_write(
             pipe.to, boost::asio::buffer(pipe.buffer.data() + pipe.begin, size),
@@ -191,7 +192,7 @@ class FaultProxy::Link : public std::enable_shared_from_this<Link> {
         end();
     }
 
-    /// A FIN, unless reset() asked for more.
+    /// Sends a FIN, unless reset() was called before.
     void end() {
         Error ignored;
         client_.close(ignored);
@@ -216,7 +217,7 @@ FaultProxy::FaultProxy(std::uint16_t serverPort, std::uint64_t seed, TapMaker ta
     thread_ = std::thread([this] { io_.run(); });
 }
 
-// Links end with the io_context, which destroys what waits.
+// The io_context destroys the handlers that keep the links alive.
 FaultProxy::~FaultProxy() {
     io_.stop();
     thread_.join();

@@ -1,4 +1,4 @@
-// What a plain socket client sees of each fault, with a server behind the proxy that obeys.
+// The effect of each fault on a plain socket client, with a server that answers normally.
 //
 // Threads: the test's, the proxy's and the server's; they share sockets only.
 
@@ -48,7 +48,8 @@ class AFaultProxy : public ::testing::Test {
         EXPECT_EQ(::send(socket.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
     }
-    /// Waits for so many bytes, or for the connection's end: 0 is a FIN, else it is an errno.
+    /// The bytes up to the given number or the end of the connection. `end` is 0 for a FIN,
+    /// otherwise an errno.
     struct Received {
         std::string bytes;
         int end = -1;
@@ -70,7 +71,7 @@ class AFaultProxy : public ::testing::Test {
         }
         return received;
     }
-    /// Asks over a new connection; the end of it if that comes before the answer.
+    /// Sends a request over a new connection, and reads the answer or the end of the connection.
     Received ask() const {
         const testing::Socket socket = connect();
         send(socket, kRequest);
@@ -120,7 +121,7 @@ TEST_F(AFaultProxy, DelaysEachPiece) {
     harmAnswers(faults);
     const auto begin = Clock::now();
     EXPECT_EQ(ask().bytes, kAnswer);
-    EXPECT_GT(Clock::now() - begin, 100ms);  // more than 40 pieces, half of 20 ms each on average
+    EXPECT_GT(Clock::now() - begin, 100ms);  // more than 40 pieces, with an average delay of 10 ms
     EXPECT_GT(proxy.counters().delayed, 30U);
 }
 
@@ -246,7 +247,7 @@ TEST_F(AFaultProxy, DrawsTheSameFaultsFromTheSameSeed) {
     EXPECT_NE(drawn.at(0), drawn.at(2));
 }
 
-// Its thread ended where there was nothing that it waited for, and every order hung.
+// The proxy's thread once ended when it had nothing to wait for, and every order hung.
 TEST_F(AFaultProxy, ObeysWithoutAnyConnectionWhileItDoesNotListen) {
     for (int i = 0; i < 100; ++i) {
         proxy.stopListening();
@@ -256,7 +257,7 @@ TEST_F(AFaultProxy, ObeysWithoutAnyConnectionWhileItDoesNotListen) {
     EXPECT_EQ(ask().bytes, kAnswer);
 }
 
-/// Writes down what each end of a connection sent.
+/// Records the bytes that each end of a connection sent.
 class Tap final : public ITap {
   public:
     explicit Tap(std::vector<std::string>& notes) : notes_(notes) {}
@@ -270,7 +271,7 @@ class Tap final : public ITap {
     std::string down_;
 };
 
-/// Writes down what reached the server.
+/// Records the bytes that reached the server.
 class ArrivalTap final : public ITap {
   public:
     explicit ArrivalTap(std::vector<std::string>& notes) : notes_(notes) {}

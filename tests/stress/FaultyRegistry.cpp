@@ -1,7 +1,7 @@
-// The disturbances: faults of the network drawn for each connection, a registry that is restarted
-// empty, refuses connections, loses entries, and pauses.
+// The faults: random ones of the network for each connection, and a registry that restarts empty,
+// refuses connections, loses entries, and pauses.
 //
-// Threads: all of it is the owner's. Fault plans are drawn on the proxy's thread with the proxy's
+// Threads: used by the owner's thread. Fault plans are drawn on the proxy's thread with the proxy's
 // own generator. No locks.
 
 #include "FaultyRegistry.h"
@@ -23,10 +23,10 @@ std::size_t upTo(Random& random, std::size_t most) {
     return std::uniform_int_distribution<std::size_t>(0, most)(random);
 }
 
-/// In so many of a hundred directions something is wrong.
+/// Adds a fault to this percentage of the directions.
 Faults drawFaults(Random& random, std::size_t percentage) {
     Faults faults;
-    faults.resetAfter = 1'000 + upTo(random, 20'000);  // nothing stays as it is for ever
+    faults.resetAfter = 1'000 + upTo(random, 20'000);  // no connection lives for ever
     if (upTo(random, 99) >= percentage) {
         return faults;
     }
@@ -61,7 +61,7 @@ FaultProxy::Planner plannerOf(std::size_t percentage) {
     };
 }
 
-/// A request over a new connection reaches the registry, and fails at once.
+/// A request over a new connection reaches the registry, but its connection fails immediately.
 FaultProxy::Plan cutEveryAnswer(Random& /*random*/) {
     FaultProxy::Plan plan;
     plan.toClient.resetAfter = 0;
@@ -150,7 +150,7 @@ void FaultyRegistry::pause() {
     setFaults(fault + duration);
 }
 
-/// In place of those of the registry that were set before.
+/// Replaces the faults of the registry that were set before.
 void FaultyRegistry::setFaults(const std::string& faults) {
     registry_->connect().ask(registry::makeRequest("PUT", "/-/faults", faults));
 }

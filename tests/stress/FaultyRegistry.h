@@ -11,13 +11,12 @@
 
 namespace orvx::stress {
 
-/// A registry behind a network that fails, and everything that can go wrong with both. For one
-/// thread.
+/// A registry after a network with faults, and all faults of both. Used by one thread.
 class FaultyRegistry {
   public:
     FaultyRegistry(std::uint64_t seed, FaultProxy::TapMaker tapMaker);
 
-    /// Where clients reach it.
+    /// The port at which clients reach the registry.
     std::uint16_t port() const { return proxy_.port(); }
     FaultProxy& proxy() { return proxy_; }
     std::size_t restarts() const { return restarts_; }
@@ -25,19 +24,19 @@ class FaultyRegistry {
     std::size_t pauses() const { return pauses_; }
 
     /// Changes the faults of the network, loses entries, refuses connections for a moment, or
-    /// restarts empty.
+    /// restarts the registry without its entries.
     void disturb();
-    /// For some seconds no request is answered within its time-out, though each is carried out; or
-    /// all are refused.
+    /// For some seconds either no request is answered within its time-out, although each one is
+    /// processed, or all are refused.
     void pause();
-    /// It comes back empty.
+    /// Restarts the registry without its entries.
     void restart();
-    /// No faults from now on.
+    /// Ends all faults.
     void cease();
 
-    /// As the registry lists them.
+    /// The registry's own list.
     nlohmann::json list() const;
-    /// Their uuids.
+    /// The uuids of the entries.
     std::set<std::string> entries() const;
 
   private:

@@ -1,9 +1,9 @@
-// What users of a client with resilience do at random: register, register once more, withdraw at
-// any moment, withdraw all; and what the registry must hold then.
+// Random operations of users of a client with resilience: register, register once more, withdraw at
+// any time, withdraw all; and the content that the registry must have then.
 //
-// Threads: each service belongs to one user's thread. The client is used by all of them under a
-// shared lock that only a withdrawal of all takes for itself; a stop comes amid all calls but that
-// one. No callback takes any of the locks.
+// Threads: each service belongs to one user's thread. All users share the client, under a shared
+// lock that only a withdrawal of all takes exclusively; a stop may happen during all other calls.
+// No callback takes any of the locks.
 
 #include "KeptServices.h"
 
@@ -26,7 +26,7 @@ bool isAnsweredByStop(const Operation& operation) {
 
 }  // namespace
 
-/// A withdrawal is kept, whatever it was answered, but by a stop.
+/// A withdrawal is kept with any answer, except the answer of a stop.
 bool KeptService::Registration::isOver() const {
     return isWithdrawn || operation->isRefused() ||
            std::any_of(withdrawals.begin(), withdrawals.end(), [](const auto& withdrawal) {
@@ -69,7 +69,7 @@ void KeptService::withdraw(Random& random) {
 }
 
 void KeptService::withdraw(Registration& registration) {
-    place_.traffic.expectPuts(path_);  // of what is left, or to learn the uuid
+    place_.traffic.expectPuts(path_);  // to send the remaining description or learn the uuid
     ++place_.withdrawals;
     registration.withdrawals.push_back(place_.ledger.begin(registration.operation->client));
     registration.handle(place_.ledger.answer(registration.withdrawals.back()));
@@ -141,7 +141,7 @@ class KeptServices::Member final : public Unit {
             service_.withdraw(random);
         }
         if (choice < 2) {
-            service_.withdraw(random);  // perhaps before the first PUT is answered
+            service_.withdraw(random);  // may come before the first PUT is answered
         }
     }
 
@@ -168,7 +168,7 @@ std::vector<std::unique_ptr<Unit>> KeptServices::units() {
     return units;
 }
 
-/// Not while the client is stopped: nothing would be withdrawn.
+/// Not while the client is stopped, because nothing would be withdrawn.
 void KeptServices::withdrawAll() {
     const std::unique_lock<std::shared_mutex> calls(calls_);
     const std::unique_lock<std::mutex> running(running_, std::try_to_lock);

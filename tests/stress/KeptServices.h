@@ -8,7 +8,7 @@
 
 namespace orvx::stress {
 
-/// One path at the registry, and registrations of it, each with a description of its own. By one
+/// One path at the registry, and registrations of it with different descriptions. Used by one
 /// thread at a time.
 class KeptService {
   public:
@@ -17,22 +17,23 @@ class KeptService {
     const std::string& path() const { return path_; }
 
     void announce(Announcer& announcer);
-    /// Any registration that nobody withdraws yet; once, or twice in a row.
+    /// Withdraws a random registration that is not withdrawn, once or twice in a row.
     void withdraw(Random& random);
-    /// Again those whose withdrawal was answered by a stop, which may or may not have come first.
+    /// Withdraws again the registrations whose withdrawal was answered by a stop: it is unknown
+    /// whether the withdrawal came first.
     void withdrawDoubtful();
-    /// All were withdrawn.
+    /// Called when all registrations were withdrawn.
     void noteWithdrawal();
-    /// Forgets registrations that are over.
+    /// Removes registrations that have ended.
     void tidy();
 
-    /// Registrations that nobody withdraws.
+    /// The number of registrations that are not withdrawn.
     std::size_t live() const;
-    /// Every withdrawal was answered, and not by a stop.
+    /// Whether every withdrawal was answered, and none by a stop.
     bool isCertain() const;
-    /// Every registration was answered.
+    /// Whether every registration was answered.
     bool isAnswered() const;
-    /// What the registry must hold; empty: nothing.
+    /// The description that the registry must hold; empty if there must be none.
     std::string latest() const;
 
   private:
@@ -45,7 +46,7 @@ class KeptService {
         std::shared_ptr<Operation> operation;
         IOrvServiceRegistryClient::UnregisterHandle handle;
         std::vector<std::shared_ptr<Operation>> withdrawals;
-        bool isWithdrawn = false;  ///< With all others.
+        bool isWithdrawn = false;  ///< Together with all others.
     };
 
     void withdraw(Registration& registration);
@@ -62,9 +63,9 @@ class KeptServices {
     KeptServices(Place& place, const std::string& name, int services,
                  const Announcer::Options& options);
 
-    /// One for each service.
+    /// One unit for each service.
     std::vector<std::unique_ptr<Unit>> units();
-    /// Stops the client whatever is under way, and starts it again after that time.
+    /// Stops the client in any state, and starts it again after the pause.
     void restart(milliseconds pause);
     void stop() { place_.stop(announcer_); }
 
@@ -79,7 +80,8 @@ class KeptServices {
     Place& place_;
     Announcer announcer_;
     std::deque<KeptService> services_;
-    // Exclusive for what concerns all services, so that nobody calls the client meanwhile.
+    // Taken exclusively by operations on all services, so that no other thread calls the client
+    // then.
     std::shared_mutex calls_;
     // Held while the client is stopped.
     std::mutex running_;

@@ -1,7 +1,7 @@
-// The users' operations, and the callbacks that count what they are told.
+// The operations of the users, and callbacks that count their calls.
 //
-// Threads: users begin operations, the clients' callback threads answer them. The lists are under
-// mutex_; the answers are atomics, or under the lock of their withdrawal. Leaf locks all.
+// Threads: users begin operations, and the clients' callback threads answer them. mutex_ guards the
+// lists. The answers are atomic, or guarded by the lock of their withdrawal. All are leaf locks.
 
 #include "Ledger.h"
 

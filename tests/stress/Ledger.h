@@ -17,10 +17,10 @@ namespace orvx::stress {
 using serviceregistryclient::IOrvServiceRegistryClient;
 using serviceregistryclient::OrvRegistrationResponse;
 
-/// Whether a client has been stopped: set when its deinit() has returned.
+/// Whether a client was stopped: set when its deinit() has returned.
 using StopMark = std::shared_ptr<std::atomic<bool>>;
 
-/// One operation of a user's. Times are valid as soon as it is answered.
+/// One operation of a user. Its times are valid when it was answered.
 struct Operation {
     using Time = std::chrono::steady_clock::time_point;
 
@@ -38,8 +38,8 @@ struct Operation {
     std::atomic<Time> end{Time()};
 };
 
-/// A withdrawal of all. At most as many registrations as there were before the call, and at least
-/// as many as there were after it, have to be answered, each once.
+/// A withdrawal of all services. Each registration must be answered at most once. The number of
+/// answers is between the numbers of registrations before and after the call.
 struct WithdrawalOfAll {
     explicit WithdrawalOfAll(StopMark mark) : client(std::move(mark)) {}
 
@@ -50,21 +50,22 @@ struct WithdrawalOfAll {
     std::set<const void*> answered ORVX_GUARDED_BY(mutex);
 };
 
-/// What users asked and what they were told. Thread-safe. Must outlive the clients.
+/// The operations of users and their outcomes. Thread-safe. Must outlive the clients.
 class Ledger {
   public:
     struct Counts {
         std::size_t operations = 0;
         std::size_t answered = 0;
         std::size_t ok = 0;
-        std::size_t unanswered = 0;  ///< Of clients that are not stopped.
+        std::size_t unanswered = 0;  ///< Only of clients that are not stopped.
         std::size_t outstandingAtStop = 0;
         std::size_t withdrawalsOfAll = 0;
-        /// Of which too many were told, or, if the client is not stopped, too few.
+        /// The number of withdrawals of all with too many answers or, if the client is not stopped,
+        /// too few.
         std::size_t wrongWithdrawalsOfAll = 0;
     };
 
-    /// While it lives, callbacks may run on this thread too, if it is `allowed`.
+    /// While an object lives, callbacks may also run on this thread, if it is `allowed`.
     class Caller {
       public:
         explicit Caller(bool allowed);
@@ -82,7 +83,7 @@ class Ledger {
 
     Counts counts() const ORVX_EXCLUDES(mutex_);
     std::size_t notifications() const { return notifications_; }
-    /// Callbacks that should not have been: on another thread, a second time, after the stop.
+    /// The numbers of wrong callbacks: on another thread, a second time, after the stop.
     std::size_t onWrongThread() const { return onWrongThread_; }
     std::size_t twice() const { return twice_; }
     std::size_t afterStop() const { return afterStop_; }

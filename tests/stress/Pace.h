@@ -11,10 +11,10 @@ namespace orvx::stress {
 using Random = std::mt19937_64;
 using std::chrono::milliseconds;
 
-/// Waits that end early when everything ends. Thread-safe.
+/// Waits that end early when the program ends. Thread-safe.
 class Pace {
   public:
-    /// False when it has ended.
+    /// Returns false if the program has ended.
     bool wait(milliseconds duration) ORVX_EXCLUDES(mutex_);
     void end() ORVX_EXCLUDES(mutex_);
 

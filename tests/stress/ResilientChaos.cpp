@@ -1,8 +1,8 @@
-// Chaos with resilience: disturbances, and the comparison of the registry's list with what is
-// announced and not withdrawn.
+// Chaos with resilience: the faults, and the comparison of the registry's list with the services
+// that are announced and not withdrawn.
 //
-// Threads: this is the main thread's, which owns everything and starts the users; the clients go on
-// while it judges. No locks.
+// Threads: used by the main thread, which owns everything and starts the users. The clients
+// continue while it judges. No locks.
 
 #include "ResilientChaos.h"
 
@@ -51,7 +51,7 @@ void ResilientChaos::run() {
     Users users(units, options_.threads, options_.seed + 1);
     disturb();
     users.stop();
-    // While the faults go on: whether a withdrawal was taken before a stop is not known.
+    // During the faults: it is unknown whether a withdrawal was accepted before a stop.
     settle(kPatience, [this] {
         bool isCertain = true;
         for (KeptServices& client : clients_) {
@@ -97,15 +97,15 @@ bool ResilientChaos::judge(std::ostream& out) {
     return verdicts.print(out);
 }
 
-// A request that is out when the faults end is answered or ends within its time-out, and so does
-// one more, after the longest step of the back-off; a loss is found by the next check.
+// A request that is outstanding when the faults end is answered or ends within its time-out, and so
+// does one more, after the longest step of the back-off. The next check finds a loss.
 void ResilientChaos::judgeEntries(Verdicts& verdicts) {
     Verdict& verdict = verdicts.add("p3 the registry holds what is announced and not withdrawn");
     const auto bound = 2 * Announcer::kCheckInterval + 16 * Announcer::kRetryInterval +
                        2 * Announcer::kRequestTimeout;
     settle(bound + kAllowance, [this] { return differences().empty(); });
     const auto duration = std::chrono::duration_cast<milliseconds>(Clock::now() - peace_);
-    // And it stays so.
+    // The state does not change any more.
     pace_.wait(2 * Announcer::kCheckInterval);
     for (const std::string& difference : differences()) {
         verdict.require(false, difference);
@@ -122,7 +122,7 @@ void ResilientChaos::judgeEntries(Verdicts& verdicts) {
                     << " of a PUT that came to the registry after its client had given it up";
 }
 
-/// Between the registry's list and what it must be.
+/// The differences between the registry's list and the expected list.
 std::vector<std::string> ResilientChaos::differences() {
     std::vector<std::string> differences;
     std::map<std::string, std::string> descriptions;
@@ -159,8 +159,8 @@ std::vector<std::string> ResilientChaos::differences() {
     return differences;
 }
 
-/// A registration that is not withdrawn is known as announced, with its entry's uuid; no other one
-/// is known.
+/// A registration that is not withdrawn is announced with its entry's uuid, and there are no other
+/// registrations.
 void ResilientChaos::compareStatuses(KeptServices& client,
                                      const std::map<std::string, std::string>& uuids,
                                      std::vector<std::string>& differences) {
@@ -182,7 +182,8 @@ void ResilientChaos::compareStatuses(KeptServices& client,
     }
 }
 
-// Stops with operations outstanding, amid faults: with resilience each of them is answered.
+// Stops the clients with operations outstanding, during faults: with resilience each of them is
+// answered.
 void ResilientChaos::judgeStop(Verdicts& verdicts) {
     harmStops(registry_);
     for (const auto& member : members_) {
@@ -196,8 +197,8 @@ void ResilientChaos::judgeStop(Verdicts& verdicts) {
                     "an operation is not answered by a stop");
 }
 
-// An entry that is lost is put again, and a registry that restarted, or a client, has all entries
-// looked at once more.
+// A lost entry is registered again. After a restart of the registry or of a client all entries are
+// checked once more.
 void ResilientChaos::judgeRequests(Verdicts& verdicts) {
     Verdict& verdict = verdicts.add("p4 requests are bounded");
     const auto puts = place_.traffic.puts(2);

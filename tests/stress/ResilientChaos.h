@@ -5,14 +5,14 @@
 
 namespace orvx::stress {
 
-/// Users of clients with resilience, a registry, and everything that can go wrong between them, for
-/// a while; then peace, in which the registry must converge. For one thread, once.
+/// Users of clients with resilience, a registry, and faults between them for some time. Then the
+/// faults end, and the registry must converge. Used by one thread, once.
 class ResilientChaos {
   public:
     explicit ResilientChaos(const ChaosOptions& options);
 
     void run();
-    /// Prints one line for each promise; false when one was broken.
+    /// Prints one line for each guarantee. Returns false if one was broken.
     bool judge(std::ostream& out);
 
   private:
@@ -28,11 +28,11 @@ class ResilientChaos {
     Random random_;
     Place place_;  // outlives the proxy's taps and the clients
     FaultyRegistry registry_;
-    const std::size_t descriptors_;  // without a connection
+    const std::size_t descriptors_;  // the number of descriptors without a connection
     std::deque<KeptServices> clients_;
     std::vector<std::unique_ptr<Unit>> members_;
     Pace pace_;
-    /// When the faults ended.
+    /// The time at which the faults ended.
     std::chrono::steady_clock::time_point peace_;
     std::size_t late_ = 0;
 };

@@ -1,7 +1,7 @@
 // A client, its users and a hostile registry.
 //
-// Threads: the test's, which stops; the users', which call the client's operations until they are
-// ended; the client's, which call into the ledger. No locks here.
+// Threads: the test's, which stops the client; the users', which call the client's operations until
+// they are ended; the client's, which call the ledger. No locks here.
 
 #include "Scene.h"
 

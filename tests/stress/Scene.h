@@ -21,9 +21,9 @@ using testing::Request;
 using testing::response;
 using testing::Script;
 
-/// A client at a registry that does what a test tells it, users' threads, and a ledger of what they
-/// were told. The services of the users obey; those of the test have names of their own. Options
-/// are set on `context` and `http` before start().
+/// A client, a registry that the test controls, users' threads, and a ledger of operations and
+/// outcomes. The registry carries out the requests of the users' services; those of the test have
+/// other names. Options are set on `context` and `http` before start().
 class Scene {
   public:
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -39,14 +39,15 @@ class Scene {
     Scene(const Scene&) = delete;
     Scene& operator=(const Scene&) = delete;
 
-    /// May be repeated after stopContext().
+    /// May be called again after stopContext().
     void start();
-    /// What start() made, to be used inside callbacks while the context is being stopped, too.
+    /// The client that start() made. May also be used inside callbacks while the context is being
+    /// stopped.
     OrvServiceRegistryClient& client() {
         return *client_;
     }
 
-    /// What is told goes into the ledger, and then to `then`.
+    /// A callback that records its outcome in the ledger and then calls `then`.
     IOrvServiceRegistryClient::ResponseCallback record(std::function<void()> then = {});
     IOrvServiceRegistryClient::UnregisterHandle registerService(const std::string& name);
     IOrvServiceRegistryClient::UnregisterHandle registerAt(
@@ -57,17 +58,17 @@ class Scene {
     /// Registers and waits for the outcome, which must be a success.
     IOrvServiceRegistryClient::UnregisterHandle registered(const std::string& name);
 
-    /// Users work from here on until endUsers().
+    /// Starts the users, who work until endUsers().
     void startUsers();
     void endUsers();
-    /// Some time up to three milliseconds. For the test's thread.
+    /// Waits for a random time of up to three milliseconds. For the test's thread.
     void passAMoment();
 
-    /// Within the bound; afterwards nobody is called.
+    /// Stops the client within the time limit. No callback runs afterwards.
     void stopClient();
     void stopContext();
     void endContext();
-    /// From now on calls are right again.
+    /// Allows callbacks again.
     void startAgain() {
         *mark = false;
     }

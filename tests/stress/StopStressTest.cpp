@@ -1,7 +1,8 @@
-// Stopping at random moments in every phase of a request, while users' threads call operations and
-// change the listener: it is quick, nobody is called afterwards, nothing is left, and a client that
-// is started again works. ORVX_STRESS_REPEATS says how often each is tried (20), ORVX_STRESS_SEED
-// what the moments and the users' choices are drawn from (a random number, which is printed).
+// Stops at random moments in every phase of a request, while users' threads call operations and
+// change the listener: they are quick, no callback runs afterwards, nothing is left, and a client
+// that is started again works. ORVX_STRESS_REPEATS is the number of repetitions of each case (20),
+// ORVX_STRESS_SEED the seed of the moments and the users' choices (a random number, which is
+// printed).
 //
 // Threads: the test's, the users', the client's and the server's.
 
@@ -30,19 +31,20 @@ bool noneIsOurs() {
                         [](const std::string& name) { return name.rfind("ORVX_", 0) == 0; });
 }
 
-/// Never answers.
+/// Answers no request.
 Script silence(const Request& /*request*/) {
     return Script().silence();
 }
 
 class AStopAtARandomMoment : public ::testing::Test {
   protected:
-    // A sanitizer's own thread begins with the first one that is made: before they are counted.
+    // A sanitizer starts a thread of its own with the first thread of the program, so one is
+    // started before threads are counted.
     AStopAtARandomMoment() {
         std::thread([] {}).join();
     }
 
-    /// Sets the scene, starts it, and returns when the phase is reached.
+    /// Prepares the scene, starts it, and returns when the phase is reached.
     using Reach = std::function<void(Scene&)>;
 
     void repeat(const Reach& reach) {
@@ -70,7 +72,7 @@ class AStopAtARandomMoment : public ::testing::Test {
         const auto way = random() % 3;
         scene.startUsers();
         scene.passAMoment();
-        if (way == 0) {  // the client alone may be stopped while others use it
+        if (way == 0) {  // only the client may be stopped while others use it
             scene.stopClient();
             scene.passAMoment();
             scene.endUsers();
@@ -100,7 +102,7 @@ class AStopAtARandomMoment : public ::testing::Test {
     }
 
     static void expectPeace(Scene& scene) {
-        // The thread that looks up a name ends with the look-up.
+        // The look-up's thread ends with the look-up.
         const bool isLookingUp = scene.resolver.has_value();
         scene.resolver.reset();
         EXPECT_TRUE(isLookingUp ? eventually(noneIsOurs) : noneIsOurs())

@@ -1,8 +1,8 @@
-// Reads the requests off the taps of a proxy, checks their shape and counts them by target and
-// second.
+// Parses the requests in the bytes that the proxy's taps observe, checks their form, and counts
+// them by target and second.
 //
-// Threads: taps live on the proxy's; everything else is any thread's. The counts are under mutex_,
-// which is a leaf lock.
+// Threads: taps run on the proxy's thread, everything else on any thread. mutex_ guards the counts
+// and is a leaf lock.
 
 #include "Traffic.h"
 
@@ -28,7 +28,7 @@ bool isEntry(const std::string& target) {
            target.find_first_not_of("0123456789abcdef-", 1) == std::string::npos;
 }
 
-/// The description belongs to the path that this program's users give it.
+/// Whether the description is one that this program's users register under the path.
 bool describes(const std::string& body, const std::string& target) {
     const auto json = nlohmann::json::parse(body, nullptr, false);
     return json.is_object() && !json.contains("id") && '/' + json.value("name", "") == target &&
@@ -63,13 +63,13 @@ bool mayBecomeRequest(const std::string& bytes) {
 
 }  // namespace
 
-/// One connection: requests and answers take turns on it.
+/// One connection: requests and answers alternate on it.
 class Traffic::Tap final : public ITap {
   public:
     explicit Tap(Traffic& traffic) : traffic_(traffic) {}
 
-    // A kept connection that ends, perhaps without an answer: an HTTP client may send its last
-    // request once more, over another one. The first request of a connection is never repeated.
+    // A kept connection that ends, perhaps without an answer: an HTTP client may repeat its last
+    // request once over another connection. The first request of a connection is never repeated.
     ~Tap() override {
         if (requests_ > 1) {
             traffic_.allowResend(method_, target_);
@@ -118,7 +118,7 @@ class Traffic::Tap final : public ITap {
     std::string input_;
     std::size_t taken_ = 0;
     std::size_t arrived_ = 0;
-    /// Those that have not reached the server yet, and where they end.
+    /// The requests that have not reached the server yet, and the positions of their ends.
     std::deque<std::pair<std::size_t, Request>> puts_;
     std::size_t requests_ = 0;
     std::string method_;
@@ -228,7 +228,7 @@ Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) c
     }
     for (const auto& [name, target] : found->second) {
         for (const auto& [second, counts] : target.seconds) {
-            Second around;  // what this second's requests may come from
+            Second around;  // the permitted causes of this second's requests
             for (auto near = target.seconds.lower_bound(second - 1);
                  near != target.seconds.end() && near->first <= second + 1; ++near) {
                 around.resends += near->second.resends;
@@ -241,17 +241,18 @@ Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) c
     return load;
 }
 
-// One registration at a time has this path. With a retry interval of 20 ms its attempts are apart
-// by at least 10, 20, 40, 80 and then 160 ms: at most 10 in a second, the limited ones, which are
-// 20 ms apart, end after 4. A registration that took its place in that second has as many again.
+// One registration at a time has this path. With a retry interval of 20 ms its attempts are at
+// least 10, 20, 40, 80 and then 160 ms apart, so there are at most 10 in a second. Limited retries,
+// which are 20 ms apart, end after 4. A registration that replaces it in the same second has as
+// many again.
 Traffic::Load Traffic::puts(std::size_t rows) const {
     return load("PUT", [rows](const Second& around) {
         return 10 * (rows + around.registrations) + around.resends;
     });
 }
 
-// The next check begins one interval, 1 s, after the answer to the one before: one in a second, and
-// a second one where their way here took differently long.
+// The next check begins one interval, 1 s, after the answer to the previous one: there is one in a
+// second, or two if their delays on the way differ.
 Traffic::Load Traffic::checks(std::size_t most) const {
     return load("HEAD", [most](const Second& around) { return most + around.resends; });
 }

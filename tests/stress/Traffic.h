@@ -16,8 +16,8 @@
 
 namespace orvx::stress {
 
-/// What clients asked and a registry answered, as a proxy's taps saw it. Thread-safe. Outlives its
-/// taps.
+/// The requests of clients and the answers of a registry, as a proxy's taps observe them.
+/// Thread-safe. Must outlive its taps.
 class Traffic {
   public:
     using Clock = std::chrono::steady_clock;
@@ -25,33 +25,33 @@ class Traffic {
 
     FaultProxy::TapMaker tapMaker();
 
-    /// A user has asked for something that needs a PUT to this path.
+    /// A user has called an operation that needs a PUT to this path.
     void expectPuts(const std::string& path) ORVX_EXCLUDES(mutex_);
 
     std::size_t requests() const ORVX_EXCLUDES(mutex_);
-    /// Requests that this client never makes, and why.
+    /// Requests that this client must not send, with the reason.
     std::vector<std::string> malformed() const ORVX_EXCLUDES(mutex_);
     std::size_t checksSince(const std::string& uuid, Time begin) const ORVX_EXCLUDES(mutex_);
     /// Whether the registry answered a check with 404 in that time.
     bool wasMissing(const std::string& uuid, Time begin, Time end) const ORVX_EXCLUDES(mutex_);
     /// Whether the last PUT of this description to this path reached the registry after the client
-    /// had given it up: the client cannot know that the registry has carried it out.
+    /// had abandoned it: the client cannot know that the registry has processed it.
     bool cameLate(const std::string& path, const std::string& description) const
         ORVX_EXCLUDES(mutex_);
 
-    /// The most requests for one target in one second, and in how many seconds there were more than
-    /// the rules allow.
+    /// The maximum number of requests for one target in one second, and the number of seconds with
+    /// more than the rules allow.
     struct Load {
         std::size_t most = 0;
         std::size_t tooMany = 0;
     };
-    /// With so many times in a row of attempts that back off, in addition to those that users ask
-    /// for.
+    /// `rows` is the permitted number of sequences of attempts with a back-off, in addition to the
+    /// requests of users.
     Load puts(std::size_t rows = 1) const ORVX_EXCLUDES(mutex_);
-    /// With at most so many for an entry in a second.
+    /// `most` is the permitted number for an entry in a second.
     Load checks(std::size_t most = 2) const ORVX_EXCLUDES(mutex_);
     std::size_t deletes() const ORVX_EXCLUDES(mutex_);
-    /// How many requests of that method an HTTP client may have sent once more.
+    /// The number of requests with this method that an HTTP client may have repeated.
     std::size_t resends(const std::string& method) const ORVX_EXCLUDES(mutex_);
 
   private:

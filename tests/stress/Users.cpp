@@ -1,7 +1,7 @@
-// What users do at random: register, withdraw, withdraw all, replace the listener, stop.
+// Random operations of users: register, withdraw, withdraw all, replace the listener, stop.
 //
-// Threads: each unit belongs to one user's thread; the crowd's client is used by all of them, under
-// a shared lock that only a withdrawal of all takes for itself. No callback takes any of the locks.
+// Threads: each unit belongs to one user's thread. All users share the crowd's client, under a
+// shared lock that only a withdrawal of all takes exclusively. No callback takes any of the locks.
 
 #include "Users.h"
 
@@ -59,7 +59,7 @@ void Service::forget() {
     begun_.clear();
 }
 
-// The answer to a check takes at most the request's time-out, and so does the withdrawal.
+// The answer to a check takes at most the request time-out, and so does the withdrawal.
 bool Service::mayHaveLostItsCheck(const std::string& uuid) const {
     const auto margin = Announcer::kRequestTimeout + std::chrono::seconds(1);
     return std::any_of(begun_.begin(), begun_.end(), [&](Traffic::Time begin) {

@@ -11,7 +11,7 @@
 
 namespace orvx::stress {
 
-/// Where all users announce, and what watches them.
+/// The registry of all users, and the objects that observe it.
 struct Place {
     Ledger ledger;
     Traffic traffic;
@@ -24,23 +24,23 @@ struct Place {
     void noteStop(milliseconds duration);
 };
 
-/// A service that is registered and withdrawn again and again, by one thread at a time. Never two
-/// registrations at once.
+/// A service that is registered and withdrawn repeatedly, by one thread at a time. There are never
+/// two registrations at once.
 class Service {
   public:
     Service(Place& place, std::string name) : place_(place), name_(std::move(name)) {}
 
     const std::string& name() const { return name_; }
-    /// Neither registered nor about to be, as far as was told.
+    /// Whether the service is neither registered nor being registered, by the outcomes so far.
     bool isOver() const;
     void announce(Announcer& announcer);
-    /// Once, or twice in a row.
+    /// Withdraws the service, once or twice in a row.
     void withdraw(int times);
     void forget();
-    /// That a withdrawal, perhaps of all, has begun.
+    /// Records that a withdrawal, perhaps of all services, has begun.
     void noteWithdrawal() { begun_.push_back(Traffic::Clock::now()); }
     /// Whether a check of this entry may have been answered with 404 during a withdrawal, which
-    /// ends it without a word.
+    /// ends the check without a log line.
     bool mayHaveLostItsCheck(const std::string& uuid) const;
 
   private:
@@ -52,16 +52,16 @@ class Service {
     std::vector<Traffic::Time> begun_;
 };
 
-/// Something that a user has a turn at now and then.
+/// Something on which a user performs an operation from time to time.
 class Unit {
   public:
     virtual ~Unit() = default;
     virtual void turn(Random& random) = 0;
-    /// Leaves an operation outstanding.
+    /// Calls an operation and leaves it outstanding.
     virtual void ask() = 0;
 };
 
-/// A context with one service: a new context for each registration, so that all its log is that of
+/// A context with one service. Each registration has a new context, so that its whole log concerns
 /// one check.
 class Single final : public Unit {
   public:
@@ -90,7 +90,7 @@ class Crowd {
   public:
     Crowd(Place& place, const std::string& name, int services, milliseconds headTimeout);
 
-    /// One for each service.
+    /// One unit for each service.
     std::vector<std::unique_ptr<Unit>> units();
     void stop() { place_.stop(*announcer_); }
 
@@ -101,24 +101,26 @@ class Crowd {
     class Member;
 
     void withdrawAll();
-    /// Stops the client amid withdrawals, and begins anew with another one.
+    /// Stops the client during withdrawals, and replaces it by another one.
     void restart();
 
     Place& place_;
     const Announcer::Options options_;
     std::unique_ptr<Announcer> announcer_;
     std::deque<Service> services_;
-    // Exclusive for what concerns all services, so that nobody calls the client meanwhile.
+    // Taken exclusively by operations on all services, so that no other thread calls the client
+    // then.
     std::shared_mutex calls_;
 };
 
-/// Threads that take turns at units, each at its own share of them, from construction to stop().
+/// Threads that perform operations on units in turn, each on its own share of them, from
+/// construction to stop().
 class Users {
   public:
     Users(const std::vector<Unit*>& units, std::size_t threads, std::uint64_t seed);
     ~Users() { stop(); }
 
-    /// Every thread has ended when it returns.
+    /// When it returns, every thread has ended.
     void stop();
 
   private:

@@ -1,6 +1,6 @@
 // Verdicts that are the same with resilience and without.
 //
-// Threads: those of one, with the users gone; the clients go on. No locks.
+// Threads: used by one thread, when the users have ended; the clients continue. No locks.
 
 #include "Verdicts.h"
 

@@ -13,7 +13,7 @@
 
 namespace orvx::stress {
 
-// What a busy machine, and instrumented code, may add to what is promised.
+// The time that a busy machine, and instrumented code, may add to the promised times.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr milliseconds kStopBound{5000};
 constexpr milliseconds kAllowance{20'000};
@@ -21,10 +21,10 @@ constexpr milliseconds kAllowance{20'000};
 constexpr milliseconds kStopBound{1500};
 constexpr milliseconds kAllowance{3000};
 #endif
-/// Nothing is left to be waited for after this in any case.
+/// Longer than any time that remains to be waited for.
 constexpr milliseconds kPatience{30'000};
 
-/// A promise, with figures, and how it was broken.
+/// A guarantee, with figures, and the ways in which it was broken.
 struct Verdict {
     explicit Verdict(std::string promise) : name(std::move(promise)) {}
 
@@ -39,30 +39,30 @@ struct Verdict {
     std::vector<std::string> violations;
 };
 
-/// In the order in which they were added. For one thread.
+/// The verdicts in the order in which they were added. Used by one thread.
 class Verdicts {
   public:
     Verdict& add(const std::string& promise) { return list_.emplace_back(promise); }
-    /// Prints one line for each promise; false when one was broken.
+    /// Prints one line for each guarantee. Returns false if one was broken.
     bool print(std::ostream& out) const;
 
   private:
     std::deque<Verdict> list_;
 };
 
-/// False when the condition does not hold within that time.
+/// Waits until the condition holds. Returns false if it does not hold within the time.
 bool settle(milliseconds bound, const std::function<bool()>& condition);
 
-/// What has happened, in one line.
+/// Prints the number of events in one line.
 void printCourse(std::ostream& out, const ChaosOptions& options, const Place& place,
                  FaultyRegistry& registry);
 
 // The verdicts that do not depend on the rules by which services are kept.
 
 void judgeAnswers(Verdicts& verdicts, const Ledger& ledger);
-/// Makes the network slow and deaf for the stops to come.
+/// Makes the network slow and unresponsive for the following stops.
 void harmStops(FaultyRegistry& registry);
-/// After the last stop, with as many descriptors as there were without a connection.
+/// Judged after the last stop: there must be as many descriptors as without a connection.
 Verdict& judgeStops(Verdicts& verdicts, const Place& place, FaultyRegistry& registry,
                     std::size_t descriptors);
 void judgeShape(Verdicts& verdicts, const Traffic& traffic);

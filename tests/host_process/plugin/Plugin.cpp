@@ -1,5 +1,5 @@
-// A plug-in with a client inside: the program that loads it knows nothing of the library.
-// Entered by the thread that loads it; no lock.
+// A plug-in with a client. The program that loads it does not know the library. Entered by the
+// thread that loads it; no lock.
 
 #include "Plugin.h"
 

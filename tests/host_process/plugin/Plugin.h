@@ -4,14 +4,15 @@
 
 #include <cstdint>
 
-// What the plug-in offers. One thread at a time.
+// The functions of the plug-in, for one thread at a time.
 extern "C" {
 
-/// Starts a client and announces a service at the registry at that port of 127.0.0.1, in the
-/// blocking form.
+/// Starts a client, and announces a service with a blocking call at the registry at this port of
+/// 127.0.0.1.
 ORVX_EXPORT bool announce(std::uint16_t port);
-/// Starts an announcement at a host of that name, and returns at once. After announce().
+/// Starts an announcement at a host with this name, and returns immediately. Call it after
+/// announce().
 ORVX_EXPORT void announceAtHost(const char* host);
-/// Withdraws what announce() announced, and ends the client.
+/// Withdraws the service of announce(), and ends the client.
 ORVX_EXPORT bool withdraw();
 }
