@@ -74,7 +74,7 @@ TEST_F(TheCompletion, OffersEveryOption) {
     EXPECT_EQ(completions("--status"), std::set<std::string>{"--status-file"});
 }
 
-TEST_F(TheCompletion, OffersWhatAnOptionTakes) {
+TEST_F(TheCompletion, OffersTheValuesOfAnOption) {
     const Folder folder;
     const auto file = folder.write("services.json", "[]");
     EXPECT_EQ(completions("--from " + folder.file("ser")), std::set<std::string>{file});

@@ -130,7 +130,7 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
 }
 
-TEST_F(TheOptions, ThatAreWrongAreToldInOneLineWithAHint) {
+TEST_F(TheOptions, ThatAreInvalidAreReportedInOneLineWithAHint) {
     const Words good{"--registry", "http://127.0.0.1", "--name", "a", "--port", "1"};
     const auto expect = [](const Words& arguments, const std::string& text) {
         const std::string told = refusal(arguments);

@@ -136,7 +136,7 @@ TEST_F(TheOutput, IsColouredOnATerminalUnlessThatIsNotWanted) {
     }
 }
 
-TEST_F(TheOutput, TellsTheStatusWhenItIsAskedFor) {
+TEST_F(TheOutput, PrintsTheStatusOnRequest) {
     Announce announce(echo() + Words{"--json"});
     announce.awaitOutput("\"announced\"");
     announce.signal(SIGUSR1);
@@ -155,7 +155,7 @@ TEST_F(TheOutput, TellsTheStatusWhenItIsAskedFor) {
     EXPECT_EQ(shown.count("lastFailure"), 0U);
 }
 
-TEST_F(ALongLine, DoesNotWaitForRoomInAPipeThatNobodyReads) {
+TEST_F(ALongLine, DoesNotWaitForSpaceInAPipeThatIsNotRead) {
     const SmallPipe pipe(folder.file("pipe"));
     ChildProcess announce("/bin/sh", writingTo(pipe));
     EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
@@ -203,7 +203,7 @@ TEST_F(TheStatusFile, FollowsTheServiceFromItsStartToItsEnd) {
     EXPECT_EQ(serviceWhen(isIn("withdrawn")).count("uuid"), 1U);
 }
 
-TEST_F(TheStatusFile, CountsAsAnnouncedWhatWasConfirmedWithinTwoCheckIntervals) {
+TEST_F(TheStatusFile, CountsServicesThatWereConfirmedWithinTwoCheckIntervals) {
     holdBack("HEAD");
     Announce announce(echo(front.port()) + Words{"--status-file", file, "--check-interval", "2",
                                                  "--check-timeout", "0.1"});

@@ -92,7 +92,7 @@ TEST_F(AReload, OfAFileThatIsWrongChangesNothing) {
     EXPECT_EQ(requestsOf("PUT"), 2);
 }
 
-TEST_F(AReload, AnnouncesAgainWhatIsStillBeingWithdrawn) {
+TEST_F(AReload, AnnouncesAServiceAgainThatIsStillBeingWithdrawn) {
     const auto file = write({lamp("same", "a"), lamp("lamp", "a")});
     Announce announce(options(file));
     EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
@@ -130,7 +130,7 @@ TEST_F(AReload, OfAFolderChangesNothing) {
                       "not a regular file");
 }
 
-TEST_F(AReload, OfAFifoThatNobodyWritesToDoesNotWait) {
+TEST_F(AReload, OfAFifoWithoutAWriterDoesNotWait) {
     expectNotReloaded(makeFifo, "not a regular file");
 }
 

@@ -48,7 +48,7 @@ TEST_F(TheServiceManager, NeedNotWaitForTheRegistry) {
     told.await("READY=1");
 }
 
-TEST_F(TheServiceManager, IsToldAgainAndAgainThatTheProgramIsAliveIfItWantsTo) {
+TEST_F(TheServiceManager, GetsRegularSignsOfLifeIfItRequestsThem) {
     const Notifications told(folder.file("notify"));
     const Words variables{"NOTIFY_SOCKET=" + folder.file("notify"), "WATCHDOG_USEC=20000"};
     ChildProcess announce("/usr/bin/env", started(variables, echo()));
@@ -75,7 +75,7 @@ TEST_F(TheServiceManager, MayWantASignOfLifeLaterThanTheClockCounts) {
     EXPECT_EQ(exitCode(announce.wait()), 0);
 }
 
-TEST_F(TheServiceManager, IsNotToldThatAnotherProcessIsAlive) {
+TEST_F(TheServiceManager, GetsNoSignOfLifeForAnotherProcess) {
     const Notifications told(folder.file("notify"));
     const Words variables{"NOTIFY_SOCKET=" + folder.file("notify"), "WATCHDOG_USEC=20000",
                           "WATCHDOG_PID=1"};

@@ -131,7 +131,7 @@ TEST_F(AWithdrawal, ThatIsNotAnsweredEndsWithinItsBoundAfterTheCommandDied) {
     EXPECT_THAT(announce.ended(8).errors, HasSubstr(" left "));
 }
 
-TEST_F(AWithdrawal, ThatIsNotDoneIsToldByTheExitStatusOfACommandThatSucceeds) {
+TEST_F(AWithdrawal, ThatFailsIsReportedByTheExitStatusAfterACommandThatSucceeds) {
     holdBack("DELETE");
     Announce announce(echo(front.port()) + Words{"--withdraw-timeout", "0.2"} +
                       shell("read line; exit 0"));
@@ -172,7 +172,7 @@ TEST_F(AWithdrawal, ThatWasGivenUpIsMadeUpForWhileTheCommandEnds) {
     EXPECT_THAT(announce.ended(3).errors, Not(HasSubstr(" announced ")));
 }
 
-TEST_F(AWithdrawal, IsNotHeldUpByOutputThatNobodyReads) {
+TEST_F(AWithdrawal, IsNotDelayedByOutputThatIsNotRead) {
     const std::string fillStandardError =
         "import os, signal\n"
         "end = os.open('/proc/self/fd/2', os.O_WRONLY | os.O_NONBLOCK)\n"

@@ -195,7 +195,7 @@ TEST_F(ADeployment, IsUnreachableWhenTheProxyRefusesTheNextTunnel) {
     start();
     EXPECT_EQ(registered("lamp", nginx.port()), "OK");
     http.proxyCredentials->setBasic("user", "wrong");
-    EXPECT_EQ(registered("clock", nginx.port()), "OK") << "the tunnel that stands goes on";
+    EXPECT_EQ(registered("clock", nginx.port()), "OK") << "the existing tunnel continues";
     nginx.reload({true, "", ""});
     EXPECT_EQ(registered("late", nginx.port()), "CONNECT_FAILED");
 }

@@ -82,7 +82,7 @@ TEST_F(TheAnnounceExample, AnnouncesUntilItsInputEnds) {
     EXPECT_TRUE(entries().empty());
 }
 
-TEST_F(TheAnnounceExample, AnnouncesAgainWhatTheRegistryLost) {
+TEST_F(TheAnnounceExample, AnnouncesALostServiceAgain) {
     Example announce("announce", registry.port());
     announce.awaitOutput("announced: OK\n");
     const std::string target = "/" + entries().at(0).at("uuid").get<std::string>();
@@ -346,7 +346,7 @@ TEST_F(TheShutdownExample, LeavesWithinItsBoundAndWithFewLinesWhenTheRegistryIsS
     EXPECT_LT(steady_clock::now() - begin, kShutdownBound);
 }
 
-TEST_F(TheExamples, TellTheirUsageWithoutTheirArgumentsAndForWhatIsNoPort) {
+TEST_F(TheExamples, PrintTheirUsageWithoutTheirArgumentsAndWithAnInvalidPort) {
     for (const std::string name :
          {"announce", "blocking", "collection", "many", "metrics", "shutdown"}) {
         std::vector<std::string> arguments{"127.0.0.1", "x"};

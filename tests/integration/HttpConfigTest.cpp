@@ -42,7 +42,7 @@ TEST_F(TheHttpConfiguration, GivesEveryRequestItsHeadersAndItsUserAgent) {
     EXPECT_EQ(methods, (std::set<std::string>{"DELETE", "HEAD", "PUT"}));
 }
 
-TEST_F(TheHttpConfiguration, NamesTheLibraryAsTheUserAgentUnlessToldOtherwise) {
+TEST_F(TheHttpConfiguration, NamesTheLibraryAsTheUserAgentByDefault) {
     for (const Request& request : requestsOfALifetime()) {
         EXPECT_EQ(request.header("User-Agent"), "OrvxServiceRegistryClient");
     }

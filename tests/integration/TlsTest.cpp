@@ -155,7 +155,7 @@ TEST_F(Tls, IsNotBegunWithoutTheFileOfAuthorities) {
     tls.authorityFile = "/missing/authority.pem";
     try {
         start(tls);
-        FAIL() << "nobody noticed";
+        FAIL() << "start() accepted a missing file";
     } catch (const utility::OrvFoundationException& mistake) {
         EXPECT_STREQ(mistake.what(),
                      "HttpConfig::tls.authorityFile: /missing/authority.pem cannot be read: "
@@ -324,7 +324,7 @@ TEST_P(ATlsRegistryThatTurnsBad, GetsNoCheck) {
     EXPECT_THAT(whileBad.substr(whileBad.find("turned 2.")), Not(HasSubstr("saw")));
     registry.turnGood();
     EXPECT_EQ(notifications.await(3), (std::vector<bool>{true, false, true}))
-        << "what it forgot while it was bad is noticed when it is good";
+        << "the loss during the fault is found after it";
 }
 
 INSTANTIATE_TEST_SUITE_P(Later, ATlsRegistryThatTurnsBad,

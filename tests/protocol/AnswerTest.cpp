@@ -93,7 +93,7 @@ TEST_F(ARegistry, MustEndItsLinesWithACarriageReturn) {
     expectItWorks();
 }
 
-TEST_F(ARegistry, MayAnswerWithNumbersThatNobodyKnows) {
+TEST_F(ARegistry, MayAnswerWithUnknownStatusCodes) {
     start();
     for (const int status : {200, 201}) {
         EXPECT_EQ(outcomeOf(response(status, {{"Location", "/x" + std::to_string(status)}})),

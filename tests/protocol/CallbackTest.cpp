@@ -70,7 +70,7 @@ TEST_F(ACallback, MayCallTheClient) {
     expectItWorks();
 }
 
-TEST_F(ACallback, MayWithdrawWhatItWasToldOf) {
+TEST_F(ACallback, MayWithdrawTheReportedService) {
     start();
     auto handle = std::make_shared<Handle>();
     const auto isThere = std::make_shared<Recorder>();
@@ -164,7 +164,7 @@ TEST_F(ACallback, OfOneClientIsNothingToAnother) {
     EXPECT_THAT(otherLog->takeLines(), IsEmpty());
 }
 
-TEST_F(ACallback, TellsOfEachServiceOfASet) {
+TEST_F(ACallback, IsCalledForEachServiceOfASet) {
     start();
     IOrvServiceRegistryClient::ServiceSet services;
     for (int i = 0; i < 100; ++i) {

@@ -67,7 +67,7 @@ TEST_F(AWithdrawal, MakesAConnectionWhenTheRegistryHasClosedTheIdleOne) {
     EXPECT_THAT(requestLines(), ElementsAre("PUT /lamp", "DELETE /lamp"));
 }
 
-TEST_F(AWithdrawal, IsAnsweredOnceToEachWhoAskedForIt) {
+TEST_F(AWithdrawal, IsAnsweredOnceToEachCaller) {
     start();
     server.nextRequest(created("/uuid"));
     server.nextRequest(Script().waitForRelease("answer").send(response(200)));
@@ -159,7 +159,7 @@ TEST_F(ACheck, IgnoresABodyThatMustNotBeThere) {
     expectNotifications({"lamp is there"});
 }
 
-TEST_F(ACheck, ThatTellsOfALossRegistersTheServiceAgain) {
+TEST_F(ACheck, ThatFindsALossRegistersTheServiceAgain) {
     const Handle handle = checkWith({response(404), created("/again"), response(200)});
     EXPECT_THAT(requestLines(),
                 ElementsAre("PUT /lamp", "HEAD /uuid", "PUT /lamp", "HEAD /again", "HEAD /again"));
@@ -170,7 +170,7 @@ TEST_F(ACheck, ThatTellsOfALossRegistersTheServiceAgain) {
     EXPECT_EQ(requestLines().back(), "DELETE /again");
 }
 
-TEST_F(ACheck, ThatTellsOfALossIsFollowedByPutsUntilOneSucceeds) {
+TEST_F(ACheck, ThatFindsALossIsFollowedByPutsUntilOneSucceeds) {
     checkWith({response(404), response(500), Script().close(), response(201), created("x"),
                response(404), created("/again")});
     EXPECT_THAT(requestLines(),
@@ -211,7 +211,7 @@ TEST_F(ACheck, WhoseAnswerComesAfterTheWithdrawalDoesNotRegisterAgain) {
     expectNotifications({"lamp is there", "lamp is gone", "other is there"});
 }
 
-TEST_F(ACheck, ThatIsNotAnsweredInTimeIsGivenUpForGood) {
+TEST_F(ACheck, ThatIsNotAnsweredInTimeIsAbandonedPermanently) {
     context->setHeadTimeout(milliseconds(50));
     server.nextRequest(created("/uuid"));
     server.nextRequest(Script().silence());

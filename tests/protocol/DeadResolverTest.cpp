@@ -36,7 +36,7 @@ TEST(TheDeadResolver, KeepsALookupOfLibcurlWaitingUntilItIsReleased) {
     EXPECT_EQ(resolver.lookups(), Names{"x.silent.test"});
 }
 
-TEST(TheDeadResolver, ReleasesTheWaitingWhenItGoes) {
+TEST(TheDeadResolver, ReleasesWaitingLookUpsWhenItIsDestroyed) {
     std::future<CURLcode> transfer;
     {
         const DeadResolver resolver;

@@ -238,7 +238,7 @@ INSTANTIATE_TEST_SUITE_P(Body, ABadAnswer, Combine(kWithBody, ValuesIn(kBody)), 
 
 class AnOddAnswer : public KindTest, public ::testing::WithParamInterface<Case> {};
 
-TEST_P(AnOddAnswer, CountsAsWhatItSays) {
+TEST_P(AnOddAnswer, HasItsNormalEffect) {
     const auto& [kind, answer] = GetParam();
     expectSuccess(kind, scriptOf(answer, kind));
 }

@@ -138,7 +138,7 @@ TEST(TheHostileServer, AnswersPipelinedRequestsInOrder) {
     EXPECT_EQ(Peer(server).exchange("GET a HTTP/1.1\r\n\r\nGET b HTTP/1.1\r\n\r\n", 2), "ab");
 }
 
-TEST(TheHostileServer, AnswersWhatNobodyScriptedWithAServerError) {
+TEST(TheHostileServer, AnswersRequestsWithoutAScriptWithAServerError) {
     HostileServer server;
     EXPECT_EQ(Peer(server).exchange(kGet, response(500).size()), response(500));
 }
@@ -332,7 +332,7 @@ TEST(TheHostileServer, ServesHundredsOfConnectionsAtOnce) {
     }
 }
 
-TEST(TheHostileServer, GivesUpWaitingForWhatDoesNotHappen) {
+TEST(TheHostileServer, StopsWaitingForAnEventThatDoesNotHappen) {
     HostileServer server;
     EXPECT_FALSE(server.waitForRequests(1, milliseconds(1)));
     EXPECT_FALSE(server.waitForConnections(1, milliseconds(1)));

@@ -101,7 +101,7 @@ TEST_F(ARequest, NeverWaitsForPermissionToSendItsBody) {
     EXPECT_EQ(put(big).header("Expect"), std::nullopt);
 }
 
-TEST_F(ARequest, KeepsToItsLineWhateverThePath) {
+TEST_F(ARequest, KeepsToItsLineWithAnyPath) {
     start();
     const std::vector<std::pair<std::string, std::string>> targets{
         {"/plain", "/plain"},

@@ -90,7 +90,7 @@ class AFaultProxy : public ::testing::Test {
     FaultProxy proxy{server.port(), 1};
 };
 
-TEST_F(AFaultProxy, PassesEverythingOnUnlessToldOtherwise) {
+TEST_F(AFaultProxy, ForwardsEverythingWithoutFaults) {
     const testing::Socket socket = connect();
     for (int i = 0; i < 3; ++i) {
         send(socket, kRequest);
@@ -291,7 +291,7 @@ class ArrivalTap final : public ITap {
     bool isLate_ = false;
 };
 
-TEST_F(AFaultProxy, TellsWhetherTheClientHadEndedBeforeItsRequestReachedTheServer) {
+TEST_F(AFaultProxy, ReportsWhetherTheClientHadEndedBeforeItsRequestReachedTheServer) {
     std::vector<std::string> notes;
     {
         FaultProxy tapped(server.port(), 1,
@@ -321,7 +321,7 @@ TEST_F(AFaultProxy, TellsWhetherTheClientHadEndedBeforeItsRequestReachedTheServe
     EXPECT_THAT(notes, ::testing::UnorderedElementsAre(size + " in time", size + " late"));
 }
 
-TEST_F(AFaultProxy, ShowsWhatWasSentHoweverItArrives) {
+TEST_F(AFaultProxy, ShowsTheSentBytesHoweverTheyArrive) {
     std::vector<std::string> notes;
     {
         FaultProxy tapped(server.port(), 1, [&notes] { return std::make_unique<Tap>(notes); });

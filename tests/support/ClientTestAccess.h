@@ -10,7 +10,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace orvx::serviceregistryclient {
 
@@ -80,14 +79,6 @@ class ClientTestAccess {
         const utility::MutexLock lock(client_.mutex);
         client_.checkState = static_cast<Client::HeadState>(state);
     }
-    std::vector<std::string> sessionKeys() const {
-        const utility::MutexLock lock(client_.mutex);
-        std::vector<std::string> keys;
-        for (const auto& [key, session] : client_.sessions) {
-            keys.push_back(key);
-        }
-        return keys;
-    }
     /// Whether no thread holds the client's lock. Another thread tries the lock, because a thread
     /// must not try a lock that it holds.
     bool isLockFree() const {
@@ -100,9 +91,6 @@ class ClientTestAccess {
                               return true;
                           })
             .get();
-    }
-    std::shared_ptr<communication::ClientStatistics> statistics() const {
-        return client_.communicationContext.getClientStatistics();
     }
     std::shared_ptr<communication::HealthCheck> healthCheck() const {
         return client_.communicationContext.getHealthCheck();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FunctionFactory.h"
 #include "OrvServiceRegistryClient.h"
 
 #include <functional>
@@ -31,5 +32,19 @@ class ScriptedClient : public OrvServiceRegistryClient {
                                    const std::shared_ptr<common::ServiceCreate>&, ResponseCallback)>
         onRegister;
 };
+
+/// A factory of clients for this context. Their registrations are not replaced until a test sets
+/// `onRegister`.
+inline std::shared_ptr<FunctionFactory> makeScriptedClientFactory(
+    OrvServiceRegistryContext& context) {
+    return std::make_shared<FunctionFactory>([&context](auto loggers, bool withPrefix) {
+        auto made = std::make_unique<ScriptedClient>(std::move(loggers), withPrefix, context);
+        made->onRegister = [scripted = made.get()](const auto& info, const auto& service,
+                                                   auto callback) {
+            return scripted->registerForReal(info, service, std::move(callback));
+        };
+        return made;
+    });
+}
 
 }  // namespace orvx::serviceregistryclient

@@ -1,4 +1,4 @@
-// Blocking calls whose answers come over the real callback thread, and those made on it.
+// Blocking calls that the real callback thread answers, and blocking calls made on that thread.
 // Threads: the test's and the client's three.
 #include "SyncTest.h"
 
@@ -10,7 +10,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// Status and error code as one text.
+/// The status and the error code as one text.
 std::string text(const Response& response) {
     return std::string(Response::statusString(response.status)) + "/" +
            Response::errorCodeString(response.errorCode);
@@ -84,9 +84,9 @@ TEST_F(TheCallbackThread, CannotAnswerAWithdrawalOfEverythingThatBlocksIt) {
 TEST_F(TheCallbackThread, SurvivesASecondAnswerToABlockingCall) {
     start();
     client().onRegister = [&](const auto&, const auto&, const ResponseCallback& callback) {
-        const auto response = std::make_shared<Response>(Response::OK, Response::NONE);
-        access().dispatch(callback, response);
-        access().dispatch(callback, response);
+        for (int answers = 0; answers < 2; ++answers) {
+            onCallbackThread([callback] { callback(ok); });
+        }
         return Handle();
     };
     for (int round = 0; round < 3; ++round) {

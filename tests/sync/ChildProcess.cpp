@@ -1,5 +1,5 @@
-// A child process and what is seen of it: a byte when it reports, another when its call returns,
-// the end of the pipe when it ends. Everything here is the test's own thread's.
+// Watches a child process through a pipe: a byte when it reports, another when its call returns,
+// the end of the pipe when the process ends. Entered by the test's thread only.
 #include "ChildProcess.h"
 
 #include <poll.h>
@@ -16,7 +16,7 @@ namespace orvx::testing {
 namespace {
 
 constexpr int patienceMilliseconds = 10000;
-/// For how long the child is watched after its report.
+/// The time for which the child is watched after its report.
 constexpr int watchMilliseconds = 300;
 constexpr char reported = 'w';
 constexpr char returned = 'r';
@@ -37,7 +37,8 @@ void say(int pipe, char what) {
     _exit(0);
 }
 
-/// What comes through the pipe within the time: a byte, 0 at its end, -1 when nothing does.
+/// Reads a byte from the pipe within the time. Returns 0 at the end of the pipe, and -1 if nothing
+/// arrives.
 int readWithin(int pipe, int milliseconds) {
     pollfd wanted{pipe, POLLIN, 0};
     if (poll(&wanted, 1, milliseconds) != 1) {

@@ -6,12 +6,12 @@
 
 namespace orvx::testing {
 
-/// To be called by a child at the point from which on nothing but a return could still happen.
+/// Called by a child when everything has happened except a return from its call.
 using Report = std::function<void()>;
 
-/// Runs `call` in a child process, and succeeds when it has reported but not returned a while
-/// after, long enough for any return. The child is killed in the end. To be used while this process
-/// has no threads but the caller's.
+/// Runs `call` in a child process. Succeeds if the child has reported, and its call has not
+/// returned within a time that is long enough for any return. Kills the child in the end. This
+/// process must have no thread except the caller's.
 ::testing::AssertionResult neverReturns(const std::function<void(const Report&)>& call);
 
 }  // namespace orvx::testing

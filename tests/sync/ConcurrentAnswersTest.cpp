@@ -1,5 +1,5 @@
-// Answers from several threads at once, and answers that race with the end of the wait.
-// Threads: the caller's and those that answer.
+// Answers from several threads at once, and answers that race with the end of the wait. Threads:
+// the caller's and the answering ones.
 #include "SyncTest.h"
 
 #include <atomic>
@@ -14,7 +14,7 @@ using std::chrono::milliseconds;
 
 const Response failed(Response::ERROR, Response::SERVICE_REGISTRY_ERROR);
 
-/// Runs what it is given on threads of its own, a share on each; ends with them.
+/// Runs tasks on its own threads, a share on each. The destructor waits for the threads.
 class Answerers {
   public:
     ~Answerers() {

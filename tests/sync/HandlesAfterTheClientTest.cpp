@@ -1,5 +1,5 @@
-// Handles, removers and blocking withdrawals that meet the end of their client, on real threads.
-// A data race or a use of freed memory is for the sanitizers to see.
+// Handles, removers and blocking withdrawals that are called while their client ends, on real
+// threads. The sanitizers detect data races and uses of freed memory.
 #include "SyncTest.h"
 
 #include <atomic>
@@ -14,10 +14,10 @@ constexpr auto gone = Response::DELEGATOR_NOT_INITIATED;
 
 class TheEndOfTheClient : public SyncTest {
   protected:
-    /// Two threads call everything that refers to the client, again and again, until they see it
-    /// gone. They have begun when `end` is called.
+    /// Two threads repeat all calls that refer to the client until the client is gone. Both have
+    /// started when `end` is called.
     void meetCalls(const std::function<void()>& end) {
-        // With port 0 a registration is answered without a network.
+        // With port 0 a registration is answered without a network request.
         const auto result = client().registerServiceAtRegistry(registry, service("echo"));
         const Handle handle = client().registerServiceAtRegistry(registry, service("echo"), {});
         const Handle refused = client().registerServiceAtRegistry(registry, service(), {});
@@ -54,7 +54,7 @@ TEST_F(TheEndOfTheClient, IsTheAnswerToEveryLaterBlockingWithdrawal) {
     }
 }
 
-TEST_F(TheEndOfTheClient, MeetsCallsOfItsHandles) {
+TEST_F(TheEndOfTheClient, MayRaceWithCallsOfItsHandles) {
     context.setSyncCallUnregisterTimeout(std::chrono::milliseconds(20));
     for (int round = 0; round < 50; ++round) {
         start();
@@ -62,7 +62,7 @@ TEST_F(TheEndOfTheClient, MeetsCallsOfItsHandles) {
     }
 }
 
-TEST_F(TheEndOfTheClient, MeetsCallsOfItsHandlesWhenACallbackEndsIt) {
+TEST_F(TheEndOfTheClient, MayRaceWithCallsOfItsHandlesWhenACallbackEndsIt) {
     context.setSyncCallUnregisterTimeout(std::chrono::milliseconds(20));
     for (int round = 0; round < 50; ++round) {
         start();

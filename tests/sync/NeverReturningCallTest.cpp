@@ -1,4 +1,4 @@
-// Blocking calls that by design never return, each in a process of its own.
+// Blocking calls that never return by design, each in its own process.
 #include "SyncTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -8,7 +8,7 @@ using std::chrono::milliseconds;
 using testing::neverReturns;
 using testing::Report;
 
-/// Calls `report` with the last of `count` calls of the function that it returns.
+/// Returns a function whose call number `count` calls `report`.
 std::function<void()> countdown(int count, Report report) {
     return [count, report = std::move(report)]() mutable {
         if (--count == 0) {
@@ -82,7 +82,7 @@ TEST_F(ABlockingCall, WithdrawingNothingNeverReturnsWithoutLimit) {
     }));
 }
 
-/// The answer is queued after the call that waits for it.
+/// The answer is queued after the callback that waits for it.
 TEST_F(ABlockingCall, ThatRegistersFromACallbackNeverReturns) {
     EXPECT_TRUE(neverReturns([this](const Report& report) {
         start();

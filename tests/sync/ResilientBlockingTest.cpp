@@ -140,7 +140,7 @@ TEST_F(AResilientCall, EndsWithItsTimeOutWhileACallbackRuns) {
     over.set_value();
 }
 
-// Nothing is registered in a callback of the same client, so nothing is logged there.
+// A callback of the same client registers nothing, so nothing is logged there.
 TEST_F(AResilientCall, OverNoServicesMayBeMadeFromACallback) {
     context.init();
     std::promise<bool> withdrawn;
@@ -189,7 +189,7 @@ TEST_F(AResilientCall, ThatWithdrawsEndsWhenTheClientIsStopped) {
     EXPECT_EQ(all.get(), "ERROR/DELEGATOR_NOT_INITIATED");
 }
 
-// What is asked of a stopped client is answered at its next start: the call must not wait for that.
+// A stopped client answers requests at its next start. The call must not wait for that start.
 TEST_F(AResilientCall, DuringWhichTheClientIsStoppedEnds) {
     context.setSyncCallRegistryTimeout(milliseconds(0));
     context.setOrvServiceRegistryClientFactory(
@@ -264,7 +264,7 @@ TEST_F(AResilientCall, MayWithdrawWhenTheClientIsGone) {
     EXPECT_EQ(answerOf(result.unregister()), "ERROR/DELEGATOR_NOT_INITIATED");
 }
 
-/// With both sets of rules.
+/// Runs with resilience and without.
 class WithdrawalAtTheEnd : public AResilientCall, public ::testing::WithParamInterface<bool> {
   protected:
     WithdrawalAtTheEnd() { context.enableResilience(GetParam()); }
@@ -320,7 +320,7 @@ TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
     EXPECT_TRUE(warnings("Trying to unregister").empty());
 }
 
-TEST_P(WithdrawalAtTheEnd, AsksAgainForWhatWasRefused) {
+TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
     context.setWithdrawAtDeinit(std::chrono::seconds(10));
     context.init();
     client().registerServicesAtRegistry(registry, named(1));
@@ -330,7 +330,7 @@ TEST_P(WithdrawalAtTheEnd, AsksAgainForWhatWasRefused) {
     EXPECT_TRUE(warnings().empty());
 }
 
-TEST_P(WithdrawalAtTheEnd, AsksOnceForWhatGetsNoAnswer) {
+TEST_P(WithdrawalAtTheEnd, SendsOneDeleteIfItGetsNoAnswer) {
     context.setWithdrawAtDeinit(milliseconds(300));
     context.init();
     client().registerServicesAtRegistry(registry, named(2));
@@ -340,7 +340,7 @@ TEST_P(WithdrawalAtTheEnd, AsksOnceForWhatGetsNoAnswer) {
     EXPECT_EQ(warnings().size(), 2U);
 }
 
-TEST_P(WithdrawalAtTheEnd, NamesWhatCouldNotBeWithdrawnInTime) {
+TEST_P(WithdrawalAtTheEnd, NamesServicesThatCouldNotBeWithdrawnInTime) {
     context.setWithdrawAtDeinit(milliseconds(100));
     context.init();
     client().registerServicesAtRegistry(registry, named(2));
@@ -367,7 +367,7 @@ TEST_F(AResilientCall, IsNotNeededAtTheEndForWhatNeverCameIntoBeing) {
             count == 2 ? unreachable.set_value() : void();
         });
     context.init();
-    // Two of one entry: the withdrawal of the second one takes the first one with it.
+    // Both registrations share one entry: withdrawing the second one also withdraws the first one.
     std::vector<std::string> answers;
     for (int i = 0; i < 2; ++i) {
         client().registerServiceAtRegistry(

@@ -2,7 +2,6 @@
 
 #include "ChildProcess.h"
 #include "ClientTestAccess.h"
-#include "FunctionFactory.h"
 #include "RecordingLogger.h"
 #include "ScriptedClient.h"
 
@@ -42,22 +41,13 @@ inline ServiceSet makeServices(int count) {
     return services;
 }
 
-/// A real client whose registrations are the library's unless a test scripts them. Options are set
-/// on `context` before start().
+/// A real client, with registrations that a test may replace. Options are set on `context` before
+/// start().
 class SyncTest : public ::testing::Test {
   protected:
     SyncTest() {
         context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
-        context.setOrvServiceRegistryClientFactory(
-            std::make_shared<FunctionFactory>([this](auto loggers, bool withPrefix) {
-                auto made =
-                    std::make_unique<ScriptedClient>(std::move(loggers), withPrefix, context);
-                made->onRegister = [scripted = made.get()](const auto& info, const auto& one,
-                                                           ResponseCallback callback) {
-                    return scripted->registerForReal(info, one, std::move(callback));
-                };
-                return made;
-            }));
+        context.setOrvServiceRegistryClientFactory(makeScriptedClientFactory(context));
     }
 
     void start() { context.init(); }
@@ -67,8 +57,8 @@ class SyncTest : public ::testing::Test {
     ClientTestAccess access() { return ClientTestAccess(client()); }
     /// Runs the task on the client's callback thread.
     void onCallbackThread(std::function<void()> task) {
-        access().dispatch([task = std::move(task)](const Response&) { task(); },
-                          std::make_shared<Response>(Response::OK, Response::NONE));
+        client().registerForReal(registry, service(),
+                                 [task = std::move(task)](const Response&) { task(); });
     }
 
     OrvServiceRegistryContext context;

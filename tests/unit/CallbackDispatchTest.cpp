@@ -1,4 +1,4 @@
-// How outcomes reach user code: order, sharing, and what user code may do.
+// The delivery of outcomes to user code: order, sharing, and operations that user code may call.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -10,29 +10,35 @@ using testing::warning;
 
 class CallbackDispatch : public ClientTest {
   protected:
-    static std::shared_ptr<OrvRegistrationResponse> response(
-        OrvRegistrationResponse::ErrorCode code = OrvRegistrationResponse::NONE) {
-        return std::make_shared<OrvRegistrationResponse>(OrvRegistrationResponse::OK, code);
+    static std::shared_ptr<OrvRegistrationResponse> response() {
+        return std::make_shared<OrvRegistrationResponse>(OrvRegistrationResponse::OK,
+                                                         OrvRegistrationResponse::NONE);
+    }
+    /// Registers a service without a name: the outcome is known during the call.
+    Handle refuse(IOrvServiceRegistryClient::ResponseCallback callback) {
+        return client().registerServiceAtRegistry(registry, service(""), std::move(callback));
     }
 };
 
 TEST_F(CallbackDispatch, OnlyQueuesAndDeliversOnTheCallbackThread) {
     start();
-    access().dispatch(record("one"), response());
+    refuse(record("one"));
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_EQ(world.queuedTasks(), 1U);
     world.settle();
-    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"one", "OK", "NONE", -1}));
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"one", "ERROR", "SERVICE_NAME_MISSING", -1}));
 }
 
 TEST_F(CallbackDispatch, KeepsTheOrderOfTheOutcomes) {
     start();
-    access().dispatch(record("first"), response(OrvRegistrationResponse::TIMEOUT));
-    access().dispatch(record("second"), response(OrvRegistrationResponse::OTHER));
-    access().dispatch(record("third"), response());
+    const Handle withdraw = refuse(record("first"));
+    const auto unwritable = service("echo");
+    unwritable->setDescription("\xff");
+    client().registerServiceAtRegistry(registry, unwritable, record("second"));
+    withdraw(record("third"));
     world.settle();
-    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"first", "OK", "TIMEOUT", -1},
-                                            Outcome{"second", "OK", "OTHER", -1},
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"first", "ERROR", "SERVICE_NAME_MISSING", -1},
+                                            Outcome{"second", "ERROR", "OTHER", -1},
                                             Outcome{"third", "OK", "NONE", -1}));
 }
 
@@ -60,25 +66,24 @@ TEST_F(CallbackDispatch, SharesTheResponseAndCopiesItAtTheCallOnly) {
 
 TEST_F(CallbackDispatch, GivesEachCallbackACopyOfItsOwn) {
     start();
-    const auto one = response();
-    one->httpResponse = std::make_shared<communication::HttpResponse>(answer(201));
-    access().dispatch(
-        [](OrvRegistrationResponse copy) {
-            copy.status = OrvRegistrationResponse::ERROR;
-            copy.errorCode = OrvRegistrationResponse::OTHER;
-            copy.httpResponse.reset();
-        },
-        one);
-    access().dispatch(record("next"), one);
+    const Handle withdraw = registered("echo", "abc");
+    takeOutcomes();
+    withdraw([](OrvRegistrationResponse copy) {
+        copy.status = OrvRegistrationResponse::ERROR;
+        copy.errorCode = OrvRegistrationResponse::OTHER;
+        copy.httpResponse.reset();
+    });
+    withdraw(record("next"));
+    next("DELETE").answer(200);
     world.settle();
-    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"next", "OK", "NONE", 201}));
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"next", "OK", "NONE", 200}));
 }
 
 TEST_F(CallbackDispatch, ReleasesACallbackWhenItHasRun) {
     start();
     auto owned = std::make_shared<int>();
     const std::weak_ptr<int> watched = owned;
-    access().dispatch([owned = std::move(owned)](const auto&) {}, response());
+    refuse([owned = std::move(owned)](const auto&) {});
     EXPECT_FALSE(watched.expired());
     world.settle();
     EXPECT_TRUE(watched.expired());
@@ -175,7 +180,7 @@ TEST_F(CallbackDispatch, GivesAQueuedNotificationToTheListenerOfItsTime) {
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"one", "a", true}));
 }
 
-TEST_F(CallbackDispatch, FixesWhatTheListenerIsToldWhenItHappens) {
+TEST_F(CallbackDispatch, FixesTheNotificationAtTheTimeOfTheEvent) {
     start();
     client().addServiceRegisterStatusListener(listen());
     registerService("echo");

@@ -23,7 +23,8 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What a callback was told. `http` is the status code of the attached answer, -1 without one.
+/// The outcome that a callback received. `http` is the status code of the attached answer, or -1
+/// without one.
 struct Outcome {
     std::string label;
     std::string status;
@@ -40,7 +41,7 @@ struct Outcome {
     }
 };
 
-/// What the status listener was told.
+/// One call of the status listener.
 struct Notification {
     std::string name;
     std::string id;
@@ -100,8 +101,8 @@ class ClientTest : public ::testing::Test {
             std::make_unique<common::XObject>("", name, uri));
     }
 
-    /// A callback that adds what it is told to `outcomes`.
-    IOrvServiceRegistryClient::ResponseCallback record(const std::string& label) {
+    /// A callback that adds its outcome to `outcomes`.
+    virtual IOrvServiceRegistryClient::ResponseCallback record(const std::string& label) {
         return [this, label](const OrvRegistrationResponse& response) {
             EXPECT_EQ(world.currentThread(), "ORVX_SRCBExec");
             outcomes.push_back(outcome(label, response));
@@ -113,11 +114,12 @@ class ClientTest : public ::testing::Test {
             OrvRegistrationResponse::errorCodeString(response.errorCode),
             response.httpResponse ? static_cast<int>(response.httpResponse->getStatusCode()) : -1};
     }
-    /// A listener that adds what it is told to `notifications`.
+    /// A listener that adds its arguments to `notifications`, and keeps the description.
     IOrvServiceRegistryClient::StatusListener listen() {
         return [this](const std::shared_ptr<const common::ServiceModel>& model, bool registered) {
             EXPECT_EQ(world.currentThread(), "ORVX_SRCBExec");
             notifications.push_back({model->getName(), model->getId(), registered});
+            notifiedDescription = model;
         };
     }
 
@@ -125,15 +127,29 @@ class ClientTest : public ::testing::Test {
     Handle registerService(const std::string& name) {
         return client().registerServiceAtRegistry(registry, service(name), record(name));
     }
-    /// Registers `name` and has the registry answer 201 with this uuid; all callbacks have run.
+    /// Registers `name`, answers 201 with this uuid, and runs all callbacks.
     Handle registered(const std::string& name, const std::string& uuid) {
         Handle handle = registerService(name);
         next("PUT").answer(201, location("/" + uuid));
         world.settle();
         return handle;
     }
+    /// Registers "echo", gives its PUT this answer, and runs all callbacks.
+    void answerPut(const communication::HttpResponse& response) {
+        registerService("echo");
+        next("PUT").answer(response);
+        world.settle();
+    }
+    /// The registration of "echo" has failed with this HTTP status, and nothing is planned.
+    void expectGivenUp(int status) {
+        EXPECT_THAT(takeOutcomes(), ::testing::ElementsAre(Outcome{
+                                        "echo", "ERROR", "SERVICE_REGISTRY_ERROR", status}));
+        EXPECT_THAT(registrationIds(), ::testing::IsEmpty());
+        EXPECT_THAT(world.takeAddedDelays(), ::testing::IsEmpty());
+        EXPECT_THAT(world.pendingDelays(), ::testing::IsEmpty());
+    }
     static std::string location(const std::string& value) { return "Location: " + value + "\r\n"; }
-    /// What the registry is sent of a description.
+    /// The body of the PUT of a description.
     static std::string json(const common::ServiceModel& model) {
         std::ostringstream stream;
         model.getGenericObject().toJSONStream(stream, false);
@@ -144,29 +160,42 @@ class ClientTest : public ::testing::Test {
         return {static_cast<communication::HttpResponse::StatusCode>(status), headerLines, body};
     }
 
-    /// The one registered service is found lost by its next check: a PUT is on the wire again.
-    void loseEntry() {
+    /// Advances the clock by the check interval, and takes the HEAD that is due then.
+    simulation::Request dueHead() {
         world.advance(context.getCheckInterval());
-        next("HEAD").answer(404);
+        return next("HEAD");
     }
+    /// The next check of the only registered service finds the entry lost, so that its PUT is sent
+    /// again.
+    void loseEntry() { dueHead().answer(404); }
 
-    /// The next request on the wire, which must be of this method.
+    /// Takes the next request that was sent, which must have this method.
     simulation::Request next(const std::string& method) {
         const std::optional<simulation::Request> request = world.takeRequest();
         if (!request) {
-            throw std::runtime_error("no request on the wire, expected " + method);
+            throw std::runtime_error("no request was sent, expected " + method);
         }
         EXPECT_EQ(request->method(), method);
         return *request;
     }
 
-    /// Since the last call.
+    /// Runs all callbacks, and drops everything that was recorded.
+    void forgetThePast() {
+        world.settle();
+        takeOutcomes();
+        takeNotifications();
+        world.takeAddedDelays();
+        log->takeLines();
+    }
+    /// The outcomes and notifications since the last call.
     std::vector<Outcome> takeOutcomes() { return std::exchange(outcomes, {}); }
     std::vector<Notification> takeNotifications() { return std::exchange(notifications, {}); }
 
     simulation::World world;
     std::vector<Outcome> outcomes;
     std::vector<Notification> notifications;
+    /// The live description that the last notification carried.
+    std::shared_ptr<const common::ServiceModel> notifiedDescription;
     const std::shared_ptr<testing::RecordingLoggerFactory> log =
         std::make_shared<testing::RecordingLoggerFactory>();
     const common::ServiceInfo registry{"registry", "127.0.0.1", 8500};

@@ -1,5 +1,5 @@
-// How the answers to a blocking call over several services are gathered: what counts, how far, and
-// when the call is over. Registrations and withdrawals are gathered alike.
+// How a blocking call over several services collects the answers: their count, its limit, and the
+// end of the call. Registrations and withdrawals are collected in the same way.
 #include "BlockingCall.h"
 #include "ClientTest.h"
 
@@ -30,7 +30,8 @@ ServiceSet makeServices(int count) {
     return services;
 }
 
-/// Keeps each service and the callback that it was started with; when all are started, answers.
+/// Stores each service and the callback of its registration. Calls `answer` when all registrations
+/// have started.
 auto answerAtTheEnd(
     std::size_t count,
     std::function<void(const std::vector<Service>&, const ServiceCallback&)> answer) {
@@ -82,7 +83,7 @@ TEST(CollectedRegistrations, StayFailedOnceOneHas) {
     EXPECT_EQ(result.second.size(), 3U);
 }
 
-TEST(CollectedRegistrations, EndWithTheCountOfAnswersWhosesoeverTheyAre) {
+TEST(CollectedRegistrations, EndWithTheCountOfAnswersOfAnyServices) {
     Model twice;
     const auto result = ClientTestAccess::collect(
         makeServices(3), answerAtTheEnd(3, [&](const auto& started, const auto& collect) {
@@ -135,7 +136,7 @@ class CollectedWithdrawals : public ClientTest {
   protected:
     using Registrations = std::map<std::uint64_t, Service>;
 
-    /// Registrations with ids from 1 on.
+    /// Registrations with consecutive ids that begin at 1.
     static Registrations makeRegistrations(std::uint64_t count) {
         Registrations registrations;
         for (std::uint64_t id = 1; id <= count; ++id) {
@@ -143,7 +144,7 @@ class CollectedWithdrawals : public ClientTest {
         }
         return registrations;
     }
-    /// Answers with what `responses` has for the id, and others not at all.
+    /// Answers the ids in `responses`, and leaves all others unanswered.
     auto collectWith(const Registrations& registrations,
                      const std::map<std::uint64_t, Response>& responses) {
         return access().collectUnregistrations(
@@ -184,7 +185,7 @@ TEST_F(CollectedWithdrawals, LookAtTheStatusOnly) {
     EXPECT_FALSE(collectWith(makeRegistrations(1), {{1, {Response::ERROR, Response::NONE}}}).first);
 }
 
-TEST_F(CollectedWithdrawals, ReturnWhatHasComeWhenTheTimeIsUp) {
+TEST_F(CollectedWithdrawals, ReturnTheAnswersThatCameBeforeTheTimeOut) {
     context.setSyncCallUnregisterTimeout(Milliseconds(50));
     start();
     const Registrations registrations = makeRegistrations(3);

@@ -1,4 +1,4 @@
-// The options, when they may be set, and the life of the one client.
+// The options, the times at which they may be set, and the life of the client.
 #include "ClientTest.h"
 #include "FunctionFactory.h"
 
@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 class Context : public ClientTest {
   protected:
-    /// What the call is refused with; empty when it is not refused.
+    /// The message of the exception that the call throws; empty if it throws none.
     static std::string refusal(const std::function<void()>& call) {
         try {
             call();
@@ -38,8 +38,8 @@ class OtherClientFactory : public OrvServiceRegistryClientFactory {
     using OrvServiceRegistryClientFactory::OrvServiceRegistryClientFactory;
 };
 
-/// An option: how it is given another value than it has by default, and whether it has that value
-/// (asked after init() only).
+/// An option: a function that sets a value other than the default, and one that returns whether the
+/// option has that value. The latter is called after init() only.
 struct Option {
     const char* refusal;
     std::function<void(OrvServiceRegistryContext&)> set;
@@ -245,7 +245,7 @@ TEST_F(Context, EndsItsClientWhenItIsDestroyed) {
     EXPECT_THAT(outcomes, IsEmpty());
 }
 
-/// Answers its outstanding request when it is being destroyed, as the I/O thread may do.
+/// Answers its outstanding request in its destructor, as the I/O thread may do.
 class LateClient : public OrvServiceRegistryClient {
   public:
     LateClient(std::shared_ptr<utility::ILoggerFactory> loggers, OrvServiceRegistryContext& owner,
@@ -257,7 +257,7 @@ class LateClient : public OrvServiceRegistryClient {
     simulation::World& world_;
 };
 
-// Its context's set is gone by then; address sanitizer tells.
+// The set of the context is destroyed by then; the address sanitizer detects a use.
 TEST_F(Context, LeavesItsClientTheStatusCodesToTheEnd) {
     auto local = std::make_unique<OrvServiceRegistryContext>();
     local->setLoggerFactory(log);

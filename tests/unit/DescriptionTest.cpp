@@ -1,4 +1,4 @@
-// Descriptions built from an endpoint of the user's.
+// Descriptions that are built from the user's endpoint.
 #include "ClientTest.h"
 #include "FunctionFactory.h"
 
@@ -51,7 +51,7 @@ TEST_F(Description, HasVersionsOnlyWhereTheEndpointHasOne) {
     EXPECT_THAT(with->getVersions(), ElementsAre("2"));
 }
 
-TEST_F(Description, HasThePortOfTheEndpointWhateverItIs) {
+TEST_F(Description, HasAnyPortOfTheEndpoint) {
     start();
     for (const int port : {0, 1, 65535}) {
         const ServiceInfo own("echo", "host", static_cast<std::uint16_t>(port));
@@ -92,7 +92,7 @@ TEST_F(Description, CanBeRegisteredAsItIs) {
               R"("serviceCategories":[],"uri":"/echo","versions":[]})");
 }
 
-/// A client whose descriptions say where they were made.
+/// A client that marks the descriptions that it makes.
 class MarkingClient : public OrvServiceRegistryClient {
   public:
     using OrvServiceRegistryClient::OrvServiceRegistryClient;

@@ -1,5 +1,5 @@
-// Handles and removers that outlive their client. What they would touch is freed memory: that they
-// touch none is for the address sanitizer to see.
+// Handles and removers that outlive their client. The address sanitizer detects a use of the freed
+// client.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -70,7 +70,7 @@ TEST_F(HandlesAfterTheClient, RemoveNoListener) {
 TEST_F(HandlesAfterTheClient, SeeItGoneWhileItIsBeingDestroyed) {
     start();
     const Handle handle = registered("echo", "abc");
-    // A callback that waits is destroyed with the client.
+    // A waiting callback is destroyed with the client.
     bool isDestroyed = false;
     std::shared_ptr<void> atItsEnd(nullptr, [&](void*) {
         handle(record("withdrawal"));

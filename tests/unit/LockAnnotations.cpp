@@ -1,5 +1,5 @@
-// Compiled by clang only, with -verify: fails to compile unless clang reports exactly the accesses
-// that are marked here. Each of them reaches a record without the client's lock.
+// Compiled by clang only, with -verify: fails to compile unless clang reports exactly the marked
+// accesses. Each of them reaches a record without the client's lock.
 #include "RegistrationTable.h"
 #include "Upkeep.h"
 
@@ -21,7 +21,7 @@ class ClientTestAccess {
         record->facts.requestSent();   // expected-warning {{reading variable 'facts'}}
     }
 
-    // As in an answer's handler, which shares the request.
+    // As in the handler of an answer, which shares the request.
     static bool withAnotherLock(const Client::RequestContainer& request, utility::Mutex& other) {
         const utility::MutexLock lock(other);
         // expected-warning@+1 {{calling function 'registryIdOf'}}

@@ -8,11 +8,11 @@
 
 namespace orvx::serviceregistryclient {
 
-/// User code: a callback or a listener that does nothing but fail the test when it is copied,
-/// called or destroyed under the client's lock.
+/// User code: a callback and listener that fails the test if it is copied, called or destroyed
+/// under the client's lock.
 class LockProbe {
   public:
-    /// How often the probe and its copies were looked at.
+    /// Counts the calls of the probe and of its copies.
     struct Count {
         int copied = 0;
         int called = 0;

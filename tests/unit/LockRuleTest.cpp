@@ -8,12 +8,12 @@ namespace {
 
 class LockRule : public ClientTest {
   protected:
-    /// A callback and a listener that look at the lock whenever they are touched.
+    /// A callback and listener that checks the lock when it is called, copied or destroyed.
     LockProbe probe() { return LockProbe(client(), count); }
     Handle registerProbed(const std::string& name) {
         return client().registerServiceAtRegistry(registry, service(name), probe());
     }
-    /// All probes have been destroyed, and so many calls were made.
+    /// All probes were destroyed, and they were called this often.
     void expectCalls(int calls) {
         world.settle();
         EXPECT_EQ(count->called, calls);
@@ -93,9 +93,15 @@ TEST_F(LockRule, HoldsForEveryWayToWithdraw) {
 
 TEST_F(LockRule, HoldsForAWithdrawalThatEndsWithAFailedRegistration) {
     start();
-    const Handle handle = registered("echo", "abc");
+    const Handle handle = registered("first", "abc");
+    registered("second", "abc");
+    world.advance(context.getCheckInterval());
+    next("HEAD");
+    next("HEAD").answer(404);
+    simulation::Request put = next("PUT");
     handle(probe());
-    access().handlePutError(1, request(1), answer(500));
+    put.answer(500);
+    EXPECT_THAT(registrationIds(), ::testing::IsEmpty());
     expectCalls(1);
 }
 
@@ -121,7 +127,7 @@ TEST_F(LockRule, HoldsForTheListener) {
     next("PUT").answer(201, location("/def"));
     handle({});
     next("DELETE").answer(200);
-    world.settle();  // what is queued has a share in the listener
+    world.settle();  // queued tasks share the listener
     remove();
     expectCalls(4);
 }

@@ -1,4 +1,4 @@
-// Loggers that fail, are missing or look around: none of them harms the client.
+// Loggers that fail, are missing or use the client: none of them harms the client.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -8,7 +8,7 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using namespace std::chrono_literals;
 
-/// A logger whose every operation does what it is told to.
+/// A logger with a hook for each operation.
 class HookedLogger : public utility::ILogger {
   public:
     struct Hooks {
@@ -47,7 +47,7 @@ class Logging : public ClientTest {
         context.setInitialMaxRetryCount(1);
         start();
     }
-    /// Passes most of the places that log, and expects what happens there without a logger.
+    /// Runs most of the code that logs, and expects the same results as without a logger.
     void expectTheClientToWork() {
         client().registerServiceAtRegistry(registry, service(""), record("nameless"))({});
         const Handle handle = registerService("echo");
@@ -119,14 +119,16 @@ TEST_F(Logging, HappensOnTheThreadThatHasSomethingToSay) {
     HookedLogger::Hooks hooks;
     hooks.onLog = [&] { threads.push_back(world.currentThread()); };
     startWith(std::make_shared<HookedLogger>(hooks));
-    registerService("echo");
+    const Handle withdraw = registerService("echo");
     next("PUT").answer(communication::HttpResponse(communication::CommunicationStatus::Other));
     EXPECT_THAT(threads, Each("ORVX_HttpIO"));
-    threads.clear();
-    ClientTestAccess::Callbacks dropped;
-    access().deleteEntries(1, dropped);
     world.advance(500ms);
-    EXPECT_THAT(threads, ElementsAre("ORVX_SRRExec"));
+    next("PUT").answer(201, location("/abc"));
+    withdraw({});
+    next("DELETE").answer(200);
+    threads.clear();
+    world.advance(context.getCheckInterval());
+    EXPECT_THAT(threads, ElementsAre("ORVX_SRRExec")) << "the check of an unknown id";
 }
 
 }  // namespace

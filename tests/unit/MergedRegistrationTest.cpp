@@ -1,18 +1,19 @@
-// Two request ids that lead to one record, since the registry gave both the same entry: their
-// withdrawal, their checks, and what follows when the entry is lost.
+// Two request ids that lead to one record, because the registry answered both with the same uuid:
+// their withdrawal, their checks, and the loss of the entry.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
 namespace {
 
 using ::testing::ElementsAre;
+using testing::error;
 using testing::info;
 using ::testing::IsEmpty;
 using testing::warning;
 
 class MergedRegistration : public ClientTest {
   protected:
-    /// Registers "first" (id 1) and "second" (id 2) with the same uuid, and forgets how.
+    /// Registers "first" (id 1) and "second" (id 2) with the same uuid, and drops all records.
     void merge() {
         start();
         client().addServiceRegisterStatusListener(listen());
@@ -21,14 +22,14 @@ class MergedRegistration : public ClientTest {
         withdrawSecond = registered("second", "abc");
         forgetThePast();
     }
-    /// The check of the second one finds nothing; returns the PUT that follows.
+    /// The check of the second registration is answered 404. Returns the PUT that follows.
     simulation::Request loseSecond() {
         world.advance(Seconds(10));
-        next("HEAD").answer(200);  // the first one's
+        next("HEAD").answer(200);  // the check of the first
         next("HEAD").answer(404);
         return next("PUT");
     }
-    /// Registers "echo" at this port, answered with the uuid "abc"; returns what was sent.
+    /// Registers "echo" with this port, answers with the uuid "abc", and returns the PUT's body.
     std::string registeredBody(long port) {
         const auto echo = service("echo");
         echo->setPort(port);
@@ -36,13 +37,6 @@ class MergedRegistration : public ClientTest {
         simulation::Request put = next("PUT");
         put.answer(201, location("/abc"));
         return put.body();
-    }
-    void forgetThePast() {
-        world.settle();
-        takeOutcomes();
-        takeNotifications();
-        world.takeAddedDelays();
-        log->takeLines();
     }
 
     Handle withdrawFirst;
@@ -174,14 +168,14 @@ TEST_F(MergedRegistration, BringsTheFirstDescriptionBackWhenTheRegistryStartsEmp
     const std::string changed = registeredBody(8081);
     EXPECT_NE(first, changed);
     world.advance(Seconds(10));
-    next("HEAD").answer(404);  // that of the entry
-    next("HEAD").answer(200);  // that of "/"
+    next("HEAD").answer(404);  // the check of the entry
+    next("HEAD").answer(200);  // the check of "/"
     simulation::Request put = next("PUT");
     EXPECT_EQ(put.path(), "/echo");
     EXPECT_EQ(put.body(), first);
     put.answer(201, location("/def"));
     world.advance(Seconds(10));
-    EXPECT_EQ(world.requestsToTake(), 2U) << "two checks: nobody sends the changed one again";
+    EXPECT_EQ(world.requestsToTake(), 2U) << "two checks, and no PUT of the changed description";
 }
 
 TEST_F(MergedRegistration, LeavesTheOtherEntryWhenItIsWithdrawnAfterANewRegistration) {
@@ -191,14 +185,14 @@ TEST_F(MergedRegistration, LeavesTheOtherEntryWhenItIsWithdrawnAfterANewRegistra
     next("DELETE").answer(200);
     world.settle();
     EXPECT_THAT(registrationIds(), IsEmpty());
-    EXPECT_EQ(world.requestsToTake(), 0U) << "nobody withdraws /def";
+    EXPECT_EQ(world.requestsToTake(), 0U) << "the entry /def is not withdrawn";
 }
 
 TEST_F(MergedRegistration, EndsTheChecksOfTheOtherOneThatAreDueDuringANewRegistration) {
     merge();
     loseSecond();
     world.advance(Seconds(5));
-    forgetThePast();  // time-outs of the two checks among it
+    forgetThePast();  // including the time-outs of the two checks
     world.advance(Seconds(5));
     EXPECT_THAT(log->takeLines(),
                 ElementsAre(warning("sendHeadRequest called but service is not REGISTERED. id=1")));
@@ -217,7 +211,7 @@ TEST_F(MergedRegistration, IsWithdrawnThroughTheOtherOneDuringANewRegistration) 
     world.settle();
     EXPECT_EQ(stateOf(1), State::Withdrawing) << "the answer asks for the withdrawal too";
     EXPECT_EQ(access().copyOf(1).unregisterCallbacks, 2U);
-    EXPECT_EQ(world.requestsToTake(), 0U) << "which is out already";
+    EXPECT_EQ(world.requestsToTake(), 0U) << "a DELETE is outstanding already";
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(outcomes, IsEmpty());
 
@@ -245,6 +239,60 @@ TEST_F(MergedRegistration, IsGoneForBothWhenANewRegistrationFailsDuringItsWithdr
     EXPECT_THAT(outcomes, IsEmpty());
     EXPECT_THAT(notifications, IsEmpty());
     EXPECT_THAT(log->takeLines(), IsEmpty());
+}
+
+TEST_F(MergedRegistration, ThatIsGoneIgnoresASuccessfulPutOfTheOtherOne) {
+    merge();
+    simulation::Request put = loseSecond();
+    world.settle();
+    const auto second = notifiedDescription;
+    withdrawFirst({});
+    next("DELETE").answer(200);
+    EXPECT_THAT(registrationIds(), IsEmpty());
+    forgetThePast();
+    put.answer(201, location("/def"));
+    world.settle();
+    EXPECT_THAT(
+        log->takeLines(),
+        ElementsAre(error("PUT response received but id not found in mapRegistryCallback. id=2")));
+    EXPECT_THAT(registrationIds(), IsEmpty());
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+    EXPECT_EQ(second->getName(), "second");
+    EXPECT_EQ(second->getId(), "");
+}
+
+TEST_F(MergedRegistration, ThatIsGoneIgnoresAFailedPutOfTheOtherOne) {
+    merge();
+    simulation::Request put = loseSecond();
+    withdrawFirst({});
+    next("DELETE").answer(200);
+    forgetThePast();
+    put.answer(400, "", "body");
+    world.settle();
+    EXPECT_THAT(log->takeLines(),
+                ElementsAre(error("handlePutResponseError called but id not found in "
+                                  "mapRegistryCallback. id=2")));
+    EXPECT_THAT(outcomes, IsEmpty());
+    EXPECT_THAT(notifications, IsEmpty());
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+}
+
+TEST_F(MergedRegistration, ThatIsGoneIsNotRegisteredAgainWhenARetryIsDue) {
+    merge();
+    loseSecond().answer(500);
+    withdrawFirst({});
+    next("DELETE").answer(200);
+    world.advance(Seconds(5));
+    forgetThePast();  // including the time-outs of the two checks
+    world.advance(Seconds(5));
+    EXPECT_EQ(world.requestsToTake(), 0U);
+    EXPECT_THAT(
+        log->takeLines(),
+        ::testing::UnorderedElementsAre(
+            warning("sendPutRequest called but id not found in mapRegistryCallback. id=2"),
+            warning("sendHeadRequest called but id not found in mapRegistryCallback. id=1")));
 }
 
 TEST_F(MergedRegistration, IsForgottenWithItsEntry) {

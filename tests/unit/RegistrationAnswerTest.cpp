@@ -1,4 +1,4 @@
-// The answer to a PUT that is a success: which answers are, what they change, whom they tell.
+// The answer to a successful PUT: which answers are successes, and their effects and callbacks.
 #include "ClientTest.h"
 #include "States.h"
 
@@ -12,17 +12,8 @@ using testing::warning;
 
 class RegistrationAnswer : public ClientTest {
   protected:
-    /// Registers "echo" and answers its PUT so; all callbacks have run.
     void answerPut(int status, const std::string& headerLines) {
-        registerService("echo");
-        next("PUT").answer(status, headerLines);
-        world.settle();
-    }
-    void expectGivenUp(int status) {
-        EXPECT_THAT(takeOutcomes(),
-                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", status}));
-        EXPECT_THAT(registrationIds(), IsEmpty());
-        EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
+        ClientTest::answerPut(answer(status, headerLines));
     }
 };
 
@@ -77,18 +68,19 @@ TEST_F(RegistrationAnswer, GivesTheUuidAfterTheLastSlashOfTheLocation) {
         {"/entries/", ""},
     };
     start();
+    client().addServiceRegisterStatusListener(listen());
     std::uint64_t id = 0;
     for (const auto& [value, uuid] : uuids) {
         answerPut(201, location(value));
         EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
-        EXPECT_TRUE(access().service(++id)->hasId());
-        EXPECT_EQ(uuidOf(id), uuid);
-        EXPECT_EQ(access().service(id)->getUri(), value);
+        EXPECT_TRUE(notifiedDescription->hasId());
+        EXPECT_EQ(uuidOf(++id), uuid);
+        EXPECT_EQ(notifiedDescription->getUri(), value);
     }
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
 
-TEST_F(RegistrationAnswer, EndsTheFirstRegistrationForGood) {
+TEST_F(RegistrationAnswer, EndsTheFirstRegistrationPermanently) {
     start();
     const Handle handle = registered("echo", "abc");
     const auto record = access().copyOf(1);
@@ -99,7 +91,7 @@ TEST_F(RegistrationAnswer, EndsTheFirstRegistrationForGood) {
     EXPECT_EQ(statusOf(1).uri, "/echo");
 }
 
-TEST_F(RegistrationAnswer, TellsTheListenerFirstAndThenTheCallbacksInTheirOrder) {
+TEST_F(RegistrationAnswer, NotifiesTheListenerFirstAndThenTheCallbacksInOrder) {
     start();
     std::vector<std::string> told;
     client().addServiceRegisterStatusListener([&](const auto& model, bool registered) {
@@ -115,7 +107,7 @@ TEST_F(RegistrationAnswer, TellsTheListenerFirstAndThenTheCallbacksInTheirOrder)
     EXPECT_THAT(told, ElementsAre("abc", "first", "second"));
 }
 
-TEST_F(RegistrationAnswer, IsSharedByTheCallbacksAsACopyOfWhatCame) {
+TEST_F(RegistrationAnswer, IsSharedByTheCallbacksAsOneCopy) {
     start();
     std::vector<std::shared_ptr<communication::HttpResponse>> answers;
     const auto keep = [&](const OrvRegistrationResponse& response) {
@@ -131,7 +123,7 @@ TEST_F(RegistrationAnswer, IsSharedByTheCallbacksAsACopyOfWhatCame) {
     EXPECT_EQ(answers[0]->getLocation(), "/abc");
 }
 
-TEST_F(RegistrationAnswer, OfALostServiceTellsTheListenerButNoCallback) {
+TEST_F(RegistrationAnswer, OfALostServiceNotifiesTheListenerButNoCallback) {
     start();
     client().addServiceRegisterStatusListener(listen());
     registered("echo", "abc");
@@ -144,7 +136,7 @@ TEST_F(RegistrationAnswer, OfALostServiceTellsTheListenerButNoCallback) {
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "def", true}));
     EXPECT_THAT(takeOutcomes(), IsEmpty());
     EXPECT_EQ(stateOf(1), State::Announced);
-    EXPECT_EQ(access().service(1)->getUri(), "/entries/def");
+    EXPECT_EQ(notifiedDescription->getUri(), "/entries/def");
 }
 
 TEST_F(RegistrationAnswer, StartsTheCheckAfterItsInterval) {
@@ -195,28 +187,7 @@ TEST_F(RegistrationAnswer, HandsAnyCheckIntervalToTheTimerWithoutOverflow) {
     }
 }
 
-TEST_F(RegistrationAnswer, ForAnIdThatIsGoneIsOnlyLogged) {
-    start();
-    client().addServiceRegisterStatusListener(listen());
-    registerService("echo");
-    simulation::Request put = next("PUT");
-    const auto description = access().service(1);
-    ClientTestAccess::Callbacks dropped;
-    access().deleteEntries(1, dropped);
-    world.settle();
-    takeNotifications();
-    put.answer(201, location("/abc"));
-    world.settle();
-    EXPECT_THAT(
-        log->takeLines(),
-        ElementsAre(error("PUT response received but id not found in mapRegistryCallback. id=1")));
-    EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_THAT(notifications, IsEmpty());
-    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
-    EXPECT_FALSE(description->hasId());
-}
-
-TEST_F(RegistrationAnswer, ToAServiceBeingWithdrawnWithdrawsItAndTellsNobody) {
+TEST_F(RegistrationAnswer, ToAServiceBeingWithdrawnWithdrawsItWithoutANotification) {
     for (const std::uint32_t withdrawing : {state::unregistering, state::alsoUnregistering}) {
         start();
         client().addServiceRegisterStatusListener(listen());
@@ -238,7 +209,7 @@ TEST_F(RegistrationAnswer, ToAServiceBeingWithdrawnWithdrawsItAndTellsNobody) {
     }
 }
 
-TEST_F(RegistrationAnswer, ToAServiceWhoseDeleteIsOutWaitsForThatDelete) {
+TEST_F(RegistrationAnswer, ToAServiceWithAnOutstandingDeleteWaitsForThatDelete) {
     start();
     const Handle handle = registered("echo", "abc");
     handle(record("withdrawal"));

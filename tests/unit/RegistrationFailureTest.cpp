@@ -1,4 +1,4 @@
-// What a failed PUT means when it is not tried again, and what it means for a lost service.
+// A failed PUT that is not tried again, and a failed PUT of a lost service.
 #include "ClientTest.h"
 #include "NoInfoLogger.h"
 #include "States.h"
@@ -17,23 +17,16 @@ using namespace std::chrono_literals;
 
 class RegistrationFailure : public ClientTest {
   protected:
-    /// "echo" was registered, its entry is lost and its PUT is on the wire; the past is forgotten.
+    /// Registers "echo" and loses its entry. The PUT is outstanding, and all records are dropped.
     void lost() {
         client().addServiceRegisterStatusListener(listen());
         registered("echo", "abc");
         loseEntry();
         forgetThePast();
     }
-    void forgetThePast() {
-        world.settle();
-        takeOutcomes();
-        takeNotifications();
-        log->takeLines();
-        world.takeAddedDelays();
-    }
 };
 
-TEST_F(RegistrationFailure, IsToldToEveryCallbackInOrderWithTheSharedAnswer) {
+TEST_F(RegistrationFailure, IsReportedToEveryCallbackInOrderWithTheSharedAnswer) {
     start();
     std::vector<std::string> told;
     std::vector<std::shared_ptr<HttpResponse>> answers;
@@ -54,7 +47,7 @@ TEST_F(RegistrationFailure, IsToldToEveryCallbackInOrderWithTheSharedAnswer) {
     EXPECT_EQ(answers.at(0)->getHeader("X-Reason"), "none");
 }
 
-TEST_F(RegistrationFailure, TellsWhatWentWrongOnTheNetwork) {
+TEST_F(RegistrationFailure, ReportsTheCommunicationStatus) {
     context.enableRetry(false);
     start();
     CommunicationStatus told = CommunicationStatus::Ok;
@@ -115,22 +108,7 @@ TEST_F(RegistrationFailure, DoesNotTellTheListener) {
     EXPECT_THAT(notifications, IsEmpty());
 }
 
-TEST_F(RegistrationFailure, ForAnIdThatIsGoneIsOnlyLogged) {
-    start();
-    registerService("echo");
-    simulation::Request put = next("PUT");
-    ClientTestAccess::Callbacks dropped;
-    access().deleteEntries(1, dropped);
-    put.answer(400, "", "body");
-    world.settle();
-    EXPECT_THAT(log->takeLines(),
-                ElementsAre(error("handlePutResponseError called but id not found in "
-                                  "mapRegistryCallback. id=1")));
-    EXPECT_THAT(outcomes, IsEmpty());
-    EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
-}
-
-TEST_F(RegistrationFailure, OfALostServiceIsTriedAgainEveryCheckIntervalWhateverTheRetryOptions) {
+TEST_F(RegistrationFailure, OfALostServiceIsTriedAgainEveryCheckIntervalWithAnyRetryOptions) {
     context.enableRetry(false);
     context.setInitialMaxRetryCount(1);
     context.setCheckInterval(Seconds(4));

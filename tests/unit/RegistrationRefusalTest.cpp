@@ -1,4 +1,4 @@
-// Registrations that are refused at once: what is told, and what their handles do.
+// Registrations that are refused during the call: their outcomes and their handles.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -12,7 +12,8 @@ using testing::warning;
 
 class RegistrationRefusal : public ClientTest {
   protected:
-    /// Registers; must be refused with this code, and leave only its handle.
+    /// Registers a description. The call must be refused with this code, and must have no effect
+    /// except its handle.
     Handle refused(const std::shared_ptr<common::ServiceCreate>& description,
                    const std::string& code) {
         Handle handle = client().registerServiceAtRegistry(registry, description, record("echo"));
@@ -23,7 +24,7 @@ class RegistrationRefusal : public ClientTest {
         EXPECT_EQ(world.requestsToTake(), 0U);
         return handle;
     }
-    /// What the handle logs. It must answer that there is nothing to withdraw.
+    /// The log lines of a call of the handle, which must answer that there is nothing to withdraw.
     std::vector<LogLine> logOfCalling(const Handle& handle) {
         log->takeLines();
         handle(record("withdrawal"));
@@ -33,7 +34,7 @@ class RegistrationRefusal : public ClientTest {
         EXPECT_EQ(world.requestsToTake(), 0U);
         return log->takeLines();
     }
-    /// Answers of a client that is not initialised wait for its next init().
+    /// The outcomes of a client that is not initialised are delivered at its next init().
     void deliver() {
         world.settle();
         if (world.queuedTasks() > 0) {
@@ -44,7 +45,7 @@ class RegistrationRefusal : public ClientTest {
     }
 };
 
-TEST_F(RegistrationRefusal, MeetsADescriptionWithoutName) {
+TEST_F(RegistrationRefusal, IsTheOutcomeOfADescriptionWithoutName) {
     start();
     const Handle handle = refused(service(""), "SERVICE_NAME_MISSING");
     EXPECT_THAT(log->takeLines(), ElementsAre(error("Service is missing name")));
@@ -52,7 +53,7 @@ TEST_F(RegistrationRefusal, MeetsADescriptionWithoutName) {
                 ElementsAre(warning("Unnamed service is not registered. Cannot be unregistered.")));
 }
 
-TEST_F(RegistrationRefusal, MeetsAnEmptyNameAndOneThatIsNoText) {
+TEST_F(RegistrationRefusal, IsTheOutcomeOfAnEmptyNameAndOfANameThatIsNoText) {
     start();
     const auto description = service("echo");
     for (const common::GenericObjectValue& name :
@@ -66,7 +67,7 @@ TEST_F(RegistrationRefusal, MeetsAnEmptyNameAndOneThatIsNoText) {
     }
 }
 
-TEST_F(RegistrationRefusal, MeetsANullDescriptionAsOneWithoutName) {
+TEST_F(RegistrationRefusal, IsTheOutcomeOfANullDescription) {
     start();
     const Handle handle = refused(nullptr, "SERVICE_NAME_MISSING");
     EXPECT_THAT(log->takeLines(), ElementsAre(error("Service is missing name")));
@@ -74,7 +75,7 @@ TEST_F(RegistrationRefusal, MeetsANullDescriptionAsOneWithoutName) {
                 ElementsAre(warning("Unnamed service is not registered. Cannot be unregistered.")));
 }
 
-TEST_F(RegistrationRefusal, MeetsWhatCannotBeWrittenAsJson) {
+TEST_F(RegistrationRefusal, IsTheOutcomeOfADescriptionThatCannotBeWrittenAsJson) {
     start();
     const auto description = service("echo");
     description->setDescription("\xff");
@@ -85,7 +86,7 @@ TEST_F(RegistrationRefusal, MeetsWhatCannotBeWrittenAsJson) {
                 ElementsAre(warning("Service 'echo' to unregister is not registered.")));
 }
 
-TEST_F(RegistrationRefusal, MeetsEveryDescriptionWhileTheClientIsNotInitialised) {
+TEST_F(RegistrationRefusal, IsTheOutcomeOfEveryDescriptionWhileTheClientIsNotInitialised) {
     start();
     client().deinit();
     const std::pair<std::shared_ptr<common::ServiceCreate>, std::string> names[] = {
@@ -99,7 +100,7 @@ TEST_F(RegistrationRefusal, MeetsEveryDescriptionWhileTheClientIsNotInitialised)
     }
 }
 
-TEST_F(RegistrationRefusal, StaysSoWhateverHappensToTheNameLater) {
+TEST_F(RegistrationRefusal, IsNotChangedByALaterChangeOfTheName) {
     start();
     const auto description = service("echo");
     description->setDescription("\xff");

@@ -1,5 +1,4 @@
-// What getRegistrations() and the registration listener tell, with resilience and without; and the
-// options that belong to them.
+// getRegistrations() and the registration listener, with resilience and without, and their options.
 #include "ResilientTest.h"
 
 #include <orvx/utility/OrvFoundationException.h>
@@ -12,7 +11,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-/// The same with both sets of rules.
+/// Runs with resilience and without.
 class TheStatusOfARegistration : public ResilientTest, public ::testing::WithParamInterface<bool> {
   protected:
     TheStatusOfARegistration() { context.enableResilience(GetParam()); }
@@ -121,8 +120,8 @@ TEST_P(TheStatusOfARegistration, MayBeAskedForInACallback) {
 INSTANTIATE_TEST_SUITE_P(Rules, TheStatusOfARegistration, ::testing::Bool(),
                          [](const auto& rules) { return rules.param ? "Resilient" : "Basic"; });
 
-/// The time-out of a check without resilience ends it.
-TEST_F(ResilientTest, TellsThatACheckWasGivenUpWithoutResilience) {
+/// Without resilience the time-out of a check ends it.
+TEST_F(ResilientTest, ReportsThatACheckWasAbandonedWithoutResilience) {
     context.enableResilience(false);
     start();
     registered("echo", "abc");

@@ -1,5 +1,5 @@
-// The table of registrations against a naive model that walks it. There is no client, so the
-// annotations are told that its lock is held.
+// Compares the table of registrations with a naive model. There is no client: the tests assert to
+// the annotations that its lock is held.
 #include "RegistrationTable.h"
 #include "Upkeep.h"
 
@@ -27,8 +27,8 @@ Record newRecord() {
     return record;
 }
 
-/// The same operations on the table and on a model, in random order; after each one both must say
-/// the same.
+/// Performs the same operations on the table and on a model, in random order, and compares both
+/// after each one.
 class RegistrationTable : public ::testing::TestWithParam<unsigned> {
   protected:
     void change() {
@@ -61,7 +61,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
     }
 
   private:
-    /// The lowest id whose description has this registry id.
+    /// The record with the lowest id whose description has this registry id.
     Record walk(const std::string& registryId) const {
         Client::Upkeep::lockIsHeld();
         for (const auto& [id, record] : model_) {
@@ -83,7 +83,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
         model_.emplace(lastId_, record);
         table_.insert(lastId_, record);
     }
-    /// To the record of an entry, as an answer does it, or to any.
+    /// Redirects an id to the record of an entry, as an answer does, or to any record.
     void redirect() {
         Client::Upkeep::lockIsHeld();
         if (model_.empty()) {
@@ -116,7 +116,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
         }
         table_.eraseAll(*record);
     }
-    /// Through a request id that is there: its own request may be another record's by now.
+    /// Uses a request id that is present: its own request may belong to another record by now.
     void setRegistryEntry() {
         Client::Upkeep::lockIsHeld();
         if (requests_.empty()) {
@@ -142,7 +142,7 @@ class RegistrationTable : public ::testing::TestWithParam<unsigned> {
     std::uint64_t lastId_ = 0;
 };
 
-TEST_P(RegistrationTable, SaysWhatAWalkOverItWouldSay) {
+TEST_P(RegistrationTable, FindsTheSameRecordsAsANaiveModel) {
     for (int step = 0; step < 2000 && !HasFailure(); ++step) {
         SCOPED_TRACE(step);
         change();

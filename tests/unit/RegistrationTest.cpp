@@ -1,4 +1,4 @@
-// Registering a service: what is sent, what is stored, and the private copy of the description.
+// Registering a service: the request, the record, and the private copy of the description.
 #include "ClientTest.h"
 #include "States.h"
 
@@ -8,11 +8,10 @@ namespace {
 using common::GenericObjectValue;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using testing::warning;
 
 class Registration : public ClientTest {
   protected:
-    /// A description without gaps, and with values that the client knows nothing of.
+    /// A description with all values that the client sets, and with others.
     static std::shared_ptr<common::ServiceCreate> fullService() {
         auto full = service("echo", "/own/path");
         full->setId("mine");
@@ -32,6 +31,7 @@ class Registration : public ClientTest {
 
 TEST_F(Registration, SendsThePutAndReportsTheEntry) {
     start();
+    client().addServiceRegisterStatusListener(listen());
     registerService("echo");
     simulation::Request put = next("PUT");
     EXPECT_EQ(put.path(), "/echo");
@@ -47,7 +47,7 @@ TEST_F(Registration, SendsThePutAndReportsTheEntry) {
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
     EXPECT_EQ(uuidOf(1), "abc");
-    EXPECT_EQ(access().service(1)->getUri(), "/entries/abc");
+    EXPECT_EQ(notifiedDescription->getUri(), "/entries/abc");
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
 
@@ -64,17 +64,26 @@ TEST_F(Registration, LeavesARecordThatWaitsForTheFirstAnswer) {
     EXPECT_TRUE(record.hasBackoffSequence);
     EXPECT_EQ(statusOf(1).endpoint, registry.getKey());
     EXPECT_EQ(statusOf(1).uri, "/own/path");
-    EXPECT_EQ(*request(1)->body, next("PUT").body());
 }
 
 TEST_F(Registration, OfTheSameDescriptionTwiceMakesTwoEntries) {
     start();
+    client().addServiceRegisterStatusListener(listen());
     const auto description = service("echo");
     registerDescription(description);
     registerDescription(description);
     EXPECT_THAT(registrationIds(), ElementsAre(1, 2));
-    EXPECT_NE(access().service(1), access().service(2));
-    EXPECT_EQ(next("PUT").body(), next("PUT").body());
+    simulation::Request first = next("PUT");
+    simulation::Request second = next("PUT");
+    EXPECT_EQ(first.body(), second.body());
+    first.answer(201, location("/abc"));
+    world.settle();
+    const auto firstDescription = notifiedDescription;
+    second.answer(201, location("/def"));
+    world.settle();
+    EXPECT_NE(notifiedDescription, firstDescription);
+    EXPECT_EQ(uuidOf(1), "abc");
+    EXPECT_EQ(uuidOf(2), "def");
 }
 
 TEST_F(Registration, SendsTheWholeDescriptionButNoId) {
@@ -138,15 +147,17 @@ TEST_F(Registration, NeverChangesTheCallersDescription) {
     EXPECT_EQ(uuidOf(1), "def");
 }
 
-TEST_F(Registration, IsNotTouchedByWhatTheCallerDoesWithTheDescriptionLater) {
+TEST_F(Registration, IsNotChangedByLaterChangesOfTheCallersDescription) {
     start();
+    client().addServiceRegisterStatusListener(listen());
     auto description = fullService();
     registerDescription(description);
     simulation::Request put = next("PUT");
     put.answer(201, location("/abc"));
+    world.settle();
     description->setDescription("changed");
     description->getGenericObject().setValue("nested", "changed");
-    EXPECT_EQ(access().service(1)->getDescription(), "Echoes.");
+    EXPECT_EQ(notifiedDescription->getDescription(), "Echoes.");
     description.reset();
     loseEntry();
     const simulation::Request again = next("PUT");
@@ -159,8 +170,10 @@ TEST_F(Registration, KeepsItsOwnCopyOfTheRegistrysEndpoint) {
     auto endpoint = std::make_unique<common::ServiceInfo>("registry", "127.0.0.9", 9999);
     client().registerServiceAtRegistry(*endpoint, service("echo"), record("echo"));
     endpoint.reset();
-    EXPECT_EQ(next("PUT").host(), "127.0.0.9");
-    access().sendPut(1, request(1));
+    simulation::Request put = next("PUT");
+    EXPECT_EQ(put.host(), "127.0.0.9");
+    put.answer(communication::HttpResponse(communication::CommunicationStatus::ConnectFailed));
+    world.advance(context.getRetryInterval());
     EXPECT_EQ(next("PUT").port(), 9999);
 }
 
@@ -176,29 +189,6 @@ TEST_F(Registration, GivesAHandleThatWithdrawsTheService) {
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
     EXPECT_THAT(registrationIds(), ElementsAre(1));
-}
-
-TEST_F(Registration, DoesNotSendAgainWhatHasLeftTheTable) {
-    start();
-    registered("echo", "abc");
-    access().sendPut(7, request(1));
-    EXPECT_THAT(log->takeLines(),
-                ElementsAre(warning(
-                    "sendPutRequest called but id not found in mapRegistryCallback. id=7")));
-    EXPECT_EQ(world.requestsToTake(), 0U);
-}
-
-TEST_F(Registration, DoesNotSendAgainAfterDeinit) {
-    start();
-    registered("echo", "abc");
-    takeOutcomes();
-    client().deinit();
-    access().sendPut(1, request(1));
-    access().sendPut(7, request(1));
-    EXPECT_EQ(world.requestsToTake(), 0U);
-    EXPECT_EQ(world.queuedTasks(), 0U);
-    EXPECT_THAT(log->takeLines(), IsEmpty());
-    EXPECT_EQ(stateOf(1), State::Announced);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// With resilience each entry is checked by itself, as long as its service is announced.
+// With resilience each entry has a check of its own, as long as its service is announced.
 #include "ResilientTest.h"
 
 #include <orvx/simulation/Registry.h>
@@ -148,7 +148,7 @@ TEST_F(AnIndependentCheck, ResumesAfterARegistrationThatFailedAgain) {
     }
     waitFor("PUT");
     answer(403);
-    EXPECT_EQ(state(), "lost") << "what was announced is never given up";
+    EXPECT_EQ(state(), "lost") << "an announced entry is never given up";
     EXPECT_EQ(expect("PUT", "/echo", 201, "def"), Seconds(10));
     checkIsAnswered(200);
 }
@@ -206,8 +206,8 @@ TEST_F(ALostRegistry, ThatWasAwayHasThemBackWithinThreeSecondsOfItsFirstAnswer) 
     EXPECT_THAT(timeUntilAllAreBack(), Le(Seconds(3)));
 }
 
-// Replicas that answer before they know their entries: without a pause that grows, each look made
-// all entries anew, for ever.
+// Replicas that answer before they have loaded their entries: without a growing pause, each check
+// of all entries registered them again without end.
 TEST_F(ALostRegistry, IsAskedNoMoreThanByTheIntervalWhileItKeepsNothing) {
     start();
     announceAll();
@@ -221,7 +221,7 @@ TEST_F(ALostRegistry, IsAskedNoMoreThanByTheIntervalWhileItKeepsNothing) {
         return completedRequests() - before;
     };
     askedIn(Seconds(60));
-    // A PUT and a HEAD of each in half an interval, and in a look at all of them.
+    // A PUT and a HEAD for each service in half an interval, and in a check of all services.
     EXPECT_LE(askedIn(Seconds(100)), 60 * kServices);
 }
 

@@ -1,4 +1,5 @@
-// With resilience failures that pass are tried again by the back-off, others are answered at once.
+// With resilience transient failures are retried with the back-off, and other failures are reported
+// immediately.
 #include "ResilientTest.h"
 #include "ResilientUpkeep.h"
 
@@ -17,7 +18,7 @@ using Upkeep = OrvServiceRegistryClient::ResilientUpkeep;
 
 class APassingFailure : public ResilientTest {
   protected:
-    /// Fails the PUTs by turns; their delays follow the back-off.
+    /// Fails the PUTs one after another, and expects the delays of the back-off.
     void expectBackOff(int rounds, const std::function<void(int)>& failOne) {
         waitFor("PUT");
         failOne(0);
@@ -120,7 +121,7 @@ TEST_F(APassingFailure, EndsAFirstRegistrationWithoutRetries) {
     expectNothingFor(std::chrono::hours(1));
 }
 
-TEST_F(APassingFailure, WithdrawsWhatMayHaveComeIntoBeingWhenRetriesAreUsedUp) {
+TEST_F(APassingFailure, DeletesAnEntryThatMayExistWhenRetriesAreUsedUp) {
     context.setInitialMaxRetryCount(2);
     start();
     registerService("echo");

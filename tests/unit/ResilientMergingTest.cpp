@@ -1,5 +1,5 @@
-// With resilience registrations of one entry stay registrations of their own: the registry holds
-// the latest description that is not withdrawn.
+// With resilience registrations of one entry remain separate registrations: the registry holds the
+// latest description that is not withdrawn.
 #include "ResilientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -13,7 +13,7 @@ using ::testing::SizeIs;
 
 class OneEntryOfTwo : public ResilientTest {
   protected:
-    /// Both have the path "/x".
+    /// Registers a service with the path "/x".
     Handle registerAs(const std::string& name) { return registerService(name, "/x", name); }
     void expectPutOf(const std::string& name, int status = 201, const std::string& uuid = "abc") {
         waitFor("PUT");
@@ -138,7 +138,7 @@ TEST_F(OneEntryOfTwo, IsFoundByItsUuidWhereThePathsDiffer) {
     answer(201, location("/same"));
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"first", "OK", "NONE", 201},
                                             Outcome{"second", "OK", "NONE", 201}));
-    // Which of the two came last nobody knows.
+    // It is unknown which of the two descriptions the registry stored last.
     expect("PUT", "/b", 200, "same");
     first({});
     world.settle();

@@ -1,5 +1,5 @@
-// With resilience every callback is called exactly once, whatever the client is stopped in, and the
-// client goes on after a start.
+// With resilience every callback is called exactly once, in whatever state the client is stopped,
+// and the client continues after a start.
 #include "LockProbe.h"
 #include "ResilientTest.h"
 
@@ -45,7 +45,7 @@ TEST_F(AStoppedClient, AnswersAWithdrawalThatWaitsAndDoesItAfterTheStart) {
     EXPECT_THAT(takeOutcomes(), IsEmpty());
 }
 
-TEST_F(AStoppedClient, DeliversWhatWasDecidedBefore) {
+TEST_F(AStoppedClient, DeliversOutcomesThatWereDecidedBefore) {
     start();
     registerService("echo");
     next("PUT").answer(201, location("/abc"));

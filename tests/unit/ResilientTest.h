@@ -4,7 +4,7 @@
 
 namespace orvx::serviceregistryclient {
 
-/// What the registration listener was told.
+/// One event that the registration listener received.
 struct Event {
     std::string kind;
     std::string name;
@@ -30,27 +30,20 @@ class ResilientTest : public ClientTest {
         });
     }
 
-    /// Also on the thread that stops the client.
-    IOrvServiceRegistryClient::ResponseCallback record(const std::string& label) {
+    /// The callback may also run on the thread that stops the client.
+    IOrvServiceRegistryClient::ResponseCallback record(const std::string& label) override {
         return [this, label](const OrvRegistrationResponse& response) {
             EXPECT_THAT(world.currentThread(), ::testing::AnyOf("ORVX_SRCBExec", ""));
             outcomes.push_back(outcome(label, response));
         };
     }
-    Handle registerService(const std::string& name) { return registerService(name, "", name); }
-    /// Registers `name` and has the registry answer 201 with this uuid; all callbacks have run.
-    Handle registered(const std::string& name, const std::string& uuid) {
-        Handle handle = registerService(name);
-        next("PUT").answer(201, location("/" + uuid));
-        world.settle();
-        return handle;
-    }
+    using ClientTest::registerService;
     Handle registerService(const std::string& name, const std::string& uri,
                            const std::string& label) {
         return client().registerServiceAtRegistry(registry, service(name, uri), record(label));
     }
-    /// Turns the clock until a request is on the wire, which must be of this method; the time that
-    /// it took.
+    /// Advances the clock until a request is sent, which must have this method. Returns the time
+    /// that passed.
     Milliseconds waitFor(const std::string& method, Milliseconds bound = Milliseconds(60000)) {
         const Milliseconds begin = world.now();
         while (world.requestsToTake() == 0) {
@@ -72,7 +65,7 @@ class ResilientTest : public ClientTest {
         last->answer(communication::HttpResponse(status));
         world.settle();
     }
-    /// Waits for the request and answers it.
+    /// Waits for the request, and answers it. Returns the time that passed.
     Milliseconds expect(const std::string& method, const std::string& path, int status,
                         const std::string& uuid = "") {
         const Milliseconds time = waitFor(method);

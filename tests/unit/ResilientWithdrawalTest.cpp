@@ -1,4 +1,4 @@
-// With resilience a withdrawal is kept, whenever it is asked for.
+// With resilience a withdrawal may be requested at any time, and is repeated until it succeeds.
 #include "ResilientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -41,7 +41,7 @@ TEST_F(AKeptWithdrawal, IsDoneWithEachAnswerThatSaysThatNothingIsThere) {
     expectNothingFor(std::chrono::hours(1));
 }
 
-TEST_F(AKeptWithdrawal, WaitsForTheFirstPutAndDeletesWhatCameIntoBeing) {
+TEST_F(AKeptWithdrawal, WaitsForTheFirstPutAndDeletesItsEntry) {
     start();
     const Handle handle = registerService("echo");
     handle(record("withdraw"));
@@ -152,7 +152,7 @@ TEST_F(AKeptWithdrawal, IsAnsweredAtOnceWhereItWillNeverBeAllowedAndIsTriedAtThe
     EXPECT_THAT(takeOutcomes(), IsEmpty());
 }
 
-TEST_F(AKeptWithdrawal, OfWhatIsWithdrawnAlreadySucceeds) {
+TEST_F(AKeptWithdrawal, OfAWithdrawnServiceSucceeds) {
     start();
     const Handle handle = registered("echo", "abc");
     handle(record("first"));

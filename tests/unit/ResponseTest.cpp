@@ -1,4 +1,4 @@
-// The value that every outcome is told with.
+// The value that carries an outcome.
 #include <serviceregistryclient/OrvRegistrationResponse.h>
 
 #include <gtest/gtest.h>

@@ -20,21 +20,12 @@ using ServiceSet = IOrvServiceRegistryClient::ServiceSet;
 class ServiceCollection : public ClientTest {
   protected:
     ServiceCollection() {
-        context.setOrvServiceRegistryClientFactory(
-            std::make_shared<FunctionFactory>([this](auto loggers, bool withPrefix) {
-                auto made =
-                    std::make_unique<ScriptedClient>(std::move(loggers), withPrefix, context);
-                made->onRegister = [scripted = made.get()](const auto& info, const auto& one,
-                                                           ResponseCallback callback) {
-                    return scripted->registerForReal(info, one, std::move(callback));
-                };
-                return made;
-            }));
+        context.setOrvServiceRegistryClientFactory(makeScriptedClientFactory(context));
     }
     ScriptedClient& scripted() {
         return dynamic_cast<ScriptedClient&>(*context.getServiceRegistryClient());
     }
-    /// Records under the service's name; the model must be the caller's own object.
+    /// Records the outcome under the service's name. The model must be the caller's own object.
     IOrvServiceRegistryClient::ServiceCallback recordOne() {
         return [this](const Model& model, const Response& response) {
             EXPECT_EQ(world.currentThread(), "ORVX_SRCBExec");
@@ -46,7 +37,7 @@ class ServiceCollection : public ClientTest {
         return *std::find_if(services.begin(), services.end(),
                              [&](const Service& one) { return one->getName() == name; });
     }
-    /// Answers the PUT of each of them, each with its own name as uuid but these with this status.
+    /// Answers each PUT with the service's name as uuid, and the PUTs in `refused` with `status`.
     void answerAll(const std::set<std::string>& refused = {}, int status = 400) {
         while (auto put = world.takeRequest()) {
             const std::string name = put->path().substr(1);
@@ -58,7 +49,7 @@ class ServiceCollection : public ClientTest {
     const ServiceSet services = {service("one"), service("two"), service("three")};
 };
 
-TEST_F(ServiceCollection, TellsOfEachServiceAsItIsAnswered) {
+TEST_F(ServiceCollection, ReportsEachServiceWhenItIsAnswered) {
     start();
     client().registerServicesAtRegistry(registry, services, recordOne());
     EXPECT_EQ(world.requestsToTake(), 3U);
@@ -151,7 +142,7 @@ TEST_F(ServiceCollection, ReportsServicesThatAreRefusedAtOnceToo) {
                 ElementsAre(Outcome{"nameless", "ERROR", "SERVICE_NAME_MISSING", -1}));
 }
 
-/// The blocking form, of which the last service's registration is what answers all.
+/// The blocking form: the registration of the last service answers all of them.
 class SynchronousServiceCollection : public ServiceCollection {
   protected:
     using Result = std::pair<bool, std::map<Model, SyncOrvRegistrationResponse>>;

@@ -13,11 +13,9 @@ using testing::message;
 const LogLine timeoutLine = message("callback: Head State TIMEOUT");
 const LogLine lateLine = message("TIMEOUT on head request, ignore response.");
 
-class StatusCheckTimeout : public ClientTest {
-  protected:
-};
+class StatusCheckTimeout : public ClientTest {};
 
-TEST_F(StatusCheckTimeout, EndsTheCheckForGood) {
+TEST_F(StatusCheckTimeout, EndsTheCheckPermanently) {
     start();
     client().addServiceRegisterStatusListener(listen());
     registered("echo", "abc");
@@ -30,12 +28,13 @@ TEST_F(StatusCheckTimeout, EndsTheCheckForGood) {
     EXPECT_TRUE(head.isOutstanding());
     EXPECT_THAT(log->takeLines(), IsEmpty());
     world.advance(Milliseconds(1));
-    EXPECT_FALSE(head.isOutstanding()) << "it is given up";
+    EXPECT_FALSE(head.isOutstanding()) << "it is abandoned";
     EXPECT_THAT(log->takeLines(), ElementsAre(timeoutLine));
     EXPECT_EQ(access().checkState(), check::timeout);
 
     world.settle();
-    EXPECT_THAT(log->takeLines(), ElementsAre(lateLine)) << "being given up is the late answer";
+    EXPECT_THAT(log->takeLines(), ElementsAre(lateLine))
+        << "the abandoned HEAD ends with a late answer";
     EXPECT_EQ(access().checkState(), check::idle);
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(3000)));
     world.advance(std::chrono::hours(1));
@@ -107,7 +106,7 @@ TEST_F(StatusCheckTimeout, OfOneServiceMakesTheAnswerOfAnotherBeIgnored) {
     EXPECT_THAT(log->takeLines(), IsEmpty());
     EXPECT_EQ(access().checkState(), check::responded);
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(Milliseconds(10000)))
-        << "and the one that was given up goes on";
+        << "and the abandoned one continues";
 }
 
 TEST_F(StatusCheckTimeout, OfOneServiceIsSettledByTheAnswerOfAnother) {
@@ -123,11 +122,12 @@ TEST_F(StatusCheckTimeout, OfOneServiceIsSettledByTheAnswerOfAnother) {
     EXPECT_THAT(log->takeLines(), IsEmpty());
     EXPECT_EQ(access().checkState(), check::idle);
     world.advance(Seconds(1));
-    EXPECT_FALSE(echo.isOutstanding()) << "the other's time-out gives up what is out longest";
+    EXPECT_FALSE(echo.isOutstanding())
+        << "the time-out of the other check abandons the oldest HEAD";
     EXPECT_THAT(log->takeLines(), ElementsAre(timeoutLine));
 }
 
-TEST_F(StatusCheckTimeout, OfTheSecondOfTwoAnsweredChecksHitsWhateverIsOutThen) {
+TEST_F(StatusCheckTimeout, OfTheSecondOfTwoAnsweredChecksAbandonsTheHeadThatIsOutstandingThen) {
     start();
     registered("echo", "abc");
     world.advance(Seconds(1));
@@ -160,7 +160,9 @@ TEST_F(StatusCheckTimeout, ThatIsLoggedWithoutAnIgnoredAnswerEndedNoCheck) {
     }
 }
 
-TEST_F(StatusCheckTimeout, AfterAHeadItIsPendingWhateverItWas) {
+using CheckState = StatusCheckTimeout;
+
+TEST_F(CheckState, IsPendingAfterAHead) {
     start();
     registered("echo", "abc");
     EXPECT_EQ(access().checkState(), check::idle) << "as it was made";
@@ -171,7 +173,7 @@ TEST_F(StatusCheckTimeout, AfterAHeadItIsPendingWhateverItWas) {
     }
 }
 
-TEST_F(StatusCheckTimeout, AfterAnAnswerInTimeItIsResponded) {
+TEST_F(CheckState, IsRespondedAfterAnAnswerInTime) {
     start();
     registered("echo", "abc");
     world.takeAddedDelays();
@@ -185,7 +187,7 @@ TEST_F(StatusCheckTimeout, AfterAnAnswerInTimeItIsResponded) {
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
 
-TEST_F(StatusCheckTimeout, AfterALateAnswerItIsIdle) {
+TEST_F(CheckState, IsIdleAfterALateAnswer) {
     start();
     registered("echo", "abc");
     world.takeAddedDelays();
@@ -196,7 +198,7 @@ TEST_F(StatusCheckTimeout, AfterALateAnswerItIsIdle) {
     EXPECT_THAT(world.takeAddedDelays(), IsEmpty());
 }
 
-TEST_F(StatusCheckTimeout, AfterAnAnswerItMakesItIdleAndGivesNothingUp) {
+TEST_F(StatusCheckTimeout, AfterAnAnswerMakesTheStateIdleAndAbandonsNoHead) {
     start();
     registered("echo", "abc");
     access().sendHead(1, request(1));
@@ -207,7 +209,7 @@ TEST_F(StatusCheckTimeout, AfterAnAnswerItMakesItIdleAndGivesNothingUp) {
     EXPECT_THAT(log->takeLines(), IsEmpty());
 }
 
-TEST_F(StatusCheckTimeout, WithoutAnAnswerItGivesUpTheHead) {
+TEST_F(StatusCheckTimeout, WithoutAnAnswerAbandonsTheHead) {
     start();
     registered("echo", "abc");
     for (const auto value : {check::idle, check::timeout, check::pending}) {

@@ -1,5 +1,5 @@
-// What turns an asynchronous call into a blocking one: the promise, the wait and its limit. The
-// callers that have to wait do so on real threads.
+// Turns an asynchronous call into a blocking one: the promise, the wait and its time-out. Callers
+// that have to wait run on real threads.
 #include "BlockingCall.h"
 #include "ClientTestAccess.h"
 
@@ -17,7 +17,7 @@ using Promise = std::shared_ptr<std::promise<Response>>;
 
 constexpr milliseconds unlimited(0);
 
-/// A synchronous call on a thread of its own.
+/// A synchronous call on its own thread.
 class Caller {
   public:
     explicit Caller(milliseconds timeout)
@@ -52,7 +52,7 @@ void expectTimeout(const Response& response) {
     expectSame(response, {Response::ERROR, Response::TIMEOUT});
 }
 
-TEST(SynchronousCall, ReturnsAtOnceWhatIsAnsweredWhileItIsMade) {
+TEST(SynchronousCall, ReturnsAtOnceAnAnswerThatComesDuringTheCall) {
     const Response response = someResponse();
     for (const milliseconds timeout :
          {unlimited, milliseconds(1), milliseconds(-1), milliseconds::min(), milliseconds::max()}) {

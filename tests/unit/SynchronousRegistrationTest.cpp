@@ -1,4 +1,4 @@
-// The blocking registration of one service and the withdrawal that comes with its result.
+// The blocking registration of one service, and the withdrawal function in its result.
 #include "BlockingCall.h"
 #include "ClientTest.h"
 #include "FunctionFactory.h"
@@ -21,7 +21,7 @@ class SynchronousRegistration : public ClientTest {
     ScriptedClient& scripted() {
         return dynamic_cast<ScriptedClient&>(*context.getServiceRegistryClient());
     }
-    /// The result of a registration that is answered at once and is given this handle.
+    /// The result of a registration that is answered during the call and returns this handle.
     SyncOrvRegistrationResponse registeredWith(const Handle& handle) {
         scripted().onRegister = [&](const auto&, const auto&, const ResponseCallback& callback) {
             callback({Response::OK, Response::NONE});
@@ -71,7 +71,7 @@ TEST_F(SynchronousRegistration, RegistersAndWithdrawsLikeTheAsynchronousOne) {
     EXPECT_EQ(outcome("", result.unregister()), (Outcome{"", "OK", "NONE", 200}));
 }
 
-TEST_F(SynchronousRegistration, WaitsWithoutLimitWhateverTheTimeOuts) {
+TEST_F(SynchronousRegistration, WaitsWithoutLimitWithAnyTimeOuts) {
     context.setSyncCallRegistryTimeout(Milliseconds(-1));
     context.setSyncCallUnregisterTimeout(Milliseconds(-1));
     start();
@@ -91,7 +91,7 @@ TEST_F(SynchronousRegistration, WaitsWithoutLimitWhateverTheTimeOuts) {
 
 using SynchronousWithdrawal = SynchronousRegistration;
 
-TEST_F(SynchronousWithdrawal, ReturnsWhatItsOwnHandleAnswers) {
+TEST_F(SynchronousWithdrawal, ReturnsTheAnswerOfItsOwnHandle) {
     start();
     const auto gone = std::make_shared<communication::HttpResponse>(answer(410));
     std::function<Response()> withdraw;

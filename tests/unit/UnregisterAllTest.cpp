@@ -1,4 +1,4 @@
-// Withdrawing every service that the client holds, in both forms.
+// Withdrawing all services of the client, in both forms.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -12,7 +12,7 @@ using Response = OrvRegistrationResponse;
 
 class UnregisterAll : public ClientTest {
   protected:
-    /// Records under the service's name; the model must be the client's own description.
+    /// Records the outcome under the service's name, and the model.
     IOrvServiceRegistryClient::ServiceCallback recordOne() {
         return [this](const Model& model, const Response& response) {
             EXPECT_EQ(world.currentThread(), "ORVX_SRCBExec");
@@ -22,18 +22,22 @@ class UnregisterAll : public ClientTest {
     }
     void registeredThree() {
         start();
-        registered("one", "a");
-        registered("two", "b");
-        registered("three", "c");
-        takeOutcomes();
+        const auto remove = client().addServiceRegisterStatusListener(listen());
+        for (const auto& [name, uuid] : {std::pair("one", "a"), {"two", "b"}, {"three", "c"}}) {
+            registered(name, uuid);
+            held.push_back(notifiedDescription);
+        }
+        remove();
+        forgetThePast();
     }
 
     std::vector<Model> models;
+    /// The client's own descriptions, in the order of their ids.
+    std::vector<std::shared_ptr<const common::ServiceModel>> held;
 };
 
 TEST_F(UnregisterAll, WithdrawsEveryServiceInTheOrderOfTheirIds) {
     registeredThree();
-    const std::vector<Model> held = {access().service(1), access().service(2), access().service(3)};
     client().unregisterAllServicesFromRegistry(recordOne());
     std::vector<simulation::Request> requests;
     for (const std::string path : {"/a", "/b", "/c"}) {
@@ -131,12 +135,12 @@ TEST_F(UnregisterAll, WithoutACallbackWithdrawsAllTheSame) {
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"next", "OK", "NONE", 201}));
 }
 
-TEST_F(UnregisterAll, TellsOfIdsWithOneRecordUnderItsDescription) {
+TEST_F(UnregisterAll, ReportsIdsWithOneRecordUnderItsDescription) {
     start();
+    client().addServiceRegisterStatusListener(listen());
     registered("one", "a");
     registered("same", "a");
     takeOutcomes();
-    const Model held = access().service(1);
     client().unregisterAllServicesFromRegistry(recordOne());
     simulation::Request request = next("DELETE");
     EXPECT_EQ(world.requestsToTake(), 0U);
@@ -144,7 +148,7 @@ TEST_F(UnregisterAll, TellsOfIdsWithOneRecordUnderItsDescription) {
     world.settle();
     EXPECT_THAT(takeOutcomes(),
                 ElementsAre(Outcome{"one", "OK", "NONE", 200}, Outcome{"one", "OK", "NONE", 200}));
-    EXPECT_THAT(models, ElementsAre(held, held));
+    EXPECT_THAT(models, ElementsAre(notifiedDescription, notifiedDescription));
 }
 
 using SynchronousUnregisterAll = UnregisterAll;

@@ -1,5 +1,5 @@
-// Withdrawals that find no entry, or none that is theirs to withdraw, and what only the client's
-// own threads can reach.
+// Withdrawals that find no entry, or an entry that is being withdrawn already, and conditions that
+// only the client's own threads can cause.
 #include "ClientTest.h"
 #include "States.h"
 
@@ -21,9 +21,9 @@ const LogLine notRegisteredAnymore =
 
 class UnregistrationState : public ClientTest {
   protected:
-    /// The withdrawal is refused at once: the registry holds no entry.
+    /// The withdrawal is refused immediately, because the registry holds no entry.
     void expectNotFound(const Handle& withdraw) {
-        const std::uint32_t before = access().state(1);
+        const State before = stateOf(1);
         takeOutcomes();
         log->takeLines();
         withdraw(record("withdrawal"));
@@ -32,8 +32,18 @@ class UnregistrationState : public ClientTest {
         EXPECT_THAT(takeOutcomes(),
                     ElementsAre(Outcome{"withdrawal", "ERROR", "SERVICE_NOT_FOUND", -1}));
         EXPECT_THAT(log->takeLines(), ElementsAre(notRegisteredYet));
-        EXPECT_EQ(access().state(1), before);
-        EXPECT_EQ(access().copyOf(1).unregisterCallbacks, std::nullopt);
+        EXPECT_EQ(stateOf(1), before);
+    }
+    /// The entry at this path is withdrawn, and earlier refused withdrawals are not answered again.
+    void expectWithdrawn(const Handle& withdraw, const std::string& path) {
+        world.settle();
+        takeOutcomes();
+        withdraw(record("withdrawal"));
+        simulation::Request request = next("DELETE");
+        EXPECT_EQ(request.path(), path);
+        request.answer(200);
+        world.settle();
+        EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"withdrawal", "OK", "NONE", 200}));
     }
 };
 
@@ -46,6 +56,7 @@ TEST_F(UnregistrationState, FindsNothingWhileTheFirstPutIsOut) {
     put.answer(201, location("/abc"));
     world.settle();
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
+    expectWithdrawn(withdraw, "/abc");
 }
 
 TEST_F(UnregistrationState, FindsNothingWhileARetryIsPending) {
@@ -57,6 +68,7 @@ TEST_F(UnregistrationState, FindsNothingWhileARetryIsPending) {
     expectNotFound(withdraw);
     next("PUT").answer(201, location("/abc"));
     EXPECT_EQ(stateOf(1), State::Announced);
+    expectWithdrawn(withdraw, "/abc");
 }
 
 TEST_F(UnregistrationState, FindsNothingDuringANewRegistrationOfALostService) {
@@ -70,14 +82,14 @@ TEST_F(UnregistrationState, FindsNothingDuringANewRegistrationOfALostService) {
     world.advance(Seconds(10));
     expectNotFound(withdraw);
     next("PUT").answer(201, location("/def"));
-    withdraw({});
-    EXPECT_EQ(next("DELETE").path(), "/def");
+    expectWithdrawn(withdraw, "/def");
 }
 
 TEST_F(UnregistrationState, FindsNothingWhereTheRegistryGaveAnEmptyId) {
     start();
+    client().addServiceRegisterStatusListener(listen());
     const Handle withdraw = registered("echo", "");
-    EXPECT_TRUE(access().service(1)->hasId());
+    EXPECT_TRUE(notifiedDescription->hasId());
     expectNotFound(withdraw);
     EXPECT_EQ(world.requestsToTake(), 0U);
 }
@@ -130,7 +142,7 @@ TEST_F(UnregistrationState, OfAStoppedClientIsNotInitiated) {
     EXPECT_EQ(world.requestsToTake(), 0U);
 }
 
-TEST_F(UnregistrationState, WithAnEntrySendsTheDeleteWhateverItIsButBeingWithdrawn) {
+TEST_F(UnregistrationState, SendsTheDeleteInEveryStateExceptBeingWithdrawn) {
     for (const auto value :
          {state::registering, state::reregistering, state::registered, state::created}) {
         context.deinit();
@@ -204,13 +216,13 @@ TEST_F(UnregistrationState, IsRemovedWithItsWaitingCallbacks) {
     takeNotifications();
     ClientTestAccess::Callbacks callbacks(5);
     access().deleteEntries(1, callbacks);
-    EXPECT_EQ(callbacks.size(), 2U) << "what the list held before is discarded";
+    EXPECT_EQ(callbacks.size(), 2U) << "the earlier content of the list is discarded";
     EXPECT_THAT(registrationIds(), IsEmpty());
     world.settle();
     EXPECT_THAT(takeNotifications(), ElementsAre(Notification{"echo", "abc", false}));
 }
 
-TEST_F(UnregistrationState, IsRemovedThoughNobodyWaits) {
+TEST_F(UnregistrationState, IsRemovedWithoutWaitingCallbacks) {
     start();
     registered("echo", "abc");
     ClientTestAccess::Callbacks callbacks(5);

@@ -1,4 +1,4 @@
-// Withdrawing a service: the DELETE, what its answers do, who is told.
+// Withdrawing a service: the DELETE, the effect of its answers, the callbacks and the listener.
 #include "ClientTest.h"
 
 namespace orvx::serviceregistryclient {
@@ -12,7 +12,7 @@ using testing::warning;
 
 class Unregistration : public ClientTest {
   protected:
-    /// Registers "echo" at "/entries/abc" as the first service of a client, and forgets how.
+    /// Registers "echo" at "/entries/abc" as the first service of a client, and drops all records.
     Handle registeredEcho() {
         start();
         client().addServiceRegisterStatusListener(listen());
@@ -57,7 +57,7 @@ TEST_F(Unregistration, GoesToTheRegistryThatHoldsTheEntry) {
     EXPECT_EQ(request.path(), "/def");
 }
 
-TEST_F(Unregistration, TellsTheListenerBeforeTheCallbacks) {
+TEST_F(Unregistration, NotifiesTheListenerBeforeTheCallbacks) {
     std::vector<std::string> told;
     const Handle withdraw = registeredEcho();
     client().addServiceRegisterStatusListener(
@@ -71,12 +71,14 @@ TEST_F(Unregistration, TellsTheListenerBeforeTheCallbacks) {
 TEST_F(Unregistration, OfAServiceReleasesAllThatWasKeptOfIt) {
     const Handle withdraw = registeredEcho();
     const auto kept = access().lifetimeOf(1);
-    const std::weak_ptr<void> description = access().service(1);
+    const std::weak_ptr<const void> description = notifiedDescription;
     withdraw({});
     next("DELETE").answer(200);
     world.settle();
     EXPECT_TRUE(kept.expired());
-    world.advance(Seconds(10));  // the check that was still due
+    notifiedDescription.reset();
+    EXPECT_FALSE(description.expired());
+    world.advance(Seconds(10));  // the check that was still planned
     EXPECT_TRUE(description.expired());
 }
 
