@@ -16,6 +16,8 @@ namespace orvx::serviceregistryclient {
 /// are those of the timer's clock. Guarded by the client's lock.
 struct RegistrationFacts {
     static constexpr std::chrono::milliseconds kNone = std::chrono::milliseconds::min();
+    /// A longer duration could overflow the timer's clock.
+    static constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
 
     struct Failure {
         std::chrono::milliseconds time;
@@ -31,7 +33,6 @@ struct RegistrationFacts {
     }
     /// Sets the due time of the next request. A delay of more than a year counts as none.
     void plan(std::chrono::milliseconds now, std::chrono::milliseconds delay) {
-        constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
         due = delay > kLongest ? kNone : now + std::max(delay, std::chrono::milliseconds::zero());
     }
     /// Enters the state. Returns false if it is the current state.

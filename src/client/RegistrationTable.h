@@ -9,8 +9,8 @@ namespace orvx::serviceregistryclient {
 /// The registrations by request id, and an index by the registry id in their descriptions. Finding
 /// the registration of an entry and removing a registration take logarithmic time.
 ///
-/// Several request ids may lead to one record. Indexes the records that a request id still leads
-/// to: a record from which all ids were redirected is not in the index.
+/// Several request ids may lead to one record. The index contains the records that a request id
+/// still leads to: a record from which all ids were redirected is not in the index.
 /// A function that throws std::bad_alloc has changed nothing that is visible and can be called
 /// again.
 /// Guarded by the client's lock. Records are never destroyed here under that lock: a caller that

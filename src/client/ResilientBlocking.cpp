@@ -48,13 +48,12 @@ class OrvServiceRegistryClient::ResilientUpkeep::BlockingCall {
     }
     /// Zero means no time-out.
     Responses wait(Milliseconds timeout) {
-        constexpr Milliseconds kLongest = std::chrono::hours(24 * 365 * 10);
         std::unique_lock lock(mutex_);
         const auto isDone = [this] { return left_ == 0 || isEnded_; };
         if (timeout == Milliseconds::zero()) {
             changed_.wait(lock, isDone);
         } else {
-            changed_.wait_for(lock, std::min(timeout, kLongest), isDone);
+            changed_.wait_for(lock, std::min(timeout, kLongestWait), isDone);
         }
         left_ = 0;  // later answers are dropped
         return std::move(responses_);

@@ -161,8 +161,7 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::headTimeout
 
 /// The check interval, limited to a range that cannot overflow the clock.
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::checkInterval() const {
-    constexpr Milliseconds kLongest = std::chrono::hours(24 * 365);
-    return std::clamp(client_.checkDelay(), kShortestPause, kLongest);
+    return std::clamp(client_.checkDelay(), kShortestPause, RegistrationFacts::kLongest);
 }
 
 /// A random duration, uniformly distributed from zero to `duration`.

@@ -41,8 +41,8 @@ void OrvServiceRegistryClient::ResilientUpkeep::withdrawLocked(Member& member, A
         Milliseconds deadline = kNever;
         const Milliseconds timeout = client_.syncCallUnregisterTimeout;
         if (timeout != Milliseconds::zero()) {
-            constexpr Milliseconds kLongest = std::chrono::hours(24 * 365);
-            deadline = now() + std::clamp(timeout, Milliseconds::zero(), kLongest);
+            deadline =
+                now() + std::clamp(timeout, Milliseconds::zero(), RegistrationFacts::kLongest);
             deadlines_.emplace(deadline, member.first);
         }
         registration.waiting->withdrawals.emplace_back(deadline, std::move(answer));

@@ -1,6 +1,8 @@
 // Blocking forms, built from the asynchronous ones and a promise. Entered by the user's threads,
 // which wait here; the callback thread fulfils the promises. No lock. After a wait nothing of the
-// client is used, because the client may be gone.
+// client is used, because the client may be gone. A client that is not running answers
+// DELEGATOR_NOT_INITIATED, as for the asynchronous forms: internal_registerAtRegistry() in
+// Registration.cpp and internal_unregisterFromRegistry() in Unregistration.cpp.
 
 #include "Upkeep.h"
 
@@ -9,13 +11,6 @@
 
 namespace orvx::serviceregistryclient {
 
-namespace {
-
-/// Longer waits would overflow the standard library's clocks and end at once.
-constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365 * 10);
-
-}  // namespace
-
 // The promise is shared: it absorbs an answer that comes after the end of the wait.
 OrvRegistrationResponse OrvServiceRegistryClient::makeSynchronizedCallRegistrationResponse(
     const std::function<void(Promise)>& call, std::chrono::milliseconds timeout) {
@@ -23,7 +18,7 @@ OrvRegistrationResponse OrvServiceRegistryClient::makeSynchronizedCallRegistrati
     call(promise);
     std::future<OrvRegistrationResponse> future = promise->get_future();
     if (timeout == std::chrono::milliseconds::zero() ||
-        future.wait_for(std::min(timeout, kLongestWait)) == std::future_status::ready) {
+        future.wait_for(std::min(timeout, Upkeep::kLongestWait)) == std::future_status::ready) {
         return future.get();
     }
     return {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::TIMEOUT};

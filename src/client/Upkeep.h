@@ -22,6 +22,10 @@ class OrvServiceRegistryClient::Upkeep {
     using SyncServiceResponses =
         std::map<std::shared_ptr<common::ServiceModel>, SyncOrvRegistrationResponse>;
 
+    /// The maximum wait of a blocking call. Longer waits would overflow the standard library's
+    /// clocks and end at once.
+    static constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365 * 10);
+
     explicit Upkeep(OrvServiceRegistryClient& client) : client_(client) {}
     virtual ~Upkeep() = default;
     Upkeep(const Upkeep&) = delete;
