@@ -4,10 +4,8 @@
 #include "EpollLoop.h"
 
 #include "Measure.h"
+#include "Source.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,19 +13,6 @@
 namespace orvx::benchmarks {
 
 namespace {
-
-int connectTo(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    require(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
-            "the benchmark server cannot be reached");
-    const int on = 1;
-    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    return socket;
-}
 
 constexpr std::array<std::string_view, 3> kMethods{"PUT ", "HEAD ", "DELETE "};
 constexpr std::array<std::string_view, 3> kHeaders{

@@ -15,7 +15,7 @@ namespace orvx::benchmarks {
 
 KeptConnections::KeptConnections(std::uint16_t port, std::size_t count) : connections_(count) {
     for (std::size_t i = 0; i < count; ++i) {
-        connections_[i].socket = connect(port);
+        connections_[i].socket = connectTo(port);
         follow(connections_[i].socket, i);
         free_.push_back(i);
     }

@@ -4,10 +4,9 @@
 #include "ServerProcess.h"
 
 #include "Measure.h"
+#include "Source.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,17 +25,6 @@ namespace {
     const std::string key = fileInProgramFolder("key.pem");
     ::execl(program.c_str(), program.c_str(), certificate.c_str(), key.c_str(), nullptr);
     ::_exit(127);
-}
-
-int connectTo(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    require(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
-            "the benchmark server cannot be reached");
-    return socket;
 }
 
 }  // namespace

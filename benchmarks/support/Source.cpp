@@ -18,13 +18,7 @@
 
 namespace orvx::benchmarks {
 
-Source::Source() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {}
-
-Source::~Source() {
-    ::close(epoll_);
-}
-
-int Source::connect(std::uint16_t port) const {
+int connectTo(std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -35,6 +29,12 @@ int Source::connect(std::uint16_t port) const {
     const int on = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return socket;
+}
+
+Source::Source() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {}
+
+Source::~Source() {
+    ::close(epoll_);
 }
 
 void Source::follow(int socket, std::size_t index) const {

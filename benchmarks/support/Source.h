@@ -8,6 +8,9 @@ namespace orvx::benchmarks {
 
 using Time = std::chrono::steady_clock::time_point;
 
+/// Connects a TCP socket without Nagle's algorithm to a port of this machine. Throws if that fails.
+int connectTo(std::uint16_t port);
+
 /// Sockets that are read by one thread, together with others.
 class Source {
   public:
@@ -22,8 +25,6 @@ class Source {
     virtual void receive() = 0;
 
   protected:
-    /// Connects to a port of this machine. Throws when that fails.
-    int connect(std::uint16_t port) const;
     /// `index`: in the event's data. Needed once for each socket.
     void follow(int socket, std::size_t index) const;
 

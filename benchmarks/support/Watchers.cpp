@@ -18,7 +18,7 @@ namespace orvx::benchmarks {
 Watchers::Watchers(std::uint16_t port, std::size_t count) : watchers_(count) {
     const std::string lastId = lastIdOfList(port);
     for (std::size_t i = 0; i < count; ++i) {
-        watchers_[i].socket = connect(port);
+        watchers_[i].socket = connectTo(port);
         follow(watchers_[i].socket, i);
         begin(watchers_[i].socket, lastId);
     }
@@ -40,7 +40,7 @@ void Watchers::begin(int socket, const std::string& lastId) {
 
 std::string Watchers::lastIdOfList(std::uint16_t port) const {
     const std::string end = "event: listed\nid: ";
-    const int socket = connect(port);
+    const int socket = connectTo(port);
     begin(socket, "");
     std::array<char, 65536> bytes;
     std::string text;
