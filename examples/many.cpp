@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(port));
     OrvServiceRegistryContext context;
-    context.enableResilience(true);  // checks each by itself; sets have no bound
+    context.enableResilience(true);  // each service has its own check; a set may have any size
     context.setRegisterWithPrefix(true);
     context.setCheckInterval(std::chrono::seconds(4));  // longer than the head time-out, 3 s
     context.init();
