@@ -1,4 +1,4 @@
-// The handle over a shared object, by itself. One thread.
+// The handle to a shared object. One thread.
 
 #include <gtest/gtest.h>
 #include <orvx/common/Facade.h>

@@ -1,5 +1,5 @@
-// Objects that many threads read, change, copy, assign and write as JSON at once. What these tests
-// find is best seen under the thread sanitizer; without it they find torn values and deadlocks.
+// Objects that many threads read, change, copy, assign and write as JSON at the same time. The
+// thread sanitizer finds most errors; without it the tests find torn values and deadlocks.
 
 #include <gtest/gtest.h>
 #include <orvx/common/ServiceCreate.h>
@@ -18,8 +18,8 @@ using Value = GenericObjectValue;
 
 constexpr int rounds = 500;
 
-/// Runs each task over and over on a thread of its own, all at once. A deadlock ends the process:
-/// threads that stand still cannot be joined.
+/// Runs each task repeatedly on its own thread, all at the same time. A deadlock ends the process,
+/// because deadlocked threads cannot be joined.
 void runTogether(const std::vector<std::function<void(int)>>& tasks) {
     std::promise<void> start;
     const std::shared_future<void> started = start.get_future();
@@ -42,7 +42,7 @@ void runTogether(const std::vector<std::function<void(int)>>& tasks) {
     }
 }
 
-/// Two equal numbers: unequal ones seen by a reader are a torn value.
+/// Two equal numbers. A reader that sees unequal ones sees a torn value.
 Value pairOf(int number) {
     return Value::List{number, number};
 }

@@ -1,5 +1,5 @@
-// What is written as JSON, byte for byte and as a reader understands it, and what is refused.
-// One thread.
+// The JSON of objects, byte for byte and as parsed again, and the texts that are refused. One
+// thread.
 
 #include <gtest/gtest.h>
 #include <orvx/common/GenericObject.h>
@@ -195,7 +195,7 @@ TEST(TheJsonOfAnObject, HoldsOtherScriptsAndEmojiInUtf8) {
     EXPECT_EQ(toText(Value("日本語 😀")), "\"日本語 😀\"");
 }
 
-/// Stray, cut short, overlong, a surrogate, beyond the last code point, never valid.
+/// Invalid UTF-8: stray, cut short, overlong, a surrogate, beyond the last code point, never valid.
 const std::vector<std::string>& invalidTexts() {
     static const std::vector<std::string> texts{
         "\x80",         "a\xC3",        "\xE2\x82",     "\xF0\x9F\x98", "\xC3(",
@@ -254,7 +254,7 @@ std::locale groupingLocale() {
     return {std::locale::classic(), new GroupedDigits};
 }
 
-/// Makes a locale the process's own for a scope.
+/// Sets the process's locale for a scope.
 class GlobalLocale {
   public:
     explicit GlobalLocale(const std::locale& locale) : before_(std::locale::global(locale)) {}
@@ -284,8 +284,8 @@ TEST(TheJsonOfAnObject, DoesNotDependOnTheStreamsFormat) {
     EXPECT_EQ(stream.str(), numbersText);
 }
 
-// Covers what C++ streams make of the locale; the machine may have no C locale with another
-// decimal point to try.
+// Covers the effect of the locale on C++ streams; the machine may have no C locale with another
+// decimal point.
 TEST(TheJsonOfAnObject, DoesNotDependOnTheLocaleOfTheProcess) {
     const GlobalLocale scope(groupingLocale());
     EXPECT_EQ(toText(numbers()), numbersText);

@@ -1,4 +1,4 @@
-// Values and the collection of them, as one thread sees them.
+// Values and their collection, used by one thread.
 
 #include <gtest/gtest.h>
 #include <orvx/common/GenericObject.h>
@@ -46,7 +46,7 @@ template <typename T>
 class EachIntegerType : public ::testing::Test {};
 using IntegerTypes = ::testing::Types<signed char, unsigned char, short, unsigned short, int,
                                       unsigned, long, unsigned long, long long, unsigned long long>;
-TYPED_TEST_SUITE(EachIntegerType, IntegerTypes, );  // clang wants the comma
+TYPED_TEST_SUITE(EachIntegerType, IntegerTypes, );  // clang requires the comma
 
 TYPED_TEST(EachIntegerType, MakesAGenericObjectValueOfTheSameNumber) {
     const auto lowest = std::numeric_limits<TypeParam>::min();
@@ -96,7 +96,7 @@ TEST(TheGenericObjectValue, IsCopiedWithAllThatIsInIt) {
     EXPECT_EQ(copy, Value(Value::List{Value::Object{{"key", "before"}}}));
 }
 
-/// The keys as they are met.
+/// The keys in the order of the iteration.
 Texts keysOf(const GenericObjectMembers& members) {
     Texts keys;
     for (const auto& member : members) {

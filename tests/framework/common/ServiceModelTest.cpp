@@ -1,4 +1,4 @@
-// Descriptions: what is set, what is read, what copies share. One thread.
+// Descriptions: setters, getters, and the state that copies share. One thread.
 
 #include <gtest/gtest.h>
 #include <orvx/common/ServiceCreate.h>

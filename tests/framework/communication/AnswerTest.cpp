@@ -1,4 +1,4 @@
-// What becomes of the answers that servers give, good and bad.
+// The outcomes of valid and invalid answers.
 
 #include "HttpTest.h"
 
@@ -12,7 +12,7 @@ using ::testing::Pair;
 
 class AnAnswer : public HttpTest {
   protected:
-    /// To a PUT, when the server sends this and then closes.
+    /// The outcome of a PUT when the server sends these bytes and then closes.
     HttpResponse to(const std::string& bytes, const HttpConfig& config = {}) {
         return toScript(Script().send(bytes).close(), config);
     }
@@ -25,7 +25,7 @@ class AnAnswer : public HttpTest {
     }
 };
 
-/// "No answer" comes with nothing else.
+/// An outcome without an answer has no other content.
 ::testing::Matcher<HttpResponse> failsWith(CommunicationStatus status) {
     return ::testing::Truly([status](const HttpResponse& response) {
         EXPECT_EQ(response.getCommunicationStatus(), status);
@@ -216,7 +216,7 @@ TEST_F(AnAnswer, HasNotComeIfTheServerClosesInstead) {
     EXPECT_THAT(toScript(Script().reset()), failsWith(CommunicationStatus::ReceiveFailed));
 }
 
-// It was said that receiving had failed.
+// The outcome was once ReceiveFailed.
 TEST_F(AnAnswer, HasNotComeIfTheConnectionBreaksWhileTheBodyIsSent) {
     server_.everyConnection(Script().readBytes(1).reset());
     const std::string body(64 << 20, ' ');
@@ -226,7 +226,7 @@ TEST_F(AnAnswer, HasNotComeIfTheConnectionBreaksWhileTheBodyIsSent) {
 TEST_F(AnAnswer, IsTooLargeIfItsHeadersExceedTheirCap) {
     HttpConfig config;
     config.maxHeaderBytes = 1000;
-    // The status line, the blank line and this one make 19 + 2 + 979.
+    // The status line, the blank line and this one have 19 + 2 + 979 bytes.
     const auto withHeader = [](std::size_t size) {
         return "HTTP/1.0 200 Fine\r\n" + header(size) + "\r\n";
     };
@@ -274,7 +274,8 @@ TEST_F(AnAnswer, IsTooLargeIfItsBodyExceedsItsCap) {
                 failsWith(CommunicationStatus::TooLarge));
 }
 
-// Each within the bound of its own line, all together without end: that kept the I/O thread busy.
+// Each chunk header is within the limit of its line, but the chunks never end: this once kept the
+// I/O thread busy.
 TEST_F(AnAnswer, IsTooLargeIfTheExtensionsOfItsChunksAreEndless) {
     const std::string chunk = "1;" + std::string(3000, 'x') + "\r\na\r\n";
     EXPECT_THAT(toScript(Script()
@@ -308,7 +309,8 @@ TEST_F(AnAnswer, ToAHeadMayAnnounceAnyLength) {
     EXPECT_EQ(codeOf(head(session())), 200);
 }
 
-// Only the address sanitizer sees for sure when it is taken for a part of the answer before.
+// Only the address sanitizer reliably detects that the bytes are taken as part of the previous
+// answer.
 TEST_F(AnAnswer, IsMalformedIfItsHeadersBeginWithAFoldedLineWhateverCameBefore) {
     const SessionPointer connection = session(oneConnection());
     server_.nextRequest(response(200, {{"A", "b"}}));
@@ -327,8 +329,8 @@ TEST_F(AnAnswer, ThatHasABodyAgainstTheRulesDoesNotSpoilTheNextOne) {
     EXPECT_EQ(codeOf(put(connection)), 202);
 }
 
-// The server sends what nobody asked for when the answer has long been taken, so that it lies there
-// when the next request wants to go: the server's closing shows that it does.
+// The server sends bytes without a request after the answer was read, so that they are pending when
+// the next request is to be sent. The server closes the connection to show that they were sent.
 TEST_F(AnAnswer, IsNotMistakenForWhatCameUnaskedBefore) {
     const std::string unasked = "HTTP/1.1 408 Request Timeout\r\nContent-Length: 0\r\n\r\n";
     const SessionPointer connection = session(oneConnection());

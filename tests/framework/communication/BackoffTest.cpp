@@ -1,5 +1,5 @@
-// The delays of a back-off sequence. They are random: what is certain is tested as such, what is
-// only overwhelmingly likely says how likely a false alarm is.
+// The delays of a back-off sequence. They are random: facts are asserted directly, and for
+// assertions that hold with high probability the probability of a false alarm is given.
 
 #include <gtest/gtest.h>
 #include <orvx/communication/QunaConnectionBackoffSequence.h>
@@ -121,7 +121,7 @@ TEST(TheBackoffSequence, DiffersFromThoseThatOtherThreadsMakeAtTheSameTime) {
     EXPECT_EQ(delays.size(), 4000U);
 }
 
-/// How 10,000 delays fall into the ten tenths of [1000, 1999].
+/// The numbers of 10,000 delays in the ten tenths of [1000, 1999].
 template <typename Draw>
 std::array<int, 10> tenthsOf(Draw draw) {
     std::array<int, 10> tenths{};
@@ -131,9 +131,9 @@ std::array<int, 10> tenthsOf(Draw draw) {
     return tenths;
 }
 
-// 1000 delays are due to each tenth. By Bernstein's inequality one of them is off by 250 with a
-// probability below 2 exp(-250^2 / (2 (900 + 250 / 3))) < 1e-13: a false alarm of any of the ten,
-// in either test, is below 1e-11.
+// The expected number is 1000 delays for each tenth. By Bernstein's inequality one of them differs
+// by 250 with a probability below 2 exp(-250^2 / (2 (900 + 250 / 3))) < 1e-13: the probability of a
+// false alarm of any of the ten, in either test, is below 1e-11.
 void expectEvenSpread(const std::array<int, 10>& tenths) {
     for (int count : tenths) {
         EXPECT_NEAR(count, 1000, 250);
@@ -149,7 +149,7 @@ TEST(TheBackoffSequence, SpreadsTheFirstDelaysOfManySequencesEvenly) {
     expectEvenSpread(tenthsOf([] { return Sequence(4, 1999).nextDelay().count(); }));
 }
 
-// A false alarm: 10,000 draws out of eleven delays leave one out, 11 (10/11)^10000 < 1e-400.
+// A false alarm: 10,000 draws of eleven delays omit one, 11 (10/11)^10000 < 1e-400.
 TEST(TheBackoffSequence, ReachesBothEndsOfAStep) {
     Sequence sequence(0, 20);
     std::set<milliseconds> delays;

@@ -6,7 +6,7 @@
 
 namespace orvx::testing {
 
-/// Keeps the I/O thread inside a handler, so that what happens meanwhile comes to it all at once.
+/// Keeps the I/O thread inside a handler, so that it then finds all events of that time at once.
 class BusyIoThread {
   public:
     explicit BusyIoThread(const OrvClientCommunicationContext& context) {
@@ -16,7 +16,7 @@ class BusyIoThread {
         }));
         entered_.get_future().wait();
     }
-    /// Lets go, and waits until the handler is gone.
+    /// Releases the handler, and waits until it is destroyed.
     ~BusyIoThread() {
         released_.set_value();
         EXPECT_TRUE(outcome_.waitUntilDestroyed());

@@ -1,4 +1,4 @@
-// What the session interface does by itself, whatever implements it.
+// The default behaviour of the session interface, with any implementation.
 
 #include <gtest/gtest.h>
 #include <orvx/communication/IClientHttpSession.h>
@@ -6,7 +6,7 @@
 namespace orvx::communication {
 namespace {
 
-/// Remembers the last PUT and answers it at once.
+/// Stores the last PUT, and answers it during the call.
 class RecordingSession : public IClientHttpSession {
   public:
     void sendPutRequest(std::string path, std::string contentType, std::string accept,

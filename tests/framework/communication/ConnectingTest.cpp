@@ -1,5 +1,5 @@
-// How connections are made: names, addresses of both families, how many at a time, and what a peer
-// says before it is asked.
+// Connecting: names, addresses of both families, the number of attempts at a time, and bytes that a
+// peer sends before the first request.
 
 #include "BusyIoThread.h"
 #include "HttpTest.h"
@@ -44,8 +44,8 @@ class Connecting : public HttpTest {
         what();
         return Clock::now() - start;
     }
-    /// Sends a request and holds the I/O thread from the moment when connecting has begun until
-    /// `meanwhile` has returned.
+    /// Sends a request. Holds the I/O thread from the start of connecting until `meanwhile` has
+    /// returned.
     HttpResponse putWhile(const SessionPointer& session, const std::function<void()>& meanwhile) {
         Outcome answered;
         Outcome holding;
@@ -92,7 +92,7 @@ TEST_F(Connecting, CostsOneThreadAndNoDescriptorHoweverManyNamesAreNotAnswered) 
     EXPECT_LT(durationOf([&] { context_.deinit(); }), 1s);
 }
 
-// A name with 3,000 addresses that refuse took the I/O thread 1.4 s.
+// A name with 3,000 addresses that refuse once took the I/O thread 1.4 s.
 TEST_F(Connecting, TriesTheFirst64AddressesOfAName) {
     const DeadResolver resolver;
     EXPECT_EQ(put(session(server_.port(), {}, "a.crowd.test")).getCommunicationStatus(),
@@ -178,7 +178,7 @@ TEST_F(Connecting, LetsTheFamiliesTakeTurns) {
     const auto both = atAFreePort<Both>();
     HostileServer& newer = both->newer;
     newer.onRequest([](const Request&) { return response(200); });
-    listenOn(both->older, 1);  // Connections stand, and nobody answers over them.
+    listenOn(both->older, 1);  // connections are established, and no request is answered
     HttpConfig config;
     config.requestTimeout = 5s;
     EXPECT_EQ(codeOf(put(session(newer.port(), config, "a.several.test"))), 200)
@@ -194,7 +194,7 @@ TEST_F(Connecting, AsksOnceForANameThatIsNotAnsweredHoweverOftenItIsWaitedFor) {
         EXPECT_EQ(put(silent).getCommunicationStatus(), CommunicationStatus::TimedOut);
     }
     resolver.release();
-    put(session(80, {}, "b.unknown.test"));  // Its look-up comes after all others.
+    put(session(80, {}, "b.unknown.test"));  // its look-up comes after all others
     EXPECT_THAT(resolver.lookups(), ElementsAre("a.silent.test", "b.unknown.test"));
 }
 
@@ -246,8 +246,8 @@ TEST_F(Connecting, IsGivenUpWhenThePeerSpeaksUnaskedEachTime) {
     server_.everyConnection(Script().send("220 mail\r\n"));
     const SessionPointer unasked = session();
     const SessionPointer unavailable = context_.getUnavailableSession();
-    // Holds the I/O thread in each round until the server has spoken over the connections that have
-    // been made: it speaks over a later one after that.
+    // Holds the I/O thread in each round until the server has sent bytes over the established
+    // connections. After that it sends bytes over a later connection.
     std::function<void()> holdEachRound = [&] {
         const Socket later = connectLoopback(server_.port());
         EXPECT_TRUE(waitForEvents(later, POLLIN, 10'000));

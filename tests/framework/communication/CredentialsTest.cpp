@@ -1,4 +1,5 @@
-// Credentials: what a request shows, from when on, and what is refused without a word of it.
+// Credentials: the header of a request, the time from which new credentials are used, and error
+// messages without the refused text.
 
 #include "HttpTest.h"
 

@@ -1,4 +1,4 @@
-// Everything but the requests: logging, counting, scarce descriptors, forked children.
+// Everything except the requests: logging, statistics, lack of descriptors, forked children.
 
 #include "BusyIoThread.h"
 #include "HttpTest.h"
@@ -185,7 +185,7 @@ TEST_F(TheEngine, FailsToConnectWithoutAFreeDescriptorAndWorksOnWithOne) {
 
 TEST_F(TheEngine, CannotBeStartedWithoutAFreeDescriptor) {
     context_.deinit();
-    // The sanitizer for undefined behaviour opens a pipe when it meets a class for the first time.
+    // The undefined-behaviour sanitizer opens a pipe when it first meets a class.
     static_cast<void>(utility::OrvFoundationException("", 0));
     {
         const NoDescriptors none;
@@ -214,7 +214,8 @@ TEST_F(TheEngine, LeavesNoDescriptorToTheProgramsThatAreStarted) {
     EXPECT_EQ(inherited(), before);
 }
 
-// It woke up each second. The window is what is measured: the thread is asleep, or not yet.
+// It once woke up each second. The window is the measurement: either the thread sleeps, or it does
+// not yet.
 TEST_F(TheEngine, SleepsUntilADeadlineThatIsFarAway) {
     server_.onRequest([](const Request&) { return Script().silence(); });
     const SessionPointer silent = session();

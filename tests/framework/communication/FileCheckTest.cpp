@@ -1,4 +1,4 @@
-// The files of TLS, looked at before the first connection needs them.
+// The check of the TLS files before the first connection needs them.
 
 #include "Folder.h"
 #include "HttpTest.h"

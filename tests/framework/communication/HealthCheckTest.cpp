@@ -1,4 +1,4 @@
-// Whether servers answer at all.
+// Counts consecutive requests without an answer.
 
 #include <gtest/gtest.h>
 #include <orvx/communication/HealthCheck.h>

@@ -1,4 +1,4 @@
-// What is refused before anything is sent, and with which words.
+// Invalid configurations, which are refused before anything is sent, and the messages.
 
 #include "HttpTest.h"
 
@@ -18,7 +18,7 @@ using namespace std::string_literals;
 
 class AConfiguration : public HttpTest {
   protected:
-    /// What makeSession() says of it; init() has to say the same of a configuration.
+    /// The message of makeSession(); init() must refuse the configuration with the same one.
     std::string refusalOf(const HttpConfig& config) {
         try {
             session(config);

@@ -1,4 +1,4 @@
-// Outcomes of requests and how their header lines are read. One thread.
+// Outcomes of requests, and the parsing of their header lines. One thread.
 
 #include <gtest/gtest.h>
 #include <orvx/communication/HttpResponse.h>

@@ -52,7 +52,7 @@ class HttpTest : public ::testing::Test {
     OrvClientCommunicationContext context_;
 };
 
-/// Sends and waits for the outcome.
+/// Sends the request and waits for the outcome.
 inline HttpResponse put(const SessionPointer& session, const std::string& path = "/",
                         const std::string& content = "") {
     Outcome outcome;

@@ -1,4 +1,4 @@
-// The beginning and the end of a communication context, with requests in every phase.
+// Start and stop of a communication context, with requests in every phase.
 
 #include "BusyIoThread.h"
 #include "HttpTest.h"
@@ -21,7 +21,7 @@ class ACommunicationContext : public HttpTest {
     ACommunicationContext() {
         server_.onRequest([](const Request&) { return response(200); });
     }
-    /// De-initialises while the request is outstanding.
+    /// De-initialises the context while the request is outstanding.
     void expectGivenUp(const Outcome& outcome) {
         const auto start = std::chrono::steady_clock::now();
         context_.deinit();
@@ -306,7 +306,7 @@ TEST_F(ACommunicationContext, DestroysHandlersThatUseItWhenItEnds) {
     server_.onRequest([](const Request&) { return Script().silence(); });
     const SessionPointer kept = session(oneConnection());
     Outcome dropped;
-    /// Sends when it is destroyed.
+    /// Sends a request in its destructor.
     struct LastWord {
         SessionPointer session;
         Outcome& outcome;

@@ -1,6 +1,6 @@
-// What tests wait for: that a handler is called, and that it is destroyed.
-// Entered by the test's thread and, through the handler, by whoever calls and destroys that.
-// `mutex` guards the state and is a leaf lock.
+// Waits for the call and the destruction of a handler. Entered by the test's thread and, through
+// the handler, by the thread that calls or destroys it. `mutex` guards the state and is a leaf
+// lock.
 
 #include "Outcome.h"
 
@@ -13,7 +13,7 @@ using communication::CommunicationStatus;
 using communication::HttpResponse;
 using utility::MutexLock;
 
-/// Shared by the copies of one handler.
+/// The state that the copies of one handler share.
 struct Outcome::Token {
     explicit Token(std::shared_ptr<State> outcome) : state(std::move(outcome)) {}
     Token(const Token&) = delete;

@@ -12,15 +12,15 @@
 
 namespace orvx::testing {
 
-/// The outcome of one request, as the one handler that it gives out sees it. Thread-safe.
+/// The outcome of one request, received by the one handler that this object provides. Thread-safe.
 class Outcome {
   public:
     static constexpr std::chrono::seconds kPatience{10};
 
-    /// A handler that keeps the outcome here, and does `before` before.
+    /// A handler that calls `before` and then stores the outcome here.
     communication::ResponseHandler handler(std::function<void()> before = {});
 
-    /// Waits until the handler is called. Fails the test, and returns status Other, when it is not.
+    /// Waits until the handler is called. Fails the test, and returns status Other, if it is not.
     communication::HttpResponse response() const;
     communication::CommunicationStatus status() const;
     int statusCode() const;
@@ -47,7 +47,7 @@ class Outcome {
     std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-/// The calling thread's name, as the system shows it.
+/// The name of the calling thread, as the system shows it.
 std::string threadName();
 
 }  // namespace orvx::testing

@@ -1,4 +1,4 @@
-// How requests wait for connections, share them, and run out of time.
+// How requests wait for connections, share connections, and time out.
 
 #include "BusyIoThread.h"
 #include "HttpTest.h"

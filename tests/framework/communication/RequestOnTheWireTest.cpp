@@ -1,4 +1,4 @@
-// What the bytes of a request are.
+// The bytes of a request.
 
 #include "HttpTest.h"
 

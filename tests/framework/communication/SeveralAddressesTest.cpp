@@ -31,7 +31,7 @@ class AddressesOfAName : public HttpTest {
         second_.onRequest(ok);
     }
 
-    /// Sends a HEAD to `server`, and gives it up there.
+    /// Sends a HEAD to `server`, and abandons it there.
     void giveUpARequestAt(const HostileServer& server) {
         const std::size_t before = server.counters().requests;
         Outcome outcome;
@@ -65,7 +65,7 @@ class AddressesOfAName : public HttpTest {
     const SessionPointer named_ = session(server_.port(), {}, "a.replicas.test");
 };
 
-// Each request went to the silent address again.
+// Each request once went to the silent address again.
 TEST_F(AddressesOfAName, AreChangedAfterARequestThatTimedOut) {
     Outcome late;
     named_->sendHeadRequestWithin(500ms, "/", late.handler());
@@ -80,7 +80,7 @@ TEST_F(AddressesOfAName, AreChangedAfterARequestThatWasGivenUp) {
     expectRequests(1, 1);
 }
 
-// Each of the kept connections cost a request.
+// Each of the kept connections once cost a request.
 TEST_F(AddressesOfAName, AreChangedForAllKeptConnectionsAtOnce) {
     keepConnections(3, named_);
     server_.onRequest(silence);
@@ -114,7 +114,7 @@ TEST_F(AddressesOfAName, TakeTurnsWhileNoneAnswers) {
     }
 }
 
-// The repetition went to the address that had just ended the connection, and failed.
+// The repetition once went to the address that had just ended the connection, and failed.
 TEST_F(AddressesOfAName, AreChangedForTheRepetitionOfARequest) {
     keepConnections(1, named_);
     server_.onRequest([](const Request&) { return Script().close(); });
@@ -129,7 +129,8 @@ TEST_F(AddressesOfAName, AreChangedAfterAConnectionThatEndedBeforeTheAnswer) {
     expectRequests(1, 1);
 }
 
-// A connection that was not made has the name looked up again, in the resolver's order.
+// After a failed connection the name is looked up again, and the addresses are used in the
+// resolver's order.
 TEST_F(AddressesOfAName, AreChangedAfterAHandshakeThatWasNotAnswered) {
     HostileServer silent(Loopback::V4);
     silent.everyConnection(Script().silence());
@@ -152,7 +153,7 @@ TEST_F(AddressesOfAName, AreChangedAfterAHandshakeThatWasNotAnswered) {
     EXPECT_THAT(resolver_.lookups(), SizeIs(2));
 }
 
-// A lone slow answer.
+// A single slow answer.
 TEST_F(AddressesOfAName, KeepAConnectionThatStillAnswers) {
     server_.nextRequest(Script().waitForRelease("slow").send(response(200)));
     Outcome slow;

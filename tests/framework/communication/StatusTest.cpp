@@ -1,4 +1,4 @@
-// The names of the ways in which a request can end.
+// The names of the communication statuses.
 
 #include <gtest/gtest.h>
 #include <orvx/communication/CommunicationStatus.h>

@@ -1,6 +1,6 @@
-// OpenSSL on blocking sockets.
-// serve() is the server's thread, which ends when the listener is shut down; the rest is the
-// test's. `mutex_` guards what was noted and is a leaf lock.
+// OpenSSL on blocking sockets. serve() runs on the server's thread, which ends when the listener is
+// shut down; the rest is entered by the test's thread. `mutex_` guards the records and is a leaf
+// lock.
 
 #include "TlsServer.h"
 
@@ -78,7 +78,7 @@ void TlsServer::setUp(const Options& options) {
     const Certificate certificate = makeCertificate(key.get(), options);
     require(SSL_CTX_use_certificate(context_.get(), certificate.get()) == 1 &&
             SSL_CTX_use_PrivateKey(context_.get(), key.get()) == 1);
-    SSL_CTX_set_security_level(context_.get(), 0);  // The old versions are not spoken otherwise.
+    SSL_CTX_set_security_level(context_.get(), 0);  // Otherwise the old versions are disabled.
     SSL_CTX_set_cipher_list(context_.get(), "ALL:@SECLEVEL=0");
     require(SSL_CTX_set_min_proto_version(context_.get(), options.version) == 1 &&
             SSL_CTX_set_max_proto_version(context_.get(), options.version) == 1);
@@ -123,7 +123,7 @@ void TlsServer::serve(int connection) {
         script_(*ssl);
     }
     ERR_clear_error();
-    // What was sent must not be overtaken by a reset.
+    // A reset must not overtake the sent bytes.
     ::shutdown(connection, SHUT_WR);
     std::array<char, 1024> ignored;
     while (::recv(connection, ignored.data(), ignored.size(), 0) > 0) {

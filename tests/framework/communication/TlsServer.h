@@ -15,19 +15,19 @@
 
 namespace orvx::testing {
 
-/// A server that speaks TLS as badly as a test wants: one connection after another on a thread of
-/// its own, with a certificate that it makes for itself.
+/// A server that breaks the rules of TLS as a test requires: it serves one connection after another
+/// on its own thread, with a certificate that it makes.
 class TlsServer {
   public:
-    /// What is done on a connection when its handshake is over; then it is closed without a
-    /// farewell. Called on the server's thread.
+    /// Called on the server's thread when the handshake of a connection is complete. Then the
+    /// connection is closed without close_notify.
     using Script = std::function<void(SSL&)>;
     struct Options {
-        int version = TLS1_3_VERSION;          ///< The only one.
-        std::string subject = "IP:127.0.0.1";  ///< As an alternative name of it is written.
+        int version = TLS1_3_VERSION;          ///< The only version that it supports.
+        std::string subject = "IP:127.0.0.1";  ///< In the notation of an alternative name.
         long validFrom = -3600;                ///< In seconds from now.
         long validUntil = 3600;
-        bool isMutual = false;  ///< Clients have to show a certificate: the server's own.
+        bool isMutual = false;  ///< Requires the server's own certificate from clients.
         Loopback loopback = Loopback::V4;
         std::uint16_t port = 0;  ///< Zero for any free one.
     };
@@ -38,9 +38,9 @@ class TlsServer {
     TlsServer& operator=(const TlsServer&) = delete;
 
     std::uint16_t port() const { return port_; }
-    /// The certificate, as a file of the only authority to trust, with its key.
+    /// The file of the certificate with its key. The certificate is its own authority.
     const std::string& authority() const { return authority_; }
-    /// For each handshake that was completed, whether it resumed a session.
+    /// For each completed handshake, whether it resumed a session.
     std::vector<bool> resumed() const ORVX_EXCLUDES(mutex_);
 
     /// Reads a request without a body.

@@ -1,4 +1,4 @@
-// What becomes of requests over TLS, with a peer that keeps its rules and one that does not.
+// The outcomes of requests over TLS, with a peer that follows the rules and one that does not.
 
 #include "BusyIoThread.h"
 #include "HttpTest.h"
@@ -25,7 +25,7 @@ const std::string kAnswerUntilTheEnd = "HTTP/1.1 200 OK\r\nConnection: close\r\n
 
 std::string systemsAuthorities;
 
-/// What OpenSSL takes for the system's file of authorities, as it was built and by the environment.
+/// The path of the system's file of authorities, as OpenSSL was built and by the environment.
 class SystemsAuthorities {
   public:
     explicit SystemsAuthorities(const std::string& path) {
@@ -76,7 +76,7 @@ class Tls : public HttpTest {
             TlsServer::send(ssl, bytes);
         };
     }
-    /// The words for a handshake that fails.
+    /// The message for a failed handshake.
     std::string wordsFor(const TlsServer::Options& options) {
         const auto loggers = std::make_shared<RecordingLoggerFactory>();
         context_.deinit();
@@ -108,10 +108,10 @@ TEST_F(Tls, ResumesItsSessionsInBothVersions) {
     }
 }
 
-// RFC 8446, C.4: somebody who watches could recognise a client that shows a ticket again.
+// RFC 8446, C.4: an observer could recognise a client that uses a ticket twice.
 TEST_F(Tls, ShowsATicketOfTls13Once) {
     const TlsServer server({}, [](SSL& ssl) {
-        SSL_CTX_set_num_tickets(SSL_get_SSL_CTX(&ssl), 0);  // the first connection has got two
+        SSL_CTX_set_num_tickets(SSL_get_SSL_CTX(&ssl), 0);  // the first connection got two tickets
         TlsServer::readRequest(ssl);
         TlsServer::send(ssl, kLastAnswer);
     });
@@ -135,7 +135,8 @@ TEST_F(Tls, ResumesNoSessionThatOtherAuthoritiesVerified) {
     EXPECT_THAT(server.resumed(), ElementsAre(false));
 }
 
-// A session that came with the last answer was kept by what the stop had destroyed before.
+// A session that came with the last answer was once stored by an object that the stop had
+// destroyed.
 TEST_F(Tls, MayBeStoppedWhileAnAnswerAndItsSessionsCome) {
     const TlsServer server({}, [](SSL& ssl) {
         TlsServer::readRequest(ssl);
@@ -162,7 +163,7 @@ TEST_F(Tls, SaysInWordsWhatFailed) {
     EXPECT_THAT(wordsFor(elsewhere), HasSubstr("IP address mismatch"));
     EXPECT_THAT(wordsFor(version(TLS1_1_VERSION)), HasSubstr("protocol version"));
     for (const int version :
-         {TLS1_2_VERSION, TLS1_3_VERSION}) {  // the latter tells after the handshake
+         {TLS1_2_VERSION, TLS1_3_VERSION}) {  // TLS 1.3 reports the failure after the handshake
         TlsServer::Options mutual;
         mutual.version = version;
         mutual.isMutual = true;
@@ -238,7 +239,7 @@ TEST_F(Tls, ThatBreaksInsideAnAnswerCutsItShort) {
     const auto sendRaw = [](SSL& ssl, const std::string& bytes) {
         ::send(SSL_get_fd(&ssl), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     };
-    // In the newest version a warning in plain text makes no more sense than garbage does.
+    // In TLS 1.3 a warning in plain text is as invalid as random bytes.
     for (const int number : {TLS1_2_VERSION, TLS1_3_VERSION}) {
         for (const std::string& broken :
              {std::string("\x15\x03\x03\x00\x02\x02\x28", 7), std::string("garbage in between")}) {
@@ -264,9 +265,9 @@ TEST_F(Tls, IsNotNegotiatedAnew) {
     const HttpResponse answer = answerOf(version(TLS1_2_VERSION), [&](SSL& ssl) {
         const std::string before = clientsRandom(ssl);
         SSL_renegotiate(&ssl);
-        SSL_do_handshake(&ssl);  // Asks for one.
+        SSL_do_handshake(&ssl);  // Requests a renegotiation.
         char ignored = 0;
-        SSL_read(&ssl, &ignored, 1);  // Takes a new hello, or what refuses it.
+        SSL_read(&ssl, &ignored, 1);  // Reads the new hello or the refusal.
         isSame = clientsRandom(ssl) == before;
         TlsServer::send(ssl, kAnswer);
     });
@@ -316,7 +317,7 @@ TEST_F(Tls, TakesNothingThatWasSaidUnaskedForAnAnswer) {
     Outcome next;
     {
         const BusyIoThread busy(context_);
-        // One event is taken before the next request: this one.
+        // The loop handles one event before the next request: this one.
         server_.release("other");
         ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
         asked.set_value();
@@ -334,7 +335,7 @@ const char* systemsFileOfAuthorities() {
 
 }  // namespace orvx::testing
 
-// In front of OpenSSL's own.
+// Replaces OpenSSL's own function.
 extern "C" __attribute__((visibility("default"))) const char* X509_get_default_cert_file() {
     return orvx::testing::systemsFileOfAuthorities();
 }

@@ -1,4 +1,4 @@
-// The way to the server: through a proxy, or over a Unix domain socket.
+// The path to the server: through a proxy, or over a Unix domain socket.
 
 #include "HttpTest.h"
 
@@ -15,7 +15,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-/// `server_` is the proxy; nobody else is ever asked.
+/// `server_` is the proxy; no other server receives requests.
 class TheWayThroughAProxy : public HttpTest {
   protected:
     TheWayThroughAProxy() {

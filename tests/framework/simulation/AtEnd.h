@@ -6,7 +6,7 @@
 
 namespace orvx::simulation {
 
-/// Does something when it is destroyed.
+/// Calls a function in its destructor.
 class AtEnd {
   public:
     explicit AtEnd(std::function<void()> action) : action_(std::move(action)) {}
@@ -18,7 +18,7 @@ class AtEnd {
     std::function<void()> action_;
 };
 
-/// For a task or handler to capture: `action` is done when the last copy of it is destroyed.
+/// Captured by a task or handler: calls `action` when its last copy is destroyed.
 inline std::shared_ptr<AtEnd> atEnd(std::function<void()> action) {
     return std::make_shared<AtEnd>(std::move(action));
 }

@@ -23,7 +23,7 @@ class TheSimulatedTimer : public ::testing::Test {
   protected:
     TheSimulatedTimer() { timer->start("T"); }
 
-    /// Notes what ran, and when.
+    /// Records the tasks that ran, and their times.
     QueuedTimer::Task note(const std::string& what) {
         return [this, what] { ran.push_back(what + " at " + std::to_string(world.now().count())); };
     }

@@ -1,4 +1,4 @@
-// The registry of a simulated world, asked by a session of a communication context in that world.
+// The registry of a simulated world, used by a session of a communication context in that world.
 // One thread; no lock.
 
 #include "SimulatedNetwork.h"

@@ -1,4 +1,4 @@
-// Requests: what a test sees of them, and what becomes of those that it answers.
+// Requests: the properties that a test sees, and the effect of its answers.
 
 #include "SimulatedNetwork.h"
 
@@ -206,7 +206,7 @@ TEST_F(ARequest, CostsLittleAmongThousandsOutstanding) {
         session->sendHeadRequest("/entries", [&](const HttpResponse&) { ++answered; });
         requests.push_back(take());
     }
-    // The middle one each time: the farthest for whoever would look from an end.
+    // The middle one each time, which is the farthest for a search from either end.
     for (std::size_t i = 0; i < count; ++i) {
         requests[(i + count / 2) % count].answer(200);
     }

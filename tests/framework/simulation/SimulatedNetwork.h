@@ -31,7 +31,7 @@ class SimulatedNetwork : public ::testing::Test {
             "registry", port, context->getHttpConfig(), context->getHealthCheck(),
             context->getClientStatistics());
     }
-    /// Notes the outcome, which must come on the I/O thread.
+    /// Records the outcome, which must come on the I/O thread.
     ResponseHandler note(const std::string& what) {
         return [this, what](const HttpResponse& response) {
             EXPECT_EQ(world.currentThread(), "ORVX_HttpIO");

@@ -1,4 +1,4 @@
-// The world itself: how many there are, who lives in it, the clock, the threads and the hook.
+// The world: the number of worlds, the objects in it, the clock, the threads and the hook.
 
 #include "AtEnd.h"
 

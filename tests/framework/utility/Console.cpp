@@ -1,4 +1,4 @@
-// Reads back what console loggers write.
+// Reads the output of console loggers.
 
 #include "Console.h"
 

@@ -1,6 +1,5 @@
-// Console loggers on a standard error that nobody reads. Lines are one byte short of 1 KiB, so that
-// they do not fit by chance.
-// Threads: the test's, one that logs, the writer's.
+// Console loggers on a standard error without a reader. Lines are one byte shorter than 1 KiB, so
+// that they do not fit by chance. Threads: the test's, one that logs, the writer's.
 
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
@@ -29,7 +28,7 @@ namespace {
 using Level = ILogger::LogLevel;
 using test::isReady;
 
-/// The two ends of a way: what is written to one is read from the other.
+/// The two ends of a pipe or socket: bytes that are written to one are read from the other.
 struct Ends {
     int reading = -1;
     int writing = -1;
@@ -60,7 +59,7 @@ Ends makeTerminal() {
     return ends;
 }
 
-/// Writes dots until nothing more is taken.
+/// Writes dots until no more are accepted.
 void fill(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
     fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
@@ -69,7 +68,7 @@ void fill(int descriptor) {
     fcntl(descriptor, F_SETFL, flags);
 }
 
-/// Standard error leads to `ends` as long as it exists; it is full at first.
+/// Redirects standard error to `ends`, which are full at first, while the object lives.
 class FullStandardError {
   public:
     explicit FullStandardError(const Ends& ends)
@@ -86,13 +85,13 @@ class FullStandardError {
     FullStandardError(const FullStandardError&) = delete;
     FullStandardError& operator=(const FullStandardError&) = delete;
 
-    /// What there is to read, until `last` has come.
+    /// Reads until `last` has come.
     std::string readUntil(const std::string& last) {
         while (text_.find(last) == std::string::npos && readSome(60'000)) {
         }
         return text_;
     }
-    /// What there is to read now.
+    /// Reads the available bytes.
     std::string readAll() {
         while (readSome(0)) {
         }
@@ -126,7 +125,7 @@ void logNumbered(ILogger& logger, int first, int end) {
     }
 }
 
-/// The numbers of the lines, in their order; -N for a line that says that N were dropped.
+/// The numbers of the lines, in order; -N for a line that reports N dropped lines.
 std::vector<int> numbersIn(const std::string& text) {
     std::istringstream lines(text);
     std::vector<int> numbers;
@@ -154,7 +153,7 @@ class AConsoleThatNobodyReads : public ::testing::TestWithParam<Ends (*)()> {
     std::shared_ptr<ILogger> logger = factory.createLogger("C", "N");
 };
 
-// The first line that did not fit held up its caller until somebody read.
+// The first line that did not fit once blocked its caller until the pipe was read.
 TEST_P(AConsoleThatNobodyReads, NeverHoldsUpWhoLogsAndCountsInOneLineWhatItDropped) {
     constexpr int many = 1000;
     FullStandardError console(GetParam()());
@@ -227,7 +226,7 @@ TEST_F(AConsoleWithABacklog, LeavesItToTheParentInAForkedChildThatLogsOnItsOwn) 
         logger->log("child 1", 0);
         factory.flush();
         logger->log("child 2", 0);
-        close(STDERR_FILENO);  // a leak checker may have something to say, too
+        close(STDERR_FILENO);  // a leak checker may write there, too
         std::exit(0);
     }
     int status = -1;

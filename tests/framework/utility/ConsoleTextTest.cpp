@@ -1,5 +1,4 @@
-// What the console shows of texts that may hold anything. The texts go all the way through a
-// console logger.
+// The output of the console for arbitrary texts. The texts pass through a console logger.
 
 #include "Console.h"
 

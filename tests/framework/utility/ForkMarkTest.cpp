@@ -1,4 +1,5 @@
-// How a mark knows a child, however that was made, and how often it asks the kernel.
+// How a mark recognises a child, in whatever way the child was made, and how often it calls the
+// kernel.
 
 #include <orvx/utility/ForkMark.h>
 
@@ -18,7 +19,7 @@ std::atomic<int> questions{0};
 
 }  // namespace
 
-/// Stands for the system library's in this program.
+/// Replaces the system library's function in this program.
 extern "C" pid_t getpid() noexcept {
     ++questions;
     return static_cast<pid_t>(::syscall(SYS_getpid));
@@ -31,7 +32,7 @@ pid_t cloneWithoutTheSystemLibrary() {
     return static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
 }
 
-/// Whether a child that is made so returns true from `work`.
+/// Whether `work` returns true in a child that is made in this way.
 bool isTrueInChild(const std::function<pid_t()>& make, const std::function<bool()>& work) {
     const pid_t child = make();
     if (child == 0) {
@@ -42,7 +43,7 @@ bool isTrueInChild(const std::function<pid_t()>& make, const std::function<bool(
     return status == 0;
 }
 
-/// Whether a child, its child and their own marks know where they belong.
+/// Whether the marks of a process, its child and the child's child are correct.
 bool isKnownInTwoGenerations(const std::function<pid_t()>& make) {
     const ForkMark mark;
     return isTrueInChild(make, [&] {
@@ -71,7 +72,7 @@ TEST(AForkMark, ReportsNoForkedChildInTheProcessThatForked) {
     EXPECT_FALSE(mark.isInForkedChild());
 }
 
-// Each request that was submitted asked once more.
+// Each request once made another call.
 TEST(AForkMark, DoesNotAskTheKernelEachTime) {
     const ForkMark mark;
     const int before = questions;

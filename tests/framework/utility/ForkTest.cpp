@@ -1,5 +1,5 @@
-// What a forked child does with the threads that stayed in its parent: nothing. A child that hangs
-// is ended by an alarm, and its test fails.
+// A forked child does nothing with the threads of its parent. An alarm ends a child that hangs, and
+// its test fails.
 
 #include <orvx/utility/QueuedTimer.h>
 #include <orvx/utility/SingleThreadAsyncTaskExecutor.h>
@@ -23,8 +23,8 @@ using test::Event;
 using test::Gate;
 using test::Journal;
 
-/// Runs `work` in a forked child, which then leaves through exit(); the wait status of it.
-/// Zero: it did so, and what `work` returned was true.
+/// Runs `work` in a forked child, which then calls exit(). Returns the wait status: zero if `work`
+/// returned true.
 int statusOfChild(const std::function<bool()>& work) {
     std::fflush(nullptr);
     const auto child = fork();
@@ -111,7 +111,8 @@ TEST(AForkedChild, OfATaskDestroysTheExecutorOfThatTask) {
     auto executor = std::make_unique<SingleThreadAsyncTaskExecutor>("ORVX_Fork", nullptr);
     executor->start();
     executor->add([&] {
-        // Not through exit(): a leak checker takes what only the lost main thread knows for leaked.
+        // Without exit(): a leak checker would report objects that only the lost main thread refers
+        // to.
         status.write(statusOfChild([&]() -> bool {
             executor.reset();
             _exit(0);
@@ -135,7 +136,8 @@ TEST(AForkedChild, StartsAndEndsAThreadOfItsOwn) {
 TEST(AForkedChild, LeavesTheThreadsOfItsParentRunning) {
     SingleThreadAsyncTaskExecutor executor("ORVX_Fork", nullptr);
     executor.start();
-    // A worker that is only beginning may hold the sanitizer's allocator when the child is made.
+    // A worker that is just starting may hold the lock of the sanitizer's allocator when the child
+    // is made.
     awaitWorker([&](auto task) { executor.add(task); });
     EXPECT_EQ(statusOfChild([&] {
                   executor.stopAndClear();
@@ -145,7 +147,7 @@ TEST(AForkedChild, LeavesTheThreadsOfItsParentRunning) {
     awaitWorker([&](auto task) { executor.add(task); });
 }
 
-/// Whether a child that a worker thread forks blocks SIGTERM.
+/// Whether SIGTERM is blocked in a child that a worker thread forks.
 bool doesChildOfWorkerBlockSigterm(const std::function<void()>& beforeFork) {
     int status = -1;
     WorkerThread worker;
@@ -162,7 +164,7 @@ bool doesChildOfWorkerBlockSigterm(const std::function<void()>& beforeFork) {
     return WEXITSTATUS(status) == 1;
 }
 
-// It had the mask of the worker, and so did the program that it became.
+// The child, and the program that it executed, once had the mask of the worker.
 TEST(AForkedChild, OfAWorkerHasTheSignalMaskOfTheThreadThatMadeTheWorker) {
     sigset_t terminate;
     sigset_t before;

@@ -1,4 +1,4 @@
-// What the logger interface does by itself.
+// The default behaviour of the logger interface.
 
 #include <orvx/utility/ILogger.h>
 

@@ -1,5 +1,5 @@
-// What the timer promises beyond what it shares with the executor. That setting the system's time
-// changes nothing is not tested: a test cannot set it.
+// The timer's contract beyond the part that it shares with the executor. A test cannot set the
+// system's time, so it is not tested that this has no effect.
 
 #include <orvx/utility/QueuedTimer.h>
 
@@ -21,7 +21,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using Notes = std::vector<std::string>;
 
-/// A timer whose thread is held until the test opens the gate: what is added meanwhile is pending.
+/// A timer whose thread is held until the test opens the gate: tasks that are added until then are
+/// pending.
 class TheTimer : public testing::Test {
   protected:
     void hold() {
@@ -177,8 +178,8 @@ TEST_F(TheTimer, DoesNotRunWhenItCannotBeStarted) {
     EXPECT_FALSE(timer.isRunning());
 }
 
-/// When a task may fall due at the earliest and at the latest: its delay after a moment that lies
-/// before, and one that lies after, its being added.
+/// The earliest and the latest due time of a task: its delay after a moment before it was added,
+/// and after a moment afterwards.
 struct Due {
     Clock::time_point earliest;
     Clock::time_point latest;

@@ -1,4 +1,4 @@
-// What the executor promises beyond what it shares with the timer.
+// The executor's contract beyond the part that it shares with the timer.
 
 #include <orvx/utility/SingleThreadAsyncTaskExecutor.h>
 

@@ -1,4 +1,4 @@
-// Log lines made with `<<`: their texts, and that nothing which fails reaches the caller.
+// Log lines made with `<<`: their texts, and that no failure reaches the caller.
 
 #include <orvx/utility/StreamingLogger.h>
 
@@ -17,7 +17,7 @@ namespace {
 
 using Lines = std::vector<std::pair<std::string, int>>;
 
-/// Keeps what it is given; throws when it is told to.
+/// Stores its lines. Throws if the test requires it.
 class RecordingLogger : public ILogger {
   public:
     void log(const std::string& message, int level) override {
@@ -49,7 +49,7 @@ class AStreamingLogger : public testing::Test {
     StreamingLogger logger{sink};
 };
 
-/// Sets a global locale that groups digits, as long as it exists.
+/// Sets a global locale that groups digits while the object lives.
 class DigitsAreGrouped {
   public:
     DigitsAreGrouped() : before_(std::locale::global({std::locale(), new Grouping})) {}

@@ -1,4 +1,4 @@
-// What the system knows about the threads of this process.
+// Reads information about the threads of this process from the system.
 
 #include "Support.h"
 
@@ -11,7 +11,7 @@ namespace orvx::utility::test {
 
 namespace {
 
-/// Not SIGKILL and SIGSTOP, and not the two real-time signals that the C library keeps to itself.
+/// Without SIGKILL and SIGSTOP, and without the two real-time signals that the C library reserves.
 bool canBeBlocked(int signal) {
     return signal != SIGKILL && signal != SIGSTOP && (signal < 32 || signal >= SIGRTMIN);
 }

@@ -11,12 +11,11 @@
 #include <string>
 #include <vector>
 
-/// What the tests of threads have in common. Every wait is bounded; a bound that is reached fails
-/// the test.
+/// Helpers for tests of threads. Every wait has a time limit; reaching it fails the test.
 namespace orvx::utility::test {
 
 constexpr std::chrono::seconds bound{60};
-/// How long something that must not happen is watched for.
+/// The time for which a test observes that an event does not happen.
 constexpr std::chrono::milliseconds aWhile{30};
 
 template <typename Future>
@@ -24,7 +23,7 @@ bool isReady(const Future& future, std::chrono::milliseconds patience = bound) {
     return future.wait_for(patience) == std::future_status::ready;
 }
 
-/// Something that happens on one thread and is waited for on another. It may be destroyed as soon
+/// An event that happens on one thread and for which another one waits. It may be destroyed as soon
 /// as the wait is over.
 class Event {
   public:
@@ -62,7 +61,7 @@ class Gate {
     Event opened_;
 };
 
-/// Takes notes from any thread, in order.
+/// Records notes from any thread, in order.
 template <typename Note>
 class Journal {
   public:
@@ -71,7 +70,7 @@ class Journal {
         notes_.push_back(std::move(note));
         changed_.notify_all();
     }
-    /// The notes, as soon as there are that many; what there is when none came within the bound.
+    /// Waits until there are that many notes. Returns the notes that came within the time limit.
     std::vector<Note> await(std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex_);
         bool progress = true;
@@ -89,7 +88,7 @@ class Journal {
     std::vector<Note> notes_;
 };
 
-/// A task that calls `whenDestroyed` when the last copy of it is destroyed.
+/// A task that calls `whenDestroyed` when its last copy is destroyed.
 inline std::function<void()> watched(std::function<void()> task,
                                      std::function<void()> whenDestroyed) {
     const std::shared_ptr<void> token(nullptr,
@@ -99,7 +98,7 @@ inline std::function<void()> watched(std::function<void()> task,
 
 inline void nothing() {}
 
-/// As long as it exists, no thread can be made: the stack of a new one would not fit anywhere.
+/// While the object lives, no thread can be made, because there is no space for its stack.
 class ThreadsCannotBeMade {
   public:
     ThreadsCannotBeMade() {
@@ -121,10 +120,10 @@ class ThreadsCannotBeMade {
     pthread_attr_t before_;
 };
 
-/// How many threads of this process the system shows under `name`.
+/// The number of this process's threads with this name.
 std::size_t threadsNamed(const std::string& name);
 
-/// The signals that the calling thread could block and does not, in order.
+/// The signals that the calling thread could block and does not block, in order.
 std::vector<int> openSignals();
 
 }  // namespace orvx::utility::test

@@ -1,4 +1,4 @@
-// What the executor and the timer have in common: one thread, its beginning and its end.
+// The common contract of the executor and the timer: one thread, its start and its end.
 
 #include "Support.h"
 #include "TaskRunners.h"

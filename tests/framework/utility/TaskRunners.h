@@ -14,7 +14,7 @@
 #include <thread>
 #include <utility>
 
-/// Executor and timer under one set of operations, for the tests of what both promise.
+/// The executor and the timer with the same operations, for tests of their common contract.
 namespace orvx::utility::test {
 
 struct Executor {
@@ -46,7 +46,7 @@ struct RunnerNames {
     }
 };
 
-/// The runner is destroyed first: its tasks use the rest.
+/// The runner is destroyed first, because its tasks use the other members.
 template <typename Runner>
 class TaskRunnerFixture : public testing::Test {
   protected:

@@ -37,7 +37,7 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-/// Line by line, without the time.
+/// The lines without the time.
 std::vector<std::string> timelessLinesOf(const std::function<void()>& work) {
     auto lines = linesOf(standardErrorOf(work));
     for (auto& line : lines) {
@@ -46,8 +46,8 @@ std::vector<std::string> timelessLinesOf(const std::function<void()>& work) {
     return lines;
 }
 
-/// The local time to the second.
-/// By the clock of the logger: std::time()'s begins its seconds a little later.
+/// The local time in seconds, from the clock of the logger: the seconds of std::time() begin a
+/// little later.
 std::string timeNow() {
     const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::tm local{};
@@ -56,7 +56,7 @@ std::string timeNow() {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local)};
 }
 
-/// Standard error leads to `descriptor` as long as it exists.
+/// Redirects standard error to `descriptor` while the object lives.
 class StandardErrorIs {
   public:
     explicit StandardErrorIs(int descriptor) : before_(dup(STDERR_FILENO)) {

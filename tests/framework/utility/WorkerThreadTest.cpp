@@ -1,4 +1,4 @@
-// The one kind of thread that the framework makes.
+// The class of all threads of the framework.
 
 #include <orvx/utility/WorkerThread.h>
 
