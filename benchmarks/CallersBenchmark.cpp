@@ -1,6 +1,7 @@
-// What registering costs its caller, in time on the clock: with nothing outstanding, and while
-// 10,000 requests wait for a registry that never answers. The main thread asks and, with nothing
-// outstanding, waits for each callback. Usage: orvx_bench_callers [ROUNDS]
+// The cost of a registration for its caller, in wall-clock time: with nothing outstanding, and
+// while 10,000 requests wait for a registry that never answers. The main thread registers and, with
+// nothing outstanding, waits for each callback.
+// Usage: orvx_bench_callers [ROUNDS]
 
 #include "Measure.h"
 #include "Requests.h"

@@ -1,6 +1,6 @@
 // The whole library, from the call to the user's callback, with the listener set: registrations,
-// checks and withdrawals compared with the same requests through libcurl alone.
-// The main thread asks and waits; callbacks run on the client's callback thread and only count.
+// checks and withdrawals compared with the same requests through libcurl alone. The main thread
+// calls and waits; callbacks run on the client's callback thread and only count.
 // Usage: orvx_bench_client [ROUNDS [SERVICES [tls]]]
 
 #include "ClientLoad.h"
@@ -18,7 +18,7 @@ namespace orvx::benchmarks {
 
 namespace {
 
-/// Ratios of one round: registration, check, withdrawal.
+/// The ratios of one round: registration, check, withdrawal.
 using Round = std::array<double, 3>;
 
 class ClientBenchmark {
@@ -29,8 +29,8 @@ class ClientBenchmark {
             [this](const auto&, bool) { ++notifications_; });
     }
 
-    /// Empty when the machine was so busy that the first check began too early or the second one
-    /// before the end: then other work is in the figures.
+    /// Absent if the machine was so busy that the first check began too early, or the second one
+    /// before the end: then the figures include other work.
     std::optional<Round> measure() {
         ClientLoad load(context_.client(), server_.address(transport_).port);
         const double put = yardsticks_.curl(Method::Put);

@@ -1,7 +1,8 @@
-// The communication library alone, from submitting a request to its handler, against libcurl alone:
-// at several numbers of connections, and over TLS; and the same requests in other ways, against the
-// same yardstick. The main thread submits and waits; handlers run on the library's I/O thread and
-// only count. Usage: orvx_bench_communication [ROUNDS [REQUESTS]]
+// The communication library alone, from submitting a request to its handler, compared with libcurl
+// alone: with several numbers of connections, and over TLS. Other ways to send the same requests
+// are compared with libcurl, too. The main thread submits and waits; handlers run on the library's
+// I/O thread and only count.
+// Usage: orvx_bench_communication [ROUNDS [REQUESTS]]
 
 #include "Measure.h"
 #include "RunningContext.h"
@@ -22,7 +23,7 @@ namespace {
 
 using communication::HttpResponse;
 
-/// The library, in the way that the yardsticks are used.
+/// The library, used in the same way as libcurl.
 class LibraryLoop {
   public:
     LibraryLoop(const Address& server, std::size_t connections) {
@@ -81,7 +82,7 @@ std::string nameOf(Method method) {
     return method == Method::Put ? "PUT" : method == Method::Head ? "HEAD" : "DELETE";
 }
 
-/// The cost of what is measured, and of the yardstick right before and right after it.
+/// The cost of the measured way, and of libcurl before and after it.
 class Ratio {
   public:
     explicit Ratio(std::string name) : name_(std::move(name)) {}

@@ -1,6 +1,7 @@
-// Whether several threads that register get in each other's way: the calls in a second of 2, 4 and
-// 8 threads together, against those of one. Each thread of a round registers its share at a
-// registry that never answers. Usage: orvx_bench_contention [ROUNDS]
+// Whether several registering threads slow each other down: the calls per second of 2, 4 and 8
+// threads together, compared with one thread. Each thread of a round registers its share at a
+// registry that never answers.
+// Usage: orvx_bench_contention [ROUNDS]
 
 #include "Measure.h"
 #include "Requests.h"

@@ -1,6 +1,7 @@
-// A fixed piece of work for callgrind, with one request outstanding at a time. What was counted
-// until then, and the beginning and end of what is used, goes to dumps of other names than those
-// that scripts/bench looks at. The main thread asks and waits for each answer before it goes on.
+// A fixed amount of work for callgrind, with one request outstanding at a time. Instructions before
+// the work, and those for the start and end of the objects, go to dumps with other names than those
+// that scripts/bench reads. The main thread sends each request after the answer to the previous
+// one.
 // Usage: valgrind --tool=callgrind orvx_bench_instructions
 
 #include "Measure.h"

@@ -1,6 +1,6 @@
-// The beginning and the end of a context without requests, as a multiple of three bare threads and
-// a bare multi handle of libcurl's. The main thread does it all. Usage: orvx_bench_lifecycle
-// [ROUNDS]
+// The start and the end of a context without requests, as a multiple of three threads and a multi
+// handle of libcurl without any other code. Everything runs on the main thread.
+// Usage: orvx_bench_lifecycle [ROUNDS]
 
 #include "Measure.h"
 

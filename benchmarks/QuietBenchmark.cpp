@@ -1,6 +1,6 @@
-// Whether a process with 1,000 registered services sleeps between checks: how often a thread of the
-// library's goes to sleep, which it does once for each time it was woken, while nothing is due.
-// The main thread only sleeps.
+// Whether a process with 1,000 registered services sleeps between checks: the number of times that
+// a thread of the library goes to sleep while nothing is due. A thread goes to sleep once for each
+// wake-up. The main thread only sleeps.
 // Usage: orvx_bench_quiet [ROUNDS]
 
 #include "ClientLoad.h"
@@ -24,7 +24,7 @@ constexpr seconds kCheckInterval(4);
 constexpr milliseconds kRest(500);
 constexpr seconds kWindow(2);
 
-/// From some time after a burst on.
+/// Begins some time after a burst.
 double wakeUps() {
     std::this_thread::sleep_for(kRest);
     const std::uint64_t before = sleepsOfOtherThreads();

@@ -46,7 +46,7 @@ Time plannedAt(Time begin, std::size_t number, std::size_t rate) {
     return begin + nanoseconds(std::chrono::seconds(1)) * number / rate;
 }
 
-/// Until all is answered; throws when that takes too long.
+/// Reads until every request is answered. Throws if that takes too long.
 void finish(KeptConnections& connections, const std::initializer_list<Source*>& sources) {
     const Time end = Time::clock::now() + kLongestRest;
     while (connections.outstanding() != 0) {
@@ -67,7 +67,7 @@ double residentBytes(const std::string& process) {
     throw std::runtime_error("no such process");
 }
 
-/// User and system time so far, in microseconds. The kernel counts it in ticks.
+/// User and system time so far, in microseconds, with the resolution of the kernel's tick.
 double processorTime(const std::string& process) {
     std::ifstream file("/proc/" + process + "/stat");
     const std::string text(std::istreambuf_iterator<char>(file), {});
@@ -82,16 +82,16 @@ double processorTime(const std::string& process) {
     return (user + system) * 1e6 / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
-/// Where a server listens, and its process.
+/// The port of a server, and its process.
 struct Server {
     std::uint16_t port = 0;
     std::string process{};
 };
 
-/// A registry and the entries that were put there.
+/// A registry, and the entries that were created there.
 class Registry {
   public:
-    /// Throws when the registry is not empty.
+    /// Throws if the registry is not empty.
     Registry(Server server, std::size_t entries) : server_(std::move(server)), count_(entries) {
         KeptConnections connections(server_.port, kChangeConnections);
         connections.onAnswer([this](std::string_view answer) { addHead(answer); });
@@ -107,12 +107,13 @@ class Registry {
     }
 
     const Server& server() const { return server_; }
-    /// Bytes of all paths and services.
+    /// The number of bytes of all paths and services.
     double texts() const { return static_cast<double>(texts_); }
 
-    /// Neighbours in time are not neighbours in memory.
+    /// Consecutive entries are not adjacent in memory.
     const std::string& check(std::size_t number) const { return heads_[indexOf(number)]; }
-    /// Another entry each time, until all had their turn: no change covers another one.
+    /// Returns each entry once before it repeats: no change replaces another one that is not sent
+    /// yet.
     std::string change(std::size_t number, Time planned) const {
         return put(pathOf(indexOf(number)), bodyOf(indexOf(number), planned));
     }
@@ -122,7 +123,7 @@ class Registry {
 
     static std::string pathOf(std::size_t index) { return makeService(index)->getUri(); }
 
-    /// As long at all times.
+    /// The text always has the same length.
     static std::string bodyOf(std::size_t index, Time time) {
         return std::string(kChanged) +
                std::to_string(nanoseconds(time.time_since_epoch()).count()) + ',' +
@@ -142,13 +143,13 @@ class Registry {
     std::vector<std::string> heads_;
 };
 
-/// Of one server, one for each round.
+/// The figures of one server, one for each round.
 struct Figures {
-    std::vector<double> answered;  // in a second
+    std::vector<double> answered;  // per second
     std::vector<double> median;
     std::vector<double> late;  // the 99th percentile
     std::vector<double> cost;  // processor time of the server, in microseconds for a check
-    std::vector<double> most;  // in a second, when there is always a next one
+    std::vector<double> most;  // the maximum per second
 
     void print(const std::string& name) const {
         Line(name)
@@ -161,7 +162,7 @@ struct Figures {
     }
 };
 
-/// Checks at one server.
+/// Sends checks to one server.
 class Checks {
   public:
     Checks(const Server& server, std::function<const std::string&(std::size_t)> request)
@@ -232,14 +233,15 @@ void compareChecks(const Registry& registry, const Server& other, std::size_t ro
     ownFigures.print("registry");
 }
 
-/// Changes at a constant rate, of which all watchers are informed, and so many checks for each.
+/// Makes changes at a constant rate, which all watchers receive, and `checks` checks for each
+/// change.
 void watch(const std::string& name, const Registry& registry, std::size_t count,
            std::size_t seconds, std::size_t checksForChange) {
     Watchers watchers(registry.server().port, count);
     KeptConnections changes(registry.server().port, kChangeConnections);
     Checks checks = checksAt(registry);
     const std::initializer_list<Source*> sources{&checks.connections(), &changes, &watchers};
-    receiveUntil(Time::clock::now() + std::chrono::seconds(2), sources);  // all have begun
+    receiveUntil(Time::clock::now() + std::chrono::seconds(2), sources);  // all streams have begun
     const std::size_t steps = std::max<std::size_t>(checksForChange, 1);
     const double before = processorTime(registry.server().process);
     const auto clientBefore = cpuTime();

@@ -1,7 +1,8 @@
-// So many services in one process: all are registered, checked once, lost by the registry,
-// registered again and withdrawn. What each step costs for one service, as a multiple of a request
-// through libcurl alone; what is kept for one; and whether anything is missed. The main thread asks
-// and waits; callbacks and the listener only count. Usage: orvx_bench_services SERVICES
+// Many services in one process: all are registered, checked once, lost by the registry, registered
+// again and withdrawn. Measures the cost of each step for one service as a multiple of a request
+// through libcurl alone, the memory for one service, and whether an event is missed. The main
+// thread calls and waits; callbacks and the listener only count.
+// Usage: orvx_bench_services SERVICES
 
 #include "ClientLoad.h"
 #include "Measure.h"
@@ -18,7 +19,7 @@ namespace orvx::benchmarks {
 
 namespace {
 
-/// Much longer than a burst, so that one is over before the next begins.
+/// Much longer than a burst, so that one burst ends before the next begins.
 std::chrono::seconds intervalFor(std::size_t services) {
     return std::chrono::seconds(std::max<std::size_t>(3, services / 3000));
 }
@@ -52,8 +53,8 @@ class ServicesBenchmark {
     }
 
   private:
-    /// As a multiple of the yardstick, which is measured on both sides. Checks that come when none
-    /// is expected would be counted in the wrong place.
+    /// As a multiple of libcurl's cost, which is measured before and after. Checks that come when
+    /// none is expected would be counted in the wrong step.
     double step(Method method, const std::function<void()>& work) {
         const double before = yardstick(method);
         require(server_.heads() == heads_, "the machine is too busy");
@@ -69,7 +70,7 @@ class ServicesBenchmark {
         return yardsticks_.curl(method);
     }
 
-    /// The handles, which the caller keeps for withdrawing, are not the library's.
+    /// The handles, which the caller keeps for the withdrawal, do not count as the library's.
     double bytesOfOne(std::size_t all) const {
         return static_cast<double>(all - load_.heapOfHandles()) / static_cast<double>(count_);
     }
@@ -79,7 +80,8 @@ class ServicesBenchmark {
         server_.waitForHeads(heads_);
     }
 
-    /// Every check finds out, every service comes back, and the listener hears of both.
+    /// Every check finds the loss, every service is registered again, and the listener is notified
+    /// of both.
     void loseAll() {
         heads_ += count_;
         isLosing_ = true;

@@ -1,5 +1,5 @@
-// PUTs over kept connections that are all busy, for strace to count the system calls of: the
-// difference between two runs is that of their numbers of requests. The main thread submits and
+// PUTs over kept connections that are all busy, so that strace can count the system calls: the
+// difference between two runs is due to their numbers of requests. The main thread submits and
 // waits; handlers run on the library's I/O thread and only count.
 // Usage: strace -f -b execve -c orvx_bench_system_calls REQUESTS
 

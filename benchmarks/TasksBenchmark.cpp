@@ -44,7 +44,7 @@ class Timer {
     utility::QueuedTimer timer_;
 };
 
-/// A thread that runs what `Queue` hands out.
+/// A thread that runs the tasks of `Queue`.
 template <typename Queue>
 class BareLoop {
   public:
@@ -123,7 +123,7 @@ struct BareMap {
     }
 };
 
-/// Adds so many tasks and waits until the last of them has run.
+/// Adds this many tasks, and waits until the last one has run.
 template <typename Runner>
 void runBatch(Runner& runner, std::size_t count) {
     std::mutex mutex;
@@ -143,7 +143,7 @@ void runBatch(Runner& runner, std::size_t count) {
     ended.wait(lock, [&] { return hasEnded; });
 }
 
-/// What all benchmark threads of one measurement use.
+/// The objects that all benchmark threads of one measurement share.
 template <typename Runner>
 std::unique_ptr<Runner> shared;
 
@@ -165,7 +165,7 @@ void end(const benchmark::State&) {
     shared<Runner>.reset();
 }
 
-/// As many tasks at once as the argument says.
+/// The argument is the number of tasks at a time.
 template <typename Runner>
 void drain(benchmark::State& state) {
     const auto count = static_cast<std::size_t>(state.range(0));
@@ -175,7 +175,7 @@ void drain(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-/// A hundred tasks that are due, among as many that are not.
+/// A hundred due tasks among a number of tasks that are not due.
 template <typename Runner>
 void passThrough(benchmark::State& state) {
     constexpr std::size_t kTasks = 100;

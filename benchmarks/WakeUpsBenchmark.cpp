@@ -1,7 +1,7 @@
-// How often the threads of the library wake up for a check when checks fall due one by one: the
-// services are registered at even distances, so that their checks come at the same distances one
-// interval later. Counted is how often a thread went to sleep, which it does once for each time it
-// was woken. The main thread registers, then only sleeps.
+// The number of wake-ups of the library's threads for a check when checks fall due one at a time:
+// the services are registered at equal intervals, so that their checks fall due at the same
+// intervals. Counts how often a thread goes to sleep, which it does once for each wake-up. The main
+// thread registers, then only sleeps.
 // Usage: orvx_bench_wakeups [SERVICES [SECONDS]]
 
 #include "ClientLoad.h"

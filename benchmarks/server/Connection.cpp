@@ -1,5 +1,4 @@
-// Reads requests from a socket and writes answers, at one system call each.
-// One thread, no lock.
+// Reads requests from a socket and writes answers, with one system call each. One thread, no lock.
 
 #include "Connection.h"
 

@@ -9,7 +9,8 @@
 
 namespace orvx::benchmarks {
 
-/// The bytes of one connection that no request has been made of yet. Requests come one at a time.
+/// The received bytes of one connection that are not a complete request yet. Requests come one at a
+/// time.
 class Connection {
   public:
     /// `tls` is null without TLS.
@@ -18,12 +19,13 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Takes in what is there; false when the peer has closed or sends too much.
+    /// Reads the available bytes. Returns false if the peer has closed the connection or sends too
+    /// much.
     bool receive();
-    /// The head of the request when all of it is here, else empty; valid until release().
+    /// The head of the request if it is complete, otherwise empty. Valid until release().
     std::string_view request() const;
     void release() { filled_ = 0; }
-    /// An answer is small: it fits the socket's buffer.
+    /// The answer must fit the socket's buffer.
     void send(std::string_view answer) const;
 
   private:

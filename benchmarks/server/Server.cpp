@@ -1,6 +1,5 @@
-// The loop of the benchmark server: one epoll instance, kept connections, answers that are ready
-// made but for the location.
-// One thread, no lock.
+// The loop of the benchmark server: one epoll instance, kept connections, and prepared answers to
+// which only the location is added. One thread, no lock.
 
 #include "Server.h"
 

@@ -9,11 +9,11 @@
 
 namespace orvx::benchmarks {
 
-/// A registry, with and without TLS, that costs next to nothing and remembers nothing: PUT is
-/// answered with 201 and a location made of the last segment of its path, DELETE with 200, HEAD
-/// with 200, or with 404 while it acts as if it had lost everything.
+/// A registry, with and without TLS, that costs almost nothing and stores nothing: PUT is answered
+/// with 201 and a location made of the last segment of its path, DELETE with 200, and HEAD with
+/// 200, or with 404 while the server acts as if it had lost everything.
 ///
-/// Its orders: GET /lose and GET /found; GET /heads/N, which is answered when it has got N HEADs;
+/// Its orders: GET /lose and GET /found; GET /heads/N, which is answered when N HEADs have come;
 /// GET /counts, which is answered with the numbers of PUTs, HEADs and DELETEs.
 class Server {
   public:
@@ -25,7 +25,7 @@ class Server {
 
     std::uint16_t port() const { return plain_.port; }
     std::uint16_t tlsPort() const { return secure_.port; }
-    /// Until standard input is at its end.
+    /// Serves until the end of standard input.
     void run();
 
   private:

@@ -10,7 +10,7 @@
 
 namespace orvx::benchmarks {
 
-/// Registers services through the whole library and withdraws them, many at once, and waits for the
+/// Registers many services at once through the whole library, withdraws them, and waits for the
 /// callbacks.
 class ClientLoad {
   public:
@@ -18,10 +18,10 @@ class ClientLoad {
 
     ClientLoad(Client& client, std::uint16_t port) : client_(client), port_(port) {}
 
-    /// Throw unless each one succeeds.
+    /// These throw unless every operation succeeds.
     void registerAll(const std::vector<std::shared_ptr<common::ServiceCreate>>& services);
     void withdrawAll();
-    /// Bytes of heap in use for what registrations gave back.
+    /// The heap in use, in bytes, of the objects that registrations returned.
     std::size_t heapOfHandles() const;
 
   private:

@@ -1,5 +1,4 @@
-// A bare loop on libcurl's multi interface: perform, collect, begin, poll.
-// One thread, no lock.
+// A minimal loop on libcurl's multi interface: perform, collect, begin, poll. One thread, no lock.
 
 #include "CurlLoop.h"
 

@@ -8,8 +8,8 @@
 
 namespace orvx::benchmarks {
 
-/// The yardstick: libcurl's multi interface with as little around it as can be. Handles are kept
-/// and set up once for a method.
+/// The yardstick: libcurl's multi interface with as little other code as possible. Handles are
+/// kept, and are set up once for a method.
 class CurlLoop {
   public:
     CurlLoop(const Address& server, std::size_t connections);
@@ -17,7 +17,7 @@ class CurlLoop {
     CurlLoop(const CurlLoop&) = delete;
     CurlLoop& operator=(const CurlLoop&) = delete;
 
-    /// Sends all requests and waits for the answers. Throws unless each is what it should be.
+    /// Sends all requests and waits for the answers. Throws unless each answer is as expected.
     void run(Method method, const Requests& requests);
 
   private:

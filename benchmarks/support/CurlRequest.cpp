@@ -1,5 +1,4 @@
-// One request through libcurl with as few options as can be.
-// One thread, no lock.
+// One request through libcurl with as few options as possible. One thread, no lock.
 
 #include "CurlRequest.h"
 

@@ -11,15 +11,15 @@
 
 namespace orvx::benchmarks {
 
-/// A handle of libcurl's that is kept from request to request. It sends the header lines that the
-/// library sends; of an answer it looks at the status and the location.
+/// A handle of libcurl that is kept from request to request. It sends the same header lines as the
+/// library; of an answer it reads the status and the location.
 class CurlRequest {
   public:
     explicit CurlRequest(const Address& server);
     CurlRequest(const CurlRequest&) = delete;
     CurlRequest& operator=(const CurlRequest&) = delete;
 
-    /// Sets what all requests of a method have in common.
+    /// Sets the options that all requests of a method share.
     void setMethod(Method method);
     /// The requests must outlive the transfer.
     void setTarget(const Requests& requests, std::size_t index);

@@ -10,8 +10,8 @@
 
 namespace orvx::benchmarks {
 
-/// The floor: what the kernel alone costs. Sends ready-made texts and knows only the one answer
-/// that the benchmark server gives.
+/// The minimum: the cost of the kernel alone. Sends prepared texts, and recognises only the one
+/// answer that the benchmark server gives.
 class EpollLoop {
   public:
     EpollLoop(std::uint16_t port, std::size_t connections);
@@ -19,7 +19,7 @@ class EpollLoop {
     EpollLoop(const EpollLoop&) = delete;
     EpollLoop& operator=(const EpollLoop&) = delete;
 
-    /// Sends all requests and waits for the answers. Throws unless each is what it should be.
+    /// Sends all requests and waits for the answers. Throws unless each answer is as expected.
     void run(Method method, const Requests& requests);
 
   private:

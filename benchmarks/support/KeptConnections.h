@@ -12,23 +12,23 @@
 
 namespace orvx::benchmarks {
 
-/// Connections to one server that stay open, with one request at a time each.
+/// Connections to one server that stay open, each with one request at a time.
 class KeptConnections : public Source {
   public:
     KeptConnections(std::uint16_t port, std::size_t count);
     ~KeptConnections() override;
 
-    /// Sends a request as soon as a connection is free. Its latency counts from `planned`, so a
-    /// server that keeps others waiting is not spared.
+    /// Sends a request as soon as a connection is free. Its latency counts from `planned`, so that
+    /// the figures include the time in which requests wait for the server.
     void send(std::string request, Time planned);
-    /// Throws when an answer is other than 200 or 201, or a connection ends.
+    /// Throws if an answer is neither 200 nor 201, or if a connection ends.
     void receive() override;
 
-    /// Called with each whole answer.
+    /// Called with each complete answer.
     void onAnswer(std::function<void(std::string_view)> handler) { handler_ = std::move(handler); }
-    /// Requests without an answer, sent or not.
+    /// The number of requests without an answer, sent or not.
     std::size_t outstanding() const { return waiting_.size() + connections_.size() - free_.size(); }
-    /// Of all answers since the last call, in milliseconds.
+    /// The latencies of all answers since the last call, in milliseconds.
     std::vector<double> takeLatencies() { return std::exchange(latencies_, {}); }
 
   private:

@@ -1,5 +1,5 @@
-// Time, processors, and figures.
-// The countdown is entered by any thread; its lock is a leaf. All else belongs to the main thread.
+// Time, processors, and figures. The countdown is entered by any thread; its lock is a leaf lock.
+// Everything else is entered by the main thread.
 
 #include "Measure.h"
 
@@ -52,7 +52,8 @@ Processors readProcessors() {
     return read;
 }
 
-/// Read once, before anything narrows what this process may use: a child inherits the narrow mask.
+/// Read once, before this process is restricted to fewer processors: a child inherits the
+/// restriction.
 const Processors& processors() {
     static const Processors atTheBeginning = readProcessors();
     return atTheBeginning;

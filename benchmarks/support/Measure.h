@@ -13,25 +13,26 @@
 
 namespace orvx::benchmarks {
 
-/// Processor time of this process so far, user and system together.
+/// The processor time of this process so far, user and system together.
 std::chrono::microseconds cpuTime();
-/// What `work` took of it, in microseconds for each of `count`.
+/// The processor time of `work`, in microseconds for each of `count`.
 double cpuPer(std::size_t count, const std::function<void()>& work);
-/// Has the allocator do what it has put off: joining what was freed. Belongs to what is measured,
-/// or else whoever allocates next pays.
+/// Makes the allocator join freed blocks now. This belongs to the measured work, because otherwise
+/// the next allocation pays for it.
 void settleHeap();
-/// What `work` took on the clock, in microseconds for each of `count`.
+/// The wall-clock time of `work`, in microseconds for each of `count`.
 double wallPer(std::size_t count, const std::function<void()>& work);
 
-/// Keeps this process and the threads that it makes later on the first of the processors that it
-/// might use when it began. Throws when that was only one: the server has the last one.
+/// Restricts this process, and the threads that it makes later, to the first of the processors that
+/// it was allowed to use when it started. Throws if there was only one: the server has the last
+/// one.
 void useFirstProcessor();
 void useLastProcessor();
-/// Whether the two processes, 0 being this one, may run on the same processor.
+/// Whether the two processes may run on the same processor; 0 is this process.
 bool shareProcessor(pid_t one, pid_t other);
 
 double median(std::vector<double> samples);
-/// Of a sorted sample, `share` from 0 to 1.
+/// The quantile of a sorted sample; `share` is from 0 to 1.
 double quantile(std::vector<double> samples, double share);
 
 /// One line of JSON for scripts/bench: a name and, for each key, a list of figures.
@@ -46,10 +47,10 @@ class Line {
     std::string text_;
 };
 
-/// The number that a program is given as its argument.
+/// The number in an argument of the program.
 std::size_t argument(int argc, char** argv, int index, std::size_t byDefault);
 
-/// Waits until something has happened as often as it should; throws when that takes too long.
+/// Waits until an event has happened `count` times. Throws if that takes too long.
 class Countdown {
   public:
     explicit Countdown(std::size_t count) : left_(count) {}
@@ -63,7 +64,7 @@ class Countdown {
     std::size_t left_ ORVX_GUARDED_BY(mutex_);
 };
 
-/// Throws when it does not hold: what was measured would mean nothing.
+/// Throws if the condition is false, because the measurement would mean nothing.
 void require(bool condition, const char* what);
 
 }  // namespace orvx::benchmarks

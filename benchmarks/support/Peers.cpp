@@ -1,5 +1,5 @@
-// Other ways to send the same requests.
-// The threads of ThreadsPeer live as long as a run and share nothing that changes.
+// Other ways to send the same requests. The threads of ThreadsPeer live as long as a run and share
+// only constant objects.
 
 #include "Peers.h"
 

@@ -1,5 +1,4 @@
-// What the kernel and the allocator say of this process.
-// One thread, no lock.
+// Reads information about this process from the kernel and the allocator. One thread, no lock.
 
 #include "Process.h"
 

@@ -5,12 +5,12 @@
 
 namespace orvx::benchmarks {
 
-/// What this process has by now.
+/// The resources of this process.
 std::size_t threads();
-/// How often its threads other than the calling one have gone to sleep. A thread that the kernel
-/// preempted, or that yielded, has not: nothing woke it up.
+/// The number of times that its threads, except the calling one, have gone to sleep. A thread that
+/// was preempted or that yielded has not gone to sleep, because nothing woke it.
 std::uint64_t sleepsOfOtherThreads();
-/// Bytes of heap in use, all arenas, once what is free was given back.
+/// The heap in use in bytes, in all arenas, after free memory was returned.
 std::size_t heapInUse();
 
 }  // namespace orvx::benchmarks

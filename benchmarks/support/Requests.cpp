@@ -1,5 +1,5 @@
-// What is sent in benchmarks: the same through the library and through the yardsticks.
-// No thread, no lock.
+// The requests of the benchmarks: the same through the library and through the yardsticks. No
+// thread, no lock.
 
 #include "Requests.h"
 
@@ -29,7 +29,7 @@ std::string jsonOf(const common::ServiceCreate& service) {
 }
 
 std::size_t textsOf(const common::ServiceCreate& service) {
-    // In JSON the values stand once, with their keys. Location and id are made of the name.
+    // In JSON each value occurs once, with its key. Location and id are made from the name.
     const std::size_t json = jsonOf(service).size();
     return 2 * json + service.getUri().size() + 2 * service.getName().size();
 }

@@ -13,14 +13,14 @@ enum class Method { Put, Head, Delete };
 
 inline constexpr const char* kUserAgent = "OrvxServiceRegistryClient";
 
-/// A description with nothing left to fill in, of about 300 bytes as JSON.
+/// A complete description with about 300 bytes as JSON.
 std::shared_ptr<common::ServiceCreate> makeService(std::size_t number);
 std::string jsonOf(const common::ServiceCreate& service);
-/// Bytes of the texts that a registration cannot do without: the body of the request, the values of
-/// the description, its path and what the registry calls it.
+/// The size in bytes of the texts that a registration must store: the body of the request, the
+/// values of the description, its path, and the registry's location and id.
 std::size_t textsOf(const common::ServiceCreate& service);
 
-/// Requests, one for each of so many services: those that the library makes of them.
+/// The requests that the library makes for this many services, one each.
 struct Requests {
     explicit Requests(std::size_t count);
 

@@ -1,5 +1,4 @@
-// The options of the contexts that are measured.
-// One thread, no lock.
+// The options of the measured contexts. One thread, no lock.
 
 #include "RunningContext.h"
 

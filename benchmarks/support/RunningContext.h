@@ -11,15 +11,15 @@
 
 namespace orvx::benchmarks {
 
-/// Connections of everything that is not said to have another number.
+/// The number of connections unless another one is given.
 inline constexpr std::size_t kConnections = 16;
 
 common::ServiceInfo registryAt(std::uint16_t port);
-/// With so many connections, over this transport; requests do not time out.
+/// The configuration with this many connections over this transport; requests do not time out.
 communication::HttpConfig httpConfig(std::size_t connections, Transport transport);
 
-/// A context in use. It logs errors only, and its time-outs are longer than any benchmark: the
-/// check state is one for all services, so that a single passed head time-out would end checks.
+/// A context in use. It logs errors only. Its time-outs are longer than any benchmark: all services
+/// share one check state, so a single head time-out would end checks.
 class RunningContext {
   public:
     explicit RunningContext(std::chrono::seconds checkInterval,

@@ -1,5 +1,5 @@
-// Starts the benchmark server, which lies in the folder of the program that runs, and gives it
-// orders over a connection of its own, always without TLS. One thread, no lock.
+// Starts the benchmark server from the folder of the running program, and gives it orders over a
+// separate connection without TLS. One thread, no lock.
 
 #include "ServerProcess.h"
 
@@ -63,7 +63,7 @@ std::uint64_t ServerProcess::heads() {
     return std::stoull(counts.substr(counts.find(' ')));
 }
 
-/// The answer's body; an answer comes in one piece.
+/// The body of the answer, which comes in one piece.
 std::string ServerProcess::ask(const std::string& path) const {
     const std::string request = "GET " + path + " HTTP/1.1\r\n\r\n";
     std::array<char, 512> answer{};

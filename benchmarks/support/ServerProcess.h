@@ -10,10 +10,10 @@
 
 namespace orvx::benchmarks {
 
-/// The benchmark server, on a processor of its own, as long as this object lives.
+/// The benchmark server, which runs on another processor while this object lives.
 class ServerProcess {
   public:
-    /// Throws when this process may run on the server's processor: see useFirstProcessor().
+    /// Throws if this process may run on the server's processor: see useFirstProcessor().
     ServerProcess();
     ~ServerProcess();
     ServerProcess(const ServerProcess&) = delete;
@@ -24,12 +24,12 @@ class ServerProcess {
         return {ports_[static_cast<std::size_t>(transport)], transport};
     }
 
-    /// From here on, or up to here, it acts as if it had lost every entry.
+    /// These begin and end the time in which the server acts as if it had lost every entry.
     void lose() { ask("/lose"); }
     void find() { ask("/found"); }
-    /// HEADs so far.
+    /// The number of HEADs so far.
     std::uint64_t heads();
-    /// Blocks until it has got so many HEADs in all. Needs no processor time.
+    /// Blocks until this many HEADs have come in total. Uses no processor time.
     void waitForHeads(std::uint64_t count) { ask("/heads/" + std::to_string(count)); }
 
   private:

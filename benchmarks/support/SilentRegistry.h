@@ -4,7 +4,7 @@
 
 namespace orvx::benchmarks {
 
-/// A port that connections can be made to, and that never answers.
+/// A port that accepts connections and never answers.
 class SilentRegistry {
   public:
     SilentRegistry();

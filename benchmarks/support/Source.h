@@ -21,18 +21,18 @@ class Source {
 
     /// An epoll instance: readable when receive() has something to do.
     int epoll() const { return epoll_; }
-    /// Reads some of what has arrived. Never blocks.
+    /// Reads some of the available bytes. Never blocks.
     virtual void receive() = 0;
 
   protected:
-    /// `index`: in the event's data. Needed once for each socket.
+    /// Adds a socket; `index` becomes the data of its events. Called once for each socket.
     void follow(int socket, std::size_t index) const;
 
   private:
     const int epoll_;
 };
 
-/// Reads what arrives until that time, to within some microseconds.
+/// Reads from the sources until that time, with an accuracy of some microseconds.
 void receiveUntil(Time time, const std::initializer_list<Source*>& sources);
 
 }  // namespace orvx::benchmarks

@@ -12,7 +12,7 @@ std::string fileInProgramFolder(const char* name);
 /// The benchmark server's certificate, which is its own authority.
 std::string certificateFile();
 
-/// Where a benchmark server answers, on 127.0.0.1.
+/// The address of a benchmark server on 127.0.0.1.
 struct Address {
     std::uint16_t port;
     Transport transport = Transport::Plain;

@@ -1,5 +1,5 @@
-// The first reader gets the whole list; it tells the others from where they go on, since the list
-// for each of them would be gigabytes. One thread, no lock.
+// The first reader gets the whole list and tells the others where the stream continues, because the
+// list for each of them would take gigabytes. One thread, no lock.
 
 #include "Watchers.h"
 

@@ -9,7 +9,7 @@
 
 namespace orvx::benchmarks {
 
-/// What the service of a change begins with; the time of the change follows, in nanoseconds.
+/// The beginning of a changed service; the time of the change follows, in nanoseconds.
 inline constexpr std::string_view kChanged = "{\"changed\":";
 
 /// Readers of a registry's stream of changes, without the checks, from now on.
@@ -18,19 +18,19 @@ class Watchers : public Source {
     Watchers(std::uint16_t port, std::size_t count);
     ~Watchers() override;
 
-    /// Throws when a stream ends.
+    /// Throws if a stream ends.
     void receive() override;
 
     std::size_t size() const { return watchers_.size(); }
-    /// Events of changes at all watchers so far.
+    /// The number of events of changes at all watchers so far.
     std::size_t changes() const { return lags_.size(); }
-    /// From the time that a change names to its arrival at a watcher, in milliseconds.
+    /// The time from each change to its arrival at a watcher, in milliseconds.
     const std::vector<double>& lags() const { return lags_; }
 
   private:
     struct Watcher {
         int socket = -1;
-        std::string rest{};  ///< of a line
+        std::string rest{};  ///< of an incomplete line
     };
 
     static void begin(int socket, const std::string& lastId);

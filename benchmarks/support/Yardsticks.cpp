@@ -1,5 +1,5 @@
-// Forks a process that runs the yardsticks on demand and says what they cost.
-// One thread in this process; the other one has more only during a run of ThreadsPeer. No lock.
+// Forks a process that runs the yardsticks on demand and reports their cost. This process has one
+// thread; the other one has more only during a run of ThreadsPeer. No lock.
 
 #include "Yardsticks.h"
 
@@ -22,7 +22,7 @@ namespace orvx::benchmarks {
 
 namespace {
 
-/// Each is made when it is first used: an unused one opens no connection.
+/// Each is made when it is first used, because an unused one must not open connections.
 class AllYardsticks {
   public:
     AllYardsticks(const Address& server, std::size_t connections, const Requests& requests)

@@ -9,8 +9,8 @@
 
 namespace orvx::benchmarks {
 
-/// Other ways to send the same requests, in a process of their own: the heap of the library that
-/// they are compared with must not change their cost.
+/// Other ways to send the same requests, in a separate process: the heap of the measured library
+/// must not change their cost.
 class Yardsticks {
   public:
     enum class Kind {
@@ -21,14 +21,14 @@ class Yardsticks {
         Threads,   // A thread for each connection, each with a handle as above.
     };
 
-    /// Must be made while the process has one thread. Sends `requests`.
+    /// Must be made while the process has one thread. It will send `requests`.
     Yardsticks(const Address& server, std::size_t connections, const Requests& requests);
     ~Yardsticks();
     Yardsticks(const Yardsticks&) = delete;
     Yardsticks& operator=(const Yardsticks&) = delete;
 
-    /// Sends all requests; processor time of one, in microseconds. The first time includes opening
-    /// the connections.
+    /// Sends all requests. Returns the processor time for one of them in microseconds. The first
+    /// run includes opening the connections.
     double cost(Kind kind, Method method) const;
     double curl(Method method) const { return cost(Kind::CurlLoop, method); }
 

@@ -1,6 +1,6 @@
-// A loop over accept(): one connection at a time, closed before the next one. Whatever fails on a
-// connection is the client's doing, and ends the connection.
-// answerWith() is entered by any thread, the rest is the server's own. `mutex_` is a leaf lock.
+// A loop over accept(): one connection at a time, closed before the next one. A failure on a
+// connection is caused by the client and ends the connection. answerWith() is entered by any
+// thread, the rest by the server's thread. `mutex_` is a leaf lock.
 
 #include "AnsweringServer.h"
 
@@ -41,7 +41,7 @@ bool endsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-/// False when the client has ended the connection. A PUT's body is "{}".
+/// Returns false if the client has ended the connection. The body of a PUT is "{}".
 bool readRequest(int connection) {
     std::string request;
     std::array<char, 4'096> bytes;

@@ -10,21 +10,21 @@
 
 namespace orvx::fuzz {
 
-/// A server on the loopback that answers every request with the same bytes, connection after
-/// connection, and ends each.
+/// A server on the loopback that answers every request with the same bytes and ends each
+/// connection.
 ///
-/// Thread-safety: safe by itself. It answers on a thread of its own.
+/// Thread-safe. It answers on its own thread.
 class AnsweringServer {
   public:
     enum class Ending {
         Close,
-        Reset,  ///< what is on its way is lost
-        Again,  ///< waits briefly for a second request, and answers it too
-        Stall,  ///< waits for the client to give up
+        Reset,  ///< bytes that were not sent yet are lost
+        Again,  ///< waits briefly for a second request, and answers it, too
+        Stall,  ///< waits until the client closes the connection
     };
     struct Answer {
         std::string bytes;
-        std::size_t piece = 0;  ///< so many bytes are sent at once; 0: all
+        std::size_t piece = 0;  ///< the number of bytes that are sent at once; 0: all
         Ending ending = Ending::Close;
     };
 
@@ -34,8 +34,8 @@ class AnsweringServer {
     AnsweringServer& operator=(const AnsweringServer&) = delete;
 
     std::uint16_t port() const { return port_; }
-    /// For connections from now on. Ends the one that is open: a client may keep it without a
-    /// request.
+    /// Takes effect with the next connection. Ends the open connection, because a client may keep
+    /// it without a request.
     void answerWith(Answer answer) ORVX_EXCLUDES(mutex_);
 
   private:
@@ -48,7 +48,7 @@ class AnsweringServer {
     utility::Mutex mutex_;
     std::condition_variable ended_;
     Answer answer_ ORVX_GUARDED_BY(mutex_);
-    int connection_ ORVX_GUARDED_BY(mutex_) = -1;  ///< -1: none is open
+    int connection_ ORVX_GUARDED_BY(mutex_) = -1;  ///< -1: no connection is open
     std::thread thread_;
 };
 

@@ -1,6 +1,6 @@
-// Whatever happens to a client, in whatever order: it does what the model of its rules does. Two
-// bytes are the options, and each three after them an event, its letter as it is in histories.
-// One thread; there is no lock.
+// Any events in any order: the client behaves like the model of its rules. Two bytes are the
+// options; each following three bytes are an event, with its letter as in histories. One thread;
+// there is no lock.
 
 #include "History.h"
 #include "Input.h"
@@ -10,7 +10,7 @@ namespace {
 using namespace orvx::simulation;
 using orvx::fuzz::Input;
 
-/// The letters of all events there are.
+/// The letters of all events.
 const std::string& letters() {
     static const std::string known = [] {
         std::set<char> letters;

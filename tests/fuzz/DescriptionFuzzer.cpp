@@ -1,5 +1,5 @@
-// Descriptions of any content: written as JSON that says exactly what was put in, or refused with
-// nothing written when a text is no UTF-8. One thread; there is no lock.
+// Descriptions with any content: their JSON contains exactly the given values, or they are refused
+// with an empty output if a text is not UTF-8. One thread; there is no lock.
 
 #include "Input.h"
 
@@ -21,7 +21,7 @@ using orvx::fuzz::isUtf8;
 using orvx::fuzz::require;
 using orvx::fuzz::requireSame;
 
-/// One value, and what it must become.
+/// One value, and the expected JSON.
 struct Value {
     GenericObjectValue given;
     json expected;
@@ -149,7 +149,7 @@ bool isWritable(const json& value) {
     return !value.is_string() || isUtf8(value.get_ref<const std::string&>());
 }
 
-/// Empty when it is refused.
+/// Empty if the description is refused.
 std::string written(const ServiceCreate& service, bool pretty) {
     std::ostringstream stream;
     try {

@@ -1,6 +1,6 @@
-// Answers and events of etcd, of any JSON, or of keys and values of any bytes: read without a
-// failure, and what is taken for an entry is one. An entry that was put is read as it was. One
-// thread; there is no lock.
+// Answers and events of etcd with any JSON, or with keys and values of any bytes: they are read
+// without a failure, and only entries are accepted as entries. An entry that was stored is read
+// unchanged. One thread; there is no lock.
 
 #include "Base64.h"
 #include "EtcdEntries.h"
@@ -33,7 +33,7 @@ void requireEntry(const Entry& entry) {
     require(json::parse(entry.service).is_object(), "an entry has an object as its service");
 }
 
-/// By all functions that read what comes from etcd.
+/// Reads the bytes with all functions that read answers of etcd.
 void readAll(const json& answer) {
     for (const Entry& entry : entries().entriesIn(answer)) {
         requireEntry(entry);
@@ -66,7 +66,7 @@ json numberFrom(Input& input) {
     }
 }
 
-/// JSON with the fields of a value, or bytes.
+/// JSON with the fields of a value, or arbitrary bytes.
 std::string headFrom(Input& input) {
     if (input.below(4) == 0) {
         return input.text();
@@ -128,7 +128,7 @@ json answerFrom(Input& input) {
             {"events", events}};
 }
 
-/// What etcd gives back of an entry that was put.
+/// The answer of etcd for an entry that was stored.
 void readPut(Input& input) {
     Entry entry;
     entry.uuid = kUuid;

@@ -1,7 +1,7 @@
 // Any bytes as the answer of a real server over a real socket: each request ends once and in time,
 // and with an answer only if the bytes are one. The fuzzer's thread sends a request and waits, the
-// I/O thread brings the outcome, and the server's thread answers; `mutex_` guards what the server
-// is to answer, futures hand the outcomes over.
+// I/O thread delivers the outcome, and the server's thread answers. `mutex_` guards the server's
+// next answer; futures pass the outcomes.
 
 #include "AnsweringServer.h"
 #include "Input.h"
@@ -30,7 +30,7 @@ HttpConfig config() {
     return config;
 }
 
-/// A client's side of HTTP, for all runs.
+/// The client's side of HTTP, shared by all runs.
 class Client {
   public:
     explicit Client(std::uint16_t port) {
@@ -69,8 +69,8 @@ class Client {
     std::shared_ptr<IClientHttpSession> session_;
 };
 
-/// What is an answer must stand in the bytes: a status line with its code, an end of the headers,
-/// and, if it came as a whole, the body.
+/// An accepted answer must be in the bytes: a status line with its code, the end of the headers,
+/// and, if it was received completely, the body.
 void requireAnswerIn(const std::string& bytes, unsigned method, const HttpResponse& response) {
     static const std::regex statusLine("HTTP/1\\.[01] ([0-9]{3})[ \r]");
     const auto code = std::to_string(static_cast<int>(response.getStatusCode()));

@@ -10,8 +10,8 @@
 
 namespace orvx::fuzz {
 
-/// The bytes of one run, taken from front to back. After their end everything is zero and empty,
-/// so that every input means something.
+/// The bytes of one run, read from front to back. After their end every value is zero or empty, so
+/// that each input is valid.
 class Input {
   public:
     Input(const std::uint8_t* bytes, std::size_t size)
@@ -23,10 +23,10 @@ class Input {
         return taken.empty() ? 0 : static_cast<unsigned char>(taken.front());
     }
     unsigned below(unsigned limit) { return byte() % limit; }
-    /// A byte with the length, and so many bytes.
+    /// Reads a byte with the length, and that many bytes.
     std::string text() { return std::string(take(byte())); }
     std::string rest() { return std::string(take(rest_.size())); }
-    /// Eight bytes.
+    /// Reads eight bytes.
     std::uint64_t number() {
         std::uint64_t number = 0;
         for (int i = 0; i < 8; ++i) {
@@ -45,7 +45,7 @@ class Input {
     std::string_view rest_;
 };
 
-/// A finding: says what is wrong and ends the process, so that the input is kept.
+/// A finding: prints the fault and ends the process, so that the input is kept.
 inline void require(bool holds, std::string_view what) {
     if (!holds) {
         std::cerr << "NOT TRUE: " << what << std::endl;
@@ -61,7 +61,7 @@ void requireSame(const Left& actual, const Right& expected, std::string_view wha
     }
 }
 
-/// By the table of well-formed byte sequences in the Unicode standard.
+/// Follows the table of well-formed byte sequences in the Unicode standard.
 inline bool isUtf8(std::string_view text) {
     const auto in = [&text](std::size_t at, unsigned least, unsigned most) {
         const unsigned byte = at < text.size() ? static_cast<unsigned char>(text[at]) : 0x100;
@@ -100,5 +100,5 @@ inline bool isUtf8(std::string_view text) {
 
 }  // namespace orvx::fuzz
 
-/// What each fuzzer defines: one run.
+/// Defined by each fuzzer: one run.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size);

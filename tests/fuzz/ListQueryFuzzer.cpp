@@ -1,5 +1,6 @@
-// Queries for entries, made from parts or of any bytes: refused, or read as what was written.
-// Whether an entry matches is compared with its JSON. One thread; there is no lock.
+// Queries for entries, made from parts or of any bytes: they are refused, or read as they were
+// written. The result of matching an entry is compared with the entry's JSON. One thread; there is
+// no lock.
 
 #include "Input.h"
 #include "ListQuery.h"
@@ -35,7 +36,7 @@ std::optional<ListQuery> parse(const std::string& text) {
     }
 }
 
-/// Some bytes as they are where that is allowed, the others as escapes.
+/// Some bytes are written unchanged where that is allowed, the others as escapes.
 std::string escaped(const std::string& text, unsigned plain) {
     std::string made;
     for (const char letter : text) {
@@ -53,7 +54,7 @@ std::string escaped(const std::string& text, unsigned plain) {
     return made;
 }
 
-/// A query, and the fields that it says.
+/// A query, and its fields.
 class Written {
   public:
     explicit Written(Input& input) {

@@ -1,6 +1,7 @@
-// Any location in the answers to two services' registrations, and to their registration again: the
-// entry is what follows the last slash, and nothing else is asked for or deleted; without a slash
-// the registration has failed. What is logged can be shown. One thread; there is no lock.
+// Any location in the answers to the registrations of two services, and to their second
+// registrations: the entry is the text after the last slash, and no other path is checked or
+// deleted; without a slash the registration has failed. Log lines contain no harmful bytes. One
+// thread; there is no lock.
 
 #include "ConsoleText.h"
 #include "Input.h"
@@ -23,7 +24,7 @@ using orvx::fuzz::require;
 using orvx::fuzz::requireSame;
 using Uuid = std::optional<std::string>;
 
-/// One line, as it is when the network has handed it over.
+/// One line, as the network delivers it.
 std::string locationFrom(Input& input) {
     std::string location = input.text();
     location.erase(std::min(location.find_first_of(std::string_view("\n\0", 2)), location.size()));
@@ -31,7 +32,7 @@ std::string locationFrom(Input& input) {
     return location;
 }
 
-/// The rule. Spaces around a header's value are none of it.
+/// The rule. Spaces around a header's value do not belong to it.
 Uuid uuidIn(std::string location) {
     location.erase(location.find_last_not_of(" \t") + 1);
     location.erase(0, location.find_first_not_of(" \t"));
@@ -83,7 +84,7 @@ class Story {
         return uuid;
     }
 
-    /// The registry has lost what stands, and takes it again under other locations.
+    /// The registry has lost the entries, and answers the new registrations with other locations.
     void checkAndLose(const std::vector<Uuid>& uuids) {
         world_.advance(context_.getCheckInterval());
         std::vector<orvx::simulation::Request> heads;
@@ -110,7 +111,7 @@ class Story {
             handle(
                 [this](const OrvRegistrationResponse& response) { outcomes_.push_back(response); });
         }
-        // Two services with one entry, and entries without a name, have rules of their own.
+        // Two services with one entry, and entries without a uuid, have special rules.
         const bool isClear =
             std::none_of(entries_.begin(), entries_.end(),
                          [](const Uuid& uuid) { return uuid == ""; }) &&
@@ -160,7 +161,7 @@ class Story {
     OrvServiceRegistryContext context_;
     std::vector<IOrvServiceRegistryClient::UnregisterHandle> handles_;
     std::vector<OrvRegistrationResponse> outcomes_;
-    std::vector<Uuid> entries_;  // after the registration again
+    std::vector<Uuid> entries_;  // after the second registrations
 };
 
 }  // namespace

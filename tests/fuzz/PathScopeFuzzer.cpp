@@ -1,7 +1,7 @@
-// Paths and scopes of any content. Where a token may announce, every reader understands the path as
-// one within the scope: whether it decodes once or twice, resolves dot segments before or after
-// that, or drops the parameters of segments. Plain paths within the scope are not refused. One
-// thread; there is no lock.
+// Paths and scopes with any content. If a token may announce a path, every reader interprets the
+// path as one within the scope: whether it decodes once or twice, resolves dot segments before or
+// after that, or drops the parameters of segments. Plain paths within the scope are not refused.
+// One thread; there is no lock.
 
 #include "Input.h"
 #include "PathScope.h"
@@ -21,7 +21,7 @@ using orvx::registry::isWithin;
 using orvx::registry::scopeOf;
 using orvx::registry::Token;
 
-/// An escape that is none stays as it is.
+/// An invalid escape stays unchanged.
 std::string decoded(const std::string& text) {
     std::string made;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -39,7 +39,7 @@ std::string withoutLastSegment(const std::string& path) {
     return path.substr(0, std::min(path.rfind('/'), path.size()));
 }
 
-/// As RFC 3986 has it, section 5.2.4.
+/// As in RFC 3986, section 5.2.4.
 std::string withoutDots(std::string input) {
     const auto begins = [&input](const char* text) { return input.rfind(text, 0) == 0; };
     std::string output;
@@ -87,7 +87,7 @@ std::string asC(const std::string& path) {
     return path.c_str();
 }
 
-/// The steps by which one reader understands a path.
+/// The steps with which one reader interprets a path.
 using Reader = std::vector<std::function<std::string(const std::string&)>>;
 
 std::string read(const Reader& reader, std::string path) {
@@ -178,7 +178,7 @@ void compare(const std::string& scope, const std::string& target) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     Input input(bytes, size);
     const std::string scope = pathFrom(input);
-    // Most paths begin like the scope, or else nothing would be within it.
+    // Most paths begin like the scope, because otherwise almost none would be within it.
     const std::string begin = input.below(4) == 0 ? "" : scope;
     compare(scope, begin + pathFrom(input));
     return 0;

@@ -1,7 +1,7 @@
-// Any bytes as the answer of a proxy that is asked for a tunnel: the request ends once, within the
-// connect time-out, and never with an answer, for nobody behind the proxy has given one.
-// The fuzzer's thread sends a request and waits, the I/O thread brings the outcome, and the
-// server's thread answers; a future hands the outcome over.
+// Any bytes as the answer of a proxy to CONNECT: the request ends once, within the connect
+// time-out, and never with an answer, because there is no server. The fuzzer's thread sends a
+// request and waits, the I/O thread delivers the outcome, and the server's thread answers; a future
+// passes the outcome.
 
 #include "AnsweringServer.h"
 #include "Input.h"
@@ -26,7 +26,7 @@ HttpConfig config(std::uint16_t port) {
     return config;
 }
 
-/// A client's side of HTTP, for all runs.
+/// The client's side of HTTP, shared by all runs.
 class Client {
   public:
     explicit Client(std::uint16_t port) {
@@ -52,7 +52,7 @@ class Client {
     std::shared_ptr<IClientHttpSession> session_;
 };
 
-/// A tunnel is there only after a 2xx.
+/// There is a tunnel only after a 2xx.
 bool mayBeATunnel(const std::string& bytes) {
     return bytes.find("HTTP/1.") != std::string::npos &&
            bytes.find("\r\n\r\n") != std::string::npos && bytes.find(" 2") != std::string::npos;

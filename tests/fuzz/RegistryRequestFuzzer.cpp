@@ -1,6 +1,6 @@
-// Any requests to the registry, made from parts or read from raw bytes, beside the simplest
-// registry that could be: a list. Where faults are set, which the list does not know, what is
-// answered must be well-formed, and the list is made anew. One thread; there is no lock.
+// Any requests to the registry, made from parts or read from raw bytes, compared with the simplest
+// possible registry: a list. If faults are set, which the list does not support, the answer must be
+// well-formed, and the list is built again. One thread; there is no lock.
 
 #include "Dispatcher.h"
 #include "Input.h"
@@ -35,7 +35,7 @@ struct KnownEntry {
     int checks = 0;
 };
 
-/// The deepest nesting of a text that is JSON.
+/// The deepest nesting of a text in JSON.
 int depthOf(const std::string& text) {
     int depth = 0;
     int deepest = 0;
@@ -59,7 +59,7 @@ bool isAcceptable(const std::string& body) {
            body.find('\0') == std::string::npos;
 }
 
-/// The registry, asked, and the list of what it must hold.
+/// Sends requests to the registry, and keeps the list of its expected content.
 class Registry {
   public:
     void ask(const Request& request) {
@@ -109,13 +109,13 @@ class Registry {
         return reaction;
     }
 
-    /// One whose answer says nothing about the entries.
+    /// A request whose answer does not depend on the entries.
     static bool isForTool(const Request& request) {
         return request.target().starts_with("/-/") ||
                request[http::field::accept].find("text/html") != boost::string_view::npos;
     }
 
-    /// A reader that begins is told every entry.
+    /// A new reader receives every entry.
     void requireListed(Watch& watch) {
         std::size_t count = 0;
         for (auto piece = dispatcher_.news(watch); !piece->empty();
@@ -145,7 +145,7 @@ class Registry {
                     "the length");
     }
 
-    /// A list of which only the beginning is there.
+    /// An incomplete list.
     void complete(Reaction& reaction) {
         while (reaction.rest && !reaction.rest->isDone()) {
             reaction.response->body() += reaction.rest->next(dispatcher_.store()).value();
@@ -210,7 +210,7 @@ class Registry {
 
     http::status look(const Request& request, const Response& response) {
         if (request.target().starts_with("/?")) {
-            return response.result();  // the list does not know queries
+            return response.result();  // the list does not support queries
         }
         if (request.target() == "/") {
             return http::status::ok;
@@ -234,7 +234,7 @@ class Registry {
 
     Dispatcher dispatcher_{{{}, 100'000, "", [] { return EntryStore::Time(); }}, {true}};
     std::vector<KnownEntry> known_;
-    bool isKnown_ = true;  // whether the list knows what the answer must be
+    bool isKnown_ = true;  // whether the list determines the answer
 };
 
 std::string targetFrom(Input& input, const Registry& registry) {

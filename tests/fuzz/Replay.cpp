@@ -1,5 +1,5 @@
-// Runs one fuzzer once with every file of the folders that are named: what fuzzing found stays a
-// test with every compiler. One thread; there is no lock.
+// Runs one fuzzer once with each file of the given folders, so that the inputs that fuzzing found
+// are tests with every compiler. One thread; there is no lock.
 
 #include "Input.h"
 

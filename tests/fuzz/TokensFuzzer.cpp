@@ -1,4 +1,4 @@
-// Files of tokens, of lines that are made from parts or of any bytes: refused with the number of a
+// Files of tokens with lines made from parts or of any bytes: they are refused with the number of a
 // line and without a hash, or read so that each secret has the rights of its line. One thread;
 // there is no lock.
 
@@ -38,7 +38,7 @@ std::string hashOf(const std::string& secret) {
     return digits;
 }
 
-/// A file, and what is known of it.
+/// A file, and its expected content.
 class File {
   public:
     explicit File(Input& input) {
@@ -70,7 +70,7 @@ class File {
     }
 
   private:
-    /// Each field is fine more often than not.
+    /// Each field is valid more often than not.
     void addToken(Input& input) {
         const std::string secret = secretOf(input.below(16));
         json line{{"name", nameFrom(input)}, {"sha256", hashOf(secret)}};
@@ -140,8 +140,8 @@ class File {
     }
 
     std::string text_;
-    bool isKnown_ = true;  // all lines are made from parts
-    bool isFine_ = true;   // those are
+    bool isKnown_ = true;  // whether all lines are made from parts
+    bool isFine_ = true;   // whether all lines are valid
     std::set<std::string> names_;
     std::map<std::string, json> lines_;  // by secret
 };
