@@ -112,14 +112,14 @@ bool isOnCallbackThread() {
     return std::strcmp(name, "ORVX_SRCBExec") == 0;
 }
 
-constexpr std::size_t forbiddenBytes = 1;
+constexpr std::size_t kForbiddenBytes = 1;
 void* forbidden = nullptr;
 std::atomic<bool> isCrashHandled{false};
 
 /// Removes the cause of the crash; the crashing thread continues.
 void handleCrash(int /*signal*/) {
     isCrashHandled = isOnCallbackThread();
-    ::mprotect(forbidden, forbiddenBytes, PROT_READ | PROT_WRITE);
+    ::mprotect(forbidden, kForbiddenBytes, PROT_READ | PROT_WRITE);
 }
 
 /// Sends SIGTERM to a program that would end by itself after ten seconds. Returns its wait status.
@@ -170,7 +170,7 @@ TEST_F(TheSignals, AreBlockedInEachThreadOfTheLibraryAndOfALookUp) {
 
 // These signals were once blocked: the system ended the process, and its handler did not run.
 TEST_F(TheSignals, OfACrashInACallbackReachTheHandlerOfTheProcess) {
-    forbidden = ::mmap(nullptr, forbiddenBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    forbidden = ::mmap(nullptr, kForbiddenBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     struct sigaction action {};
     struct sigaction before {};
     action.sa_handler = handleCrash;
@@ -178,7 +178,7 @@ TEST_F(TheSignals, OfACrashInACallbackReachTheHandlerOfTheProcess) {
     runInCallback([] { *static_cast<volatile char*>(forbidden) = 1; });
     ::sigaction(SIGSEGV, &before, nullptr);
     EXPECT_TRUE(isCrashHandled);
-    ::munmap(forbidden, forbiddenBytes);
+    ::munmap(forbidden, kForbiddenBytes);
 }
 
 // The program once inherited the mask of the callback thread and continued to run.

@@ -33,7 +33,7 @@ using serviceregistryclient::RegistrationEvent;
 using serviceregistryclient::RegistrationStatus;
 
 constexpr Milliseconds kLongestRetryAfter{60000};
-constexpr int doublingsOfBackOff = 4;
+constexpr int kDoublingsOfBackOff = 4;
 
 struct RegistryOptions : Options {
     explicit RegistryOptions(std::uint64_t seed) {
@@ -159,7 +159,7 @@ class Play {
     void converge() {
         start();
         const Milliseconds step =
-            std::max(options_.retryInterval, Milliseconds(10)) * (1 << doublingsOfBackOff);
+            std::max(options_.retryInterval, Milliseconds(10)) * (1 << kDoublingsOfBackOff);
         const Milliseconds asked = std::max(retryAfter_ - world_.now(), Milliseconds(0));
         settle(2 * options_.checkInterval + step + asked);
         expect(told_.empty(), told_);

@@ -12,7 +12,7 @@ enum State { REGISTERING = 0, REREGISTERING = 1, REGISTERED = 2, UNREGISTERING =
 enum CheckState { IDLE = 0, TIMEOUT = 1, RESPONDED = 2, PENDING = 3 };
 
 const std::set<int> retryableStatuses{500, 503, 504};
-constexpr Milliseconds leastBackoff{10};
+constexpr Milliseconds kLeastBackoff{10};
 
 std::string number(std::uint64_t value) {
     return std::to_string(value);
@@ -375,7 +375,8 @@ bool Model::retry(std::uint64_t id, const Request& request, Record& record, cons
         plan(Due::Put, id, request, options_.retryInterval, options_.retryInterval);
     } else {
         const Milliseconds step = options_.retryInterval * (1 << std::min(record.backoffs++, 4U));
-        plan(Due::Put, id, request, std::max(step / 2, leastBackoff), std::max(step, leastBackoff));
+        plan(Due::Put, id, request, std::max(step / 2, kLeastBackoff),
+             std::max(step, kLeastBackoff));
     }
     return true;
 }

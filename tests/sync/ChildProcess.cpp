@@ -15,11 +15,11 @@ namespace orvx::testing {
 
 namespace {
 
-constexpr int patienceMilliseconds = 10000;
+constexpr int kPatienceMilliseconds = 10000;
 /// The time for which the child is watched after its report.
-constexpr int watchMilliseconds = 300;
-constexpr char reported = 'w';
-constexpr char returned = 'r';
+constexpr int kWatchMilliseconds = 300;
+constexpr char kReported = 'w';
+constexpr char kReturned = 'r';
 
 void say(int pipe, char what) {
     if (write(pipe, &what, 1) != 1) {
@@ -30,8 +30,8 @@ void say(int pipe, char what) {
 [[noreturn]] void runChild(const std::function<void(const Report&)>& call, int pipe) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     try {
-        call([pipe] { say(pipe, reported); });
-        say(pipe, returned);
+        call([pipe] { say(pipe, kReported); });
+        say(pipe, kReturned);
     } catch (const std::exception&) {
     }
     _exit(0);
@@ -61,19 +61,19 @@ int readWithin(int pipe, int milliseconds) {
         runChild(call, pipes[1]);
     }
     close(pipes[1]);
-    const int first = child > 0 ? readWithin(pipes[0], patienceMilliseconds) : 0;
-    const int second = first == reported ? readWithin(pipes[0], watchMilliseconds) : 0;
+    const int first = child > 0 ? readWithin(pipes[0], kPatienceMilliseconds) : 0;
+    const int second = first == kReported ? readWithin(pipes[0], kWatchMilliseconds) : 0;
     close(pipes[0]);
     if (child > 0) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
     }
-    if (first != reported) {
+    if (first != kReported) {
         return ::testing::AssertionFailure() << "the child did not get as far as it was to";
     }
     return second == -1 ? ::testing::AssertionSuccess()
                         : ::testing::AssertionFailure()
-                              << (second == returned ? "the call returned" : "the child ended");
+                              << (second == kReturned ? "the call returned" : "the child ended");
 }
 
 }  // namespace orvx::testing

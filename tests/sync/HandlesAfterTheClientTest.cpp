@@ -10,7 +10,7 @@
 namespace orvx::serviceregistryclient {
 namespace {
 
-constexpr auto gone = Response::DELEGATOR_NOT_INITIATED;
+constexpr auto kGone = Response::DELEGATOR_NOT_INITIATED;
 
 class TheEndOfTheClient : public SyncTest {
   protected:
@@ -24,7 +24,7 @@ class TheEndOfTheClient : public SyncTest {
         const auto remove = client().addServiceRegisterStatusListener({});
         std::atomic<int> rounds{0};
         const auto call = [&] {
-            while (result.unregister().errorCode != gone) {
+            while (result.unregister().errorCode != kGone) {
                 handle([&handle](const Response&) { handle({}); });
                 refused({});
                 remove();
@@ -47,10 +47,10 @@ TEST_F(TheEndOfTheClient, IsTheAnswerToEveryLaterBlockingWithdrawal) {
     const auto set = client().registerServicesAtRegistry(registry, makeServices(2));
     context.deinit();
     EXPECT_EQ(sent.unregister().status, Response::ERROR);
-    EXPECT_EQ(sent.unregister().errorCode, gone);
-    EXPECT_EQ(refused.unregister().errorCode, gone);
+    EXPECT_EQ(sent.unregister().errorCode, kGone);
+    EXPECT_EQ(refused.unregister().errorCode, kGone);
     for (const auto& [model, entry] : set.second) {
-        EXPECT_EQ(entry.unregister().errorCode, gone);
+        EXPECT_EQ(entry.unregister().errorCode, kGone);
     }
 }
 

@@ -15,7 +15,7 @@ using std::chrono::steady_clock;
 using Response = OrvRegistrationResponse;
 using Promise = std::shared_ptr<std::promise<Response>>;
 
-constexpr milliseconds unlimited(0);
+constexpr milliseconds kUnlimited(0);
 
 /// A synchronous call on its own thread.
 class Caller {
@@ -54,8 +54,8 @@ void expectTimeout(const Response& response) {
 
 TEST(SynchronousCall, ReturnsAtOnceAnAnswerThatComesDuringTheCall) {
     const Response response = someResponse();
-    for (const milliseconds timeout :
-         {unlimited, milliseconds(1), milliseconds(-1), milliseconds::min(), milliseconds::max()}) {
+    for (const milliseconds timeout : {kUnlimited, milliseconds(1), milliseconds(-1),
+                                       milliseconds::min(), milliseconds::max()}) {
         expectSame(ClientTestAccess::synchronized(
                        [&](const Promise& promise) { promise->set_value(response); }, timeout),
                    response);
@@ -63,7 +63,7 @@ TEST(SynchronousCall, ReturnsAtOnceAnAnswerThatComesDuringTheCall) {
 }
 
 TEST(SynchronousCall, WaitsWithoutLimitWhenItIsZero) {
-    Caller caller(unlimited);
+    Caller caller(kUnlimited);
     EXPECT_TRUE(caller.isWaiting());
     const Response response = someResponse();
     caller.answer(response);
@@ -143,9 +143,9 @@ TEST(SynchronousCall, RefusesASecondAnswerWhereItIsGiven) {
 
 TEST(SynchronousCall, LetsExceptionsOfTheCallThrough) {
     EXPECT_THROW(
-        ClientTestAccess::synchronized([](const Promise&) { throw std::bad_alloc(); }, unlimited),
+        ClientTestAccess::synchronized([](const Promise&) { throw std::bad_alloc(); }, kUnlimited),
         std::bad_alloc);
-    EXPECT_THROW(ClientTestAccess::synchronized({}, unlimited), std::bad_function_call);
+    EXPECT_THROW(ClientTestAccess::synchronized({}, kUnlimited), std::bad_function_call);
 }
 
 }  // namespace

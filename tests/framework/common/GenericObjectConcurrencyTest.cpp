@@ -16,7 +16,7 @@ namespace {
 
 using Value = GenericObjectValue;
 
-constexpr int rounds = 500;
+constexpr int kRounds = 500;
 
 /// Runs each task repeatedly on its own thread, all at the same time. A deadlock ends the process,
 /// because deadlocked threads cannot be joined.
@@ -27,7 +27,7 @@ void runTogether(const std::vector<std::function<void(int)>>& tasks) {
     for (const auto& task : tasks) {
         ended.push_back(std::async(std::launch::async, [&task, started] {
             started.wait();
-            for (int round = 0; round < rounds; ++round) {
+            for (int round = 0; round < kRounds; ++round) {
                 task(round);
             }
         }));
@@ -106,7 +106,7 @@ TEST(TheServiceModel, IsReadChangedAndCopiedByManyThreads) {
     };
     const auto read = [&](int) {
         EXPECT_EQ(service.getName(), "echo");
-        EXPECT_LT(service.getPort(), rounds);
+        EXPECT_LT(service.getPort(), kRounds);
         EXPECT_LE(service.getVersions().size(), 2U);
     };
     const auto copy = [&](int) { EXPECT_EQ(ServiceCreate(service).getUri(), "/echo"); };

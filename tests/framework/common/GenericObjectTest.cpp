@@ -31,15 +31,16 @@ TEST(TheGenericObjectValue, KeepsTheTypeItWasMadeFrom) {
 }
 
 template <typename T>
-constexpr bool isTaken = std::is_constructible_v<Value, T>;
+constexpr bool kIsTaken = std::is_constructible_v<Value, T>;
 
 TEST(TheGenericObjectValue, IsNotMadeFromACharacterOrAPointer) {
-    static_assert(!isTaken<char> && !isTaken<wchar_t> && !isTaken<char16_t> && !isTaken<char32_t>);
-    static_assert(!isTaken<void*> && !isTaken<const int*> && !isTaken<std::string*>);
-    static_assert(!isTaken<volatile char*> && !isTaken<void (*)()> && !isTaken<int Value::*>);
-    static_assert(!isTaken<const unsigned char*> && !isTaken<std::shared_ptr<int>>);
-    static_assert(isTaken<const char*> && isTaken<char*> && isTaken<const char(&)[3]>);
-    static_assert(isTaken<std::nullptr_t> && isTaken<bool>);
+    static_assert(!kIsTaken<char> && !kIsTaken<wchar_t> && !kIsTaken<char16_t> &&
+                  !kIsTaken<char32_t>);
+    static_assert(!kIsTaken<void*> && !kIsTaken<const int*> && !kIsTaken<std::string*>);
+    static_assert(!kIsTaken<volatile char*> && !kIsTaken<void (*)()> && !kIsTaken<int Value::*>);
+    static_assert(!kIsTaken<const unsigned char*> && !kIsTaken<std::shared_ptr<int>>);
+    static_assert(kIsTaken<const char*> && kIsTaken<char*> && kIsTaken<const char(&)[3]>);
+    static_assert(kIsTaken<std::nullptr_t> && kIsTaken<bool>);
 }
 
 template <typename T>

@@ -17,7 +17,7 @@ namespace {
 using Sequence = QunaConnectionBackoffSequence;
 using std::chrono::milliseconds;
 
-constexpr std::uint64_t largestCount = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kLargestCount = std::numeric_limits<std::uint64_t>::max();
 
 void expectSteps(Sequence& sequence, const std::vector<std::int64_t>& steps) {
     for (std::size_t n = 0; n < steps.size(); ++n) {
@@ -66,20 +66,20 @@ TEST(TheBackoffSequence, GrowsBeyondTheLeastPauseAsItsStepsDo) {
 }
 
 TEST(TheBackoffSequence, TakesTheLargestDurationForAStepThatDoesNotFit) {
-    Sequence sequence(largestCount, largestCount);
+    Sequence sequence(kLargestCount, kLargestCount);
     expectSteps(sequence, std::vector<std::int64_t>(100, milliseconds::max().count()));
 }
 
 TEST(TheBackoffSequence, DoublesUpToTheLargestDurationAndNoFurther) {
     const std::int64_t largest = milliseconds::max().count();
-    Sequence fromBelow(largestCount, static_cast<std::uint64_t>(largest / 2));
+    Sequence fromBelow(kLargestCount, static_cast<std::uint64_t>(largest / 2));
     expectSteps(fromBelow, {largest / 2, largest - 1, largest, largest});
     Sequence fromAbove(1, static_cast<std::uint64_t>(largest / 2) + 1);
     expectSteps(fromAbove, {largest / 2 + 1, largest, largest});
 }
 
 TEST(TheBackoffSequence, DoublesAsOftenAsASmallIntervalAllows) {
-    Sequence sequence(largestCount, 1);
+    Sequence sequence(kLargestCount, 1);
     std::vector<std::int64_t> steps;
     for (int n = 0; n < 63; ++n) {
         steps.push_back(std::max(std::int64_t{1} << n, std::int64_t{10}));
@@ -90,8 +90,8 @@ TEST(TheBackoffSequence, DoublesAsOftenAsASmallIntervalAllows) {
 
 // A false alarm: two out of 2^62 equally likely delays meet in one of 2500 pairs, less than 1e-14.
 TEST(TheBackoffSequence, DiffersFromEveryOther) {
-    Sequence left(0, largestCount);
-    Sequence right(0, largestCount);
+    Sequence left(0, kLargestCount);
+    Sequence right(0, kLargestCount);
     std::set<milliseconds> delays;
     for (int i = 0; i < 50; ++i) {
         delays.insert(left.nextDelay());
@@ -105,7 +105,7 @@ TEST(TheBackoffSequence, DiffersFromThoseThatOtherThreadsMakeAtTheSameTime) {
     const auto makeMany = [] {
         std::vector<milliseconds> delays;
         std::generate_n(std::back_inserter(delays), 1000,
-                        [] { return Sequence(0, largestCount).nextDelay(); });
+                        [] { return Sequence(0, kLargestCount).nextDelay(); });
         return delays;
     };
     std::vector<std::future<std::vector<milliseconds>>> makers;

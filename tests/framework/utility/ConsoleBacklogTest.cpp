@@ -221,7 +221,7 @@ TEST_F(AConsoleWithABacklog, LeavesItToTheParentInAForkedChildThatLogsOnItsOwn) 
     const auto own = makePipe();
     const auto child = fork();
     if (child == 0) {
-        alarm(static_cast<unsigned>(test::bound.count()));
+        alarm(static_cast<unsigned>(test::kBound.count()));
         dup2(own.writing, STDERR_FILENO);
         logger->log("child 1", 0);
         factory.flush();

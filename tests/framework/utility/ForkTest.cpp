@@ -29,7 +29,7 @@ int statusOfChild(const std::function<bool()>& work) {
     std::fflush(nullptr);
     const auto child = fork();
     if (child == 0) {
-        alarm(static_cast<unsigned>(test::bound.count()));
+        alarm(static_cast<unsigned>(test::kBound.count()));
         std::exit(work() ? 0 : 1);
     }
     int status = -1;

@@ -14,12 +14,12 @@
 /// Helpers for tests of threads. Every wait has a time limit; reaching it fails the test.
 namespace orvx::utility::test {
 
-constexpr std::chrono::seconds bound{60};
+constexpr std::chrono::seconds kBound{60};
 /// The time for which a test observes that an event does not happen.
-constexpr std::chrono::milliseconds aWhile{30};
+constexpr std::chrono::milliseconds kAWhile{30};
 
 template <typename Future>
-bool isReady(const Future& future, std::chrono::milliseconds patience = bound) {
+bool isReady(const Future& future, std::chrono::milliseconds patience = kBound) {
     return future.wait_for(patience) == std::future_status::ready;
 }
 
@@ -34,7 +34,7 @@ class Event {
     }
     bool happens() {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, bound, [&] { return happened_; });
+        return changed_.wait_for(lock, kBound, [&] { return happened_; });
     }
 
   private:
@@ -76,7 +76,7 @@ class Journal {
         bool progress = true;
         while (progress && notes_.size() < count) {
             progress = changed_.wait_for(
-                lock, bound, [this, seen = notes_.size()] { return notes_.size() > seen; });
+                lock, kBound, [this, seen = notes_.size()] { return notes_.size() > seen; });
         }
         return notes_;
     }

@@ -80,7 +80,7 @@ TYPED_TEST(ATaskRunner, WaitsForTheRunningTaskWhenItIsStopped) {
     this->runner->add(this->gate.task());
     ASSERT_TRUE(this->gate.isEntered());
     auto stop = std::async(std::launch::async, [&] { this->runner->stop(); });
-    EXPECT_FALSE(test::isReady(stop, test::aWhile));
+    EXPECT_FALSE(test::isReady(stop, test::kAWhile));
     this->gate.open();
     EXPECT_TRUE(test::isReady(stop));
 }
@@ -90,7 +90,7 @@ TYPED_TEST(ATaskRunner, WaitsForTheRunningTaskWhenItIsDestroyed) {
     this->runner->add(this->gate.task());
     ASSERT_TRUE(this->gate.isEntered());
     auto end = std::async(std::launch::async, [&] { this->runner.reset(); });
-    EXPECT_FALSE(test::isReady(end, test::aWhile));
+    EXPECT_FALSE(test::isReady(end, test::kAWhile));
     this->gate.open();
     EXPECT_TRUE(test::isReady(end));
 }
@@ -129,7 +129,7 @@ TYPED_TEST(ATaskRunner, WaitsForATaskThatHasStoppedItWhenItIsStoppedFromOutsideT
     });
     ASSERT_TRUE(this->gate.isEntered());
     auto stop = std::async(std::launch::async, [&] { this->runner->stop(); });
-    EXPECT_FALSE(test::isReady(stop, test::aWhile));
+    EXPECT_FALSE(test::isReady(stop, test::kAWhile));
     this->gate.open();
     EXPECT_TRUE(test::isReady(stop));
 }
@@ -142,7 +142,7 @@ TYPED_TEST(ATaskRunner, WaitsForATaskThatHasStoppedItWhenItIsDestroyed) {
     });
     ASSERT_TRUE(this->gate.isEntered());
     auto end = std::async(std::launch::async, [&] { this->runner.reset(); });
-    EXPECT_FALSE(test::isReady(end, test::aWhile));
+    EXPECT_FALSE(test::isReady(end, test::kAWhile));
     this->gate.open();
     EXPECT_TRUE(test::isReady(end));
 }

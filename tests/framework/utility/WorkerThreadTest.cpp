@@ -87,7 +87,7 @@ TEST(AWorkerThread, IsWaitedForByItsEnd) {
     WorkerThread worker;
     worker.start("ORVX_Wait", gate.task());
     auto end = std::async(std::launch::async, [&] { worker.end(); });
-    EXPECT_FALSE(test::isReady(end, test::aWhile));
+    EXPECT_FALSE(test::isReady(end, test::kAWhile));
     gate.open();
     EXPECT_TRUE(test::isReady(end));
 }
