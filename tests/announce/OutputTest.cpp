@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <fstream>
 
 namespace orvx::announce {
 namespace {
@@ -30,6 +31,11 @@ class SmallPipe {
     SmallPipe& operator=(const SmallPipe&) = delete;
 
     const std::string& name() const { return name_; }
+    std::string readNow() const {
+        std::array<char, 4096> bytes{};
+        const auto size = ::read(fd_, bytes.data(), bytes.size());
+        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+    }
     /// Reads up to the end of a line that contains `text`.
     std::string readUntil(const std::string& text) const {
         std::string read;
@@ -38,9 +44,7 @@ class SmallPipe {
             if (::poll(&polled, 1, 10'000) != 1) {
                 throw std::runtime_error("nothing was written for ten seconds");
             }
-            std::array<char, 4096> bytes{};
-            const auto size = ::read(fd_, bytes.data(), bytes.size());
-            read.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+            read += readNow();
         }
         return read;
     }
@@ -94,6 +98,16 @@ class ALongLine : public TheStatusFile {
 
     const std::string name = std::string(6000, 'x');
 };
+
+/// Whether the process has not taken a signal yet that was sent to it.
+bool hasPendingSignal(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string word;
+    while (status >> word && word != "ShdPnd:") {
+    }
+    status >> word;
+    return word.find_first_not_of('0') != std::string::npos;
+}
 
 TEST_F(TheOutput, IsALineForEachEvent) {
     Announce announce(echo());
@@ -167,8 +181,7 @@ TEST_F(ALongLine, DoesNotWaitForSpaceInAPipeThatIsNotRead) {
 TEST_F(ALongLine, ArrivesWholeWhenThePipeIsReadLater) {
     const SmallPipe pipe(folder.file("pipe"));
     ChildProcess announce("/bin/sh", writingTo(pipe));
-    // The line of this event was dropped by then. A later event would leave no space for the
-    // status.
+    // By then the line of this event is queued. Later it might come after the status.
     serviceWhen(isIn("announced"));
     const auto lines = linesOf(pipe.readUntil("\n"));
     EXPECT_EQ(lines.at(0).at("service"), name);
@@ -178,6 +191,24 @@ TEST_F(ALongLine, ArrivesWholeWhenThePipeIsReadLater) {
     }
     announce.signal(SIGTERM);
     EXPECT_EQ(exitCode(announce.wait()), 0);
+}
+
+TEST_F(ALongLine, IsCountedWhenItIsDropped) {
+    const SmallPipe pipe(folder.file("pipe"));
+    ChildProcess announce("/bin/sh", writingTo(pipe));
+    serviceWhen(isIn("announced"));
+    std::string read;
+    for (int i = 0; i < 1'000 && read.find("\"lines-dropped\"") == std::string::npos; ++i) {
+        announce.signal(SIGUSR1);
+        EXPECT_TRUE(eventually([&] { return !hasPendingSignal(announce.pid()); }));
+        read += i < 100 ? "" : pipe.readNow();  // by then there are more than the queue takes
+    }
+    read += read.back() == '\n' ? "" : pipe.readUntil("\n");
+    int dropped = 0;
+    for (const json& line : linesOf(read)) {
+        dropped += line.at("event") == "lines-dropped" ? line.at("count").get<int>() : 0;
+    }
+    EXPECT_GT(dropped, 0);
 }
 
 TEST_F(TheStatusFile, FollowsTheServiceFromItsStartToItsEnd) {

@@ -3,16 +3,26 @@
 // Everything runs on the test's thread; the program is a process of its own.
 // There is no lock.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <boost/beast/http/status.hpp>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <regex>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -33,12 +43,45 @@ using nlohmann::json;
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using Clock = std::chrono::steady_clock;
 
 std::string contentOf(const std::string& path) {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
 }
+
+/// A FIFO that is read without waiting for a writer.
+class OpenFile {
+  public:
+    OpenFile(const std::string& path, int flags)
+        : descriptor_(::open(path.c_str(), flags | O_CLOEXEC)) {
+        if (descriptor_ < 0) {
+            throw std::system_error(errno, std::generic_category(), path);
+        }
+    }
+    ~OpenFile() { ::close(descriptor_); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    /// All up to that text. Throws after ten seconds without more.
+    std::string readUntil(const std::string& text) const {
+        std::string read;
+        pollfd polled{descriptor_, POLLIN, 0};
+        while (read.find(text) == std::string::npos) {
+            std::array<char, 4'096> bytes{};
+            if (::poll(&polled, 1, 10'000) != 1) {
+                throw std::runtime_error("nothing was written for ten seconds");
+            }
+            const auto size = ::read(descriptor_, bytes.data(), bytes.size());
+            read.append(bytes.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+        }
+        return read;
+    }
+
+  private:
+    int descriptor_;
+};
 
 class TheTool : public ::testing::Test {
   protected:
@@ -262,6 +305,106 @@ TEST_F(TheTool, GoesOnWhenTheReaderOfItsLogHasEnded) {
         EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
     }
     program.awaitErrors("the log cannot be written\n");
+}
+
+TEST_F(TheTool, AnswersWhileNobodyReadsItsLogAndCountsTheLinesThatItDrops) {
+    RegistryProcess program({"--port", "0", "--log"});
+    RawConnection connection(program.port());
+    constexpr int kRequests = 100;  // their lines are twice as long as the pipe and the queue
+    const std::string filler(7'000, 'x');
+    for (int i = 0; i < kRequests; ++i) {
+        const std::string target = '/' + std::to_string(i) + '-' + filler;
+        EXPECT_EQ(connection.ask(makeRequest("HEAD", target)).result(), http::status::not_found);
+    }
+    const std::string metrics = connection.ask(makeRequest("GET", "/-/metrics")).body();
+    const std::string& output = program.awaitOutput(", nobody read them\n");
+    const std::regex whole(
+        "(orvx-registry listening on .*)|(.* \"HEAD /([0-9]+)-x{7000} .*)|"
+        "(orvx-registry: lines dropped: ([0-9]+), nobody read them)");
+    std::istringstream lines(output);
+    int written = 0;
+    int dropped = 0;
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch found;
+        ASSERT_TRUE(std::regex_match(line, found, whole)) << line;
+        if (found[2].matched) {
+            EXPECT_EQ(std::stoi(found[3]), written++);
+        } else if (found[4].matched) {
+            dropped = std::stoi(found[5]);
+        }
+    }
+    EXPECT_GT(written, 20);
+    EXPECT_EQ(written + dropped, kRequests + 1);  // the request of the metrics is one
+    EXPECT_THAT(metrics, HasSubstr("orvx_registry_lost_log_lines_total{log=\"requests\"} " +
+                                   std::to_string(dropped - 1) + '\n'));
+    connection.ask(makeRequest("HEAD", "/after"));
+    program.awaitOutput("\"HEAD /after ");
+}
+
+TEST_F(TheTool, CarriesOutChangesWhileNobodyReadsItsAuditLogAndCountsTheLinesThatItDrops) {
+    const std::string audit = folder_ / "audit";
+    ASSERT_EQ(::mkfifo(audit.c_str(), 0600), 0);
+    expectRefusedAtStart({"--audit", audit}, audit + ": no process reads this FIFO");
+    const OpenFile reader(audit, O_RDWR | O_NONBLOCK);
+    RegistryProcess program({"--port", "0", "--audit", audit});
+    RawConnection connection(program.port());
+    const std::string path = '/' + std::string(7'000, 'x');
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(connection.ask(makeRequest("PUT", path, "{}")).result_int() / 100, 2U);
+    }
+    const std::string metrics = connection.ask(makeRequest("GET", "/-/metrics")).body();
+    EXPECT_THAT(metrics, Not(HasSubstr("lost_log_lines_total{log=\"audit\"} 0\n")));
+    const std::string text = reader.readUntil("lines dropped\",\"who\":null}\n");
+    std::istringstream lines(text);
+    std::map<std::string, int> counts;
+    int dropped = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const json read = json::parse(line);
+        ++counts[read.at("what")];
+        dropped = read.value("count", 0);
+    }
+    EXPECT_EQ(counts["announced"], 1);
+    EXPECT_EQ(1 + counts["replaced"] + dropped, 100);
+    EXPECT_THAT(metrics,
+                HasSubstr("lost_log_lines_total{log=\"audit\"} " + std::to_string(dropped) + '\n'));
+}
+
+TEST_F(TheTool, AnswersWhileNobodyReadsItsErrors) {
+    const std::string store = folder_ / std::string(200, 's').c_str();  // each error names it
+    RegistryProcess program({"--port", "0", "--store", store});
+    RawConnection connection(program.port());
+    const rlimit noGrowth{0, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &noGrowth, nullptr), 0);
+    for (int i = 0; i < 2'000; ++i) {
+        ASSERT_EQ(connection.ask(makeRequest("PUT", "/b", "{}")).result(),
+                  http::status::internal_server_error);
+    }
+    program.awaitErrors(", nobody read them\n");
+}
+
+TEST_F(TheTool, WritesTheLinesThatItHasQueuedBeforeItEnds) {
+    RegistryProcess program({"--port", "0", "--log"});
+    RawConnection connection(program.port());
+    for (int i = 0; i < 20; ++i) {
+        connection.ask(makeRequest("HEAD", "/" + std::string(7'000, 'x')));
+    }
+    connection.ask(makeRequest("HEAD", "/last"));
+    program.signal(SIGTERM);
+    const auto result = program.wait();
+    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 0);
+    EXPECT_THAT(result.output, HasSubstr("\"HEAD /last "));
+}
+
+TEST_F(TheTool, EndsThoughNobodyReadsItsLog) {
+    RegistryProcess program({"--port", "0", "--log"});
+    RawConnection connection(program.port());
+    for (int i = 0; i < 20; ++i) {
+        connection.ask(makeRequest("HEAD", "/" + std::string(7'000, 'x')));
+    }
+    program.signal(SIGTERM);
+    pollfd ended{static_cast<int>(::syscall(SYS_pidfd_open, program.pid(), 0)), POLLIN, 0};
+    EXPECT_EQ(::poll(&ended, 1, 10'000), 1);
+    ::close(ended.fd);
 }
 
 /// The program in a process in which no file can grow, as on a full disk. It has no folder for

@@ -1,25 +1,14 @@
-// Writes the program's event lines.
-// Runs on the main thread; there is no lock. The command shares the open file description of the
-// standard stream, so its flags are not changed: a pipe or a terminal is opened a second time,
-// non-blocking. Where that is forbidden, and for other kinds of files, poll() tells that a write
-// does not block.
+// Formats the program's event lines.
+// Runs on the main thread; there is no lock.
 
 #include "Report.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <string_view>
-#include <utility>
 
 namespace orvx::announce {
 
@@ -47,24 +36,6 @@ std::string formatted(const json& value) {
     return isWord ? text.substr(1, text.size() - 2) : text;
 }
 
-/// Returns a non-blocking descriptor of the same pipe or terminal; -1 for other kinds of files.
-int reopen(int descriptor) {
-    struct stat status {};
-    if (::fstat(descriptor, &status) != 0 ||
-        (!S_ISFIFO(status.st_mode) && ::isatty(descriptor) != 1)) {
-        return -1;
-    }
-    const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
-    return ::open(name.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-}
-
-/// Writes at most PIPE_BUF bytes: poll() guarantees that a pipe has room for them.
-ssize_t writeSome(int descriptor, const std::string& bytes) {
-    const std::size_t size = std::min<std::size_t>(bytes.size(), PIPE_BUF);
-    const auto sent = ::send(descriptor, bytes.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
-    return sent < 0 && errno == ENOTSOCK ? ::write(descriptor, bytes.data(), size) : sent;
-}
-
 }  // namespace
 
 std::string timestamp(std::chrono::system_clock::time_point when) {
@@ -76,51 +47,27 @@ std::string timestamp(std::chrono::system_clock::time_point when) {
 }
 
 Report::Report(int descriptor, bool asJson)
-    : ownDescriptor_(reopen(descriptor)),
-      descriptor_(ownDescriptor_ < 0 ? descriptor : ownDescriptor_),
-      asJson_(asJson),
+    : asJson_(asJson),
       colour_(::isatty(descriptor) == 1 && environment("NO_COLOR").empty() &&
-              environment("TERM") != "dumb") {}
-
-Report::~Report() {
-    if (ownDescriptor_ >= 0) {
-        ::close(ownDescriptor_);
-    }
-}
+              environment("TERM") != "dumb"),
+      writer_(
+          descriptor,
+          [this](std::uint64_t dropped) {
+              return lineOf("lines-dropped", Severity::Error, {{"count", dropped}});
+          },
+          tools::LineWriter::Emptied::ByCaller) {}
 
 void Report::event(const std::string& name, Severity severity, const json& details) {
-    std::string line;
-    if (asJson_) {
-        json object{{"time", timestamp()}, {"event", name}};
-        object.update(details.is_null() ? json::object() : details);
-        line = inAscii(object);
-    } else {
-        line = textLine(name, severity, details);
-    }
-    line += '\n';
-    writePending();
-    if (pending_.empty()) {
-        pending_ = std::move(line);
-        const std::size_t whole = pending_.size();
-        writePending();
-        if (pending_.size() == whole) {
-            pending_.clear();
-        }
-    }
+    writer_.write(lineOf(name, severity, details));
 }
 
-void Report::writePending() {
-    pollfd polled{descriptor_, POLLOUT, 0};
-    while (!pending_.empty() && ::poll(&polled, 1, 0) == 1 && (polled.revents & POLLOUT) != 0) {
-        const ssize_t written = writeSome(descriptor_, pending_);
-        if (written > 0) {
-            pending_.erase(0, static_cast<std::size_t>(written));
-        } else if (errno != EAGAIN) {
-            pending_.clear();
-        } else {
-            return;
-        }
+std::string Report::lineOf(const std::string& name, Severity severity, const json& details) const {
+    if (!asJson_) {
+        return textLine(name, severity, details) + '\n';
     }
+    json object{{"time", timestamp()}, {"event", name}};
+    object.update(details.is_null() ? json::object() : details);
+    return inAscii(object) + '\n';
 }
 
 std::string Report::textLine(const std::string& name, Severity severity,

@@ -5,14 +5,10 @@
 #include "AuditLog.h"
 
 #include <array>
-#include <cerrno>
+#include <cstdint>
 #include <ctime>
-#include <iostream>
 #include <nlohmann/json.hpp>
-#include <system_error>
 #include <utility>
-
-#include "FileError.h"
 
 namespace orvx::registry {
 
@@ -44,40 +40,34 @@ const char* nameOf(Change change) {
     return "";
 }
 
-}  // namespace
-
-AuditLog::AuditLog(const std::string& path) : out_(path == "-" ? std::cout : file_) {
-    if (path == "-") {
-        return;
-    }
-    file_.open(path, std::ios::app);
-    if (!file_) {
-        throw FileError("audit " + path + ": " + std::generic_category().message(errno));
-    }
-}
-
-void AuditLog::write(Change change, const Entry& entry, const Caller* caller) {
-    write(json{{"what", nameOf(change)},
-               {"path", entry.path},
-               {"uuid", entry.uuid},
-               {"address", entry.address}},
-          caller);
-}
-
-void AuditLog::write(std::string_view what, const Caller* caller) {
-    write(json{{"what", what}}, caller);
-}
-
-void AuditLog::write(json line, const Caller* caller) {
+std::string lineOf(json line, const Caller* caller) {
     line["time"] = now();
     line["who"] = caller != nullptr && !caller->name.empty() ? json(caller->name) : json();
     line["from"] = caller != nullptr ? json(caller->address) : json();
-    out_.clear();
-    out_ << line.dump(-1, ' ', true, json::error_handler_t::replace) << std::endl;
-    if (!out_ && !hasFailed_) {
-        std::cerr << "orvx-registry: the audit log cannot be written" << std::endl;
-    }
-    hasFailed_ = !out_;
+    return line.dump(-1, ' ', true, json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace
+
+AuditLog::AuditLog(const std::string& path)
+    : output_("audit log", path, [](std::uint64_t dropped) {
+          return lineOf(json{{"what", "lines dropped"}, {"count", dropped}}, nullptr);
+      }) {}
+
+bool AuditLog::write(Change change, const Entry& entry, const Caller* caller) {
+    return write(json{{"what", nameOf(change)},
+                      {"path", entry.path},
+                      {"uuid", entry.uuid},
+                      {"address", entry.address}},
+                 caller);
+}
+
+bool AuditLog::write(std::string_view what, const Caller* caller) {
+    return write(json{{"what", what}}, caller);
+}
+
+bool AuditLog::write(json line, const Caller* caller) {
+    return output_.write(lineOf(std::move(line), caller));
 }
 
 }  // namespace orvx::registry

@@ -257,9 +257,12 @@ void Connection::record(const Request& request, const std::optional<Response>& r
                " HTTP/" + std::to_string(request.version() / 10) + '.' +
                std::to_string(request.version() % 10);
     }
-    shared_.log->write(caller_.address.empty() ? peer_.address.to_string() : caller_.address,
-                       caller_.name, line, response ? response->result_int() : 0,
-                       response && isWhole ? response->body().size() : 0, remark);
+    const std::string address =
+        caller_.address.empty() ? peer_.address.to_string() : caller_.address;
+    if (!shared_.log->write(address, caller_.name, line, response ? response->result_int() : 0,
+                            response && isWhole ? response->body().size() : 0, remark)) {
+        shared_.dispatcher.counts().countLostLine(LostIn::Requests);
+    }
 }
 
 void Connection::refuse(Error error) {

@@ -44,7 +44,7 @@ Dispatcher::Dispatcher(StoreOptions store, const DispatcherOptions& options)
           if (!options.audit.empty()) {
               audit_.emplace(options.audit);
               store.listener = [this](Change change, const Entry& entry) {
-                  audit_->write(change, entry, nullptr);
+                  audit(change, entry, nullptr);
               };
           }
           return std::move(store);
@@ -53,8 +53,14 @@ Dispatcher::Dispatcher(StoreOptions store, const DispatcherOptions& options)
       admin_(options.admin) {}
 
 void Dispatcher::audit(std::string_view what, const Caller* caller) {
-    if (audit_) {
-        audit_->write(what, caller);
+    if (audit_ && !audit_->write(what, caller)) {
+        metrics_.countLostLine(LostIn::Audit);
+    }
+}
+
+void Dispatcher::audit(Change change, const Entry& entry, const Caller* caller) {
+    if (audit_ && !audit_->write(change, entry, caller)) {
+        metrics_.countLostLine(LostIn::Audit);
     }
 }
 
@@ -141,8 +147,8 @@ void Dispatcher::askForEntries(const Request& request, const Caller& caller, Han
     }
     answer(*backend_, request, caller,
            [this, caller, delay = effect.delay, done = std::move(done)](Answer answer) {
-               if (audit_ && answer.change) {
-                   audit_->write(answer.change->first, answer.change->second, &caller);
+               if (answer.change) {
+                   audit(answer.change->first, answer.change->second, &caller);
                }
                done({std::move(answer.response),
                      delay,

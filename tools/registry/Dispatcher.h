@@ -87,11 +87,13 @@ class Dispatcher {
     Reaction targetGroups(const Request& request);
     Response control(const Request& request, const Caller& caller);
     void forgetWhatIsDue();
+    /// A change that took place, in the audit log. `caller`: null for the registry itself.
+    void audit(Change change, const Entry& entry, const Caller* caller);
 
     std::optional<AuditLog> audit_;
-    EntryStore store_;
-    Faults faults_;
     Metrics metrics_;
+    EntryStore store_;  // tells the two above of what expires
+    Faults faults_;
     RecentPieces pieces_{};
     Guard guard_;
     const bool admin_;

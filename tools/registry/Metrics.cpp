@@ -9,6 +9,7 @@
 #include <boost/beast/http/status.hpp>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace orvx::registry {
 
@@ -75,6 +76,13 @@ std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
     constexpr const char* kReasons[] = {"handshake", "timeout", "connections", "rate"};
     for (std::size_t i = 0; i < drops_.size(); ++i) {
         text << "orvx_registry_drops_total{reason=\"" << kReasons[i] << "\"} " << drops_[i] << '\n';
+    }
+    writeHeader(text, "orvx_registry_lost_log_lines_total", "counter",
+                "Lines of a log that could not be written, or that nobody read in time.");
+    const std::pair<const char*, std::uint64_t> lost[] = {{"requests", lostLines_[0]},
+                                                          {"audit", lostLines_[1]}};
+    for (const auto& [log, lines] : lost) {
+        text << "orvx_registry_lost_log_lines_total{log=\"" << log << "\"} " << lines << '\n';
     }
     return text.str();
 }

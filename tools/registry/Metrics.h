@@ -17,6 +17,9 @@ namespace orvx::registry {
 /// slowly; another connection needed its place; its address had made too many requests.
 enum class Drop { Handshake, Timeout, Connections, Rate };
 
+/// A log whose lost lines are counted.
+enum class LostIn { Requests, Audit };
+
 /// What the registry counts, for Prometheus.
 ///
 /// Thread-safety: none; one thread at a time.
@@ -31,6 +34,8 @@ class Metrics {
     void removeWatcher() { --watchers_; }
     /// Counts a connection that was ended without an answer.
     void countDrop(Drop reason) { ++drops_[static_cast<std::size_t>(reason)]; }
+    /// A line of a log that could not be written, or that nobody read in time.
+    void countLostLine(LostIn log) { ++lostLines_[static_cast<std::size_t>(log)]; }
     /// A put of a living service with another host or port.
     void countMove() { ++moves_; }
 
@@ -46,7 +51,8 @@ class Metrics {
     double secondsOfRequests_ = 0;
     std::size_t watchers_ = 0;
     std::uint64_t moves_ = 0;
-    std::array<std::uint64_t, 4> drops_{};  // by Drop
+    std::array<std::uint64_t, 4> drops_{};      // by Drop
+    std::array<std::uint64_t, 2> lostLines_{};  // by LostIn
 };
 
 }  // namespace orvx::registry

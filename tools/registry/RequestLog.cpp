@@ -5,12 +5,9 @@
 #include "RequestLog.h"
 
 #include <array>
-#include <cerrno>
 #include <ctime>
-#include <iostream>
-#include <system_error>
 
-#include "FileError.h"
+#include "LineStream.h"
 
 namespace orvx::registry {
 
@@ -51,17 +48,9 @@ std::string oneWord(std::string_view text) {
 
 }  // namespace
 
-RequestLog::RequestLog(const std::string& path) : out_(path == "-" ? std::cout : file_) {
-    if (path == "-") {
-        return;
-    }
-    file_.open(path, std::ios::app);
-    if (!file_) {
-        throw FileError("log " + path + ": " + std::generic_category().message(errno));
-    }
-}
+RequestLog::RequestLog(const std::string& path) : output_("log", path, dropLine) {}
 
-void RequestLog::write(std::string_view address, std::string_view user, std::string_view request,
+bool RequestLog::write(std::string_view address, std::string_view user, std::string_view request,
                        unsigned status, std::size_t size, std::string_view remark) {
     std::string line(address);
     line += " - " + (user.empty() ? "-" : oneWord(user)) + " [" + now() + "] \"" +
@@ -69,12 +58,7 @@ void RequestLog::write(std::string_view address, std::string_view user, std::str
     line += status == 0 ? "-" : std::to_string(status);
     line += size == 0 ? " -" : ' ' + std::to_string(size);
     line += remark.empty() ? "\n" : " \"" + escaped(remark.substr(0, kLongestRemark)) + "\"\n";
-    out_.clear();
-    out_ << line << std::flush;
-    if (!out_ && !hasFailed_) {
-        std::cerr << "orvx-registry: the log cannot be written" << std::endl;
-    }
-    hasFailed_ = !out_;
+    return output_.write(line);
 }
 
 }  // namespace orvx::registry

@@ -5,6 +5,8 @@
 // the service manager.
 // There is no lock.
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <boost/system/system_error.hpp>
@@ -22,12 +24,14 @@
 #include "Commands.h"
 #include "EtcdClient.h"
 #include "FileError.h"
+#include "LineStream.h"
 #include "RegistryServer.h"
 #include "ServiceManager.h"
 
 namespace {
 
 using orvx::registry::FileError;
+using orvx::registry::LineStream;
 using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
 using orvx::tools::ServiceManager;
@@ -74,6 +78,9 @@ void serve(const RegistryOptions& options) {
     }
     const ServiceManager manager;
     const sigset_t signals = prepareSignals(options, manager.isThere());
+    // They outlive the server, and its thread stops for no reader.
+    const LineStream errors(std::cerr, STDERR_FILENO, LineStream::Loss::IsIgnored);
+    const LineStream output(std::cout, STDOUT_FILENO, LineStream::Loss::IsFailure);
     RegistryServer server(options);
     std::cout << "orvx-registry listening on " << server.url() << std::endl;
     if (!options.etcd.empty()) {
@@ -103,8 +110,8 @@ void serve(const RegistryOptions& options) {
     server.stop();
     if (!options.etcd.empty() &&
         ended.get_future().wait_for(kLongestEnd) == std::future_status::timeout) {
-        // Only a lookup of a name is under way, which nothing can interrupt.
-        std::cout.flush();
+        // Only a lookup of a name is under way, which nothing can interrupt. Readers of the logs
+        // had as long to take their lines.
         std::_Exit(0);
     }
     thread.join();
