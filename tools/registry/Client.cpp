@@ -68,7 +68,7 @@ Client::Client(const ClientOptions& options) {
         tls_ = makeClientTlsContext({options.own.certificate, options.own.key, options.authority});
     }
     if (!options.tokenFile.empty()) {
-        std::string token = contentOf("token", options.tokenFile);
+        std::string token = contentOf("token", options.tokenFile, FileKind::Any);
         token.erase(token.find_last_not_of(" \t\r\n") + 1);
         if (token.find_first_of("\r\n") != std::string::npos) {
             throw FileError("token " + options.tokenFile + ": it has more than one line");

@@ -10,7 +10,11 @@ class FileError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// Regular: nothing that could make the reader wait, such as a FIFO or a terminal.
+enum class FileKind { Regular, Any };
+
 /// All of a file. Throws a FileError that begins with what the file is for.
-std::string contentOf(const char* purpose, const std::string& path);
+std::string contentOf(const char* purpose, const std::string& path,
+                      FileKind kind = FileKind::Regular);
 
 }  // namespace orvx::registry
