@@ -4,7 +4,9 @@
 // There is no lock.
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <boost/beast/http/status.hpp>
 #include <chrono>
@@ -149,9 +151,11 @@ TEST_F(AGuardedRegistry, KeepsAConnectionAfterARefusedRequestWithoutABody) {
 }
 
 // Before, a client without a token kept its connections this way and ended those of other clients.
-TEST_F(AGuardedRegistry, EndsAConnectionThatWasOnlyRefusedBeforeOneThatWasServed) {
+TEST_F(AGuardedRegistry, EndsAConnectionThatShowedNoValidTokenBeforeOneThatWasServed) {
     RegistryProcess registry({"--port", "0", "--tokens", tokens_, "--max-connections", "2"});
-    for (const std::string& refused : {makeRequest("GET", "/"), requestAs("admin", "GET", "/")}) {
+    for (const std::string& refused :
+         {makeRequest("GET", "/"), requestAs("admin", "GET", "/"), makeRequest("GET", "/-/health"),
+          makeRequest("GET", "/-/ready")}) {
         RawConnection hostile(registry.port());
         hostile.ask(refused);
         RawConnection honest(registry.port());
@@ -233,6 +237,29 @@ TEST_F(AGuardedRegistry, ClosesAConnectionWhoseAnswerWasSentWhileItReadItsFilesA
     program.awaitOutput("orvx-registry has read its files again\n");
     reader.readUntil("]}\r\n0\r\n\r\n");
     EXPECT_TRUE(reader.isClosedByPeer());
+}
+
+TEST_F(AGuardedRegistry, RefusesAFileThatIsNotARegularOne) {
+    const std::string fifo = folder_ / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& file : {fifo, std::string("/dev/null"), std::string("/dev/stdin"),
+                                    std::string("/proc/self/fd/0"), folder_ / "."}) {
+        for (const char* option : {"--tokens", "--tls-cert", "--script"}) {
+            const auto result = run({option, file});
+            EXPECT_TRUE(exitedWith(result, 125)) << option << ' ' << file;
+            EXPECT_THAT(result.errors, HasSubstr(' ' + file + ": it is not a regular file\n"));
+        }
+    }
+}
+
+TEST_F(AGuardedRegistry, ChangesNothingWhenAFileIsAFifoOnSighup) {
+    RegistryProcess program({"--port", "0", "--tokens", tokens_});
+    RawConnection connection(program.port());
+    ASSERT_EQ(::unlink(tokens_.c_str()), 0);
+    ASSERT_EQ(::mkfifo(tokens_.c_str(), 0600), 0);
+    program.signal(SIGHUP);
+    program.awaitErrors("tokens: it is not a regular file; nothing is taken over\n");
+    EXPECT_EQ(connection.ask(requestAs("lamps", "GET", "/")).result(), http::status::ok);
 }
 
 TEST_F(AGuardedRegistry, ChangesNothingWhenAFileIsWrongOnSighup) {

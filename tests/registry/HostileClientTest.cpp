@@ -28,6 +28,7 @@ namespace {
 namespace http = boost::beast::http;
 using nlohmann::json;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
 
 /// Checks that a new connection is served. The registry has ended it when this returns.
@@ -62,12 +63,31 @@ TEST(AHostileClient, IsDroppedWhenItsRequestTricklesInWithoutAnEnd) {
     for (const char* start :
          {"", "PUT /", "PUT /a HTTP/1.1\r\nX: ", "PUT /a HTTP/1.1\r\nContent-Length: 99999\r\n\r\n",
           "PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nFFFF\r\n",
+          "PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n1;",
           "PUT /a HTTP/1.1\r\nContent-Length: 99999\r\nExpect: 100-continue\r\n\r\n"}) {
         RawConnection connection = registry.connect();
         connection.send(start);
         EXPECT_TRUE(isDroppedWhileSending(connection, "x", 10ms)) << start;
         expectServed(registry.port());
     }
+}
+
+// The timer of a socket that always has something to read does not end it.
+TEST(AHostileClient, IsDroppedWhenItsChunkExtensionsFollowEachOtherWithoutAnEnd) {
+    RegistryOptions options;
+    options.requestTimeout = 200ms;
+    options.maxBody = 1'000'000'000;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    connection.send("PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n");
+    std::string chunks;
+    for (int i = 0; i < 10; ++i) {
+        chunks += "1;" + std::string(8'000, 'x') + "\r\n \r\n";
+    }
+    EXPECT_TRUE(isDroppedWhileSending(connection, chunks, 0ms));
+    EXPECT_THAT(registry.connect().ask(makeRequest("GET", "/-/metrics")).body(),
+                HasSubstr("drops_total{reason=\"timeout\"} 1\n"));
+    expectServed(registry.port());
 }
 
 TEST(AHostileClient, IsDroppedWhenItKeepsSendingAfterItWasRefused) {

@@ -41,8 +41,6 @@ constexpr std::string_view kRetry = "retry: 1000\n\n";
 constexpr std::chrono::milliseconds kBetweenNews{50};
 constexpr std::chrono::seconds kLongestSleep{1};
 
-/// A connection with nothing but refusals keeps its place: otherwise a client without a token could
-/// end the idle connections of the others.
 bool isRefusal(http::status status) {
     return status == http::status::bad_request || status == http::status::unauthorized ||
            status == http::status::forbidden || status == http::status::too_many_requests ||
@@ -136,6 +134,7 @@ void Connection::onHandshake(Error error) {
 
 void Connection::awaitRequest() {
     response_ = {};
+    isForEverybody_ = false;
     parser_.emplace();
     parser_->header_limit(kMaxHeader);
     parser_->body_limit(shared_.options.maxBody);
@@ -158,7 +157,8 @@ void Connection::onFirstBytes(Error error, std::size_t size) {
 }
 
 void Connection::readHeader() {
-    stream_.tcp().expires_after(shared_.options.requestTimeout);  // for the body too
+    deadline_ = std::chrono::steady_clock::now() + shared_.options.requestTimeout;
+    stream_.tcp().expires_at(deadline_);
     http::async_read_header(stream_, buffer_, *parser_,
                             beast::bind_front_handler(&Connection::onHeader, shared_from_this()));
 }
@@ -168,6 +168,7 @@ void Connection::onHeader(Error error, std::size_t) {
         return refuse(error);
     }
     const auto& header = parser_->get();
+    isForEverybody_ = isForEverybody(header);
     if (auto refusal = shared_.dispatcher.refuse(header, peer_, caller_ = {})) {
         return refuse(std::move(*refusal));
     }
@@ -181,12 +182,25 @@ void Connection::onHeader(Error error, std::size_t) {
 
 void Connection::readBody(Error error, std::size_t) {
     if (!error) {
-        http::async_read(stream_, buffer_, *parser_,
-                         beast::bind_front_handler(&Connection::onRequest, shared_from_this()));
+        parser_->eager(true);
+        onPart({}, 0);
     }
 }
 
-void Connection::onRequest(Error error, std::size_t) {
+// The body's length does not bound what is around its chunks, and the stream's time-out alone is
+// for a client that is silent: it never comes between reads that succeed.
+void Connection::onPart(Error error, std::size_t) {
+    if (error || parser_->is_done()) {
+        return onRequest(error);
+    }
+    if (std::chrono::steady_clock::now() >= deadline_) {
+        return shared_.dispatcher.counts().countDrop(Drop::Timeout);
+    }
+    http::async_read_some(stream_, buffer_, *parser_,
+                          beast::bind_front_handler(&Connection::onPart, shared_from_this()));
+}
+
+void Connection::onRequest(Error error) {
     if (error) {
         return refuse(error);
     }
@@ -305,7 +319,10 @@ void Connection::onAnswered(Error error, std::size_t) {
     if (hasFailed(error)) {
         return;
     }
-    if (auto& connections = shared_.connections; !isRefusal(response_.result())) {
+    // With nothing else a connection keeps its place: otherwise a client without a token could end
+    // the idle connections of the others.
+    if (auto& connections = shared_.connections;
+        !isForEverybody_ && !isRefusal(response_.result())) {
         connections.splice(connections.end(), connections, position_);
     }
     if (response_.keep_alive() && generation_ == shared_.generation) {

@@ -84,7 +84,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void readHeader();
     void onHeader(Error error, std::size_t);
     void readBody(Error error, std::size_t);
-    void onRequest(Error error, std::size_t);
+    void onPart(Error error, std::size_t);
+    void onRequest(Error error);
     void onReaction(Reaction reaction);
     void refuse(Error error);
     void refuse(Response response);
@@ -110,7 +111,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::list<Connection*>::iterator position_;
     Stream stream_;
     Peer peer_;
-    Caller caller_;  // of the request
+    Caller caller_;                // of the request
+    bool isForEverybody_ = false;  // the request
     const std::uint64_t generation_;
     bool isIdle_ = false;
     boost::beast::flat_buffer buffer_;
@@ -120,6 +122,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::optional<Watch> watch_;
     RecentPieces::Piece piece_;  // the piece that is being sent
     boost::asio::steady_timer delay_;
+    std::chrono::steady_clock::time_point deadline_;  // of the request
     std::chrono::steady_clock::time_point farewell_;
 };
 

@@ -87,14 +87,13 @@ bool isOwnResource(std::string_view target) {
            target.substr(0, 3) == "/-/";
 }
 
-/// What asks whether the registry serves has no token, and learns nothing else.
+}  // namespace
+
 bool isForEverybody(const Request& header) {
     const auto target = header.target();
     return (target == "/-/health" || target == "/-/ready") &&
            (header.method() == http::verb::get || header.method() == http::verb::head);
 }
-
-}  // namespace
 
 std::shared_ptr<const Token> Guard::authenticate(const Request& header) const {
     const auto values = header.equal_range(http::field::authorization);

@@ -11,6 +11,9 @@
 
 namespace orvx::registry {
 
+/// Whether it asks if the registry serves. That needs no token, and the answer tells nothing else.
+bool isForEverybody(const Request& header);
+
 /// Decides whether a request may be carried out, by its header alone. Without tokens every request
 /// may. Whether a token may check or withdraw one entry depends on the path of that entry, so
 /// answer() decides that.
