@@ -206,6 +206,30 @@ TEST_F(AReplica, ListsAgainOnlyAfterSeveralWatchesWithoutAnEvent) {
     await([&] { return replica.has("/1"); });
 }
 
+TEST_F(AReplica, ContinuesItsWatchHoweverOftenItEndsIfEachHasBroughtSomething) {
+    Replica replica(members(1));
+    replica.awaitReady();
+    for (int number = 1; number <= 6; ++number) {
+        put(number);
+        await([&] { return replica.has('/' + std::to_string(number)); });
+        const std::size_t watches = count("watch");
+        etcd_.endWatches();
+        etcd_.awaitRequests("watch", watches + 1);
+    }
+    EXPECT_EQ(count("kv/range"), 1U);
+}
+
+TEST_F(AReplica, TakesNoListOfSomethingElseThanEtcd) {
+    put(1);
+    etcd_.setScript("kv/range",
+                    [](const json&, const Step&) { return FakeEtcd::Answer{json::object()}; });
+    Replica replica(members(1));
+    await([&] { return count("kv/range") > 1 || replica.statusOf("GET", "/") == 200; });
+    EXPECT_EQ(replica.statusOf("GET", "/"), 503U);
+    etcd_.setScript("kv/range", {});
+    EXPECT_THAT(replica.awaitReady().paths(), ElementsAre("/1"));
+}
+
 TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredFromABackup) {
     put(1, R"({"a":1})");
     Replica replica(members(1));
@@ -445,6 +469,49 @@ TEST_F(AReplica, ContinuesWithEtcdAfterARestoreAsAnotherCluster) {
 
 // ---- Changes
 
+TEST_F(AReplica, PutsNothingBeforeItKnowsTheEntries) {
+    etcd_.setScript("kv/range", [](const json&, const Step&) { return FakeEtcd::unavailable(); });
+    const Replica replica(members(1));
+    const auto answer = replica.ask("PUT", "/lamp", "{}");
+    EXPECT_EQ(answer.result(), http::status::service_unavailable);
+    EXPECT_EQ(answer[http::field::retry_after], "1");
+    EXPECT_EQ(count("kv/txn"), 0U);
+}
+
+TEST_F(AReplica, KeepsALimitForAPutThatCameBeforeItKnewTheEntries) {
+    put(1);
+    std::promise<void> mayAnswer;
+    etcd_.setScript("kv/range",
+                    [released = mayAnswer.get_future().share()](const json&, const Step& carryOut) {
+                        released.wait();
+                        return carryOut();
+                    });
+    RegistryProcess program({"--port", "0", "--etcd", etcd_.url(), "--max-entries", "1"});
+    RawConnection early(program.port());
+    early.send(makeRequest("PUT", "/lamp", "{}"));
+    RawConnection later(program.port());
+    for (int i = 0; i < 3; ++i) {  // then the request before has been read
+        EXPECT_EQ(later.ask(makeRequest("GET", "/-/health")).result(), http::status::ok);
+    }
+    mayAnswer.set_value();
+    EXPECT_EQ(early.receive().result(), http::status::service_unavailable);
+    EXPECT_EQ(early.ask(makeRequest("PUT", "/lamp", "{}")).result(),
+              http::status::insufficient_storage);
+}
+
+TEST_F(AReplica, RefusesAServiceThatIsTooLongForEtcdAsItIsWritten) {
+    Replica replica(members(1));
+    replica.awaitReady();
+    std::string numbers = "1e9";  // is written as 1000000000.0
+    for (int i = 0; i < 200'000; ++i) {
+        numbers += ",1e9";
+    }
+    const auto answer = replica.ask("PUT", "/lamp", R"({"a":[)" + numbers + "]}");
+    EXPECT_EQ(answer.result(), http::status::bad_request);
+    EXPECT_THAT(answer.body(), HasSubstr("longer than 1 MiB"));
+    EXPECT_EQ(count("kv/txn"), 0U);
+}
+
 TEST_F(AReplica, AnswersThatItIsUnavailableWhenEtcdDoesNotAnswerAPut) {
     Replica replica(members(1));
     replica.awaitReady();
@@ -539,6 +606,19 @@ TEST_F(AReplica, UsesOneLeaseForManyRemovalsAndANewOneAfterEtcdHasLostIt) {
     EXPECT_EQ(replica.statusOf("DELETE", targetOf(3)), 503U);
     EXPECT_EQ(replica.statusOf("DELETE", targetOf(3)), 200U);
     EXPECT_EQ(count("lease/grant"), 2U);
+}
+
+TEST_F(AReplica, KeepsItsLeaseWhenARemovalFailsForAnotherReason) {
+    put(1);
+    put(2);
+    Replica replica(members(1));
+    replica.awaitReady();
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(1)), 200U);
+    etcd_.setScript("kv/txn", [](const json&, const Step&) { return FakeEtcd::unavailable(); });
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(2)), 503U);
+    etcd_.setScript("kv/txn", {});
+    EXPECT_EQ(replica.statusOf("DELETE", targetOf(2)), 200U);
+    EXPECT_EQ(count("lease/grant"), 1U);
 }
 
 TEST_F(AReplica, AnswersWhenTheCopyHasTheChangeOrAfterASecond) {
