@@ -226,6 +226,24 @@ TEST_F(TheTool, AppendsItsLogToAFile) {
     expectRefusedAtStart({"--log", folder_ / "none/log"}, "No such file or directory");
 }
 
+TEST_F(TheTool, CountsTheLinesThatAFullDiskDoesNotTake) {
+    const std::string audit = folder_ / "audit";
+    RegistryProcess program({"--port", "0", "--audit", audit});
+    RawConnection connection(program.port());
+    const rlimit noGrowth{0, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &noGrowth, nullptr), 0);
+    for (const char* path : {"/a", "/b"}) {
+        EXPECT_EQ(connection.ask(makeRequest("PUT", path, "{}")).result(), http::status::created);
+    }
+    program.awaitErrors("orvx-registry: the audit log cannot be written\n");
+    const rlimit growth{RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &growth, nullptr), 0);
+    connection.ask(makeRequest("PUT", "/c", "{}"));
+    EXPECT_EQ(json::parse(contentOf(audit)).at("path"), "/c");
+    EXPECT_THAT(connection.ask(makeRequest("GET", "/-/metrics")).body(),
+                HasSubstr("orvx_registry_lost_log_lines_total{log=\"audit\"} 2\n"));
+}
+
 TEST_F(TheTool, HasItsEntriesAgainAfterItWasKilledAmongThousandsOfRequests) {
     const std::string store = folder_ / "store";
     std::vector<std::string> answered;

@@ -45,6 +45,7 @@ bool LogOutput::write(const std::string& line) {
     if (file_) {
         isWritten = file_->write(line);
     } else {
+        std::cout.clear();  // a line of somebody else may have been lost
         isWritten = static_cast<bool>(std::cout << line << std::flush);
         std::cout.clear();
     }
