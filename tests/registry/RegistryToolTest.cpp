@@ -20,12 +20,14 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -314,10 +316,14 @@ TEST_F(TheTool, AnswersAndTakesChecksWhileItsStoreCannotBeWrittenAndAnEntryIsDue
 }
 
 TEST_F(TheTool, GoesOnWhenTheReaderOfItsLogHasEnded) {
-    ChildProcess program("/bin/sh", {"-c", "exec \"$@\" --log | (read -r line; echo \"$line\" >&2)",
-                                     "sh", RegistryProcess::path(), "--port", "0"});
-    const std::string line = program.awaitErrors("\n");
+    const std::string fifo = folder_ / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::optional<OpenFile> reader(std::in_place, fifo, O_RDONLY | O_NONBLOCK);
+    ChildProcess program(
+        "/bin/sh", {"-c", "exec \"$0\" --port 0 --log >\"$1\"", RegistryProcess::path(), fifo});
+    const std::string line = reader->readUntil("\n");
     const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+    reader.reset();
     RawConnection connection(port);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
