@@ -14,9 +14,9 @@ namespace orvx::registry {
 /// Whether it asks if the registry serves. That needs no token, and the answer tells nothing else.
 bool isForEverybody(const Request& header);
 
-/// Decides whether a request may be carried out, by its header alone. Without tokens every request
-/// may. Whether a token may check or withdraw one entry depends on the path of that entry, so
-/// answer() decides that.
+/// Decides whether a request may be carried out, by its header alone. Without tokens only the limit
+/// of the rate refuses a request. Whether a token may check or withdraw one entry depends on the
+/// path of that entry, so answer() decides that.
 ///
 /// Thread-safety: none; one thread at a time.
 class Guard {
