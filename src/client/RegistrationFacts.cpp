@@ -59,37 +59,46 @@ std::shared_ptr<const RegistrationFacts::Failure> RegistrationFacts::failureOf(
     return std::make_shared<const Failure>(Failure{now, status, httpStatus, std::move(text)});
 }
 
+// The event is queued before the facts change: if there is no memory for it, nothing has changed,
+// and the repeated step reports it.
+
 void OrvServiceRegistryClient::Upkeep::succeedLocked(std::uint64_t id,
                                                      const RequestContainer& request,
                                                      RegistrationFacts& facts) {
-    facts.attempts = 0;
-    if (std::exchange(facts.failing, false)) {
-        if (facts.state == State::Unreachable) {
-            facts.enter(State::Announced, now());
+    RegistrationFacts next = facts;
+    next.attempts = 0;
+    if (std::exchange(next.failing, false)) {
+        if (next.state == State::Unreachable) {
+            next.enter(State::Announced, now());
         }
-        reportLocked(id, request, facts, Kind::Reachable);
+        reportLocked(id, request, next, Kind::Reachable);
     }
+    facts = std::move(next);
 }
 
 void OrvServiceRegistryClient::Upkeep::failLocked(
     std::uint64_t id, const RequestContainer& request, RegistrationFacts& facts,
     std::shared_ptr<const RegistrationFacts::Failure> failure) {
-    facts.failure = std::move(failure);
-    if (facts.state == State::Announced) {
-        facts.enter(State::Unreachable, now());
+    RegistrationFacts next = facts;
+    next.failure = std::move(failure);
+    if (next.state == State::Announced) {
+        next.enter(State::Unreachable, now());
     }
-    if (!std::exchange(facts.failing, true)) {
-        reportLocked(id, request, facts, Kind::Unreachable);
+    if (!std::exchange(next.failing, true)) {
+        reportLocked(id, request, next, Kind::Unreachable);
     }
+    facts = std::move(next);
 }
 
 void OrvServiceRegistryClient::Upkeep::enterLocked(std::uint64_t id,
                                                    const RequestContainer& request,
                                                    RegistrationFacts& facts, State state,
                                                    Kind event) {
-    if (facts.enter(state, now())) {
-        reportLocked(id, request, facts, event);
+    RegistrationFacts next = facts;
+    if (next.enter(state, now())) {
+        reportLocked(id, request, next, event);
     }
+    facts = std::move(next);
 }
 
 void OrvServiceRegistryClient::Upkeep::reportLocked(std::uint64_t id,

@@ -14,7 +14,9 @@
 #include <atomic>
 #include <chrono>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -78,6 +80,26 @@ IOrvServiceRegistryClient::UnregisterHandle announce(OrvServiceRegistryContext& 
         common::ServiceInfo("registry", "127.0.0.1", port), service("a service with a long name"),
         record(told));
 }
+/// The events of registrations by kind.
+class Events {
+  public:
+    void listenTo(OrvServiceRegistryContext& context) {
+        context.setRegistrationListener([this](const RegistrationEvent& event) {
+            const Memory::Exempt exempt;
+            const std::lock_guard lock(mutex_);
+            ++counts_[registrationEventToString(event.kind)];
+        });
+    }
+    int operator[](const std::string& kind) {
+        const std::lock_guard lock(mutex_);
+        return counts_[kind];
+    }
+
+  private:
+    std::mutex mutex_;
+    std::map<std::string, int> counts_;
+};
+
 /// The limit for operations that may fail, but not for ever.
 constexpr int kRounds = 10;
 
@@ -94,11 +116,14 @@ auto call(const Call& callOnce) {
 }
 
 /// Runs a service from its registration to its withdrawal while these allocations fail. Returns the
-/// number of allocations. Each operation must be answered once, and must succeed in the end.
+/// number of allocations. Each operation must be answered once, and must succeed in the end. Each
+/// event must be reported once.
 std::size_t live(std::size_t successes, std::size_t failures) {
     ForgetfulRegistry registry;
     Recorder told;
+    Events events;
     OrvServiceRegistryContext context;
+    events.listenTo(context);
     context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
     context.enableRetryOnHttpStatus(true);
     context.setRetryInterval(1ms);
@@ -123,6 +148,9 @@ std::size_t live(std::size_t successes, std::size_t failures) {
     }
     EXPECT_EQ(withdrawn, "OK/NONE");
     const std::size_t failed = Memory::recover();
+    EXPECT_EQ(events["announced"], events["lost"] + 1);
+    EXPECT_EQ(events["withdrawn"], 1);
+    EXPECT_EQ(events["unreachable"], events["reachable"] + 1) << "the first DELETE is refused";
 
     call([&] { return announce(context, registry.server.port(), told); });
     EXPECT_EQ(told.next(), "OK/NONE") << "afterwards";
