@@ -122,9 +122,9 @@ void OrvServiceRegistryClient::ResilientUpkeep::recordReachabilityLocked(
     }
 }
 
-/// Makes every entry due within a time that grows with the number of entries. If this happens again
-/// within an interval, the pause grows each time: the registry stores nothing, or it answers before
-/// it has loaded its entries.
+/// Makes every entry due once, at a random moment within a time that grows with the number of
+/// entries. If this happens again within an interval, the pause grows each time: the registry
+/// stores nothing, or it answers before it has loaded its entries.
 void OrvServiceRegistryClient::ResilientUpkeep::checkAllLocked(Endpoint& endpoint,
                                                                const Entry* except) {
     const Milliseconds time = now();
@@ -138,7 +138,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::checkAllLocked(Endpoint& endpoin
                                      : std::clamp(2 * endpoint.checkAllPause, kShortestSpread,
                                                   std::max(kShortestSpread, checkInterval()));
     endpoint.checkAllUntil = time + spread + endpoint.checkAllPause;
-    const auto look = [&](Entry& entry) {
+    const auto makeDue = [&](Entry& entry) {
         lockIsHeld();
         if (entry.outstanding == Request::Head) {
             entry.mustRecheck = true;
@@ -147,11 +147,16 @@ void OrvServiceRegistryClient::ResilientUpkeep::checkAllLocked(Endpoint& endpoin
             planLocked(entry, std::min(entry.due->first, soon));
         }
     };
-    for (const auto& [path, entry] : endpoint.byPath) {
-        look(*entry);
-    }
     for (const auto& entry : endpoint.byUuid) {
-        look(*entry);
+        makeDue(*entry);
+    }
+    for (auto path = endpoint.byPath.begin(); path != endpoint.byPath.end(); ++path) {
+        const auto& entry = path->second;
+        const auto withUuid = endpoint.byUuid.find(entry->uuid);
+        const bool isDueAlready = withUuid != endpoint.byUuid.end() && *withUuid == entry;
+        if (entry->path == path && !isDueAlready) {
+            makeDue(*entry);
+        }
     }
 }
 
@@ -164,11 +169,14 @@ std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::checkInterv
     return std::clamp(client_.checkDelay(), kShortestPause, RegistrationFacts::kLongest);
 }
 
-/// A random duration, uniformly distributed from zero to `duration`.
+/// A random duration from zero to `duration`, uniformly distributed. Below 10 ms, the minimum of a
+/// back-off, it is not.
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::randomPartOf(
     Milliseconds duration) {
     const auto twice = static_cast<std::uint64_t>(2 * duration.count());
-    return communication::QunaConnectionBackoffSequence(0, twice).nextDelay() - duration;
+    const Milliseconds delay =
+        communication::QunaConnectionBackoffSequence(0, twice).nextDelay() - duration;
+    return std::min(delay, duration);
 }
 
 }  // namespace orvx::serviceregistryclient

@@ -46,7 +46,8 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     /// The minimum time for checking all entries, so that many clients with few services do not
     /// send at the same moment.
     static constexpr Milliseconds kShortestSpread{1000};
-    /// The minimum time between two requests of one entry, whatever the options are.
+    /// The minimum of the check interval, the head time-out and the back-off, whatever the options
+    /// are.
     static constexpr Milliseconds kShortestPause{1};
 
     explicit ResilientUpkeep(OrvServiceRegistryClient& client);

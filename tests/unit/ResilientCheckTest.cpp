@@ -8,7 +8,9 @@ namespace {
 
 using communication::CommunicationStatus;
 using communication::HttpResponse;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::Ge;
 using ::testing::IsEmpty;
 using ::testing::Le;
 using ::testing::MatchesRegex;
@@ -102,6 +104,22 @@ TEST_F(AnIndependentCheck, DoesNotEndWithTheTimeOutOfAnother) {
         }
     }
     EXPECT_GE(answered, 9);
+}
+
+// 1,000 entries are checked within two seconds, so a quarter of them in half a second. The bounds
+// are six standard deviations away.
+TEST_F(AnIndependentCheck, OfEachEntryIsMadeAtAnEvenPaceWhenOneFindsALoss) {
+    start();
+    for (int i = 0; i < 1000; ++i) {
+        registered(std::to_string(i), "uuid-" + std::to_string(i));
+    }
+    checkIsAnswered(404);
+    next("PUT");
+    int checks = 0;
+    for (const Milliseconds end = world.now() + Milliseconds(500); world.now() < end; ++checks) {
+        waitFor("HEAD");
+    }
+    EXPECT_THAT(checks, AllOf(Ge(168), Le(332)));
 }
 
 TEST_F(AnIndependentCheck, FindsALossAndAnnouncesAgainAtOnce) {
