@@ -103,6 +103,26 @@ TEST_F(AProcessOutOfThreads, GetsAnExceptionWhenTheRequestsHaveNoneAndLaterAClie
     EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(0); }), 0);
 }
 
+TEST_F(AProcessOutOfThreads, SaysWhyItLooksUpNoName) {
+    EXPECT_EQ(inProcessOfItsOwn([] {
+                  Client client;
+                  client.context.enableRetry(false);
+                  client.context.init();
+                  allow(0);
+                  client.context.getServiceRegistryClient()->registerServiceAtRegistry(
+                      common::ServiceInfo("registry", "registry.invalid", 80),
+                      std::make_shared<common::ServiceCreate>(
+                          std::make_unique<common::XObject>("", "lamp", "")),
+                      [&](const OrvRegistrationResponse& outcome) {
+                          client.told.add(outcome.httpResponse->getCause());
+                      });
+                  return client.told.next() ==
+                         "the host registry.invalid cannot be looked up: Resource temporarily "
+                         "unavailable";
+              }),
+              0);
+}
+
 TEST_F(AProcessOutOfThreads, EndsWithALineWhenTheCallbacksHaveNone) {
     ::testing::internal::CaptureStderr();
     const int status = inProcessOfItsOwn([] {

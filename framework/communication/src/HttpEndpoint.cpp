@@ -34,6 +34,15 @@ bool hasEnded(CommunicationStatus status) {
     }
 }
 
+/// The reason for which the thread of a look-up cannot be started. Empty if memory runs out.
+std::string reasonForNoLookUp(const std::string& host, const std::exception& error) noexcept {
+    try {
+        return "the host " + host + " cannot be looked up: " + error.what();
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
 }  // namespace
 
 HttpEndpoint::HttpEndpoint(const EndpointContext& context,
@@ -231,8 +240,9 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
         }
     } catch (const std::bad_alloc&) {
         failWaiting(CommunicationStatus::OutOfMemory, added_, false);
-    } catch (const std::exception&) {
-        onConnectFailed(*connecting_.back().connector, CommunicationStatus::ResolveFailed, {});
+    } catch (const std::exception& error) {
+        onConnectFailed(*connecting_.back().connector, CommunicationStatus::ResolveFailed,
+                        reasonForNoLookUp(nextHop().host, error));
     }
 }
 
@@ -360,7 +370,7 @@ std::string HttpEndpoint::causeOf(CommunicationStatus status,
             case CommunicationStatus::TimedOut:
                 return "no answer from " + settings_->origin.authority + " in time";
             case CommunicationStatus::ResolveFailed:
-                return "the host " + nextHop().host + " is not known";
+                return detail.empty() ? "the host " + nextHop().host + " is not known" : detail;
             default:
                 return detail;
         }

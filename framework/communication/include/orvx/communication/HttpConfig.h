@@ -16,8 +16,8 @@ namespace orvx::communication {
 /// unless disableServerVerification is set.
 ///
 /// Paths name PEM files. They are read for each new connection: a file that is replaced on disk is
-/// used by the next connection. The files must exist when the configuration is first used. A file
-/// that is missing or broken later fails the connections that are made meanwhile, with TlsFailed.
+/// used by the next connection. The files must exist when the configuration is first used. Later,
+/// new connections fail with TlsFailed while a file is missing or invalid.
 struct TlsConfig {
     /// Versions of TLS.
     enum class Version { Tls12, Tls13 };
