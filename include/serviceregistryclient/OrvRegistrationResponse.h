@@ -26,17 +26,22 @@ struct ORVX_EXPORT OrvRegistrationResponse {
         /// The description has no name.
         SERVICE_NAME_MISSING = 1,
         /// The client is ending, or gone. SyncOrvRegistrationResponse::unregister() reports it
-        /// after the client's end.
-        /// An asynchronous operation reports it only while the context's deinit() is running, which
-        /// drops most callbacks, so it is rarely seen; after deinit() no callback is called.
+        /// after the client's end. Without resilience an asynchronous operation reports it only if
+        /// it is called while deinit() is running, and its callback runs before deinit() returns.
+        /// With resilience every callback that waits when the client is stopped gets it.
         DELEGATOR_NOT_INITIATED = 2,
-        /// The service to withdraw has no entry at the registry, or none yet.
+        /// Without resilience: a withdrawal was requested while a registration was pending, so
+        /// there
+        /// was no entry to delete.
         SERVICE_NOT_FOUND = 3,
         /// The registry refused, or could not be reached and no retry is left: see httpResponse.
         SERVICE_REGISTRY_ERROR = 4,
-        /// A synchronous call ended before its answer came.
+        /// A synchronous call ended before its answer came. With resilience also: the unregister
+        /// time-out of an asynchronous withdrawal passed.
         TIMEOUT = 5,
-        /// A local failure: the description cannot be written as JSON.
+        /// A local failure: the description cannot be written as JSON. With resilience also: the
+        /// registration was withdrawn before its answer, or a blocking call was made from a
+        /// callback.
         OTHER = 6,
     };
 

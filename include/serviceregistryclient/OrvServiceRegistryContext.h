@@ -109,15 +109,16 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// Each entry is checked by itself, as long as a service is announced there. A check that is
     /// not answered within the head time-out is given up alone, and the next check is due after the
     /// interval. The first check is due within the interval. The first 404, and the first answer
-    /// after a request without one, make the other entries at that registry due soon, at a limited
-    /// rate.
+    /// after a request that got none, make the checks of all other entries at that registry due
+    /// soon, at a limited rate.
     ///
     /// A withdrawal may be requested at any time, and takes precedence over a registration. It is
     /// answered OK / NONE when the entry is gone (200, 204, 404 or 410), or once ERROR / TIMEOUT if
     /// the unregister time-out passes before; the client continues to try until its end. A DELETE
-    /// that is answered with a status that is not transient (403, for example) reports ERROR /
-    /// SERVICE_REGISTRY_ERROR, and is tried again after the check interval. A registration that is
-    /// still waiting is first answered ERROR / OTHER.
+    /// that is refused (403, for example) reports ERROR / SERVICE_REGISTRY_ERROR, and is tried
+    /// again after the check interval; any status from 500 on is no refusal of a DELETE, but is
+    /// tried again after the delay of the back-off. A registration that is still waiting is first
+    /// answered ERROR / OTHER.
     ///
     /// Two registrations of one path at one registry share its entry: the registry holds the latest
     /// description that is not withdrawn, and the entry is deleted with the last one.
@@ -141,8 +142,7 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// Every callback is called exactly once. Callbacks that wait when the client is stopped are
     /// called with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that
     /// calls it, and must not destroy the context. A registration that is answered in this way has
-    /// ended, even if the client is started again. As without resilience, handles do nothing after
-    /// the context was de-initialised.
+    /// ended. As without resilience, handles do nothing after the context was de-initialised.
     ///
     /// Default: false.
     void enableResilience(bool enable);

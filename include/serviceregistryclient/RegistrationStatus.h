@@ -16,10 +16,11 @@ namespace orvx::serviceregistryclient {
 struct RegistrationStatus {
     /// The state of a registration.
     enum class State : std::uint8_t {
-        Announcing = 0,   ///< The registry has not confirmed the entry yet.
-        Announced = 1,    ///< By its last answer, the registry holds the entry.
-        Unreachable = 2,  ///< Announced, but the last check was not answered with a success or 404.
-        Lost = 3,         ///< The registry has lost the entry; it is being announced again.
+        Announcing = 0,  ///< The registry has not confirmed the entry yet.
+        Announced = 1,   ///< By its last answer, the registry holds the entry.
+        Unreachable =
+            2,     ///< Announced, but the last check was answered with neither a success nor 404.
+        Lost = 3,  ///< The registry has lost the entry; it is being announced again.
         Withdrawing = 4,  ///< A withdrawal was requested and is not confirmed yet.
     };
 

@@ -57,11 +57,12 @@ class OrvServiceRegistryContext;
 /// "ORVX_SRRExec" (retries, checks, time-outs), and the communication library's I/O thread
 /// (`handle...Response`).
 ///
-/// Lock rule: `mutex` guards the client's state. The only other lock is that of ClientReference;
-/// the two are never held together. Guarded data is read and changed under `mutex`; the fields of a
-/// record are annotated, so clang checks each access, in every function that shares the record.
-/// User code is neither called, copied nor destroyed under it: callbacks and listeners are moved or
-/// shared there, and released after unlocking. A log line may be written under it.
+/// Lock rule: `mutex` guards the client's state. It is never held together
+/// with the lock of a ClientReference or of a blocking call. Guarded data is read and changed under
+/// `mutex`; the fields of a record are annotated, so clang checks each access, in every function
+/// that shares the record. User code is neither called, copied nor destroyed under it: callbacks
+/// and listeners are moved or shared there, and released after unlocking. A log line may be written
+/// under it.
 ///
 /// Memory: a step of the library's threads under the lock allocates everything before it changes
 /// anything, or can be repeated from its beginning; see retryOnBadAlloc().

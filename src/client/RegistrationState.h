@@ -15,7 +15,8 @@ namespace orvx::serviceregistryclient {
 /// | any but UNREGISTERING and 4     | a withdrawal was asked for, with an id  | UNREGISTERING |
 /// | UNREGISTERING                   | the DELETE was refused                  | REGISTERED    |
 ///
-/// The record is removed when the DELETE is answered 200.
+/// The record is removed when the DELETE is answered 200, or when the registration has failed for
+/// good.
 class RegistrationState {
   public:
     /// The targets of transitions.

@@ -187,8 +187,8 @@ void Connection::readBody(Error error, std::size_t) {
     }
 }
 
-// The body's length does not bound what is around its chunks, and the stream's time-out alone is
-// for a client that is silent: it never comes between reads that succeed.
+// The limit of a body does not include the headers of its chunks. The time-out of the stream only
+// ends a read that is pending, so the deadline is also checked between reads.
 void Connection::onPart(Error error, std::size_t) {
     if (error || parser_->is_done()) {
         return onRequest(error);
@@ -319,8 +319,8 @@ void Connection::onAnswered(Error error, std::size_t) {
     if (hasFailed(error)) {
         return;
     }
-    // With nothing else a connection keeps its place: otherwise a client without a token could end
-    // the idle connections of the others.
+    // A refusal, or a response that needs no token, does not move the connection to the end of the
+    // list. Otherwise a client without a token could end the idle connections of other clients.
     if (auto& connections = shared_.connections;
         !isForEverybody_ && !isRefusal(response_.result())) {
         connections.splice(connections.end(), connections, position_);

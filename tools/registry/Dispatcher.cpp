@@ -1,6 +1,6 @@
-// Expires entries, then passes a request to its handler. Faults affect only the requests of the
-// protocol. They do not affect the page, the stream of changes, the health and readiness, the
-// metrics, the targets and the control of the faults.
+// Expires entries, then passes a request to its handler. Delays, resets and statuses affect only
+// the requests of the protocol. They do not affect the page, the stream of changes, the health and
+// readiness, the metrics, the targets and the control of the faults.
 // Runs on the server's thread, or a test's thread.
 // There is no lock.
 

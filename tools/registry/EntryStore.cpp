@@ -1,6 +1,6 @@
-// The entries are a list in the order of their creation, with an index for each kind of search. The
-// indexes by revision grow only at their end, where an insertion takes constant time; a removal
-// takes logarithmic time.
+// The entries are a list in the order in which they were added, with an index for each kind of
+// search. The indexes by revision grow only at their end, where an insertion takes constant time; a
+// removal takes logarithmic time.
 // Runs on the thread that owns the store: the server's, or a test's.
 // There is no lock.
 

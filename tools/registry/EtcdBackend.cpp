@@ -22,7 +22,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kRetryPause = 200ms;
-constexpr auto kSilence = 2s;  // until a watch without an expected write is restarted
+/// A watch that has not delivered a write of this replica for so long is restarted.
+constexpr auto kSilence = 2s;
 constexpr auto kFarewell = 2s;
 constexpr auto kLongestTry = 5s;  // for a change, while others change the same path
 constexpr int kNotFound = 5;      // gRPC's NOT_FOUND

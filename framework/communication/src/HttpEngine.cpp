@@ -106,7 +106,8 @@ struct HttpEngine::Loop {
         });
         alarm = until;
     }
-    /// An exception of a step concerns the operation that the step was about to start again.
+    /// Runs a step and returns whether it handled an event. A handler that throws has only failed
+    /// to start its own operation again.
     template <typename Step>
     bool isDone(const Step& step) {
         try {
