@@ -181,23 +181,40 @@ void Connection::onHeader(Error error, std::size_t) {
 }
 
 void Connection::readBody(Error error, std::size_t) {
-    if (!error) {
-        parser_->eager(true);
-        onPart({}, 0);
+    if (error) {
+        return;
     }
+    parser_->eager(true);
+    onPart({}, 0);
 }
 
 // The limit of a body does not include the headers of its chunks. The time-out of the stream only
-// ends a read that is pending, so the deadline is also checked between reads.
-void Connection::onPart(Error error, std::size_t) {
+// ends a read that is pending, so the deadline is also checked between reads. Beast's functions
+// make any number of reads until they have a whole chunk, so they are not used here.
+void Connection::onPart(Error error, std::size_t size) {
+    buffer_.commit(size);
+    if (error == asio::error::eof) {
+        error = {};
+        parser_->put_eof(error);
+    }
+    if (!error && !parser_->is_done() && buffer_.size() > 0) {
+        buffer_.consume(parser_->put(buffer_.data(), error));
+    }
+    if (error == http::error::need_more) {
+        error = {};
+    }
     if (error || parser_->is_done()) {
         return onRequest(error);
     }
     if (std::chrono::steady_clock::now() >= deadline_) {
         return shared_.dispatcher.counts().countDrop(Drop::Timeout);
     }
-    http::async_read_some(stream_, buffer_, *parser_,
-                          beast::bind_front_handler(&Connection::onPart, shared_from_this()));
+    const std::size_t next = beast::read_size(buffer_, kMaxBuffer);
+    if (next == 0) {
+        return onRequest(http::error::buffer_overflow);
+    }
+    stream_.async_read_some(buffer_.prepare(next),
+                            beast::bind_front_handler(&Connection::onPart, shared_from_this()));
 }
 
 void Connection::onRequest(Error error) {

@@ -84,7 +84,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void readHeader();
     void onHeader(Error error, std::size_t);
     void readBody(Error error, std::size_t);
-    void onPart(Error error, std::size_t);
+    void onPart(Error error, std::size_t size);
     void onRequest(Error error);
     void onReaction(Reaction reaction);
     void refuse(Error error);
