@@ -57,8 +57,8 @@ class OrvServiceRegistryContext;
 /// "ORVX_SRRExec" (retries, checks, time-outs), and the communication library's I/O thread
 /// (`handle...Response`).
 ///
-/// Lock rule: `mutex` guards the client's state. It is never held together
-/// with the lock of a ClientReference or of a blocking call. Guarded data is read and changed under
+/// Lock rule: `mutex` guards the client's state. It is never held together with
+/// the lock of a ClientReference or of a blocking call. Guarded data is read and changed under
 /// `mutex`; the fields of a record are annotated, so clang checks each access, in every function
 /// that shares the record. User code is neither called, copied nor destroyed under it: callbacks
 /// and listeners are moved or shared there, and released after unlocking. A log line may be written

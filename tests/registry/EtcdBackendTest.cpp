@@ -129,6 +129,19 @@ class AReplica : public ::testing::Test {
         }
         return times;
     }
+    /// Checks that entry at the replica, and waits until the write that names the entry is under
+    /// way. Writes that name it are held until the future is ready.
+    void checkAndHoldTheWrite(const Replica& replica, int number, std::future<void> released) {
+        etcd_.setScript("kv/put", [number, isReleased = released.share()](const json& write,
+                                                                          const Step& carryOut) {
+            if (namesIn(write).count(uuidOf(number)) != 0) {
+                isReleased.wait();
+            }
+            return carryOut();
+        });
+        EXPECT_EQ(replica.statusOf("HEAD", targetOf(number)), 200U);
+        await([&] { return checkWrites(number) == 1; });
+    }
     static std::set<std::string> namesIn(const json& write) {
         return json::parse(decode64(write.at("value").get<std::string>()).value()).at("uuids");
     }
@@ -667,15 +680,7 @@ TEST_F(AReplica, WritesACheckOnceInARoundAndDoesNotCountItsOwnWriteAsACheck) {
     Watcher watcher(replica.awaitReady());
     // All checks of entry 1 come in one round, which ends with the write that names entry 2.
     std::promise<void> release;
-    etcd_.setScript("kv/put", [isReleased = release.get_future().share()](const json& write,
-                                                                          const Step& carryOut) {
-        if (namesIn(write).count(uuidOf(2)) != 0) {
-            isReleased.wait();
-        }
-        return carryOut();
-    });
-    EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 200U);
-    await([&] { return checkWrites(2) == 1; });
+    checkAndHoldTheWrite(replica, 2, release.get_future());
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
     }
@@ -825,15 +830,7 @@ TEST_F(AReplica, FinishesAPendingWriteAndWritesLaterChecksBeforeItEnds) {
     Replica replica(members(1), kLongTtl);
     replica.awaitReady();
     std::promise<void> release;
-    etcd_.setScript("kv/put", [isReleased = release.get_future().share()](const json& write,
-                                                                          const Step& carryOut) {
-        if (namesIn(write).count(uuidOf(1)) != 0) {
-            isReleased.wait();
-        }
-        return carryOut();
-    });
-    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 200U);
-    await([&] { return checkWrites(1) == 1; });
+    checkAndHoldTheWrite(replica, 1, release.get_future());
     EXPECT_EQ(replica.statusOf("HEAD", targetOf(2)), 200U);
     std::thread end([&] { replica.registry().stop(); });
     await([&] {

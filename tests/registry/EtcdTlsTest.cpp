@@ -10,7 +10,7 @@
 
 #include "EtcdClient.h"
 #include "EtcdProcess.h"
-#include "FileError.h"
+#include "FileContent.h"
 #include "RunningEtcdClient.h"
 #include "TemporaryFolder.h"
 #include "TlsConnection.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "FileError.h"
+#include "FileContent.h"
 #include "RunningRegistry.h"
 #include "TemporaryFolder.h"
 #include "TlsConnection.h"

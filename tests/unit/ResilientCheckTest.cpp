@@ -35,6 +35,13 @@ TEST_F(AnIndependentCheck, IsFirstMadeWithinTheIntervalAndThenAfterEach) {
     EXPECT_EQ(status().lastConfirmed, status().nextAttempt.value() - Seconds(10));
 }
 
+TEST_F(AnIndependentCheck, IsFirstMadeWithinTheShortestIntervalIfTheIntervalIsZero) {
+    context.setCheckInterval(Seconds(0));
+    start();
+    registered("echo", "abc");
+    EXPECT_THAT(waitFor("HEAD"), Le(Milliseconds(1)));
+}
+
 TEST_F(AnIndependentCheck, IsNeverMadeWhenDisabled) {
     context.enableCheck(false);
     start();

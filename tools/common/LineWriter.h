@@ -14,16 +14,15 @@ namespace orvx::tools {
 
 /// Writes lines to a descriptor in their order, and never waits for a reader. Lines are written at
 /// once while the reader takes them. From the first line on that it does not take, lines go through
-/// a bounded queue. Once the queue is full, lines are dropped until it is
-/// empty; a line with their number follows. A line of which a part is written is completed before
-/// another one begins.
+/// a bounded queue. Once the queue is full, lines are dropped until it is empty; a line with their
+/// number follows. A line of which a part is written is completed before another one begins.
 ///
 /// A write to a regular file may wait for its disk.
 ///
 /// Thread-safety: any thread. SIGPIPE must be blocked or ignored.
 class LineWriter {
   public:
-    /// What waits for a reader, beside the line that found the queue empty.
+    /// The maximum size of the queue. A line that finds the queue empty may be longer.
     static constexpr std::size_t kMostQueuedBytes = 256UL * 1'024;
 
     /// Makes the line, with its end, that tells how many lines were dropped. Called on any thread,
@@ -34,8 +33,8 @@ class LineWriter {
     /// starts; or the caller, by flush().
     enum class Emptied { ByThread, ByCaller };
 
-    /// `descriptor`: remains open, and the caller's. Its flags are not changed, since other
-    /// processes may share them: a pipe or a terminal is opened a second time.
+    /// `descriptor`: is owned by the caller, and remains open. Its flags are not changed, since
+    /// other processes may share them: a pipe or a terminal is opened a second time.
     LineWriter(int descriptor, DropLine dropLine, Emptied emptied = Emptied::ByThread);
     /// Waits until the queue is written, at most one second.
     ~LineWriter();
@@ -61,7 +60,7 @@ class LineWriter {
     /// Refers to a second open file description of a pipe or a terminal; -1: there is none.
     const int ownDescriptor_;
     const int descriptor_;
-    /// Whether a write of more bytes than a pipe is sure to have room for may block.
+    /// Whether a write may block if it is longer than PIPE_BUF.
     const bool mayBlock_;
     const DropLine dropLine_;
     const Emptied emptied_;

@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "FileError.h"
+#include "FileContent.h"
 #include "Tls.h"
 
 namespace orvx::registry {

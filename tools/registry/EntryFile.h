@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "Entry.h"
-#include "FileError.h"
+#include "FileContent.h"
 #include "Sqlite.h"
 
 namespace orvx::registry {

@@ -1,5 +1,6 @@
-// The copy is listed once. Then the events of etcd's watch change it in the order of their
-// revisions. The entries are listed again when the watch cannot be continued.
+// The copy is filled with a list of the entries. Then the events of etcd's watch change it in the
+// order of their revisions. The entries are listed again when the watch cannot be continued, when
+// etcd was restored, and when the copy has an entry that etcd does not have.
 // A change is a transaction at etcd. Its result is passed on when the copy has reached its
 // revision.
 // Checks are counted in the copy, and written to etcd together every interval.

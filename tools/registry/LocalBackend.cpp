@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "EntryBackend.h"
-#include "FileError.h"
+#include "FileContent.h"
 
 namespace orvx::registry {
 

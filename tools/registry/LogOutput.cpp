@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "FileError.h"
+#include "FileContent.h"
 
 namespace orvx::registry {
 

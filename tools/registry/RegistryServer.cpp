@@ -20,7 +20,7 @@
 #include "AwakeClock.h"
 #include "Connection.h"
 #include "EtcdBackend.h"
-#include "FileError.h"
+#include "FileContent.h"
 #include "Tls.h"
 
 namespace orvx::registry {

@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "FileError.h"
+#include "FileContent.h"
 #include "Json.h"
 
 namespace orvx::registry {

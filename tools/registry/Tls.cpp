@@ -15,7 +15,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/system/error_code.hpp>
 
-#include "FileError.h"
+#include "FileContent.h"
 
 namespace orvx::registry {
 

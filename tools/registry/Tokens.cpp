@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "FileError.h"
+#include "FileContent.h"
 #include "JsonFields.h"
 #include "PathScope.h"
 

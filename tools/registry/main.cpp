@@ -23,7 +23,7 @@
 
 #include "Commands.h"
 #include "EtcdClient.h"
-#include "FileError.h"
+#include "FileContent.h"
 #include "LineStream.h"
 #include "RegistryServer.h"
 #include "ServiceManager.h"

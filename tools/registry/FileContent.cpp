@@ -1,6 +1,6 @@
 // Reads a whole file. Entered by any thread; there is no state and no lock.
 
-#include "FileError.h"
+#include "FileContent.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
