@@ -5,6 +5,7 @@
 #include "Paths.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -42,6 +43,15 @@ std::string eventsOf(const std::vector<json>& lines) {
         events += line.at("event").get<std::string>() + " ";
     }
     return events;
+}
+
+std::string writeUnprobable(const Folder& folder) {
+    const auto longestArgument = 32 * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const json lamp{{"name", "lamp"},
+                    {"port", 1},
+                    {"uri", "/lamp"},
+                    {"host", std::string(longestArgument, 'x')}};
+    return folder.write("set.json", json::array({lamp}).dump());
 }
 
 int exitCode(const ChildProcess::Result& result) {

@@ -48,6 +48,10 @@ std::vector<json> linesOf(const std::string& output);
 /// The names of the events, each followed by a space.
 std::string eventsOf(const std::vector<json>& lines);
 
+/// Writes a file for --from with one service, and returns its name. The service's host is longer
+/// than an argument of a process may be, so no attempt to probe the service can be started.
+std::string writeUnprobable(const Folder& folder);
+
 /// The exit code; -1 if a signal ended the process.
 int exitCode(const ChildProcess::Result& result);
 

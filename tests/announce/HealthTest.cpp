@@ -82,6 +82,17 @@ TEST_F(Health, FailsWhenItsAnswerDoesNotComeInTime) {
     announce.stopped(0);  // detected when no process has its outputs open any more
 }
 
+TEST_F(Health, FailsWhenNoAttemptCanBeStarted) {
+    const Words options =
+        Words{"--registry", urlOf(registry.port()), "--from", writeUnprobable(folder)} + kAtOnce;
+    Announce shell(options + Words{"--health-command", "true"});
+    shell.awaitOutput(" unhealthy reason=\"/bin/sh: Argument list too long\" ");
+    shell.stopped(0);
+    Announce itself(options + Words{"--health-tcp"});
+    itself.awaitOutput(" unhealthy reason=\"/proc/self/exe: Argument list too long\" ");
+    itself.stopped(0);
+}
+
 TEST_F(Health, LeavesNoAttemptWhenTheProgramEnds) {
     Announce announce(echo() + Words{"--health-command", "echo asked >&2; sleep 60 & wait"});
     announce.awaitErrors("asked\n");

@@ -93,6 +93,15 @@ TEST_F(Readiness, ThatDoesNotComeInTimeEndsTheCommand) {
     EXPECT_EQ(front.counters().requests, 0U);
 }
 
+TEST_F(Readiness, ThatNoAttemptCanTestIsReportedWithTheReason) {
+    const Folder folder;
+    Announce announce(Words{"--registry", urlOf(registry.port()), "--from", writeUnprobable(folder),
+                            "--ready-timeout", "0.2"} +
+                      kWaiting);
+    EXPECT_THAT(announce.ended(124).errors,
+                HasSubstr(" not-ready reason=\"/proc/self/exe: Argument list too long\" "));
+}
+
 TEST_F(Readiness, ThatHangsDoesNotOutliveItsTime) {
     Announce announce(
         echo() + Words{"--ready-timeout", "0.2", "--ready-command", "sleep 60 & wait"} + kWaiting);

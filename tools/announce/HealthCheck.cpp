@@ -55,8 +55,11 @@ void HealthCheck::probe() {
                             options_.timeout + kOrphanGrace,
                             [this](int status) { onProbeExit(status); });
         timeout_ = loop_.after(options_.timeout, [this] { ::kill(-probe_, SIGKILL); });
-    } catch (const std::system_error&) {
-        scheduleProbe();  // Too many processes: no result about the service.
+    } catch (const std::system_error& error) {
+        scheduleProbe();
+        if (!isShortage(error.code())) {
+            takeResult(error.what());
+        }
     }
 }
 
@@ -64,12 +67,16 @@ void HealthCheck::onProbeExit(int status) {
     probe_ = 0;
     loop_.cancel(std::exchange(timeout_, 0));
     scheduleProbe();
-    if ((status == 0) == isHealthy_) {
+    takeResult(status == 0 ? "" : probeFailureReason(options_, status));
+}
+
+void HealthCheck::takeResult(const std::string& failureReason) {
+    if (failureReason.empty() == isHealthy_) {
         contraryResults_ = 0;
     } else if (++contraryResults_ >= (isHealthy_ ? options_.failures : options_.successes)) {
         contraryResults_ = 0;
         isHealthy_ = !isHealthy_;
-        changed_(isHealthy_ ? "" : probeFailureReason(options_, status));
+        changed_(failureReason);
     }
 }
 

@@ -34,6 +34,8 @@ class HealthCheck {
   private:
     void probe();
     void onProbeExit(int status);
+    /// An empty reason for a success.
+    void takeResult(const std::string& failureReason);
     void scheduleProbe();
 
     EventLoop& loop_;

@@ -113,6 +113,14 @@ pid_t startProbe(Children& children, const ProbeOptions& options,
     return children.spawnProbe(arguments, std::move(onExit));
 }
 
+// The limit of this process's own descriptors (EMFILE) does not apply: the child closes its stdin
+// before it opens another one.
+bool isShortage(const std::error_code& error) {
+    return error == std::errc::resource_unavailable_try_again ||
+           error == std::errc::not_enough_memory ||
+           error == std::errc::too_many_files_open_in_system;
+}
+
 std::string probeFailureReason(const ProbeOptions& options, int status) {
     if (WIFSIGNALED(status)) {
         return WTERMSIG(status) == SIGKILL || WTERMSIG(status) == SIGALRM

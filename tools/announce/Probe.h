@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Children.h"
@@ -19,6 +20,10 @@ pid_t startProbe(Children& children, const ProbeOptions& options,
                  const std::vector<std::string>& targets,
                  const std::vector<std::string>& shellArguments, std::chrono::milliseconds timeout,
                  Children::OnExit onExit);
+
+/// Whether startProbe() has failed because processes, memory or open files have run out. Such an
+/// error says nothing about the service.
+bool isShortage(const std::error_code& error);
 
 /// Describes why a probe with this status of waitpid() has failed.
 std::string probeFailureReason(const ProbeOptions& options, int status);

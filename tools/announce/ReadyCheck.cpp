@@ -48,8 +48,8 @@ void ReadyCheck::probe() {
     try {
         probe_ = startProbe(children_, options_, targets_, {}, kMaxAttemptTime,
                             [this](int status) { onProbeExit(status); });
-    } catch (const std::system_error&) {  // too many processes
-        onProbeExit(-1);
+    } catch (const std::system_error& error) {
+        retry(error.what());
     }
 }
 
@@ -58,8 +58,13 @@ void ReadyCheck::onProbeExit(int status) {
     if (status == 0) {
         std::exchange(ready_, nullptr)();
     } else {
-        nextProbe_ = loop_.after(kInterval, [this] { probe(); });
+        retry(probeFailureReason(options_, status));
     }
+}
+
+void ReadyCheck::retry(const std::string& failureReason) {
+    failureReason_ = failureReason;
+    nextProbe_ = loop_.after(kInterval, [this] { probe(); });
 }
 
 }  // namespace orvx::announce

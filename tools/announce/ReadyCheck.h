@@ -21,10 +21,13 @@ class ReadyCheck {
     void start(Ready ready);
     /// Kills a running attempt; `ready` will not be called.
     void stop();
+    /// Why the last attempt failed.
+    const std::string& failureReason() const { return failureReason_; }
 
   private:
     void probe();
     void onProbeExit(int status);
+    void retry(const std::string& failureReason);
 
     EventLoop& loop_;
     Children& children_;
@@ -33,6 +36,7 @@ class ReadyCheck {
     Ready ready_;
     pid_t probe_ = 0;
     EventLoop::Timer nextProbe_ = 0;
+    std::string failureReason_ = "no answer in time";
 };
 
 }  // namespace orvx::announce

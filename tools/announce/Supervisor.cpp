@@ -81,7 +81,9 @@ void Supervisor::onReady() {
 }
 
 void Supervisor::onNotReady() {
-    report_.event("not-ready", Severity::Error, {{"seconds", inSeconds(options_.ready.timeout)}});
+    report_.event(
+        "not-ready", Severity::Error,
+        {{"reason", readyCheck_.failureReason()}, {"seconds", inSeconds(options_.ready.timeout)}});
     exitCode_ = kNotReadyInTime;
     signalToForward_ = SIGTERM;
     stopCommand();
