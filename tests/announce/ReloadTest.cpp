@@ -80,6 +80,40 @@ TEST_F(AReload, AnnouncesWithdrawsAndUpdatesTheDifferenceOnly) {
     EXPECT_THAT(entries(), IsEmpty());
 }
 
+TEST_F(AReload, TakesPlaceBeforeTheCommandIsReady) {
+    const auto file = write({lamp("same", "a"), lamp("changed", "a"), lamp("gone", "a")});
+    Announce announce(options(file) + Words{"--ready-command", "test -e " + folder.file("ready")} +
+                      command());
+    announce.awaitOutput("up\n");
+    write({lamp("same", "a"), lamp("changed", "b"), lamp("new", "a")});
+    announce.signal(SIGHUP);
+    announce.awaitErrors(R"("added":["/new"],"changed":["/changed"],"event":"reloaded",)"
+                         R"("removed":["/gone"])");
+    folder.write("set.json", "");
+    announce.signal(SIGHUP);
+    announce.awaitErrors("\"not-reloaded\"");
+    EXPECT_THAT(entries(), IsEmpty());
+    folder.write("ready", "");
+    const std::map<std::string, std::string> wanted{
+        {"/same", "a"}, {"/changed", "b"}, {"/new", "a"}};
+    EXPECT_TRUE(eventually([&] { return descriptions() == wanted; }));
+    EXPECT_EQ(requestsOf("PUT"), 3);
+    announce.stopped(0);
+}
+
+TEST_F(AReload, ChangesThePortsOfTheReadyCheck) {
+    const testing::RefusedPort refused;
+    json lamp{{"name", "lamp"}, {"port", refused.port()}};
+    Announce announce(options(write(json::array({lamp}))) + command());
+    announce.awaitOutput("up\n");
+    lamp["port"] = service.port();
+    write(json::array({lamp}));
+    announce.signal(SIGHUP);
+    announce.awaitErrors("\"announced\"");
+    EXPECT_EQ(entries().at(0).at("service").at("port"), service.port());
+    announce.stopped(0);
+}
+
 TEST_F(AReload, OfAFileThatIsWrongChangesNothing) {
     const auto file = write({lamp("same", "a"), lamp("gone", "a")});
     Announce announce(options(file));

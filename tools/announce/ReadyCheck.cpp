@@ -21,12 +21,8 @@ constexpr auto kMaxAttemptTime = 5s;
 }  // namespace
 
 ReadyCheck::ReadyCheck(EventLoop& loop, Children& children, const Options& options)
-    : loop_(loop), children_(children), options_(options.ready) {
-    for (const auto& service : options.services) {
-        targets_.push_back(options.probedHost.empty() ? service.at("host").get<std::string>()
-                                                      : options.probedHost);
-        targets_.push_back(service.at("port").dump());
-    }
+    : loop_(loop), children_(children), options_(options.ready), probedHost_(options.probedHost) {
+    setServices(options.services);
 }
 
 void ReadyCheck::start(Ready ready) {
@@ -34,6 +30,19 @@ void ReadyCheck::start(Ready ready) {
     if (options_.kind == ReadyOptions::Kind::None) {
         ready_();
     } else {
+        probe();
+    }
+}
+
+void ReadyCheck::setServices(const std::vector<nlohmann::json>& services) {
+    targets_.clear();
+    for (const auto& service : services) {
+        targets_.push_back(probedHost_.empty() ? service.at("host").get<std::string>()
+                                               : probedHost_);
+        targets_.push_back(service.at("port").dump());
+    }
+    if (probe_ != 0) {
+        children_.killProbe(std::exchange(probe_, 0));
         probe();
     }
 }

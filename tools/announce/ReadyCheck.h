@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,6 +21,8 @@ class ReadyCheck {
     ReadyCheck(EventLoop& loop, Children& children, const Options& options);
 
     void start(Ready ready);
+    /// Probes these services instead, also if it has started. Begins a running attempt again.
+    void setServices(const std::vector<nlohmann::json>& services);
     /// Kills a running attempt; `ready` will not be called.
     void stop();
     /// Why the last attempt failed.
@@ -32,6 +36,7 @@ class ReadyCheck {
     EventLoop& loop_;
     Children& children_;
     const ReadyOptions& options_;
+    const std::string& probedHost_;
     std::vector<std::string> targets_;
     Ready ready_;
     pid_t probe_ = 0;

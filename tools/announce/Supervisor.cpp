@@ -127,8 +127,10 @@ void Supervisor::onHangup(bool fromTerminal) {
     }
     command_.signal(SIGHUP);
     reloadToken();
-    if (phase_ == Phase::Serving) {
+    if (phase_ == Phase::Starting || phase_ == Phase::Serving) {
         reloadServices();
+    }
+    if (phase_ == Phase::Serving) {
         announcer_.announce();
     }
 }
@@ -146,9 +148,10 @@ void Supervisor::reloadServices() {
         return;
     }
     try {
-        report_.event("reloaded", Severity::Info,
-                      announcer_.update(
-                          readDescriptions(options_.service, options_.registry, Reading::Reload)));
+        const auto services =
+            readDescriptions(options_.service, options_.registry, Reading::Reload);
+        report_.event("reloaded", Severity::Info, announcer_.update(services));
+        readyCheck_.setServices(services);
     } catch (const std::exception& error) {
         report_.event("not-reloaded", Severity::Error, {{"reason", error.what()}});
     }
