@@ -2,6 +2,9 @@
 // those of its servers; the programs are processes. No lock.
 #include "AnnounceTest.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <iomanip>
@@ -71,6 +74,52 @@ TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedDoesNotWaitForTheAttemptThat
     const auto begin = steady_clock::now();
     EXPECT_THAT(announce.stopped(3).errors, HasSubstr(" withdrawn "));
     EXPECT_LT(steady_clock::now() - begin, kSoon);
+}
+
+TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedEndsTheAttemptThatIsUnderWay) {
+    const testing::RefusedPort refused;
+    const std::uint16_t port = refused.port();
+    Announce announce(echo(port) + Words{"--withdraw-timeout", "3600", "--stop-timeout", "3600"} +
+                      shell("trap '' TERM; echo up; read line; exit 3"));
+    announce.awaitErrors("CONNECT_FAILED");
+    announce.awaitOutput("up\n");
+    const testing::BlackHole silent(testing::Loopback::V4, port);
+    EXPECT_TRUE(eventually([&] { return isConnectingTo(port); }));
+    announce.signal(SIGTERM);
+    announce.awaitErrors(" withdrawn ");
+    EXPECT_FALSE(isConnectingTo(port));
+    announce.endInput();
+    announce.ended(3);
+}
+
+TEST_F(AWithdrawal, WaitsForAPutThatIsOutAlthoughEarlierOnesCouldNotConnect) {
+    front.stopListening();
+    holdBack("PUT");
+    Announce announce(echo(front.port()) +
+                      Words{"--retry-interval", "0.01", "--withdraw-timeout", "1"});
+    announce.awaitOutput("CONNECT_FAILED");
+    front.listenAgain();
+    ASSERT_TRUE(front.waitForRequests(1));
+    EXPECT_THAT(announce.stopped(1).output,
+                AllOf(HasSubstr(" left "), Not(HasSubstr(" withdrawn "))));
+    EXPECT_EQ(entries().size(), 1U);
+}
+
+TEST_F(AWithdrawal, WaitsForAPutToAUnixSocketAlthoughEarlierOnesCouldNotConnect) {
+    const Folder folder;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    folder.file("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+    Announce announce(echo() + Words{"--unix-socket", address.sun_path, "--retry-interval", "0.01",
+                                     "--withdraw-timeout", "1"});
+    announce.awaitOutput("CONNECT_FAILED");
+    const testing::Socket listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::bind(listener.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener.fd(), 1), 0);
+    ASSERT_TRUE(testing::waitForEvents(listener, POLLIN, 10000));
+    const testing::Socket connection(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    EXPECT_THAT(announce.stopped(1).output,
+                AllOf(HasSubstr(" left "), Not(HasSubstr(" withdrawn "))));
 }
 
 TEST_F(AWithdrawal, FromARegistryThatHasDiedEndsWithinItsBound) {

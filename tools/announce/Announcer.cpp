@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "Connections.h"
 #include "Outcome.h"
 
 namespace orvx::announce {
@@ -19,7 +20,7 @@ using nlohmann::json;
 
 namespace {
 
-/// Lets a pending request, which may be the first to reach the registry, end.
+/// Lets a pending request, which may be the first to reach the registry, end or connect.
 constexpr std::chrono::milliseconds kFirstRequestGrace = 500ms;
 
 }  // namespace
@@ -188,7 +189,9 @@ void Announcer::withdraw() {
     }
     forEach(&Announcement::withdraw);
     loop_.after(kFirstRequestGrace, [this] {
-        if (nothingWasSent(statistics_->snapshot())) {
+        const Via via = options_.registry.unixSocket.empty() ? Via::Internet : Via::UnixSocket;
+        if (!mayBeConnected(via) && nothingWasSent(statistics_->snapshot())) {
+            context_.reset();  // so that no pending request is sent afterwards
             forEach(&Announcement::confirmNothingSent);
         }
     });

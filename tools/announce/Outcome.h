@@ -20,7 +20,8 @@ nlohmann::json toJson(const serviceregistryclient::RegistrationStatus::Failure& 
 /// Whether the registry's response ends a first registration.
 bool isRefusal(const serviceregistryclient::RegistrationStatus::Failure& failure);
 
-/// Whether requests have ended and none of them was ever sent.
+/// Whether requests have ended and none of them was ever sent. Says nothing about a request that
+/// has not ended.
 bool nothingWasSent(const communication::ClientStatistics::Snapshot& counted);
 
 }  // namespace orvx::announce
