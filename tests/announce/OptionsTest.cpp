@@ -65,7 +65,8 @@ TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
     }
     lamp.erase("properties");
     lamp.update(properties);
-    EXPECT_EQ(services.at("/l"), lamp);
+    // As text: to the JSON library 2^64-1 equals -1.
+    EXPECT_EQ(services.at("/l").dump(), lamp.dump());
     EXPECT_EQ(services.at("/bell/other:2").at("host"), "other");
 }
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <limits>
 #include <set>
 #include <string_view>
 
@@ -120,10 +119,7 @@ GenericObjectValue toValue(const json& value) {
         case json::value_t::boolean:
             return value.get<bool>();
         case json::value_t::number_unsigned:
-            if (value > std::numeric_limits<std::int64_t>::max()) {
-                return value.get<double>();
-            }
-            [[fallthrough]];
+            return value.get<std::uint64_t>();
         case json::value_t::number_integer:
             return value.get<std::int64_t>();
         case json::value_t::number_float:
