@@ -164,8 +164,13 @@ void OrvServiceRegistryClient::ResilientUpkeep::handlePutFailureLocked(Entry& en
             delay = max == 0 ? delay : client_.context.getRetryInterval();
         }
     }
+    const Member* const latest = latestWanted(entry);
+    if (isRefusal && latest != nullptr && latest->first != entry.sent) {
+        delay = Milliseconds::zero();  // the registry has not refused this description
+    }
+    delay = std::clamp(delay, Milliseconds::zero(), RegistrationFacts::kLongest);
     entry.outstanding = Request::None;
-    planLocked(entry, std::max(now() + std::max(delay, Milliseconds::zero()), entry.notBefore));
+    planLocked(entry, std::max(now() + delay, entry.notBefore));
     reconcileLocked(entry, &response);
 }
 

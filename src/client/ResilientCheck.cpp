@@ -160,8 +160,10 @@ void OrvServiceRegistryClient::ResilientUpkeep::checkAllLocked(Endpoint& endpoin
     }
 }
 
+/// The head time-out, limited to a range that cannot overflow the clock.
 std::chrono::milliseconds OrvServiceRegistryClient::ResilientUpkeep::headTimeout() const {
-    return std::max(client_.context.getHeadTimeout(), kShortestPause);
+    return std::clamp(client_.context.getHeadTimeout(), kShortestPause,
+                      RegistrationFacts::kLongest);
 }
 
 /// The check interval, limited to a range that cannot overflow the clock.

@@ -257,8 +257,15 @@ bool OrvServiceRegistryClient::ResilientUpkeep::runFirstTask() {
     return true;
 }
 
+/// A callback that calls the client again queues a further task. That one waits for the next start,
+/// so that the stop ends.
 void OrvServiceRegistryClient::ResilientUpkeep::runTasks() {
-    while (runFirstTask()) {
+    std::size_t left = 0;
+    {
+        const utility::MutexLock lock(client_.mutex);
+        left = tasks_.size();
+    }
+    while (left-- > 0 && runFirstTask()) {
     }
 }
 

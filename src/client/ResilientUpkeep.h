@@ -195,7 +195,8 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     /// The earliest time for which the timer has a task.
     Milliseconds armed_ ORVX_GUARDED_BY(client_.mutex) = kNever;
     /// Queued user code. The executor has a task for each item. Items that are left when the
-    /// executor stops run on the thread that stops it.
+    /// executor stops run on the thread that stops it; items that these add run after the next
+    /// start.
     Tasks tasks_ ORVX_GUARDED_BY(client_.mutex);
     std::vector<std::weak_ptr<BlockingCall>> waits_ ORVX_GUARDED_BY(client_.mutex);
     /// Notified when the last registration is removed.

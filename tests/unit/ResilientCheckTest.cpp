@@ -69,6 +69,22 @@ TEST_F(AnIndependentCheck, ThatTimesOutIsGivenUpAloneAndMadeAgainAfterTheInterva
                                           Event{"reachable", "echo", "announced"}));
 }
 
+TEST_F(AnIndependentCheck, MayHaveTheLongestTimeOut) {
+    context.setHeadTimeout(Milliseconds::max());
+    start();
+    registered("echo", "abc");
+    registered("time", "def");
+    for (int i = 0; i < 6; ++i) {
+        waitFor("HEAD");
+        answer(200);
+    }
+    waitFor("HEAD");
+    waitFor("HEAD");
+    expectNothingFor(std::chrono::hours(1));
+    EXPECT_EQ(state(0), "announced");
+    EXPECT_EQ(state(1), "announced");
+}
+
 TEST_F(AnIndependentCheck, ThatIsNotAnsweredWhenAnotherFindsALossIsMadeAgainSoon) {
     context.setHeadTimeout(Seconds(30));
     start();

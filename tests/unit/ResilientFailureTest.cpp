@@ -140,6 +140,17 @@ TEST_F(APassingFailure, DeletesAnEntryThatMayExistWhenRetriesAreUsedUp) {
     expectNothingFor(std::chrono::hours(1));
 }
 
+TEST_F(APassingFailure, IsNotTriedAgainBeforeTheLongestRetryInterval) {
+    context.setInitialMaxRetryCount(2);
+    context.setRetryInterval(Milliseconds::max());
+    start();
+    world.advance(Seconds(1));
+    registerService("echo");
+    waitFor("PUT");
+    answer(503);
+    expectNothingFor(std::chrono::hours(1));
+}
+
 TEST_F(APassingFailure, MayBeAnyStatusThatTheContextNames) {
     context.enableRetryOnHttpStatus(true);
     context.setHttpStatusCodesForRetry({HttpResponse::StatusCode::Conflict});

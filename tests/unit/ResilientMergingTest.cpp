@@ -49,6 +49,24 @@ TEST_F(OneEntryOfTwo, HoldsTheLatestDescriptionAndHasOneCheck) {
     EXPECT_EQ(waitFor("HEAD"), Seconds(10));
 }
 
+TEST_F(OneEntryOfTwo, SendsTheSecondDescriptionAtOnceIfTheFirstWasWithdrawnAndIsRefused) {
+    start();
+    first = registerAs("first");
+    waitFor("PUT");
+    first({});
+    second = registerAs("second");
+    answer(403);
+    EXPECT_EQ(world.requestsToTake(), 1U);
+    expectPutOf("second");
+    takeOutcomes();
+    expect("HEAD", "/abc", 404);
+    waitFor("PUT");
+    auto third = registerAs("third");
+    answer(400);
+    EXPECT_EQ(world.requestsToTake(), 1U);
+    expectPutOf("third");
+}
+
 TEST_F(OneEntryOfTwo, IsDeletedWhenTheLastIsWithdrawn) {
     start();
     announceBoth();

@@ -94,6 +94,26 @@ TEST_F(AStoppedClient, AnswersEverybodyWhenStoppedInsideACallback) {
     EXPECT_FALSE(context.isInitiated());
 }
 
+TEST_F(AStoppedClient, EndsAlthoughACallbackRegistersAgain) {
+    start();
+    int calls = 0;
+    auto& stopped = client();
+    IOrvServiceRegistryClient::ResponseCallback again = [&](const OrvRegistrationResponse&) {
+        if (++calls < 100) {
+            stopped.registerServiceAtRegistry(registry, service("echo"), again);
+        }
+    };
+    client().registerServiceAtRegistry(registry, service("echo"), again);
+    next("PUT");
+    client().deinit();
+    EXPECT_EQ(calls, 1) << "the second registration is answered after the start";
+    client().init();
+    world.settle();
+    EXPECT_EQ(calls, 2);
+    context.deinit();
+    EXPECT_EQ(calls, 4) << "by the stop, and by the destructor";
+}
+
 class TheLockRuleOfResilience : public ResilientTest {
   protected:
     TheLockRuleOfResilience() { context.setRegistrationListener({}); }
