@@ -8,6 +8,7 @@
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <algorithm>
+#include <new>
 
 namespace orvx::serviceregistryclient {
 
@@ -56,6 +57,23 @@ std::vector<RegistrationStatus> OrvServiceRegistryClient::BasicUpkeep::statuses(
     return statuses;
 }
 
+/// Begins the withdrawal of all registrations that have an entry.
+void OrvServiceRegistryClient::BasicUpkeep::withdrawEntries() {
+    std::vector<std::uint64_t> ids;
+    {
+        const utility::MutexLock lock(client_.mutex);
+        for (const auto& [id, record] : *client_.mapRegistryCallback) {
+            if (!record->state.isUnregistering() &&
+                !record->requestContainer->serviceCreate->getId().empty()) {
+                ids.push_back(id);
+            }
+        }
+    }
+    for (const std::uint64_t id : ids) {
+        client_.internal_unregisterFromRegistry(id, {});
+    }
+}
+
 // A service without an entry cannot be withdrawn, so the withdrawal is repeated until there is an
 // entry.
 std::vector<std::string> OrvServiceRegistryClient::BasicUpkeep::withdrawWithin(
@@ -64,16 +82,11 @@ std::vector<std::string> OrvServiceRegistryClient::BasicUpkeep::withdrawWithin(
     std::vector<std::string> left;
     utility::MutexLock lock(client_.mutex);
     do {
-        std::vector<std::uint64_t> ids;
-        for (const auto& [id, record] : *client_.mapRegistryCallback) {
-            if (!record->state.isUnregistering() &&
-                !record->requestContainer->serviceCreate->getId().empty()) {
-                ids.push_back(id);
-            }
-        }
         lock.unlock();
-        for (const std::uint64_t id : ids) {
-            client_.internal_unregisterFromRegistry(id, {});
+        try {
+            withdrawEntries();
+        } catch (const std::bad_alloc&) {
+            // The next round withdraws the others.
         }
         lock.lock();
         if (client_.mapRegistryCallback->begin() == client_.mapRegistryCallback->end()) {

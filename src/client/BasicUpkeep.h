@@ -27,6 +27,9 @@ class OrvServiceRegistryClient::BasicUpkeep final : public Upkeep {
     std::pair<bool, SyncServiceResponses> registerAllAndWait(const common::ServiceInfo& registry,
                                                              const ServiceSet& services) override;
     std::pair<bool, ServiceResponses> withdrawAllAndWait() override;
+
+  private:
+    void withdrawEntries() ORVX_EXCLUDES(client_.mutex);
 };
 
 }  // namespace orvx::serviceregistryclient

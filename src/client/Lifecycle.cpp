@@ -8,7 +8,9 @@
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -99,8 +101,14 @@ void OrvServiceRegistryClient::deinitImpl() {
 }
 
 void OrvServiceRegistryClient::withdrawWithin(std::chrono::milliseconds bound) {
-    for (const std::string& name : upkeep->withdrawWithin(bound)) {
-        logger->logWarning(false) << "not withdrawn within " << bound.count() << " ms: " << name;
+    try {
+        for (const std::string& name :
+             upkeep->withdrawWithin(std::min(bound, Upkeep::kLongestWait))) {
+            logger->logWarning(false)
+                << "not withdrawn within " << bound.count() << " ms: " << name;
+        }
+    } catch (const std::bad_alloc&) {
+        // There is no memory for the names. The client ends nevertheless.
     }
 }
 

@@ -179,7 +179,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     /// The actions that follow a success after unlocking.
     enum class Success { Known, Unknown, Withdrawn };
     Success recordSuccess(std::uint64_t id, RequestContainer& request, const std::string& location,
-                          Callbacks& callbacks) ORVX_EXCLUDES(mutex);
+                          Callbacks& callbacks, bool& isRecorded) ORVX_EXCLUDES(mutex);
     Callbacks recordEntryLocked(RegistrationData& record, RequestContainer& request,
                                 const std::string& uuid, const std::string& location)
         ORVX_REQUIRES(mutex);

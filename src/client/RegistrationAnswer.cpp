@@ -37,7 +37,9 @@ void OrvServiceRegistryClient::handlePutResponse(std::uint64_t id,
     }
     Callbacks callbacks;
     Success success{};
-    retryOnBadAlloc([&] { success = recordSuccess(id, *request, *location, callbacks); });
+    bool isRecorded = false;
+    retryOnBadAlloc(
+        [&] { success = recordSuccess(id, *request, *location, callbacks, isRecorded); });
     if (success == Success::Withdrawn) {
         retryOnBadAlloc([&] { internal_unregisterFromRegistry(id, {}); });
     } else if (success == Success::Known) {
@@ -49,10 +51,11 @@ void OrvServiceRegistryClient::handlePutResponse(std::uint64_t id,
     }
 }
 
-/// Moves the callbacks that are to be called into `callbacks`.
+/// Moves the callbacks that are to be called into `callbacks`. `isRecorded` stays true if the step
+/// is repeated: the entry that is found by the uuid is then the registration's own.
 OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
-    std::uint64_t id, RequestContainer& request, const std::string& location,
-    Callbacks& callbacks) {
+    std::uint64_t id, RequestContainer& request, const std::string& location, Callbacks& callbacks,
+    bool& isRecorded) {
     const std::string uuid = location.substr(location.rfind('/') + 1);
     std::shared_ptr<RegistrationData> record;
     std::shared_ptr<RegistrationData> released;
@@ -63,15 +66,19 @@ OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
             << "PUT response received but id not found in mapRegistryCallback. id=" << id;
         return Success::Unknown;
     }
-    if (const auto sameEntry = mapRegistryCallback->findByRegistryId(uuid)) {
+    const auto sameEntry = isRecorded ? nullptr : mapRegistryCallback->findByRegistryId(uuid);
+    if (sameEntry) {
         // The id follows the other registration from now on, whatever that registration's state is.
         released = mapRegistryCallback->redirect(id, sameEntry);
+        if (released != sameEntry) {  // false if the step is repeated
+            callbacks = RegistrationData::take(released->registerCallbacks);
+        }
         upkeep->reportLocked(id, *sameEntry->requestContainer, sameEntry->facts,
                              RegistrationEvent::Kind::Announced);
-        callbacks = RegistrationData::take(record->registerCallbacks);
     } else if (isUnregistering(record->state)) {
         return Success::Withdrawn;
     } else {
+        isRecorded = true;
         callbacks = recordEntryLocked(*record, request, uuid, location);
     }
     return Success::Known;

@@ -104,15 +104,21 @@ void OrvServiceRegistryClient::Upkeep::enterLocked(std::uint64_t id,
 void OrvServiceRegistryClient::Upkeep::reportLocked(std::uint64_t id,
                                                     const RequestContainer& request,
                                                     const RegistrationFacts& facts, Kind event) {
+    queueTasksLocked(eventLocked(id, request, facts, event));
+}
+
+OrvServiceRegistryClient::Tasks OrvServiceRegistryClient::Upkeep::eventLocked(
+    std::uint64_t id, const RequestContainer& request, const RegistrationFacts& facts,
+    Kind event) const {
+    Tasks tasks;
     if (client_.registrationListener) {
-        Tasks tasks;
         tasks.emplace_back(
             [listener = client_.registrationListener,
              told = RegistrationEvent{event, statusLocked(id, request, facts, readClocks())}] {
                 (*listener)(told);
             });
-        queueTasksLocked(std::move(tasks));
     }
+    return tasks;
 }
 
 RegistrationStatus OrvServiceRegistryClient::Upkeep::statusLocked(std::uint64_t id,

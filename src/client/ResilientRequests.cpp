@@ -11,16 +11,23 @@
 namespace orvx::serviceregistryclient {
 
 /// Called after a change of the wanted state: makes a request that is needed now due at once.
+/// Throws nothing, because the change stays: if memory runs out, the callback thread continues.
 void OrvServiceRegistryClient::ResilientUpkeep::wantedChangedLocked(Entry& entry) {
     const Request next = nextRequest(entry);
     if (entry.outstanding == Request::None && (next == Request::Put || next == Request::Delete)) {
         planLocked(entry, std::max(now(), entry.notBefore));
     }
-    reconcileLocked(entry);
+    try {
+        reconcileLocked(entry);
+    } catch (const std::bad_alloc&) {
+        if (entry.outstanding == Request::None) {
+            planLocked(entry, now());
+        }
+    }
     try {
         armLocked();
     } catch (const std::bad_alloc&) {
-        // The answer to the outstanding request, or the next call, arms the timer.
+        client_.callbackExecutor.add(std::move(rescue_));
     }
 }
 

@@ -148,8 +148,22 @@ void OrvServiceRegistryClient::ResilientUpkeep::runDueLocked(Milliseconds time) 
     }
 }
 
+/// Makes the task that wantedChangedLocked() queues if memory runs out.
+void OrvServiceRegistryClient::ResilientUpkeep::makeRescueLocked() {
+    if (rescue_.empty()) {
+        rescue_.emplace_back([this] {
+            client_.retryOnBadAlloc([&] {
+                const utility::MutexLock lock(client_.mutex);
+                makeRescueLocked();
+            });
+            alarm(now());
+        });
+    }
+}
+
 void OrvServiceRegistryClient::ResilientUpkeep::start() {
     const utility::MutexLock lock(client_.mutex);
+    makeRescueLocked();
     for (auto& [key, endpoint] : endpoints_) {
         endpoint->isAnswering = true;
         endpoint->checkAllUntil = Milliseconds::min();

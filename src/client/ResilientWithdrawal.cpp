@@ -5,6 +5,7 @@
 #include "ResilientRecords.h"
 
 #include <algorithm>
+#include <new>
 
 namespace orvx::serviceregistryclient {
 
@@ -45,9 +46,13 @@ void OrvServiceRegistryClient::ResilientUpkeep::withdrawLocked(Member& member, A
                 now() + std::clamp(timeout, Milliseconds::zero(), RegistrationFacts::kLongest);
             deadlines_.emplace(deadline, member.first);
         }
-        registration.waiting->withdrawals.emplace_back(deadline, std::move(answer));
+        registration.waiting->withdrawals.emplace_back(deadline, nullptr);
     }
     giveUpLocked(member, OrvRegistrationResponse::OTHER, nullptr);
+    // Nothing throws from here on, so a call that throws has had no effect.
+    if (answer) {
+        registration.waiting->withdrawals.back().second = std::move(answer);
+    }
     if (!std::exchange(registration.withdrawn, true)) {
         registration.facts.enter(State::Withdrawing, now());
     }
@@ -162,8 +167,15 @@ std::vector<std::string> OrvServiceRegistryClient::ResilientUpkeep::withdrawWith
     // A call may remove other registrations of the same entry.
     for (auto next = registrations_.begin(); next != registrations_.end();) {
         const std::uint64_t id = next->first;
-        withdrawLocked(*next, nullptr);
-        next = registrations_.upper_bound(id);
+        try {
+            withdrawLocked(*next, nullptr);
+            next = registrations_.upper_bound(id);
+        } catch (const std::bad_alloc&) {
+            const auto pause = std::chrono::steady_clock::now() + Milliseconds(10);
+            empty_.wait_until(lock.native(), std::min(pause, deadline));
+            next = std::chrono::steady_clock::now() < deadline ? registrations_.lower_bound(id)
+                                                               : registrations_.end();
+        }
     }
     while (!registrations_.empty() &&
            empty_.wait_until(lock.native(), deadline) != std::cv_status::timeout) {

@@ -137,7 +137,6 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
     Tasks notification = notificationLocked(container.serviceCreate, false);
     mapRegistryCallback->setRegistryEntry(container, "", "");
     record->state = REREGISTERING;
-    callbackExecutor.add(std::move(notification));
     if (logger->isInfoEnabled()) {
         logger->logInfo(false) << "automatic re-register with request: " << *container.uri;
     }
@@ -145,6 +144,7 @@ bool OrvServiceRegistryClient::markLostLocked(std::uint64_t id, RequestContainer
     record->facts.failure = std::move(reason);
     upkeep->enterLocked(id, container, record->facts, RegistrationStatus::State::Lost,
                         RegistrationEvent::Kind::Lost);
+    callbackExecutor.add(std::move(notification));
     return true;
 }
 

@@ -140,14 +140,17 @@ void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint6
             return;
         }
         empty.notify_all();
+        Tasks events;
         record->ids.forEach([&](std::uint64_t one) {
             Upkeep::lockIsHeld();
-            upkeep->reportLocked(one, *record->requestContainer, record->facts,
-                                 RegistrationEvent::Kind::Withdrawn);
+            events.splice(events.end(),
+                          upkeep->eventLocked(one, *record->requestContainer, record->facts,
+                                              RegistrationEvent::Kind::Withdrawn));
         });
         notification = notificationLocked(record->requestContainer->serviceCreate, false);
         callbacks = RegistrationData::take(record->unregisterCallbacks);
         mapRegistryCallback->eraseAll(*record);
+        callbackExecutor.add(std::move(events));
     }
     callbackExecutor.add(std::move(notification));
 }

@@ -80,6 +80,11 @@ class OrvServiceRegistryClient::Upkeep {
                       const RegistrationFacts& facts, RegistrationEvent::Kind event)
         ORVX_REQUIRES(ORVX_CLIENT_LOCK);
 
+    /// A task that reports the event; none if there is no listener.
+    Tasks eventLocked(std::uint64_t id, const RequestContainer& request,
+                      const RegistrationFacts& facts, RegistrationEvent::Kind event) const
+        ORVX_REQUIRES(ORVX_CLIENT_LOCK);
+
   protected:
     /// The timer's clock and the system's clock at the same moment.
     struct Clocks {

@@ -11,8 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -88,7 +90,12 @@ class Events {
             const Memory::Exempt exempt;
             const std::lock_guard lock(mutex_);
             ++counts_[registrationEventToString(event.kind)];
+            changed_.notify_all();
         });
+    }
+    void await(const std::string& kind) {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return counts_[kind] > 0; });
     }
     int operator[](const std::string& kind) {
         const std::lock_guard lock(mutex_);
@@ -97,7 +104,23 @@ class Events {
 
   private:
     std::mutex mutex_;
+    std::condition_variable changed_;
     std::map<std::string, int> counts_;
+};
+
+/// The notifications of the status listener.
+class Notifications {
+  public:
+    void listenTo(OrvServiceRegistryContext& context) {
+        context.getServiceRegistryClient()->addServiceRegisterStatusListener(
+            [this](const std::shared_ptr<const common::ServiceModel>&, bool isRegistered) {
+                ++counts_[isRegistered ? 1 : 0];
+            });
+    }
+    int operator[](bool isRegistered) const { return counts_[isRegistered ? 1 : 0]; }
+
+  private:
+    std::array<std::atomic<int>, 2> counts_{};
 };
 
 /// The limit for operations that may fail, but not for ever.
@@ -118,11 +141,13 @@ auto call(const Call& callOnce) {
 /// Runs a service from its registration to its withdrawal while these allocations fail. Returns the
 /// number of allocations. Each operation must be answered once, and must succeed in the end. Each
 /// event must be reported once.
+template <bool isResilient>
 std::size_t live(std::size_t successes, std::size_t failures) {
     ForgetfulRegistry registry;
     Recorder told;
     Events events;
     OrvServiceRegistryContext context;
+    context.enableResilience(isResilient);
     events.listenTo(context);
     context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
     context.enableRetryOnHttpStatus(true);
@@ -130,6 +155,8 @@ std::size_t live(std::size_t successes, std::size_t failures) {
     context.setCheckInterval(0s);
     context.setHeadTimeout(1min);
     context.init();
+    Notifications notifications;
+    notifications.listenTo(context);
 
     Memory::failAfter(successes, failures);
     IOrvServiceRegistryClient::UnregisterHandle handle;
@@ -147,10 +174,14 @@ std::size_t live(std::size_t successes, std::size_t failures) {
         withdrawn = told.next();
     }
     EXPECT_EQ(withdrawn, "OK/NONE");
+    events.await("withdrawn");
     const std::size_t failed = Memory::recover();
     EXPECT_EQ(events["announced"], events["lost"] + 1);
     EXPECT_EQ(events["withdrawn"], 1);
-    EXPECT_EQ(events["unreachable"], events["reachable"] + 1) << "the first DELETE is refused";
+    // Without resilience the answer to the second DELETE is no event.
+    EXPECT_EQ(events["unreachable"], events["reachable"] + (isResilient ? 0 : 1));
+    EXPECT_EQ(notifications[true], events["announced"]);
+    EXPECT_EQ(notifications[false], events["lost"] + 1);
 
     call([&] { return announce(context, registry.server.port(), told); });
     EXPECT_EQ(told.next(), "OK/NONE") << "afterwards";
@@ -194,6 +225,110 @@ std::size_t liveInASet(std::size_t successes, std::size_t failures) {
     return failed;
 }
 
+/// Announces two services that the registry gives one uuid, and withdraws them.
+std::size_t liveAsOneEntry(std::size_t successes, std::size_t failures) {
+    HostileServer server;
+    server.onRequest([](const Request&) {
+        return response(201, {{"Location", "/entries/longer-than-any-small-buffer"}});
+    });
+    Recorder told;
+    Events events;
+    OrvServiceRegistryContext context;
+    events.listenTo(context);
+    context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+    context.setRetryInterval(1ms);
+    context.enableCheck(false);
+    context.init();
+    auto& client = *context.getServiceRegistryClient();
+    const common::ServiceInfo where("registry", "127.0.0.1", server.port());
+
+    Memory::failAfter(successes, failures);
+    IOrvServiceRegistryClient::UnregisterHandle handle;
+    for (const char* const name : {"lamp", "bell"}) {
+        std::string registered = "ERROR/OTHER";  // the description could not be written
+        for (int round = 0; round < kRounds && registered == "ERROR/OTHER"; ++round) {
+            handle = call([&] {
+                return client.registerServiceAtRegistry(where, service(name), record(told));
+            });
+            registered = told.next();
+        }
+        EXPECT_EQ(registered, "OK/NONE");
+    }
+    server.onRequest([](const Request&) { return response(200); });
+    const std::string refused = "ERROR/SERVICE_REGISTRY_ERROR";  // not sent
+    std::string withdrawn = refused;
+    for (int round = 0; round < kRounds && withdrawn == refused; ++round) {
+        call([&] { handle(record(told)); });
+        withdrawn = told.next();
+    }
+    EXPECT_EQ(withdrawn, "OK/NONE");
+    const std::size_t failed = Memory::recover();
+    context.deinit();
+    EXPECT_EQ(told.rest(), Recorder::Lines());
+    EXPECT_EQ(events["announced"], 2);
+    EXPECT_EQ(events["withdrawn"], 2);
+    return failed;
+}
+
+/// Ends a context that withdraws its services. The end must not throw, because a destructor calls
+/// it.
+template <bool isResilient>
+std::size_t end(std::size_t successes, std::size_t failures) {
+    HostileServer server;
+    std::atomic<int> deletes{0};
+    server.onRequest([&](const Request& request) {
+        deletes += request.method == "DELETE" ? 1 : 0;
+        return response(200, {{"Location", "/entries" + request.target}});
+    });
+    auto context = std::make_unique<OrvServiceRegistryContext>();
+    context->enableResilience(isResilient);
+    context->setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+    context->setRetryInterval(1ms);
+    context->enableCheck(false);
+    context->setWithdrawAtDeinit(1min);
+    context->init();
+    EXPECT_TRUE(context->getServiceRegistryClient()
+                    ->registerServicesAtRegistry(
+                        common::ServiceInfo("registry", "127.0.0.1", server.port()),
+                        {service("lamp"), service("bell")})
+                    .first);
+    Memory::failAfter(successes, failures);
+    {
+        const Memory::CountedIn countedIn;
+        context.reset();
+    }
+    const std::size_t failed = Memory::recover();
+    EXPECT_GE(deletes, 2);  // a DELETE whose answer was lost is repeated
+    return failed;
+}
+
+/// Withdraws a registration that waits for an unreachable registry. Both callbacks must be called
+/// once.
+std::size_t giveUp(std::size_t successes, std::size_t failures) {
+    HostileServer server;
+    server.stopListening();
+    Recorder told;
+    Events events;
+    OrvServiceRegistryContext context;
+    events.listenTo(context);
+    context.enableResilience(true);
+    context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+    context.setRetryInterval(1h);
+    context.init();
+    const auto handle = announce(context, server.port(), told);
+    events.await("unreachable");
+    Memory::failAfter(successes, failures);
+    call([&] { handle(record(told)); });
+    EXPECT_EQ(told.next(), "ERROR/OTHER");
+    EXPECT_EQ(told.next(), "OK/NONE");
+    events.await("withdrawn");
+    const std::size_t failed = Memory::recover();
+    context.deinit();
+    EXPECT_EQ(events["withdrawn"], 1);
+    EXPECT_EQ(told.rest(), Recorder::Lines());
+    return failed;
+}
+
 /// Returns the number of allocations of a run. Each of them has failed once.
 template <typename Life>
 std::size_t sweep(const Life& life, std::size_t failures, std::size_t step) {
@@ -206,11 +341,69 @@ std::size_t sweep(const Life& life, std::size_t failures, std::size_t step) {
 }
 
 TEST(AProcessOutOfMemory, LosesNothingWhicheverAllocationFails) {
-    EXPECT_GT(sweep(live, 1, 1), 200u);
+    EXPECT_GT(sweep(live<false>, 1, 1), 200u);
 }
 
 TEST(AProcessOutOfMemory, LosesNothingWhenSeveralAllocationsFailInARow) {
-    EXPECT_GT(sweep(live, 4, 3), 200u);
+    EXPECT_GT(sweep(live<false>, 4, 3), 200u);
+}
+
+TEST(AProcessOutOfMemory, LosesNothingWithResilienceWhicheverAllocationFails) {
+    EXPECT_GT(sweep(live<true>, 1, 1), 200u);
+}
+
+TEST(AProcessOutOfMemory, LosesNothingWithResilienceWhenSeveralAllocationsFailInARow) {
+    EXPECT_GT(sweep(live<true>, 4, 3), 200u);
+}
+
+TEST(AProcessOutOfMemory, GivesUpARegistrationOnceWhicheverAllocationFails) {
+    EXPECT_GT(sweep(giveUp, 1, 1), 10u);
+}
+
+// The timer allocates for some tasks only, so each number of successes is tried with several.
+TEST(AProcessOutOfMemory, ForgetsNoRequestWithResilienceIfAllMemoryIsGoneForAMoment) {
+    HostileServer server;
+    server.onRequest([](const Request& request) {
+        return response(201, {{"Location", "/entries" + request.target}});
+    });
+    Recorder told;
+    OrvServiceRegistryContext context;
+    context.enableResilience(true);
+    context.setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+    context.enableCheck(false);
+    context.setRetryInterval(1ms);
+    context.init();
+    int announced = 0;
+    for (std::size_t successes = 0; announced < 200; ++successes) {
+        for (int i = 0; i < 20; ++i) {
+            Memory::failAfter(successes, 1000000);
+            bool isAccepted = false;
+            try {
+                const Memory::CountedIn countedIn;
+                announce(context, server.port(), told);
+                isAccepted = true;
+            } catch (const std::bad_alloc&) {
+            }
+            Memory::recover();
+            announced += isAccepted && told.next() == "OK/NONE" ? 1 : 0;
+        }
+        ASSERT_EQ(told.rest(), Recorder::Lines());
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+TEST(AProcessOutOfMemory, AnswersEachServiceOfOneEntryWhicheverAllocationFails) {
+    EXPECT_GT(sweep(liveAsOneEntry, 1, 1), 100u);
+}
+
+TEST(AProcessOutOfMemory, WithdrawsItsServicesAtTheEndWhicheverAllocationFails) {
+    EXPECT_GT(sweep(end<false>, 1, 1), 10u);
+    EXPECT_GT(sweep(end<true>, 1, 1), 10u);
+}
+
+TEST(AProcessOutOfMemory, WithdrawsItsServicesAtTheEndWhenSeveralAllocationsFailInARow) {
+    EXPECT_GT(sweep(end<false>, 4, 3), 10u);
+    EXPECT_GT(sweep(end<true>, 4, 3), 10u);
 }
 
 TEST(AProcessOutOfMemory, ComesBackFromABlockingCallWhicheverAllocationFails) {

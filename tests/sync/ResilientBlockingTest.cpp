@@ -303,6 +303,16 @@ TEST_P(WithdrawalAtTheEnd, WithdrawsEverythingByDeinit) {
     EXPECT_TRUE(warnings().empty());
 }
 
+TEST_P(WithdrawalAtTheEnd, MayTakeTheLongestTime) {
+    context.setWithdrawAtDeinit(milliseconds::max());
+    context.init();
+    client().registerServicesAtRegistry(registry, named(1));
+    server.nextRequest(testing::response(503));
+    context.deinit();
+    EXPECT_EQ(deletes(), 2U);
+    EXPECT_TRUE(warnings().empty());
+}
+
 TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
     server.nextRequest(testing::Script().waitForRelease("go").send(
         testing::response(201, {{"Location", "/abc"}})));

@@ -88,13 +88,13 @@ void TaskThread::halt(bool isFinal) {
     if (worker_.isInForkedChild()) {
         return;
     }
-    std::deque<Entry> droppedInOrder;
+    std::size_t droppedInOrder = 0;
     std::vector<Entry> droppedHeap;
     Tasks droppedQueue;
     {
         MutexLock lock(mutex_);
         if (running_ || isFinal) {
-            droppedInOrder.swap(inOrder_);
+            droppedInOrder = inOrder_.size();
             droppedHeap.swap(heap_);
             droppedQueue.swap(queue_);
         }
@@ -102,7 +102,13 @@ void TaskThread::halt(bool isFinal) {
         ended_ = ended_ || isFinal;
         changed_.notify_one();
     }
-    droppedInOrder.clear();
+    // Dropped one by one, because making an empty deque for a swap allocates memory.
+    while (droppedInOrder-- > 0) {
+        Task dropped;
+        MutexLock lock(mutex_);
+        dropped.swap(inOrder_.front().task);
+        inOrder_.pop_front();
+    }
     droppedHeap.clear();
     droppedQueue.clear();
     if (!worker_.isCurrent()) {
