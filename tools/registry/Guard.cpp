@@ -4,14 +4,13 @@
 
 #include "Guard.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
 #include <iterator>
 
+#include "Base64.h"
 #include "PathScope.h"
 
 namespace orvx::registry {
@@ -37,28 +36,13 @@ std::string_view credentialsOf(std::string_view scheme, std::string_view header)
     return header;
 }
 
-/// Empty if the text is not base64.
-std::string decodeBase64(std::string_view text) {
-    std::string decoded(text.size() / 4 * 3, '\0');
-    const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(decoded.data()),
-                                     reinterpret_cast<const unsigned char*>(text.data()),
-                                     static_cast<int>(text.size()));
-    const auto padding = text.size() - std::min(text.find('='), text.size());
-    if (text.size() % 4 != 0 || size < 0 || padding > 2 ||
-        static_cast<std::size_t>(size) < padding) {
-        return {};
-    }
-    decoded.resize(static_cast<std::size_t>(size) - padding);
-    return decoded;
-}
-
 /// The secret in the value of an Authorization header: the token of the scheme Bearer, or the
 /// password of the scheme Basic, which browsers can ask for.
 std::string secretIn(std::string_view header) {
     if (const auto bearer = credentialsOf("Bearer", header); !bearer.empty()) {
         return std::string(bearer);
     }
-    const std::string pair = decodeBase64(credentialsOf("Basic", header));
+    const auto pair = decode64(credentialsOf("Basic", header)).value_or("");
     const auto colon = pair.find(':');
     return colon == std::string::npos ? std::string() : pair.substr(colon + 1);
 }
