@@ -397,6 +397,19 @@ TEST_F(AReplica, IgnoresWhatOthersWriteBelowThePrefix) {
     EXPECT_EQ(replica.ask("PUT", "/x", "{}").result(), http::status::created);
 }
 
+// Before, the copy kept the overwritten entry, whose removal failed together with that of all other
+// expired entries, again and again.
+TEST_F(AReplica, DropsAnEntryThatOthersOverwriteSoThatTheOtherEntriesExpire) {
+    put(1);
+    put(2);
+    Replica replica(members(1), kShortTtl);
+    Watcher watcher(replica.awaitReady());
+    etcd_.put(kPrefix + "entries/" + uuidOf(1), "x");
+    EXPECT_THAT(watcher.until("removed 2"), ElementsAre("removed 1", "removed 2"));
+    EXPECT_EQ(replica.statusOf("HEAD", targetOf(1)), 404U);
+    EXPECT_EQ(replica.put("/1"), targetOf(1));
+}
+
 TEST_F(AReplica, DoesNotAcceptAnotherEntryThanTheOneItAskedFor) {
     put(1);
     Replica replica(members(1));

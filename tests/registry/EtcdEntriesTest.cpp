@@ -198,10 +198,20 @@ TEST(AnEventOfEtcd, IsIgnoredIfItsKeyOrValueIsUnknown) {
     EXPECT_EQ(kindOf({{"type", "DELETE"}, {"kv", pairOf("/test/other", "")}}), Kind::Other);
     EXPECT_EQ(kindOf({{"type", "DELETE"}, {"kv", pairOf("/test/entries/x", "")}}), Kind::Removal);
     EXPECT_EQ(kindOf({{"kv", pairOf("/test/checks", "x")}}), Kind::Checks);
-    EXPECT_EQ(kindOf({{"kv", pairOf("/test/entries/x", "x")}}), Kind::Other);
+    EXPECT_EQ(kindOf({{"kv", pairOf("/test/entriesx", "x")}}), Kind::Other);
     EXPECT_THAT(entries.changesIn(json()), IsEmpty());
     EXPECT_EQ(entries.changesIn({{"events", {{{"kv", pairOf("/test/x", "")}}}}}).at(0).revision,
               3U);
+}
+
+TEST(AnEventOfEtcd, RemovesAnEntryWhoseNewValueIsNone) {
+    const EtcdEntries entries("/test/");
+    const json event{{"kv", pairOf("/test/entries/" + kUuid, "x")}};
+    const auto changes = entries.changesIn({{"events", json::array({event})}});
+    ASSERT_EQ(changes.size(), 1U);
+    EXPECT_EQ(changes[0].kind, EtcdEntries::Change::Kind::Removal);
+    EXPECT_EQ(changes[0].uuid, kUuid);
+    EXPECT_EQ(changes[0].revision, 3U);
 }
 
 TEST(TheNameOfAnEntry, IsAUuidInLowerCase) {

@@ -294,12 +294,8 @@ EtcdEntries::Change EtcdEntries::changeIn(const json& event) const {
     change.revision = numberIn<std::uint64_t>(textIn(pair, "mod_revision"));
     const std::string name = decodedIn(pair, "key");
     const std::string entries = prefix_ + std::string(kEntries);
-    if (textIn(event, "type") == "DELETE") {
-        if (name.compare(0, entries.size(), entries) == 0) {
-            change.kind = Change::Kind::Removal;
-            change.uuid = name.substr(entries.size());
-        }
-    } else if (name == prefix_ + std::string(kChecks)) {
+    const bool isPut = textIn(event, "type") != "DELETE";
+    if (isPut && name == prefix_ + std::string(kChecks)) {
         const json checks = parseJson(decodedIn(pair, "value"));
         change.kind = Change::Kind::Checks;
         change.replica = textIn(checks, "from");
@@ -308,9 +304,12 @@ EtcdEntries::Change EtcdEntries::changeIn(const json& event) const {
                 change.uuids.push_back(uuid.get<std::string>());
             }
         }
-    } else if (auto entry = entryIn(pair)) {
+    } else if (auto entry = isPut ? entryIn(pair) : std::nullopt) {
         change.kind = Change::Kind::Put;
         change.entry = std::move(*entry);
+    } else if (name.compare(0, entries.size(), entries) == 0) {
+        change.kind = Change::Kind::Removal;
+        change.uuid = name.substr(entries.size());
     }
     return change;
 }

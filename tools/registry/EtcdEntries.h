@@ -91,7 +91,9 @@ class EtcdEntries {
     std::map<std::string, std::uint64_t> revisionsIn(const nlohmann::json& transaction) const;
     /// The entries of a range.
     std::vector<Entry> entriesIn(const nlohmann::json& range) const;
-    /// The events of a watch. An event of a key or value that this program does not write is Other.
+    /// The events of a watch. A put of a value that is no entry removes the entry of that key,
+    /// since a list would not contain it either. An event of a key that this program does not write
+    /// is Other.
     std::vector<Change> changesIn(const nlohmann::json& result) const;
 
   private:
