@@ -767,6 +767,17 @@ TEST_F(AReplica, RemovesExpiredEntriesInSeveralTransactionsAndKeepsChangedOnes) 
     });
 }
 
+TEST_F(AReplica, RecordsAnExpirationWhoseFirstAttemptGotNoAnswer) {
+    put(1);
+    put(2);
+    etcd_.setScript("kv/txn", losingTheFirstAnswer({{}, 0}));
+    Replica replica(members(2), kShortTtl);
+    etcd_.awaitRequests("kv/txn", 2);
+    await([&] {
+        return replica.metrics().find("orvx_registry_expirations_total 2\n") != std::string::npos;
+    });
+}
+
 TEST_F(AReplica, KeepsAnEntryThatIsCheckedWhileOthersExpire) {
     constexpr int kCount = 130;
     constexpr int kChecked = 70;  // an entry of the second transaction

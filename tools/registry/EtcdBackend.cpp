@@ -558,13 +558,19 @@ void EtcdBackend::expire(std::vector<std::string> names, Time since) {
             if (!isFromEtcd(result)) {
                 return;
             }
-            if (EtcdEntries::hasSucceeded(*result.answer)) {
+            const bool isRemoved = EtcdEntries::hasSucceeded(*result.answer);
+            const auto left = entries_.revisionsIn(*result.answer);
+            // An earlier attempt without an answer may have removed the entries.
+            if (isRemoved || result.isUncertain) {
                 for (const Entry& entry : entries) {
-                    store_.recordExpiration(entry);
+                    if (left.count(entry.uuid) == 0) {
+                        store_.recordExpiration(entry);
+                    }
                 }
+            }
+            if (isRemoved) {
                 return expire(std::move(names), since);
             }
-            const auto left = entries_.revisionsIn(*result.answer);
             const std::uint64_t revision = EtcdEntries::revisionOf(*result.answer);
             whenReached(revision, [this, entries, left, revision] {
                 for (const Entry& entry : entries) {
