@@ -6,12 +6,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,6 +24,26 @@ namespace {
 
 using ::testing::EndsWith;
 using ::testing::StartsWith;
+
+/// Limits the size of the process's files while it lives, like a full disk.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &former_), 0);
+        const rlimit limit{bytes, former_.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+    ~FileSizeLimit() {
+        EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &former_), 0);
+        std::signal(SIGXFSZ, SIG_DFL);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+  private:
+    rlimit former_{};
+};
 
 class TheLineWriter : public ::testing::Test {
   protected:
@@ -109,6 +132,24 @@ TEST_F(TheLineWriter, LosesWhatIsQueuedWhenTheReaderEnds) {
     while (writer.write("next\n")) {
     }
     EXPECT_FALSE(writer.write("next\n"));
+}
+
+TEST_F(TheLineWriter, BeginsANewLineAfterOneThatAFullDiskHasCut) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
+    LineWriter writer(::fileno(file.get()), dropped);
+    EXPECT_TRUE(writer.write("one\n"));
+    {
+        const FileSizeLimit limit(10);
+        EXPECT_FALSE(writer.write("a line that is cut\n"));
+        EXPECT_FALSE(writer.write("a line that is lost\n"));
+    }
+    EXPECT_TRUE(writer.write("two\n"));
+    EXPECT_TRUE(writer.write("three\n"));
+    std::array<char, 100> bytes{};
+    const auto size = ::pread(::fileno(file.get()), bytes.data(), bytes.size(), 0);
+    ASSERT_GE(size, 0);
+    EXPECT_EQ(std::string(bytes.data(), static_cast<std::size_t>(size)),
+              "one\na line\ntwo\nthree\n");
 }
 
 TEST_F(TheLineWriter, DoesNotChangeTheFlagsThatOthersShare) {

@@ -75,6 +75,9 @@ bool LineWriter::write(const std::string& line) {
         ++dropped_;
         return false;
     }
+    if (queue_.empty() && isLineCut_) {
+        queue_ = "\n";
+    }
     queue_ += line;
     const bool isTaken = writeQueue();
     if (!queue_.empty() && emptied_ == Emptied::ByThread) {
@@ -107,6 +110,7 @@ bool LineWriter::writeQueue() {
     while (!queue_.empty() && isReady()) {
         const long written = writeSome();
         if (written > 0) {
+            isLineCut_ = queue_[static_cast<std::size_t>(written) - 1] != '\n';
             queue_.erase(0, static_cast<std::size_t>(written));
         } else if (errno == EAGAIN) {
             return true;

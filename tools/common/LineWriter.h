@@ -15,7 +15,8 @@ namespace orvx::tools {
 /// Writes lines to a descriptor in their order, and never waits for a reader. Lines are written at
 /// once while the reader takes them. From the first line on that it does not take, lines go through
 /// a bounded queue. Once the queue is full, lines are dropped until it is empty; a line with their
-/// number follows. A line of which a part is written is completed before another one begins.
+/// number follows. A line of which a part is written is completed before another one begins. If the
+/// rest cannot be written, such as on a full disk, the next line begins on a new line.
 ///
 /// A write to a regular file may wait for its disk.
 ///
@@ -68,6 +69,9 @@ class LineWriter {
     utility::Mutex mutex_;
     std::condition_variable changed_;  // the queue is not empty any more, or the end has begun
     std::string queue_ ORVX_GUARDED_BY(mutex_);
+    /// Whether only a part of the last line is written. If the rest is lost, the next line begins
+    /// with a line break.
+    bool isLineCut_ ORVX_GUARDED_BY(mutex_) = false;
     std::uint64_t dropped_ ORVX_GUARDED_BY(mutex_) = 0;
     /// The time at which the thread gives up; the maximum until the destructor begins.
     Clock::time_point deadline_ ORVX_GUARDED_BY(mutex_) = Clock::time_point::max();
