@@ -10,6 +10,7 @@ import http.client
 import json
 import pathlib
 import re
+import socket
 import subprocess
 import sys
 import time
@@ -69,6 +70,12 @@ class Registry:
     def put(self, name, **more):
         path = "/" + urllib.request.quote(name, safe="")
         return self.ask("PUT", path, {"name": name, "uri": "/" + name, "host": "10.0.0.1", "port": 8080, **more})
+
+    def put_at(self, path):
+        """A path of any bytes, some of which http.client would refuse."""
+        with socket.create_connection(("127.0.0.1", self.port), 10) as connection:
+            connection.sendall(b"PUT " + path + b" HTTP/1.0\r\nContent-Length: 2\r\n\r\n{}")
+            return connection.makefile("rb").readline()
 
     def put_many(self, count):
         connection = http.client.HTTPConnection("127.0.0.1", self.port)
@@ -256,6 +263,27 @@ class ThePage(unittest.TestCase):
         self.assertIn("Do two instances share the path?", self.text("#facts"))
         self.press(Keys.ESCAPE)
         self.screenshots("moved")
+
+    def test_shows_one_row_of_an_entry_whose_description_grows_and_shrinks(self):
+        registry = self.open()
+        for host, description in (("10.0.0.1", ""), ("10.0.0.2", "x" * 7000), ("10.0.0.3", "")):
+            entry = registry.put("lamp", host=host, description=description)
+            self.wait(lambda: [row["address"] for row in self.rows()] == [host + ":8080"])
+        self.browser.find_element("css selector", ".open").click()
+        self.wait(lambda: self.is_shown("#detail"))
+        registry.put("lamp", description="x" * 7000)
+        self.wait(lambda: self.is_shown("#cut"))
+        self.assertFalse(self.is_shown("#detail-gone"))
+        self.assertEqual(self.address(), "#open=" + entry[1:])
+        self.browser.find_element("id", "close").click()
+        registry.ask("DELETE", entry)
+        self.wait(lambda: [row["state"] for row in self.rows()] == ["lost"])
+
+    def test_shows_a_row_for_each_path_that_is_not_utf_8(self):
+        registry = self.open()
+        for path in (b"/\xff", b"/\xfe"):
+            self.assertIn(b" 201 ", registry.put_at(path))
+        self.wait(lambda: len(self.rows()) == 2)
 
     def test_says_once_when_the_registry_is_gone_and_when_it_is_back(self):
         registry = self.open()

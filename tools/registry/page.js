@@ -1,6 +1,6 @@
 // Follows the registry's stream and shows the entries. The document contains only the rows near the
 // window. Texts of entries are set only as textContent, in elements that isolate their writing direction.
-// An entry is identified by its path, so a service that is registered again returns to its row.
+// A row is identified by the path of its entry, so a service that is registered again returns to it.
 'use strict';
 
 const RETRY_PAUSE = 1000;
@@ -11,7 +11,7 @@ const MARGIN = 8; // rows in the document before and after those in the window
 const NEWEST_FIRST = 'age';
 
 const $ = id => document.getElementById(id);
-const entries = new Map(); // by key: the path, or the uuid where the path is cut
+const entries = new Map(); // by key: the path, or the uuid where the path may be cut or is not UTF-8
 const keys = new Map(); // by uuid
 let sorted = [];
 let view = []; // the entries of `sorted` that match the filter
@@ -48,10 +48,26 @@ const asText = value => typeof value === 'string' ? value : JSON.stringify(value
 const hostOf = ({host}) => typeof host === 'string' ? (host.includes(':') ? `[${host}]` : host) : '';
 const portOf = ({port}) => typeof port === 'number' ? `:${port}` : '';
 
+// Gives the entry another key, and keeps its row.
+function changeKey(entry, key) {
+  const replaced = entries.get(key); // is gone, since a path has one entry
+  if (replaced) removeEntry(replaced);
+  if (active === entry.key) active = key;
+  if (opened === entry.key) {
+    opened = key;
+    writeAddress();
+  }
+  entries.delete(entry.key);
+  entry.key = key;
+  entries.set(key, entry);
+}
+
 function put(data, raw) {
   const now = performance.now();
-  const key = 'cut' in data ? data.uuid : data.path;
+  const key = 'cut' in data || data.path.includes('\ufffd') ? data.uuid : data.path;
   const {service} = data;
+  const former = entries.get(keys.get(data.uuid));
+  if (former && former.key !== key) changeKey(former, key); // the description became long, or short
   const known = entries.get(key);
   const entry = known ?? {key, freshAt: null};
   if (!known) {
