@@ -160,6 +160,7 @@ TEST(FaultsInAText, AreRefusedWhenAFieldIsMissingOrMisspeltOrOutOfRange) {
     expectRefused(R"({"fault":"reset","seconds":"1"})", "\"seconds\" must be");
     expectRefused(R"({"fault":"reset","after":-1})", "\"after\" must be");
     expectRefused(R"({"fault":"forget","uuid":7})", "\"uuid\" must be");
+    expectRefused(R"({"fault":"forget","uuid":""})", "\"uuid\" must be");
 }
 
 TEST(FaultsInAText, AreRefusedWhenTheyAreTooMany) {

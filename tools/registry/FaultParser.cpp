@@ -40,7 +40,12 @@ void readKind(JsonFields& fields, Fault& fault) {
         fault.status = static_cast<unsigned>(fields.number("status", 400, 599));
     } else if (kind == "forget") {
         fault.kind = Fault::Kind::Forget;
-        fault.uuid = fields.has("uuid") ? fields.text("uuid") : "";
+        if (fields.has("uuid")) {
+            fault.uuid = fields.text("uuid");
+            if (fault.uuid.empty()) {
+                refuse("\"uuid\" must be that of an entry");
+            }
+        }
         fault.requests = 1;
     } else {
         refuse("\"fault\" must be delay, reset, status or forget");
