@@ -113,6 +113,17 @@ TEST_F(TheWatch, SendsAnEntryWithItsTimes) {
     EXPECT_EQ(second.at("moved"), json({{"from", "10.0.0.1:80"}, {"age", 1'000}}));
 }
 
+TEST_F(TheWatch, SendsAnAgeOfZeroForAnEntryWhoseCreatorsClockIsAhead) {
+    Entry entry;
+    entry.uuid = randomUuid();
+    entry.path = "/a";
+    entry.service = "{}";
+    entry.created = std::chrono::system_clock::now() + 1h;
+    store_.adopt(entry);
+    Watch watch(store_, "");
+    EXPECT_EQ(read(watch).at(1).data.at("age"), 0);
+}
+
 TEST_F(TheWatch, SendsTheNumberOfAnEntryAlsoWhenItIsPutAgain) {
     put("/a");
     put("/b");

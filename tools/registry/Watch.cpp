@@ -36,11 +36,13 @@ EntryStore::Time::rep heartbeatAt(EntryStore::Time time) {
 /// differ. The service is copied as text.
 std::string entryData(const Entry& entry, const EntryStore& store) {
     const auto now = store.now();
+    // Another replica, whose clock may be ahead, may have created the entry.
+    const auto age = milliseconds(std::chrono::system_clock::now() - entry.created);
     const bool isCut = isLong(entry);
     json object{{"path", isCut ? shortened(entry.path) : entry.path},
                 {"checks", entry.checks},
                 {"number", entry.number},
-                {"age", milliseconds(std::chrono::system_clock::now() - entry.created)},
+                {"age", std::max<std::int64_t>(0, age)},
                 {"renewed", milliseconds(now - entry.renewed)}};
     if (isCut) {
         object["cut"] = entry.service.size();
