@@ -141,6 +141,21 @@ TEST(TheWatchCommand, AsksForTheChecksOnlyIfItPrintsThem) {
     }
 }
 
+// Before, it repeated the request without end and printed nothing.
+TEST(TheWatchCommand, FailsAtAServerThatIsNoRegistry) {
+    const std::string header = "HTTP/1.1 200 OK\r\nContent-Length: ";
+    for (const auto& [answer, error] : {std::pair<std::string, std::string>{
+                                            header + "7\r\n\r\nwelcome", "not a stream of changes"},
+                                        {header + "90\r\n\r\nwelcome", "partial message"}}) {
+        FakeServer server("127.0.0.1");
+        RegistryProcess watch({"watch", "--registry", "http://" + server.authority()});
+        server.answer(answer);
+        const auto result = watch.wait();
+        EXPECT_EQ(statusOf(result), 125);
+        EXPECT_THAT(result.errors, HasSubstr(error));
+    }
+}
+
 TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     const TemporaryFolder folder;
     RegistryOptions options;

@@ -155,13 +155,22 @@ std::optional<Response> Client::watch(
         return parser.release();
     }
     std::string text;
+    bool hasEvents = false;
+    const auto takeEvent = [&](std::string_view name, std::string_view data) {
+        hasEvents = true;
+        take(name, data);
+    };
     while (!error && !parser.is_done()) {
         error =
             await([&](auto handler) { http::async_read_some(*stream_, buffer_, parser, handler); });
         text += std::exchange(parser.get().body(), {});
-        takeEvents(text, lastId, take);
+        takeEvents(text, lastId, takeEvent);
     }
     stream_.reset();
+    if (!hasEvents) {
+        require(error);
+        throw std::runtime_error("the answer of the registry is not a stream of changes");
+    }
     return std::nullopt;
 }
 

@@ -41,7 +41,8 @@ class Client {
 
     /// Follows the stream of changes at `target` until the connection ends. `lastId`: the id of the
     /// last known event; updated with each event. `take` is called with the name and the data of
-    /// each event. Returns the registry's answer if it is not a stream.
+    /// each event. Returns the registry's answer if its status is not 200. Throws if the connection
+    /// ends before the first event.
     std::optional<Response> watch(
         const std::string& target, std::string& lastId,
         const std::function<void(std::string_view, std::string_view)>& take);
