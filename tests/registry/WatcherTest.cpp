@@ -6,6 +6,7 @@
 
 #include <boost/beast/http/status.hpp>
 #include <chrono>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -70,8 +71,8 @@ TEST(AWatcher, GetsTheListAsServerSentEvents) {
 }
 
 /// Sends requests without a change until a watcher has nothing to send and waits.
-void letWatchersRest(RawConnection& connection) {
-    for (const auto end = Clock::now() + 100ms; Clock::now() < end;) {
+void letWatchersRest(RawConnection& connection, std::chrono::milliseconds time = 100ms) {
+    for (const auto end = Clock::now() + time; Clock::now() < end;) {
         connection.ask(makeRequest("HEAD", "/"));
     }
 }
@@ -106,6 +107,25 @@ TEST(AWatcher, GetsChecksAndExpiriesWithoutFurtherRequests) {
     }
     EXPECT_THAT(watcher.connection.readUntil(",1,"), HasSubstr("event: checked\n"));
     watcher.connection.readUntil("event: removed\n");
+}
+
+// Before, the expiry reached the other watchers only when their own timers expired.
+TEST(AWatcher, GetsAnExpiryThatTheTimerOfAnotherWatcherHasFound) {
+    RegistryOptions options;
+    options.ttl = 3s;
+    const RunningRegistry registry(options);
+    RawConnection other = registry.connect();
+    put(other, "/lamp");
+    const auto timeOfRemoval = [](Watcher& watcher) {
+        watcher.connection.readUntil("event: removed\n");
+        return Clock::now();
+    };
+    Watcher one(registry.port());
+    letWatchersRest(other, 500ms);  // the timers of the watchers then expire half a second apart
+    Watcher another(registry.port());
+    auto removed = std::async(std::launch::async, timeOfRemoval, std::ref(another));
+    const auto time = timeOfRemoval(one);
+    EXPECT_LT(std::chrono::abs(time - removed.get()), 350ms);
 }
 
 TEST(AWatcher, GetsNoChecksUnlessItWantsThem) {

@@ -443,6 +443,7 @@ void Connection::beginWatch(const Response& response, const Watch& watch) {
 
 void Connection::sendNews() {
     auto piece = shared_.dispatcher.news(*watch_);
+    shared_.wakeWatchers();  // entries may have expired
     piece->empty() ? awaitNews() : send(std::move(piece));
 }
 

@@ -56,9 +56,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
         /// watch or wait for a request end at once, all others after their answer.
         void endOldOnes();
 
-        /// Called after a request, and after changes at etcd. Wakes the idle watchers if an entry
-        /// was put or removed. Checks alone wake none: a watcher sends them when its own timer
-        /// expires.
+        /// Called after a request, after changes at etcd, and after a watcher has looked for
+        /// expired entries. Wakes the idle watchers if an entry was put or removed. Checks alone
+        /// wake none: a watcher sends them when its own timer expires.
         void wakeWatchers();
     };
 
