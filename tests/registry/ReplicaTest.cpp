@@ -139,6 +139,7 @@ TEST_F(TheReplicas, AreNotReadyBeforeTheyKnowTheEntries) {
     Replica b({etcd_.url()});
     EXPECT_EQ(b.statusOf("GET", "/-/ready"), 503U);
     EXPECT_EQ(b.statusOf("GET", "/"), 503U);
+    EXPECT_EQ(b.statusOf("HEAD", "/"), 503U);
     EXPECT_EQ(b.statusOf("GET", "/-/watch"), 503U);
     EXPECT_EQ(b.statusOf("GET", "/-/prometheus"), 503U);
     EXPECT_EQ(b.statusOf("HEAD", known), 503U);

@@ -215,6 +215,7 @@ def ask_an_open_registry(registry):
     location = registry.put("/lamp", LAMP)
     registry.put("/lamp", {**LAMP, "host": "10.0.0.6"})
     registry.put("/odd", {"any": {"more": [1, None]}})
+    registry.ask("DELETE", registry.put("/-/metrics", {}), "/{path}")
     for method in ("GET", "HEAD"):
         registry.ask(method, location, "/{path}")
     registry.ask("GET", "/")
