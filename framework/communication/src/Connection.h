@@ -5,6 +5,7 @@
 #include "Request.h"
 #include "Stream.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -58,6 +59,11 @@ class Connection final : private Stream::Listener {
     const std::string& tlsError() const { return stream_->tlsError(); }
     /// Whether no request has been sent over this connection.
     bool isNew() const { return isNew_; }
+    /// The time at which a new connection that has input is given up: the argument of the first
+    /// call.
+    Clock::time_point endOfInput(Clock::time_point latest) {
+        return endOfInput_ = std::min(endOfInput_, latest);
+    }
     /// The connection is idle, and must send no request any more.
     void outdate() { isOutdated_ = true; }
     bool isOutdated() const { return isOutdated_; }
@@ -78,6 +84,7 @@ class Connection final : private Stream::Listener {
     Owner& owner_;
     AnswerReader reader_;
     std::unique_ptr<Request> request_;
+    Clock::time_point endOfInput_ = Clock::time_point::max();
     bool isNew_ = true;
     bool isOutdated_ = false;
     bool isRepeatable_ = false;  // The outstanding request was sent over a kept connection.

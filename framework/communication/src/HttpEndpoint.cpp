@@ -90,7 +90,7 @@ void HttpEndpoint::process(Clock::time_point now) {
     if (now >= nextTime_) {
         expire(now);
     }
-    serveIdle();
+    serveIdle(now);
     if (waiting() != 0) {
         connect(now);
     }
@@ -155,7 +155,9 @@ void HttpEndpoint::expireRepeats(Clock::time_point now) {
     }
 }
 
-void HttpEndpoint::serveIdle() {
+// Input on a new connection may be a TLS session ticket. The outstanding read consumes it, or
+// reports an error, unless the rest of the record does not arrive.
+void HttpEndpoint::serveIdle(Clock::time_point now) {
     for (std::size_t i = idle_.size(); i-- > 0 && waiting() != 0;) {
         Connection& connection = *idle_[i];
         if (!connection.isOutdated() && connection.hasNoInput()) {
@@ -163,9 +165,12 @@ void HttpEndpoint::serveIdle() {
             serve(connection);
         } else if (connection.isOutdated() || !connection.isNew()) {
             drop(connection);
+        } else if (const auto end = connection.endOfInput(now + connectTimeout()); end <= now) {
+            avoid(connection.address());
+            drop(connection);
+        } else {
+            wakeAt(end);
         }
-        // Input on a new connection may be TLS session tickets. The outstanding read consumes it or
-        // reports an error.
     }
 }
 
@@ -221,9 +226,12 @@ void HttpEndpoint::connect(Clock::time_point now) {
 }
 
 bool HttpEndpoint::needsConnection() const {
-    const std::size_t wanted = idle_.empty() ? waiting() : repeats_.size();
-    const std::size_t atOnce = connections_.empty() ? 1 : settings_->config.connectionsPerEndpoint;
-    return connecting_.size() < std::min(wanted, atOnce) &&
+    // serveIdle() has used or dropped all other idle connections for which a request was waiting.
+    const auto unready = static_cast<std::size_t>(
+        std::count_if(idle_.begin(), idle_.end(), [](const auto* one) { return one->isNew(); }));
+    const std::size_t atOnce =
+        connections_.size() == unready ? 1 : settings_->config.connectionsPerEndpoint;
+    return connecting_.size() + unready < std::min(waiting(), atOnce) &&
            connections_.size() + connecting_.size() < settings_->config.connectionsPerEndpoint;
 }
 
@@ -231,7 +239,7 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
     try {
         auto connector =
             std::make_shared<Connector>(context_.io, *settings_, tls_ ? &*tls_ : nullptr, *this);
-        const auto deadline = now + std::min(settings_->config.connectTimeout, kLongestTimeout);
+        const auto deadline = now + connectTimeout();
         connecting_.push_back({connector, deadline, added_});
         wakeAt(deadline);
         if (findAddresses()) {

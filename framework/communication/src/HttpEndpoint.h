@@ -10,6 +10,7 @@
 
 #include <orvx/utility/StreamingLogger.h>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,6 +68,9 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     const Origin& nextHop() const {
         return settings_->proxy.host.empty() ? settings_->origin : settings_->proxy;
     }
+    std::chrono::milliseconds connectTimeout() const {
+        return std::min(settings_->config.connectTimeout, kLongestTimeout);
+    }
     std::size_t waiting() const { return repeats_.size() + heads_.size() + others_.size(); }
     void wakeAt(Clock::time_point time) { nextTime_ = std::min(nextTime_, time); }
     void expire(Clock::time_point now);
@@ -74,7 +78,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void expireRepeats(Clock::time_point now);
 
     void serve(Connection& connection);
-    void serveIdle();
+    void serveIdle(Clock::time_point now);
     std::unique_ptr<Request> nextFor(const Connection& connection);
     void complete(std::unique_ptr<Request> request, CommunicationStatus status,
                   const std::string& cause = {});

@@ -190,5 +190,24 @@ TEST_F(AddressesOfAName, KeepTheConnectionsIfThereIsOnlyOne) {
     EXPECT_EQ(server_.counters().closedByPeer, 1U);
 }
 
+// The connection was neither used nor dropped, and no other one was made.
+TEST_F(AddressesOfAName, AreChangedAfterAConnectionThatBringsAPartOfARecordAndThenNothing) {
+    TlsServer::Options options;
+    options.afterHandshake = "\x17\x03\x03";
+    const TlsServer silent(options, [](SSL&) {});
+    TlsServer::Options ofSecond;
+    ofSecond.loopback = Loopback::SecondV4;
+    ofSecond.port = silent.port();
+    const TlsServer answering(ofSecond, [](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, response(200));
+    });
+    HttpConfig config;
+    config.connectTimeout = 300ms;
+    config.tls.enabled = true;
+    config.tls.disableServerVerification = true;
+    EXPECT_EQ(codeOf(remove(session(silent.port(), config, "a.replicas.test"))), 200);
+}
+
 }  // namespace
 }  // namespace orvx::testing

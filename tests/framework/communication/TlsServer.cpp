@@ -57,6 +57,7 @@ Certificate makeCertificate(EVP_PKEY* key, const TlsServer::Options& options) {
 
 TlsServer::TlsServer(const Options& options, Script script)
     : script_(std::move(script)),
+      afterHandshake_(options.afterHandshake),
       context_(SSL_CTX_new(TLS_server_method())),
       listener_(bindLoopback(options.loopback, options.port)),
       port_(portOf(listener_)) {
@@ -114,6 +115,10 @@ void TlsServer::serve(int connection) {
     const timeval patience{5, 0};
     ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     const std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context_.get()), SSL_free);
+    if (!afterHandshake_.empty()) {
+        handshakeAndSend(connection, *ssl);
+        return;
+    }
     SSL_set_fd(ssl.get(), connection);
     if (SSL_accept(ssl.get()) == 1) {
         {
@@ -127,6 +132,27 @@ void TlsServer::serve(int connection) {
     ::shutdown(connection, SHUT_WR);
     std::array<char, 1024> ignored;
     while (::recv(connection, ignored.data(), ignored.size(), 0) > 0) {
+    }
+}
+
+void TlsServer::handshakeAndSend(int connection, SSL& ssl) const {
+    BIO* const in = BIO_new(BIO_s_mem());
+    BIO* const out = BIO_new(BIO_s_mem());
+    SSL_set_bio(&ssl, in, out);
+    std::array<char, 4096> bytes;
+    while (BIO_pending(out) == 0) {
+        const auto size = ::recv(connection, bytes.data(), bytes.size(), 0);
+        if (size <= 0) {
+            return;
+        }
+        BIO_write(in, bytes.data(), static_cast<int>(size));
+        SSL_accept(&ssl);
+    }
+    char* begin = nullptr;
+    const auto size = BIO_get_mem_data(out, &begin);
+    const std::string flight = std::string(begin, static_cast<std::size_t>(size)) + afterHandshake_;
+    ::send(connection, flight.data(), flight.size(), MSG_NOSIGNAL);
+    while (::recv(connection, bytes.data(), bytes.size(), 0) > 0) {
     }
 }
 

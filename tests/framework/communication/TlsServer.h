@@ -30,6 +30,9 @@ class TlsServer {
         bool isMutual = false;  ///< Requires the server's own certificate from clients.
         Loopback loopback = Loopback::V4;
         std::uint16_t port = 0;  ///< Zero for any free one.
+        /// Raw bytes that follow the server's part of the TLS 1.3 handshake in the same segment. If
+        /// there are any, the server then only waits for the end of the connection.
+        std::string afterHandshake;
     };
 
     TlsServer(const Options& options, Script script);
@@ -55,8 +58,10 @@ class TlsServer {
     void setUp(const Options& options);
     void serve();
     void serve(int connection);
+    void handshakeAndSend(int connection, SSL& ssl) const;
 
     const Script script_;
+    const std::string afterHandshake_;
     std::string authority_;
     std::unique_ptr<SSL_CTX, ContextDeleter> context_;
     const Socket listener_;
