@@ -59,6 +59,8 @@ class Connection final : private Stream::Listener {
     const std::string& tlsError() const { return stream_->tlsError(); }
     /// Whether no request has been sent over this connection.
     bool isNew() const { return isNew_; }
+    /// Whether the last request was sent over a kept connection.
+    bool isKept() const { return isRepeatable_; }
     /// The time at which a new connection that has input is given up: the argument of the first
     /// call.
     Clock::time_point endOfInput(Clock::time_point latest) {

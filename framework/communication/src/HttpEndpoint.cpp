@@ -18,6 +18,8 @@ namespace {
 // Shorter than the lifetime of most DNS records, and long enough that a client that reconnects
 // again and again does not look the name up each time.
 constexpr std::chrono::seconds kAddressesLast(60);
+// The pause after a further connection has failed while another one serves the requests.
+constexpr std::chrono::seconds kPauseOfFurther(1);
 
 /// Whether a connection that broke with this status has ended without a whole answer. Otherwise the
 /// answer was refused, or memory ran out.
@@ -220,19 +222,23 @@ void HttpEndpoint::drop(Connection& connection) {
 // Starts one connection at a time until the first is established, so that a server that has just
 // restarted is not flooded.
 void HttpEndpoint::connect(Clock::time_point now) {
-    while (needsConnection()) {
+    while (needsConnection(now)) {
         startConnecting(now);
     }
 }
 
-bool HttpEndpoint::needsConnection() const {
+bool HttpEndpoint::needsConnection(Clock::time_point now) {
     // serveIdle() has used or dropped all other idle connections for which a request was waiting.
     const auto unready = static_cast<std::size_t>(
         std::count_if(idle_.begin(), idle_.end(), [](const auto* one) { return one->isNew(); }));
-    const std::size_t atOnce =
-        connections_.size() == unready ? 1 : settings_->config.connectionsPerEndpoint;
-    return connecting_.size() + unready < std::min(waiting(), atOnce) &&
-           connections_.size() + connecting_.size() < settings_->config.connectionsPerEndpoint;
+    const std::size_t most = settings_->config.connectionsPerEndpoint;
+    const bool isFirst = connections_.size() == unready;
+    std::size_t wanted = std::min(waiting(), isFirst ? 1 : most);
+    if (!isFirst && now < nextFurther_) {
+        wakeAt(nextFurther_);
+        wanted = repeats_.size();
+    }
+    return connecting_.size() + unready < wanted && connections_.size() + connecting_.size() < most;
 }
 
 void HttpEndpoint::startConnecting(Clock::time_point now) {
@@ -247,7 +253,7 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
             wakeAt(connector->nextTime());
         }
     } catch (const std::bad_alloc&) {
-        failWaiting(CommunicationStatus::OutOfMemory, added_, false);
+        failWaiting(CommunicationStatus::OutOfMemory, added_, connections_.empty());
     } catch (const std::exception& error) {
         onConnectFailed(*connecting_.back().connector, CommunicationStatus::ResolveFailed,
                         reasonForNoLookUp(nextHop().host, error));
@@ -339,7 +345,7 @@ void HttpEndpoint::onConnected(Connector& connector, std::shared_ptr<Stream> str
         connections_.push_back(
             std::make_unique<Connection>(std::move(stream), address, ended.lastWaiting, *this));
     } catch (const std::exception&) {
-        failWaiting(CommunicationStatus::OutOfMemory, added_, false);
+        failWaiting(CommunicationStatus::OutOfMemory, added_, connections_.empty());
         return;
     }
     idle_.push_back(connections_.back().get());
@@ -358,8 +364,7 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
     if (settings_->config.unixSocketPath.empty() && addressesEnd_ != Clock::time_point::max()) {
         addressesEnd_ = Clock::time_point::min();  // The addresses may have changed.
     }
-    const bool failsAll = connections_.empty() && status != CommunicationStatus::OutOfMemory;
-    failWaiting(status, ended.lastWaiting, failsAll, cause);
+    failWaiting(status, ended.lastWaiting, connections_.empty(), cause);
 }
 
 /// Logs a cause once until the next answer or another cause.
@@ -400,17 +405,29 @@ std::string HttpEndpoint::tlsErrorOf(const Connection& connection,
     }
 }
 
-/// Fails the waiting requests with numbers up to `lastWaiting`, or only the first of them.
-void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool failsAll,
+/// Handles a connection that cannot be made or ended unused. If it was the only one, fails the
+/// waiting requests with numbers up to `lastWaiting`; only the first of them if memory runs out.
+/// Otherwise fails the first request that needs a new connection: the other connections serve the
+/// rest.
+void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool wasOnly,
                                const std::string& cause) {
+    if (!wasOnly) {
+        pauseFurther();
+    }
+    const bool failsAll = wasOnly && status != CommunicationStatus::OutOfMemory;
     for (RequestQueue* const queue : {&repeats_, &heads_, &others_}) {
-        while (!queue->isEmpty() && queue->front().number <= lastWaiting) {
+        while (!queue->isEmpty() && queue->front().number <= lastWaiting &&
+               (wasOnly || queue == &repeats_)) {
             complete(queue->pop(), status, cause);
             if (!failsAll) {
                 return;
             }
         }
     }
+}
+
+void HttpEndpoint::pauseFurther() {
+    nextFurther_ = Clock::now() + kPauseOfFurther;
 }
 
 void HttpEndpoint::onAnswered(Connection& connection, std::unique_ptr<Request> request,
@@ -435,6 +452,9 @@ void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> req
     }
     if (request) {
         --busy_;
+        if (hasEnded(status) && !connection.isKept() && connections_.size() > 1) {
+            pauseFurther();
+        }
         if (status == CommunicationStatus::Ok) {
             repeats_.push(std::move(request));
         } else {

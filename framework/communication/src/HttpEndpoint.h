@@ -89,9 +89,10 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     bool findAddresses();
     void setAddresses(Addresses found);
     void avoid(const Address& address);
-    bool needsConnection() const;
-    void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool failsAll,
+    bool needsConnection(Clock::time_point now);
+    void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool wasOnly,
                      const std::string& cause = {});
+    void pauseFurther();
     void logOnce(const std::string& cause);
     std::string tlsErrorOf(const Connection& connection, CommunicationStatus status) const noexcept;
     std::string causeOf(CommunicationStatus status, const std::string& detail) const noexcept;
@@ -125,6 +126,8 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     Clock::time_point addressesEnd_ = Clock::time_point::min();
     bool isLookingUp_ = false;
     std::string lastLoggedCause_;  // Empty after an answer.
+    // Before this time no connection is made for requests that another connection can serve.
+    Clock::time_point nextFurther_ = Clock::time_point::min();
     Clock::time_point nextTime_ = Clock::time_point::max();
     bool hasHadEarlyBytes_ = false;
     bool isRetired_ = false;

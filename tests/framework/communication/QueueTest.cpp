@@ -3,10 +3,12 @@
 #include "BusyIoThread.h"
 #include "HttpTest.h"
 
+#include <functional>
 #include <future>
 #include <vector>
 
 #include "DeadResolver.h"
+#include "Descriptors.h"
 #include "Loopback.h"
 
 namespace orvx::testing {
@@ -14,6 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::AllOf;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::Lt;
@@ -25,6 +28,29 @@ class TheQueue : public HttpTest {
         config.requestTimeout = timeout;
         return config;
     }
+    void keepAConnection() {
+        server_.onRequest([](const Request&) { return response(200); });
+        EXPECT_EQ(codeOf(put(session_)), 200);
+    }
+    /// The statuses of 100 requests that are sent at once. Holds the I/O thread from the start of
+    /// connecting until `meanwhile` has returned.
+    std::vector<CommunicationStatus> statusesOfABurst(const std::function<void()>& meanwhile = [] {
+    }) {
+        std::vector<Outcome> outcomes(100);
+        {
+            const BusyIoThread busy(context_);
+            for (Outcome& outcome : outcomes) {
+                session_->sendPutRequestJson("/", "", 0, outcome.handler());
+            }
+            context_.getUnavailableSession()->sendHeadRequest(
+                "/", [&meanwhile](const HttpResponse&) { meanwhile(); });
+        }
+        std::vector<CommunicationStatus> statuses;
+        for (const Outcome& outcome : outcomes) {
+            statuses.push_back(outcome.status());
+        }
+        return statuses;
+    }
     std::vector<std::string> targets() const {
         std::vector<std::string> targets;
         for (const Request& request : server_.requests()) {
@@ -32,6 +58,8 @@ class TheQueue : public HttpTest {
         }
         return targets;
     }
+
+    const SessionPointer session_ = session();
 };
 
 // Regression: an unanswered HEAD held its connection until the request time-out, so that repeated
@@ -156,6 +184,50 @@ TEST_F(TheQueue, RepeatsARequestOnANewConnectionThoughAnotherOneIsIdle) {
     server_.nextRequest(response(201));
     EXPECT_EQ(codeOf(put(two)), 201);
     EXPECT_EQ(server_.counters().connections, 3U);
+}
+
+// One request failed for each further connection that could not be made.
+TEST_F(TheQueue, WaitsForAConnectionThatStandsIfNoFurtherOneCanBeMade) {
+    keepAConnection();
+    server_.stopListening();
+    EXPECT_THAT(statusesOfABurst(), Each(CommunicationStatus::Ok));
+    EXPECT_EQ(server_.counters().connections, 1U);
+}
+
+// All waiting requests failed at once.
+TEST_F(TheQueue, WaitsForAConnectionThatStandsIfThereIsNoDescriptorForAFurtherOne) {
+    keepAConnection();
+    const NoDescriptors none;
+    EXPECT_THAT(statusesOfABurst(), Each(CommunicationStatus::Ok));
+}
+
+TEST_F(TheQueue, WaitsForAConnectionThatStandsIfTheServerClosesFurtherOnes) {
+    keepAConnection();
+    server_.everyConnection(Script().close());
+    const auto waitForEnds = [this] {
+        EXPECT_TRUE(server_.waitFor(
+            [](const auto& now) { return now.connections == 16 && now.open == 1; }));
+    };
+    EXPECT_THAT(statusesOfABurst(waitForEnds), Each(CommunicationStatus::Ok));
+}
+
+TEST_F(TheQueue, FailsARepetitionForWhichNoConnectionCanBeMadeThoughAnotherOneIsIdle) {
+    const SessionPointer two = session();
+    server_.onRequest(
+        [](const Request&) { return Script().waitForRelease("both").send(response(200)); });
+    std::vector<Outcome> outcomes(2);
+    for (Outcome& outcome : outcomes) {
+        two->sendPutRequestJson("/", "", 0, outcome.handler());
+    }
+    ASSERT_TRUE(server_.waitForRequests(2));
+    server_.release("both");
+    for (const Outcome& outcome : outcomes) {
+        EXPECT_EQ(outcome.statusCode(), 200);
+    }
+    server_.nextRequest(Script().reset());
+    server_.stopListening();
+    EXPECT_EQ(put(two).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+    EXPECT_EQ(codeOf(put(two)), 200) << "over the other connection";
 }
 
 TEST_F(TheQueue, RepeatsNoRequestOfWhoseAnswerAByteHasCome) {
