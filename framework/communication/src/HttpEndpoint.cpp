@@ -242,20 +242,27 @@ bool HttpEndpoint::needsConnection(Clock::time_point now) {
 }
 
 void HttpEndpoint::startConnecting(Clock::time_point now) {
+    const auto deadline = now + connectTimeout();
+    std::shared_ptr<Connector> connector;
     try {
-        auto connector =
+        connecting_.reserve(connecting_.size() + 1);
+        connector =
             std::make_shared<Connector>(context_.io, *settings_, tls_ ? &*tls_ : nullptr, *this);
-        const auto deadline = now + connectTimeout();
-        connecting_.push_back({connector, deadline, added_});
-        wakeAt(deadline);
+    } catch (const std::bad_alloc&) {
+        failWaiting(CommunicationStatus::OutOfMemory, added_, connections_.empty());
+        return;
+    }
+    connecting_.push_back({connector, deadline, added_});
+    wakeAt(deadline);
+    try {
         if (findAddresses()) {
             connector->start(addresses_.inOrder());
             wakeAt(connector->nextTime());
         }
     } catch (const std::bad_alloc&) {
-        failWaiting(CommunicationStatus::OutOfMemory, added_, connections_.empty());
+        onConnectFailed(*connector, CommunicationStatus::OutOfMemory, {});
     } catch (const std::exception& error) {
-        onConnectFailed(*connecting_.back().connector, CommunicationStatus::ResolveFailed,
+        onConnectFailed(*connector, CommunicationStatus::ResolveFailed,
                         reasonForNoLookUp(nextHop().host, error));
     }
 }

@@ -1,0 +1,73 @@
+// Memory that runs out at each allocation of the I/O thread and of the thread that looks names up:
+// each request gets one outcome, and the next request is served. The longest time-outs show whether
+// an endpoint stands still.
+#include "DeadResolver.h"
+#include "HttpTest.h"
+#include "Memory.h"
+#include "RecordingLogger.h"
+#include "TlsServer.h"
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <iostream>
+#include <string>
+
+namespace orvx::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ATransportOutOfMemory : public HttpTest {
+  protected:
+    ATransportOutOfMemory() {
+        server_.onRequest([](const Request&) { return response(200); });
+        context_.setLoggerFactory(std::make_shared<RecordingLoggerFactory>());
+        config_.connectTimeout = 1min;
+        config_.requestTimeout = 1min;
+    }
+    void useTls() {
+        config_.tls.enabled = true;
+        config_.tls.disableServerVerification = true;
+    }
+    /// Lets every `step`-th allocation for a request fail, alone and with the three after it. The
+    /// request is the first one of a session. The next request must end with `status`.
+    void sweep(const std::function<SessionPointer()>& makeSession, CommunicationStatus status,
+               std::size_t step = 1) {
+        sweep(makeSession, status, step, 1);
+        sweep(makeSession, status, step, 4);
+    }
+
+    HttpConfig config_;
+    const DeadResolver resolver_;
+
+  private:
+    void sweep(const std::function<SessionPointer()>& makeSession, CommunicationStatus status,
+               std::size_t step, std::size_t failures) {
+        std::size_t n = 0;
+        for (bool hasFailed = true; hasFailed && !HasFailure(); n += step) {
+            context_.deinit();
+            context_.init();
+            const SessionPointer session = makeSession();
+            Outcome outcome;
+            Memory::failAfter(n, failures);
+            session->sendDeleteRequest("/", "", outcome.handler());
+            outcome.response();
+            EXPECT_TRUE(outcome.waitUntilDestroyed());
+            hasFailed = Memory::recover() > 0;
+            EXPECT_EQ(outcome.calls(), 1);
+            EXPECT_EQ(remove(session).getCommunicationStatus(), status)
+                << "after the failure of allocation " << n;
+        }
+        std::cout << "swept " << n << " allocations\n";
+        EXPECT_GT(n, 10U);
+    }
+};
+
+TEST_F(ATransportOutOfMemory, SaysThatAConnectionIsRefused) {
+    const RefusedPort refused;
+    sweep([&] { return session(refused.port(), config_); }, CommunicationStatus::ConnectFailed);
+}
+
+}  // namespace
+}  // namespace orvx::testing
