@@ -64,9 +64,45 @@ class ATransportOutOfMemory : public HttpTest {
     }
 };
 
+TEST_F(ATransportOutOfMemory, FindsTheServerOfAName) {
+    sweep([this] { return session(server_.port(), config_, "a.replicas.test"); },
+          CommunicationStatus::Ok);
+}
+
+TEST_F(ATransportOutOfMemory, SaysThatANameIsUnknown) {
+    sweep([this] { return session(80, config_, "a.unknown.test"); },
+          CommunicationStatus::ResolveFailed);
+}
+
 TEST_F(ATransportOutOfMemory, SaysThatAConnectionIsRefused) {
     const RefusedPort refused;
     sweep([&] { return session(refused.port(), config_); }, CommunicationStatus::ConnectFailed);
+}
+
+TEST_F(ATransportOutOfMemory, SaysThatAConnectionIsNotAccepted) {
+    const BlackHole silent;
+    config_.connectTimeout = 10ms;
+    sweep([&] { return session(silent.port(), config_); }, CommunicationStatus::TimedOut);
+}
+
+TEST_F(ATransportOutOfMemory, SpeaksTls) {
+    const TlsServer server({}, [](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+    });
+    useTls();
+    sweep([&] { return session(server.port(), config_); }, CommunicationStatus::Ok, 7);
+}
+
+TEST_F(ATransportOutOfMemory, SaysThatAHandshakeFailed) {
+    TlsServer::Options mutual;
+    mutual.isMutual = true;
+    useTls();
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        mutual.version = version;
+        const TlsServer server(mutual, [](SSL&) {});
+        sweep([&] { return session(server.port(), config_); }, CommunicationStatus::TlsFailed, 7);
+    }
 }
 
 }  // namespace

@@ -37,6 +37,15 @@ std::string connectError(const error_code& error, const Address& address) {
                : "no connection to " + toText(address) + ": " + error.message();
 }
 
+/// Empty if memory runs out.
+std::string messageOf(const std::exception& error) noexcept {
+    try {
+        return error.what();
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
 }  // namespace
 
 struct Connector::Attempt {
@@ -60,13 +69,15 @@ void Connector::guarded(const Step& step) noexcept {
         fail(CommunicationStatus::OutOfMemory);
     } catch (const std::exception& error) {
         fail(tls_ != nullptr ? CommunicationStatus::TlsFailed : CommunicationStatus::ConnectFailed,
-             error.what());
+             messageOf(error));
     }
 }
 
-void Connector::start(Addresses addresses) {
-    addresses_ = std::move(addresses);
-    startAttempts();
+void Connector::start(const Addresses& addresses) {
+    guarded([&] {
+        addresses_ = addresses;
+        startAttempts();
+    });
 }
 
 void Connector::onTime() {
@@ -211,6 +222,7 @@ void Connector::startTls() {
 
 void Connector::onHandshake(const error_code& error) {
     if (error) {
+        tls_->forgetContext();
         guarded([this, &error] {
             fail(CommunicationStatus::TlsFailed,
                  "TLS with " + settings_.origin.authority +

@@ -48,7 +48,7 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     Connector& operator=(const Connector&) = delete;
 
     /// Starts with the first address. The owner may be called before start() returns.
-    void start(Addresses addresses);
+    void start(const Addresses& addresses);
     bool isStarted() const { return !addresses_.empty(); }
     /// The address that accepted the connection; equal to no address before.
     const Address& connected() const { return connected_; }

@@ -374,11 +374,15 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
     failWaiting(status, ended.lastWaiting, connections_.empty(), cause);
 }
 
-/// Logs a cause once until the next answer or another cause.
-void HttpEndpoint::logOnce(const std::string& cause) {
-    if (!cause.empty() && cause != lastLoggedCause_) {
-        lastLoggedCause_ = cause;
-        context_.logger.logWarning(false) << cause;
+/// Logs a cause once until the next answer or another cause. The line is lost if memory runs out.
+void HttpEndpoint::logOnce(const std::string& cause) noexcept {
+    try {
+        if (!cause.empty() && cause != lastLoggedCause_) {
+            lastLoggedCause_ = cause;
+            context_.logger.logWarning(false) << cause;
+        }
+    } catch (const std::bad_alloc&) {
+        // The failure is reported by the outcomes of the requests.
     }
 }
 

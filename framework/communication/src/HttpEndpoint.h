@@ -93,7 +93,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool wasOnly,
                      const std::string& cause = {});
     void pauseFurther();
-    void logOnce(const std::string& cause);
+    void logOnce(const std::string& cause) noexcept;
     std::string tlsErrorOf(const Connection& connection, CommunicationStatus status) const noexcept;
     std::string causeOf(CommunicationStatus status, const std::string& detail) const noexcept;
     void onNewConnectionBroken(const Connection& connection, CommunicationStatus status);

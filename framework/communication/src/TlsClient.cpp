@@ -51,6 +51,17 @@ void setUpOpenssl() {
     }
 }
 
+// OpenSSL reports failures in a queue that it allocates for each thread. Without the queue Asio
+// takes a failure for a success.
+void requireErrorQueue() {
+    ERR_raise(ERR_LIB_USER, ERR_R_MALLOC_FAILURE);
+    const bool exists = ERR_peek_error() != 0;
+    ERR_clear_error();
+    if (!exists) {
+        throw std::bad_alloc();
+    }
+}
+
 bool isAddress(const std::string& host) {
     in6_addr ignored;
     return ::inet_pton(AF_INET, host.c_str(), &ignored) == 1 ||
@@ -82,6 +93,7 @@ TlsClient::TlsClient(const TlsConfig& config, const std::string& host)
 TlsClient::~TlsClient() = default;
 
 std::shared_ptr<ssl::context> TlsClient::context() {
+    requireErrorQueue();
     const Files files = readFiles();
     if (!mayKeepContext_) {
         return makeContext(files);
@@ -93,6 +105,11 @@ std::shared_ptr<ssl::context> TlsClient::context() {
         digest_ = digest;
     }
     return context_;
+}
+
+void TlsClient::forgetContext() noexcept {
+    sessions_.clear();
+    context_.reset();
 }
 
 TlsClient::Files TlsClient::readFiles() const {
@@ -121,8 +138,14 @@ TlsClient::Digest TlsClient::digestOf(const Files& files) {
 
 std::shared_ptr<ssl::context> TlsClient::makeContext(const Files& files) {
     ERR_clear_error();
-    auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
-    SSL_CTX* const native = context->native_handle();
+    // Asio's own call takes a failure that leaves no error in the queue for a success.
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> made(SSL_CTX_new(TLS_client_method()),
+                                                           SSL_CTX_free);
+    if (!made) {
+        throw std::bad_alloc();
+    }
+    auto context = std::make_shared<ssl::context>(made.get());
+    SSL_CTX* const native = made.release();
     const bool is13 = config_.lowestVersion == TlsConfig::Version::Tls13;
     SSL_CTX_set_min_proto_version(native, is13 ? TLS1_3_VERSION : TLS1_2_VERSION);
     SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);

@@ -29,6 +29,9 @@ class TlsClient {
     /// The context for the next connection. Throws utility::OrvFoundationException if a file cannot
     /// be used.
     std::shared_ptr<boost::asio::ssl::context> context();
+    /// Makes the next connection use a new context. OpenSSL may make a context with fewer
+    /// algorithms if memory runs out.
+    void forgetContext() noexcept;
     /// Configures a connection: the name to verify, the server name to send, the session to resume.
     void prepare(SSL& ssl);
     /// Allows the connection to outlive this object. Sessions that it receives later are dropped.
