@@ -105,5 +105,25 @@ TEST_F(ATransportOutOfMemory, SaysThatAHandshakeFailed) {
     }
 }
 
+// The next request was once sent after a part of the failed one.
+TEST_F(ATransportOutOfMemory, SendsNothingAfterAPartOfARequest) {
+    const std::string content(32 * 1024 * 1024, 'x');
+    bool hasFailed = true;
+    for (std::size_t n = 0; hasFailed && !HasFailure(); ++n) {
+        HostileServer server;
+        server.onRequest([](const Request&) { return response(200); });
+        const SessionPointer kept = session(server.port(), config_);
+        put(kept);
+        Outcome outcome;
+        Memory::failAfter(n, 1);
+        kept->sendPutRequestJson("/", content.data(), content.size(), outcome.handler());
+        outcome.response();
+        EXPECT_TRUE(outcome.waitUntilDestroyed());
+        hasFailed = Memory::recover() > 0;
+        EXPECT_EQ(codeOf(put(kept, "/next")), 200) << "after the failure of allocation " << n;
+        EXPECT_EQ(server.requests().back().target, "/next");
+    }
+}
+
 }  // namespace
 }  // namespace orvx::testing

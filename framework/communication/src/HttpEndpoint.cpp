@@ -181,14 +181,26 @@ void HttpEndpoint::serveIdle(Clock::time_point now) {
 void HttpEndpoint::serve(Connection& connection) {
     while (auto request = nextFor(connection)) {
         try {
-            connection.send(request, headBytes_.make(*request));
-            ++busy_;
+            const std::string& head = headBytes_.make(*request);
+            send(connection, request, head);
             return;
         } catch (const std::exception&) {
             complete(std::move(request), CommunicationStatus::OutOfMemory);
         }
     }
     idle_.push_back(&connection);
+}
+
+/// Drops the connection if memory runs out, because a part of the request may be sent.
+void HttpEndpoint::send(Connection& connection, std::unique_ptr<Request>& request,
+                        const std::string& head) noexcept {
+    try {
+        connection.send(request, head);
+        ++busy_;
+    } catch (const std::exception&) {
+        complete(std::move(request), CommunicationStatus::OutOfMemory);
+        drop(connection);
+    }
 }
 
 std::unique_ptr<Request> HttpEndpoint::nextFor(const Connection& connection) {

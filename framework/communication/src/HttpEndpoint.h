@@ -79,6 +79,8 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
 
     void serve(Connection& connection);
     void serveIdle(Clock::time_point now);
+    void send(Connection& connection, std::unique_ptr<Request>& request,
+              const std::string& head) noexcept;
     std::unique_ptr<Request> nextFor(const Connection& connection);
     void complete(std::unique_ptr<Request> request, CommunicationStatus status,
                   const std::string& cause = {});
