@@ -68,7 +68,9 @@ void HttpEndpoint::add(std::unique_ptr<Request> request) {
     (isHead ? heads_ : others_).push(std::move(request));
 }
 
+// A HEAD in heads_ is newer than those that were sent.
 std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
+    auto repeat = takeOldestHeadOfRepeats();
     Connection* oldest = nullptr;
     for (const auto& connection : connections_) {
         const Request* const request = connection->request();
@@ -76,6 +78,12 @@ std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
             (oldest == nullptr || request->number < oldest->request()->number)) {
             oldest = connection.get();
         }
+    }
+    if (repeat && (oldest == nullptr || repeat->number < oldest->request()->number)) {
+        return repeat;
+    }
+    if (repeat) {
+        repeats_.push(std::move(repeat));
     }
     if (oldest == nullptr) {
         return heads_.pop();
@@ -85,6 +93,21 @@ std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
     avoid(oldest->address());
     drop(*oldest);
     return request;
+}
+
+/// Null if there is none.
+std::unique_ptr<Request> HttpEndpoint::takeOldestHeadOfRepeats() {
+    std::unique_ptr<Request> oldest;
+    for (std::size_t left = repeats_.size(); left > 0; --left) {
+        auto request = repeats_.pop();
+        if (request->kind == Request::Kind::Head && (!oldest || request->number < oldest->number)) {
+            std::swap(request, oldest);
+        }
+        if (request) {
+            repeats_.push(std::move(request));
+        }
+    }
+    return oldest;
 }
 
 void HttpEndpoint::process(Clock::time_point now) {

@@ -77,6 +77,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     void expireWaiting(RequestQueue& queue, Clock::time_point now);
     void expireRepeats(Clock::time_point now);
 
+    std::unique_ptr<Request> takeOldestHeadOfRepeats();
     void serve(Connection& connection);
     void serveIdle(Clock::time_point now);
     void send(Connection& connection, std::unique_ptr<Request>& request,

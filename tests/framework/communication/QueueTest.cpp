@@ -408,6 +408,29 @@ TEST_F(TheQueue, GivesUpAHeadThatStillWaits) {
     EXPECT_EQ(second.statusCode(), 200);
 }
 
+// Another HEAD was given up instead.
+TEST_F(TheQueue, GivesUpAHeadThatWaitsToBeRepeated) {
+    const DeadResolver resolver;
+    const BlackHole silent(Loopback::SecondV4, server_.port());
+    const SessionPointer connection = session(server_.port(), oneConnection(), "a.replicas.test");
+    server_.nextRequest(response(200));
+    server_.nextRequest(Script().waitForRelease("end").close());
+    put(connection);
+    server_.stopListening();
+    Outcome first;
+    Outcome second;
+    connection->sendHeadRequest("/first", first.handler());
+    connection->sendHeadRequest("/second", second.handler());
+    ASSERT_TRUE(server_.waitForRequests(2));
+    server_.release("end");
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    HostileServer later;
+    put(session(later.port()));  // The end of the connection is noticed before this answer.
+    connection->abandon();
+    EXPECT_EQ(first.status(), CommunicationStatus::Abandoned);
+    EXPECT_EQ(second.calls(), 0);
+}
+
 TEST_F(TheQueue, GivesUpHeadsOnlyAndNoneOfAnotherSession) {
     server_.onRequest(
         [](const Request&) { return Script().waitForRelease("answer").send(response(200)); });
