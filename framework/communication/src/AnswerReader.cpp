@@ -254,8 +254,13 @@ bool AnswerReader::finish() {
     return hasPart && !error;
 }
 
+// The parser expects no body after these status codes, whatever is announced: a server that sends
+// one would answer the next request with it. To a HEAD the announcement is allowed.
 bool AnswerReader::isConnectionKept() const {
-    return (*parser_)->keep_alive();
+    Parser::Message& message = **parser_;
+    const bool hasNoBody = answer_->statusCode == 204 || answer_->statusCode == 304;
+    const bool announcesBody = message.chunked() || message.content_length().value_or(0) != 0;
+    return message.keep_alive() && (limits_.hasNoBody || !hasNoBody || !announcesBody);
 }
 
 AnswerReader::Progress AnswerReader::refuse(CommunicationStatus why) {

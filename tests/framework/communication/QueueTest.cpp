@@ -247,6 +247,29 @@ TEST_F(TheQueue, DoesNotUseAConnectionThatTheServerMeansToClose) {
     EXPECT_EQ(server_.counters().connections, 2U);
 }
 
+// The announced body was taken for the answer to the next request.
+TEST_F(TheQueue, DoesNotUseAConnectionAfterAnAnswerThatAnnouncesABodyItCannotHave) {
+    const SessionPointer connection = session(oneConnection());
+    const std::vector<std::string> announcements = {"Content-Length: 2",
+                                                    "Transfer-Encoding: chunked"};
+    for (const char* const status : {"204 No Content", "304 Not Modified"}) {
+        for (const std::string& announcement : announcements) {
+            server_.nextRequest("HTTP/1.1 " + std::string(status) + "\r\n" + announcement +
+                                "\r\n\r\n");
+            put(connection);
+        }
+    }
+    server_.onRequest(
+        [](const Request&) { return "HTTP/1.1 204 No Content\r\nContent-Length: 0\r\n\r\n"; });
+    put(connection);
+    put(connection);
+    server_.onRequest(
+        [](const Request&) { return "HTTP/1.1 204 No Content\r\nContent-Length: 2\r\n\r\n"; });
+    head(connection);
+    put(connection);
+    EXPECT_EQ(server_.counters().connections, 5U);
+}
+
 TEST_F(TheQueue, GivesUpIfTheNewConnectionIsClosedToo) {
     const SessionPointer connection = session(oneConnection());
     server_.nextRequest(response(200));
