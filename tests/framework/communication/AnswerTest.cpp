@@ -52,6 +52,18 @@ TEST_F(AnAnswer, MayBeInPieces) {
     EXPECT_EQ(response.getHeader("A"), "b");
 }
 
+// It ended the process where Boost's assertions were enabled.
+TEST_F(AnAnswer, MayBeCutInsideTheLastChunk) {
+    const HttpResponse response =
+        toScript(Script()
+                     .send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")
+                     .pause(1ms)
+                     .send("0\r\n")
+                     .pause(1ms)
+                     .drip("\r\n", 1ms));
+    EXPECT_EQ(response.getCommunicationStatus(), CommunicationStatus::Ok);
+}
+
 TEST_F(AnAnswer, MayHaveTrailersWhichAreNoHeaders) {
     const HttpResponse response =
         to("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r\nB: c\r\n\r\n");
