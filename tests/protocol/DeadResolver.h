@@ -8,7 +8,7 @@
 namespace orvx::testing {
 
 /// Decides about the look-ups (getaddrinfo) of this process for names with certain endings, and
-/// leaves those of other names alone:
+/// leaves those of other names alone (a trailing dot makes no difference):
 /// - ".silent.test": no answer until release() or for `atMost`, then EAI_AGAIN
 /// - ".unknown.test": EAI_NONAME at once
 /// - ".both.test": ::1 and 127.0.0.1, in this order, at once

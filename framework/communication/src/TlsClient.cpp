@@ -62,6 +62,16 @@ void requireErrorQueue() {
     }
 }
 
+/// The host without its zone and without the trailing dot of an absolute name, which neither a
+/// certificate nor SNI contains.
+std::string nameInCertificate(const std::string& host) {
+    std::string name = host.substr(0, host.find('%'));
+    if (!name.empty() && name.back() == '.') {
+        name.pop_back();
+    }
+    return name;
+}
+
 bool isAddress(const std::string& host) {
     in6_addr ignored;
     return ::inet_pton(AF_INET, host.c_str(), &ignored) == 1 ||
@@ -82,7 +92,7 @@ boost::asio::const_buffer buffer(const std::string& text) {
 
 TlsClient::TlsClient(const TlsConfig& config, const std::string& host)
     : config_(config),
-      host_(host.substr(0, host.find('%'))),
+      host_(nameInCertificate(host)),
       isAddress_(isAddress(host_)),
       // OpenSSL reads a folder of authorities on demand, so its content cannot be compared.
       mayKeepContext_(config.disableServerVerification ||

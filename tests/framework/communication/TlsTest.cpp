@@ -10,6 +10,7 @@
 #include <future>
 #include <utility>
 
+#include "DeadResolver.h"
 #include "RecordingLogger.h"
 
 namespace orvx::testing {
@@ -202,6 +203,22 @@ TEST_F(Tls, TellsTheServersNameAndTrustsACertificateForThatNameOnly) {
             << subject;
     }
     EXPECT_EQ(named, "localhost");
+}
+
+// RFC 6066, 3: the name in SNI has no trailing dot.
+TEST_F(Tls, TrustsACertificateForAnAbsoluteName) {
+    const DeadResolver resolver;
+    TlsServer::Options options;
+    options.subject = "DNS:a.replicas.test";
+    std::string named;
+    const TlsServer server(options, [&named](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        const char* const name = SSL_get_servername(&ssl, TLSEXT_NAMETYPE_host_name);
+        named = name == nullptr ? "" : name;
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    EXPECT_EQ(codeOf(remove(session(server.port(), trusting(server), "a.replicas.test."))), 200);
+    EXPECT_EQ(named, "a.replicas.test");
 }
 
 TEST_F(Tls, IsNotSpokenInAnOlderVersionThanTheConfiguredOne) {
