@@ -78,13 +78,15 @@ class Tls : public HttpTest {
         };
     }
     /// The message for a failed handshake.
-    std::string wordsFor(const TlsServer::Options& options) {
+    std::string wordsFor(const TlsServer::Options& options, bool isUnverified = false) {
         const auto loggers = std::make_shared<RecordingLoggerFactory>();
         context_.deinit();
         context_.setLoggerFactory(loggers);
         context_.init();
         const TlsServer server(options, sending(kLastAnswer));
-        const SessionPointer failing = sessionWith(server);
+        HttpConfig config = trusting(server);
+        config.tls.disableServerVerification = isUnverified;
+        const SessionPointer failing = session(server.port(), config);
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(remove(failing).getCommunicationStatus(), CommunicationStatus::TlsFailed);
         }
@@ -170,6 +172,14 @@ TEST_F(Tls, SaysInWordsWhatFailed) {
         mutual.isMutual = true;
         EXPECT_THAT(wordsFor(mutual), HasSubstr(" alert ")) << version;
     }
+}
+
+// The cause was the self-signed certificate, which is accepted.
+TEST_F(Tls, DoesNotSayThatACertificateFailedWhichIsNotVerified) {
+    TlsServer::Options mutual;
+    mutual.version = TLS1_2_VERSION;
+    mutual.isMutual = true;
+    EXPECT_THAT(wordsFor(mutual, true), HasSubstr(" alert "));
 }
 
 TEST_F(Tls, TrustsItsOwnAuthorityAndNoneOfTheSystem) {
