@@ -3,12 +3,11 @@
 // Entered by the thread that initialises; there is no state and no lock.
 
 #include "EndpointCheck.h"
+#include "FileContent.h"
 #include "Require.h"
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 
 namespace orvx::communication {
@@ -26,27 +25,26 @@ bool contains(const std::string& pem, const char* label) {
     return pem.find(label) != std::string::npos;
 }
 
-std::string contentOf(const std::string& option, const std::string& path) {
+std::string pemIn(const std::string& option, const std::string& path) {
     std::error_code ignored;
     const auto status = std::filesystem::status(path, ignored);
     // Checked before opening, because opening a pipe waits for a writer.
     require(!std::filesystem::exists(status) || std::filesystem::is_regular_file(status),
             optionAndPath(option, path) + " is no file.");
-    errno = 0;
-    std::ifstream file(path);
+    auto content = contentOf(path);
     const int error = errno;
-    require(file.is_open(), optionAndPath(option, path) +
-                                " cannot be read: " + std::generic_category().message(error) + ".");
-    return {std::istreambuf_iterator<char>(file), {}};
+    require(content.has_value(), optionAndPath(option, path) + " cannot be read: " +
+                                     std::generic_category().message(error) + ".");
+    return *std::move(content);
 }
 
 void checkCertificate(const std::string& option, const std::string& path) {
-    require(contains(contentOf(option, path), kCertificate),
+    require(contains(pemIn(option, path), kCertificate),
             optionAndPath(option, path) + " contains no certificate in PEM.");
 }
 
 void checkKey(const std::string& option, const std::string& path) {
-    const std::string pem = contentOf(option, path);
+    const std::string pem = pemIn(option, path);
     require(contains(pem, kKey), optionAndPath(option, path) + " contains no private key in PEM.");
     require(
         !contains(pem, "ENCRYPTED"),

@@ -3,6 +3,7 @@
 
 #include "TlsClient.h"
 
+#include "FileContent.h"
 #include "Require.h"
 
 #include <arpa/inet.h>
@@ -14,8 +15,6 @@
 #include <boost/asio/ssl/error.hpp>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <new>
 #include <utility>
 
@@ -33,14 +32,13 @@ void require(bool isValid, const char* message) {
     communication::require(isValid, std::string(message));
 }
 
-std::string contentOf(const std::string& path) {
+std::string pemIn(const std::string& path) {
     if (path.empty()) {
         return {};
     }
-    std::ifstream file(path, std::ios::binary);
-    std::string content{std::istreambuf_iterator<char>(file), {}};
-    communication::require(file.is_open() && !content.empty(), path + " cannot be read");
-    return content;
+    auto content = contentOf(path);
+    communication::require(content && !content->empty(), path + " cannot be read");
+    return *std::move(content);
 }
 
 // A client in a static object may use its I/O thread while the process exits, so OpenSSL must not
@@ -123,8 +121,8 @@ void TlsClient::forgetContext() noexcept {
 }
 
 TlsClient::Files TlsClient::readFiles() const {
-    Files files{contentOf(config_.authorityFile), contentOf(config_.clientCertificateFile),
-                contentOf(config_.clientKeyFile)};
+    Files files{pemIn(config_.authorityFile), pemIn(config_.clientCertificateFile),
+                pemIn(config_.clientKeyFile)};
     if (files.key.empty()) {
         files.key = files.certificate;
     }

@@ -4,9 +4,14 @@
 #include "HttpTest.h"
 #include "TlsServer.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <utility>
 
@@ -248,6 +253,33 @@ TEST_F(Tls, ShowsTheConfiguredCertificate) {
               CommunicationStatus::Ok);
     config.tls.clientCertificateFile = server.authority();
     EXPECT_EQ(codeOf(remove(session(server.port(), config))), 200);
+}
+
+TEST_F(Tls, LeavesNoOpenKeyFileToTheProgramsThatAreStarted) {
+    TlsServer::Options options;
+    options.isMutual = true;
+    const TlsServer server(options, answering(kLastAnswer));
+    const std::string pipe = ::testing::TempDir() + "orvx-key-" + std::to_string(::getpid());
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    HttpConfig config = trusting(server);
+    config.tls.clientCertificateFile = server.authority();
+    config.tls.clientKeyFile = pipe;
+    Outcome outcome;
+    session(server.port(), config)->sendDeleteRequest("/", "", outcome.handler());
+    {
+        std::ofstream key(pipe);  // Opening waits for the reader.
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            const int descriptor = std::stoi(entry.path().filename());
+            std::error_code ignored;
+            if (std::filesystem::read_symlink(entry.path(), ignored) == pipe &&
+                (::fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_RDONLY) {
+                EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+            }
+        }
+        key << std::ifstream(server.authority()).rdbuf();
+    }
+    EXPECT_EQ(outcome.statusCode(), 200);
+    ::unlink(pipe.c_str());
 }
 
 TEST_F(Tls, MustEndWithAFarewellWhereNothingElseTellsTheEnd) {
