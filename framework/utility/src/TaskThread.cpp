@@ -26,7 +26,8 @@ void TaskThread::start(const std::string& name) {
 }
 
 void TaskThread::add(Clock::time_point due, Task task) {
-    // A refused task is destroyed with the parameter, after unlocking.
+    // A task that is refused, or for which there is no memory, is destroyed after unlocking.
+    Entry entry{due, 0, std::move(task)};
     bool mustWake = false;
     {
         MutexLock lock(mutex_);
@@ -34,10 +35,11 @@ void TaskThread::add(Clock::time_point due, Task task) {
             return;
         }
         const auto number = added_++;
+        entry.number = number;
         if (inOrder_.empty() || inOrder_.back().due <= due) {
-            inOrder_.push_back({due, number, std::move(task)});
+            inOrder_.push_back(std::move(entry));
         } else {
-            heap_.push_back({due, number, std::move(task)});
+            heap_.push_back(std::move(entry));
             std::push_heap(heap_.begin(), heap_.end(), isLater);
         }
         mustWake = sleeping_ && first()->number == number;
