@@ -72,6 +72,18 @@ TEST(AHostileClient, IsDroppedWhenItsRequestTricklesInWithoutAnEnd) {
     }
 }
 
+TEST(AHostileClient, IsAnsweredWhenItCutsItsLastChunk) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    connection.send("PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n");
+    for (const char* part : {"0\r\n", "\r"}) {
+        connection.send(part);
+        EXPECT_FALSE(connection.endsWithin(20ms)) << "the registry reads each part alone";
+    }
+    EXPECT_EQ(connection.ask("\n").result(), http::status::bad_request);
+    expectServed(registry.port());
+}
+
 // The timer of a socket that always has something to read does not end it.
 TEST(AHostileClient, IsDroppedWhenItsChunkExtensionsFollowEachOtherWithoutAnEnd) {
     RegistryOptions options;
