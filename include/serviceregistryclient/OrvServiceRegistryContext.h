@@ -142,9 +142,9 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// Every callback is called exactly once. Callbacks that wait when the client is stopped are
     /// called with ERROR / DELEGATOR_NOT_INITIATED before deinit() returns, on the thread that
     /// calls it, and must not destroy the context. A registration that is answered in this way has
-    /// ended. A call that such a callback makes is not answered before deinit() returns; if the
-    /// context ends, it may never be answered. As without resilience, handles do nothing after the
-    /// context was de-initialised.
+    /// ended. A call that such a callback makes may be answered before deinit() returns or after
+    /// the next start; if the context ends, it may never be answered. As without resilience,
+    /// handles do nothing after the context was de-initialised.
     ///
     /// Default: false.
     void enableResilience(bool enable);

@@ -75,7 +75,7 @@ OrvServiceRegistryClient::Success OrvServiceRegistryClient::recordSuccess(
         }
         upkeep->reportLocked(id, *sameEntry->requestContainer, sameEntry->facts,
                              RegistrationEvent::Kind::Announced);
-    } else if (isUnregistering(record->state)) {
+    } else if (!isRecorded && isUnregistering(record->state)) {
         return Success::Withdrawn;
     } else {
         isRecorded = true;
@@ -90,7 +90,9 @@ OrvServiceRegistryClient::Callbacks OrvServiceRegistryClient::recordEntryLocked(
     const std::string& location) {
     Tasks notification = notificationLocked(request.serviceCreate, true);
     mapRegistryCallback->setRegistryEntry(request, uuid, location);
-    record.state = REGISTERED;
+    if (!isUnregistering(record.state)) {  // else withdrawn between two attempts of this step
+        record.state = REGISTERED;
+    }
     Callbacks callbacks;
     RegistrationFacts& facts = record.facts;
     facts.confirmed = timer.now();

@@ -20,7 +20,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::wantedChangedLocked(Entry& entry
     try {
         reconcileLocked(entry);
     } catch (const std::bad_alloc&) {
-        if (entry.outstanding == Request::None) {
+        if (entry.outstanding == Request::None && next != Request::Put && next != Request::Delete) {
             planLocked(entry, now());
         }
     }

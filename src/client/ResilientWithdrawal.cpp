@@ -24,7 +24,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::withdraw(std::uint64_t id,
         }
         const auto found = registrations_.find(id);
         if (found != registrations_.end()) {
-            withdrawLocked(*found, std::move(waiting));
+            withdrawLocked(*found, waiting);  // destroyed after unlocking, also if this throws
             return;
         }
         answerLocked(waiting, OrvRegistrationResponse::OK, OrvRegistrationResponse::NONE, nullptr);

@@ -190,7 +190,7 @@ void Announcer::withdraw() {
     forEach(&Announcement::withdraw);
     loop_.after(kFirstRequestGrace, [this] {
         const Via via = options_.registry.unixSocket.empty() ? Via::Internet : Via::UnixSocket;
-        if (!mayBeConnected(via) && nothingWasSent(statistics_->snapshot())) {
+        if (nothingWasSent(statistics_->snapshot()) && !mayBeConnected(via)) {
             context_.reset();  // so that no pending request is sent afterwards
             forEach(&Announcement::confirmNothingSent);
         }

@@ -35,13 +35,13 @@ void ReadyCheck::start(Ready ready) {
 }
 
 void ReadyCheck::setServices(const std::vector<nlohmann::json>& services) {
-    targets_.clear();
+    const auto previous = std::exchange(targets_, {});
     for (const auto& service : services) {
         targets_.push_back(probedHost_.empty() ? service.at("host").get<std::string>()
                                                : probedHost_);
         targets_.push_back(service.at("port").dump());
     }
-    if (probe_ != 0) {
+    if (probe_ != 0 && targets_ != previous) {
         children_.killProbe(std::exchange(probe_, 0));
         probe();
     }

@@ -560,7 +560,8 @@ void EtcdBackend::expire(std::vector<std::string> names, Time since) {
             }
             const bool isRemoved = EtcdEntries::hasSucceeded(*result.answer);
             const auto left = entries_.revisionsIn(*result.answer);
-            // An earlier attempt without an answer may have removed the entries.
+            // An earlier attempt without an answer may have removed the entries. If another replica
+            // has removed them meanwhile, both record it.
             if (isRemoved || result.isUncertain) {
                 for (const Entry& entry : entries) {
                     if (left.count(entry.uuid) == 0) {

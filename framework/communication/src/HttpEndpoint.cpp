@@ -457,7 +457,7 @@ std::string HttpEndpoint::tlsErrorOf(const Connection& connection,
 /// rest.
 void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool wasOnly,
                                const std::string& cause) {
-    if (!wasOnly) {
+    if (!wasOnly && waiting() != 0) {
         pauseFurther();
     }
     const bool failsAll = wasOnly && status != CommunicationStatus::OutOfMemory;

@@ -108,6 +108,9 @@ void TaskThread::halt(bool isFinal) {
     while (droppedInOrder-- > 0) {
         Task dropped;
         MutexLock lock(mutex_);
+        if (inOrder_.empty()) {
+            break;  // the destructor of a task has ended this object, or started it again
+        }
         dropped.swap(inOrder_.front().task);
         inOrder_.pop_front();
     }
