@@ -1,4 +1,4 @@
-// Tests a service whose registry loses its entry, in simulated time: fast and deterministic.
+// Tests a service whose registry loses its entry, in simulated time.
 #include "EchoService.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>

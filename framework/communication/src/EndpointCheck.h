@@ -2,14 +2,12 @@
 
 #include "Request.h"
 
+#include <orvx/communication/ConfigCheck.h>
+
 #include <cstdint>
 #include <string>
 
 namespace orvx::communication {
-
-/// Throws utility::OrvFoundationException, with a sentence that names the option, if the
-/// configuration is invalid. Does not access files.
-void checkConfig(const HttpConfig& config);
 
 /// Throws utility::OrvFoundationException, with a sentence that names the option, if a file or
 /// folder cannot be read or has the wrong content.

@@ -5,6 +5,7 @@
 
 #include "Network.h"
 
+#include <orvx/communication/ConfigCheck.h>
 #include <orvx/communication/RequestTarget.h>
 #include <orvx/utility/OrvFoundationException.h>
 
@@ -21,6 +22,7 @@ struct OrvClientCommunicationContext::State : IClientHttpFactory {
         std::shared_ptr<ClientStatistics> sessionStatistics) override {
         simulation::WorldState& world = network->world();
         world.passStep(World::Step::MakeSession);
+        checkConfig(sessionConfig);
         if (authority(host, port).empty() || port == 0 ||
             port > std::numeric_limits<std::uint16_t>::max()) {
             throw utility::OrvFoundationException("The host or the port cannot be used.", 0);
@@ -57,6 +59,7 @@ void OrvClientCommunicationContext::setHttpConfig(HttpConfig config) {
 
 void OrvClientCommunicationContext::init() {
     if (!state_->network->isRunning()) {
+        checkConfig(state_->nextConfig);
         state_->network->start(World::Step::InitCommunication, "ORVX_HttpIO");
         state_->config = state_->nextConfig;
     }

@@ -40,6 +40,23 @@ TEST_F(TheSimulatedContext, RefusesEndpointsThatCannotBe) {
     EXPECT_EQ(world.sessions().size(), 1U) << "the fixture's";
 }
 
+TEST_F(TheSimulatedContext, RefusesAConfigurationThatCannotBe) {
+    HttpConfig config;
+    config.requestTimeout = std::chrono::milliseconds(0);
+    EXPECT_THROW(
+        context->getClientHttpFactory().createSession(
+            "registry", 1, config, context->getHealthCheck(), context->getClientStatistics()),
+        utility::OrvFoundationException);
+    context->deinit();
+    context->setHttpConfig(config);
+    EXPECT_THROW(context->init(), utility::OrvFoundationException);
+    config = HttpConfig();
+    config.tls.enabled = true;
+    config.tls.authorityFile = "/no/such/file";
+    context->setHttpConfig(config);
+    context->init();  // does not read the file
+}
+
 TEST_F(TheSimulatedContext, HandsOutTheConfigurationThatItWasInitialisedWith) {
     HttpConfig config;
     config.userAgent = "tester";

@@ -51,8 +51,12 @@ class Request {
 
 /// Simulated time, threads and network for the clients that are made while it exists. Nothing
 /// happens by itself: the test advances the clock, runs the queued tasks and answers the requests,
-/// all on its own thread. So an hour takes no time, and every run is the same. Registry answers the
-/// common requests automatically.
+/// all on its own thread. So an hour takes no time. Registry answers the common requests
+/// automatically.
+///
+/// The delays of retries and, with resilience, the times of checks have a random part, which
+/// differs in each run: a test advances the clock by the longest delay, and does not count retries.
+/// HttpConfig::requestTimeout is not simulated: a request waits until the test answers it.
 ///
 ///     World world;                                    // first: the client lives in it
 ///     OrvServiceRegistryContext context;
