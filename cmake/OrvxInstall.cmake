@@ -38,7 +38,7 @@ install(FILES
 install(FILES "${PROJECT_BINARY_DIR}/${name}.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-if(NOT BUILD_SHARED_LIBS)
+if(NOT BUILD_SHARED_LIBS OR NOT ORVX_TOP_LEVEL)  # the packages of another project are its own
   return()
 endif()
 set(CPACK_GENERATOR DEB)

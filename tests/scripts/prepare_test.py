@@ -20,7 +20,7 @@ def installed_by(*groups):
             program.write_text(f"#!/bin/sh\n{body}\n")
             program.chmod(0o755)
         subprocess.run([ROOT / "scripts/prepare", *groups], check=True, stdout=subprocess.DEVNULL,
-                       env={**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"})
+                       stderr=subprocess.PIPE, env={**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"})
         install = [line.split() for line in asked.read_text().splitlines() if "install" in line]
     return {word for line in install for word in line if word != "install" and word[0] != "-"}
 
@@ -39,8 +39,10 @@ class Prepare(unittest.TestCase):
         self.assertLessEqual({"g++", "cmake", "curl"}, packages)
         self.assertFalse({"chromium", "nginx-light", "valgrind", "clang", "libgtest-dev"} & packages)
 
-    def testInstallsNothingForAnUnknownGroup(self):
-        self.assertEqual(installed_by("unknown"), set())
+    def testRefusesAnUnknownGroup(self):
+        with self.assertRaises(subprocess.CalledProcessError) as refused:
+            installed_by("library", "unknown")
+        self.assertEqual((refused.exception.returncode, refused.exception.stderr), (2, b"unknown group: unknown\n"))
 
     def testKnowsTheGroupsOfEachPackage(self):
         known = {"library", "tools", "demo", "test", "check", "docs", "bench", "arm64", "package"}
