@@ -120,6 +120,16 @@ TEST_F(TheLineWriter, DropsLinesWhileItsQueueIsFullAndTellsTheirNumber) {
     expectDropsAreCounted();
 }
 
+// As in a program that was started by another user: it cannot open the pipe a second time.
+TEST_F(TheLineWriter, NeverWaitsForTheReaderOfAPipeThatBelongsToAnotherUser) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    EXPECT_EQ(::seteuid(65534), 0);
+    expectDropsAreCounted();
+    EXPECT_EQ(::seteuid(0), 0);
+}
+
 TEST_F(TheLineWriter, NeverWaitsForTheReaderOfASocket) {
     makeSocket();
     expectDropsAreCounted();
