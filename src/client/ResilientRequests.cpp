@@ -27,7 +27,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::wantedChangedLocked(Entry& entry
     try {
         armLocked();
     } catch (const std::bad_alloc&) {
-        client_.callbackExecutor.add(std::move(rescue_));
+        client_.callbackExecutor.add(std::move(retryTask_));
     }
 }
 

@@ -149,12 +149,12 @@ void OrvServiceRegistryClient::ResilientUpkeep::runDueLocked(Milliseconds time) 
 }
 
 /// Makes the task that wantedChangedLocked() queues if memory runs out.
-void OrvServiceRegistryClient::ResilientUpkeep::makeRescueLocked() {
-    if (rescue_.empty()) {
-        rescue_.emplace_back([this] {
+void OrvServiceRegistryClient::ResilientUpkeep::makeRetryTaskLocked() {
+    if (retryTask_.empty()) {
+        retryTask_.emplace_back([this] {
             client_.retryOnBadAlloc([&] {
                 const utility::MutexLock lock(client_.mutex);
-                makeRescueLocked();
+                makeRetryTaskLocked();
             });
             alarm(now());
         });
@@ -163,7 +163,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::makeRescueLocked() {
 
 void OrvServiceRegistryClient::ResilientUpkeep::start() {
     const utility::MutexLock lock(client_.mutex);
-    makeRescueLocked();
+    makeRetryTaskLocked();
     for (auto& [key, endpoint] : endpoints_) {
         endpoint->isAnswering = true;
         endpoint->checkAllUntil = Milliseconds::min();

@@ -116,7 +116,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     void armLocked() ORVX_REQUIRES(client_.mutex);
     bool answerAll() ORVX_EXCLUDES(client_.mutex);
     void alarm(Milliseconds time) ORVX_EXCLUDES(client_.mutex);
-    void makeRescueLocked() ORVX_REQUIRES(client_.mutex);
+    void makeRetryTaskLocked() ORVX_REQUIRES(client_.mutex);
     void runDueLocked(Milliseconds now) ORVX_REQUIRES(client_.mutex);
     void answerLocked(Answer& answer, OrvRegistrationResponse::Status status,
                       OrvRegistrationResponse::ErrorCode reason, const HttpResponse* response)
@@ -201,7 +201,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     Tasks tasks_ ORVX_GUARDED_BY(client_.mutex);
     /// Runs the entries that are due and arms the timer. Made in advance, so that queueing it
     /// allocates nothing; empty while it is queued.
-    Tasks rescue_ ORVX_GUARDED_BY(client_.mutex);
+    Tasks retryTask_ ORVX_GUARDED_BY(client_.mutex);
     std::vector<std::weak_ptr<BlockingCall>> waits_ ORVX_GUARDED_BY(client_.mutex);
     /// Notified when the last registration is removed.
     std::condition_variable empty_;

@@ -275,6 +275,14 @@ class WithdrawalAtTheEnd : public AResilientCall, public ::testing::WithParamInt
             std::count_if(requests.begin(), requests.end(),
                           [](const auto& request) { return request.method == "DELETE"; }));
     }
+    void expectRefusedWithdrawalIsRepeated() {
+        context.init();
+        client().registerServicesAtRegistry(registry, named(1));
+        server.nextRequest(testing::response(503));
+        context.deinit();
+        EXPECT_EQ(deletes(), 2U);
+        EXPECT_TRUE(warnings().empty());
+    }
     std::vector<std::string> warnings(const std::string& beginning = "not withdrawn") {
         std::vector<std::string> texts;
         for (const auto& line : log->takeLines()) {
@@ -305,12 +313,7 @@ TEST_P(WithdrawalAtTheEnd, WithdrawsEverythingByDeinit) {
 
 TEST_P(WithdrawalAtTheEnd, MayTakeTheLongestTime) {
     context.setWithdrawAtDeinit(milliseconds::max());
-    context.init();
-    client().registerServicesAtRegistry(registry, named(1));
-    server.nextRequest(testing::response(503));
-    context.deinit();
-    EXPECT_EQ(deletes(), 2U);
-    EXPECT_TRUE(warnings().empty());
+    expectRefusedWithdrawalIsRepeated();
 }
 
 TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
@@ -332,12 +335,7 @@ TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
 
 TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
     context.setWithdrawAtDeinit(std::chrono::seconds(10));
-    context.init();
-    client().registerServicesAtRegistry(registry, named(1));
-    server.nextRequest(testing::response(503));
-    context.deinit();
-    EXPECT_EQ(deletes(), 2U);
-    EXPECT_TRUE(warnings().empty());
+    expectRefusedWithdrawalIsRepeated();
 }
 
 TEST_P(WithdrawalAtTheEnd, SendsOneDeleteIfItGetsNoAnswer) {

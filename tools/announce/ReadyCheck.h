@@ -21,7 +21,8 @@ class ReadyCheck {
     ReadyCheck(EventLoop& loop, Children& children, const Options& options);
 
     void start(Ready ready);
-    /// Probes these services instead, also if it has started. Begins a running attempt again.
+    /// Probes these services instead, also if it has started. Restarts a running attempt if an
+    /// address has changed.
     void setServices(const std::vector<nlohmann::json>& services);
     /// Kills a running attempt; `ready` will not be called.
     void stop();

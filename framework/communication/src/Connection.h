@@ -61,10 +61,10 @@ class Connection final : private Stream::Listener {
     bool isNew() const { return isNew_; }
     /// Whether the last request was sent over a kept connection.
     bool isKept() const { return isRepeatable_; }
-    /// The time at which a new connection that has input is given up: the argument of the first
-    /// call.
-    Clock::time_point endOfInput(Clock::time_point latest) {
-        return endOfInput_ = std::min(endOfInput_, latest);
+    /// The time until which a new connection may wait for the rest of a TLS record. The first call
+    /// sets it.
+    Clock::time_point inputDeadline(Clock::time_point latest) {
+        return inputDeadline_ = std::min(inputDeadline_, latest);
     }
     /// The connection is idle, and must send no request any more.
     void outdate() { isOutdated_ = true; }
@@ -86,7 +86,7 @@ class Connection final : private Stream::Listener {
     Owner& owner_;
     AnswerReader reader_;
     std::unique_ptr<Request> request_;
-    Clock::time_point endOfInput_ = Clock::time_point::max();
+    Clock::time_point inputDeadline_ = Clock::time_point::max();
     bool isNew_ = true;
     bool isOutdated_ = false;
     bool isRepeatable_ = false;  // The outstanding request was sent over a kept connection.

@@ -190,7 +190,7 @@ void HttpEndpoint::serveIdle(Clock::time_point now) {
             serve(connection);
         } else if (connection.isOutdated() || !connection.isNew()) {
             drop(connection);
-        } else if (const auto end = connection.endOfInput(now + connectTimeout()); end <= now) {
+        } else if (const auto end = connection.inputDeadline(now + connectTimeout()); end <= now) {
             avoid(connection.address());
             drop(connection);
         } else {

@@ -32,6 +32,19 @@ class TheQueue : public HttpTest {
         server_.onRequest([](const Request&) { return response(200); });
         EXPECT_EQ(codeOf(put(session_)), 200);
     }
+    void keepTwoConnections(const SessionPointer& session) {
+        server_.onRequest(
+            [](const Request&) { return Script().waitForRelease("both").send(response(200)); });
+        std::vector<Outcome> outcomes(2);
+        for (Outcome& outcome : outcomes) {
+            session->sendPutRequestJson("/", "", 0, outcome.handler());
+        }
+        ASSERT_TRUE(server_.waitForRequests(2));
+        server_.release("both");
+        for (const Outcome& outcome : outcomes) {
+            EXPECT_EQ(outcome.statusCode(), 200);
+        }
+    }
     /// The statuses of 100 requests that are sent at once. Holds the I/O thread from the start of
     /// connecting until `meanwhile` has returned.
     std::vector<CommunicationStatus> statusesOfABurst(const std::function<void()>& meanwhile = [] {
@@ -169,24 +182,14 @@ TEST_F(TheQueue, RepeatsARequestOnANewConnectionThoughAnotherOneIsIdle) {
     HttpConfig config;
     config.connectionsPerEndpoint = 2;
     const SessionPointer two = session(config);
-    server_.onRequest(
-        [](const Request&) { return Script().waitForRelease("both").send(response(200)); });
-    std::vector<Outcome> outcomes(2);
-    for (Outcome& outcome : outcomes) {
-        two->sendPutRequestJson("/", "", 0, outcome.handler());
-    }
-    ASSERT_TRUE(server_.waitForRequests(2));
-    server_.release("both");
-    for (const Outcome& outcome : outcomes) {
-        EXPECT_EQ(outcome.statusCode(), 200);
-    }
+    keepTwoConnections(two);
     server_.nextRequest(Script().reset());
     server_.nextRequest(response(201));
     EXPECT_EQ(codeOf(put(two)), 201);
     EXPECT_EQ(server_.counters().connections, 3U);
 }
 
-// One request failed for each further connection that could not be made.
+// Before, one request failed for each further connection that could not be made.
 TEST_F(TheQueue, WaitsForAConnectionThatStandsIfNoFurtherOneCanBeMade) {
     keepAConnection();
     server_.stopListening();
@@ -194,7 +197,7 @@ TEST_F(TheQueue, WaitsForAConnectionThatStandsIfNoFurtherOneCanBeMade) {
     EXPECT_EQ(server_.counters().connections, 1U);
 }
 
-// All waiting requests failed at once.
+// Before, all waiting requests failed at once.
 TEST_F(TheQueue, WaitsForAConnectionThatStandsIfThereIsNoDescriptorForAFurtherOne) {
     keepAConnection();
     const NoDescriptors none;
@@ -213,17 +216,7 @@ TEST_F(TheQueue, WaitsForAConnectionThatStandsIfTheServerClosesFurtherOnes) {
 
 TEST_F(TheQueue, FailsARepetitionForWhichNoConnectionCanBeMadeThoughAnotherOneIsIdle) {
     const SessionPointer two = session();
-    server_.onRequest(
-        [](const Request&) { return Script().waitForRelease("both").send(response(200)); });
-    std::vector<Outcome> outcomes(2);
-    for (Outcome& outcome : outcomes) {
-        two->sendPutRequestJson("/", "", 0, outcome.handler());
-    }
-    ASSERT_TRUE(server_.waitForRequests(2));
-    server_.release("both");
-    for (const Outcome& outcome : outcomes) {
-        EXPECT_EQ(outcome.statusCode(), 200);
-    }
+    keepTwoConnections(two);
     server_.nextRequest(Script().reset());
     server_.stopListening();
     EXPECT_EQ(put(two).getCommunicationStatus(), CommunicationStatus::ConnectFailed);

@@ -190,7 +190,7 @@ TEST_F(AddressesOfAName, KeepTheConnectionsIfThereIsOnlyOne) {
     EXPECT_EQ(server_.counters().closedByPeer, 1U);
 }
 
-// The connection was neither used nor dropped, and no other one was made.
+// Before, the connection was neither used nor dropped, and no other one was made.
 TEST_F(AddressesOfAName, AreChangedAfterAConnectionThatBringsAPartOfARecordAndThenNothing) {
     TlsServer::Options options;
     options.afterHandshake = "\x17\x03\x03";
