@@ -879,10 +879,8 @@ TEST(AnEtcdBackend, EndsAlthoughItsNextWriteIsDueWhenItIsStopped) {
     EntryStore store;
     EtcdBackend backend(context, optionsOf({etcd.url()}), kPrefix, store, [] {});
     asio::post(context, [&] { backend.stop(); });
-    const auto due = Clock::now() + 1'100ms;  // the timer has expired, but its handler has not run
-    while (Clock::now() < due) {
-        std::this_thread::yield();
-    }
+    // Afterwards the timer has expired, but its handler has not run.
+    std::this_thread::sleep_until(Clock::now() + 1'100ms);
     context.run_for(5s);
     EXPECT_TRUE(context.stopped());
 }

@@ -23,7 +23,7 @@ inline void await(const std::function<bool()>& isTrue) {
         if (std::chrono::steady_clock::now() > end) {
             throw std::runtime_error("it did not come true within 20 seconds");
         }
-        std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 }
 
