@@ -123,19 +123,28 @@ TEST(AnEtcdClient, HasACertainResultAlthoughEtcdWasRestartedBetweenTwoCalls) {
 }
 
 TEST(AnEtcdClient, StaysWithTheMemberThatAnsweredLast) {
-    const EtcdProcess paused;
-    const EtcdProcess other;
-    RunningEtcdClient client(optionsOf({paused.url(), other.url()}, 1s));
-    ASSERT_TRUE(client.put("a", "1").answer);
-    paused.pause();
-    const Result put = client.put("b", "2");
-    ASSERT_TRUE(put.answer) << put.error;
-    EXPECT_TRUE(put.isUncertain);
-    paused.resume();
-    const Result got = client.get("b");
-    ASSERT_TRUE(got.answer) << got.error;
-    EXPECT_EQ(got.answer->at("count"), "1");
-    EXPECT_FALSE(got.isUncertain);
+    const FakeMember first;
+    const FakeMember second;
+    RunningEtcdClient client(optionsOf({first.url(), second.url()}, 1s));
+    auto before = client.call();
+    RawConnection atFirst = first.listener.accept();
+    readRequest(atFirst);
+    atFirst.send(answerOf("{}"));
+    ASSERT_TRUE(resultOf(before).answer);
+    auto moved = client.call();
+    readRequest(atFirst);  // but does not answer
+    RawConnection atSecond = second.listener.accept();
+    readRequest(atSecond);
+    atSecond.send(answerOf("{}"));
+    const Result uncertain = resultOf(moved);
+    ASSERT_TRUE(uncertain.answer) << uncertain.error;
+    EXPECT_TRUE(uncertain.isUncertain);
+    auto after = client.call();
+    readRequest(atSecond);
+    atSecond.send(answerOf("{}"));
+    const Result certain = resultOf(after);
+    ASSERT_TRUE(certain.answer) << certain.error;
+    EXPECT_FALSE(certain.isUncertain);
 }
 
 TEST(AnEtcdClient, AcceptsOnlyAnswersOfTheRequiredCluster) {

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -33,9 +34,21 @@ namespace {
 constexpr auto kLongestStart = 30s;
 constexpr auto kBetweenQuestions = 10ms;
 constexpr std::size_t kEndOfLog = 2'000;
+constexpr std::uintmax_t kMuchMemory = 4'294'967'296;
 
 std::string at(const ReservedPort& port) {
     return "127.0.0.1:" + std::to_string(port.number());
+}
+
+/// A folder in memory, if there is much of it. A disk may take seconds for an fsync() while other
+/// programs write to it; then etcd does not answer in time.
+std::filesystem::path placeOfData() {
+    const std::filesystem::path memory = "/dev/shm";
+    std::error_code error;
+    const auto space = std::filesystem::space(memory, error);
+    const bool isSuitable =
+        !error && space.available > kMuchMemory && ::access(memory.c_str(), W_OK) == 0;
+    return isSuitable ? memory : std::filesystem::temp_directory_path();
 }
 
 std::string endOf(const std::string& file) {
@@ -75,7 +88,7 @@ EtcdProcess::EtcdProcess(const Certificates* certificates) : EtcdProcess("etcd",
 }
 
 EtcdProcess::EtcdProcess(std::string name, const Certificates* certificates)
-    : name_(std::move(name)), certificates_(certificates) {}
+    : name_(std::move(name)), certificates_(certificates), folder_(placeOfData()) {}
 
 std::string EtcdProcess::url() const {
     return (certificates_ == nullptr ? "http://" : "https://") + at(clients_);

@@ -68,7 +68,7 @@ class EtcdProcess {
     const ReservedPort clients_{};
     const ReservedPort peers_{};
     const ReservedPort health_{};
-    const TemporaryFolder folder_{};
+    const TemporaryFolder folder_;
     std::string cluster_;  // "name=url of the peer,..."
     std::unique_ptr<ChildProcess> process_{};
 };

@@ -10,8 +10,9 @@ namespace orvx::registry {
 /// A new folder, which the destructor removes.
 class TemporaryFolder {
   public:
-    TemporaryFolder() {
-        std::string name = std::filesystem::temp_directory_path() / "orvx-registry.XXXXXX";
+    explicit TemporaryFolder(
+        const std::filesystem::path& where = std::filesystem::temp_directory_path()) {
+        std::string name = where / "orvx-registry.XXXXXX";
         path_ = ::mkdtemp(name.data());
     }
     ~TemporaryFolder() {
