@@ -3,14 +3,18 @@
 usage: command.py [CODE] [URL]
 
 Prints "up"; then for each signal "got NAME", and with URL how many entries the registry there has.
-SIGTERM ends it with CODE; when that is "never", nothing does.
+SIGTERM ends it with CODE; when that is "never", only SIGKILL does. It ends with its parent at the latest.
 """
 
+import ctypes
 import json
 import os
 import signal
 import sys
 import urllib.request
+
+PR_SET_PDEATHSIG = 1
+ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, int(signal.SIGKILL), 0, 0, 0)
 
 code, url = (sys.argv[1:] + ["0", ""][len(sys.argv) - 1:])[:2]
 
