@@ -478,13 +478,13 @@ TEST_F(TheTool, RefusesAStoreThatIsNone) {
 TEST_F(TheTool, LetsEntriesExpireThatAreNotChecked) {
     RegistryProcess program({"--port", "0", "--ttl", "1"});
     RawConnection connection(program.port());
-    const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
     const auto begin = Clock::now();
+    const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
     const std::string look = makeRequest("GET", std::string(response[http::field::location]));
     while (connection.ask(look).result() == http::status::ok) {
         ASSERT_LT(Clock::now() - begin, 10s);
     }
-    EXPECT_GE(Clock::now() - begin, 900ms);
+    EXPECT_GE(Clock::now() - begin, 1s);
 }
 
 TEST_F(TheTool, LetsNothingExpireForATimeInWhichItWasStopped) {

@@ -152,7 +152,7 @@ TEST_F(ARegistryOverTls, RefusesFilesThatAreNone) {
 }
 
 TEST_F(ARegistryOverTls, DropsAHandshakeThatStalls) {
-    options_.requestTimeout = 200ms;
+    options_.requestTimeout = 1s;
     start();
     RawConnection silent = registry_->connect();
     RawConnection slow = registry_->connect();

@@ -6,10 +6,12 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "DeadResolver.h"
@@ -43,6 +45,15 @@ class Connecting : public HttpTest {
         const auto start = Clock::now();
         what();
         return Clock::now() - start;
+    }
+    /// The shortest of up to ten durations, because a thread of this test may be late. The first
+    /// below 250 ms is enough: after that time the client tries the next address in any case.
+    static Clock::duration shortestOf(const std::function<Clock::duration(int)>& attempt) {
+        auto shortest = Clock::duration::max();
+        for (int i = 0; i < 10 && shortest >= 250ms; ++i) {
+            shortest = std::min(shortest, attempt(i));
+        }
+        return shortest;
     }
     /// Sends a request. Holds the I/O thread from the start of connecting until `meanwhile` has
     /// returned.
@@ -138,8 +149,11 @@ TEST_F(Connecting, TriesTheOtherFamilyWhenOneIsSilentAndItFirstTheNextTime) {
     const auto first = durationOf([&] { EXPECT_EQ(codeOf(put(named)), 200); });
     EXPECT_GE(first, 250ms);
     EXPECT_LT(first, 3s);
-    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
-    EXPECT_LT(durationOf([&] { EXPECT_EQ(codeOf(put(named)), 200); }), 250ms);
+    EXPECT_LT(shortestOf([&](int) {
+                  EXPECT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+                  return durationOf([&] { EXPECT_EQ(codeOf(put(named)), 200); });
+              }),
+              250ms);
 }
 
 TEST_F(Connecting, TriesTheNewerFamilyWhenTheOlderOneIsSilent) {
@@ -160,8 +174,12 @@ TEST_F(Connecting, TriesTheNewerFamilyWhenTheOlderOneIsSilent) {
 }
 
 TEST_F(Connecting, TriesTheNextAddressAtOnceWhenOneIsRefused) {
-    EXPECT_LT(durationOf(
-                  [&] { EXPECT_EQ(codeOf(put(session(server_.port(), {}, "a.both.test"))), 200); }),
+    EXPECT_LT(shortestOf([&](int attempt) {
+                  // No address of this name is preferred yet.
+                  const auto name = static_cast<char>('a' + attempt) + std::string(".both.test");
+                  const SessionPointer named = session(server_.port(), {}, name);
+                  return durationOf([&] { EXPECT_EQ(codeOf(put(named)), 200); });
+              }),
               250ms)
         << "nobody listens at ::1";
 }
