@@ -2,12 +2,11 @@
 // Threads: the test's and the client's three; the registry is a process.
 #include "IntegrationTest.h"
 #include "RegistryProcess.h"
+#include "RunningThreads.h"
 
 #include <nlohmann/json.hpp>
 
 #include <csignal>
-#include <filesystem>
-#include <iterator>
 #include <optional>
 #include <set>
 #include <string>
@@ -99,27 +98,20 @@ TEST_F(ARestartedRegistry, GetsAServiceThatWasAnnouncedWhileItWasAway) {
     EXPECT_EQ(entriesAt(restartable.port()).size(), 1U);
 }
 
-std::ptrdiff_t threads() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
-// A thread that has ended may still be listed for a moment, so the list is read again.
 TEST_F(TheThreads, AreThreeForOneServiceAndForManyAndNoneAfterwards) {
     const auto areThere = [](std::size_t count) {
-        return eventually([count] {
-            return threadsNamed("ORVX_SRCBExec") == count &&
-                   threadsNamed("ORVX_SRRExec") == count && threadsNamed("ORVX_HttpIO") == count;
-        });
+        return threadsNamed("ORVX_SRCBExec") == count && threadsNamed("ORVX_SRRExec") == count &&
+               threadsNamed("ORVX_HttpIO") == count;
     };
     EXPECT_TRUE(areThere(0));
     start();
     registered("lamp", registry.port());
     EXPECT_TRUE(areThere(1));
-    const auto withOneService = threads();
+    const auto withOneService = testing::runningThreads().size();
     ASSERT_TRUE(
         client().registerServicesAtRegistry(at(registry.port()), services("bell", 200)).first);
     EXPECT_TRUE(areThere(1));
-    EXPECT_EQ(threads(), withOneService);
+    EXPECT_EQ(testing::runningThreads().size(), withOneService);
     context.deinit();
     EXPECT_TRUE(areThere(0));
 }

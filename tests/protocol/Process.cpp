@@ -4,6 +4,8 @@
 
 #include "Process.h"
 
+#include "RunningThreads.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -12,16 +14,8 @@
 
 namespace orvx::testing {
 
-// A thread may end while its name is read; it is left out then.
 std::vector<std::string> threadNames() {
-    std::vector<std::string> names;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream file(thread.path() / "comm");
-        std::string name;
-        if (std::getline(file, name)) {
-            names.push_back(name);
-        }
-    }
+    std::vector<std::string> names = runningThreads();
     std::sort(names.begin(), names.end());
     return names;
 }

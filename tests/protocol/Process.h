@@ -6,7 +6,7 @@
 
 namespace orvx::testing {
 
-/// The names of this process's threads, sorted.
+/// The names of this process's threads, sorted, without those that have been joined.
 std::vector<std::string> threadNames();
 
 /// The number of times that the threads with this name have gone to sleep.

@@ -8,14 +8,13 @@
 
 #include <boost/beast/http/status.hpp>
 #include <chrono>
-#include <filesystem>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "RunningRegistry.h"
+#include "RunningThreads.h"
 
 namespace orvx::registry {
 namespace {
@@ -143,10 +142,6 @@ TEST(ARegistryConnection, EndsWhenTheClientDoesNotTakeItsAnswer) {
     expectAlive(registry);
 }
 
-std::ptrdiff_t countThreads() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
 void allowManyFiles() {
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
@@ -166,14 +161,14 @@ void askEach(std::vector<RawConnection>& connections) {
 TEST(ARegistryConnection, CostsNoThread) {
     allowManyFiles();
     const RunningRegistry registry;
-    const auto threads = countThreads();
+    const auto threads = testing::runningThreads().size();
     std::vector<RawConnection> connections;
     connections.reserve(500);
     for (int i = 0; i < 500; ++i) {
         connections.push_back(registry.connect());
     }
     askEach(connections);
-    EXPECT_EQ(countThreads(), threads);
+    EXPECT_EQ(testing::runningThreads().size(), threads);
     askEach(connections);
 }
 

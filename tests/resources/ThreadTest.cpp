@@ -3,6 +3,7 @@
 #include "HostileServer.h"
 #include "Recorder.h"
 #include "RecordingLogger.h"
+#include "RunningThreads.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -14,9 +15,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -28,8 +27,7 @@ using testing::Recorder;
 using testing::response;
 
 std::size_t threads() {
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+    return testing::runningThreads().size();
 }
 
 /// Limits the process to this many more threads than it has now.

@@ -2,10 +2,10 @@
 
 #include "Support.h"
 
+#include "RunningThreads.h"
+
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 
 namespace orvx::utility::test {
 
@@ -19,13 +19,8 @@ bool canBeBlocked(int signal) {
 }  // namespace
 
 std::size_t threadsNamed(const std::string& name) {
-    std::size_t count = 0;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string shown;
-        std::getline(std::ifstream(thread.path() / "comm"), shown);
-        count += shown == name ? 1 : 0;
-    }
-    return count;
+    const auto names = testing::runningThreads();
+    return static_cast<std::size_t>(std::count(names.begin(), names.end(), name));
 }
 
 std::vector<int> openSignals() {

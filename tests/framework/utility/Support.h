@@ -120,7 +120,7 @@ class ThreadsCannotBeMade {
     pthread_attr_t before_;
 };
 
-/// The number of this process's threads with this name.
+/// The number of this process's threads with this name, without those that have been joined.
 std::size_t threadsNamed(const std::string& name);
 
 /// The signals that the calling thread could block and does not block, in order.
