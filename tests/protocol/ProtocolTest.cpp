@@ -4,6 +4,8 @@
 
 #include "ProtocolTest.h"
 
+#include "StopBound.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -90,11 +92,11 @@ OrvServiceRegistryClient& ProtocolTest::client() {
 }
 
 void ProtocolTest::stop() {
-    expectQuick(kStopBound, [this] { context->deinit(); });
+    expectQuick(testing::kStopBound, [this] { context->deinit(); });
 }
 
 void ProtocolTest::restart() {
-    expectQuick(kStopBound, [this] { client().deinit(); });
+    expectQuick(testing::kStopBound, [this] { client().deinit(); });
     client().init();
 }
 

@@ -60,12 +60,6 @@ class ProtocolTest : public ::testing::Test {
     using Handle = IOrvServiceRegistryClient::UnregisterHandle;
     using Service = std::shared_ptr<common::ServiceCreate>;
 
-    /// deinit() may take a second in addition to the running callback. Sanitizers take longer.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    static constexpr milliseconds kStopBound{5000};
-#else
-    static constexpr milliseconds kStopBound{1500};
-#endif
     /// A time-out that a test waits for, and that is long enough for a successful registration.
     static constexpr milliseconds kShort{1500};
 
@@ -79,9 +73,7 @@ class ProtocolTest : public ::testing::Test {
     /// Stops the client within the time limit, and starts it again.
     void restart();
 
-    common::ServiceInfo registry() const {
-        return registryAt(server.port());
-    }
+    common::ServiceInfo registry() const { return registryAt(server.port()); }
     static common::ServiceInfo registryAt(std::uint16_t port,
                                           const std::string& host = "127.0.0.1") {
         return {"registry", host, port};
@@ -95,9 +87,7 @@ class ProtocolTest : public ::testing::Test {
     }
     /// Registers a service with a new name, and waits for the outcome.
     std::string outcomeAt(const common::ServiceInfo& where);
-    std::string outcome() {
-        return outcomeAt(registry());
-    }
+    std::string outcome() { return outcomeAt(registry()); }
     /// The outcome of a registration that gets this answer.
     std::string outcomeOf(Script answer);
     /// Registers a service, which must succeed.
@@ -105,9 +95,7 @@ class ProtocolTest : public ::testing::Test {
     std::string outcomeOfWithdrawal(const Handle& handle);
     /// Expects that the client registers another service successfully after everything that has
     /// happened.
-    void expectItWorks() {
-        EXPECT_EQ(outcome(), kRegistered);
-    }
+    void expectItWorks() { EXPECT_EQ(outcome(), kRegistered); }
 
     /// Expects these notifications of the listener, and no others so far.
     void expectNotifications(const Recorder::Lines& expected);

@@ -5,6 +5,8 @@
 
 #include "Scene.h"
 
+#include "StopBound.h"
+
 #include <utility>
 
 namespace orvx::stress {
@@ -140,7 +142,8 @@ void Scene::expectQuick(const std::function<void()>& stop) {
     const auto begin = std::chrono::steady_clock::now();
     stop();
     *mark = true;
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, kStopBound) << "stopping took too long";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, testing::kStopBound)
+        << "stopping took too long";
 }
 
 }  // namespace orvx::stress

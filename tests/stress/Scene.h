@@ -26,12 +26,6 @@ using testing::Script;
 /// other names. Options are set on `context` and `http` before start().
 class Scene {
   public:
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    static constexpr milliseconds kStopBound{5000};
-#else
-    static constexpr milliseconds kStopBound{1500};
-#endif
-
     static std::shared_ptr<common::ServiceCreate> service(const std::string& name);
 
     explicit Scene(std::uint64_t seed);
@@ -43,9 +37,7 @@ class Scene {
     void start();
     /// The client that start() made. May also be used inside callbacks while the context is being
     /// stopped.
-    OrvServiceRegistryClient& client() {
-        return *client_;
-    }
+    OrvServiceRegistryClient& client() { return *client_; }
 
     /// A callback that records its outcome in the ledger and then calls `then`.
     IOrvServiceRegistryClient::ResponseCallback record(std::function<void()> then = {});
@@ -69,9 +61,7 @@ class Scene {
     void stopContext();
     void endContext();
     /// Allows callbacks again.
-    void startAgain() {
-        *mark = false;
-    }
+    void startAgain() { *mark = false; }
 
     HostileServer server;
     std::optional<testing::DeadResolver> resolver;

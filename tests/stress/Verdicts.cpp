@@ -6,6 +6,7 @@
 
 #include "Descriptors.h"
 #include "Process.h"
+#include "StopBound.h"
 
 #include <algorithm>
 #include <ostream>
@@ -86,7 +87,7 @@ Verdict& judgeStops(Verdicts& verdicts, const Place& place, FaultyRegistry& regi
     const Ledger& ledger = place.ledger;
     verdict.figures << place.stops << " stops, the longest " << place.longestStop << " ms; "
                     << ledger.counts().outstandingAtStop << " operations were outstanding";
-    verdict.require(place.longestStop <= kStopBound.count(), "a stop took too long");
+    verdict.require(place.longestStop <= testing::kStopBound.count(), "a stop took too long");
     const auto threads = testing::threadNames();
     verdict.require(std::none_of(threads.begin(), threads.end(), isOurs), "a thread is left");
     const auto isClosed = [&] {

@@ -15,10 +15,8 @@ namespace orvx::stress {
 
 // The time that a busy machine, and instrumented code, may add to the promised times.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr milliseconds kStopBound{5000};
 constexpr milliseconds kAllowance{20'000};
 #else
-constexpr milliseconds kStopBound{1500};
 constexpr milliseconds kAllowance{3000};
 #endif
 /// Longer than any time that remains to be waited for.
