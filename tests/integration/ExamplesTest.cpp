@@ -37,9 +37,6 @@ using testing::Request;
 using testing::Script;
 using ::testing::UnorderedElementsAre;
 
-/// Five seconds to withdraw, at most one to stop, and a margin.
-constexpr auto kShutdownBound = 7s;
-
 class Example : public ChildProcess {
   public:
     Example(const std::string& name, std::vector<std::string> arguments)
@@ -327,7 +324,7 @@ TEST_F(TheShutdownExample, HasNothingToWithdrawFromARegistryThatWasNeverReached)
     const auto begin = steady_clock::now();
     shutdown.signal(SIGTERM);
     EXPECT_EQ(shutdown.printed(), "nothing is left\n") << "and nothing was announced";
-    EXPECT_LT(steady_clock::now() - begin, kShutdownBound / 2);
+    EXPECT_LT(steady_clock::now() - begin, 4s) << "it may withdraw for five";
 }
 
 TEST_F(TheShutdownExample, LeavesWithinItsBoundAndWithFewLinesWhenTheRegistryIsSilent) {
@@ -343,7 +340,7 @@ TEST_F(TheShutdownExample, LeavesWithinItsBoundAndWithFewLinesWhenTheRegistryIsS
     EXPECT_EQ(result.output, "announced\nnot withdrawn\n");
     EXPECT_EQ(WEXITSTATUS(result.status), 1);
     EXPECT_LE(std::count(result.errors.begin(), result.errors.end(), '\n'), 10) << result.errors;
-    EXPECT_LT(steady_clock::now() - begin, kShutdownBound);
+    EXPECT_LT(steady_clock::now() - begin, 12s) << "five seconds, not thirty as an answer may take";
 }
 
 TEST_F(TheExamples, PrintTheirUsageWithoutTheirArgumentsAndWithAnInvalidPort) {
