@@ -42,27 +42,32 @@ TEST_F(TheConnectionToTheRegistry, RefusesAnUntrustedCertificate) {
 }
 
 TEST_F(TheConnectionToTheRegistry, ReportsTheNameOfAnUnknownHost) {
-    Announce announce(at("http://registry.invalid:8500"));
+    ChildProcess announce("/usr/bin/env",
+                          Words{"LD_PRELOAD=" + std::string(paths::kHangingLookup),
+                                "ASAN_OPTIONS=verify_asan_link_order=0", paths::kAnnounceProgram} +
+                              at("http://a.unknown.test:8500"));
     announce.awaitOutput(
-        " unreachable reason=\"PUT: RESOLVE_FAILED: the host registry.invalid is not known\" ");
-    announce.stopped(0);
+        " unreachable reason=\"PUT: RESOLVE_FAILED: the host a.unknown.test is not known\" ");
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
 }
 
 TEST_F(TheConnectionToTheRegistry, CarriesATokenThatMayBeReplaced) {
     front.onRequest([this](const Request& request) {
-        return request.header("Authorization") == "Bearer second" ? passOn(request, registry.port())
-                                                                  : testing::response(401);
+        return request.header("Authorization") == "Bearer violet-2"
+                   ? passOn(request, registry.port())
+                   : testing::response(401);
     });
-    const auto file = folder.write("token", "first\n");
+    const auto file = folder.write("token", "violet-1\n");
     Announce announce(at(urlOf(front.port())) + Words{"--token-file", file} +
                       shell("trap : HUP; echo up; read line; read line"));
     announce.awaitOutput("up\n");
     announce.awaitErrors(" refused ");
-    EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer first");
-    folder.write("token", "second\n");
+    EXPECT_EQ(front.requests().at(0).header("Authorization"), "Bearer violet-1");
+    folder.write("token", "violet-2\n");
     announce.signal(SIGHUP);
     const std::string errors = announce.awaitErrors(" announced ");
-    EXPECT_THAT(errors, Not(AllOf(HasSubstr("first"), HasSubstr("second"))));
+    EXPECT_THAT(errors, Not(HasSubstr("violet")));
     announce.endInput();
     announce.ended(1);
     EXPECT_TRUE(entries().empty());

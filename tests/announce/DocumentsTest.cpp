@@ -97,8 +97,9 @@ TEST_F(TheHowTo, HasCommandsThatAnnounceAndWithdraw) {
     for (std::sregex_iterator i(text.begin(), text.end(), block), end; i != end; ++i, ++count) {
         const Folder folder;
         std::string script = "\n" + (*i)[1].str();
-        script = std::regex_replace(script, std::regex("8500"), std::to_string(registry.port()));
-        script = std::regex_replace(script, std::regex("8080"), std::to_string(port.port()));
+        script =
+            std::regex_replace(script, std::regex("\\b8500\\b"), std::to_string(registry.port()));
+        script = std::regex_replace(script, std::regex("\\b8080\\b"), std::to_string(port.port()));
         script = std::regex_replace(script, std::regex("\norvx-announce"),
                                     "\nexec " + std::string(paths::kAnnounceProgram));
         ChildProcess process("/usr/bin/env", {"--chdir", folder.file(""), "bash", "-c", script});

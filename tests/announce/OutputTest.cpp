@@ -253,7 +253,6 @@ TEST_F(TheStatusFile, SaysWhatTheRegistrySaid) {
 }
 
 TEST_F(TheStatusFile, IsWholeWheneverItIsRead) {
-    std::vector<std::unique_ptr<Announce>> announcements;
     json set = json::array();
     for (int i = 0; i < 50; ++i) {
         set.push_back({{"name", "lamp" + std::to_string(i)}, {"port", 8000}});

@@ -125,9 +125,12 @@ TEST_F(TheLineWriter, NeverWaitsForTheReaderOfAPipeThatBelongsToAnotherUser) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can become another user";
     }
-    EXPECT_EQ(::seteuid(65534), 0);
+    struct AnotherUser {
+        AnotherUser() { EXPECT_EQ(::seteuid(65534), 0); }
+        ~AnotherUser() { EXPECT_EQ(::seteuid(0), 0); }
+    };
+    const AnotherUser user;
     expectDropsAreCounted();
-    EXPECT_EQ(::seteuid(0), 0);
 }
 
 TEST_F(TheLineWriter, NeverWaitsForTheReaderOfASocket) {

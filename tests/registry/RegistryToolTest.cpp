@@ -488,11 +488,13 @@ TEST_F(TheTool, LetsEntriesExpireThatAreNotChecked) {
 }
 
 TEST_F(TheTool, LetsNothingExpireForATimeInWhichItWasStopped) {
-    constexpr auto kTtl = 2s;
+    constexpr auto kTtl = 1s;
     RegistryProcess program({"--port", "0", "--ttl", std::to_string(kTtl.count())});
     RawConnection connection(program.port());
     const auto response = connection.ask(makeRequest("PUT", "/a", "{}"));
     program.signal(SIGSTOP);
+    siginfo_t state{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(program.pid()), &state, WSTOPPED), 0);
     connection.send(makeRequest("HEAD", std::string(response[http::field::location])));
     std::this_thread::sleep_for(kTtl + 100ms);  // the registry must not count this time
     program.signal(SIGCONT);

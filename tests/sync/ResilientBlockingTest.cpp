@@ -6,6 +6,7 @@
 #include "HostileServer.h"
 
 #include <algorithm>
+#include <future>
 
 namespace orvx::serviceregistryclient {
 namespace {
@@ -339,12 +340,14 @@ TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
 }
 
 TEST_P(WithdrawalAtTheEnd, SendsOneDeleteIfItGetsNoAnswer) {
-    context.setWithdrawAtDeinit(milliseconds(300));
+    context.setWithdrawAtDeinit(milliseconds(2000));
     context.init();
     client().registerServicesAtRegistry(registry, named(2));
     server.onRequest([](const testing::Request&) { return testing::Script().silence(); });
-    context.deinit();
-    EXPECT_LE(deletes(), 2U);
+    auto end = std::async(std::launch::async, [this] { context.deinit(); });
+    ASSERT_TRUE(server.waitForRequests(4));
+    end.get();
+    EXPECT_EQ(deletes(), 2U);
     EXPECT_EQ(warnings().size(), 2U);
 }
 
