@@ -107,19 +107,6 @@ TEST_F(ACallback, MayRegisterAndWithdraw) {
     EXPECT_EQ(entries().size(), 2U);
 }
 
-TEST_F(AWithdrawal, IsRefusedWhileTheRegistrationIsUnderWayAndSucceedsAfterIt) {
-    holdBack("PUT");
-    start();
-    const auto withdraw =
-        client().registerServiceAtRegistry(at(front.port()), service("lamp"), record());
-    ASSERT_TRUE(front.waitForRequests(1));
-    EXPECT_EQ(outcomeOf(withdraw), "ERROR/SERVICE_NOT_FOUND");
-    front.release("PUT");
-    EXPECT_THAT(outcomes.await(1), ElementsAre("OK/NONE"));
-    EXPECT_EQ(outcomeOf(withdraw), "OK/NONE");
-    EXPECT_TRUE(entries().empty());
-}
-
 TEST_F(AWithdrawal, ThatIsNotAnsweredInTimeTakesPlaceAllTheSame) {
     holdBack("DELETE");
     context.setSyncCallUnregisterTimeout(50ms);

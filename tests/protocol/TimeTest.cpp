@@ -129,18 +129,6 @@ TEST_F(TheTime, OfACheckIsOverAtOnceWithoutATimeout) {
     }
 }
 
-TEST_F(TheTime, OfASynchronousWithdrawalIsBounded) {
-    context->setSyncCallUnregisterTimeout(milliseconds(50));
-    start();
-    const auto outcome = client().registerServiceAtRegistry(registry(), service("lamp"));
-    EXPECT_EQ(describe(outcome.response), kRegistered);
-    server.nextRequest(Script().waitForRelease("answer").send(response(200)));
-    EXPECT_EQ(describe(outcome.unregister()), "ERROR/TIMEOUT");
-    server.release("answer");
-    expectItWorks();
-    EXPECT_THAT(notifications->take(3), ::testing::Contains("lamp is gone"));
-}
-
 TEST_F(TheTime, MustMakeSense) {
     for (const milliseconds timeout : {milliseconds(0), milliseconds(-1)}) {
         http.connectTimeout = timeout;

@@ -96,7 +96,7 @@ TEST(AWatcher, GetsPutsAndWithdrawalsAtOnce) {
 
 TEST(AWatcher, GetsChecksAndExpiriesWithoutFurtherRequests) {
     RegistryOptions options;
-    options.ttl = 3s;
+    options.ttl = 2s;
     const RunningRegistry registry(options);
     Watcher watcher(registry.port());
     {
@@ -112,7 +112,7 @@ TEST(AWatcher, GetsChecksAndExpiriesWithoutFurtherRequests) {
 // Before, the expiry reached the other watchers only when their own timers expired.
 TEST(AWatcher, GetsAnExpiryThatTheTimerOfAnotherWatcherHasFound) {
     RegistryOptions options;
-    options.ttl = 3s;
+    options.ttl = 2s;
     const RunningRegistry registry(options);
     RawConnection other = registry.connect();
     const auto timeOfRemoval = [](Watcher& watcher) {

@@ -223,7 +223,7 @@ TEST_F(TheEngine, SleepsUntilADeadlineThatIsFarAway) {
     ASSERT_TRUE(server_.waitForRequests(1));
     const auto isAsleep = [] {
         const auto before = sleepsOf("ORVX_HttpIO");
-        std::this_thread::sleep_for(1500ms);
+        std::this_thread::sleep_for(1100ms);
         return sleepsOf("ORVX_HttpIO") == before;
     };
     EXPECT_TRUE(isAsleep() || isAsleep() || isAsleep());
