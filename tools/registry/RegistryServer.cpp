@@ -158,8 +158,10 @@ class RegistryServer::Impl {
     }
 
     tcp::endpoint resolve(const RegistryOptions& options) {
-        tcp::endpoint endpoint =
-            *tcp::resolver(context_).resolve(options.host, std::to_string(options.port));
+        tcp::endpoint endpoint = tcp::resolver(context_)
+                                     .resolve(options.host, std::to_string(options.port))
+                                     .begin()
+                                     ->endpoint();
         const bool verifiesClients =
             !options.tls.certificate.empty() && !options.tls.authority.empty();
         const bool isGuarded = !options.tokens.empty() || verifiesClients;
