@@ -343,12 +343,15 @@ TEST_F(TheTool, AnswersWhileNobodyReadsItsLogAndCountsTheLinesThatItDrops) {
     const std::string metrics = connection.ask(makeRequest("GET", "/-/metrics")).body();
     const std::string& output = program.awaitOutput(", nobody read them\n");
     const std::regex whole(
-        "(orvx-registry listening on .*)|(.* \"HEAD /([0-9]+)-x{7000} .*)|"
+        "(orvx-registry listening on .*)|(.* \"HEAD /([0-9]+)- .*)|"
         "(orvx-registry: lines dropped: ([0-9]+), nobody read them)");
     std::istringstream lines(output);
     int written = 0;
     int dropped = 0;
     for (std::string line; std::getline(lines, line);) {
+        if (const auto at = line.find(filler); at != std::string::npos) {
+            line.erase(at, filler.size());  // std::regex recurses for each character
+        }
         std::smatch found;
         ASSERT_TRUE(std::regex_match(line, found, whole)) << line;
         if (found[2].matched) {
