@@ -2,7 +2,7 @@
 
 option(ORVX_WERROR "Treat warnings as errors" OFF)
 set(ORVX_SANITIZE "" CACHE STRING "Sanitizers for everything, e.g. address,undefined or thread")
-option(ORVX_COVERAGE "Instrument for line coverage" OFF)
+option(ORVX_COVERAGE "Instrument src for line coverage" OFF)
 set(ORVX_EXPORTS "${CMAKE_CURRENT_LIST_DIR}/Exports.map")
 
 function(orvx_target name)
@@ -34,6 +34,7 @@ function(orvx_target name)
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS "${ORVX_EXPORTS}")
   endif()
   if(ORVX_SANITIZE)
+    target_compile_definitions(${name} PRIVATE ORVX_SANITIZED)
     target_compile_options(${name} PRIVATE -fsanitize=${ORVX_SANITIZE} -fno-omit-frame-pointer
       -fno-sanitize-recover=all
       # Takes a free file descriptor itself, and reports a wrong pointer when tests leave none.
@@ -41,7 +42,9 @@ function(orvx_target name)
     target_link_options(${name} PUBLIC -fsanitize=${ORVX_SANITIZE})
   endif()
   if(ORVX_COVERAGE)
-    target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic)
+    if(folder MATCHES "^src")
+      target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic)
+    endif()
     target_link_options(${name} PUBLIC --coverage)
   endif()
 endfunction()

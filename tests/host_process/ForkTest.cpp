@@ -48,8 +48,8 @@ class User {
     std::thread thread_;
 };
 
-// A fork is slow under the thread sanitizer, which keeps a shadow of the memory.
-#if defined(__SANITIZE_THREAD__)
+// A fork is slow under a sanitizer, which keeps a shadow of the memory.
+#ifdef ORVX_SANITIZED
 constexpr int kForks = 20;
 #else
 constexpr int kForks = 200;

@@ -14,7 +14,7 @@
 namespace orvx::stress {
 
 // The time that a busy machine, and instrumented code, may add to the promised times.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef ORVX_SANITIZED
 constexpr milliseconds kAllowance{20'000};
 #else
 constexpr milliseconds kAllowance{3000};
