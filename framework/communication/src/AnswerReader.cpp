@@ -108,6 +108,8 @@ class AnswerReader::Parser {
             answer_.headerLines.append(name.data(), name.size()).append(": ");
             answer_.headerLines.append(value.data(), value.size()).append("\r\n");
         }
+        /// Newer versions of Beast call this function for a trailer; older ones do not declare it.
+        void on_trailer_field_impl(http::field, string_view, string_view, error_code&) {}
         void on_header_impl(error_code&) override {}
         void on_body_init_impl(const boost::optional<std::uint64_t>&, error_code&) override {}
         std::size_t on_body_impl(string_view body, error_code&) override {

@@ -159,7 +159,7 @@ TEST_P(AConsoleThatNobodyReads, NeverHoldsUpWhoLogsAndCountsInOneLineWhatItDropp
     FullStandardError console(GetParam()());
     const int flags = console.flags();
     auto logging = std::async(std::launch::async, [&] { logNumbered(*logger, 1, many + 1); });
-    EXPECT_TRUE(isReady(logging, std::chrono::seconds(5)));
+    EXPECT_TRUE(isReady(logging, std::chrono::seconds(60)));
     console.readUntil("lines dropped: ");
     logging.wait();
     console.readUntil("\n");
