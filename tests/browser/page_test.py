@@ -285,6 +285,30 @@ class ThePage(unittest.TestCase):
             self.assertIn(b" 201 ", registry.put_at(path))
         self.wait(lambda: len(self.rows()) == 2)
 
+    def test_shows_a_service_whose_port_is_no_number_and_those_after_it(self):
+        registry = self.open()
+        registry.put("before", port={"toString": 1})
+        registry.put("after")
+        self.wait(lambda: self.row("after"))
+        self.assertEqual(self.text("#count"), "2 services")
+        self.visit(registry, "#sort=address")
+        self.wait(lambda: self.names() == ["before", "after"])
+
+    def test_goes_on_after_an_event_that_it_cannot_apply(self):
+        registry = self.open()
+        self.browser.execute_script("""const put = handlers.put;
+            handlers.put = (data, raw) => {
+              if (data.path === '/lamp') throw Error('cannot be applied');
+              put(data, raw);
+            }""")
+        registry.put("lamp")
+        registry.put("doorbell")
+        self.wait(lambda: self.row("doorbell"))
+        self.assertEqual(self.names(), ["doorbell"])
+        errors = [entry["message"] for entry in self.browser.get_log("browser")]
+        self.assertEqual(len(errors), 1, errors)
+        self.assertIn("cannot be applied", errors[0])
+
     def test_says_once_when_the_registry_is_gone_and_when_it_is_back(self):
         registry = self.open()
         registry.put("lamp")

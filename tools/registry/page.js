@@ -66,6 +66,19 @@ function put(data, raw) {
   const now = performance.now();
   const key = 'cut' in data || data.path.includes('\ufffd') ? data.uuid : data.path;
   const {service} = data;
+  const name = typeof service.name === 'string' ? service.name : data.path;
+  const uri = typeof service.uri === 'string' ? service.uri : data.path;
+  const shownHost = hostOf(service);
+  const shownPort = portOf(service);
+  const address = shownHost + shownPort;
+  const values = { // before the first change, so that no entry lacks some of them
+    raw, name, uri, address, shownHost, shownPort, uuid: data.uuid, number: data.number, checks: data.checks, list: listing, lostAt: null, cut: data.cut,
+    created: now - data.age, renewed: now - data.renewed,
+    checked: 'checked' in data ? now - data.checked : null,
+    moved: data.moved ? {from: data.moved.from, at: now - data.moved.age} : null,
+    text: `${name} ${address} ${uri} ${data.uuid}`.toLowerCase(),
+    order: name.toLowerCase(), host: asText(service.host ?? ''), port: Number(asText(service.port ?? 0)) || 0,
+  };
   const former = entries.get(keys.get(data.uuid));
   if (former && former.key !== key) changeKey(former, key); // the description became long, or short
   const known = entries.get(key);
@@ -78,19 +91,7 @@ function put(data, raw) {
   }
   if (!isFirstList && (known?.uuid !== data.uuid || known.lostAt !== null)) entry.freshAt = now;
   keys.set(data.uuid, key);
-  const name = typeof service.name === 'string' ? service.name : data.path;
-  const uri = typeof service.uri === 'string' ? service.uri : data.path;
-  const shownHost = hostOf(service);
-  const shownPort = portOf(service);
-  const address = shownHost + shownPort;
-  Object.assign(entry, {
-    raw, name, uri, address, shownHost, shownPort, uuid: data.uuid, number: data.number, checks: data.checks, list: listing, lostAt: null, cut: data.cut,
-    created: now - data.age, renewed: now - data.renewed,
-    checked: 'checked' in data ? now - data.checked : null,
-    moved: data.moved ? {from: data.moved.from, at: now - data.moved.age} : null,
-    text: `${name} ${address} ${uri} ${data.uuid}`.toLowerCase(),
-    order: name.toLowerCase(), host: asText(service.host ?? ''), port: Number(service.port ?? 0),
-  });
+  Object.assign(entry, values);
 }
 
 function check([uuid, checks, age]) {
@@ -140,7 +141,11 @@ function receive(text) {
     const end = line.indexOf(': ');
     fields[line.slice(0, end)] = line.slice(end + 2);
   }
-  handlers[fields.event]?.(JSON.parse(fields.data), fields.data);
+  try {
+    handlers[fields.event]?.(JSON.parse(fields.data), fields.data);
+  } catch (error) {
+    console.error(error); // the other events are still applied, and this one is not requested again
+  }
   if (fields.id) lastId = fields.id;
 }
 
