@@ -440,6 +440,8 @@ class ThePage(unittest.TestCase):
         self.assertEqual(self.run_script("document.querySelector('#filter').value"), "10.0.0")
         self.browser.execute_script("location.hash = ''")
         self.wait(lambda: len(self.names()) == 4)
+        self.visit(registry, "#sort=valueOf")
+        self.wait(lambda: self.names() == ["kettle", "heater", "Doorbell", "lamp"])
 
     def test_opens_a_row_to_the_whole_description_to_copy(self):
         registry = self.open("--ttl", "60")

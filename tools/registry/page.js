@@ -227,7 +227,7 @@ let opened = null;
 function readAddress() {
   const address = new URLSearchParams(location.hash.slice(1));
   sort = address.get('sort') ?? NEWEST_FIRST;
-  if (!(sort.replace(/^-/, '') in orders)) sort = NEWEST_FIRST;
+  if (!Object.hasOwn(orders, sort.replace(/^-/, ''))) sort = NEWEST_FIRST;
   const filter = address.get('q') ?? '';
   if ($('filter').value.trim() !== filter) $('filter').value = filter;
   opened = address.get('open');
