@@ -287,6 +287,10 @@ TEST(TheGuardOfARate, RefusesRequestsBeyondTheRateAndSaysHowLongToWait) {
     EXPECT_EQ((*refusal)[http::field::retry_after], "1");
     EXPECT_TRUE(refusal->body().empty());
     EXPECT_FALSE(dispatcher.admitsConnection(peer.address));
+    Request health(verb::get, "/-/health", 11);
+    EXPECT_FALSE(dispatcher.refuse(health, peer, caller));
+    health.set(http::field::content_length, "1");
+    EXPECT_TRUE(dispatcher.refuse(health, peer, caller));
     now += 1s;
     EXPECT_FALSE(dispatcher.refuse(request, peer, caller));
 }

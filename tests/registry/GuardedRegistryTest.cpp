@@ -138,6 +138,25 @@ TEST_F(AGuardedRegistry, RefusesBeforeItReadsTheBody) {
     }
 }
 
+TEST_F(AGuardedRegistry, ReadsNoBodyWithoutATokenWhereNoTokenIsNeeded) {
+    RegistryOptions options;
+    options.tokens = tokens_;
+    const RunningRegistry registry(options);
+    for (const std::string target : {"/-/health", "/-/ready"}) {
+        const std::string line = "GET " + target + " HTTP/1.1\r\n";
+        for (const char* body :
+             {"Content-Length: 1000\r\n\r\n", "Transfer-Encoding: chunked\r\n\r\n"}) {
+            RawConnection connection = registry.connect();
+            connection.send(line + body);
+            EXPECT_EQ(connection.receive().result(), http::status::unauthorized);
+            EXPECT_TRUE(connection.isClosedByPeer());
+        }
+        RawConnection connection = registry.connect();
+        connection.send(line + "Content-Length: 0\r\n\r\n");
+        EXPECT_EQ(connection.receive().result(), http::status::ok);
+    }
+}
+
 TEST_F(AGuardedRegistry, KeepsAConnectionAfterARefusedRequestWithoutABody) {
     RegistryOptions options;
     options.tokens = tokens_;

@@ -71,12 +71,19 @@ bool isOwnResource(std::string_view target) {
            target.substr(0, 3) == "/-/";
 }
 
+bool announcesABody(const Request& header) {
+    const auto length = header.find(http::field::content_length);
+    return header.find(http::field::transfer_encoding) != header.end() ||
+           (length != header.end() && length->value() != "0");
+}
+
 }  // namespace
 
 bool isForEverybody(const Request& header) {
     const auto target = header.target();
     return (target == "/-/health" || target == "/-/ready") &&
-           (header.method() == http::verb::get || header.method() == http::verb::head);
+           (header.method() == http::verb::get || header.method() == http::verb::head) &&
+           !announcesABody(header);
 }
 
 std::shared_ptr<const Token> Guard::authenticate(const Request& header) const {
