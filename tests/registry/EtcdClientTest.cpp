@@ -283,6 +283,32 @@ TEST(AnEtcdClient, DistinguishesFinalErrorsAndErrorsWithoutAnEffect) {
     }
 }
 
+// An error does not say which cluster its member belongs to.
+TEST(AnEtcdClient, BeginsTheNextCallAtAnotherMemberAfterARefusal) {
+    const FakeMember first;
+    const FakeMember second;
+    RunningEtcdClient client(optionsOf({first.url(), second.url()}));
+    const auto answerAt = [](const FakeMember& member, const char* message, int code,
+                             const char* status) {
+        RawConnection connection = member.listener.accept();
+        readRequest(connection);
+        const json error{{"error", message}, {"message", message}, {"code", code}};
+        connection.send(answerOf(error.dump(), status));
+    };
+    auto refused = client.call();
+    answerAt(first, "etcdserver: no leader", 14, "503 X");
+    answerAt(second, "etcdserver: invalid auth token", 16, "401 X");
+    EXPECT_EQ(resultOf(refused).refusal, 16);
+    auto refusedAgain = client.call();
+    answerAt(first, "etcdserver: invalid auth token", 16, "401 X");
+    EXPECT_EQ(resultOf(refusedAgain).refusal, 16);
+    auto answered = client.call();
+    RawConnection atSecond = second.listener.accept();
+    readRequest(atSecond);
+    atSecond.send(answerOf("{}"));
+    EXPECT_TRUE(resultOf(answered).answer);
+}
+
 TEST(AnEtcdClient, RefusesTruncatedAndHostileAnswers) {
     const FakeMember member;
     const std::string json200 = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";

@@ -171,7 +171,7 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
     std::string cluster_{};  // the required cluster; empty: any
     std::function<void(const std::string&)> onOther_{};
     std::unique_ptr<asio::ssl::context> tls_{};
-    std::size_t preferred_ = 0;  // the member that answered last
+    std::size_t preferred_ = 0;  // the member that answered last, or follows one that refused since
     std::deque<CallPointer> waiting_{};
     std::unordered_set<CallPointer> running_{};
     std::size_t nextToWatch_ = 0;
@@ -300,7 +300,8 @@ void EtcdClient::Impl::onAnswer(const CallPointer& call, http::status status, js
     }
     const EtcdError error(status, answer);
     if (error.isFinal()) {
-        preferred_ = call->member;
+        // An error does not contain the cluster, so the member may belong to another one.
+        preferred_ = (call->member + 1) % members_.size();
         call->result.refusal = static_cast<int>(error.code);
         call->result.error = error.reason;
         return finish(call);

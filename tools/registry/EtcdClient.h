@@ -74,9 +74,10 @@ class EtcdClient {
     void requireCluster(std::string id, std::function<void(const std::string&)> onOther);
 
     /// Sends `body` to /v3/`call`, such as "kv/txn". It is sent to the member that answered last,
-    /// then once to each other member, until one answers or refuses. `handler` is called once,
-    /// within tryTimeout for each member, or twice that time if the call had to wait for others.
-    /// Throws a json::type_error for a body with a text that is not UTF-8.
+    /// or to the member that follows one that refused a call since, then once to each other member,
+    /// until one answers or refuses. `handler` is called once, within tryTimeout for each member,
+    /// or twice that time if the call had to wait for others. Throws a json::type_error for a body
+    /// with a text that is not UTF-8.
     void call(std::string_view call, const nlohmann::json& body, Handler handler);
 
     /// Starts a watch. Ends a running watch without its onEnd. Each watch is sent to the member
