@@ -4,7 +4,10 @@
 // There is no lock.
 
 #include <gmock/gmock.h>
+#include <openssl/ssl.h>
+#include <openssl/tls1.h>
 
+#include <boost/asio/ssl/context.hpp>
 #include <boost/beast/http/status.hpp>
 #include <chrono>
 #include <filesystem>
@@ -17,6 +20,7 @@
 #include "FileContent.h"
 #include "RunningRegistry.h"
 #include "TemporaryFolder.h"
+#include "Tls.h"
 #include "TlsConnection.h"
 
 namespace orvx::registry {
@@ -24,6 +28,7 @@ namespace {
 
 namespace http = boost::beast::http;
 using namespace std::chrono_literals;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
@@ -256,6 +261,28 @@ TEST_F(ARegistryOverTls, DropsAConnectionBeforeTheHandshakeWhenItsAddressExceeds
     }
     EXPECT_TRUE(connections.back().endsWithin(5s));  // long before it is too slow
     EXPECT_FALSE(connections.front().endsWithin(0s));
+}
+
+TEST(AConnectionOverTls, ExpectsTheNameThatACertificateContains) {
+    const auto context = makeClientTlsContext({});
+    const auto expected = [&](const std::string& host) {
+        const std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context->native_handle()),
+                                                            SSL_free);
+        expectHost(*ssl, host);
+        const std::unique_ptr<char, void (*)(void*)> address(
+            X509_VERIFY_PARAM_get1_ip_asc(SSL_get0_param(ssl.get())),
+            [](void* text) { OPENSSL_free(text); });
+        const auto textOf = [](const char* text) { return std::string(text ? text : "none"); };
+        return std::vector{textOf(SSL_get_servername(ssl.get(), TLSEXT_NAMETYPE_host_name)),
+                           textOf(X509_VERIFY_PARAM_get0_host(SSL_get0_param(ssl.get()), 0)),
+                           textOf(address.get())};
+    };
+    EXPECT_THAT(expected("localhost"), ElementsAre("localhost", "localhost", "none"));
+    EXPECT_THAT(expected("localhost."), ElementsAre("localhost", "localhost", "none"));
+    EXPECT_THAT(expected("127.0.0.1"), ElementsAre("none", "none", "127.0.0.1"));
+    EXPECT_THAT(expected("fe80::1%eth0"), ElementsAre("none", "none", "FE80:0:0:0:0:0:0:1"));
+    EXPECT_THAT(expected("127.0.0.1."), ElementsAre("none", "none", "127.0.0.1"));
+    EXPECT_THAT(expected("."), ElementsAre("none", ".", "none"));
 }
 
 }  // namespace

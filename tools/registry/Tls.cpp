@@ -56,6 +56,14 @@ void loadAuthority(asio::ssl::context& context, const std::string& path) {
     SSL_CTX_set_verify(native, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 }
 
+std::string nameInCertificate(const std::string& host) {
+    std::string name = host.substr(0, host.find('%'));
+    if (!name.empty() && name.back() == '.') {
+        name.pop_back();
+    }
+    return name;
+}
+
 }  // namespace
 
 void loadOwn(asio::ssl::context& context, const TlsFiles& files) {
@@ -112,13 +120,16 @@ std::unique_ptr<asio::ssl::context> makeClientTlsContext(const TlsFiles& files) 
 }
 
 void expectHost(SSL& ssl, const std::string& host) {
+    const std::string name = nameInCertificate(host);
     in6_addr ignored;
-    if (::inet_pton(AF_INET, host.c_str(), &ignored) == 1 ||
-        ::inet_pton(AF_INET6, host.c_str(), &ignored) == 1) {
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(&ssl), host.c_str());
+    if (name.empty()) {
+        SSL_set1_host(&ssl, host.c_str());  // matches no certificate; an empty name would match all
+    } else if (::inet_pton(AF_INET, name.c_str(), &ignored) == 1 ||
+               ::inet_pton(AF_INET6, name.c_str(), &ignored) == 1) {
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(&ssl), name.c_str());
     } else {
-        SSL_set1_host(&ssl, host.c_str());
-        SSL_set_tlsext_host_name(&ssl, host.c_str());
+        SSL_set1_host(&ssl, name.c_str());
+        SSL_set_tlsext_host_name(&ssl, name.c_str());
     }
 }
 

@@ -16,7 +16,8 @@ std::unique_ptr<boost::asio::ssl::context> makeTlsContext(const TlsFiles& files)
 std::unique_ptr<boost::asio::ssl::context> makeClientTlsContext(const TlsFiles& files);
 
 /// To be called before a client's handshake. Requires a certificate for that name or address, and
-/// sends a name to the server (SNI).
+/// sends a name to the server (SNI). A zone, and the trailing dot of an absolute name, are ignored:
+/// neither a certificate nor SNI contains them.
 void expectHost(SSL& ssl, const std::string& host);
 
 /// Loads the certificate and the key of those files. Throws a FileError.
