@@ -252,6 +252,17 @@ TEST_F(TheDispatcher, ReportsThatItIsLiveAndReady) {
     EXPECT_EQ(ask(verb::put, "/-/ready", "{}").result(), http::status::created);
 }
 
+TEST_F(TheDispatcher, AddsTheDurationOfARequestToALargeSum) {
+    dispatcher_.counts().countRequest(verb::put, 201, 10'000'000s);
+    dispatcher_.counts().countRequest(verb::put, 201, 1ms);
+    const std::string metrics = ask(verb::get, "/-/metrics").body();
+    const std::string name = "orvx_registry_request_duration_seconds_sum ";
+    const auto begin = metrics.find(name);
+    ASSERT_NE(begin, std::string::npos);
+    EXPECT_DOUBLE_EQ(std::stod(metrics.substr(begin + name.size())), 10'000'000.001);
+    EXPECT_THAT(metrics, HasSubstr("_bucket{le=\"0.002\"} 1\n"));
+}
+
 TEST_F(TheDispatcher, MeasuresTheDurationOfRequestsAndCountsWatchers) {
     ask(verb::put, "/a", "{}");
     ask(verb::head, "/a");

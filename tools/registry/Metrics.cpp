@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <boost/beast/http/status.hpp>
+#include <limits>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -68,8 +69,11 @@ std::string Metrics::text(const EntryStore& store, std::size_t faults) const {
         i < kDurations.size() ? text << kDurations[i] : text << "+Inf";
         text << "\"} " << count << '\n';
     }
-    text << "orvx_registry_request_duration_seconds_sum " << secondsOfRequests_
-         << "\norvx_registry_request_duration_seconds_count " << count << '\n';
+    // Six digits would make a sum of weeks stand still.
+    const auto digits = text.precision(std::numeric_limits<double>::max_digits10);
+    text << "orvx_registry_request_duration_seconds_sum " << secondsOfRequests_ << '\n';
+    text.precision(digits);
+    text << "orvx_registry_request_duration_seconds_count " << count << '\n';
     add(text, "orvx_registry_watchers", "gauge", "Readers of the stream of changes.", watchers_);
     writeHeader(text, "orvx_registry_drops_total", "counter",
                 "Connections that were ended without an answer, by reason.");
