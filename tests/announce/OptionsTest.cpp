@@ -131,6 +131,16 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
 }
 
+TEST_F(TheOptions, RefuseAnEmptyValueInsteadOfTakingTheNextArgument) {
+    const Words good{"--registry", "http://127.0.0.1", "--port", "1"};
+    EXPECT_EQ(refusal(good + Words{"--name=", "--json"}),
+              "orvx-announce: --name: the value is empty\n");
+    EXPECT_THAT(refusal(good + Words{"--name", "a", "--proxy=", "--json"}),
+                HasSubstr("--proxy: the value is empty"));
+    EXPECT_THAT(refusal(good + Words{"--proxy=a=", "--", "echo", "--name="}),
+                Not(HasSubstr("the value is empty")));
+}
+
 TEST_F(TheOptions, ThatAreInvalidAreReportedInOneLineWithAHint) {
     const Words good{"--registry", "http://127.0.0.1", "--name", "a", "--port", "1"};
     const auto expect = [](const Words& arguments, const std::string& text) {

@@ -112,7 +112,13 @@ TEST_F(AGuardedRegistry, RefusesAnEmptyValueOfAnyOption) {
           std::vector<std::string>{"--log", ""}, std::vector<std::string>{"--host", ""},
           std::vector<std::string>{"--etcd", "http://127.0.0.1:1", "--etcd-prefix", ""},
           std::vector<std::string>{"list", "--token-file", "", "--registry", "http://127.0.0.1:1"},
-          std::vector<std::string>{"watch", "--name", "", "--exec", "true"}}) {
+          std::vector<std::string>{"watch", "--name", "", "--exec", "true"},
+          std::vector<std::string>{"--store=", "--open"}, std::vector<std::string>{"--audit="},
+          std::vector<std::string>{"--log=", "--open"},
+          std::vector<std::string>{"--etcd", "http://127.0.0.1:1", "--etcd-prefix=", "--open"},
+          std::vector<std::string>{"list", "--name=", "--json", "--registry", "http://127.0.0.1:1"},
+          std::vector<std::string>{"watch", "--name=", "lamp", "--exec", "true"},
+          std::vector<std::string>{"watch", "--exec", "--version", "1", "--name=", "lamp"}}) {
         const auto result = run(arguments);
         EXPECT_TRUE(exitedWith(result, 125)) << result.status;
         EXPECT_THAT(result.output, IsEmpty());

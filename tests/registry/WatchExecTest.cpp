@@ -68,6 +68,11 @@ TEST_F(TheWatchedCommand, GetsOnlyEntriesThatMatch) {
     EXPECT_THAT(watched.awaitOutput("/lamp"), Not(HasSubstr("bell")));
 }
 
+TEST_F(TheWatchedCommand, GetsArgumentsThatAreOptionsWithAnEmptyValue) {
+    RegistryProcess watched(watching(url(), {"--exec", "--name", "lamp", "echo", "--name="}));
+    watched.awaitOutput("--name=\n");
+}
+
 TEST_F(TheWatchedCommand, GetsTheWholeOfALongService) {
     put("/lamp", R"({"name":"lamp","text":")" + std::string(100'000, 'x') + "\"}");
     watch("cat", {"--name", "lamp"}).awaitOutput(std::string(100'000, 'x') + "\"},\"uuid\":");

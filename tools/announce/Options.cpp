@@ -13,6 +13,7 @@
 #include <iostream>
 #include <map>
 
+#include "EmptyValue.h"
 #include "ExitCodes.h"
 #include "Nearest.h"
 #include "RegistryUrl.h"
@@ -225,6 +226,9 @@ Options parseOptions(int argc, char** argv) {
                          "Tells this program's version");
     addEnvironment(app);
     try {
+        if (const auto name = tools::optionWithEmptyValue(argv + 1, dashes); !name.empty()) {
+            throw UsageError(name + ": the value is empty");
+        }
         app.parse(static_cast<int>(dashes - argv), argv);
         if (dashes != end && options.command.empty()) {
             throw UsageError("no command follows --");

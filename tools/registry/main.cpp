@@ -19,9 +19,11 @@
 #include <iostream>
 #include <regex>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "Commands.h"
+#include "EmptyValue.h"
 #include "EtcdClient.h"
 #include "FileContent.h"
 #include "LineStream.h"
@@ -115,6 +117,20 @@ void serve(const RegistryOptions& options) {
         std::_Exit(0);
     }
     thread.join();
+}
+
+/// The end of the program's own arguments: the arguments of the command of `watch --exec` follow.
+char** endOfOptions(const CLI::App& app, char** begin, char** end) {
+    const CLI::App* const watch = app.get_subcommand("watch");
+    char** word = std::find(begin, end, std::string_view("--exec"));
+    word += word == end ? 0 : 1;
+    for (; word != end && **word == '-'; ++word) {
+        const CLI::Option* const option = watch->get_option_no_throw(*word);
+        if (option != nullptr && option->get_items_expected_max() > 0 && word + 1 != end) {
+            ++word;
+        }
+    }
+    return word;
 }
 
 /// Refuses empty values, such as that of an unset variable, which would switch off the option's
@@ -219,6 +235,11 @@ int main(int argc, char** argv) {
     };
     orvx::registry::addCommands(app, run);
     try {
+        const auto empty =
+            orvx::tools::optionWithEmptyValue(argv + 1, endOfOptions(app, argv + 1, argv + argc));
+        if (!empty.empty()) {
+            throw CLI::ValidationError(empty, "the value is empty");
+        }
         app.parse(argc, argv);
         refuseEmptyValues(app);
         return run();
