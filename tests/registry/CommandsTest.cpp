@@ -179,6 +179,21 @@ TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     EXPECT_EQ(output.find("/lamp"), output.rfind("/lamp"));
 }
 
+TEST(TheCommands, RefuseOptionsOfTheServer) {
+    const RunningRegistry registry;
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"--port", "9500", "list"},
+          std::vector<std::string>{"--log", "list"},
+          std::vector<std::string>{"--open", "rm", "none"}}) {
+        const auto result = run(registry, arguments);
+        EXPECT_EQ(statusOf(result), 125);
+        EXPECT_THAT(result.output, IsEmpty());
+        EXPECT_EQ(result.errors, "orvx-registry: " + arguments[0] +
+                                     ": has no meaning with a command (orvx-registry --help lists "
+                                     "the options)\n");
+    }
+}
+
 TEST(TheCommands, SendATokenAndReportItsRefusal) {
     const TemporaryFolder folder;
     RegistryOptions options;

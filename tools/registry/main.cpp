@@ -147,6 +147,19 @@ void refuseEmptyValues(const CLI::App& app) {
     }
 }
 
+/// Refuses options of the server with a command, which would ignore them: `--port 9500 rm` would
+/// remove entries at port 8500.
+void refuseOptionsOfServer(const CLI::App& app) {
+    if (app.get_subcommands().empty()) {
+        return;
+    }
+    for (const CLI::Option* const option : app.get_options()) {
+        if (option->count() > 0) {
+            throw CLI::ValidationError(option->get_name(), "has no meaning with a command");
+        }
+    }
+}
+
 /// Excludes options for data of one process, because replicas share the entries.
 void addEtcdOptions(CLI::App& app, RegistryOptions& options) {
     auto* etcd = app.add_option_function<std::string>(
@@ -242,6 +255,7 @@ int main(int argc, char** argv) {
         }
         app.parse(argc, argv);
         refuseEmptyValues(app);
+        refuseOptionsOfServer(app);
         return run();
     } catch (const CLI::Success& answered) {
         return app.exit(answered);
