@@ -315,6 +315,20 @@ TEST_F(TheTool, AnswersAndTakesChecksWhileItsStoreCannotBeWrittenAndAnEntryIsDue
     }
 }
 
+// If the fault remained, no check would succeed until the store can be written.
+TEST_F(TheTool, FailsOneRequestByAForgetThatItsStoreCannotWrite) {
+    RegistryProcess program({"--port", "0", "--store", folder_ / "store", "--admin"});
+    RawConnection connection(program.port());
+    const auto put = connection.ask(makeRequest("PUT", "/a", "{}"));
+    connection.ask(makeRequest("PUT", "/-/faults", R"({"fault":"forget","method":"HEAD"})"));
+    const rlimit noGrowth{0, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(program.pid(), RLIMIT_FSIZE, &noGrowth, nullptr), 0);
+    const std::string check = makeRequest("HEAD", std::string(put[http::field::location]));
+    EXPECT_EQ(connection.ask(check).result(), http::status::internal_server_error);
+    EXPECT_EQ(connection.ask(check).result(), http::status::ok);
+    EXPECT_EQ(connection.ask(makeRequest("GET", "/-/faults")).body(), R"({"faults":[]})");
+}
+
 TEST_F(TheTool, GoesOnWhenTheReaderOfItsLogHasEnded) {
     const std::string fifo = folder_ / "fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);

@@ -231,9 +231,8 @@ def ask_an_open_registry(registry):
     registry.ask("GET", "/-/watch?checks=no", "/-/watch")
     registry.ask("GET", "/-/watch?checks=maybe", "/-/watch")
     registry.ask("PUT", "/lamp", "/{path}", body="no JSON")
-    registry.ask("PUT", "/lamp", "/{path}", body="x" * 30000)
-    registry.ask("PUT", "/-/faults", body="x" * 30000)
     ask_every_operation(registry, {})
+    ask_every_operation(registry, {}, "x" * 30000)
     ask_every_operation(registry, LONG_HEADER)
     follow(registry)
     registry.ask("DELETE", location, "/{path}")
@@ -298,16 +297,16 @@ def main(program, path):
                 registry.ask("HEAD", "/")
             ask_every_operation(registry, {}, "{}")
         limit = (1_000_000, 1_000_000)
-        with Registry(document, program, "--store", str(pathlib.Path(folder, "entries")),
+        with Registry(document, program, "--admin", "--store", str(pathlib.Path(folder, "entries")),
                       before=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, limit)) as registry:
-            fill(registry)
+            forget(registry, fill(registry))
     document.report_unseen()
     if faults:
         sys.exit("\n".join(sorted(set(faults))))
 
 
 def fill(registry):
-    """Puts until the store is full, and withdraws."""
+    """Puts until the store is full, and withdraws. Returns the location of an entry that cannot be withdrawn."""
     locations = []
     for i in range(100):
         location = registry.put(f"/{i}", {"text": "x" * 100_000})
@@ -316,7 +315,21 @@ def fill(registry):
         locations.append(location)
     for location in locations:
         if registry.ask("DELETE", location, "/{path}")[0].status == 500:
-            break
+            return location
+    return sys.exit("every entry could be withdrawn although the store is full")
+
+
+def forget(registry, location):
+    """Every reading operation that a due `forget` makes fail, because the store cannot be written."""
+    fault = {"fault": "forget", "uuid": location[1:]}
+    for path, method, operation in registry.document.operations():
+        if method not in ("get", "head") or "500" not in operation["responses"]:
+            continue
+        # At the resources of the registry only a fault without a method is carried out, the first time by the PUT.
+        more = {"requests": 2} if path.startswith("/-/") else {"method": method.upper()}
+        registry.ask("PUT", "/-/faults", body={**fault, **more})
+        if registry.ask(method.upper(), path.replace("{path}", "none"), path)[0].status != 500:
+            fail(f"{method} {path}: a fault that cannot be written is not answered with 500")
 
 
 if __name__ == "__main__":

@@ -50,7 +50,9 @@ class Faults {
 
     /// Returns the effect of the faults on the next request with that method, and applies a due
     /// `forget` to `store`. Without a method, only a `forget` without method and skip takes effect:
-    /// for requests about the registry itself, such as the metrics. Throws what the store throws.
+    /// for requests about the registry itself, such as the metrics. Throws what the store throws;
+    /// the `forget` counts as carried out, because otherwise no request would succeed on a full
+    /// disk.
     FaultEffect apply(std::optional<boost::beast::http::verb> method, EntryStore& store);
 
     /// The remaining faults, as `{"faults":[...]}`.
