@@ -1,7 +1,8 @@
 // Three kinds of keys below the prefix:
 //   entries/<uuid>  the path, the address, the owner and the time of creation as JSON on one line;
 //                   the service follows on the next one, as the text that it is
-//   paths/<path>    "<uuid> <time of creation in milliseconds>"; "-" for an hour after the entry
+//   paths/<path>    "<uuid> <time of creation in milliseconds>"; after the entry "-", for 50 to 60
+//                   minutes
 //   checks          the names of entries that were checked at one replica
 // Every transaction changes an entry and its path together. The checks and the entries are next to
 // one another in the order of the keys, so that one watch follows both, and no paths.

@@ -44,7 +44,7 @@ class EtcdEntries {
     /// `prefix`: the begin of all keys.
     explicit EtcdEntries(std::string prefix) : prefix_(std::move(prefix)) {}
 
-    /// How long the key of a path exists after its entry was removed.
+    /// How long the key of a path exists at most after its entry was removed.
     static constexpr std::chrono::seconds kPathRetention{3'600};
 
     // Each transaction has the condition that nothing has changed since the state that its sender
