@@ -13,10 +13,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "EntryBackend.h"
+#include "EtcdChecks.h"
 #include "EtcdClient.h"
 #include "EtcdEntries.h"
 
@@ -26,10 +26,12 @@ namespace orvx::registry {
 /// only a list from etcd and the events of etcd's watch change.
 /// docs/adr/0016-replicas-in-front-of-etcd.md describes the guarantees.
 ///
-/// Every interval() this replica writes to etcd which entries were checked here. When the watch
+/// In every interval this replica writes to etcd which entries were checked here. When the watch
 /// brings this write back, the copy has all earlier changes. The write therefore shows whether the
-/// copy is current, and which entries no replica has renewed. The copy is current if the last write
-/// that came back began at most longestLag() ago.
+/// copy is current, and which entries no replica has renewed. EtcdChecks decides both.
+///
+/// EtcdBackend.cpp: the copy, state and stop; EtcdChanges.cpp: changes and lookups for clients;
+/// EtcdExpiry.cpp: writing checks, and expiry.
 ///
 /// Thread-safety: the thread that runs the io_context only.
 class EtcdBackend : public EntryBackend {
@@ -81,11 +83,11 @@ class EtcdBackend : public EntryBackend {
     using PutHandler = std::function<void(std::optional<PutResult>)>;
 
     static constexpr std::chrono::seconds kLongestWait{1};
-    static constexpr std::size_t kMaxChecks = 10'000;  // for one write
+    static constexpr std::chrono::milliseconds kRetryPause{200};
     /// So many entries of the largest size fit into EtcdClient::kMaxAnswer.
     static constexpr std::size_t kLongestPage = 40;
 
-    // The copy
+    // The copy: EtcdBackend.cpp
     void load();
     void loadAfter(const std::string& key, std::uint64_t revision);
     void requireCluster(const std::string& id);
@@ -97,7 +99,7 @@ class EtcdBackend : public EntryBackend {
     void advance(std::uint64_t revision);
     void retryLater(std::function<void()> next);
 
-    // Changes
+    // Changes: EtcdChanges.cpp
     void putWhenLoaded(const std::string& path, const Json& service, const Owner& owner,
                        PutHandler done);
     void tryToPut(PutResult wanted, std::uint64_t revision, Time until, PutHandler done);
@@ -107,19 +109,16 @@ class EtcdBackend : public EntryBackend {
     void relistIfPresent(const Entry& entry, std::uint64_t revision);
     void whenReached(std::uint64_t revision, std::function<void()> done);
 
-    // Checks and expiry
-    std::chrono::milliseconds interval() const;
-    std::chrono::milliseconds longestLag() const;
-    std::chrono::milliseconds round() const { return store_.options().ttl / 8; }
-    std::chrono::milliseconds expiryAge() const {
-        return store_.options().ttl + round() + interval();
-    }
+    // Checks and expiry: EtcdExpiry.cpp
     void onTimer();
     void startTimer(std::chrono::milliseconds pause);
     void writeChecks();
     void onChecksWritten(Time begin, std::uint64_t before, const Json& answer);
     void onCurrent(Time begin);
     void expire(std::vector<std::string> names, Time since);
+
+    // State and stop: EtcdBackend.cpp
+    static bool isFromEtcd(const EtcdClient::Result& result);
     void report(const std::string& error);
     void writeLastChecks();
     void close();
@@ -157,14 +156,8 @@ class EtcdBackend : public EntryBackend {
     std::string lease_;  // for the keys of paths whose entries were removed
     std::optional<Time> leaseBegin_{};
 
-    std::unordered_set<std::string> checked_;          // entries, in this round
-    std::unordered_set<std::string> unwrittenChecks_;  // checked entries that are not written yet
-    Time roundBegin_{};
+    EtcdChecks checks_;
     bool isWriting_ = false;
-    std::map<std::uint64_t, Time> pendingWrites_;  // by revision: the time at which the write began
-    std::optional<Time> current_{};  // the time at which the last write that came back began
-    Time currentSince_{};            // the time since which the copy is current
-    const Time begin_ = store_.now();
     bool isExpiring_ = false;
 
     bool isStopped_ = false;
