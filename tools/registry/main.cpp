@@ -123,7 +123,6 @@ void serve(const RegistryOptions& options) {
 char** endOfOptions(const CLI::App& app, char** begin, char** end) {
     const CLI::App* const watch = app.get_subcommand("watch");
     char** word = std::find(begin, end, std::string_view("--exec"));
-    word += word == end ? 0 : 1;
     for (; word != end && **word == '-'; ++word) {
         const CLI::Option* const option = watch->get_option_no_throw(*word);
         if (option != nullptr && option->get_items_expected_max() > 0 && word + 1 != end) {
