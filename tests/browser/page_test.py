@@ -296,12 +296,12 @@ class ThePage(unittest.TestCase):
 
     def test_goes_on_after_an_event_that_it_cannot_apply(self):
         registry = self.open()
-        self.browser.execute_script("""const put = handlers.put;
-            handlers.put = (data, raw) => {
-              if (data.path === '/lamp') throw Error('cannot be applied');
-              put(data, raw);
+        self.browser.execute_script("""const convert = Number;
+            window.Number = text => {
+              if (text === '13') throw Error('cannot be applied');
+              return convert(text);
             }""")
-        registry.put("lamp")
+        registry.put("lamp", port=13)
         registry.put("doorbell")
         self.wait(lambda: self.row("doorbell"))
         self.assertEqual(self.names(), ["doorbell"])
