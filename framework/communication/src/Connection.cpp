@@ -30,6 +30,7 @@ void Connection::send(std::unique_ptr<Request>& request, std::string_view head) 
     isWriting_ = written == Stream::Written::Later;
     isWriteBroken_ = written == Stream::Written::Broken;
     isRepeatable_ = !std::exchange(isNew_, false);
+    isUnused_ = false;
     ++request->attempts;
     request_ = std::move(request);
 }

@@ -57,12 +57,17 @@ class Connection final : private Stream::Listener {
     std::uint64_t lastWaiting() const { return lastWaiting_; }
     /// The cause of a TLS failure for human readers; empty without a failure.
     const std::string& tlsError() const { return stream_->tlsError(); }
-    /// Whether no request has been sent over this connection.
+    /// Whether no request has been sent over this connection, and keep() was not called.
     bool isNew() const { return isNew_; }
+    /// Whether no request has been sent over this connection.
+    bool isUnused() const { return isUnused_; }
+    /// The requests for which this connection was made do not need it. From now on it is like one
+    /// over which a request was sent.
+    void keep() { isNew_ = false; }
     /// Whether the last request was sent over a kept connection.
     bool isKept() const { return isRepeatable_; }
-    /// The time until which a new connection may wait for the rest of a TLS record. The first call
-    /// sets it.
+    /// The time until which an unused connection may wait for the rest of a TLS record. The first
+    /// call sets it.
     Clock::time_point inputDeadline(Clock::time_point latest) {
         return inputDeadline_ = std::min(inputDeadline_, latest);
     }
@@ -88,6 +93,7 @@ class Connection final : private Stream::Listener {
     std::unique_ptr<Request> request_;
     Clock::time_point inputDeadline_ = Clock::time_point::max();
     bool isNew_ = true;
+    bool isUnused_ = true;
     bool isOutdated_ = false;
     bool isRepeatable_ = false;  // The outstanding request was sent over a kept connection.
     bool isWriting_ = false;

@@ -118,6 +118,8 @@ void HttpEndpoint::process(Clock::time_point now) {
     serveIdle(now);
     if (waiting() != 0) {
         connect(now);
+    } else if (std::exchange(hasNew_, false)) {
+        keepNew();
     }
 }
 
@@ -180,7 +182,7 @@ void HttpEndpoint::expireRepeats(Clock::time_point now) {
     }
 }
 
-// Input on a new connection may be a TLS session ticket. The outstanding read consumes it, or
+// Input on an unused connection may be a TLS session ticket. The outstanding read consumes it, or
 // reports an error, unless the rest of the record does not arrive.
 void HttpEndpoint::serveIdle(Clock::time_point now) {
     for (std::size_t i = idle_.size(); i-- > 0 && waiting() != 0;) {
@@ -188,14 +190,24 @@ void HttpEndpoint::serveIdle(Clock::time_point now) {
         if (!connection.isOutdated() && connection.hasNoInput()) {
             idle_.erase(idle_.begin() + static_cast<std::ptrdiff_t>(i));
             serve(connection);
-        } else if (connection.isOutdated() || !connection.isNew()) {
+        } else if (connection.isOutdated() || !connection.isUnused()) {
             drop(connection);
         } else if (const auto end = connection.inputDeadline(now + connectTimeout()); end <= now) {
-            avoid(connection.address());
+            if (connection.isNew()) {
+                avoid(connection.address());
+            }
             drop(connection);
         } else {
             wakeAt(end);
         }
+    }
+}
+
+/// Keeps the new connections for later requests. If the server ends one of them, no waiting request
+/// fails, and a request that was sent over it is repeated.
+void HttpEndpoint::keepNew() {
+    for (Connection* const connection : idle_) {
+        connection->keep();
     }
 }
 
@@ -263,9 +275,12 @@ void HttpEndpoint::connect(Clock::time_point now) {
 }
 
 bool HttpEndpoint::needsConnection(Clock::time_point now) {
-    // serveIdle() has used or dropped all other idle connections for which a request was waiting.
+    // Idle connections with input that must be read first: serveIdle() has used or dropped all
+    // others for which a request was waiting. A kept one cannot be used for a repetition.
+    const bool mayUseKept = waiting() > repeats_.size();
     const auto unready = static_cast<std::size_t>(
-        std::count_if(idle_.begin(), idle_.end(), [](const auto* one) { return one->isNew(); }));
+        std::count_if(idle_.begin(), idle_.end(),
+                      [mayUseKept](const Connection* one) { return mayUseKept || one->isNew(); }));
     const std::size_t most = settings_->config.connectionsPerEndpoint;
     const bool isFirst = connections_.size() == unready;
     std::size_t wanted = std::min(waiting(), isFirst ? 1 : most);
@@ -391,6 +406,7 @@ void HttpEndpoint::onConnected(Connector& connector, std::shared_ptr<Stream> str
         return;
     }
     idle_.push_back(connections_.back().get());
+    hasNew_ = true;
 }
 
 void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus status,

@@ -80,6 +80,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     std::unique_ptr<Request> takeOldestHeadOfRepeats();
     void serve(Connection& connection);
     void serveIdle(Clock::time_point now);
+    void keepNew();
     void send(Connection& connection, std::unique_ptr<Request>& request,
               const std::string& head) noexcept;
     std::unique_ptr<Request> nextFor(const Connection& connection);
@@ -132,6 +133,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     // Before this time no connection is made for requests that another connection can serve.
     Clock::time_point nextFurther_ = Clock::time_point::min();
     Clock::time_point nextTime_ = Clock::time_point::max();
+    bool hasNew_ = false;  // Whether a connection may be both idle and new.
     bool hasHadEarlyBytes_ = false;
     bool isRetired_ = false;
 };

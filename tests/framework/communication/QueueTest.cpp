@@ -61,6 +61,30 @@ class TheQueue : public HttpTest {
         }
         return statuses;
     }
+    /// Leaves a second connection, over which nothing was sent. A request must be outstanding over
+    /// the first one.
+    void makeASpare(const SessionPointer& session) {
+        Outcome unsent;
+        {
+            const BusyIoThread busy(context_);
+            session->sendHeadRequest("/", unsent.handler());
+            context_.getUnavailableSession()->sendHeadRequest("/", [&](const HttpResponse&) {
+                EXPECT_TRUE(server_.waitForConnections(2));
+                session->abandon();
+            });
+        }
+        EXPECT_EQ(unsent.status(), CommunicationStatus::Abandoned);
+    }
+    /// The same, and ends the outstanding request.
+    void makeASpareBeside(const std::string& answer, const SessionPointer& session) {
+        server_.nextRequest(Script().waitForRelease("answer").send(answer));
+        Outcome first;
+        session->sendPutRequestJson("/", "", 0, first.handler());
+        ASSERT_TRUE(server_.waitForRequests(1));
+        makeASpare(session);
+        server_.release("answer");
+        EXPECT_EQ(first.statusCode(), 200);
+    }
     std::vector<std::string> targets() const {
         std::vector<std::string> targets;
         for (const Request& request : server_.requests()) {
@@ -184,6 +208,66 @@ TEST_F(TheQueue, RepeatsARequestOnANewConnectionThoughAnotherOneIsIdle) {
     server_.nextRequest(response(201));
     EXPECT_EQ(codeOf(put(two)), 201);
     EXPECT_EQ(server_.counters().connections, 3U);
+}
+
+// Before, a connection over which nothing was sent counted as new for ever.
+TEST_F(TheQueue, RepeatsARequestOnANewConnectionThoughAnotherOneWasNeverUsed) {
+    const SessionPointer two = session();
+    server_.nextConnection(Script());
+    server_.nextConnection(Script().readRequest().reset());
+    makeASpareBeside(response(200), two);
+    server_.nextRequest(Script().reset());
+    server_.nextRequest(response(201));
+    EXPECT_EQ(codeOf(remove(two)), 201);
+    EXPECT_EQ(server_.counters().connections, 3U);
+}
+
+TEST_F(TheQueue, RepeatsARequestThatIsTheFirstOverAnOldConnection) {
+    const SessionPointer two = session();
+    server_.nextConnection(Script());
+    server_.nextConnection(Script().readRequest().reset());
+    makeASpareBeside(response(200, {{"Connection", "close"}}), two);
+    server_.nextRequest(response(201));
+    EXPECT_EQ(codeOf(remove(two)), 201);
+    EXPECT_EQ(server_.counters().connections, 3U);
+}
+
+TEST_F(TheQueue, FailsNoRepetitionWhenAConnectionEndsThatWasNeverUsed) {
+    const SessionPointer two = session();
+    server_.nextConnection(Script());
+    server_.nextConnection(Script().waitForRelease("spare").close());
+    server_.nextRequest(response(200));
+    server_.nextRequest(Script().waitForRelease("end").reset());
+    server_.nextRequest(response(201));
+    put(two);
+    Outcome repeated;
+    two->sendDeleteRequest("/", "", repeated.handler());
+    ASSERT_TRUE(server_.waitForRequests(2));
+    makeASpare(two);
+    {
+        const BusyIoThread busy(context_);
+        server_.release("end");
+        ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 1; }));
+        server_.release("spare");
+        ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+    }
+    EXPECT_EQ(repeated.statusCode(), 201);
+}
+
+TEST_F(TheQueue, StaysAtAnAddressThatEndsAConnectionThatWasNeverUsed) {
+    const DeadResolver resolver;
+    HostileServer second(Loopback::SecondV4, server_.port());
+    const SessionPointer named = session(server_.port(), {}, "a.replicas.test");
+    server_.nextConnection(Script());
+    server_.nextConnection(Script().waitForRelease("spare").close());
+    makeASpareBeside(response(200), named);
+    server_.release("spare");
+    ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 1; }));
+    HostileServer later;
+    put(session(later.port()));  // The end of the connection is noticed before this answer.
+    server_.nextRequest(response(201));
+    EXPECT_EQ(codeOf(put(named)), 201);
+    EXPECT_EQ(server_.counters().connections, 2U);
 }
 
 // Before, one request failed for each further connection that could not be made.

@@ -5,6 +5,8 @@
 #include "TlsServer.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -114,6 +116,8 @@ void TlsServer::serve() {
 void TlsServer::serve(int connection) {
     const timeval patience{5, 0};
     ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const int on = 1;
+    ::setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context_.get()), SSL_free);
     if (!afterHandshake_.empty()) {
         handshakeAndSend(connection, *ssl);

@@ -102,6 +102,52 @@ class Tls : public HttpTest {
     }
 };
 
+// A session that arrives over a connection that was never used is input without a request.
+TEST_F(Tls, KeepsAnUnusedConnectionOverWhichASessionArrives) {
+    std::promise<void> established;
+    std::promise<void> due;
+    std::promise<void> sent;
+    bool isFirst = true;
+    const TlsServer server({}, [&](SSL& ssl) {
+        if (std::exchange(isFirst, false)) {
+            established.set_value();
+            due.get_future().wait();
+            SSL_new_session_ticket(&ssl);
+            SSL_do_handshake(&ssl);
+            sent.set_value();
+        }
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    const SessionPointer secure = sessionWith(server);
+    const SessionPointer unavailable = context_.getUnavailableSession();
+    Outcome unsent;
+    {
+        const BusyIoThread busy(context_);
+        secure->sendHeadRequest("/", unsent.handler());
+        unavailable->sendHeadRequest("/", [&](const HttpResponse&) { secure->abandon(); });
+    }
+    EXPECT_EQ(unsent.status(), CommunicationStatus::Abandoned);
+    established.get_future().wait();
+    server_.nextRequest(Script().waitForRelease("other").send(response(200)).close());
+    Outcome other;
+    session()->sendPutRequestJson("/", "", 0, other.handler());
+    ASSERT_TRUE(server_.waitForRequests(1));
+    Outcome late;
+    {
+        const BusyIoThread busy(context_);
+        // The I/O thread handles this answer first, so that the request finds the session unread.
+        server_.release("other");
+        ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+        due.set_value();
+        sent.get_future().wait();
+        secure->sendDeleteRequest("/", "", late.handler());
+    }
+    EXPECT_EQ(late.statusCode(), 200);
+    EXPECT_EQ(other.statusCode(), 200);
+    EXPECT_EQ(server.resumed().size(), 1U) << "connections";
+}
+
 TEST_F(Tls, ResumesItsSessionsInBothVersions) {
     for (const int number : {TLS1_2_VERSION, TLS1_3_VERSION}) {
         const TlsServer server(version(number), [](SSL& ssl) {
