@@ -10,6 +10,8 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
+
 namespace orvx::communication {
 
 using utility::MutexLock;
@@ -21,9 +23,9 @@ struct Resolver::State {
     utility::Mutex mutex;
     const WakeUp& wakeUp;  // Valid until close().
     LookUps waiting ORVX_GUARDED_BY(mutex);
+    LookUps current ORVX_GUARDED_BY(mutex);  // Empty or one; the thread sets its answer.
     LookUps answered ORVX_GUARDED_BY(mutex);
     bool isWorking ORVX_GUARDED_BY(mutex) = false;
-    bool isLookingUp ORVX_GUARDED_BY(mutex) = false;
     bool isClosed ORVX_GUARDED_BY(mutex) = false;
     utility::WorkerThread thread;  // Used by the I/O thread only.
 };
@@ -39,6 +41,11 @@ void keepLoaded() noexcept {
     }
 }
 
+bool contains(const Resolver::LookUps& lookUps, const std::string& name) {
+    return std::any_of(lookUps.begin(), lookUps.end(),
+                       [&name](const Resolver::LookUp& one) { return one.name == name; });
+}
+
 }  // namespace
 
 Resolver::Resolver(const WakeUp& wakeUp) : state_(std::make_shared<State>(wakeUp)) {}
@@ -52,6 +59,9 @@ void Resolver::lookUp(const std::string& name) {
     added.push_back({name, {}});
     {
         MutexLock lock(state_->mutex);
+        if (contains(state_->current, name) || contains(state_->waiting, name)) {
+            return;
+        }
         state_->waiting.splice(state_->waiting.end(), added);
         if (state_->isWorking) {
             return;
@@ -83,7 +93,7 @@ void Resolver::close() noexcept {
             return;
         }
         state_->isClosed = true;
-        isLeft = state_->isLookingUp;
+        isLeft = !state_->current.empty();
     }
     if (isLeft) {
         keepLoaded();
@@ -95,15 +105,15 @@ void Resolver::close() noexcept {
 void Resolver::work(State& state) {
     MutexLock lock(state.mutex);
     while (!state.isClosed && !state.waiting.empty()) {
-        LookUps now;
-        now.splice(now.end(), state.waiting, state.waiting.begin());
-        state.isLookingUp = true;
+        state.current.splice(state.current.end(), state.waiting, state.waiting.begin());
+        LookUp& current = state.current.front();
         lock.unlock();
-        now.front().answer = communication::lookUp(now.front().name);
+        current.answer = communication::lookUp(current.name);
         lock.lock();
-        state.isLookingUp = false;
-        if (!state.isClosed) {
-            state.answered.splice(state.answered.end(), now);
+        if (state.isClosed) {
+            state.current.clear();
+        } else {
+            state.answered.splice(state.answered.end(), state.current);
             state.wakeUp.raise();
         }
     }

@@ -31,8 +31,9 @@ class Resolver {
     Resolver(const Resolver&) = delete;
     Resolver& operator=(const Resolver&) = delete;
 
-    /// Queues a look-up. Throws std::bad_alloc, or std::system_error if the thread cannot be made;
-    /// the name is not looked up then.
+    /// Queues a look-up, unless the name is waiting or being looked up already: that answer is for
+    /// this call too. Throws std::bad_alloc, or std::system_error if the thread cannot be made; the
+    /// name is not looked up then.
     void lookUp(const std::string& name);
     /// The answers since the last call.
     LookUps take();

@@ -216,6 +216,24 @@ TEST_F(Connecting, AsksOnceForANameThatIsNotAnsweredHoweverOftenItIsWaitedFor) {
     EXPECT_THAT(resolver.lookups(), ElementsAre("a.silent.test", "b.unknown.test"));
 }
 
+// Before, each endpoint of the host added a look-up, and there was no bound.
+TEST_F(Connecting, AsksOnceForANameThatSeveralEndpointsShare) {
+    DeadResolver resolver;
+    HttpConfig config;
+    config.connectTimeout = 100ms;
+    for (const std::uint32_t port : {80U, 81U, 82U}) {
+        EXPECT_EQ(put(session(port, config, "a.silent.test")).getCommunicationStatus(),
+                  CommunicationStatus::TimedOut);
+        EXPECT_EQ(put(session(port, config, "b.silent.test")).getCommunicationStatus(),
+                  CommunicationStatus::TimedOut)
+            << "waits for the look-up of the other name";
+    }
+    resolver.release();
+    put(session(80, {}, "c.unknown.test"));  // its look-up comes after all others
+    EXPECT_THAT(resolver.lookups(),
+                ElementsAre("a.silent.test", "b.silent.test", "c.unknown.test"));
+}
+
 TEST_F(Connecting, MakesOneConnectionUntilOneStands) {
     HttpConfig config;
     config.tls.enabled = true;
