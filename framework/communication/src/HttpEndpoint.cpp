@@ -331,7 +331,9 @@ bool HttpEndpoint::findAddresses() {
                                     : std::make_optional(Addresses{unixAddress(socketPath)});
     if (fixed) {
         setAddresses(std::move(*fixed));
-        addressesEnd_ = Clock::time_point::max();
+        // The interface that is an address's zone may get another number.
+        const bool hasZone = next.host.find('%') != std::string::npos;
+        addressesEnd_ = hasZone ? Clock::now() + kAddressesLast : Clock::time_point::max();
         return true;
     }
     context_.resolver.lookUp(next.host);

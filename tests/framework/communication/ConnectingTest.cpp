@@ -4,9 +4,11 @@
 #include "BusyIoThread.h"
 #include "HttpTest.h"
 
+#include <net/if.h>
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -28,6 +30,8 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 using Clock = std::chrono::steady_clock;
+
+std::atomic<int> askedForZone{0};  // How often the number of a network interface was asked for.
 
 class Connecting : public HttpTest {
   protected:
@@ -216,6 +220,16 @@ TEST_F(Connecting, AsksOnceForANameThatIsNotAnsweredHoweverOftenItIsWaitedFor) {
     EXPECT_THAT(resolver.lookups(), ElementsAre("a.silent.test", "b.unknown.test"));
 }
 
+// The interface may appear later, or again with another number.
+TEST_F(Connecting, AsksAgainForTheZoneOfAnAddressAfterAFailure) {
+    askedForZone = 0;
+    const SessionPointer local = session(80, {}, "fe80::1%orvx-none");
+    for (int asked = 1; asked <= 2; ++asked) {
+        EXPECT_EQ(put(local).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+        EXPECT_EQ(askedForZone, asked);
+    }
+}
+
 // Before, each endpoint of the host added a look-up, and there was no bound.
 TEST_F(Connecting, AsksOnceForANameThatSeveralEndpointsShare) {
     DeadResolver resolver;
@@ -321,3 +335,9 @@ TEST_F(Connecting, LeaksNothingInTenThousandConnections) {
 
 }  // namespace
 }  // namespace orvx::testing
+
+// Replaces the C library's function: no name is one of an interface.
+extern "C" __attribute__((visibility("default"))) unsigned if_nametoindex(const char*) noexcept {
+    ++orvx::testing::askedForZone;
+    return 0;
+}
