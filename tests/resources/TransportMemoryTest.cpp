@@ -7,6 +7,11 @@
 #include "RecordingLogger.h"
 #include "TlsServer.h"
 
+#include <dlfcn.h>
+#include <openssl/crypto.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -17,6 +22,8 @@ namespace orvx::testing {
 namespace {
 
 using namespace std::chrono_literals;
+
+std::atomic<bool> indexesFail{false};  // The next index of OpenSSL's data cannot be made.
 
 class ATransportOutOfMemory : public HttpTest {
   protected:
@@ -94,6 +101,26 @@ TEST_F(ATransportOutOfMemory, SpeaksTls) {
     sweep([&] { return session(server.port(), config_); }, CommunicationStatus::Ok, 7);
 }
 
+// A process of its own, because OpenSSL numbers the data that refer to a client once in a process.
+// Before, all later TLS connections failed.
+TEST_F(ATransportOutOfMemory, SpeaksTlsThoughItsFirstUseFailed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const TlsServer server({}, [](SSL& ssl) {
+        TlsServer::readRequest(ssl);
+        TlsServer::send(ssl, "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+    });
+    useTls();
+    const auto statusesAreRight = [&] {
+        indexesFail = true;
+        const SessionPointer secure = session(server.port(), config_);
+        const auto first = remove(secure).getCommunicationStatus();
+        const auto second = remove(secure).getCommunicationStatus();
+        std::cerr << "first " << first << ", second " << second;
+        return first == CommunicationStatus::OutOfMemory && second == CommunicationStatus::Ok;
+    };
+    EXPECT_EXIT(::_exit(statusesAreRight() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(ATransportOutOfMemory, SaysThatAHandshakeFailed) {
     TlsServer::Options mutual;
     mutual.isMutual = true;
@@ -127,3 +154,15 @@ TEST_F(ATransportOutOfMemory, SendsNothingAfterAPartOfARequest) {
 
 }  // namespace
 }  // namespace orvx::testing
+
+// Replaces OpenSSL's function, which returns -1 if memory runs out.
+extern "C" __attribute__((visibility("default"))) int CRYPTO_get_ex_new_index(
+    int kind, long number, void* pointer, CRYPTO_EX_new* make, CRYPTO_EX_dup* copy,
+    CRYPTO_EX_free* destroy) {
+    static const auto next = reinterpret_cast<decltype(&::CRYPTO_get_ex_new_index)>(
+        ::dlsym(RTLD_NEXT, "CRYPTO_get_ex_new_index"));
+    if (kind == CRYPTO_EX_INDEX_SSL && orvx::testing::indexesFail.exchange(false)) {
+        return -1;
+    }
+    return next(kind, number, pointer, make, copy, destroy);
+}

@@ -1,5 +1,6 @@
 // Configures OpenSSL for one endpoint.
-// Entered by the I/O thread only; there is no lock.
+// Entered by the I/O thread only; there is no lock. The I/O threads of several contexts share the
+// index of OpenSSL's data, which is an atomic.
 
 #include "TlsClient.h"
 
@@ -15,6 +16,7 @@
 #include <boost/asio/ssl/error.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 #include <utility>
 
@@ -76,9 +78,16 @@ bool isAddress(const std::string& host) {
            ::inet_pton(AF_INET6, host.c_str(), &ignored) == 1;
 }
 
-/// The index of the OpenSSL extra data that refers to the TlsClient.
-int indexOfClient() {
-    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+/// The index of the OpenSSL extra data that refers to the TlsClient. -1 if memory runs out; the
+/// next call tries again.
+int indexOfClient() noexcept {
+    static std::atomic<int> known{-1};
+    int index = known;
+    if (index < 0) {
+        const int made = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+        // Another I/O thread may have been first.
+        index = known.compare_exchange_strong(index, made) ? made : index;
+    }
     return index;
 }
 
