@@ -25,6 +25,8 @@ namespace {
 
 // The delay between two attempts (RFC 8305, section 5).
 constexpr std::chrono::milliseconds kStagger(250);
+// The delay between two attempts at a Unix domain socket whose server accepts no connections.
+constexpr std::chrono::milliseconds kRetry(50);
 // The limit for a proxy's answer to CONNECT.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
@@ -35,6 +37,12 @@ std::string connectError(const error_code& error, const Address& address) {
     return error == asio::error::connection_refused
                ? "connection refused by " + toText(address)
                : "no connection to " + toText(address) + ": " + error.message();
+}
+
+/// Whether a Unix domain socket's backlog is full, for which connect() has EAGAIN and Asio another
+/// error. TCP repeats its SYN in this case.
+bool isBacklogFull(const error_code& error, const Address& address) {
+    return error == asio::error::no_buffer_space && address.storage.ss_family == AF_UNIX;
 }
 
 /// Empty if memory runs out.
@@ -89,9 +97,12 @@ void Connector::onTime() {
 void Connector::startAttempts() {
     guarded([this] {
         while (next_ < addresses_.size()) {
-            const bool isUnderWay = startAttempt(addresses_[next_++]);
-            nextAttempt_ =
-                next_ < addresses_.size() ? Clock::now() + kStagger : Clock::time_point::max();
+            const Address& address = addresses_[next_++];
+            const bool isUnderWay = startAttempt(address);
+            const bool isUnix = address.storage.ss_family == AF_UNIX;
+            nextAttempt_ = isUnix                      ? Clock::now() + kRetry
+                           : next_ < addresses_.size() ? Clock::now() + kStagger
+                                                       : Clock::time_point::max();
             if (isUnderWay) {
                 return;
             }
@@ -138,6 +149,11 @@ bool Connector::startAttempt(const Address& address) {
 
 void Connector::onAttemptEnd(Attempt& attempt, const error_code& error) {
     if (owner_ == nullptr || plain_) {
+        return;
+    }
+    if (isBacklogFull(error, attempt.address)) {
+        attempts_.clear();
+        next_ = 0;  // At nextAttempt_.
         return;
     }
     if (error) {

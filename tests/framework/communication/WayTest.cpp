@@ -2,8 +2,15 @@
 
 #include "HttpTest.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "Loopback.h"
 #include "StopBound.h"
@@ -146,7 +153,80 @@ TEST_F(TheWayThroughAProxy, IsOneWithAName) {
     EXPECT_EQ(codeOf(put(elsewhere())), 200);
 }
 
-using TheWayOverAUnixSocket = HttpTest;
+/// A listener at a path, and connections that wait to be accepted.
+class FullUnixSocket {
+  public:
+    FullUnixSocket() : path_(::testing::TempDir() + "orvx-full-" + std::to_string(::getpid())) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        const auto* const to = reinterpret_cast<const sockaddr*>(&address);
+        ::unlink(path_.c_str());
+        EXPECT_EQ(::bind(listener_.fd(), to, sizeof address), 0);
+        EXPECT_EQ(::listen(listener_.fd(), 0), 0);
+        do {
+            waiting_.push_back(makeSocket());
+        } while (::connect(waiting_.back().fd(), to, sizeof address) == 0);
+        EXPECT_EQ(errno, EAGAIN);
+    }
+    ~FullUnixSocket() { ::unlink(path_.c_str()); }
+    FullUnixSocket(const FullUnixSocket&) = delete;
+    FullUnixSocket& operator=(const FullUnixSocket&) = delete;
+
+    const std::string& path() const { return path_; }
+    /// Accepts all connections that were made first.
+    void drain() {
+        for (std::size_t left = waiting_.size() - 1; left > 0; --left) {
+            accept();
+        }
+    }
+    Socket accept() {
+        EXPECT_TRUE(waitForEvents(listener_, POLLIN, 10'000));
+        return Socket(::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    }
+
+  private:
+    static Socket makeSocket() {
+        return Socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    }
+
+    const std::string path_;
+    const Socket listener_ = makeSocket();
+    std::vector<Socket> waiting_;
+};
+
+class TheWayOverAUnixSocket : public HttpTest {
+  protected:
+    /// Sends a PUT, and waits until the first attempt to connect has been made.
+    void startPut(const HttpConfig& config, const Outcome& outcome) {
+        session(config)->sendPutRequestJson("/", "", 0, Outcome(outcome).handler());
+        head(context_.getUnavailableSession());
+    }
+};
+
+// Before, the request failed at once.
+TEST_F(TheWayOverAUnixSocket, IsTriedAgainWhileTheServerAcceptsNoConnection) {
+    FullUnixSocket full;
+    HttpConfig config;
+    config.unixSocketPath = full.path();
+    Outcome outcome;
+    startPut(config, outcome);
+    full.drain();
+    const Socket accepted = full.accept();
+    ASSERT_TRUE(waitForEvents(accepted, POLLIN, 10'000));
+    const std::string answer = response(200);
+    EXPECT_EQ(::send(accepted.fd(), answer.data(), answer.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(answer.size()));
+    EXPECT_EQ(outcome.statusCode(), 200);
+}
+
+TEST_F(TheWayOverAUnixSocket, IsGivenUpWhenTheServerAcceptsNoConnectionInTime) {
+    const FullUnixSocket full;
+    HttpConfig config;
+    config.unixSocketPath = full.path();
+    config.connectTimeout = std::chrono::milliseconds(200);
+    EXPECT_EQ(put(session(config)).getCommunicationStatus(), CommunicationStatus::TimedOut);
+}
 
 TEST_F(TheWayOverAUnixSocket, IsNoConnectionWhenNobodyIsThere) {
     HttpConfig config;
