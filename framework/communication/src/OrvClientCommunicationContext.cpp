@@ -91,10 +91,11 @@ void OrvClientCommunicationContext::init() {
 
 void OrvClientCommunicationContext::deinit() {
     auto& engines = state_->engines;
-    // Iterates by index: the destructor of a dropped handler may call deinit() again.
+    // The destructor of a dropped handler may call deinit() again, which removes engines.
     // NOLINTNEXTLINE(modernize-loop-convert)
     for (std::size_t i = 0; i < engines.size(); ++i) {
-        engines[i]->stop();
+        const auto engine = engines[i];
+        engine->stop();
     }
     const auto ended = std::remove_if(engines.begin(), engines.end(),
                                       [](const auto& engine) { return engine->hasEnded(); });

@@ -293,6 +293,30 @@ TEST_F(ACommunicationContext, StartsAgainWhileTheHandlerInWhichItEndedStillRuns)
     EXPECT_TRUE(outcome.isDestroyed());
 }
 
+// Before, the outer call used an I/O thread's object that the inner one had destroyed.
+TEST_F(ACommunicationContext, EndsInsideTheDestructorOfAHandlerThatItsEndDrops) {
+    std::promise<void> entered;
+    std::promise<void> released;
+    const SessionPointer unavailable = context_.getUnavailableSession();
+    Outcome running;
+    unavailable->sendHeadRequest("/", running.handler([&] {
+        entered.set_value();
+        released.get_future().wait();
+    }));
+    entered.get_future().wait();
+    bool hasEnded = false;
+    std::shared_ptr<void> ending(nullptr, [&](void*) {
+        released.set_value();
+        context_.deinit();
+        hasEnded = true;
+    });
+    unavailable->sendHeadRequest("/", [ending](const HttpResponse&) { ADD_FAILURE(); });
+    ending.reset();
+    context_.deinit();
+    EXPECT_TRUE(hasEnded);
+    EXPECT_TRUE(running.isDestroyed());
+}
+
 TEST_F(ACommunicationContext, MayBeDestroyedInsideAHandler) {
     auto shortLived = std::make_unique<OrvClientCommunicationContext>();
     shortLived->init();
