@@ -2,6 +2,7 @@
 // each request gets one outcome, and the next request is served. The longest time-outs show whether
 // an endpoint stands still.
 #include "DeadResolver.h"
+#include "Descriptors.h"
 #include "HttpTest.h"
 #include "Memory.h"
 #include "RecordingLogger.h"
@@ -16,6 +17,7 @@
 #include <cstddef>
 #include <functional>
 #include <iostream>
+#include <new>
 #include <string>
 
 namespace orvx::testing {
@@ -129,6 +131,27 @@ TEST_F(ATransportOutOfMemory, SaysThatAHandshakeFailed) {
         mutual.version = version;
         const TlsServer server(mutual, [](SSL&) {});
         sweep([&] { return session(server.port(), config_); }, CommunicationStatus::TlsFailed, 7);
+    }
+}
+
+// Before, the event descriptor stayed open.
+TEST_F(ATransportOutOfMemory, LeavesNoDescriptorOfAnInitThatFailed) {
+    context_.deinit();
+    const std::size_t descriptors = openDescriptors();
+    bool hasFailed = true;
+    for (std::size_t n = 0; hasFailed && !HasFailure(); ++n) {
+        {
+            const Memory::CountedIn counted;
+            Memory::failAfter(n, 1);
+            try {
+                context_.init();
+            } catch (const std::bad_alloc&) {
+                // Expected, unless the allocation is one that the library can do without.
+            }
+            hasFailed = Memory::recover() > 0;
+        }
+        context_.deinit();
+        EXPECT_EQ(openDescriptors(), descriptors) << "after the failure of allocation " << n;
     }
 }
 

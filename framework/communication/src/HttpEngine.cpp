@@ -10,6 +10,7 @@
 #include <orvx/utility/OrvFoundationException.h>
 
 #include <sys/eventfd.h>
+#include <unistd.h>
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/detail/concurrency_hint.hpp>
@@ -47,10 +48,20 @@ HttpResponse responseTo(Request& request) {
             std::move(request.answer.headerLines), std::move(request.answer.body)};
 }
 
-int makeEvent() {
+using Event = asio::posix::basic_stream_descriptor<asio::io_context::executor_type>;
+
+/// Gives `event` a new event descriptor, and returns it. Throws std::bad_alloc, or
+/// boost::system::system_error if there is no descriptor left.
+int openEvent(Event& event) {
     const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (descriptor < 0) {
         throw boost::system::system_error(errno, boost::system::system_category(), "eventfd");
+    }
+    try {
+        event.assign(descriptor);
+    } catch (...) {
+        ::close(descriptor);
+        throw;
     }
     return descriptor;
 }
@@ -64,10 +75,9 @@ struct HttpEngine::Loop {
         : io(BOOST_ASIO_CONCURRENCY_HINT_UNSAFE),
           event(io),
           timer(io),
-          wakeUp(makeEvent()),
+          wakeUp(openEvent(event)),
           resolver(wakeUp),
           context{io, resolver, logger, done} {
-        event.assign(wakeUp.descriptor());
         listen();
     }
 
@@ -118,7 +128,7 @@ struct HttpEngine::Loop {
     }
 
     asio::io_context io;
-    asio::posix::basic_stream_descriptor<asio::io_context::executor_type> event;
+    Event event;  // Owns the descriptor of wakeUp.
     asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, asio::io_context::executor_type>
         timer;
     Clock::time_point alarm = Clock::time_point::max();  // When the timer fires.

@@ -9,7 +9,6 @@ namespace orvx::communication {
 class WakeUp {
   public:
     explicit WakeUp(int eventDescriptor) : descriptor_(eventDescriptor) {}
-    int descriptor() const { return descriptor_; }
     void raise() const noexcept { ::eventfd_write(descriptor_, 1); }
 
   private:
