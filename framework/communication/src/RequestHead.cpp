@@ -33,7 +33,8 @@ bool isReadByProxy(const EndpointSettings& settings) {
     return !settings.proxy.host.empty() && !settings.config.tls.enabled;
 }
 
-/// The value of the Host header. As in a URL, the scheme's default port is omitted.
+/// The value of the Host header, and the authority of a target in absolute form, which must be
+/// equal. As in a URL, the scheme's default port is omitted.
 std::string_view hostOf(const EndpointSettings& settings) {
     const bool isTls = settings.config.tls.enabled;
     std::string_view host = settings.origin.authority;
@@ -49,7 +50,7 @@ const std::string& RequestHeads::make(const Request& request) {
     const std::string& lines = headerLinesFor(request);
     head_.assign(methodToString(methodOf(request.kind))).append(" ");
     if (isReadByProxy(*request.settings)) {
-        head_.append("http://").append(request.settings->origin.authority);
+        head_.append("http://").append(hostOf(*request.settings));
     }
     head_.append(request.target).append(" HTTP/1.1\r\n").append(lines);
     if (request.kind == Request::Kind::Put) {

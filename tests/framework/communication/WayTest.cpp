@@ -55,6 +55,13 @@ TEST_F(TheWayThroughAProxy, TellsItThePlainRequestsWholeAddress) {
     EXPECT_THAT(seen(), StartsWith("HEAD http://registry.invalid:8500/lamp HTTP/1.1\r\n"));
 }
 
+// Before, the address had the port and the Host header did not, which proxies may refuse.
+TEST_F(TheWayThroughAProxy, IsToldTheSameHostTwiceAtTheDefaultPort) {
+    EXPECT_EQ(codeOf(put(session(80, config, "registry.invalid"), "/lamp")), 200);
+    EXPECT_THAT(seen(), StartsWith("PUT http://registry.invalid/lamp HTTP/1.1\r\n"));
+    EXPECT_THAT(seen(), HasSubstr("Host: registry.invalid\r\n"));
+}
+
 TEST_F(TheWayThroughAProxy, KeepsTheConnection) {
     const SessionPointer session = elsewhere();
     for (int i = 0; i < 3; ++i) {
