@@ -4,6 +4,8 @@
 
 #include "AnswerReader.h"
 
+#include <orvx/utility/Ascii.h>
+
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
@@ -19,6 +21,7 @@ namespace {
 namespace http = boost::beast::http;
 using boost::beast::error_code;
 using boost::beast::string_view;
+using utility::isDecimal;
 
 // The limit for header lines, whatever the configuration says.
 constexpr std::size_t kMostHeaderBytes = 300 * 1024;
@@ -28,11 +31,6 @@ constexpr std::size_t kMostFraming = 4096;
 // body.
 constexpr std::size_t kFramingAtFirst = 64 * 1024;
 constexpr std::size_t kFramingForAByte = 16;
-
-bool isDecimal(std::string_view text) {
-    return !text.empty() &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
 
 /// Maps a parser's error to the status of the request.
 CommunicationStatus statusOf(const error_code& error) {

@@ -192,9 +192,7 @@ void Connector::openTunnel() {
     reader_.begin(tunnelAnswer_, {kMostTunnelHeader, 0, true});
     plain_->setListener(this);
     plain_->read();
-    if (plain_->write(tunnelRequest_, {}) == Stream::Written::Broken) {
-        return;  // The outstanding read ends with an error.
-    }
+    plain_->write(tunnelRequest_, {});  // If it breaks, the outstanding read ends with an error.
 }
 
 void Connector::onRead() {

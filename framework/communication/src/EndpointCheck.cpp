@@ -25,8 +25,7 @@ void requirePositive(bool isPositive, const char* option) {
 bool isToken(const std::string& text) {
     constexpr std::string_view kMarks = "!#$%&'*+-.^_`|~";
     return !text.empty() && std::all_of(text.begin(), text.end(), [kMarks](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-               kMarks.find(c) != std::string_view::npos;
+        return utility::isAlphanumeric(c) || kMarks.find(c) != std::string_view::npos;
     });
 }
 
@@ -75,9 +74,7 @@ Origin makeOrigin(const std::string& host, std::uint32_t port) {
 
 /// The decimal number; 0 if the text is not a number of one to five digits.
 std::uint32_t portIn(std::string_view text) {
-    const bool isNumber =
-        !text.empty() && text.size() <= 5 &&
-        std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    const bool isNumber = text.size() <= 5 && utility::isDecimal(text);
     return isNumber ? static_cast<std::uint32_t>(std::stoul(std::string(text))) : 0;
 }
 

@@ -9,7 +9,6 @@
 #include <orvx/utility/WorkerThread.h>
 
 #include <memory>
-#include <optional>
 #include <unordered_map>
 
 namespace orvx::communication {

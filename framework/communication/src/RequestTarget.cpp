@@ -3,6 +3,7 @@
 
 #include <orvx/communication/RequestTarget.h>
 
+#include <orvx/utility/Ascii.h>
 #include <orvx/utility/HostAndPort.h>
 
 #include <arpa/inet.h>
@@ -12,11 +13,9 @@
 
 namespace orvx::communication {
 
-namespace {
+using utility::isAlphanumeric;
 
-constexpr bool isAlphanumeric(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
+namespace {
 
 constexpr std::array<bool, 256> charactersOfTargets() {
     constexpr std::string_view kMarks = "-._~!$&'()*+,;=:@/?%";
