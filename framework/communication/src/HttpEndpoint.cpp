@@ -15,9 +15,6 @@ namespace orvx::communication {
 
 namespace {
 
-// Shorter than the lifetime of most DNS records, and long enough that a client that reconnects
-// again and again does not look the name up each time.
-constexpr std::chrono::seconds kAddressesLast(60);
 // The pause after a further connection has failed while another one serves the requests.
 constexpr std::chrono::seconds kPauseOfFurther(1);
 
@@ -36,20 +33,14 @@ bool hasEnded(CommunicationStatus status) {
     }
 }
 
-/// The reason for which the thread of a look-up cannot be started. Empty if memory runs out.
-std::string reasonForNoLookUp(const std::string& host, const std::exception& error) noexcept {
-    try {
-        return "the host " + host + " cannot be looked up: " + error.what();
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
-}
-
 }  // namespace
 
 HttpEndpoint::HttpEndpoint(const EndpointContext& context,
                            std::shared_ptr<const EndpointSettings> settings)
-    : context_(context), settings_(std::move(settings)) {
+    : context_(context),
+      settings_(std::move(settings)),
+      addresses_(*settings_, context.resolver),
+      causes_(*settings_, context.logger) {
     if (settings_->config.tls.enabled) {
         tls_.emplace(settings_->config.tls, settings_->origin.host);
     }
@@ -251,7 +242,7 @@ void HttpEndpoint::complete(std::unique_ptr<Request> request, CommunicationStatu
                             const std::string& cause) {
     request->status = status;
     if (status != CommunicationStatus::Ok) {
-        request->answer.body = causeOf(status, cause);
+        request->answer.body = causes_.of(status, cause);
     }
     context_.done.push(std::move(request));
 }
@@ -305,46 +296,15 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
     connecting_.push_back({connector, deadline, added_});
     wakeAt(deadline);
     try {
-        if (findAddresses()) {
+        if (addresses_.find()) {
             connector->start(addresses_.inOrder());
             wakeAt(connector->nextTime());
         }
     } catch (const std::bad_alloc&) {
         onConnectFailed(*connector, CommunicationStatus::OutOfMemory, {});
     } catch (const std::exception& error) {
-        onConnectFailed(*connector, CommunicationStatus::ResolveFailed,
-                        reasonForNoLookUp(nextHop().host, error));
+        onConnectFailed(*connector, CommunicationStatus::ResolveFailed, causes_.ofNoLookUp(error));
     }
-}
-
-/// Whether the addresses are known. If not, starts a look-up.
-bool HttpEndpoint::findAddresses() {
-    if (Clock::now() < addressesEnd_) {
-        return true;
-    }
-    if (isLookingUp_) {
-        return false;
-    }
-    const Origin& next = nextHop();
-    const std::string& socketPath = settings_->config.unixSocketPath;
-    auto fixed = socketPath.empty() ? addressesFromText(next.host)
-                                    : std::make_optional(Addresses{unixAddress(socketPath)});
-    if (fixed) {
-        setAddresses(std::move(*fixed));
-        // The interface that is an address's zone may get another number.
-        const bool hasZone = next.host.find('%') != std::string::npos;
-        addressesEnd_ = hasZone ? Clock::now() + kAddressesLast : Clock::time_point::max();
-        return true;
-    }
-    context_.resolver.lookUp(next.host);
-    isLookingUp_ = true;
-    return false;
-}
-
-/// Takes addresses without a port.
-void HttpEndpoint::setAddresses(Addresses found) {
-    setPort(found, nextHop().port);
-    addresses_.replace(std::move(found));
 }
 
 /// Prefers other addresses, if there are any, to one that gave no answer. Its idle connections send
@@ -360,27 +320,18 @@ void HttpEndpoint::avoid(const Address& address) {
 }
 
 void HttpEndpoint::onResolved(const Resolver::LookUp& lookUp) {
-    if (!isLookingUp_ || lookUp.name != nextHop().host) {
+    const auto status = addresses_.take(lookUp);
+    if (!status) {
         return;
-    }
-    isLookingUp_ = false;
-    auto status = lookUp.answer.status;
-    try {
-        if (status == CommunicationStatus::Ok) {
-            setAddresses(lookUp.answer.addresses);
-            addressesEnd_ = Clock::now() + kAddressesLast;
-        }
-    } catch (const std::bad_alloc&) {
-        status = CommunicationStatus::OutOfMemory;
     }
     for (std::size_t i = connecting_.size(); i-- > 0;) {
         const auto connector = connecting_[i].connector;
         if (connector->isStarted()) {
             continue;
         }
-        if (status != CommunicationStatus::Ok) {
+        if (*status != CommunicationStatus::Ok) {
             connector->cancel();
-            onConnectFailed(*connector, status, {});
+            onConnectFailed(*connector, *status, {});
         } else {
             connector->start(addresses_.inOrder());
             wakeAt(connector->nextTime());
@@ -419,54 +370,10 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
     const Connecting ended = std::exchange(*found, std::move(connecting_.back()));
     connecting_.pop_back();
     avoid(connector.connected());
-    const std::string cause = causeOf(status, detail);
-    logOnce(cause);
-    if (settings_->config.unixSocketPath.empty() && addressesEnd_ != Clock::time_point::max()) {
-        addressesEnd_ = Clock::time_point::min();  // The addresses may have changed.
-    }
+    const std::string cause = causes_.of(status, detail);
+    causes_.logOnce(cause);
+    addresses_.doubt();
     failWaiting(status, ended.lastWaiting, connections_.empty(), cause);
-}
-
-/// Logs a cause once until the next answer or another cause. The line is lost if memory runs out.
-void HttpEndpoint::logOnce(const std::string& cause) noexcept {
-    try {
-        if (!cause.empty() && cause != lastLoggedCause_) {
-            lastLoggedCause_ = cause;
-            context_.logger.logWarning(false) << cause;
-        }
-    } catch (const std::bad_alloc&) {
-        // The failure is reported by the outcomes of the requests.
-    }
-}
-
-/// The cause for human readers, with the endpoint. Empty if memory runs out.
-std::string HttpEndpoint::causeOf(CommunicationStatus status,
-                                  const std::string& detail) const noexcept {
-    try {
-        switch (status) {
-            case CommunicationStatus::TimedOut:
-                return "no answer from " + settings_->origin.authority + " in time";
-            case CommunicationStatus::ResolveFailed:
-                return detail.empty() ? "the host " + nextHop().host + " is not known" : detail;
-            default:
-                return detail;
-        }
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
-}
-
-/// The cause of a TLS failure on an established connection. Empty for other failures, and if memory
-/// runs out.
-std::string HttpEndpoint::tlsErrorOf(const Connection& connection,
-                                     CommunicationStatus status) const noexcept {
-    try {
-        return status == CommunicationStatus::TlsFailed
-                   ? "TLS with " + settings_->origin.authority + " failed: " + connection.tlsError()
-                   : "";
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
 }
 
 /// Handles a connection that cannot be made or ended unused. If it was the only one, fails the
@@ -498,7 +405,7 @@ void HttpEndpoint::onAnswered(Connection& connection, std::unique_ptr<Request> r
                               bool isKept) {
     --busy_;
     hasHadEarlyBytes_ = false;
-    lastLoggedCause_.clear();
+    causes_.onAnswered();
     complete(std::move(request), CommunicationStatus::Ok);
     if (!isKept) {
         drop(connection);
@@ -522,8 +429,8 @@ void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> req
         if (status == CommunicationStatus::Ok) {
             repeats_.push(std::move(request));
         } else {
-            const std::string cause = tlsErrorOf(connection, status);
-            logOnce(cause);
+            const std::string cause = causes_.ofTls(status, connection.tlsError());
+            causes_.logOnce(cause);
             complete(std::move(request), status, cause);
         }
     } else if (connection.isNew()) {
@@ -538,8 +445,8 @@ void HttpEndpoint::onNewConnectionBroken(const Connection& connection, Communica
     const bool isTriedAgain =
         status == CommunicationStatus::Malformed && !std::exchange(hasHadEarlyBytes_, true);
     if (!isTriedAgain) {
-        const std::string cause = tlsErrorOf(connection, status);
-        logOnce(cause);
+        const std::string cause = causes_.ofTls(status, connection.tlsError());
+        causes_.logOnce(cause);
         failWaiting(status, connection.lastWaiting(), connections_.size() == 1, cause);
     }
 }

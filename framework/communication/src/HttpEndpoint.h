@@ -1,8 +1,9 @@
 #pragma once
 
-#include "AddressList.h"
 #include "Connection.h"
 #include "Connector.h"
+#include "EndpointAddresses.h"
+#include "FailureCauses.h"
 #include "Request.h"
 #include "RequestHead.h"
 #include "Resolver.h"
@@ -64,10 +65,6 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     };
     using Connections = std::vector<std::unique_ptr<Connection>>;
 
-    /// The server, or the proxy if there is one.
-    const Origin& nextHop() const {
-        return settings_->proxy.host.empty() ? settings_->origin : settings_->proxy;
-    }
     std::chrono::milliseconds connectTimeout() const {
         return std::min(settings_->config.connectTimeout, kLongestTimeout);
     }
@@ -90,16 +87,11 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
 
     void connect(Clock::time_point now);
     void startConnecting(Clock::time_point now);
-    bool findAddresses();
-    void setAddresses(Addresses found);
     void avoid(const Address& address);
     bool needsConnection(Clock::time_point now);
     void failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool wasOnly,
                      const std::string& cause = {});
     void pauseFurther();
-    void logOnce(const std::string& cause) noexcept;
-    std::string tlsErrorOf(const Connection& connection, CommunicationStatus status) const noexcept;
-    std::string causeOf(CommunicationStatus status, const std::string& detail) const noexcept;
     void onNewConnectionBroken(const Connection& connection, CommunicationStatus status);
 
     void onAnswered(Connection& connection, std::unique_ptr<Request> request, bool isKept) override;
@@ -126,10 +118,8 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     Connections dropped_;  // Destroyed by the next process().
     std::vector<Connecting> connecting_;
 
-    AddressList addresses_;
-    Clock::time_point addressesEnd_ = Clock::time_point::min();
-    bool isLookingUp_ = false;
-    std::string lastLoggedCause_;  // Empty after an answer.
+    EndpointAddresses addresses_;
+    FailureCauses causes_;
     // Before this time no connection is made for requests that another connection can serve.
     Clock::time_point nextFurther_ = Clock::time_point::min();
     Clock::time_point nextTime_ = Clock::time_point::max();

@@ -33,6 +33,9 @@ struct EndpointSettings {
     HttpConfig config;
     std::shared_ptr<HealthCheck> healthCheck;
     std::shared_ptr<ClientStatistics> statistics;
+
+    /// The server, or the proxy if there is one.
+    const Origin& nextHop() const { return proxy.host.empty() ? origin : proxy; }
 };
 
 /// An answer while it is received.
