@@ -1,6 +1,4 @@
-// The request queues and the connections of one endpoint, and the repetition of a request that a
-// kept connection lost. The session requires one time-out for all HEADs, and all other requests
-// have the same time-out, so each queue is ordered by deadline.
+// The connections of one endpoint, and the repetition of a request that a kept connection lost.
 // Entered by the I/O thread only; there is no lock. A dropped connection lives until the next
 // process(), because the call may come from that connection.
 
@@ -55,13 +53,12 @@ HttpEndpoint::~HttpEndpoint() {
 void HttpEndpoint::add(std::unique_ptr<Request> request) {
     request->number = ++added_;
     wakeAt(request->deadline);
-    const bool isHead = request->kind == Request::Kind::Head;
-    (isHead ? heads_ : others_).push(std::move(request));
+    waiting_.add(std::move(request));
 }
 
-// A HEAD in heads_ is newer than those that were sent.
+// A HEAD that waits for its first connection is newer than those that were sent.
 std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
-    auto repeat = takeOldestHeadOfRepeats();
+    auto repeat = waiting_.takeOldestHeadOfRepeats();
     Connection* oldest = nullptr;
     for (const auto& connection : connections_) {
         const Request* const request = connection->request();
@@ -74,10 +71,10 @@ std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
         return repeat;
     }
     if (repeat) {
-        repeats_.push(std::move(repeat));
+        waiting_.addRepeat(std::move(repeat));
     }
     if (oldest == nullptr) {
-        return heads_.pop();
+        return waiting_.takeOldestHead();
     }
     auto request = oldest->giveUp();
     --busy_;
@@ -86,41 +83,29 @@ std::unique_ptr<Request> HttpEndpoint::takeOldestHead() {
     return request;
 }
 
-/// Null if there is none.
-std::unique_ptr<Request> HttpEndpoint::takeOldestHeadOfRepeats() {
-    std::unique_ptr<Request> oldest;
-    for (std::size_t left = repeats_.size(); left > 0; --left) {
-        auto request = repeats_.pop();
-        if (request->kind == Request::Kind::Head && (!oldest || request->number < oldest->number)) {
-            std::swap(request, oldest);
-        }
-        if (request) {
-            repeats_.push(std::move(request));
-        }
-    }
-    return oldest;
-}
-
 void HttpEndpoint::process(Clock::time_point now) {
     dropped_.clear();
     if (now >= nextTime_) {
         expire(now);
     }
     serveIdle(now);
-    if (waiting() != 0) {
+    if (!waiting_.isEmpty()) {
         connect(now);
     } else if (std::exchange(hasNew_, false)) {
-        keepNew();
+        // If the server ends one of them, no waiting request fails, and a request that was sent
+        // over it is repeated.
+        std::for_each(idle_.begin(), idle_.end(), [](Connection* one) { one->keep(); });
     }
 }
 
 // Handles everything that has timed out, and records the next deadline.
 void HttpEndpoint::expire(Clock::time_point now) {
     nextTime_ = Clock::time_point::max();
-    for (RequestQueue* const queue : {&heads_, &others_}) {
-        expireWaiting(*queue, now);
+    RequestQueue expired = waiting_.takeExpired(now);
+    while (auto request = expired.pop()) {
+        complete(std::move(request), CommunicationStatus::TimedOut);
     }
-    expireRepeats(now);
+    wakeAt(waiting_.nextDeadline());
     for (std::size_t i = connections_.size(); i-- > 0;) {
         Connection& connection = *connections_[i];
         const Request* const request = connection.request();
@@ -151,32 +136,10 @@ void HttpEndpoint::expire(Clock::time_point now) {
     }
 }
 
-void HttpEndpoint::expireWaiting(RequestQueue& queue, Clock::time_point now) {
-    while (!queue.isEmpty() && queue.front().deadline <= now) {
-        complete(queue.pop(), CommunicationStatus::TimedOut);
-    }
-    if (!queue.isEmpty()) {
-        wakeAt(queue.front().deadline);
-    }
-}
-
-// There is at most one such request for each connection, and they are not ordered.
-void HttpEndpoint::expireRepeats(Clock::time_point now) {
-    RequestQueue all = std::move(repeats_);
-    while (auto request = all.pop()) {
-        if (request->deadline <= now) {
-            complete(std::move(request), CommunicationStatus::TimedOut);
-        } else {
-            wakeAt(request->deadline);
-            repeats_.push(std::move(request));
-        }
-    }
-}
-
 // Input on an unused connection may be a TLS session ticket. The outstanding read consumes it, or
 // reports an error, unless the rest of the record does not arrive.
 void HttpEndpoint::serveIdle(Clock::time_point now) {
-    for (std::size_t i = idle_.size(); i-- > 0 && waiting() != 0;) {
+    for (std::size_t i = idle_.size(); i-- > 0 && !waiting_.isEmpty();) {
         Connection& connection = *idle_[i];
         if (!connection.isOutdated() && connection.hasNoInput()) {
             idle_.erase(idle_.begin() + static_cast<std::ptrdiff_t>(i));
@@ -194,18 +157,10 @@ void HttpEndpoint::serveIdle(Clock::time_point now) {
     }
 }
 
-/// Keeps the new connections for later requests. If the server ends one of them, no waiting request
-/// fails, and a request that was sent over it is repeated.
-void HttpEndpoint::keepNew() {
-    for (Connection* const connection : idle_) {
-        connection->keep();
-    }
-}
-
 /// Sends the next request over the connection, if one is waiting. The connection must not be idle
 /// and must have no input.
 void HttpEndpoint::serve(Connection& connection) {
-    while (auto request = nextFor(connection)) {
+    while (auto request = waiting_.takeNext(connection.isNew())) {
         try {
             const std::string& head = headBytes_.make(*request);
             send(connection, request, head);
@@ -227,15 +182,6 @@ void HttpEndpoint::send(Connection& connection, std::unique_ptr<Request>& reques
         complete(std::move(request), CommunicationStatus::OutOfMemory);
         drop(connection);
     }
-}
-
-std::unique_ptr<Request> HttpEndpoint::nextFor(const Connection& connection) {
-    for (RequestQueue* const queue : {&repeats_, &heads_, &others_}) {
-        if (!queue->isEmpty() && (queue != &repeats_ || connection.isNew())) {
-            return queue->pop();
-        }
-    }
-    return nullptr;
 }
 
 void HttpEndpoint::complete(std::unique_ptr<Request> request, CommunicationStatus status,
@@ -268,16 +214,16 @@ void HttpEndpoint::connect(Clock::time_point now) {
 bool HttpEndpoint::needsConnection(Clock::time_point now) {
     // Idle connections with input that must be read first: serveIdle() has used or dropped all
     // others for which a request was waiting. A kept one cannot be used for a repetition.
-    const bool mayUseKept = waiting() > repeats_.size();
+    const bool mayUseKept = waiting_.size() > waiting_.repeats();
     const auto unready = static_cast<std::size_t>(
         std::count_if(idle_.begin(), idle_.end(),
                       [mayUseKept](const Connection* one) { return mayUseKept || one->isNew(); }));
     const std::size_t most = settings_->config.connectionsPerEndpoint;
     const bool isFirst = connections_.size() == unready;
-    std::size_t wanted = std::min(waiting(), isFirst ? 1 : most);
+    std::size_t wanted = std::min(waiting_.size(), isFirst ? 1 : most);
     if (!isFirst && now < nextFurther_) {
         wakeAt(nextFurther_);
-        wanted = repeats_.size();
+        wanted = waiting_.repeats();
     }
     return connecting_.size() + unready < wanted && connections_.size() + connecting_.size() < most;
 }
@@ -382,17 +328,14 @@ void HttpEndpoint::onConnectFailed(Connector& connector, CommunicationStatus sta
 /// rest.
 void HttpEndpoint::failWaiting(CommunicationStatus status, std::uint64_t lastWaiting, bool wasOnly,
                                const std::string& cause) {
-    if (!wasOnly && waiting() != 0) {
+    if (!wasOnly && !waiting_.isEmpty()) {
         pauseFurther();
     }
     const bool failsAll = wasOnly && status != CommunicationStatus::OutOfMemory;
-    for (RequestQueue* const queue : {&repeats_, &heads_, &others_}) {
-        while (!queue->isEmpty() && queue->front().number <= lastWaiting &&
-               (wasOnly || queue == &repeats_)) {
-            complete(queue->pop(), status, cause);
-            if (!failsAll) {
-                return;
-            }
+    while (auto request = waiting_.takeUpTo(lastWaiting, wasOnly)) {
+        complete(std::move(request), status, cause);
+        if (!failsAll) {
+            return;
         }
     }
 }
@@ -427,7 +370,7 @@ void HttpEndpoint::onBroken(Connection& connection, std::unique_ptr<Request> req
             pauseFurther();
         }
         if (status == CommunicationStatus::Ok) {
-            repeats_.push(std::move(request));
+            waiting_.addRepeat(std::move(request));
         } else {
             const std::string cause = causes_.ofTls(status, connection.tlsError());
             causes_.logOnce(cause);

@@ -8,6 +8,7 @@
 #include "RequestHead.h"
 #include "Resolver.h"
 #include "TlsClient.h"
+#include "WaitingRequests.h"
 
 #include <orvx/utility/StreamingLogger.h>
 
@@ -54,7 +55,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     /// No more requests will be added.
     void retire() { isRetired_ = true; }
     /// Whether this object can be destroyed.
-    bool isFinished() const { return isRetired_ && waiting() == 0 && busy_ == 0; }
+    bool isFinished() const { return isRetired_ && waiting_.isEmpty() && busy_ == 0; }
 
   private:
     struct Connecting {
@@ -68,19 +69,13 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     std::chrono::milliseconds connectTimeout() const {
         return std::min(settings_->config.connectTimeout, kLongestTimeout);
     }
-    std::size_t waiting() const { return repeats_.size() + heads_.size() + others_.size(); }
     void wakeAt(Clock::time_point time) { nextTime_ = std::min(nextTime_, time); }
     void expire(Clock::time_point now);
-    void expireWaiting(RequestQueue& queue, Clock::time_point now);
-    void expireRepeats(Clock::time_point now);
 
-    std::unique_ptr<Request> takeOldestHeadOfRepeats();
     void serve(Connection& connection);
     void serveIdle(Clock::time_point now);
-    void keepNew();
     void send(Connection& connection, std::unique_ptr<Request>& request,
               const std::string& head) noexcept;
-    std::unique_ptr<Request> nextFor(const Connection& connection);
     void complete(std::unique_ptr<Request> request, CommunicationStatus status,
                   const std::string& cause = {});
     void drop(Connection& connection);
@@ -107,9 +102,7 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     RequestHeads headBytes_;
 
     std::uint64_t added_ = 0;
-    RequestQueue repeats_;  // To be sent over a new connection only.
-    RequestQueue heads_;
-    RequestQueue others_;
+    WaitingRequests waiting_;
 
     std::optional<TlsClient> tls_;  // Declared before the connections, which refer to it.
     Connections connections_;
