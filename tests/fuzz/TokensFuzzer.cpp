@@ -128,7 +128,7 @@ class File {
     }
 
     static void requireLike(const Token& token, const json& line) {
-        requireSame(token.name, line["name"], "the name");
+        requireSame(token.name, line.at("name").get<std::string>(), "the name");
         requireSame(token.mayRead, line.value("read", false), "the right to read");
         requireSame(token.mayAdminister, line.value("administer", false),
                     "the right to administer");
