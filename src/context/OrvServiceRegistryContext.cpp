@@ -53,6 +53,8 @@ struct OrvServiceRegistryContext::Data {
     std::chrono::milliseconds retryInterval{500};
     std::unique_ptr<IOrvServiceRegistryClient> client;
     std::shared_ptr<ILoggerFactory> loggerFactory;
+    /// The client while deinit() destroys it, which may call callbacks. Null otherwise.
+    IOrvServiceRegistryClient* endingClient = nullptr;
     std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
     bool initiated = false;
     bool registerWithPrefix = false;
@@ -124,7 +126,9 @@ void OrvServiceRegistryContext::deinit() {
         return;
     }
     data_->withdrawEverything();
-    data_->client.reset();
+    data_->endingClient = data_->client.get();
+    data_->client.reset();  // a callback may enter this function again
+    data_->endingClient = nullptr;
     data_->initiated = false;
 }
 
@@ -134,7 +138,7 @@ bool OrvServiceRegistryContext::isInitiated() {
 
 IOrvServiceRegistryClient* OrvServiceRegistryContext::getServiceRegistryClient() {
     data_->refuseBeforeInit("Cannot get ServiceRegistryDelegator before init");
-    return data_->client.get();
+    return data_->client ? data_->client.get() : data_->endingClient;
 }
 
 void OrvServiceRegistryContext::enableRetry(bool enable) {

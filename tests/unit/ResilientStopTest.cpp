@@ -114,6 +114,32 @@ TEST_F(AStoppedClient, EndsAlthoughACallbackRegistersAgain) {
     EXPECT_EQ(calls, 4) << "by the stop, and by the destructor";
 }
 
+TEST_F(AStoppedClient, IsStillTheClientOfTheContextInCallbacksDuringItsEnd) {
+    start();
+    const IOrvServiceRegistryClient* const before = &client();
+    client().registerServiceAtRegistry(
+        registry, service("echo"), [this, before](const OrvRegistrationResponse&) {
+            IOrvServiceRegistryClient* const ending = context.getServiceRegistryClient();
+            ASSERT_EQ(ending, before);
+            ending->registerServiceAtRegistry(registry, service("late"), record("late"));
+        });
+    next("PUT");
+    context.deinit();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(stopped("late")));
+}
+
+TEST_F(AStoppedClient, MayBeEndedAgainInACallbackDuringItsEnd) {
+    start();
+    client().registerServiceAtRegistry(registry, service("echo"), [this](const auto& response) {
+        outcomes.push_back(outcome("echo", response));
+        context.deinit();
+        EXPECT_FALSE(context.isInitiated());
+    });
+    next("PUT");
+    context.deinit();
+    EXPECT_THAT(takeOutcomes(), ElementsAre(stopped("echo")));
+}
+
 class TheLockRuleOfResilience : public ResilientTest {
   protected:
     TheLockRuleOfResilience() { context.setRegistrationListener({}); }
