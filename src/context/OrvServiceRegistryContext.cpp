@@ -1,6 +1,6 @@
 // The options, and the life of the only client. Entered by one user thread at a time. The client's
-// threads only call getters, after init(), when nothing changes any more. The only lock guards
-// `attached`.
+// threads only call getters, after init(), when nothing changes any more; getRegistrations() may be
+// called by any thread at any time. The only lock guards `attached`.
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -14,6 +14,7 @@
 #include <orvx/utility/OrvFoundationException.h>
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
+#include <atomic>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -52,11 +53,12 @@ struct OrvServiceRegistryContext::Data {
     std::chrono::seconds checkInterval{10};
     std::chrono::milliseconds retryInterval{500};
     std::unique_ptr<IOrvServiceRegistryClient> client;
-    std::shared_ptr<ILoggerFactory> loggerFactory;
     /// The client while deinit() destroys it, which may call callbacks. Null otherwise.
     IOrvServiceRegistryClient* endingClient = nullptr;
+    std::shared_ptr<ILoggerFactory> loggerFactory;
     std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
-    bool initiated = false;
+    /// Atomic, because getRegistrations() reads it from any thread.
+    std::atomic<bool> initiated{false};
     bool registerWithPrefix = false;
     std::chrono::milliseconds syncCallRegistryTimeout{30000};
     std::chrono::milliseconds syncCallUnregisterTimeout{30000};
