@@ -230,6 +230,7 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
         ORVX_EXCLUDES(mutex);
     void recordRefusal(std::uint64_t id, const communication::HttpResponse& response,
                        Callbacks& callbacks) ORVX_EXCLUDES(mutex);
+    void notifyIfEmptyLocked() ORVX_REQUIRES(mutex);
     static bool isUnregistering(const RegistrationState& state);
 
     // CallbackDispatch.cpp

@@ -57,6 +57,7 @@ OrvServiceRegistryClient::Failure OrvServiceRegistryClient::recordFailure(
         upkeep->reportLocked(id, *request, record->facts, RegistrationEvent::Kind::Withdrawn);
         callbacks = RegistrationData::take(record->registerCallbacks);
         mapRegistryCallback->erase(id);
+        notifyIfEmptyLocked();
         return Failure::GivenUp;
     }
     if (isUnregistering(record->state)) {

@@ -139,7 +139,6 @@ void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint6
         if (!record) {
             return;
         }
-        empty.notify_all();
         Tasks events;
         record->ids.forEach([&](std::uint64_t one) {
             Upkeep::lockIsHeld();
@@ -150,9 +149,18 @@ void OrvServiceRegistryClient::deleteRegistryEntriesAndNotifyListener(std::uint6
         notification = notificationLocked(record->requestContainer->serviceCreate, false);
         callbacks = RegistrationData::take(record->unregisterCallbacks);
         mapRegistryCallback->eraseAll(*record);
+        notifyIfEmptyLocked();
         callbackExecutor.add(std::move(events));
     }
     callbackExecutor.add(std::move(notification));
+}
+
+// Only the removal of the last one: the withdrawal at the end, which waits for it, repeats what was
+// refused each time it wakes.
+void OrvServiceRegistryClient::notifyIfEmptyLocked() {
+    if (mapRegistryCallback->begin() == mapRegistryCallback->end()) {
+        empty.notify_all();
+    }
 }
 
 bool OrvServiceRegistryClient::isUnregistering(const RegistrationState& state) {

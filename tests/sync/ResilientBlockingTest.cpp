@@ -354,6 +354,33 @@ TEST_P(WithdrawalAtTheEnd, SendsOneDeleteIfItGetsNoAnswer) {
 TEST_P(WithdrawalAtTheEnd, NamesServicesThatCouldNotBeWithdrawnInTime) {
     context.setWithdrawAtDeinit(milliseconds(100));
     context.init();
+TEST_P(WithdrawalAtTheEnd, RepeatsARefusedWithdrawalOnlyAfterAPauseWhateverOthersDo) {
+    HostileServer refusing;
+    refusing.onRequest([](const testing::Request& request) {
+        return testing::response(request.method == "PUT" ? 201 : 403, {{"Location", "/refused"}});
+    });
+    server.onRequest([](const testing::Request& request) {
+        const std::string answer = testing::response(201, {{"Location", request.target}});
+        return request.method == "PUT"
+                   ? testing::Script(answer)
+                   : testing::Script().pause(milliseconds(2)).send(testing::response(200));
+    });
+    communication::HttpConfig oneByOne;
+    oneByOne.connectionsPerEndpoint = 1;
+    context.setHttpConfig(oneByOne);
+    context.setWithdrawAtDeinit(milliseconds(300));
+    context.init();
+    client().registerServiceAtRegistry({"registry", "127.0.0.1", refusing.port()},
+                                       service("refused"));
+    client().registerServicesAtRegistry(registry, named(200));
+    const auto begin = std::chrono::steady_clock::now();
+    context.deinit();
+    const auto pauses = (std::chrono::steady_clock::now() - begin) / milliseconds(50);
+    const std::size_t puts = 1;
+    EXPECT_LE(refusing.requests().size() - puts, 2U + static_cast<std::size_t>(pauses));
+    EXPECT_GT(deletes(), 0U);
+}
+
     client().registerServicesAtRegistry(registry, named(2));
     server.onRequest([](const testing::Request&) { return testing::response(503); });
     context.deinit();
