@@ -154,6 +154,42 @@ TEST_F(Health, ThatIsLostIsNotOverriddenByAHangUp) {
               "announcing announced unhealthy withdrawing withdrawn status status stopping ");
 }
 
+TEST_F(Health, ThatIsLostIsNotOverriddenByAReloadOfTheDescription) {
+    passOnInFront();
+    json lamp{{"name", "lamp"}, {"port", service.port()}, {"description", "a"}};
+    const auto write = [&] { return folder.write("set.json", json::array({lamp}).dump()); };
+    Announce announce(Words{"--registry", urlOf(front.port()), "--from", write(), "--json",
+                            "--health-interval", "3600", "--health-failures", "1",
+                            "--health-command", "exit 7"});
+    announce.awaitOutput("\"unhealthy\"");
+    announce.awaitOutput("\"withdrawn\"");
+    lamp["description"] = "b";
+    write();
+    announce.signal(SIGHUP);
+    announce.awaitOutput("\"reloaded\"");
+    announce.signal(SIGUSR1);
+    announce.awaitOutput("\"unhealthy\":\"exit status 7\"");
+    announce.stopped(0);
+    const auto requests = front.requests();
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
+                            [](const Request& request) { return request.method == "PUT"; }),
+              1);
+}
+
+TEST_F(Health, ThatIsLostIsAskedForAgainAfterAReloadOfThePort) {
+    const testing::RefusedPort refused;
+    json lamp{{"name", "lamp"}, {"port", refused.port()}, {"uri", "/lamp"}};
+    const auto write = [&] { return folder.write("set.json", json::array({lamp}).dump()); };
+    Announce announce(Words{"--registry", urlOf(registry.port()), "--from", write(), "--health-tcp",
+                            "--health-interval", "3600", "--health-failures", "1"});
+    announce.awaitOutput(" withdrawn ");
+    lamp["port"] = service.port();
+    write();
+    announce.signal(SIGHUP);
+    EXPECT_TRUE(eventually([this] { return entries().size() == 1; }));
+    announce.stopped(0);
+}
+
 TEST_F(Health, OfOneServiceConcernsNoOther) {
     const HostileServer other;
     const json set{{{"name", "a"}, {"port", other.port()}},

@@ -50,7 +50,6 @@ void Announcement::announce(Client& client, const common::ServiceInfo& registry)
 void Announcement::change(const json& description, Client& client,
                           const common::ServiceInfo& registry) {
     service_ = toService(description);
-    healthProblem_.clear();
     if (isLive()) {
         const Client::UnregisterHandle unregisterOld = unregister_;
         registerAt(client, registry);

@@ -70,6 +70,8 @@ class Announcement {
     /// Takes the result of the health checks: an empty reason for a healthy service. An unhealthy
     /// one is retracted.
     void setHealth(const std::string& reason);
+    /// The service counts as healthy again, without an event: its checks begin anew.
+    void forgetHealth() { healthProblem_.clear(); }
     /// Enters Left if the withdrawal has not succeeded. A later success still enters Withdrawn.
     void giveUp();
     /// Enters Withdrawn, because no request was ever sent and the registry has no entry.

@@ -139,9 +139,17 @@ json Announcer::update(const std::vector<json>& descriptions) {
 }
 
 void Announcer::change(Service& service, const json& description) {
+    const auto differs = [&](const char* key) {
+        return service.description.at(key) != description.at(key);
+    };
+    const bool isProbedAnew =
+        service.isRemoved || differs("name") || differs("host") || differs("port");
     service.description = description;
     service.isRemoved = false;
-    watchHealth(service);
+    if (isProbedAnew) {
+        watchHealth(service);
+        service.announcement->forgetHealth();
+    }
     if (context_) {
         service.announcement->change(description, *context_->getServiceRegistryClient(), registry_);
     } else {
