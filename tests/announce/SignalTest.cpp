@@ -17,6 +17,12 @@ class ASignal : public AnnounceTest {
         announce->awaitOutput("up\n");
         return announce;
     }
+    /// A command that prints "up-now" and waits for the signal, which ends it with 7. The text does
+    /// not occur in the script, which orvx-announce reports.
+    static Words inAGroupOfItsOwn(const std::string& signal) {
+        return {"--", "setsid", "/bin/sh", "-c",
+                "trap 'kill $!; exit 7' " + signal + "; sleep 60 & printf '%s-now\\n' up; wait"};
+    }
 };
 
 TEST_F(ASignal, ToTerminateReachesTheCommandWhenItIsWithdrawn) {
@@ -92,6 +98,25 @@ TEST_F(ASignal, FromTheTerminalReachesTheCommandOnceAndWithdrawsIt) {
     EXPECT_NE(first, std::string::npos);
     EXPECT_EQ(text.find("got SIGINT", first + 1), std::string::npos);
     EXPECT_THAT(text, Not(HasSubstr("got SIGTERM")));
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(ASignal, FromTheTerminalIsForwardedToACommandWithAProcessGroupOfItsOwn) {
+    Terminal terminal(Words{paths::kAnnounceProgram, "--stop-timeout", "3600"} + echo() +
+                      inAGroupOfItsOwn("INT"));
+    terminal.await("announced\x1b[0m service=echo");
+    terminal.await("up-now");
+    terminal.type("\x03");
+    EXPECT_EQ(terminal.wait(), 7);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(ASignal, FromATerminalThatHangsUpEndsACommandWithAProcessGroupOfItsOwn) {
+    Terminal terminal(Words{paths::kAnnounceProgram, "--stop-timeout", "3600"} + echo() +
+                      inAGroupOfItsOwn("HUP"));
+    terminal.await("announced\x1b[0m service=echo");
+    terminal.await("up-now");
+    EXPECT_EQ(terminal.hangUp(), 7);
     EXPECT_TRUE(entries().empty());
 }
 

@@ -1,6 +1,8 @@
 // A pseudo terminal. Entered by the thread that owns it; no lock.
 #include "Terminal.h"
 
+#include "Eventually.h"
+
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
@@ -10,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 namespace orvx::announce {
 
@@ -52,6 +55,16 @@ int Terminal::wait() {
     }
     int status = 0;
     ::waitpid(pid_, &status, 0);
+    pid_ = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int Terminal::hangUp() {
+    ::close(std::exchange(terminal_, -1));
+    int status = 0;
+    if (!testing::eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
+        throw std::runtime_error("no end after the terminal has hung up");
+    }
     pid_ = 0;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

@@ -21,6 +21,8 @@ class Terminal {
     void await(const std::string& wanted);
     /// Waits for the end. Returns the exit code, or -1 if a signal ended the program.
     int wait();
+    /// Hangs up, and waits for the end, for at most thirty seconds. Returns as wait() does.
+    int hangUp();
     const std::string& text() const { return text_; }
 
   private:

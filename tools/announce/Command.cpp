@@ -4,6 +4,7 @@
 #include "Command.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "ExitCodes.h"
 
@@ -21,6 +22,10 @@ void Command::signal(int number) const {
     if (pid_ > 0) {
         ::kill(pid_, number);  // not waited for yet, so the pid is not reused
     }
+}
+
+bool Command::sharesProcessGroup() const {
+    return pid_ > 0 && ::getpgid(pid_) == ::getpgrp();
 }
 
 }  // namespace orvx::announce

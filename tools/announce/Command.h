@@ -20,6 +20,9 @@ class Command {
     void signal(int number) const;
 
     bool isRunning() const { return pid_ > 0; }
+    /// Whether it gets the signals that the terminal sends to this process. False when the command
+    /// does not run.
+    bool sharesProcessGroup() const;
     pid_t pid() const { return pid_; }
     /// The exit status, or, as in a shell, 128 plus the number of the signal that ended the
     /// command.

@@ -120,10 +120,10 @@ void Supervisor::onSignal(int number, bool fromTerminal) {
 
 void Supervisor::onHangup(bool fromTerminal) {
     if (fromTerminal) {
-        if (!command_.isRunning()) {
+        if (!command_.sharesProcessGroup()) {
             stop(SIGHUP, true);
         }
-        return;
+        return;  // the end of the command, which has got the signal, too, ends this process
     }
     command_.signal(SIGHUP);
     reloadToken();
@@ -157,10 +157,11 @@ void Supervisor::reloadServices() {
     }
 }
 
-/// A signal from the terminal is not forwarded: the terminal has sent it to the command, too.
+/// A signal from the terminal is not forwarded to a command in the same process group: the terminal
+/// has sent it to the command, too.
 void Supervisor::stop(int number, bool fromTerminal) {
     report_.event("stopping", Severity::Info, {{"signal", ::sigabbrev_np(number)}});
-    signalToForward_ = fromTerminal ? 0 : number;
+    signalToForward_ = fromTerminal && command_.sharesProcessGroup() ? 0 : number;
     const bool isFirst = !std::exchange(isStopRequested_, true);
     if (phase_ == Phase::Serving) {
         withdraw();
