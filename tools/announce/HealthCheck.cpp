@@ -51,8 +51,8 @@ void HealthCheck::stop() {
 void HealthCheck::probe() {
     nextProbeTime_ += options_.interval;
     try {
-        probe_ = startProbe(children_, options_, target_, shellArguments_,
-                            options_.timeout + kOrphanGrace,
+        const milliseconds limit = options_.timeout + kOrphanGrace;
+        probe_ = startProbe(children_, options_, target_, shellArguments_, {limit, limit},
                             [this](int status) { onProbeExit(status); });
         timeout_ = loop_.after(options_.timeout, [this] { ::kill(-probe_, SIGKILL); });
     } catch (const std::system_error& error) {

@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -21,6 +23,8 @@ namespace {
 
 /// The first argument of an attempt's process. It is no option, so no valid call by a user has it.
 constexpr const char* kProbe = "probe";
+
+using Clock = std::chrono::steady_clock;
 
 enum ProbeResult { kSuccess = 0, kNoConnection = 1, kNoGoodAnswer = 2 };
 
@@ -94,11 +98,24 @@ ProbeResult probe(const std::string& host, const std::string& port, const std::s
     return isGood ? kSuccess : kNoGoodAnswer;
 }
 
+std::string toSeconds(std::chrono::milliseconds duration) {
+    return std::to_string(std::chrono::ceil<std::chrono::seconds>(duration).count());
+}
+
+/// SIGALRM ends this process after `limit`, or at `end` if that is earlier.
+void limitTime(std::chrono::seconds limit, Clock::time_point end) {
+    const auto left = std::min(limit, std::chrono::ceil<std::chrono::seconds>(end - Clock::now()));
+    if (left <= std::chrono::seconds::zero()) {
+        std::raise(SIGALRM);
+    }
+    ::alarm(static_cast<unsigned>(left.count()));
+}
+
 }  // namespace
 
 pid_t startProbe(Children& children, const ProbeOptions& options,
                  const std::vector<std::string>& targets,
-                 const std::vector<std::string>& shellArguments, std::chrono::milliseconds timeout,
+                 const std::vector<std::string>& shellArguments, const ProbeLimits& limits,
                  Children::OnExit onExit) {
     std::vector<std::string> arguments;
     if (options.kind == ProbeOptions::Kind::Command) {
@@ -106,8 +123,8 @@ pid_t startProbe(Children& children, const ProbeOptions& options,
         arguments.insert(arguments.end(), shellArguments.begin(), shellArguments.end());
     } else {
         // fork() without exec() is not safe: the library's threads may hold locks.
-        const auto seconds = std::chrono::ceil<std::chrono::seconds>(timeout).count();
-        arguments = {"/proc/self/exe", kProbe, std::to_string(seconds), options.path};
+        arguments = {"/proc/self/exe", kProbe, toSeconds(limits.each), toSeconds(limits.all),
+                     options.path};
         arguments.insert(arguments.end(), targets.begin(), targets.end());
     }
     return children.spawnProbe(arguments, std::move(onExit));
@@ -135,13 +152,15 @@ std::string probeFailureReason(const ProbeOptions& options, int status) {
 }
 
 std::optional<int> runAsProbe(int argc, char** argv) {
-    constexpr int kFirstTarget = 4;
+    constexpr int kFirstTarget = 5;
     if (argc < kFirstTarget || std::string_view(argv[1]) != kProbe) {
         return std::nullopt;
     }
-    ::alarm(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
+    const std::chrono::seconds limitOfEach(std::strtol(argv[2], nullptr, 10));
+    const auto end = Clock::now() + std::chrono::seconds(std::strtol(argv[3], nullptr, 10));
     for (int i = kFirstTarget; i + 1 < argc; i += 2) {
-        const ProbeResult result = probe(argv[i], argv[i + 1], argv[3]);
+        limitTime(limitOfEach, end);
+        const ProbeResult result = probe(argv[i], argv[i + 1], argv[4]);
         if (result != kSuccess) {
             return result;
         }

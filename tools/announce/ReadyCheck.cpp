@@ -16,7 +16,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kInterval = 100ms;
-constexpr auto kMaxAttemptTime = 5s;
+/// How long an attempt may take for one service.
+constexpr auto kMaxTimeOfEach = 5s;
 
 }  // namespace
 
@@ -55,7 +56,7 @@ void ReadyCheck::stop() {
 
 void ReadyCheck::probe() {
     try {
-        probe_ = startProbe(children_, options_, targets_, {}, kMaxAttemptTime,
+        probe_ = startProbe(children_, options_, targets_, {}, {kMaxTimeOfEach, options_.timeout},
                             [this](int status) { onProbeExit(status); });
     } catch (const std::system_error& error) {
         retry(error.what());

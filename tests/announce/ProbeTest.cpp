@@ -1,0 +1,76 @@
+// One attempt to reach services, which the tests run in their own process. Threads: the test's and
+// those of its servers. No lock.
+#include "Probe.h"
+
+#include "HostileServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+/// The seconds of each call, which sets no alarm.
+std::vector<unsigned> alarms;
+
+}  // namespace
+
+/// Replaces the system library's function in this program.
+extern "C" unsigned alarm(unsigned seconds) noexcept {
+    alarms.push_back(seconds);
+    return 0;
+}
+
+namespace orvx::announce {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::Le;
+using ::testing::SizeIs;
+
+class AnAttempt : public ::testing::Test {
+  protected:
+    AnAttempt() { alarms.clear(); }
+
+    /// The exit code of an attempt that connects to these ports.
+    static std::optional<int> run(const std::string& secondsOfEach, const std::string& secondsOfAll,
+                                  const std::vector<std::uint16_t>& ports) {
+        std::vector<std::string> arguments{"orvx-announce", "probe", secondsOfEach, secondsOfAll,
+                                           ""};
+        for (const std::uint16_t port : ports) {
+            arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(port)});
+        }
+        std::vector<char*> pointers;
+        for (std::string& argument : arguments) {
+            pointers.push_back(argument.data());
+        }
+        return runAsProbe(static_cast<int>(pointers.size()), pointers.data());
+    }
+
+    const orvx::testing::HostileServer one;
+    const orvx::testing::HostileServer other;
+};
+
+TEST_F(AnAttempt, HasATimeForEachService) {
+    EXPECT_EQ(run("5", "3600", {one.port(), other.port()}), 0);
+    EXPECT_THAT(alarms, ElementsAre(5, 5));
+}
+
+TEST_F(AnAttempt, HasATimeForAllServices) {
+    EXPECT_EQ(run("5", "3", {one.port(), other.port()}), 0);
+    EXPECT_THAT(alarms, AllOf(SizeIs(2), Each(Le(3U))));
+}
+
+TEST_F(AnAttempt, EndsWithTheFirstServiceThatDoesNotAnswer) {
+    const orvx::testing::RefusedPort refused;
+    EXPECT_EQ(run("5", "3600", {refused.port(), other.port()}), 1);
+    EXPECT_THAT(alarms, ElementsAre(5));
+    EXPECT_EQ(other.counters().connections, 0U);
+}
+
+}  // namespace
+}  // namespace orvx::announce
