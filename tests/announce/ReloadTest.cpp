@@ -159,6 +159,39 @@ TEST_F(AReload, OfADescriptionWithoutAnAnswerYetAnnouncesTheNewOne) {
     EXPECT_THAT(announce.stopped(0).output, Not(HasSubstr("refused")));
 }
 
+TEST_F(AReload, ThatIsRefusedIsToldWithTheReasonAlthoughLaterRequestsSucceed) {
+    const auto file = write({lamp("same", "a"), lamp("lamp", "a")});
+    Announce announce(options(file));
+    EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
+    front.onRequest([this, puts = 0](const Request& request) mutable {
+        const bool isFirst = request.method == "PUT" && ++puts == 1;
+        return isFirst ? testing::response(400) : passOn(request, registry.port());
+    });
+    write({lamp("same", "a"), lamp("lamp", "b")});
+    announce.signal(SIGHUP);
+    announce.awaitOutput("\"event\":\"reachable\"");
+    announce.signal(SIGUSR1);
+    announce.awaitOutput("\"state\":\"refused\"");
+    json status;
+    for (const json& line : linesOf(announce.stopped(1).output)) {
+        status = line.value("state", "") == "refused" ? line : status;
+    }
+    EXPECT_EQ(status.value("reason", ""), "HTTP 400") << status;
+}
+
+TEST_F(AReload, OfAFileThatIsNestedTooDeeplyChangesNothing) {
+    const std::size_t depth = 100'000;
+    const auto file = write(json::array({lamp("same", "a")}));
+    Announce announce(options(file));
+    announce.awaitOutput("\"announced\"");
+    folder.write("set.json", R"([{"name":"same","port":1,"properties":{"list":)" +
+                                 std::string(depth, '[') + std::string(depth, ']') + "}}]");
+    announce.signal(SIGHUP);
+    announce.awaitOutput("\"not-reloaded\"");
+    EXPECT_EQ(entries().size(), 1U);
+    EXPECT_THAT(announce.stopped(0).output, HasSubstr("set.json:1:144: nested too deeply"));
+}
+
 TEST_F(AReload, OfAFolderChangesNothing) {
     expectNotReloaded([](const auto& file) { std::filesystem::create_directory(file); },
                       "not a regular file");

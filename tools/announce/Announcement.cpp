@@ -161,7 +161,11 @@ void Announcement::handleEvent(const Event& event) {
             }
             break;
         case Event::Kind::Reachable:
-            enter(state_ == State::Unreachable ? State::Announced : state_, name);
+            if (state_ == State::Clearing) {
+                notify(name, json::object());  // the reason is still that of the refusal
+            } else {
+                enter(state_ == State::Unreachable ? State::Announced : state_, name);
+            }
             break;
         case Event::Kind::Withdrawn:
             if (state_ == State::Clearing) {
