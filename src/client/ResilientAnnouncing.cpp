@@ -15,6 +15,10 @@ using Kind = RegistrationEvent::Kind;
 
 std::string OrvServiceRegistryClient::ResilientUpkeep::uuidOf(const std::string& location) {
     std::string path = location;
+    const std::size_t scheme = path.find("://");
+    if (scheme != std::string::npos && path.find('/') == scheme + 1) {
+        path.erase(0, path.find('/', scheme + 3));
+    }
     const std::size_t last = path.rfind('/');
     if (last == std::string::npos) {
         return "";

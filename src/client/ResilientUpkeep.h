@@ -75,7 +75,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     /// invalid.
     static Milliseconds delayOf(const std::string& retryAfter,
                                 std::chrono::system_clock::time_point now);
-    /// The last segment of a location, ignoring one "/" at the end; empty if there is none.
+    /// The last segment of a location's path, ignoring one "/" at the end; empty if there is none.
     static std::string uuidOf(const std::string& location);
 
   private:

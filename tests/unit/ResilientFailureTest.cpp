@@ -240,5 +240,14 @@ TEST(TheUuidOfALocation, IsItsLastSegment) {
     EXPECT_EQ(Upkeep::uuidOf(""), "");
 }
 
+TEST(TheUuidOfALocation, IsNotItsHost) {
+    EXPECT_EQ(Upkeep::uuidOf("http://registry:8500/"), "");
+    EXPECT_EQ(Upkeep::uuidOf("http://registry:8500"), "");
+    EXPECT_EQ(Upkeep::uuidOf("https://registry//"), "");
+    EXPECT_EQ(Upkeep::uuidOf("http://"), "");
+    EXPECT_EQ(Upkeep::uuidOf("http://registry/abc/"), "abc");
+    EXPECT_EQ(Upkeep::uuidOf("/http://abc"), "abc");
+}
+
 }  // namespace
 }  // namespace orvx::serviceregistryclient
