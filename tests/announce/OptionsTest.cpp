@@ -198,6 +198,21 @@ TEST_F(TheOptions, RefuseAFileThatDescribesNoServices) {
     }
 }
 
+TEST_F(TheOptions, RefuseAFileWithMoreThan100LevelsOnly) {
+    const auto nested = [](std::size_t levels) {
+        return R"([{"name":"a","uri":"/a","port":1,"properties":{"list":)" +
+               std::string(levels - 3, '[') + std::string(levels - 3, ']') + "}}]";
+    };
+    EXPECT_THAT(refusalOfSet(nested(101)), HasSubstr("set:1:152: nested too deeply"));
+    front.onRequest([](const Request& request) {
+        return testing::response(request.method == "PUT" ? 201 : 200, {{"Location", "/a"}});
+    });
+    Announce announce(
+        Words{"--registry", urlOf(front.port()), "--from", folder.write("set", nested(100))});
+    announce.awaitOutput(" announced ");
+    announce.stopped(0);
+}
+
 TEST_F(TheOptions, RefuseAFileWithTheLineAndColumnOfTheFault) {
     const std::map<std::string, std::string> faults{
         {"[\n {\"name\" \"a\"}]", "set:2:12: syntax error"},

@@ -24,6 +24,9 @@ constexpr std::array kKnown{"name",        "port",     "host",       "uri",
                             "description", "versions", "privileges", "serviceCategories",
                             kProperties};
 
+/// The functions that check, copy and convert a description call themselves for each level.
+constexpr std::size_t kMaxDepth = 100;
+
 /// An iterator that counts its increments: the parser reports each key right after reading it, so
 /// the count is the key's position.
 struct CountingIterator {
@@ -101,7 +104,9 @@ class PositionRecorder : public json::json_sax_t {
     bool string(std::string&) override { return true; }
     bool binary(json::binary_t&) override { return true; }
     bool start_array(std::size_t) override {
-        ++depth_;
+        if (++depth_ > kMaxDepth) {
+            throw UsageError(position(*file_, count_ - 1) + "nested too deeply");
+        }
         return true;
     }
     bool end_array() override {
@@ -109,10 +114,10 @@ class PositionRecorder : public json::json_sax_t {
         return true;
     }
     bool start_object(std::size_t) override {
-        if (depth_++ == 1) {
+        if (depth_ == 1) {
             services.push_back({{}, file_, count_ - 1});
         }
-        return true;
+        return start_array({});
     }
     bool end_object() override { return end_array(); }
     bool key(std::string& parsed) override {
