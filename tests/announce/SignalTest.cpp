@@ -121,12 +121,17 @@ TEST_F(ASignal, FromATerminalThatHangsUpEndsACommandWithAProcessGroupOfItsOwn) {
 }
 
 TEST_F(ASignal, ThatTheStarterIgnoresIsIgnored) {
-    ChildProcess announce("/bin/sh",
-                          Words{"-c", "trap '' HUP; exec \"$0\" \"$@\"", paths::kAnnounceProgram} +
-                              echo() + shell("kill -HUP $$ $PPID; read line; exit 8"));
-    announce.awaitErrors(" announced ");
-    announce.endInput();
-    EXPECT_EQ(exitCode(announce.wait()), 8);
+    for (const std::string name : {"HUP", "TERM"}) {
+        ChildProcess announce(
+            "/bin/sh",
+            Words{"-c", "trap '' " + name + "; exec \"$0\" \"$@\"", paths::kAnnounceProgram} +
+                echo() + shell("kill -" + name + " $$ $PPID; read line; exit 8"));
+        announce.awaitErrors(" announced ");
+        announce.endInput();
+        const auto result = announce.wait();
+        EXPECT_EQ(exitCode(result), 8);
+        EXPECT_THAT(result.errors, Not(HasSubstr(" stopping "))) << name;
+    }
 }
 
 TEST_F(ASignal, WithoutACommandEndsTheAnnouncement) {

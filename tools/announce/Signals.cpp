@@ -22,9 +22,8 @@ bool isIgnored(int number) {
 sigset_t handledSignals() {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGCHLD);
-    for (const int number : {SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2}) {
+    for (const int number : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2}) {
         if (!isIgnored(number)) {
             sigaddset(&set, number);
         }
