@@ -2,70 +2,18 @@
 // thread delivers the answers. Every wait ends: with the last answer, its time-out, or the client's
 // stop. After a wait nothing of the client is used, because the client may be gone.
 
+#include "ResilientBlockingCall.h"
 #include "ResilientRecords.h"
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
 #include <algorithm>
-#include <mutex>
 
 namespace orvx::serviceregistryclient {
 
 using common::ServiceCreate;
 using common::ServiceModel;
 using Outcome = OrvRegistrationResponse;
-
-/// One blocking call: collects the answers for its services.
-class OrvServiceRegistryClient::ResilientUpkeep::BlockingCall {
-  public:
-    /// The initial response is that of a service without an answer in time.
-    using Responses = std::map<std::shared_ptr<ServiceModel>, Outcome>;
-
-    void add(const std::shared_ptr<ServiceModel>& service) {
-        const std::lock_guard lock(mutex_);
-        responses_.emplace(service, Outcome(Outcome::ERROR, Outcome::TIMEOUT));
-        ++left_;
-    }
-    void answer(const std::shared_ptr<ServiceModel>& service, Outcome response) {
-        const std::lock_guard lock(mutex_);
-        const auto found = responses_.find(service);
-        if (left_ > 0 && found != responses_.end()) {
-            found->second = std::move(response);
-            --left_;
-        }
-        changed_.notify_all();
-    }
-    /// Called when the client has stopped.
-    void end() {
-        const std::lock_guard lock(mutex_);
-        isEnded_ = true;
-        for (auto& [service, response] : responses_) {
-            if (response.errorCode == Outcome::TIMEOUT) {
-                response.errorCode = Outcome::DELEGATOR_NOT_INITIATED;
-            }
-        }
-        changed_.notify_all();
-    }
-    /// Zero means no time-out.
-    Responses wait(Milliseconds timeout) {
-        std::unique_lock lock(mutex_);
-        const auto isDone = [this] { return left_ == 0 || isEnded_; };
-        if (timeout == Milliseconds::zero()) {
-            changed_.wait(lock, isDone);
-        } else {
-            changed_.wait_for(lock, std::min(timeout, kLongestWait), isDone);
-        }
-        left_ = 0;  // later answers are dropped
-        return std::move(responses_);
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    Responses responses_;
-    std::size_t left_ = 0;
-    bool isEnded_ = false;
-};
 
 /// Null if the call must not block; every service is answered with `reason` then.
 std::shared_ptr<OrvServiceRegistryClient::ResilientUpkeep::BlockingCall>

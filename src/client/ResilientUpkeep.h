@@ -21,6 +21,7 @@ namespace orvx::serviceregistryclient {
 ///   ResilientWithdrawal.cpp  withdrawal, answers to a DELETE
 ///   ResilientFailure.cpp     transient failures and the delay before the next attempt
 ///   ResilientBlocking.cpp    the blocking forms
+///   ResilientBlockingCall.h  one blocking call
 ///   ResilientRecords.h       the records of registrations, entries and endpoints
 ///
 /// | known   | wanted      | next request                                                     |
@@ -36,6 +37,7 @@ namespace orvx::serviceregistryclient {
 class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
   public:
     using Milliseconds = std::chrono::milliseconds;
+    class BlockingCall;
 
     /// The longest Retry-After that is followed. Longer ones usually come from maintenance pages;
     /// if the registry returned earlier, it would be without its services meanwhile.
@@ -83,7 +85,6 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     struct Endpoint;
     struct Registration;
     struct Waiting;
-    class BlockingCall;
     using HttpResponse = communication::HttpResponse;
     using Registrations = std::map<std::uint64_t, Registration>;
     using Member = std::pair<const std::uint64_t, Registration>;

@@ -4,6 +4,7 @@
 
 #include "BlockingCall.h"
 #include "HostileServer.h"
+#include "ResilientBlockingCall.h"
 
 #include <algorithm>
 #include <future>
@@ -210,6 +211,18 @@ TEST_F(AResilientCall, DuringWhichTheClientIsStoppedEnds) {
     EXPECT_EQ(call.get(), "ERROR/DELEGATOR_NOT_INITIATED");
 }
 
+TEST(ABlockingCallOfAResilientClient, ToWhichAServiceIsAddedAfterTheStopSaysSo) {
+    OrvServiceRegistryClient::ResilientUpkeep::BlockingCall call;
+    const auto before = service("before");
+    const auto after = service("after");
+    call.add(before);
+    call.end();
+    call.add(after);
+    for (const auto& [one, response] : call.wait(milliseconds(0))) {
+        EXPECT_EQ(answerOf(response), "ERROR/DELEGATOR_NOT_INITIATED") << one->getName();
+    }
+}
+
 TEST_F(AResilientCall, MayHaveALongerTimeOutThanTheClockCounts) {
     context.setSyncCallRegistryTimeout(milliseconds::max());
     context.setSyncCallUnregisterTimeout(milliseconds::max());
@@ -339,21 +352,6 @@ TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
     expectRefusedWithdrawalIsRepeated();
 }
 
-TEST_P(WithdrawalAtTheEnd, SendsOneDeleteIfItGetsNoAnswer) {
-    context.setWithdrawAtDeinit(milliseconds(2000));
-    context.init();
-    client().registerServicesAtRegistry(registry, named(2));
-    server.onRequest([](const testing::Request&) { return testing::Script().silence(); });
-    auto end = std::async(std::launch::async, [this] { context.deinit(); });
-    ASSERT_TRUE(server.waitForRequests(4));
-    end.get();
-    EXPECT_EQ(deletes(), 2U);
-    EXPECT_EQ(warnings().size(), 2U);
-}
-
-TEST_P(WithdrawalAtTheEnd, NamesServicesThatCouldNotBeWithdrawnInTime) {
-    context.setWithdrawAtDeinit(milliseconds(100));
-    context.init();
 TEST_P(WithdrawalAtTheEnd, RepeatsARefusedWithdrawalOnlyAfterAPauseWhateverOthersDo) {
     HostileServer refusing;
     refusing.onRequest([](const testing::Request& request) {
@@ -381,6 +379,21 @@ TEST_P(WithdrawalAtTheEnd, RepeatsARefusedWithdrawalOnlyAfterAPauseWhateverOther
     EXPECT_GT(deletes(), 0U);
 }
 
+TEST_P(WithdrawalAtTheEnd, SendsOneDeleteIfItGetsNoAnswer) {
+    context.setWithdrawAtDeinit(milliseconds(2000));
+    context.init();
+    client().registerServicesAtRegistry(registry, named(2));
+    server.onRequest([](const testing::Request&) { return testing::Script().silence(); });
+    auto end = std::async(std::launch::async, [this] { context.deinit(); });
+    ASSERT_TRUE(server.waitForRequests(4));
+    end.get();
+    EXPECT_EQ(deletes(), 2U);
+    EXPECT_EQ(warnings().size(), 2U);
+}
+
+TEST_P(WithdrawalAtTheEnd, NamesServicesThatCouldNotBeWithdrawnInTime) {
+    context.setWithdrawAtDeinit(milliseconds(100));
+    context.init();
     client().registerServicesAtRegistry(registry, named(2));
     server.onRequest([](const testing::Request&) { return testing::response(503); });
     context.deinit();
