@@ -150,11 +150,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::checkAllLocked(Endpoint& endpoin
     for (const auto& entry : endpoint.byUuid) {
         makeDue(*entry);
     }
-    for (auto path = endpoint.byPath.begin(); path != endpoint.byPath.end(); ++path) {
-        const auto& entry = path->second;
+    // An entry to which several paths lead is due at the earliest of its moments.
+    for (const auto& [path, entry] : endpoint.byPath) {
         const auto withUuid = endpoint.byUuid.find(entry->uuid);
         const bool isDueAlready = withUuid != endpoint.byUuid.end() && *withUuid == entry;
-        if (entry->path == path && !isDueAlready) {
+        if (!isDueAlready) {
             makeDue(*entry);
         }
     }

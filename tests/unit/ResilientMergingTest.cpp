@@ -182,5 +182,34 @@ TEST_F(OneEntryOfTwo, DeletesTheOldEntryWhereTheRegistryGivesAnotherUuid) {
     expectNothingFor(std::chrono::hours(1));
 }
 
+// The old entry is in no path of its own when the registry assigns its uuid again.
+TEST_F(OneEntryOfTwo, IsAnnouncedSoonAfterARecoveryAlsoIfItTookOverAnOldEntry) {
+    context.enableCheck(false);
+    start();
+    first = registerAs("first");
+    expectPutOf("first", 201, "abc");
+    second = registerAs("second");
+    expectPutOf("second", 201, "def");
+    waitFor("DELETE");
+    auto removal = *last;
+    const auto third = registerAs("third");
+    expectPutOf("third", 201, "abc");
+    removal.answer(200);
+    world.settle();
+    waitFor("PUT");
+    auto put = *last;
+    expect("DELETE", "/def", 200);
+    put.answer(communication::HttpResponse(CommunicationStatus::ConnectFailed));
+    world.settle();
+    for (int i = 0; i < 8; ++i) {
+        waitFor("PUT");
+        EXPECT_EQ(last->path(), "/x");
+        fail(CommunicationStatus::ConnectFailed);
+    }
+    registerService("other");
+    expect("PUT", "/other", 201, "ghi");
+    EXPECT_LE(expect("PUT", "/x", 201, "jkl"), Seconds(1));
+}
+
 }  // namespace
 }  // namespace orvx::serviceregistryclient
