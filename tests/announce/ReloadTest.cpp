@@ -114,6 +114,26 @@ TEST_F(AReload, ChangesThePortsOfTheReadyCheck) {
     announce.stopped(0);
 }
 
+TEST_F(AReload, OfADescriptionLetsAnAttemptOfTheReadyCheckGoOn) {
+    const auto log = folder.file("log");
+    const auto gate = folder.file("gate");
+    makeFifo(gate);
+    json lamp{{"name", "lamp"}, {"port", service.port()}, {"description", "a"}};
+    Announce announce(options(write(json::array({lamp}))) +
+                      Words{"--ready-command", "echo >>" + log + "; read line <" + gate} +
+                      command());
+    announce.awaitOutput("up\n");
+    EXPECT_TRUE(eventually([&] { return contentOf(log) == "\n"; }));
+    lamp["description"] = "b";
+    write(json::array({lamp}));
+    announce.signal(SIGHUP);
+    announce.awaitErrors("\"reloaded\"");
+    std::ofstream(gate) << "ready\n";
+    announce.awaitErrors("\"announced\"");
+    EXPECT_EQ(contentOf(log), "\n") << "one attempt";
+    announce.stopped(0);
+}
+
 TEST_F(AReload, OfAFileThatIsWrongChangesNothing) {
     const auto file = write({lamp("same", "a"), lamp("gone", "a")});
     Announce announce(options(file));
