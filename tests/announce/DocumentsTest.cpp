@@ -17,7 +17,7 @@ const std::string kManualPage = std::string(paths::kAnnounceSources) + "/orvx-an
 
 std::set<std::string> optionsOfTheProgram() {
     const std::string help = Announce({"--help"}).ended(0).output;
-    const std::regex option("\n  (?:-h,)?(--[-a-z]+)");
+    const std::regex option("\n  (?:-h, *)?(--[-a-z]+)");
     std::set<std::string> options;
     for (std::sregex_iterator i(help.begin(), help.end(), option), end; i != end; ++i) {
         options.insert((*i)[1]);

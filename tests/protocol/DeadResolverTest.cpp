@@ -5,6 +5,7 @@
 #include "DeadResolver.h"
 
 #include <curl/curl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 
@@ -14,7 +15,10 @@
 namespace orvx::testing {
 namespace {
 
-using Names = std::vector<std::string>;
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::IsEmpty;
+using ::testing::Not;
 
 CURLcode get(const std::string& url) {
     const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> easy(curl_easy_init(),
@@ -28,12 +32,12 @@ TEST(TheDeadResolver, KeepsALookupOfLibcurlWaitingUntilItIsReleased) {
     DeadResolver resolver;
     auto transfer = std::async(std::launch::async, get, "http://x.silent.test/");
     ASSERT_TRUE(resolver.waitForLookups(1));
-    EXPECT_EQ(resolver.waiting(), 1U);
+    EXPECT_GE(resolver.waiting(), 1U);  // newer versions of libcurl look up each family
     EXPECT_EQ(transfer.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     resolver.release();
     EXPECT_EQ(resolver.waiting(), 0U);
     EXPECT_EQ(transfer.get(), CURLE_COULDNT_RESOLVE_HOST);
-    EXPECT_EQ(resolver.lookups(), Names{"x.silent.test"});
+    EXPECT_THAT(resolver.lookups(), Each("x.silent.test"));
 }
 
 TEST(TheDeadResolver, ReleasesWaitingLookUpsWhenItIsDestroyed) {
@@ -55,7 +59,7 @@ TEST(TheDeadResolver, FailsASilentLookupAtTheLatestAfterItsBound) {
 TEST(TheDeadResolver, FailsUnknownNamesAtOnce) {
     const DeadResolver resolver;
     EXPECT_EQ(get("http://x.unknown.test/"), CURLE_COULDNT_RESOLVE_HOST);
-    EXPECT_EQ(resolver.lookups(), Names{"x.unknown.test"});
+    EXPECT_THAT(resolver.lookups(), AllOf(Not(IsEmpty()), Each("x.unknown.test")));
 }
 
 TEST(TheDeadResolver, DoesNotKeepOtherNamesFromTheirAnswer) {

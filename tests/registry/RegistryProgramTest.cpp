@@ -159,7 +159,7 @@ std::set<std::string> completions(std::vector<std::string> words) {
 
 TEST(TheCompletion, OffersEveryOptionAndTheFilesThatSomeTake) {
     const std::string help = RegistryProcess({"--help"}).wait().output;
-    const std::regex option("\n  (?:-h,)?(--[-a-z]+)");
+    const std::regex option("\n  (?:-h, *)?(--[-a-z]+)");
     std::set<std::string> options;
     for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
         options.insert((*at)[1]);

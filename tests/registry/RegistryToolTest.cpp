@@ -531,7 +531,7 @@ TEST(TheDocumentationOfTheTool, NamesEveryOption) {
     const std::string manual = contentOf(std::string(paths::kRegistrySources) + "/orvx-registry.1");
     const std::string page =
         contentOf(std::string(paths::kRegistrySources) + "/../../docs/registry-tool.md");
-    const std::regex option("  (--[a-z-]+) ");
+    const std::regex option("\n  (--[a-z-]+) ");
     int count = 0;
     for (std::sregex_iterator at(help.begin(), help.end(), option); at != std::sregex_iterator();
          ++at, ++count) {

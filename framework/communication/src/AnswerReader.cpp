@@ -106,8 +106,15 @@ class AnswerReader::Parser {
             answer_.headerLines.append(name.data(), name.size()).append(": ");
             answer_.headerLines.append(value.data(), value.size()).append("\r\n");
         }
-        /// Newer versions of Beast call this function for a trailer; older ones do not declare it.
-        void on_trailer_field_impl(http::field, string_view, string_view, error_code&) {}
+        /// Newer versions of Beast call this function for a trailer. Older ones do not declare it,
+        /// and refuse these fields themselves.
+        void on_trailer_field_impl(http::field field, string_view, string_view, error_code& error) {
+            if (field == http::field::content_length) {
+                error = http::error::bad_content_length;
+            } else if (field == http::field::transfer_encoding) {
+                error = http::error::bad_transfer_encoding;
+            }
+        }
         void on_header_impl(error_code&) override {}
         void on_body_init_impl(const boost::optional<std::uint64_t>&, error_code&) override {}
         std::size_t on_body_impl(string_view body, error_code&) override {
