@@ -137,6 +137,8 @@ TEST_F(TheOptions, RefuseAnEmptyValueInsteadOfTakingTheNextArgument) {
               "orvx-announce: --name: the value is empty\n");
     EXPECT_THAT(refusal(good + Words{"--name", "a", "--proxy=", "--json"}),
                 HasSubstr("--proxy: the value is empty"));
+    EXPECT_THAT(refusal(good + Words{"--name", "a", "--health-command", ""}),
+                HasSubstr("--health-command: the value is empty"));
     EXPECT_THAT(refusal(good + Words{"--proxy=a=", "--", "echo", "--name="}),
                 Not(HasSubstr("the value is empty")));
 }

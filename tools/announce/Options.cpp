@@ -230,6 +230,12 @@ Options parseOptions(int argc, char** argv) {
             throw UsageError(name + ": the value is empty");
         }
         app.parse(static_cast<int>(dashes - argv), argv);
+        for (const CLI::Option* const option : app.get_options()) {
+            const auto& values = option->results();
+            if (std::count(values.begin(), values.end(), "") > 0) {
+                throw UsageError(option->get_name() + ": the value is empty");
+            }
+        }
         if (dashes != end && options.command.empty()) {
             throw UsageError("no command follows --");
         }
