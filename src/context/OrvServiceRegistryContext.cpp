@@ -53,12 +53,15 @@ struct OrvServiceRegistryContext::Data {
     std::chrono::seconds checkInterval{10};
     std::chrono::milliseconds retryInterval{500};
     std::unique_ptr<IOrvServiceRegistryClient> client;
-    /// The client while deinit() destroys it, which may call callbacks. Null otherwise.
+    /// The client while deinit() destroys it, which may call callbacks. Null otherwise, and if a
+    /// callback has called deinit().
     IOrvServiceRegistryClient* endingClient = nullptr;
     std::shared_ptr<ILoggerFactory> loggerFactory;
     std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
     /// Atomic, because getRegistrations() reads it from any thread.
     std::atomic<bool> initiated{false};
+    /// The client's end in the destructor may call a callback that calls deinit().
+    bool isBeingDestroyed = false;
     bool registerWithPrefix = false;
     std::chrono::milliseconds syncCallRegistryTimeout{30000};
     std::chrono::milliseconds syncCallUnregisterTimeout{30000};
@@ -104,6 +107,7 @@ OrvServiceRegistryContext::~OrvServiceRegistryContext() {
         return;
     }
     data_->withdrawEverything();
+    data_->isBeingDestroyed = true;
     delete data_;
 }
 
@@ -124,14 +128,19 @@ void OrvServiceRegistryContext::init() {
 }
 
 void OrvServiceRegistryContext::deinit() {
-    if (!data_->initiated || data_->isInForkedChild()) {
+    if (!data_->initiated || data_->isInForkedChild() || data_->isBeingDestroyed) {
         return;
     }
     data_->withdrawEverything();
-    data_->endingClient = data_->client.get();
-    data_->client.reset();  // a callback may enter this function again
-    data_->endingClient = nullptr;
-    data_->initiated = false;
+    auto client = std::move(data_->client);
+    IOrvServiceRegistryClient* const ending = client.get();
+    data_->endingClient = ending;
+    client.reset();
+    // A callback may have called this function, and init() after it.
+    if (data_->endingClient == ending) {
+        data_->endingClient = nullptr;
+        data_->initiated = false;
+    }
 }
 
 bool OrvServiceRegistryContext::isInitiated() {

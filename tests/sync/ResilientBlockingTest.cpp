@@ -347,6 +347,19 @@ TEST_P(WithdrawalAtTheEnd, WithdrawsWhatIsStillUnderWayByTheDestructor) {
     EXPECT_TRUE(warnings("Trying to unregister").empty());
 }
 
+TEST_P(WithdrawalAtTheEnd, IsNotBegunAgainByACallbackOfTheDestructor) {
+    server.nextRequest(testing::Script().silence());
+    auto own = std::make_unique<OrvServiceRegistryContext>();
+    own->enableResilience(GetParam());
+    own->setLoggerFactory(log);
+    own->init();
+    own->getServiceRegistryClient()->registerServiceAtRegistry(
+        registry, service("echo"), [context = own.get()](const auto&) { context->deinit(); });
+    ASSERT_TRUE(server.waitForRequests(1));
+    own.reset();
+    EXPECT_EQ(deletes(), 0U);
+}
+
 TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
     context.setWithdrawAtDeinit(std::chrono::seconds(10));
     expectRefusedWithdrawalIsRepeated();

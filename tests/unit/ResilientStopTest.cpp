@@ -140,6 +140,18 @@ TEST_F(AStoppedClient, MayBeEndedAgainInACallbackDuringItsEnd) {
     EXPECT_THAT(takeOutcomes(), ElementsAre(stopped("echo")));
 }
 
+TEST_F(AStoppedClient, MayBeEndedAndStartedInACallbackDuringItsEnd) {
+    start();
+    client().registerServiceAtRegistry(registry, service("echo"), [this](const auto&) {
+        context.deinit();
+        context.init();
+    });
+    next("PUT");
+    context.deinit();
+    EXPECT_TRUE(context.isInitiated());
+    EXPECT_NE(context.getServiceRegistryClient(), nullptr);
+}
+
 class TheLockRuleOfResilience : public ResilientTest {
   protected:
     TheLockRuleOfResilience() { context.setRegistrationListener({}); }
