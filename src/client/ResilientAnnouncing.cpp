@@ -15,9 +15,10 @@ using Kind = RegistrationEvent::Kind;
 
 std::string OrvServiceRegistryClient::ResilientUpkeep::uuidOf(const std::string& location) {
     std::string path = location;
-    const std::size_t scheme = path.find("://");
-    if (scheme != std::string::npos && path.find('/') == scheme + 1) {
-        path.erase(0, path.find('/', scheme + 3));
+    const std::size_t host = path.find("//");
+    if (host != std::string::npos && path.find('/') == host &&
+        (host == 0 || path[host - 1] == ':')) {
+        path.erase(0, path.find('/', host + 2));
     }
     const std::size_t last = path.rfind('/');
     if (last == std::string::npos) {

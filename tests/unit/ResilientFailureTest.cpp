@@ -234,6 +234,10 @@ TEST(TheUuidOfALocation, IsItsLastSegment) {
     EXPECT_EQ(Upkeep::uuidOf("http://host/entries/abc"), "abc");
     EXPECT_EQ(Upkeep::uuidOf("/entries/abc/"), "abc");
     EXPECT_EQ(Upkeep::uuidOf("abc"), "");
+    EXPECT_EQ(Upkeep::uuidOf("//registry:8500/"), "");
+    EXPECT_EQ(Upkeep::uuidOf("//registry:8500"), "");
+    EXPECT_EQ(Upkeep::uuidOf("//registry:8500/abc"), "abc");
+    EXPECT_EQ(Upkeep::uuidOf("entries//abc"), "abc");
     EXPECT_EQ(Upkeep::uuidOf("abc/"), "abc");
     EXPECT_EQ(Upkeep::uuidOf("/"), "");
     EXPECT_EQ(Upkeep::uuidOf("//"), "");
