@@ -30,6 +30,29 @@ class Health : public AnnounceTest {
         std::sort(lines.begin(), lines.end());
         return lines;
     }
+    /// Expects that an unhealthy service is not announced by a reload with these changes.
+    void expectToStayWithdrawn(json description, const json& changes, const Words& health) {
+        passOnInFront();
+        const auto write = [&] {
+            return folder.write("set.json", json::array({description}).dump());
+        };
+        Announce announce(Words{"--registry", urlOf(front.port()), "--from", write(), "--json",
+                                "--health-interval", "3600", "--health-failures", "1"} +
+                          health);
+        announce.awaitOutput("\"unhealthy\"");
+        announce.awaitOutput("\"withdrawn\"");
+        description.update(changes);
+        write();
+        announce.signal(SIGHUP);
+        announce.awaitOutput("\"reloaded\"");
+        announce.signal(SIGUSR1);
+        announce.awaitOutput("\"unhealthy\":");
+        announce.stopped(0);
+        const auto requests = front.requests();
+        EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
+                                [](const Request& request) { return request.method == "PUT"; }),
+                  1);
+    }
 
     const Folder folder;
     const std::string log = folder.file("log");
@@ -155,25 +178,22 @@ TEST_F(Health, ThatIsLostIsNotOverriddenByAHangUp) {
 }
 
 TEST_F(Health, ThatIsLostIsNotOverriddenByAReloadOfTheDescription) {
-    passOnInFront();
-    json lamp{{"name", "lamp"}, {"port", service.port()}, {"description", "a"}};
-    const auto write = [&] { return folder.write("set.json", json::array({lamp}).dump()); };
-    Announce announce(Words{"--registry", urlOf(front.port()), "--from", write(), "--json",
-                            "--health-interval", "3600", "--health-failures", "1",
-                            "--health-command", "exit 7"});
-    announce.awaitOutput("\"unhealthy\"");
-    announce.awaitOutput("\"withdrawn\"");
-    lamp["description"] = "b";
-    write();
-    announce.signal(SIGHUP);
-    announce.awaitOutput("\"reloaded\"");
-    announce.signal(SIGUSR1);
-    announce.awaitOutput("\"unhealthy\":\"exit status 7\"");
-    announce.stopped(0);
-    const auto requests = front.requests();
-    EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
-                            [](const Request& request) { return request.method == "PUT"; }),
-              1);
+    const json lamp{{"name", "lamp"}, {"port", service.port()}, {"description", "a"}};
+    expectToStayWithdrawn(lamp, {{"description", "b"}}, {"--health-command", "exit 7"});
+}
+
+TEST_F(Health, ThatIsLostIsNotOverriddenByAReloadOfANameThatTheProbeDoesNotUse) {
+    const testing::RefusedPort refused;
+    const json lamp{{"name", "lamp"}, {"port", refused.port()}, {"uri", "/lamp"}};
+    expectToStayWithdrawn(lamp, {{"name", "light"}}, {"--health-tcp"});
+}
+
+TEST_F(Health, ThatIsLostIsNotOverriddenByAReloadOfAHostThatIsNotProbed) {
+    const testing::RefusedPort refused;
+    const json lamp{
+        {"name", "lamp"}, {"port", refused.port()}, {"uri", "/lamp"}, {"host", "a.test"}};
+    expectToStayWithdrawn(lamp, {{"host", "b.test"}},
+                          {"--health-tcp", "--ready-host", "127.0.0.1"});
 }
 
 TEST_F(Health, ThatIsLostIsAskedForAgainAfterAReloadOfThePort) {

@@ -142,8 +142,11 @@ void Announcer::change(Service& service, const json& description) {
     const auto differs = [&](const char* key) {
         return service.description.at(key) != description.at(key);
     };
-    const bool isProbedAnew =
-        service.isRemoved || differs("name") || differs("host") || differs("port");
+    // A command has name, host and port; other probes have the host if --ready-host gives no other.
+    const bool isCommand = options_.health.kind == ProbeOptions::Kind::Command;
+    const bool isProbedAnew = service.isRemoved || differs("port") ||
+                              (differs("host") && (isCommand || options_.probedHost.empty())) ||
+                              (differs("name") && isCommand);
     service.description = description;
     service.isRemoved = false;
     if (isProbedAnew) {
