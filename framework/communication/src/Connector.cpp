@@ -30,19 +30,22 @@ constexpr std::chrono::milliseconds kRetry(50);
 // The limit for a proxy's answer to CONNECT.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
-std::string connectError(const error_code& error, const Address& address) {
-    if (!error) {
-        return {};
-    }
-    return error == asio::error::connection_refused
-               ? "connection refused by " + toText(address)
-               : "no connection to " + toText(address) + ": " + error.message();
-}
-
 /// Whether a Unix domain socket's backlog is full, for which connect() has EAGAIN and Asio another
 /// error. TCP repeats its SYN in this case.
 bool isBacklogFull(const error_code& error, const Address& address) {
     return error == asio::error::no_buffer_space && address.storage.ss_family == AF_UNIX;
+}
+
+std::string connectError(const error_code& error, const Address& address) {
+    if (!error) {
+        return {};
+    }
+    if (isBacklogFull(error, address)) {
+        return "the server accepts no connection at " + toText(address);
+    }
+    return error == asio::error::connection_refused
+               ? "connection refused by " + toText(address)
+               : "no connection to " + toText(address) + ": " + error.message();
 }
 
 /// Empty if memory runs out.
@@ -90,6 +93,15 @@ void Connector::start(const Addresses& addresses) {
 
 void Connector::onTime() {
     startAttempts();
+}
+
+std::string Connector::refusal() const noexcept {
+    try {
+        const bool isRefused = !plain_ && !secure_ && isBacklogFull(lastError_, lastFailed_);
+        return isRefused ? connectError(lastError_, lastFailed_) : "";
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 /// Starts an attempt for the next address. Continues with further addresses as long as attempts
@@ -152,6 +164,8 @@ void Connector::onAttemptEnd(Attempt& attempt, const error_code& error) {
         return;
     }
     if (isBacklogFull(error, attempt.address)) {
+        lastError_ = error;
+        lastFailed_ = attempt.address;
         attempts_.clear();
         next_ = 0;  // At nextAttempt_.
         return;

@@ -56,6 +56,9 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     std::chrono::steady_clock::time_point nextTime() const { return nextAttempt_; }
     void onTime();
     void cancel() noexcept;
+    /// Why no server has accepted the connection so far. Empty if that is not known, after the
+    /// connection was accepted, and if memory runs out.
+    std::string refusal() const noexcept;
 
   private:
     struct Attempt;

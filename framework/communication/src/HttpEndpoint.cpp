@@ -124,8 +124,12 @@ void HttpEndpoint::expire(Clock::time_point now) {
     for (std::size_t i = connecting_.size(); i-- > 0;) {
         const auto connector = connecting_[i].connector;
         if (connecting_[i].deadline <= now) {
+            const std::string refusal = connector->refusal();
             connector->cancel();
-            onConnectFailed(*connector, CommunicationStatus::TimedOut, {});
+            onConnectFailed(*connector,
+                            refusal.empty() ? CommunicationStatus::TimedOut
+                                            : CommunicationStatus::ConnectFailed,
+                            refusal);
             continue;
         }
         wakeAt(connecting_[i].deadline);
@@ -214,12 +218,12 @@ void HttpEndpoint::connect(Clock::time_point now) {
 bool HttpEndpoint::needsConnection(Clock::time_point now) {
     // Idle connections with input that must be read first: serveIdle() has used or dropped all
     // others for which a request was waiting. A kept one cannot be used for a repetition.
-    const bool mayUseKept = waiting_.size() > waiting_.repeats();
-    const auto unready = static_cast<std::size_t>(
-        std::count_if(idle_.begin(), idle_.end(),
-                      [mayUseKept](const Connection* one) { return mayUseKept || one->isNew(); }));
+    const auto newOnes = static_cast<std::size_t>(
+        std::count_if(idle_.begin(), idle_.end(), [](const auto* one) { return one->isNew(); }));
+    const std::size_t unready =
+        newOnes + std::min(idle_.size() - newOnes, waiting_.size() - waiting_.repeats());
     const std::size_t most = settings_->config.connectionsPerEndpoint;
-    const bool isFirst = connections_.size() == unready;
+    const bool isFirst = connections_.size() == newOnes;
     std::size_t wanted = std::min(waiting_.size(), isFirst ? 1 : most);
     if (!isFirst && now < nextFurther_) {
         wakeAt(nextFurther_);

@@ -232,7 +232,9 @@ TEST_F(TheWayOverAUnixSocket, IsGivenUpWhenTheServerAcceptsNoConnectionInTime) {
     HttpConfig config;
     config.unixSocketPath = full.path();
     config.connectTimeout = std::chrono::milliseconds(200);
-    EXPECT_EQ(put(session(config)).getCommunicationStatus(), CommunicationStatus::TimedOut);
+    const HttpResponse response = put(session(config));
+    EXPECT_EQ(response.getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+    EXPECT_THAT(response.getCause(), HasSubstr(full.path()));
 }
 
 TEST_F(TheWayOverAUnixSocket, IsNoConnectionWhenNobodyIsThere) {
