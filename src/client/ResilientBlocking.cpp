@@ -12,7 +12,6 @@
 namespace orvx::serviceregistryclient {
 
 using common::ServiceCreate;
-using common::ServiceModel;
 using Outcome = OrvRegistrationResponse;
 
 /// Null if the call must not block; every service is answered with `reason` then.
