@@ -30,10 +30,20 @@ constexpr std::chrono::milliseconds kRetry(50);
 // The limit for a proxy's answer to CONNECT.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
+/// The result of an attempt. Newer versions of Asio take the full backlog of a Unix domain socket
+/// for a connection.
+error_code resultOf(Socket& socket, const Address& address, error_code result) {
+    if (!result && address.storage.ss_family == AF_UNIX) {
+        socket.remote_endpoint(result);
+    }
+    return result;
+}
+
 /// Whether a Unix domain socket's backlog is full, for which connect() has EAGAIN and Asio another
 /// error. TCP repeats its SYN in this case.
 bool isBacklogFull(const error_code& error, const Address& address) {
-    return error == asio::error::no_buffer_space && address.storage.ss_family == AF_UNIX;
+    return address.storage.ss_family == AF_UNIX &&
+           (error == asio::error::no_buffer_space || error == asio::error::not_connected);
 }
 
 std::string connectError(const error_code& error, const Address& address) {
@@ -159,10 +169,11 @@ bool Connector::startAttempt(const Address& address) {
     return true;
 }
 
-void Connector::onAttemptEnd(Attempt& attempt, const error_code& error) {
+void Connector::onAttemptEnd(Attempt& attempt, const error_code& status) {
     if (owner_ == nullptr || plain_) {
         return;
     }
+    const error_code error = resultOf(attempt.socket, attempt.address, status);
     if (isBacklogFull(error, attempt.address)) {
         lastError_ = error;
         lastFailed_ = attempt.address;

@@ -65,7 +65,7 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
 
     void startAttempts();
     bool startAttempt(const Address& address);
-    void onAttemptEnd(Attempt& attempt, const boost::system::error_code& error);
+    void onAttemptEnd(Attempt& attempt, const boost::system::error_code& status);
     void continueSetup();
     void openTunnel();
     void onTunnelAnswer();
