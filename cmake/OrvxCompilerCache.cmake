@@ -10,6 +10,3 @@ if(ORVX_TOP_LEVEL AND ORVX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     CCACHE_SLOPPINESS=pch_defines,time_macros
     ${ORVX_CCACHE})
 endif()
-if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_LAUNCHER)
-  add_compile_options("SHELL:-Xclang -fno-pch-timestamp")  # a cached precompiled header is newer
-endif()
