@@ -33,6 +33,14 @@ class AReload : public AnnounceTest {
         }
         return found;
     }
+    /// The target of the requests about the entry with this path.
+    std::string targetOf(const std::string& path) const {
+        std::string target;
+        for (const json& entry : entries()) {
+            target = entry.at("path") == path ? "/" + entry.at("uuid").get<std::string>() : target;
+        }
+        return target;
+    }
     auto requestsOf(const std::string& method, const std::string& target = "") const {
         const auto requests = front.requests();
         return std::count_if(requests.begin(), requests.end(), [&](const Request& request) {
@@ -52,6 +60,34 @@ class AReload : public AnnounceTest {
         announce.awaitOutput("\"not-reloaded\"");
         EXPECT_EQ(entries().size(), 1U);
         EXPECT_THAT(announce.stopped(0).output, HasSubstr(file + ": " + reason));
+    }
+    /// Removes a service while the answer to its DELETE is held back, has the withdrawal given up
+    /// by `giveUp`, and answers the DELETE with an error before the command ends. Expects the exit
+    /// status for an entry that may be left.
+    void expectThatTheRemovedServiceIsLeft(const Words& timeouts,
+                                           const std::function<void(Announce&)>& giveUp) {
+        const auto file = write({lamp("same", "a"), lamp("lamp", "a")});
+        Announce announce(options(file) + timeouts +
+                          Words{"--ready", "none", "--stop-timeout", "3600"} +
+                          shell("trap '' HUP TERM; echo up; read line; exit 0"));
+        announce.awaitOutput("up\n");
+        EXPECT_TRUE(eventually([this] { return entries().size() == 2; }));
+        front.onRequest([this, removed = targetOf("/lamp")](const Request& request) {
+            return request.target == removed
+                       ? Script().waitForRelease("DELETE").send(testing::response(503))
+                       : Script(passOn(request, registry.port()));
+        });
+        write(json::array({lamp("same", "a")}));
+        announce.signal(SIGHUP);
+        EXPECT_TRUE(eventually([this] { return requestsOf("DELETE") == 1; }));
+        announce.signal(SIGTERM);
+        giveUp(announce);
+        announce.awaitErrors(R"("left","reason":"no answer","service":"lamp")");
+        front.release("DELETE");
+        announce.awaitErrors(
+            R"("unreachable","reason":"DELETE: HTTP status 503","service":"lamp")");
+        announce.endInput();
+        announce.ended(123);
     }
     static void makeFifo(const std::string& file) { ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0); }
 
@@ -162,6 +198,17 @@ TEST_F(AReload, AnnouncesAServiceAgainThatIsStillBeingWithdrawn) {
     const std::map<std::string, std::string> wanted{{"/same", "a"}, {"/lamp", "b"}};
     EXPECT_TRUE(eventually([&] { return descriptions() == wanted; }));
     announce.stopped(0);
+}
+
+TEST_F(AReload, ThatRemovesAServiceWhoseWithdrawalTakesTooLongIsReportedByTheExitStatus) {
+    expectThatTheRemovedServiceIsLeft({"--withdraw-timeout", "0.2"}, [](Announce&) {});
+}
+
+TEST_F(AReload, ThatRemovesAServiceWhoseWithdrawalIsGivenUpIsReportedByTheExitStatus) {
+    expectThatTheRemovedServiceIsLeft({"--withdraw-timeout", "3600"}, [](Announce& announce) {
+        announce.awaitErrors("\"stopping\"");
+        announce.signal(SIGTERM);
+    });
 }
 
 TEST_F(AReload, OfADescriptionWithoutAnAnswerYetAnnouncesTheNewOne) {

@@ -167,12 +167,13 @@ void Announcer::remove(Service& service) {
     service.announcement->retract();
 }
 
-/// Returns the next service.
+/// Returns the next service. One in the state Left stays: it counts for the exit status, and its
+/// withdrawal may still succeed.
 Announcer::Services::iterator Announcer::eraseIfRemoved(Services::iterator service) {
     using State = Announcement::State;
     const State state = service->second.announcement->state();
-    const bool isOver = state == State::Waiting || state == State::Refused ||
-                        state == State::Withdrawn || state == State::Left;
+    const bool isOver =
+        state == State::Waiting || state == State::Refused || state == State::Withdrawn;
     return service->second.isRemoved && isOver ? services_.erase(service) : std::next(service);
 }
 
