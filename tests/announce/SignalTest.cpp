@@ -17,11 +17,13 @@ class ASignal : public AnnounceTest {
         announce->awaitOutput("up\n");
         return announce;
     }
-    /// A command that prints "up-now" and waits for the signal, which ends it with 7. The text does
+    /// A script that prints "up-now" and waits for the signal, which ends it with 7. The text does
     /// not occur in the script, which orvx-announce reports.
+    static std::string endedBy(const std::string& signal) {
+        return "trap 'kill $!; exit 7' " + signal + "; sleep 60 & printf '%s-now\\n' up; wait";
+    }
     static Words inAGroupOfItsOwn(const std::string& signal) {
-        return {"--", "setsid", "/bin/sh", "-c",
-                "trap 'kill $!; exit 7' " + signal + "; sleep 60 & printf '%s-now\\n' up; wait"};
+        return {"--", "setsid", "/bin/sh", "-c", endedBy(signal)};
     }
 };
 
@@ -114,6 +116,15 @@ TEST_F(ASignal, FromTheTerminalIsForwardedToACommandWithAProcessGroupOfItsOwn) {
 TEST_F(ASignal, FromATerminalThatHangsUpEndsACommandWithAProcessGroupOfItsOwn) {
     Terminal terminal(Words{paths::kAnnounceProgram, "--stop-timeout", "3600"} + echo() +
                       inAGroupOfItsOwn("HUP"));
+    terminal.await("announced\x1b[0m service=echo");
+    terminal.await("up-now");
+    EXPECT_EQ(terminal.hangUp(), 7);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(ASignal, FromATerminalThatHangsUpEndsTheCommandOfTheLeaderOfTheSession) {
+    Terminal terminal(Words{paths::kAnnounceProgram, "--stop-timeout", "3600"} + echo() +
+                      shell(endedBy("HUP")));
     terminal.await("announced\x1b[0m service=echo");
     terminal.await("up-now");
     EXPECT_EQ(terminal.hangUp(), 7);

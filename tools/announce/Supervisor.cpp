@@ -118,10 +118,13 @@ void Supervisor::onSignal(int number, bool fromTerminal) {
     }
 }
 
+/// A terminal that hangs up sends the signal to the leader of its session, and to the process group
+/// in the foreground only when the leader has ended.
 void Supervisor::onHangup(bool fromTerminal) {
     if (fromTerminal) {
-        if (!command_.sharesProcessGroup()) {
-            stop(SIGHUP, true);
+        const bool isLeader = ::getsid(0) == ::getpid();
+        if (isLeader || !command_.sharesProcessGroup()) {
+            stop(SIGHUP, !isLeader);
         }
         return;  // the end of the command, which has got the signal, too, ends this process
     }
