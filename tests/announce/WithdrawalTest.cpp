@@ -76,6 +76,14 @@ TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedDoesNotWaitForTheAttemptThat
     EXPECT_LT(steady_clock::now() - begin, kSoon);
 }
 
+TEST_F(AWithdrawal, FromARegistryThatNeitherAcceptsNorRefusesAConnectionTakesItsWholeTime) {
+    const testing::BlackHole silent;
+    Announce announce(echo(silent.port()) + Words{"--withdraw-timeout", "1"});
+    EXPECT_TRUE(eventually([&] { return isConnectingTo(silent.port()); }));
+    EXPECT_THAT(announce.stopped(1).output,
+                AllOf(HasSubstr(" left reason=\"no answer\" "), Not(HasSubstr(" withdrawn "))));
+}
+
 TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedEndsTheAttemptThatIsUnderWay) {
     const testing::RefusedPort refused;
     const std::uint16_t port = refused.port();
