@@ -7,5 +7,7 @@ EchoService::EchoService(orvx::serviceregistryclient::IOrvServiceRegistryClient&
     client.addServiceRegisterStatusListener(
         [flag = canBeFound_](const auto& /*service*/, bool registered) { *flag = registered; });
     const orvx::common::ServiceInfo self("echo", "127.0.0.1", 8080);
-    client.registerServiceAtRegistry(registry, client.getSharedServiceCreate(self), nullptr);
+    const auto echo = client.getSharedServiceCreate(self);
+    echo->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
+    client.registerServiceAtRegistry(registry, echo, nullptr);
 }

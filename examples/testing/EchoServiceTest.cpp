@@ -29,6 +29,7 @@ class TheEchoService : public ::testing::Test {
 
 TEST_F(TheEchoService, CannotBeFoundUntilTheRegistryThatForgotItTakesItAgain) {
     EXPECT_TRUE(service->canBeFound());
+    EXPECT_TRUE(registry.holds("/echo/127.0.0.1:8080"));
     registry.forgetAll();
     registry.fails(HttpResponse(HttpResponse::StatusCode::ServiceUnavailable, "", ""), "PUT");
     registry.settle();

@@ -32,6 +32,10 @@ def pasted(snippet):
 
 
 programs = [pasted(snippet) for snippet in snippets] or [frame]
+if page.stem.startswith("howto-"):  # the guide begins with the default path
+    for program in programs:
+        if "registerService" in program and "setUri(" not in program:
+            sys.exit(f"{page}: two instances would share an entry\n{program}")
 includes = re.match(r"(#include.*\n|\n)*", frame)[0]
 text = [includes, "extern unsigned short portOfTheRegistry;", "// NOLINTBEGIN"]
 for number, program in enumerate(programs):

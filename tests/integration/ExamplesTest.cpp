@@ -30,6 +30,8 @@ using registry::ChildProcess;
 using std::chrono::steady_clock;
 using ::testing::AnyOf;
 using ::testing::Contains;
+using ::testing::Each;
+using ::testing::HasSubstr;
 using testing::HostileServer;
 using ::testing::IsEmpty;
 using ::testing::Pair;
@@ -253,7 +255,7 @@ TEST_F(TheMetricsExample, ServesWhileTheRegistryIsAway) {
     EXPECT_LT(steady_clock::now() - begin, 10s) << "a blocking registration waits for 30 s";
     url.pop_back();
     EXPECT_THAT(ChildProcess("/usr/bin/curl", {"-sS", url}).wait().output,
-                ::testing::HasSubstr(R"(state="announcing"} 1)"));
+                HasSubstr(R"(state="announcing"} 1)"));
     metrics.endInput();
     metrics.printed();
 }
@@ -341,6 +343,30 @@ TEST_F(TheShutdownExample, LeavesWithinItsBoundAndWithFewLinesWhenTheRegistryIsS
     EXPECT_EQ(WEXITSTATUS(result.status), 1);
     EXPECT_LE(std::count(result.errors.begin(), result.errors.end(), '\n'), 10) << result.errors;
     EXPECT_LT(steady_clock::now() - begin, 12s) << "five seconds, not thirty as an answer may take";
+}
+
+TEST_F(TheExamples, PutEachEntryAtThePathOfItsInstance) {
+    std::vector<std::string> targets;
+    front.onRequest([this](const Request& request) { return passOn(request, registry.port()); });
+    for (const std::string name :
+         {"announce", "blocking", "collection", "many", "metrics", "shutdown"}) {
+        std::vector<std::string> arguments{"127.0.0.1", std::to_string(front.port())};
+        if (name == "many" || name == "metrics") {
+            arguments.emplace_back(name == "many" ? "1" : "0");
+        }
+        const Example example(name, arguments);
+        const auto known = targets.size();
+        EXPECT_TRUE(eventually([&] {
+            targets.clear();
+            for (const Request& request : front.requests()) {
+                if (request.method == "PUT") {
+                    targets.push_back(request.target);
+                }
+            }
+            return targets.size() > known;
+        })) << name;
+    }
+    EXPECT_THAT(targets, Each(HasSubstr("/127.0.0.1:8080")));
 }
 
 TEST_F(TheExamples, PrintTheirUsageWithoutTheirArgumentsAndWithAnInvalidPort) {
