@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include <set>
+
 namespace orvx::announce {
 namespace {
 
@@ -38,6 +40,20 @@ TEST_F(TheServiceManager, HearsOfReadinessStateAndEnd) {
         told.await("STATUS=0 of 1 announced");
         EXPECT_EQ(exitCode(announce.wait()), 3);
     }
+}
+
+TEST_F(TheServiceManager, HearsOfReadinessAndStateLaterIfItsQueueIsFull) {
+    const Notifications told(folder.file("notify"));
+    told.fillQueue();
+    ChildProcess announce("/usr/bin/env",
+                          started({"NOTIFY_SOCKET=" + folder.file("notify")}, echo()));
+    announce.awaitOutput(" announced ");
+    std::set<std::string> missing{"READY=1", "STATUS=1 of 1 announced"};
+    while (!missing.empty()) {
+        missing.erase(told.next());
+    }
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
 }
 
 TEST_F(TheServiceManager, NeedNotWaitForTheRegistry) {

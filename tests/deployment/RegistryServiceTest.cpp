@@ -42,6 +42,22 @@ TEST(TheRegistryService, NotifiesReadinessReloadsAndItsEnd) {
     EXPECT_EQ(registry.wait().status, 0);
 }
 
+TEST(TheRegistryService, NotifiesReadinessLaterIfTheQueueIsFull) {
+    const Folder folder;
+    const Notifications told(folder.file("notify"));
+    told.fillQueue();
+    ChildProcess registry("/usr/bin/env", {"NOTIFY_SOCKET=" + folder.file("notify"),
+                                           RegistryProcess::path(), "--port", "0"});
+    const std::string line = registry.awaitOutput("\n");
+    const std::string url = line.substr(line.find("http"), line.find('\n') - line.find("http"));
+    const auto port = static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1)));
+    EXPECT_EQ(RawConnection(port).ask("GET / HTTP/1.1\r\n\r\n").result_int(), 200U);
+    told.await("READY=1\nSTATUS=listening on " + url);
+    registry.signal(SIGTERM);
+    EXPECT_EQ(told.next(), "STOPPING=1");
+    EXPECT_EQ(registry.wait().status, 0);
+}
+
 TEST(TheRegistryService, IsReadyAgainOnlyWhenItHasReadItsFiles) {
     const Folder folder;
     const Notifications told(folder.file("notify"));

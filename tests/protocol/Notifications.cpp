@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <stdexcept>
@@ -16,17 +17,40 @@ namespace orvx::testing {
 
 using namespace std::chrono_literals;
 
-Notifications::Notifications(const std::string& name)
-    : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, name.data(), name.size());
-    if (name[0] == '@') {
-        address.sun_path[0] = '\0';
+namespace {
+
+struct Address {
+    explicit Address(const std::string& name)
+        : size(static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())) {
+        path.sun_family = AF_UNIX;
+        std::memcpy(path.sun_path, name.data(), name.size());
+        if (name[0] == '@') {
+            path.sun_path[0] = '\0';
+        }
     }
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    if (::bind(socket_.fd(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&path); }
+
+    sockaddr_un path{};
+    socklen_t size;
+};
+
+}  // namespace
+
+Notifications::Notifications(const std::string& name)
+    : name_(name), socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const Address address(name);
+    if (::bind(socket_.fd(), address.get(), address.size) != 0) {
         throw std::runtime_error("bind");
+    }
+}
+
+void Notifications::fillQueue() const {
+    const Address address(name_);
+    const Socket sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    while (::sendto(sender.fd(), "", 0, MSG_DONTWAIT, address.get(), address.size) == 0) {
+    }
+    if (errno != EAGAIN) {
+        throw std::runtime_error("sendto");
     }
 }
 

@@ -19,10 +19,14 @@ class Notifications {
     std::optional<std::string> within(std::chrono::milliseconds patience) const;
     /// The next datagram. Throws std::runtime_error if none arrives within ten seconds.
     std::string next() const;
+    /// Fills the queue with empty datagrams, so that no further one can be sent until they are
+    /// read.
+    void fillQueue() const;
     /// Reads datagrams until one has this text.
     void await(const std::string& wanted) const;
 
   private:
+    const std::string name_;
     Socket socket_;
 };
 

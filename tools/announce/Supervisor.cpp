@@ -76,7 +76,7 @@ void Supervisor::onReady() {
     if (!options_.command.empty()) {
         report_.event("ready", Severity::Info);
     }
-    serviceManager_.notify("READY=1");
+    isReadyTold_ = serviceManager_.notify("READY=1");
     announcer_.announce();
 }
 
@@ -251,6 +251,9 @@ int Supervisor::exitCodeWithCommand() const {
 
 void Supervisor::tick() {
     report_.writePending();
+    if (phase_ == Phase::Serving && !isReadyTold_) {
+        isReadyTold_ = serviceManager_.notify("READY=1");
+    }
     scheduleStatusSave();
     loop_.after(kTick, [this] { tick(); });
 }

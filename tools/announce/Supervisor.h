@@ -72,6 +72,8 @@ class Supervisor {
     EventLoop::Timer statusTimer_ = 0;
     /// The time between two saves of the status. Each save reads the state of all services.
     std::chrono::milliseconds statusInterval_{0};
+    /// Whether the service manager knows that the command is ready.
+    bool isReadyTold_ = false;
     bool isStopRequested_ = false;
     /// The signal that the command gets after the withdrawal; 0: none.
     int signalToForward_ = 0;

@@ -50,10 +50,10 @@ ServiceManager::~ServiceManager() {
     }
 }
 
-void ServiceManager::notify(const std::string& state) const {
+bool ServiceManager::notify(const std::string& state) const {
     sockaddr_un to{};
     if (socket_ < 0 || address_.size() >= sizeof to.sun_path) {
-        return;
+        return true;
     }
     to.sun_family = AF_UNIX;
     std::memcpy(to.sun_path, address_.data(), address_.size());
@@ -61,13 +61,12 @@ void ServiceManager::notify(const std::string& state) const {
         to.sun_path[0] = '\0';
     }
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
-    ::sendto(socket_, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-             reinterpret_cast<const sockaddr*>(&to), size);
+    return ::sendto(socket_, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                    reinterpret_cast<const sockaddr*>(&to), size) >= 0;
 }
 
 void ServiceManager::notifyStatus(const std::string& text) {
-    if (text != status_) {
-        notify("STATUS=" + text);
+    if (text != status_ && notify("STATUS=" + text)) {
         status_ = text;
     }
 }

@@ -18,9 +18,11 @@ class ServiceManager {
 
     /// Whether a service manager started the program.
     bool isThere() const { return socket_ >= 0; }
-    /// Sends assignments such as "READY=1", separated by line feeds.
-    void notify(const std::string& state) const;
-    /// Sends the text that the service manager shows to users, unless it equals the last one.
+    /// Sends assignments such as "READY=1", separated by line feeds. Returns false if that fails,
+    /// for example because the queue of the service manager is full.
+    bool notify(const std::string& state) const;
+    /// Sends the text that the service manager shows to users, unless it equals the last one that
+    /// was sent.
     void notifyStatus(const std::string& text);
     /// The interval at which to send "WATCHDOG=1": a third of the watchdog's timeout, so that a
     /// delayed notification still arrives in time. Zero: there is no watchdog.

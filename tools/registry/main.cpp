@@ -2,9 +2,9 @@
 // failure is one line on stderr and the exit status 125, as with orvx-announce.
 // The registry runs on a thread of its own, while the main thread waits for a signal. The signals
 // are blocked before that thread starts, so that only sigwait() receives them. Both threads notify
-// the service manager.
-// There is no lock.
+// the service manager; a lock guards what it could not be told yet.
 
+#include <orvx/utility/Mutex.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -37,6 +37,8 @@ using orvx::registry::LineStream;
 using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
 using orvx::tools::ServiceManager;
+using orvx::utility::Mutex;
+using orvx::utility::MutexLock;
 
 // The exit status that env(1) and timeout(1) use for their own failures.
 constexpr int kOwnFailure = 125;
@@ -66,12 +68,44 @@ sigset_t prepareSignals(const RegistryOptions& options, bool isManaged) {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGALRM);
     if (!options.tls.certificate.empty() || !options.tokens.empty() || isManaged) {
         sigaddset(&signals, SIGHUP);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
 }
+
+/// Tells a service manager of readiness. If its queue is full, SIGALRM arrives a second later, and
+/// is to be answered with repeat().
+/// Thread-safe.
+class Readiness {
+  public:
+    explicit Readiness(const ServiceManager& manager) : manager_(manager) {}
+
+    void tell(const std::string& state) ORVX_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        untold_ = state;
+        tellLocked();
+    }
+    void repeat() ORVX_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        tellLocked();
+    }
+
+  private:
+    void tellLocked() ORVX_REQUIRES(mutex_) {
+        if (!untold_.empty() && !manager_.notify(untold_)) {
+            ::alarm(1);
+            return;
+        }
+        untold_.clear();
+    }
+
+    const ServiceManager& manager_;
+    Mutex mutex_;
+    std::string untold_ ORVX_GUARDED_BY(mutex_);
+};
 
 void serve(const RegistryOptions& options) {
     if (!options.etcd.empty() && options.maxBody > kMaxBodyAtEtcd) {
@@ -88,10 +122,11 @@ void serve(const RegistryOptions& options) {
     if (!options.etcd.empty()) {
         manager.notify("STATUS=waiting for etcd");
     }
+    Readiness readiness(manager);
     bool isReady = false;  // used by the server's thread only
     server.onReady([&](bool isCurrent) {
         isReady = true;
-        manager.notify("READY=1\nSTATUS=listening on " + server.url() +
+        readiness.tell("READY=1\nSTATUS=listening on " + server.url() +
                        (isCurrent ? "" : ", without etcd"));
     });
     std::promise<void> ended;
@@ -100,11 +135,15 @@ void serve(const RegistryOptions& options) {
         ended.set_value();
     });
     int signal = 0;
-    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+    while (sigwait(&signals, &signal) == 0 && (signal == SIGHUP || signal == SIGALRM)) {
+        if (signal == SIGALRM) {
+            readiness.repeat();
+            continue;
+        }
         manager.notify("RELOADING=1");
         server.reload([&] {
             if (isReady) {
-                manager.notify("READY=1");
+                readiness.tell("READY=1");
             }
         });
     }
