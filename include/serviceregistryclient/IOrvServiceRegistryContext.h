@@ -76,8 +76,8 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
 
     /// The time from an answer to the next check, and the delay between attempts to register a lost
     /// service again. Keep it longer than the head time-out;
-    /// OrvServiceRegistryContext::setHeadTimeout() explains why. Zero and less mean at once.
-    /// Default: 10 s.
+    /// OrvServiceRegistryContext::setHeadTimeout() explains why. Zero and less mean at once;
+    /// with resilience, 1 ms. Default: 10 s.
     virtual void setCheckInterval(std::chrono::seconds interval) = 0;
     /// The value set by setCheckInterval().
     virtual std::chrono::seconds getCheckInterval() const = 0;

@@ -31,12 +31,13 @@ class Registry {
     /// Advances the world's clock by `duration`, from timer to timer; zero and less do not move it.
     /// Meanwhile, and before it returns, every request is answered at once and every callback is
     /// run. Throws std::logic_error if the clock does not advance because tasks fall due again and
-    /// again, as with a check interval of zero.
+    /// again, as with a check interval of zero without resilience.
     void advance(std::chrono::milliseconds duration);
     /// Answers all requests and runs all queued tasks, without advancing the clock.
     void settle() { advance(std::chrono::milliseconds(0)); }
 
-    /// Whether there is an entry for this path: "/" and the service's name, or the service's uri.
+    /// Whether there is an entry for this path, which begins with "/": "/" and the service's name,
+    /// or the service's uri, to which a "/" is added if it begins with none.
     bool holds(const std::string& path) const { return entries_.count(path) > 0; }
     /// The description that was registered under this path, as JSON; empty if there is no entry.
     std::string description(const std::string& path) const;

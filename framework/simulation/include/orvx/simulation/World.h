@@ -24,7 +24,7 @@ class Request {
     explicit Request(std::shared_ptr<Data> data);  ///< For the world: see World::takeRequest().
 
     const std::string& method() const;  ///< "PUT", "HEAD" or "DELETE"
-    /// The path as the client gave it.
+    /// The path as the client gave it; a "/" is put before one that begins with none.
     const std::string& path() const;
     const std::string& contentType() const;  ///< empty for a HEAD
     const std::string& accept() const;       ///< empty except for a PUT
@@ -137,9 +137,11 @@ class World {
 
     // Faults.
 
-    /// Steps at which a test can inject a fault. An exception of the hook leaves the operation,
-    /// like a failure of the system: OrvServiceRegistryContext::init() (where a failure to start
-    /// the executor ends the process), or the first registration at an endpoint.
+    /// Steps at which a test can inject a fault. An exception of the hook leaves
+    /// OrvServiceRegistryContext::init(), like a failure of the system; a failure to start the
+    /// executor ends the process. At MakeSession, which is part of the first request to an
+    /// endpoint, std::bad_alloc leaves the operation without resilience, and is followed by another
+    /// attempt with resilience. After any other exception no request can be sent to the endpoint.
     enum class Step { InitCommunication, StartExecutor, StartTimer, MakeSession };
     /// Sets the function that is called at each step; replaces the one before. Default: none.
     void setHook(std::function<void(Step)> hook);
