@@ -226,6 +226,33 @@ TEST_F(Health, OfOneServiceConcernsNoOther) {
                 Not(HasSubstr(" unhealthy reason=\"takes no connection\" service=a")));
 }
 
+TEST_F(Health, OfAServiceIsNotAskedForWhileItsRemovalWaitsForTheRegistry) {
+    json set = json::array();
+    for (const char* name : {"gone", "same"}) {
+        set.push_back({{"name", name}, {"port", 1}});
+    }
+    const auto write = [&] { return folder.write("set.json", set.dump()); };
+    const auto asked = [this](const std::string& name) {
+        const auto lines = logged();
+        return std::count(lines.begin(), lines.end(), name);
+    };
+    passOnInFront();
+    Announce announce(Words{"--registry", urlOf(front.port()), "--from", write(),
+                            "--health-command", "echo $1 >>" + log, "--withdraw-timeout", "0.1"} +
+                      kOften);
+    EXPECT_TRUE(eventually([&] { return entries().size() == 2 && asked("gone") > 0; }));
+    holdBack("DELETE");
+    set.erase(0);
+    write();
+    announce.signal(SIGHUP);
+    announce.awaitOutput(" reloaded ");
+    const auto before = asked("gone");
+    const auto others = asked("same");
+    EXPECT_TRUE(eventually([&] { return asked("same") >= others + 10; }));
+    EXPECT_LE(asked("gone"), before + 1) << "an attempt may have been under way";
+    announce.stopped(1);
+}
+
 TEST_F(Health, OfManyServicesIsAskedForAllOverTheInterval) {
     json set = json::array();
     for (int i = 0; i < 20; ++i) {

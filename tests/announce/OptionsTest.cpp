@@ -81,6 +81,16 @@ TEST_F(TheOptions, GiveEachInstanceOfAServiceAnEntryOfItsOwn) {
     EXPECT_EQ(entries().at(0).at("path"), "/echo/10.0.0.2:" + std::to_string(service.port()));
 }
 
+TEST_F(TheOptions, TakeALoopbackAddressAsTheHostIfThatOfTheRegistryIsOne) {
+    for (const std::string host : {"localhost", "127.8.9.10", "[::1]"}) {
+        HostileServer proxy;
+        Announce announce({"--registry", "http://" + host, "--proxy", urlOf(proxy.port()), "--name",
+                           "bell", "--port", "1"});
+        ASSERT_TRUE(proxy.waitForRequests(1));
+        EXPECT_EQ(json::parse(proxy.requests().at(0).body).at("host"), "127.0.0.1") << host;
+    }
+}
+
 TEST_F(TheOptions, EscapeNameAndHostInTheDefaultUri) {
     const json set{{{"name", "a b/ü?"}, {"port", 1}, {"host", "10.0.0.1"}},
                    {{"name", "-._~A9"}, {"port", 2}, {"host", "h%st"}},

@@ -268,6 +268,13 @@ TEST_F(TheStatusFile, IsWholeWheneverItIsRead) {
     EXPECT_FALSE(std::filesystem::exists(file + ".new"));
 }
 
+TEST_F(TheStatusFile, IsSavedAlthoughAnEarlierProgramDiedWhileItSaved) {
+    folder.write("status.json.new", "{");
+    Announce announce(echo() + Words{"--status-file", file});
+    EXPECT_EQ(serviceWhen(isIn("announced")).at("service"), "echo");
+    EXPECT_THAT(announce.stopped(0).output, Not(HasSubstr("no-status-file")));
+}
+
 TEST_F(TheStatusFile, ReplacesNothingThatIsNoPlainFile) {
     std::filesystem::create_symlink("/dev/null", file);
     const auto result = Announce(echo() + Words{"--status-file", file}).ended(125);

@@ -108,6 +108,18 @@ TEST_F(Readiness, ThatHangsDoesNotOutliveItsTime) {
     announce.ended(124);  // detected when no process has its outputs open any more
 }
 
+TEST_F(Readiness, DoesNotOutliveACommandThatEnds) {
+    Announce announce(echo() + Words{"--ready-command", "echo asked; sleep 60 & wait"} + kWaiting);
+    announce.awaitErrors("asked\n");
+    end(announce);  // detected when no process has its outputs open any more
+}
+
+TEST_F(Readiness, IsTestedByACommandThatDoesNotReadTheInputOfTheOther) {
+    Announce announce(echo() + Words{"--ready-command", "! read line"} + kWaiting);
+    announce.awaitErrors(" announced ");
+    end(announce);
+}
+
 TEST_F(Readiness, IsNotWaitedForWhenTheProgramIsStopped) {
     Announce announce(echo(front.port()) + command({"6"}));
     announce.awaitOutput("up\n");

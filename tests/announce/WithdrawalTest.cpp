@@ -63,6 +63,16 @@ TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedIsShort) {
     EXPECT_LT(steady_clock::now() - begin, kSoon);
 }
 
+TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedEndsBeforeItsBound) {
+    const testing::RefusedPort refused;
+    const std::uint16_t port = refused.port();
+    Announce announce(echo(port) + Words{"--withdraw-timeout", "1"});
+    announce.awaitOutput("CONNECT_FAILED");
+    const testing::BlackHole silent(testing::Loopback::V4, port);
+    EXPECT_TRUE(eventually([&] { return isConnectingTo(port); }));
+    EXPECT_THAT(announce.stopped(0).output, Not(HasSubstr(" left ")));
+}
+
 TEST_F(AWithdrawal, FromARegistryThatWasNeverReachedDoesNotWaitForTheAttemptThatIsUnderWay) {
     const testing::RefusedPort refused;
     const std::uint16_t port = refused.port();
