@@ -1,4 +1,7 @@
-"""Fails unless the program of each of these pages is the text of an example: readme.py PROJECT."""
+"""Fails unless the pages show what the project has: readme.py PROJECT.
+
+The program of a page is the text of an example, and README's table has the options of the build with their defaults.
+"""
 
 import pathlib
 import re
@@ -9,3 +12,8 @@ for page, example in {"README.md": "blocking", "docs/howto-shutdown.md": "shutdo
     shown = re.findall(r"```cpp\n(.*?)```", (project / page).read_text(), re.S)
     if shown != [(project / "examples" / (example + ".cpp")).read_text()]:
         sys.exit(f"{page} does not show examples/{example}.cpp")
+
+shown = re.findall(r"^\| `(ORVX_\w+)` \| `(ON|OFF)` \|", (project / "README.md").read_text(), re.M)
+options = re.findall(r'^option\((ORVX_\w+) "[^"]*" (\S+)\)', (project / "CMakeLists.txt").read_text(), re.M)
+if shown != [(name, default.replace("${ORVX_TOP_LEVEL}", "ON")) for name, default in options]:
+    sys.exit(f"README.md shows the options {shown}, CMakeLists.txt has {options}")
