@@ -19,8 +19,8 @@ namespace orvx::announce {
 /// One service at the registry, from its announcement to its withdrawal. The library repeats
 /// both requests until they succeed; this class tracks the state that the library reports.
 /// A refused or withdrawn service may be announced again.
-/// Thread-safety: none; callbacks of the library are posted to the loop. While the loop runs, only
-/// an announcement in the state Waiting, Refused or Withdrawn may be destroyed.
+/// Thread-safety: none; callbacks of the library are posted to the loop. While the loop runs, it
+/// may be destroyed in the states Waiting, Refused and Withdrawn, but not after withdraw().
 class Announcement {
   public:
     using Client = serviceregistryclient::IOrvServiceRegistryClient;

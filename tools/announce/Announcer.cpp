@@ -167,14 +167,12 @@ void Announcer::remove(Service& service) {
     service.announcement->retract();
 }
 
-/// Returns the next service. One in the state Left stays: it counts for the exit status, and its
-/// withdrawal may still succeed.
+/// Returns the next service.
 Announcer::Services::iterator Announcer::eraseIfRemoved(Services::iterator service) {
     using State = Announcement::State;
     const State state = service->second.announcement->state();
-    const bool isOver =
-        state == State::Waiting || state == State::Refused || state == State::Withdrawn;
-    return service->second.isRemoved && isOver ? services_.erase(service) : std::next(service);
+    const bool isPending = state == State::Clearing || state == State::Withdrawing;
+    return service->second.isRemoved && !isPending ? services_.erase(service) : std::next(service);
 }
 
 /// Announces a service whose withdrawal has ended if it is healthy and in the set again.
@@ -190,7 +188,9 @@ void Announcer::handleEvent(const Announcement::Event& event) {
     if (found != services_.end()) {
         found->second.announcement->handleEvent(event);
         announceIfWanted(found->second);
-        eraseIfRemoved(found);
+        if (isServing_) {  // later, callbacks of withdraw() refer to it, and it may be left
+            eraseIfRemoved(found);
+        }
     }
 }
 

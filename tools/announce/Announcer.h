@@ -52,7 +52,7 @@ class Announcer {
         nlohmann::json description;
         std::unique_ptr<Announcement> announcement;
         std::unique_ptr<HealthCheck> health;
-        /// The service is erased as soon as it is withdrawn.
+        /// The service is erased as soon as it is withdrawn, unless the program ends.
         bool isRemoved = false;
     };
     using Services = std::map<std::string, Service>;
