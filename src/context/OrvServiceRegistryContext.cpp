@@ -1,6 +1,7 @@
 // The options, and the life of the only client. Entered by one user thread at a time. The client's
 // threads only call getters, after init(), when nothing changes any more; getRegistrations() may be
-// called by any thread at any time. The only lock guards `attached`.
+// called by any thread at any time. Callbacks may call deinit(), also while another thread ends the
+// client. The only lock guards `attached` and the progress of the end.
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -15,6 +16,8 @@
 #include <orvx/utility/TimedConsoleLoggerFactory.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <thread>
 #include <utility>
 
 namespace orvx::serviceregistryclient {
@@ -32,6 +35,44 @@ struct OrvServiceRegistryContext::Data {
     /// For getRegistrations(), which may be called while the client ends.
     utility::Mutex mutex;
     std::shared_ptr<ClientReference> attached ORVX_GUARDED_BY(mutex);
+    /// Set while deinit() withdraws the services and takes the client, and for good by the
+    /// destructor: a callback that calls deinit() meanwhile must not end the client, too.
+    bool isEnding ORVX_GUARDED_BY(mutex) = false;
+    /// The thread that is inside deinit().
+    std::thread::id endingThread ORVX_GUARDED_BY(mutex);
+    std::condition_variable ended;
+
+    /// Returns false if the client is being ended already.
+    bool beginEnd(bool& isOutermost) {
+        const utility::MutexLock lock(mutex);
+        if (isEnding) {
+            return false;
+        }
+        isEnding = true;
+        isOutermost = endingThread == std::thread::id();
+        if (isOutermost) {
+            endingThread = std::this_thread::get_id();
+        }
+        return true;
+    }
+    /// From here on callbacks may call deinit() and init().
+    void clientIsTaken() {
+        const utility::MutexLock lock(mutex);
+        isEnding = false;
+    }
+    void endEnd() {
+        const utility::MutexLock lock(mutex);
+        endingThread = std::thread::id();
+        ended.notify_all();
+    }
+    /// Waits for a callback that is inside deinit().
+    void endForGood() {
+        utility::MutexLock lock(mutex);
+        while (endingThread != std::thread::id() && endingThread != std::this_thread::get_id()) {
+            ended.wait(lock.native());
+        }
+        isEnding = true;
+    }
 
     std::shared_ptr<ClientReference> attachedClient() {
         const utility::MutexLock lock(mutex);
@@ -60,8 +101,6 @@ struct OrvServiceRegistryContext::Data {
     std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
     /// Atomic, because getRegistrations() reads it from any thread.
     std::atomic<bool> initiated{false};
-    /// The client's end in the destructor may call a callback that calls deinit().
-    bool isBeingDestroyed = false;
     bool registerWithPrefix = false;
     std::chrono::milliseconds syncCallRegistryTimeout{30000};
     std::chrono::milliseconds syncCallUnregisterTimeout{30000};
@@ -106,8 +145,8 @@ OrvServiceRegistryContext::~OrvServiceRegistryContext() {
         utility::leakInForkedChild(data_);
         return;
     }
+    data_->endForGood();
     data_->withdrawEverything();
-    data_->isBeingDestroyed = true;
     delete data_;
 }
 
@@ -128,18 +167,25 @@ void OrvServiceRegistryContext::init() {
 }
 
 void OrvServiceRegistryContext::deinit() {
-    if (!data_->initiated || data_->isInForkedChild() || data_->isBeingDestroyed) {
+    bool isOutermost = false;
+    if (!data_->initiated || data_->isInForkedChild() || !data_->beginEnd(isOutermost)) {
         return;
     }
-    data_->withdrawEverything();
+    if (data_->client) {
+        data_->withdrawEverything();
+    }
     auto client = std::move(data_->client);
     IOrvServiceRegistryClient* const ending = client.get();
     data_->endingClient = ending;
+    data_->clientIsTaken();
     client.reset();
     // A callback may have called this function, and init() after it.
     if (data_->endingClient == ending) {
         data_->endingClient = nullptr;
         data_->initiated = false;
+    }
+    if (isOutermost) {
+        data_->endEnd();
     }
 }
 

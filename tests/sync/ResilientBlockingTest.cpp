@@ -297,6 +297,16 @@ class WithdrawalAtTheEnd : public AResilientCall, public ::testing::WithParamInt
         EXPECT_EQ(deletes(), 2U);
         EXPECT_TRUE(warnings().empty());
     }
+    /// A context of its own, initialised, whose withdrawal at the end may take 200 ms.
+    std::unique_ptr<OrvServiceRegistryContext> contextWithALimit() {
+        auto own = std::make_unique<OrvServiceRegistryContext>();
+        own->enableResilience(GetParam());
+        own->setLoggerFactory(log);
+        own->enableCheck(false);
+        own->setWithdrawAtDeinit(milliseconds(200));
+        own->init();
+        return own;
+    }
     std::vector<std::string> warnings(const std::string& beginning = "not withdrawn") {
         std::vector<std::string> texts;
         for (const auto& line : log->takeLines()) {
@@ -358,6 +368,36 @@ TEST_P(WithdrawalAtTheEnd, IsNotBegunAgainByACallbackOfTheDestructor) {
     ASSERT_TRUE(server.waitForRequests(1));
     own.reset();
     EXPECT_EQ(deletes(), 0U);
+}
+
+TEST_P(WithdrawalAtTheEnd, IsNotBegunAgainByAListenerThatItCalls) {
+    for (const bool isDestructor : {false, true}) {
+        SCOPED_TRACE(isDestructor);
+        auto own = contextWithALimit();
+        own->getServiceRegistryClient()->addServiceRegisterStatusListener(
+            [context = own.get()](const auto&, bool isRegistered) {
+                isRegistered ? void() : context->deinit();
+            });
+        own->getServiceRegistryClient()->registerServicesAtRegistry(registry, named(2));
+        server.nextRequest(testing::response(200));
+        server.nextRequest(testing::Script().silence());
+        isDestructor ? own.reset() : own->deinit();
+        EXPECT_THAT(warnings(), ::testing::SizeIs(1));
+    }
+    EXPECT_EQ(deletes(), 4U);
+}
+
+TEST_P(WithdrawalAtTheEnd, OfACallbackIsAwaitedByTheDestructor) {
+    auto own = contextWithALimit();
+    server.nextRequest(testing::response(201, {{"Location", "/echo"}}));
+    server.nextRequest(testing::Script().silence());
+    own->getServiceRegistryClient()->registerServiceAtRegistry(
+        registry, service("echo"), [context = own.get()](const auto&) { context->deinit(); });
+    ASSERT_TRUE(server.waitForRequests(2));
+    own->deinit();
+    own.reset();
+    EXPECT_EQ(deletes(), 1U);
+    EXPECT_THAT(warnings(), ::testing::SizeIs(1));
 }
 
 TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
