@@ -99,6 +99,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
                                  });
         entry.sent = member.first;
         entry.held = 0;
+        entry.mustPutAgain = false;
     } else if (request == Request::Head) {
         client_.usableSessionLocked(*entry.endpoint.info)
             ->sendHeadRequestWithin(headTimeout(), "/" + entry.uuid,

@@ -167,6 +167,29 @@ TEST_F(OneEntryOfTwo, IsFoundByItsUuidWhereThePathsDiffer) {
     expectNothingFor(std::chrono::hours(1));
 }
 
+// The registry may have processed the two requests in the other order than it answers them.
+TEST_F(OneEntryOfTwo, IsSentAgainIfAPutWasOutstandingWhenThePathsTurnedOutToBeTheSame) {
+    start();
+    registerService("first", "/a", "first");
+    expect("PUT", "/a", 201, "same");
+    registerService("second", "/b", "second");
+    waitFor("PUT");
+    auto put = *last;
+    registerService("third", "/a", "third");
+    waitFor("PUT");
+    takeOutcomes();
+    put.answer(200, location("/same"));
+    world.settle();
+    EXPECT_EQ(world.requestsToTake(), 0U) << "one request of an entry at a time";
+    answer(200, location("/same"));
+    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"second", "OK", "NONE", 200},
+                                            Outcome{"third", "OK", "NONE", 200}));
+    ASSERT_EQ(world.requestsToTake(), 1U);
+    EXPECT_EQ(expect("PUT", "/a", 200, "same"), Seconds(0));
+    EXPECT_THAT(last->body(), HasSubstr("\"third\""));
+    waitFor("HEAD");
+}
+
 TEST_F(OneEntryOfTwo, DeletesTheOldEntryWhereTheRegistryGivesAnotherUuid) {
     start();
     first = registerAs("first");
