@@ -89,7 +89,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::recordEntryLocked(Entry& entry,
         }
     }
     entry.known = Known::Present;
-    entry.held = entry.mustPutAgain ? 0 : entry.sent;
+    entry.held = entry.isOrderUnknown ? 0 : entry.sent;
     entry.backoff.reset();
     entry.notBefore = Milliseconds::min();
     if (isOther) {
@@ -142,7 +142,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::mergeLocked(Entry& entry, Entry&
     into.isMerged = true;
     eraseLocked(entry);
     into.held = 0;
-    into.mustPutAgain = into.outstanding == Request::Put;
+    into.isOrderUnknown = true;
     if (into.outstanding == Request::None) {
         planLocked(into, std::max(now(), into.notBefore));
     }

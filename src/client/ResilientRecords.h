@@ -52,9 +52,9 @@ struct OrvServiceRegistryClient::ResilientUpkeep::Entry : std::enable_shared_fro
     std::uint32_t number ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = 0;
     Known known ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Known::Absent;
     Request outstanding ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Request::None;
-    /// Set if another path turned out to lead to this entry while a PUT was outstanding: the
-    /// registry may have processed a PUT of the other path after this one.
-    bool mustPutAgain ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
+    /// Set if another path turned out to lead to this entry while a PUT or DELETE was outstanding:
+    /// the registry may have processed a PUT of the other path after it.
+    bool isOrderUnknown ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// Whether other paths lead to this entry, too.
     bool isMerged ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// Set if all entries were made due while this entry's check was outstanding: if that check

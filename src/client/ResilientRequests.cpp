@@ -99,7 +99,6 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
                                  });
         entry.sent = member.first;
         entry.held = 0;
-        entry.mustPutAgain = false;
     } else if (request == Request::Head) {
         client_.usableSessionLocked(*entry.endpoint.info)
             ->sendHeadRequestWithin(headTimeout(), "/" + entry.uuid,
@@ -115,6 +114,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::sendLocked(Entry& entry, Request
                                 });
         entry.held = 0;
     }
+    entry.isOrderUnknown = false;
     entry.number = number;
     entry.outstanding = request;
     for (Member* const member : entry.members) {

@@ -74,11 +74,14 @@ void OrvServiceRegistryClient::ResilientUpkeep::handleDelete(const std::shared_p
             for (Member* const member : entry->members) {
                 Upkeep::succeedLocked(member->first, *member->second.request, member->second.facts);
             }
-            entry->known = Known::Absent;
+            const bool isRepeated = std::exchange(entry->isOrderUnknown, false);
+            entry->known = isRepeated ? Known::Present : Known::Absent;
             entry->backoff.reset();
             entry->notBefore = Milliseconds::min();
             entry->outstanding = Request::None;
-            forgetUuidLocked(*entry);
+            if (!isRepeated) {
+                forgetUuidLocked(*entry);
+            }
             planLocked(*entry, now());
         } else {
             failLocked(*entry, "DELETE", response);

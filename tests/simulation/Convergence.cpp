@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -94,6 +95,13 @@ struct Service {
     }
 };
 
+/// A request that is on its way, or its answer.
+struct Sent {
+    Request request;
+    /// Present if the registry has processed the request.
+    std::optional<HttpResponse> response;
+};
+
 class Play {
   public:
     explicit Play(std::uint64_t seed) : options_(seed), registry_(options_.kind, options_.shares) {
@@ -129,6 +137,9 @@ class Play {
                 break;
             case 'a':
                 answer(event.one, event.other);
+                break;
+            case 'b':
+                process(event.one, event.other);
                 break;
             case 'p':
                 timeOutAll();
@@ -259,9 +270,14 @@ class Play {
             return;
         }
         const std::size_t at = which % 3 == 0 ? (which / 3) % wire_.size() : 0;
-        Request request = wire_[at];
+        Sent sent = wire_[at];
         wire_.erase(wire_.begin() + static_cast<std::ptrdiff_t>(at));
         const unsigned variety = kind / 20;
+        if (sent.response) {
+            deliver(sent, variety);
+            return;
+        }
+        Request& request = sent.request;
         switch (kind % 20) {
             case 10:
                 registry_.act(request, variety);
@@ -302,7 +318,19 @@ class Play {
                 }
                 [[fallthrough]];
             default:
-                answerWell(request, variety);
+                deliver(sent, variety);
+        }
+    }
+
+    /// The registry processes a request now, and answers it later: it may answer two requests in
+    /// another order than it processes them.
+    void process(unsigned which, unsigned kind) {
+        if (wire_.empty()) {
+            return;
+        }
+        Sent& sent = wire_[which % wire_.size()];
+        if (!sent.response && sent.request.method() != "HEAD") {
+            sent.response = registry_.act(sent.request, kind);
         }
     }
 
@@ -322,17 +350,20 @@ class Play {
         return "Retry-After: " + value + "\r\n";
     }
 
-    void answerWell(Request& request, unsigned variety) {
-        const HttpResponse response = registry_.act(request, variety);
-        if (request.isOutstanding() && request.method() == "PUT") {
-            registry_.told(request);
+    /// Answers the request, which the registry processes now unless it has done so before.
+    void deliver(Sent& sent, unsigned variety) {
+        if (!sent.response) {
+            sent.response = registry_.act(sent.request, variety);
         }
-        request.answer(response);
+        if (sent.request.isOutstanding() && sent.request.method() == "PUT") {
+            registry_.told(*sent.response);
+        }
+        sent.request.answer(*sent.response);
     }
 
     void timeOutAll() {
-        for (Request& request : std::exchange(wire_, {})) {
-            request.answer(HttpResponse(CommunicationStatus::TimedOut));
+        for (Sent& sent : std::exchange(wire_, {})) {
+            sent.request.answer(HttpResponse(CommunicationStatus::TimedOut));
         }
     }
 
@@ -362,8 +393,8 @@ class Play {
             expect(call->isLate || !call->told.empty(), call->name + " waits over a stop");
         }
         for (std::size_t i = 0; i < wire_.size(); ++i) {
-            if ((which >> (i % 8) & 1U) != 0) {
-                registry_.act(wire_[i], 0);
+            if (!wire_[i].response && (which >> (i % 8) & 1U) != 0) {
+                registry_.act(wire_[i].request, 0);
             }
         }
         wire_.clear();
@@ -403,9 +434,9 @@ class Play {
             world_.settle();
             collect();
             if (!wire_.empty()) {
-                Request request = wire_.front();
+                Sent sent = wire_.front();
                 wire_.erase(wire_.begin());
-                answerWell(request, steps);
+                deliver(sent, steps);
                 continue;
             }
             const auto delay = world_.nextDelay();
@@ -431,7 +462,9 @@ class Play {
             return std::make_tuple(one.method(), one.path(), one.body()) <
                    std::make_tuple(other.method(), other.path(), other.body());
         });
-        wire_.insert(wire_.end(), sent.begin(), sent.end());
+        for (Request& request : sent) {
+            wire_.push_back({std::move(request), std::nullopt});
+        }
     }
 
     // The outcomes.
@@ -549,7 +582,7 @@ class Play {
     std::vector<std::shared_ptr<Call>> calls_;
     OrvServiceRegistryContext context_;
     const common::ServiceInfo registryInfo_{"registry", "127.0.0.1", 8500};
-    std::vector<Request> wire_;
+    std::vector<Sent> wire_;
     bool isRunning_ = true;
     unsigned stops_ = 0;
     unsigned refusals_ = 0;
@@ -565,7 +598,7 @@ class Play {
 
 History historyOf(std::uint64_t seed, std::size_t events) {
     // The frequency of each letter is that of its event.
-    static const std::string letters = "rrrrmwwwwwuaaaaaaaaaaaaaaaaaaaaaaaaphhtttttttteexyyyyy";
+    static const std::string letters = "rrrrmwwwwwuaaaaaaaaaaaaaaaaaaaaaaaabbbbphhtttttttteexyyyyy";
     constexpr unsigned noAnswer = 17;
     Random random(~seed);
     const bool isAway = random.below(8) == 0;

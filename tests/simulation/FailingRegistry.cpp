@@ -50,9 +50,12 @@ HttpResponse FailingRegistry::put(const Request& request, unsigned variety) {
                     "Location: " + before + entry->uuid + after + "\r\n");
 }
 
-void FailingRegistry::told(const Request& request) {
-    if (Entry* const entry = find(leadsTo(request.path())); entry != nullptr) {
-        entry->isTold = true;
+void FailingRegistry::told(const HttpResponse& response) {
+    const std::string location = response.getLocation().value_or("");
+    for (Entry& entry : entries_) {
+        const std::size_t at = location.rfind("/" + entry.uuid);
+        const std::size_t end = at + 1 + entry.uuid.size();
+        entry.isTold |= at != std::string::npos && (end == location.size() || location[end] == '/');
     }
 }
 

@@ -32,8 +32,8 @@ class FailingRegistry {
 
     /// Processes the request. `variety` selects one of the possible answers.
     communication::HttpResponse act(const Request& request, unsigned variety);
-    /// The client received the answer to this PUT.
-    void told(const Request& request);
+    /// The client received this answer to a PUT.
+    void told(const communication::HttpResponse& response);
     void forget(std::size_t which);
     void forgetAll() { entries_.clear(); }
 

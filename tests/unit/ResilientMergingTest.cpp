@@ -190,6 +190,24 @@ TEST_F(OneEntryOfTwo, IsSentAgainIfAPutWasOutstandingWhenThePathsTurnedOutToBeTh
     waitFor("HEAD");
 }
 
+// The registry may have made the entry again after it had processed the DELETE.
+TEST_F(OneEntryOfTwo, IsDeletedAgainIfADeleteWasOutstandingWhenThePathsTurnedOutToBeTheSame) {
+    start();
+    first = registerService("first", "/a", "first");
+    expect("PUT", "/a", 201, "same");
+    second = registerService("second", "/b", "second");
+    waitFor("PUT");
+    auto put = *last;
+    first({});
+    waitFor("DELETE");
+    put.answer(200, location("/same"));
+    second({});
+    answer(200);
+    EXPECT_EQ(expect("DELETE", "/same", 404), Seconds(0));
+    EXPECT_THAT(context.getRegistrations(), IsEmpty());
+    expectNothingFor(std::chrono::hours(1));
+}
+
 TEST_F(OneEntryOfTwo, DeletesTheOldEntryWhereTheRegistryGivesAnotherUuid) {
     start();
     first = registerAs("first");
