@@ -14,7 +14,8 @@ namespace orvx::serviceregistryclient {
 
 namespace {
 
-/// The delay before the next attempt to withdraw services that were refused or have no entry yet.
+/// The delay before the next attempt to withdraw services that were refused or have no entry yet,
+/// and before the refusal of a registration meanwhile.
 constexpr std::chrono::milliseconds kPause{50};
 
 }  // namespace
@@ -22,11 +23,29 @@ constexpr std::chrono::milliseconds kPause{50};
 IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::BasicUpkeep::announce(
     const common::ServiceInfo& registry, const std::shared_ptr<RequestContainer>& request,
     ResponseCallback callback) {
+    if (client_.isEnding) {
+        refuseLater(std::move(callback));
+        return client_.handleOfRefusedService(request->serviceCreate->getName());
+    }
     UnregisterHandle handle;
     const std::uint64_t id =
         client_.storeRegistration(registry, request, std::move(callback), handle);
     client_.sendPutRequest(id, request);
     return handle;
+}
+
+// After a pause: a callback that registers again at once would occupy the callback thread.
+void OrvServiceRegistryClient::BasicUpkeep::refuseLater(ResponseCallback callback) {
+    if (!callback) {
+        return;
+    }
+    const auto tasks = std::make_shared<Tasks>();
+    tasks->emplace_back([callback = std::move(callback)] {
+        callback(
+            {OrvRegistrationResponse::ERROR, OrvRegistrationResponse::DELEGATOR_NOT_INITIATED});
+    });
+    client_.timer.addTask(kPause,
+                          [this, tasks] { client_.callbackExecutor.add(std::move(*tasks)); });
 }
 
 void OrvServiceRegistryClient::BasicUpkeep::withdraw(std::uint64_t id,

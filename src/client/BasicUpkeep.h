@@ -29,6 +29,7 @@ class OrvServiceRegistryClient::BasicUpkeep final : public Upkeep {
     std::pair<bool, ServiceResponses> withdrawAllAndWait() override;
 
   private:
+    void refuseLater(ResponseCallback callback) ORVX_EXCLUDES(client_.mutex);
     void withdrawEntries() ORVX_EXCLUDES(client_.mutex);
 };
 

@@ -67,6 +67,7 @@ void OrvServiceRegistryClient::init() {
         stopParts();
         throw;
     }
+    isEnding = false;
     initiated = true;
     upkeep->start();
 }
@@ -101,6 +102,10 @@ void OrvServiceRegistryClient::deinitImpl() {
 }
 
 void OrvServiceRegistryClient::withdrawWithin(std::chrono::milliseconds bound) {
+    {
+        const utility::MutexLock lock(mutex);  // after the registrations that are being stored
+        isEnding = true;
+    }
     try {
         for (const std::string& name :
              upkeep->withdrawWithin(std::min(bound, Upkeep::kLongestWait))) {

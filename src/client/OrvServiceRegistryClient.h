@@ -291,6 +291,8 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
     OrvServiceRegistryContext& context;
     communication::OrvClientCommunicationContext communicationContext;
     std::atomic<bool> initiated{false};
+    /// Set when the withdrawal at the end begins: no registration is accepted any more.
+    std::atomic<bool> isEnding{false};
 
     utility::Mutex mutex;
 

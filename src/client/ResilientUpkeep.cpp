@@ -32,6 +32,15 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::ResilientU
     }
     UnregisterHandle handle;
     const utility::MutexLock lock(client_.mutex);
+    if (client_.isEnding) {
+        if (waiting->registered) {
+            refusals_.emplace_back([answer = waiting->registered] {
+                (*answer)({OrvRegistrationResponse::ERROR,
+                           OrvRegistrationResponse::DELEGATOR_NOT_INITIATED});
+            });
+        }
+        return client_.handleOfRefusedService(request->serviceCreate->getName());
+    }
     request->serviceInfo = client_.mapRegistryCallback->share(registry);
     Entry& entry = entryLocked(*request);
     try {
@@ -191,6 +200,7 @@ bool OrvServiceRegistryClient::ResilientUpkeep::answerAll() {
     const utility::MutexLock lock(client_.mutex);
     armed_ = kNever;
     deadlines_.clear();
+    tasks_.splice(tasks_.end(), refusals_);
     try {
         for (Member& member : registrations_) {
             giveUpLocked(member, OrvRegistrationResponse::DELEGATOR_NOT_INITIATED, nullptr);

@@ -200,6 +200,9 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     /// executor stops run on the thread that stops it; items that these add run after the next
     /// start.
     Tasks tasks_ ORVX_GUARDED_BY(client_.mutex);
+    /// Refusals of registrations that came during the withdrawal at the end. They wait for the
+    /// stop, because callbacks that register again at once would occupy the callback thread.
+    Tasks refusals_ ORVX_GUARDED_BY(client_.mutex);
     /// Runs the entries that are due and arms the timer. Made in advance, so that queueing it
     /// allocates nothing; empty while it is queued.
     Tasks retryTask_ ORVX_GUARDED_BY(client_.mutex);

@@ -400,6 +400,59 @@ TEST_P(WithdrawalAtTheEnd, OfACallbackIsAwaitedByTheDestructor) {
     EXPECT_THAT(warnings(), ::testing::SizeIs(1));
 }
 
+TEST_P(WithdrawalAtTheEnd, RefusesNewRegistrations) {
+    context.setWithdrawAtDeinit(std::chrono::seconds(10));
+    context.init();
+    std::vector<std::string> answers;
+    client().addServiceRegisterStatusListener([&](const auto&, bool isRegistered) {
+        if (isRegistered) {
+            return;
+        }
+        client().registerServiceAtRegistry(registry, service("late"), [&](const Response& refusal) {
+            answers.push_back(answerOf(refusal));
+            server.release("go");
+        });
+        if (GetParam()) {
+            server.release("go");  // the refusal comes after the withdrawal
+        }
+    });
+    client().registerServicesAtRegistry(registry, named(2));
+    server.nextRequest(testing::response(200));
+    server.nextRequest(testing::Script().waitForRelease("go").send(testing::response(200)));
+    context.deinit();
+    ASSERT_THAT(answers, ::testing::Not(::testing::IsEmpty()));
+    EXPECT_EQ(answers[0], "ERROR/DELEGATOR_NOT_INITIATED");
+    for (const auto& request : server.requests()) {
+        EXPECT_NE(request.target, "/late") << request.method;
+    }
+    EXPECT_TRUE(warnings().empty());
+}
+
+TEST_P(WithdrawalAtTheEnd, DoesNotSpinIfEachRefusalIsFollowedByARegistration) {
+    auto own = contextWithALimit();
+    auto& client = *own->getServiceRegistryClient();
+    int refusals = 0;
+    ResponseCallback again;
+    again = [&](const Response& response) {
+        if (response.status == Response::ERROR) {
+            ++refusals;
+            client.registerServiceAtRegistry(registry, service("again"), again);
+        }
+    };
+    client.addServiceRegisterStatusListener([&](const auto&, bool isRegistered) {
+        if (!isRegistered) {
+            again(Response(Response::ERROR, Response::OTHER));
+        }
+    });
+    client.registerServicesAtRegistry(registry, named(2));
+    server.nextRequest(testing::response(200));
+    server.nextRequest(testing::Script().silence());
+    const auto begin = std::chrono::steady_clock::now();
+    own->deinit();
+    const auto pauses = (std::chrono::steady_clock::now() - begin) / milliseconds(50);
+    EXPECT_LE(refusals, 2 + pauses);
+}
+
 TEST_P(WithdrawalAtTheEnd, RepeatsRefusedWithdrawals) {
     context.setWithdrawAtDeinit(std::chrono::seconds(10));
     expectRefusedWithdrawalIsRepeated();
