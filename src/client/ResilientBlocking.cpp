@@ -1,6 +1,7 @@
 // With resilience: the blocking forms. Entered by the user's threads, which wait here; the callback
 // thread delivers the answers. Every wait ends: with the last answer, its time-out, or the client's
-// stop. After a wait nothing of the client is used, because the client may be gone.
+// stop. After the first request and after a wait nothing of the client is used without its
+// reference, because the client may be gone.
 
 #include "ResilientBlockingCall.h"
 #include "ResilientRecords.h"
@@ -73,6 +74,7 @@ OrvServiceRegistryClient::ResilientUpkeep::registerAllAndWait(const common::Serv
                                                               const ServiceSet& services) {
     std::pair<bool, SyncServiceResponses> result(true, {});
     Outcome::ErrorCode reason = Outcome::NONE;
+    const auto reference = client_.reference;
     const auto wait = services.empty() ? nullptr : beginWait(reason);
     const Milliseconds timeout = client_.context.getSyncCallRegistryTimeout();
     for (const auto& service : services) {
@@ -86,10 +88,15 @@ OrvServiceRegistryClient::ResilientUpkeep::registerAllAndWait(const common::Serv
         return result;
     }
     for (const auto& service : services) {
-        UnregisterHandle handle = client_.registerServiceAtRegistry(
-            registry, service,
-            [wait, service](Outcome response) { wait->answer(service, std::move(response)); });
-        result.second[service].unregister = unregisterAndWait(std::move(handle));
+        result.second[service].unregister = [] {
+            return Outcome(Outcome::ERROR, Outcome::DELEGATOR_NOT_INITIATED);
+        };
+        reference->call([&](OrvServiceRegistryClient& client) {
+            UnregisterHandle handle = client.registerServiceAtRegistry(
+                registry, service,
+                [wait, service](Outcome response) { wait->answer(service, std::move(response)); });
+            result.second[service].unregister = unregisterAndWait(std::move(handle));
+        });
     }
     result.first = true;
     for (auto& [service, response] : wait->wait(timeout)) {
@@ -103,6 +110,7 @@ std::pair<bool, OrvServiceRegistryClient::Upkeep::ServiceResponses>
 OrvServiceRegistryClient::ResilientUpkeep::withdrawAllAndWait() {
     std::pair<bool, ServiceResponses> result(true, {});
     Outcome::ErrorCode reason = Outcome::NONE;
+    const auto reference = client_.reference;
     const auto services = descriptions();
     const auto wait = services.empty() ? nullptr : beginWait(reason);
     const Milliseconds timeout = client_.syncCallUnregisterTimeout;
@@ -117,8 +125,10 @@ OrvServiceRegistryClient::ResilientUpkeep::withdrawAllAndWait() {
         return result;
     }
     for (const auto& [id, service] : services) {
-        withdraw(id, [wait, service = service](Outcome response) {
-            wait->answer(service, std::move(response));
+        reference->call([&, id = id, &service = service](OrvServiceRegistryClient&) {
+            withdraw(id, [wait, service](Outcome response) {
+                wait->answer(service, std::move(response));
+            });
         });
     }
     result.second = wait->wait(timeout);

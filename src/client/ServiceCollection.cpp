@@ -54,15 +54,24 @@ std::pair<bool, std::map<std::shared_ptr<ServiceModel>, SyncOrvRegistrationRespo
 OrvServiceRegistryClient::registerAllAndWait(const common::ServiceInfo& serviceInfo,
                                              const ServiceSet& services) {
     const std::chrono::milliseconds unregisterTimeout = syncCallUnregisterTimeout;
+    // Made now, because the client may end during the loop.
+    const UnregisterHandle ended = handleOfUnnamedService();
     std::map<std::shared_ptr<ServiceModel>, UnregisterHandle> handleTable;
     auto result = executeSynchronousServiceCollectionRegistryCall(
-        services, [&](const std::shared_ptr<ServiceCreate>& service, ServiceCallback collect) {
+        services, [&, self = reference](const std::shared_ptr<ServiceCreate>& service,
+                                        const ServiceCallback& collect) {
             UnregisterHandle& handle = handleTable[service];
-            handle = registerServiceAtRegistry(
-                serviceInfo, service,
-                [collect = std::move(collect), service](OrvRegistrationResponse response) {
-                    collect(service, std::move(response));
-                });
+            const bool isCalled = self->call([&](OrvServiceRegistryClient& client) {
+                handle = client.registerServiceAtRegistry(
+                    serviceInfo, service, [collect, service](OrvRegistrationResponse response) {
+                        collect(service, std::move(response));
+                    });
+            });
+            if (!isCalled) {
+                handle = ended;
+                collect(service, {OrvRegistrationResponse::ERROR,
+                                  OrvRegistrationResponse::DELEGATOR_NOT_INITIATED});
+            }
         });
     for (auto& [service, outcome] : result.second) {
         outcome.unregister = synchronousUnregister(handleTable[service], unregisterTimeout);

@@ -39,12 +39,19 @@ OrvServiceRegistryClient::unregisterAllServicesFromRegistry() {
 std::pair<bool, std::map<std::shared_ptr<ServiceModel>, OrvRegistrationResponse>>
 OrvServiceRegistryClient::withdrawAllAndWait() {
     return executeSynchronousServiceCollectionUnregistration(
-        snapshot(), [this](std::uint64_t id, const std::shared_ptr<ServiceCreate>& service,
-                           ServiceCallback collect) {
-            internal_unregisterFromRegistry(
-                id, [collect = std::move(collect), service](OrvRegistrationResponse response) {
-                    collect(service, std::move(response));
-                });
+        snapshot(),
+        [self = reference](std::uint64_t id, const std::shared_ptr<ServiceCreate>& service,
+                           const ServiceCallback& collect) {
+            const bool isCalled = self->call([&](OrvServiceRegistryClient& client) {
+                client.internal_unregisterFromRegistry(
+                    id, [collect, service](OrvRegistrationResponse response) {
+                        collect(service, std::move(response));
+                    });
+            });
+            if (!isCalled) {
+                collect(service, {OrvRegistrationResponse::ERROR,
+                                  OrvRegistrationResponse::DELEGATOR_NOT_INITIATED});
+            }
         });
 }
 

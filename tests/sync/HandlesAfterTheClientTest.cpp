@@ -2,6 +2,8 @@
 // threads. The sanitizers detect data races and uses of freed memory.
 #include "SyncTest.h"
 
+#include "HostileServer.h"
+
 #include <atomic>
 #include <future>
 #include <thread>
@@ -75,6 +77,86 @@ TEST_F(TheEndOfTheClient, MayRaceWithCallsOfItsHandlesWhenACallbackEndsIt) {
         });
         ended.get_future().wait();
     }
+}
+
+/// Calls a function of the test with each line that the client logs.
+class ListeningLoggerFactory : public utility::ILoggerFactory {
+  public:
+    using Listener = std::function<void(const std::string& text)>;
+
+    explicit ListeningLoggerFactory(Listener listener) : listener_(std::move(listener)) {}
+
+    std::shared_ptr<utility::ILogger> createLogger(const std::string& /*component*/,
+                                                   const std::string& /*name*/) override {
+        struct Logger : utility::ILogger {
+            explicit Logger(Listener called) : listener(std::move(called)) {}
+            void log(const std::string& text, int /*level*/) override { listener(text); }
+            bool isEnabled(LogLevel /*level*/) const override { return true; }
+            const Listener listener;
+        };
+        return std::make_shared<Logger>(listener_);
+    }
+    void flush() override {}
+    utility::ILogger::LogLevel getLogLevel() const override {
+        return utility::ILogger::LogLevel::Info;
+    }
+    void setLogLevel(utility::ILogger::LogLevel /*level*/) override {}
+
+  private:
+    const Listener listener_;
+};
+
+/// Its client is ended by another thread while a blocking call logs a line, between its requests.
+class ABlockingCallOverASet : public ::testing::Test {
+  protected:
+    ABlockingCallOverASet() {
+        context.setLoggerFactory(
+            std::make_shared<ListeningLoggerFactory>([this](const std::string& text) {
+                if (text.find(awaited) == 0 && !std::exchange(hasEndBegun, true)) {
+                    end = std::async(std::launch::async, [this] { context.deinit(); });
+                    hasEndedTooEarly =
+                        end.wait_for(std::chrono::milliseconds(100)) == std::future_status::ready;
+                }
+            }));
+    }
+    IOrvServiceRegistryClient& client() { return *context.getServiceRegistryClient(); }
+
+    testing::HostileServer server;
+    const common::ServiceInfo registry{"registry", "127.0.0.1", server.port()};
+    std::string awaited;
+    bool hasEndBegun = false;
+    bool hasEndedTooEarly = false;
+    std::future<void> end;
+    OrvServiceRegistryContext context;
+};
+
+TEST_F(ABlockingCallOverASet, IsAwaitedByTheEndOfAClientWithResilienceWhileItSends) {
+    context.enableResilience(true);
+    awaited = "Service is missing name";
+    context.init();
+    const auto result = client().registerServicesAtRegistry(registry, makeServices(5));
+    end.get();
+    EXPECT_FALSE(hasEndedTooEarly);
+    EXPECT_FALSE(result.first);
+    EXPECT_THAT(result.second, ::testing::SizeIs(5));
+    for (const auto& [service, one] : result.second) {
+        EXPECT_EQ(one.response.status, Response::ERROR);
+        EXPECT_EQ(one.unregister().errorCode, kGone);
+    }
+}
+
+TEST_F(ABlockingCallOverASet, IsAwaitedByTheEndWhileItSends) {
+    context.setSyncCallUnregisterTimeout(std::chrono::milliseconds(20));
+    awaited = "Trying to unregister a service that is not registered yet";
+    server.onRequest([](const testing::Request&) { return testing::Script().silence(); });
+    context.init();
+    for (const char* const name : {"a", "b", "c"}) {
+        client().registerServiceAtRegistry(registry, service(name), {});
+    }
+    const auto result = client().unregisterAllServicesFromRegistry();
+    end.get();
+    EXPECT_FALSE(hasEndedTooEarly);
+    EXPECT_FALSE(result.first);
 }
 
 }  // namespace
