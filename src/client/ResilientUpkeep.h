@@ -193,7 +193,7 @@ class OrvServiceRegistryClient::ResilientUpkeep final : public Upkeep {
     std::map<std::string, std::unique_ptr<Endpoint>> endpoints_ ORVX_GUARDED_BY(client_.mutex);
     Dues dues_ ORVX_GUARDED_BY(client_.mutex);
     /// The deadlines of waiting withdrawals, and their request ids.
-    std::multimap<Milliseconds, std::uint64_t> deadlines_ ORVX_GUARDED_BY(client_.mutex);
+    std::set<std::pair<Milliseconds, std::uint64_t>> deadlines_ ORVX_GUARDED_BY(client_.mutex);
     /// The earliest time for which the timer has a task.
     Milliseconds armed_ ORVX_GUARDED_BY(client_.mutex) = kNever;
     /// Queued user code. The executor has a task for each item. Items that are left when the

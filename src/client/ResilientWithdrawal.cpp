@@ -113,6 +113,7 @@ void OrvServiceRegistryClient::ResilientUpkeep::answerWithdrawalsLocked(
     auto& withdrawals = member.second.waiting->withdrawals;
     while (!withdrawals.empty()) {
         answerLocked(withdrawals.front().second, status, reason, response);
+        deadlines_.erase({withdrawals.front().first, member.first});
         withdrawals.erase(withdrawals.begin());
     }
 }

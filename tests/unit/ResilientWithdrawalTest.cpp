@@ -115,6 +115,20 @@ TEST_F(AKeptWithdrawal, IsAnsweredOnceWhenItTakesTooLongAndIsStillTried) {
     EXPECT_THAT(context.getRegistrations(), IsEmpty());
 }
 
+TEST_F(AKeptWithdrawal, LeavesNoDeadlineBehindWhenItIsAnswered) {
+    context.enableCheck(false);
+    context.setSyncCallUnregisterTimeout(std::chrono::hours(24));
+    start();
+    for (int i = 0; i < 20; ++i) {
+        registered("echo", "abc")(record("withdraw"));
+        expect("DELETE", "/abc", 200);
+        world.advance(Seconds(1));
+    }
+    world.takeAddedDelays();
+    world.advance(std::chrono::hours(25));
+    EXPECT_THAT(world.takeAddedDelays(), IsEmpty()) << "the timer is armed for a deadline";
+}
+
 TEST_F(AKeptWithdrawal, DoesNotWaitForTheAnswerToACheck) {
     start();
     const Handle handle = registered("echo", "abc");
