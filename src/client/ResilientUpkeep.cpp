@@ -14,8 +14,14 @@ namespace orvx::serviceregistryclient {
 
 namespace {
 
-/// The object whose user code this thread is running.
-thread_local const void* activeUpkeep = nullptr;
+/// An object whose user code this thread is running.
+struct UserCode {
+    const void* upkeep;
+    const UserCode* outer;
+};
+
+/// User code may end another client, which then runs its own on the same thread.
+thread_local const UserCode* innermostUserCode = nullptr;
 
 }  // namespace
 
@@ -270,14 +276,15 @@ bool OrvServiceRegistryClient::ResilientUpkeep::runFirstTask() {
         }
         first.splice(first.end(), tasks_, tasks_.begin());
     }
-    const void* const before = std::exchange(activeUpkeep, this);
+    const UserCode running{this, innermostUserCode};
+    innermostUserCode = &running;
     try {
         first.front()();
     } catch (...) {
         // An exception of user code ends here.
     }
     first.clear();
-    activeUpkeep = before;
+    innermostUserCode = running.outer;
     return true;
 }
 
@@ -294,7 +301,11 @@ void OrvServiceRegistryClient::ResilientUpkeep::runTasks() {
 }
 
 bool OrvServiceRegistryClient::ResilientUpkeep::isInsideUserCode() const {
-    return activeUpkeep == this;
+    const UserCode* code = innermostUserCode;
+    while (code != nullptr && code->upkeep != this) {
+        code = code->outer;
+    }
+    return code != nullptr;
 }
 
 std::map<std::uint64_t, std::shared_ptr<common::ServiceCreate>>

@@ -142,6 +142,32 @@ TEST_F(AResilientCall, EndsWithItsTimeOutWhileACallbackRuns) {
     over.set_value();
 }
 
+// The end of the other client runs that client's callback inside the callback of this one.
+TEST_F(AResilientCall, FromACallbackIsAnsweredAtOnceAlsoWhileItEndsAnotherClient) {
+    context.setSyncCallRegistryTimeout(milliseconds(50));
+    context.init();
+    OrvServiceRegistryContext other;
+    other.enableResilience(true);
+    other.setLoggerFactory(log);
+    other.init();
+    const auto call = [&] {
+        return answerOf(client().registerServiceAtRegistry(registry, service("x")).response);
+    };
+    std::vector<std::string> answers;
+    server.nextRequest(testing::Script().silence());
+    other.getServiceRegistryClient()->registerServiceAtRegistry(
+        registry, service("other"), [&](const Response&) { answers.push_back(call()); });
+    ASSERT_TRUE(server.waitForRequests(1));
+    std::promise<void> isOver;
+    client().registerServiceAtRegistry(registry, service("echo"), [&](const Response&) {
+        other.deinit();
+        answers.push_back(call());
+        isOver.set_value();
+    });
+    isOver.get_future().wait();
+    EXPECT_THAT(answers, ::testing::ElementsAre("ERROR/OTHER", "ERROR/OTHER"));
+}
+
 // A callback of the same client registers nothing, so nothing is logged there.
 TEST_F(AResilientCall, OverNoServicesMayBeMadeFromACallback) {
     context.init();
