@@ -138,6 +138,20 @@ TEST_F(AProcessOutOfThreads, EndsWithALineWhenTheCallbacksHaveNone) {
         << output;
 }
 
+TEST_F(AProcessOutOfThreads, WritesItsLogBeforeItEndsForLackOfACallbackThread) {
+    struct Factory : testing::RecordingLoggerFactory {
+        void flush() override { ::_exit(takeLines().empty() ? 1 : 42); }
+    };
+    const int status = inProcessOfItsOwn([] {
+        Client client;
+        client.context.setLoggerFactory(std::make_shared<Factory>());
+        allow(1);
+        client.context.init();
+        return true;
+    });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 42) << status;
+}
+
 TEST_F(AProcessOutOfThreads, GetsAnExceptionWhenTheTimerHasNoneAndLaterAClient) {
     EXPECT_EQ(inProcessOfItsOwn([] { return Client().failsAndRecovers(2); }), 0);
 }

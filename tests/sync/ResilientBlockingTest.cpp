@@ -6,6 +6,8 @@
 #include "HostileServer.h"
 #include "ResilientBlockingCall.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <future>
 
@@ -256,6 +258,19 @@ TEST_F(AResilientCall, MayHaveALongerTimeOutThanTheClockCounts) {
     const auto result = client().registerServiceAtRegistry(registry, service("echo"));
     EXPECT_EQ(answerOf(result.response), "OK/NONE");
     EXPECT_EQ(answerOf(result.unregister()), "OK/NONE");
+}
+
+TEST_F(AResilientCall, LeavesNoMemoryBehind) {
+    context.init();
+    const auto usedAfter = [this](int calls) {
+        while (calls-- > 0) {
+            client().registerServiceAtRegistry(registry, service());
+        }
+        log->takeLines();
+        return static_cast<double>(mallinfo2().uordblks);  // zero under the sanitizers
+    };
+    const double before = usedAfter(200);
+    EXPECT_NEAR(usedAfter(2000), before, 100'000);
 }
 
 TEST_F(AResilientCall, OverASetFailsWithOneOfItsServices) {

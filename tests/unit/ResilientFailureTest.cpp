@@ -63,6 +63,19 @@ TEST_F(APassingFailure, BeginsTheBackOffAnewAfterASuccess) {
     expectBackOff(4, [this](int) { answer(503); });
 }
 
+TEST_F(APassingFailure, BeginsTheBackOffAnewAfterADelete) {
+    start();
+    registered("echo", "abc")({});
+    for (int round = 0; round < 6; ++round) {
+        waitFor("DELETE");
+        answer(503);
+    }
+    waitFor("DELETE");
+    registerService("echo");
+    answer(200);
+    expectBackOff(3, [this](int) { answer(503); });
+}
+
 TEST_F(APassingFailure, OfASuccessWithoutAUsableLocationIsTriedAgain) {
     start();
     registerService("echo");
@@ -113,12 +126,17 @@ TEST_F(APassingFailure, HoldsAWithdrawalBackTooUntilItsRetryAfter) {
 TEST_F(APassingFailure, EndsAFirstRegistrationWithoutRetries) {
     context.enableRetry(false);
     start();
-    registerService("echo");
-    waitFor("PUT");
-    fail(CommunicationStatus::ConnectFailed);
-    EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
-    EXPECT_THAT(context.getRegistrations(), IsEmpty());
-    expectNothingFor(std::chrono::hours(1));
+    for (const auto status :
+         {CommunicationStatus::ConnectFailed, CommunicationStatus::ResolveFailed}) {
+        SCOPED_TRACE(static_cast<int>(status));
+        registerService("echo");
+        waitFor("PUT");
+        fail(status);
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+        EXPECT_THAT(context.getRegistrations(), IsEmpty());
+        expectNothingFor(std::chrono::hours(1));
+    }
 }
 
 TEST_F(APassingFailure, DeletesAnEntryThatMayExistWhenRetriesAreUsedUp) {
@@ -149,6 +167,17 @@ TEST_F(APassingFailure, IsNotTriedAgainBeforeTheLongestRetryInterval) {
     waitFor("PUT");
     answer(503);
     expectNothingFor(std::chrono::hours(1));
+}
+
+TEST_F(APassingFailure, IsTriedAgainSoonWithANegativeRetryInterval) {
+    context.setRetryInterval(Milliseconds::min());
+    start();
+    registerService("echo");
+    waitFor("PUT");
+    for (int round = 0; round < 8; ++round) {
+        answer(503);
+        EXPECT_LE(waitFor("PUT"), Milliseconds(160));
+    }
 }
 
 TEST_F(APassingFailure, MayBeAnyStatusThatTheContextNames) {

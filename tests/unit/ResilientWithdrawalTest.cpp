@@ -115,6 +115,17 @@ TEST_F(AKeptWithdrawal, IsAnsweredOnceWhenItTakesTooLongAndIsStillTried) {
     EXPECT_THAT(context.getRegistrations(), IsEmpty());
 }
 
+TEST_F(AKeptWithdrawal, ReportsThatTheRegistryAnswersAgain) {
+    start();
+    registered("echo", "abc")({});
+    waitFor("DELETE");
+    fail(CommunicationStatus::ConnectFailed);
+    takeEvents();
+    expect("DELETE", "/abc", 200);
+    EXPECT_THAT(takeEvents(), ElementsAre(Event{"reachable", "echo", "withdrawing"},
+                                          Event{"withdrawn", "echo", "withdrawing"}));
+}
+
 TEST_F(AKeptWithdrawal, LeavesNoDeadlineBehindWhenItIsAnswered) {
     context.enableCheck(false);
     context.setSyncCallUnregisterTimeout(std::chrono::hours(24));

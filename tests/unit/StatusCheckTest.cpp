@@ -251,5 +251,16 @@ TEST_F(StatusCheck, OfALostServiceThatCannotBeRegisteredStartsAgainOnceItCan) {
     EXPECT_EQ(dueHead().path(), "/def");
 }
 
+TEST_F(StatusCheck, IsReportedWithTheTimeOfTheNextOne) {
+    start();
+    registered("echo", "abc");
+    for (int round = 0; round < 2; ++round) {
+        dueHead().answer(200);
+        const RegistrationStatus status = statusOf(1);
+        ASSERT_TRUE(status.nextAttempt);
+        EXPECT_EQ(status.lastConfirmed, *status.nextAttempt - context.getCheckInterval());
+    }
+}
+
 }  // namespace
 }  // namespace orvx::serviceregistryclient
