@@ -153,7 +153,8 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
 
     /// The maximum time that deinit() and the destructor take to withdraw all services first, with
     /// or without resilience. Services that could not be withdrawn in time are logged as warnings.
-    /// Meanwhile every registration is refused with ERROR / DELEGATOR_NOT_INITIATED.
+    /// Meanwhile every registration is refused with ERROR / DELEGATOR_NOT_INITIATED. If a callback
+    /// calls deinit() meanwhile, that call returns at once.
     /// Zero and less: nothing is withdrawn. Default: 0.
     void setWithdrawAtDeinit(std::chrono::milliseconds bound);
     /// The value set by setWithdrawAtDeinit().

@@ -139,6 +139,26 @@ TEST_F(APassingFailure, EndsAFirstRegistrationWithoutRetries) {
     }
 }
 
+// The client does not know whether there was a connection.
+TEST_F(APassingFailure, IsTriedAgainWithoutRetriesIfThePutMayHaveArrived) {
+    context.enableRetry(false);
+    start();
+    for (const auto status : {CommunicationStatus::TimedOut, CommunicationStatus::TlsFailed}) {
+        SCOPED_TRACE(static_cast<int>(status));
+        registerService("echo");
+        waitFor("PUT");
+        fail(status);
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+        EXPECT_EQ(state(), "withdrawing");
+        waitFor("PUT");
+        fail(status);
+        expect("PUT", "/echo", 201, "abc");
+        expect("DELETE", "/abc", 200);
+        EXPECT_THAT(context.getRegistrations(), IsEmpty());
+    }
+}
+
 TEST_F(APassingFailure, DeletesAnEntryThatMayExistWhenRetriesAreUsedUp) {
     context.setInitialMaxRetryCount(2);
     start();
