@@ -13,6 +13,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <new>
 
 namespace orvx::communication {
@@ -23,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// The delay between two attempts (RFC 8305, section 5).
+// The longest delay between two attempts (RFC 8305, section 5).
 constexpr std::chrono::milliseconds kStagger(250);
 // The delay between two attempts at a Unix domain socket whose server accepts no connections.
 constexpr std::chrono::milliseconds kRetry(50);
@@ -123,7 +124,7 @@ void Connector::startAttempts() {
             const bool isUnderWay = startAttempt(address);
             const bool isUnix = address.storage.ss_family == AF_UNIX;
             nextAttempt_ = isUnix                      ? Clock::now() + kRetry
-                           : next_ < addresses_.size() ? Clock::now() + kStagger
+                           : next_ < addresses_.size() ? Clock::now() + stagger()
                                                        : Clock::time_point::max();
             if (isUnderWay) {
                 return;
@@ -133,6 +134,12 @@ void Connector::startAttempts() {
             fail(CommunicationStatus::ConnectFailed, connectError(lastError_, lastFailed_));
         }
     });
+}
+
+/// The delay between two attempts, short enough that each address is tried within the connect
+/// time-out.
+std::chrono::milliseconds Connector::stagger() const {
+    return std::min(kStagger, settings_.connectTimeout() / static_cast<int>(addresses_.size()));
 }
 
 bool Connector::startAttempt(const Address& address) {

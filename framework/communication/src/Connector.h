@@ -64,6 +64,7 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     struct Attempt;
 
     void startAttempts();
+    std::chrono::milliseconds stagger() const;
     bool startAttempt(const Address& address);
     void onAttemptEnd(Attempt& attempt, const boost::system::error_code& status);
     void continueSetup();

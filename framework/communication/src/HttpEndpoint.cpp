@@ -150,7 +150,8 @@ void HttpEndpoint::serveIdle(Clock::time_point now) {
             serve(connection);
         } else if (connection.isOutdated() || !connection.isUnused()) {
             drop(connection);
-        } else if (const auto end = connection.inputDeadline(now + connectTimeout()); end <= now) {
+        } else if (const auto end = connection.inputDeadline(now + settings_->connectTimeout());
+                   end <= now) {
             if (connection.isNew()) {
                 avoid(connection.address());
             }
@@ -233,7 +234,7 @@ bool HttpEndpoint::needsConnection(Clock::time_point now) {
 }
 
 void HttpEndpoint::startConnecting(Clock::time_point now) {
-    const auto deadline = now + connectTimeout();
+    const auto deadline = now + settings_->connectTimeout();
     std::shared_ptr<Connector> connector;
     try {
         connecting_.reserve(connecting_.size() + 1);

@@ -66,9 +66,6 @@ class HttpEndpoint final : public Connection::Owner, public Connector::Owner {
     };
     using Connections = std::vector<std::unique_ptr<Connection>>;
 
-    std::chrono::milliseconds connectTimeout() const {
-        return std::min(settings_->config.connectTimeout, kLongestTimeout);
-    }
     void wakeAt(Clock::time_point time) { nextTime_ = std::min(nextTime_, time); }
     void expire(Clock::time_point now);
 

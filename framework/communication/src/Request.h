@@ -5,6 +5,7 @@
 #include <orvx/communication/HttpConfig.h>
 #include <orvx/communication/IClientHttpSession.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -34,6 +35,10 @@ struct EndpointSettings {
     std::shared_ptr<HealthCheck> healthCheck;
     std::shared_ptr<ClientStatistics> statistics;
 
+    /// The limit for the time to connect, which cannot overflow the clock.
+    std::chrono::milliseconds connectTimeout() const {
+        return std::min(config.connectTimeout, kLongestTimeout);
+    }
     /// The server, or the proxy if there is one.
     const Origin& nextHop() const { return proxy.host.empty() ? origin : proxy; }
 };

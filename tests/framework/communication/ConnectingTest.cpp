@@ -177,6 +177,23 @@ TEST_F(Connecting, TriesTheNewerFamilyWhenTheOlderOneIsSilent) {
     EXPECT_LT(taken, 3s);
 }
 
+// Before, each request ended with the connect time-out, and the second address was never tried.
+TEST_F(Connecting, TriesTheNextAddressWithinAShortTimeoutWhenOneIsSilent) {
+    const DeadResolver resolver;
+    struct Both {
+        HostileServer second{Loopback::SecondV4};
+        const BlackHole first{Loopback::V4, second.port()};
+    };
+    const auto both = atAFreePort<Both>();
+    both->second.onRequest([](const Request&) { return response(200); });
+    HttpConfig config;
+    config.connectTimeout = 200ms;
+    const SessionPointer named = session(both->second.port(), config, "a.replicas.test");
+    const auto isAnswered = [&named] { return codeOf(put(named)) == 200; };
+    EXPECT_TRUE(isAnswered() || isAnswered() || isAnswered())
+        << "a thread of this test may be late";
+}
+
 TEST_F(Connecting, TriesTheNextAddressAtOnceWhenOneIsRefused) {
     EXPECT_LT(shortestOf([&](int attempt) {
                   // No address of this name is preferred yet.
