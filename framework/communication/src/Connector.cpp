@@ -31,6 +31,23 @@ constexpr std::chrono::milliseconds kRetry(50);
 // The limit for a proxy's answer to CONNECT.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
+/// Sends small requests at once. Ends a connection half a minute after the last segment of its peer:
+/// a machine that lost its power, or a firewall that forgot the connection, sends no FIN. A failure
+/// is ignored, because a connection works without these options, too.
+void setTcpOptions(int descriptor) {
+    struct Option {
+        int level;
+        int name;
+        int value;
+    };
+    for (const Option& option :
+         {Option{IPPROTO_TCP, TCP_NODELAY, 1}, Option{SOL_SOCKET, SO_KEEPALIVE, 1},
+          Option{IPPROTO_TCP, TCP_KEEPIDLE, 15}, Option{IPPROTO_TCP, TCP_KEEPINTVL, 5},
+          Option{IPPROTO_TCP, TCP_KEEPCNT, 3}}) {
+        ::setsockopt(descriptor, option.level, option.name, &option.value, sizeof option.value);
+    }
+}
+
 /// The result of an attempt. Newer versions of Asio take the full backlog of a Unix domain socket
 /// for a connection.
 error_code resultOf(Socket& socket, const Address& address, error_code result) {
@@ -165,8 +182,7 @@ bool Connector::startAttempt(const Address& address) {
     }
     attempt.socket.non_blocking(true, error);
     if (family != AF_UNIX) {
-        const int on = 1;
-        ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        setTcpOptions(descriptor);
     }
     attempt.socket.async_connect(
         asio::generic::stream_protocol::endpoint(&attempt.address.storage, attempt.address.size),

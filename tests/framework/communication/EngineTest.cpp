@@ -4,13 +4,17 @@
 #include "HttpTest.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <orvx/utility/OrvFoundationException.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Descriptors.h"
@@ -181,6 +185,34 @@ TEST_F(TheEngine, FailsToConnectWithoutAFreeDescriptorAndWorksOnWithOne) {
         EXPECT_EQ(put(starved).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
     }
     EXPECT_EQ(codeOf(put(starved)), 200);
+}
+
+TEST_F(TheEngine, LetsTheKernelEndAConnectionWhosePeerIsGoneAfterHalfAMinute) {
+    put(session());
+    const auto optionsAt = [](int descriptor) {
+        std::vector<int> values;
+        for (const auto& [level, name] :
+             std::vector<std::pair<int, int>>{{SOL_SOCKET, SO_KEEPALIVE},
+                                              {IPPROTO_TCP, TCP_KEEPIDLE},
+                                              {IPPROTO_TCP, TCP_KEEPINTVL},
+                                              {IPPROTO_TCP, TCP_KEEPCNT}}) {
+            int value = -1;
+            socklen_t size = sizeof value;
+            EXPECT_EQ(::getsockopt(descriptor, level, name, &value, &size), 0);
+            values.push_back(value);
+        }
+        return values;
+    };
+    std::vector<std::vector<int>> found;
+    for (int i = 0; i < ::getdtablesize() && i < 1024; ++i) {
+        sockaddr_in peer{};
+        socklen_t size = sizeof peer;
+        if (::getpeername(i, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == server_.port()) {
+            found.push_back(optionsAt(i));
+        }
+    }
+    EXPECT_THAT(found, ElementsAre(ElementsAre(1, 15, 5, 3)));
 }
 
 TEST_F(TheEngine, CannotBeStartedWithoutAFreeDescriptor) {
