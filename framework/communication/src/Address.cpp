@@ -13,10 +13,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <system_error>
 
 namespace orvx::communication {
 
@@ -33,6 +35,19 @@ List find(const std::string& host, int& error) {
     addrinfo* first = nullptr;
     error = ::getaddrinfo(host.c_str(), nullptr, &hints, &first);
     return {error == 0 ? first : nullptr, ::freeaddrinfo};
+}
+
+/// Empty for a name that is not known. To be called right after the look-up.
+std::string reasonOf(int error) {
+    switch (error) {
+        case 0:
+        case EAI_NONAME:
+            return {};
+        case EAI_SYSTEM:
+            return std::generic_category().message(errno);
+        default:
+            return ::gai_strerror(error);
+    }
 }
 
 Addresses addressesOf(const addrinfo* first) {
@@ -86,14 +101,16 @@ Resolved lookUp(const std::string& name) noexcept {
     try {
         int error = 0;
         const List list = find(name, error);
+        std::string reason = reasonOf(error);
         if (error == EAI_MEMORY) {
-            return {CommunicationStatus::OutOfMemory, {}};
+            return {CommunicationStatus::OutOfMemory, {}, {}};
         }
         Addresses addresses = interleaved(addressesOf(list.get()));
-        return addresses.empty() ? Resolved{}
-                                 : Resolved{CommunicationStatus::Ok, std::move(addresses)};
+        const auto status =
+            addresses.empty() ? CommunicationStatus::ResolveFailed : CommunicationStatus::Ok;
+        return {status, std::move(addresses), std::move(reason)};
     } catch (const std::bad_alloc&) {
-        return {CommunicationStatus::OutOfMemory, {}};
+        return {CommunicationStatus::OutOfMemory, {}, {}};
     }
 }
 

@@ -23,6 +23,7 @@ bool operator==(const Address& left, const Address& right) noexcept;
 struct Resolved {
     CommunicationStatus status = CommunicationStatus::ResolveFailed;
     Addresses addresses;  ///< The families alternate.
+    std::string reason;   ///< Why the look-up failed; empty if the name is not known.
 };
 
 /// Looks a name up with the system's resolver; blocks. The addresses have no port.

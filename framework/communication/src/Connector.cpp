@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 
 namespace orvx::communication {
@@ -31,9 +32,9 @@ constexpr std::chrono::milliseconds kRetry(50);
 // The limit for a proxy's answer to CONNECT.
 constexpr std::size_t kMostTunnelHeader = 16 * 1024;
 
-/// Sends small requests at once. Ends a connection half a minute after the last segment of its peer:
-/// a machine that lost its power, or a firewall that forgot the connection, sends no FIN. A failure
-/// is ignored, because a connection works without these options, too.
+/// Sends small requests at once. Ends a connection half a minute after the last segment of its
+/// peer: a machine that lost its power, or a firewall that forgot the connection, sends no FIN. A
+/// failure is ignored, because a connection works without these options, too.
 void setTcpOptions(int descriptor) {
     struct Option {
         int level;
@@ -165,7 +166,7 @@ bool Connector::startAttempt(const Address& address) {
     Attempt& attempt = attempts_.back();
     const int descriptor = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (descriptor < 0) {
-        ++failedAttempts_;
+        countFailed(attempt, error_code(errno, boost::system::system_category()));
         return false;
     }
     error_code error;
@@ -177,7 +178,7 @@ bool Connector::startAttempt(const Address& address) {
     }
     if (error) {
         ::close(descriptor);
-        ++failedAttempts_;
+        countFailed(attempt, error);
         return false;
     }
     attempt.socket.non_blocking(true, error);
@@ -190,6 +191,12 @@ bool Connector::startAttempt(const Address& address) {
             self->onAttemptEnd(attempt, result);
         });
     return true;
+}
+
+void Connector::countFailed(const Attempt& attempt, const error_code& error) {
+    ++failedAttempts_;
+    lastError_ = error;
+    lastFailed_ = attempt.address;
 }
 
 void Connector::onAttemptEnd(Attempt& attempt, const error_code& status) {
@@ -207,9 +214,7 @@ void Connector::onAttemptEnd(Attempt& attempt, const error_code& status) {
     if (error) {
         error_code ignored;
         attempt.socket.close(ignored);
-        ++failedAttempts_;
-        lastError_ = error;
-        lastFailed_ = attempt.address;
+        countFailed(attempt, error);
         startAttempts();
         return;
     }
@@ -253,7 +258,7 @@ void Connector::onRead() {
                 onTunnelAnswer();
                 return;
             case AnswerReader::Progress::Refused:
-                fail(CommunicationStatus::ConnectFailed);
+                fail(CommunicationStatus::ConnectFailed, "the proxy's answer is not valid");
         }
     });
 }
@@ -271,8 +276,13 @@ void Connector::onTunnelAnswer() {
 }
 
 void Connector::onEnd(Stream::End end) {
-    fail(end == Stream::End::OutOfMemory ? CommunicationStatus::OutOfMemory
-                                         : CommunicationStatus::ConnectFailed);
+    guarded([this, end] {
+        if (end == Stream::End::OutOfMemory) {
+            fail(CommunicationStatus::OutOfMemory);
+        } else {
+            fail(CommunicationStatus::ConnectFailed, "the proxy ended the connection");
+        }
+    });
 }
 
 void Connector::startTls() {

@@ -66,6 +66,7 @@ class Connector final : public std::enable_shared_from_this<Connector>, private 
     void startAttempts();
     std::chrono::milliseconds stagger() const;
     bool startAttempt(const Address& address);
+    void countFailed(const Attempt& attempt, const boost::system::error_code& error);
     void onAttemptEnd(Attempt& attempt, const boost::system::error_code& status);
     void continueSetup();
     void openTunnel();

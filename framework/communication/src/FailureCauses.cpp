@@ -36,9 +36,11 @@ std::string FailureCauses::ofTls(CommunicationStatus status,
     }
 }
 
-std::string FailureCauses::ofNoLookUp(const std::exception& error) const noexcept {
+std::string FailureCauses::ofLookUp(std::string_view reason) const noexcept {
     try {
-        return "the host " + settings_.nextHop().host + " cannot be looked up: " + error.what();
+        return reason.empty() ? ""
+                              : ("the host " + settings_.nextHop().host + " cannot be looked up: ")
+                                    .append(reason);
     } catch (const std::bad_alloc&) {
         return {};
     }

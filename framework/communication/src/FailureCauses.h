@@ -4,8 +4,8 @@
 
 #include <orvx/utility/StreamingLogger.h>
 
-#include <exception>
 #include <string>
+#include <string_view>
 
 namespace orvx::communication {
 
@@ -23,8 +23,8 @@ class FailureCauses {
     std::string of(CommunicationStatus status, const std::string& detail) const noexcept;
     /// The cause of a TLS failure on an established connection. Empty for other failures.
     std::string ofTls(CommunicationStatus status, const std::string& error) const noexcept;
-    /// The reason for which the thread of a look-up cannot be started.
-    std::string ofNoLookUp(const std::exception& error) const noexcept;
+    /// The cause of a look-up that failed for this reason; empty without a reason.
+    std::string ofLookUp(std::string_view reason) const noexcept;
 
     /// Logs a cause once until the next answer or another cause. The line is lost if memory runs
     /// out.

@@ -254,7 +254,8 @@ void HttpEndpoint::startConnecting(Clock::time_point now) {
     } catch (const std::bad_alloc&) {
         onConnectFailed(*connector, CommunicationStatus::OutOfMemory, {});
     } catch (const std::exception& error) {
-        onConnectFailed(*connector, CommunicationStatus::ResolveFailed, causes_.ofNoLookUp(error));
+        onConnectFailed(*connector, CommunicationStatus::ResolveFailed,
+                        causes_.ofLookUp(error.what()));
     }
 }
 
@@ -282,7 +283,7 @@ void HttpEndpoint::onResolved(const Resolver::LookUp& lookUp) {
         }
         if (*status != CommunicationStatus::Ok) {
             connector->cancel();
-            onConnectFailed(*connector, *status, {});
+            onConnectFailed(*connector, *status, causes_.ofLookUp(lookUp.answer.reason));
         } else {
             connector->start(addresses_.inOrder());
             wakeAt(connector->nextTime());

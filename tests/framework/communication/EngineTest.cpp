@@ -11,8 +11,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -28,6 +30,7 @@ namespace {
 using namespace std::chrono_literals;
 using communication::ClientStatistics;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
@@ -182,7 +185,9 @@ TEST_F(TheEngine, FailsToConnectWithoutAFreeDescriptorAndWorksOnWithOne) {
     const SessionPointer starved = session();
     {
         const NoDescriptors none;
-        EXPECT_EQ(put(starved).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+        const HttpResponse failed = put(starved);
+        EXPECT_EQ(failed.getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+        EXPECT_THAT(failed.getCause(), HasSubstr(std::generic_category().message(EMFILE)));
     }
     EXPECT_EQ(codeOf(put(starved)), 200);
 }

@@ -3,6 +3,8 @@
 #include "BusyIoThread.h"
 #include "HttpTest.h"
 
+#include <netdb.h>
+
 #include <functional>
 #include <future>
 #include <vector>
@@ -473,6 +475,16 @@ TEST_F(TheQueue, SaysWhyThereIsNoConnection) {
               CommunicationStatus::ConnectFailed);
     EXPECT_EQ(put(session(80, {}, "a.unknown.test")).getCommunicationStatus(),
               CommunicationStatus::ResolveFailed);
+}
+
+// Before, the name was said not to be known, whatever the look-up had failed with.
+TEST_F(TheQueue, SaysWhyANameHasNoAddress) {
+    EXPECT_EQ(put(session(80, {}, "a.unknown.test")).getCause(),
+              "the host a.unknown.test is not known");
+    const HttpResponse silent = put(session(80, {}, "a.silent.test"));
+    EXPECT_EQ(silent.getCommunicationStatus(), CommunicationStatus::ResolveFailed);
+    EXPECT_EQ(silent.getCause(), std::string("the host a.silent.test cannot be looked up: ") +
+                                     ::gai_strerror(EAI_AGAIN));
 }
 
 TEST_F(TheQueue, GivesUpTheOldestHeadThatIsUnderWay) {

@@ -38,10 +38,13 @@ class TheWayThroughAProxy : public HttpTest {
     }
     SessionPointer elsewhere() { return session(8500, config, "registry.invalid"); }
     std::string seen() const { return server_.requests().back().raw; }
-    CommunicationStatus statusOfTunnel(const Script& answer) {
+    HttpResponse outcomeOfTunnel(const Script& answer) {
         useTls();
         server_.nextRequest(answer);
-        return put(elsewhere()).getCommunicationStatus();
+        return put(elsewhere());
+    }
+    CommunicationStatus statusOfTunnel(const Script& answer) {
+        return outcomeOfTunnel(answer).getCommunicationStatus();
     }
 
     HttpConfig config;
@@ -127,6 +130,14 @@ TEST_F(TheWayThroughAProxy, IsNoConnectionWhenItsAnswerIsNoneOrNoneThatEnds) {
           Script("HTTP/1.1 200 OK\r\n\r\nHello, client")}) {
         EXPECT_EQ(statusOfTunnel(answer), CommunicationStatus::ConnectFailed);
     }
+}
+
+// Before, there was a cause only if the proxy had answered with another status code.
+TEST_F(TheWayThroughAProxy, HasACauseWhenThereIsNoTunnel) {
+    EXPECT_EQ(outcomeOfTunnel(response(403)).getCause(), "the proxy answered HTTP 403");
+    EXPECT_EQ(outcomeOfTunnel("garbage\r\n\r\n").getCause(), "the proxy's answer is not valid");
+    EXPECT_EQ(outcomeOfTunnel(Script().close()).getCause(), "the proxy ended the connection");
+    EXPECT_EQ(outcomeOfTunnel(Script().reset()).getCause(), "the proxy ended the connection");
 }
 
 TEST_F(TheWayThroughAProxy, IsGivenUpWithTheContextWhileTheProxyTalks) {
