@@ -4,6 +4,9 @@
 
 #include "RequestHead.h"
 
+#include <orvx/utility/Ascii.h>
+
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -27,6 +30,12 @@ void appendLineUnlessEmpty(std::string& lines, std::string_view name, std::strin
 
 std::string valueOf(const std::shared_ptr<HttpCredentials>& credentials) {
     return credentials ? credentials->headerValue() : std::string();
+}
+
+bool hasUserAgent(const std::vector<HttpConfig::Header>& headers) {
+    return std::any_of(headers.begin(), headers.end(), [](const HttpConfig::Header& header) {
+        return utility::equalsIgnoringCase(header.first, "User-Agent");
+    });
 }
 
 bool isReadByProxy(const EndpointSettings& settings) {
@@ -81,7 +90,9 @@ const std::string& RequestHeads::headerLinesFor(const Request& request) {
     }
     std::string lines;
     appendLine(lines, "Host", hostOf(settings));
-    appendLineUnlessEmpty(lines, "User-Agent", config.userAgent);
+    if (!hasUserAgent(config.headers)) {
+        appendLineUnlessEmpty(lines, "User-Agent", config.userAgent);
+    }
     appendLineUnlessEmpty(lines, "Proxy-Authorization", proxyAuthorization_);
     appendLineUnlessEmpty(lines, "Authorization", authorization_);
     appendLineUnlessEmpty(lines, "Content-Type", request.contentType);

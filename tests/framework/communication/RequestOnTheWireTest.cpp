@@ -112,6 +112,15 @@ TEST_F(ARequestOnTheWire, CarriesTheConfiguredHeadersAndUserAgent) {
                             "X-Empty:", "Authorization: Bearer \xC3\xA4"));
 }
 
+// Before, there were two.
+TEST_F(ARequestOnTheWire, HasTheUserAgentOfTheConfiguredHeadersAlone) {
+    HttpConfig config;
+    config.headers = {{"user-agent", "Agent/3"}};
+    head(session(config));
+    EXPECT_THAT(server_.requests().at(0).headerLines,
+                ElementsAre(hostLine(), "user-agent: Agent/3"));
+}
+
 TEST_F(ARequestOnTheWire, HasNoUserAgentIfNoneIsConfigured) {
     HttpConfig config;
     config.userAgent.clear();

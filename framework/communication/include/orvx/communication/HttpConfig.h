@@ -66,7 +66,8 @@ struct HttpConfig {
     std::size_t maxBodyBytes = 1024 * 1024;
     /// Headers that are sent with every request.
     std::vector<Header> headers;
-    /// The value of User-Agent; empty: the header is not sent.
+    /// The value of User-Agent; empty: the header is not sent. A User-Agent among the headers
+    /// replaces it, but is not shown to a proxy that only tunnels TLS.
     std::string userAgent = "OrvxServiceRegistryClient";
     /// Sent with every request in its Authorization header; not sent to a proxy that only tunnels
     /// TLS. Shared: the credentials may be changed at any time. Null: none.
