@@ -346,6 +346,28 @@ TEST_F(TheQueue, DoesNotUseAConnectionAfterAnAnswerThatAnnouncesABodyItCannotHav
     EXPECT_EQ(server_.counters().connections, 5U);
 }
 
+// A sender that counts the end of a text adds such a byte. Before, the next request was sent, and
+// the byte was taken for the beginning of its answer. The answer fills the buffer of the first read
+// so that the byte is left for the next one.
+TEST_F(TheQueue, DoesNotUseAConnectionAfterANulByteBehindTheAnswer) {
+    const SessionPointer connection = session(oneConnection());
+    const std::string start = "HTTP/1.1 200 OK\r\nContent-Length: 4000\r\nA: ";
+    const std::string answer = start + std::string(4096 - 4000 - start.size() - 4, 'a') +
+                               "\r\n\r\n" + std::string(4000, 'b');
+    server_.nextRequest(answer + '\0');
+    server_.nextRequest(response(201));
+    Outcome first;
+    Outcome second;
+    {
+        const BusyIoThread busy(context_);
+        connection->sendPutRequestJson("/", "", 0, first.handler());
+        connection->sendPutRequestJson("/", "", 0, second.handler());
+    }
+    EXPECT_EQ(first.statusCode(), 200);
+    EXPECT_EQ(second.statusCode(), 201);
+    EXPECT_EQ(server_.counters().connections, 2U);
+}
+
 TEST_F(TheQueue, GivesUpIfTheNewConnectionIsClosedToo) {
     const SessionPointer connection = session(oneConnection());
     server_.nextRequest(response(200));
