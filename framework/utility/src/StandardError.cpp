@@ -57,14 +57,26 @@ std::size_t bytesDone(ssize_t result, std::string_view text) {
     return errno == EAGAIN || errno == EINTR ? 0 : text.size();
 }
 
-/// A pipe that is ready takes PIPE_BUF bytes without blocking, unless another writer is faster.
-std::size_t writeWhenReady(std::string_view text) {
+bool isReady() {
     pollfd standardError{STDERR_FILENO, POLLOUT, 0};
-    if (poll(&standardError, 1, 0) != 1) {
-        return 0;
+    return poll(&standardError, 1, 0) == 1;
+}
+
+/// What is ready takes some bytes without blocking, unless another writer is faster: a pipe
+/// PIPE_BUF of them, a terminal one.
+std::size_t writeWhenReady(std::string_view text) {
+    const std::size_t most = isatty(STDERR_FILENO) == 1 ? 1 : PIPE_BUF;
+    std::size_t done = 0;
+    while (done < text.size() && isReady()) {
+        const auto rest = text.substr(done);
+        const auto count =
+            bytesDone(write(STDERR_FILENO, rest.data(), std::min(rest.size(), most)), rest);
+        if (count == 0) {
+            break;
+        }
+        done += count;
     }
-    return bytesDone(
-        write(STDERR_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF)), text);
+    return done;
 }
 
 std::size_t writeToNewDescriptor(std::string_view text, MayWait mayWait) {

@@ -6,6 +6,7 @@
 #include "Support.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -27,6 +28,7 @@ namespace {
 
 using Level = ILogger::LogLevel;
 using test::isReady;
+using ::testing::HasSubstr;
 
 /// The two ends of a pipe or socket: bytes that are written to one are read from the other.
 struct Ends {
@@ -96,6 +98,13 @@ class FullStandardError {
         while (readSome(0)) {
         }
         return text_;
+    }
+    /// Reads until a byte can be written.
+    void makeRoom() {
+        pollfd written{STDERR_FILENO, POLLOUT, 0};
+        char byte = 0;
+        while (poll(&written, 1, 0) == 0 && read(reading_, &byte, 1) == 1) {
+        }
     }
     int flags() const { return fcntl(STDERR_FILENO, F_GETFL); }
 
@@ -268,17 +277,47 @@ TEST(AConsoleWithoutAThread, KeepsTheLinesUntilItEnds) {
     EXPECT_EQ(numbersIn(console.readUntil("x 10\n")), firstNumbers(10));
 }
 
+/// While an object lives, the process cannot open a file. Descriptor 0 must be open.
+class NoFurtherDescriptor {
+  public:
+    NoFurtherDescriptor() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit one{1, before_.rlim_max};  // poll() refuses more descriptors than the limit
+        setrlimit(RLIMIT_NOFILE, &one);
+        EXPECT_LT(open("/dev/null", O_WRONLY | O_CLOEXEC), 0);
+    }
+    ~NoFurtherDescriptor() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoFurtherDescriptor(const NoFurtherDescriptor&) = delete;
+    NoFurtherDescriptor& operator=(const NoFurtherDescriptor&) = delete;
+
+  private:
+    rlimit before_{};
+};
+
 TEST(AConsoleWithoutADescriptor, WritesAllTheSame) {
-    TimedConsoleLoggerFactory factory(Level::Info);
-    FullStandardError console(makePipe());
-    console.readAll();
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    logNumbered(*factory.createLogger("C", "N"), 1, 101);
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(numbersIn(console.readUntil("x 100\n")), firstNumbers(100));
+    for (const auto make : {&makePipe, &makeTerminal}) {
+        TimedConsoleLoggerFactory factory(Level::Info);
+        FullStandardError console(make());
+        console.readAll();
+        const NoFurtherDescriptor none;
+        logNumbered(*factory.createLogger("C", "N"), 1, 101);
+        EXPECT_EQ(numbersIn(console.readUntil("x 100\n")), firstNumbers(100));
+    }
+}
+
+// A terminal that is ready may have room for a part of a line. The rest once blocked the writer.
+TEST(AConsoleWithoutADescriptor, EndsWithinABoundAtATerminalThatTakesAPartOfALine) {
+    FullStandardError console(makeTerminal());
+    console.makeRoom();
+    auto factory = std::make_unique<TimedConsoleLoggerFactory>(Level::Info);
+    const NoFurtherDescriptor none;
+    auto ending = std::async(std::launch::async, [&] {
+        factory->createLogger("C", "N")->log(std::string(4000, 'x'), 0);
+        factory.reset();
+    });
+    EXPECT_TRUE(isReady(ending, std::chrono::seconds(5)));
+    EXPECT_THAT(console.readAll(), HasSubstr("C.N: xxx"));
+    ending.wait();
 }
 
 }  // namespace
