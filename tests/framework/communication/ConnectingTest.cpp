@@ -282,15 +282,21 @@ TEST_F(Connecting, MakesOneConnectionUntilOneStands) {
     EXPECT_EQ(server_.counters().connections, 1U);
 }
 
-TEST_F(Connecting, IsDoneAgainWhenThePeerHasSpokenUnasked) {
-    server_.nextConnection(Script().send(response(201)).close());
-    const HttpResponse answer = putWhile(session(), [this] {
-        ASSERT_TRUE(
-            server_.waitFor([](const auto& now) { return now.connections == 1 && now.open == 0; }));
-    });
-    EXPECT_EQ(codeOf(answer), 200);
-    EXPECT_EQ(server_.counters().connections, 2U);
-    EXPECT_EQ(server_.counters().requests, 1U);
+TEST_F(Connecting, IsDoneAgainWhenThePeerHasSpokenUnaskedSinceItsLastAnswer) {
+    server_.onRequest([](const Request&) { return Script().send(response(200)).close(); });
+    const SessionPointer again = session();
+    for (std::size_t round = 1; round <= 2; ++round) {
+        server_.nextConnection(Script().send(response(201)).close());
+        const HttpResponse answer = putWhile(again, [this, round] {
+            ASSERT_TRUE(server_.waitFor([round](const auto& now) {
+                return now.connections == 2 * round - 1 && now.open == 0;
+            }));
+        });
+        EXPECT_EQ(codeOf(answer), 200);
+        ASSERT_TRUE(server_.waitFor([](const auto& now) { return now.open == 0; }));
+        EXPECT_EQ(server_.counters().connections, 2 * round);
+        EXPECT_EQ(server_.counters().requests, round);
+    }
 }
 
 TEST_F(Connecting, PrefersAnotherAddressWhenOneEndsTheConnectionUnused) {

@@ -66,6 +66,23 @@ TEST_F(TheEngine, SurvivesHandlersThatThrowAndSaysSo) {
                             warning("A response handler failed: unknown exception")));
 }
 
+TEST_F(TheEngine, SaysOnceForEachOutageWhatFails) {
+    restartWith(utility::ILogger::LogLevel::Warning);
+    server_.onRequest([](const Request&) { return response(200, {{"Connection", "close"}}); });
+    const SessionPointer failing = session();
+    for (int outage = 0; outage < 2; ++outage) {
+        server_.stopListening();
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(put(failing).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+        }
+        server_.listenAgain();
+        EXPECT_EQ(codeOf(put(failing)), 200);
+    }
+    const LogLine line =
+        warning("connection refused by 127.0.0.1:" + std::to_string(server_.port()));
+    EXPECT_THAT(loggers_->takeLines(), ElementsAre(line, line));
+}
+
 TEST_F(TheEngine, LogsNothingThatMattersLessThanItsLevel) {
     restartWith(utility::ILogger::LogLevel::Error);
     sendWithThrowingHandlers(session(oneConnection()));

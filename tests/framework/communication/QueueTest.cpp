@@ -346,6 +346,15 @@ TEST_F(TheQueue, DoesNotUseAConnectionAfterAnAnswerThatAnnouncesABodyItCannotHav
     EXPECT_EQ(server_.counters().connections, 5U);
 }
 
+TEST_F(TheQueue, DoesNotUseAConnectionWhoseRequestWasAnsweredBeforeItWasSent) {
+    const SessionPointer connection = session(oneConnection());
+    server_.nextConnection(Script().readBytes(1000).send(response(413)).stall());
+    server_.nextRequest(response(201));
+    EXPECT_EQ(codeOf(put(connection, "/", std::string(64 * 1024 * 1024, 'x'))), 413);
+    EXPECT_EQ(codeOf(put(connection)), 201);
+    EXPECT_EQ(server_.counters().connections, 2U);
+}
+
 // A sender that counts the end of a text adds such a byte. Before, the next request was sent, and
 // the byte was taken for the beginning of its answer. The answer fills the buffer of the first read
 // so that the byte is left for the next one.

@@ -155,6 +155,37 @@ TEST_F(AddressesOfAName, AreChangedAfterAHandshakeThatWasNotAnswered) {
     EXPECT_THAT(resolver_.lookups(), SizeIs(2));
 }
 
+TEST_F(AddressesOfAName, AreLeftAloneWhileTheHandshakeWithOneIsUnderWay) {
+    HttpConfig config;
+    config.connectTimeout = 1s;
+    config.tls.enabled = true;
+    server_.everyConnection(Script().readBytes(1).waitForRelease("never"));
+    const SessionPointer secure = session(server_.port(), config, "a.replicas.test");
+    EXPECT_EQ(remove(secure).getCommunicationStatus(), CommunicationStatus::TimedOut);
+    EXPECT_EQ(server_.counters().connections, 1U);
+    EXPECT_EQ(second_.counters().connections, 0U);
+}
+
+TEST_F(AddressesOfAName, AreInTheResolversOrderAfterALookUpOnceTheyHaveAnswered) {
+    server_.stopListening();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(codeOf(put(named_)), 200);
+        second_.nextRequest(Script().silence());
+        giveUpARequestAt(second_);
+    }
+    second_.nextRequest(Script().send(response(200)).close());
+    EXPECT_EQ(codeOf(put(named_)), 200) << "the second is the first";
+    ASSERT_TRUE(second_.waitFor([](const auto& now) { return now.open == 0; }));
+    second_.stopListening();
+    EXPECT_EQ(put(named_).getCommunicationStatus(), CommunicationStatus::ConnectFailed);
+    server_.onRequest(ok);
+    server_.listenAgain();
+    second_.listenAgain();
+    EXPECT_EQ(codeOf(put(named_)), 200);
+    EXPECT_THAT(resolver_.lookups(), SizeIs(2));
+    expectRequests(1, 5);
+}
+
 // A single slow answer.
 TEST_F(AddressesOfAName, KeepAConnectionThatStillAnswers) {
     server_.nextRequest(Script().waitForRelease("slow").send(response(200)));

@@ -189,6 +189,71 @@ TEST_F(Tls, ResumesNoSessionThatOtherAuthoritiesVerified) {
     EXPECT_THAT(server.resumed(), ElementsAre(false));
 }
 
+// The session arrives over a connection that was made before the authorities were replaced. The
+// client reads the new file from a pipe, so that it has replaced them before the session is sent.
+TEST_F(Tls, ResumesNoSessionOfAnOlderConnectionAfterAChangeOfTheAuthorities) {
+    std::promise<void> due;
+    int connections = 0;
+    const TlsServer server({}, [&](SSL& ssl) {
+        SSL_CTX_set_num_tickets(SSL_get_SSL_CTX(&ssl), 0);  // of later connections
+        TlsServer::readRequest(ssl);
+        if (++connections == 1) {
+            due.get_future().wait();
+            SSL_new_session_ticket(&ssl);
+            SSL_do_handshake(&ssl);
+        }
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    const SessionPointer secure = sessionWith(server);
+    Outcome first;
+    Outcome second;
+    secure->sendDeleteRequest("/", "", first.handler());
+    while (server.resumed().empty()) {
+        std::this_thread::yield();
+    }
+    const std::string moved = server.authority() + ".moved";
+    EXPECT_EQ(::rename(server.authority().c_str(), moved.c_str()), 0);
+    EXPECT_EQ(::mkfifo(server.authority().c_str(), 0600), 0);
+    secure->sendDeleteRequest("/", "", second.handler());
+    {
+        std::ofstream changed(server.authority());  // Opening waits for the reader.
+        changed << std::ifstream(moved).rdbuf() << '\n';
+    }
+    { const BusyIoThread hasReadIt(context_); }
+    EXPECT_EQ(::unlink(server.authority().c_str()), 0);
+    {
+        std::ofstream same(server.authority());
+        same << std::ifstream(moved).rdbuf() << '\n';
+    }
+    due.set_value();
+    EXPECT_EQ(first.statusCode(), 200);
+    EXPECT_EQ(second.statusCode(), 200);
+    EXPECT_EQ(codeOf(remove(secure)), 200);
+    EXPECT_THAT(server.resumed(), ElementsAre(false, false, false));
+    ::unlink(moved.c_str());
+}
+
+TEST_F(Tls, KeepsSixteenSessions) {
+    bool isFirst = true;
+    const TlsServer server({}, [&isFirst](SSL& ssl) {
+        SSL_CTX_set_num_tickets(SSL_get_SSL_CTX(&ssl), 0);  // of later connections
+        TlsServer::readRequest(ssl);
+        for (int i = 0; isFirst && i < 20; ++i) {
+            SSL_new_session_ticket(&ssl);
+            SSL_do_handshake(&ssl);
+        }
+        isFirst = false;
+        TlsServer::send(ssl, kLastAnswer);
+    });
+    const SessionPointer secure = sessionWith(server);
+    for (int i = 0; i < 18; ++i) {
+        EXPECT_EQ(codeOf(remove(secure)), 200);
+    }
+    std::vector<bool> expected(18, true);
+    expected.front() = expected.back() = false;
+    EXPECT_EQ(server.resumed(), expected);
+}
+
 // A session that came with the last answer was once stored by an object that the stop had
 // destroyed.
 TEST_F(Tls, MayBeStoppedWhileAnAnswerAndItsSessionsCome) {
