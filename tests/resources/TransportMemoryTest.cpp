@@ -1,6 +1,7 @@
 // Memory that runs out at each allocation of the I/O thread and of the thread that looks names up:
 // each request gets one outcome, and the next request is served. The longest time-outs show whether
 // an endpoint stands still.
+#include "BusyIoThread.h"
 #include "DeadResolver.h"
 #include "Descriptors.h"
 #include "HttpTest.h"
@@ -19,6 +20,7 @@
 #include <iostream>
 #include <new>
 #include <string>
+#include <vector>
 
 namespace orvx::testing {
 namespace {
@@ -153,6 +155,31 @@ TEST_F(ATransportOutOfMemory, LeavesNoDescriptorOfAnInitThatFailed) {
         context_.deinit();
         EXPECT_EQ(openDescriptors(), descriptors) << "after the failure of allocation " << n;
     }
+}
+
+TEST_F(ATransportOutOfMemory, FailsOneOfTheRequestsThatWaitForAConnection) {
+    std::size_t n = 0;
+    for (bool hasFailed = true; hasFailed && !HasFailure(); ++n) {
+        context_.deinit();
+        context_.init();
+        const SessionPointer named = session(server_.port(), config_, "a.replicas.test");
+        std::vector<Outcome> outcomes(2);
+        {
+            const BusyIoThread busy(context_);
+            for (Outcome& outcome : outcomes) {
+                named->sendDeleteRequest("/", "", outcome.handler());
+            }
+            Memory::failAfter(n, 1);
+        }
+        std::size_t failures = 0;
+        for (Outcome& outcome : outcomes) {
+            failures += outcome.status() == CommunicationStatus::Ok ? 0 : 1;
+            EXPECT_TRUE(outcome.waitUntilDestroyed());
+        }
+        hasFailed = Memory::recover() > 0;
+        EXPECT_LE(failures, 1U) << "after the failure of allocation " << n;
+    }
+    EXPECT_GT(n, 10U);
 }
 
 // The next request was once sent after a part of the failed one.
