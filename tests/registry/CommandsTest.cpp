@@ -4,6 +4,7 @@
 // There is no lock.
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <fstream>
@@ -177,6 +178,44 @@ TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     const std::string output = watch.awaitOutput("/bell");
     EXPECT_EQ(output.find("\"event\":\"list\""), output.rfind("\"event\":\"list\""));
     EXPECT_EQ(output.find("/lamp"), output.rfind("/lamp"));
+}
+
+// Before, each new stream read the file again: a pipe was at its end then, and opening a FIFO
+// waited for another writer.
+TEST(TheWatchCommand, KeepsATokenThatCanBeReadOnlyOnce) {
+    const TemporaryFolder folder;
+    RegistryOptions options;
+    options.tokens = folder / "tokens";
+    std::ofstream(options.tokens) << tokenLine("all", R"("read":true,"announce":"/")");
+    RunningRegistry registry(options);
+    const auto putAs = [&](const std::string& path, const std::string& service) {
+        registry.connect().ask("PUT " + path +
+                               " HTTP/1.1\r\nAuthorization: Bearer all-secret\r\n"
+                               "Content-Length: " +
+                               std::to_string(service.size()) + "\r\n\r\n" + service);
+    };
+    const std::string fifo = folder / "token";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // A long service is fetched with a further connection.
+    putAs("/lamp", R"({"text":")" + std::string(10'000, 'x') + "\"}");
+    RegistryProcess watch(
+        {"watch", "--registry", urlOf(registry), "--token-file", fifo, "--exec", "cat"});
+    std::ofstream(fifo) << "all-secret\n";
+    watch.awaitOutput("/lamp");
+    registry.reload();  // ends the stream
+    putAs("/bell", "{}");
+    watch.awaitOutput("/bell");
+}
+
+TEST(TheCommands, RefuseAnEmptyToken) {
+    const TemporaryFolder folder;
+    const RunningRegistry registry;
+    std::ofstream(folder / "token") << " \n";
+    for (const std::string& file : {folder / "token", std::string("/dev/null")}) {
+        const auto result = run(registry, {"list", "--token-file", file});
+        EXPECT_EQ(statusOf(result), 125);
+        EXPECT_EQ(result.errors, "orvx-registry: token " + file + ": it is empty\n");
+    }
 }
 
 TEST(TheCommands, RefuseOptionsOfTheServer) {

@@ -10,8 +10,10 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 #include <chrono>
+#include <filesystem>
 #include <limits>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "FileContent.h"
@@ -56,7 +58,28 @@ void takeEvents(std::string& text, std::string& lastId,
     }
 }
 
+std::string readToken(const std::string& file) {
+    std::string token = contentOf("token", file, FileKind::Any);
+    token.erase(token.find_last_not_of(" \t\r\n") + 1);
+    if (token.empty()) {
+        throw FileError("token " + file + ": it is empty");
+    }
+    if (token.find_first_of("\r\n") != std::string::npos) {
+        throw FileError("token " + file + ": it has more than one line");
+    }
+    return token;
+}
+
 }  // namespace
+
+void readTokenOfPipe(ClientOptions& options) {
+    std::error_code ignored;
+    if (!options.tokenFile.empty() &&
+        !std::filesystem::is_regular_file(options.tokenFile, ignored)) {
+        options.token = readToken(options.tokenFile);
+        options.tokenFile.clear();
+    }
+}
 
 Client::Client(const ClientOptions& options) {
     const auto url = parseUrl(options.url);
@@ -67,14 +90,9 @@ Client::Client(const ClientOptions& options) {
     if (url_.isTls) {
         tls_ = makeClientTlsContext({options.own.certificate, options.own.key, options.authority});
     }
-    if (!options.tokenFile.empty()) {
-        std::string token = contentOf("token", options.tokenFile, FileKind::Any);
-        token.erase(token.find_last_not_of(" \t\r\n") + 1);
-        if (token.find_first_of("\r\n") != std::string::npos) {
-            throw FileError("token " + options.tokenFile + ": it has more than one line");
-        }
-        authorization_ = "Bearer " + token;
-    }
+    const std::string token =
+        options.tokenFile.empty() ? options.token : readToken(options.tokenFile);
+    authorization_ = token.empty() ? "" : "Bearer " + token;
 }
 
 template <typename Start>

@@ -21,10 +21,15 @@ namespace orvx::registry {
 /// The address of a registry, and the credentials and files of TLS for it.
 struct ClientOptions {
     std::string url = "http://127.0.0.1:8500";  ///< or https://
-    std::string tokenFile{};                    ///< with the token; empty: no token is sent
+    std::string token{};                        ///< if there is no file; empty: none is sent
+    std::string tokenFile{};                    ///< with the token
     std::string authority{};                    ///< file; empty: the system's authorities
     TlsFiles own{};                             ///< the client's certificate and its key
 };
+
+/// Replaces the token's file by its content if it is not a regular file: a pipe can be read only
+/// once, and opening a FIFO may wait. Throws a FileError.
+void readTokenOfPipe(ClientOptions& options);
 
 /// Sends requests to a registry, one after the other over one connection. All functions block. They
 /// throw a std::runtime_error that says what failed, also when a step takes more than ten seconds.

@@ -192,7 +192,7 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
     for (;;) {
         std::chrono::seconds pause(1);
         try {
-            // A new client reads the files of the token and of TLS again.
+            // A new client reads the files of TLS again, and that of the token unless it is a pipe.
             const auto refusal = Client(options).watch(
                 target, lastId, [&](std::string_view name, std::string_view data) {
                     try {
@@ -308,9 +308,10 @@ class EntryFetcher {
 
 /// Throws a std::runtime_error that contains no byte of the answer, like parse().
 template <typename Command>
-int runCommand(const Command& command) {
+int runCommand(const Command& command, Arguments& arguments) {
+    readTokenOfPipe(arguments.client);
     try {
-        return command();
+        return command(arguments);
     } catch (const json::exception&) {
         throw std::runtime_error("the registry answers with JSON that is not as expected");
     }
@@ -351,9 +352,8 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
     const auto add = [&](const char* name, const char* text, auto command) {
         CLI::App* const added = app.add_subcommand(name, text);
         addClientOptions(*added, *arguments);
-        added->callback([&run, arguments, command] {
-            run = [=] { return runCommand([&] { return command(*arguments); }); };
-        });
+        added->callback(
+            [&run, arguments, command] { run = [=] { return runCommand(command, *arguments); }; });
         return added;
     };
     const auto addFilters = [&](CLI::App& filtered) {
@@ -381,7 +381,7 @@ void addCommands(CLI::App& app, std::function<int()>& run) {
     watched->prefix_command();
     watched->callback([&run, arguments, watched] {
         setCommand(*arguments, *watched);
-        run = [arguments] { return runCommand([&] { return watch(*arguments); }); };
+        run = [arguments] { return runCommand(watch, *arguments); };
     });
     app.require_subcommand(0, 1);
 }
