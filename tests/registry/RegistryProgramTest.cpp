@@ -16,9 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "FakeEtcd.h"
 #include "Paths.h"
 #include "RawConnection.h"
 #include "RegistryProcess.h"
+#include "Replica.h"
 #include "TemporaryFolder.h"
 
 namespace orvx::registry {
@@ -205,6 +207,33 @@ TEST(TheRegistryProgram, SurvivesAShortageOfFileDescriptors) {
     served.clear();
     for (RawConnection& connection : waiting) {
         EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    }
+}
+
+// Before, a client got every descriptor, and the replica never had the entries.
+TEST(TheRegistryProgram, ReachesEtcdWhileClientsHoldAllFileDescriptors) {
+    for (const std::string host : {"127.0.0.1", "localhost"}) {
+        FakeEtcd etcd;
+        etcd.setScript("kv/range", [](const auto&, const auto&) {
+            return FakeEtcd::Answer{{}, 0};
+        });
+        const std::string url = etcd.url();
+        RegistryProcess program(
+            {"--port", "0", "--etcd", "http://" + host + url.substr(url.rfind(':'))});
+        const auto port = program.port();
+        program.awaitErrors("orvx-registry: etcd: ");  // the next attempt is made after a pause
+        const rlimit few{32, 32};
+        ASSERT_EQ(::prlimit(program.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+        auto clients = connect(40, port);
+        RawConnection& served = clients.back();
+        EXPECT_EQ(served.ask(makeRequest("GET", "/-/health")).result(), http::status::ok);
+        etcd.setScript("kv/range", {});
+        const Replica other({url});
+        other.put("/lamp");
+        await([&] {
+            const std::string list = served.ask(makeRequest("GET", "/")).body();
+            return list.find("\"/lamp\"") != std::string::npos;
+        });
     }
 }
 

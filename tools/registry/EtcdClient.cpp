@@ -161,12 +161,14 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
     void endWatch(const WatchPointer& watch, const std::string& reason);
 
     std::shared_ptr<EtcdConnection> makeConnection(const Member& member) {
-        return std::make_shared<EtcdConnection>(
-            context_, member.url, member.url.isTls ? tls_.get() : nullptr, kMaxAnswer);
+        return std::make_shared<EtcdConnection>(context_, member.url,
+                                                member.url.isTls ? tls_.get() : nullptr, kMaxAnswer,
+                                                onNoDescriptor_);
     }
 
     asio::io_context& context_;
     const std::chrono::milliseconds tryTimeout_;
+    const std::function<void()> onNoDescriptor_;
     std::vector<Member> members_{};
     std::string cluster_{};  // the required cluster; empty: any
     std::function<void(const std::string&)> onOther_{};
@@ -180,7 +182,7 @@ class EtcdClient::Impl : public std::enable_shared_from_this<Impl> {
 };
 
 EtcdClient::Impl::Impl(asio::io_context& context, const EtcdOptions& options)
-    : context_(context), tryTimeout_(options.tryTimeout) {
+    : context_(context), tryTimeout_(options.tryTimeout), onNoDescriptor_(options.onNoDescriptor) {
     std::string list;
     for (const std::string& member : options.members) {
         list += (list.empty() ? "" : ",") + member;

@@ -24,6 +24,9 @@ struct EtcdOptions {
     /// Limit for one request to one member, including the name lookup, connecting and the
     /// handshake.
     std::chrono::milliseconds tryTimeout{1'000};
+    /// Called when no file descriptor is left for a connection or a lookup; may free one. Must not
+    /// call the client.
+    std::function<void()> onNoDescriptor{};
 };
 
 /// Splits a list of members that is separated by commas. Throws a std::invalid_argument that gives

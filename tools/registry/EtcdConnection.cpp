@@ -16,6 +16,7 @@
 #include <boost/beast/http/verb.hpp>
 #include <boost/beast/http/write.hpp>
 #include <boost/none.hpp>
+#include <boost/system/error_code.hpp>
 #include <cerrno>
 
 #include "Tls.h"
@@ -35,11 +36,12 @@ constexpr int kHttp11 = 11;
 }  // namespace
 
 EtcdConnection::EtcdConnection(asio::io_context& context, Url member, asio::ssl::context* tls,
-                               std::uint64_t maxBody)
+                               std::uint64_t maxBody, std::function<void()> onNoDescriptor)
     : context_(context),
       member_(std::move(member)),
       tls_(tls),
       maxBody_(maxBody),
+      onNoDescriptor_(std::move(onNoDescriptor)),
       resolver_(context),
       lookupTimer_(context),
       buffer_(kMaxBuffer) {}
@@ -68,6 +70,7 @@ void EtcdConnection::post(const std::string& target, std::string body, Time dead
     }
     // A lookup cannot be interrupted: its handler may be called long after the deadline.
     isLookingUp_ = true;
+    demandDescriptor();
     resolver_.async_resolve(member_.host, member_.port, then(&EtcdConnection::onResolved));
     lookupTimer_.expires_at(deadline);
     lookupTimer_.async_wait([self = shared_from_this()](Error) {
@@ -100,7 +103,19 @@ void EtcdConnection::connect() {
     stream_->tcp().expires_after(std::max(share, share.zero()));
     const tcp::endpoint address = addresses_.back();
     addresses_.pop_back();
+    demandDescriptor();
     stream_->tcp().async_connect(address, then(&EtcdConnection::onConnected));
+}
+
+/// Tries whether a file descriptor is left, and otherwise demands one.
+void EtcdConnection::demandDescriptor() {
+    tcp::socket trial(context_);
+    Error error;
+    trial.open(tcp::v4(), error);
+    if (onNoDescriptor_ && (error == asio::error::no_descriptors ||
+                            error == boost::system::errc::too_many_files_open_in_system)) {
+        onNoDescriptor_();
+    }
 }
 
 void EtcdConnection::onConnected(Error error) {

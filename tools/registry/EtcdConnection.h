@@ -37,9 +37,9 @@ class EtcdConnection : public std::enable_shared_from_this<EtcdConnection> {
     using Time = std::chrono::steady_clock::time_point;
 
     /// `tls`: null for plain HTTP; must exist until close(). `maxBody`: limit for the body of an
-    /// answer, in bytes.
+    /// answer, in bytes. `onNoDescriptor`: as in EtcdOptions.
     EtcdConnection(boost::asio::io_context& context, Url member, boost::asio::ssl::context* tls,
-                   std::uint64_t maxBody);
+                   std::uint64_t maxBody, std::function<void()> onNoDescriptor);
 
     /// Connects if necessary, sends the request, and reads the header of the answer. The deadline
     /// also applies to readRest().
@@ -68,6 +68,7 @@ class EtcdConnection : public std::enable_shared_from_this<EtcdConnection> {
   private:
     void onResolved(Error error, const boost::asio::ip::tcp::resolver::results_type& results);
     void connect();
+    void demandDescriptor();
     void onConnected(Error error);
     void onHandshake(Error error);
     void send();
@@ -84,6 +85,7 @@ class EtcdConnection : public std::enable_shared_from_this<EtcdConnection> {
     const Url member_;
     boost::asio::ssl::context* const tls_;
     const std::uint64_t maxBody_;
+    const std::function<void()> onNoDescriptor_;
     Time deadline_{};
     Handler handler_{};  // empty: no operation is pending
     boost::asio::ip::tcp::resolver resolver_;

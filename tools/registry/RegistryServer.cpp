@@ -56,6 +56,11 @@ class RegistryServer::Impl {
             etcd.members = options.etcd;
             etcd.tls = options.etcdTls;
             etcd.tryTimeout = EtcdBackend::tryTimeout(options.ttl);
+            etcd.onNoDescriptor = [this] {
+                if (acceptor_.is_open()) {
+                    dropOldest();
+                }
+            };
             etcd_.emplace(context_, etcd, options.etcdPrefix, shared_.dispatcher.store(),
                           [this] { onChangeAtEtcd(); });
             shared_.dispatcher.setBackend(*etcd_);
@@ -221,8 +226,7 @@ class RegistryServer::Impl {
             return shared_.dispatcher.counts().countDrop(Drop::Rate);
         }
         if (shared_.connections.size() >= shared_.options.maxConnections) {
-            shared_.dispatcher.counts().countDrop(Drop::Connections);
-            shared_.closeOldest();
+            dropOldest();
         }
         socket.set_option(tcp::no_delay(true), error);
         std::make_shared<Connection>(std::move(socket), address, shared_)->begin();
@@ -236,13 +240,18 @@ class RegistryServer::Impl {
             if (error) {
                 return;
             }
-            if (shared_.connections.empty()) {
-                return acceptLater();
-            }
-            shared_.dispatcher.counts().countDrop(Drop::Connections);
-            shared_.closeOldest();
-            accept();
+            dropOldest() ? accept() : acceptLater();
         });
+    }
+
+    /// Returns false if no connection is open.
+    bool dropOldest() {
+        if (shared_.connections.empty()) {
+            return false;
+        }
+        shared_.dispatcher.counts().countDrop(Drop::Connections);
+        shared_.closeOldest();
+        return true;
     }
 
     void acceptLater() {
