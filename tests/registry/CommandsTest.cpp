@@ -86,6 +86,26 @@ TEST(TheListCommand, EscapesTheNameOfTheNextPage) {
     EXPECT_EQ(statusOf(list.wait()), 0);
 }
 
+// Before, it failed if its reader let it wait until the registry closed the idle connection.
+TEST(TheListCommand, ContinuesOverANewConnectionWhenTheKeptOneHasEnded) {
+    FakeServer server("127.0.0.1");
+    RegistryProcess list({"list", "--registry", "http://" + server.authority()});
+    server.answer("HTTP/1.1 200 OK\r\nContent-Length: 27\r\n\r\n{\"entries\":[],\"next\":\"x-1\"}");
+    EXPECT_THAT(server.answer("HTTP/1.1 200 OK\r\nContent-Length: 14\r\n\r\n{\"entries\":[]}"),
+                HasSubstr("&after=x-1 HTTP/1.1\r\n"));
+    EXPECT_EQ(statusOf(list.wait()), 0);
+}
+
+TEST(TheRmCommand, DoesNotRepeatARequestThatTheRegistryMayHaveCarriedOut) {
+    FakeServer server("127.0.0.1");
+    RegistryProcess rm({"rm", "a", "b", "--json", "--registry", "http://" + server.authority()});
+    server.answer("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+    const auto result = rm.wait();
+    EXPECT_EQ(statusOf(result), 125);
+    EXPECT_EQ(result.output, "{}\n");
+    EXPECT_THAT(result.errors, Not(HasSubstr("timeout")));
+}
+
 TEST(TheGetCommand, PrintsEntriesAndReportsThoseThatDoNotExist) {
     const RunningRegistry registry;
     const std::string lamp = put(registry, "/lamp", kLamp);

@@ -130,7 +130,8 @@ void Client::shakeHands() {
         [this](auto handler) { stream_->handshake(asio::ssl::stream_base::client, handler); }));
 }
 
-void Client::send(http::verb method, const std::string& target, const std::string& lastId) {
+Client::Error Client::send(http::verb method, const std::string& target,
+                           const std::string& lastId) {
     if (!stream_) {
         connect();
     }
@@ -143,25 +144,40 @@ void Client::send(http::verb method, const std::string& target, const std::strin
     if (!lastId.empty()) {
         request.set("Last-Event-ID", lastId);
     }
-    require(await([&](auto handler) { http::async_write(*stream_, request, handler); }));
+    return await([&](auto handler) { http::async_write(*stream_, request, handler); });
 }
 
+// The registry closes a connection that is idle for too long. A request that changes nothing is
+// then sent again.
 Response Client::ask(http::verb method, const std::string& target) {
-    send(method, target);
-    http::response_parser<http::string_body> parser;
-    parser.body_limit(std::numeric_limits<std::uint64_t>::max());
-    require(await([&](auto handler) { http::async_read(*stream_, buffer_, parser, handler); }));
-    if (!parser.get().keep_alive()) {
+    const bool isKept = stream_.has_value();
+    std::optional<http::response_parser<http::string_body>> parser;
+    const auto exchange = [&] {
+        parser.emplace();
+        parser->body_limit(std::numeric_limits<std::uint64_t>::max());
+        const Error error = send(method, target);
+        return error ? error : await([&](auto handler) {
+            http::async_read(*stream_, buffer_, *parser, handler);
+        });
+    };
+    Error error = exchange();
+    if (error && error != beast::error::timeout && isKept && method == http::verb::get &&
+        !parser->got_some()) {
+        stream_.reset();
+        error = exchange();
+    }
+    require(error);
+    if (!parser->get().keep_alive()) {
         stream_.reset();
     }
-    return parser.release();
+    return parser->release();
 }
 
 std::optional<Response> Client::watch(
     const std::string& target, std::string& lastId,
     const std::function<void(std::string_view, std::string_view)>& take) {
     stream_.reset();
-    send(http::verb::get, target, lastId);
+    require(send(http::verb::get, target, lastId));
     http::response_parser<http::string_body> parser;
     parser.body_limit(std::numeric_limits<std::uint64_t>::max());
     require(

@@ -42,6 +42,7 @@ class Client {
     /// Throws a FileError, or a std::runtime_error for an invalid URL.
     explicit Client(const ClientOptions& options);
 
+    /// Sends a GET again, over a new connection, if a kept one has ended without an answer.
     Response ask(boost::beast::http::verb method, const std::string& target);
 
     /// Follows the stream of changes at `target` until the connection ends. `lastId`: the id of the
@@ -57,8 +58,8 @@ class Client {
 
     void connect();
     void shakeHands();
-    void send(boost::beast::http::verb method, const std::string& target,
-              const std::string& lastId = {});
+    Error send(boost::beast::http::verb method, const std::string& target,
+               const std::string& lastId = {});
     /// Starts an asynchronous operation, waits until it calls the handler, and returns its error.
     template <typename Start>
     Error await(Start&& start);
