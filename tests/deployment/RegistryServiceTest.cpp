@@ -13,6 +13,8 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 namespace orvx::registry {
@@ -111,6 +113,34 @@ TEST(TheRegistryService, IsNotReadyWhenItCannotListen) {
                             .wait();
     EXPECT_EQ(WEXITSTATUS(result.status), 125);
     EXPECT_FALSE(told.within(std::chrono::milliseconds(0)));
+}
+
+// Before, the file had the number of a closed stream, and received the program's lines.
+TEST(TheRegistryService, WritesOnlyChangesToItsAuditLogWhileStandardStreamsAreClosed) {
+    for (const std::string closed : {">&- 2>&-", "<&- >&- 2>&-"}) {
+        const Folder folder;
+        const Notifications told(folder.file("notify"));
+        const std::string valid = tokenLine("me", R"("read":true)");
+        const std::string tokens = folder.write("tokens", valid);
+        ChildProcess registry(
+            "/bin/sh", {"-c", "exec \"$0\" \"$@\" " + closed, "/usr/bin/env",
+                        "NOTIFY_SOCKET=" + folder.file("notify"), RegistryProcess::path(), "--port",
+                        "0", "--tokens", tokens, "--audit", folder.file("audit")});
+        told.next();
+        for (const std::string& text : {std::string("invalid\n"), valid}) {
+            folder.write("tokens", text);
+            registry.signal(SIGHUP);
+            told.await("READY=1");
+        }
+        registry.signal(SIGTERM);
+        EXPECT_EQ(registry.wait().status, 0);
+        std::istringstream audit(contentOf(folder.file("audit")));
+        int lines = 0;
+        for (std::string line; std::getline(audit, line); ++lines) {
+            EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+        }
+        EXPECT_EQ(lines, 1);
+    }
 }
 
 class TheUnitOfTheRegistry : public ::testing::Test {

@@ -369,11 +369,11 @@ TEST(TheCommands, EndWithAFailureWhenStdoutCannotBeWritten) {
     const RunningRegistry registry;
     const std::string lamp = put(registry, "/lamp", kLamp);
     for (const std::string& command :
-         {std::string("list"), std::string("watch"), "get " + lamp, "rm " + lamp}) {
+         {std::string("list >&-"), std::string("list >/dev/full"), std::string("watch >/dev/full"),
+          "get >/dev/full " + lamp, "rm >/dev/full " + lamp}) {
         const auto result =
-            ChildProcess("/bin/sh",
-                         {"-c", "exec \"$0\" " + command + " >/dev/full --registry \"$1\"",
-                          RegistryProcess::path(), urlOf(registry)})
+            ChildProcess("/bin/sh", {"-c", "exec \"$0\" " + command + " --registry \"$1\"",
+                                     RegistryProcess::path(), urlOf(registry)})
                 .wait();
         EXPECT_EQ(statusOf(result), 125) << command;
         EXPECT_EQ(result.errors, "orvx-registry: stdout cannot be written\n") << command;

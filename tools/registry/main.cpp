@@ -29,6 +29,7 @@
 #include "LineStream.h"
 #include "RegistryServer.h"
 #include "ServiceManager.h"
+#include "StandardStreams.h"
 
 namespace {
 
@@ -277,6 +278,7 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    orvx::tools::occupyStandardStreams();
     RegistryOptions options;
     CLI::App app("A small HTTP registry to develop and test against.", "orvx-registry");
     addOptions(app, options);
