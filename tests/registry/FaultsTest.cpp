@@ -40,7 +40,9 @@ TEST_F(AFault, AffectsEveryRequestOfTheProtocolUntilItIsRemoved) {
     for (const verb method : {verb::put, verb::head, verb::delete_, verb::put}) {
         EXPECT_EQ(status(method), 503U);
     }
-    EXPECT_EQ(status(verb::get), 0U);
+    for (const verb method : {verb::get, verb::post, verb::options, verb::unknown}) {
+        EXPECT_EQ(status(method), 0U);
+    }
     set("");
     EXPECT_EQ(status(verb::put), 0U);
 }

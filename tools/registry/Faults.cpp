@@ -19,7 +19,9 @@ bool matches(const Fault& fault, std::optional<http::verb> method) {
     if (!method) {
         return fault.kind == Fault::Kind::Forget && !fault.method && fault.skip == 0;
     }
-    return fault.method ? fault.method == method : method != http::verb::get;
+    return fault.method ? fault.method == method
+                        : method == http::verb::put || method == http::verb::head ||
+                              method == http::verb::delete_;
 }
 
 /// Counts a request that the fault matches. Returns whether the fault affects it.
