@@ -24,6 +24,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 class TheWatchedCommand : public ::testing::Test {
   protected:
@@ -206,6 +207,29 @@ TEST(AWatchThatIsRefused, ReportsTheRefusalOnceAndRetriesAtGrowingIntervals) {
     EXPECT_EQ(watch.wait().errors, "orvx-registry: the registry answers 401\n");
 }
 
+TEST(AWatchWithAnEventThatIsNotAsExpected, ReportsItAndReadsTheListAgain) {
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{}, std::vector<std::string>{"--exec", "cat"}}) {
+        FakeServer server("127.0.0.1");
+        std::vector<std::string> arguments{"watch", "--registry", "http://" + server.authority()};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        RegistryProcess watch(arguments);
+        server.answer(
+            "HTTP/1.1 200 OK\r\n\r\nevent: list\nid: 1-1\ndata: {}\n\n"
+            "event: put\nid: 1-2\ndata: {}\n\n");
+        EXPECT_THAT(server.answer("HTTP/1.1 200 OK\r\n\r\nevent: list\ndata: {}\n\n"
+                                  "event: put\ndata: {\"number\":1,\"path\":\"/end\","
+                                  "\"service\":{},\"uuid\":\"a\"}\n\n"
+                                  "event: listed\nid: 1-3\ndata: {}\n\n"),
+                    Not(HasSubstr("Last-Event-ID")));
+        watch.awaitOutput("/end");
+        watch.signal(SIGTERM);
+        EXPECT_THAT(watch.wait().errors,
+                    StartsWith("orvx-registry: the registry answers with JSON that is not as "
+                               "expected\n"));
+    }
+}
+
 // Before, the program began a new stream, with the whole list, after each failed fetch. If an entry
 // was replaced often, this did not end.
 TEST(ALongServiceThatCannotBeFetched, IsFetchedAgainWhileTheStreamGoesOn) {
@@ -217,19 +241,24 @@ TEST(ALongServiceThatCannotBeFetched, IsFetchedAgainWhileTheStreamGoesOn) {
 data: {"cut":7000,"number":1,"path":"/lamp","service":{"name":")" +
                name + R"("},"uuid":")" + uuid + "\"}\n\n";
     };
+    const std::string state = "HTTP/1.1 200 OK\r\n\r\nevent: state\ndata: {}\n\n";
     server.answer("HTTP/1.1 200 OK\r\n\r\nevent: list\ndata: {}\n\n" + put("a", "bell") +
                   put("b", "lamp") + "event: listed\nid: 1-1\ndata: {}\n\n");
+    EXPECT_THAT(server.answer("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"),
+                HasSubstr("GET /b "));
+    EXPECT_THAT(server.answer(state), HasSubstr("Last-Event-ID: 1-1"));
     const std::string fetched =
         server.answer("HTTP/1.1 200 OK\r\nContent-Length: 90\r\n\r\n{\"path\"");
     EXPECT_THAT(fetched, HasSubstr("GET /b "));
-    EXPECT_THAT(server.answer("HTTP/1.1 200 OK\r\n\r\nevent: state\ndata: {}\n\n"),
-                HasSubstr("Last-Event-ID: 1-1"));
+    server.answer(state);  // too early: the pause grows
+    EXPECT_THAT(server.answer(state), HasSubstr("Last-Event-ID: 1-1"));
     const std::string body = R"({"path":"/lamp","service":{"name":"lamp"},"uuid":"b"})";
     server.answer("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
                   body);
     watch.awaitOutput("{\"entries\":[" + body + "]}\n");
     watch.signal(SIGTERM);
     EXPECT_EQ(watch.wait().errors,
+              "orvx-registry: the registry answers with JSON that is not as expected\n"
               "orvx-registry: registry 127.0.0.1 port " +
                   server.authority().substr(server.authority().rfind(':') + 1) +
                   ": partial message\n");

@@ -63,6 +63,17 @@ json parse(std::string_view text) {
     return value;
 }
 
+/// Calls a function that uses JSON of the registry. Throws a std::runtime_error that contains no
+/// byte of the JSON if it has an unexpected form.
+template <typename Call>
+auto withExpectedForm(const Call& call) {
+    try {
+        return call();
+    } catch (const json::exception&) {
+        throw std::runtime_error("the registry answers with JSON that is not as expected");
+    }
+}
+
 /// Throws a std::runtime_error if the output so far cannot be written.
 void flushOutput() {
     if (!std::cout.flush()) {
@@ -181,8 +192,8 @@ void printEvent(std::string_view name, std::string_view data, bool asJson) {
 using TakeEvent = std::function<void(std::string_view name, std::string_view data)>;
 
 /// Follows the stream and reconnects automatically: after a second if the registry cannot be
-/// reached, after a growing pause if it refuses. Throws the failures before the first event, and
-/// the exceptions of `take` if stdout has failed.
+/// reached or sends an invalid event, after a growing pause if it refuses. Throws the failures
+/// before the first event, and the exceptions of `take` if stdout has failed.
 [[noreturn]] void follow(const ClientOptions& options, const std::string& target,
                          const TakeEvent& take) {
     std::string lastId;
@@ -196,7 +207,7 @@ using TakeEvent = std::function<void(std::string_view name, std::string_view dat
             const auto refusal = Client(options).watch(
                 target, lastId, [&](std::string_view name, std::string_view data) {
                     try {
-                        take(name, data);
+                        withExpectedForm([&] { take(name, data); });
                     } catch (...) {
                         lastId
                             .clear();  // the event had no effect, so the next stream must repeat it
@@ -251,7 +262,12 @@ class EntryFetcher {
                 return std::nullopt;
             }
             pause = retryAfter(response);
-            return parse(expectOk(response).body());
+            return withExpectedForm([&] {
+                json entry = parse(expectOk(response).body());
+                entry.at("path");
+                entry.at("service").get_ref<const json::object_t&>();
+                return entry;
+            });
         } catch (const std::runtime_error& error) {
             disconnect();
             if (error.what() != reported_) {
@@ -306,15 +322,10 @@ class EntryFetcher {
            });
 }
 
-/// Throws a std::runtime_error that contains no byte of the answer, like parse().
 template <typename Command>
 int runCommand(const Command& command, Arguments& arguments) {
     readTokenOfPipe(arguments.client);
-    try {
-        return command(arguments);
-    } catch (const json::exception&) {
-        throw std::runtime_error("the registry answers with JSON that is not as expected");
-    }
+    return withExpectedForm([&] { return command(arguments); });
 }
 
 /// Everything after the command's name is its argument. Only options may precede the command.
