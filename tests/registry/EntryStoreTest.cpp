@@ -57,6 +57,25 @@ TEST(TheEntryStore, MovesAnEntryThatAnotherProcessKeepsToItsNewPath) {
     EXPECT_NE(store.nextRemoval(before), nullptr);
 }
 
+TEST(TheEntryStore, MovesAnEntryThatAnotherProcessHasCreatedAgainToItsNewPlace) {
+    EntryStore store;
+    const auto adopt = [&store](const std::string& uuid, std::uint64_t number) {
+        Entry entry;
+        entry.uuid = uuid;
+        entry.number = number;
+        entry.path = '/' + uuid;
+        entry.service = "{}";
+        store.adopt(entry);
+    };
+    adopt("a", 1);
+    adopt("b", 2);
+    adopt("a", 3);
+    EXPECT_EQ(store.entries().size(), 2U);
+    EXPECT_EQ(store.find("a")->number, 3U);
+    EXPECT_EQ(store.entryFrom(0, ""), store.find("b"));
+    EXPECT_EQ(store.entryFrom(3, ""), store.find("a"));
+}
+
 TEST(TheEntryStore, FindsNothingUnderAPathOrAnUnknownUuid) {
     EntryStore store;
     store.put("/a", {});

@@ -160,7 +160,8 @@ void EntryStore::adopt(Entry entry) {
         take(byUuid_.find(samePath->second->uuid), Change::Withdrawn);
     }
     auto known = byUuid_.find(entry.uuid);
-    if (known != byUuid_.end() && known->second->path != entry.path) {
+    if (known != byUuid_.end() &&
+        (known->second->path != entry.path || known->second->number != entry.number)) {
         take(known, Change::Withdrawn);
         known = byUuid_.end();
     }

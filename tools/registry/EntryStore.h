@@ -95,7 +95,8 @@ class EntryStore {
     /// Adds an entry that is kept at etcd, with its uuid, number, path, service, address, owner,
     /// time of creation and etcdRevision. If the entry exists already, only its service, address,
     /// owner and etcdRevision are replaced. An entry with the same path and another uuid, or the
-    /// same uuid and another path, is removed first. No file is written, and no limit applies.
+    /// same uuid and another path or number, is removed first. No file is written, and no limit
+    /// applies.
     void adopt(Entry entry);
 
     /// Removes the entry with that uuid and returns it; nothing if there is none. The listener is
