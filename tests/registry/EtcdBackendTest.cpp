@@ -885,5 +885,43 @@ TEST(AnEtcdBackend, EndsAlthoughItsNextWriteIsDueWhenItIsStopped) {
     EXPECT_TRUE(context.stopped());
 }
 
+TEST(AnEtcdBackend, PassesOnAPutThatIsAnsweredDuringItsLastWrite) {
+    FakeEtcd etcd;
+    const auto holding = [&etcd](const std::string& call) {
+        auto release = std::make_shared<std::promise<void>>();
+        etcd.setScript(
+            call, [released = release->get_future().share()](const json&, const Step& carryOut) {
+                released.wait();
+                return carryOut();
+            });
+        return release;
+    };
+    const auto write = holding("kv/put");
+    const auto change = holding("kv/txn");
+    asio::io_context context;
+    EntryStore store;
+    EtcdBackend backend(context, optionsOf({etcd.url()}), kPrefix, store, [] {});
+    const auto runUntil = [&context](const std::function<bool()>& isTrue) {
+        const auto end = Clock::now() + 20s;
+        while (!isTrue() && !context.stopped() && Clock::now() < end) {
+            context.run_one_for(100ms);
+        }
+        return isTrue();
+    };
+    EXPECT_TRUE(runUntil([&] { return !etcd.requests("kv/put").empty(); }));
+    etcd.holdEvents();
+    bool isDone = false;
+    backend.put("/lamp", json::object(), {}, [&](const auto& result) {
+        isDone = true;
+        EXPECT_TRUE(result);
+    });
+    EXPECT_TRUE(runUntil([&] { return !etcd.requests("kv/txn").empty(); }));
+    backend.stop();
+    change->set_value();
+    EXPECT_TRUE(runUntil([&] { return isDone; }));
+    write->set_value();
+    EXPECT_TRUE(runUntil([&] { return context.stopped(); }));
+}
+
 }  // namespace
 }  // namespace orvx::registry

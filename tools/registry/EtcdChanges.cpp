@@ -198,7 +198,7 @@ void EtcdBackend::requestRemoval(std::vector<Entry> entries, std::uint64_t check
 }
 
 void EtcdBackend::whenReached(std::uint64_t revision, std::function<void()> done) {
-    if (!isLoaded_ || revision <= revision_) {
+    if (!isLoaded_ || isStopped_ || revision <= revision_) {
         return done();
     }
     waiters_.emplace(revision, Waiter{store_.now() + kLongestWait, std::move(done)});
