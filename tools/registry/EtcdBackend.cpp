@@ -219,11 +219,13 @@ void EtcdBackend::retryLater(std::function<void()> next) {
         return;
     }
     retry_.expires_after(kRetryPause);
-    retry_.async_wait([this, next = std::move(next)](boost::system::error_code error) {
-        if (!error && !isStopped_) {
-            next();
-        }
-    });
+    retry_.async_wait(
+        [this, number = loads_, next = std::move(next)](boost::system::error_code error) {
+            // cancel() comes too late for a timer that has expired already.
+            if (!error && !isStopped_ && number == loads_) {
+                next();
+            }
+        });
 }
 
 // ---- State, metrics and stop
