@@ -128,12 +128,12 @@ class Member(Node):
             raise ValueError(f"{name}: {status} {body[:200]}")
         return json.loads(body)
 
+    # Without a buffer: a buffer would be flushed again when the file is closed, and fail again.
     def fill_disk(self):
-        with open(self.folder / "full", "wb") as file:
+        with open(self.folder / "full", "wb", buffering=0) as file:
             try:
                 while True:
                     file.write(bytes(1 << 20))
-                    file.flush()
             except OSError:
                 pass
 
