@@ -19,7 +19,7 @@ bool Chaos::judge(std::ostream& out) {
     judgeStop(verdicts);
     judgeRequests(verdicts);
     judgeShape(verdicts, place_.traffic);
-    return verdicts.print(out);
+    return verdicts.print(out, place_);
 }
 
 // A failed attempt is repeated after a check interval. An outstanding request ends within the

@@ -19,6 +19,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+/// Of the machine. The shortest time-out of a check is three times as long.
+constexpr milliseconds kShortStall{100};
+
 milliseconds upTo(Random& random, int most) {
     return milliseconds(std::uniform_int_distribution<int>(0, most)(random));
 }
@@ -94,7 +97,7 @@ bool ResilientChaos::judge(std::ostream& out) {
     judgeStop(verdicts);
     judgeRequests(verdicts);
     judgeShape(verdicts, place_.traffic);
-    return verdicts.print(out);
+    return verdicts.print(out, place_);
 }
 
 // A request that is outstanding when the faults end is answered or ends within its time-out, and so
@@ -105,9 +108,7 @@ void ResilientChaos::judgeEntries(Verdicts& verdicts) {
                        2 * Announcer::kRequestTimeout;
     settle(bound + kAllowance, [this] { return differences().empty(); });
     const auto duration = std::chrono::duration_cast<milliseconds>(Clock::now() - peace_);
-    // The state does not change any more.
-    pace_.wait(2 * Announcer::kCheckInterval);
-    for (const std::string& difference : differences()) {
+    for (const std::string& difference : lastingDifferences()) {
         verdict.require(false, difference);
     }
     std::size_t services = 0;
@@ -120,6 +121,34 @@ void ResilientChaos::judgeEntries(Verdicts& verdicts) {
                     << registry_.entries().size() << " entries after " << duration.count()
                     << " ms; " << late_
                     << " of a PUT that came to the registry after its client had given it up";
+}
+
+/// The differences after a time without faults: the state does not change any more. A stall makes
+/// the answer to a check come late, and the service is unreachable until the next one. So a
+/// difference that follows a stall says nothing; then only a time without a stall decides.
+std::vector<std::string> ResilientChaos::lastingDifferences() {
+    const auto end = Clock::now() + kPatience;
+    std::vector<std::string> found;
+    std::vector<std::string> excused;
+    while (true) {
+        const auto begin = Clock::now();
+        pace_.wait(2 * Announcer::kCheckInterval);
+        found = differences();
+        const milliseconds stall =
+            std::max(place_.stalls.longest(begin), place_.traffic.longestCheck(begin));
+        if (stall <= kShortStall || (found.empty() && excused.empty())) {
+            return found;
+        }
+        excused.insert(excused.end(), found.begin(), found.end());
+        const auto now = Clock::now();
+        if (now > end) {
+            excused.push_back("no time without a stall; the last one had " +
+                              std::to_string(stall.count()) + " ms");
+            return excused;
+        }
+        settle(std::chrono::duration_cast<milliseconds>(end - now),
+               [this] { return differences().empty(); });
+    }
 }
 
 /// The differences between the registry's list and the expected list.

@@ -20,6 +20,7 @@ class ResilientChaos {
     void judgeEntries(Verdicts& verdicts);
     void judgeStop(Verdicts& verdicts);
     void judgeRequests(Verdicts& verdicts);
+    std::vector<std::string> lastingDifferences();
     std::vector<std::string> differences();
     void compareStatuses(KeptServices& client, const std::map<std::string, std::string>& uuids,
                          std::vector<std::string>& differences);

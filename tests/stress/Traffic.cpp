@@ -14,6 +14,8 @@
 
 namespace orvx::stress {
 
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
 using testing::Request;
 using utility::MutexLock;
 
@@ -71,6 +73,7 @@ class Traffic::Tap final : public ITap {
     // A kept connection that ends, perhaps without an answer: an HTTP client may repeat its last
     // request once over another connection. The first request of a connection is never repeated.
     ~Tap() override {
+        traffic_.noteAnswer(*this);
         if (requests_ > 1) {
             traffic_.allowResend(method_, target_);
         }
@@ -91,11 +94,12 @@ class Traffic::Tap final : public ITap {
             method_ = request->method;
             target_ = request->target;
             status_.clear();
-            traffic_.note(*request);
+            traffic_.note(*this, *request);
         }
     }
 
     void sentByServer(std::string_view bytes) override {
+        traffic_.noteAnswer(*this);
         constexpr std::string_view kMissing = "HTTP/1.1 404";
         if (status_.size() < kMissing.size()) {
             status_ += bytes.substr(0, kMissing.size() - status_.size());
@@ -132,18 +136,31 @@ FaultProxy::TapMaker Traffic::tapMaker() {
 
 void Traffic::expectPuts(const std::string& path) {
     const MutexLock lock(mutex_);
-    ++methods_["PUT"][path].seconds[secondOf(Clock::now())].registrations;
+    ++methods_["PUT"][path].seconds[secondOf(now_())].registrations;
 }
 
-void Traffic::note(const Request& request) {
+void Traffic::note(const Tap& tap, const Request& request) {
     if (!isWellFormed(request)) {
         noteMalformed(request.raw);
     }
-    const Time now = Clock::now();
+    const Time now = now_();
     const MutexLock lock(mutex_);
     Target& target = methods_[request.method][request.target];
     target.requests.push_back(now);
     ++target.seconds[secondOf(now)].requests;
+    if (request.method == "HEAD") {
+        unanswered_[&tap] = now;
+    }
+}
+
+void Traffic::noteAnswer(const Tap& tap) {
+    const Time now = now_();
+    const MutexLock lock(mutex_);
+    const auto check = unanswered_.find(&tap);
+    if (check != unanswered_.end()) {
+        answered_.note(now, duration_cast<milliseconds>(now - check->second));
+        unanswered_.erase(check);
+    }
 }
 
 void Traffic::noteArrival(const Request& put, bool isLate) {
@@ -167,12 +184,12 @@ void Traffic::noteMalformed(std::string what) {
 
 void Traffic::noteMissing(const std::string& method, const std::string& target) {
     const MutexLock lock(mutex_);
-    methods_[method][target].missing.push_back(Clock::now());
+    methods_[method][target].missing.push_back(now_());
 }
 
 void Traffic::allowResend(const std::string& method, const std::string& target) {
     const MutexLock lock(mutex_);
-    ++methods_[method][target].seconds[secondOf(Clock::now())].resends;
+    ++methods_[method][target].seconds[secondOf(now_())].resends;
 }
 
 std::size_t Traffic::requests() const {
@@ -200,6 +217,16 @@ std::size_t Traffic::checksSince(const std::string& uuid, Time begin) const {
     const auto& times = heads->second.at('/' + uuid).requests;
     return static_cast<std::size_t>(times.end() -
                                     std::lower_bound(times.begin(), times.end(), begin));
+}
+
+milliseconds Traffic::longestCheck(Time since) const {
+    const MutexLock lock(mutex_);
+    const Time now = now_();
+    milliseconds longest = answered_.since(since);
+    for (const auto& [tap, begin] : unanswered_) {
+        longest = std::max(longest, duration_cast<milliseconds>(now - begin));
+    }
+    return longest;
 }
 
 bool Traffic::wasMissing(const std::string& uuid, Time begin, Time end) const {

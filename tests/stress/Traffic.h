@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -13,6 +14,7 @@
 
 #include "FaultProxy.h"
 #include "Http.h"
+#include "Longest.h"
 
 namespace orvx::stress {
 
@@ -23,6 +25,8 @@ class Traffic {
     using Clock = std::chrono::steady_clock;
     using Time = Clock::time_point;
 
+    explicit Traffic(std::function<Time()> now = Clock::now) : now_(std::move(now)) {}
+
     FaultProxy::TapMaker tapMaker();
 
     /// A user has called an operation that needs a PUT to this path.
@@ -32,6 +36,9 @@ class Traffic {
     /// Requests that this client must not send, with the reason.
     std::vector<std::string> malformed() const ORVX_EXCLUDES(mutex_);
     std::size_t checksSince(const std::string& uuid, Time begin) const ORVX_EXCLUDES(mutex_);
+    /// The longest time from a check to its answer, or to the end of its connection, that ended
+    /// after the time or has not ended.
+    std::chrono::milliseconds longestCheck(Time since) const ORVX_EXCLUDES(mutex_);
     /// Whether the registry answered a check with 404 in that time.
     bool wasMissing(const std::string& uuid, Time begin, Time end) const ORVX_EXCLUDES(mutex_);
     /// Whether the last PUT of this description to this path reached the registry after the client
@@ -68,7 +75,8 @@ class Traffic {
         std::vector<Time> missing;
     };
 
-    void note(const testing::Request& request) ORVX_EXCLUDES(mutex_);
+    void note(const Tap& tap, const testing::Request& request) ORVX_EXCLUDES(mutex_);
+    void noteAnswer(const Tap& tap) ORVX_EXCLUDES(mutex_);
     void noteArrival(const testing::Request& put, bool isLate) ORVX_EXCLUDES(mutex_);
     void noteMalformed(std::string what) ORVX_EXCLUDES(mutex_);
     void noteMissing(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
@@ -76,9 +84,13 @@ class Traffic {
     template <typename Allowed>
     Load load(const std::string& method, const Allowed& allowed) const ORVX_EXCLUDES(mutex_);
 
+    const std::function<Time()> now_;
     mutable utility::Mutex mutex_;
     std::map<std::string, std::map<std::string, Target>> methods_ ORVX_GUARDED_BY(mutex_);
     std::vector<std::string> malformed_ ORVX_GUARDED_BY(mutex_);
+    /// The begins of the checks that are not answered.
+    std::map<const Tap*, Time> unanswered_ ORVX_GUARDED_BY(mutex_);
+    Longest answered_ ORVX_GUARDED_BY(mutex_);
     /// Paths and descriptions.
     std::set<std::pair<std::string, std::string>> late_ ORVX_GUARDED_BY(mutex_);
 };

@@ -2,6 +2,7 @@
 
 #include "Announcer.h"
 #include "Pace.h"
+#include "Stalls.h"
 #include "Traffic.h"
 
 #include <deque>
@@ -15,6 +16,7 @@ namespace orvx::stress {
 struct Place {
     Ledger ledger;
     Traffic traffic;
+    Stalls stalls;
     std::uint16_t port = 0;
     std::atomic<std::size_t> withdrawals{0};
     std::atomic<std::size_t> stops{0};

@@ -23,7 +23,7 @@ bool isOurs(const std::string& threadName) {
 
 }  // namespace
 
-bool Verdicts::print(std::ostream& out) const {
+bool Verdicts::print(std::ostream& out, const Place& place) const {
     bool isGood = true;
     for (const Verdict& verdict : list_) {
         isGood = isGood && verdict.violations.empty();
@@ -33,6 +33,7 @@ bool Verdicts::print(std::ostream& out) const {
             out << "    " << violation << '\n';
         }
     }
+    out << "the longest stall of this program: " << place.stalls.longest().count() << " ms\n";
     return isGood;
 }
 

@@ -41,8 +41,8 @@ struct Verdict {
 class Verdicts {
   public:
     Verdict& add(const std::string& promise) { return list_.emplace_back(promise); }
-    /// Prints one line for each guarantee. Returns false if one was broken.
-    bool print(std::ostream& out) const;
+    /// Prints one line for each guarantee, and the longest stall. Returns false if one was broken.
+    bool print(std::ostream& out, const Place& place) const;
 
   private:
     std::deque<Verdict> list_;
