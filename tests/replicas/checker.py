@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 """Checks the history of a run. `checker.py FOLDER` checks the recorded history in that folder again.
 
-The history has four sources, whose times are milliseconds since 1970 by the clock of the one machine:
+The history has five sources, whose times are milliseconds since 1970 by the clock of the one machine:
 
 - Requests, from the log of the load balancer between the services and the replicas: the times at which a
   request arrived and its answer was sent, and the status of the answer. The requests of the racer are added.
 - Events, from the services: operations, their answers, and the library's events.
 - Samples: the entries that etcd has at one revision, read linearizably, and the lists of the replicas.
 - Phases, from the nemesis: the kind and the time of each fault.
+- Stalls: times in which the machine, or etcd, was too slow for a promise that has a limit in time.
 
 An operation takes effect at an unknown time between its begin and its end. A promise counts as broken only if it is
 broken for each of these times:
@@ -23,6 +24,10 @@ A 404 is false if the entry is kept and is not withdrawn. The same holds for an 
 later PUT that gives the path another uuid: the entry is lost. A path has two uuids if two PUTs at the same time give
 it two, or if etcd holds two. An entry that is sampled after the end of a DELETE that succeeded has outlived its
 withdrawal.
+
+Two promises depend on time: checks do not fail in a rolling restart, and entries of a killed service expire within
+1.5 ttl. A replica is not ready, and begins anew to count the time of an entry, after etcd was slower than a sixth of
+the ttl. So a restart or a kill decides only without a stall, and at least one of each must decide.
 """
 
 import bisect
@@ -38,6 +43,8 @@ import sys
 REPLICA_LAG = 3000
 GONE = (200, 204, 404, 410)  # the answers of a successful withdrawal
 NO_ENTRY = (404, 410)
+CHECK_INTERVAL = 2000
+HEAD_TIMEOUT = 1500
 
 
 @dataclasses.dataclass(slots=True)
@@ -69,13 +76,42 @@ class Phase:
 
 
 @dataclasses.dataclass
+class Stall:
+    of: str  # "machine", or the name of the replica that lagged
+    begin: int
+    end: int
+
+
+@dataclasses.dataclass
+class Kill:
+    """Of a process of services, at the end."""
+    time: int
+    prefix: str  # of their paths
+
+
+def is_stalled(stalls, begin, end):
+    return any(stall.begin <= end and begin <= stall.end for stall in stalls)
+
+
+def has_stalled_restart(stalls, phase):
+    """A check that began in the restart may end after it."""
+    return is_stalled(stalls, phase.begin, phase.end + HEAD_TIMEOUT)
+
+
+def has_stalled_kill(stalls, kill, ttl):
+    """The time of an entry begins with its last check, an interval before the kill."""
+    return is_stalled(stalls, kill.time - CHECK_INTERVAL, kill.time + 1.5 * ttl + 1000)
+
+
+@dataclasses.dataclass
 class History:
     ttl: int
     requests: list = dataclasses.field(default_factory=list)
     events: list = dataclasses.field(default_factory=list)  # dicts, as the services write them
     samples: list = dataclasses.field(default_factory=list)
     phases: list = dataclasses.field(default_factory=list)
-    killed: tuple = ()  # of the services that were killed at the end: the time, and the prefix of their paths
+    stalls: list = dataclasses.field(default_factory=list)
+    kills: list = dataclasses.field(default_factory=list)
 
 
 @dataclasses.dataclass
@@ -169,6 +205,11 @@ class Checker:
             for ten in range(life.renewals[0].end // 10_000, (life.renewals[-1].end + self.ttl) // 10_000 + 1):
                 self.around[ten].add(uuid)
         self.etcd = [sample for sample in history.samples if sample.source == "etcd"]
+        self.failed = collections.defaultdict(list)  # path to the begins of its checks without an answer in time
+        for request in self.with_uuid("HEAD"):
+            if (request.path[1:] in self.lives and not request.direct
+                    and (request.status != 200 or request.end - request.begin >= HEAD_TIMEOUT)):
+                self.failed[self.lives[request.path[1:]].path].append(request.begin)
 
     def judge(self):
         return [self.complete(), self.false_404s(), self.lost(), self.outlived(), self.two_uuids(),
@@ -257,48 +298,70 @@ class Checker:
         return Verdict("two uuids for one path", f"{len(self.etcd)} samples of etcd", list(broken.values()))
 
     def rolling_restarts(self):
-        restarts = [phase for phase in self.history.phases if phase.kind == "rolling-restart"]
-        return Verdict("failed checks in rolling restarts", f"{len(restarts)} restarts",
-                       [line for line in self.failed_in(restarts) if "HEAD" in line])
+        restarts = self.restarts()
+        deciding = [phase for phase in restarts if not has_stalled_restart(self.history.stalls, phase)]
+        broken = [line for line in self.failed_in(deciding) if "HEAD" in line]
+        if restarts and not deciding:
+            broken.append("each restart had a stall")
+        return Verdict("failed checks in rolling restarts", f"{len(deciding)} restarts", broken)
+
+    def restarts(self):
+        return [phase for phase in self.history.phases if phase.kind == "rolling-restart"]
 
     def failed_in(self, phases):
-        """The failures that the services reported in these phases."""
+        """The failures of requests of the services that began in these phases."""
         return [f"{at(event['time'])} {event['path']} {event['event']}: {event['reason'].splitlines()[0]}"
-                for event in self.history.events for phase in phases
-                if event["event"] in ("unreachable", "lost") and phase.begin <= event["time"] <= phase.end]
+                for event in self.history.events if event["event"] in ("unreachable", "lost")
+                for phase in phases if phase.begin <= self.begin_of_failed(event) <= phase.end]
 
-    def expiring(self):
+    def begin_of_failed(self, event):
+        """The begin of the check that failed. The time of the failure, if another request failed, or if the check did
+        not come to the load balancer."""
+        begins = self.failed[event["path"]] if "HEAD" in event["reason"] else []
+        return max((begin for begin in begins if event["time"] - CHECK_INTERVAL < begin <= event["time"]),
+                   default=event["time"])
+
+    def expiring(self, kill):
         """The entries of the killed services that were kept until then."""
-        if not self.history.killed:
-            return {}
-        time, prefix = self.history.killed
         return {uuid: life for uuid, life in self.lives.items()
-                if life.path.startswith(prefix) and not life.is_withdrawn(time)
-                and life.is_kept(time, time, self.ttl)}
+                if life.path.startswith(kill.prefix) and not life.is_withdrawn(kill.time)
+                and life.is_kept(kill.time, kill.time, self.ttl)}
 
-    def after_kill(self):
-        return [sample for sample in self.etcd if self.history.killed and sample.begin > self.history.killed[0]]
+    def after(self, kill):
+        return [sample for sample in self.etcd if sample.begin > kill.time]
 
     def expired_early(self):
         broken = []
-        for uuid, life in self.expiring().items():
-            last = max(request.begin for request in life.renewals)
-            absent = [sample.end for sample in self.after_kill() if (uuid, life.path) not in sample.entries]
-            if absent and absent[0] < last + self.ttl:
-                broken.append(f"{life.path} {uuid}: gone {absent[0] - last} ms after its last check")
-        return Verdict("entries that expire before 1 ttl", f"{len(self.expiring())} of killed services", broken)
+        count = 0
+        for kill in self.history.kills:
+            expiring = self.expiring(kill)
+            count += len(expiring)
+            for uuid, life in expiring.items():
+                last = max(request.begin for request in life.renewals)
+                absent = [sample.end for sample in self.after(kill) if (uuid, life.path) not in sample.entries]
+                if absent and absent[0] < last + self.ttl:
+                    broken.append(f"{life.path} {uuid}: gone {absent[0] - last} ms after its last check")
+        return Verdict("entries that expire before 1 ttl", f"{count} of killed services", broken)
 
     def expired_late(self):
         broken = []
-        for uuid, life in self.expiring().items():
-            last = max(request.end for request in life.attempts)
-            present = [sample.begin for sample in self.after_kill() if (uuid, life.path) in sample.entries]
-            until = max((sample.begin for sample in self.after_kill()), default=0)
-            if until <= last + 1.5 * self.ttl:
-                broken.append(f"{life.path} {uuid}: watched for {until - last} ms only")
-            elif present and present[-1] > last + 1.5 * self.ttl:
-                broken.append(f"{life.path} {uuid}: still there {present[-1] - last} ms after its last check")
-        return Verdict("entries that expire after 1.5 ttl", f"{len(self.expiring())} of killed services", broken)
+        count = 0
+        deciding = [kill for kill in self.history.kills
+                    if not has_stalled_kill(self.history.stalls, kill, self.ttl)]
+        for kill in deciding:
+            expiring = self.expiring(kill)
+            count += len(expiring)
+            until = max((sample.begin for sample in self.after(kill)), default=0)
+            for uuid, life in expiring.items():
+                last = max(request.end for request in life.attempts)
+                present = [sample.begin for sample in self.after(kill) if (uuid, life.path) in sample.entries]
+                if until <= last + 1.5 * self.ttl:
+                    broken.append(f"{life.path} {uuid}: watched for {until - last} ms only")
+                elif present and present[-1] > last + 1.5 * self.ttl:
+                    broken.append(f"{life.path} {uuid}: still there {present[-1] - last} ms after its last check")
+        if self.history.kills and not deciding:
+            broken.append("each kill had a stall")
+        return Verdict("entries that expire after 1.5 ttl", f"{count} of killed services", broken)
 
     def finals(self):
         return [sample for sample in self.history.samples if sample.final]
@@ -315,9 +378,8 @@ class Checker:
                 paths.pop(event["path"], None)
             elif event["event"] == "announced" and event["path"] in paths:
                 paths[event["path"]] = event["uuid"]
-        killed, prefix = self.history.killed or (0, "")
         return {path: uuid for path, uuid in paths.items()
-                if not (killed and killed < when and path.startswith(prefix))}
+                if not any(kill.time < when and path.startswith(kill.prefix) for kill in self.history.kills)}
 
     # Figures without a limit.
 
@@ -351,11 +413,15 @@ class Checker:
         times = collections.Counter(phase.kind for phase in self.history.phases)
         for kind in [*times, "none"]:
             print(f"{kind:24}{times[kind] or '':>7}{checks[kind]:>9}{failed[kind]:>8}", file=out)
-        seen = self.failed_in([phase for phase in self.history.phases if phase.kind == "rolling-restart"])
+        seen = self.failed_in(self.restarts())
         others = [line for line in seen if "HEAD" not in line]
         print(f"\nfailed PUTs and DELETEs in rolling restarts: {len(others)}", *others[:3], sep="\n  ", file=out)
         gap, time, path = self.longest_gap()
-        print(f"\nlongest time without a successful check: {gap} ms, {path} at {at(time)}{self.during(time)}\n",
+        print(f"\nlongest time without a successful check: {gap} ms, {path} at {at(time)}{self.during(time)}",
+              file=out)
+        stalled = [phase for phase in self.restarts() if has_stalled_restart(self.history.stalls, phase)]
+        kills = [kill for kill in self.history.kills if has_stalled_kill(self.history.stalls, kill, self.ttl)]
+        print(f"{len(self.history.stalls)} stalls; with a stall: {len(stalled)} rolling restarts, {len(kills)} kills\n",
               file=out)
         for verdict in verdicts:
             print(f"{verdict.name:40}{len(verdict.broken):>6}   of {verdict.of}", file=out)
@@ -384,19 +450,34 @@ def read_lines(file):
                 pass
 
 
+def unacknowledged(events):
+    """The paths that are announced and have no entry, as far as their services know."""
+    paths = set()
+    for event in events:
+        if event["event"] in ("announce", "lost"):
+            paths.add(event["path"])
+        elif event["event"] in ("withdraw", "announced"):
+            paths.discard(event["path"])
+    return paths
+
+
+def read_events(folder):
+    events = [event for file in sorted(folder.glob("services*.log")) for event in read_lines(file)]
+    return sorted(events, key=lambda event: event["time"])
+
+
 def read(folder):
     folder = pathlib.Path(folder)
     settings = json.loads((folder / "settings.json").read_text())
-    history = History(settings["ttl"], killed=tuple(settings["killed"]))
+    history = History(settings["ttl"], kills=[Kill(*kill) for kill in settings["kills"]])
     for name in "haproxy", "race":
         for line in read_lines(folder / f"{name}.log"):
             if str(line["begin"]).isdigit():  # haproxy has read a complete request
                 history.requests.append(Request(int(line["begin"]), int(line["end"]), line["method"], line["path"],
                                                 int(line["status"]), line["location"].rpartition("/")[2],
                                                 name == "race"))
-    for file in sorted(folder.glob("services*.log")):
-        history.events.extend(read_lines(file))
-    history.events.sort(key=lambda event: event["time"])
+    history.events = read_events(folder)
+    history.stalls = [Stall(**line) for line in read_lines(folder / "stalls.log")]
     for line in read_lines(folder / "samples.log"):
         # Shares equal texts: half an hour has thousands of samples.
         line["entries"] = [tuple(map(sys.intern, entry)) for entry in line["entries"]]

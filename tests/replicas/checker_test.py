@@ -4,7 +4,7 @@
 import io
 import unittest
 
-from checker import Checker, History, Phase, Request, Sample
+from checker import Checker, History, Kill, Phase, Request, Sample, Stall, unacknowledged
 
 TTL = 6000
 
@@ -250,10 +250,46 @@ class ARollingRestart(Judged):
         self.assert_kept()
 
 
+    def testIsNotBlamedForACheckThatBeganBefore(self):
+        self.request(3900, "HEAD", "/u", 503, duration=600)
+        self.happened(4500, "unreachable", "/a", reason="HEAD: 503")
+        self.assert_kept()
+
+    def testIsBlamedForACheckThatFailsAfterIt(self):
+        self.request(4900, "HEAD", "/u", 503, duration=600)
+        self.happened(5500, "unreachable", "/a", reason="HEAD: 503")
+        self.assert_broken("failed checks in rolling restarts")
+
+    def testIsBlamedForACheckWithoutAnAnswerInTime(self):
+        self.request(4400, "HEAD", "/u", 200, duration=1700)
+        self.happened(5900, "unreachable", "/a", reason="HEAD: no answer")
+        self.assert_broken("failed checks in rolling restarts")
+
+    def testIsBlamedForACheckThatIsNotInTheLog(self):
+        self.request(3900, "HEAD", "/u", 200)
+        self.happened(4500, "unreachable", "/a", reason="HEAD: no connection")
+        self.assert_broken("failed checks in rolling restarts")
+
+    def testDoesNotDecideWithAStall(self):
+        self.history.phases.append(Phase("rolling-restart", 8000, 9000))
+        self.history.stalls.append(Stall("machine", 3900, 4100))
+        self.happened(4500, "unreachable", "/a", reason="HEAD: 503")
+        self.assert_kept()
+
+    def testDecidesIfAStallCameBefore(self):
+        self.history.stalls.append(Stall("registry1", 3000, 3900))
+        self.happened(4500, "unreachable", "/a", reason="HEAD: 503")
+        self.assert_broken("failed checks in rolling restarts")
+
+    def testDecidesWithoutAStallAtLeastOnce(self):
+        self.history.stalls.append(Stall("machine", 4900, 5100))
+        self.assert_broken("failed checks in rolling restarts")
+
+
 class AKilledService(Judged):
     def setUp(self):
         super().setUp()
-        self.history.killed = (3600, "/a")
+        self.history.kills = [Kill(3600, "/a")]
 
     def testIsGoneBetweenOneAndOneAndAHalfTtl(self):
         self.sampled(9000, "u /a")
@@ -273,6 +309,58 @@ class AKilledService(Judged):
     def testIsWatchedForLongEnough(self):
         self.sampled(11900)
         self.assert_broken("entries that expire after 1.5 ttl")
+
+    def killed_with_a_stall(self, begin, end):
+        """The service at /a, and then the one at /b without a stall."""
+        self.history.stalls.append(Stall("machine", begin, end))
+        self.request(30000, "PUT", "/b", 201, "w")
+        self.happened(29900, "announce", "/b")
+        self.happened(30020, "announced", "/b", uuid="w")
+        self.history.kills.append(Kill(30500, "/b"))
+
+    def testMayBeThereLongerAfterAStall(self):
+        self.killed_with_a_stall(5000, 5900)
+        self.sampled(14000, "u /a")
+        self.sampled(40000)
+        self.assert_kept()
+
+    def testIsNotThereLongerAfterAStallBeforeItsLastCheck(self):
+        self.killed_with_a_stall(1000, 1500)
+        self.sampled(14000, "u /a")
+        self.sampled(40000)
+        self.assert_broken("entries that expire after 1.5 ttl")
+
+    def testIsNotGoneBeforeInSpiteOfAStall(self):
+        self.killed_with_a_stall(5000, 5900)
+        self.sampled(8900)
+        self.sampled(40000)
+        self.assertEqual(self.broken(), {"entries that expire before 1 ttl": 1, "acknowledged entries lost": 1})
+
+    def testDecidesWithoutAStallAtLeastOnce(self):
+        self.history.stalls.append(Stall("machine", 5000, 5900))
+        self.sampled(12100)
+        self.assert_broken("entries that expire after 1.5 ttl")
+
+    def testIsJudgedAfterAnother(self):
+        self.killed_with_a_stall(5000, 5900)
+        self.sampled(12100)
+        self.sampled(40000, "w /b")
+        self.assert_broken("entries that expire after 1.5 ttl")
+
+
+class AnAnnouncedService(Judged):
+    def testIsAcknowledgedWhenItHasItsEntry(self):
+        self.assertEqual(unacknowledged(self.history.events), set())
+        self.assertEqual(unacknowledged(self.history.events[:1]), {"/a"})
+
+    def testIsNotWhenItHasLostItsEntry(self):
+        self.happened(4000, "lost", "/a", uuid="")
+        self.assertEqual(unacknowledged(self.history.events), {"/a"})
+
+    def testNeedsNoEntryWhenItIsWithdrawn(self):
+        self.happened(4000, "lost", "/a", uuid="")
+        self.happened(4100, "withdraw", "/a")
+        self.assertEqual(unacknowledged(self.history.events), set())
 
 
 class AReport(Judged):

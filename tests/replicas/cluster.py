@@ -4,12 +4,16 @@ The caller has a network, a mount and a process namespace of its own (see `run`)
 """
 
 import base64
+import csv
 import http.client
+import io
 import json
 import signal
 import subprocess
 import threading
 import time
+
+from checker import Stall
 
 NETWORK = "10.99.0."
 PREFIX = "/orvx-registry/"
@@ -150,6 +154,14 @@ class Replica(Node):
         except TIMEOUTS:
             return False
 
+    def lag(self):
+        """The age of the last state of etcd that the replica knows completely, in milliseconds."""
+        status, body = self.get("/-/metrics", self.PORT)
+        metrics = dict(line.split() for line in body.decode().splitlines() if line.startswith("orvx_registry_etcd_lag"))
+        if status != 200 or not metrics:
+            raise ValueError(f"{self.name} has no lag: {status}")
+        return round(float(metrics["orvx_registry_etcd_lag_seconds"]) * 1000)
+
     def entries(self):
         """Uuids and paths. Repeats the request if the registry aborts the list because of a change."""
         for _ in range(20):
@@ -176,6 +188,11 @@ defaults
     timeout client 30s
     timeout server 3s
     timeout check 500ms
+listen state
+    bind :8404
+    no log
+    stats enable
+    stats uri /
 frontend services
     bind :8500
     http-request set-var(txn.begin) date(0,ms)
@@ -243,6 +260,19 @@ class Cluster:
             if node.process:
                 wait_until(node.is_ready, 30, f"{node.name} is ready")
 
+    def wait_until_used(self):
+        """haproxy knows that all replicas are ready."""
+        wait_until(self.are_all_used, 30, "all replicas are up for haproxy")
+
+    def are_all_used(self):
+        try:
+            status, body = self.haproxy.get("/;csv", 8404)
+        except TIMEOUTS:
+            return False
+        states = {line["svname"]: line["status"] for line in csv.DictReader(io.StringIO(body.decode()))
+                  if line["# pxname"] == "replicas"}
+        return status == 200 and all(states[replica.name] == "UP" for replica in self.replicas)
+
     def crashed(self):
         return [node.name for node in self.nodes if node.has_crashed()]
 
@@ -277,6 +307,74 @@ class Cluster:
             except TIMEOUTS:
                 continue
         return None
+
+
+class StallWatch:
+    """Writes stalls: times in which this program did not run, or in which a replica lagged behind etcd. One thread
+    waits in short steps, one for each replica asks for its lag."""
+
+    STEP = 0.02
+    LONGEST_OVERSHOOT = 200  # milliseconds
+    LONGEST_LAG = 700  # a replica is not ready after a sixth of the ttl
+    LAG_PAUSE = 0.1
+
+    def __init__(self, folder, replicas):
+        self.file = open(folder / "stalls.log", "a")
+        self.lock = threading.Lock()
+        self.stalls = []
+        self.stopped = threading.Event()
+        self.threads = [threading.Thread(target=self.watch_machine, daemon=True),
+                        *(threading.Thread(target=self.watch_replica, args=[replica], daemon=True)
+                          for replica in replicas)]
+        for thread in self.threads:
+            thread.start()
+
+    def stop(self):
+        if not all(thread.is_alive() for thread in self.threads):
+            raise RuntimeError("stalls were not watched to the end")
+        self.stopped.set()
+        for thread in self.threads:
+            thread.join()
+
+    def seen(self):
+        with self.lock:
+            return list(self.stalls)
+
+    def last_lag(self):
+        """The end of the last time in which a replica may have lagged, or 0."""
+        return max((stall.end for stall in self.seen()
+                    if stall.of != "machine" or stall.end - stall.begin >= self.LONGEST_LAG), default=0)
+
+    def note(self, of, begin, end):
+        with self.lock:
+            self.stalls.append(Stall(of, begin, end))
+            self.file.write(json.dumps({"of": of, "begin": begin, "end": end}) + "\n")
+            self.file.flush()
+
+    def watch_machine(self):
+        begin = now()
+        while not self.stopped.wait(self.STEP):
+            end = now()
+            if end - begin > self.STEP * 1000 + self.LONGEST_OVERSHOOT:
+                self.note("machine", begin, end)
+            begin = end
+
+    # A replica that starts lags until it is ready. That is no stall.
+    def watch_replica(self, replica):
+        process, was_ready = None, False
+        while not self.stopped.wait(self.LAG_PAUSE):
+            if process is not replica.process:
+                process, was_ready = replica.process, False
+            was_ready = was_ready or replica.is_ready()
+            if not was_ready:
+                continue
+            begin = now()
+            try:
+                lag = replica.lag()
+            except TIMEOUTS:
+                lag = now() - begin
+            if lag >= self.LONGEST_LAG:
+                self.note(replica.name, begin - lag, now())
 
 
 class Sampler:

@@ -1,21 +1,26 @@
 """Causes one fault in a cluster at a time, and waits until the cluster is healthy before the next one."""
 
+import dataclasses
 import itertools
 import json
 import signal
 import time
 
+from checker import Phase, has_stalled_restart
 from cluster import now
 
 REST = 2.0  # seconds between two faults
+ATTEMPTS = 4  # at a rolling restart without a stall
 
 
 class Nemesis:
-    def __init__(self, cluster, random, sampler, say):
+    def __init__(self, cluster, random, sampler, stalls, say):
         self.cluster = cluster
         self.random = random
         self.sampler = sampler
+        self.stalls = stalls
         self.say = say
+        self.restarts = []
         self.phases = open(cluster.folder / "phases.log", "a")
         self.kinds = {
             "kill-replica": self.kill_replica,
@@ -47,7 +52,17 @@ class Nemesis:
         return self.random.uniform(least, most)
 
     def run(self, seconds):
-        """Repeats all kinds in random order until the time has passed; each kind occurs at least once."""
+        """Repeats all kinds in random order until the time has passed; each kind occurs at least once, and a rolling
+        restart once without a stall, in a few attempts."""
+        self.repeat_all(seconds)
+        while 0 < len(self.restarts) < ATTEMPTS and not self.has_clear_restart():
+            self.say("each rolling restart had a stall")
+            self.disturb("rolling-restart")
+
+    def has_clear_restart(self):
+        return any(not has_stalled_restart(self.stalls.seen(), phase) for phase in self.restarts)
+
+    def repeat_all(self, seconds):
         begin = time.monotonic()
         for turn in itertools.count():
             for kind in self.random.sample(list(self.kinds), len(self.kinds)):
@@ -62,8 +77,11 @@ class Nemesis:
             self.kinds[kind]()
             self.cluster.wait_until_healed()
         finally:
-            self.phases.write(json.dumps({"kind": kind, "begin": begin, "end": now()}) + "\n")
+            phase = Phase(kind, begin, now())
+            self.phases.write(json.dumps(dataclasses.asdict(phase)) + "\n")
             self.phases.flush()
+        if kind == "rolling-restart":
+            self.restarts.append(phase)
         crashed = self.cluster.crashed()
         if crashed:
             raise RuntimeError(f"ended by itself: {' '.join(crashed)}")
@@ -87,7 +105,7 @@ class Nemesis:
             replica.end(signal.SIGTERM)
             replica.start()
             self.cluster.wait_until_healed()
-            time.sleep(1)  # until haproxy has checked it
+            self.cluster.wait_until_used()
 
     def pause(self, node, seconds):
         node.send(signal.SIGSTOP)
