@@ -29,6 +29,8 @@ class CheckLog {
     std::size_t ignored() const { return ignored_; }
     /// The registrations whose check ended because it was due during a withdrawal.
     std::set<std::uint64_t> endedByWithdrawal() const ORVX_EXCLUDES(mutex_);
+    /// Whether any check ended.
+    bool hasEnd() const { return ignored() > 0 || !endedByWithdrawal().empty(); }
 
   private:
     std::atomic<std::size_t> timeOuts_{0};

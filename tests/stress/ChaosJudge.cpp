@@ -34,20 +34,21 @@ void Chaos::judgeEntries(Verdicts& verdicts) {
                            [&](const auto& single) { return isSingleKept(*single, uuids); });
     });
     verdict.require(isKept, "a single service is missing after the bound");
-    const auto mark = Clock::now();
-    verdict.figures << "singles complete after "
-                    << std::chrono::duration_cast<milliseconds>(mark - peace).count() << " ms; "
-                    << orphans() << " orphans of " << registry_.entries().size() << " entries";
-
+    // A check may end at any time, by an answer that comes late. So the logs are read before the
+    // mark, and again at the end.
     std::vector<bool> hadEnded;
     for (const auto& single : singles_) {
-        const CheckLog& log = single->announcer()->log();
-        hadEnded.push_back(log.ignored() > 0 || !log.endedByWithdrawal().empty());
+        hadEnded.push_back(single->announcer()->log().hasEnd());
     }
     std::vector<std::set<std::uint64_t>> crowdsEnded;
     for (Crowd& crowd : crowds_) {
         crowdsEnded.push_back(crowd.announcer().log().endedByWithdrawal());
     }
+    const auto mark = Clock::now();
+    verdict.figures << "singles complete after "
+                    << std::chrono::duration_cast<milliseconds>(mark - peace).count() << " ms; "
+                    << orphans() << " orphans of " << registry_.entries().size() << " entries";
+
     // Determines the duration of this observation: a working check is sent at least once while this
     // service is checked four times.
     Crowd metronome(place_, "metronome", 1, 1h);
@@ -71,8 +72,7 @@ void Chaos::judgeEntries(Verdicts& verdicts) {
 bool Chaos::isSingleKept(Single& single, const std::set<std::string>& entries) {
     Announcer& announcer = *single.announcer();
     const auto held = announcer.held();
-    if (held.empty() || announcer.log().ignored() > 0 ||
-        !announcer.log().endedByWithdrawal().empty()) {
+    if (held.empty() || announcer.log().hasEnd()) {
         return true;
     }
     const std::string uuid = held.begin()->second->getId();
@@ -101,6 +101,8 @@ void Chaos::judgeSingles(Verdict& verdict, Traffic::Time mark, const std::vector
         if (hadEnded[i]) {
             ++ended;
             verdict.require(!isChecked, name + ": is checked though its check has ended");
+        } else if (!isChecked && log.hasEnd()) {
+            ++ended;  // since the mark
         } else if (!isChecked && singles_[i]->service().mayHaveLostItsCheck(uuid)) {
             ++silent;
         } else {
