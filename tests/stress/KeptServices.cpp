@@ -154,7 +154,7 @@ class KeptServices::Member final : public Unit {
 
 KeptServices::KeptServices(Place& place, const std::string& name, int services,
                            const Announcer::Options& options)
-    : place_(place), announcer_(place.ledger, options) {
+    : place_(place), owner_('/' + name), announcer_(place.ledger, options) {
     for (int i = 0; i < services; ++i) {
         services_.emplace_back(place, name + std::to_string(i));
     }
@@ -190,6 +190,7 @@ void KeptServices::restart(milliseconds pause) {
     place_.noteStop(announcer_.pause());
     Pace().wait(pause);
     announcer_.resume();
+    place_.traffic.expectChecks(owner_);
 }
 
 }  // namespace orvx::stress

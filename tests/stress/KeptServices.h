@@ -78,6 +78,7 @@ class KeptServices {
     void withdrawAll();
 
     Place& place_;
+    const std::string owner_;  // the paths of the services without their numbers
     Announcer announcer_;
     std::deque<KeptService> services_;
     // Taken exclusively by operations on all services, so that no other thread calls the client

@@ -231,7 +231,7 @@ void ResilientChaos::judgeStop(Verdicts& verdicts) {
 void ResilientChaos::judgeRequests(Verdicts& verdicts) {
     Verdict& verdict = verdicts.add("p4 requests are bounded");
     const auto puts = place_.traffic.puts(2);
-    const auto checks = place_.traffic.checks(4);
+    const auto checks = place_.traffic.checksAndRecoveries();
     verdict.figures << "in one second at most " << puts.most << " PUT of a service, " << checks.most
                     << " HEAD of an entry; " << place_.traffic.deletes() << " DELETE for "
                     << place_.withdrawals << " withdrawals";

@@ -55,6 +55,27 @@ bool isWellFormed(const Request& request) {
            (request.method == "HEAD" || (request.method == "DELETE" && isJson));
 }
 
+/// Whether the header of the answer is complete.
+bool isHeader(const std::string& answer) {
+    return answer.find("\r\n\r\n") != std::string::npos;
+}
+
+/// The entry that the answer to a PUT names; empty if it names none.
+std::string locationIn(const std::string& answer) {
+    constexpr std::string_view kName = "\r\nLocation: ";
+    const std::size_t name = answer.find(kName);
+    if (name == std::string::npos) {
+        return "";
+    }
+    const std::size_t begin = name + kName.size();
+    return answer.substr(begin, answer.find("\r\n", begin) - begin);
+}
+
+/// The path without the number at its end.
+std::string ownerOf(const std::string& path) {
+    return path.substr(0, path.find_last_not_of("0123456789") + 1);
+}
+
 /// Whether these bytes may be the beginning of a request.
 bool mayBecomeRequest(const std::string& bytes) {
     const auto begins = [&bytes](const std::string& text) {
@@ -93,7 +114,7 @@ class Traffic::Tap final : public ITap {
             ++requests_;
             method_ = request->method;
             target_ = request->target;
-            status_.clear();
+            answer_.clear();
             traffic_.note(*this, *request);
         }
     }
@@ -101,11 +122,16 @@ class Traffic::Tap final : public ITap {
     void sentByServer(std::string_view bytes) override {
         traffic_.noteAnswer(*this);
         constexpr std::string_view kMissing = "HTTP/1.1 404";
-        if (status_.size() < kMissing.size()) {
-            status_ += bytes.substr(0, kMissing.size() - status_.size());
-            if (status_ == kMissing) {
-                traffic_.noteMissing(method_, target_);
-            }
+        if (isHeader(answer_)) {
+            return;
+        }
+        const bool hadStatus = answer_.size() >= kMissing.size();
+        answer_ += bytes;
+        if (!hadStatus && answer_.compare(0, kMissing.size(), kMissing) == 0) {
+            traffic_.noteMissing(method_, target_);
+        }
+        if (method_ == "PUT" && isHeader(answer_)) {
+            traffic_.noteEntry(target_, locationIn(answer_));
         }
     }
 
@@ -127,7 +153,8 @@ class Traffic::Tap final : public ITap {
     std::size_t requests_ = 0;
     std::string method_;
     std::string target_;
-    std::string status_;
+    /// From its begin, at least up to the end of its header.
+    std::string answer_;
 };
 
 FaultProxy::TapMaker Traffic::tapMaker() {
@@ -137,6 +164,11 @@ FaultProxy::TapMaker Traffic::tapMaker() {
 void Traffic::expectPuts(const std::string& path) {
     const MutexLock lock(mutex_);
     ++methods_["PUT"][path].seconds[secondOf(now_())].registrations;
+}
+
+void Traffic::expectChecks(const std::string& owner) {
+    const MutexLock lock(mutex_);
+    ++starts_[owner][secondOf(now_())].starts;
 }
 
 void Traffic::note(const Tap& tap, const Request& request) {
@@ -185,6 +217,11 @@ void Traffic::noteMalformed(std::string what) {
 void Traffic::noteMissing(const std::string& method, const std::string& target) {
     const MutexLock lock(mutex_);
     methods_[method][target].missing.push_back(now_());
+}
+
+void Traffic::noteEntry(const std::string& path, const std::string& target) {
+    const MutexLock lock(mutex_);
+    paths_[target] = path;
 }
 
 void Traffic::allowResend(const std::string& method, const std::string& target) {
@@ -245,6 +282,19 @@ bool Traffic::cameLate(const std::string& path, const std::string& description) 
     return late_.count({path, description}) != 0;
 }
 
+/// The sum of this second and the ones before and after it.
+Traffic::Second Traffic::around(const Seconds& seconds, std::int64_t second) {
+    Second sum;
+    for (auto near = seconds.lower_bound(second - 1);
+         near != seconds.end() && near->first <= second + 1; ++near) {
+        sum.requests += near->second.requests;
+        sum.resends += near->second.resends;
+        sum.registrations += near->second.registrations;
+        sum.starts += near->second.starts;
+    }
+    return sum;
+}
+
 template <typename Allowed>
 Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) const {
     const MutexLock lock(mutex_);
@@ -255,14 +305,7 @@ Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) c
     }
     for (const auto& [name, target] : found->second) {
         for (const auto& [second, counts] : target.seconds) {
-            Second around;  // the permitted causes of this second's requests
-            for (auto near = target.seconds.lower_bound(second - 1);
-                 near != target.seconds.end() && near->first <= second + 1; ++near) {
-                around.resends += near->second.resends;
-                around.registrations += near->second.registrations;
-            }
-            load.most = std::max(load.most, counts.requests);
-            load.tooMany += counts.requests > allowed(around) ? 1 : 0;
+            load.add(counts.requests, allowed(around(target.seconds, second)));
         }
     }
     return load;
@@ -273,15 +316,47 @@ Traffic::Load Traffic::load(const std::string& method, const Allowed& allowed) c
 // which are 20 ms apart, end after 4. A registration that replaces it in the same second has as
 // many again.
 Traffic::Load Traffic::puts(std::size_t rows) const {
-    return load("PUT", [rows](const Second& around) {
-        return 10 * (rows + around.registrations) + around.resends;
+    return load("PUT", [rows](const Second& near) {
+        return 10 * (rows + near.registrations) + near.resends;
     });
 }
 
 // The next check begins one interval, 1 s, after the answer to the previous one: there is one in a
 // second, or two if their delays on the way differ.
-Traffic::Load Traffic::checks(std::size_t most) const {
-    return load("HEAD", [most](const Second& around) { return most + around.resends; });
+Traffic::Load Traffic::checks() const {
+    return load("HEAD", [](const Second& near) { return 2 + near.resends; });
+}
+
+Traffic::Load Traffic::checksAndRecoveries() const {
+    const MutexLock lock(mutex_);
+    Load load;
+    const auto found = methods_.find("HEAD");
+    if (found != methods_.end()) {
+        for (const auto& [entry, target] : found->second) {
+            for (const auto& [second, counts] : target.seconds) {
+                load.add(counts.requests,
+                         allowedChecks(entry, second) + around(target.seconds, second).resends);
+            }
+        }
+    }
+    return load;
+}
+
+// A recovery makes the next check due earlier, and the next recovery comes a second later at the
+// earliest. A start of the client does so, too, at any time. A PUT begins a new sequence of checks.
+std::size_t Traffic::allowedChecks(const std::string& entry, std::int64_t second) const {
+    std::size_t allowed = 3;
+    const auto path = paths_.find(entry);
+    if (path == paths_.end()) {
+        return allowed;
+    }
+    const Target& puts = methods_.at("PUT").at(path->second);
+    allowed += around(puts.seconds, second).requests > 0 ? 1 : 0;
+    const auto starts = starts_.find(ownerOf(path->second));
+    if (starts != starts_.end()) {
+        allowed += around(starts->second, second).starts;
+    }
+    return allowed;
 }
 
 std::size_t Traffic::deletes() const {

@@ -2,6 +2,7 @@
 
 #include <orvx/utility/Mutex.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +32,9 @@ class Traffic {
 
     /// A user has called an operation that needs a PUT to this path.
     void expectPuts(const std::string& path) ORVX_EXCLUDES(mutex_);
+    /// A client with resilience has started again: it checks all its entries. Its paths are `owner`
+    /// and a number.
+    void expectChecks(const std::string& owner) ORVX_EXCLUDES(mutex_);
 
     std::size_t requests() const ORVX_EXCLUDES(mutex_);
     /// Requests that this client must not send, with the reason.
@@ -51,12 +55,18 @@ class Traffic {
     struct Load {
         std::size_t most = 0;
         std::size_t tooMany = 0;
+
+        void add(std::size_t requests, std::size_t allowed) {
+            most = std::max(most, requests);
+            tooMany += requests > allowed ? 1 : 0;
+        }
     };
     /// `rows` is the permitted number of sequences of attempts with a back-off, in addition to the
     /// requests of users.
     Load puts(std::size_t rows = 1) const ORVX_EXCLUDES(mutex_);
-    /// `most` is the permitted number for an entry in a second.
-    Load checks(std::size_t most = 2) const ORVX_EXCLUDES(mutex_);
+    Load checks() const ORVX_EXCLUDES(mutex_);
+    /// With resilience.
+    Load checksAndRecoveries() const ORVX_EXCLUDES(mutex_);
     std::size_t deletes() const ORVX_EXCLUDES(mutex_);
     /// The number of requests with this method that an HTTP client may have repeated.
     std::size_t resends(const std::string& method) const ORVX_EXCLUDES(mutex_);
@@ -68,9 +78,11 @@ class Traffic {
         std::size_t requests = 0;
         std::size_t resends = 0;
         std::size_t registrations = 0;
+        std::size_t starts = 0;
     };
+    using Seconds = std::map<std::int64_t, Second>;
     struct Target {
-        std::map<std::int64_t, Second> seconds;
+        Seconds seconds;
         std::vector<Time> requests;
         std::vector<Time> missing;
     };
@@ -80,13 +92,21 @@ class Traffic {
     void noteArrival(const testing::Request& put, bool isLate) ORVX_EXCLUDES(mutex_);
     void noteMalformed(std::string what) ORVX_EXCLUDES(mutex_);
     void noteMissing(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
+    void noteEntry(const std::string& path, const std::string& target) ORVX_EXCLUDES(mutex_);
     void allowResend(const std::string& method, const std::string& target) ORVX_EXCLUDES(mutex_);
+    std::size_t allowedChecks(const std::string& entry, std::int64_t second) const
+        ORVX_REQUIRES(mutex_);
+    static Second around(const Seconds& seconds, std::int64_t second);
     template <typename Allowed>
     Load load(const std::string& method, const Allowed& allowed) const ORVX_EXCLUDES(mutex_);
 
     const std::function<Time()> now_;
     mutable utility::Mutex mutex_;
     std::map<std::string, std::map<std::string, Target>> methods_ ORVX_GUARDED_BY(mutex_);
+    /// The path of each entry, by the target of its checks.
+    std::map<std::string, std::string> paths_ ORVX_GUARDED_BY(mutex_);
+    /// The starts of clients by owner.
+    std::map<std::string, Seconds> starts_ ORVX_GUARDED_BY(mutex_);
     std::vector<std::string> malformed_ ORVX_GUARDED_BY(mutex_);
     /// The begins of the checks that are not answered.
     std::map<const Tap*, Time> unanswered_ ORVX_GUARDED_BY(mutex_);

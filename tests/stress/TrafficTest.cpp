@@ -22,7 +22,21 @@ class TheTraffic : public ::testing::Test {
     static void check(ITap& tap) {
         tap.sentByClient("HEAD /" + kUuid + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
     }
+    /// Announces the entry at the path.
+    static void put(ITap& tap, const std::string& path) {
+        tap.sentByClient("PUT " + path +
+                         " HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n");
+        tap.sentByServer("HTTP/1.1 201 Created\r\nLoca");
+        tap.sentByServer("tion: /" + kUuid + "\r\nContent-Length: 0\r\n\r\n");
+    }
     static void answer(ITap& tap) { tap.sentByServer("HTTP/1.1 200 OK\r\n\r\n"); }
+    void checkTimes(ITap& tap, int count) {
+        for (int i = 0; i < count; ++i) {
+            check(tap);
+            pass(10);
+            answer(tap);
+        }
+    }
     void pass(int count) { now += milliseconds(count); }
 
     Traffic::Time now{std::chrono::seconds(1000)};
@@ -78,6 +92,52 @@ TEST_F(TheTraffic, CountsACheckWhoseConnectionEnds) {
     pass(10);
     EXPECT_EQ(traffic.longestCheck(now - milliseconds(20)), milliseconds(70));
     EXPECT_EQ(traffic.longestCheck(now), milliseconds(0));
+}
+
+TEST_F(TheTraffic, AllowsTwoChecksInASecondAndAThirdAfterARecovery) {
+    const auto tap = connection();
+    put(*tap, "/kept7");
+    pass(2000);
+    checkTimes(*tap, 3);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 0U);
+    EXPECT_EQ(traffic.checks().tooMany, 1U);
+    checkTimes(*tap, 1);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 1U);
+    EXPECT_EQ(traffic.checksAndRecoveries().most, 4U);
+}
+
+TEST_F(TheTraffic, AllowsACheckMoreForEachStartOfTheClient) {
+    const auto tap = connection();
+    put(*tap, "/kept7");
+    pass(2000);
+    traffic.expectChecks("/kept");
+    traffic.expectChecks("/kept");
+    traffic.expectChecks("/hasty");
+    pass(1000);
+    checkTimes(*tap, 5);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 0U);
+    checkTimes(*tap, 1);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 1U);
+}
+
+TEST_F(TheTraffic, AllowsNoCheckForAStartLongBefore) {
+    const auto tap = connection();
+    put(*tap, "/kept7");
+    traffic.expectChecks("/kept");
+    pass(2000);
+    checkTimes(*tap, 4);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 1U);
+}
+
+TEST_F(TheTraffic, AllowsACheckMoreAfterPuts) {
+    const auto tap = connection();
+    put(*tap, "/kept7");
+    put(*tap, "/kept7");
+    pass(1000);
+    checkTimes(*tap, 4);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 0U);
+    checkTimes(*tap, 1);
+    EXPECT_EQ(traffic.checksAndRecoveries().tooMany, 1U);
 }
 
 }  // namespace
