@@ -210,7 +210,8 @@ TEST_F(TheEngine, FailsToConnectWithoutAFreeDescriptorAndWorksOnWithOne) {
 }
 
 TEST_F(TheEngine, LetsTheKernelEndAConnectionWhosePeerIsGoneAfterHalfAMinute) {
-    put(session());
+    const SessionPointer kept = session();
+    put(kept);
     const auto optionsAt = [](int descriptor) {
         std::vector<int> values;
         for (const auto& [level, name] :
