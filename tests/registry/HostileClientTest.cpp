@@ -334,6 +334,20 @@ TEST(AHostileClient, IsNotDroppedForOthersWhileItIsServed) {
     EXPECT_EQ(used.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
 }
 
+TEST(AHostileClient, IsDroppedBeforeAnIdleOneAfterAHeaderThatIsTooLong) {
+    RegistryOptions options;
+    options.maxConnections = 2;
+    options.farewellTimeout = 1min;
+    const RunningRegistry registry(options);
+    RawConnection hostile = registry.connect();
+    RawConnection idle = registry.connect();
+    EXPECT_EQ(idle.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+    EXPECT_EQ(hostile.ask("GET / HTTP/1.1\r\nA: " + std::string(10'000, 'x') + "\r\n\r\n").result(),
+              http::status::request_header_fields_too_large);
+    expectServed(registry.port());
+    EXPECT_EQ(idle.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
+}
+
 /// Limits the process to that number of free file descriptors.
 void allowMoreFiles(pid_t pid, int more) {
     const std::string folder = "/proc/" + std::to_string(pid) + "/fd/";
