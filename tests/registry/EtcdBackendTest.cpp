@@ -885,6 +885,25 @@ TEST(AnEtcdBackend, EndsAlthoughItsNextWriteIsDueWhenItIsStopped) {
     EXPECT_TRUE(context.stopped());
 }
 
+TEST(AnEtcdBackend, LooksForALimitedNumberOfEntriesAtOnce) {
+    asio::io_context context;  // does not run, so no look-up ends
+    EntryStore store;
+    EtcdBackend backend(context, optionsOf({"http://127.0.0.1:1"}), kPrefix, store, [] {});
+    using Presence = EntryBackend::Presence;
+    std::vector<Presence> answers;
+    const auto find = [&](int number) {
+        backend.find(uuidOf(number),
+                     [&](Presence presence, const Entry*) { answers.push_back(presence); });
+    };
+    for (int number = 1; number <= 1'000; ++number) {
+        find(number);
+    }
+    find(1'000);  // shares the look-up
+    EXPECT_THAT(answers, IsEmpty());
+    find(1'001);
+    EXPECT_THAT(answers, ElementsAre(Presence::Unknown));
+}
+
 TEST(AnEtcdBackend, PassesOnAPutThatIsAnsweredDuringItsLastWrite) {
     FakeEtcd etcd;
     const auto holding = [&etcd](const std::string& call) {
