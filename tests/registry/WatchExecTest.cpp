@@ -203,8 +203,14 @@ TEST(AWatchThatIsRefused, ReportsTheRefusalOnceAndRetriesAtGrowingIntervals) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
     server.answer("HTTP/1.1 200 OK\r\n\r\nevent: removed\nid: 1-2\ndata: {\"uuid\":\"end\"}\n\n");
     watch.awaitOutput("end");
+    // An event ends the series of refusals: the pause is one second again, not eight.
+    server.answer(refusal);
+    const auto again = std::chrono::steady_clock::now();
+    server.answer(refusal);
+    EXPECT_LT(std::chrono::steady_clock::now() - again, std::chrono::seconds(5));
     watch.signal(SIGTERM);
-    EXPECT_EQ(watch.wait().errors, "orvx-registry: the registry answers 401\n");
+    EXPECT_EQ(watch.wait().errors,
+              "orvx-registry: the registry answers 401\norvx-registry: the registry answers 401\n");
 }
 
 TEST(AWatchWithAnEventThatIsNotAsExpected, ReportsItAndReadsTheListAgain) {
