@@ -25,6 +25,7 @@ IOrvServiceRegistryClient::UnregisterHandle OrvServiceRegistryClient::BasicUpkee
     ResponseCallback callback) {
     if (client_.isEnding) {
         refuseLater(std::move(callback));
+        const utility::MutexLock lock(client_.mutex);
         return client_.handleOfRefusedService(request->serviceCreate->getName());
     }
     UnregisterHandle handle;

@@ -74,7 +74,7 @@ OrvServiceRegistryClient::ResilientUpkeep::registerAllAndWait(const common::Serv
                                                               const ServiceSet& services) {
     std::pair<bool, SyncServiceResponses> result(true, {});
     Outcome::ErrorCode reason = Outcome::NONE;
-    const auto reference = client_.reference;
+    const auto holder = client_.reference;
     const auto wait = services.empty() ? nullptr : beginWait(reason);
     const Milliseconds timeout = client_.context.getSyncCallRegistryTimeout();
     for (const auto& service : services) {
@@ -91,7 +91,7 @@ OrvServiceRegistryClient::ResilientUpkeep::registerAllAndWait(const common::Serv
         result.second[service].unregister = [] {
             return Outcome(Outcome::ERROR, Outcome::DELEGATOR_NOT_INITIATED);
         };
-        reference->call([&](OrvServiceRegistryClient& client) {
+        holder->call([&](OrvServiceRegistryClient& client) {
             UnregisterHandle handle = client.registerServiceAtRegistry(
                 registry, service,
                 [wait, service](Outcome response) { wait->answer(service, std::move(response)); });
@@ -110,7 +110,7 @@ std::pair<bool, OrvServiceRegistryClient::Upkeep::ServiceResponses>
 OrvServiceRegistryClient::ResilientUpkeep::withdrawAllAndWait() {
     std::pair<bool, ServiceResponses> result(true, {});
     Outcome::ErrorCode reason = Outcome::NONE;
-    const auto reference = client_.reference;
+    const auto holder = client_.reference;
     const auto services = descriptions();
     const auto wait = services.empty() ? nullptr : beginWait(reason);
     const Milliseconds timeout = client_.syncCallUnregisterTimeout;
@@ -125,7 +125,7 @@ OrvServiceRegistryClient::ResilientUpkeep::withdrawAllAndWait() {
         return result;
     }
     for (const auto& [id, service] : services) {
-        reference->call([&, id = id, &service = service](OrvServiceRegistryClient&) {
+        holder->call([&, id = id, &service = service](OrvServiceRegistryClient&) {
             withdraw(id, [wait, service](Outcome response) {
                 wait->answer(service, std::move(response));
             });
