@@ -56,6 +56,7 @@ class Request:
     status: int
     uuid: str = ""  # in the answer to a PUT
     direct: bool = False  # sent to a replica, not through the load balancer
+    server: str = ""  # to which the load balancer sent it
 
 
 @dataclasses.dataclass
@@ -147,6 +148,12 @@ class Life:
 
     def begin(self):
         return self.renewals[0].begin
+
+    def before(self, request):
+        """The last requests before this one, with their times before it."""
+        earlier = [other for other in self.attempts if other.begin < request.begin][-5:]
+        return "".join(f"\n  {request.begin - other.begin} to {request.begin - other.end} ms before it: {other.method} "
+                       f"{other.status} {other.server}" for other in earlier)
 
     def overlaps(self, other):
         """Two PUTs at the same time, of entries that were not withdrawn meanwhile, had different uuids."""
@@ -240,7 +247,8 @@ class Checker:
             if request.status in NO_ENTRY and life and life.must_live(request.begin, request.end, self.ttl):
                 last = life.last_renewal(request.begin)
                 broken.append(f"{at(request.begin)} {request.method} {life.path} {request.path[1:]}: {request.status} "
-                              f"{request.end - last} ms after its renewal{self.during(request.begin)}")
+                              f"{request.end - last} ms after its renewal{self.during(request.begin)}"
+                              f"{life.before(request)}")
         return Verdict("false 404s", f"{len(requests)} checks and withdrawals", broken)
 
     def lost(self):
@@ -475,7 +483,7 @@ def read(folder):
             if str(line["begin"]).isdigit():  # haproxy has read a complete request
                 history.requests.append(Request(int(line["begin"]), int(line["end"]), line["method"], line["path"],
                                                 int(line["status"]), line["location"].rpartition("/")[2],
-                                                name == "race"))
+                                                name == "race", line.get("server", "")))
     history.events = read_events(folder)
     history.stalls = [Stall(**line) for line in read_lines(folder / "stalls.log")]
     for line in read_lines(folder / "samples.log"):

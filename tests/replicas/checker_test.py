@@ -69,6 +69,11 @@ class AHistory(Judged):
 
 
 class AFalse404(Judged):
+    def testIsReportedWithTheRequestsBeforeIt(self):
+        self.request(8900, "HEAD", "/u", 404)
+        line, = (line for verdict in Checker(self.history).judge() for line in verdict.broken)
+        self.assertIn("\n  7900 to 7890 ms before it: PUT 201 \n  5900 to 5890 ms before it: HEAD 200 ", line)
+
     def testIsOneWithinTheTtlOfACheck(self):
         self.request(8900, "HEAD", "/u", 404)
         self.assert_broken("false 404s")
