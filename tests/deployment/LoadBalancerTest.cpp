@@ -93,17 +93,19 @@ TEST_F(TheLoadBalancer, SendsRequestsToAnnouncedServicesOnly) {
     const Backend one("one");
     const Backend two("two");
     expectAnswersOf({"503"});
-    std::vector<Clock::duration> times;
-    const auto withdrawOne = announce(one);
-    times.push_back(expectAnswersOf({"one"}));
-    const auto withdrawTwo = announce(two);
-    times.push_back(expectAnswersOf({"one", "two"}));
-    withdrawOne();
-    times.push_back(expectAnswersOf({"two"}));
-    withdrawTwo();
-    times.push_back(expectAnswersOf({"503"}));
-    // The shortest, because the script may be late on a busy machine.
-    EXPECT_LT(*std::min_element(times.begin(), times.end()), 1s);
+    // Tried again, because the script may be late on a busy machine.
+    auto shortest = Clock::duration::max();
+    for (int round = 0; round < 10 && shortest >= 1s; ++round) {
+        const auto withdrawOne = announce(one);
+        shortest = std::min(shortest, expectAnswersOf({"one"}));
+        const auto withdrawTwo = announce(two);
+        shortest = std::min(shortest, expectAnswersOf({"one", "two"}));
+        withdrawOne();
+        shortest = std::min(shortest, expectAnswersOf({"two"}));
+        withdrawTwo();
+        shortest = std::min(shortest, expectAnswersOf({"503"}));
+    }
+    EXPECT_LT(shortest, 1s);
 }
 
 TEST_F(TheLoadBalancer, KnowsItsServicesAfterAReload) {
