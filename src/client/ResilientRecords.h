@@ -52,8 +52,8 @@ struct OrvServiceRegistryClient::ResilientUpkeep::Entry : std::enable_shared_fro
     std::uint32_t number ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = 0;
     Known known ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Known::Absent;
     Request outstanding ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = Request::None;
-    /// Set if another path turned out to lead to this entry while a PUT or DELETE was outstanding:
-    /// the registry may have processed a PUT of the other path after it.
+    /// Set if another path has turned out to lead to this entry since the last request was sent:
+    /// the registry may have processed a PUT of the other path after that request.
     bool isOrderUnknown ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
     /// Whether other paths lead to this entry, too.
     bool isMerged ORVX_GUARDED_BY(ORVX_CLIENT_LOCK) = false;
