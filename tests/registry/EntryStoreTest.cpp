@@ -10,6 +10,8 @@
 #include <set>
 #include <string>
 
+#include "AdoptedEntry.h"
+
 namespace orvx::registry {
 namespace {
 
@@ -59,17 +61,9 @@ TEST(TheEntryStore, MovesAnEntryThatAnotherProcessKeepsToItsNewPath) {
 
 TEST(TheEntryStore, MovesAnEntryThatAnotherProcessHasCreatedAgainToItsNewPlace) {
     EntryStore store;
-    const auto adopt = [&store](const std::string& uuid, std::uint64_t number) {
-        Entry entry;
-        entry.uuid = uuid;
-        entry.number = number;
-        entry.path = '/' + uuid;
-        entry.service = "{}";
-        store.adopt(entry);
-    };
-    adopt("a", 1);
-    adopt("b", 2);
-    adopt("a", 3);
+    adopt(store, "a", 1);
+    adopt(store, "b", 2);
+    adopt(store, "a", 3);
     EXPECT_EQ(store.entries().size(), 2U);
     EXPECT_EQ(store.find("a")->number, 3U);
     EXPECT_EQ(store.entryFrom(0, ""), store.find("b"));

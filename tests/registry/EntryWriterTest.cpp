@@ -11,6 +11,8 @@
 #include <random>
 #include <string>
 
+#include "AdoptedEntry.h"
+
 namespace orvx::registry {
 namespace {
 
@@ -55,19 +57,11 @@ TEST(TheEntryWriter, WritesTheListInTheOrderOfCreation) {
 
 TEST(TheEntryWriter, WritesEntriesWithEqualNumbersOnOnePage) {
     EntryStore store;
-    const auto adopt = [&store](const std::string& uuid, std::uint64_t number) {
-        Entry entry;
-        entry.uuid = uuid;
-        entry.number = number;
-        entry.path = '/' + uuid;
-        entry.service = "{}";
-        store.adopt(std::move(entry));
-    };
     for (const char* const uuid : {"c", "a", "b"}) {
-        adopt(uuid, 2);
+        adopt(store, uuid, 2);
     }
-    adopt("d", 1);
-    adopt("e", 3);
+    adopt(store, "d", 1);
+    adopt(store, "e", 3);
     const auto uuids = [&store](std::optional<std::size_t> limit, std::uint64_t after) {
         ListQuery query;
         query.limit = limit;

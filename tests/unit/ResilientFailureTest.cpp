@@ -29,6 +29,14 @@ class APassingFailure : public ResilientTest {
             step = std::min(2 * step, Milliseconds(8000));
         }
     }
+    /// Fails the PUT of a registration without retries, which is answered with the error.
+    void failFirst(CommunicationStatus status) {
+        registerService("echo");
+        waitFor("PUT");
+        fail(status);
+        EXPECT_THAT(takeOutcomes(),
+                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+    }
 };
 
 TEST_F(APassingFailure, IsTriedAgainByTheBackOffWhetherSilenceOrRefusal) {
@@ -129,11 +137,7 @@ TEST_F(APassingFailure, EndsAFirstRegistrationWithoutRetries) {
     for (const auto status :
          {CommunicationStatus::ConnectFailed, CommunicationStatus::ResolveFailed}) {
         SCOPED_TRACE(static_cast<int>(status));
-        registerService("echo");
-        waitFor("PUT");
-        fail(status);
-        EXPECT_THAT(takeOutcomes(),
-                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+        failFirst(status);
         EXPECT_THAT(context.getRegistrations(), IsEmpty());
         expectNothingFor(std::chrono::hours(1));
     }
@@ -145,11 +149,7 @@ TEST_F(APassingFailure, IsTriedAgainWithoutRetriesIfThePutMayHaveArrived) {
     start();
     for (const auto status : {CommunicationStatus::TimedOut, CommunicationStatus::TlsFailed}) {
         SCOPED_TRACE(static_cast<int>(status));
-        registerService("echo");
-        waitFor("PUT");
-        fail(status);
-        EXPECT_THAT(takeOutcomes(),
-                    ElementsAre(Outcome{"echo", "ERROR", "SERVICE_REGISTRY_ERROR", 0}));
+        failFirst(status);
         EXPECT_EQ(state(), "withdrawing");
         waitFor("PUT");
         fail(status);
