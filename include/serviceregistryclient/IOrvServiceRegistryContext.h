@@ -44,7 +44,8 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     /// Whether there is a client: after init(), before deinit().
     virtual bool isInitiated() = 0;
 
-    /// The client, owned by the context and valid until deinit().
+    /// The client, owned by the context and valid until deinit(). Callbacks may call this function,
+    /// also while another thread is inside deinit().
     /// Throws utility::OrvFoundationException before init().
     virtual IOrvServiceRegistryClient* getServiceRegistryClient() = 0;
 

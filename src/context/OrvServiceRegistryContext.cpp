@@ -94,9 +94,9 @@ struct OrvServiceRegistryContext::Data {
     std::chrono::seconds checkInterval{10};
     std::chrono::milliseconds retryInterval{500};
     std::unique_ptr<IOrvServiceRegistryClient> client;
-    /// The client while deinit() destroys it, which may call callbacks. Null otherwise, and if a
-    /// callback has called deinit().
-    IOrvServiceRegistryClient* endingClient = nullptr;
+    /// The client, also while it is being destroyed, which may call callbacks; null if a callback
+    /// has called deinit(). Atomic, because callbacks read it meanwhile.
+    std::atomic<IOrvServiceRegistryClient*> current{nullptr};
     std::shared_ptr<ILoggerFactory> loggerFactory;
     std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
     /// Atomic, because getRegistrations() reads it from any thread.
@@ -162,6 +162,7 @@ void OrvServiceRegistryContext::init() {
     }
     data_->client = data_->clientFactory->createOrvServiceRegistryClient(data_->loggerFactory,
                                                                          data_->registerWithPrefix);
+    data_->current = data_->client.get();
     data_->mark.set();
     data_->initiated = true;
 }
@@ -176,12 +177,12 @@ void OrvServiceRegistryContext::deinit() {
     }
     auto client = std::move(data_->client);
     IOrvServiceRegistryClient* const ending = client.get();
-    data_->endingClient = ending;
+    data_->current = ending;
     data_->clientIsTaken();
     client.reset();
     // A callback may have called this function, and init() after it.
-    if (data_->endingClient == ending) {
-        data_->endingClient = nullptr;
+    if (data_->current == ending) {
+        data_->current = nullptr;
         data_->initiated = false;
     }
     if (isOutermost) {
@@ -195,7 +196,7 @@ bool OrvServiceRegistryContext::isInitiated() {
 
 IOrvServiceRegistryClient* OrvServiceRegistryContext::getServiceRegistryClient() {
     data_->refuseBeforeInit("Cannot get ServiceRegistryDelegator before init");
-    return data_->client ? data_->client.get() : data_->endingClient;
+    return data_->current;
 }
 
 void OrvServiceRegistryContext::enableRetry(bool enable) {

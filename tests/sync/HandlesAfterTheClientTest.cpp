@@ -4,6 +4,8 @@
 
 #include "HostileServer.h"
 
+#include <orvx/utility/OrvFoundationException.h>
+
 #include <atomic>
 #include <future>
 #include <thread>
@@ -54,6 +56,27 @@ TEST_F(TheEndOfTheClient, IsTheAnswerToEveryLaterBlockingWithdrawal) {
     for (const auto& [model, entry] : set.second) {
         EXPECT_EQ(entry.unregister().errorCode, kGone);
     }
+}
+
+// Callbacks that get the client from the context run until deinit() returns.
+TEST_F(TheEndOfTheClient, MayRaceWithCallsThatGetTheClient) {
+    start();
+    const IOrvServiceRegistryClient* const only = context.getServiceRegistryClient();
+    std::atomic<bool> hasBegun{false};
+    const auto get = std::async(std::launch::async, [&] {
+        while (context.isInitiated()) {
+            try {
+                const auto* const got = context.getServiceRegistryClient();
+                EXPECT_TRUE(got == only || got == nullptr);
+            } catch (const utility::OrvFoundationException&) {
+            }
+            hasBegun = true;
+        }
+    });
+    while (!hasBegun) {
+        std::this_thread::yield();
+    }
+    context.deinit();
 }
 
 TEST_F(TheEndOfTheClient, MayRaceWithCallsOfItsHandles) {
