@@ -10,7 +10,9 @@ namespace orvx::serviceregistryclient {
 
 /// Makes the client of a context. Implement it to use a client of your own, usually one that
 /// contains the library's client, made by an OrvServiceRegistryClientFactory, and forwards the
-/// operations. The class of the library's client is internal: it cannot be derived from.
+/// operations. Declare the library's client as the last member of yours: its destructor calls
+/// callbacks, which may get your client from the context. The class of the library's client is
+/// internal: it cannot be derived from.
 /// Called by OrvServiceRegistryContext::init(), on the thread that calls init().
 class ORVX_EXPORT IOrvServiceRegistryClientFactory {
   public:

@@ -18,7 +18,9 @@ class IOrvServiceRegistryClient;
 /// again. Getters may be called at any time.
 ///
 /// Thread-safety: none; a context is configured, initialised and de-initialised by one thread at a
-/// time. The client that it returns is thread-safe.
+/// time. The client that it returns is thread-safe. Callbacks may call getters and isInitiated()
+/// also while another thread ends or destroys the context. While the context is being destroyed,
+/// getLoggerFactory() and getOrvServiceRegistryClientFactory() return null.
 /// The order of the virtual operations is part of the binary interface.
 class ORVX_EXPORT IOrvServiceRegistryContext {
   public:
@@ -37,16 +39,17 @@ class ORVX_EXPORT IOrvServiceRegistryContext {
     /// and nothing is withdrawn at the registry; OrvServiceRegistryContext::setWithdrawAtDeinit()
     /// and enableResilience() change this. When deinit() returns, no callback runs any more; it
     /// takes at most a second longer than a callback that is running. From inside a callback it
-    /// does not wait for that callback. Does nothing before init(). In a forked child it does
-    /// nothing and leaks the client.
+    /// does not wait for that callback. A second call, during or after that one, returns at once,
+    /// also while the callback runs; only the destructor waits until the callback has left
+    /// deinit(). Does nothing before init(). In a forked child it does nothing and leaks the
+    /// client.
     virtual void deinit() = 0;
 
     /// Whether there is a client: after init(), before deinit().
     virtual bool isInitiated() = 0;
 
-    /// The client, owned by the context and valid until deinit(). Callbacks may call this function,
-    /// also while another thread is inside deinit().
-    /// Throws utility::OrvFoundationException before init().
+    /// The client, owned by the context and valid until deinit(). Throws
+    /// utility::OrvFoundationException before init().
     virtual IOrvServiceRegistryClient* getServiceRegistryClient() = 0;
 
     /// Whether a registration is retried if it got no answer. Default: true.

@@ -32,7 +32,6 @@ OrvServiceRegistryClient::OrvServiceRegistryClient(std::shared_ptr<utility::ILog
     : context(owner),
       registerWithPrefix(withPrefix),
       syncCallUnregisterTimeout(owner.getSyncCallUnregisterTimeout()),
-      statusCodesForRetry(owner.getHttpStatusCodesForRetry()),
       callbackExecutor(kCallbackThread, {}),
       mapRegistryCallback(std::make_unique<RegistrationTable>()),
       registrationListener(shared(owner.getRegistrationListener())),

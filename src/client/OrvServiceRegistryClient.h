@@ -20,7 +20,6 @@
 #include <future>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -298,11 +297,9 @@ class OrvServiceRegistryClient : public IOrvServiceRegistryClient {
 
     std::uint64_t lastRequestId ORVX_GUARDED_BY(mutex) = 0;
 
-    // Constant after construction, or safe by themselves. The status codes are the client's own
-    // copy, because its context destroys its set while answers may still arrive.
+    // Constant after construction, or safe by themselves.
     const bool registerWithPrefix;
     const std::chrono::milliseconds syncCallUnregisterTimeout;
-    const std::set<communication::HttpResponse::StatusCode> statusCodesForRetry;
     utility::SingleThreadAsyncTaskExecutor callbackExecutor;
     utility::QueuedTimer timer;
 

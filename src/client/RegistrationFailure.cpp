@@ -100,7 +100,7 @@ bool OrvServiceRegistryClient::isRetryable(const HttpResponse& response) const {
     const auto status = static_cast<std::int32_t>(response.getStatusCode());
     if (communicationStatus == CommunicationStatus::Ok &&
         (!context.isRetryOnHttpStatusEnabled() ||
-         statusCodesForRetry.count(response.getStatusCode()) == 0)) {
+         context.getHttpStatusCodesForRetry().count(response.getStatusCode()) == 0)) {
         logger->logWarning(false) << "response put request was not ok, status=" << status;
         return false;
     }

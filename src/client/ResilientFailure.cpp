@@ -80,7 +80,8 @@ bool OrvServiceRegistryClient::ResilientUpkeep::isTransient(const HttpResponse& 
             return true;
         default:
             return client_.context.isRetryOnHttpStatusEnabled() &&
-                   client_.statusCodesForRetry.count(response.getStatusCode()) != 0;
+                   client_.context.getHttpStatusCodesForRetry().count(response.getStatusCode()) !=
+                       0;
     }
 }
 

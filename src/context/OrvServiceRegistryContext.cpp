@@ -28,9 +28,8 @@ using utility::ILogger;
 using utility::ILoggerFactory;
 using utility::OrvFoundationException;
 
-// The client is destroyed after the factories and the status codes below, so it shares or copies
-// those that it needs. Any other member that the client reads until its end must be trivially
-// destructible.
+// The client's callbacks call getters until the client is destroyed. So every member that a getter
+// returns is declared before the client, or is trivially destructible.
 struct OrvServiceRegistryContext::Data {
     /// For getRegistrations(), which may be called while the client ends.
     utility::Mutex mutex;
@@ -88,17 +87,34 @@ struct OrvServiceRegistryContext::Data {
         }
     }
 
+    /// Called by the destructor, which releases the factories before the client. Getters may be
+    /// running.
+    void releaseFactories() {
+        std::shared_ptr<ILoggerFactory> second;
+        std::shared_ptr<IOrvServiceRegistryClientFactory> first;
+        const utility::MutexLock lock(mutex);
+        first.swap(clientFactory);
+        second.swap(loggerFactory);
+    }
+
     bool retryEnabled = true;
     bool checkEnabled = true;
     std::uint16_t maxRetryCount = 0;
     std::chrono::seconds checkInterval{10};
     std::chrono::milliseconds retryInterval{500};
+    HttpConfig httpConfig;
+    RegistrationListener registrationListener;
+    std::set<HttpResponse::StatusCode> httpStatusCodesForRetry{
+        HttpResponse::StatusCode::InternalServerError,
+        HttpResponse::StatusCode::ServiceUnavailable,
+        HttpResponse::StatusCode::GatewayTimeout,
+    };
+    std::shared_ptr<ILoggerFactory> loggerFactory;
+    std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
     std::unique_ptr<IOrvServiceRegistryClient> client;
     /// The client, also while it is being destroyed, which may call callbacks; null if a callback
     /// has called deinit(). Atomic, because callbacks read it meanwhile.
     std::atomic<IOrvServiceRegistryClient*> current{nullptr};
-    std::shared_ptr<ILoggerFactory> loggerFactory;
-    std::shared_ptr<IOrvServiceRegistryClientFactory> clientFactory;
     /// Atomic, because getRegistrations() reads it from any thread.
     std::atomic<bool> initiated{false};
     bool registerWithPrefix = false;
@@ -107,15 +123,8 @@ struct OrvServiceRegistryContext::Data {
     std::chrono::milliseconds headTimeout{3000};
     ILogger::LogLevel logLevel = utility::Logger::DEFAULT_LOG_LEVEL;
     bool retryOnHttpStatusEnabled = false;
-    std::set<HttpResponse::StatusCode> httpStatusCodesForRetry{
-        HttpResponse::StatusCode::InternalServerError,
-        HttpResponse::StatusCode::ServiceUnavailable,
-        HttpResponse::StatusCode::GatewayTimeout,
-    };
-    HttpConfig httpConfig;
     bool resilienceEnabled = false;
     std::chrono::milliseconds withdrawAtDeinit{0};
-    RegistrationListener registrationListener;
     utility::ForkMark mark;
     /// Used by leakInForkedChild().
     Data* nextLeaked = nullptr;
@@ -147,6 +156,7 @@ OrvServiceRegistryContext::~OrvServiceRegistryContext() {
     }
     data_->endForGood();
     data_->withdrawEverything();
+    data_->releaseFactories();
     delete data_;
 }
 
@@ -266,6 +276,7 @@ std::uint16_t OrvServiceRegistryContext::maxRetryCount() const {
 
 ILoggerFactory* OrvServiceRegistryContext::getLoggerFactory() const {
     data_->refuseBeforeInit("Cannot get LoggerFactory before init");
+    const utility::MutexLock lock(data_->mutex);
     return data_->loggerFactory.get();
 }
 
@@ -279,6 +290,7 @@ std::shared_ptr<IOrvServiceRegistryClientFactory>
 OrvServiceRegistryContext::getOrvServiceRegistryClientFactory() const {
     data_->refuseBeforeInit(
         "failed to get RegistryClient factory because context is not initialized");
+    const utility::MutexLock lock(data_->mutex);
     return data_->clientFactory;
 }
 

@@ -79,6 +79,29 @@ TEST_F(TheEndOfTheClient, MayRaceWithCallsThatGetTheClient) {
     context.deinit();
 }
 
+TEST_F(TheEndOfTheClient, LeavesCallbacksTheGettersOfADyingContext) {
+    auto own = std::make_unique<OrvServiceRegistryContext>();
+    own->setLoggerFactory(std::make_shared<testing::RecordingLoggerFactory>());
+    own->setRegistrationListener([](const auto&) {});
+    own->init();
+    OrvServiceRegistryContext& dying = *own;
+    std::promise<void> begun;
+    const auto expectOptions = [&](const Response&) {
+        begun.set_value();
+        while (dying.getLoggerFactory() != nullptr) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(dying.getOrvServiceRegistryClientFactory(), nullptr);
+        EXPECT_NE(dying.getServiceRegistryClient(), nullptr);
+        EXPECT_TRUE(dying.getRegistrationListener());
+        EXPECT_TRUE(dying.getHttpConfig().headers.empty());
+        EXPECT_EQ(dying.getHttpStatusCodesForRetry().size(), 3U);
+    };
+    dying.getServiceRegistryClient()->registerServiceAtRegistry(registry, service(), expectOptions);
+    begun.get_future().wait();
+    own.reset();
+}
+
 TEST_F(TheEndOfTheClient, MayRaceWithCallsOfItsHandles) {
     context.setSyncCallUnregisterTimeout(std::chrono::milliseconds(20));
     for (int round = 0; round < 50; ++round) {

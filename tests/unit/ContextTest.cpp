@@ -257,7 +257,7 @@ class LateClient : public OrvServiceRegistryClient {
     simulation::World& world_;
 };
 
-// The set of the context is destroyed by then; the address sanitizer detects a use.
+// The address sanitizer detects that a set is used which has been destroyed.
 TEST_F(Context, LeavesItsClientTheStatusCodesToTheEnd) {
     auto local = std::make_unique<OrvServiceRegistryContext>();
     local->setLoggerFactory(log);
@@ -271,6 +271,36 @@ TEST_F(Context, LeavesItsClientTheStatusCodesToTheEnd) {
     local->getServiceRegistryClient()->registerServiceAtRegistry(registry, service("echo"), {});
     local.reset();
     EXPECT_THAT(world.takeAddedDelays(), ElementsAre(500ms));
+}
+
+// With resilience the queued callbacks are called before the client is destroyed. The address
+// sanitizer detects the use of an option that has been destroyed.
+TEST_F(Context, AnswersItsGettersUntilItsClientIsDestroyed) {
+    communication::HttpConfig config;
+    config.headers = {{"X-Site", "north"}};
+    bool isCalled = false;
+    auto local = std::make_unique<OrvServiceRegistryContext>();
+    OrvServiceRegistryContext& ending = *local;  // unique_ptr is empty while it deletes
+    local->setLoggerFactory(log);
+    local->setHttpConfig(config);
+    local->enableResilience(true);
+    local->setHttpStatusCodesForRetry({HttpResponse::StatusCode::NotFound});
+    local->setRegistrationListener([](const auto&) {});
+    local->init();
+    IOrvServiceRegistryClient* const client = local->getServiceRegistryClient();
+    client->registerServiceAtRegistry(registry, service("echo"), [&](const auto&) {
+        isCalled = true;
+        EXPECT_EQ(ending.getHttpConfig().headers, config.headers);
+        EXPECT_THAT(ending.getHttpStatusCodesForRetry(),
+                    ElementsAre(HttpResponse::StatusCode::NotFound));
+        EXPECT_TRUE(ending.getRegistrationListener());
+        EXPECT_EQ(ending.getServiceRegistryClient(), client);
+        EXPECT_TRUE(ending.isInitiated());
+        EXPECT_EQ(ending.getLoggerFactory(), nullptr);
+        EXPECT_EQ(ending.getOrvServiceRegistryClientFactory(), nullptr);
+    });
+    local.reset();
+    EXPECT_TRUE(isCalled);
 }
 
 TEST_F(Context, MakesTheFactoriesThatWereNotSet) {
