@@ -123,8 +123,9 @@ class ORVX_EXPORT OrvServiceRegistryContext : public IOrvServiceRegistryContext 
     /// Two registrations of one path at one registry share its entry: the registry holds the latest
     /// description that is not withdrawn, and the entry is deleted with the last one.
     ///
-    /// A request that is answered 408, 425, 429, 500, 502, 503 or 504, or not at all, is tried
-    /// again after the delay of the back-off, and not before a Retry-After (at most one minute).
+    /// A request that is answered 408, 425, 429, 500, 502, 503 or 504, or not at all, and a
+    /// registration whose success has no usable Location, is tried again after the delay of the
+    /// back-off, and not before a Retry-After (at most one minute).
     /// Any other refusal of a first registration, and an invalid endpoint, are reported at once. An
     /// entry that was announced before is never given up: after such a refusal it is tried again
     /// after the check interval.

@@ -35,13 +35,18 @@ void OrvServiceRegistryClient::ResilientUpkeep::handlePut(const std::shared_ptr<
                                                           const HttpResponse& response) {
     const bool isSuccess = response.getStatusCode() == HttpResponse::StatusCode::Ok ||
                            response.getStatusCode() == HttpResponse::StatusCode::Created;
+    bool hasLocation = false;
     std::string location;
     std::string uuid;
     client_.retryOnBadAlloc([&] {
-        location = isSuccess ? response.getLocation().value_or("") : "";
+        const auto field = isSuccess ? response.getLocation() : std::nullopt;
+        hasLocation = field.has_value();
+        location = field.value_or("");
         uuid = uuidOf(location);
     });
-    if (isSuccess && uuid.empty()) {
+    if (isSuccess && !hasLocation) {
+        client_.logger->logWarning(false) << "HTTP response is missing location field";
+    } else if (isSuccess && uuid.empty()) {
         client_.logger->logWarning(false)
             << "Cannot parse service uuid from HTTP location: " << location;
     }

@@ -90,7 +90,9 @@ bool OrvServiceRegistryClient::ResilientUpkeep::mayHaveTakenEffect(const HttpRes
     switch (response.getCommunicationStatus()) {
         case CommunicationStatus::Ok: {
             const int status = static_cast<int>(response.getStatusCode());
-            return status < 300 || status == 408 || (status >= 500 && status != 501);
+            const bool isRefused =  // not supported, not this version, no room, not logged in
+                status == 501 || status == 505 || status == 507 || status == 511;
+            return status < 300 || status == 408 || (status >= 500 && !isRefused);
         }
         case CommunicationStatus::InvalidRequest:
         case CommunicationStatus::NoSession:

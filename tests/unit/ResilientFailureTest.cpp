@@ -9,6 +9,7 @@ namespace {
 using communication::CommunicationStatus;
 using communication::HttpResponse;
 using ::testing::AllOf;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::HasSubstr;
@@ -93,6 +94,23 @@ TEST_F(APassingFailure, OfASuccessWithoutAUsableLocationIsTriedAgain) {
     });
     expect("PUT", "/echo", 201, "abc");
     EXPECT_THAT(takeOutcomes(), ElementsAre(Outcome{"echo", "OK", "NONE", 201}));
+}
+
+TEST_F(APassingFailure, IsLoggedWithTheLocationOrAsAMissingOne) {
+    start();
+    registerService("echo");
+    waitFor("PUT");
+    log->takeLines();
+    answer(201, "");
+    EXPECT_THAT(log->takeLines(),
+                Contains(testing::warning("HTTP response is missing location field")));
+    for (const std::string value : {"abc", "/", ""}) {
+        waitFor("PUT");
+        answer(201, location(value));
+        EXPECT_THAT(
+            log->takeLines(),
+            Contains(testing::warning("Cannot parse service uuid from HTTP location: " + value)));
+    }
 }
 
 TEST_F(APassingFailure, NamesTheSegmentBeforeASlashAtTheEnd) {
@@ -213,7 +231,7 @@ TEST_F(APassingFailure, MayBeAnyStatusThatTheContextNames) {
 
 TEST_F(APassingFailure, IsNoneWhereItWillNeverSucceed) {
     start();
-    for (const int status : {400, 401, 403, 409, 422, 301, 501}) {
+    for (const int status : {400, 401, 403, 409, 422, 301, 501, 505, 507, 511}) {
         registerService("echo");
         waitFor("PUT");
         answer(status);
