@@ -2,12 +2,19 @@
 // Usage: announce REGISTRY_HOST REGISTRY_PORT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <iostream>
 
 using namespace orvx::serviceregistryclient;
 using orvx::common::ServiceInfo;
+
+const char* text(const OrvRegistrationResponse& outcome) {
+    return outcome.status == OrvRegistrationResponse::OK
+               ? "OK"
+               : OrvRegistrationResponse::errorCodeString(outcome.errorCode);
+}
 
 int main(int argc, char** argv) {
     const long port = argc == 3 ? std::strtol(argv[2], nullptr, 10) : 0;
@@ -16,6 +23,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const ServiceInfo registry("registry", argv[1], static_cast<std::uint16_t>(port));
+    std::atomic<bool> isAnnounced{false};  // before the context, whose callback sets it
     OrvServiceRegistryContext context;
     context.enableResilience(true);  // keeps it announced, whatever the registry does
     context.setCheckInterval(std::chrono::seconds(4));  // longer than the head time-out, 3 s
@@ -28,16 +36,18 @@ int main(int argc, char** argv) {
     const auto echo = client.getSharedServiceCreate(ServiceInfo("echo", "127.0.0.1", 8080));
     echo->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
     const auto withdraw = client.registerServiceAtRegistry(
-        registry, echo, [](const OrvRegistrationResponse& outcome) {
-            std::cout << "announced: " << OrvRegistrationResponse::statusString(outcome.status)
-                      << std::endl;
+        registry, echo, [&](const OrvRegistrationResponse& outcome) {
+            isAnnounced = outcome.status == OrvRegistrationResponse::OK;
+            std::cout << "announced: " << text(outcome) << std::endl;
         });
 
     std::cin.get();
     std::promise<OrvRegistrationResponse> withdrawn;
     withdraw([&](const OrvRegistrationResponse& outcome) { withdrawn.set_value(outcome); });
     const OrvRegistrationResponse outcome = withdrawn.get_future().get();
-    std::cout << "withdrawn: " << OrvRegistrationResponse::statusString(outcome.status)
-              << std::endl;
+    if (!isAnnounced) {
+        return 1;  // there was nothing to withdraw
+    }
+    std::cout << "withdrawn: " << text(outcome) << std::endl;
     return outcome.status;
 }

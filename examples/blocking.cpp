@@ -24,11 +24,18 @@ int main(int argc, char** argv) {
     const auto service = client.getSharedServiceCreate(self);
     service->setUri("/echo/127.0.0.1:8080");  // another instance puts its entry at another path
     const auto echo = client.registerServiceAtRegistry(registry, service);
-    std::cout << OrvRegistrationResponse::statusString(echo.response.status) << std::endl;
+    if (echo.response.status != OrvRegistrationResponse::OK) {
+        std::cerr << "not announced: "
+                  << OrvRegistrationResponse::errorCodeString(echo.response.errorCode) << '\n';
+        echo.unregister();  // after a time-out the client still tries to announce it
+        return 1;
+    }
+    std::cout << "announced" << std::endl;
 
     // ... serve; the library keeps the entry valid ...
 
     const OrvRegistrationResponse outcome = echo.unregister();
-    std::cout << OrvRegistrationResponse::statusString(outcome.status) << std::endl;
+    std::cout << "withdrawn: " << OrvRegistrationResponse::statusString(outcome.status)
+              << std::endl;
     return outcome.status;
 }

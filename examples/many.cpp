@@ -1,4 +1,4 @@
-// Announces COUNT services until SIGTERM or SIGINT, which withdraws them.
+// Announces COUNT services until SIGTERM, SIGINT or a refusal by the registry, then withdraws them.
 // Usage: many REGISTRY_HOST REGISTRY_PORT COUNT
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
@@ -35,9 +35,20 @@ int main(int argc, char** argv) {
         services.insert(
             client.getSharedServiceCreate({"echo-" + std::to_string(i), "127.0.0.1", 8080, me}));
     }
-    const bool announced = client.registerServicesAtRegistry(registry, services).first;
-    std::cout << (announced ? "announced" : "not all announced yet") << std::endl;
-    int signal = 0;
-    sigwait(&signals, &signal);
-    return client.unregisterAllServicesFromRegistry().first ? 0 : 1;
+    const auto [allAnnounced, outcomes] = client.registerServicesAtRegistry(registry, services);
+    bool isRefused = false;
+    for (const auto& [service, outcome] : outcomes) {
+        const auto errorCode = outcome.response.errorCode;
+        if (errorCode != OrvRegistrationResponse::NONE) {
+            std::cerr << service->getName() << ": "
+                      << OrvRegistrationResponse::errorCodeString(errorCode) << '\n';
+        }
+        isRefused |= errorCode == OrvRegistrationResponse::SERVICE_REGISTRY_ERROR;
+    }
+    if (!isRefused) {
+        std::cout << (allAnnounced ? "announced" : "not all announced yet") << std::endl;
+        int signal = 0;
+        sigwait(&signals, &signal);
+    }
+    return client.unregisterAllServicesFromRegistry().first && !isRefused ? 0 : 1;
 }

@@ -34,6 +34,7 @@ using ::testing::Each;
 using ::testing::HasSubstr;
 using testing::HostileServer;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::Pair;
 using testing::Request;
 using testing::Script;
@@ -97,11 +98,11 @@ TEST_F(TheAnnounceExample, SaysThatNothingWasAnnouncedAtADeadRegistry) {
     const testing::RefusedPort refused;
     Example announce("announce", refused.port());
     announce.endInput();
-    EXPECT_EQ(announce.printed(), "announced: ERROR\nwithdrawn: OK\n");
+    EXPECT_EQ(announce.printed(1), "announced: OTHER\n");
 }
 
 TEST_F(TheBlockingExample, RegistersAndWithdraws) {
-    EXPECT_EQ(Example("blocking", registry.port()).printed(), "OK\nOK\n");
+    EXPECT_EQ(Example("blocking", registry.port()).printed(), "announced\nwithdrawn: OK\n");
     EXPECT_TRUE(entries().empty());
 }
 
@@ -367,6 +368,44 @@ TEST_F(TheExamples, PutEachEntryAtThePathOfItsInstance) {
         })) << name;
     }
     EXPECT_THAT(targets, Each(HasSubstr("/127.0.0.1:8080")));
+}
+
+TEST_F(TheExamples, NameTheErrorAndEndWithAFailureWhenTheyAreRefused) {
+    front.onRequest([](const Request&) { return testing::response(403); });
+    for (const std::string name : {"announce", "blocking", "collection", "many", "shutdown"}) {
+        std::vector<std::string> arguments{"127.0.0.1", std::to_string(front.port())};
+        if (name == "many") {
+            arguments.emplace_back("2");
+        }
+        Example example(name, arguments);
+        if (name == "announce") {
+            example.awaitOutput("announced: SERVICE_REGISTRY_ERROR\n");
+        }
+        example.endInput();
+        const auto result = example.wait();
+        EXPECT_TRUE(WIFEXITED(result.status)) << name;
+        EXPECT_EQ(WEXITSTATUS(result.status), 1) << name;
+        EXPECT_THAT(result.output, Not(HasSubstr("withdrawn: OK"))) << name;
+        if (name != "collection" && name != "shutdown") {
+            EXPECT_THAT(result.output + result.errors, HasSubstr("SERVICE_REGISTRY_ERROR")) << name;
+        }
+    }
+    for (const Request& request : front.requests()) {
+        EXPECT_EQ(request.method, "PUT") << "there is nothing to withdraw";
+    }
+}
+
+TEST_F(TheExamples, NameTheErrorAndEndWithAFailureForAHostThatIsAUrl) {
+    for (const std::string name : {"blocking", "many"}) {
+        std::vector<std::string> arguments{"https://x", "8500"};
+        if (name == "many") {
+            arguments.emplace_back("2");
+        }
+        const auto result = Example(name, arguments).wait();
+        EXPECT_TRUE(WIFEXITED(result.status)) << name;
+        EXPECT_EQ(WEXITSTATUS(result.status), 1) << name;
+        EXPECT_THAT(result.output + result.errors, HasSubstr("SERVICE_REGISTRY_ERROR")) << name;
+    }
 }
 
 TEST_F(TheExamples, PrintTheirUsageWithoutTheirArgumentsAndWithAnInvalidPort) {
