@@ -1,6 +1,7 @@
 """Fails unless the pages show what the project has: readme.py PROJECT.
 
-The program of a page is the text of an example, and README's table has the options of the build with their defaults.
+The program of a page is the text of an example, README's table has the options of the build with their defaults, and
+CONTRIBUTING's table has the folders of the tests.
 """
 
 import pathlib
@@ -17,3 +18,9 @@ shown = re.findall(r"^\| `(ORVX_\w+)` \| `(ON|OFF)` \|", (project / "README.md")
 options = re.findall(r'^option\((ORVX_\w+) "[^"]*" (\S+)\)', (project / "CMakeLists.txt").read_text(), re.M)
 if shown != [(name, default.replace("${ORVX_TOP_LEVEL}", "ON")) for name, default in options]:
     sys.exit(f"README.md shows the options {shown}, CMakeLists.txt has {options}")
+
+# CONTRIBUTING's table of the folders.
+described = re.findall(r"`tests/(\w+)/`", (project / "CONTRIBUTING.md").read_text())
+missing = {path.name for path in (project / "tests").iterdir() if path.is_dir() and path.name[0] != "_"} - {*described}
+if missing:
+    sys.exit(f"CONTRIBUTING.md does not describe the folders {sorted(missing)} of tests/")
