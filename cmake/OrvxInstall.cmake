@@ -14,6 +14,14 @@ install(TARGETS OrvxServiceRegistryClient EXPORT ${name}
 install(TARGETS orvx_test_kit OrvxServiceRegistryClientTestKit EXPORT ${name}TestKit
   ARCHIVE COMPONENT development
   FILE_SET HEADERS COMPONENT development)
+# A package, or `cmake --install --strip`, which strips programs and shared libraries only: the kit would carry 58 MB.
+if(CMAKE_STRIP)
+  install(CODE "
+    if(CMAKE_INSTALL_DO_STRIP)
+      cmake_path(APPEND kit \"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_INSTALL_LIBDIR}\" $<TARGET_FILE_NAME:orvx_test_kit>)
+      execute_process(COMMAND \"${CMAKE_STRIP}\" -g \"\$ENV{DESTDIR}\${kit}\" COMMAND_ERROR_IS_FATAL ANY)
+    endif()" COMPONENT development)
+endif()
 foreach(export ${name} ${name}TestKit)
   install(EXPORT ${export} FILE ${export}Targets.cmake NAMESPACE Orvx::
     DESTINATION "${package_folder}" COMPONENT development)
