@@ -57,6 +57,11 @@ class ThePageForProduction : public ::testing::Test {
     const Folder folder;
 };
 
+TEST_F(ThePageForProduction, MakesNoTokenWithoutTheProgramForIt) {
+    run("set +e\nopenssl() { return 127; }\n" + block("sh", "token lamps") + "\n! test -e '" +
+        folder.file("tokens") + "'");
+}
+
 TEST_F(ThePageForProduction, MakesTokensThatTheRegistryTakes) {
     run(block("sh", "token lamps"));
     const auto registry = start({"--tokens", folder.file("tokens")});

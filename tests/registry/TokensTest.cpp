@@ -77,6 +77,8 @@ TEST(TheTokens, AreRefusedWithTheLineOfAMistake) {
           {line("a", "secret"), "line 1: \"sha256\" must be 64"},
           {line("a", std::string(63, '0')), "line 1: \"sha256\" must be 64"},
           {line("a", std::string(62, '0') + "-1"), "line 1: \"sha256\" must be 64"},
+          {line("a", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"),
+           "line 1: \"sha256\" is the hash of an empty text: there was no token"},
           {line("a", kOther, R"(,"read":1)"), "line 1: \"read\" must be true or false"},
           {line("a", kOther, R"(,"announce":true)"), "line 1: \"announce\" must be a text"},
           {line("a", kOther, R"(,"announce":"lamps")"), "line 1: \"announce\" must be a path"},

@@ -35,15 +35,24 @@ std::string readName(JsonFields& fields) {
     return name;
 }
 
-std::array<unsigned char, 32> readHash(JsonFields& fields) {
+using Hash = std::array<unsigned char, 32>;
+
+Hash hashOf(std::string_view secret) {
+    Hash hash{};
+    SHA256(reinterpret_cast<const unsigned char*>(secret.data()), secret.size(), hash.data());
+    return hash;
+}
+
+Hash readHash(JsonFields& fields) {
     const std::string digits = fields.text("sha256");
-    std::array<unsigned char, 32> hash{};
+    Hash hash{};
     bool isFine = digits.size() == 2 * hash.size();
     for (std::size_t i = 0; isFine && i < hash.size(); ++i) {
         const char* const two = digits.data() + 2 * i;
         isFine = std::from_chars(two, two + 2, hash[i], 16).ptr == two + 2;
     }
     require(isFine, "\"sha256\" must be 64 hexadecimal digits");
+    require(hash != hashOf(""), "\"sha256\" is the hash of an empty text: there was no token");
     return hash;
 }
 
@@ -97,8 +106,7 @@ Tokens::Tokens(std::string_view text) {
 }
 
 std::shared_ptr<const Token> Tokens::find(std::string_view secret) const {
-    std::array<unsigned char, 32> hash{};
-    SHA256(reinterpret_cast<const unsigned char*>(secret.data()), secret.size(), hash.data());
+    const Hash hash = hashOf(secret);
     std::shared_ptr<const Token> found;
     for (const auto& token : tokens_) {
         if (CRYPTO_memcmp(token->hash.data(), hash.data(), hash.size()) == 0) {
