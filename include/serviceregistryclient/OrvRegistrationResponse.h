@@ -30,8 +30,7 @@ struct ORVX_EXPORT OrvRegistrationResponse {
         /// it is called while deinit() is running, and its callback runs before deinit() returns.
         /// With resilience every callback that waits when the client is stopped gets it.
         DELEGATOR_NOT_INITIATED = 2,
-        /// Without resilience: a withdrawal was requested while a registration was pending, so
-        /// there
+        /// Without resilience: a withdrawal was requested while a registration was pending. There
         /// was no entry to delete.
         SERVICE_NOT_FOUND = 3,
         /// The registry refused, or could not be reached and no retry is left: see httpResponse.

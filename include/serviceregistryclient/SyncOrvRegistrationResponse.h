@@ -13,9 +13,11 @@ struct SyncOrvRegistrationResponse {
                                      OrvRegistrationResponse::OTHER};
     /// Withdraws the service and blocks until the answer, or until the unregister time-out, which
     /// returns ERROR / TIMEOUT. When the client is gone it returns ERROR / DELEGATOR_NOT_INITIATED
-    /// at once; a call that waits when the client ends continues to wait until its time-out. Empty
-    /// in a default-constructed record and for a registration without an answer; calling it then
-    /// throws std::bad_function_call. Must not be called from a callback or listener.
+    /// at once. A call that waits when the client ends continues to wait until its time-out without
+    /// resilience, and returns ERROR / DELEGATOR_NOT_INITIATED with resilience. Empty in a
+    /// default-constructed record and, with resilience, when the registration was refused at once
+    /// (from a callback or listener, or while the client is stopped); calling it then throws
+    /// std::bad_function_call. Must not be called from a callback or listener.
     std::function<OrvRegistrationResponse()> unregister;
 };
 

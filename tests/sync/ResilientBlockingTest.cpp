@@ -107,6 +107,7 @@ TEST_F(AResilientCall, FromACallbackIsAnsweredAtOnceAndLogged) {
         const auto set = client().registerServicesAtRegistry(registry, named(1));
         const auto all = client().unregisterAllServicesFromRegistry();
         EXPECT_FALSE(set.first);
+        EXPECT_FALSE(set.second.begin()->second.unregister) << "there is nothing to withdraw";
         EXPECT_FALSE(all.first);
         EXPECT_TRUE(client().registerServicesAtRegistry(registry, {}).first) << "it does not wait";
         answers.set_value(
@@ -198,8 +199,9 @@ TEST_F(AResilientCall, EndsWhenTheClientIsStopped) {
     stopped.deinit();
     EXPECT_EQ(one.get(), "ERROR/DELEGATOR_NOT_INITIATED");
     EXPECT_FALSE(many.get());
-    EXPECT_EQ(answerOf(client().registerServiceAtRegistry(registry, service("echo")).response),
-              "ERROR/DELEGATOR_NOT_INITIATED");
+    const auto refused = client().registerServiceAtRegistry(registry, service("echo"));
+    EXPECT_EQ(answerOf(refused.response), "ERROR/DELEGATOR_NOT_INITIATED");
+    EXPECT_FALSE(refused.unregister) << "there is nothing to withdraw";
 }
 
 TEST_F(AResilientCall, ThatWithdrawsEndsWhenTheClientIsStopped) {
