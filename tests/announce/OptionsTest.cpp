@@ -42,6 +42,12 @@ TEST_F(TheOptions, DescribeTheServiceAsTheRegistryShowsIt) {
                                                    {"host", "10.0.0.7"}}));
 }
 
+TEST_F(TheOptions, AreListedInWordsAndNotInThoseOfTheParser) {
+    const std::string help = Announce({"--help"}).ended(0).output;
+    EXPECT_THAT(help, HasSubstr("--ready KIND=tcp|none"));
+    EXPECT_THAT(help, Not(HasSubstr("->")));
+}
+
 TEST_F(TheOptions, MayComeFromAFileWithAllThatJsonCan) {
     json lamp{{"name", "lamp"},
               {"port", 1},

@@ -59,9 +59,9 @@ void addRegistry(CLI::App& app, RegistryOptions& registry) {
     app.add_option("--ca-file", registry.authorityFile, "Authorities to trust, PEM")
         ->check(CLI::ExistingPath);
     auto* certificate = app.add_option("--client-cert", registry.clientCertificateFile,
-                                       "What to show of oneself, PEM")
+                                       "The client's certificate, PEM")
                             ->check(CLI::ExistingPath);
-    app.add_option("--client-key", registry.clientKeyFile, "The key to it, PEM")
+    app.add_option("--client-key", registry.clientKeyFile, "The client's key, PEM")
         ->check(CLI::ExistingPath)
         ->needs(certificate);
     app.add_option("--token-file", registry.tokenFile,
@@ -111,8 +111,9 @@ void addReady(CLI::App& app, ReadyOptions& ready, bool hasCommand) {
         app.add_option("--ready", ready.kind, "tcp: its port takes connections; none: at once")
             ->transform(CLI::CheckedTransformer(
                 std::map<std::string, Kind>{{"tcp", Kind::Tcp}, {"none", Kind::None}}))
-            ->type_name("KIND")
-            ->default_str("tcp with a command, otherwise none");
+            ->option_text(
+                "KIND=tcp|none (default: tcp with a command, otherwise none) "
+                "Excludes: --ready-http --ready-command");
     addProbe(app, "--ready-http", "--ready-command", "Ready", ready, plain);
     addDuration(app, "--ready-timeout", ready.timeout, "How long to wait for that");
 }
