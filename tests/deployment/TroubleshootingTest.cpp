@@ -194,6 +194,15 @@ TEST_F(Troubleshooting, TheNameOfTheRegistryIsNotKnown) {
     expectQuotedOutput();
 }
 
+TEST_F(Troubleshooting, TheHostOfTheRegistryIsAURL) {
+    host = "https://x";
+    start();
+    EXPECT_EQ(outcomeOf([&](auto callback) { announce(8500, std::move(callback)); }),
+              "ERROR/SERVICE_REGISTRY_ERROR");
+    expectQuotedOutput();
+    EXPECT_TRUE(context.getRegistrations().empty());
+}
+
 TEST_F(Troubleshooting, TheRegistryRefusesTheToken) {
     const Nginx nginx(folder, registry.port(),
                       {false, R"(if ($http_authorization != "Bearer good") { return 401; })", ""});
