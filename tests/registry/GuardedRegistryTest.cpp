@@ -163,6 +163,17 @@ TEST_F(AGuardedRegistry, ReadsNoBodyWithoutATokenWhereNoTokenIsNeeded) {
     }
 }
 
+TEST_F(AGuardedRegistry, EndsAConnectionAfterARefusedRequestWhoseBodyHasNoKnownEnd) {
+    RegistryOptions options;
+    options.tokens = tokens_;
+    const RunningRegistry registry(options);
+    RawConnection connection = registry.connect();
+    connection.send("GET / HTTP/1.1\r\nTransfer-Encoding: gzip\r\n\r\n" +
+                    requestAs("lamps", "PUT", "/lamps/1", "{}"));
+    EXPECT_EQ(connection.receive().result(), http::status::unauthorized);
+    EXPECT_TRUE(connection.isClosedByPeer());
+}
+
 TEST_F(AGuardedRegistry, KeepsAConnectionAfterARefusedRequestWithoutABody) {
     RegistryOptions options;
     options.tokens = tokens_;

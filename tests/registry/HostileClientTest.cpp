@@ -173,6 +173,40 @@ TEST(AHostileClient, IsRefusedABodyOfWhateverLengthBeforeItIsSent) {
               http::status::bad_request);
 }
 
+// A body that is not known to end would be taken for the next request.
+TEST(AHostileClient, IsRefusedABodyWhoseEndIsUnknown) {
+    const RunningRegistry registry;
+    for (const std::string& body :
+         {makeRequest("PUT", "/hidden", "{}"), std::string("0\r\n\r\n")}) {
+        for (const char* codings : {"chunked, gzip", "gzip", "identity", "xchunked",
+                                    "chunked, chunked", "\"chunked\"", ""}) {
+            for (const char* line : {"GET /", "DELETE /a", "PUT /a", "POST /a"}) {
+                RawConnection connection = registry.connect();
+                connection.send(line + std::string(" HTTP/1.1\r\nTransfer-Encoding: ") + codings +
+                                "\r\n\r\n" + body);
+                EXPECT_EQ(connection.receive().result(), http::status::bad_request)
+                    << line << ' ' << codings;
+                EXPECT_TRUE(connection.isClosedByPeer()) << line << ' ' << codings;
+            }
+        }
+    }
+    EXPECT_EQ(registry.connect().ask(makeRequest("GET", "/")).body(), R"({"entries":[]})");
+}
+
+TEST(AHostileClient, IsReadABodyWhoseLastCodingIsChunked) {
+    const RunningRegistry registry;
+    RawConnection connection = registry.connect();
+    for (const char* codings : {"chunked", "Chunked", "gzip, chunked"}) {
+        EXPECT_EQ(connection
+                          .ask(std::string("PUT /a HTTP/1.1\r\nTransfer-Encoding: ") + codings +
+                               "\r\n\r\n2\r\n{}\r\n0\r\n\r\n")
+                          .result_int() /
+                      100,
+                  2U)
+            << codings;
+    }
+}
+
 long peakKilobytes(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string word; status >> word;) {

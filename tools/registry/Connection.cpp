@@ -47,6 +47,14 @@ bool isRefusal(http::status status) {
            status == http::status::request_header_fields_too_large;
 }
 
+/// Whether the end of the body cannot be known (RFC 9112, 6.3). Beast takes it for a request
+/// without a body, and what follows for the next request.
+template <typename Parser>
+bool hasUnknownEnd(const Parser& parser) {
+    return parser.get().find(http::field::transfer_encoding) != parser.get().end() &&
+           !parser.chunked();
+}
+
 }  // namespace
 
 Connection::Connection(asio::ip::tcp::socket socket, const asio::ip::address& address,
@@ -171,6 +179,9 @@ void Connection::onHeader(Error error, std::size_t) {
     isForEverybody_ = isForEverybody(header);
     if (auto refusal = shared_.dispatcher.refuse(header, peer_, caller_ = {})) {
         return refuse(std::move(*refusal));
+    }
+    if (hasUnknownEnd(*parser_)) {
+        return refuse(Error(http::error::bad_transfer_encoding));
     }
     if (header.version() >= 11 && beast::iequals(header[http::field::expect], "100-continue")) {
         return asio::async_write(
@@ -318,7 +329,8 @@ void Connection::refuse(Error error) {
 
 /// Refuses a request by its header alone. The rest of the request is not read.
 void Connection::refuse(Response response) {
-    response.keep_alive(parser_->is_done() && parser_->get().keep_alive());
+    response.keep_alive(parser_->is_done() && !hasUnknownEnd(*parser_) &&
+                        parser_->get().keep_alive());
     record(parser_->get(), response, {});
     parser_.reset();
     respond(std::move(response));
