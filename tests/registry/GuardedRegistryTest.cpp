@@ -144,6 +144,26 @@ TEST_F(AGuardedRegistry, RefusesBeforeItReadsTheBody) {
     }
 }
 
+TEST_F(AGuardedRegistry, TellsThatABodyIsTooLongToTheHoldersOfTokensOnly) {
+    RegistryOptions options;
+    options.tokens = tokens_;
+    options.maxBody = 1'000;
+    const RunningRegistry registry(options);
+    const auto statusAs = [&](const std::string& token, const std::string& length) {
+        RawConnection connection = registry.connect();
+        connection.send("PUT /lamps/1 HTTP/1.1\r\nAuthorization: Bearer " + token +
+                        "-secret\r\nContent-Length: " + length + "\r\n\r\n");
+        const auto status = connection.receive().result();
+        EXPECT_TRUE(connection.isClosedByPeer());
+        return status;
+    };
+    for (const char* length : {"1001", "18446744073709551615"}) {
+        EXPECT_EQ(statusAs("nobody", length), http::status::unauthorized);
+        EXPECT_EQ(statusAs("admin", length), http::status::forbidden);
+        EXPECT_EQ(statusAs("lamps", length), http::status::payload_too_large);
+    }
+}
+
 TEST_F(AGuardedRegistry, ReadsNoBodyWithoutATokenWhereNoTokenIsNeeded) {
     RegistryOptions options;
     options.tokens = tokens_;
@@ -220,6 +240,25 @@ TEST_F(AGuardedRegistry, RefusesRequestsBeyondTheRate) {
         if (response.result() == http::status::too_many_requests) {
             ++refused;
             EXPECT_EQ(response[http::field::retry_after], "1");
+        }
+    }
+    EXPECT_GE(refused, 15);
+    EXPECT_LE(refused, 20);
+}
+
+TEST_F(AGuardedRegistry, CountsRequestsWithATooLongBodyForTheRate) {
+    RegistryOptions options;
+    options.rate = 1;
+    const RunningRegistry registry(options);
+    int refused = 0;
+    for (int i = 0; i < 30; ++i) {
+        RawConnection connection = registry.connect();
+        const auto status =
+            connection.ask("PUT /a HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n").result();
+        if (status == http::status::too_many_requests) {
+            ++refused;
+        } else {
+            EXPECT_EQ(status, http::status::payload_too_large);
         }
     }
     EXPECT_GE(refused, 15);

@@ -207,6 +207,24 @@ TEST(AHostileClient, IsReadABodyWhoseLastCodingIsChunked) {
     }
 }
 
+TEST(AHostileClient, IsRefusedChunksThatAreTooLongTogether) {
+    RegistryOptions options;
+    options.maxBody = 100;
+    const RunningRegistry registry(options);
+    for (const char* chunks : {"65\r\n", "64\r\n%\r\n1\r\n", "FFFFFFFFFFFFFFFF\r\n"}) {
+        std::string body = chunks;
+        if (const auto filler = body.find('%'); filler != std::string::npos) {
+            body.replace(filler, 1, std::string(100, ' '));
+        }
+        RawConnection connection = registry.connect();
+        EXPECT_EQ(
+            connection.ask("PUT /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + body).result(),
+            http::status::payload_too_large)
+            << chunks;
+        EXPECT_TRUE(connection.isClosedByPeer());
+    }
+}
+
 long peakKilobytes(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string word; status >> word;) {

@@ -15,6 +15,8 @@
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
+#include <cstdint>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -145,7 +147,9 @@ void Connection::awaitRequest() {
     isForEverybody_ = false;
     parser_.emplace();
     parser_->header_limit(kMaxHeader);
-    parser_->body_limit(shared_.options.maxBody);
+    // The header must be read to its end before the length of the body is judged, so that the token
+    // and the rate are checked first. Nothing of the body is kept until readBody().
+    parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
     if (buffer_.size() > 0) {
         return readHeader();  // arrived together with the previous request
     }
@@ -183,6 +187,11 @@ void Connection::onHeader(Error error, std::size_t) {
     if (hasUnknownEnd(*parser_)) {
         return refuse(Error(http::error::bad_transfer_encoding));
     }
+    if (const auto length = parser_->content_length();
+        length && *length > shared_.options.maxBody) {
+        return refuse(Error(http::error::body_limit));
+    }
+    parser_->body_limit(shared_.options.maxBody);
     if (header.version() >= 11 && beast::iequals(header[http::field::expect], "100-continue")) {
         return asio::async_write(
             stream_, asio::buffer(kContinue),
