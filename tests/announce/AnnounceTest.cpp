@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <sstream>
 
 namespace orvx::announce {
@@ -56,6 +57,15 @@ std::string writeUnprobable(const Folder& folder) {
 
 int exitCode(const ChildProcess::Result& result) {
     return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
+}
+
+bool hasPendingSignal(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string word;
+    while (status >> word && word != "ShdPnd:") {
+    }
+    status >> word;
+    return word.find_first_not_of('0') != std::string::npos;
 }
 
 AnnounceTest::AnnounceTest() {

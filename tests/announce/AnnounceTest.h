@@ -55,6 +55,9 @@ std::string writeUnprobable(const Folder& folder);
 /// The exit code; -1 if a signal ended the process.
 int exitCode(const ChildProcess::Result& result);
 
+/// Whether the process has not taken a signal yet that was sent to it.
+bool hasPendingSignal(pid_t pid);
+
 /// Runs the program with a registry, a server in front of it that tests may make fail, and a
 /// service that accepts connections, so that its ready check succeeds.
 class AnnounceTest : public ::testing::Test {

@@ -4,6 +4,7 @@
 #include "Paths.h"
 
 #include <set>
+#include <sstream>
 
 namespace orvx::announce {
 namespace {
@@ -110,6 +111,17 @@ TEST_F(TheContract, IsKeptByEveryEvent) {
         again.awaitOutput("\"not-reloaded\"");
         take(again.stopped(0).output);
     }
+    {
+        Announce& unread = run({"--registry", urlOf(registry.port()), "--name",
+                                std::string(6'000, 'x'), "--uri", "/lamp", "--port", "1"});
+        unread.awaitOutput("\"announced\"");
+        for (int i = 0; i < 100; ++i) {  // more than the pipe and the queue take
+            unread.signal(SIGUSR1);
+            EXPECT_TRUE(eventually([&] { return !hasPendingSignal(unread.pid()); }));
+        }
+        unread.awaitOutput("\"lines-dropped\"");
+        take(unread.stopped(0).output);
+    }
     answerInFront("PUT", testing::response(403));
     take(run(echo(front.port())).ended(1).output);
 
@@ -165,6 +177,16 @@ TEST_F(TheContract, IsInTheManualPage) {
     for (const std::string& key : keys) {
         EXPECT_THAT(page, HasSubstr("Cm " + key)) << key;
     }
+    const auto begin = page.find("\n.Sh EVENTS\n");
+    std::istringstream section(page.substr(begin, page.find("\n.Sh ", begin + 1) - begin));
+    std::set<std::string> described;
+    const std::string item = ".It Cm ";
+    for (std::string line; std::getline(section, line);) {
+        if (line.rfind(item, 0) == 0) {
+            described.insert(line.substr(item.size()));
+        }
+    }
+    EXPECT_EQ(described, events);
 }
 
 }  // namespace
