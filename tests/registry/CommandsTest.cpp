@@ -177,6 +177,30 @@ TEST(TheWatchCommand, FailsAtAServerThatIsNoRegistry) {
     }
 }
 
+// The stream then begins with a whole list, which has no event for an entry that is gone.
+TEST(TheWatchCommand, PrintsWhatWasRemovedWhileTheRegistryWasAway) {
+    const std::string begin = "HTTP/1.1 200 OK\r\n\r\nevent: list\ndata: {\"entries\":1}\n\n";
+    const std::string end = "event: listed\ndata: {}\n\n";
+    const auto put = [](const std::string& uuid) {
+        return "event: put\ndata: {\"uuid\":\"" + uuid + "\",\"service\":{}}\n\n";
+    };
+    const auto removed = [](const std::string& uuid) {
+        return "event: removed\ndata: {\"uuid\":\"" + uuid + "\"}\n\n";
+    };
+    FakeServer server("127.0.0.1");
+    RegistryProcess watch({"watch", "--registry", "http://" + server.authority()});
+    server.answer(begin + put("a") + put("b") + put("c") + end + put("d") + removed("b"));
+    server.answer(begin + put("c") + put("e"));  // it is cut before its end
+    server.answer(begin + put("c") + end + put("f"));
+    const auto lineOf = [](const std::string& uuid) {
+        return "put      " + uuid + "  -:-  -  -\n";
+    };
+    const std::string output = watch.awaitOutput(lineOf("f"));
+    EXPECT_EQ(output, lineOf("a") + lineOf("b") + lineOf("c") + lineOf("d") + "removed  b\n" +
+                          lineOf("c") + lineOf("e") + lineOf("c") +
+                          "removed  a\nremoved  d\nremoved  e\n" + lineOf("f"));
+}
+
 TEST(TheWatchCommand, ResumesWhereItsConnectionWasCut) {
     const TemporaryFolder folder;
     RegistryOptions options;

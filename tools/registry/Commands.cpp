@@ -14,6 +14,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -177,8 +178,7 @@ int requestEach(const Arguments& arguments, http::verb method) {
     return status;
 }
 
-void printEvent(std::string_view name, std::string_view data, bool asJson) {
-    const json value = parse(data);
+void printEvent(std::string_view name, const json& value, bool asJson) {
     if (asJson) {
         std::cout << ascii({{"event", name}, {"data", value}}) << '\n';
     } else if (name == "put") {
@@ -310,15 +310,47 @@ class EntryFetcher {
     });
 }
 
+/// Finds the entries that were known before a new list and are not in it: they vanished while there
+/// was no stream, and no event tells of them.
+class KnownUuids {
+  public:
+    /// Returns the uuids that turn out to have vanished.
+    std::set<std::string> apply(std::string_view event, const json& data) {
+        if (event == "list") {
+            unlisted_.merge(known_);  // a list that broke off may precede this one
+            known_.clear();
+        } else if (event == "put") {
+            unlisted_.erase(*known_.insert(fieldText(data, "uuid")).first);
+        } else if (event == "removed") {
+            known_.erase(fieldText(data, "uuid"));
+            unlisted_.erase(fieldText(data, "uuid"));
+        } else if (event == "listed") {
+            return std::exchange(unlisted_, {});
+        }
+        return {};
+    }
+
+  private:
+    std::set<std::string> known_{};
+    std::set<std::string> unlisted_{};  // known before the list that is being received
+};
+
 [[noreturn]] int watch(const Arguments& arguments) {
     if (arguments.executes) {
         execute(arguments);
     }
     // The JSON output has all events. The lines only show puts and removals, so they need no
     // checks.
+    KnownUuids known;
     follow(arguments.client, arguments.asJson ? "/-/watch" : kChanges,
            [&](std::string_view name, std::string_view data) {
-               printEvent(name, data, arguments.asJson);
+               const json value = parse(data);
+               printEvent(name, value, arguments.asJson);
+               if (!arguments.asJson) {
+                   for (const std::string& uuid : known.apply(name, value)) {
+                       printEvent("removed", {{"uuid", uuid}}, false);
+                   }
+               }
            });
 }
 
