@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
 #include <limits>
 #include <map>
 #include <set>
+#include <utility>
 
 namespace orvx::announce {
 namespace {
@@ -145,6 +147,27 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--ca-file", "/dev/null"}), HasSubstr("https"));
     EXPECT_THAT(refusal(good + Words{"--stop-timeout", "-1"}), HasSubstr("--stop-timeout"));
     EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
+}
+
+TEST_F(TheOptions, ThatCanNeverWorkAreRefusedBeforeTheCommandStarts) {
+    const auto plain = folder.write("plain", "no PEM\n");
+    const auto started = folder.file("started");
+    using Case = std::pair<Words, std::string>;
+    for (const auto& [arguments, text] :
+         {Case{{"--proxy", "x"}, "--proxy must be of the form http://host:port"},
+          Case{{"--proxy", "https://x:1"}, "--proxy must be of the form http://host:port"},
+          Case{{"--unix-socket", std::string(200, 'x')}, "--unix-socket must not be longer than"},
+          Case{{"--ca-file", plain}, "--ca-file: " + plain + " contains no certificate"},
+          Case{{"--client-cert", plain}, "--client-cert: " + plain + " contains no certificate"}}) {
+        const Words all =
+            Words{"--registry", "https://127.0.0.1:1", "--name", "a", "--port", "1"} + arguments;
+        for (const Words& more : {Words{}, shell("touch " + started)}) {
+            const std::string told = refusal(all + more);
+            EXPECT_THAT(told, ::testing::StartsWith("orvx-announce: " + text));
+            EXPECT_EQ(told.find('\n'), told.size() - 1) << told;
+        }
+    }
+    EXPECT_FALSE(std::filesystem::exists(started));
 }
 
 TEST_F(TheOptions, RefuseAnEmptyValueInsteadOfTakingTheNextArgument) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Connections.h"
+#include "HttpSettings.h"
 #include "Outcome.h"
 
 namespace orvx::announce {
@@ -57,16 +58,9 @@ void Announcer::watchHealth(Service& service) {
 
 void Announcer::openContext() {
     const RegistryOptions& registry = options_.registry;
-    communication::HttpConfig http;
-    http.userAgent = "orvx-announce";
+    communication::HttpConfig http = httpConfig(registry);
     http.credentials = credentials_;
     http.statistics = statistics_;
-    http.proxy = registry.proxy;
-    http.unixSocketPath = registry.unixSocket;
-    http.tls.enabled = registry.secure;
-    http.tls.authorityFile = registry.authorityFile;
-    http.tls.clientCertificateFile = registry.clientCertificateFile;
-    http.tls.clientKeyFile = registry.clientKeyFile;
     auto context = std::make_unique<Context>();
     context->setHttpConfig(http);
     context->enableResilience(true);
