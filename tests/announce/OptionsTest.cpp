@@ -149,6 +149,23 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
 }
 
+TEST_F(TheOptions, TakeAPathThatIsPercentEncodedOnly) {
+    const Words good{"--registry", "http://127.0.0.1:1", "--name", "a", "--port", "1"};
+    for (const std::string option : {"--ready-http", "--health-http"}) {
+        for (const char* path : {"/a b", "/a\r\nX: y", "/a\tb", "/\x7f", "/\xc3\xbc", "/a#b"}) {
+            EXPECT_EQ(refusal(good + Words{option, path}),
+                      "orvx-announce: " + option +
+                          ": the path must be percent-encoded; see orvx-announce --help\n")
+                << path;
+        }
+    }
+    const testing::RefusedPort port;
+    Announce announce(Words{"--registry", urlOf(registry.port()), "--name", "a", "--port",
+                            std::to_string(port.port()), "--health-http", "/~a%20b/;c?d=e&f"});
+    announce.awaitOutput(" announced ");
+    announce.stopped(0);
+}
+
 TEST_F(TheOptions, ThatCanNeverWorkAreRefusedBeforeTheCommandStarts) {
     const auto plain = folder.write("plain", "no PEM\n");
     const auto started = folder.file("started");

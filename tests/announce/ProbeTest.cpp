@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -38,9 +39,10 @@ class AnAttempt : public ::testing::Test {
 
     /// The exit code of an attempt that connects to these ports.
     static std::optional<int> run(const std::string& secondsOfEach, const std::string& secondsOfAll,
-                                  const std::vector<std::uint16_t>& ports) {
+                                  const std::vector<std::uint16_t>& ports,
+                                  const std::string& path = "") {
         std::vector<std::string> arguments{"orvx-announce", "probe", secondsOfEach, secondsOfAll,
-                                           ""};
+                                           path};
         for (const std::uint16_t port : ports) {
             arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(port)});
         }
@@ -70,6 +72,30 @@ TEST_F(AnAttempt, EndsWithTheFirstServiceThatDoesNotAnswer) {
     EXPECT_EQ(run("5", "3600", {refused.port(), other.port()}), 1);
     EXPECT_THAT(alarms, ElementsAre(5));
     EXPECT_EQ(other.counters().connections, 0U);
+}
+
+TEST_F(AnAttempt, WaitsForTheAnswerThatFollowsInterimOnes) {
+    const std::string interim =
+        "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: </a>\r\n\r\n";
+    for (const auto& [answer, expected] : {std::pair<std::string, int>{"HTTP/1.1 204 \r\n\r\n", 0},
+                                           {"HTTP/1.1 503 \r\n\r\n", 2},
+                                           {"HTTP/1.1 101 \r\n\r\nHTTP/1.1 200 \r\n\r\n", 2},
+                                           {"HTTP/1.1 1", 2},
+                                           {"", 2}}) {
+        orvx::testing::HostileServer server;
+        server.nextRequest(orvx::testing::Script().send(interim + answer).close());
+        EXPECT_EQ(run("5", "3600", {server.port()}, "/"), expected) << answer;
+        server.nextRequest(
+            orvx::testing::Script().drip(interim + answer, std::chrono::milliseconds(1)).close());
+        EXPECT_EQ(run("5", "3600", {server.port()}, "/"), expected) << answer;
+    }
+}
+
+TEST_F(AnAttempt, EndsAtAnInterimAnswerWithoutAnEnd) {
+    orvx::testing::HostileServer server;
+    server.nextRequest(
+        orvx::testing::Script().send("HTTP/1.1 100 Continue\r\nA: " + std::string(1'000'000, 'x')));
+    EXPECT_EQ(run("5", "3600", {server.port()}, "/"), 2);
 }
 
 }  // namespace

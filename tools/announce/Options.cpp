@@ -95,7 +95,12 @@ void addProbe(CLI::App& app, const char* http, const char* command, const std::s
         app.add_option(http, probe.path, effect + " when GET of this path answers 200 to 399")
             ->excludes(plain)
             ->check([](const std::string& text) {
-                return text.rfind('/', 0) == 0 ? "" : "the path must begin with /";
+                const bool isEncoded = std::all_of(text.begin(), text.end(), [](char letter) {
+                    return letter > ' ' && letter < '\x7f' && letter != '#';
+                });
+                return text.rfind('/', 0) != 0 ? "the path must begin with /"
+                       : isEncoded             ? ""
+                                               : "the path must be percent-encoded";
             })
             ->each([&](const std::string&) { probe.kind = ProbeOptions::Kind::Http; });
     app.add_option(command, probe.command, effect + " when this shell command succeeds")

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -23,6 +24,12 @@ namespace {
 
 /// The first argument of an attempt's process. It is no option, so no valid call by a user has it.
 constexpr const char* kProbe = "probe";
+
+/// The length of a status line up to the status.
+constexpr std::size_t kStatusLine = 12;
+constexpr std::string_view kEndOfHeader = "\r\n\r\n";
+/// An interim answer that is longer counts as a failure.
+constexpr std::size_t kMostReceived = 65'536;
 
 using Clock = std::chrono::steady_clock;
 
@@ -69,22 +76,43 @@ int connectTo(const std::string& host, const std::string& port) {
     return -1;
 }
 
+/// An answer that another one follows; none follows 101.
+bool isInterim(const std::string& statusLine) {
+    return std::regex_match(statusLine, std::regex("HTTP/1\\.[01] 1(?!01)[0-9][0-9]"));
+}
+
+/// Removes the interim answers that have arrived whole. Returns the beginning of the next one.
+std::string nextStatusLine(std::string& received) {
+    for (;;) {
+        std::string line = received.substr(0, kStatusLine);
+        const auto end = isInterim(line) ? received.find(kEndOfHeader) : std::string::npos;
+        if (end == std::string::npos) {
+            return line;
+        }
+        received.erase(0, end + kEndOfHeader.size());
+    }
+}
+
 bool answersWithSuccess(int connection, const std::string& host, const std::string& path) {
     const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + host +
                                 "\r\nConnection: close\r\nUser-Agent: orvx-announce\r\n\r\n";
     if (::send(connection, request.data(), request.size(), MSG_NOSIGNAL) < 0) {
         return false;
     }
-    std::string line;
-    std::array<char, 64> bytes{};
-    while (line.size() < 12) {
+    std::string received;
+    std::array<char, 4096> bytes{};
+    while (received.size() < kMostReceived) {
         const auto size = ::recv(connection, bytes.data(), bytes.size(), 0);
         if (size <= 0) {
             return false;
         }
-        line.append(bytes.data(), static_cast<std::size_t>(size));
+        received.append(bytes.data(), static_cast<std::size_t>(size));
+        const std::string line = nextStatusLine(received);
+        if (line.size() == kStatusLine && !isInterim(line)) {
+            return std::regex_match(line, std::regex("HTTP/1\\.[01] [23][0-9][0-9]"));
+        }
     }
-    return std::regex_search(line, std::regex("^HTTP/1\\.[01] [23][0-9][0-9]"));
+    return false;
 }
 
 ProbeResult probe(const std::string& host, const std::string& port, const std::string& path) {
