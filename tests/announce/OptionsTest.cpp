@@ -149,6 +149,22 @@ TEST_F(TheOptions, ThatMakeNoSenseAreRefusedWithTheReason) {
     EXPECT_THAT(refusal(good + Words{"--token-file", "/dev/null"}), Not(IsEmpty()));
 }
 
+TEST_F(TheOptions, TakeDecimalNumbersOnly) {
+    const Words good{"--registry", "http://127.0.0.1:1", "--name", "a", "--port", "1"};
+    for (const std::string option :
+         {"--port", "--check-interval", "--health-failures", "--health-successes"}) {
+        for (const std::string number : {"010", "0x10", "+1"}) {
+            Words arguments = good;
+            if (option == "--port") {
+                arguments.resize(4);
+            }
+            EXPECT_EQ(refusal(arguments + Words{option, number}),
+                      "orvx-announce: " + option + ": not a decimal number: " + number +
+                          "; see orvx-announce --help\n");
+        }
+    }
+}
+
 TEST_F(TheOptions, TakeAPathThatIsPercentEncodedOnly) {
     const Words good{"--registry", "http://127.0.0.1:1", "--name", "a", "--port", "1"};
     for (const std::string option : {"--ready-http", "--health-http"}) {

@@ -126,6 +126,21 @@ TEST_F(AGuardedRegistry, RefusesAnEmptyValueOfAnyOption) {
     }
 }
 
+TEST(TheRegistryProgram, TakesDecimalNumbersOnly) {
+    for (const std::string option :
+         {"--port", "--rate", "--max-body", "--max-connections", "--max-entries", "--ttl"}) {
+        for (const std::string number : {"010", "0x10", "+1"}) {
+            // With --host it ends in any case, and never listens.
+            const auto result = RegistryProcess({"--host", "0.0.0.0", option, number}).wait();
+            EXPECT_TRUE(exitedWith(result, 125)) << result.status;
+            EXPECT_EQ(result.errors, "orvx-registry: " + option + ": not a decimal number: " +
+                                         number + " (orvx-registry --help lists the options)\n");
+        }
+    }
+    const auto result = RegistryProcess({"--host", "0.0.0.0", "--port", "0", "--rate", "0"}).wait();
+    EXPECT_THAT(result.errors, HasSubstr("anybody could announce"));
+}
+
 TEST_F(AGuardedRegistry, RefusesBeforeItReadsTheBody) {
     RegistryOptions options;
     options.tokens = tokens_;

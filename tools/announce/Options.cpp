@@ -13,6 +13,7 @@
 #include <iostream>
 #include <map>
 
+#include "DecimalNumber.h"
 #include "EmptyValue.h"
 #include "ExitCodes.h"
 #include "Nearest.h"
@@ -49,6 +50,7 @@ void addRegistry(CLI::App& app, RegistryOptions& registry) {
            "--check-interval",
            [&](unsigned seconds) { registry.checkInterval = std::chrono::seconds(seconds); },
            "From one check of the entry to the next")
+        ->check(tools::faultOfDecimal)
         ->check(CLI::Range(1U, 86400U))
         ->type_name("SECONDS")
         ->default_str("10");
@@ -77,7 +79,9 @@ void addServices(CLI::App& app, ServiceOptions& service) {
     const auto add = [&](const char* option, auto& target, const char* text) {
         return app.add_option(option, target, text)->excludes(from)->needs(name);
     };
-    add("--port", service.port, "Its port")->check(CLI::Range(1U, 65535U));
+    add("--port", service.port, "Its port")
+        ->check(tools::faultOfDecimal)
+        ->check(CLI::Range(1U, 65535U));
     app.add_option("--host", service.host,
                    "Where others reach it (default: this machine's name, or 127.0.0.1 when the "
                    "registry is there)");
@@ -131,7 +135,10 @@ void addHealth(CLI::App& app, HealthOptions& health) {
     addDuration(app, "--health-interval", health.interval, "From one such attempt to the next");
     addDuration(app, "--health-timeout", health.timeout, "How long an attempt may take");
     const auto addCount = [&app](const char* name, unsigned& target, const char* text) {
-        app.add_option(name, target, text)->check(CLI::Range(1U, 1000U))->capture_default_str();
+        app.add_option(name, target, text)
+            ->check(tools::faultOfDecimal)
+            ->check(CLI::Range(1U, 1000U))
+            ->capture_default_str();
     };
     addCount("--health-failures", health.failures, "Failures in a row until it is withdrawn");
     addCount("--health-successes", health.successes, "Successes in a row until it is announced");

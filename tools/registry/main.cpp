@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "Commands.h"
+#include "DecimalNumber.h"
 #include "EmptyValue.h"
 #include "EtcdClient.h"
 #include "FileContent.h"
@@ -37,6 +38,7 @@ using orvx::registry::FileError;
 using orvx::registry::LineStream;
 using orvx::registry::RegistryOptions;
 using orvx::registry::RegistryServer;
+using orvx::tools::faultOfDecimal;
 using orvx::tools::ServiceManager;
 using orvx::utility::Mutex;
 using orvx::utility::MutexLock;
@@ -232,6 +234,7 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
     app.set_version_flag("--version", "orvx-registry " ORVX_VERSION, "Print the version and end");
     app.add_option("--host", options.host, "Address or name to listen at")->capture_default_str();
     app.add_option("--port", options.port, "Port to listen at, 0 for any free one")
+        ->check(faultOfDecimal)
         ->capture_default_str();
     app.add_flag("--open", options.open,
                  "Let anybody announce who reaches a host that is not loopback");
@@ -246,6 +249,7 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
                    "File with tokens, one JSON object a line; every request needs one");
     app.add_option("--rate", options.rate,
                    "Most requests a second of one client address, 0 for no limit")
+        ->check(faultOfDecimal)
         ->check(CLI::Range(0U, 1U << 20U))
         ->capture_default_str();
     app.add_option("--audit", options.audit,
@@ -253,18 +257,22 @@ void addOptions(CLI::App& app, RegistryOptions& options) {
         ->expected(0, 1)
         ->default_str("-");
     app.add_option("--max-body", options.maxBody, "Largest body of a request, in bytes")
+        ->check(faultOfDecimal)
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 30))
         ->capture_default_str();
     app.add_option("--max-connections", options.maxConnections,
                    "Most connections at once; a further one ends another")
+        ->check(faultOfDecimal)
         ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 20))
         ->capture_default_str();
     app.add_option("--max-entries", options.maxEntries, "Most entries; a further one is refused")
+        ->check(faultOfDecimal)
         ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 24))
         ->capture_default_str();
     app.add_option_function<std::uint32_t>(
-        "--ttl", [&options](std::uint32_t ttl) { options.ttl = std::chrono::seconds(ttl); },
-        "Seconds after which an entry that is neither put nor checked expires, 0 for never");
+           "--ttl", [&options](std::uint32_t ttl) { options.ttl = std::chrono::seconds(ttl); },
+           "Seconds after which an entry that is neither put nor checked expires, 0 for never")
+        ->check(faultOfDecimal);
     app.add_option("--store", options.store, "File that keeps the entries over a restart");
     app.add_option("--script", options.script, "File with faults, one JSON object a line");
     app.add_flag("--admin", options.admin, "Take faults at /-/faults while it runs");
