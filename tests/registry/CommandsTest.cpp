@@ -99,10 +99,12 @@ TEST(TheListCommand, ContinuesOverANewConnectionWhenTheKeptOneHasEnded) {
 TEST(TheRmCommand, DoesNotRepeatARequestThatTheRegistryMayHaveCarriedOut) {
     FakeServer server("127.0.0.1");
     RegistryProcess rm({"rm", "a", "b", "--json", "--registry", "http://" + server.authority()});
-    server.answer("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+    const std::string entry = R"({"service":{},"uuid":"a"})";
+    server.answer("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(entry.size()) +
+                  "\r\n\r\n" + entry);
     const auto result = rm.wait();
     EXPECT_EQ(statusOf(result), 125);
-    EXPECT_EQ(result.output, "{}\n");
+    EXPECT_EQ(result.output, entry + "\n");
     EXPECT_THAT(result.errors, Not(HasSubstr("timeout")));
 }
 
@@ -374,7 +376,10 @@ TEST(TheCommands, DoNotPrintJsonOfAnUnexpectedForm) {
     for (const char* body : {"[]", "{}", R"({"entries":[1]})", R"({"entries":[],"next":null})"}) {
         EXPECT_EQ(errorAt("list", body), error) << body;
     }
-    EXPECT_EQ(errorAt("rm", "{}"), error);
+    for (const char* body : {"[]", "{}", "1", R"({"uuid":"u"})", R"({"service":{}})"}) {
+        EXPECT_EQ(errorAt("get", body), error) << body;
+        EXPECT_EQ(errorAt("rm", body), error) << body;
+    }
 }
 
 TEST(TheListCommand, EndsWhenAPageRefersToItself) {

@@ -168,6 +168,8 @@ int requestEach(const Arguments& arguments, http::verb method) {
             continue;
         }
         const json entry = parse(expectOk(response).body());
+        entry.at("uuid");
+        entry.at("service");
         const bool isLine = !arguments.asJson && method == http::verb::delete_;
         std::cout << (isLine ? lineOf(entry)
                              : entry.dump(arguments.asJson ? -1 : 2, ' ', true,
