@@ -117,6 +117,19 @@ TEST_F(TheOptions, EscapeNameAndHostInTheDefaultUri) {
                                       "/v6/2001:db8::1:3", "/v6/2001:db8::1:4"));
 }
 
+TEST_F(TheOptions, TakeAnAddressOfIpV6WithBracketsOrWithout) {
+    for (const std::string host : {"[::1]", "::1"}) {
+        Announce announce(echo() + Words{"--host", host});
+        announce.awaitOutput(" announced ");
+        EXPECT_EQ(entries().at(0).at("service").at("host"), "::1");
+        announce.stopped(0);
+    }
+    Announce announce({"--registry", urlOf(registry.port()), "--from",
+                       folder.write("set", R"([{"name":"a","port":1,"host":"[::2]"}])")});
+    announce.awaitOutput(" announced ");
+    EXPECT_EQ(entries().at(0).at("service").at("host"), "::2");
+}
+
 TEST_F(TheOptions, TakeTheHostFromTheMachineUnlessTheRegistryIsThere) {
     Announce announce(echo());
     announce.awaitOutput(" announced ");

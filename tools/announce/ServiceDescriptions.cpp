@@ -104,13 +104,14 @@ std::string percentEncoded(const std::string& text) {
     return encoded;
 }
 
+std::string withoutBrackets(const std::string& host) {
+    const bool isBracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    return isBracketed ? host.substr(1, host.size() - 2) : host;
+}
+
 /// Differs for each instance of a service. The port follows the last colon.
 std::string defaultUri(const json& service) {
-    std::string host = service["host"];
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-    }
-    return "/" + percentEncoded(service["name"]) + "/" + percentEncoded(host) + ":" +
+    return "/" + percentEncoded(service["name"]) + "/" + percentEncoded(service["host"]) + ":" +
            service["port"].dump();
 }
 
@@ -162,6 +163,7 @@ std::vector<json> readDescriptions(const ServiceOptions& options, const Registry
         if (!service.contains("host")) {
             service["host"] = options.host.empty() ? defaultHost(registry) : options.host;
         }
+        service["host"] = withoutBrackets(service["host"]);
         const std::string uri = service.value("uri", defaultUri(service));
         service["uri"] = uri.front() == '/' ? uri : "/" + uri;
         if (!uris.insert(service["uri"]).second) {
