@@ -1,17 +1,23 @@
 // Tests the commands that send requests to a registry, at real registries and at servers with wrong
 // answers.
-// Everything runs on the test's thread; the registry runs on its own, the commands are processes.
-// There is no lock.
+// Everything runs on the test's thread; the registry and a Client run on their own, the commands
+// are processes. There is no lock.
 
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Client.h"
 #include "FakeServer.h"
 #include "RegistryProcess.h"
 #include "RunningRegistry.h"
@@ -368,6 +374,80 @@ TEST(TheCommands, RefuseAnAnswerThatNestsTooDeeply) {
         EXPECT_THAT(errorAt(command, entry), HasSubstr("is not JSON"));
     }
     EXPECT_THAT(errorAt("list", R"({"entries":[)" + entry + "]}"), HasSubstr("is not JSON"));
+}
+
+// Before, they took an answer without an end for as long as their memory lasted.
+TEST(TheCommands, RefuseAnAnswerOfMoreThanTwoGibibytes) {
+    for (const char* header :
+         {"Content-Length: 2147483649\r\n\r\n", "Transfer-Encoding: chunked\r\n\r\n80000001\r\n"}) {
+        for (const char* command : {"list", "get", "rm"}) {
+            FakeServer server("127.0.0.1");
+            std::vector<std::string> arguments{command, "--registry",
+                                               "http://" + server.authority()};
+            if (command != std::string("list")) {
+                arguments.push_back("uuid");
+            }
+            RegistryProcess process(arguments);
+            server.answer(std::string("HTTP/1.1 200 OK\r\n") + header);
+            const auto result = process.wait();
+            EXPECT_EQ(statusOf(result), 125);
+            EXPECT_THAT(result.errors, HasSubstr("body limit exceeded"));
+        }
+    }
+}
+
+// Before, it took such an event for as long as its memory lasted.
+TEST(TheWatchCommand, RefusesAnEventOfMoreThan64Kibibytes) {
+    const std::string tooLong = "event: put\ndata: " + std::string(66'000, 'x');
+    const std::string error = "orvx-registry: the registry sends an event of more than 64 KiB\n";
+    {
+        FakeServer server("127.0.0.1");
+        RegistryProcess watch({"watch", "--registry", "http://" + server.authority()});
+        server.answer("HTTP/1.1 200 OK\r\n\r\n" + tooLong);
+        const auto result = watch.wait();
+        EXPECT_EQ(statusOf(result), 125);
+        EXPECT_EQ(result.errors, error);
+    }
+    FakeServer server("127.0.0.1");
+    RegistryProcess watch({"watch", "--json", "--registry", "http://" + server.authority()});
+    server.answer("HTTP/1.1 200 OK\r\n\r\nevent: state\nid: a-1\ndata: {}\n\n" + tooLong);
+    EXPECT_EQ(watch.awaitErrors("\n"), error);
+    EXPECT_THAT(server.answer(""), HasSubstr("\r\nLast-Event-ID: a-1\r\n"));
+}
+
+/// Sends the pieces of a body with pauses, until the client closes its connection. Then the client
+/// has an answer of `bytes`, or has thrown an exception.
+std::future<Response> askAtSlowServer(std::size_t bytes, std::size_t piece, int pause) {
+    boost::asio::io_context context;
+    boost::asio::ip::tcp::acceptor acceptor(context,
+                                            {boost::asio::ip::make_address("127.0.0.1"), 0});
+    ClientOptions options;
+    options.url = "http://127.0.0.1:" + std::to_string(acceptor.local_endpoint().port());
+    options.timeout = std::chrono::seconds(1);
+    auto answer = std::async(std::launch::async,
+                             [options] { return Client(options).ask(http::verb::get, "/"); });
+    auto socket = acceptor.accept();
+    std::string request;
+    boost::asio::read_until(socket, boost::asio::dynamic_buffer(request), "\r\n\r\n");
+    boost::system::error_code error;
+    const std::string header =
+        "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(bytes) + "\r\n\r\n";
+    boost::asio::write(socket, boost::asio::buffer(header), error);
+    pollfd closed{socket.native_handle(), POLLIN | POLLRDHUP, 0};
+    for (std::size_t sent = 0; sent < bytes && ::poll(&closed, 1, pause) == 0; sent += piece) {
+        const std::string part(std::min(piece, bytes - sent), 'x');
+        boost::asio::write(socket, boost::asio::buffer(part), error);
+    }
+    return answer;
+}
+
+// Before, a list needed a line that brings a page of it within ten seconds.
+TEST(AClient, WaitsForALongAnswerOverASlowLine) {
+    EXPECT_EQ(askAtSlowServer(2'000'000, 200'000, 150).get().body().size(), 2'000'000U);
+}
+
+TEST(AClient, DoesNotWaitForAnAnswerThatArrivesByteByByte) {
+    EXPECT_THROW(askAtSlowServer(1'000'000, 1, 5).get(), std::runtime_error);
 }
 
 TEST(TheCommands, DoNotPrintJsonOfAnUnexpectedForm) {

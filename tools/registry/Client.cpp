@@ -28,15 +28,23 @@ using asio::ip::tcp;
 
 namespace {
 
-constexpr std::chrono::seconds kTimeout{10};
+/// 1,000 entries whose bodies have the default limit, or one with the largest, in JSON.
+constexpr std::uint64_t kLargestAnswer = std::uint64_t{2} << 30;
+/// How much of a long answer must arrive within the timeout.
+constexpr std::uint64_t kProgress = 65'536;
+/// A registry's events are much shorter.
+constexpr std::size_t kLongestEvent = 65'536;
 
-/// Calls `take` with each complete event, and removes it from the text.
-void takeEvents(std::string& text, std::string& lastId,
+/// Calls `take` with each complete event, and removes it from the text. Only the end of the text,
+/// from `added` on, is new. Throws a std::runtime_error if the last event is too long.
+void takeEvents(std::string& text, std::size_t added, std::string& lastId,
                 const std::function<void(std::string_view, std::string_view)>& take) {
-    for (auto end = text.find("\n\n"); end != std::string::npos; end = text.find("\n\n")) {
+    std::size_t begin = 0;
+    for (auto end = text.find("\n\n", added - std::min<std::size_t>(added, 1));
+         end != std::string::npos; end = text.find("\n\n", begin)) {
         std::string name;
         std::string data;
-        std::string_view event = std::string_view(text).substr(0, end);
+        std::string_view event = std::string_view(text).substr(begin, end - begin);
         while (!event.empty()) {
             const std::string_view line = event.substr(0, event.find('\n'));
             event.remove_prefix(std::min(line.size() + 1, event.size()));
@@ -54,7 +62,11 @@ void takeEvents(std::string& text, std::string& lastId,
         if (!name.empty()) {
             take(name, data);
         }
-        text.erase(0, end + 2);
+        begin = end + 2;
+    }
+    text.erase(0, begin);
+    if (text.size() > kLongestEvent) {
+        throw std::runtime_error("the registry sends an event of more than 64 KiB");
     }
 }
 
@@ -81,7 +93,7 @@ void readTokenOfPipe(ClientOptions& options) {
     }
 }
 
-Client::Client(const ClientOptions& options) {
+Client::Client(const ClientOptions& options) : timeout_(options.timeout) {
     const auto url = parseUrl(options.url);
     if (!url) {
         throw std::runtime_error("the registry must be a url such as http://127.0.0.1:8500");
@@ -97,8 +109,13 @@ Client::Client(const ClientOptions& options) {
 
 template <typename Start>
 Client::Error Client::await(Start&& start) {
+    return awaitUntil(std::chrono::steady_clock::now() + timeout_, std::forward<Start>(start));
+}
+
+template <typename Start>
+Client::Error Client::awaitUntil(std::chrono::steady_clock::time_point deadline, Start&& start) {
     Error result;
-    stream_->tcp().expires_after(kTimeout);
+    stream_->tcp().expires_at(deadline);
     start([&result](Error error, auto&&...) { result = error; });
     context_.restart();
     context_.run();
@@ -147,18 +164,51 @@ Client::Error Client::send(http::verb method, const std::string& target,
     return await([&](auto handler) { http::async_write(*stream_, request, handler); });
 }
 
+// The timer of the stream does not fire while bytes are always there, so the time is also compared
+// here. A server that sends quickly and without end is ended by the number of bytes.
+Client::Error Client::readRest(Parser& parser) {
+    auto deadline = std::chrono::steady_clock::now() + timeout_;
+    std::uint64_t total = 0;
+    std::uint64_t sinceDeadline = 0;
+    parser.eager(true);
+    while (!parser.is_done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return beast::error::timeout;
+        }
+        std::size_t bytes = 0;
+        const Error error = awaitUntil(deadline, [&](auto handler) {
+            http::async_read_some(*stream_, buffer_, parser,
+                                  [&bytes, handler](Error failure, std::size_t count) mutable {
+                                      bytes = count;
+                                      handler(failure);
+                                  });
+        });
+        if (error) {
+            return error;
+        }
+        total += bytes;
+        sinceDeadline += bytes;
+        if (total > kLargestAnswer) {
+            return http::error::body_limit;
+        }
+        if (sinceDeadline >= kProgress) {
+            sinceDeadline = 0;
+            deadline = std::chrono::steady_clock::now() + timeout_;
+        }
+    }
+    return {};
+}
+
 // The registry closes a connection that is idle for too long. A request that changes nothing is
 // then sent again.
 Response Client::ask(http::verb method, const std::string& target) {
     const bool isKept = stream_.has_value();
-    std::optional<http::response_parser<http::string_body>> parser;
+    std::optional<Parser> parser;
     const auto exchange = [&] {
         parser.emplace();
-        parser->body_limit(std::numeric_limits<std::uint64_t>::max());
+        parser->body_limit(kLargestAnswer);
         const Error error = send(method, target);
-        return error ? error : await([&](auto handler) {
-            http::async_read(*stream_, buffer_, *parser, handler);
-        });
+        return error ? error : readRest(*parser);
     };
     Error error = exchange();
     if (error && error != beast::error::timeout && isKept && method == http::verb::get &&
@@ -178,13 +228,13 @@ std::optional<Response> Client::watch(
     const std::function<void(std::string_view, std::string_view)>& take) {
     stream_.reset();
     require(send(http::verb::get, target, lastId));
-    http::response_parser<http::string_body> parser;
+    Parser parser;
     parser.body_limit(std::numeric_limits<std::uint64_t>::max());
     require(
         await([&](auto handler) { http::async_read_header(*stream_, buffer_, parser, handler); }));
     Error error;
     if (parser.get().result() != http::status::ok) {
-        require(await([&](auto handler) { http::async_read(*stream_, buffer_, parser, handler); }));
+        require(readRest(parser));
         stream_.reset();
         return parser.release();
     }
@@ -197,8 +247,9 @@ std::optional<Response> Client::watch(
     while (!error && !parser.is_done()) {
         error =
             await([&](auto handler) { http::async_read_some(*stream_, buffer_, parser, handler); });
+        const std::size_t added = text.size();
         text += std::exchange(parser.get().body(), {});
-        takeEvents(text, lastId, takeEvent);
+        takeEvents(text, added, lastId, takeEvent);
     }
     stream_.reset();
     if (!hasEvents) {

@@ -4,7 +4,10 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/verb.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -25,6 +28,7 @@ struct ClientOptions {
     std::string tokenFile{};                    ///< with the token
     std::string authority{};                    ///< file; empty: the system's authorities
     TlsFiles own{};                             ///< the client's certificate and its key
+    std::chrono::milliseconds timeout{10'000};  ///< of each step
 };
 
 /// Replaces the token's file by its content if it is not a regular file: a pipe can be read only
@@ -32,9 +36,10 @@ struct ClientOptions {
 void readTokenOfPipe(ClientOptions& options);
 
 /// Sends requests to a registry, one after the other over one connection. All functions block. They
-/// throw a std::runtime_error that says what failed, also when a step takes more than ten seconds.
-/// The steps are: connect, the handshake, send the request, and read the answer, or one piece of a
-/// stream. The look-up of the registry's name has no limit of its own.
+/// throw a std::runtime_error that says what failed, also when a step takes longer than the
+/// timeout. The steps are: connect, the handshake, send the request, and read the answer, 64 KiB of
+/// a longer one, or one piece of a stream. The look-up of the registry's name has no limit of its
+/// own. An answer of more than 2 GiB, or an event of more than 64 KiB, is a failure, too.
 ///
 /// Thread-safety: none.
 class Client {
@@ -55,6 +60,7 @@ class Client {
 
   private:
     using Error = boost::beast::error_code;
+    using Parser = boost::beast::http::response_parser<boost::beast::http::string_body>;
 
     void connect();
     void shakeHands();
@@ -63,8 +69,13 @@ class Client {
     /// Starts an asynchronous operation, waits until it calls the handler, and returns its error.
     template <typename Start>
     Error await(Start&& start);
+    template <typename Start>
+    Error awaitUntil(std::chrono::steady_clock::time_point deadline, Start&& start);
+    /// Reads the rest of an answer.
+    Error readRest(Parser& parser);
     void require(Error error) const;
 
+    const std::chrono::milliseconds timeout_;
     Url url_{};
     std::string authorization_{};
     boost::asio::io_context context_;
