@@ -69,6 +69,19 @@ TEST(TheRegistryProgram, EndsCleanlyWhileTheLookupOfAMemberHangs) {
     EXPECT_TRUE(exitedWith(program.wait(), 0));
 }
 
+// Before, the signal waited for the name servers.
+TEST(TheRegistryProgram, EndsCleanlyWhileTheLookupOfItsHostHangs) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        ChildProcess program("/usr/bin/env",
+                             {"LD_PRELOAD=" + std::string(paths::kHangingLookup),
+                              "ASAN_OPTIONS=verify_asan_link_order=0", RegistryProcess::path(),
+                              "--port", "0", "--host", "hangs.test"});
+        program.awaitErrors("looking up hangs.test\n");
+        program.signal(signal);
+        EXPECT_TRUE(exitedWith(program.wait(), 0));
+    }
+}
+
 TEST(TheRegistryProgram, PutsBracketsAroundAnAddressWithColons) {
     if (std::ifstream("/proc/net/if_inet6").peek() == std::ifstream::traits_type::eof()) {
         GTEST_SKIP() << "this machine has no IPv6";

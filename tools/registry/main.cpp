@@ -1,14 +1,17 @@
 // The program orvx-registry: reads the options, prints the address, and stops on a signal. A
 // failure is one line on stderr and the exit status 125, as with orvx-announce.
 // The registry runs on a thread of its own, while the main thread waits for a signal. The signals
-// are blocked before that thread starts, so that only sigwait() receives them. Both threads notify
-// the service manager; a lock guards what it could not be told yet.
+// are blocked before the first further thread starts, so that only sigwait() receives them. The
+// look-up of the host comes before that, where a signal ends the process. Both threads notify the
+// service manager; a lock guards what it could not be told yet.
 
 #include <orvx/utility/Mutex.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/system/system_error.hpp>
 #include <chrono>
 #include <csignal>
@@ -79,6 +82,24 @@ sigset_t prepareSignals(const RegistryOptions& options, bool isManaged) {
     return signals;
 }
 
+/// The address of the host. SIGINT and SIGTERM, which are blocked otherwise, end the process
+/// meanwhile: nothing can interrupt a look-up.
+std::string addressOf(const RegistryOptions& options) {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    const auto end = [](int) { std::_Exit(0); };
+    std::signal(SIGINT, end);
+    std::signal(SIGTERM, end);
+    pthread_sigmask(SIG_UNBLOCK, &ends, nullptr);
+    boost::asio::io_context context;
+    const auto found =
+        boost::asio::ip::tcp::resolver(context).resolve(options.host, std::to_string(options.port));
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    return found.begin()->endpoint().address().to_string();
+}
+
 /// Tells a service manager of readiness. If its queue is full, SIGALRM arrives a second later, and
 /// is to be answered with repeat().
 /// Thread-safe.
@@ -110,13 +131,14 @@ class Readiness {
     std::string untold_ ORVX_GUARDED_BY(mutex_);
 };
 
-void serve(const RegistryOptions& options) {
+void serve(RegistryOptions options) {
     if (!options.etcd.empty() && options.maxBody > kMaxBodyAtEtcd) {
         throw std::runtime_error("with --etcd the largest --max-body is " +
                                  std::to_string(kMaxBodyAtEtcd));
     }
     const ServiceManager manager;
     const sigset_t signals = prepareSignals(options, manager.isThere());
+    options.host = addressOf(options);
     // They outlive the server, and its thread stops for no reader.
     const LineStream errors(std::cerr, STDERR_FILENO, LineStream::Loss::IsIgnored);
     const LineStream output(std::cout, STDOUT_FILENO, LineStream::Loss::IsFailure);
