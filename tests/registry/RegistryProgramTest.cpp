@@ -13,6 +13,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -221,6 +222,32 @@ TEST(TheRegistryProgram, SurvivesAShortageOfFileDescriptors) {
     for (RawConnection& connection : waiting) {
         EXPECT_EQ(connection.ask(makeRequest("HEAD", "/")).result(), http::status::ok);
     }
+}
+
+// Before, there was a limit at which it listened and never answered.
+TEST(TheRegistryProgram, EndsWithAReasonIfItsFileDescriptorsSufficeForNoConnection) {
+    bool hasFailed = false;
+    bool hasServed = false;
+    for (int limit = 4; limit <= 24 && !hasServed; ++limit) {
+        ChildProcess program("/bin/sh", {"-c", "ulimit -n $1; exec \"$0\" --port 0",
+                                         RegistryProcess::path(), std::to_string(limit)});
+        std::string line;
+        try {
+            line = program.awaitOutput("\n");
+        } catch (const std::runtime_error&) {
+            const auto result = program.wait();
+            EXPECT_TRUE(exitedWith(result, 125) || exitedWith(result, 127)) << result.status;
+            EXPECT_THAT(result.errors, HasSubstr("open"));
+            hasFailed |= exitedWith(result, 125);
+            continue;
+        }
+        hasServed = true;
+        const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+        EXPECT_EQ(RawConnection(port).ask(makeRequest("HEAD", "/")).result(), http::status::ok)
+            << limit;
+    }
+    EXPECT_TRUE(hasFailed);
+    EXPECT_TRUE(hasServed);
 }
 
 // Before, a client got every descriptor, and the replica never had the entries.

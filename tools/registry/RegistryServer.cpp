@@ -78,6 +78,7 @@ class RegistryServer::Impl {
         if (countsAwakeTimeOnly(options)) {
             advanceClock();
         }
+        requireDescriptor();
         accept();
     }
 
@@ -115,6 +116,9 @@ class RegistryServer::Impl {
         }
         return store;
     }
+
+    /// Throws if no file descriptor is left for a connection: no client would ever be served.
+    void requireDescriptor() { tcp::socket(context_).open(endpoint_.protocol()); }
 
     void onChangeAtEtcd() {
         shared_.wakeWatchers();
