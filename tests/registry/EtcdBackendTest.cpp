@@ -243,6 +243,14 @@ TEST_F(AReplica, TakesNoListOfSomethingElseThanEtcd) {
     EXPECT_THAT(replica.awaitReady().paths(), ElementsAre("/1"));
 }
 
+// Before, the line ended after "etcd: ".
+TEST_F(AReplica, SaysThatSomethingElseThanEtcdAnswers) {
+    etcd_.setScript("kv/range",
+                    [](const json&, const Step&) { return FakeEtcd::Answer{json::object()}; });
+    RegistryProcess program({"--port", "0", "--etcd", etcd_.url()});
+    EXPECT_EQ(program.awaitErrors("\n"), "orvx-registry: etcd: no answer of etcd\n");
+}
+
 TEST_F(AReplica, ListsAgainWhenEtcdWasRestoredFromABackup) {
     put(1, R"({"a":1})");
     Replica replica(members(1));

@@ -239,10 +239,11 @@ bool EtcdBackend::isCurrent() const {
     return isLoaded_ && checks_.isCurrent();
 }
 
-/// Reports the first error only, until etcd answers again.
+/// Reports the first error only, until etcd answers again. Empty: an answer that is none of etcd.
 void EtcdBackend::report(const std::string& error) {
     if (!std::exchange(isReported_, true)) {
-        std::cerr << "orvx-registry: etcd: " << error << std::endl;
+        std::cerr << "orvx-registry: etcd: " << (error.empty() ? "no answer of etcd" : error)
+                  << std::endl;
     }
 }
 
