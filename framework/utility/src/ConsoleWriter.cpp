@@ -1,7 +1,8 @@
 // The console's queue and the thread that empties it. While the queue is empty, the logging thread
-// writes; otherwise only the worker does, which keeps the order.
+// writes; otherwise only the worker does, which keeps the order, or flush() if there is no worker.
 // Entered by any thread; work() runs on the worker, or in the destructor if there is no worker.
-// `mutex_` is a leaf lock and is not held for a write that may block.
+// `mutex_` is a leaf lock and is not held for a write that may block, except in flush(): there it
+// keeps a worker from starting, and poll() precedes the write.
 
 #include "ConsoleWriter.h"
 
@@ -80,7 +81,15 @@ void ConsoleWriter::flush() {
     MutexLock lock(mutex_);
     const auto until = Clock::now() + kFlushTimeout;
     while (!queue_.empty() && Clock::now() < until) {
-        changed_.wait_until(lock.native(), until);
+        if (isWorking_) {
+            changed_.wait_until(lock.native(), until);
+            continue;
+        }
+        const auto written = writeToStandardError(queue_.front(), MayWait::Yes);
+        removeWritten(written);
+        if (written == 0) {
+            changed_.wait_for(lock.native(), kRetryInterval);
+        }
     }
 }
 

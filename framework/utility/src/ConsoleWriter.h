@@ -36,7 +36,8 @@ class ConsoleWriter {
     /// Throws std::bad_alloc, or std::system_error if the worker cannot be made. The line may have
     /// been queued in spite of that; the next call or the destructor writes it.
     void write(const std::string& text) ORVX_EXCLUDES(mutex_);
-    /// Waits until the queue is written, at most one second.
+    /// Waits until the queue is written, at most one second. Writes it itself if there is no
+    /// worker.
     void flush() ORVX_EXCLUDES(mutex_);
     bool isInForkedChild() const noexcept { return worker_.isInForkedChild(); }
 
@@ -58,7 +59,8 @@ class ConsoleWriter {
     std::condition_variable changed_;
     /// Adds the time and the end of line.
     const std::unique_ptr<spdlog::formatter> formatter_ ORVX_PT_GUARDED_BY(mutex_);
-    /// Only work() removes lines. It writes the first line without the lock.
+    /// Only work() removes lines, or flush() while no worker exists. work() writes the first line
+    /// without the lock.
     std::deque<std::string> queue_ ORVX_GUARDED_BY(mutex_);
     std::size_t queuedBytes_ ORVX_GUARDED_BY(mutex_) = 0;
     std::uint64_t dropped_ ORVX_GUARDED_BY(mutex_) = 0;

@@ -303,6 +303,37 @@ TEST(AConsoleWithoutADescriptor, WritesAllTheSame) {
     }
 }
 
+// Before, flush() waited for a thread that was not there, and the lines of a process that ended
+// without the destructor were lost.
+TEST(AConsoleWithoutADescriptorAndAThread, WritesItsLinesWhenItIsFlushed) {
+    for (const auto make : {&makePipe, &makeTerminal}) {
+        TimedConsoleLoggerFactory factory(Level::Info);
+        FullStandardError console(make());
+        console.readAll();
+        const NoFurtherDescriptor none;
+        const test::ThreadsCannotBeMade noThreads;
+        logNumbered(*factory.createLogger("C", "N"), 1, 4);
+        factory.flush();
+        EXPECT_EQ(numbersIn(console.readUntil("x 3\n")), firstNumbers(3));
+    }
+}
+
+TEST(AConsoleWithoutADescriptorAndAThread, IsFlushedWithinABound) {
+    for (const auto make : {&makePipe, &makeSocket, &makeTerminal}) {
+        TimedConsoleLoggerFactory factory(Level::Info);
+        FullStandardError console(make());
+        auto flushing = std::async(std::launch::async, [&] {
+            const NoFurtherDescriptor none;
+            const test::ThreadsCannotBeMade noThreads;
+            logNumbered(*factory.createLogger("C", "N"), 1, 4);
+            factory.flush();
+        });
+        EXPECT_TRUE(isReady(flushing, std::chrono::seconds(5)));
+        console.readAll();
+        flushing.wait();
+    }
+}
+
 // A terminal that is ready may have room for a part of a line. The rest once blocked the writer.
 TEST(AConsoleWithoutADescriptor, EndsWithinABoundAtATerminalThatTakesAPartOfALine) {
     FullStandardError console(makeTerminal());
