@@ -1,7 +1,8 @@
 // The options, and the life of the only client. Entered by one user thread at a time. The client's
 // threads only call getters, after init(), when nothing changes any more; getRegistrations() may be
 // called by any thread at any time. Callbacks may call deinit(), also while another thread ends the
-// client. The only lock guards `attached`, the release of the factories and the progress of the end.
+// client. The only lock guards `attached`, the release of the factories and the progress of the
+// end.
 
 #include <serviceregistryclient/OrvServiceRegistryContext.h>
 
