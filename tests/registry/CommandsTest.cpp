@@ -379,7 +379,8 @@ TEST(TheCommands, RefuseAnAnswerThatNestsTooDeeply) {
 // Before, they took an answer without an end for as long as their memory lasted.
 TEST(TheCommands, RefuseAnAnswerOfMoreThanTwoGibibytes) {
     for (const char* header :
-         {"Content-Length: 2147483649\r\n\r\n", "Transfer-Encoding: chunked\r\n\r\n80000001\r\n"}) {
+         {"Content-Length: 2147483649\r\n\r\n", "Content-Length: 100000000000\r\n\r\n",
+          "Transfer-Encoding: chunked\r\n\r\n80000001\r\n"}) {
         for (const char* command : {"list", "get", "rm"}) {
             FakeServer server("127.0.0.1");
             std::vector<std::string> arguments{command, "--registry",

@@ -164,6 +164,14 @@ Client::Error Client::send(http::verb method, const std::string& target,
     return await([&](auto handler) { http::async_write(*stream_, request, handler); });
 }
 
+// Beast would reserve memory for the whole body before it compares the length with its limit.
+Client::Error Client::readHeader(Parser& parser) {
+    const Error error =
+        await([&](auto handler) { http::async_read_header(*stream_, buffer_, parser, handler); });
+    const bool isTooLong = !error && parser.content_length().value_or(0) > kLargestAnswer;
+    return isTooLong ? http::error::body_limit : error;
+}
+
 // The timer of the stream does not fire while bytes are always there, so the time is also compared
 // here. A server that sends quickly and without end is ended by the number of bytes.
 Client::Error Client::readRest(Parser& parser) {
@@ -207,7 +215,8 @@ Response Client::ask(http::verb method, const std::string& target) {
     const auto exchange = [&] {
         parser.emplace();
         parser->body_limit(kLargestAnswer);
-        const Error error = send(method, target);
+        Error error = send(method, target);
+        error = error ? error : readHeader(*parser);
         return error ? error : readRest(*parser);
     };
     Error error = exchange();
@@ -230,8 +239,7 @@ std::optional<Response> Client::watch(
     require(send(http::verb::get, target, lastId));
     Parser parser;
     parser.body_limit(std::numeric_limits<std::uint64_t>::max());
-    require(
-        await([&](auto handler) { http::async_read_header(*stream_, buffer_, parser, handler); }));
+    require(readHeader(parser));
     Error error;
     if (parser.get().result() != http::status::ok) {
         require(readRest(parser));

@@ -37,9 +37,10 @@ void readTokenOfPipe(ClientOptions& options);
 
 /// Sends requests to a registry, one after the other over one connection. All functions block. They
 /// throw a std::runtime_error that says what failed, also when a step takes longer than the
-/// timeout. The steps are: connect, the handshake, send the request, and read the answer, 64 KiB of
-/// a longer one, or one piece of a stream. The look-up of the registry's name has no limit of its
-/// own. An answer of more than 2 GiB, or an event of more than 64 KiB, is a failure, too.
+/// timeout. The steps are: connect, the handshake, send the request, read the header of the answer,
+/// and read the rest, 64 KiB of a longer one, or one piece of a stream. The look-up of the
+/// registry's name has no limit of its own. An answer of more than 2 GiB, or an event of more than
+/// 64 KiB, is a failure, too.
 ///
 /// Thread-safety: none.
 class Client {
@@ -71,6 +72,7 @@ class Client {
     Error await(Start&& start);
     template <typename Start>
     Error awaitUntil(std::chrono::steady_clock::time_point deadline, Start&& start);
+    Error readHeader(Parser& parser);
     /// Reads the rest of an answer.
     Error readRest(Parser& parser);
     void require(Error error) const;
