@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -98,6 +99,22 @@ class ALongLine : public TheStatusFile {
     const std::string name = std::string(6000, 'x');
 };
 
+/// Whether the process has not taken a signal yet that was sent to it.
+bool hasPendingSignal(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string word;
+    while (status >> word && word != "ShdPnd:") {
+    }
+    status >> word;
+    return word.find_first_not_of('0') != std::string::npos;
+}
+
+/// Limits the size of the process's files, like a full disk.
+void limitFileSize(pid_t pid, rlim_t bytes) {
+    const rlimit limit{bytes, bytes};
+    EXPECT_EQ(::prlimit(pid, RLIMIT_FSIZE, &limit, nullptr), 0);
+}
+
 TEST_F(TheOutput, IsALineForEachEvent) {
     Announce announce(echo());
     announce.awaitOutput(" announced ");
@@ -156,6 +173,24 @@ TEST_F(TheOutput, PrintsTheStatusOnRequest) {
     EXPECT_EQ(shown.at("since"), lines.at(1).at("time"));
     EXPECT_LE(shown.at("lastConfirmed"), shown.at("nextAttempt"));
     EXPECT_EQ(shown.count("lastFailure"), 0U);
+}
+
+TEST_F(TheOutput, BeyondTheLargestFileIsLostAndHarmsNothing) {
+    const Folder folder;
+    const std::string file = folder.file("output");
+    ChildProcess announce(
+        "/bin/sh", Words{"-c", "exec \"$0\" \"$@\" >" + file, paths::kAnnounceProgram} + echo());
+    EXPECT_TRUE(
+        eventually([&] { return contentOf(file).find(" announced ") != std::string::npos; }));
+    const auto size = std::filesystem::file_size(file);
+    limitFileSize(announce.pid(), size + 1);
+    announce.signal(SIGUSR1);
+    EXPECT_TRUE(eventually([&] { return std::filesystem::file_size(file) > size; }));
+    announce.signal(SIGUSR1);
+    EXPECT_TRUE(eventually([&] { return !hasPendingSignal(announce.pid()); }));
+    announce.signal(SIGTERM);
+    EXPECT_EQ(exitCode(announce.wait()), 0);
+    EXPECT_THAT(entries(), IsEmpty());
 }
 
 TEST_F(ALongLine, DoesNotWaitForSpaceInAPipeThatIsNotRead) {
@@ -278,6 +313,15 @@ TEST_F(TheStatusFile, ThatCannotBeWrittenIsReportedOnceAndHarmsNothing) {
     const auto first = output.find(" no-status-file ");
     EXPECT_NE(first, std::string::npos);
     EXPECT_EQ(output.find(" no-status-file ", first + 1), std::string::npos);
+}
+
+TEST_F(TheStatusFile, BeyondTheLargestFileIsReportedAndHarmsNothing) {
+    Announce announce(echo() + Words{"--status-file", file});
+    serviceWhen(isIn("announced"));
+    limitFileSize(announce.pid(), 0);
+    EXPECT_THAT(announce.stopped(0).output,
+                HasSubstr(" no-status-file reason=\"" + file + ": File too large\""));
+    EXPECT_THAT(entries(), IsEmpty());
 }
 
 }  // namespace

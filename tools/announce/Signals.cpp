@@ -40,7 +40,9 @@ Signals::Signals(EventLoop& loop, Handler handler) : handler_(std::move(handler)
     if (descriptor_ < 0) {
         throw std::system_error(errno, std::generic_category(), "signalfd");
     }
-    sigaddset(&set, SIGPIPE);  // write() reports EPIPE; SIG_IGN would be inherited by the command
+    // write() reports EPIPE or EFBIG; SIG_IGN would be inherited by the command.
+    sigaddset(&set, SIGPIPE);
+    sigaddset(&set, SIGXFSZ);
     ::pthread_sigmask(SIG_BLOCK, &set, &original_);
     loop.watch(descriptor_, [this] { read(); });
 }
