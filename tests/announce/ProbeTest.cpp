@@ -6,8 +6,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -32,6 +39,57 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Le;
 using ::testing::SizeIs;
+
+const std::string kHead = "HTTP/1.1 200 OK\r\n\r\n";
+
+/// Accepts one connection, reads a request and lets `answer` do the rest.
+class Server {
+  public:
+    explicit Server(std::function<void(int connection)> answer) : answer_(std::move(answer)) {
+        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address_), size_), 0);
+        EXPECT_EQ(::listen(listener_, 1), 0);
+        EXPECT_EQ(::getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &size_), 0);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~Server() {
+        thread_.join();
+        ::close(listener_);
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    std::uint16_t port() const { return ntohs(address_.sin_port); }
+
+    static void send(int connection, const std::string& text) {
+        EXPECT_EQ(::send(connection, text.data(), text.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(text.size()))
+            << std::strerror(errno);
+    }
+    /// Whether the peer ends the connection without a reset.
+    static bool isEndedInOrder(int connection) {
+        char byte{};
+        return ::recv(connection, &byte, 1, 0) == 0;
+    }
+
+  private:
+    void serve() {
+        const int connection = ::accept(listener_, nullptr, nullptr);
+        std::string request;
+        char byte{};
+        while (request.find("\r\n\r\n") == std::string::npos &&
+               ::recv(connection, &byte, 1, 0) == 1) {
+            request += byte;
+        }
+        answer_(connection);
+        ::close(connection);
+    }
+
+    const std::function<void(int)> answer_;
+    sockaddr_in address_{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size_ = sizeof address_;
+    const int listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::thread thread_;
+};
 
 class AnAttempt : public ::testing::Test {
   protected:
@@ -96,6 +154,33 @@ TEST_F(AnAttempt, EndsAtAnInterimAnswerWithoutAnEnd) {
     server.nextRequest(
         orvx::testing::Script().send("HTTP/1.1 100 Continue\r\nA: " + std::string(1'000'000, 'x')));
     EXPECT_EQ(run("5", "3600", {server.port()}, "/"), 2);
+}
+
+TEST_F(AnAttempt, ReadsTheAnswerToItsEndBeforeItCloses) {
+    const Server server([](int connection) {
+        Server::send(connection, kHead + std::string(64 * 1024, 'x'));
+        ::shutdown(connection, SHUT_WR);
+        EXPECT_TRUE(Server::isEndedInOrder(connection)) << std::strerror(errno);
+    });
+    EXPECT_EQ(run("5", "3600", {server.port()}, "/"), 0);
+}
+
+TEST_F(AnAttempt, ClosesWhenAnAnswerDoesNotEnd) {
+    const Server server([](int connection) {
+        Server::send(connection, kHead + "text");
+        EXPECT_TRUE(Server::isEndedInOrder(connection)) << std::strerror(errno);
+    });
+    EXPECT_EQ(run("5", "3600", {server.port()}, "/"), 0);
+}
+
+TEST_F(AnAttempt, ClosesWhenAnAnswerIsEndless) {
+    const Server server([](int connection) {
+        Server::send(connection, kHead);
+        const std::string text(16 * 1024, 'x');
+        while (::send(connection, text.data(), text.size(), MSG_NOSIGNAL) > 0) {
+        }
+    });
+    EXPECT_EQ(run("5", "3600", {server.port()}, "/"), 0);
 }
 
 }  // namespace

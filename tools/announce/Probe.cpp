@@ -4,6 +4,7 @@
 #include "Probe.h"
 
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -115,14 +116,48 @@ bool answersWithSuccess(int connection, const std::string& host, const std::stri
     return false;
 }
 
+/// Reads what follows, but nothing that is too much, too late or without an end.
+void readRest(int connection) {
+    constexpr std::size_t kMost = 1024 * 1024;
+    constexpr int kLongestPause = 200;  // in milliseconds
+    const auto end = Clock::now() + std::chrono::seconds(1);
+    std::array<char, 16 * 1024> bytes{};
+    pollfd polled{connection, POLLIN, 0};
+    std::size_t sum = 0;
+    while (sum < kMost && Clock::now() < end && ::poll(&polled, 1, kLongestPause) == 1) {
+        const auto size = ::recv(connection, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (size <= 0) {
+            return;
+        }
+        sum += static_cast<std::size_t>(size);
+    }
+}
+
+/// A close before the end of the answer would reset the connection, which servers report as an
+/// error. The result does not wait for that end: another process does. fork() is safe, because this
+/// process has one thread.
+void closeAfterAnswer(int connection) {
+    if (::fork() == 0) {
+        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            ::close(stream);  // nobody waits for the end of this process
+        }
+        readRest(connection);
+        ::_exit(0);
+    }
+    ::close(connection);
+}
+
 ProbeResult probe(const std::string& host, const std::string& port, const std::string& path) {
     const int connection = connectTo(host, port);
     if (connection < 0) {
         return kNoConnection;
     }
-    const bool isGood =
-        path.empty() || answersWithSuccess(connection, inBrackets(host) + ":" + port, path);
-    ::close(connection);
+    if (path.empty()) {
+        ::close(connection);
+        return kSuccess;
+    }
+    const bool isGood = answersWithSuccess(connection, inBrackets(host) + ":" + port, path);
+    closeAfterAnswer(connection);
     return isGood ? kSuccess : kNoGoodAnswer;
 }
 
