@@ -203,6 +203,12 @@ void Announcer::withdraw() {
     });
 }
 
+void Announcer::withdrawAndWait() {
+    if (context_) {
+        context_->getServiceRegistryClient()->unregisterAllServicesFromRegistry();
+    }
+}
+
 void Announcer::giveUp() {
     forEach(&Announcement::giveUp);
 }

@@ -35,6 +35,9 @@ class Announcer {
     nlohmann::json update(const std::vector<nlohmann::json>& descriptions);
     /// Withdraws all services. None is announced afterwards.
     void withdraw();
+    /// Withdraws all services, without the loop. Returns when the registry has answered, or when
+    /// the time for it is over.
+    void withdrawAndWait();
     /// Stops waiting for withdrawals: a service that is not withdrawn enters Left.
     void giveUp();
 

@@ -6,6 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <ctime>
+
 #include "ExitCodes.h"
 
 namespace orvx::announce {
@@ -22,6 +25,26 @@ void Command::signal(int number) const {
     if (pid_ > 0) {
         ::kill(pid_, number);  // not waited for yet, so the pid is not reused
     }
+}
+
+void Command::end(std::chrono::milliseconds grace) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + grace;
+    sigset_t ended;
+    sigemptyset(&ended);
+    sigaddset(&ended, SIGCHLD);
+    signal(SIGTERM);
+    while (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            signal(SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+            break;
+        }
+        const timespec time{left.count() / 1000, left.count() % 1000 * 1'000'000};
+        ::sigtimedwait(&ended, nullptr, &time);
+    }
+    pid_ = 0;
 }
 
 bool Command::sharesProcessGroup() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,6 +19,9 @@ class Command {
     void start(const std::vector<std::string>& arguments, std::function<void()> onExit);
     /// Does nothing when the command does not run.
     void signal(int number) const;
+    /// Ends it with SIGTERM, or with SIGKILL after `grace`, and waits for its end, without the
+    /// loop. SIGCHLD must be blocked.
+    void end(std::chrono::milliseconds grace);
 
     bool isRunning() const { return pid_ > 0; }
     /// Whether it gets the signals that the terminal sends to this process. False when the command

@@ -7,6 +7,7 @@
 #include <csignal>
 
 #include <cstddef>
+#include <exception>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -23,13 +24,16 @@ using Severity = Report::Severity;
 namespace {
 
 constexpr auto kTick = 1s;
+/// Address space only: none of it is written.
+constexpr std::size_t kReservedBytes = 4 * 1024 * 1024;
 /// The time between two saves of the status is this many times the duration of a save.
 constexpr int kStatusIntervalFactor = 20;
 
 }  // namespace
 
 Supervisor::Supervisor(const Options& options)
-    : options_(options),
+    : reserve_(new char[kReservedBytes]),
+      options_(options),
       token_(options.registry.tokenFile),
       report_(options.command.empty() ? STDOUT_FILENO : STDERR_FILENO, options.json),
       statusFile_(options.statusFile),
@@ -43,10 +47,28 @@ Supervisor::Supervisor(const Options& options)
 
 int Supervisor::run() {
     loop_.post([this] { startCommand(); });
-    loop_.run();
+    try {
+        loop_.run();
+    } catch (...) {
+        abandon();
+        throw;
+    }
     saveStatus();
     report_.writePending();
     return exitCode_;
+}
+
+/// The end after a failure, such as a lack of memory. It needs no loop, and the
+/// reserve suffices for hundreds of services.
+void Supervisor::abandon() {
+    reserve_.reset();
+    readyCheck_.stop();
+    try {
+        announcer_.withdrawAndWait();
+    } catch (const std::exception&) {
+        // Entries may be left, as after a withdrawal that takes too long.
+    }
+    command_.end(options_.stopTimeout);
 }
 
 void Supervisor::startCommand() {

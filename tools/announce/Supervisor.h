@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "Announcer.h"
@@ -29,6 +30,7 @@ class Supervisor {
   private:
     enum class Phase { Starting, Serving, Withdrawing, Stopping };
 
+    void abandon();
     void startCommand();
     void onReady();
     void onNotReady();
@@ -55,6 +57,8 @@ class Supervisor {
     std::string summary();
     nlohmann::json status();
 
+    /// Freed for the end of a program whose memory has run out.
+    std::unique_ptr<char[]> reserve_;
     const Options& options_;
     TokenFile token_;
     Report report_;
