@@ -126,7 +126,7 @@ void KindTest::remove(const Script& answer, const std::string& outcome) {
     const Handle handle = registered("lamp");
     server.nextRequest(answer);
     EXPECT_EQ(outcomeOfWithdrawal(handle), outcome);
-    EXPECT_EQ(server.counters().requests, 2U);
+    EXPECT_EQ(requestLines(), (Recorder::Lines{"PUT /lamp", "DELETE /lamp"}));
     EXPECT_EQ(outcomeOfWithdrawal(handle), outcome == kWithdrawn ? "OK/NONE" : kWithdrawn);
     expectNotifications({"lamp is there", "lamp is gone"});
     expectItWorks();
