@@ -88,14 +88,14 @@ struct OrvServiceRegistryContext::Data {
         }
     }
 
-    /// Called by the destructor, which releases the factories before the client. Getters may be
-    /// running.
+    /// Called by the destructor: first the client factory is released, then the logger factory, and
+    /// the client after both. Getters may be running.
     void releaseFactories() {
-        std::shared_ptr<ILoggerFactory> second;
-        std::shared_ptr<IOrvServiceRegistryClientFactory> first;
+        std::shared_ptr<ILoggerFactory> loggers;
+        std::shared_ptr<IOrvServiceRegistryClientFactory> clients;
         const utility::MutexLock lock(mutex);
-        first.swap(clientFactory);
-        second.swap(loggerFactory);
+        clients.swap(clientFactory);
+        loggers.swap(loggerFactory);
     }
 
     bool retryEnabled = true;

@@ -99,16 +99,6 @@ class ALongLine : public TheStatusFile {
     const std::string name = std::string(6000, 'x');
 };
 
-/// Whether the process has not taken a signal yet that was sent to it.
-bool hasPendingSignal(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string word;
-    while (status >> word && word != "ShdPnd:") {
-    }
-    status >> word;
-    return word.find_first_not_of('0') != std::string::npos;
-}
-
 /// Limits the size of the process's files, like a full disk.
 void limitFileSize(pid_t pid, rlim_t bytes) {
     const rlimit limit{bytes, bytes};

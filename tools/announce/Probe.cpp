@@ -36,13 +36,8 @@ using Clock = std::chrono::steady_clock;
 
 enum ProbeResult { kSuccess = 0, kNoConnection = 1, kNoGoodAnswer = 2 };
 
-std::string withoutBrackets(const std::string& host) {
-    return host.front() == '[' ? host.substr(1, host.size() - 2) : host;
-}
-
 std::string inBrackets(const std::string& host) {
-    const bool isBare = host.front() != '[' && host.find(':') != std::string::npos;
-    return isBare ? "[" + host + "]" : host;
+    return host.find(':') == std::string::npos ? host : "[" + host + "]";
 }
 
 /// The kernel may choose the target port, if no process listens there, as the local port: then the
@@ -62,7 +57,7 @@ int connectTo(const std::string& host, const std::string& port) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* list = nullptr;
-    if (::getaddrinfo(withoutBrackets(host).c_str(), port.c_str(), &hints, &list) != 0) {
+    if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &list) != 0) {
         return -1;
     }
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, ::freeaddrinfo);

@@ -303,8 +303,7 @@ TEST(AConsoleWithoutADescriptor, WritesAllTheSame) {
     }
 }
 
-// Before, flush() waited for a thread that was not there, and the lines of a process that ended
-// without the destructor were lost.
+// A process that ends without the destructor would lose the lines otherwise.
 TEST(AConsoleWithoutADescriptorAndAThread, WritesItsLinesWhenItIsFlushed) {
     for (const auto make : {&makePipe, &makeTerminal}) {
         TimedConsoleLoggerFactory factory(Level::Info);
